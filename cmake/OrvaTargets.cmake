@@ -1,0 +1,37 @@
+# What every target of this project shares. Nothing here is global: a target asks for it by name.
+
+# Compiler settings of our own code: the language level, warnings, sanitizers, file names without the machine's path.
+function(orva_compile_settings target)
+    target_compile_features(${target} PUBLIC cxx_std_20)
+    set_target_properties(${target} PROPERTIES
+        CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON POSITION_INDEPENDENT_CODE ON)
+    if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+        target_compile_options(${target} PRIVATE
+            -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wold-style-cast -Wnon-virtual-dtor
+            $<$<BOOL:${ORVA_WERROR}>:-Werror>
+            -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+        if(ORVA_SANITIZE)
+            target_compile_options(${target} PRIVATE
+                -fsanitize=${ORVA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+            target_link_options(${target} PUBLIC -fsanitize=${ORVA_SANITIZE})
+        endif()
+    endif()
+endfunction()
+
+# Public headers are reached as <orva/NAME.h> in the build tree and in an installed package alike. The build tree gets
+# links, so that messages and debuggers show the sources; where links are not to be had, copies.
+function(orva_public_headers)
+    foreach(header IN LISTS ARGN)
+        get_filename_component(name ${header} NAME)
+        file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/orva)
+        file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${PROJECT_BINARY_DIR}/include/orva/${name}
+            COPY_ON_ERROR SYMBOLIC)
+        install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orva COMPONENT development)
+    endforeach()
+endfunction()
+
+# The include directories of a target whose headers are public.
+function(orva_public_includes target scope)
+    target_include_directories(${target} ${scope}
+        $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+endfunction()

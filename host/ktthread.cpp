@@ -1,0 +1,240 @@
+#include <orva/ktthread.h>
+#include <orva/platform.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdint>
+#include <iterator>
+#include <list>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// Threads started while one of these lives take no signals, but for those that a thread's own fault raises: blocked,
+// they would end the process past the handler that tells of it.
+class NoSignals {
+public:
+    NoSignals() {
+        sigset_t all;
+        sigfillset(&all);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT}) sigdelset(&all, fault);
+        pthread_sigmask(SIG_SETMASK, &all, &fBefore);
+    }
+    NoSignals(const NoSignals&) = delete;
+    NoSignals& operator=(const NoSignals&) = delete;
+    ~NoSignals() { pthread_sigmask(SIG_SETMASK, &fBefore, nullptr); }
+
+private:
+    sigset_t fBefore{};
+};
+
+}  // namespace
+
+void ktMutex::lock(LockType /*type*/, const char* /*file*/, unsigned long /*line*/) {
+    fMutex.lock();
+}
+void ktMutex::unlock(const char* /*file*/, unsigned long /*line*/) {
+    fMutex.unlock();
+}
+
+ktGuard::ktGuard(ktMutex& mutex, ktMutex::LockType type) : fMutex(mutex) {
+    fMutex.lock(type, nullptr, 0);
+}
+ktGuard::~ktGuard() {
+    fMutex.unlock(nullptr, 0);
+}
+
+struct ktSemaphore::State {
+    const std::int64_t process = platform::processId();
+    std::mutex lock;  // guards count
+    std::condition_variable posted;
+    std::uint64_t count;
+
+    explicit State(unsigned int first) : count(first) {}
+
+    bool isInherited() const { return process != platform::processId(); }
+
+    bool takeIf(bool available) {
+        if (available) --count;
+        return available;
+    }
+
+    // Destroying a condition variable waits for its waiters, and a child has none that could ever leave.
+    static void release(State* state) {
+        if (!state->isInherited()) delete state;
+    }
+};
+
+ktSemaphore::ktSemaphore(unsigned int count) : fState(new State(count), &State::release) {}
+ktSemaphore::~ktSemaphore() = default;
+
+bool ktSemaphore::postSemaphore() {
+    if (fState->isInherited()) return false;
+    // Notified under the lock: a waiter that gets through may be the one that ends the semaphore.
+    const std::lock_guard guard(fState->lock);
+    ++fState->count;
+    fState->posted.notify_one();
+    return true;
+}
+
+bool ktSemaphore::waitSemaphore(int milliseconds) {
+    if (fState->isInherited()) return false;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(milliseconds, 0));
+    std::unique_lock guard(fState->lock);
+    return fState->takeIf(fState->posted.wait_until(guard, end, [this] { return fState->count > 0; }));
+}
+
+bool ktSemaphore::waitSemaphore() {
+    if (fState->isInherited()) return false;
+    std::unique_lock guard(fState->lock);
+    fState->posted.wait(guard, [this] { return fState->count > 0; });
+    return fState->takeIf(true);
+}
+
+bool ktSemaphore::tryWaitSemaphore() {
+    if (fState->isInherited()) return false;
+    const std::lock_guard guard(fState->lock);
+    return fState->takeIf(fState->count > 0);
+}
+
+bool ktSemaphore::sleepSemaphore(ktMutex& mutex) {
+    mutex.unlock(nullptr, 0);
+    const bool taken = waitSemaphore();
+    mutex.lock(ktMutex::Recursive, nullptr, 0);
+    return taken;
+}
+
+msgBaseData::~msgBaseData() = default;
+void* msgBaseData::getMsgData() {
+    return fMsgData;
+}
+void msgBaseData::setMsgData(void* data) {
+    fMsgData = data;
+}
+
+CallBackObject::CallBackObject(void* callbackData) : fCallbackData(callbackData) {}
+CallBackObject::~CallBackObject() = default;
+void CallBackObject::setCallbackData(void* data) {
+    fCallbackData = data;
+}
+void* CallBackObject::getCallbackData() {
+    return fCallbackData;
+}
+
+struct ktThreadPoolBase::Data {
+    struct Job {
+        std::unique_ptr<CallBackObject> callback;
+        void* data;
+    };
+
+    const std::int64_t process = platform::processId();
+    const std::size_t size;
+    std::vector<std::thread> threads;  // owner's thread only
+    std::condition_variable changed;
+
+    std::mutex lock;  // guards what follows
+    std::list<Job> jobs;
+    std::size_t running = 0;
+    bool isEnding = false;
+
+    explicit Data(int count) : size(static_cast<std::size_t>(std::max(count, 1))) {}
+
+    bool isInherited() const { return process != platform::processId(); }
+
+    // A failure of a callback is its own affair; it must not end the process.
+    static void run(Job job) {
+        try {
+            job.callback->onCallBack(job.data);
+        } catch (...) {
+            return;
+        }
+    }
+
+    void threadLoop() {
+        std::unique_lock guard(lock);
+        for (;;) {
+            changed.wait(guard, [this] { return isEnding || !jobs.empty(); });
+            if (jobs.empty()) return;
+            Job job = std::move(jobs.front());
+            jobs.pop_front();
+            ++running;
+            guard.unlock();
+            run(std::move(job));
+            guard.lock();
+            --running;
+        }
+    }
+
+    // Two callbacks may wait for each other. So one that found a thread free when it was handed over still gets it,
+    // even if the pool is stopped before that thread has woken up. The rest is given back, to be deleted unlocked.
+    std::list<Job> endKeeping(std::size_t kept) {
+        isEnding = true;
+        std::list<Job> dropped;
+        dropped.splice(dropped.end(), jobs, std::next(jobs.begin(), static_cast<long>(std::min(kept, jobs.size()))),
+                       jobs.end());
+        changed.notify_all();
+        return dropped;
+    }
+
+    void join() {
+        for (std::thread& thread : threads) thread.join();
+        threads.clear();
+    }
+};
+
+ktThreadPoolBase::ktThreadPoolBase(int threads) : fData(std::make_unique<Data>(threads)) {}
+
+ktThreadPoolBase::~ktThreadPoolBase() {
+    stopAll();
+    // Left behind: its threads cannot be joined here, and its condition variable would wait for them.
+    if (fData->isInherited()) static_cast<void>(fData.release());
+}
+
+void ktThreadPoolBase::init() {
+    fData->threads.reserve(fData->size);
+}
+
+void ktThreadPoolBase::startAll() {
+    if (fData->isInherited() || !fData->threads.empty()) return;
+    const NoSignals noSignals;
+    std::unique_lock guard(fData->lock);  // no thread takes a job before all of them run
+    try {
+        while (fData->threads.size() < fData->size) fData->threads.emplace_back(&Data::threadLoop, fData.get());
+    } catch (...) {
+        const auto dropped = fData->endKeeping(0);
+        guard.unlock();
+        fData->join();
+        throw;
+    }
+}
+
+void ktThreadPoolBase::stopAll() {
+    if (fData->isInherited()) return;
+    std::list<Data::Job> dropped;
+    {
+        const std::lock_guard guard(fData->lock);
+        dropped = fData->endKeeping(fData->threads.size() - fData->running);
+    }
+    fData->join();
+}
+
+bool ktThreadPoolBase::enqueue(CallBackObject* callback, void* data) {
+    Data::Job job{std::unique_ptr<CallBackObject>(callback), data};
+    if (fData->isInherited()) return false;
+    const std::lock_guard guard(fData->lock);
+    if (fData->isEnding) return false;
+    fData->jobs.push_back(std::move(job));
+    fData->changed.notify_one();
+    return true;
+}
+
+ktThreadPool::ktThreadPool(int count, int /*reserved*/) : ktThreadPoolBase(count) {}
+ktThreadPool::~ktThreadPool() = default;
+
+bool ktThreadPool::runCallBack(CallBackObject* callback, void* data, int /*reserved*/) {
+    return enqueue(callback, data);
+}

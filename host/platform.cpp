@@ -1,0 +1,352 @@
+#include <orva/platform.h>
+#include <orva/platformFaults.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+static_assert(sizeof(off_t) == 8, "files past 2 GiB need 64-bit offsets");
+
+namespace platform {
+namespace {
+
+using faults::Call;
+using faults::Step;
+
+// What one transfer may take on any system served here; Linux cuts a longer one to this by itself.
+constexpr unsigned int kPiece = 0x7ffff000;
+
+#ifdef ORVA_FAULT_SEAM
+std::atomic<faults::Hook*> gHook{nullptr};
+
+bool isTransfer(Call call) {
+    return call == Call::Read || call == Call::Write;
+}
+
+template <class Raw>
+std::int64_t hooked(faults::Hook& hook, Step step, Raw raw) {
+    const int errnoBefore = errno;
+    const faults::Verdict verdict = hook.before(step.call, step.descriptor, step.size);
+    if (verdict.error == 0 || step.call == Call::Close) step.result = raw(std::min(step.size, verdict.limit));
+    if (step.result < 0) step.error = errno;
+    if (verdict.error != 0) {
+        step.result = -1;
+        step.error = verdict.error;
+    }
+    // Where the descriptor stands afterwards tells the place, for an appending one too.
+    if (isTransfer(step.call) && step.result > 0) step.offset = ::lseek(step.descriptor, 0, SEEK_CUR) - step.result;
+    hook.after(step);
+    errno = step.result < 0 ? step.error : errnoBefore;
+    return step.result;
+}
+#endif
+
+// The seam: every raw call below goes through here. `raw` gets the number of bytes it may transfer.
+template <class Raw>
+std::int64_t rawCall(const Step& step, Raw raw) {
+#ifdef ORVA_FAULT_SEAM
+    if (faults::Hook* hook = gHook.load(std::memory_order_acquire)) return hooked(*hook, step, raw);
+#endif
+    return raw(step.size);
+}
+
+template <class Raw>
+int rawStatus(const Step& step, Raw raw) {
+    return static_cast<int>(rawCall(step, [&](std::uint64_t) -> std::int64_t { return raw(); }));
+}
+
+int rawOpen(const char* name, int flags, mode_t mode) {
+    const Step step{.call = Call::Open, .name = name, .flags = flags};
+    return rawStatus(step, [&] { return ::open(name, flags, mode); });
+}
+
+std::int64_t rawRead(int descriptor, char* buffer, std::uint64_t size) {
+    const Step step{.call = Call::Read, .descriptor = descriptor, .size = size, .data = buffer};
+    return rawCall(step, [&](std::uint64_t most) { return ::read(descriptor, buffer, most); });
+}
+
+std::int64_t rawWrite(int descriptor, const char* buffer, std::uint64_t size) {
+    const Step step{.call = Call::Write, .descriptor = descriptor, .size = size, .data = buffer};
+    return rawCall(step, [&](std::uint64_t most) { return ::write(descriptor, buffer, most); });
+}
+
+int rawDuplicate(int descriptor) {
+    const Step step{.call = Call::Duplicate, .descriptor = descriptor};
+    return rawStatus(step, [&] { return ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0); });
+}
+
+int rawClose(int descriptor) {
+    return rawStatus(Step{.call = Call::Close, .descriptor = descriptor}, [&] { return ::close(descriptor); });
+}
+
+// A file needs its data and length; a directory everything, since its entries count as what describes it.
+int rawSync(int descriptor, bool isDirectory) {
+    return rawStatus(Step{.call = Call::Sync, .descriptor = descriptor}, [&] {
+#ifdef __APPLE__
+        return isDirectory ? ::fsync(descriptor)
+                           : ::fcntl(descriptor, F_FULLFSYNC);  // fsync stops at the drive's cache
+#else
+        return isDirectory ? ::fsync(descriptor) : ::fdatasync(descriptor);
+#endif
+    });
+}
+
+int rawTruncate(int descriptor, std::int64_t length) {
+    const Step step{.call = Call::Truncate, .descriptor = descriptor, .size = static_cast<std::uint64_t>(length)};
+    return rawStatus(step, [&] { return ::ftruncate(descriptor, length); });
+}
+
+int rawLock(int descriptor) {
+    return rawStatus(Step{.call = Call::Lock, .descriptor = descriptor},
+                     [&] { return ::flock(descriptor, LOCK_EX | LOCK_NB); });
+}
+
+int rawUnlink(const char* name) {
+    return rawStatus(Step{.call = Call::Unlink, .name = name}, [&] { return ::unlink(name); });
+}
+
+template <class Operation>
+auto restarted(Operation operation) {
+    for (;;) {
+        const auto result = operation();
+        if (result >= 0 || errno != EINTR) return result;
+    }
+}
+
+// Moves `count` bytes by `transfer(bytes done, bytes left)` until they are done or it gives 0 or an error.
+template <class Transfer>
+std::int64_t completed(unsigned int count, Transfer transfer) {
+    if (count > INT_MAX) {
+        errno = EINVAL;
+        return -1;
+    }
+    unsigned int done = 0;
+    while (done < count) {
+        const std::int64_t moved = restarted([&] { return transfer(done, std::min(count - done, kPiece)); });
+        if (moved < 0) return -1;
+        if (moved == 0) break;
+        done += static_cast<unsigned int>(moved);
+    }
+    return done;
+}
+
+// Closes on a failing path, where the failure told is the one that came first.
+int closedWith(int descriptor, int error) {
+    rawClose(descriptor);
+    errno = error;
+    return -1;
+}
+
+// The files to delete when closed. A forked child must neither delete its parent's files nor wait for a lock that a
+// thread of the parent held at the fork, so a table belongs to one process, and a child makes its own when it needs
+// one. Tables stay for good: another thread may be looking at one.
+struct DeletionTable {
+    const std::int64_t process = processId();
+    DeletionTable* const inherited;
+    std::atomic<int> count{0};  // equals names.size(); read without the lock
+    std::mutex lock;            // guards names
+    std::unordered_map<int, std::string> names;
+
+    explicit DeletionTable(DeletionTable* former) : inherited(former) {}
+};
+
+std::atomic<DeletionTable*> gDeletions{nullptr};
+
+DeletionTable& ownDeletions() {
+    DeletionTable* table = gDeletions.load(std::memory_order_acquire);
+    while (table == nullptr || table->process != processId()) {
+        auto* fresh = new DeletionTable(table);
+        if (gDeletions.compare_exchange_strong(table, fresh, std::memory_order_acq_rel)) return *fresh;
+        delete fresh;
+    }
+    return *table;
+}
+
+// The full name, since the working directory may be another one when the file closes.
+void deleteWhenClosed(int descriptor, const char* name) {
+    std::error_code unknown;
+    const std::string fullName = std::filesystem::absolute(name, unknown).string();
+    DeletionTable& table = ownDeletions();
+    const std::lock_guard guard(table.lock);
+    table.names[descriptor] = unknown ? name : fullName;
+    table.count.store(static_cast<int>(table.names.size()), std::memory_order_release);
+}
+
+std::string takeDeletion(int descriptor) {
+    DeletionTable* table = gDeletions.load(std::memory_order_acquire);
+    if (table == nullptr || table->count.load(std::memory_order_acquire) == 0 || table->process != processId())
+        return {};
+    const std::lock_guard guard(table->lock);
+    auto found = table->names.extract(descriptor);
+    table->count.store(static_cast<int>(table->names.size()), std::memory_order_release);
+    return found ? std::move(found.mapped()) : std::string();
+}
+
+bool isSameFile(int descriptor, const char* name) {
+    struct stat opened {};
+    struct stat named {};
+    return ::fstat(descriptor, &opened) == 0 && ::stat(name, &named) == 0 && opened.st_dev == named.st_dev &&
+           opened.st_ino == named.st_ino;
+}
+
+// While the descriptor, and with it the lock, is still held: no other writer gets in between. A file that took the
+// name over in the meantime is somebody else's and stays.
+void deleteIfTemporary(int descriptor) {
+    const std::string name = takeDeletion(descriptor);
+    if (!name.empty() && isSameFile(descriptor, name.c_str())) rawUnlink(name.c_str());
+}
+
+// Has the system report what closing would: the number that a failed close leaves behind is not usable, so the close
+// that may fail is that of a duplicate. Without a number to spare, syncing finds the same failures.
+int flushThroughDuplicate(int descriptor) {
+    for (;;) {
+        const int duplicate = rawDuplicate(descriptor);
+        if (duplicate < 0) return errno == EBADF ? -1 : syncData(descriptor);
+        if (rawClose(duplicate) == 0) return 0;
+        if (errno != EINTR) return -1;
+    }
+}
+
+bool hasNoLocks(int error) {
+    return error == ENOLCK || error == EOPNOTSUPP || error == ENOTSUP || error == ENOSYS || error == EINVAL;
+}
+
+int lockForWriting(int descriptor) {
+    if (restarted([&] { return rawLock(descriptor); }) == 0 || hasNoLocks(errno)) return 0;
+    return -1;
+}
+
+int systemFlags(int oflag) {
+    int flags = O_CLOEXEC | O_NOCTTY;
+    flags |= (oflag & _O_RDWR) != 0 ? O_RDWR : (oflag & _O_WRONLY) != 0 ? O_WRONLY : O_RDONLY;
+    if ((oflag & _O_APPEND) != 0) flags |= O_APPEND;
+    if ((oflag & _O_CREAT) != 0) flags |= O_CREAT;
+    return flags;  // never O_TRUNC: the data of another writer would be gone before its lock is met
+}
+
+// What an open descriptor still needs to be what was asked for. 0 or an errno.
+int prepare(int descriptor, const char* name, int oflag, int shflag) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0) return errno;
+    if (S_ISDIR(status.st_mode)) return EISDIR;
+    if (S_ISREG(status.st_mode) && (oflag & (_O_WRONLY | _O_RDWR)) != 0) {
+        if (shflag == _SH_DENYWR && lockForWriting(descriptor) != 0) return errno;
+        if ((oflag & _O_TRUNC) != 0 && truncateFile(descriptor, 0) != 0) return errno;
+    }
+    if ((oflag & _O_TEMPORARY) != 0) deleteWhenClosed(descriptor, name);
+    return 0;
+}
+
+std::string directoryOf(const char* name) {
+    const std::string directory = std::filesystem::path(name).parent_path().string();
+    return directory.empty() ? "." : directory;
+}
+
+// EINVAL and the like come from what has nothing to make durable.
+int syncedUnlessPointless(int descriptor, bool isDirectory) {
+    if (restarted([&] { return rawSync(descriptor, isDirectory); }) == 0) return 0;
+    return errno == EINVAL || errno == EROFS || errno == ENOTSUP ? 0 : -1;
+}
+
+}  // namespace
+
+int openShared(const char* name, int oflag, int shflag, int pmode) noexcept {
+    const int descriptor =
+        restarted([&] { return rawOpen(name, systemFlags(oflag), static_cast<mode_t>(pmode & 0777)); });
+    if (descriptor < 0) return -1;
+    try {
+        const int error = prepare(descriptor, name, oflag, shflag);
+        return error == 0 ? descriptor : closedWith(descriptor, error);
+    } catch (...) {
+        return closedWith(descriptor, ENOMEM);
+    }
+}
+
+std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept {
+    const Step step{.call = Call::Seek, .descriptor = descriptor, .flags = origin, .offset = offset};
+    return rawCall(step, [&](std::uint64_t) { return ::lseek(descriptor, offset, origin); });
+}
+
+int _read(int descriptor, void* buffer, unsigned int count) noexcept {
+    auto* bytes = static_cast<char*>(buffer);
+    return static_cast<int>(completed(
+        count, [&](unsigned int done, unsigned int left) { return rawRead(descriptor, bytes + done, left); }));
+}
+
+int _write(int descriptor, const void* buffer, unsigned int count) noexcept {
+    const auto* bytes = static_cast<const char*>(buffer);
+    const std::int64_t written = completed(
+        count, [&](unsigned int done, unsigned int left) { return rawWrite(descriptor, bytes + done, left); });
+    if (written >= 0 && written < count) {
+        errno = EIO;  // the system took nothing and gave no reason
+        return -1;
+    }
+    return static_cast<int>(written);
+}
+
+int _close(int descriptor) noexcept {
+    if (flushThroughDuplicate(descriptor) != 0) return -1;
+    deleteIfTemporary(descriptor);
+    // The number is free now whatever this gives, and the duplicate has told the failure that there was to tell. To
+    // answer -1 here would have the caller close the number again, which may be another file's by then.
+    rawClose(descriptor);
+    return 0;
+}
+
+int syncData(int descriptor) noexcept {
+    return syncedUnlessPointless(descriptor, false);
+}
+
+int syncDirectoryOf(const char* name) noexcept {
+    try {
+        const std::string directory = directoryOf(name);
+        const int descriptor =
+            restarted([&] { return rawOpen(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0); });
+        if (descriptor < 0) return -1;
+        if (syncedUnlessPointless(descriptor, true) != 0) return closedWith(descriptor, errno);
+        rawClose(descriptor);
+        return 0;
+    } catch (...) {
+        errno = ENOMEM;
+        return -1;
+    }
+}
+
+int renameFile(const char* from, const char* to) noexcept {
+    return rawStatus(Step{.call = Call::Rename, .name = from, .newName = to}, [&] { return std::rename(from, to); });
+}
+
+int removeFile(const char* name) noexcept {
+    return rawUnlink(name);
+}
+
+int truncateFile(int descriptor, std::int64_t length) noexcept {
+    return restarted([&] { return rawTruncate(descriptor, length); });
+}
+
+void setErrno(int error) noexcept {
+    errno = error;
+}
+
+std::int64_t processId() noexcept {
+    return ::getpid();
+}
+
+#ifdef ORVA_FAULT_SEAM
+faults::Hook* faults::install(Hook* hook) noexcept {
+    return gHook.exchange(hook, std::memory_order_acq_rel);
+}
+#endif
+
+}  // namespace platform

@@ -1,0 +1,80 @@
+// platform: the low-level file calls that everything else stands on, with one meaning on every system. No other file
+// of the project makes a system call on a file.
+//
+// A transfer here is whole or failed: interruptions are restarted, short transfers are continued, and a part that an
+// error follows counts as a failure, so that a full disk is never a short count that somebody forgets to look at.
+//
+// Units:   bytes; offsets from the start of the file.
+// Owner:   a descriptor belongs to who opened it, until _close gives 0.
+// Threads: every call, from any thread. Two calls on one descriptor share its position: the caller keeps them apart.
+// Failure: -1 with errno. Nothing throws.
+#pragma once
+
+#include <orva/hostApi.h>
+
+#include <cstdint>
+
+namespace platform {
+
+// The names and values are those that the callers' mode tables are written in.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+inline constexpr int _O_RDONLY = 0x0;
+inline constexpr int _O_WRONLY = 0x1;
+inline constexpr int _O_RDWR = 0x2;
+inline constexpr int _O_APPEND = 0x8;
+inline constexpr int _O_RANDOM = 0x10;
+inline constexpr int _O_TEMPORARY = 0x40;
+inline constexpr int _O_CREAT = 0x100;
+inline constexpr int _O_TRUNC = 0x200;
+inline constexpr int _O_SHORT_LIVED = 0x1000;
+inline constexpr int _O_TEXT = 0x4000;
+inline constexpr int _O_BINARY = 0x8000;
+inline constexpr int _SH_DENYWR = 0x20;
+inline constexpr int _S_IWRITE = 0x80;
+inline constexpr int _S_IREAD = 0x100;
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+
+// Opens `name` and gives its descriptor, which no program started later inherits. A directory is EISDIR.
+//   _O_TEMPORARY  the name goes when the descriptor closes, in the process that opened it and if it is still this file.
+//   _SH_DENYWR    a writer of a regular file holds a lock as long as the descriptor (and what a fork made of it) lives;
+//                 a second writer, in this process or another, gets EWOULDBLOCK and leaves the file as it was. Readers
+//                 take no lock. Where the file system has none, the writer goes on without.
+// Text mode is binary. The hints on access are ignored: the one that fits here best, random, would switch off the
+// read-ahead of the system, which every block-wise reader profits from.
+ORVA_HOST_API int openShared(const char* name, int oflag, int shflag, int pmode) noexcept;
+
+// `origin`: 0 from the start, 1 from where it stands, 2 from the end. The new position.
+ORVA_HOST_API std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept;
+
+// All of `count` bytes, or fewer where the file ends, or -1; then the position of the descriptor is undetermined. A
+// count above 2,147,483,647, which the result could not tell, is EINVAL.
+ORVA_HOST_API int _read(int descriptor, void* buffer, unsigned int count) noexcept;
+
+// All of `count` bytes or -1; then any part of them may stand in the file. Limit of `count`: as for _read.
+ORVA_HOST_API int _write(int descriptor, const void* buffer, unsigned int count) noexcept;
+
+// 0 and the descriptor is gone, or -1 and it is still open, so that a caller may tell of the failure and try again.
+ORVA_HOST_API int _close(int descriptor) noexcept;
+
+// 0 once the data of the file, and its length, would survive a loss of power. A file that cannot be made durable by
+// its nature, such as a pipe, counts as durable. After a failure the data is in doubt for good: a second call proves
+// nothing, for the system reports such a loss once.
+ORVA_HOST_API int syncData(int descriptor) noexcept;
+
+// Makes the creation, renaming or removal of `name` durable by syncing the directory that holds it.
+ORVA_HOST_API int syncDirectoryOf(const char* name) noexcept;
+
+// Replaces `to` in one step if it exists.
+ORVA_HOST_API int renameFile(const char* from, const char* to) noexcept;
+
+ORVA_HOST_API int removeFile(const char* name) noexcept;
+
+// Cuts the file to `length`, or extends it with zeros. The position stays.
+ORVA_HOST_API int truncateFile(int descriptor, std::int64_t length) noexcept;
+
+ORVA_HOST_API void setErrno(int error) noexcept;
+
+// Asks the system each time: a remembered number would be wrong after a fork, which is what callers ask about.
+ORVA_HOST_API std::int64_t processId() noexcept;
+
+}  // namespace platform

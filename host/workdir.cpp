@@ -1,0 +1,124 @@
+#include <orva/workdir.h>
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+
+namespace workdir {
+namespace {
+
+constexpr int kKeySize = 32;
+constexpr int kBlockSize = 16;
+// The results' alignment, and the room before each for its length.
+constexpr std::size_t kAlignment = 64;
+
+enum class KeyState { Unset, Chosen, InUse, Gone };
+
+// Once in use, the key never changes until the process ends, and is read without the lock.
+std::mutex gKeyLock;
+std::atomic<KeyState> gKeyState{KeyState::Unset};
+std::array<unsigned char, kKeySize> gKey;
+
+// Erases the key at the end. A thread that is still at work then meets a failure, not a key of zeros.
+struct KeyEraser {
+    ~KeyEraser() {
+        const std::lock_guard guard(gKeyLock);
+        gKeyState = KeyState::Gone;
+        OPENSSL_cleanse(gKey.data(), gKey.size());
+    }
+};
+const KeyEraser gKeyEraser;
+
+bool takeKeyIntoUse() {
+    if (gKeyState.load(std::memory_order_acquire) == KeyState::InUse) return true;
+    const std::lock_guard guard(gKeyLock);
+    if (gKeyState == KeyState::Gone) return false;
+    if (gKeyState == KeyState::Unset && RAND_bytes(gKey.data(), kKeySize) != 1) return false;
+    gKeyState.store(KeyState::InUse, std::memory_order_release);
+    return true;
+}
+
+unsigned char* newResult(int size) {
+    const auto length = static_cast<std::size_t>(size);
+    void* memory = ::operator new (kAlignment + length, std::align_val_t{kAlignment}, std::nothrow);
+    if (memory == nullptr) return nullptr;
+    std::memcpy(memory, &length, sizeof length);
+    return static_cast<unsigned char*>(memory) + kAlignment;
+}
+
+struct ResultDeleter {
+    void operator()(unsigned char* data) const { FreeOutData(data); }
+};
+
+struct ContextDeleter {
+    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
+};
+
+// A context per call: it costs next to nothing beside a run of blocks, and threads share nothing but the key.
+bool runCipher(bool encrypting, unsigned char* out, const unsigned char* in, int length) {
+    const std::unique_ptr<EVP_CIPHER_CTX, ContextDeleter> context(EVP_CIPHER_CTX_new());
+    int done = 0;
+    return context != nullptr &&
+           EVP_CipherInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, gKey.data(), nullptr, encrypting ? 1 : 0) ==
+               1 &&
+           EVP_CIPHER_CTX_set_padding(context.get(), 0) == 1 &&
+           EVP_CipherUpdate(context.get(), out, &done, in, length) == 1 && done == length;
+}
+
+int transform(bool encrypting, unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) {
+    if (outData == nullptr || outLen == nullptr) return 0;
+    *outData = nullptr;
+    *outLen = 0;
+    if (inData == nullptr || inLen <= 0 || inLen % kBlockSize != 0 || !takeKeyIntoUse()) return 0;
+    std::unique_ptr<unsigned char, ResultDeleter> result(newResult(inLen));
+    if (result == nullptr || !runCipher(encrypting, result.get(), inData, inLen)) return 0;
+    *outData = result.release();
+    *outLen = inLen;
+    return 1;
+}
+
+}  // namespace
+
+int Encrypt(unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) noexcept {
+    return transform(true, outData, outLen, inData, inLen);
+}
+
+int EndEncrypt(unsigned char** outData, int* outLen) noexcept {
+    if (outData == nullptr || outLen == nullptr) return 0;
+    *outData = nullptr;
+    *outLen = 0;
+    return 1;
+}
+
+int Decrypt(unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) noexcept {
+    return transform(false, outData, outLen, inData, inLen);
+}
+
+int FreeOutData(unsigned char* data) noexcept {
+    if (data == nullptr) return 1;
+    unsigned char* memory = data - kAlignment;
+    std::size_t length = 0;
+    std::memcpy(&length, memory, sizeof length);
+    OPENSSL_cleanse(memory, kAlignment + length);
+    ::operator delete (memory, std::align_val_t{kAlignment});
+    return 1;
+}
+
+int setKey(const unsigned char* key, int length) noexcept {
+    if (key == nullptr || length != kKeySize) return 0;
+    const std::lock_guard guard(gKeyLock);
+    if (gKeyState == KeyState::InUse || gKeyState == KeyState::Gone) return 0;
+    std::memcpy(gKey.data(), key, gKey.size());
+    gKeyState = KeyState::Chosen;
+    return 1;
+}
+
+}  // namespace workdir
