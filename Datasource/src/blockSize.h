@@ -1,0 +1,11 @@
+// The one block size of the library: stream buffers, worker buffers and compressed blocks all have it.
+#pragma once
+
+#include <cstdint>
+
+// 4 MiB less 4,096: 8,184 sectors of 512 bytes. A constant of the file format, docs/format.md.
+inline constexpr std::uint32_t kBlockSize = 4'190'208;
+
+// Reads from the page cache into memory that begins on a multiple of this run at full speed; into malloc's 16-byte
+// aligned blocks they were measured at half of it.
+inline constexpr std::uint32_t kBufferAlignment = 64;

@@ -1,0 +1,150 @@
+#include "blockTransfer.h"
+
+#include "assertion.h"
+#include "fileCodes.h"
+
+#include <orva/blockSize.h>
+#include <orva/errors.h>
+#include <orva/errtext.h>
+#include <orva/platform.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <string>
+
+namespace orva {
+
+namespace {
+
+// The file takes less than 2 GiB at a time, and an index can be twice as long.
+constexpr std::uint32_t kLongestTransfer = 1U << 30;
+
+std::uint32_t deflateInto(const writeRoad& road, const unsigned char* block, std::uint32_t size) {
+    const blockOutcome outcome = road.codec.deflateWhole(block, size, road.scratch, deflateRoom());
+    if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
+    ORVA_ASSERT(outcome.end == blockOutcome::complete, "ret != 0");
+    return outcome.produced;
+}
+
+void addRecord(filePosInfo& index, std::int64_t pos, std::int64_t place, std::uint32_t size, std::uint32_t deflated) {
+    index.addRecord(pos, place, static_cast<std::int32_t>(size), static_cast<std::int32_t>(deflated));
+}
+
+// Both halves fit: deflate adds some thousands of bytes at most, and a half leaves room for two millions.
+std::int64_t writeHalves(const writeRoad& road, const unsigned char* block, std::uint32_t size, std::int64_t pos,
+                         std::int64_t place) {
+    const std::uint32_t half = size / 2;
+    const std::uint32_t first = deflateInto(road, block, half);
+    writeAll(road.file, road.scratch, first, place);
+    const std::uint32_t second = deflateInto(road, block + half, size - half);
+    writeAll(road.file, road.scratch, second, place + first);
+    addRecord(road.index, pos, place, half, first);
+    addRecord(road.index, pos + half, place + first, size - half, second);
+    return place + first + second;
+}
+
+[[noreturn]] void refuse(const readRoad& road, const blockPlace& block, const char* check, const std::string& what) {
+    const filePosRecord& r = block.record;
+    throw DamagedFileError(road.file.GetNameStr().GetGeneric(), check,
+                           "block " + std::to_string(block.number) + " (logical positions " +
+                               std::to_string(r.orginalPos) + " to " + std::to_string(r.orginalPos + r.orginalSize) +
+                               ", file offset " + std::to_string(r.translatePos) + ") " + what);
+}
+
+void checkRecord(const readRoad& road, const blockPlace& block) {
+    const filePosRecord& r = block.record;
+    const auto sized = [](std::int32_t size) { return size >= 1 && size <= static_cast<std::int32_t>(kBlockSize); };
+    if (!sized(r.orginalSize)) refuse(road, block, "orginalSize in 1..4190208", "has a record with an impossible size");
+    if (!sized(r.translateSize)) {
+        refuse(road, block, "translateSize in 1..4190208",
+               "has a record with the compressed size " + std::to_string(r.translateSize));
+    }
+    if (r.translatePos < 0 || r.translatePos > block.fileEnd - r.translateSize) {
+        refuse(road, block, "translatePos inside the file", "lies outside the file");
+    }
+    if (block.nextStart && *block.nextStart != r.orginalPos + r.orginalSize) {
+        refuse(road, block, "orginalPos + orginalSize == next orginalPos",
+               "does not end where the next one begins, at " + std::to_string(*block.nextStart));
+    }
+}
+
+}  // namespace
+
+std::uint32_t deflateRoom() {
+    static const std::uint32_t room = zlibCompressBlock::compressRoom(kBlockSize);
+    return room;
+}
+
+std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::uint32_t size, std::int64_t pos,
+                        std::int64_t place) {
+    const std::uint32_t deflated = deflateInto(road, block, size);
+    if (deflated > kBlockSize) return writeHalves(road, block, size, pos, place);
+    writeAll(road.file, road.scratch, deflated, place);
+    addRecord(road.index, pos, place, size, deflated);
+    return place + deflated;
+}
+
+void writeAll(ORVA_File& file, const void* bytes, std::uint32_t size, std::int64_t place) {
+    const auto* from = static_cast<const unsigned char*>(bytes);
+    do {
+        const std::uint32_t piece = std::min(size, kLongestTransfer);
+        if (file.Write(from, piece, place) != piece) {
+            platform::setErrno(EBADF);
+            ThrowError::StringSys("datasrc.err", kWriteFailed, file.GetNameStr().GetGeneric().c_str());
+        }
+        from += piece;
+        size -= piece;
+        place += piece;
+    } while (size != 0);
+}
+
+bool readAll(ORVA_File& file, void* bytes, std::uint32_t size, std::int64_t place) {
+    auto* to = static_cast<unsigned char*>(bytes);
+    while (size != 0) {
+        const std::uint32_t piece = std::min(size, kLongestTransfer);
+        if (file.Read(to, piece, place) != piece) return false;
+        to += piece;
+        size -= piece;
+        place += piece;
+    }
+    return true;
+}
+
+blockPlace placeOf(const filePosInfo& index, const filePosRecord& record) {
+    const std::uint32_t number = index.numberOf(record.orginalPos);
+    std::optional<std::int64_t> nextStart;
+    if (number + 1 < index.parsedCount()) nextStart = index.parsed(number + 1).orginalPos;
+    return {record, number, nextStart, index.placeLimit()};
+}
+
+void readCompressed(const readRoad& road, const blockPlace& block) {
+    checkRecord(road, block);
+    const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
+    if (road.file.Read(road.compressed, deflated, block.record.translatePos) != deflated) {
+        refuse(road, block, "ret == bInfo.translateSize", "is cut short by the end of the file");
+    }
+}
+
+std::uint32_t inflateBlock(const readRoad& road, const blockPlace& block, unsigned char* dest) {
+    const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
+    const auto size = static_cast<std::uint32_t>(block.record.orginalSize);
+    const blockOutcome outcome = road.codec.inflateWhole(road.compressed, deflated, dest, size);
+    if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
+    if (outcome.produced == 0) refuse(road, block, "ret!= 0", "does not inflate");
+    if (outcome.produced != size) {
+        refuse(road, block, "0: outCount == bInfo.orginalSize",
+               "inflates to " + std::to_string(outcome.produced) + " bytes only");
+    }
+    if (outcome.end != blockOutcome::complete || outcome.consumed != deflated) {
+        refuse(road, block, "0: Z_STREAM_END at the last byte", "fails its checksum or does not end where it should");
+    }
+    return size;
+}
+
+std::uint32_t readBlock(const readRoad& road, const blockPlace& block, unsigned char* dest) {
+    readCompressed(road, block);
+    return inflateBlock(road, block, dest);
+}
+
+}  // namespace orva

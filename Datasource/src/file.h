@@ -1,0 +1,95 @@
+// ORVA_File: the one object that touches the disk. It owns a descriptor, the position where the next transfer starts
+// without a seek, and the state of the optional cipher. There is no seek operation: every transfer names its offset.
+//
+// Units:   bytes and byte offsets from the start of the file. One transfer stays below 2,147,483,648 bytes.
+// Owner:   streams, through RefCountPtr. Workers hold a plain pointer and end before the file does.
+// Threads: Read, Write, Size, Close and FinishEncryption are single steps under the object's lock and may be called
+//          from several threads. Open, the destructor and the plain questions take no lock: nobody else is there then.
+// Failure: FileError with the code 1003 (reading) or 1002 (writing, closing), Good() false until Clear or Open. A
+//          failed Open is a false result. On a closed object everything answers 0.
+#pragma once
+
+#include <orva/hostdep.h>
+#include <orva/ktthread.h>
+#include <orva/orvaApi.h>
+#include <orva/refCntObject.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+// The cipher works in blocks of this many bytes; an enciphered file is read at offsets and in sizes of its multiples.
+inline constexpr int CIPHER_BLOCK_SIZE = 16;
+
+// Whether files made from now on with ORVA_File(true) go through the process's cipher. False at first; existing
+// objects keep what they have. Takes no lock.
+ORVA_API void SetKeepEncrypt(bool keep);
+
+class ORVA_API ORVA_File : public ORVA_RefCntObject {
+public:
+    ORVA_File();
+    // Enciphered if `encrypted` and SetKeepEncrypt(true) stands at this moment.
+    explicit ORVA_File(bool encrypted);
+    // Files cannot be copied; this exists because RefCountPtr names it. Ends in an assertion.
+    ORVA_File(const ORVA_File&);
+    ORVA_File& operator=(const ORVA_File&) = delete;
+    // Closes. A failure to close is swallowed: Close first to hear of it.
+    ~ORVA_File() override;
+
+    // Opens `name`, after closing what was open (a failure there is thrown). False if it cannot be opened: OpenErrno
+    // tells why. A mode is a set of characters: r, w, a, + as for fopen (without + an r beats w and a; with it w beats
+    // a), t text, T short-lived, D deleted when closed. A writer locks the file: a second one cannot open it.
+    bool Open(const ExtNameStr& name, const char* mode);
+    // 1 when it was open and is closed now, 0 when it was closed already. An enciphered file ends its cipher run; bytes
+    // that FinishEncryption has not written are lost.
+    int Close();
+    // The bytes delivered; fewer than asked only at the end of the file.
+    unsigned int Read(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    // The bytes taken, which is byteSize, or 0 when closed. On an enciphered file the last 1 to 15 may wait in memory.
+    unsigned int Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    // The length of the file; -1 when the system can't tell (a pipe).
+    std::int64_t Size() const;
+
+    bool IsOpen() const { return fDescriptor != -1; }
+    bool Good() const { return fGood; }
+    void Clear() { fGood = true; }
+    std::int64_t Tell() const { return fPosition; }
+    const ExtNameStr& GetNameStr() const { return fName; }
+    bool IsEncrypted() const { return fEncrypted; }
+    // The errno of the last failed Open, for the message of whoever reports it.
+    int OpenErrno() const { return fOpenErrno; }
+    // Pads and enciphers the waiting tail and ends the cipher run; the count of the last write it made. Nothing to do
+    // gives 0.
+    unsigned int FinishEncryption();
+
+private:
+    ORVA_LOCAL unsigned int readPlain(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    ORVA_LOCAL void seekTo(std::int64_t byteOffset, long code);
+    ORVA_LOCAL unsigned int readDescriptor(void* buffer, unsigned int byteSize);
+    ORVA_LOCAL unsigned int writeDescriptor(const void* buffer, unsigned int byteSize);
+    [[noreturn]] ORVA_LOCAL void fail(long code);
+    // The enciphered roads, fileCipher.cpp.
+    ORVA_LOCAL unsigned int readEncrypted(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    ORVA_LOCAL unsigned int WriteEncrypted(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    ORVA_LOCAL unsigned int endCipherRun();
+
+    // Guarded by fMutex while an operation runs.
+    mutable ktMutex fMutex;
+    mutable std::int64_t fPosition = 0;
+    ExtNameStr fName;
+    std::string fMode;
+    int fDescriptor = -1;  // Closed exactly when -1.
+    bool fGood = true;
+    bool fAtEnd = false;
+    const bool fEncrypted;
+    bool fEncryptStarted = false;
+    std::unique_ptr<unsigned char[]> fRemainder;
+    int fRemainderSize = 0;
+    int fPadSize = 0;
+    mutable bool fMustSeek = false;  // A transfer failed: where the descriptor stands is not known.
+
+    int fOpenErrno = 0;
+    std::int64_t fProcess;  // Its maker's. In a forked child the lock may be held by a thread that is not there.
+};
+
+extern template class ORVA_API RefCountPtr<ORVA_File>;

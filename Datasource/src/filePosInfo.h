@@ -1,0 +1,78 @@
+// filePosInfo: the in-memory block index of one compressed stream. Maps a logical position to the record of the block
+// that holds it, collects records while blocks are written, turns them into index bytes and back.
+// Format: docs/format.md, "Index".
+//
+// Units:   logical positions (the first data byte stands at the row-0 position); only translatePos is a file offset.
+// Owner:   the stream. Workers hold a plain pointer and end before it does.
+// Threads: no lock. Writing: one thread at a time. Reading: parse first, then findRecord on any thread.
+// Failure: an assertion on a caller's duty, DamagedFileError on bytes from a file; bad_alloc changes nothing.
+#pragma once
+
+#include <orva/compressedLayout.h>
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+class filePosInfo {
+public:
+    // `fileName` is for messages.
+    explicit filePosInfo(std::uint32_t blockSize, std::string fileName = {});
+
+    // Write side: one record a block, in block order. length_error once the index's length would pass 32 bits.
+    void addRecord(std::int64_t orginalPos, std::int64_t translatePos, std::int32_t orginalSize,
+                   std::int32_t translateSize);
+    std::size_t recordCount() const { return fRecords.size(); }
+    // Where the last added block ends in the file, or `otherwise` without one.
+    std::int64_t writtenEnd(std::int64_t otherwise) const;
+    // The index bytes of what was added, valid until the next call or the index's end.
+    const unsigned char* serialize(std::uint32_t& stLength);
+
+    // Read side. Takes index bytes whose length was held against their record count. Null changes nothing.
+    void parseForRead(const unsigned char* buff, bool swap);
+    // Takes all records but the last over to the write side and gives the last, which the caller decides about; the
+    // first record (orginalPos -100) when there are no blocks. Swaps `buff` in place. Look-up is closed from here on.
+    filePosRecord parseForAppend(unsigned char* buff, bool swap);
+
+    // The record whose block holds `pos`; where none does, orginalPos is -200 and the other fields are unset.
+    // Needs parseForRead. Allocates nothing. Reads O(log distance) records around a guess.
+    filePosRecord findRecord(std::int64_t pos) const;
+    // The parsed records.
+    std::uint32_t parsedCount() const { return fRecordCount; }
+    const filePosRecord& parsed(std::uint32_t number) const { return pInfoBuffer[number]; }
+    std::uint32_t blockSize() const { return fBlockSize; }
+    // The number of the last parsed record that begins at or before `pos`; parsedCount() when none does.
+    std::uint32_t numberOf(std::int64_t pos) const;
+    // Logical position behind the last parsed block, or `otherwise` when there are none.
+    std::int64_t dataEnd(std::int64_t otherwise) const;
+
+    // The length of the file: no block of it can reach further. Unlimited at first.
+    void limitPlaces(std::int64_t fileEnd) { fFileEnd = fileEnd; }
+    std::int64_t placeLimit() const { return fFileEnd; }
+
+    static void swapRecord(filePosRecord* record) { orva::swapRecord(*record); }
+
+private:
+    friend struct filePosInfoAccess;
+
+    filePosRecord takeFirstRecord(const unsigned char* buff, bool swap) const;
+    void checkAscending(const filePosRecord* records, std::uint32_t count) const;
+    // The steps of a look-up, in their order; a negative number where the step does not answer.
+    std::int64_t searchOutward(std::int64_t guess, std::int64_t pos) const;
+    const filePosRecord& answer(std::int64_t number, std::int64_t cursor) const;
+
+    std::string fFileName;
+    // Write side.
+    std::vector<filePosRecord> fRecords;
+    std::unique_ptr<unsigned char[]> pSerialBuffer;
+    // Read side, fixed once parsed.
+    std::unique_ptr<filePosRecord[]> pInfoBuffer;
+    std::uint32_t fRecordCount = 0;
+    std::uint32_t fBlockSize;
+    std::int64_t fFileEnd = std::numeric_limits<std::int64_t>::max();
+    // A guess at the next hit, raced on purpose: read once per look-up, then clamped.
+    mutable std::atomic<std::uint32_t> fCursor{0};
+};

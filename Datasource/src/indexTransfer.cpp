@@ -1,0 +1,83 @@
+#include "indexTransfer.h"
+
+#include "blockTransfer.h"
+
+#include <orva/errors.h>
+
+#include <cstring>
+#include <limits>
+#include <string>
+
+namespace orva {
+
+namespace {
+
+[[noreturn]] void refuse(const ORVA_File& file, const char* check, const std::string& detail) {
+    throw DamagedFileError(file.GetNameStr().GetGeneric(), check, detail);
+}
+
+std::string indexSpan(const compressionHeading& heading) {
+    return "its index of " + std::to_string(heading._size) + " bytes at offset " + std::to_string(heading._indexPos);
+}
+
+void checkPlaces(const ORVA_File& file, const compressionHeading& heading, std::int64_t fileSize) {
+    if (heading._size < kRecordSize || heading._size % kRecordSize != 0) {
+        refuse(file, "_size == 24 x (n + 1)", indexSpan(heading) + " is not a whole number of records");
+    }
+    if (heading._indexPos < heading._caseStartPos + kHeadingSize) {
+        refuse(file, "_indexPos behind the heading", indexSpan(heading) + " stands before the data");
+    }
+    if (heading._size > std::numeric_limits<std::uint32_t>::max() || heading._indexPos > fileSize - heading._size) {
+        refuse(file, "ret == chInfo._size",
+               indexSpan(heading) + " does not fit into the file of " + std::to_string(fileSize) +
+                   " bytes; 'orva recover' may get the rows back");
+    }
+}
+
+}  // namespace
+
+compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap, const char* positionCheck) {
+    const std::string place = "at offset " + std::to_string(row0Pos);
+    if (row0Pos <= 0 || row0Pos > std::numeric_limits<std::int64_t>::max() - kHeadingSize) {
+        refuse(file, positionCheck, "compressed data cannot begin " + place);
+    }
+    compressionHeading heading;
+    if (file.Read(&heading, sizeof heading, row0Pos) != sizeof heading) {
+        refuse(file, "ret == sizeof(compressionHeading)", "it ends before the heading " + place + " is complete");
+    }
+    if (swap) swapHeading(heading);
+    if (heading._caseStartPos != row0Pos) {
+        refuse(file, positionCheck,
+               "there is no heading " + place +
+                   ": the file was not finished, the position is wrong, or the byte order is the other one");
+    }
+    return heading;
+}
+
+std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHeading& heading, bool swap) {
+    checkPlaces(file, heading, file.Size());
+    const auto size = static_cast<std::uint32_t>(heading._size);
+    std::unique_ptr<unsigned char[]> bytes(new unsigned char[size]);
+    if (!readAll(file, bytes.get(), size, heading._indexPos)) {
+        refuse(file, "ret == chInfo._size", indexSpan(heading) + " is cut short");
+    }
+    filePosRecord first;
+    std::memcpy(&first, bytes.get(), sizeof first);
+    if (swap) swapRecord(first);
+    // A record without the mark is the parser's to refuse, in its own words.
+    if (first.orginalPos == kFirstRecordMark &&
+        (first.translateSize + std::int64_t{1}) * kRecordSize != heading._size) {
+        refuse(file, "_size == 24 x (n + 1)",
+               indexSpan(heading) + " claims " + std::to_string(first.translateSize) + " blocks");
+    }
+    return bytes;
+}
+
+void checkFirstBlock(ORVA_File& file, const filePosRecord& record, std::int64_t row0Pos) {
+    if (record.orginalPos == row0Pos) return;
+    refuse(file, "record 0 at the row-0 position",
+           "its first block begins at logical position " + std::to_string(record.orginalPos) + " instead of " +
+               std::to_string(row0Pos));
+}
+
+}  // namespace orva

@@ -1,0 +1,29 @@
+// The heading and the index of a compressed part, from the file and back to it, with every check that bytes of a file
+// can reach. What they mean: docs/format.md.
+//
+// Threads: no state; the file locks itself.
+// Failure: FileError from the file; DamagedFileError, before any allocation that the file's size can't justify.
+#pragma once
+
+#include "filePosInfo.h"
+
+#include <orva/compressedLayout.h>
+#include <orva/file.h>
+
+#include <cstdint>
+#include <memory>
+
+namespace orva {
+
+// Reads the heading at `row0Pos`, in host order afterwards. `positionCheck` is the caller's text of the check that the
+// heading repeats its own position.
+compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap, const char* positionCheck);
+
+// Reads the index bytes that the heading points to, as they stand in the file. Their length is whole records, lies
+// inside the file and agrees with the record count, so a parse may trust that count.
+std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHeading& heading, bool swap);
+
+// Record 0 of a part that begins at `row0Pos` must stand there.
+void checkFirstBlock(ORVA_File& file, const filePosRecord& record, std::int64_t row0Pos);
+
+}  // namespace orva

@@ -1,0 +1,54 @@
+// Looking into files with a compressed part without being their host: find the part, read its index, verify its blocks.
+//
+// Units:   bytes; logical positions begin at the row-0 position.
+// Owner:   a finishedPart owns its file, opened for reading, its index, and two blocks of memory once it verifies.
+// Threads: findPart has no state. A finishedPart is used by one thread at a time; each further thread makes its own.
+// Failure: FileError (1003) from the disk, also when the file cannot be opened; DamagedFileError for bytes that cannot
+//          be true.
+#pragma once
+
+#include <orva/compressedLayout.h>
+#include <orva/orvaApi.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace orva {
+
+struct foundPart {
+    std::int64_t row0Pos;  // where the heading stands
+    bool swapped;          // it has the other byte order
+};
+
+// The first heading in the file: 24 bytes that repeat their own offset and point to an index. Without one, the first
+// that points to where an index could have stood, so that opening it tells what is wrong; else nothing. Reads the file
+// up to there.
+ORVA_API std::optional<foundPart> findPart(const std::string& name);
+
+class ORVA_API finishedPart {
+public:
+    finishedPart(const std::string& name, foundPart part);
+    ~finishedPart();
+
+    const compressionHeading& heading() const;
+    bool swapped() const;
+    std::int64_t fileSize() const;
+    // As the index tells it; other values than 4,190,208 are legal and change nothing.
+    std::uint32_t blockSize() const;
+    std::uint32_t blockCount() const;
+    // `number` counts from 0 and is below blockCount().
+    const filePosRecord& block(std::uint32_t number) const;
+    // Bytes of rows.
+    std::int64_t dataSize() const;
+    // Reads and inflates a block and holds it against its record. Throws what is wrong with it; the others can still be
+    // verified then.
+    void verifyBlock(std::uint32_t number);
+
+private:
+    struct state;
+    std::unique_ptr<state> fState;
+};
+
+}  // namespace orva

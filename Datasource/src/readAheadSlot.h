@@ -1,0 +1,90 @@
+// readAheadSlot: the hand-over of one block read ahead, for the workers that read one block beside their caller.
+//
+// One block, two turns, no lock:
+//   caller's turn: semEmptySlot.wait -> semFilledSlot.post   fpPreReadPos, stCurSize, the worker's buffers; sets
+//   fpNextPos thread's turn: semFilledSlot.wait -> semEmptySlot.post   the same
+// R1 A field named above is touched only inside its owner's turn; the post publishes every earlier write.
+// R2 Each turn ends in its post, also on the throwing path: no request waits for a dead turn.
+// R3 A request that sets off no read-ahead (the last block, a failure) gives the token back itself and forgets the
+//    block read ahead, so a later request is a miss that is served.
+// R4 A failed read-ahead is no read-ahead: the next request is a miss, which meets the failure on the caller's thread.
+// R5 The stop request is written at any moment and seen at the thread's next wait; no request follows it.
+// R6 A block that was written over since it was asked for is no hit.
+#pragma once
+
+#include <orva/ktthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+namespace orva {
+
+struct readAheadSlot {
+    // The caller's turn, as long as this lives.
+    class request {
+    public:
+        explicit request(readAheadSlot& slot) : fSlot(slot) { fSlot.semEmptySlot.waitSemaphore(); }
+        request(const request&) = delete;
+        request& operator=(const request&) = delete;
+        ~request() {
+            if (bHandedOver) return;
+            fSlot.forget();
+            fSlot.semEmptySlot.postSemaphore();
+        }
+
+        // The block at `position` has been read ahead: stCurSize bytes of it.
+        bool hits(std::int64_t position) { return !fSlot.bStale.exchange(false) && position == fSlot.fpPreReadPos; }
+        // Ends the turn: the thread reads the block at `nextPos` now.
+        void readAhead(std::int64_t nextPos) {
+            fSlot.stCurSize = 0;
+            fSlot.fpNextPos.store(nextPos);
+            bHandedOver = true;
+            fSlot.semFilledSlot.postSemaphore();
+        }
+
+    private:
+        readAheadSlot& fSlot;
+        bool bHandedOver = false;
+    };
+
+    // One step of the thread: `read(position)` gives the bytes read. 1 ends the loop.
+    template <class Read>
+    std::int32_t step(Read read) {
+        semFilledSlot.waitSemaphore();
+        if (bStop) return 1;
+        fpPreReadPos = fpNextPos.load();
+        try {
+            stCurSize = read(fpPreReadPos);
+        } catch (...) {
+            forget();
+        }
+        semEmptySlot.postSemaphore();
+        return 0;
+    }
+
+    void requestStop() {
+        bStop = true;
+        semFilledSlot.postSemaphore();
+    }
+
+    // Bytes from `begin` up to `end` were written, by a caller: the block read ahead, or being read, may be older.
+    void noteWritten(std::int64_t begin, std::int64_t end, std::uint32_t blockSize) {
+        const std::int64_t next = fpNextPos.load();
+        if (begin < next + blockSize && next < end) bStale = true;
+    }
+
+    void forget() {
+        fpPreReadPos = -1;
+        stCurSize = 0;
+    }
+
+    ktSemaphore semEmptySlot{1};   // the right to touch the block from the caller side
+    ktSemaphore semFilledSlot{0};  // a block to read ahead, or the stop request
+    std::atomic<std::int64_t> fpNextPos{-1};
+    std::int64_t fpPreReadPos = -1;  // of the block in the worker's buffer
+    std::uint32_t stCurSize = 0;     // its bytes
+    std::atomic<bool> bStop{false};
+    std::atomic<bool> bStale{false};
+};
+
+}  // namespace orva

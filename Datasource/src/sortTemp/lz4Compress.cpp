@@ -1,0 +1,28 @@
+#include "../assertion.h"
+
+#include <orva/lz4Compress.h>
+
+#include <lz4.h>
+#include <lz4hc.h>
+
+namespace {
+
+constexpr const char* kWholeRequest = "souce && dest && outCount && inCount";
+
+}  // namespace
+
+std::uint32_t lz4CompressBlock::compressBlock(char* souce, std::uint32_t inCount, char* dest, std::uint32_t outCount,
+                                              int level) {
+    ORVA_ASSERT(souce && dest && outCount && inCount, kWholeRequest);
+    const int from = static_cast<int>(inCount);
+    const int room = static_cast<int>(outCount);
+    if (level == 0) return static_cast<std::uint32_t>(LZ4_compress_default(souce, dest, from, room));
+    return static_cast<std::uint32_t>(LZ4_compress_HC(souce, dest, from, room, 0));
+}
+
+std::uint32_t lz4CompressBlock::decompressBlock(char* souce, std::uint32_t inCount, char* dest,
+                                                std::uint32_t outCount) {
+    ORVA_ASSERT(souce && dest && outCount && inCount, kWholeRequest);
+    return static_cast<std::uint32_t>(
+        LZ4_decompress_safe(souce, dest, static_cast<int>(inCount), static_cast<int>(outCount)));
+}

@@ -1,0 +1,80 @@
+#include "../assertion.h"
+
+#include <orva/zlibCompress.h>
+
+#include <zlib.h>
+
+namespace {
+
+blockOutcome::End endOf(int answer) {
+    switch (answer) {
+        case Z_STREAM_END:
+            return blockOutcome::complete;
+        case Z_STREAM_ERROR:
+            return blockOutcome::misused;
+        case Z_MEM_ERROR:
+            return blockOutcome::noMemory;
+        default:
+            return blockOutcome::incomplete;
+    }
+}
+
+}  // namespace
+
+std::int32_t zlibCompressBlock::compressBlock(unsigned char* from, std::uint32_t size, unsigned char* to,
+                                              std::uint32_t& room) {
+    return runCall(compress, from, size, to, room);
+}
+
+std::int32_t zlibCompressBlock::decompressBlock(unsigned char* from, std::uint32_t size, unsigned char* to,
+                                                std::uint32_t& room) {
+    return runCall(decompress, from, size, to, room);
+}
+
+std::int32_t zlibCompressBlock::runCall(direction way, unsigned char* from, std::uint32_t size, unsigned char* to,
+                                        std::uint32_t& room) {
+    ORVA_ASSERT(from != nullptr || to != nullptr || room != 0 || size != 0, "souce||dest||outCount||inCount");
+    const blockOutcome outcome =
+        way == compress ? deflateWhole(from, size, to, room) : inflateWhole(from, size, to, room);
+    if (outcome.end == blockOutcome::misused || outcome.end == blockOutcome::notStarted) return 0;
+    room = outcome.produced;
+    return static_cast<std::int32_t>(room);
+}
+
+blockOutcome zlibCompressBlock::deflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                             std::uint32_t room) {
+    souce = from;
+    inCount = size;
+    dest = to;
+    outCount = room;
+    return runBlock(Z_BEST_SPEED, compress, Z_FINISH);
+}
+
+blockOutcome zlibCompressBlock::inflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                             std::uint32_t room) {
+    souce = from;
+    inCount = size;
+    dest = to;
+    outCount = room;
+    return runBlock(Z_BEST_SPEED, decompress, Z_FINISH);
+}
+
+std::uint32_t zlibCompressBlock::compressRoom(std::uint32_t size) {
+    return static_cast<std::uint32_t>(compressBound(size));
+}
+
+blockOutcome zlibCompressBlock::runBlock(int level, direction way, int flush) {
+    z_stream stream{};
+    if ((way == compress ? deflateInit(&stream, level) : inflateInit(&stream)) != Z_OK) {
+        return {blockOutcome::notStarted, 0, 0};
+    }
+    stream.next_in = const_cast<unsigned char*>(souce);  // zlib reads only
+    stream.avail_in = inCount;
+    stream.next_out = dest;
+    stream.avail_out = outCount;
+    const int answer = way == compress ? deflate(&stream, flush) : inflate(&stream, flush);
+    const blockOutcome outcome{endOf(answer), outCount - stream.avail_out, inCount - stream.avail_in};
+    outCount = outcome.produced;
+    way == compress ? deflateEnd(&stream) : inflateEnd(&stream);
+    return outcome;
+}

@@ -1,0 +1,141 @@
+// The life of a compressed stream: making it, moving it, closing it, finishing a file.
+#include "assertion.h"
+#include "zcmpsFilestrData.h"
+
+#include <orva/errtext.h>
+#include <orva/zcmpsFilestr.h>
+
+#include <limits>
+#include <utility>
+
+namespace {
+
+constexpr std::int32_t kCannotReopen = 1201;
+
+[[noreturn]] void throwCannotReopen(const char* expression, std::int32_t line) {
+    throw SystemFileException(kCannotReopen, expression, "Datasource/src/zcmpsFilestr", line, true);
+}
+
+}  // namespace
+
+zcmpsFilestr::zcmpsFilestr(const ORVA_FileStream& source)
+    : ORVA_FileStream(source),
+      fpPosInfo(new filePosInfo(kBlockSize, GetFile().GetNameStr().GetGeneric())),
+      fData(new Data(GetFile(), fpPosInfo.get())) {}
+
+zcmpsFilestr::~zcmpsFilestr() noexcept(false) {
+    if (!inOwnProcess()) return;
+    try {
+        if (fData->bToldFailure) {
+            fData->endWorker(bIsWriting);
+        } else {
+            zcmpsFilestr::Close();
+        }
+    } catch (...) {
+        if (mayThrowNow()) throw;
+    }
+}
+
+void zcmpsFilestr::setMultiThread(std::int32_t setting) {
+    ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
+    fData->fMultiThread = setting;
+}
+
+std::int32_t zcmpsFilestr::Seek(std::int64_t offset, SeekDirection direction) {
+    ORVA_ASSERT(direction != SeekFromEnd, "0 && \"seek from end with zcmpsFilestr::Seek\"");
+    std::int64_t target = offset;
+    if (direction == SeekFromCurrent && __builtin_add_overflow(fFilePos, offset, &target)) {
+        using limits = std::numeric_limits<std::int64_t>;
+        target = offset < 0 ? limits::min() : limits::max();
+    }
+    fFilePos = target;
+    return 0;
+}
+
+std::int32_t zcmpsFilestr::Close() {
+    if (!inOwnProcess()) return 0;
+    if (bIsWriting) return closeWriter();
+    fData->endWorker(false);
+    return 1;
+}
+
+std::int32_t zcmpsFilestr::closeWriter() {
+    if (fData->bClosed) return fData->bFinished ? 1 : 0;
+    fData->bClosed = true;
+    try {
+        finish();
+    } catch (...) {
+        fData->endWorker(true);
+        fData->keepFailure(std::current_exception());
+        fData->throwFailure();
+    }
+    return 1;
+}
+
+void zcmpsFilestr::abandon() {
+    if (!inOwnProcess() || fData->bClosed) return;
+    fData->endWorker(bIsWriting);
+    fData->bClosed = bIsWriting;
+}
+
+// The heading goes last: it is what makes the file a finished one.
+void zcmpsFilestr::finish() {
+    Flush();
+    fData->endWorker(true);
+    fData->throwFailure();
+    compressionHeading heading{};
+    writeIndex(heading);
+    orva::writeAll(fData->pRealFile, &heading, sizeof heading, fData->fRow0Pos);
+    fData->pRealFile.Close();
+    fData->bFinished = true;
+    reopenForReading();
+}
+
+void zcmpsFilestr::writeIndex(compressionHeading& heading) {
+    std::uint32_t stLength = 0;
+    const unsigned char* bytes = fpPosInfo->serialize(stLength);
+    ORVA_ASSERT(stLength != 0, "stLength!=0");
+    ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
+    heading._caseStartPos = fData->fRow0Pos;
+    heading._indexPos = std::max(fData->fTransferEnd, fpPosInfo->writtenEnd(fData->fCompressedPos));
+    heading._size = stLength;
+    orva::writeAll(fData->pRealFile, bytes, stLength, heading._indexPos);
+}
+
+void zcmpsFilestr::reopenForReading() {
+    const ExtNameStr password;
+    if (ORVA_FileStream::Open(GetNameStr(), password, "rb") == 0) {
+        throwCannotReopen("ORVA_FileStream::Open(GetNameStr(), password, \"rb\")", __LINE__);
+    }
+}
+
+// The descriptor that the dictionary part was written or read through is closed first, so a stream that shares the
+// file sees the new one too.
+void zcmpsFilestr::reopenForWriting(const char* expression, std::int32_t line) {
+    ORVA_FileStream::Close();
+    if (!fData->pRealFile.Open(GetNameStr(), "r+b")) throwCannotReopen(expression, line);
+}
+
+void zcmpsFilestr::Data::clearBuffer() {
+    availBuffSize = kBlockSize;
+    fpCurrent = fBuffer;
+}
+
+void zcmpsFilestr::Data::endWorker(bool writing) {
+    if (fpIOThread == nullptr) return;
+    if (writing) fpIOThread->putBlock(fBuffer, 0, fpos);
+    fpIOThread->stopThreads();
+    fpIOThread->destroyThreads();
+    keepFailure(fpIOThread->failure());
+    fpIOThread.reset();
+}
+
+void zcmpsFilestr::Data::keepFailure(const std::exception_ptr& failure) {
+    if (fFailure == nullptr) fFailure = failure;
+}
+
+void zcmpsFilestr::Data::throwFailure() {
+    if (fFailure == nullptr) return;
+    bToldFailure = true;
+    std::rethrow_exception(fFailure);
+}

@@ -1,0 +1,86 @@
+// zcmpsFilestr: a stream over the compressed part of a file: blocks of 4,190,208 bytes of rows, each one zlib stream,
+// with an index behind them. Format: docs/format.md.
+//
+// To write: write the dictionary part through an ORVA_FileStream, build this over that stream, setRow0Pos(S),
+//           Seek(S), Write, Close.
+// To read:  build this over a stream open on the file, readFilePosInfo(S), then Read and Seek, Close.
+// To add:   as to read, then Seek(end), setFileToAppend(end), Write, Close.
+//
+// Units:   bytes; positions are logical: the first byte of rows has the row-0 position S, not 0.
+// Owner:   the stream owns its buffers (12 MiB at most, and two blocks for a worker) and the index, 24 bytes a block.
+//          It shares the file with the stream that it was built over.
+// Threads: one at a time a stream. Work goes to a thread of the stream's own when setMultiThread asks for it.
+// Failure: FileError from the disk; DamagedFileError for bytes that cannot be true, after which sound blocks can still
+//          be read; SystemFileException when the file cannot be opened again; bad_alloc. A writer's first failure is
+//          final: Write, Flush and the first Close throw it again, and the file gets no heading. Breaches of a caller's
+//          duty are assertions.
+#pragma once
+
+#include <orva/compressedLayout.h>
+#include <orva/errors.h>
+#include <orva/filestr.h>
+#include <orva/orvaApi.h>
+
+#include <cstdint>
+#include <memory>
+
+class filePosInfo;
+
+class ORVA_API zcmpsFilestr : public ORVA_FileStream {
+public:
+    // Shares the source's file; the source's pending bytes are in it afterwards. The source must have been opened.
+    explicit zcmpsFilestr(const ORVA_FileStream& source);
+    zcmpsFilestr(const zcmpsFilestr&) = delete;
+    zcmpsFilestr& operator=(const zcmpsFilestr&) = delete;
+    // Closes, so an unfinished writer is finished here: call abandon() first if its rows are not worth keeping. Throws
+    // only what no call has thrown yet, and nothing while another exception is in flight.
+    ~zcmpsFilestr() noexcept(false) override;
+
+    // Which work goes to a thread of its own: 0 none, 1 writing, 2 and above reading. Comes before setRow0Pos and
+    // readFilePosInfo. A writer takes 0 or 1; an appender always works at 0.
+    void setMultiThread(std::int32_t setting);
+
+    // Begins a new compressed part at file offset `pos`, above 0, in an existing file. Reopens the file for writing.
+    // SystemFileException if that fails: the stream is then no writer, and this may be tried again. Does not move the
+    // stream's position.
+    void setRow0Pos(std::int64_t pos);
+
+    // Loads heading and index of the finished part at `posofpos`; `swap`: the file has the other byte order. The
+    // position is then the first byte of rows.
+    void readFilePosInfo(std::int64_t posofpos, bool swap);
+
+    // The bytes delivered; fewer than asked: the rows end there, or the position lies outside them.
+    std::uint32_t Read(void* buffer, std::uint32_t size) override;
+    // Takes all bytes, strictly in sequence: a Seek to anywhere but the end of the rows before it is a breach.
+    std::uint32_t Write(const void* buffer, std::uint32_t size) override;
+    // Always 0; only moves a number, saturating at the ends of the 64-bit range. Not from the end.
+    std::int32_t Seek(std::int64_t offset, SeekDirection direction) override;
+    std::int64_t Tell() const override { return fFilePos; }
+    // Ends the current block short; costs compression ratio. Always 1.
+    std::int32_t Flush() const override;
+
+    using ORVA_FileStream::Close;
+    // Writer: writes the last block, the index and, last of all, the heading, and opens the file for reading, for
+    // other streams to use. The stream itself is finished then. 1; a further Close gives 1 if the file was finished,
+    // else 0. Reader: ends the worker, 1.
+    std::int32_t Close() override;
+
+    // Ends a writer without finishing the file: no index, no heading. The destructor then does nothing.
+    void abandon();
+
+private:
+    struct Data;
+
+    template <class Steps>
+    ORVA_LOCAL void beginWriting(Steps steps);
+    ORVA_LOCAL void reopenForWriting(const char* expression, std::int32_t line);
+    ORVA_LOCAL std::int32_t closeWriter();
+    ORVA_LOCAL void finish();
+    ORVA_LOCAL void writeIndex(compressionHeading& heading);
+    ORVA_LOCAL void reopenForReading();
+
+    std::unique_ptr<filePosInfo> fpPosInfo;
+    std::unique_ptr<Data> fData;
+    bool bIsWriting = false;
+    std::int64_t fFilePos = 0;
+};

@@ -1,0 +1,82 @@
+// The state of a compressed stream behind its one pointer, and the steps that work on it alone.
+#pragma once
+
+#include "blockBuffer.h"
+#include "blockTransfer.h"
+#include "filePosInfo.h"
+#include "preIOThread.h"
+
+#include <orva/blockSize.h>
+#include <orva/file.h>
+#include <orva/zcmpsFilestr.h>
+#include <orva/zlibCompress.h>
+
+#include <cstdint>
+#include <exception>
+#include <memory>
+
+struct zcmpsFilestr::Data {
+    Data(ORVA_File& file, filePosInfo* index) : pRealFile(file), fpPosInfo(index) {}
+
+    // zcmpsFilestrWrite.cpp
+    void Write(WriteRequest& req);
+    void endBlock();
+    void startWriting(std::int64_t pos);
+    std::unique_ptr<PreIOThreadBase> makeWriter(std::int64_t pos, filePosInfo& index);
+    // zcmpsFilestrRead.cpp
+    void Read(ReadRequest& req);
+    bool fetchBlock(std::int64_t pos);
+    std::unique_ptr<PreIOThreadBase> makeReader();
+    bool loaded(std::int64_t pos) const;
+    void forgetBlock();
+
+    // An empty fBuffer, to be filled.
+    void clearBuffer();
+    // Ends the worker, if there is one; a writing one by its end request. What it failed with is kept.
+    void endWorker(bool writing);
+
+    void keepFailure(const std::exception_ptr& failure);
+    // Throws the kept failure, if there is one.
+    void throwFailure();
+
+    alignas(kBufferAlignment) unsigned char fBuffer[kBlockSize];            // rows of the current block
+    alignas(kBufferAlignment) unsigned char fCompressedBuffer[kBlockSize];  // a block on its way in from the file
+    std::int64_t fRow0Pos = 0;
+    std::int64_t fpos = -1;           // logical position of fBuffer's first byte; -1 while no block is loaded
+    std::int64_t fCompressedPos = 0;  // file offset of the next block; moved by the inline road only
+    std::int64_t fTransferEnd = 0;    // where this stream's own last transfer before writing ended
+    ORVA_File& pRealFile;             // held by the base's count; gone once Close has reopened the file
+    zlibCompressBlock fCompressor;    // the caller's thread
+    filePosInfo* fpPosInfo;           // the stream's
+    std::unique_ptr<PreIOThreadBase> fpIOThread;
+    unsigned char* fpCurrent = fBuffer;        // next byte to fill, or to deliver
+    std::uint32_t availBuffSize = kBlockSize;  // writing: free bytes; reading: bytes from fpCurrent to the block's end
+    std::int32_t fMultiThread = 0;
+    orva::blockBuffer fDeflated;  // a block on its way out; made at the first one
+
+    // A writer's end. The first failure is final; bToldFailure: a call has thrown it.
+    std::exception_ptr fFailure;
+    bool bToldFailure = false;
+    bool bClosed = false;    // Close or abandon has run
+    bool bFinished = false;  // the heading is in the file
+    // Why the stream is not open for what the last setRow0Pos, setFileToAppend or readFilePosInfo was to open it for.
+    std::exception_ptr fOpenFailure;
+};
+
+// Turns the stream into a writer by `steps`. If they fail, a stream that was no writer is none, and Read tells why; a
+// writer ends with that failure.
+template <class Steps>
+void zcmpsFilestr::beginWriting(Steps steps) {
+    try {
+        steps();
+    } catch (...) {
+        if (bIsWriting) {
+            fData->keepFailure(std::current_exception());
+            fData->throwFailure();
+        }
+        fData->fOpenFailure = std::current_exception();
+        throw;
+    }
+    fData->fOpenFailure = nullptr;
+    bIsWriting = true;
+}

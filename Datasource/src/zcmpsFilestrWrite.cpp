@@ -1,0 +1,92 @@
+// Writing a compressed part: from the caller's rows to whole blocks, inline or through the write worker.
+#include "assertion.h"
+#include "zcmpsFilestrData.h"
+#include "zcmpsPreIOThread.h"
+
+#include <algorithm>
+#include <cstring>
+
+void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
+    ORVA_ASSERT(!fData->bClosed, "fData->bClosed == false");
+    ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
+    ORVA_ASSERT(pos > 0, "pos > 0");
+    beginWriting([&] {
+        reopenForWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__);
+        auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
+        auto worker = fData->fMultiThread == 1 ? fData->makeWriter(pos, *index) : nullptr;
+        fpPosInfo = std::move(index);
+        fData->fpPosInfo = fpPosInfo.get();
+        fData->startWriting(pos);
+        fData->fpIOThread = std::move(worker);
+    });
+}
+
+std::uint32_t zcmpsFilestr::Write(const void* buffer, std::uint32_t size) {
+    ORVA_ASSERT(bIsWriting, "bIsWriting == true");
+    fData->throwFailure();
+    ORVA_ASSERT(!fData->bClosed, "fData->bClosed == false");
+    if (size == 0) return 0;
+    WriteRequest req{static_cast<const unsigned char*>(buffer), size, fFilePos};
+    try {
+        fData->Write(req);
+    } catch (...) {
+        fData->keepFailure(std::current_exception());
+        fData->throwFailure();
+    }
+    return size - req._size;
+}
+
+std::int32_t zcmpsFilestr::Flush() const {
+    if (!bIsWriting) return 1;
+    fData->throwFailure();
+    try {
+        fData->endBlock();
+    } catch (...) {
+        fData->keepFailure(std::current_exception());
+        fData->throwFailure();
+    }
+    return 1;
+}
+
+// The 24 bytes of the heading are reserved by nothing but the first block's place behind them.
+void zcmpsFilestr::Data::startWriting(std::int64_t pos) {
+    fRow0Pos = pos;
+    fpos = pos;
+    fCompressedPos = pos + kHeadingSize;
+    fTransferEnd = 0;
+    clearBuffer();
+}
+
+void zcmpsFilestr::Data::Write(WriteRequest& req) {
+    ORVA_ASSERT(req._pos == fpos + kBlockSize - availBuffSize,
+                "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && "
+                "\"Jumped write in zcmpsFilestr::Data::Write\"");
+    while (req._size > 0) {
+        const std::uint32_t count = std::min(availBuffSize, req._size);
+        std::memcpy(fpCurrent, req._buffer, count);
+        fpCurrent += count;
+        availBuffSize -= count;
+        req.Advance(count);
+        if (availBuffSize == 0) endBlock();
+    }
+}
+
+void zcmpsFilestr::Data::endBlock() {
+    const std::uint32_t size = kBlockSize - availBuffSize;
+    if (size == 0) return;
+    if (fMultiThread != 0) {
+        ORVA_ASSERT(fpIOThread != nullptr, "fpIOThread != 0");
+        fpIOThread->putBlock(fBuffer, size, fpos);
+    } else {
+        if (!fDeflated) fDeflated = orva::blockBuffer(orva::deflateRoom());
+        fCompressedPos = orva::writeBlock({pRealFile, *fpPosInfo, fCompressor, fDeflated.get()}, fBuffer, size, fpos,
+                                          fCompressedPos);
+    }
+    fpos += size;
+    clearBuffer();
+}
+
+std::unique_ptr<PreIOThreadBase> zcmpsFilestr::Data::makeWriter(std::int64_t pos, filePosInfo& index) {
+    return startedWorker(std::make_unique<PreIOThread_W_C>(&pRealFile, &index, kBlockSize, pos, pos + kHeadingSize),
+                         false);
+}
