@@ -84,6 +84,14 @@ const char* FileError::what() const noexcept {
     return fDetails->text.c_str();
 }
 
+FileError FileError::withOutcome(const std::string& outcome) const {
+    FileError copy(*this);
+    Details details = *fDetails;
+    details.text += "; " + outcome;
+    copy.fDetails = std::make_shared<const Details>(std::move(details));
+    return copy;
+}
+
 void ThrowError::StringSys(const char* catalog, long code, const char* text) {
     const int error = errno;
     throw FileError(error, catalog, code, text);

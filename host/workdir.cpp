@@ -1,4 +1,5 @@
 #include <orva/workdir.h>
+#include <orva/workdirFaults.h>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -87,11 +88,30 @@ int transform(bool encrypting, unsigned char** outData, int* outLen, const unsig
 
 }  // namespace
 
+#ifdef ORVA_FAULT_SEAM
+namespace faults {
+namespace {
+std::atomic<Hook*> gHook{nullptr};
+}  // namespace
+
+Hook* install(Hook* hook) noexcept {
+    return gHook.exchange(hook);
+}
+
+bool fails(Call call) noexcept {
+    Hook* const hook = gHook;
+    return hook != nullptr && hook->fails(call);
+}
+}  // namespace faults
+#endif
+
 int Encrypt(unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) noexcept {
+    if (faults::fails(faults::Call::Encrypt)) return 0;
     return transform(true, outData, outLen, inData, inLen);
 }
 
 int EndEncrypt(unsigned char** outData, int* outLen) noexcept {
+    if (faults::fails(faults::Call::EndEncrypt)) return 0;
     if (outData == nullptr || outLen == nullptr) return 0;
     *outData = nullptr;
     *outLen = 0;
@@ -99,6 +119,7 @@ int EndEncrypt(unsigned char** outData, int* outLen) noexcept {
 }
 
 int Decrypt(unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) noexcept {
+    if (faults::fails(faults::Call::Decrypt)) return 0;
     return transform(false, outData, outLen, inData, inLen);
 }
 

@@ -85,10 +85,10 @@ std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::
     return place + deflated;
 }
 
-void writeAll(ORVA_File& file, const void* bytes, std::uint32_t size, std::int64_t place) {
+void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place) {
     const auto* from = static_cast<const unsigned char*>(bytes);
     do {
-        const std::uint32_t piece = std::min(size, kLongestTransfer);
+        const auto piece = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, kLongestTransfer));
         if (file.Write(from, piece, place) != piece) {
             platform::setErrno(EBADF);
             ThrowError::StringSys("datasrc.err", kWriteFailed, file.GetNameStr().GetGeneric().c_str());
@@ -99,10 +99,10 @@ void writeAll(ORVA_File& file, const void* bytes, std::uint32_t size, std::int64
     } while (size != 0);
 }
 
-bool readAll(ORVA_File& file, void* bytes, std::uint32_t size, std::int64_t place) {
+bool readAll(ORVA_File& file, void* bytes, std::uint64_t size, std::int64_t place) {
     auto* to = static_cast<unsigned char*>(bytes);
     while (size != 0) {
-        const std::uint32_t piece = std::min(size, kLongestTransfer);
+        const auto piece = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, kLongestTransfer));
         if (file.Read(to, piece, place) != piece) return false;
         to += piece;
         size -= piece;

@@ -37,10 +37,10 @@ std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::
                         std::int64_t place);
 
 // Writes all of it or throws: also when somebody closed the file under the stream.
-void writeAll(ORVA_File& file, const void* bytes, std::uint32_t size, std::int64_t place);
+void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place);
 
 // Reads all of it, or gives false: the file ends before.
-bool readAll(ORVA_File& file, void* bytes, std::uint32_t size, std::int64_t place);
+bool readAll(ORVA_File& file, void* bytes, std::uint64_t size, std::int64_t place);
 
 // What reading a block takes: `compressed` has kBlockSize bytes.
 struct readRoad {

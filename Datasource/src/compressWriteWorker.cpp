@@ -3,7 +3,9 @@
 #include "blockTransfer.h"
 #include "zcmpsPreIOThread.h"
 
+#include <cerrno>
 #include <cstring>
+#include <system_error>
 
 PreIOThread_W_C::PreIOThread_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
                                  std::int64_t firstFilePos)
@@ -15,7 +17,8 @@ PreIOThread_W_C::PreIOThread_W_C(ORVA_File* file, filePosInfo* index, std::uint3
       pInBuffer(blockSize) {}
 
 std::uint32_t PreIOThread_W_C::putBlock(const void* buffer, std::uint32_t size, std::int64_t) {
-    semFreeSlot.waitSemaphore();
+    // False in a forked child: there is no thread that could take the block.
+    if (!semFreeSlot.waitSemaphore()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
     if (size != 0 && fFailure != nullptr) {
         semFreeSlot.postSemaphore();
         std::rethrow_exception(fFailure);

@@ -2,6 +2,7 @@
 
 #include "blockTransfer.h"
 
+#include <orva/blockSize.h>
 #include <orva/errors.h>
 
 #include <cstring>
@@ -78,6 +79,26 @@ void checkFirstBlock(ORVA_File& file, const filePosRecord& record, std::int64_t 
     refuse(file, "record 0 at the row-0 position",
            "its first block begins at logical position " + std::to_string(record.orginalPos) + " instead of " +
                std::to_string(row0Pos));
+}
+
+void checkForAppend(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
+                    std::uint32_t count) {
+    const auto sized = [](std::int32_t size) { return size >= 1 && size <= static_cast<std::int32_t>(kBlockSize); };
+    std::int64_t pos = heading._caseStartPos;
+    std::int64_t place = heading._caseStartPos + kHeadingSize;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const filePosRecord& r = records[i];
+        if (!sized(r.orginalSize) || !sized(r.translateSize) || r.orginalPos != pos || r.translatePos != place) {
+            refuse(file, "blocks follow each other without gaps",
+                   "block " + std::to_string(i) + " does not stand right behind the one before; nothing was written");
+        }
+        pos += r.orginalSize;
+        place += r.translateSize;
+    }
+    if (heading._indexPos < place) {
+        refuse(file, "_indexPos behind the last block",
+               indexSpan(heading) + " overlaps the blocks; nothing was written");
+    }
 }
 
 }  // namespace orva

@@ -1,3 +1,4 @@
+#include "appendJournal.h"
 #include "blockBuffer.h"
 #include "blockTransfer.h"
 #include "fileCodes.h"
@@ -5,6 +6,7 @@
 #include "indexTransfer.h"
 
 #include <orva/blockSize.h>
+#include <orva/errors.h>
 #include <orva/errtext.h>
 #include <orva/file.h>
 #include <orva/inspect.h>
@@ -18,12 +20,16 @@ namespace orva {
 
 namespace {
 
-void openForReading(ORVA_File& file, const std::string& name) {
+void openNamed(ORVA_File& file, const std::string& name, const char* mode, long code) {
     ExtNameStr fileName;
     fileName.SetGeneric(name);
-    if (file.Open(fileName, "rb")) return;
+    if (file.Open(fileName, mode)) return;
     platform::setErrno(file.OpenErrno());
-    ThrowError::StringSys("datasrc.err", kReadFailed, name.c_str());
+    ThrowError::StringSys("datasrc.err", code, name.c_str());
+}
+
+void openForReading(ORVA_File& file, const std::string& name) {
+    openNamed(file, name, "rb", kReadFailed);
 }
 
 bool couldPointToIndex(const compressionHeading& heading) {
@@ -78,6 +84,15 @@ private:
     std::optional<foundPart> fBest;
     bool bCertain = false;
 };
+
+// An append begins only once its side file is whole and durable, so beside a side file cut short the data stands as it
+// was. Where it does not, the side file was damaged later, and must not be taken for one cut short.
+void refuseTornFile(const std::string& name) {
+    const std::optional<foundPart> part = findPart(name);
+    if (!part) throw DamagedFileError(sideFileName(name), "checksum", "\"" + name + "\" has no heading either");
+    finishedPart opened(name, *part);
+    if (opened.blockCount() != 0) opened.verifyBlock(opened.blockCount() - 1);
+}
 
 }  // namespace
 
@@ -139,6 +154,23 @@ void finishedPart::verifyBlock(std::uint32_t number) {
         s.fRows = blockBuffer(kBlockSize);
     }
     readBlock({s.fFile, s.fCodec, s.fCompressed.get()}, placeOf(s.fIndex, s.fIndex.parsed(number)), s.fRows.get());
+}
+
+rollBackResult rollBack(const std::string& name) {
+    ORVA_File file;
+    openNamed(file, name, "r+b", kWriteFailed);
+    savedTail tail;
+    const sideFileState found = readSideFile(name, file, tail);
+    if (found == sideFileState::absent) return rollBackResult::nothingToDo;
+    if (found == sideFileState::whole) {
+        restoreTail(file, tail);
+        file.Sync();
+    } else {
+        refuseTornFile(name);
+    }
+    removeSideFile(name);
+    file.Close();
+    return found == sideFileState::whole ? rollBackResult::rolledBack : rollBackResult::sideFileStale;
 }
 
 }  // namespace orva

@@ -51,4 +51,16 @@ private:
     std::unique_ptr<state> fState;
 };
 
+enum class rollBackResult : std::uint8_t {
+    nothingToDo,    // there is no side file
+    rolledBack,     // the file holds the rows that it held before the interrupted append
+    sideFileStale,  // the append had written nothing yet; its side file is gone
+};
+
+// Undoes an interrupted safe append (zcmpsFilestr::setSafeAppend) by its side file, durably. Takes the writer's lock:
+// FileError with EWOULDBLOCK when the append, or another writer, is alive. Can be repeated after any interruption of
+// its own. DamagedFileError for a side file that belongs to another file, or that is itself damaged; nothing is
+// changed then.
+ORVA_API rollBackResult rollBack(const std::string& name);
+
 }  // namespace orva

@@ -23,7 +23,8 @@ struct readAheadSlot {
     // The caller's turn, as long as this lives.
     class request {
     public:
-        explicit request(readAheadSlot& slot) : fSlot(slot) { fSlot.semEmptySlot.waitSemaphore(); }
+        // In a forked child there is no thread to wait for, and nothing that was read ahead counts.
+        explicit request(readAheadSlot& slot) : fSlot(slot), bTaken(slot.semEmptySlot.waitSemaphore()) {}
         request(const request&) = delete;
         request& operator=(const request&) = delete;
         ~request() {
@@ -33,7 +34,9 @@ struct readAheadSlot {
         }
 
         // The block at `position` has been read ahead: stCurSize bytes of it.
-        bool hits(std::int64_t position) { return !fSlot.bStale.exchange(false) && position == fSlot.fpPreReadPos; }
+        bool hits(std::int64_t position) {
+            return bTaken && !fSlot.bStale.exchange(false) && position == fSlot.fpPreReadPos;
+        }
         // Ends the turn: the thread reads the block at `nextPos` now.
         void readAhead(std::int64_t nextPos) {
             fSlot.stCurSize = 0;
@@ -44,6 +47,7 @@ struct readAheadSlot {
 
     private:
         readAheadSlot& fSlot;
+        const bool bTaken;
         bool bHandedOver = false;
     };
 

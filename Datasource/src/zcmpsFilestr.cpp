@@ -5,6 +5,7 @@
 #include <orva/errtext.h>
 #include <orva/zcmpsFilestr.h>
 
+#include <cerrno>
 #include <limits>
 #include <utility>
 
@@ -39,6 +40,14 @@ zcmpsFilestr::~zcmpsFilestr() noexcept(false) {
 void zcmpsFilestr::setMultiThread(std::int32_t setting) {
     ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
     fData->fMultiThread = setting;
+}
+
+void zcmpsFilestr::setDurable(bool durable) {
+    fData->bDurable = durable;
+}
+
+void zcmpsFilestr::setSafeAppend(bool safe) {
+    fData->bSafeAppend = safe;
 }
 
 std::int32_t zcmpsFilestr::Seek(std::int64_t offset, SeekDirection direction) {
@@ -76,6 +85,10 @@ void zcmpsFilestr::abandon() {
     if (!inOwnProcess() || fData->bClosed) return;
     fData->endWorker(bIsWriting);
     fData->bClosed = bIsWriting;
+    if (fData->fTail) {
+        const std::exception_ptr failure = fData->undoAppend(nullptr);
+        if (failure != nullptr) std::rethrow_exception(failure);
+    }
 }
 
 // The heading goes last: it is what makes the file a finished one.
@@ -83,12 +96,24 @@ void zcmpsFilestr::finish() {
     Flush();
     fData->endWorker(true);
     fData->throwFailure();
-    compressionHeading heading{};
-    writeIndex(heading);
-    orva::writeAll(fData->pRealFile, &heading, sizeof heading, fData->fRow0Pos);
+    commit();
     fData->pRealFile.Close();
     fData->bFinished = true;
     reopenForReading();
+}
+
+void zcmpsFilestr::commit() {
+    Data& d = *fData;
+    const bool durable = d.bDurable || (d.bSafeAppend && d.fTail);
+    compressionHeading heading{};
+    writeIndex(heading);
+    if (durable) d.pRealFile.Sync();
+    orva::writeAll(d.pRealFile, &heading, sizeof heading, d.fRow0Pos);
+    if (durable) {
+        d.pRealFile.Sync();
+        orva::syncName(d.pRealFile.GetNameStr().GetGeneric());
+    }
+    if (d.fTail) d.commitAppend();
 }
 
 void zcmpsFilestr::writeIndex(compressionHeading& heading) {
@@ -107,6 +132,13 @@ void zcmpsFilestr::reopenForReading() {
     if (ORVA_FileStream::Open(GetNameStr(), password, "rb") == 0) {
         throwCannotReopen("ORVA_FileStream::Open(GetNameStr(), password, \"rb\")", __LINE__);
     }
+}
+
+// Blocks and heading stand at any offset, the cipher's data only at multiples of 16.
+void zcmpsFilestr::refuseEncrypted(long code) {
+    if (!fData->pRealFile.IsEncrypted()) return;
+    throw FileError(ENOTSUP, "datasrc.err", code, Name())
+        .withOutcome("compressed rows cannot stand in an enciphered file");
 }
 
 // The descriptor that the dictionary part was written or read through is closed first, so a stream that shares the
@@ -131,7 +163,8 @@ void zcmpsFilestr::Data::endWorker(bool writing) {
 }
 
 void zcmpsFilestr::Data::keepFailure(const std::exception_ptr& failure) {
-    if (fFailure == nullptr) fFailure = failure;
+    if (fFailure != nullptr || failure == nullptr) return;
+    fFailure = fTail ? undoAppend(failure) : failure;
 }
 
 void zcmpsFilestr::Data::throwFailure() {

@@ -49,6 +49,21 @@ public:
     // position is then the first byte of rows.
     void readFilePosInfo(std::int64_t posofpos, bool swap);
 
+    // Resumes writing at logical position `endpos`, the end of the rows, of the finished part that readFilePosInfo has
+    // loaded; `swap` as there. An `endpos` inside a short last block cuts the rows there. Seek(endpos) comes before it.
+    // The setting of setMultiThread is 0 afterwards. DamagedFileError before anything is written if the file does not
+    // allow it; SystemFileException as in setRow0Pos. When a later step fails, the rows that the file held are put back
+    // before the failure is thrown; its text says whether that worked.
+    void setFileToAppend(std::int64_t endpos, bool swap);
+
+    // Close returns only when the rows would survive a loss of power, the heading after all that it points to. Off at
+    // first. Set before Close.
+    void setDurable(bool durable);
+    // An append that ends at any instant, by a crash or a loss of power, can be rolled back (inspect.h): what it
+    // overwrites is kept in a side file, NAME.orva-undo, until Close is through. Implies setDurable. Off at first. Set
+    // before setFileToAppend. While a side file exists, setFileToAppend is refused: FileError, EEXIST.
+    void setSafeAppend(bool safe);
+
     // The bytes delivered; fewer than asked: the rows end there, or the position lies outside them.
     std::uint32_t Read(void* buffer, std::uint32_t size) override;
     // Takes all bytes, strictly in sequence: a Seek to anywhere but the end of the rows before it is a breach.
@@ -71,11 +86,13 @@ public:
 private:
     struct Data;
 
+    ORVA_LOCAL void refuseEncrypted(long code);
     template <class Steps>
     ORVA_LOCAL void beginWriting(Steps steps);
     ORVA_LOCAL void reopenForWriting(const char* expression, std::int32_t line);
     ORVA_LOCAL std::int32_t closeWriter();
     ORVA_LOCAL void finish();
+    ORVA_LOCAL void commit();
     ORVA_LOCAL void writeIndex(compressionHeading& heading);
     ORVA_LOCAL void reopenForReading();
 

@@ -1,6 +1,7 @@
 // The state of a compressed stream behind its one pointer, and the steps that work on it alone.
 #pragma once
 
+#include "appendJournal.h"
 #include "blockBuffer.h"
 #include "blockTransfer.h"
 #include "filePosInfo.h"
@@ -14,6 +15,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <optional>
 
 struct zcmpsFilestr::Data {
     Data(ORVA_File& file, filePosInfo* index) : pRealFile(file), fpPosInfo(index) {}
@@ -29,6 +31,15 @@ struct zcmpsFilestr::Data {
     std::unique_ptr<PreIOThreadBase> makeReader();
     bool loaded(std::int64_t pos) const;
     void forgetBlock();
+
+    // zcmpsFilestrAppend.cpp
+    void resume(std::int64_t endpos, std::int64_t filePos, bool swap, filePosInfo& index);
+    void resumeBehind(const filePosRecord& bInfo, std::int64_t endpos, filePosInfo& index);
+    void resumeInBlock(const filePosRecord& bInfo, std::uint32_t number, std::int64_t endpos);
+    void saveTail(const compressionHeading& heading, std::uint32_t rewrittenBlock);
+    // Puts back what a failed append has overwritten. Gives the failure with the outcome added to its text.
+    std::exception_ptr undoAppend(const std::exception_ptr& failure);
+    void commitAppend();
 
     // An empty fBuffer, to be filled.
     void clearBuffer();
@@ -54,6 +65,9 @@ struct zcmpsFilestr::Data {
     std::int32_t fMultiThread = 0;
     orva::blockBuffer fDeflated;  // a block on its way out; made at the first one
 
+    bool bDurable = false;
+    bool bSafeAppend = false;
+    std::optional<orva::savedTail> fTail;  // of an append that is not through
     // A writer's end. The first failure is final; bToldFailure: a call has thrown it.
     std::exception_ptr fFailure;
     bool bToldFailure = false;

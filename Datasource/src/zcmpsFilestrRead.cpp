@@ -1,5 +1,6 @@
 // Reading a compressed part: heading and index, then rows from one block at a time.
 #include "assertion.h"
+#include "fileCodes.h"
 #include "indexTransfer.h"
 #include "zcmpsFilestrData.h"
 #include "zcmpsPreIOThread.h"
@@ -15,6 +16,7 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
     fFilePos = posofpos;
     fData->forgetBlock();
     try {
+        refuseEncrypted(kReadFailed);
         const compressionHeading chInfo = orva::readHeading(
             fData->pRealFile, posofpos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
         fData->fRow0Pos = chInfo._caseStartPos;

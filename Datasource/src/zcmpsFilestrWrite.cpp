@@ -1,5 +1,6 @@
 // Writing a compressed part: from the caller's rows to whole blocks, inline or through the write worker.
 #include "assertion.h"
+#include "fileCodes.h"
 #include "zcmpsFilestrData.h"
 #include "zcmpsPreIOThread.h"
 
@@ -11,6 +12,7 @@ void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
     ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
     ORVA_ASSERT(pos > 0, "pos > 0");
     beginWriting([&] {
+        refuseEncrypted(kWriteFailed);
         reopenForWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__);
         auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
         auto worker = fData->fMultiThread == 1 ? fData->makeWriter(pos, *index) : nullptr;

@@ -1,0 +1,205 @@
+#include "appendJournal.h"
+
+#include "blockTransfer.h"
+#include "fileCodes.h"
+
+#include <orva/compressedLayout.h>
+#include <orva/errors.h>
+#include <orva/errtext.h>
+#include <orva/platform.h>
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace orva {
+
+namespace {
+
+constexpr std::int64_t kSideFileMark = 0x3150504156524f2e;  // ".ORVAPP1" on disk; another byte order reads otherwise
+constexpr std::int64_t kIdentityBytes = 4096;
+
+struct sideFileHead {
+    std::int64_t mark;
+    std::int64_t row0Pos;
+    std::int64_t fileSize;
+    std::int64_t untouchedEnd;
+    std::int64_t identity;
+    std::int64_t pieceCount;
+};
+
+struct pieceHead {
+    std::int64_t place;
+    std::int64_t size;
+};
+
+std::int64_t checksum(const void* bytes, std::size_t size) {
+    return static_cast<std::int64_t>(crc32_z(0, static_cast<const unsigned char*>(bytes), size));
+}
+
+void addSpan(std::vector<unsigned char>& sample, ORVA_File& file, std::int64_t begin, std::int64_t end) {
+    std::vector<unsigned char> bytes(static_cast<std::size_t>(std::max<std::int64_t>(end - begin, 0)));
+    if (!readAll(file, bytes.data(), bytes.size(), begin)) bytes.clear();
+    sample.insert(sample.end(), bytes.begin(), bytes.end());
+}
+
+// Bytes that the append leaves alone: the beginning of the dictionary part, and the end of the old blocks.
+std::int64_t identityOf(ORVA_File& file, const savedTail& tail) {
+    std::vector<unsigned char> sample;
+    addSpan(sample, file, 0, std::min(tail.row0Pos, kIdentityBytes));
+    addSpan(sample, file, std::max(tail.row0Pos + kHeadingSize, tail.untouchedEnd - kIdentityBytes), tail.untouchedEnd);
+    return checksum(sample.data(), sample.size());
+}
+
+void append(std::vector<unsigned char>& bytes, const void* from, std::size_t size) {
+    const auto* begin = static_cast<const unsigned char*>(from);
+    bytes.insert(bytes.end(), begin, begin + size);
+}
+
+std::vector<unsigned char> serialize(const savedTail& tail, std::int64_t identity) {
+    std::vector<unsigned char> bytes;
+    const sideFileHead head{kSideFileMark,     tail.row0Pos, tail.fileSize,
+                            tail.untouchedEnd, identity,     static_cast<std::int64_t>(tail.pieces.size())};
+    append(bytes, &head, sizeof head);
+    for (const savedPiece& piece : tail.pieces) {
+        const pieceHead own{piece.place, static_cast<std::int64_t>(piece.bytes.size())};
+        append(bytes, &own, sizeof own);
+        append(bytes, piece.bytes.data(), piece.bytes.size());
+    }
+    const std::int64_t sum = checksum(bytes.data(), bytes.size());
+    append(bytes, &sum, sizeof sum);
+    return bytes;
+}
+
+// Takes values from the front of the side file's bytes; false once they are used up.
+class sideFileReader {
+public:
+    explicit sideFileReader(const std::vector<unsigned char>& bytes) : fAt(bytes.data()), fLeft(bytes.size()) {}
+    bool take(void* to, std::size_t size) {
+        if (size > fLeft) return false;
+        if (size != 0) std::memcpy(to, fAt, size);
+        fAt += size;
+        fLeft -= size;
+        return true;
+    }
+    std::size_t left() const { return fLeft; }
+
+private:
+    const unsigned char* fAt;
+    std::size_t fLeft;
+};
+
+bool takePiece(sideFileReader& reader, savedTail& tail) {
+    pieceHead own{};
+    if (!reader.take(&own, sizeof own)) return false;
+    if (own.place < 0 || own.size < 0 || static_cast<std::uint64_t>(own.size) > reader.left()) return false;
+    tail.pieces.push_back({own.place, std::vector<unsigned char>(static_cast<std::size_t>(own.size))});
+    return reader.take(tail.pieces.back().bytes.data(), static_cast<std::size_t>(own.size));
+}
+
+// False unless the bytes are a whole side file with its checksum right.
+bool parse(const std::vector<unsigned char>& bytes, savedTail& tail, std::int64_t& identity) {
+    std::int64_t sum = 0;
+    sideFileHead head{};
+    if (bytes.size() < sizeof head + sizeof sum) return false;
+    const std::size_t summed = bytes.size() - sizeof sum;
+    std::memcpy(&sum, bytes.data() + summed, sizeof sum);
+    if (sum != checksum(bytes.data(), summed)) return false;
+    sideFileReader reader(bytes);
+    reader.take(&head, sizeof head);
+    if (head.mark != kSideFileMark) return false;
+    tail = {head.row0Pos, head.fileSize, head.untouchedEnd, {}};
+    identity = head.identity;
+    for (std::int64_t i = 0; i < head.pieceCount; ++i) {
+        if (!takePiece(reader, tail)) return false;
+    }
+    return reader.left() == sizeof sum;
+}
+
+[[noreturn]] void throwFileError(int error, long code, const std::string& name) {
+    platform::setErrno(error);
+    ThrowError::StringSys("datasrc.err", code, name.c_str());
+}
+
+bool openNamed(ORVA_File& file, const std::string& name, const char* mode) {
+    ExtNameStr fileName;
+    fileName.SetGeneric(name);
+    return file.Open(fileName, mode);
+}
+
+}  // namespace
+
+void savePiece(savedTail& tail, ORVA_File& file, std::int64_t place, std::uint32_t size) {
+    savedPiece piece{place, std::vector<unsigned char>(size)};
+    if (!readAll(file, piece.bytes.data(), size, place)) {
+        throw DamagedFileError(file.GetNameStr().GetGeneric(), "ret == size",
+                               "it ends before offset " + std::to_string(place + size));
+    }
+    tail.pieces.push_back(std::move(piece));
+}
+
+void restoreTail(ORVA_File& file, const savedTail& tail) {
+    if (file.Size() > tail.fileSize) file.Truncate(tail.fileSize);
+    for (const savedPiece& piece : tail.pieces) {
+        writeAll(file, piece.bytes.data(), piece.bytes.size(), piece.place);
+    }
+}
+
+void syncName(const std::string& name) {
+    if (platform::syncDirectoryOf(name.c_str()) != 0) throwFileError(errno, kWriteFailed, name);
+}
+
+std::string sideFileName(const std::string& dataName) {
+    return dataName + ".orva-undo";
+}
+
+void refuseSideFile(const std::string& dataName) {
+    const std::string name = sideFileName(dataName);
+    ORVA_File side;
+    if (!openNamed(side, name, "rb")) return;
+    throw FileError(EEXIST, "datasrc.err", kWriteFailed, name.c_str())
+        .withOutcome("an append to \"" + dataName + "\" was interrupted and has to be rolled back first");
+}
+
+void writeSideFile(ORVA_File& file, const savedTail& tail) {
+    const std::string name = sideFileName(file.GetNameStr().GetGeneric());
+    ORVA_File side;
+    if (!openNamed(side, name, "w+b")) throwFileError(side.OpenErrno(), kWriteFailed, name);
+    try {
+        const std::vector<unsigned char> bytes = serialize(tail, identityOf(file, tail));
+        writeAll(side, bytes.data(), bytes.size(), 0);
+        side.Sync();
+        side.Close();
+        syncName(name);
+    } catch (...) {
+        platform::removeFile(name.c_str());
+        throw;
+    }
+}
+
+void removeSideFile(const std::string& dataName) {
+    const std::string name = sideFileName(dataName);
+    if (platform::removeFile(name.c_str()) != 0 && errno != ENOENT) throwFileError(errno, kWriteFailed, name);
+    syncName(name);
+}
+
+sideFileState readSideFile(const std::string& dataName, ORVA_File& file, savedTail& tail) {
+    const std::string name = sideFileName(dataName);
+    ORVA_File side;
+    if (!openNamed(side, name, "rb")) {
+        if (side.OpenErrno() == ENOENT) return sideFileState::absent;
+        throwFileError(side.OpenErrno(), kReadFailed, name);
+    }
+    std::vector<unsigned char> bytes(static_cast<std::size_t>(side.Size()));
+    std::int64_t identity = 0;
+    if (!readAll(side, bytes.data(), bytes.size(), 0)) return sideFileState::unfinished;
+    if (!parse(bytes, tail, identity)) return sideFileState::unfinished;
+    if (identity != identityOf(file, tail)) {
+        throw DamagedFileError(name, "identity", "it belongs to another file than \"" + dataName + "\"; remove it");
+    }
+    return sideFileState::whole;
+}
+
+}  // namespace orva

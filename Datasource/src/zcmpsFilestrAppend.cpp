@@ -1,0 +1,124 @@
+// Resuming a finished part at its end: the rows of a short last block come back into the buffer, and everything that
+// the append will overwrite is kept until the new heading is in its place.
+#include "assertion.h"
+#include "fileCodes.h"
+#include "indexTransfer.h"
+#include "zcmpsFilestrData.h"
+
+#include <orva/errtext.h>
+
+namespace {
+
+std::exception_ptr withOutcome(const std::exception_ptr& failure, const char* outcome) noexcept {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const FileError& error) {
+        try {
+            return std::make_exception_ptr(error.withOutcome(outcome));
+        } catch (...) {
+            return failure;
+        }
+    } catch (...) {
+        return failure;
+    }
+}
+
+}  // namespace
+
+void zcmpsFilestr::setFileToAppend(std::int64_t endpos, bool swap) {
+    ORVA_ASSERT(!fData->bClosed, "fData->bClosed == false");
+    ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
+    beginWriting([&] {
+        refuseEncrypted(kWriteFailed);
+        reopenForWriting("fData->pRealFile.Open(GetNameStr(),\"r+b\")", __LINE__);
+        auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
+        fData->resume(endpos, fFilePos, swap, *index);
+        fpPosInfo = std::move(index);
+        fData->fpPosInfo = fpPosInfo.get();
+        fData->fMultiThread = 0;
+    });
+}
+
+void zcmpsFilestr::Data::resume(std::int64_t endpos, std::int64_t filePos, bool swap, filePosInfo& index) {
+    orva::refuseSideFile(pRealFile.GetNameStr().GetGeneric());
+    const compressionHeading chInfo = orva::readHeading(
+        pRealFile, fRow0Pos, swap, "pos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
+    const std::unique_ptr<unsigned char[]> bytes = orva::readIndex(pRealFile, chInfo, swap);
+    const filePosRecord bInfo = index.parseForAppend(bytes.get(), swap);
+    const std::uint32_t count = index.parsedCount();
+    orva::checkForAppend(pRealFile, chInfo, reinterpret_cast<const filePosRecord*>(bytes.get() + kRecordSize), count);
+
+    clearBuffer();
+    fTransferEnd = chInfo._indexPos + chInfo._size;
+    const bool empty = bInfo.orginalPos == kFirstRecordMark;
+    const bool full = !empty && bInfo.orginalSize == static_cast<std::int32_t>(kBlockSize);
+    if (empty) {
+        fpos = chInfo._caseStartPos;
+        fCompressedPos = chInfo._caseStartPos + kHeadingSize;
+    } else if (full) {
+        resumeBehind(bInfo, endpos, index);
+    } else {
+        ORVA_ASSERT(filePos == endpos, "fFilePos == endpos");
+        resumeInBlock(bInfo, count - 1, endpos);
+    }
+    saveTail(chInfo, empty || full ? 0 : static_cast<std::uint32_t>(bInfo.translateSize));
+    if (bSafeAppend) orva::writeSideFile(pRealFile, *fTail);
+}
+
+void zcmpsFilestr::Data::resumeBehind(const filePosRecord& bInfo, std::int64_t endpos, filePosInfo& index) {
+    index.addRecord(bInfo.orginalPos, bInfo.translatePos, bInfo.orginalSize, bInfo.translateSize);
+    fpos = bInfo.orginalPos + bInfo.orginalSize;
+    fCompressedPos = bInfo.translatePos + bInfo.translateSize;
+    if (fpos == endpos) return;
+    // Another process may have appended since the caller read the index, so this is no breach.
+    throw DamagedFileError(pRealFile.GetNameStr().GetGeneric(), "fData->fpos == endpos",
+                           "its rows end at logical position " + std::to_string(fpos) + " instead of " +
+                               std::to_string(endpos) + "; read it again");
+}
+
+void zcmpsFilestr::Data::resumeInBlock(const filePosRecord& bInfo, std::uint32_t number, std::int64_t endpos) {
+    ORVA_ASSERT(endpos >= bInfo.orginalPos && endpos <= bInfo.orginalPos + bInfo.orginalSize,
+                "endpos inside the last block");
+    orva::readBlock({pRealFile, fCompressor, fCompressedBuffer}, {bInfo, number, std::nullopt, pRealFile.Size()},
+                    fBuffer);
+    fpos = bInfo.orginalPos;
+    fCompressedPos = bInfo.translatePos;
+    fTransferEnd = bInfo.translatePos + bInfo.translateSize;
+    fpCurrent = fBuffer + (endpos - fpos);
+    availBuffSize = static_cast<std::uint32_t>(kBlockSize - (endpos - fpos));
+}
+
+void zcmpsFilestr::Data::saveTail(const compressionHeading& heading, std::uint32_t rewrittenBlock) {
+    orva::savedTail tail{fRow0Pos, pRealFile.Size(), fCompressedPos, {}};
+    if (rewrittenBlock != 0) orva::savePiece(tail, pRealFile, fCompressedPos, rewrittenBlock);
+    orva::savePiece(tail, pRealFile, heading._indexPos, static_cast<std::uint32_t>(heading._size));
+    orva::savePiece(tail, pRealFile, fRow0Pos, kHeadingSize);
+    fTail = std::move(tail);
+}
+
+std::exception_ptr zcmpsFilestr::Data::undoAppend(const std::exception_ptr& failure) {
+    const orva::savedTail tail = std::move(*fTail);
+    fTail.reset();
+    try {
+        orva::restoreTail(pRealFile, tail);
+        if (bSafeAppend) {
+            pRealFile.Sync();
+            orva::removeSideFile(pRealFile.GetNameStr().GetGeneric());
+        }
+    } catch (...) {
+        const char* outcome = "the rows that the file held before could not be put back: 'orva recover' gets them";
+        return withOutcome(failure != nullptr ? failure : std::current_exception(), outcome);
+    }
+    return failure == nullptr ? nullptr : withOutcome(failure, "the file holds the rows that it held before");
+}
+
+// The heading is in its place: from here on the new rows count.
+void zcmpsFilestr::Data::commitAppend() {
+    fTail.reset();
+    if (!bSafeAppend) return;
+    try {
+        orva::removeSideFile(pRealFile.GetNameStr().GetGeneric());
+    } catch (const FileError& error) {
+        throw error.withOutcome("the append itself is complete: remove this file, or a roll-back drops the new rows");
+    }
+}
