@@ -331,6 +331,13 @@ int removeFile(const char* name) noexcept {
     return rawUnlink(name);
 }
 
+bool sameFile(const char* name, const char* otherName) noexcept {
+    struct stat one {};
+    struct stat other {};
+    return stat(name, &one) == 0 && stat(otherName, &other) == 0 && one.st_dev == other.st_dev &&
+           one.st_ino == other.st_ino;
+}
+
 int truncateFile(int descriptor, std::int64_t length) noexcept {
     return restarted([&] { return rawTruncate(descriptor, length); });
 }

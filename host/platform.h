@@ -69,6 +69,9 @@ ORVA_HOST_API int renameFile(const char* from, const char* to) noexcept;
 
 ORVA_HOST_API int removeFile(const char* name) noexcept;
 
+// Both names lead to one file that exists.
+ORVA_HOST_API bool sameFile(const char* name, const char* otherName) noexcept;
+
 // Cuts the file to `length`, or extends it with zeros. The position stays.
 ORVA_HOST_API int truncateFile(int descriptor, std::int64_t length) noexcept;
 

@@ -2,6 +2,7 @@
 
 #include "blockTransfer.h"
 #include "fileCodes.h"
+#include "namedFile.h"
 
 #include <orva/compressedLayout.h>
 #include <orva/errors.h>
@@ -118,17 +119,6 @@ bool parse(const std::vector<unsigned char>& bytes, savedTail& tail, std::int64_
     return reader.left() == sizeof sum;
 }
 
-[[noreturn]] void throwFileError(int error, long code, const std::string& name) {
-    platform::setErrno(error);
-    ThrowError::StringSys("datasrc.err", code, name.c_str());
-}
-
-bool openNamed(ORVA_File& file, const std::string& name, const char* mode) {
-    ExtNameStr fileName;
-    fileName.SetGeneric(name);
-    return file.Open(fileName, mode);
-}
-
 }  // namespace
 
 void savePiece(savedTail& tail, ORVA_File& file, std::int64_t place, std::uint32_t size) {
@@ -166,7 +156,7 @@ void refuseSideFile(const std::string& dataName) {
 void writeSideFile(ORVA_File& file, const savedTail& tail) {
     const std::string name = sideFileName(file.GetNameStr().GetGeneric());
     ORVA_File side;
-    if (!openNamed(side, name, "w+b")) throwFileError(side.OpenErrno(), kWriteFailed, name);
+    openOrThrow(side, name, "w+b", kWriteFailed);
     try {
         const std::vector<unsigned char> bytes = serialize(tail, identityOf(file, tail));
         writeAll(side, bytes.data(), bytes.size(), 0);

@@ -4,13 +4,12 @@
 #include "fileCodes.h"
 #include "filePosInfo.h"
 #include "indexTransfer.h"
+#include "namedFile.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
-#include <orva/errtext.h>
 #include <orva/file.h>
 #include <orva/inspect.h>
-#include <orva/platform.h>
 #include <orva/zlibCompress.h>
 
 #include <algorithm>
@@ -19,18 +18,6 @@
 namespace orva {
 
 namespace {
-
-void openNamed(ORVA_File& file, const std::string& name, const char* mode, long code) {
-    ExtNameStr fileName;
-    fileName.SetGeneric(name);
-    if (file.Open(fileName, mode)) return;
-    platform::setErrno(file.OpenErrno());
-    ThrowError::StringSys("datasrc.err", code, name.c_str());
-}
-
-void openForReading(ORVA_File& file, const std::string& name) {
-    openNamed(file, name, "rb", kReadFailed);
-}
 
 bool couldPointToIndex(const compressionHeading& heading) {
     return heading._size >= kRecordSize && heading._size % kRecordSize == 0 && (heading._size >> 32) == 0 &&
@@ -98,13 +85,13 @@ void refuseTornFile(const std::string& name) {
 
 std::optional<foundPart> findPart(const std::string& name) {
     ORVA_File file;
-    openForReading(file, name);
+    openOrThrow(file, name, "rb", kReadFailed);
     return headingSearch(file).run();
 }
 
 struct finishedPart::state {
     state(const std::string& name, foundPart part) : fIndex(kBlockSize, name), bSwapped(part.swapped) {
-        openForReading(fFile, name);
+        openOrThrow(fFile, name, "rb", kReadFailed);
         fHeading = readHeading(fFile, part.row0Pos, bSwapped, "Analyze dictionary part error!");
         fIndex.limitPlaces(fFile.Size());
         fIndex.parseForRead(readIndex(fFile, fHeading, bSwapped).get(), bSwapped);
@@ -158,7 +145,7 @@ void finishedPart::verifyBlock(std::uint32_t number) {
 
 rollBackResult rollBack(const std::string& name) {
     ORVA_File file;
-    openNamed(file, name, "r+b", kWriteFailed);
+    openOrThrow(file, name, "r+b", kWriteFailed);
     savedTail tail;
     const sideFileState found = readSideFile(name, file, tail);
     if (found == sideFileState::absent) return rollBackResult::nothingToDo;

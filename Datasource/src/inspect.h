@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace orva {
 
@@ -50,6 +51,38 @@ private:
     struct state;
     std::unique_ptr<state> fState;
 };
+
+struct recoverOptions {
+    std::optional<foundPart> part;  // where the compressed part begins, if the caller knows it
+    bool onlyCommitted = false;     // nothing that an interrupted append has added behind the old index
+    bool dropLost = false;          // close the gaps instead of filling them with zeros
+};
+
+// A range of logical positions whose rows are lost.
+struct lostRange {
+    std::int64_t begin;
+    std::int64_t end;
+    std::int64_t place;  // file offset where they should have stood
+    bool estimated;      // no index tells how many rows stood there: taken as whole blocks
+    std::string why;
+};
+
+struct recoverReport {
+    foundPart part{};
+    bool hadHeading = false;
+    bool hadIndex = false;
+    std::uint32_t blocks = 0;        // recovered
+    std::int64_t rows = 0;           // bytes of rows recovered
+    std::int64_t committedRows = 0;  // bytes of rows, lost ones included, that heading or index vouch for
+    bool lastRewritten = false;      // the last block that the heading vouches for was rewritten by an append
+    std::vector<lostRange> lost;     // ascending; positions of the damaged file
+};
+
+// Writes what can be read of the part in `name` into a new finished file `output`, behind a copy of the dictionary
+// part. Goes by the index where there is one, else from block to block, stepping over what is damaged to the next
+// complete block. Lost rows become zeros, so that positions stay. Never writes to `name`. DamagedFileError when not one
+// block can be found; FileError from either file. docs/recovery.md tells what can and cannot come back.
+ORVA_API recoverReport recover(const std::string& name, const std::string& output, const recoverOptions& options);
 
 enum class rollBackResult : std::uint8_t {
     nothingToDo,    // there is no side file

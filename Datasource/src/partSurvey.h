@@ -1,0 +1,74 @@
+// partSurvey: where the blocks of a damaged or unfinished part stand, as far as its heading, its index, or the blocks
+// themselves tell. A block needs no index to be found: it is one zlib stream, which says itself where it ends and
+// whether it is whole.
+//
+// Owner:   the caller owns the file; a survey owns three blocks of memory and its findings.
+// Threads: one at a time.
+// Failure: FileError from the disk.
+#pragma once
+
+#include "blockBuffer.h"
+
+#include <orva/file.h>
+#include <orva/inspect.h>
+#include <orva/zlibCompress.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orva {
+
+// A stretch of rows: one block, or rows that are lost.
+struct surveySegment {
+    std::int64_t size;     // bytes of rows
+    std::int64_t place;    // file offset of the block, or where the lost one should stand
+    std::uint32_t length;  // of the block in the file; 0: lost
+    bool estimated;        // the size of a lost stretch is a guess
+    std::string why;       // it is lost
+};
+
+class partSurvey {
+public:
+    explicit partSurvey(ORVA_File& file);
+
+    // Fills the findings below. False when not even the part's place can be told.
+    bool run(const recoverOptions& options);
+    // Inflates the segment's block: its rows, valid until the next call; null when it cannot be.
+    const unsigned char* rowsOf(const surveySegment& segment);
+
+    foundPart part{};
+    bool hadHeading = false;
+    bool hadIndex = false;
+    bool lastRewritten = false;
+    std::int64_t committedRows = 0;
+    std::vector<surveySegment> segments;
+
+private:
+    struct stream {
+        std::uint32_t rows;
+        std::uint32_t length;
+    };
+
+    std::optional<foundPart> locate(const recoverOptions& options);
+    bool readByIndex();
+    void takeRecord(const filePosRecord& record, std::int64_t size, std::int64_t expectedPlace);
+    void walk(bool onlyCommitted);
+    void commitWalked();
+
+    std::optional<stream> streamAt(std::int64_t place);
+    std::optional<stream> inflateFrom(const unsigned char* bytes, std::uint32_t count);
+    std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end);
+    bool indexStandsAt(std::int64_t place);
+
+    ORVA_File& fFile;
+    const std::int64_t fFileSize;
+    compressionHeading fHeading{};
+    zlibCompressBlock fCodec;
+    blockBuffer fCompressed;
+    blockBuffer fWindow;
+    blockBuffer fRows;
+};
+
+}  // namespace orva
