@@ -1,10 +1,15 @@
 #include "../assertion.h"
+#include "fastCodec.h"
 
 #include <orva/zlibCompress.h>
 
 #include <zlib.h>
 
+#include <algorithm>
+
 namespace {
+
+constexpr unsigned char kFullWindow = 0x78;  // a zlib header's first byte
 
 blockOutcome::End endOf(int answer) {
     switch (answer) {
@@ -43,27 +48,40 @@ std::int32_t zlibCompressBlock::runCall(direction way, unsigned char* from, std:
 
 blockOutcome zlibCompressBlock::deflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                              std::uint32_t room) {
-    souce = from;
-    inCount = size;
-    dest = to;
-    outCount = room;
-    return runBlock(Z_BEST_SPEED, compress, Z_FINISH);
+    return runBlock(compress, from, size, to, room);
 }
 
 blockOutcome zlibCompressBlock::inflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                              std::uint32_t room) {
+    return runBlock(decompress, from, size, to, room);
+}
+
+std::uint32_t zlibCompressBlock::compressRoom(std::uint32_t size) {
+    return std::max(static_cast<std::uint32_t>(compressBound(size)), orva::fastDeflateRoom(size));
+}
+
+blockOutcome zlibCompressBlock::runBlock(direction way, const unsigned char* from, std::uint32_t size,
+                                         unsigned char* to, std::uint32_t room) {
     souce = from;
     inCount = size;
     dest = to;
     outCount = room;
-    return runBlock(Z_BEST_SPEED, decompress, Z_FINISH);
+    const std::optional<blockOutcome> outcome = runFast(way);
+    return outcome ? *outcome : runZlib(Z_BEST_SPEED, way, Z_FINISH);
 }
 
-std::uint32_t zlibCompressBlock::compressRoom(std::uint32_t size) {
-    return static_cast<std::uint32_t>(compressBound(size));
+// Only a stream of the full window goes the fast way in: for a smaller one zlib alone refuses what reaches too far
+// back.
+std::optional<blockOutcome> zlibCompressBlock::runFast(direction way) {
+    if (souce == nullptr || dest == nullptr || inCount == 0) return std::nullopt;
+    if (way == decompress && souce[0] != kFullWindow) return std::nullopt;
+    const auto result = way == compress ? orva::fastDeflate(souce, inCount, dest, outCount)
+                                        : orva::fastInflate(souce, inCount, dest, outCount);
+    if (!result) return std::nullopt;
+    return blockOutcome{blockOutcome::complete, result->produced, result->consumed};
 }
 
-blockOutcome zlibCompressBlock::runBlock(int level, direction way, int flush) {
+blockOutcome zlibCompressBlock::runZlib(int level, direction way, int flush) {
     z_stream stream{};
     if ((way == compress ? deflateInit(&stream, level) : inflateInit(&stream)) != Z_OK) {
         return {blockOutcome::notStarted, 0, 0};

@@ -1,0 +1,42 @@
+// The fast engines behind zlibCompressBlock: the same streams in less time. Built with ORVA_FAST_CODEC.
+//
+// Both answer only when they end in a whole stream that fits. In every other case (no room, damaged input, no memory)
+// they give nothing, and zlib's road answers, so that results, counts and failures are zlib's.
+//
+// Threads: any; each thread keeps its engine's state, some 400 KB, until it ends.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace orva {
+
+struct fastResult {
+    std::uint32_t produced;
+    std::uint32_t consumed;
+};
+
+#if ORVA_FAST_CODEC
+
+std::optional<fastResult> fastDeflate(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                      std::uint32_t room) noexcept;
+std::optional<fastResult> fastInflate(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                      std::uint32_t room) noexcept;
+// Room in which fastDeflate ends whatever the block holds.
+std::uint32_t fastDeflateRoom(std::uint32_t size) noexcept;
+
+#else
+
+inline std::optional<fastResult> fastDeflate(const unsigned char*, std::uint32_t, unsigned char*, std::uint32_t) {
+    return std::nullopt;
+}
+inline std::optional<fastResult> fastInflate(const unsigned char*, std::uint32_t, unsigned char*, std::uint32_t) {
+    return std::nullopt;
+}
+inline std::uint32_t fastDeflateRoom(std::uint32_t) {
+    return 0;
+}
+
+#endif
+
+}  // namespace orva
