@@ -21,6 +21,7 @@ namespace {
 
 constexpr std::int64_t kSideFileMark = 0x3150504156524f2e;  // ".ORVAPP1" on disk; another byte order reads otherwise
 constexpr std::int64_t kIdentityBytes = 4096;
+constexpr std::int64_t kOverheadBytes = 4096;  // more than what stands between the pieces
 
 struct sideFileHead {
     std::int64_t mark;
@@ -111,7 +112,7 @@ bool parse(const std::vector<unsigned char>& bytes, savedTail& tail, std::int64_
     sideFileReader reader(bytes);
     reader.take(&head, sizeof head);
     if (head.mark != kSideFileMark) return false;
-    tail = {head.row0Pos, head.fileSize, head.untouchedEnd, {}};
+    tail = {head.row0Pos, head.fileSize, head.untouchedEnd, {}, true};
     identity = head.identity;
     for (std::int64_t i = 0; i < head.pieceCount; ++i) {
         if (!takePiece(reader, tail)) return false;
@@ -148,7 +149,7 @@ std::string sideFileName(const std::string& dataName) {
 void refuseSideFile(const std::string& dataName) {
     const std::string name = sideFileName(dataName);
     ORVA_File side;
-    if (!openNamed(side, name, "rb")) return;
+    if (!openNamed(side, name, "rb") && side.OpenErrno() == ENOENT) return;
     throw FileError(EEXIST, "datasrc.err", kWriteFailed, name.c_str())
         .withOutcome("an append to \"" + dataName + "\" was interrupted and has to be rolled back first");
 }
@@ -175,6 +176,12 @@ void removeSideFile(const std::string& dataName) {
     syncName(name);
 }
 
+void dropSideFile(const std::string& dataName) {
+    const std::string name = sideFileName(dataName);
+    if (platform::removeFile(name.c_str()) == 0) return syncName(name);
+    if (errno != ENOENT) throwFileError(errno, kWriteFailed, name);
+}
+
 sideFileState readSideFile(const std::string& dataName, ORVA_File& file, savedTail& tail) {
     const std::string name = sideFileName(dataName);
     ORVA_File side;
@@ -182,12 +189,16 @@ sideFileState readSideFile(const std::string& dataName, ORVA_File& file, savedTa
         if (side.OpenErrno() == ENOENT) return sideFileState::absent;
         throwFileError(side.OpenErrno(), kReadFailed, name);
     }
+    // It holds pieces of a file that an append only ever lengthens.
+    if (side.Size() > file.Size() + kOverheadBytes) {
+        throw DamagedFileError(name, "size", "it is longer than \"" + dataName + "\" could make it");
+    }
     std::vector<unsigned char> bytes(static_cast<std::size_t>(side.Size()));
     std::int64_t identity = 0;
     if (!readAll(side, bytes.data(), bytes.size(), 0)) return sideFileState::unfinished;
     if (!parse(bytes, tail, identity)) return sideFileState::unfinished;
     if (identity != identityOf(file, tail)) {
-        throw DamagedFileError(name, "identity", "it belongs to another file than \"" + dataName + "\"; remove it");
+        throw DamagedFileError(name, "identity", "it does not belong to \"" + dataName + "\" as that is now; nothing was changed");
     }
     return sideFileState::whole;
 }

@@ -25,6 +25,7 @@ struct savedTail {
     std::int64_t fileSize = 0;       // of the file before the append
     std::int64_t untouchedEnd = 0;   // the append overwrites nothing before this but the heading
     std::vector<savedPiece> pieces;  // in file order, but the heading last
+    bool inSideFile = false;
 };
 
 // Adds the `size` bytes at `place`, read from the file.
@@ -38,7 +39,8 @@ void syncName(const std::string& name);
 
 std::string sideFileName(const std::string& dataName);
 
-// EEXIST if there is a side file: an append was interrupted, and its roll-back comes first.
+// EEXIST if there is a side file, whether it can be read or not: an append was interrupted, and its roll-back comes
+// first.
 void refuseSideFile(const std::string& dataName);
 
 // Writes the side file of `file` and makes it durable.
@@ -46,6 +48,10 @@ void writeSideFile(ORVA_File& file, const savedTail& tail);
 
 // Removes it, durably. One that is not there is no failure.
 void removeSideFile(const std::string& dataName);
+
+// The same for a part that begins anew: to roll back what is left of its former life would destroy the new rows. Costs
+// nothing where there is none.
+void dropSideFile(const std::string& dataName);
 
 enum class sideFileState : std::uint8_t {
     absent,

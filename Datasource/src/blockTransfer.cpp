@@ -20,28 +20,15 @@ namespace {
 // The file takes less than 2 GiB at a time, and an index can be twice as long.
 constexpr std::uint32_t kLongestTransfer = 1U << 30;
 
-std::uint32_t deflateInto(const writeRoad& road, const unsigned char* block, std::uint32_t size) {
-    const blockOutcome outcome = road.codec.deflateWhole(block, size, road.scratch, deflateRoom());
+std::uint32_t deflateInto(zlibCompressBlock& codec, const unsigned char* block, std::uint32_t size, unsigned char* to) {
+    const blockOutcome outcome = codec.deflateWhole(block, size, to, zlibCompressBlock::compressRoom(size));
     if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
     ORVA_ASSERT(outcome.end == blockOutcome::complete, "ret != 0");
     return outcome.produced;
 }
 
-void addRecord(filePosInfo& index, std::int64_t pos, std::int64_t place, std::uint32_t size, std::uint32_t deflated) {
-    index.addRecord(pos, place, static_cast<std::int32_t>(size), static_cast<std::int32_t>(deflated));
-}
-
-// Both halves fit: deflate adds some thousands of bytes at most, and a half leaves room for two millions.
-std::int64_t writeHalves(const writeRoad& road, const unsigned char* block, std::uint32_t size, std::int64_t pos,
-                         std::int64_t place) {
-    const std::uint32_t half = size / 2;
-    const std::uint32_t first = deflateInto(road, block, half);
-    writeAll(road.file, road.scratch, first, place);
-    const std::uint32_t second = deflateInto(road, block + half, size - half);
-    writeAll(road.file, road.scratch, second, place + first);
-    addRecord(road.index, pos, place, half, first);
-    addRecord(road.index, pos + half, place + first, size - half, second);
-    return place + first + second;
+void addRecord(filePosInfo& index, std::int64_t pos, std::int64_t place, std::uint32_t size, std::uint32_t length) {
+    index.addRecord(pos, place, static_cast<std::int32_t>(size), static_cast<std::int32_t>(length));
 }
 
 [[noreturn]] void refuse(const readRoad& road, const blockPlace& block, const char* check, const std::string& what) {
@@ -72,17 +59,39 @@ void checkRecord(const readRoad& road, const blockPlace& block) {
 }  // namespace
 
 std::uint32_t deflateRoom() {
-    static const std::uint32_t room = zlibCompressBlock::compressRoom(kBlockSize);
+    static const std::uint32_t room =
+        std::max(zlibCompressBlock::compressRoom(kBlockSize), 2 * zlibCompressBlock::compressRoom(kBlockSize / 2));
     return room;
+}
+
+// Both halves of a block that does not fit do: deflate adds some thousands of bytes at most, and a half leaves room for
+// two millions.
+deflatedBlock deflateBlock(zlibCompressBlock& codec, const unsigned char* block, std::uint32_t size,
+                           unsigned char* scratch) {
+    const std::uint32_t whole = deflateInto(codec, block, size, scratch);
+    if (whole <= kBlockSize) return {size, whole, 0, 0};
+    const std::uint32_t half = size / 2;
+    const std::uint32_t first = deflateInto(codec, block, half, scratch);
+    const std::uint32_t second = deflateInto(codec, block + half, size - half, scratch + first);
+    return {half, first, size - half, second};
+}
+
+std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBlock& deflated,
+                           const unsigned char* scratch, std::int64_t pos, std::int64_t place) {
+    const std::int64_t secondPlace = place + deflated.length;
+    writeAll(file, scratch, deflated.length, place);
+    if (deflated.secondRows != 0) writeAll(file, scratch + deflated.length, deflated.secondLength, secondPlace);
+    addRecord(index, pos, place, deflated.rows, deflated.length);
+    if (deflated.secondRows != 0) {
+        addRecord(index, pos + deflated.rows, secondPlace, deflated.secondRows, deflated.secondLength);
+    }
+    return secondPlace + deflated.secondLength;
 }
 
 std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::uint32_t size, std::int64_t pos,
                         std::int64_t place) {
-    const std::uint32_t deflated = deflateInto(road, block, size);
-    if (deflated > kBlockSize) return writeHalves(road, block, size, pos, place);
-    writeAll(road.file, road.scratch, deflated, place);
-    addRecord(road.index, pos, place, size, deflated);
-    return place + deflated;
+    const deflatedBlock deflated = deflateBlock(road.codec, block, size, road.scratch);
+    return writeDeflated(road.file, road.index, deflated, road.scratch, pos, place);
 }
 
 void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place) {

@@ -19,8 +19,25 @@
 
 namespace orva {
 
-// Room for the longest zlib stream that a block can become.
+// Room for the longest zlib streams that a block can become.
 std::uint32_t deflateRoom();
+
+// A block deflated: one zlib stream, or two for its halves where one would pass the format's limit.
+struct deflatedBlock {
+    std::uint32_t rows;        // of the first stream
+    std::uint32_t length;      // of the first stream
+    std::uint32_t secondRows;  // 0: there is no second
+    std::uint32_t secondLength;
+};
+
+// Deflates the `size` bytes (1 to kBlockSize) of `block` into `scratch`, which has deflateRoom() bytes.
+deflatedBlock deflateBlock(zlibCompressBlock& codec, const unsigned char* block, std::uint32_t size,
+                           unsigned char* scratch);
+
+// Writes what deflateBlock made at the file offset `place` and adds its record, or its two records after both writes;
+// `pos` is the block's logical position. Gives the file offset behind what it wrote.
+std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBlock& deflated,
+                           const unsigned char* scratch, std::int64_t pos, std::int64_t place);
 
 // What writing a block takes: `scratch` has deflateRoom() bytes.
 struct writeRoad {
@@ -30,9 +47,7 @@ struct writeRoad {
     unsigned char* scratch;
 };
 
-// Deflates the block of `size` bytes (1 to kBlockSize) at logical position `pos`, writes it at the file offset `place`
-// and adds its record. A block that does not fit the format's limit is written as two halves with a record each; the
-// records come after both writes. Gives the file offset behind what it wrote.
+// Both.
 std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::uint32_t size, std::int64_t pos,
                         std::int64_t place);
 

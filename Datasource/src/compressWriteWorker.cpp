@@ -23,7 +23,7 @@ std::uint32_t PreIOThread_W_C::putBlock(const void* buffer, std::uint32_t size, 
         semFreeSlot.postSemaphore();
         std::rethrow_exception(fFailure);
     }
-    std::memcpy(pInBuffer.get(), buffer, size);
+    if (size != 0) std::memcpy(pInBuffer.get(), buffer, size);
     stCurSize = size;
     semRequest.postSemaphore();
     return size;

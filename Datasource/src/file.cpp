@@ -54,13 +54,11 @@ ORVA_File::ORVA_File(const ORVA_File& other) : ORVA_RefCntObject(other), fEncryp
 
 ORVA_File::~ORVA_File() {
     try {
-        if (fProcess == platform::processId()) {
-            Close();
-        } else if (IsOpen()) {
-            platform::_close(fDescriptor);
-        }
+        if (fProcess == platform::processId()) Close();
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell.
     }
+    // A failed close leaves the descriptor, and the writer's lock with it. A forked child closes without the mutex.
+    if (IsOpen()) platform::_close(fDescriptor);
 }
 
 bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
@@ -74,10 +72,14 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
             ModeHasChar(mode, 'a') ? std::max<std::int64_t>(platform::_lseeki64(fDescriptor, 0, SEEK_END), 0) : 0;
         fMustSeek = false;
     }
-    fGood = IsOpen();
+    fGood.store(IsOpen(), std::memory_order_relaxed);
     fAtEnd = false;
+    // Bytes that still wait belong to the file before, which is gone. The pad stays known: it may be the same file.
+    fRemainderSize = 0;
+    fFileEnd = -1;
+    fAppends = (accessFlags(mode) & platform::_O_APPEND) != 0;
     fMode = mode;
-    return fGood;
+    return IsOpen();
 }
 
 int ORVA_File::Close() {
@@ -113,6 +115,7 @@ unsigned int ORVA_File::Write(const void* buffer, unsigned int byteSize, std::in
     seekTo(byteOffset, kWriteFailed);
     const unsigned int count = writeDescriptor(buffer, byteSize);
     fPosition = byteOffset + count;
+    if (fAppends) fMustSeek = true;  // the bytes went to the end, wherever that was
     return count;
 }
 
@@ -120,9 +123,20 @@ std::int64_t ORVA_File::Size() const {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
     const std::int64_t size = platform::_lseeki64(fDescriptor, 0, SEEK_END);
-    // The descriptor stands before fPosition while enciphered bytes wait.
-    if (platform::_lseeki64(fDescriptor, fPosition - fRemainderSize, SEEK_SET) == -1) fMustSeek = true;
+    if (platform::_lseeki64(fDescriptor, descriptorPlace(), SEEK_SET) == -1) fMustSeek = true;
     return size;
+}
+
+void ORVA_File::Sync() {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    platform::setErrno(0);
+    if (IsOpen() && platform::syncData(fDescriptor) != 0) fail(kWriteFailed);
+}
+
+void ORVA_File::Truncate(std::int64_t length) {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    platform::setErrno(0);
+    if (IsOpen() && platform::truncateFile(fDescriptor, length) != 0) fail(kWriteFailed);
 }
 
 void ORVA_File::seekTo(std::int64_t byteOffset, long code) {
@@ -145,7 +159,7 @@ unsigned int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSiz
 }
 
 void ORVA_File::fail(long code) {
-    fGood = false;
+    fGood.store(false, std::memory_order_relaxed);
     fMustSeek = true;
     ThrowError::StringSys("datasrc.err", code, fName.GetGeneric().c_str());
 }

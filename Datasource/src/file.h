@@ -14,6 +14,7 @@
 #include <orva/orvaApi.h>
 #include <orva/refCntObject.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -45,14 +46,15 @@ public:
     int Close();
     // The bytes delivered; fewer than asked only at the end of the file.
     unsigned int Read(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    // The bytes taken, which is byteSize, or 0 when closed. On an enciphered file the last 1 to 15 may wait in memory.
+    // The bytes taken, which is byteSize, or 0 when closed. On an enciphered file the last 1 to 15 may wait in memory,
+    // and only such writes are taken as leave every byte in its place (docs/cipher.md): else FileError with EINVAL.
     unsigned int Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    // The length of the file; -1 when the system can't tell (a pipe).
+    // The length of the file on disk, with the pad of an enciphered one; -1 when the system can't tell (a pipe).
     std::int64_t Size() const;
 
     bool IsOpen() const { return fDescriptor != -1; }
-    bool Good() const { return fGood; }
-    void Clear() { fGood = true; }
+    bool Good() const { return fGood.load(std::memory_order_relaxed); }
+    void Clear() { fGood.store(true, std::memory_order_relaxed); }
     std::int64_t Tell() const { return fPosition; }
     const ExtNameStr& GetNameStr() const { return fName; }
     bool IsEncrypted() const { return fEncrypted; }
@@ -62,6 +64,11 @@ public:
     // gives 0.
     unsigned int FinishEncryption();
 
+    // What was written would survive a loss of power. Nothing to do when closed.
+    void Sync();
+    // Cuts the file to `length` bytes, or extends it with zeros. Not for enciphered files.
+    void Truncate(std::int64_t length);
+
 private:
     ORVA_LOCAL unsigned int readPlain(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     ORVA_LOCAL void seekTo(std::int64_t byteOffset, long code);
@@ -70,7 +77,22 @@ private:
     [[noreturn]] ORVA_LOCAL void fail(long code);
     // The enciphered roads, fileCipher.cpp.
     ORVA_LOCAL unsigned int readEncrypted(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    ORVA_LOCAL unsigned int decipher(unsigned char* bytes, unsigned int size, bool atEnd);
+    ORVA_LOCAL unsigned int overlayWaiting(unsigned char* bytes, unsigned int size, unsigned int count,
+                                           std::int64_t byteOffset);
     ORVA_LOCAL unsigned int WriteEncrypted(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    ORVA_LOCAL bool continuesWaiting(std::int64_t byteOffset) const;
+    ORVA_LOCAL void prepareWrite(unsigned int byteSize, std::int64_t byteOffset);
+    ORVA_LOCAL bool mayWrite(unsigned int byteSize, std::int64_t byteOffset);
+    ORVA_LOCAL int heldIn(std::int64_t block);
+    ORVA_LOCAL std::int64_t fileEnd();
+    ORVA_LOCAL std::int64_t descriptorPlace() const;
+    ORVA_LOCAL void seekToBlock(std::int64_t block, std::int64_t byteOffset);
+    ORVA_LOCAL unsigned int joinWaiting(const unsigned char* data, unsigned int size);
+    ORVA_LOCAL void writeBlocksKeepTail(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
+    ORVA_LOCAL unsigned int writeBlocks(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
+    ORVA_LOCAL unsigned int writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset);
+    ORVA_LOCAL unsigned int writePaddedBlock();
     ORVA_LOCAL unsigned int endCipherRun();
 
     // Guarded by fMutex while an operation runs.
@@ -79,13 +101,16 @@ private:
     ExtNameStr fName;
     std::string fMode;
     int fDescriptor = -1;  // Closed exactly when -1.
-    bool fGood = true;
+    std::atomic<bool> fGood{true};  // a worker's failure sets it while the caller asks
     bool fAtEnd = false;
     const bool fEncrypted;
     bool fEncryptStarted = false;
     std::unique_ptr<unsigned char[]> fRemainder;
     int fRemainderSize = 0;
     int fPadSize = 0;
+    std::int64_t fTailPos = 0;   // Where the block belongs whose bytes wait, or that was padded last.
+    std::int64_t fFileEnd = -1;  // Enciphered files, as their writer knows it; -1 until asked for and after a failure.
+    bool fAppends = false;       // The system puts every write at the end of the file, whatever the descriptor says.
     mutable bool fMustSeek = false;  // A transfer failed: where the descriptor stands is not known.
 
     int fOpenErrno = 0;

@@ -16,8 +16,11 @@ namespace {
 constexpr std::size_t kMostRecords = 178'956'969;
 static_assert((kMostRecords + 1) * kRecordSize <= UINT32_MAX && (kMostRecords + 2) * kRecordSize > UINT32_MAX);
 
-bool holds(const filePosRecord& record, std::int64_t pos) {
-    return record.orginalPos <= pos && pos < record.orginalPos + record.orginalSize;
+// A record of a damaged index may reach over the start of the next one; that block is still found by its position.
+bool holds(const filePosRecord* records, std::int64_t number, std::int64_t last, std::int64_t pos) {
+    const filePosRecord& record = records[number];
+    return record.orginalPos <= pos && pos < record.orginalPos + record.orginalSize &&
+           (number == last || pos < records[number + 1].orginalPos);
 }
 
 constexpr filePosRecord kNothing{kNoRecord, 0, 0, 0};
@@ -137,8 +140,8 @@ filePosRecord filePosInfo::findRecord(std::int64_t pos) const {
     if (pos >= records[last].orginalPos + records[last].orginalSize || pos < records[0].orginalPos) return kNothing;
 
     const std::int64_t cursor = std::min<std::int64_t>(fCursor.load(std::memory_order_relaxed), last);
-    if (holds(records[cursor], pos)) return answer(cursor, cursor + 1);
-    if (holds(records[0], pos)) return answer(0, 1);
+    if (holds(records, cursor, last, pos)) return answer(cursor, cursor + 1);
+    if (holds(records, 0, last, pos)) return answer(0, 1);
     if (pos >= records[last].orginalPos) return answer(last, 0);
     // The row-0 position is not subtracted, so the guess is the right record or one that lies above it.
     const std::int64_t guess = std::clamp<std::int64_t>(pos / static_cast<std::int64_t>(fBlockSize), 0, last);
@@ -170,5 +173,5 @@ std::int64_t filePosInfo::searchOutward(std::int64_t guess, std::int64_t pos) co
         const std::int64_t middle = low + (high - low) / 2;
         (records[middle].orginalPos <= pos ? low : high) = middle;
     }
-    return holds(records[low], pos) ? low : -1;
+    return holds(records, low, last, pos) ? low : -1;
 }

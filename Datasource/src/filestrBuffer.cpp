@@ -19,6 +19,15 @@ constexpr std::int64_t sectorFloor(std::int64_t position) {
     return position / kSector * kSector;
 }
 
+// One value is the most frequent request, and a call of memcpy takes longer than the value does.
+inline void copyFew(void* to, const void* from, std::uint32_t size) {
+    if (size == sizeof(std::uint64_t)) {
+        std::memcpy(to, from, sizeof(std::uint64_t));
+    } else {
+        std::memcpy(to, from, size);
+    }
+}
+
 }  // namespace
 
 ORVA_FileStream::Data::Data(bool encrypted) : bEncrypted(encrypted) {}
@@ -35,6 +44,15 @@ void ORVA_FileStream::Data::dropBuffer() {
 }
 
 std::uint32_t ORVA_FileStream::Read(void* buffer, std::uint32_t size) {
+    const bool plainRoad = fPreReading != 0 && fMultiThreadReading <= 0;
+    const unsigned char* source = plainRoad ? fData->servedFromBuffer(fStreamPos, size) : nullptr;
+    if (source == nullptr) return readRequest(buffer, size);
+    fStreamPos += size;
+    copyFew(buffer, source, size);
+    return size;
+}
+
+std::uint32_t ORVA_FileStream::readRequest(void* buffer, std::uint32_t size) {
     if (size == 0 || !DataReady()) return 0;
     ReadRequest request{static_cast<unsigned char*>(buffer), size, fStreamPos};
     if (fPreReading == 0) {
@@ -50,6 +68,17 @@ std::uint32_t ORVA_FileStream::Read(void* buffer, std::uint32_t size) {
 }
 
 std::uint32_t ORVA_FileStream::Write(const void* buffer, std::uint32_t size) {
+    const bool inRange = fStreamPos <= std::numeric_limits<std::int64_t>::max() - size;
+    unsigned char* target = inRange ? fData->takenByBuffer(fStreamPos, size) : nullptr;
+    if (target == nullptr) return writeRequest(buffer, size);
+    fData->fBufferEnd = std::max(fData->fBufferEnd, target + size);
+    fData->bDirty = true;
+    fStreamPos += size;
+    copyFew(target, buffer, size);
+    return size;
+}
+
+std::uint32_t ORVA_FileStream::writeRequest(const void* buffer, std::uint32_t size) {
     if (size == 0 || !DataReady()) return 0;
     if (fStreamPos > std::numeric_limits<std::int64_t>::max() - size) refuseWrite();
     WriteRequest request{static_cast<const unsigned char*>(buffer), size, fStreamPos};
@@ -120,6 +149,8 @@ void ORVA_FileStream::Data::LoadBlock(std::int64_t position) {
 
 void ORVA_FileStream::Data::ReadUnbuffered(ReadRequest& request) {
     if (request._size < kBlockSize) return;
+    // Behind the buffered end of an enciphered file no block begins: the read through the buffer is left with the rest.
+    if (pRealFile->IsEncrypted() && request._pos % CIPHER_BLOCK_SIZE != 0) return;
     Flush();
     // The read stops on a multiple of 512, so that the block read after it starts there.
     const std::int64_t reach =
@@ -156,6 +187,7 @@ std::uint32_t ORVA_FileStream::Data::refill(std::int64_t block) {
     bEndOfFile = count == 0;
     fBufferEnd = fBuffer + count;
     fpos = block;
+    bDirty = false;  // bytes that ClearAndReset dropped do not count
     return count;
 }
 

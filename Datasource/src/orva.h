@@ -14,6 +14,7 @@
 #include <orva/orvaApi.h>
 #include <orva/platform.h>
 #include <orva/refCntObject.h>
+#include <orva/version.h>
 #include <orva/workdir.h>
 #include <orva/zcmpsFilestr.h>
 #include <orva/zlibCompress.h>

@@ -15,8 +15,23 @@ namespace orva {
 
 namespace {
 
-// Deflate shrinks a full block to no less than this.
-constexpr std::int64_t kLeastBlock = kBlockSize / 1032;
+// A zlib stream holds no more rows for each of its bytes, and is no shorter.
+constexpr std::int64_t kBestRatio = 1032;
+constexpr std::int64_t kShortestStream = 9;
+
+bool isBlockSize(std::int64_t size) {
+    return size >= 1 && size <= kBlockSize;
+}
+
+// How many rows the index gives block `i`. The next block's position tells it too, and one of the two can lie.
+std::int64_t recordedSize(const filePosInfo& index, std::uint32_t i) {
+    const filePosRecord& record = index.parsed(i);
+    if (i + 1 < index.parsedCount()) {
+        const std::int64_t distance = index.parsed(i + 1).orginalPos - record.orginalPos;
+        if (isBlockSize(distance)) return distance;
+    }
+    return std::min<std::int64_t>(record.orginalSize, kBlockSize);
+}
 
 // The first two bytes of a zlib stream with the full window, as every writer of this format makes it.
 bool couldBeginStream(const unsigned char* bytes) {
@@ -32,15 +47,16 @@ bool partSurvey::run(const recoverOptions& options) {
     const std::optional<foundPart> found = locate(options);
     if (!found) return false;
     part = *found;
-    try {
-        fHeading = readHeading(fFile, part.row0Pos, part.swapped, "Analyze dictionary part error!");
-        hadHeading = fHeading._size >= kRecordSize && fHeading._indexPos >= part.row0Pos + kHeadingSize;
-    } catch (const DamagedFileError&) {
-        hadHeading = false;
+    takeHeading();
+    filePosInfo index(kBlockSize, fFile.GetNameStr().GetGeneric());
+    if (hadHeading && parseIndex(fHeading, part.swapped, index)) {
+        readByIndex(index);
+        for (std::uint32_t i = 0; i < index.parsedCount(); ++i) committedRows += recordedSize(index, i);
+    } else {
+        walk();
+        commitWalked(options.onlyCommitted);
     }
-    hadIndex = hadHeading && readByIndex();
-    if (!hadIndex) walk(options.onlyCommitted);
-    return true;
+    return hadIndex || !segments.empty() || fCount == 0;
 }
 
 std::optional<foundPart> partSurvey::locate(const recoverOptions& options) {
@@ -51,90 +67,155 @@ std::optional<foundPart> partSurvey::locate(const recoverOptions& options) {
     return foundPart{*first - kHeadingSize, false};
 }
 
-bool partSurvey::readByIndex() {
-    filePosInfo index(kBlockSize, fFile.GetNameStr().GetGeneric());
+void partSurvey::takeHeading() {
     try {
-        index.parseForRead(readIndex(fFile, fHeading, part.swapped).get(), part.swapped);
+        fHeading = readHeading(fFile, part.row0Pos, part.swapped, "Analyze dictionary part error!");
+    } catch (const DamagedFileError&) {
+        return;
+    }
+    const std::int64_t first = part.row0Pos + kHeadingSize;
+    hadHeading = fHeading._size >= kRecordSize && fHeading._indexPos >= first;
+    if (!hadHeading || fHeading._size % kRecordSize != 0) return;
+    const std::int64_t count = fHeading._size / kRecordSize - 1;
+    if (count <= (fHeading._indexPos - first) / kShortestStream) fCount = count;
+}
+
+bool partSurvey::parseIndex(const compressionHeading& heading, bool swapped, filePosInfo& index) {
+    try {
+        index.parseForRead(readIndex(fFile, heading, swapped).get(), swapped);
         if (index.parsedCount() != 0) checkFirstBlock(fFile, index.parsed(0), part.row0Pos);
+        return true;
     } catch (const DamagedFileError&) {
         return false;
     }
-    std::int64_t place = part.row0Pos + kHeadingSize;
-    for (std::uint32_t i = 0; i < index.parsedCount(); ++i) {
-        filePosRecord record = index.parsed(i);
-        const bool last = i + 1 == index.parsedCount();
-        // The next record's position tells the size of this one's rows, whatever its own size says.
-        const std::int64_t size = last ? record.orginalSize : index.parsed(i + 1).orginalPos - record.orginalPos;
-        committedRows += size;
-        takeRecord(record, size, place);
-        place = record.translatePos + record.translateSize;
-    }
-    return true;
 }
 
-// Where the record leads to no block of its size, the place behind the block before may.
-void partSurvey::takeRecord(const filePosRecord& record, std::int64_t size, std::int64_t expectedPlace) {
-    for (const std::int64_t place : {record.translatePos, expectedPlace}) {
+void partSurvey::readByIndex(const filePosInfo& index) {
+    hadIndex = true;
+    segments.clear();
+    fPlace = part.row0Pos + kHeadingSize;
+    bPlaceSure = true;
+    for (std::uint32_t i = 0; i < index.parsedCount(); ++i) {
+        takeRecord(index.parsed(i), recordedSize(index, i), i + 1 == index.parsedCount());
+    }
+}
+
+// Blocks follow each other without gaps. So behind a block that could be read stands the next one, whatever its record
+// says; and a whole stream knows better than its record how long it is.
+void partSurvey::takeRecord(const filePosRecord& record, std::int64_t size, bool last) {
+    const std::int64_t recorded = record.translatePos;
+    for (const std::int64_t place : {bPlaceSure ? fPlace : recorded, bPlaceSure ? recorded : fPlace}) {
         const std::optional<stream> found = streamAt(place);
-        if (!found || found->rows != size) continue;
-        segments.push_back({size, place, found->length, false, {}});
+        if (!found) continue;
+        const bool asRecorded = found->rows == size || std::int64_t{found->length} == record.translateSize;
+        if (!asRecorded && !(bPlaceSure && place == fPlace)) continue;
+        segments.push_back({found->rows, place, found->length, false, {}});
+        if (last) lastRewritten = !asRecorded;
+        fPlace = place + found->length;
+        bPlaceSure = true;
         return;
     }
-    segments.push_back({size, record.translatePos, 0, false, "its block is damaged"});
+    segments.push_back({size, recorded, 0, false, "its block is damaged"});
+    fPlace = recorded <= fFileSize ? recorded + record.translateSize : 0;
+    bPlaceSure = false;
 }
 
-// From block to block, each telling where it ends.
-void partSurvey::walk(bool onlyCommitted) {
+// From block to block, each telling where it ends. Where that ends, an index may still tell of what comes then.
+void partSurvey::walk() {
     std::int64_t place = part.row0Pos + kHeadingSize;
+    bool searched = false;
     while (place < fFileSize) {
-        if (onlyCommitted && place >= (hadHeading ? fHeading._indexPos : 0)) break;
         if (const std::optional<stream> found = streamAt(place)) {
             segments.push_back({found->rows, place, found->length, false, {}});
             place += found->length;
             continue;
         }
+        if (!searched && readByLaterIndex(place)) return;
+        searched = true;
         // What stands behind the old index is there only as far as it joins on.
-        if (indexStandsAt(place) || (hadHeading && place >= fHeading._indexPos)) break;
+        if (hadHeading && place >= fHeading._indexPos) return;
         const std::optional<std::int64_t> next = nextStream(place + 1, fFileSize);
-        if (!next) break;
-        segments.push_back({kBlockSize, place, 0, true, "its block is damaged, and no index tells its size"});
+        if (!next) return;
+        segments.push_back({std::min<std::int64_t>(kBlockSize, (*next - place) * kBestRatio), place, 0, true,
+                            "its block is damaged, and no index tells its size"});
         place = *next;
     }
-    if (hadHeading) commitWalked();
+}
+
+// The first index from `from` on that tells of the blocks seen so far what they told themselves.
+bool partSurvey::readByLaterIndex(std::int64_t from) {
+    for (std::int64_t at = from; at + kRecordSize <= fFileSize;) {
+        const std::uint32_t count = fFile.Read(fWindow.get(), kBlockSize, at);
+        if (count < kRecordSize) break;
+        for (std::uint32_t i = 0; i + kRecordSize <= count; ++i) {
+            filePosRecord first;
+            std::memcpy(&first, fWindow.get() + i, sizeof first);
+            const bool swapped = swapBytes(first.orginalPos) == kFirstRecordMark;
+            if (!swapped && first.orginalPos != kFirstRecordMark) continue;
+            if (swapped) swapRecord(first);
+            filePosInfo index(kBlockSize, fFile.GetNameStr().GetGeneric());
+            const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
+            if (!parseIndex({part.row0Pos, at + i, size}, swapped, index) || !continuesWalk(index, from)) continue;
+            readByIndex(index);
+            return true;
+        }
+        at += count - kRecordSize + 1;
+    }
+    return false;
+}
+
+bool partSurvey::continuesWalk(const filePosInfo& index, std::int64_t from) const {
+    if (index.parsedCount() < segments.size()) return false;
+    for (std::uint32_t i = 0; i < segments.size(); ++i) {
+        const filePosRecord& record = index.parsed(i);
+        const surveySegment& seen = segments[i];
+        if (record.translatePos != seen.place || record.translateSize != static_cast<std::int64_t>(seen.length) ||
+            record.orginalSize != seen.size) {
+            return false;
+        }
+    }
+    return index.parsedCount() == segments.size() ||
+           index.parsed(static_cast<std::uint32_t>(segments.size())).translatePos == from;
 }
 
 // The heading of a part whose index is gone still tells where the index stood and how many blocks it had.
-void partSurvey::commitWalked() {
-    std::int64_t count = fHeading._size / kRecordSize - 1;
-    if (count > (fHeading._indexPos - part.row0Pos) / kLeastBlock + 1) count = 0;  // no heading that was ever written
-    std::int64_t blocks = 0;
-    std::int64_t gaps = 0;
-    for (const surveySegment& segment : segments) {
-        if (segment.place >= fHeading._indexPos) break;
-        ++(segment.length == 0 ? gaps : blocks);
+void partSurvey::commitWalked(bool onlyCommitted) {
+    if (hadHeading && fCount && !hadIndex) addMissing(*fCount);
+    const std::size_t committed = committedSegments();
+    for (std::size_t i = 0; i < committed; ++i) committedRows += segments[i].size;
+    if (committed != 0) {
+        const surveySegment& last = segments[committed - 1];
+        lastRewritten = last.length != 0 && (last.place + last.length > fHeading._indexPos ||
+                                             (committed < segments.size() &&
+                                              segments[committed].place < fHeading._indexPos));
     }
-    // Blocks that the walk did not see lie in the first gap, or behind the last block seen.
-    const std::int64_t missing = std::max<std::int64_t>(count - blocks - gaps, 0);
-    const auto gap = std::find_if(segments.begin(), segments.end(), [](const auto& s) { return s.length == 0; });
-    if (gap != segments.end()) {
-        gap->size += missing * kBlockSize;
-    } else if (missing != 0) {
-        const std::int64_t place =
-            segments.empty() ? part.row0Pos + kHeadingSize : segments.back().place + segments.back().length;
-        segments.push_back(
-            {missing * kBlockSize, place, 0, true, "its blocks are gone, and no index tells their size"});
-    }
-    for (const surveySegment& segment : segments) {
-        if (segment.place >= fHeading._indexPos) break;
-        committedRows += segment.size;
-        lastRewritten = segment.place + segment.length > fHeading._indexPos;
-    }
+    if (onlyCommitted) segments.resize(committed);
 }
 
-bool partSurvey::indexStandsAt(std::int64_t place) {
-    std::int64_t mark = 0;
-    return readAll(fFile, &mark, sizeof mark, place) &&
-           (mark == kFirstRecordMark || swapBytes(mark) == kFirstRecordMark);
+std::size_t partSurvey::committedSegments() const {
+    if (!hadHeading) return 0;
+    const auto isGuess = [](const surveySegment& segment) { return segment.estimated; };
+    if (fCount && std::none_of(segments.begin(), segments.end(), isGuess)) {
+        return std::min(static_cast<std::size_t>(*fCount), segments.size());
+    }
+    // How many blocks the gaps stand for is not known.
+    const auto behind = std::find_if(segments.begin(), segments.end(),
+                                     [&](const surveySegment& segment) { return segment.place >= fHeading._indexPos; });
+    return static_cast<std::size_t>(behind - segments.begin());
+}
+
+// Blocks that the walk did not see lie in the first gap, as far as it has room, or behind the last block seen.
+void partSurvey::addMissing(std::int64_t count) {
+    const std::int64_t missing = count - static_cast<std::int64_t>(segments.size());
+    if (missing <= 0) return;
+    const auto gap = std::find_if(segments.begin(), segments.end(), [](const auto& s) { return s.length == 0; });
+    if (gap != segments.end()) {
+        gap->size = std::min((missing + 1) * kBlockSize, ((gap + 1)->place - gap->place) * kBestRatio);
+        return;
+    }
+    const std::int64_t place =
+        segments.empty() ? part.row0Pos + kHeadingSize : segments.back().place + segments.back().length;
+    segments.push_back({missing * kBlockSize, place, 0, true, "its blocks are gone, and no index tells their size"});
 }
 
 std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place) {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "blockBuffer.h"
+#include "filePosInfo.h"
 
 #include <orva/file.h>
 #include <orva/inspect.h>
@@ -33,7 +34,7 @@ class partSurvey {
 public:
     explicit partSurvey(ORVA_File& file);
 
-    // Fills the findings below. False when not even the part's place can be told.
+    // Fills the findings below. False when not even the part's place can be told, or no row and no index is found.
     bool run(const recoverOptions& options);
     // Inflates the segment's block: its rows, valid until the next call; null when it cannot be.
     const unsigned char* rowsOf(const surveySegment& segment);
@@ -52,19 +53,29 @@ private:
     };
 
     std::optional<foundPart> locate(const recoverOptions& options);
-    bool readByIndex();
-    void takeRecord(const filePosRecord& record, std::int64_t size, std::int64_t expectedPlace);
-    void walk(bool onlyCommitted);
-    void commitWalked();
+    void takeHeading();
+    // By an index.
+    bool parseIndex(const compressionHeading& heading, bool swapped, filePosInfo& index);
+    void readByIndex(const filePosInfo& index);
+    void takeRecord(const filePosRecord& record, std::int64_t size, bool last);
+    // Without the one that the heading points to.
+    void walk();
+    bool readByLaterIndex(std::int64_t from);
+    bool continuesWalk(const filePosInfo& index, std::int64_t from) const;
+    void commitWalked(bool onlyCommitted);
+    std::size_t committedSegments() const;
+    void addMissing(std::int64_t count);
 
     std::optional<stream> streamAt(std::int64_t place);
     std::optional<stream> inflateFrom(const unsigned char* bytes, std::uint32_t count);
     std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end);
-    bool indexStandsAt(std::int64_t place);
 
     ORVA_File& fFile;
     const std::int64_t fFileSize;
     compressionHeading fHeading{};
+    std::optional<std::int64_t> fCount;  // blocks that the heading vouches for
+    std::int64_t fPlace = 0;             // behind the block taken last, where the next one begins
+    bool bPlaceSure = false;             // that block was read, so fPlace outranks a record
     zlibCompressBlock fCodec;
     blockBuffer fCompressed;
     blockBuffer fWindow;

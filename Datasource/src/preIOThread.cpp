@@ -34,12 +34,16 @@ CallBackObject* PreIOThreadBase::makeReadCallBack() {
     return new newThreadForRead;
 }
 
+CallBackObject* PreIOThreadBase::makeWriteCallBack() {
+    return new newThreadForWrite;
+}
+
 PreIOThreadBase::~PreIOThreadBase() = default;
 
 bool PreIOThreadBase::initThreads(bool bRead) {
     bWrite = !bRead;
     fProcess = platform::processId();
-    pCallBack = bRead ? makeReadCallBack() : new newThreadForWrite;
+    pCallBack = bRead ? makeReadCallBack() : makeWriteCallBack();
     pThreadPool = new ktThreadPool(1, 0);
     pThreadPool->init();
     return true;
@@ -78,6 +82,8 @@ std::unique_ptr<PreIOThreadBase> startedWorker(std::unique_ptr<PreIOThreadBase> 
         worker->initThreads(bRead);
         worker->startThreads();
     } catch (...) {
+        if (!bRead) worker->putBlock(nullptr, 0, 0);  // the loops that have begun
+        worker->stopThreads();
         worker->destroyThreads();
         throw;
     }

@@ -54,6 +54,7 @@ public:
 
 protected:
     static CallBackObject* makeReadCallBack();
+    static CallBackObject* makeWriteCallBack();
     bool inOwnProcess() const;
 
     // Written before startThreads, then only read.

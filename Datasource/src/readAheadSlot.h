@@ -9,7 +9,8 @@
 //    block read ahead, so a later request is a miss that is served.
 // R4 A failed read-ahead is no read-ahead: the next request is a miss, which meets the failure on the caller's thread.
 // R5 The stop request is written at any moment and seen at the thread's next wait; no request follows it.
-// R6 A block that was written over since it was asked for is no hit.
+// R6 A block that was written over since it was asked for is no hit, nor is one that ended with the file if the file
+//    has grown since.
 #pragma once
 
 #include <orva/ktthread.h>
@@ -33,9 +34,13 @@ struct readAheadSlot {
             fSlot.semEmptySlot.postSemaphore();
         }
 
-        // The block at `position` has been read ahead: stCurSize bytes of it.
-        bool hits(std::int64_t position) {
-            return bTaken && !fSlot.bStale.exchange(false) && position == fSlot.fpPreReadPos;
+        // The block at `position` has been read ahead: stCurSize bytes of it. Fewer than `wholeSize`: it ended with the
+        // file.
+        bool hits(std::int64_t position, std::uint32_t wholeSize = 0) {
+            if (!bTaken) return false;
+            const bool stale = fSlot.bStale.exchange(false);
+            const bool grown = fSlot.bGrown.exchange(false);
+            return position == fSlot.fpPreReadPos && !stale && !(grown && fSlot.stCurSize < wholeSize);
         }
         // Ends the turn: the thread reads the block at `nextPos` now.
         void readAhead(std::int64_t nextPos) {
@@ -74,7 +79,8 @@ struct readAheadSlot {
     // Bytes from `begin` up to `end` were written, by a caller: the block read ahead, or being read, may be older.
     void noteWritten(std::int64_t begin, std::int64_t end, std::uint32_t blockSize) {
         const std::int64_t next = fpNextPos.load();
-        if (begin < next + blockSize && next < end) bStale = true;
+        if (end <= next) return;
+        (begin - next < std::int64_t{blockSize} ? bStale : bGrown) = true;
     }
 
     void forget() {
@@ -88,7 +94,8 @@ struct readAheadSlot {
     std::int64_t fpPreReadPos = -1;  // of the block in the worker's buffer
     std::uint32_t stCurSize = 0;     // its bytes
     std::atomic<bool> bStop{false};
-    std::atomic<bool> bStale{false};
+    std::atomic<bool> bStale{false};  // written over
+    std::atomic<bool> bGrown{false};  // written behind: bytes may stand now where the block ended with the file
 };
 
 }  // namespace orva

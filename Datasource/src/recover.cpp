@@ -106,7 +106,7 @@ recoverReport recover(const std::string& name, const std::string& output, const 
     openOrThrow(input, name, "rb", kReadFailed);
     partSurvey survey(input);
     recoverReport report;
-    if (!survey.run(options) || (survey.segments.empty() && !survey.hadIndex)) {
+    if (!survey.run(options)) {
         throw DamagedFileError(name, "a complete block",
                                options.onlyCommitted ? "it holds no rows that were ever finished"
                                                      : "no block of compressed rows can be found in it");

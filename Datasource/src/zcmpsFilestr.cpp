@@ -42,6 +42,18 @@ void zcmpsFilestr::setMultiThread(std::int32_t setting) {
     fData->fMultiThread = setting;
 }
 
+void zcmpsFilestr::setThreadCount(std::int32_t threads) {
+    ORVA_ASSERT(threads >= 0, "threads >= 0");
+    ORVA_ASSERT(fData->fpIOThread == nullptr && fData->fpSeveral == nullptr, "fData->fpIOThread == 0");
+    fData->fThreadCount = static_cast<std::uint32_t>(threads);
+}
+
+void zcmpsFilestr::setBlockCache(std::int32_t blocks) {
+    ORVA_ASSERT(blocks >= 0, "blocks >= 0");
+    if (!bIsWriting) fData->forgetBlock();  // it may stand in the old cache
+    fData->fCache.resize(static_cast<std::uint32_t>(blocks));
+}
+
 void zcmpsFilestr::setDurable(bool durable) {
     fData->bDurable = durable;
 }
@@ -70,10 +82,10 @@ std::int32_t zcmpsFilestr::Close() {
 
 std::int32_t zcmpsFilestr::closeWriter() {
     if (fData->bClosed) return fData->bFinished ? 1 : 0;
-    fData->bClosed = true;
     try {
         finish();
     } catch (...) {
+        fData->bClosed = true;
         fData->endWorker(true);
         fData->keepFailure(std::current_exception());
         fData->throwFailure();
@@ -94,17 +106,19 @@ void zcmpsFilestr::abandon() {
 // The heading goes last: it is what makes the file a finished one.
 void zcmpsFilestr::finish() {
     Flush();
+    fData->bClosed = true;
     fData->endWorker(true);
     fData->throwFailure();
     commit();
     fData->pRealFile.Close();
+    fData->fTail.reset();
     fData->bFinished = true;
     reopenForReading();
 }
 
 void zcmpsFilestr::commit() {
     Data& d = *fData;
-    const bool durable = d.bDurable || (d.bSafeAppend && d.fTail);
+    const bool durable = d.bDurable || (d.fTail && d.fTail->inSideFile);
     compressionHeading heading{};
     writeIndex(heading);
     if (durable) d.pRealFile.Sync();
@@ -113,7 +127,7 @@ void zcmpsFilestr::commit() {
         d.pRealFile.Sync();
         orva::syncName(d.pRealFile.GetNameStr().GetGeneric());
     }
-    if (d.fTail) d.commitAppend();
+    if (d.fTail && d.fTail->inSideFile) d.commitSafeAppend();
 }
 
 void zcmpsFilestr::writeIndex(compressionHeading& heading) {
@@ -154,17 +168,23 @@ void zcmpsFilestr::Data::clearBuffer() {
 }
 
 void zcmpsFilestr::Data::endWorker(bool writing) {
-    if (fpIOThread == nullptr) return;
-    if (writing) fpIOThread->putBlock(fBuffer, 0, fpos);
-    fpIOThread->stopThreads();
-    fpIOThread->destroyThreads();
-    keepFailure(fpIOThread->failure());
-    fpIOThread.reset();
+    for (std::unique_ptr<PreIOThreadBase>* held : {&fpIOThread, &fpSeveral}) {
+        const std::unique_ptr<PreIOThreadBase> worker = std::move(*held);
+        if (worker == nullptr) continue;
+        if (writing) worker->putBlock(nullptr, 0, fpos);
+        worker->stopThreads();
+        worker->destroyThreads();
+        keepFailure(worker->failure());
+    }
 }
 
+// What a failed append has overwritten is put back before anybody hears of it, once no thread writes any more.
 void zcmpsFilestr::Data::keepFailure(const std::exception_ptr& failure) {
     if (fFailure != nullptr || failure == nullptr) return;
-    fFailure = fTail ? undoAppend(failure) : failure;
+    fFailure = failure;
+    if (!fTail) return;
+    endWorker(true);
+    fFailure = undoAppend(failure);
 }
 
 void zcmpsFilestr::Data::throwFailure() {

@@ -40,6 +40,16 @@ public:
     // readFilePosInfo. A writer takes 0 or 1; an appender always works at 0.
     void setMultiThread(std::int32_t setting);
 
+    // Several blocks at once: `threads` threads deflate or inflate beside the caller, for a writer, an appender and a
+    // reader alike, and files, bytes and errors stay the same. Costs two blocks of memory for each thread and two more.
+    // 0, as at first, leaves the work to setMultiThread's setting. Comes before setRow0Pos and readFilePosInfo; the
+    // threads start with the first block.
+    void setThreadCount(std::int32_t threads);
+
+    // A reader keeps up to `blocks` inflated blocks, 4 MiB each, for a caller that goes back and forth: a position in
+    // one of them costs neither file access nor inflating. 0 at first: the current block alone.
+    void setBlockCache(std::int32_t blocks);
+
     // Begins a new compressed part at file offset `pos`, above 0, in an existing file. Reopens the file for writing.
     // SystemFileException if that fails: the stream is then no writer, and this may be tried again. Does not move the
     // stream's position.

@@ -9,18 +9,24 @@
 
 namespace {
 
-std::exception_ptr withOutcome(const std::exception_ptr& failure, const char* outcome) noexcept {
+constexpr const char* kAsBefore = "the file holds the rows that it held before";
+constexpr const char* kSideFileLeft =
+    "the file holds the rows that it held before; remove its side file with 'orva recover --roll-back'";
+constexpr const char* kRollBack =
+    "the rows that the file held before could not be put back: 'orva recover --roll-back' does so";
+constexpr const char* kRecover = "the rows that the file held before could not be put back: 'orva recover' gets them";
+
+// The first of the two that can say more than it does, with the outcome in its text.
+std::exception_ptr withOutcome(const std::exception_ptr& failure, const std::exception_ptr& otherwise,
+                               const char* outcome) {
     try {
-        std::rethrow_exception(failure);
+        std::rethrow_exception(failure != nullptr ? failure : otherwise);
     } catch (const FileError& error) {
-        try {
-            return std::make_exception_ptr(error.withOutcome(outcome));
-        } catch (...) {
-            return failure;
-        }
+        return std::make_exception_ptr(error.withOutcome(outcome));
     } catch (...) {
-        return failure;
+        if (failure == nullptr || otherwise == nullptr) return std::current_exception();
     }
+    return withOutcome(nullptr, otherwise, outcome);
 }
 
 }  // namespace
@@ -62,7 +68,6 @@ void zcmpsFilestr::Data::resume(std::int64_t endpos, std::int64_t filePos, bool 
         resumeInBlock(bInfo, count - 1, endpos);
     }
     saveTail(chInfo, empty || full ? 0 : static_cast<std::uint32_t>(bInfo.translateSize));
-    if (bSafeAppend) orva::writeSideFile(pRealFile, *fTail);
 }
 
 void zcmpsFilestr::Data::resumeBehind(const filePosRecord& bInfo, std::int64_t endpos, filePosInfo& index) {
@@ -89,33 +94,35 @@ void zcmpsFilestr::Data::resumeInBlock(const filePosRecord& bInfo, std::uint32_t
 }
 
 void zcmpsFilestr::Data::saveTail(const compressionHeading& heading, std::uint32_t rewrittenBlock) {
-    orva::savedTail tail{fRow0Pos, pRealFile.Size(), fCompressedPos, {}};
+    orva::savedTail tail{fRow0Pos, pRealFile.Size(), fCompressedPos, {}, bSafeAppend};
     if (rewrittenBlock != 0) orva::savePiece(tail, pRealFile, fCompressedPos, rewrittenBlock);
     orva::savePiece(tail, pRealFile, heading._indexPos, static_cast<std::uint32_t>(heading._size));
     orva::savePiece(tail, pRealFile, fRow0Pos, kHeadingSize);
+    if (tail.inSideFile) orva::writeSideFile(pRealFile, tail);
     fTail = std::move(tail);
 }
 
 std::exception_ptr zcmpsFilestr::Data::undoAppend(const std::exception_ptr& failure) {
     const orva::savedTail tail = std::move(*fTail);
     fTail.reset();
+    const char* outcome = tail.inSideFile ? kRollBack : kRecover;
     try {
         orva::restoreTail(pRealFile, tail);
-        if (bSafeAppend) {
+        if (tail.inSideFile) {
             pRealFile.Sync();
+            outcome = kSideFileLeft;
             orva::removeSideFile(pRealFile.GetNameStr().GetGeneric());
         }
+        outcome = kAsBefore;
+        return failure == nullptr ? nullptr : withOutcome(failure, nullptr, outcome);
     } catch (...) {
-        const char* outcome = "the rows that the file held before could not be put back: 'orva recover' gets them";
-        return withOutcome(failure != nullptr ? failure : std::current_exception(), outcome);
+        return withOutcome(failure, std::current_exception(), outcome);
     }
-    return failure == nullptr ? nullptr : withOutcome(failure, "the file holds the rows that it held before");
 }
 
-// The heading is in its place: from here on the new rows count.
-void zcmpsFilestr::Data::commitAppend() {
+// The heading is in its place, durably: from here on the new rows count.
+void zcmpsFilestr::Data::commitSafeAppend() {
     fTail.reset();
-    if (!bSafeAppend) return;
     try {
         orva::removeSideFile(pRealFile.GetNameStr().GetGeneric());
     } catch (const FileError& error) {

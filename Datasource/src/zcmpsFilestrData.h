@@ -3,6 +3,7 @@
 
 #include "appendJournal.h"
 #include "blockBuffer.h"
+#include "blockCache.h"
 #include "blockTransfer.h"
 #include "filePosInfo.h"
 #include "preIOThread.h"
@@ -23,12 +24,16 @@ struct zcmpsFilestr::Data {
     // zcmpsFilestrWrite.cpp
     void Write(WriteRequest& req);
     void endBlock();
+    void sendBlock(const unsigned char* block, std::uint32_t size);
     void startWriting(std::int64_t pos);
     std::unique_ptr<PreIOThreadBase> makeWriter(std::int64_t pos, filePosInfo& index);
     // zcmpsFilestrRead.cpp
     void Read(ReadRequest& req);
     bool fetchBlock(std::int64_t pos);
     std::unique_ptr<PreIOThreadBase> makeReader();
+    void loadBlock(const filePosRecord& bInfo, unsigned char* dest);
+    unsigned char* cachedBlock(const filePosRecord& bInfo);
+    void readWholeBlocks(ReadRequest& req);
     bool loaded(std::int64_t pos) const;
     void forgetBlock();
 
@@ -39,7 +44,7 @@ struct zcmpsFilestr::Data {
     void saveTail(const compressionHeading& heading, std::uint32_t rewrittenBlock);
     // Puts back what a failed append has overwritten. Gives the failure with the outcome added to its text.
     std::exception_ptr undoAppend(const std::exception_ptr& failure);
-    void commitAppend();
+    void commitSafeAppend();
 
     // An empty fBuffer, to be filled.
     void clearBuffer();
@@ -60,10 +65,14 @@ struct zcmpsFilestr::Data {
     zlibCompressBlock fCompressor;    // the caller's thread
     filePosInfo* fpPosInfo;           // the stream's
     std::unique_ptr<PreIOThreadBase> fpIOThread;
+    unsigned char* pBlock = fBuffer;           // reading: the current block's rows, fBuffer or the cache's
     unsigned char* fpCurrent = fBuffer;        // next byte to fill, or to deliver
     std::uint32_t availBuffSize = kBlockSize;  // writing: free bytes; reading: bytes from fpCurrent to the block's end
     std::int32_t fMultiThread = 0;
-    orva::blockBuffer fDeflated;  // a block on its way out; made at the first one
+    orva::blockCache fCache;
+    std::uint32_t fThreadCount = 0;
+    std::unique_ptr<PreIOThreadBase> fpSeveral;  // made at the first block, if fThreadCount is not 0
+    orva::blockBuffer fDeflated;                 // a block on its way out; made at the first one
 
     bool bDurable = false;
     bool bSafeAppend = false;

@@ -3,6 +3,7 @@
 #include "fileCodes.h"
 #include "indexTransfer.h"
 #include "zcmpsFilestrData.h"
+#include "zcmpsMultiThread.h"
 #include "zcmpsPreIOThread.h"
 
 #include <algorithm>
@@ -15,6 +16,7 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
     ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
     fFilePos = posofpos;
     fData->forgetBlock();
+    fData->fCache.clear();
     try {
         refuseEncrypted(kReadFailed);
         const compressionHeading chInfo = orva::readHeading(
@@ -23,7 +25,7 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
         fpPosInfo->limitPlaces(fData->pRealFile.Size());
         fpPosInfo->parseForRead(orva::readIndex(fData->pRealFile, chInfo, swap).get(), swap);
         if (fpPosInfo->parsedCount() != 0) orva::checkFirstBlock(fData->pRealFile, fpPosInfo->parsed(0), posofpos);
-        if (fData->fMultiThread >= 2) fData->fpIOThread = fData->makeReader();
+        if (fData->fMultiThread >= 2 && fData->fThreadCount == 0) fData->fpIOThread = fData->makeReader();
     } catch (...) {
         fData->fOpenFailure = std::current_exception();
         throw;
@@ -41,14 +43,15 @@ std::uint32_t zcmpsFilestr::Read(void* buffer, std::uint32_t size) {
 }
 
 bool zcmpsFilestr::Data::loaded(std::int64_t pos) const {
-    return fpos != -1 && pos >= fpos && pos - fpos < (fpCurrent - fBuffer) + std::int64_t{availBuffSize};
+    return fpos != -1 && pos >= fpos && pos - fpos < (fpCurrent - pBlock) + std::int64_t{availBuffSize};
 }
 
 void zcmpsFilestr::Data::Read(ReadRequest& req) {
     if (!loaded(req._pos)) {
+        readWholeBlocks(req);
         if (!fetchBlock(req._pos)) return;
     } else {
-        const std::int64_t distance = req._pos - (fpos + (fpCurrent - fBuffer));
+        const std::int64_t distance = req._pos - (fpos + (fpCurrent - pBlock));
         fpCurrent += distance;
         availBuffSize = static_cast<std::uint32_t>(availBuffSize - distance);
     }
@@ -58,12 +61,32 @@ void zcmpsFilestr::Data::Read(ReadRequest& req) {
         fpCurrent += count;
         availBuffSize -= count;
         req.Advance(count);
-        if (req._size == 0 || !fetchBlock(req._pos)) return;
+        if (req._size == 0) return;
+        readWholeBlocks(req);
+        if (!fetchBlock(req._pos)) return;
+    }
+}
+
+// Blocks that the request covers go straight into the caller's memory. Its last one does not: it stays in fBuffer, so
+// that a small step back costs no file access.
+void zcmpsFilestr::Data::readWholeBlocks(ReadRequest& req) {
+    forgetBlock();
+    for (;;) {
+        const filePosRecord bInfo = fpPosInfo->findRecord(req._pos);
+        const auto size = static_cast<std::uint32_t>(bInfo.orginalSize);
+        if (bInfo.orginalPos != req._pos || bInfo.orginalSize < 1 || size >= req._size) return;
+        if (const unsigned char* held = fCache.find(bInfo.orginalPos)) {
+            std::memcpy(req._buffer, held, size);
+        } else {
+            loadBlock(bInfo, req._buffer);
+        }
+        req.Advance(size);
     }
 }
 
 void zcmpsFilestr::Data::forgetBlock() {
     availBuffSize = 0;
+    pBlock = fBuffer;
     fpCurrent = fBuffer;
     fpos = -1;
 }
@@ -76,15 +99,33 @@ bool zcmpsFilestr::Data::fetchBlock(std::int64_t pos) {
         throw DamagedFileError(pRealFile.GetNameStr().GetGeneric(), "bInfo.orginalPos != -200",
                                "no block of its index holds the logical position " + std::to_string(pos));
     }
-    const bool byWorker = fMultiThread > 1 && fpIOThread != nullptr;
-    const std::uint32_t count =
-        byWorker
-            ? fpIOThread->getBlock(fBuffer, static_cast<std::uint32_t>(bInfo.orginalSize), bInfo.orginalPos)
-            : orva::readBlock({pRealFile, fCompressor, fCompressedBuffer}, orva::placeOf(*fpPosInfo, bInfo), fBuffer);
+    pBlock = fCache.enabled() ? cachedBlock(bInfo) : fBuffer;
+    if (pBlock == fBuffer) loadBlock(bInfo, fBuffer);
     fpos = bInfo.orginalPos;
-    fpCurrent = fBuffer + (pos - fpos);
-    availBuffSize = static_cast<std::uint32_t>(count - (pos - fpos));
+    fpCurrent = pBlock + (pos - fpos);
+    availBuffSize = static_cast<std::uint32_t>(bInfo.orginalSize - (pos - fpos));
     return true;
+}
+
+unsigned char* zcmpsFilestr::Data::cachedBlock(const filePosRecord& bInfo) {
+    unsigned char* held = fCache.find(bInfo.orginalPos);
+    return held != nullptr ? held : fCache.add(bInfo.orginalPos, [&](unsigned char* rows) { loadBlock(bInfo, rows); });
+}
+
+void zcmpsFilestr::Data::loadBlock(const filePosRecord& bInfo, unsigned char* dest) {
+    PreIOThreadBase* worker = fMultiThread > 1 ? fpIOThread.get() : nullptr;
+    if (fThreadCount != 0) {
+        if (fpSeveral == nullptr) {
+            fpSeveral = startedWorker(
+                std::make_unique<PreIOThread_Multi_R_D>(&pRealFile, fpPosInfo, kBlockSize, fThreadCount), true);
+        }
+        worker = fpSeveral.get();
+    }
+    if (worker != nullptr) {
+        worker->getBlock(dest, static_cast<std::uint32_t>(bInfo.orginalSize), bInfo.orginalPos);
+    } else {
+        orva::readBlock({pRealFile, fCompressor, fCompressedBuffer}, orva::placeOf(*fpPosInfo, bInfo), dest);
+    }
 }
 
 std::unique_ptr<PreIOThreadBase> zcmpsFilestr::Data::makeReader() {

@@ -2,6 +2,7 @@
 #include "assertion.h"
 #include "fileCodes.h"
 #include "zcmpsFilestrData.h"
+#include "zcmpsMultiThread.h"
 #include "zcmpsPreIOThread.h"
 
 #include <algorithm>
@@ -14,8 +15,10 @@ void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
     beginWriting([&] {
         refuseEncrypted(kWriteFailed);
         reopenForWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__);
+        orva::dropSideFile(GetNameStr().GetGeneric());
         auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
-        auto worker = fData->fMultiThread == 1 ? fData->makeWriter(pos, *index) : nullptr;
+        const bool byWorker = fData->fMultiThread == 1 && fData->fThreadCount == 0;
+        auto worker = byWorker ? fData->makeWriter(pos, *index) : nullptr;
         fpPosInfo = std::move(index);
         fData->fpPosInfo = fpPosInfo.get();
         fData->startWriting(pos);
@@ -41,6 +44,7 @@ std::uint32_t zcmpsFilestr::Write(const void* buffer, std::uint32_t size) {
 std::int32_t zcmpsFilestr::Flush() const {
     if (!bIsWriting) return 1;
     fData->throwFailure();
+    if (fData->bClosed) return 1;  // an abandoned stream's last rows stay out of the file
     try {
         fData->endBlock();
     } catch (...) {
@@ -64,6 +68,12 @@ void zcmpsFilestr::Data::Write(WriteRequest& req) {
                 "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && "
                 "\"Jumped write in zcmpsFilestr::Data::Write\"");
     while (req._size > 0) {
+        if (availBuffSize == kBlockSize && req._size >= kBlockSize) {
+            // A whole block needs no buffer of ours.
+            sendBlock(req._buffer, kBlockSize);
+            req.Advance(kBlockSize);
+            continue;
+        }
         const std::uint32_t count = std::min(availBuffSize, req._size);
         std::memcpy(fpCurrent, req._buffer, count);
         fpCurrent += count;
@@ -76,16 +86,28 @@ void zcmpsFilestr::Data::Write(WriteRequest& req) {
 void zcmpsFilestr::Data::endBlock() {
     const std::uint32_t size = kBlockSize - availBuffSize;
     if (size == 0) return;
-    if (fMultiThread != 0) {
+    sendBlock(fBuffer, size);
+    clearBuffer();
+}
+
+void zcmpsFilestr::Data::sendBlock(const unsigned char* block, std::uint32_t size) {
+    if (fThreadCount != 0) {
+        if (fpSeveral == nullptr) {
+            fpSeveral = startedWorker(std::make_unique<PreIOThread_Multi_W_C>(&pRealFile, fpPosInfo, kBlockSize, fpos,
+                                                                              fCompressedPos, fThreadCount),
+                                      false);
+        }
+        fpSeveral->putBlock(block, size, fpos);
+    } else if (fMultiThread != 0) {
         ORVA_ASSERT(fpIOThread != nullptr, "fpIOThread != 0");
-        fpIOThread->putBlock(fBuffer, size, fpos);
+        fpIOThread->putBlock(block, size, fpos);
     } else {
         if (!fDeflated) fDeflated = orva::blockBuffer(orva::deflateRoom());
-        fCompressedPos = orva::writeBlock({pRealFile, *fpPosInfo, fCompressor, fDeflated.get()}, fBuffer, size, fpos,
-                                          fCompressedPos);
+        fCompressedPos =
+            orva::writeBlock({pRealFile, *fpPosInfo, fCompressor, fDeflated.get()}, block, size, fpos, fCompressedPos);
+        fTransferEnd = fCompressedPos;
     }
     fpos += size;
-    clearBuffer();
 }
 
 std::unique_ptr<PreIOThreadBase> zcmpsFilestr::Data::makeWriter(std::int64_t pos, filePosInfo& index) {

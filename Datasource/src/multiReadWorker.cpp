@@ -1,0 +1,117 @@
+// PreIOThread_Multi_R_D
+#include "assertion.h"
+#include "blockTransfer.h"
+#include "zcmpsMultiThread.h"
+
+#include <algorithm>
+#include <cstring>
+
+PreIOThread_Multi_R_D::PreIOThread_Multi_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize,
+                                             std::uint32_t threads)
+    : PreIOThreadSeveral(threads),
+      pFile(file),
+      pPosInfo(index),
+      fBlockSize(blockSize),
+      fSlots(threads + 1),
+      fOwnCompressed(blockSize) {}
+
+std::uint32_t PreIOThread_Multi_R_D::getBlock(void* buffer, std::uint32_t size, std::int64_t position) {
+    if (size == 0 && position == 0) {
+        bStop = true;
+        for (std::uint32_t i = 0; i < fThreads; ++i) semWork.postSemaphore();
+        return 0;
+    }
+    const std::int64_t number = pPosInfo->numberOf(position);
+    planAhead(number);
+    slot* made = takeReady(number);
+    if (made == nullptr) {
+        makeBlock(number, fOwnCompressed, static_cast<unsigned char*>(buffer));
+        return size;
+    }
+    std::memcpy(buffer, made->rows.get(), size);
+    const ktGuard guard(fLock, ktMutex::Recursive);
+    made->is = state::empty;
+    return size;
+}
+
+PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::takeReady(std::int64_t number) {
+    slot& block = at(number);
+    {
+        const ktGuard guard(fLock, ktMutex::Recursive);
+        if (block.number != number) return nullptr;
+        if (block.is == state::wanted) block.is = state::empty;  // nobody has begun: the caller is sooner done
+        if (block.is != state::busy) return block.is == state::ready ? &block : nullptr;
+        block.bAwaited = true;
+    }
+    block.semDone.waitSemaphore();
+    const ktGuard guard(fLock, ktMutex::Recursive);
+    return block.is == state::ready ? &block : nullptr;
+}
+
+void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
+    const ktGuard guard(fLock, ktMutex::Recursive);
+    const auto window = static_cast<std::int64_t>(fSlots.size());
+    fAhead = number == fLast + 1 ? std::min(std::max<std::int64_t>(2 * fAhead, 1), window - 1) : 0;
+    fLast = number;
+    for (slot& block : fSlots) {
+        const bool useful = block.number >= number && block.number <= number + fAhead;
+        if (block.is == state::wanted && !useful) block.is = state::empty;
+    }
+    const std::int64_t end = std::min<std::int64_t>(number + fAhead + 1, pPosInfo->parsedCount());
+    for (std::int64_t next = number + 1; next < end; ++next) {
+        slot& block = at(next);
+        const bool planned = block.number == next && block.is != state::empty;
+        if (planned || block.is == state::busy || &block == &at(number)) continue;
+        block.number = next;
+        block.is = state::wanted;
+        semWork.postSemaphore();
+    }
+}
+
+PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::nextWanted() {
+    const ktGuard guard(fLock, ktMutex::Recursive);
+    slot* next = nullptr;
+    for (slot& block : fSlots) {
+        if (block.is == state::wanted && (next == nullptr || block.number < next->number)) next = &block;
+    }
+    if (next != nullptr) next->is = state::busy;
+    return next;
+}
+
+std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
+    semWork.waitSemaphore();
+    if (bStop) return 1;
+    slot* block = nextWanted();
+    if (block == nullptr) return 0;  // taken back in the meantime
+    state result = state::ready;
+    try {
+        if (!block->rows) {
+            block->compressed = orva::blockBuffer(fBlockSize);
+            block->rows = orva::blockBuffer(fBlockSize);
+        }
+        makeBlock(block->number, block->compressed, block->rows.get());
+    } catch (...) {
+        result = state::empty;
+    }
+    const ktGuard guard(fLock, ktMutex::Recursive);
+    block->is = result;
+    if (block->bAwaited) block->semDone.postSemaphore();
+    block->bAwaited = false;
+    return 0;
+}
+
+void PreIOThread_Multi_R_D::makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest) {
+    zlibCompressBlock codec;
+    const filePosRecord& record = pPosInfo->parsed(static_cast<std::uint32_t>(number));
+    orva::readBlock({*pFile, codec, compressed.get()}, orva::placeOf(*pPosInfo, record), dest);
+}
+
+std::uint32_t PreIOThread_Multi_R_D::putBlock(const void*, std::uint32_t, std::int64_t) {
+    ORVA_ASSERT(false, "0");
+    return 0;
+}
+
+std::int32_t PreIOThread_Multi_R_D::writeLoopStep() {
+    ORVA_ASSERT(false, "0");
+    return 1;
+}

@@ -1,0 +1,114 @@
+// PreIOThread_Multi_W_C
+#include "assertion.h"
+#include "blockTransfer.h"
+#include "zcmpsMultiThread.h"
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <system_error>
+
+PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize,
+                                             std::int64_t firstPos, std::int64_t firstFilePos, std::uint32_t threads)
+    : PreIOThreadSeveral(threads),
+      pFile(file),
+      pPosInfo(index),
+      fSlots(threads + 1),
+      semFree(threads + 1),
+      fEnd(std::numeric_limits<std::uint64_t>::max()),
+      fpBlockPos(firstPos),
+      fpWritePos(firstFilePos) {
+    for (slot& block : fSlots) {
+        block.rows = orva::blockBuffer(blockSize);
+        block.scratch = orva::blockBuffer(orva::deflateRoom());
+    }
+}
+
+std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t size, std::int64_t) {
+    if (size == 0) {
+        endLoops();
+        return 0;
+    }
+    // False in a forked child: there is no thread that could take the block.
+    if (!semFree.waitSemaphore()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
+    std::exception_ptr failure;
+    {
+        const ktGuard guard(fLock, ktMutex::Recursive);
+        failure = fFailure;
+    }
+    if (failure != nullptr) {
+        semFree.postSemaphore();
+        std::rethrow_exception(failure);
+    }
+    slot& block = at(fFilled);
+    std::memcpy(block.rows.get(), buffer, size);
+    block.size = size;
+    ++fFilled;
+    semFilled.postSemaphore();
+    return size;
+}
+
+void PreIOThread_Multi_W_C::endLoops() {
+    fEnd = fFilled;
+    for (std::uint32_t i = 0; i < fThreads; ++i) semFilled.postSemaphore();
+    for (std::size_t i = 0; i < fSlots.size(); ++i) semFree.waitSemaphore();
+}
+
+std::int32_t PreIOThread_Multi_W_C::writeLoopStep() {
+    semFilled.waitSemaphore();
+    const std::uint64_t number = fTaken.fetch_add(1);
+    if (number >= fEnd) return 1;
+    deflate(at(number));
+    writeInOrder(number);
+    return 0;
+}
+
+void PreIOThread_Multi_W_C::deflate(slot& block) {
+    zlibCompressBlock codec;
+    try {
+        block.result = orva::deflateBlock(codec, block.rows.get(), block.size, block.scratch.get());
+    } catch (...) {
+        block.failure = std::current_exception();
+    }
+}
+
+// Whoever completes the next block in order writes it, and all that are complete behind it.
+void PreIOThread_Multi_W_C::writeInOrder(std::uint64_t number) {
+    fLock.lock(ktMutex::Recursive, nullptr, 0);
+    at(number).bDeflated = true;
+    while (!bWriting && at(fWritten).bDeflated) {
+        slot& block = at(fWritten);
+        bWriting = true;
+        const bool drop = fFailure != nullptr;
+        fLock.unlock(nullptr, 0);
+        if (!drop) writeOut(block);
+        fLock.lock(ktMutex::Recursive, nullptr, 0);
+        if (fFailure == nullptr) fFailure = block.failure;
+        block.failure = nullptr;
+        block.bDeflated = false;
+        bWriting = false;
+        ++fWritten;
+        semFree.postSemaphore();
+    }
+    fLock.unlock(nullptr, 0);
+}
+
+void PreIOThread_Multi_W_C::writeOut(slot& block) {
+    if (block.failure != nullptr) return;
+    try {
+        fpWritePos = orva::writeDeflated(*pFile, *pPosInfo, block.result, block.scratch.get(), fpBlockPos, fpWritePos);
+        fpBlockPos += block.size;
+    } catch (...) {
+        block.failure = std::current_exception();
+    }
+}
+
+std::uint32_t PreIOThread_Multi_W_C::getBlock(void*, std::uint32_t, std::int64_t) {
+    ORVA_ASSERT(false, "0");
+    return 0;
+}
+
+std::int32_t PreIOThread_Multi_W_C::readLoopStep() {
+    ORVA_ASSERT(false, "0");
+    return 1;
+}
