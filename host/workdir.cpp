@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <utility>
 
 namespace workdir {
 namespace {
@@ -47,11 +48,38 @@ bool takeKeyIntoUse() {
     return true;
 }
 
+// Memory of a result, its room told in front of it.
+void release(unsigned char* memory, std::size_t room) {
+    OPENSSL_cleanse(memory, room);
+    ::operator delete (memory, std::align_val_t{kAlignment});
+}
+
+// A thread keeps the result it gave back last for its next one: the page faults of fresh memory cost more than the
+// cipher. What it keeps is erased when the thread ends.
+thread_local bool tSpareGone = false;  // outlives the spare, for streams that end after their thread's own objects
+struct Spare {
+    unsigned char* memory = nullptr;
+    std::size_t room = 0;
+
+    ~Spare() {
+        tSpareGone = true;
+        if (memory != nullptr) release(memory, kAlignment + room);
+    }
+};
+thread_local Spare tSpare;
+constexpr std::size_t kLargestSpare = std::size_t{8} << 20;
+
 unsigned char* newResult(int size) {
-    const auto length = static_cast<std::size_t>(size);
-    void* memory = ::operator new (kAlignment + length, std::align_val_t{kAlignment}, std::nothrow);
+    std::size_t room = static_cast<std::size_t>(size);
+    void* memory = nullptr;
+    if (!tSpareGone && tSpare.room >= room) {
+        room = std::exchange(tSpare.room, 0);
+        memory = std::exchange(tSpare.memory, nullptr);
+    } else {
+        memory = ::operator new (kAlignment + room, std::align_val_t{kAlignment}, std::nothrow);
+    }
     if (memory == nullptr) return nullptr;
-    std::memcpy(memory, &length, sizeof length);
+    std::memcpy(memory, &room, sizeof room);
     return static_cast<unsigned char*>(memory) + kAlignment;
 }
 
@@ -126,10 +154,13 @@ int Decrypt(unsigned char** outData, int* outLen, const unsigned char* inData, i
 int FreeOutData(unsigned char* data) noexcept {
     if (data == nullptr) return 1;
     unsigned char* memory = data - kAlignment;
-    std::size_t length = 0;
-    std::memcpy(&length, memory, sizeof length);
-    OPENSSL_cleanse(memory, kAlignment + length);
-    ::operator delete (memory, std::align_val_t{kAlignment});
+    std::size_t room = 0;
+    std::memcpy(&room, memory, sizeof room);
+    if (!tSpareGone && room > tSpare.room && room <= kLargestSpare) {
+        std::swap(memory, tSpare.memory);
+        std::swap(room, tSpare.room);
+    }
+    if (memory != nullptr) release(memory, kAlignment + room);
     return 1;
 }
 

@@ -157,8 +157,8 @@ void refuseSideFile(const std::string& dataName) {
 void writeSideFile(ORVA_File& file, const savedTail& tail) {
     const std::string name = sideFileName(file.GetNameStr().GetGeneric());
     ORVA_File side;
-    openOrThrow(side, name, "w+b", kWriteFailed);
     try {
+        openOrThrow(side, name, "w+b", kWriteFailed);
         const std::vector<unsigned char> bytes = serialize(tail, identityOf(file, tail));
         writeAll(side, bytes.data(), bytes.size(), 0);
         side.Sync();
@@ -198,7 +198,8 @@ sideFileState readSideFile(const std::string& dataName, ORVA_File& file, savedTa
     if (!readAll(side, bytes.data(), bytes.size(), 0)) return sideFileState::unfinished;
     if (!parse(bytes, tail, identity)) return sideFileState::unfinished;
     if (identity != identityOf(file, tail)) {
-        throw DamagedFileError(name, "identity", "it does not belong to \"" + dataName + "\" as that is now; nothing was changed");
+        throw DamagedFileError(name, "identity",
+                               "it does not belong to \"" + dataName + "\" as that is now; nothing was changed");
     }
     return sideFileState::whole;
 }

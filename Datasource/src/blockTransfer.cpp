@@ -20,8 +20,12 @@ namespace {
 // The file takes less than 2 GiB at a time, and an index can be twice as long.
 constexpr std::uint32_t kLongestTransfer = 1U << 30;
 
-std::uint32_t deflateInto(zlibCompressBlock& codec, const unsigned char* block, std::uint32_t size, unsigned char* to) {
-    const blockOutcome outcome = codec.deflateWhole(block, size, to, zlibCompressBlock::compressRoom(size));
+using deflater = blockOutcome (zlibCompressBlock::*)(const unsigned char*, std::uint32_t, unsigned char*,
+                                                     std::uint32_t);
+
+std::uint32_t streamOf(zlibCompressBlock& codec, deflater how, const unsigned char* block, std::uint32_t size,
+                       unsigned char* to) {
+    const blockOutcome outcome = (codec.*how)(block, size, to, zlibCompressBlock::compressRoom(size));
     if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
     ORVA_ASSERT(outcome.end == blockOutcome::complete, "ret != 0");
     return outcome.produced;
@@ -68,11 +72,12 @@ std::uint32_t deflateRoom() {
 // two millions.
 deflatedBlock deflateBlock(zlibCompressBlock& codec, const unsigned char* block, std::uint32_t size,
                            unsigned char* scratch) {
-    const std::uint32_t whole = deflateInto(codec, block, size, scratch);
+    const std::uint32_t whole = streamOf(codec, &zlibCompressBlock::deflateWhole, block, size, scratch);
     if (whole <= kBlockSize) return {size, whole, 0, 0};
     const std::uint32_t half = size / 2;
-    const std::uint32_t first = deflateInto(codec, block, half, scratch);
-    const std::uint32_t second = deflateInto(codec, block + half, size - half, scratch + first);
+    const deflater store = &zlibCompressBlock::storeWhole;
+    const std::uint32_t first = streamOf(codec, store, block, half, scratch);
+    const std::uint32_t second = streamOf(codec, store, block + half, size - half, scratch + first);
     return {half, first, size - half, second};
 }
 

@@ -100,7 +100,7 @@ private:
     mutable std::int64_t fPosition = 0;
     ExtNameStr fName;
     std::string fMode;
-    int fDescriptor = -1;  // Closed exactly when -1.
+    int fDescriptor = -1;           // Closed exactly when -1.
     std::atomic<bool> fGood{true};  // a worker's failure sets it while the caller asks
     bool fAtEnd = false;
     const bool fEncrypted;

@@ -164,7 +164,7 @@ void ORVA_File::seekToBlock(std::int64_t block, std::int64_t byteOffset) {
 unsigned int ORVA_File::joinWaiting(const unsigned char* data, unsigned int size) {
     const auto room = static_cast<unsigned int>(CIPHER_BLOCK_SIZE - fRemainderSize);
     if (size < room) {
-        std::memcpy(fRemainder.get() + fRemainderSize, data, size);
+        std::copy_n(data, size, fRemainder.get() + fRemainderSize);  // `data` may be null with nothing to write
         fRemainderSize += static_cast<int>(size);
         return size;
     }

@@ -23,6 +23,12 @@ bool holds(const filePosRecord* records, std::int64_t number, std::int64_t last,
            (number == last || pos < records[number + 1].orginalPos);
 }
 
+// The first record that begins behind `pos`, or `end`.
+const filePosRecord* firstBehind(const filePosRecord* begin, const filePosRecord* end, std::int64_t pos) {
+    return std::upper_bound(begin, end, pos,
+                            [](std::int64_t p, const filePosRecord& record) { return p < record.orginalPos; });
+}
+
 constexpr filePosRecord kNothing{kNoRecord, 0, 0, 0};
 
 }  // namespace
@@ -115,8 +121,7 @@ filePosRecord filePosInfo::parseForAppend(unsigned char* buff, bool swap) {
 
 std::uint32_t filePosInfo::numberOf(std::int64_t pos) const {
     const filePosRecord* begin = pInfoBuffer.get();
-    const filePosRecord* behind = std::upper_bound(
-        begin, begin + fRecordCount, pos, [](std::int64_t p, const filePosRecord& r) { return p < r.orginalPos; });
+    const filePosRecord* behind = firstBehind(begin, begin + fRecordCount, pos);
     return behind == begin ? fRecordCount : static_cast<std::uint32_t>(behind - begin - 1);
 }
 
@@ -148,8 +153,17 @@ filePosRecord filePosInfo::findRecord(std::int64_t pos) const {
     if (guess < last && records[guess].orginalPos <= pos && pos < records[guess + 1].orginalPos) {
         return answer(guess, guess + 1);
     }
-    const std::int64_t found = searchOutward(guess, pos);
+    const std::int64_t found = searchOutward(likelyNumber(pos), pos);
     return found < 0 ? kNothing : answer(found, found + 1);
+}
+
+// Where the record would be if all blocks had one size: a better place to begin a search than the guess when the row-0
+// position is large or blocks are short.
+std::int64_t filePosInfo::likelyNumber(std::int64_t pos) const {
+    const auto before = static_cast<double>(pos - pInfoBuffer[0].orginalPos);
+    const auto all = static_cast<double>(dataEnd(0) - pInfoBuffer[0].orginalPos);
+    const auto number = static_cast<std::int64_t>(before / all * fRecordCount);
+    return std::min<std::int64_t>(number, fRecordCount - 1);
 }
 
 // From the guess, in the one direction that the ascending order leaves, by steps that double; then by halves.
@@ -169,9 +183,6 @@ std::int64_t filePosInfo::searchOutward(std::int64_t guess, std::int64_t pos) co
             low = std::max<std::int64_t>(guess - step, 0);
         }
     }
-    while (high - low > 1) {
-        const std::int64_t middle = low + (high - low) / 2;
-        (records[middle].orginalPos <= pos ? low : high) = middle;
-    }
+    low = firstBehind(records + low, records + high, pos) - records - 1;
     return holds(records, low, last, pos) ? low : -1;
 }

@@ -60,7 +60,8 @@ private:
 
     filePosRecord takeFirstRecord(const unsigned char* buff, bool swap) const;
     void checkAscending(const filePosRecord* records, std::uint32_t count) const;
-    // The steps of a look-up, in their order; a negative number where the step does not answer.
+    std::int64_t likelyNumber(std::int64_t pos) const;
+    // The number of the record around the guess that holds `pos`, or -1.
     std::int64_t searchOutward(std::int64_t guess, std::int64_t pos) const;
     const filePosRecord& answer(std::int64_t number, std::int64_t cursor) const;
 

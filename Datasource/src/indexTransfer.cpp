@@ -1,9 +1,12 @@
 #include "indexTransfer.h"
 
 #include "blockTransfer.h"
+#include "fileCodes.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
+#include <orva/errtext.h>
+#include <orva/platform.h>
 
 #include <cstring>
 #include <limits>
@@ -37,6 +40,13 @@ void checkPlaces(const ORVA_File& file, const compressionHeading& heading, std::
 
 }  // namespace
 
+std::int64_t lengthOf(const ORVA_File& file) {
+    platform::setErrno(0);
+    const std::int64_t length = file.Size();
+    if (length < 0) ThrowError::StringSys("datasrc.err", kReadFailed, file.GetNameStr().GetGeneric().c_str());
+    return length;
+}
+
 compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap, const char* positionCheck) {
     const std::string place = "at offset " + std::to_string(row0Pos);
     if (row0Pos <= 0 || row0Pos > std::numeric_limits<std::int64_t>::max() - kHeadingSize) {
@@ -56,7 +66,7 @@ compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap,
 }
 
 std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHeading& heading, bool swap) {
-    checkPlaces(file, heading, file.Size());
+    checkPlaces(file, heading, lengthOf(file));
     const auto size = static_cast<std::uint32_t>(heading._size);
     std::unique_ptr<unsigned char[]> bytes(new unsigned char[size]);
     if (!readAll(file, bytes.get(), size, heading._indexPos)) {
@@ -81,8 +91,8 @@ void checkFirstBlock(ORVA_File& file, const filePosRecord& record, std::int64_t 
                std::to_string(row0Pos));
 }
 
-void checkForAppend(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
-                    std::uint32_t count) {
+void checkContiguous(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
+                     std::uint32_t count) {
     const auto sized = [](std::int32_t size) { return size >= 1 && size <= static_cast<std::int32_t>(kBlockSize); };
     std::int64_t pos = heading._caseStartPos;
     std::int64_t place = heading._caseStartPos + kHeadingSize;
@@ -90,14 +100,13 @@ void checkForAppend(ORVA_File& file, const compressionHeading& heading, const fi
         const filePosRecord& r = records[i];
         if (!sized(r.orginalSize) || !sized(r.translateSize) || r.orginalPos != pos || r.translatePos != place) {
             refuse(file, "blocks follow each other without gaps",
-                   "block " + std::to_string(i) + " does not stand right behind the one before; nothing was written");
+                   "block " + std::to_string(i) + " does not stand right behind the one before");
         }
         pos += r.orginalSize;
         place += r.translateSize;
     }
     if (heading._indexPos < place) {
-        refuse(file, "_indexPos behind the last block",
-               indexSpan(heading) + " overlaps the blocks; nothing was written");
+        refuse(file, "_indexPos behind the last block", indexSpan(heading) + " overlaps the blocks");
     }
 }
 

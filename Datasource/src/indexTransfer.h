@@ -15,6 +15,9 @@
 
 namespace orva {
 
+// The file's length. Throws where ORVA_File::Size gives -1: a disk that cannot tell is no damaged file.
+std::int64_t lengthOf(const ORVA_File& file);
+
 // Reads the heading at `row0Pos`, in host order afterwards. `positionCheck` is the caller's text of the check that the
 // heading repeats its own position.
 compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap, const char* positionCheck);
@@ -26,9 +29,9 @@ std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHea
 // Record 0 of a part that begins at `row0Pos` must stand there.
 void checkFirstBlock(ORVA_File& file, const filePosRecord& record, std::int64_t row0Pos);
 
-// What an append needs beyond that: every record can be true, and the blocks follow each other without gaps, in logical
+// What an append needs, and a verifier asks, beyond that: every record can be true, and the blocks follow each other without gaps, in logical
 // positions and in the file, from behind the heading to the index at the latest. `records` in host order.
-void checkForAppend(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
+void checkContiguous(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
                     std::uint32_t count);
 
 }  // namespace orva

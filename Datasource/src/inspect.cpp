@@ -35,7 +35,7 @@ bool pointsToIndex(ORVA_File& file, std::int64_t fileSize, const compressionHead
 // Walks over a file and keeps the best heading seen.
 class headingSearch {
 public:
-    explicit headingSearch(ORVA_File& file) : fFile(file), fFileSize(file.Size()), fWindow(kBlockSize) {}
+    explicit headingSearch(ORVA_File& file) : fFile(file), fFileSize(lengthOf(file)), fWindow(kBlockSize) {}
 
     std::optional<foundPart> run() {
         constexpr std::int64_t step = kBlockSize - kHeadingSize + 1;
@@ -93,7 +93,7 @@ struct finishedPart::state {
     state(const std::string& name, foundPart part) : fIndex(kBlockSize, name), bSwapped(part.swapped) {
         openOrThrow(fFile, name, "rb", kReadFailed);
         fHeading = readHeading(fFile, part.row0Pos, bSwapped, "Analyze dictionary part error!");
-        fIndex.limitPlaces(fFile.Size());
+        fIndex.limitPlaces(lengthOf(fFile));
         fIndex.parseForRead(readIndex(fFile, fHeading, bSwapped).get(), bSwapped);
         if (fIndex.parsedCount() != 0) checkFirstBlock(fFile, fIndex.parsed(0), part.row0Pos);
     }
@@ -132,6 +132,10 @@ const filePosRecord& finishedPart::block(std::uint32_t number) const {
 std::int64_t finishedPart::dataSize() const {
     const std::int64_t row0 = fState->fHeading._caseStartPos;
     return fState->fIndex.dataEnd(row0) - row0;
+}
+
+void finishedPart::verifyIndex() {
+    if (blockCount() != 0) checkContiguous(fState->fFile, fState->fHeading, &block(0), blockCount());
 }
 
 void finishedPart::verifyBlock(std::uint32_t number) {

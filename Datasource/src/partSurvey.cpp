@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace orva {
 
@@ -49,9 +50,9 @@ bool partSurvey::run(const recoverOptions& options) {
     part = *found;
     takeHeading();
     filePosInfo index(kBlockSize, fFile.GetNameStr().GetGeneric());
-    if (hadHeading && parseIndex(fHeading, part.swapped, index)) {
-        readByIndex(index);
+    if (hadHeading && parseIndex(fHeading, part.swapped, index) && readByIndex(index)) {
         for (std::uint32_t i = 0; i < index.parsedCount(); ++i) committedRows += recordedSize(index, i);
+        if (lastRewritten && !options.onlyCommitted) takeJoining();
     } else {
         walk();
         commitWalked(options.onlyCommitted);
@@ -90,34 +91,53 @@ bool partSurvey::parseIndex(const compressionHeading& heading, bool swapped, fil
     }
 }
 
-void partSurvey::readByIndex(const filePosInfo& index) {
-    hadIndex = true;
-    segments.clear();
+// False for an index that tells of other blocks than those that stand there.
+bool partSurvey::readByIndex(const filePosInfo& index) {
+    const std::vector<surveySegment> before = std::exchange(segments, {});
     fPlace = part.row0Pos + kHeadingSize;
     bPlaceSure = true;
-    for (std::uint32_t i = 0; i < index.parsedCount(); ++i) {
-        takeRecord(index.parsed(i), recordedSize(index, i), i + 1 == index.parsedCount());
-    }
+    hadIndex = true;
+    for (std::uint32_t i = 0; i < index.parsedCount() && hadIndex; ++i) hadIndex = takeRecord(index, i);
+    if (!hadIndex) segments = before;
+    return hadIndex;
 }
 
 // Blocks follow each other without gaps. So behind a block that could be read stands the next one, whatever its record
-// says; and a whole stream knows better than its record how long it is.
-void partSurvey::takeRecord(const filePosRecord& record, std::int64_t size, bool last) {
+// says; and a whole stream knows better than its record how long it is. Both its record and the next one being wrong
+// about its end, though, is no damage: the index is that of a former life.
+bool partSurvey::takeRecord(const filePosInfo& index, std::uint32_t i) {
+    const filePosRecord& record = index.parsed(i);
+    const std::int64_t size = recordedSize(index, i);
+    const bool last = i + 1 == index.parsedCount();
     const std::int64_t recorded = record.translatePos;
     for (const std::int64_t place : {bPlaceSure ? fPlace : recorded, bPlaceSure ? recorded : fPlace}) {
         const std::optional<stream> found = streamAt(place);
         if (!found) continue;
-        const bool asRecorded = found->rows == size || std::int64_t{found->length} == record.translateSize;
-        if (!asRecorded && !(bPlaceSure && place == fPlace)) continue;
+        const std::int64_t end = place + found->length;
+        const bool endsAsRecorded =
+            found->length == std::int64_t{record.translateSize} || (!last && end == index.parsed(i + 1).translatePos);
+        if (!endsAsRecorded && !(last && (found->rows == size || place == fPlace))) {
+            if (bPlaceSure && place == fPlace) return false;
+            continue;
+        }
         segments.push_back({found->rows, place, found->length, false, {}});
-        if (last) lastRewritten = !asRecorded;
-        fPlace = place + found->length;
+        lastRewritten = last && !endsAsRecorded && found->rows != size;
+        fPlace = end;
         bPlaceSure = true;
-        return;
+        return true;
     }
     segments.push_back({size, recorded, 0, false, "its block is damaged"});
     fPlace = recorded <= fFileSize ? recorded + record.translateSize : 0;
     bPlaceSure = false;
+    return true;
+}
+
+// An append that cut rows may have written further blocks and not yet reached the old index.
+void partSurvey::takeJoining() {
+    while (const std::optional<stream> found = streamAt(fPlace)) {
+        segments.push_back({found->rows, fPlace, found->length, false, {}});
+        fPlace += found->length;
+    }
 }
 
 // From block to block, each telling where it ends. Where that ends, an index may still tell of what comes then.
@@ -155,9 +175,10 @@ bool partSurvey::readByLaterIndex(std::int64_t from) {
             if (swapped) swapRecord(first);
             filePosInfo index(kBlockSize, fFile.GetNameStr().GetGeneric());
             const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
-            if (!parseIndex({part.row0Pos, at + i, size}, swapped, index) || !continuesWalk(index, from)) continue;
-            readByIndex(index);
-            return true;
+            if (parseIndex({part.row0Pos, at + i, size}, swapped, index) && continuesWalk(index, from) &&
+                readByIndex(index)) {
+                return true;
+            }
         }
         at += count - kRecordSize + 1;
     }
@@ -185,9 +206,9 @@ void partSurvey::commitWalked(bool onlyCommitted) {
     for (std::size_t i = 0; i < committed; ++i) committedRows += segments[i].size;
     if (committed != 0) {
         const surveySegment& last = segments[committed - 1];
-        lastRewritten = last.length != 0 && (last.place + last.length > fHeading._indexPos ||
-                                             (committed < segments.size() &&
-                                              segments[committed].place < fHeading._indexPos));
+        lastRewritten =
+            last.length != 0 && (last.place + last.length > fHeading._indexPos ||
+                                 (committed < segments.size() && segments[committed].place < fHeading._indexPos));
     }
     if (onlyCommitted) segments.resize(committed);
 }

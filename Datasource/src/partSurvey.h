@@ -56,8 +56,9 @@ private:
     void takeHeading();
     // By an index.
     bool parseIndex(const compressionHeading& heading, bool swapped, filePosInfo& index);
-    void readByIndex(const filePosInfo& index);
-    void takeRecord(const filePosRecord& record, std::int64_t size, bool last);
+    bool readByIndex(const filePosInfo& index);
+    bool takeRecord(const filePosInfo& index, std::uint32_t i);
+    void takeJoining();
     // Without the one that the heading points to.
     void walk();
     bool readByLaterIndex(std::int64_t from);

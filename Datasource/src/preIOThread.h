@@ -63,7 +63,7 @@ protected:
     bool bWrite = false;
     bool bHandedOver = false;  // the pool has the callback, and disposes of it
     std::int64_t fProcess = 0;
-    // In the turn of the side that has the block.
+    // Guarded as the derived class tells.
     std::exception_ptr fFailure;
 };
 

@@ -1,8 +1,8 @@
 // readAheadSlot: the hand-over of one block read ahead, for the workers that read one block beside their caller.
 //
 // One block, two turns, no lock:
-//   caller's turn: semEmptySlot.wait -> semFilledSlot.post   fpPreReadPos, stCurSize, the worker's buffers; sets
-//   fpNextPos thread's turn: semFilledSlot.wait -> semEmptySlot.post   the same
+//   caller's turn: semEmptySlot.wait  -> semFilledSlot.post   fpPreReadPos, stCurSize, the worker's buffers, fpNextPos
+//   thread's turn: semFilledSlot.wait -> semEmptySlot.post    the same
 // R1 A field named above is touched only inside its owner's turn; the post publishes every earlier write.
 // R2 Each turn ends in its post, also on the throwing path: no request waits for a dead turn.
 // R3 A request that sets off no read-ahead (the last block, a failure) gives the token back itself and forgets the

@@ -109,8 +109,14 @@ void zcmpsFilestr::finish() {
     fData->bClosed = true;
     fData->endWorker(true);
     fData->throwFailure();
+    const bool safe = fData->fTail && fData->fTail->inSideFile;
     commit();
-    fData->pRealFile.Close();
+    try {
+        fData->pRealFile.Close();
+    } catch (const FileError& error) {
+        if (safe) throw error.withOutcome("the append itself is complete");
+        throw;
+    }
     fData->fTail.reset();
     fData->bFinished = true;
     reopenForReading();
@@ -134,7 +140,7 @@ void zcmpsFilestr::writeIndex(compressionHeading& heading) {
     std::uint32_t stLength = 0;
     const unsigned char* bytes = fpPosInfo->serialize(stLength);
     ORVA_ASSERT(stLength != 0, "stLength!=0");
-    ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
+    ORVA_ASSERT(fData->fpIOThread == nullptr && fData->fpSeveral == nullptr, "fData->fpIOThread == 0");
     heading._caseStartPos = fData->fRow0Pos;
     heading._indexPos = std::max(fData->fTransferEnd, fpPosInfo->writtenEnd(fData->fCompressedPos));
     heading._size = stLength;
@@ -176,6 +182,13 @@ void zcmpsFilestr::Data::endWorker(bool writing) {
         worker->destroyThreads();
         keepFailure(worker->failure());
     }
+}
+
+void zcmpsFilestr::Data::endReading() {
+    if (fpSeveral == nullptr) return;
+    fpSeveral->stopThreads();
+    fpSeveral->destroyThreads();
+    fpSeveral.reset();
 }
 
 // What a failed append has overwritten is put back before anybody hears of it, once no thread writes any more.

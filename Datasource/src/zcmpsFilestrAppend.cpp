@@ -37,6 +37,7 @@ void zcmpsFilestr::setFileToAppend(std::int64_t endpos, bool swap) {
     beginWriting([&] {
         refuseEncrypted(kWriteFailed);
         reopenForWriting("fData->pRealFile.Open(GetNameStr(),\"r+b\")", __LINE__);
+        if (!bIsWriting) fData->endReading();
         auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
         fData->resume(endpos, fFilePos, swap, *index);
         fpPosInfo = std::move(index);
@@ -52,7 +53,7 @@ void zcmpsFilestr::Data::resume(std::int64_t endpos, std::int64_t filePos, bool 
     const std::unique_ptr<unsigned char[]> bytes = orva::readIndex(pRealFile, chInfo, swap);
     const filePosRecord bInfo = index.parseForAppend(bytes.get(), swap);
     const std::uint32_t count = index.parsedCount();
-    orva::checkForAppend(pRealFile, chInfo, reinterpret_cast<const filePosRecord*>(bytes.get() + kRecordSize), count);
+    orva::checkContiguous(pRealFile, chInfo, reinterpret_cast<const filePosRecord*>(bytes.get() + kRecordSize), count);
 
     clearBuffer();
     fTransferEnd = chInfo._indexPos + chInfo._size;
@@ -75,15 +76,23 @@ void zcmpsFilestr::Data::resumeBehind(const filePosRecord& bInfo, std::int64_t e
     fpos = bInfo.orginalPos + bInfo.orginalSize;
     fCompressedPos = bInfo.translatePos + bInfo.translateSize;
     if (fpos == endpos) return;
-    // Another process may have appended since the caller read the index, so this is no breach.
+    throwRowsEndElsewhere(fpos, endpos);
+}
+
+// Another process may have appended since the caller read the index, so this is no breach.
+void zcmpsFilestr::Data::throwRowsEndElsewhere(std::int64_t end, std::int64_t endpos) const {
     throw DamagedFileError(pRealFile.GetNameStr().GetGeneric(), "fData->fpos == endpos",
-                           "its rows end at logical position " + std::to_string(fpos) + " instead of " +
+                           "its rows end at logical position " + std::to_string(end) + " instead of " +
                                std::to_string(endpos) + "; read it again");
 }
 
 void zcmpsFilestr::Data::resumeInBlock(const filePosRecord& bInfo, std::uint32_t number, std::int64_t endpos) {
-    ORVA_ASSERT(endpos >= bInfo.orginalPos && endpos <= bInfo.orginalPos + bInfo.orginalSize,
-                "endpos inside the last block");
+    if (endpos < bInfo.orginalPos || endpos > bInfo.orginalPos + bInfo.orginalSize) {
+        // A breach, unless the file is no longer what the caller read.
+        ORVA_ASSERT(fpPosInfo->dataEnd(fRow0Pos) != bInfo.orginalPos + bInfo.orginalSize,
+                    "endpos inside the last block");
+        throwRowsEndElsewhere(bInfo.orginalPos + bInfo.orginalSize, endpos);
+    }
     orva::readBlock({pRealFile, fCompressor, fCompressedBuffer}, {bInfo, number, std::nullopt, pRealFile.Size()},
                     fBuffer);
     fpos = bInfo.orginalPos;

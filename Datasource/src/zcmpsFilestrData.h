@@ -41,6 +41,7 @@ struct zcmpsFilestr::Data {
     void resume(std::int64_t endpos, std::int64_t filePos, bool swap, filePosInfo& index);
     void resumeBehind(const filePosRecord& bInfo, std::int64_t endpos, filePosInfo& index);
     void resumeInBlock(const filePosRecord& bInfo, std::uint32_t number, std::int64_t endpos);
+    [[noreturn]] void throwRowsEndElsewhere(std::int64_t end, std::int64_t endpos) const;
     void saveTail(const compressionHeading& heading, std::uint32_t rewrittenBlock);
     // Puts back what a failed append has overwritten. Gives the failure with the outcome added to its text.
     std::exception_ptr undoAppend(const std::exception_ptr& failure);
@@ -51,6 +52,9 @@ struct zcmpsFilestr::Data {
     // Ends the worker, if there is one; a writing one by its end request. What it failed with is kept.
     void endWorker(bool writing);
 
+    // The threads of a reader that becomes a writer.
+    void endReading();
+
     void keepFailure(const std::exception_ptr& failure);
     // Throws the kept failure, if there is one.
     void throwFailure();
@@ -60,13 +64,13 @@ struct zcmpsFilestr::Data {
     std::int64_t fRow0Pos = 0;
     std::int64_t fpos = -1;           // logical position of fBuffer's first byte; -1 while no block is loaded
     std::int64_t fCompressedPos = 0;  // file offset of the next block; moved by the inline road only
-    std::int64_t fTransferEnd = 0;    // where this stream's own last transfer before writing ended
+    std::int64_t fTransferEnd = 0;    // where the last transfer ended, before a block is written; 0 afterwards
     ORVA_File& pRealFile;             // held by the base's count; gone once Close has reopened the file
     zlibCompressBlock fCompressor;    // the caller's thread
     filePosInfo* fpPosInfo;           // the stream's
-    std::unique_ptr<PreIOThreadBase> fpIOThread;
-    unsigned char* pBlock = fBuffer;           // reading: the current block's rows, fBuffer or the cache's
-    unsigned char* fpCurrent = fBuffer;        // next byte to fill, or to deliver
+    std::unique_ptr<PreIOThreadBase> fpIOThread;  // as fMultiThread tells, unless fThreadCount is not 0
+    unsigned char* pBlock = fBuffer;              // reading: the current block's rows, fBuffer or the cache's
+    unsigned char* fpCurrent = fBuffer;           // next byte to fill, or to deliver
     std::uint32_t availBuffSize = kBlockSize;  // writing: free bytes; reading: bytes from fpCurrent to the block's end
     std::int32_t fMultiThread = 0;
     orva::blockCache fCache;

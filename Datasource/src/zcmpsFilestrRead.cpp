@@ -22,7 +22,7 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
         const compressionHeading chInfo = orva::readHeading(
             fData->pRealFile, posofpos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
         fData->fRow0Pos = chInfo._caseStartPos;
-        fpPosInfo->limitPlaces(fData->pRealFile.Size());
+        fpPosInfo->limitPlaces(orva::lengthOf(fData->pRealFile));
         fpPosInfo->parseForRead(orva::readIndex(fData->pRealFile, chInfo, swap).get(), swap);
         if (fpPosInfo->parsedCount() != 0) orva::checkFirstBlock(fData->pRealFile, fpPosInfo->parsed(0), posofpos);
         if (fData->fMultiThread >= 2 && fData->fThreadCount == 0) fData->fpIOThread = fData->makeReader();
@@ -73,8 +73,9 @@ void zcmpsFilestr::Data::readWholeBlocks(ReadRequest& req) {
     forgetBlock();
     for (;;) {
         const filePosRecord bInfo = fpPosInfo->findRecord(req._pos);
+        if (bInfo.orginalPos != req._pos || bInfo.orginalSize < 1) return;
         const auto size = static_cast<std::uint32_t>(bInfo.orginalSize);
-        if (bInfo.orginalPos != req._pos || bInfo.orginalSize < 1 || size >= req._size) return;
+        if (size >= req._size) return;
         if (const unsigned char* held = fCache.find(bInfo.orginalPos)) {
             std::memcpy(req._buffer, held, size);
         } else {

@@ -15,6 +15,7 @@ void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
     beginWriting([&] {
         refuseEncrypted(kWriteFailed);
         reopenForWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__);
+        if (!bIsWriting) fData->endReading();
         orva::dropSideFile(GetNameStr().GetGeneric());
         auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
         const bool byWorker = fData->fMultiThread == 1 && fData->fThreadCount == 0;
@@ -105,8 +106,8 @@ void zcmpsFilestr::Data::sendBlock(const unsigned char* block, std::uint32_t siz
         if (!fDeflated) fDeflated = orva::blockBuffer(orva::deflateRoom());
         fCompressedPos =
             orva::writeBlock({pRealFile, *fpPosInfo, fCompressor, fDeflated.get()}, block, size, fpos, fCompressedPos);
-        fTransferEnd = fCompressedPos;
     }
+    fTransferEnd = 0;
     fpos += size;
 }
 

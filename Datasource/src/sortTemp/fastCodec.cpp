@@ -16,19 +16,22 @@ struct deflateState {
     unsigned char tables[ISAL_DEF_LVL1_DEFAULT];
 };
 
-deflateState* threadDeflateState() noexcept {
-    thread_local const std::unique_ptr<deflateState> state(new (std::nothrow) deflateState);
-    return state.get();
-}
-
 struct freeDecompressor {
     void operator()(libdeflate_decompressor* state) const { libdeflate_free_decompressor(state); }
 };
 
-libdeflate_decompressor* threadDecompressor() noexcept {
-    thread_local const std::unique_ptr<libdeflate_decompressor, freeDecompressor> state(
-        libdeflate_alloc_decompressor());
-    return state.get();
+// A stream may be finished after its thread's own objects have ended, as a static one is. zlib serves it then.
+thread_local bool tEnded = false;
+struct threadEngines {
+    const std::unique_ptr<deflateState> deflating{new (std::nothrow) deflateState};
+    const std::unique_ptr<libdeflate_decompressor, freeDecompressor> inflating{libdeflate_alloc_decompressor()};
+    ~threadEngines() { tEnded = true; }
+};
+
+const threadEngines* ownEngines() noexcept {
+    if (tEnded) return nullptr;
+    thread_local const threadEngines own;
+    return &own;
 }
 
 constexpr std::uint32_t kStoredBlock = 65'535;
@@ -39,13 +42,13 @@ constexpr std::uint32_t kStreamEnds = 2 + 4 + 10;  // zlib's header and checksum
 
 std::optional<fastResult> fastDeflate(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                       std::uint32_t room) noexcept {
-    deflateState* state = threadDeflateState();
-    if (state == nullptr) return std::nullopt;
-    isal_zstream& stream = state->stream;
+    const threadEngines* engines = ownEngines();
+    if (engines == nullptr || engines->deflating == nullptr) return std::nullopt;
+    isal_zstream& stream = engines->deflating->stream;
     isal_deflate_stateless_init(&stream);
     stream.level = 1;
-    stream.level_buf = state->tables;
-    stream.level_buf_size = sizeof state->tables;
+    stream.level_buf = engines->deflating->tables;
+    stream.level_buf_size = sizeof engines->deflating->tables;
     stream.gzip_flag = IGZIP_ZLIB;
     stream.flush = NO_FLUSH;
     stream.end_of_stream = 1;
@@ -64,11 +67,12 @@ std::uint32_t fastDeflateRoom(std::uint32_t size) noexcept {
 
 std::optional<fastResult> fastInflate(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                       std::uint32_t room) noexcept {
-    libdeflate_decompressor* state = threadDecompressor();
-    if (state == nullptr) return std::nullopt;
+    const threadEngines* engines = ownEngines();
+    if (engines == nullptr || engines->inflating == nullptr) return std::nullopt;
     std::size_t consumed = 0;
     std::size_t produced = 0;
-    if (libdeflate_zlib_decompress_ex(state, from, size, to, room, &consumed, &produced) != LIBDEFLATE_SUCCESS) {
+    if (libdeflate_zlib_decompress_ex(engines->inflating.get(), from, size, to, room, &consumed, &produced) !=
+        LIBDEFLATE_SUCCESS) {
         return std::nullopt;
     }
     return fastResult{static_cast<std::uint32_t>(produced), static_cast<std::uint32_t>(consumed)};

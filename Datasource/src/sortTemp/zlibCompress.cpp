@@ -56,16 +56,26 @@ blockOutcome zlibCompressBlock::inflateWhole(const unsigned char* from, std::uin
     return runBlock(decompress, from, size, to, room);
 }
 
+blockOutcome zlibCompressBlock::storeWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                           std::uint32_t room) {
+    take(from, size, to, room);
+    return runZlib(ORVA_FAST_CODEC ? Z_NO_COMPRESSION : Z_BEST_SPEED, compress, Z_FINISH);
+}
+
+void zlibCompressBlock::take(const unsigned char* from, std::uint32_t size, unsigned char* to, std::uint32_t room) {
+    souce = from;
+    inCount = size;
+    dest = to;
+    outCount = room;
+}
+
 std::uint32_t zlibCompressBlock::compressRoom(std::uint32_t size) {
     return std::max(static_cast<std::uint32_t>(compressBound(size)), orva::fastDeflateRoom(size));
 }
 
 blockOutcome zlibCompressBlock::runBlock(direction way, const unsigned char* from, std::uint32_t size,
                                          unsigned char* to, std::uint32_t room) {
-    souce = from;
-    inCount = size;
-    dest = to;
-    outCount = room;
+    take(from, size, to, room);
     const std::optional<blockOutcome> outcome = runFast(way);
     return outcome ? *outcome : runZlib(Z_BEST_SPEED, way, Z_FINISH);
 }
