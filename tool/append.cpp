@@ -1,0 +1,100 @@
+// append: more rows behind those of a finished file.
+#include "failure.h"
+#include "input.h"
+#include "part.h"
+#include "progress.h"
+#include "text.h"
+#include "verbs.h"
+
+#include <orva/orva.h>
+
+#include <CLI/CLI.hpp>
+
+#include <filesystem>
+#include <memory>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct appendOptions {
+    partOptions part;
+    std::string in = "-";
+    bool noSync = false;
+    progressOptions progress;
+};
+
+class appendRun {
+public:
+    explicit appendRun(appendOptions options) : fOptions(std::move(options)), fBuffer(new transferBuffer) {}
+
+    int run() {
+        checkInput();
+        rollBackInterrupted();
+        input from(fOptions.in);
+        const locatedPart located = locatePart(fOptions.part);
+        noteFound("append", fOptions.part, located);
+        // Rows first, so that an input that fails at once, or has none, touches nothing.
+        std::uint32_t count = from.read(fBuffer->bytes, kBlockSize);
+        progress bar(fOptions.progress, "append", knownSize(fOptions.in).value_or(-1));
+        if (count != 0) append(located.part, from, count, bar);
+        bar.finish(shownName(fOptions.part.file) + ": " + humanSize(static_cast<double>(fRowBytes)) + " of rows added");
+        return kAllWell;
+    }
+
+private:
+    void checkInput() const {
+        if (fOptions.in == "-") return;
+        checkReadable(fOptions.in);
+        std::error_code none;
+        if (fs::equivalent(fOptions.in, fOptions.part.file, none)) {
+            usageError("\"" + shownName(fOptions.in) + "\" cannot be added to itself");
+        }
+    }
+
+    void rollBackInterrupted() const {
+        if (orva::rollBack(fOptions.part.file) != orva::rollBackResult::rolledBack) return;
+        note("append", fOptions.part.file,
+             "an append before this one was interrupted: it was undone, the rows from before it are all there");
+    }
+
+    void append(const orva::foundPart& part, input& from, std::uint32_t count, progress& bar) {
+        const std::int64_t end = part.row0Pos + orva::finishedPart(fOptions.part.file, part).dataSize();
+        const namedStream source(fOptions.part.file);
+        zcmpsFilestr rows(source);
+        try {
+            rows.readFilePosInfo(part.row0Pos, part.swapped);
+            rows.Seek(end, ORVA_StrBaseIO::SeekFromStart);
+            rows.setSafeAppend(!fOptions.noSync);
+            rows.setFileToAppend(end, part.swapped);
+            for (; count != 0; count = from.read(fBuffer->bytes, kBlockSize)) {
+                rows.Write(fBuffer->bytes, count);
+                fRowBytes += count;
+                bar.advance(count);
+            }
+            rows.Close();
+        } catch (...) {
+            rows.abandon();
+            throw;
+        }
+    }
+
+    const appendOptions fOptions;
+    const std::unique_ptr<transferBuffer> fBuffer;
+    std::int64_t fRowBytes = 0;
+};
+
+}  // namespace
+
+verb addAppend(CLI::App& app) {
+    auto options = std::make_shared<appendOptions>();
+    CLI::App* command = app.add_subcommand("append", "Add rows to a finished file; a failure leaves it as it was");
+    options->part.addTo(*command);
+    command->add_option("IN", options->in, "A file of rows; standard input (-) without one");
+    command->add_flag(
+        "--no-sync", options->noSync,
+        "Leave it to the system when the rows reach the disk, and do without the side file that undoes an "
+        "append which a crash ends");
+    options->progress.addTo(*command);
+    return [options] { return appendRun(*options).run(); };
+}

@@ -1,0 +1,93 @@
+#include "failure.h"
+
+#include "text.h"
+
+#include <orva/orva.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <new>
+#include <utility>
+
+namespace {
+
+constexpr const char* kCatalog = "datasrc.err";
+constexpr long kWriting = 1002;
+constexpr long kReading = 1003;
+
+std::string withoutFirst(std::string text, const std::string& part) {
+    if (const auto at = text.find(part); at != std::string::npos) text.erase(at, part.size());
+    return text;
+}
+
+// "orva" + ": part" for each part that there is.
+void printLine(std::initializer_list<std::string> parts) {
+    std::string line = "orva";
+    for (const std::string& part : parts) {
+        if (!part.empty()) line += ": " + part;
+    }
+    std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+int report(const std::string& verbName, exitCode code, const std::string& file, const std::string& text) {
+    printLine({verbName, shownName(file), text});
+    return code;
+}
+
+exitCode codeOf(const FileError& failure) {
+    return failure.messageCode() == kReading ? kInputUnreadable : kOutputUnwritable;
+}
+
+std::string damagedFile(const std::string& text) {
+    const auto end = text.find("\" is damaged: ");
+    return !text.empty() && text[0] == '"' && end != std::string::npos ? text.substr(1, end - 1) : std::string();
+}
+
+}  // namespace
+
+toolFailure::toolFailure(exitCode code, std::string file, const std::string& text)
+    : std::runtime_error(text), fCode(code), fFile(std::move(file)) {}
+
+void usageError(const std::string& text) {
+    throw toolFailure(kUsage, {}, text);
+}
+
+void throwReadFailed(const std::string& file) {
+    ThrowError::StringSys(kCatalog, kReading, file.c_str());
+}
+void throwWriteFailed(const std::string& file) {
+    ThrowError::StringSys(kCatalog, kWriting, file.c_str());
+}
+
+std::string failureText(const std::exception& failure, const std::string& file) {
+    std::string text = failure.what();
+    text = withoutFirst(text, " (" + std::string(kCatalog) + ' ' + std::to_string(kReading) + ')');
+    text = withoutFirst(text, " (" + std::string(kCatalog) + ' ' + std::to_string(kWriting) + ')');
+    text = withoutFirst(text, "\"" + file + "\" is ");  // damaged
+    return withoutFirst(text, " \"" + file + '"');
+}
+
+int reportFailure(const std::string& verbName, const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const toolFailure& e) {
+        return report(verbName, e.code(), e.file(), e.what());
+    } catch (const FileError& e) {
+        return report(verbName, codeOf(e), e.fileName(), failureText(e, e.fileName()));
+    } catch (const DamagedFileError& e) {
+        const std::string file = damagedFile(e.what());
+        return report(verbName, kDamaged, file, failureText(e, file));
+    } catch (const SystemFileException& e) {
+        return report(verbName, kOutputUnwritable, {}, "the output cannot be opened again: " + e.fExpression);
+    } catch (const std::bad_alloc&) {
+        return report(verbName, kOtherFailure, {}, "out of memory: end other programs, or raise the limit on memory");
+    } catch (const std::filesystem::filesystem_error& e) {
+        return report(verbName, kOtherFailure, e.path1().string(), e.code().message());
+    } catch (const std::exception& e) {
+        return report(verbName, kOtherFailure, {}, e.what());
+    }
+}
+
+void note(const std::string& verbName, const std::string& file, const std::string& text) {
+    printLine({verbName, shownName(file), text});
+}

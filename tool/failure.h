@@ -1,0 +1,45 @@
+// What can go wrong in the tool, the exit code of each, and the one place where exceptions become messages.
+#pragma once
+
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+// Scripts go by these.
+enum exitCode : int {
+    kAllWell = 0,
+    kOtherFailure = 1,
+    kUsage = 2,
+    kInputUnreadable = 3,   // an input cannot be opened or read
+    kOutputUnwritable = 4,  // the output cannot be written
+    kDamaged = 5,           // damaged or unfinished data
+    kPartial = 7,           // done in part: the rest could not be
+};
+
+// A failure that the tool itself found. `text`: what, where, what to do next.
+class toolFailure : public std::runtime_error {
+public:
+    toolFailure(exitCode code, std::string file, const std::string& text);
+
+    exitCode code() const { return fCode; }
+    const std::string& file() const { return fFile; }
+
+private:
+    exitCode fCode;
+    std::string fFile;  // empty where no file is to blame
+};
+
+[[noreturn]] void usageError(const std::string& text);
+
+// Throws FileError with the present errno.
+[[noreturn]] void throwReadFailed(const std::string& file);
+[[noreturn]] void throwWriteFailed(const std::string& file);
+
+// Prints "orva: VERB: FILE: text" for the exception to standard error and gives its exit code.
+int reportFailure(const std::string& verbName, const std::exception_ptr& failure);
+
+// The text of a failure without the file's name, which stands in front of it or is known.
+std::string failureText(const std::exception& failure, const std::string& file);
+
+// A line on standard error that is no failure.
+void note(const std::string& verbName, const std::string& file, const std::string& text);

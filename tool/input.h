@@ -1,0 +1,42 @@
+// An input of rows: a named file of any kind that can be read, or standard input.
+//
+// Failure: FileError (1003).
+#pragma once
+
+#include <orva/orva.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+// One transfer's worth of bytes, aligned as the library's own buffers are.
+struct transferBuffer {
+    alignas(kBufferAlignment) unsigned char bytes[kBlockSize];
+};
+
+// A stream that is open on the file, or FileError.
+class namedStream : public ORVA_FileStream {
+public:
+    explicit namedStream(const std::string& name);
+};
+
+class input {
+public:
+    // "-" is standard input.
+    explicit input(const std::string& name);
+
+    // Fewer bytes than asked: the end.
+    std::uint32_t read(void* buffer, std::uint32_t size);
+
+private:
+    const std::string fName;
+    std::unique_ptr<namedStream> fStream;  // null for standard input
+};
+
+// Throws what opening the file for reading would meet, before anything is begun. A pipe is not opened: that would
+// consume it.
+void checkReadable(const std::string& name);
+
+// The size of a regular file; nothing for what has none, or none that stays.
+std::optional<std::int64_t> knownSize(const std::string& name);

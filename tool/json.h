@@ -1,0 +1,25 @@
+// What the verbs' JSON has in common. Field names and meanings stay as long as the schema's number does.
+#pragma once
+
+#include <orva/compressedLayout.h>
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <string>
+
+inline constexpr int kJsonSchema = 1;
+
+// Indented text with a line feed at its end. Bytes of file names that are no UTF-8 become replacement characters.
+inline std::string jsonText(const nlohmann::ordered_json& value) {
+    return value.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
+}
+
+// `offset` counts from the first byte of rows.
+inline nlohmann::ordered_json blockJson(std::uint32_t number, const filePosRecord& record, std::int64_t row0Pos) {
+    return {{"block", number},
+            {"offset", record.orginalPos - row0Pos},
+            {"size", record.orginalSize},
+            {"fileOffset", record.translatePos},
+            {"fileSize", record.translateSize}};
+}

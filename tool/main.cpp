@@ -1,0 +1,85 @@
+// orva: packs rows into compressed data files, reads them back, and looks into such files.
+#include "failure.h"
+#include "output.h"
+#include "pendingFile.h"
+#include "verbs.h"
+
+#include <orva/orva.h>
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr addVerb* kVerbs[] = {addPack, addCat, addAppend, addInfo, addVerify, addRecover};
+
+// A descriptor below 3 that is closed would be the next file's number, and messages would go into the data.
+void occupyStandardDescriptors() {
+    for (int descriptor = 0; descriptor < 3; ++descriptor) {
+        if (platform::_lseeki64(descriptor, 0, 1) >= 0 || errno != EBADF) continue;
+        const int access = descriptor == 0 ? platform::_O_WRONLY : platform::_O_RDONLY;  // using it fails as before
+        if (platform::openShared("/dev/null", access, 0, 0) < 0) return;
+    }
+}
+
+// Help and version go out through the same road as data, so that a full disk shows there too.
+int answerFromParser(const CLI::App& app, const CLI::ParseError& request, const std::string& verbName) {
+    if (request.get_exit_code() != 0) {
+        const std::string help = verbName.empty() ? "orva --help" : "orva " + verbName + " --help";
+        throw toolFailure(kUsage, {}, std::string(request.what()) + "; '" + help + "' tells more");
+    }
+    std::ostringstream text;
+    app.exit(request, text, text);
+    output out;
+    out.write(text.str());
+    out.finish();
+    return kAllWell;
+}
+
+std::string versionText() {
+    return "orva " + orva::version() + " (" + orva::codecs() + ")";
+}
+
+int runTool(int argc, char** argv, std::string& verbName) {
+    CLI::App app{"Compressed data files: rows in blocks, with an index for reading any part of them.", "orva"};
+    app.set_version_flag("--version", versionText());
+    app.require_subcommand(0, 1);
+    app.footer(
+        "'orva VERB --help' tells the flags of a verb. Exit codes: 0 all well, 1 other failure, 2 usage,\n"
+        "3 an input cannot be read, 4 the output cannot be written, 5 damaged or unfinished data, 7 done in part.");
+    std::vector<std::pair<CLI::App*, verb>> verbs;
+    for (addVerb* const add : kVerbs) {
+        verb run = add(app);
+        verbs.emplace_back(app.get_subcommands({}).back(), std::move(run));
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& request) {
+        if (const auto parsed = app.get_subcommands(); !parsed.empty()) verbName = parsed.front()->get_name();
+        return answerFromParser(app, request, verbName);
+    }
+    for (const auto& [command, run] : verbs) {
+        if (!command->parsed()) continue;
+        verbName = command->get_name();
+        return run();
+    }
+    usageError("name what to do; 'orva --help' lists the verbs");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string verbName;
+    try {
+        occupyStandardDescriptors();
+        handleSignals();
+        return runTool(argc, argv, verbName);
+    } catch (...) {
+        return reportFailure(verbName, std::current_exception());
+    }
+}

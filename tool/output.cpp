@@ -1,0 +1,64 @@
+#include "output.h"
+
+#include "failure.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kStandardOutput = 1;
+constexpr std::size_t kLargestWrite = 1U << 30;
+
+bool isDeviceOrPipe(const std::string& name) {
+    std::error_code none;
+    const fs::file_status status = fs::status(name, none);
+    return fs::exists(status) && !fs::is_regular_file(status) && !fs::is_directory(status);
+}
+
+}  // namespace
+
+output::output() : fName("standard output"), fDescriptor(kStandardOutput) {}
+
+output::output(const std::string& name, const outputOptions& options) : output() {
+    if (name == "-") return;
+    fName = name;
+    if (isDeviceOrPipe(name)) {
+        openFile(name.c_str());
+    } else {
+        fPending = std::make_unique<pendingFile>(name, options);
+        openFile(fPending->temporaryName().c_str());
+    }
+}
+
+output::~output() {
+    if (fDescriptor > kStandardOutput) platform::_close(fDescriptor);
+}
+
+void output::openFile(const char* name) {
+    fDescriptor = platform::openShared(name, platform::_O_WRONLY, platform::_SH_DENYWR, 0);
+    if (fDescriptor < 0) throwWriteFailed(fName);
+}
+
+void output::write(const void* bytes, std::size_t size) {
+    const auto* from = static_cast<const char*>(bytes);
+    while (size > 0 && !bReaderGone) {
+        const auto piece = static_cast<unsigned int>(std::min(size, kLargestWrite));
+        if (platform::_write(fDescriptor, from, piece) < 0) {
+            if (errno != EPIPE) throwWriteFailed(fName);
+            bReaderGone = true;
+        }
+        from += piece;
+        size -= piece;
+    }
+}
+
+void output::finish() {
+    if (fDescriptor <= kStandardOutput) return;
+    if (platform::_close(fDescriptor) != 0) throwWriteFailed(fName);
+    fDescriptor = -1;
+    if (fPending) fPending->commit();
+}

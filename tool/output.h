@@ -1,0 +1,36 @@
+// Where a verb's bytes go: standard output, or a file that appears under its name when it is complete.
+//
+// Failure: FileError (1002). A reader that has gone is no failure: `open` tells of it.
+#pragma once
+
+#include "pendingFile.h"
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+class output {
+public:
+    // Standard output.
+    output();
+    // The file `name`; "-" is standard output. A device or a pipe is written to as it is.
+    output(const std::string& name, const outputOptions& options);
+    output(const output&) = delete;
+    output& operator=(const output&) = delete;
+    ~output();
+
+    void write(const void* bytes, std::size_t size);
+    void write(const std::string& text) { write(text.data(), text.size()); }
+    // False once nobody reads any more; writing is then without effect.
+    bool open() const { return !bReaderGone; }
+    // What was written is complete.
+    void finish();
+
+private:
+    void openFile(const char* name);
+
+    std::string fName;
+    std::unique_ptr<pendingFile> fPending;
+    int fDescriptor;
+    bool bReaderGone = false;
+};

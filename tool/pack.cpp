@@ -1,0 +1,150 @@
+// pack: rows in, a finished file out.
+#include "dictionary.h"
+#include "failure.h"
+#include "input.h"
+#include "pendingFile.h"
+#include "progress.h"
+#include "text.h"
+#include "verbs.h"
+
+#include <orva/orva.h>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::int32_t kWriteBesideCaller = 1;
+
+struct packOptions {
+    std::vector<std::string> inputs;
+    std::string out;
+    std::string dict;
+    outputOptions output;
+    progressOptions progress;
+};
+
+class packRun {
+public:
+    explicit packRun(packOptions options) : fOptions(std::move(options)), fBuffer(new transferBuffer) {}
+
+    int run() {
+        chooseOutput();
+        checkInputs();
+        pendingFile pending(fOptions.out, fOptions.output);
+        progress bar(fOptions.progress, "pack", totalSize());
+        pending.during([&] {
+            writeFile(pending.temporaryName(), bar);
+            fPackedSize = static_cast<std::int64_t>(fs::file_size(pending.temporaryName()));
+            pending.commit();
+        });
+        bar.finish(shownName(fOptions.out) + ": " + humanSize(static_cast<double>(fRowBytes)) + " to " +
+                   humanSize(static_cast<double>(fPackedSize)) + ", " + ratioText(fRowBytes, fPackedSize));
+        return kAllWell;
+    }
+
+private:
+    bool oneNamedInput() const { return fOptions.inputs.size() == 1 && fOptions.inputs[0] != "-"; }
+
+    void chooseOutput() {
+        if (fOptions.out == "-") usageError("a finished file needs a name, for its heading is written last: -o FILE");
+        if (!fOptions.out.empty()) return;
+        if (!oneNamedInput()) usageError("several inputs and standard input need a name for the output: -o FILE");
+        fOptions.out = fOptions.inputs[0] + ".orva";
+    }
+
+    // Before anything is written: a misspelt last name should not cost the work on the first ones.
+    void checkInputs() const {
+        if (std::count(fOptions.inputs.begin(), fOptions.inputs.end(), "-") > 1) {
+            usageError("standard input (-) can be read only once");
+        }
+        for (const std::string& name : fOptions.inputs) {
+            if (name == "-") continue;
+            checkReadable(name);
+            std::error_code none;
+            if (fs::equivalent(name, fOptions.out, none)) {
+                usageError("\"" + shownName(name) + "\" is input and output: name another output with -o");
+            }
+        }
+        if (fOptions.dict.empty()) return;
+        checkReadable(fOptions.dict);
+    }
+
+    std::int64_t totalSize() const {
+        std::int64_t total = 0;
+        for (const std::string& name : fOptions.inputs) {
+            const auto size = knownSize(name);
+            if (!size) return -1;
+            total += *size;
+        }
+        return total;
+    }
+
+    void writeFile(const std::string& name, progress& bar) {
+        ORVA_FileStream file(name.c_str(), "r+b");
+        if (file.Good() == 0) throwWriteFailed(name);
+        const std::int64_t row0Pos = writeDictionary(file);
+        file.Close();
+        zcmpsFilestr rows(file);
+        try {
+            rows.setMultiThread(kWriteBesideCaller);
+            rows.setRow0Pos(row0Pos);
+            rows.Seek(row0Pos, ORVA_StrBaseIO::SeekFromStart);
+            for (const std::string& input : fOptions.inputs) copyRows(input, rows, bar);
+            rows.Close();
+        } catch (...) {
+            rows.abandon();
+            throw;
+        }
+    }
+
+    // Gives the row-0 position, which is its length.
+    std::int64_t writeDictionary(ORVA_FileStream& file) {
+        if (fOptions.dict.empty()) {
+            const std::string source = oneNamedInput() ? fOptions.inputs[0] : "";
+            const std::string text = makeDictionary(source, source.empty() ? std::nullopt : knownSize(source));
+            file.Write(text.data(), static_cast<std::uint32_t>(text.size()));
+        } else {
+            input from(fOptions.dict);
+            while (const std::uint32_t count = from.read(fBuffer->bytes, kBlockSize)) file.Write(fBuffer->bytes, count);
+            if (file.Tell() == 0) {
+                usageError("the dictionary part \"" + shownName(fOptions.dict) +
+                           "\" is empty: rows begin behind at least one byte");
+            }
+        }
+        return file.Tell();
+    }
+
+    void copyRows(const std::string& name, zcmpsFilestr& rows, progress& bar) {
+        input from(name);
+        while (const std::uint32_t count = from.read(fBuffer->bytes, kBlockSize)) {
+            rows.Write(fBuffer->bytes, count);
+            fRowBytes += count;
+            bar.advance(count);
+        }
+    }
+
+    packOptions fOptions;
+    const std::unique_ptr<transferBuffer> fBuffer;
+    std::int64_t fRowBytes = 0;
+    std::int64_t fPackedSize = 0;
+};
+
+}  // namespace
+
+verb addPack(CLI::App& app) {
+    auto options = std::make_shared<packOptions>();
+    CLI::App* command = app.add_subcommand("pack", "Compress rows into a finished file");
+    command->add_option("IN", options->inputs, "Files of rows, one behind the other; - is standard input")->required();
+    command->add_option("-o,--output", options->out, "The file to make; IN.orva where there is one IN");
+    command->add_option("--dict", options->dict, "The dictionary part to put in front, byte for byte");
+    options->output.addTo(*command);
+    options->progress.addTo(*command);
+    return [options] { return packRun(*options).run(); };
+}

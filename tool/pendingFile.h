@@ -1,0 +1,60 @@
+// An output file that stands under a temporary name beside its final one until it is complete: under the final name
+// there is the old file or the whole new one, never a part. The temporary goes on every failing path, and when a
+// signal ends the process.
+//
+// Threads: one pendingFile at a time in a process, for the signal handler knows one name.
+// Failure: FileError (1002), with the final name.
+#pragma once
+
+#include <orva/orva.h>
+
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+struct outputOptions {
+    bool force = false;
+    bool noSync = false;
+
+    void addTo(CLI::App& app);
+};
+
+class pendingFile {
+public:
+    // Creates the temporary, empty. Refuses a final name that is taken, unless forced.
+    pendingFile(const std::string& name, const outputOptions& options);
+    pendingFile(const pendingFile&) = delete;
+    pendingFile& operator=(const pendingFile&) = delete;
+    ~pendingFile();
+
+    const std::string& temporaryName() const { return fTemporary; }
+    // Makes the file durable, unless told not to, and gives it its final name.
+    void commit();
+
+    // Runs work on the temporary; what fails there is told of the final name.
+    template <class Work>
+    void during(Work work) {
+        try {
+            work();
+        } catch (const FileError& e) {
+            throwAsFinal(e);
+        }
+    }
+
+private:
+    void create();
+    void sync() const;
+    void refuseIfTaken() const;
+    [[noreturn]] void throwAsFinal(const FileError& failure) const;
+
+    const std::string fName;    // as the user gave it, for messages
+    const std::string fTarget;  // where links lead to
+    const outputOptions fOptions;
+    std::string fTemporary;
+    bool bCommitted = false;
+};
+
+// Signals that end the process remove the temporary first; a closed pipe is an error of writing, not a signal.
+void handleSignals();

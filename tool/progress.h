@@ -1,0 +1,49 @@
+// A bar on standard error for work that a person waits for: only on a terminal, and only once half a second has passed.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+struct progressOptions {
+    std::string when = "auto";
+    bool verbose = false;
+
+    void addTo(CLI::App& app);
+};
+
+class progress {
+public:
+    // `total`: bytes of the whole work, below 0 where it is not known.
+    progress(const progressOptions& options, std::string label, std::int64_t total);
+    progress(const progress&) = delete;
+    progress& operator=(const progress&) = delete;
+    // Takes the bar away.
+    ~progress();
+
+    void advance(std::int64_t bytes);
+    // Takes the bar away and, if there was one or the user asked for it, prints "orva: LABEL: summary, time, speed".
+    void finish(const std::string& summary);
+
+private:
+    using clock = std::chrono::steady_clock;
+
+    double secondsSinceStart() const;
+    double bytesPerSecond() const;
+    void draw();
+    void erase();
+
+    const std::string fLabel;
+    const std::int64_t fTotal;
+    const bool bAllowed;
+    const bool bVerbose;
+    const clock::time_point fStart = clock::now();
+    clock::time_point fNextDraw = fStart + std::chrono::milliseconds(500);
+    std::int64_t fDone = 0;
+    bool bDrawn = false;  // a bar stands on the terminal
+    bool bEverDrawn = false;
+};

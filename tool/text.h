@@ -1,0 +1,16 @@
+// Numbers and names as people read them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// 61,234,567
+std::string grouped(std::int64_t number);
+// 58.4 MiB
+std::string humanSize(double bytes);
+// 4.96:1; a dash where nothing was stored
+std::string ratioText(std::int64_t before, std::int64_t after);
+// "1 block", "2 blocks"
+std::string counted(std::int64_t number, const std::string& what);
+// The name without anything that a terminal would act on.
+std::string shownName(const std::string& name);

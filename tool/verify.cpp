@@ -1,0 +1,113 @@
+// verify: inflates every block and names the bad ones.
+#include "failure.h"
+#include "json.h"
+#include "output.h"
+#include "part.h"
+#include "progress.h"
+#include "text.h"
+#include "verbs.h"
+
+#include <orva/orva.h>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <memory>
+#include <vector>
+
+namespace {
+
+struct verifyOptions {
+    partOptions part;
+    bool json = false;
+    progressOptions progress;
+};
+
+struct badBlock {
+    std::uint32_t number;
+    filePosRecord record;
+    std::string error;
+};
+
+class verifyRun {
+public:
+    explicit verifyRun(verifyOptions options) : fOptions(std::move(options)) {}
+
+    int run() {
+        const locatedPart located = locatePart(fOptions.part);
+        noteFound("verify", fOptions.part, located);
+        orva::finishedPart part(fOptions.part.file, located.part);
+        progress bar(fOptions.progress, "verify", part.dataSize());
+        const std::vector<badBlock> bad = badBlocks(part, bar);
+        bar.finish(shownName(fOptions.part.file) + ": " + counted(part.blockCount(), "block") + ", " +
+                   humanSize(static_cast<double>(part.dataSize())) + " of rows, " + verdict(bad));
+        print(part, bad);
+        if (bad.empty()) return kAllWell;
+        throw toolFailure(kDamaged, fOptions.part.file,
+                          grouped(static_cast<std::int64_t>(bad.size())) + " of " +
+                              counted(part.blockCount(), "block") +
+                              " damaged: get the file from its source again; 'orva cat --range' reads the rows of the "
+                              "others");
+    }
+
+private:
+    static std::string verdict(const std::vector<badBlock>& bad) {
+        return bad.empty() ? "all good" : grouped(static_cast<std::int64_t>(bad.size())) + " bad";
+    }
+
+    // A block that the disk cannot give is as lost to the reader as one that does not inflate, so the walk goes on.
+    std::vector<badBlock> badBlocks(orva::finishedPart& part, progress& bar) const {
+        std::vector<badBlock> bad;
+        for (std::uint32_t number = 0; number < part.blockCount(); ++number) {
+            try {
+                part.verifyBlock(number);
+            } catch (const DamagedFileError& e) {
+                bad.push_back({number, part.block(number), failureText(e, fOptions.part.file)});
+            } catch (const FileError& e) {
+                bad.push_back({number, part.block(number), failureText(e, fOptions.part.file)});
+            }
+            bar.advance(part.block(number).orginalSize);
+        }
+        return bad;
+    }
+
+    void print(const orva::finishedPart& part, const std::vector<badBlock>& bad) const {
+        output out;
+        if (fOptions.json) {
+            out.write(jsonText(report(part, bad)));
+        } else {
+            for (const badBlock& block : bad) out.write(line(part, block));
+        }
+        out.finish();
+    }
+
+    std::string line(const orva::finishedPart& part, const badBlock& bad) const {
+        const std::int64_t from = bad.record.orginalPos - part.heading()._caseStartPos;
+        return shownName(fOptions.part.file) + ": bytes " + std::to_string(from) + " to " +
+               std::to_string(from + bad.record.orginalSize) + " of the rows are lost: " + bad.error + '\n';
+    }
+
+    nlohmann::ordered_json report(const orva::finishedPart& part, const std::vector<badBlock>& bad) const {
+        nlohmann::ordered_json list = nlohmann::ordered_json::array();
+        for (const badBlock& block : bad) {
+            auto entry = blockJson(block.number, block.record, part.heading()._caseStartPos);
+            entry["error"] = block.error;
+            list.push_back(std::move(entry));
+        }
+        return {{"schema", kJsonSchema},       {"file", fOptions.part.file},  {"good", bad.empty()},
+                {"blocks", part.blockCount()}, {"dataSize", part.dataSize()}, {"badBlocks", std::move(list)}};
+    }
+
+    const verifyOptions fOptions;
+};
+
+}  // namespace
+
+verb addVerify(CLI::App& app) {
+    auto options = std::make_shared<verifyOptions>();
+    CLI::App* command = app.add_subcommand("verify", "Inflate every block and name the bad ones");
+    options->part.addTo(*command);
+    command->add_flag("--json", options->json, "Write the result as JSON");
+    options->progress.addTo(*command);
+    return [options] { return verifyRun(*options).run(); };
+}
