@@ -57,7 +57,8 @@ bool partSurvey::run(const recoverOptions& options) {
         walk();
         commitWalked(options.onlyCommitted);
     }
-    return hadIndex || !segments.empty() || fCount == 0;
+    if (segments.empty()) return hadIndex || fCount == 0;
+    return std::any_of(segments.begin(), segments.end(), [](const surveySegment& s) { return s.length != 0; });
 }
 
 std::optional<foundPart> partSurvey::locate(const recoverOptions& options) {

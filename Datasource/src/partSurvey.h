@@ -34,7 +34,8 @@ class partSurvey {
 public:
     explicit partSurvey(ORVA_File& file);
 
-    // Fills the findings below. False when not even the part's place can be told, or no row and no index is found.
+    // Fills the findings below. False when not even the part's place can be told, or no row can be had of rows that
+    // there were.
     bool run(const recoverOptions& options);
     // Inflates the segment's block: its rows, valid until the next call; null when it cannot be.
     const unsigned char* rowsOf(const surveySegment& segment);

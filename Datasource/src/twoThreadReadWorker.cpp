@@ -89,6 +89,7 @@ std::uint32_t PreIOThread_Tri_R_D::getBlock(void* buffer, std::uint32_t size, st
     } else {
         decompressAt(position);
     }
+    ORVA_ASSERT(size <= stBlockSize, "size <= stBlockSize");
     std::memcpy(buffer, pDecompressBuffer.get(), size);
     fpNextDecompressPos = position + size;
     if (hasBlock(fpNextDecompressPos)) turn.handOn(semDecompressRequest);

@@ -52,7 +52,7 @@ public:
 
     // Begins a new compressed part at file offset `pos`, above 0, in an existing file. Reopens the file for writing.
     // SystemFileException if that fails: the stream is then no writer, and this may be tried again. Does not move the
-    // stream's position.
+    // stream's position. A side file that an interrupted append has left goes: its rows are being replaced.
     void setRow0Pos(std::int64_t pos);
 
     // Loads heading and index of the finished part at `posofpos`; `swap`: the file has the other byte order. The
