@@ -4,6 +4,7 @@
 #include "part.h"
 #include "progress.h"
 #include "text.h"
+#include "threads.h"
 #include "verbs.h"
 
 #include <orva/orva.h>
@@ -21,6 +22,7 @@ struct appendOptions {
     partOptions part;
     std::string in = "-";
     bool noSync = false;
+    threadOptions threads;
     progressOptions progress;
 };
 
@@ -63,6 +65,7 @@ private:
         const namedStream source(fOptions.part.file);
         zcmpsFilestr rows(source);
         try {
+            rows.setThreadCount(fOptions.threads.count());
             rows.readFilePosInfo(part.row0Pos, part.swapped);
             rows.Seek(end, ORVA_StrBaseIO::SeekFromStart);
             rows.setSafeAppend(!fOptions.noSync);
@@ -95,6 +98,7 @@ verb addAppend(CLI::App& app) {
         "--no-sync", options->noSync,
         "Leave it to the system when the rows reach the disk, and do without the side file that undoes an "
         "append which a crash ends");
+    options->threads.addTo(*command);
     options->progress.addTo(*command);
     return [options] { return appendRun(*options).run(); };
 }

@@ -6,6 +6,7 @@
 #include "progress.h"
 #include "span.h"
 #include "text.h"
+#include "threads.h"
 #include "verbs.h"
 
 #include <orva/orva.h>
@@ -20,8 +21,8 @@
 
 namespace {
 
-constexpr std::int32_t kInline = 0;
-constexpr std::int32_t kReadBesideCaller = 2;
+// Small enough to stay in a core's cache between the copy out of a block and the write.
+constexpr std::int64_t kPiece = 256 * 1024;
 
 struct catOptions {
     partOptions part;
@@ -30,6 +31,7 @@ struct catOptions {
     std::int64_t recordSize = 0;
     std::string out = "-";
     outputOptions output;
+    threadOptions threads;
     progressOptions progress;
 };
 
@@ -73,12 +75,12 @@ private:
         }
     }
 
-    // A worker inflates one block ahead, which a short range has no use for.
+    // Threads inflate ahead, which a short range has no use for.
     void copySpans(const locatedPart& located, const std::vector<span>& spans, std::int64_t total, output& out,
                    progress& bar) {
         const namedStream file(fOptions.part.file);
         zcmpsFilestr rows(file);
-        rows.setMultiThread(total > std::int64_t{kBlockSize} ? kReadBesideCaller : kInline);
+        rows.setThreadCount(total > std::int64_t{kBlockSize} ? fOptions.threads.count() : 0);
         rows.readFilePosInfo(located.part.row0Pos, located.part.swapped);
         for (const span& wanted : spans) {
             rows.Seek(located.part.row0Pos + wanted.offset, ORVA_StrBaseIO::SeekFromStart);
@@ -89,7 +91,7 @@ private:
 
     void copySpan(zcmpsFilestr& rows, std::int64_t length, output& out, progress& bar) {
         while (length > 0 && out.open()) {
-            const auto wanted = static_cast<std::uint32_t>(std::min(length, std::int64_t{kBlockSize}));
+            const auto wanted = static_cast<std::uint32_t>(std::min(length, kPiece));
             const std::uint32_t count = rows.Read(fBuffer->bytes, wanted);
             if (count != wanted)
                 throw toolFailure(kDamaged, fOptions.part.file, "changed while it was read: try again");
@@ -117,6 +119,7 @@ verb addCat(CLI::App& app) {
     recordSize->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()))->needs(records);
     command->add_option("-o,--output", options->out, "Write to this file instead");
     options->output.addTo(*command);
+    options->threads.addTo(*command);
     options->progress.addTo(*command);
     return [options] { return catRun(*options).run(); };
 }

@@ -5,6 +5,7 @@
 #include "pendingFile.h"
 #include "progress.h"
 #include "text.h"
+#include "threads.h"
 #include "verbs.h"
 
 #include <orva/orva.h>
@@ -20,13 +21,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::int32_t kWriteBesideCaller = 1;
-
 struct packOptions {
     std::vector<std::string> inputs;
     std::string out;
     std::string dict;
     outputOptions output;
+    threadOptions threads;
     progressOptions progress;
 };
 
@@ -93,7 +93,7 @@ private:
         file.Close();
         zcmpsFilestr rows(file);
         try {
-            rows.setMultiThread(kWriteBesideCaller);
+            rows.setThreadCount(fOptions.threads.count());
             rows.setRow0Pos(row0Pos);
             rows.Seek(row0Pos, ORVA_StrBaseIO::SeekFromStart);
             for (const std::string& input : fOptions.inputs) copyRows(input, rows, bar);
@@ -145,6 +145,7 @@ verb addPack(CLI::App& app) {
     command->add_option("-o,--output", options->out, "The file to make; IN.orva where there is one IN");
     command->add_option("--dict", options->dict, "The dictionary part to put in front, byte for byte");
     options->output.addTo(*command);
+    options->threads.addTo(*command);
     options->progress.addTo(*command);
     return [options] { return packRun(*options).run(); };
 }

@@ -5,6 +5,7 @@
 #include "part.h"
 #include "progress.h"
 #include "text.h"
+#include "threads.h"
 #include "verbs.h"
 
 #include <orva/orva.h>
@@ -12,7 +13,10 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace {
@@ -20,6 +24,7 @@ namespace {
 struct verifyOptions {
     partOptions part;
     bool json = false;
+    threadOptions threads;
     progressOptions progress;
 };
 
@@ -38,9 +43,10 @@ public:
         noteFound("verify", fOptions.part, located);
         orva::finishedPart part(fOptions.part.file, located.part);
         progress bar(fOptions.progress, "verify", part.dataSize());
-        const std::vector<badBlock> bad = badBlocks(part, bar);
+        const std::vector<badBlock> bad = badBlocks(located, part.blockCount(), bar);
         bar.finish(shownName(fOptions.part.file) + ": " + counted(part.blockCount(), "block") + ", " +
                    humanSize(static_cast<double>(part.dataSize())) + " of rows, " + verdict(bad));
+        if (bad.empty()) part.verifyIndex();
         print(part, bad);
         if (bad.empty()) return kAllWell;
         throw toolFailure(kDamaged, fOptions.part.file,
@@ -55,20 +61,35 @@ private:
         return bad.empty() ? "all good" : grouped(static_cast<std::int64_t>(bad.size())) + " bad";
     }
 
-    // A block that the disk cannot give is as lost to the reader as one that does not inflate, so the walk goes on.
-    std::vector<badBlock> badBlocks(orva::finishedPart& part, progress& bar) const {
+    // Each thread looks at the file for itself and takes the next block that nobody has taken.
+    std::vector<badBlock> badBlocks(const locatedPart& located, std::uint32_t blocks, progress& bar) const {
+        std::atomic<std::uint32_t> next{0};
         std::vector<badBlock> bad;
-        for (std::uint32_t number = 0; number < part.blockCount(); ++number) {
-            try {
-                part.verifyBlock(number);
-            } catch (const DamagedFileError& e) {
-                bad.push_back({number, part.block(number), failureText(e, fOptions.part.file)});
-            } catch (const FileError& e) {
-                bad.push_back({number, part.block(number), failureText(e, fOptions.part.file)});
+        std::mutex lock;  // guards bad and bar
+        const auto work = [&] {
+            orva::finishedPart part(fOptions.part.file, located.part);
+            for (std::uint32_t number = next++; number < blocks; number = next++) {
+                const std::string error = errorOf(part, number);
+                const std::lock_guard guard(lock);
+                if (!error.empty()) bad.push_back({number, part.block(number), error});
+                bar.advance(part.block(number).orginalSize);
             }
-            bar.advance(part.block(number).orginalSize);
-        }
+        };
+        runOnThreads(std::min<std::int32_t>(fOptions.threads.count(), static_cast<std::int32_t>(blocks)), work);
+        std::sort(bad.begin(), bad.end(), [](const badBlock& a, const badBlock& b) { return a.number < b.number; });
         return bad;
+    }
+
+    // A block that the disk cannot give is as lost to the reader as one that does not inflate, so the walk goes on.
+    std::string errorOf(orva::finishedPart& part, std::uint32_t number) const {
+        try {
+            part.verifyBlock(number);
+        } catch (const DamagedFileError& e) {
+            return failureText(e, fOptions.part.file);
+        } catch (const FileError& e) {
+            return failureText(e, fOptions.part.file);
+        }
+        return {};
     }
 
     void print(const orva::finishedPart& part, const std::vector<badBlock>& bad) const {
@@ -108,6 +129,7 @@ verb addVerify(CLI::App& app) {
     CLI::App* command = app.add_subcommand("verify", "Inflate every block and name the bad ones");
     options->part.addTo(*command);
     command->add_flag("--json", options->json, "Write the result as JSON");
+    options->threads.addTo(*command);
     options->progress.addTo(*command);
     return [options] { return verifyRun(*options).run(); };
 }

@@ -12,7 +12,7 @@ PreIOThread_Multi_R_D::PreIOThread_Multi_R_D(ORVA_File* file, filePosInfo* index
       pFile(file),
       pPosInfo(index),
       fBlockSize(blockSize),
-      fSlots(threads + 1),
+      fSlots(threads + 2),
       fOwnCompressed(blockSize) {}
 
 std::uint32_t PreIOThread_Multi_R_D::getBlock(void* buffer, std::uint32_t size, std::int64_t position) {
@@ -21,17 +21,27 @@ std::uint32_t PreIOThread_Multi_R_D::getBlock(void* buffer, std::uint32_t size, 
         for (std::uint32_t i = 0; i < fThreads; ++i) semWork.postSemaphore();
         return 0;
     }
-    const std::int64_t number = pPosInfo->numberOf(position);
-    planAhead(number);
-    slot* made = takeReady(number);
-    if (made == nullptr) {
-        makeBlock(number, fOwnCompressed, static_cast<unsigned char*>(buffer));
-        return size;
-    }
-    std::memcpy(buffer, made->rows.get(), size);
-    const ktGuard guard(fLock, ktMutex::Recursive);
-    made->is = state::empty;
+    auto* dest = static_cast<unsigned char*>(buffer);
+    const unsigned char* rows = lendBlock(dest, position);
+    if (rows != dest) std::memcpy(dest, rows, size);
     return size;
+}
+
+unsigned char* PreIOThread_Multi_R_D::lendBlock(unsigned char* buffer, std::int64_t position) {
+    const std::int64_t number = pPosInfo->numberOf(position);
+    giveBackHeld();
+    planAhead(number);
+    pHeld = takeReady(number);
+    if (pHeld != nullptr) return pHeld->rows.get();
+    makeBlock(number, fOwnCompressed, buffer);
+    return buffer;
+}
+
+void PreIOThread_Multi_R_D::giveBackHeld() {
+    if (pHeld == nullptr) return;
+    const ktGuard guard(fLock, ktMutex::Recursive);
+    pHeld->is = state::empty;
+    pHeld = nullptr;
 }
 
 PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::takeReady(std::int64_t number) {
@@ -40,18 +50,24 @@ PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::takeReady(std::int64_t numbe
         const ktGuard guard(fLock, ktMutex::Recursive);
         if (block.number != number) return nullptr;
         if (block.is == state::wanted) block.is = state::empty;  // nobody has begun: the caller is sooner done
-        if (block.is != state::busy) return block.is == state::ready ? &block : nullptr;
+        if (block.is != state::busy) return holdIfReady(block);
         block.bAwaited = true;
     }
     block.semDone.waitSemaphore();
     const ktGuard guard(fLock, ktMutex::Recursive);
-    return block.is == state::ready ? &block : nullptr;
+    return holdIfReady(block);
+}
+
+PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::holdIfReady(slot& block) {
+    if (block.is != state::ready) return nullptr;
+    block.is = state::held;
+    return &block;
 }
 
 void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
     const ktGuard guard(fLock, ktMutex::Recursive);
     const auto window = static_cast<std::int64_t>(fSlots.size());
-    fAhead = number == fLast + 1 ? std::min(std::max<std::int64_t>(2 * fAhead, 1), window - 1) : 0;
+    fAhead = number == fLast + 1 ? std::min(std::max<std::int64_t>(2 * fAhead, 1), window - 2) : 0;
     fLast = number;
     for (slot& block : fSlots) {
         const bool useful = block.number >= number && block.number <= number + fAhead;

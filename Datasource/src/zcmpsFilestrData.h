@@ -18,6 +18,8 @@
 #include <memory>
 #include <optional>
 
+class PreIOThread_Multi_R_D;
+
 struct zcmpsFilestr::Data {
     Data(ORVA_File& file, filePosInfo* index) : pRealFile(file), fpPosInfo(index) {}
 
@@ -32,7 +34,9 @@ struct zcmpsFilestr::Data {
     bool fetchBlock(std::int64_t pos);
     std::unique_ptr<PreIOThreadBase> makeReader();
     void loadBlock(const filePosRecord& bInfo, unsigned char* dest);
+    unsigned char* currentBlock(const filePosRecord& bInfo);
     unsigned char* cachedBlock(const filePosRecord& bInfo);
+    PreIOThread_Multi_R_D& severalReaders();
     void readWholeBlocks(ReadRequest& req);
     bool loaded(std::int64_t pos) const;
     void forgetBlock();
@@ -69,7 +73,7 @@ struct zcmpsFilestr::Data {
     zlibCompressBlock fCompressor;    // the caller's thread
     filePosInfo* fpPosInfo;           // the stream's
     std::unique_ptr<PreIOThreadBase> fpIOThread;  // as fMultiThread tells, unless fThreadCount is not 0
-    unsigned char* pBlock = fBuffer;              // reading: the current block's rows, fBuffer or the cache's
+    unsigned char* pBlock = fBuffer;              // reading: the current block's rows
     unsigned char* fpCurrent = fBuffer;           // next byte to fill, or to deliver
     std::uint32_t availBuffSize = kBlockSize;  // writing: free bytes; reading: bytes from fpCurrent to the block's end
     std::int32_t fMultiThread = 0;

@@ -100,8 +100,7 @@ bool zcmpsFilestr::Data::fetchBlock(std::int64_t pos) {
         throw DamagedFileError(pRealFile.GetNameStr().GetGeneric(), "bInfo.orginalPos != -200",
                                "no block of its index holds the logical position " + std::to_string(pos));
     }
-    pBlock = fCache.enabled() ? cachedBlock(bInfo) : fBuffer;
-    if (pBlock == fBuffer) loadBlock(bInfo, fBuffer);
+    pBlock = currentBlock(bInfo);
     fpos = bInfo.orginalPos;
     fpCurrent = pBlock + (pos - fpos);
     availBuffSize = static_cast<std::uint32_t>(bInfo.orginalSize - (pos - fpos));
@@ -113,20 +112,30 @@ unsigned char* zcmpsFilestr::Data::cachedBlock(const filePosRecord& bInfo) {
     return held != nullptr ? held : fCache.add(bInfo.orginalPos, [&](unsigned char* rows) { loadBlock(bInfo, rows); });
 }
 
+// The block's rows, loaded: in the cache, in the memory of several threads' worker, or in fBuffer.
+unsigned char* zcmpsFilestr::Data::currentBlock(const filePosRecord& bInfo) {
+    if (fCache.enabled()) return cachedBlock(bInfo);
+    if (fThreadCount != 0) return severalReaders().lendBlock(fBuffer, bInfo.orginalPos);
+    loadBlock(bInfo, fBuffer);
+    return fBuffer;
+}
+
 void zcmpsFilestr::Data::loadBlock(const filePosRecord& bInfo, unsigned char* dest) {
     PreIOThreadBase* worker = fMultiThread > 1 ? fpIOThread.get() : nullptr;
-    if (fThreadCount != 0) {
-        if (fpSeveral == nullptr) {
-            fpSeveral = startedWorker(
-                std::make_unique<PreIOThread_Multi_R_D>(&pRealFile, fpPosInfo, kBlockSize, fThreadCount), true);
-        }
-        worker = fpSeveral.get();
-    }
+    if (fThreadCount != 0) worker = &severalReaders();
     if (worker != nullptr) {
         worker->getBlock(dest, static_cast<std::uint32_t>(bInfo.orginalSize), bInfo.orginalPos);
     } else {
         orva::readBlock({pRealFile, fCompressor, fCompressedBuffer}, orva::placeOf(*fpPosInfo, bInfo), dest);
     }
+}
+
+PreIOThread_Multi_R_D& zcmpsFilestr::Data::severalReaders() {
+    if (fpSeveral == nullptr) {
+        auto worker = std::make_unique<PreIOThread_Multi_R_D>(&pRealFile, fpPosInfo, kBlockSize, fThreadCount);
+        fpSeveral = startedWorker(std::move(worker), true);
+    }
+    return static_cast<PreIOThread_Multi_R_D&>(*fpSeveral);
 }
 
 std::unique_ptr<PreIOThreadBase> zcmpsFilestr::Data::makeReader() {

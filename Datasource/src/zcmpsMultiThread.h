@@ -4,7 +4,7 @@
 //
 // Requests are those of the workers in zcmpsPreIOThread.h, and so are files, bytes and errors: only the time differs.
 //
-// Memory: two blocks a slot, threads + 1 slots.
+// Memory: two blocks a slot; threads + 1 slots to write, threads + 2 to read.
 #pragma once
 
 #include "blockBuffer.h"
@@ -89,8 +89,8 @@ private:
 };
 
 // A window of slots over the block numbers: block i can stand only in slot i modulo their number.
-//   wanted -> busy -> ready: by a thread; wanted or ready -> empty: by the caller. All changes under fLock; a busy
-//   slot's buffers are its thread's alone, a ready one's the caller's.
+//   wanted -> busy -> ready: by a thread; wanted or ready -> empty, ready -> held -> empty: by the caller. All changes
+//   under fLock; a busy slot's buffers are its thread's alone, a ready or held one's the caller's.
 // A1 A request takes a ready block, waits for a busy one, and makes any other itself, into the caller's buffer.
 // A2 Only a sequential run is read ahead, twice as far with each request; a jump takes back what is merely wanted.
 // A3 A failed read-ahead is no read-ahead: the request makes the block itself and meets the failure.
@@ -99,13 +99,16 @@ class PreIOThread_Multi_R_D final : public PreIOThreadSeveral {
 public:
     PreIOThread_Multi_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::uint32_t threads);
 
+    // As getBlock, without the copy: the rows stand where this points, in memory of the worker until the next request,
+    // or in `buffer`.
+    unsigned char* lendBlock(unsigned char* buffer, std::int64_t position);
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t writeLoopStep() override;
     std::int32_t readLoopStep() override;
 
 private:
-    enum class state : std::uint8_t { empty, wanted, busy, ready };
+    enum class state : std::uint8_t { empty, wanted, busy, ready, held };
     struct slot {
         orva::blockBuffer compressed;
         orva::blockBuffer rows;
@@ -116,8 +119,10 @@ private:
     };
 
     slot& at(std::int64_t number) { return fSlots[static_cast<std::size_t>(number) % fSlots.size()]; }
-    // The slot that holds the block, ready, or null.
+    // The slot that holds the block, held for the caller, or null.
     slot* takeReady(std::int64_t number);
+    slot* holdIfReady(slot& block);
+    void giveBackHeld();
     void planAhead(std::int64_t number);
     slot* nextWanted();
     void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest);
@@ -131,6 +136,7 @@ private:
     std::atomic<bool> bStop{false};
     // Caller side.
     orva::blockBuffer fOwnCompressed;
+    slot* pHeld = nullptr;
     std::int64_t fLast = -1;
     std::int64_t fAhead = 0;
 };

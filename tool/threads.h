@@ -1,0 +1,19 @@
+// The threads that a verb works with beside its own: -T N.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+namespace CLI {
+class App;
+}
+
+struct threadOptions {
+    std::int32_t wanted = 0;  // 0: as many as there are cores
+
+    void addTo(CLI::App& command);
+    std::int32_t count() const;
+};
+
+// Runs `work` on this thread and on `threads - 1` more at once. Throws the first failure once all have ended.
+void runOnThreads(std::int32_t threads, const std::function<void()>& work);
