@@ -21,8 +21,9 @@
 
 namespace {
 
-// Small enough to stay in a core's cache between the copy out of a block and the write.
-constexpr std::int64_t kPiece = 256 * 1024;
+// Small enough to stay in a core's cache between the copy out of a block and the write. It divides a block, so that
+// all rows before a damaged one are written.
+constexpr std::int64_t kPiece = kBlockSize / 16;
 
 struct catOptions {
     partOptions part;

@@ -2,6 +2,7 @@
 
 #include "blockTransfer.h"
 #include "fileCodes.h"
+#include "indexTransfer.h"
 #include "namedFile.h"
 
 #include <orva/compressedLayout.h>
@@ -132,7 +133,7 @@ void savePiece(savedTail& tail, ORVA_File& file, std::int64_t place, std::uint32
 }
 
 void restoreTail(ORVA_File& file, const savedTail& tail) {
-    if (file.Size() > tail.fileSize) file.Truncate(tail.fileSize);
+    if (lengthOf(file) > tail.fileSize) file.Truncate(tail.fileSize);
     for (const savedPiece& piece : tail.pieces) {
         writeAll(file, piece.bytes.data(), piece.bytes.size(), piece.place);
     }
@@ -190,10 +191,10 @@ sideFileState readSideFile(const std::string& dataName, ORVA_File& file, savedTa
         throwFileError(side.OpenErrno(), kReadFailed, name);
     }
     // It holds pieces of a file that an append only ever lengthens.
-    if (side.Size() > file.Size() + kOverheadBytes) {
+    if (lengthOf(side) > lengthOf(file) + kOverheadBytes) {
         throw DamagedFileError(name, "size", "it is longer than \"" + dataName + "\" could make it");
     }
-    std::vector<unsigned char> bytes(static_cast<std::size_t>(side.Size()));
+    std::vector<unsigned char> bytes(static_cast<std::size_t>(lengthOf(side)));
     std::int64_t identity = 0;
     if (!readAll(side, bytes.data(), bytes.size(), 0)) return sideFileState::unfinished;
     if (!parse(bytes, tail, identity)) return sideFileState::unfinished;

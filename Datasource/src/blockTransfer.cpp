@@ -135,7 +135,8 @@ blockPlace placeOf(const filePosInfo& index, const filePosRecord& record) {
 void readCompressed(const readRoad& road, const blockPlace& block) {
     checkRecord(road, block);
     const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
-    if (road.file.Read(road.compressed, deflated, block.record.translatePos) != deflated) {
+    const auto read = road.ahead ? &ORVA_File::ReadAhead : &ORVA_File::Read;
+    if ((road.file.*read)(road.compressed, deflated, block.record.translatePos) != deflated) {
         refuse(road, block, "ret == bInfo.translateSize", "is cut short by the end of the file");
     }
 }

@@ -62,6 +62,7 @@ struct readRoad {
     ORVA_File& file;
     zlibCompressBlock& codec;
     unsigned char* compressed;
+    bool ahead = false;  // nobody has asked for the block yet: ORVA_File::ReadAhead
 };
 
 // A record together with what it is held against.

@@ -97,6 +97,17 @@ unsigned int ORVA_File::Read(void* buffer, unsigned int byteSize, std::int64_t b
     return fEncrypted ? readEncrypted(buffer, byteSize, byteOffset) : readPlain(buffer, byteSize, byteOffset);
 }
 
+unsigned int ORVA_File::ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    const bool good = fGood;
+    try {
+        return Read(buffer, byteSize, byteOffset);
+    } catch (...) {
+        fGood = good;
+        throw;
+    }
+}
+
 unsigned int ORVA_File::readPlain(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;

@@ -46,6 +46,8 @@ public:
     int Close();
     // The bytes delivered; fewer than asked only at the end of the file.
     unsigned int Read(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    // As Read, for bytes that nobody has asked for yet: a failure leaves Good() as it was.
+    ORVA_LOCAL unsigned int ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // The bytes taken, which is byteSize, or 0 when closed. On an enciphered file the last 1 to 15 may wait in memory,
     // and only such writes are taken as leave every byte in its place (docs/cipher.md): else FileError with EINVAL.
     unsigned int Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);

@@ -29,9 +29,10 @@ std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHea
 // Record 0 of a part that begins at `row0Pos` must stand there.
 void checkFirstBlock(ORVA_File& file, const filePosRecord& record, std::int64_t row0Pos);
 
-// What an append needs, and a verifier asks, beyond that: every record can be true, and the blocks follow each other without gaps, in logical
-// positions and in the file, from behind the heading to the index at the latest. `records` in host order.
+// What an append needs, and a verifier asks, beyond that: every record can be true, and the blocks follow each other
+// without gaps, in logical positions and in the file, from behind the heading to the index at the latest. `records` in
+// host order.
 void checkContiguous(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
-                    std::uint32_t count);
+                     std::uint32_t count);
 
 }  // namespace orva

@@ -33,7 +33,7 @@ unsigned char* PreIOThread_Multi_R_D::lendBlock(unsigned char* buffer, std::int6
     planAhead(number);
     pHeld = takeReady(number);
     if (pHeld != nullptr) return pHeld->rows.get();
-    makeBlock(number, fOwnCompressed, buffer);
+    makeBlock(number, fOwnCompressed, buffer, false);
     return buffer;
 }
 
@@ -105,7 +105,7 @@ std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
             block->compressed = orva::blockBuffer(fBlockSize);
             block->rows = orva::blockBuffer(fBlockSize);
         }
-        makeBlock(block->number, block->compressed, block->rows.get());
+        makeBlock(block->number, block->compressed, block->rows.get(), true);
     } catch (...) {
         result = state::empty;
     }
@@ -116,10 +116,11 @@ std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
     return 0;
 }
 
-void PreIOThread_Multi_R_D::makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest) {
+void PreIOThread_Multi_R_D::makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest,
+                                      bool ahead) {
     zlibCompressBlock codec;
     const filePosRecord& record = pPosInfo->parsed(static_cast<std::uint32_t>(number));
-    orva::readBlock({*pFile, codec, compressed.get()}, orva::placeOf(*pPosInfo, record), dest);
+    orva::readBlock({*pFile, codec, compressed.get(), ahead}, orva::placeOf(*pPosInfo, record), dest);
 }
 
 std::uint32_t PreIOThread_Multi_R_D::putBlock(const void*, std::uint32_t, std::int64_t) {

@@ -45,5 +45,6 @@ std::int32_t multiThreadForFilestr::writeLoopStep() {
 }
 
 std::int32_t multiThreadForFilestr::readLoopStep() {
-    return fSlot.step([this](std::int64_t position) { return pFile->Read(pReadBuffer.get(), stBlockSize, position); });
+    return fSlot.step(
+        [this](std::int64_t position) { return pFile->ReadAhead(pReadBuffer.get(), stBlockSize, position); });
 }

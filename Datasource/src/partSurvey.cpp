@@ -42,7 +42,7 @@ bool couldBeginStream(const unsigned char* bytes) {
 }  // namespace
 
 partSurvey::partSurvey(ORVA_File& file)
-    : fFile(file), fFileSize(file.Size()), fCompressed(kBlockSize), fWindow(kBlockSize), fRows(kBlockSize) {}
+    : fFile(file), fFileSize(lengthOf(file)), fCompressed(kBlockSize), fWindow(kBlockSize), fRows(kBlockSize) {}
 
 bool partSurvey::run(const recoverOptions& options) {
     const std::optional<foundPart> found = locate(options);

@@ -18,7 +18,7 @@ std::uint32_t PreIOThread_R_D::getBlock(void* buffer, std::uint32_t size, std::i
         ORVA_ASSERT(size == fSlot.stCurSize, "reqSize == stCurSize");
         std::memcpy(buffer, pDecompressBuffer.get(), size);
     } else {
-        readAndDecompress(buffer, position);
+        readAndDecompress(buffer, position, false);
     }
     const std::int64_t next = position + size;
     if (pPosInfo->findRecord(next).orginalPos != kNoRecord) turn.readAhead(next);
@@ -26,13 +26,13 @@ std::uint32_t PreIOThread_R_D::getBlock(void* buffer, std::uint32_t size, std::i
 }
 
 std::int32_t PreIOThread_R_D::readLoopStep() {
-    return fSlot.step([this](std::int64_t fpos) { return readAndDecompress(pDecompressBuffer.get(), fpos); });
+    return fSlot.step([this](std::int64_t fpos) { return readAndDecompress(pDecompressBuffer.get(), fpos, true); });
 }
 
-std::uint32_t PreIOThread_R_D::readAndDecompress(void* dest, std::int64_t fpos) {
+std::uint32_t PreIOThread_R_D::readAndDecompress(void* dest, std::int64_t fpos, bool ahead) {
     const filePosRecord bInfo = pPosInfo->findRecord(fpos);
     ORVA_ASSERT(fpos == bInfo.orginalPos, "fpos == bInfo.orginalPos");
-    return orva::readBlock({*pFile, fCompressor, pCompressBuffer.get()}, orva::placeOf(*pPosInfo, bInfo),
+    return orva::readBlock({*pFile, fCompressor, pCompressBuffer.get(), ahead}, orva::placeOf(*pPosInfo, bInfo),
                            static_cast<unsigned char*>(dest));
 }
 

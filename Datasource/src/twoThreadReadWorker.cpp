@@ -87,7 +87,7 @@ std::uint32_t PreIOThread_Tri_R_D::getBlock(void* buffer, std::uint32_t size, st
     if (fpCurDecompressPos == position) {
         ORVA_ASSERT(!bCompressEnd, "bCompressEnd != true && fpCurDecompressPos == fpos");
     } else {
-        decompressAt(position);
+        decompressAt(position, false);
     }
     ORVA_ASSERT(size <= stBlockSize, "size <= stBlockSize");
     std::memcpy(buffer, pDecompressBuffer.get(), size);
@@ -101,7 +101,7 @@ std::int32_t PreIOThread_Tri_R_D::decompressLoopStep() {
     if (bCompressEnd) return 1;
     fpCurDecompressPos = fpNextDecompressPos;
     try {
-        decompressAt(fpNextDecompressPos);
+        decompressAt(fpNextDecompressPos, true);
     } catch (...) {
         fpCurDecompressPos = 0;
     }
@@ -109,10 +109,10 @@ std::int32_t PreIOThread_Tri_R_D::decompressLoopStep() {
     return 0;
 }
 
-void PreIOThread_Tri_R_D::decompressAt(std::int64_t fpos) {
+void PreIOThread_Tri_R_D::decompressAt(std::int64_t fpos, bool ahead) {
     heldTurn turn(semCompressReady, fpCurReadPos);
     const filePosRecord bInfo = pPosInfo->findRecord(fpos);
-    if (fpCurReadPos != fpos) readCompressed(fpos);
+    if (fpCurReadPos != fpos) readCompressed(fpos, ahead);
     orva::inflateBlock({*pFile, fCompressor, pCompressBuffer.get()}, orva::placeOf(*pPosInfo, bInfo),
                        pDecompressBuffer.get());
     fpNextReadPos = fpos + bInfo.orginalSize;
@@ -123,7 +123,7 @@ std::int32_t PreIOThread_Tri_R_D::readLoopStep() {
     semReadRequest.waitSemaphore();
     const bool end = bReadEnd;
     try {
-        if (!end) readCompressed(fpNextReadPos);
+        if (!end) readCompressed(fpNextReadPos, true);
     } catch (...) {
         fpCurReadPos = 0;
     }
@@ -131,10 +131,10 @@ std::int32_t PreIOThread_Tri_R_D::readLoopStep() {
     return end ? 1 : 0;
 }
 
-void PreIOThread_Tri_R_D::readCompressed(std::int64_t fpos) {
+void PreIOThread_Tri_R_D::readCompressed(std::int64_t fpos, bool ahead) {
     const filePosRecord bInfo = pPosInfo->findRecord(fpos);
     ORVA_ASSERT(fpos == bInfo.orginalPos, "fpos == bInfo.orginalPos");
-    orva::readCompressed({*pFile, fCompressor, pCompressBuffer.get()}, orva::placeOf(*pPosInfo, bInfo));
+    orva::readCompressed({*pFile, fCompressor, pCompressBuffer.get(), ahead}, orva::placeOf(*pPosInfo, bInfo));
     fpCurReadPos = fpos;
 }
 

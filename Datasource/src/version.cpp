@@ -1,5 +1,9 @@
 #include <orva/version.h>
 
+#if ORVA_FAST_CODEC
+#include <isa-l.h>
+#include <libdeflate.h>
+#endif
 #include <lz4.h>
 #include <zlib.h>
 
@@ -10,7 +14,12 @@ std::string version() {
 }
 
 std::string codecs() {
-    return std::string("zlib ") + zlibVersion() + ", LZ4 " + LZ4_versionString();
+    std::string text = std::string("zlib ") + zlibVersion();
+#if ORVA_FAST_CODEC
+    text += ", ISA-L " + std::to_string(ISAL_MAJOR_VERSION) + '.' + std::to_string(ISAL_MINOR_VERSION) + '.' +
+            std::to_string(ISAL_PATCH_VERSION) + ", libdeflate " + LIBDEFLATE_VERSION_STRING;
+#endif
+    return text + ", LZ4 " + LZ4_versionString();
 }
 
 }  // namespace orva

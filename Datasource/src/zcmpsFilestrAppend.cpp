@@ -93,8 +93,8 @@ void zcmpsFilestr::Data::resumeInBlock(const filePosRecord& bInfo, std::uint32_t
                     "endpos inside the last block");
         throwRowsEndElsewhere(bInfo.orginalPos + bInfo.orginalSize, endpos);
     }
-    orva::readBlock({pRealFile, fCompressor, fCompressedBuffer}, {bInfo, number, std::nullopt, pRealFile.Size()},
-                    fBuffer);
+    orva::readBlock({pRealFile, fCompressor, fCompressedBuffer},
+                    {bInfo, number, std::nullopt, orva::lengthOf(pRealFile)}, fBuffer);
     fpos = bInfo.orginalPos;
     fCompressedPos = bInfo.translatePos;
     fTransferEnd = bInfo.translatePos + bInfo.translateSize;
@@ -103,7 +103,7 @@ void zcmpsFilestr::Data::resumeInBlock(const filePosRecord& bInfo, std::uint32_t
 }
 
 void zcmpsFilestr::Data::saveTail(const compressionHeading& heading, std::uint32_t rewrittenBlock) {
-    orva::savedTail tail{fRow0Pos, pRealFile.Size(), fCompressedPos, {}, bSafeAppend};
+    orva::savedTail tail{fRow0Pos, orva::lengthOf(pRealFile), fCompressedPos, {}, bSafeAppend};
     if (rewrittenBlock != 0) orva::savePiece(tail, pRealFile, fCompressedPos, rewrittenBlock);
     orva::savePiece(tail, pRealFile, heading._indexPos, static_cast<std::uint32_t>(heading._size));
     orva::savePiece(tail, pRealFile, fRow0Pos, kHeadingSize);

@@ -125,7 +125,7 @@ private:
     void giveBackHeld();
     void planAhead(std::int64_t number);
     slot* nextWanted();
-    void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest);
+    void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest, bool ahead);
 
     ORVA_File* const pFile;
     filePosInfo* const pPosInfo;

@@ -32,7 +32,7 @@ public:
     std::int32_t readLoopStep() override;
 
 private:
-    std::uint32_t readAndDecompress(void* dest, std::int64_t fpos);
+    std::uint32_t readAndDecompress(void* dest, std::int64_t fpos, bool ahead);
 
     orva::readAheadSlot fSlot;
     ORVA_File* const pFile;
@@ -104,8 +104,8 @@ public:
     virtual std::int32_t decompressLoopStep();
 
 private:
-    void decompressAt(std::int64_t fpos);
-    void readCompressed(std::int64_t fpos);
+    void decompressAt(std::int64_t fpos, bool ahead);
+    void readCompressed(std::int64_t fpos, bool ahead);
     bool hasBlock(std::int64_t fpos) const;
 
     zlibCompressBlock fCompressor;  // decompressAt's

@@ -5,6 +5,9 @@
 #include <lz4.h>
 #include <lz4hc.h>
 
+#include <algorithm>
+#include <climits>
+
 namespace {
 
 constexpr const char* kWholeRequest = "souce && dest && outCount && inCount";
@@ -23,6 +26,7 @@ std::uint32_t lz4CompressBlock::compressBlock(char* souce, std::uint32_t inCount
 std::uint32_t lz4CompressBlock::decompressBlock(char* souce, std::uint32_t inCount, char* dest,
                                                 std::uint32_t outCount) {
     ORVA_ASSERT(souce && dest && outCount && inCount, kWholeRequest);
-    return static_cast<std::uint32_t>(
-        LZ4_decompress_safe(souce, dest, static_cast<int>(inCount), static_cast<int>(outCount)));
+    if (inCount > INT_MAX) return UINT32_MAX;  // LZ4 would take it for a negative size
+    const int room = static_cast<int>(std::min<std::uint32_t>(outCount, INT_MAX));
+    return static_cast<std::uint32_t>(LZ4_decompress_safe(souce, dest, static_cast<int>(inCount), room));
 }
