@@ -174,6 +174,7 @@ void zcmpsFilestr::Data::clearBuffer() {
 }
 
 void zcmpsFilestr::Data::endWorker(bool writing) {
+    if (!writing) forgetBlock();  // it may stand in the worker's memory
     for (std::unique_ptr<PreIOThreadBase>* held : {&fpIOThread, &fpSeveral}) {
         const std::unique_ptr<PreIOThreadBase> worker = std::move(*held);
         if (worker == nullptr) continue;
@@ -186,6 +187,7 @@ void zcmpsFilestr::Data::endWorker(bool writing) {
 
 void zcmpsFilestr::Data::endReading() {
     if (fpSeveral == nullptr) return;
+    forgetBlock();
     fpSeveral->stopThreads();
     fpSeveral->destroyThreads();
     fpSeveral.reset();
