@@ -297,11 +297,15 @@ int _write(int descriptor, const void* buffer, unsigned int count) noexcept {
 
 int _close(int descriptor) noexcept {
     if (flushThroughDuplicate(descriptor) != 0) return -1;
-    deleteIfTemporary(descriptor);
-    // The number is free now whatever this gives, and the duplicate has told the failure that there was to tell. To
-    // answer -1 here would have the caller close the number again, which may be another file's by then.
-    rawClose(descriptor);
+    closeAnyway(descriptor);
     return 0;
+}
+
+// The number is free afterwards whatever the system says, and the duplicate has told the failure that there was to
+// tell. To tell another would have the caller close the number again, which may be another file's by then.
+void closeAnyway(int descriptor) noexcept {
+    deleteIfTemporary(descriptor);
+    rawClose(descriptor);
 }
 
 int syncData(int descriptor) noexcept {

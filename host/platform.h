@@ -56,6 +56,9 @@ ORVA_HOST_API int _write(int descriptor, const void* buffer, unsigned int count)
 // 0 and the descriptor is gone, or -1 and it is still open, so that a caller may tell of the failure and try again.
 ORVA_HOST_API int _close(int descriptor) noexcept;
 
+// Closes without asking the system whether everything was stored: for a descriptor whose _close has failed.
+ORVA_HOST_API void closeAnyway(int descriptor) noexcept;
+
 // 0 once the data of the file, and its length, would survive a loss of power. A file that cannot be made durable by
 // its nature, such as a pipe, counts as durable. After a failure the data is in doubt for good: a second call proves
 // nothing, for the system reports such a loss once.

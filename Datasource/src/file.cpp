@@ -123,7 +123,11 @@ unsigned int ORVA_File::Write(const void* buffer, unsigned int byteSize, std::in
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
     if (fEncrypted) return WriteEncrypted(buffer, byteSize, byteOffset);
-    seekTo(byteOffset, kWriteFailed);
+    if (fAppends) {
+        platform::setErrno(0);  // the system places these bytes, and some files cannot seek
+    } else {
+        seekTo(byteOffset, kWriteFailed);
+    }
     const unsigned int count = writeDescriptor(buffer, byteSize);
     fPosition = byteOffset + count;
     if (fAppends) fMustSeek = true;  // the bytes went to the end, wherever that was

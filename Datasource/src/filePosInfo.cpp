@@ -126,7 +126,7 @@ std::uint32_t filePosInfo::numberOf(std::int64_t pos) const {
 }
 
 std::int64_t filePosInfo::dataEnd(std::int64_t otherwise) const {
-    if (fRecordCount == 0) return otherwise;
+    if (fRecordCount == 0 || !isParsed()) return otherwise;
     const filePosRecord& last = pInfoBuffer[fRecordCount - 1];
     return last.orginalPos + last.orginalSize;
 }

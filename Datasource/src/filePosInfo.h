@@ -40,6 +40,7 @@ public:
     // The record whose block holds `pos`; where none does, orginalPos is -200 and the other fields are unset.
     // Needs parseForRead. Allocates nothing. Reads O(log distance) records around a guess.
     filePosRecord findRecord(std::int64_t pos) const;
+    bool isParsed() const { return pInfoBuffer != nullptr; }
     // The parsed records.
     std::uint32_t parsedCount() const { return fRecordCount; }
     const filePosRecord& parsed(std::uint32_t number) const { return pInfoBuffer[number]; }

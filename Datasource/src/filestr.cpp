@@ -91,6 +91,7 @@ std::int32_t ORVA_FileStream::Open(const ExtNameStr& name, const ExtNameStr&, co
     fData->dropBuffer();
     fData->fpIOThread = nullptr;
     fData->pRealFile = file;
+    fProcess = platform::processId();  // what a forked child opens is its own
     const bool opened = file->Open(copy, mode);
     fData->fIOPos = file->Tell();
     fStreamPos = fData->fIOPos;

@@ -3,7 +3,8 @@
 // Units:   bytes; logical positions begin at the row-0 position.
 // Owner:   a finishedPart owns its file, opened for reading, its index, and two blocks of memory once it verifies.
 // Threads: findPart has no state. A finishedPart is used by one thread at a time; each further thread makes its own.
-// Failure: FileError (1003) from the disk, also when the file cannot be opened; DamagedFileError for bytes that cannot
+// Failure: FileError from the disk, also when a file cannot be opened (1003; 1002 for what is written to);
+// DamagedFileError for bytes that cannot
 //          be true.
 #pragma once
 

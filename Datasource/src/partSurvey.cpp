@@ -48,6 +48,7 @@ bool partSurvey::run(const recoverOptions& options) {
     const std::optional<foundPart> found = locate(options);
     if (!found) return false;
     part = *found;
+    if (part.row0Pos <= 0 || part.row0Pos > fFileSize - kHeadingSize) return false;
     takeHeading();
     filePosInfo index(kBlockSize, fFile.GetNameStr().GetGeneric());
     if (hadHeading && parseIndex(fHeading, part.swapped, index) && readByIndex(index)) {
@@ -77,7 +78,7 @@ void partSurvey::takeHeading() {
     }
     const std::int64_t first = part.row0Pos + kHeadingSize;
     hadHeading = fHeading._size >= kRecordSize && fHeading._indexPos >= first;
-    if (!hadHeading || fHeading._size % kRecordSize != 0) return;
+    if (!hadHeading || fHeading._size % kRecordSize != 0 || fHeading._size >> 32 != 0) return;
     const std::int64_t count = fHeading._size / kRecordSize - 1;
     if (count <= (fHeading._indexPos - first) / kShortestStream) fCount = count;
 }
@@ -128,7 +129,7 @@ bool partSurvey::takeRecord(const filePosInfo& index, std::uint32_t i) {
         return true;
     }
     segments.push_back({size, recorded, 0, false, "its block is damaged"});
-    fPlace = recorded <= fFileSize ? recorded + record.translateSize : 0;
+    fPlace = recorded >= 0 && recorded <= fFileSize ? recorded + record.translateSize : 0;
     bPlaceSure = false;
     return true;
 }

@@ -12,7 +12,9 @@ namespace {
 // A turn that goes back where it came from, its block forgotten, unless it is handed on.
 class heldTurn {
 public:
-    heldTurn(ktSemaphore& sem, std::int64_t& block) : fSem(sem), fBlock(block) { fSem.waitSemaphore(); }
+    heldTurn(ktSemaphore& sem, std::int64_t& block) : fSem(sem), fBlock(block) {
+        if (!fSem.waitSemaphore()) fBlock = 0;  // a forked child: no thread has made anything here
+    }
     heldTurn(const heldTurn&) = delete;
     heldTurn& operator=(const heldTurn&) = delete;
     ~heldTurn() {

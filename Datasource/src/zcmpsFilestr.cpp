@@ -3,6 +3,7 @@
 #include "zcmpsFilestrData.h"
 
 #include <orva/errtext.h>
+#include <orva/platform.h>
 #include <orva/zcmpsFilestr.h>
 
 #include <cerrno>
@@ -95,8 +96,11 @@ std::int32_t zcmpsFilestr::closeWriter() {
 
 void zcmpsFilestr::abandon() {
     if (!inOwnProcess() || fData->bClosed) return;
+    // What a thread of an append fails with now has been answered by putting the old rows back; that must be heard.
+    const bool untoldAppend = fData->fTail && !fData->bToldFailure;
     fData->endWorker(bIsWriting);
     fData->bClosed = bIsWriting;
+    if (untoldAppend) fData->throwFailure();
     if (fData->fTail) {
         const std::exception_ptr failure = fData->undoAppend(nullptr);
         if (failure != nullptr) std::rethrow_exception(failure);
@@ -111,6 +115,7 @@ void zcmpsFilestr::finish() {
     fData->throwFailure();
     const bool safe = fData->fTail && fData->fTail->inSideFile;
     commit();
+    if (safe) fData->commitSafeAppend();
     try {
         fData->pRealFile.Close();
     } catch (const FileError& error) {
@@ -133,7 +138,6 @@ void zcmpsFilestr::commit() {
         d.pRealFile.Sync();
         orva::syncName(d.pRealFile.GetNameStr().GetGeneric());
     }
-    if (d.fTail && d.fTail->inSideFile) d.commitSafeAppend();
 }
 
 void zcmpsFilestr::writeIndex(compressionHeading& heading) {
@@ -152,6 +156,11 @@ void zcmpsFilestr::reopenForReading() {
     if (ORVA_FileStream::Open(GetNameStr(), password, "rb") == 0) {
         throwCannotReopen("ORVA_FileStream::Open(GetNameStr(), password, \"rb\")", __LINE__);
     }
+}
+
+// A told worker keeps the stream to what it was made for; so do several threads that write. Those that read only end.
+void zcmpsFilestr::refuseWithWorker() const {
+    ORVA_ASSERT(fData->fpIOThread == nullptr && !(bIsWriting && fData->fpSeveral != nullptr), "fData->fpIOThread == 0");
 }
 
 // Blocks and heading stand at any offset, the cipher's data only at multiples of 16.
@@ -197,7 +206,7 @@ void zcmpsFilestr::Data::endReading() {
 void zcmpsFilestr::Data::keepFailure(const std::exception_ptr& failure) {
     if (fFailure != nullptr || failure == nullptr) return;
     fFailure = failure;
-    if (!fTail) return;
+    if (!fTail || fProcess != platform::processId()) return;
     endWorker(true);
     fFailure = undoAppend(failure);
 }

@@ -55,13 +55,15 @@ public:
     // stream's position. A side file that an interrupted append has left goes: its rows are being replaced.
     void setRow0Pos(std::int64_t pos);
 
-    // Loads heading and index of the finished part at `posofpos`; `swap`: the file has the other byte order. The
-    // position is then the first byte of rows.
+    // Loads, or loads again, heading and index of the finished part at `posofpos`; `swap`: the file has the other byte
+    // order. The position is then the first byte of rows. Rows that a writer has not finished are dropped. A breach
+    // while a worker of setMultiThread, or a writer's threads, are at work.
     void readFilePosInfo(std::int64_t posofpos, bool swap);
 
     // Resumes writing at logical position `endpos`, the end of the rows, of the finished part that readFilePosInfo has
     // loaded; `swap` as there. An `endpos` inside a short last block cuts the rows there. Seek(endpos) comes before it.
-    // The setting of setMultiThread is 0 afterwards. DamagedFileError before anything is written if the file does not
+    // A reader with a worker of setMultiThread cannot come here; one with setThreadCount can. The setting of
+    // setMultiThread is 0 afterwards. DamagedFileError before anything is written if the file does not
     // allow it; SystemFileException as in setRow0Pos. When a later step fails, the rows that the file held are put back
     // before the failure is thrown; its text says whether that worked.
     void setFileToAppend(std::int64_t endpos, bool swap);
@@ -90,12 +92,14 @@ public:
     // else 0. Reader: ends the worker, 1.
     std::int32_t Close() override;
 
-    // Ends a writer without finishing the file: no index, no heading. The destructor then does nothing.
+    // Ends a writer without finishing the file: no index, no heading; an appender's old rows are put back, which throws
+    // when it fails. The destructor then does nothing. On a reader it only ends the threads; in a forked child nothing.
     void abandon();
 
 private:
     struct Data;
 
+    ORVA_LOCAL void refuseWithWorker() const;
     ORVA_LOCAL void refuseEncrypted(long code);
     template <class Steps>
     ORVA_LOCAL void beginWriting(Steps steps);

@@ -33,11 +33,11 @@ std::exception_ptr withOutcome(const std::exception_ptr& failure, const std::exc
 
 void zcmpsFilestr::setFileToAppend(std::int64_t endpos, bool swap) {
     ORVA_ASSERT(!fData->bClosed, "fData->bClosed == false");
-    ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
+    refuseWithWorker();
     beginWriting([&] {
         refuseEncrypted(kWriteFailed);
+        fData->endReading();
         reopenForWriting("fData->pRealFile.Open(GetNameStr(),\"r+b\")", __LINE__);
-        if (!bIsWriting) fData->endReading();
         auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
         fData->resume(endpos, fFilePos, swap, *index);
         fpPosInfo = std::move(index);
@@ -87,14 +87,12 @@ void zcmpsFilestr::Data::throwRowsEndElsewhere(std::int64_t end, std::int64_t en
 }
 
 void zcmpsFilestr::Data::resumeInBlock(const filePosRecord& bInfo, std::uint32_t number, std::int64_t endpos) {
-    if (endpos < bInfo.orginalPos || endpos > bInfo.orginalPos + bInfo.orginalSize) {
-        // A breach, unless the file is no longer what the caller read.
-        ORVA_ASSERT(fpPosInfo->dataEnd(fRow0Pos) != bInfo.orginalPos + bInfo.orginalSize,
-                    "endpos inside the last block");
-        throwRowsEndElsewhere(bInfo.orginalPos + bInfo.orginalSize, endpos);
-    }
     orva::readBlock({pRealFile, fCompressor, fCompressedBuffer},
                     {bInfo, number, std::nullopt, orva::lengthOf(pRealFile)}, fBuffer);
+    // A file that is no longer what the caller read has rows that the caller does not know of.
+    const std::int64_t end = bInfo.orginalPos + bInfo.orginalSize;
+    if (fpPosInfo->isParsed() && fpPosInfo->dataEnd(fRow0Pos) != end) throwRowsEndElsewhere(end, endpos);
+    ORVA_ASSERT(endpos >= bInfo.orginalPos && endpos <= end, "endpos inside the last block");
     fpos = bInfo.orginalPos;
     fCompressedPos = bInfo.translatePos;
     fTransferEnd = bInfo.translatePos + bInfo.translateSize;
@@ -132,6 +130,7 @@ std::exception_ptr zcmpsFilestr::Data::undoAppend(const std::exception_ptr& fail
 // The heading is in its place, durably: from here on the new rows count.
 void zcmpsFilestr::Data::commitSafeAppend() {
     fTail.reset();
+    bFinished = true;
     try {
         orva::removeSideFile(pRealFile.GetNameStr().GetGeneric());
     } catch (const FileError& error) {

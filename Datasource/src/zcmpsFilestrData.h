@@ -10,6 +10,7 @@
 
 #include <orva/blockSize.h>
 #include <orva/file.h>
+#include <orva/platform.h>
 #include <orva/zcmpsFilestr.h>
 #include <orva/zlibCompress.h>
 
@@ -84,7 +85,8 @@ struct zcmpsFilestr::Data {
 
     bool bDurable = false;
     bool bSafeAppend = false;
-    std::optional<orva::savedTail> fTail;  // of an append that is not through
+    std::optional<orva::savedTail> fTail;                 // of an append that is not through
+    const std::int64_t fProcess = platform::processId();  // a forked child leaves its parent's file alone
     // A writer's end. The first failure is final; bToldFailure: a call has thrown it.
     std::exception_ptr fFailure;
     bool bToldFailure = false;

@@ -12,8 +12,9 @@
 
 void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
     ORVA_ASSERT(!fData->bClosed, "fData->bClosed == false");
+    refuseWithWorker();
     bIsWriting = false;
-    ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
+    fData->endReading();
     fFilePos = posofpos;
     fData->forgetBlock();
     fData->fCache.clear();

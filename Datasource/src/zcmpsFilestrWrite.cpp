@@ -7,15 +7,17 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
     ORVA_ASSERT(!fData->bClosed, "fData->bClosed == false");
-    ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
-    ORVA_ASSERT(pos > 0, "pos > 0");
+    refuseWithWorker();
+    ORVA_ASSERT(pos > 0 && pos <= std::numeric_limits<std::int64_t>::max() - kHeadingSize, "pos > 0");
     beginWriting([&] {
         refuseEncrypted(kWriteFailed);
+        fData->endReading();
         reopenForWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__);
-        if (!bIsWriting) fData->endReading();
+        fData->fTail.reset();
         orva::dropSideFile(GetNameStr().GetGeneric());
         auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
         const bool byWorker = fData->fMultiThread == 1 && fData->fThreadCount == 0;

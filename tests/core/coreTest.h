@@ -1,5 +1,5 @@
 // What the tests of the compressed layers share: compressed files made through the library and looked at past it, what
-// an operation threw as a text that can be compared, a hook for system calls, and an end for a test that hangs.
+// an operation threw as a text that can be compared, and a hook for system calls.
 #pragma once
 
 #include "support/tempDir.h"
@@ -11,7 +11,6 @@
 #include <orva/platformFaults.h>
 #include <orva/zcmpsFilestr.h>
 
-#include <signal.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -24,6 +23,8 @@
 
 namespace core {
 
+using platform::faults::Call;
+using platform::faults::Verdict;
 using support::Bytes;
 
 inline constexpr std::int64_t kRow0 = 1'000;
@@ -41,7 +42,8 @@ std::string failureOf(Body body) {
     } catch (const DamagedFileError& error) {
         return std::string("DamagedFileError ") + error.what();
     } catch (const SystemFileException& error) {
-        return "SystemFileException " + std::to_string(error.fCode) + " " + error.fExpression;
+        return "SystemFileException " + std::to_string(error.fCode) + " " + error.fExpression +
+               (error.fFlag ? "" : " without its flag");
     } catch (const std::exception& error) {
         return std::string("other ") + error.what();
     }
@@ -51,31 +53,28 @@ inline std::string fileError(long code, int error, const std::string& name) {
     return "FileError " + std::to_string(code) + " errno " + std::to_string(error) + " " + name;
 }
 
-// A file that holds a dictionary part only, open for what comes behind it.
-class Dictionary {
-public:
-    explicit Dictionary(const std::string& name, std::int64_t row0 = kRow0) {
-        support::writeBytes(name, Bytes(static_cast<std::size_t>(row0), 0xD5));
-        fStream = std::make_unique<ORVA_FileStream>(name.c_str(), "r+b");
-    }
-    const ORVA_FileStream& stream() const { return *fStream; }
-
-private:
-    std::unique_ptr<ORVA_FileStream> fStream;
-};
-
 // A road: a setting of setMultiThread, or kSeveral for three threads at once.
 inline constexpr int kSeveral = 103;
 inline void takeRoad(zcmpsFilestr& stream, int road) {
     road == kSeveral ? stream.setThreadCount(3) : stream.setMultiThread(road);
 }
 
-// A stream that writes rows from kRow0 on.
-inline std::unique_ptr<zcmpsFilestr> startedWriter(const Dictionary& dictionary, int road, std::int64_t row0 = kRow0) {
-    auto stream = std::make_unique<zcmpsFilestr>(dictionary.stream());
+// A stream over a new file that holds a dictionary part only.
+inline std::unique_ptr<zcmpsFilestr> freshStream(const std::string& name, int road, std::int64_t row0 = kRow0) {
+    support::writeBytes(name, Bytes(static_cast<std::size_t>(row0), 0xD5));
+    auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "r+b"));
     takeRoad(*stream, road);
-    stream->setRow0Pos(row0);
-    stream->Seek(row0, ORVA_StrBaseIO::SeekFromStart);
+    return stream;
+}
+
+inline void beginRows(zcmpsFilestr& stream, std::int64_t row0 = kRow0) {
+    stream.setRow0Pos(row0);
+    stream.Seek(row0, ORVA_StrBaseIO::SeekFromStart);
+}
+
+inline std::unique_ptr<zcmpsFilestr> startedWriter(const std::string& name, int road, std::int64_t row0 = kRow0) {
+    auto stream = freshStream(name, road, row0);
+    beginRows(*stream, row0);
     return stream;
 }
 
@@ -85,8 +84,7 @@ inline void write(ORVA_StrBaseIO& stream, const Bytes& bytes) {
 
 // A finished file whose blocks, apart from what deflate cuts, are these.
 inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, std::int64_t row0 = kRow0) {
-    const Dictionary dictionary(name, row0);
-    const auto stream = startedWriter(dictionary, 0, row0);
+    const auto stream = startedWriter(name, 0, row0);
     for (const Bytes& block : blocks) {
         write(*stream, block);
         stream->Flush();
@@ -94,11 +92,36 @@ inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, 
     ASSERT_EQ(stream->Close(), 1);
 }
 
+// Ends the program when a test goes a minute without feeding it: a thread that waits for ever fails instead of hanging.
+class Watchdog {
+public:
+    explicit Watchdog(const char* = nullptr) { feed(); }
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+    ~Watchdog() { alarm(0); }
+    static void feed() { alarm(60); }
+};
+
+// A finished file of six short blocks.
+class ShortBlocks : public support::TempDir {
+protected:
+    ShortBlocks() {
+        support::RandomBytes random(41);
+        for (const std::size_t size : {3'000u, 1u, 20'000u, 700u, 5'000u, 100u}) fBlocks.push_back(random.rows(size));
+        makeFile(fName, fBlocks);
+        fFile = support::readBytes(fName);
+    }
+    const Watchdog fWatchdog;
+    const std::string fName = path("rows.orva");
+    std::vector<Bytes> fBlocks;
+    Bytes fFile;
+};
+
 // A stream that reads a finished file.
 class Reader {
 public:
     explicit Reader(const std::string& name, int road = 0)
-        : fSource(name.c_str(), "rb"), fStream(std::make_unique<zcmpsFilestr>(fSource)) {
+        : fStream(std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"))) {
         takeRoad(*fStream, road);
     }
     Reader(const std::string& name, int road, std::int64_t row0, bool swap = false) : Reader(name, road) {
@@ -116,7 +139,6 @@ public:
     }
 
 private:
-    ORVA_FileStream fSource;
     std::unique_ptr<zcmpsFilestr> fStream;
 };
 
@@ -161,7 +183,6 @@ Bytes bytesOf(const Struct& value) {
 // A hook made of one function, which is asked before each raw call. Counts the calls.
 class CallHook : public platform::faults::Hook {
 public:
-    using Call = platform::faults::Call;
     using Verdict = platform::faults::Verdict;
     using Ask = std::function<Verdict(Call call, std::uint64_t number)>;
 
@@ -174,42 +195,25 @@ private:
     std::atomic<std::uint64_t> fCount{0};
 };
 
-// Every call of one kind fails while this lives.
-class Failing {
+// Transfers of one kind that begin in a range of the file fail while this lives, as on a disk with a bad spot or with
+// no room behind a place. `allow` says how many still do.
+class BadPlace : public platform::faults::Hook {
 public:
-    Failing(platform::faults::Call call, int error)
-        : fHook([=](auto asked, std::uint64_t) {
-              return asked == call ? CallHook::Verdict::fail(error) : CallHook::Verdict::goOn();
-          }),
-          fInstalled(fHook) {}
+    BadPlace(Call call, int error, std::int64_t begin = 0, std::int64_t end = INT64_MAX)
+        : fCall(call), fError(error), fBegin(begin), fEnd(end) {}
+    Verdict before(Call call, int descriptor, std::uint64_t) override {
+        if (call != fCall) return Verdict::goOn();
+        const std::int64_t at = lseek(descriptor, 0, SEEK_CUR);
+        return at >= fBegin && at < fEnd && fLeft-- > 0 ? Verdict::fail(fError) : Verdict::goOn();
+    }
+    void allow(int failures) { fLeft = failures; }
 
 private:
-    CallHook fHook;
-    platform::faults::Installed fInstalled;
-};
-
-// Ends the process with a message instead of hanging for ever. One at a time.
-class Watchdog {
-public:
-    explicit Watchdog(const char* what) {
-        text() = what;
-        signal(SIGALRM, [](int) {
-            const char* waiting = text();
-            const ssize_t written = ::write(2, waiting, std::strlen(waiting));
-            abort();
-            static_cast<void>(written);
-        });
-        alarm(90);
-    }
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
-    ~Watchdog() { alarm(0); }
-
-private:
-    static const char*& text() {
-        static const char* what = "";
-        return what;
-    }
+    const Call fCall;
+    const int fError;
+    const std::int64_t fBegin, fEnd;
+    std::atomic<int> fLeft{INT32_MAX};
+    platform::faults::Installed fInstalled{*this};
 };
 
 // Assertion texts are looked for in the last words of a child that is started anew, since threads may be running here.

@@ -1,8 +1,12 @@
-// The block index: look-up with its cursor, both parses, and every lie of an index.
+// The bytes of heading and index, in both byte orders, and look-up with its cursor. Lies of an index are told in
+// recovery/damageTest.cpp. The example: two full blocks and a third of 100,000 bytes behind a dictionary part of 1,000,
+// deflated to 1,500,000, 1,400,000 and 40,000 bytes.
 #include "coreTest.h"
 #include "filePosInfo.h"
 
 #include <gmock/gmock.h>
+
+#include <sstream>
 
 // The cursor is a hint that no result shows, so tests look at it here.
 struct filePosInfoAccess {
@@ -14,218 +18,152 @@ namespace {
 
 using Records = std::vector<filePosRecord>;
 
-// As index bytes: the first record with the count, then the records.
-Bytes indexBytes(const Records& records, std::int64_t mark = -100, std::int32_t blockSize = kBlock) {
-    Bytes bytes = bytesOf(filePosRecord{mark, 0, blockSize, static_cast<std::int32_t>(records.size())});
-    for (const filePosRecord& record : records) {
-        const Bytes one = bytesOf(record);
-        bytes.insert(bytes.end(), one.begin(), one.end());
+constexpr const char* kHeading = "e8 03 00 00 00 00 00 00 60 e0 2c 00 00 00 00 00 60 00 00 00 00 00 00 00";
+constexpr const char* kIndex =
+    "9c ff ff ff ff ff ff ff 00 00 00 00 00 00 00 00 00 f0 3f 00 03 00 00 00 "
+    "e8 03 00 00 00 00 00 00 00 04 00 00 00 00 00 00 00 f0 3f 00 60 e3 16 00 "
+    "e8 f3 3f 00 00 00 00 00 60 e7 16 00 00 00 00 00 00 f0 3f 00 c0 5c 15 00 "
+    "e8 e3 7f 00 00 00 00 00 20 44 2c 00 00 00 00 00 a0 86 01 00 40 9c 00 00";
+const Records kExample = {{1'000, 1'024, 4'190'208, 1'500'000},
+                          {4'191'208, 1'501'024, 4'190'208, 1'400'000},
+                          {8'381'416, 2'901'024, 100'000, 40'000}};
+
+// The bytes in the order of this machine, or the other one. Fields are as wide as told, and repeat over the bytes.
+Bytes example(const char* little, const std::vector<int>& fields, bool swap) {
+    std::istringstream stream(little);
+    Bytes bytes;
+    for (unsigned value = 0; stream >> std::hex >> value;) bytes.push_back(static_cast<unsigned char>(value));
+    auto at = bytes.begin();
+    for (std::size_t i = 0; at != bytes.end() && swap != (std::endian::native == std::endian::big); ++i) {
+        std::reverse(at, at + fields[i % fields.size()]);
+        at += fields[i % fields.size()];
     }
     return bytes;
 }
-
-void parse(filePosInfo& index, const Records& records) {
-    index.parseForRead(indexBytes(records).data(), false);
+Bytes exampleIndex(bool swap) {
+    return example(kIndex, {8, 8, 4, 4}, swap);
 }
 
-Records fullBlocks(std::int64_t row0, std::uint32_t count, std::int32_t lastSize = kBlock) {
-    Records records;
-    for (std::uint32_t i = 0; i < count; ++i) {
-        records.push_back({row0 + i * kBlock, row0 + 24 + i * std::int64_t{1'000}, kBlock, 1'000});
+Bytes serialized(filePosInfo& index) {
+    std::uint32_t length = 0;
+    const unsigned char* bytes = index.serialize(length);
+    return Bytes(bytes, bytes + length);
+}
+
+TEST(Layout, HeadingAndIndexAreWrittenAsDocumented) {
+    compressionHeading heading{1'000, 2'941'024, 96};
+    EXPECT_EQ(bytesOf(heading), example(kHeading, {8}, false));
+    orva::swapHeading(heading);
+    EXPECT_EQ(bytesOf(heading), example(kHeading, {8}, true));
+    filePosInfo index(kBlock);
+    EXPECT_EQ(serialized(index), bytesOf(filePosRecord{-100, 0, kBlock, 0}));
+    EXPECT_EQ(index.writtenEnd(77), 77);
+    for (const filePosRecord& r : kExample) {
+        index.addRecord(r.orginalPos, r.translatePos, r.orginalSize, r.translateSize);
     }
-    if (count != 0) records.back().orginalSize = lastSize;
+    EXPECT_EQ(serialized(index), exampleIndex(false));
+}
+
+TEST(Layout, IndexIsReadInBothByteOrders) {
+    for (const bool swap : {false, true}) {
+        Bytes bytes = exampleIndex(swap);
+        filePosInfo index(1);
+        index.parseForRead(bytes.data(), swap);
+        index.parseForRead(nullptr, swap);  // changes nothing
+        ASSERT_EQ(index.parsedCount(), 3u);
+        EXPECT_EQ(index.blockSize(), kBlock);
+        for (std::uint32_t i = 0; i < 3; ++i) EXPECT_EQ(bytesOf(index.parsed(i)), bytesOf(kExample[i]));
+
+        // For an append, the last block is left to the caller.
+        filePosInfo appended(1);
+        EXPECT_EQ(bytesOf(appended.parseForAppend(bytes.data(), swap)), bytesOf(kExample[2]));
+        EXPECT_EQ(appended.recordCount(), 2u);
+        EXPECT_EQ(appended.writtenEnd(0), 2'901'024);
+        EXPECT_ASSERTION(appended.findRecord(1'000), "pInfoBuffer != 0");
+        EXPECT_ASSERTION(appended.parseForAppend(nullptr, false), "buff != 0");
+        Bytes none = bytesOf(filePosRecord{-100, 0, kBlock, 0});
+        EXPECT_EQ(filePosInfo(1).parseForAppend(none.data(), false).orginalPos, -100);
+    }
+}
+
+void parse(filePosInfo& index, const Records& records) {
+    Bytes bytes = bytesOf(filePosRecord{-100, 0, kBlock, static_cast<std::int32_t>(records.size())});
+    bytes.resize(24 + records.size() * 24);
+    if (!records.empty()) std::memcpy(bytes.data() + 24, records.data(), records.size() * 24);
+    index.parseForRead(bytes.data(), false);
+}
+
+Records fullBlocks(std::int64_t row0, std::uint32_t count) {
+    Records records;
+    for (std::uint32_t i = 0; i < count; ++i) records.push_back({row0 + i * kBlock, 24, kBlock, 1'000});
     return records;
 }
 
-const Records kThree = fullBlocks(1'000, 3, 100'000);
-const Records kFour = fullBlocks(1'000, 4);
-const Records kOne = fullBlocks(1'000, 1);
-const Records kNone;
-
-struct LookupCase {
-    const char* name;
-    const Records& records;
-    std::uint32_t cursor;
-    std::int64_t pos, found;
-    std::uint32_t cursorAfter;
-};
-const LookupCase kLookups[] = {
-    {"FirstByte", kThree, 0, 1'000, 1'000, 1},
-    {"ByteBeforeRow0", kThree, 0, 999, -200, 0},
-    {"LastByte", kThree, 0, 8'481'415, 8'381'416, 0},
-    {"ByteBehindTheLast", kThree, 2, 8'481'416, -200, 2},
-    {"InsideTheLastBlocksSpanButBehindItsData", kThree, 1, 9'000'000, -200, 1},
-    {"QuotientHits", kThree, 0, 8'000'000, 4'191'208, 2},
-    {"SequentialReaderHitsByTheCursor", kThree, 1, 4'191'208, 4'191'208, 2},
-    {"CursorMissesThenFirst", kThree, 2, 4'190'500, 1'000, 1},
-    {"CursorAtTheLastGoesBehindIt", kThree, 2, 8'381'416, 8'381'416, 3},
-    {"CursorBehindTheLastIsClamped", kThree, 3, 8'381'416, 8'381'416, 3},
-    {"CursorFarOutsideIsClamped", kThree, 4'000'000'000, 4'191'208, 4'191'208, 2},
-    {"QuotientTooHighSearchesDownward", kFour, 0, 8'381'000, 4'191'208, 2},
-    {"OneRecordAgain", kOne, 1, 5'000, 1'000, 1},
-    {"NoRecords", kNone, 0, 1'000, -200, 0},
-};
-
 TEST(Lookup, FindsTheBlockAndMovesTheCursor) {
-    for (const LookupCase& c : kLookups) {
+    const struct {
+        const char* name;
+        std::uint32_t cursor;
+        std::int64_t pos, found;
+        std::uint32_t cursorAfter;
+    } cases[] = {
+        {"FirstByte", 0, 1'000, 1'000, 1},
+        {"ByteBeforeRow0", 0, 999, -200, 0},
+        {"LastByte", 0, 8'481'415, 8'381'416, 0},
+        {"ByteBehindTheLast", 2, 8'481'416, -200, 2},
+        {"InsideTheLastBlocksSpanButBehindItsData", 1, 9'000'000, -200, 1},
+        {"QuotientHits", 0, 8'000'000, 4'191'208, 2},
+        {"QuotientTooHighSearchesDownward", 0, 8'381'000, 4'191'208, 2},
+        {"SequentialReaderHitsByTheCursor", 1, 4'191'208, 4'191'208, 2},
+        {"CursorMissesThenFirst", 2, 4'190'500, 1'000, 1},
+        {"CursorAtTheLastGoesBehindIt", 2, 8'381'416, 8'381'416, 3},
+        {"CursorBehindTheLastIsClamped", 3, 8'381'416, 8'381'416, 3},
+        {"CursorFarOutsideIsClamped", 4'000'000'000, 4'191'208, 4'191'208, 2},
+    };
+    filePosInfo index(kBlock);
+    EXPECT_ASSERTION(index.findRecord(1), "pInfoBuffer != 0");
+    parse(index, fullBlocks(0, 1));
+    EXPECT_ASSERTION(index.findRecord(1), "pInfoBuffer->orginalPos != 0");
+    parse(index, {});
+    EXPECT_EQ(index.findRecord(1'000).orginalPos, -200);
+    parse(index, kExample);
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        filePosInfo index(kBlock);
-        parse(index, c.records);
         filePosInfoAccess::cursor(index) = c.cursor;
         EXPECT_EQ(index.findRecord(c.pos).orginalPos, c.found);
         EXPECT_EQ(filePosInfoAccess::cursor(index), c.cursorAfter);
     }
 }
 
-TEST(Lookup, NeedsAParsedIndexThatDoesNotBeginAtZero) {
-    filePosInfo index(kBlock);
-    EXPECT_ASSERTION(index.findRecord(1), "pInfoBuffer != 0");
-    parse(index, fullBlocks(0, 1));
-    EXPECT_ASSERTION(index.findRecord(1), "pInfoBuffer->orginalPos != 0");
-}
-
-// What look-up has to give, by the plainest means. Null: no block.
-const filePosRecord* naive(const Records& records, std::int64_t pos) {
-    for (const filePosRecord& r : records) {
-        if (r.orginalPos <= pos && pos < r.orginalPos + r.orginalSize) return &r;
-    }
-    return nullptr;
-}
-
+// A damaged index may hold overlapping records. The block that begins at a position is still found there, so that each
+// of the sound ones stays readable.
 TEST(Lookup, AgreesWithANaiveSearchWhateverTheCursor) {
     support::RandomBytes random(11);
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < 300; ++round) {
         const bool shortBlocks = random.oneIn(2);
+        const bool damaged = random.oneIn(3);
         std::int64_t pos = random.between(1, random.oneIn(2) ? 10'000 : 1'000'000'000'000);
         const std::int64_t begin = pos;
         Records records;
         for (std::uint64_t i = 1 + random.below(40); i > 0; --i) {
             const auto size = static_cast<std::int32_t>(shortBlocks ? random.between(1, kBlock) : kBlock);
-            records.push_back({pos, 24, size, 1});
+            const bool lies = damaged && random.oneIn(6);
+            records.push_back({pos, 24, lies ? static_cast<std::int32_t>(random.between(1, INT32_MAX)) : size, 1});
             pos += size;
         }
         filePosInfo index(kBlock);
         parse(index, records);
         for (int i = 0; i < 100; ++i) {
             filePosInfoAccess::cursor(index) = static_cast<std::uint32_t>(random.below(records.size() + 3));
-            const std::int64_t at = random.between(begin - 3, pos + 3);
-            const filePosRecord* expected = naive(records, at);
+            const std::int64_t at =
+                damaged ? records[random.below(records.size())].orginalPos : random.between(begin - 3, pos + 3);
+            const auto holds = [&](const filePosRecord& r) {
+                return damaged ? r.orginalPos == at : r.orginalPos <= at && at < r.orginalPos + r.orginalSize;
+            };
+            const auto expected = std::find_if(records.begin(), records.end(), holds);
             const filePosRecord found = index.findRecord(at);
-            ASSERT_EQ(found.orginalPos, expected != nullptr ? expected->orginalPos : -200) << "at " << at;
-            ASSERT_TRUE(expected == nullptr || bytesOf(found) == bytesOf(*expected)) << "at " << at;
+            ASSERT_EQ(found.orginalPos, expected != records.end() ? expected->orginalPos : -200) << "at " << at;
+            ASSERT_TRUE(expected == records.end() || bytesOf(found) == bytesOf(*expected)) << "at " << at;
         }
-    }
-}
-
-// Records of a damaged index may overlap and leave gaps. The block that begins at a position is still found there, so
-// that each of the sound ones stays readable.
-TEST(Lookup, FindsEachBlockOfADamagedIndexWhateverTheCursor) {
-    support::RandomBytes random(12);
-    for (int round = 0; round < 200; ++round) {
-        Records records = fullBlocks(random.between(1, 100'000), 2 + static_cast<std::uint32_t>(random.below(20)));
-        for (int lies = 0; lies < 3; ++lies) {
-            records[random.below(records.size())].orginalSize = static_cast<std::int32_t>(random.between(1, INT32_MAX));
-        }
-        filePosInfo index(kBlock);
-        parse(index, records);
-        for (const filePosRecord& record : records) {
-            for (std::uint32_t cursor = 0; cursor <= records.size(); ++cursor) {
-                filePosInfoAccess::cursor(index) = cursor;
-                ASSERT_EQ(index.findRecord(record.orginalPos).orginalPos, record.orginalPos) << "cursor " << cursor;
-            }
-        }
-    }
-}
-
-TEST(Lookup, AMillionBlocksBehindATerabyte) {
-    constexpr std::int64_t row0 = 1'000'000'000'000;
-    const Records records = fullBlocks(row0, 1'000'000);
-    filePosInfo index(kBlock);
-    parse(index, records);
-    support::RandomBytes random(13);
-    for (int i = 0; i < 20'000; ++i) {
-        const std::int64_t number = random.between(0, 999'999);
-        const std::int64_t found = index.findRecord(row0 + number * kBlock + random.between(0, kBlock - 1)).orginalPos;
-        ASSERT_EQ(found, row0 + number * kBlock);
-    }
-    EXPECT_EQ(index.numberOf(row0 + 999'999 * kBlock), 999'999u);
-    EXPECT_EQ(index.dataEnd(0), row0 + 1'000'000 * kBlock);
-}
-
-TEST(IndexBytes, AreAFirstRecordAloneWithoutBlocks) {
-    filePosInfo index(kBlock);
-    std::uint32_t length = 0;
-    const unsigned char* bytes = index.serialize(length);
-    EXPECT_EQ(Bytes(bytes, bytes + length), indexBytes({}));
-    EXPECT_EQ(index.writtenEnd(77), 77);
-}
-
-TEST(IndexBytes, SwappedTwiceAreThemselves) {
-    filePosRecord record{1, 2, 3, 4};
-    filePosInfo::swapRecord(&record);
-    EXPECT_EQ(record.orginalPos, 0x0100000000000000);
-    EXPECT_EQ(record.translateSize, 0x04000000);
-    filePosInfo::swapRecord(&record);
-    EXPECT_EQ(bytesOf(record), bytesOf(filePosRecord{1, 2, 3, 4}));
-}
-
-TEST(IndexBytes, ParsedForAppendingLeaveTheLastBlockToTheCaller) {
-    for (const Records* records : {&kOne, &kThree}) {
-        filePosInfo index(kBlock);
-        Bytes bytes = indexBytes(*records);
-        EXPECT_EQ(bytesOf(index.parseForAppend(bytes.data(), false)), bytesOf(records->back()));
-        std::uint32_t length = 0;
-        const unsigned char* again = index.serialize(length);
-        EXPECT_EQ(Bytes(again, again + length), indexBytes(Records(records->begin(), records->end() - 1)));
-    }
-    filePosInfo index(kBlock);
-    parse(index, kThree);
-    Bytes empty = indexBytes({});
-    EXPECT_EQ(index.parseForAppend(empty.data(), false).orginalPos, -100);
-    EXPECT_ASSERTION(index.findRecord(1'000), "pInfoBuffer != 0");
-    EXPECT_ASSERTION(index.parseForAppend(nullptr, false), "buff != 0");
-}
-
-TEST(IndexBytes, NoneAtAllChangeNothing) {
-    filePosInfo index(kBlock);
-    parse(index, kThree);
-    index.parseForRead(nullptr, true);
-    EXPECT_EQ(index.findRecord(1'000).orginalPos, 1'000);
-}
-
-TEST(IndexBytes, ThatLieAreRefused) {
-    const auto changed = [](std::size_t number, filePosRecord record) {
-        Records records = kThree;
-        records[number] = record;
-        return indexBytes(records);
-    };
-    Bytes negativeCount = indexBytes({});
-    negativeCount[23] = 0x80;
-    struct Case {
-        const char* name;
-        Bytes bytes;
-        const char* check;
-    } const cases[] = {
-        {"NoMark", indexBytes(kThree, -200), "firstRecord.orginalPos == -100"},
-        {"BlockSizeOfNone", indexBytes(kThree, -100, 0), "firstRecord.orginalSize > 0"},
-        {"CountBelowNone", negativeCount, "firstRecord.translateSize >= 0"},
-        {"EqualPositions", changed(1, kThree[0]), "orginalPos ascends"},
-        {"DescendingPositions", changed(2, {1'001, 24, 1, 1}), "orginalPos ascends"},
-        {"EmptyBlock", changed(0, {1'000, 24, 0, 1}), "orginalSize >= 1"},
-        {"BlockBelowNone", changed(2, {8'381'416, 24, -5, 1}), "orginalSize >= 1"},
-        {"EndBeyondAllPositions", changed(2, {INT64_MAX - 3, 24, 4, 1}), "orginalSize >= 1"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        filePosInfo index(kBlock, "some.file");
-        parse(index, kFour);
-        EXPECT_THAT(failureOf([&] { index.parseForRead(c.bytes.data(), false); }),
-                    testing::AllOf(testing::StartsWith("DamagedFileError \"some.file\""), testing::HasSubstr(c.check)));
-        EXPECT_EQ(index.parsedCount(), 4u) << "a refused index changes nothing";
-        Bytes bytes = c.bytes;
-        filePosInfo other(kBlock);
-        EXPECT_THAT(failureOf([&] { other.parseForAppend(bytes.data(), false); }), testing::HasSubstr(c.check));
-        EXPECT_EQ(other.recordCount(), 0u);
     }
 }
 

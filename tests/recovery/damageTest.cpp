@@ -1,324 +1,304 @@
-// Every way in which heading, index and records can lie, through every way into a file. The corpus is made here, each
-// file with its reason.
+// Files that lie, are cut short or were never finished, through every way in; and what of their rows comes back.
 #include "recoveryTest.h"
 
-#include <orva/blockSize.h>
-
-#include <sys/resource.h>
-
+#include <cerrno>
 #include <functional>
 #include <limits>
+#include <span>
 
 namespace recovery {
 
-constexpr std::int64_t kSmall = 64;  // a row-0 position that keeps the files small
+using testing::HasSubstr;
+
 constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
-const orva::foundPart kSmallPart{kSmall, false};
-
-// A file taken apart. Blocks of 30, 50 and 40 bytes of rows.
-struct Lie {
-    Layout layout;
-    Bytes rest;  // behind the index
-    std::int64_t indexAt = layout.heading._indexPos;
-
-    filePosRecord& record(std::size_t i) { return layout.records[i]; }
-    compressionHeading& heading() { return layout.heading; }
-};
-
-struct LieCase {
-    const char* name;
-    void (*tell)(Lie&);
-    const char* opens;    // the check that refuses to open the file; "" when it opens
-    int readable;         // blocks that can be verified then
-    const char* appends;  // the check that refuses an append
-};
-
-constexpr const char* kRepeats = "Analyze dictionary part error!";
 constexpr const char* kWhole = "_size == 24 x (n + 1)";
 constexpr const char* kCut = "ret == chInfo._size";
 constexpr const char* kFollow = "blocks follow each other without gaps";
 
-const LieCase kLies[] = {
-    {"Nothing", [](Lie&) {}, "", 3, ""},
-    {"HeadingSaysOtherPlace", [](Lie& l) { l.heading()._caseStartPos += 1; }, kRepeats, 0, kRepeats},
-    {"HeadingIsZeros", [](Lie& l) { l.heading() = {}; }, kRepeats, 0, kRepeats},
-    {"IndexAtNegativePlace", [](Lie& l) { l.heading()._indexPos = -1; }, "_indexPos behind the heading", 0,
-     "_indexPos behind the heading"},
-    {"IndexAtLeastPlace", [](Lie& l) { l.heading()._indexPos = kLeast; }, "_indexPos behind the heading", 0,
-     "_indexPos behind the heading"},
-    {"IndexInHeading", [](Lie& l) { l.heading()._indexPos = kSmall + 23; }, "_indexPos behind the heading", 0,
-     "_indexPos behind the heading"},
-    {"IndexBehindFile", [](Lie& l) { l.heading()._indexPos += 1; }, kCut, 0, kCut},
-    {"IndexAtMostPlace", [](Lie& l) { l.heading()._indexPos = kMost; }, kCut, 0, kCut},
-    {"IndexAtBlock", [](Lie& l) { l.heading()._indexPos = kSmall + 24; }, "firstRecord.orginalPos == -100", 0,
-     "firstRecord.orginalPos == -100"},
-    {"SizeZero", [](Lie& l) { l.heading()._size = 0; }, kWhole, 0, kWhole},
-    {"SizeNegative", [](Lie& l) { l.heading()._size = -24; }, kWhole, 0, kWhole},
-    {"SizeLeast", [](Lie& l) { l.heading()._size = kLeast; }, kWhole, 0, kWhole},
-    {"SizeNotWholeRecords", [](Lie& l) { l.heading()._size -= 1; }, kWhole, 0, kWhole},
-    {"SizeOneRecordShort", [](Lie& l) { l.heading()._size -= 24; }, kWhole, 0, kWhole},
-    {"SizeOneRecordLong",
-     [](Lie& l) {
-         l.heading()._size += 24;
-         l.rest = Bytes(24);
-     },
-     kWhole, 0, kWhole},
-    {"SizePastTheFile", [](Lie& l) { l.heading()._size += 24; }, kCut, 0, kCut},
-    {"SizeWithHighHalf", [](Lie& l) { l.heading()._size += std::int64_t{3} << 32; }, kCut, 0, kCut},
-    {"SizeMost", [](Lie& l) { l.heading()._size = kMost / 24 * 24; }, kCut, 0, kCut},
-    {"NoMark", [](Lie& l) { l.layout.first.orginalPos = -200; }, "firstRecord.orginalPos == -100", 0,
-     "firstRecord.orginalPos == -100"},
-    {"BlockSizeZero", [](Lie& l) { l.layout.first.orginalSize = 0; }, "firstRecord.orginalSize > 0", 0,
-     "firstRecord.orginalSize > 0"},
-    {"BlockSizeNegative", [](Lie& l) { l.layout.first.orginalSize = INT32_MIN; }, "firstRecord.orginalSize > 0", 0,
-     "firstRecord.orginalSize > 0"},
-    {"OtherBlockSizeIsFine", [](Lie& l) { l.layout.first.orginalSize = 1; }, "", 3, ""},
-    {"PlaceOfFirstRecordIsFree", [](Lie& l) { l.layout.first.translatePos = -7; }, "", 3, ""},
-    {"CountNegative", [](Lie& l) { l.layout.first.translateSize = -1; }, kWhole, 0, kWhole},
-    {"CountMinusAll", [](Lie& l) { l.layout.first.translateSize = INT32_MIN; }, kWhole, 0, kWhole},
-    {"CountTooHigh", [](Lie& l) { l.layout.first.translateSize = 4; }, kWhole, 0, kWhole},
-    {"CountTooLow", [](Lie& l) { l.layout.first.translateSize = 2; }, kWhole, 0, kWhole},
-    {"CountMost", [](Lie& l) { l.layout.first.translateSize = INT32_MAX; }, kWhole, 0, kWhole},
-    {"CountThatWrapsAround", [](Lie& l) { l.layout.first.translateSize = 178956970 + 3; }, kWhole, 0, kWhole},
-    {"RowsBeginElsewhere", [](Lie& l) { l.record(0).orginalPos -= 1; }, "record 0 at the row-0 position", 0, kFollow},
-    {"PositionsEqual", [](Lie& l) { l.record(2).orginalPos = l.record(1).orginalPos; }, "orginalPos ascends", 0,
-     "orginalPos ascends"},
-    {"PositionsDescend", [](Lie& l) { std::swap(l.record(1), l.record(2)); }, "orginalPos ascends", 0,
-     "orginalPos ascends"},
-    {"PositionNegative", [](Lie& l) { l.record(1).orginalPos = kLeast; }, "orginalPos ascends", 0,
-     "orginalPos ascends"},
-    {"PositionOverflows", [](Lie& l) { l.record(2).orginalPos = kMost; }, "orginalSize >= 1", 0, "orginalSize >= 1"},
-    {"RowsZero", [](Lie& l) { l.record(1).orginalSize = 0; }, "orginalSize >= 1", 0, "orginalSize >= 1"},
-    {"RowsNegative", [](Lie& l) { l.record(1).orginalSize = INT32_MIN; }, "orginalSize >= 1", 0, "orginalSize >= 1"},
-    {"RowsAboveABlock", [](Lie& l) { l.record(2).orginalSize = kBlock + 1; }, "", 2, kFollow},
-    {"RowsMost", [](Lie& l) { l.record(2).orginalSize = INT32_MAX; }, "", 2, kFollow},
-    {"RowsTooMany", [](Lie& l) { l.record(2).orginalSize += 1; }, "", 2, "outCount == bInfo.orginalSize"},
-    {"RowsTooFew", [](Lie& l) { l.record(2).orginalSize -= 1; }, "", 2, "fData->fpos == endpos"},
-    {"GapOfRows", [](Lie& l) { l.record(1).orginalPos += 1; }, "", 1, kFollow},
-    {"OverlapOfRows", [](Lie& l) { l.record(1).orginalPos -= 1; }, "", 1, kFollow},
-    {"BytesZero", [](Lie& l) { l.record(1).translateSize = 0; }, "", 2, kFollow},
-    {"BytesNegative", [](Lie& l) { l.record(1).translateSize = -1; }, "", 2, kFollow},
-    {"BytesAboveABlock", [](Lie& l) { l.record(1).translateSize = kBlock + 1; }, "", 2, kFollow},
-    {"BytesMost", [](Lie& l) { l.record(1).translateSize = INT32_MAX; }, "", 2, kFollow},
-    {"BytesPastTheFile", [](Lie& l) { l.record(2).translateSize += 97; }, "", 2, "_indexPos behind the last block"},
-    {"BytesTooMany", [](Lie& l) { l.record(2).translateSize += 1; }, "", 2, "_indexPos behind the last block"},
-    {"BytesTooFew", [](Lie& l) { l.record(2).translateSize -= 1; }, "", 2, "Z_STREAM_END at the last byte"},
-    {"PlaceNegative", [](Lie& l) { l.record(1).translatePos = -1; }, "", 2, kFollow},
-    {"PlaceLeast", [](Lie& l) { l.record(1).translatePos = kLeast; }, "", 2, kFollow},
-    {"PlaceMost", [](Lie& l) { l.record(1).translatePos = kMost; }, "", 2, kFollow},
-    {"PlaceOfAnotherBlock", [](Lie& l) { l.record(1).translatePos = l.record(0).translatePos; }, "", 2, kFollow},
-    {"PlaceInIndex", [](Lie& l) { l.record(1).translatePos = l.indexAt; }, "", 2, kFollow},
-    {"BlockCutOut",
-     [](Lie& l) {
-         l.layout.records.erase(l.layout.records.begin() + 1);
-         l.heading()._size -= 24;
-         l.layout.first.translateSize = 2;
-     },
-     "", 1, kFollow},
+// What is said of the loss of one of the blocks of 30, 50 and 40 bytes.
+const std::string kLost[] = {"0-30 its block is damaged;", "30-80 its block is damaged;",
+                             "80-120 its block is damaged;"};
+
+const std::string kGuessed[] = {"~0-[0-9]+ its block is damaged, and no index tells its size;",
+                                "~30-[0-9]+ its block is damaged, and no index tells its size;", ""};
+
+struct LieCase {
+    const char* name;
+    void (*tell)(Layout&);
+    int readable;       // blocks that can be verified; 0 when the file cannot be opened
+    const char* check;  // refuses to open it, or else to append to it
 };
 
-// Peak of memory that is resident, in KiB.
-long peakMemory() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
-}
+// Of a file of blocks of 30, 50 and 40 bytes.
+const LieCase kLies[] = {
+    {"Nothing", [](Layout&) {}, 3, ""},
+    {"HeadingElsewhere", [](Layout& l) { l.heading._caseStartPos += 1; }, 0, "Analyze dictionary part error!"},
+    {"IndexAtLeast", [](Layout& l) { l.heading._indexPos = kLeast; }, 0, "_indexPos behind the heading"},
+    {"IndexBehindFile", [](Layout& l) { l.heading._indexPos += 1; }, 0, kCut},
+    {"IndexAtMost", [](Layout& l) { l.heading._indexPos = kMost; }, 0, kCut},
+    {"IndexAtBlock", [](Layout& l) { l.heading._indexPos = kRow0 + 24; }, 0, "firstRecord.orginalPos == -100"},
+    {"SizeLeast", [](Layout& l) { l.heading._size = kLeast; }, 0, kWhole},
+    {"SizeNotWholeRecords", [](Layout& l) { l.heading._size -= 1; }, 0, kWhole},
+    {"SizeWithHighHalf", [](Layout& l) { l.heading._size += std::int64_t{3} << 32; }, 0, kCut},
+    {"BlockSizeZero", [](Layout& l) { l.first.orginalSize = 0; }, 0, "firstRecord.orginalSize > 0"},
+    {"OtherBlockSizeIsFine", [](Layout& l) { l.first.orginalSize = 1; }, 3, ""},
+    {"CountMinusAll", [](Layout& l) { l.first.translateSize = INT32_MIN; }, 0, kWhole},
+    {"CountTooLow", [](Layout& l) { l.first.translateSize = 2; }, 0, kWhole},
+    {"CountThatWrapsAround", [](Layout& l) { l.first.translateSize = 178956970 + 3; }, 0, kWhole},
+    {"RowsBeginElsewhere", [](Layout& l) { --l.records[0].orginalPos; }, 0, "record 0 at the row-0 position"},
+    {"PositionsDescend", [](Layout& l) { std::swap(l.records[1], l.records[2]); }, 0, "orginalPos ascends"},
+    {"PositionOverflows", [](Layout& l) { l.records[2].orginalPos = kMost; }, 0, "orginalSize >= 1"},
+    {"RowsZero", [](Layout& l) { l.records[1].orginalSize = 0; }, 0, "orginalSize >= 1"},
+    {"RowsTooMany", [](Layout& l) { l.records[2].orginalSize += 1; }, 2, "outCount == bInfo.orginalSize"},
+    {"RowsTooFew", [](Layout& l) { l.records[2].orginalSize -= 1; }, 2, "Z_STREAM_END"},
+    {"GapOfRows", [](Layout& l) { l.records[1].orginalPos += 1; }, 1, kFollow},
+    {"BytesAboveABlock", [](Layout& l) { l.records[1].translateSize = kBlock + 1; }, 2, kFollow},
+    {"BytesTooMany", [](Layout& l) { l.records[2].translateSize += 1; }, 2, "_indexPos behind the last block"},
+    {"BytesTooFew", [](Layout& l) { l.records[2].translateSize -= 1; }, 2, "Z_STREAM_END at the last byte"},
+    {"PlaceMost", [](Layout& l) { l.records[1].translatePos = kMost; }, 2, kFollow},
+};
 
-class DamageTest : public support::TempDir {
+class DamageTest : public FileTest {
 protected:
     DamageTest() {
-        core::makeFile(fFile, fBlocks, kSmall);
-        fBytes = support::readBytes(fFile);
+        makeFile(fFile, fBlocks);
+        fBytes = bytes();
+        fLayout = Layout(fBytes);
     }
 
-    Bytes told(void (*tell)(Lie&)) const {
-        Lie lie{Layout(fBytes, kSmall), {}};
-        tell(lie);
-        Bytes bytes = support::slice(fBytes, 0, static_cast<std::size_t>(lie.indexAt));
-        const Bytes heading = core::bytesOf(lie.heading());
-        std::copy(heading.begin(), heading.end(), bytes.begin() + kSmall);
-        bytes = bytes + core::bytesOf(lie.layout.first);
-        for (const filePosRecord& record : lie.layout.records) bytes = bytes + core::bytesOf(record);
-        return bytes + lie.rest;
+    // What is done to a file ends well, or as damage of that file, and leaves it as it was.
+    std::string enter(const Bytes& file, const std::function<void()>& run) const {
+        lay({{fFile, file}});
+        const std::string failure = failureOf(run);
+        EXPECT_TRUE(failure.empty() || (failure.rfind("DamagedFileError ", 0) == 0 && failure.find(fFile) < 999));
+        EXPECT_TRUE(sameBytes(bytes(), file)) << failure;
+        return failure;
     }
 
-    // Rows from the start on, up to the end or the first failure.
-    std::string read(int setting, Bytes& rows) const {
-        return failureOf([&] {
-            const core::Reader reader(fFile, setting, kSmall);
-            for (Bytes piece = reader.read(7); !piece.empty(); piece = reader.read(7)) rows = rows + piece;
+    // "begin-end why" of what recover has lost, estimates behind a "~"; or its failure.
+    std::string recover(const Bytes& file, const orva::recoverOptions& options = {kPart}) {
+        std::string text = enter(file, [&] {
+            fReport = orva::recover(fFile, fOut, options);
+            fRows = rowsOf(fOut);
         });
+        if (!text.empty()) return text;
+        for (const orva::lostRange& lost : fReport.lost) {
+            text += (lost.estimated ? "~" : "") + std::to_string(lost.begin - kRow0) + "-" +
+                    std::to_string(lost.end - kRow0) + " " + lost.why + ";";
+        }
+        return text;
     }
-    std::string append() const {
-        return failureOf([&] {
-            const core::Reader stream(fFile, 0);
-            stream->readFilePosInfo(kSmall, false);
-            const auto end = kSmall + orva::finishedPart(fFile, kSmallPart).dataSize();
-            stream->Seek(end, ORVA_StrBaseIO::SeekFromStart);
-            stream->setFileToAppend(end, false);
-            stream->Write("new rows", 8);
-            stream->Close();
-        });
-    }
-    // By the stream that knows the part, which the index of another process's append can take by surprise.
-    std::string appendBehindGoodIndex(const Bytes& bytes) const {
-        support::writeBytes(fFile, fBytes);
-        const core::Reader stream(fFile, 0, kSmall);
-        support::writeBytes(fFile, bytes);
-        const auto end = kSmall + static_cast<std::int64_t>(fAll.size());
-        stream->Seek(end, ORVA_StrBaseIO::SeekFromStart);
-        return failureOf([&] { stream->setFileToAppend(end, false); });
-    }
-    std::string verify(int& good) const {
-        good = 0;
-        return failureOf([&] {
-            orva::finishedPart part(fFile, kSmallPart);
+
+    // Through every way in. Rows that come out are the file's own and in their places. Ends as recover does.
+    std::string enterEverywhere(const Bytes& file) {
+        for (const int road : {0, 2}) {
+            enter(file, [&] {
+                const core::Reader reader(fFile, road, kRow0);
+                Bytes piece;
+                for (std::size_t at = 0; !(piece = reader.read(7)).empty(); at += piece.size()) {
+                    EXPECT_TRUE(sameBytes(piece, support::slice(fAll, at, piece.size())));
+                }
+            });
+        }
+        fReadable = 0;
+        fOpens = enter(file, [&] {
+            orva::finishedPart part(fFile, kPart);
             for (std::uint32_t i = 0; i < part.blockCount(); ++i) {
-                const std::string failure = failureOf([&] { part.verifyBlock(i); });
-                good += failure.empty() ? 1 : 0;
-                EXPECT_TRUE(failure.empty() || saysWhy(failure)) << failure;
+                fReadable += failureOf([&] { part.verifyBlock(i); }).empty() ? 1 : 0;
             }
         });
-    }
-    bool saysWhy(const std::string& failure) const {
-        return failure.rfind("DamagedFileError ", 0) == 0 && failure.find(fFile) != std::string::npos;
-    }
-    bool isDamage(const std::string& failure) const { return failure.empty() || saysWhy(failure); }
-
-    // Through every way in. Rows that come out are the file's own, and in their places.
-    void enterEverywhere(const Bytes& bytes) {
-        ++fEntered;
-        support::writeBytes(fFile, bytes);
-        for (const int setting : {0, 2}) {
-            Bytes rows;
-            const std::string failure = read(setting, rows);
-            EXPECT_TRUE(isDamage(failure)) << failure;
-            EXPECT_TRUE(support::sameBytes(rows, support::slice(fAll, 0, rows.size())));
+        // By a stream that knows the file as it is, and by one that another process has taken by surprise.
+        for (const Bytes& known : {file, fBytes}) {
+            fAppends = enter(file, [&] {
+                support::writeBytes(fFile, known);
+                const core::Reader stream(fFile, 0, kRow0);
+                const std::int64_t end = kRow0 + orva::finishedPart(fFile, kPart).dataSize();
+                support::writeBytes(fFile, file);
+                stream->Seek(end, ORVA_StrBaseIO::SeekFromStart);
+                stream->setFileToAppend(end, false);
+                writeBlocks(*stream.operator->(), fBlocks);
+                stream->abandon();
+            });
         }
-        int good = 0;
-        EXPECT_TRUE(isDamage(verify(good)));
-        for (const std::optional<orva::foundPart>& part :
-             {std::optional(kSmallPart), std::optional<orva::foundPart>()}) {
-            const std::string failure = failureOf([&] { orva::recover(fFile, path("out"), {part}); });
-            EXPECT_TRUE(isDamage(failure)) << failure;
-            EXPECT_TRUE(!failure.empty() || std::filesystem::file_size(path("out")) >= 24);
-        }
-        EXPECT_TRUE(support::sameBytes(support::readBytes(fFile), bytes));
-        const std::string failure = append();
-        EXPECT_TRUE(isDamage(failure)) << failure;
-        EXPECT_TRUE(failure.empty() || support::readBytes(fFile) == bytes);
+        recover(file, {});
+        return recover(file);
     }
 
-    const std::string fFile = path("file");
-    const std::vector<Bytes> fBlocks = Append{"", {30, 50, 40}, 0, {}}.oldBlocks();
+    Bytes rowsWithout(std::size_t block, bool dropped = false) const {
+        std::vector<Bytes> blocks = fBlocks;
+        blocks[block] = Bytes(dropped ? 0 : blocks[block].size());
+        return core::joined(blocks);
+    }
+    Bytes damaged(std::size_t block) const {
+        Bytes file = fBytes;
+        file[static_cast<std::size_t>(fLayout.records[block].translatePos) + 4] ^= 0x10;
+        return file;
+    }
+    // Without heading and index.
+    Bytes unfinished(const Bytes& file) const {
+        const auto end = static_cast<std::size_t>(fLayout.heading._indexPos);
+        return with(support::slice(file, 0, end), kRow0, Bytes(kHeadingSize));
+    }
+
+    const std::vector<Bytes> fBlocks = blocksOf({30, 50, 40});
     const Bytes fAll = core::joined(fBlocks);
-    Bytes fBytes;
-    int fEntered = 0;
+    Bytes fBytes, fRows;
+    Layout fLayout;
+    orva::recoverReport fReport;
+    std::string fOpens, fAppends;
+    int fReadable = 0;
 };
 
 TEST_F(DamageTest, EveryLieIsToldByTheCheckThatItFails) {
     for (const LieCase& row : kLies) {
         SCOPED_TRACE(row.name);
-        const Bytes bytes = told(row.tell);
-        support::writeBytes(fFile, bytes);
-        int good = 0;
-        const std::string opening = verify(good);
-        const std::string appending = appendBehindGoodIndex(bytes);
-        EXPECT_EQ(opening.empty(), row.opens[0] == '\0') << opening;
-        EXPECT_THAT(opening, testing::HasSubstr(row.opens));
-        EXPECT_EQ(good, row.readable);
-        EXPECT_EQ(appending.empty(), row.appends[0] == '\0') << appending;
-        EXPECT_THAT(appending, testing::HasSubstr(row.appends));
-        enterEverywhere(bytes);
+        Layout lie = fLayout;
+        row.tell(lie);
+        Bytes file = with(unfinished(fBytes), kRow0, core::bytesOf(lie.heading)) + core::bytesOf(lie.first);
+        for (const filePosRecord& record : lie.records) file = file + core::bytesOf(record);
         // Its blocks are whole, and tell so without the index.
-        const orva::recoverReport report =
-            orva::recover((support::writeBytes(fFile, bytes), fFile), path("out"), {kSmallPart});
-        EXPECT_EQ(report.blocks, 3U);
-        EXPECT_EQ(report.lost.size(), 0U);
+        EXPECT_EQ(enterEverywhere(file), "");
+        EXPECT_TRUE(sameBytes(fRows, fAll));
+        EXPECT_EQ(fReadable, row.readable);
+        EXPECT_EQ(fOpens.empty(), row.readable != 0);
+        EXPECT_THAT(fOpens + fAppends, HasSubstr(row.check));
+        EXPECT_EQ(fAppends.empty(), row.readable == 3);
     }
 }
 
-TEST_F(DamageTest, EveryTruncation) {
-    for (std::size_t size = 0; size < fBytes.size(); ++size) {
-        SCOPED_TRACE("cut to " + std::to_string(size));
-        enterEverywhere(support::slice(fBytes, 0, size));
+TEST_F(DamageTest, AWrongByteCostsTheRowsOfItsBlockAtMost) {
+    const auto flip = [&](std::int64_t from, std::int64_t size, const std::string& lost, const Bytes& rows) {
+        int costly = 0;
+        for (std::int64_t at = from; at < from + size; ++at) {
+            for (const unsigned bit : {static_cast<unsigned>(at * 3 % 7), 7U}) {
+                SCOPED_TRACE("bit " + std::to_string(bit) + " of byte " + std::to_string(at));
+                Bytes file = fBytes;
+                file[static_cast<std::size_t>(at)] ^= static_cast<unsigned char>(1U << bit);
+                const std::string text = enterEverywhere(file);
+                // Some bits mean nothing, such as the length of a code that the block does not use.
+                EXPECT_TRUE(text.empty() || text == lost) << text;
+                EXPECT_TRUE(sameBytes(fRows, text.empty() ? fAll : rows));
+                costly += text.empty() ? 0 : 1;
+            }
+        }
+        EXPECT_TRUE(lost.empty() || costly > size);
+    };
+    flip(kRow0, kHeadingSize, "", {});
+    flip(fLayout.heading._indexPos, fLayout.heading._size, "", {});
+    for (const std::size_t i : {0, 1, 2}) {
+        flip(fLayout.records[i].translatePos, fLayout.records[i].translateSize, kLost[i], rowsWithout(i));
     }
 }
 
-TEST_F(DamageTest, EveryByteOfHeadingAndIndexFlipped) {
-    const Layout layout(fBytes, kSmall);
-    std::vector<std::int64_t> places;
-    for (std::int64_t at = kSmall; at < kSmall + 24; ++at) places.push_back(at);
-    for (std::int64_t at = layout.heading._indexPos; at < static_cast<std::int64_t>(fBytes.size()); ++at) {
-        places.push_back(at);
+TEST_F(DamageTest, AFileCutShortKeepsItsCompleteBlocks) {
+    for (std::size_t size = kRow0 - 1; size < fBytes.size(); ++size) {
+        SCOPED_TRACE("cut to " + std::to_string(size) + " bytes");
+        const Bytes file = support::slice(fBytes, 0, size);
+        fRows.clear();
+        const std::string text = enterEverywhere(file);
+        EXPECT_TRUE(sameBytes(fRows, standingRows(file)));
+        // The heading knows how many blocks there were.
+        EXPECT_EQ(text.empty(), fRows == fAll) << text;
     }
-    for (const std::int64_t at : places) {
-        for (const int bit : {static_cast<int>(at * 3 % 7), 7}) {
-            SCOPED_TRACE("bit " + std::to_string(bit) + " of byte " + std::to_string(at));
-            Bytes bytes = fBytes;
-            bytes[static_cast<std::size_t>(at)] ^= static_cast<unsigned char>(1 << bit);
-            enterEverywhere(bytes);
+    // So does a file with much that looks like blocks or indexes.
+    for (const Bytes& mark : {Bytes{0x78, 0x01}, core::bytesOf(filePosRecord{-100, 0, 1, INT32_MAX})}) {
+        Bytes file = unfinished(damaged(2));
+        while (file.size() < 50'000) file = file + mark;
+        enterEverywhere(file);
+        EXPECT_TRUE(sameBytes(fRows, rowsWithout(2, true)));
+    }
+    EXPECT_THAT(enterEverywhere({}), HasSubstr("no block of compressed rows"));
+}
+
+// With an index the gap is exact; without one only the next block tells where it ends, and nothing how many rows it
+// held.
+TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
+    for (const std::size_t block : {0, 1, 2}) {
+        Bytes file = damaged(block);
+        EXPECT_EQ(recover(file, {kPart, false, true}), kLost[block]);
+        EXPECT_TRUE(sameBytes(fRows, rowsWithout(block, true)));
+        EXPECT_EQ(recover(swapped(file), {}), kLost[block]);
+        EXPECT_TRUE(fReport.part.swapped);
+        file[kRow0] ^= 1;
+        EXPECT_EQ(recover(file), kLost[block]);
+        EXPECT_TRUE(sameBytes(fRows, rowsWithout(block)));
+        const std::string text = recover(unfinished(file), {kPart, false, true});
+        EXPECT_TRUE(sameBytes(fRows, rowsWithout(block, true)));
+        EXPECT_THAT(text, testing::MatchesRegex(kGuessed[block]));
+    }
+    EXPECT_EQ(recover(unfinished(fBytes), {}), "");
+    EXPECT_TRUE(sameBytes(fRows, fAll));
+    EXPECT_EQ(fReport.part.row0Pos, kRow0);
+    EXPECT_FALSE(fReport.hadHeading);
+    EXPECT_THAT(recover(unfinished(fBytes), {kPart, true}), HasSubstr("ever finished"));
+    // Never in place, by whatever name.
+    std::filesystem::create_hard_link(fFile, path("link"));
+    EXPECT_EQ(failureOf([&] { orva::recover(fFile, path("link"), {}); }), core::fileError(1002, EINVAL, path("link")));
+}
+
+// The old heading of an append that ended early: what stands behind the old index was never finished.
+TEST_F(DamageTest, AnInterruptedAppendIsToldApart) {
+    for (const Append& append : std::span(kAppends).first(kWriting)) {
+        SCOPED_TRACE(append.name);
+        makeFile(fFile, blocksOf(append.old));
+        const Bytes heading = support::slice(bytes(), kRow0, kHeadingSize);
+        append.run(fFile);
+        Bytes file = with(bytes(), kRow0, heading);
+        std::int64_t committed = 0;
+        for (std::size_t i = 0; i < append.old.size(); ++i) committed += append.sizes[i];
+        const std::size_t end = file.size();
+        // With the new index in its place, torn, and not there yet.
+        for (const std::size_t size : {end, end - 10, end - kRecordSize * (append.sizes.size() + 1)}) {
+            file.resize(size);
+            EXPECT_EQ(recover(file), "");
+            EXPECT_TRUE(sameBytes(fRows, append.newRows()));
+            EXPECT_EQ(fReport.committedRows, committed);
+            EXPECT_EQ(fReport.lastRewritten, committed != 0 && append.old.back() < kBlock);
+            EXPECT_EQ(recover(file, {kPart, true}), "");
+            EXPECT_TRUE(sameBytes(fRows, support::slice(append.newRows(), 0, static_cast<std::size_t>(committed))));
         }
     }
 }
 
-// Files that are not what they claim in ways that cost time or memory: each ends at once, within little memory.
-TEST_F(DamageTest, NothingIsAllocatedOrSearchedForALie) {
-    enterEverywhere(fBytes);
-    const long before = peakMemory();
-    const core::Watchdog watchdog("DamageTest.NothingIsAllocatedOrSearchedForALie");
-    support::RandomBytes random(11);
-    struct Hostile {
-        const char* reason;
-        Bytes bytes;
-    };
-    // A heading, an index of `count` records that all claim full blocks at the same place, as many as fit.
-    const auto manyRecords = [&](std::int32_t count) {
-        Bytes bytes = support::slice(fBytes, 0, static_cast<std::size_t>(Layout(fBytes, kSmall).heading._indexPos));
-        const compressionHeading heading{kSmall, static_cast<std::int64_t>(bytes.size()),
-                                         24 * (std::int64_t{count} + 1)};
-        const Bytes head = core::bytesOf(heading);
-        std::copy(head.begin(), head.end(), bytes.begin() + kSmall);
-        bytes = bytes + core::bytesOf(filePosRecord{-100, 0, static_cast<std::int32_t>(kBlock), count});
-        for (std::int32_t i = 0; i < count; ++i) {
-            bytes = bytes + core::bytesOf(
-                                filePosRecord{kSmall + i * kBlock, kSmall + 24, static_cast<std::int32_t>(kBlock), 9});
-        }
-        return bytes;
-    };
-    Bytes likeStreams;
-    while (likeStreams.size() < 100'000) likeStreams = likeStreams + Bytes{0x78, 0x01};
-    Bytes likeHeadings;
-    for (std::int64_t at = 0; at < 100'000; at += 24) {
-        likeHeadings = likeHeadings + core::bytesOf(compressionHeading{at, at + 24, 24});
+// The old heading and index still stand, and so do old blocks. They must not pass for the new part's without a word.
+TEST_F(DamageTest, ANewPartOverAnOldOneIsNotCompletedFromIt) {
+    for (const std::vector<std::size_t>& sizes : {std::vector<std::size_t>{350}, {350, 100}, {20}, {600, 5, 400}}) {
+        const Bytes fresh = core::joined(blocksOf(sizes, 50));
+        makeFile(fFile, blocksOf(sizes, 50));
+        const auto end = static_cast<std::size_t>(Layout(bytes()).heading._indexPos);
+        const Bytes blocks = support::slice(bytes(), kRow0 + 24, end - kRow0 - 24);
+        const std::string lost = recover(with(fBytes, kRow0 + 24, blocks));
+        EXPECT_TRUE(sameBytes(support::slice(fRows, 0, fresh.size()), fresh));
+        EXPECT_TRUE(!lost.empty() || fRows.size() == fresh.size());
     }
-    Bytes likeIndexes;
-    while (likeIndexes.size() < 100'000)
-        likeIndexes = likeIndexes + core::bytesOf(filePosRecord{-100, 0, 1, INT32_MAX});
-    Bytes stored{0x78, 0x01};  // one stream of stored blocks that never ends
-    while (stored.size() < 100'000) stored = stored + Bytes{0x00, 0x05, 0x00, 0xfa, 0xff, 1, 2, 3, 4, 5};
-    const Bytes front = support::slice(fBytes, 0, kSmall);
-    const Hostile corpus[] = {
-        {"Empty", {}},
-        {"Noise", random.noise(100'000)},
-        {"ManyRecords", manyRecords(40)},
-        {"LooksLikeStreams", front + likeStreams},
-        {"LooksLikeHeadings", likeHeadings},
-        {"LooksLikeIndexes", fBytes + likeIndexes},
-        {"HeadlessBeforeIndexes",
-         support::slice(fBytes, 0, kSmall) + Bytes(24) + support::slice(fBytes, kSmall + 24, 60) + likeIndexes},
-        {"EndlessStream", front + Bytes(24) + stored},
+}
+
+TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
+    Append append = kAppends[0];
+    append.road = 1;
+    makeFile(fFile, blocksOf(append.old));
+    const Files old = present();
+    const Files during = interrupted(append);
+    const auto refused = [&](const Bytes& data, const Bytes& side, const char* why) {
+        const Files files{{fFile, data}, {fSide, side}};
+        lay(files);
+        EXPECT_THAT(failureOf([&] { orva::rollBack(fFile); }),
+                    testing::ContainsRegex("^DamagedFileError.*" + std::string(why)));
+        EXPECT_EQ(present(), files);
     };
-    for (const Hostile& file : corpus) {
-        SCOPED_TRACE(file.reason);
-        enterEverywhere(file.bytes);
+    const Bytes data = during.at(fFile);
+    const Bytes side = during.at(fSide);
+    // Over a file that an append has changed any damage is refused, and stays for a second look.
+    for (std::size_t at = 0; at < side.size(); ++at) {
+        refused(data, with(side, static_cast<std::int64_t>(at), {static_cast<unsigned char>(side[at] ^ 0x20)}), "");
+        refused(data, support::slice(side, 0, at), "");
     }
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    EXPECT_LT(peakMemory() - before, 64 * 1024);
-#else
-    static_cast<void>(before);
-#endif
+    refused(data, Bytes(1 << 20), "longer than");
+    refused(with(data, 5, {1}), side, "does not belong to");
+    lay(during);
+    EXPECT_EQ(orva::rollBack(fFile), orva::rollBackResult::rolledBack);
+    EXPECT_EQ(present(), old);
 }
 
 }  // namespace recovery

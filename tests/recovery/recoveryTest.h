@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -21,21 +22,64 @@ using core::failureOf;
 using core::kBlock;
 using core::kRow0;
 using core::Layout;
+using platform::faults::Call;
+using platform::faults::Verdict;
 using support::Bytes;
+using support::sameBytes;
 
 inline const orva::foundPart kPart{kRow0, false};
+constexpr std::uint64_t kTorn = 12;  // bytes that a torn write gets done: half a heading
 
 inline Bytes operator+(Bytes left, const Bytes& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
 }
 
-inline Bytes rowsOf(const std::string& name, bool swap = false) {
-    const core::Reader reader(name, 0, kRow0, swap);
-    const orva::finishedPart part(name, {kRow0, swap});
-    // A lying index may claim any size.
-    return reader.read(static_cast<std::size_t>(std::clamp<std::int64_t>(part.dataSize(), 0, 8 * kBlock)));
+// `bytes` with others from `at` on, made longer where they reach further.
+inline Bytes with(Bytes bytes, std::int64_t at, const Bytes& others) {
+    bytes.resize(std::max(bytes.size(), static_cast<std::size_t>(at) + others.size()));
+    std::copy(others.begin(), others.end(), bytes.begin() + at);
+    return bytes;
 }
+
+// Blocks of these sizes. A full one is of one value, so that it stays small in the file; others are all different.
+inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsigned char seed = 0) {
+    std::vector<Bytes> blocks;
+    for (const std::size_t size : sizes) {
+        ++seed;
+        blocks.push_back(size < kBlock ? support::RandomBytes(seed).rows(size) : Bytes(size, seed));
+    }
+    return blocks;
+}
+
+inline void writeBlocks(zcmpsFilestr& stream, const std::vector<Bytes>& blocks) {
+    for (const Bytes& block : blocks) {
+        core::write(stream, block);
+        stream.Flush();
+    }
+}
+
+inline void makeFile(const std::string& file, const std::vector<Bytes>& blocks, int thread = 0, bool durable = false) {
+    ORVA_FileStream source(file.c_str(), "w+b");
+    core::write(source, Bytes(kRow0, 0xD5));
+    zcmpsFilestr stream(source);
+    stream.setMultiThread(thread);
+    stream.setDurable(durable);
+    stream.setRow0Pos(kRow0);
+    stream.Seek(kRow0, ORVA_StrBaseIO::SeekFromStart);
+    writeBlocks(stream, blocks);
+    stream.Close();
+}
+
+// The rows of a finished file, in which every block is where the index says.
+inline Bytes rowsOf(const std::string& file) {
+    orva::finishedPart part(file, kPart);
+    part.verifyIndex();
+    return core::Reader(file, 0, kRow0).read(static_cast<std::size_t>(part.dataSize()));
+}
+
+// Where the new index stands: behind the last block if one was written, else where the last transfer ended.
+enum IndexPlace { BehindBlocks, BehindOldIndex, BehindOldBlock };
 
 // An append to a finished file of blocks of `old` bytes: the last `cut` bytes of rows go, `added` blocks come.
 struct Append {
@@ -43,61 +87,103 @@ struct Append {
     std::vector<std::size_t> old;
     std::size_t cut;
     std::vector<std::size_t> added;
-    bool safe = false;
+    std::vector<std::int32_t> sizes{};  // of the blocks afterwards
+    IndexPlace indexPlace = BehindBlocks;
+    int road = 0;  // its bits: 1 safe, 2 with two threads
 
-    // A full block is of one value, so that it stays small in the file; others are all different.
-    static Bytes block(std::size_t size, std::size_t number) {
-        if (size >= std::size_t{kBlock}) return Bytes(size, static_cast<unsigned char>(number));
-        return support::RandomBytes(7 + number).rows(size);
-    }
-    std::vector<Bytes> oldBlocks() const { return blocks(old, 0); }
-    std::vector<Bytes> addedBlocks() const { return blocks(added, 100); }
-    Bytes oldRows() const { return core::joined(oldBlocks()); }
-    Bytes newRows() const {
-        Bytes rows = oldRows();
-        rows.resize(rows.size() - cut);
-        return rows + core::joined(addedBlocks());
-    }
-    void makeOld(const std::string& file) const { core::makeFile(file, oldBlocks()); }
+    Bytes oldRows() const { return core::joined(blocksOf(old)); }
+    Bytes keptRows() const { return support::slice(oldRows(), 0, oldRows().size() - cut); }
+    Bytes addedRows() const { return core::joined(blocksOf(added, 100)); }
+    Bytes newRows() const { return keptRows() + addedRows(); }
 
-    // The rows of `added`, each ended as a block, on a stream that setFileToAppend has made ready.
-    void write(zcmpsFilestr& stream) const {
-        for (const Bytes& rows : addedBlocks()) {
-            stream.Write(rows.data(), static_cast<std::uint32_t>(rows.size()));
-            stream.Flush();
-        }
-    }
-    void begin(zcmpsFilestr& stream, bool swap = false) const {
-        const auto end = static_cast<std::int64_t>(oldRows().size() - cut) + kRow0;
-        stream.setSafeAppend(safe);
-        stream.Seek(end, ORVA_StrBaseIO::SeekFromStart);
-        stream.setFileToAppend(end, swap);
+    // On a stream that has read nothing yet. To finish it is left to the caller.
+    void write(const core::Reader& stream, bool swap = false) const {
+        const auto end = static_cast<std::int64_t>(keptRows().size()) + kRow0;
+        stream->setThreadCount(road & 2);
+        stream->setSafeAppend((road & 1) != 0);
+        stream->readFilePosInfo(kRow0, swap);
+        stream->Seek(end, ORVA_StrBaseIO::SeekFromStart);
+        stream->setFileToAppend(end, swap);
+        writeBlocks(*stream.operator->(), blocksOf(added, 100));
     }
     void run(const std::string& file, bool swap = false) const {
-        const core::Reader stream(file, 0, kRow0, swap);
-        begin(*stream.operator->(), swap);
-        write(*stream.operator->());
+        const core::Reader stream(file);
+        write(stream, swap);
         EXPECT_EQ(stream->Close(), 1);
-    }
-
-private:
-    static std::vector<Bytes> blocks(const std::vector<std::size_t>& sizes, std::size_t number) {
-        std::vector<Bytes> all;
-        for (const std::size_t size : sizes) all.push_back(block(size, ++number));
-        return all;
     }
 };
 
-// For tests of several appends, each a test of its own.
-inline std::string nameOf(const testing::TestParamInfo<Append>& append) {
-    return append.param.name;
-}
-inline void PrintTo(const Append& append, std::ostream* out) {
-    *out << append.name;
+constexpr int kWriting = 4;  // the first ones begin in different ways and write several blocks
+constexpr int kEnding = 8;   // and these end in different ways
+inline const Append kAppends[] = {
+    {"RowsJoinShortBlock", {300, 500}, 0, {200, 90}, {300, 700, 90}},
+    {"CutThenAdded", {300, 500}, 450, {20, 90}, {300, 70, 90}},
+    {"RowsBehindFullBlock", {300, kBlock}, 0, {200, 90}, {300, kBlock, 200, 90}},
+    {"FirstRows", {}, 0, {200, 90}, {200, 90}},
+    {"NothingToShortBlock", {300, 500}, 0, {}, {300, 500}},
+    {"CutInsideLastBlock", {300, 500}, 450, {}, {300, 50}},
+    {"CutToBlockStart", {300, 500}, 500, {}, {300}, BehindOldBlock},
+    {"NothingToFullBlock", {300, kBlock}, 0, {}, {300, kBlock}, BehindOldIndex},
+    {"RowsFillShortBlock", {300}, 0, {kBlock}, {kBlock, 300}},
+    {"CutToNothing", {300}, 300, {}, {}, BehindOldBlock},
+    {"CutToNothingThenAdded", {300}, 300, {40}, {40}},
+    {"NothingToNothing", {}, 0, {}, {}, BehindOldIndex},
+};
+
+using Files = std::map<std::string, Bytes>;  // what the directory holds, by name
+
+class FileTest : public support::TempDir, public testing::WithParamInterface<int> {
+protected:
+    Bytes bytes() const { return support::readBytes(fFile); }
+    Files present() const {
+        Files files;
+        for (const std::string& name : {fFile, fSide}) {
+            if (std::filesystem::exists(name)) files[name] = support::readBytes(name);
+        }
+        return files;
+    }
+    void lay(const Files& files) const {
+        for (const std::string& name : {fFile, fSide}) std::filesystem::remove(name);
+        for (const auto& [name, content] : files) support::writeBytes(name, content);
+    }
+    // What is there before the end of an append, which is abandoned then.
+    Files interrupted(const Append& append) const {
+        const core::Reader stream(fFile);
+        append.write(stream);
+        Files files = present();
+        stream->abandon();
+        EXPECT_EQ(stream->Close(), 0);
+        return files;
+    }
+    const std::string fFile = path("file");
+    const std::string fSide = orva::sideFileName(fFile);
+    const std::string fOut = path("out");
+};
+
+// The rows of the complete streams of a file from the heading on, each right behind the one before.
+inline Bytes standingRows(const Bytes& file) {
+    Bytes rows;
+    Bytes block(kBlock);
+    for (std::size_t at = kRow0 + kHeadingSize; at < file.size();) {
+        uLongf produced = kBlock;
+        uLong taken = file.size() - at;
+        if (uncompress2(block.data(), &produced, &file[at], &taken) != Z_OK) break;
+        rows = rows + support::slice(block, 0, produced);
+        at += taken;
+    }
+    return rows;
 }
 
-inline bool hasSideFile(const std::string& file) {
-    return std::filesystem::exists(orva::sideFileName(file));
+// A file with heading and index in the other byte order.
+inline Bytes swapped(Bytes file) {
+    const compressionHeading heading = Layout(file).heading;
+    const auto turn = [&](std::int64_t at, int width) { std::reverse(&file[at], &file[at] + width); };
+    for (const int field : {0, 8, 16}) turn(kRow0 + field, 8);
+    for (std::int64_t at = heading._indexPos; at < heading._indexPos + heading._size; at += kRecordSize) {
+        for (const int field : {0, 8}) turn(at + field, 8);
+        for (const int field : {16, 20}) turn(at + field, 4);
+    }
+    return file;
 }
 
 }  // namespace recovery

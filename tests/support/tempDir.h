@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -25,27 +24,18 @@ class RandomBytes {
 public:
     explicit RandomBytes(std::uint64_t seed)
         : fEngine(seed), fTrace(__FILE__, __LINE__, "seed " + std::to_string(seed)) {}
-    RandomBytes(const RandomBytes&) = delete;
-    RandomBytes& operator=(const RandomBytes&) = delete;
 
     // Bytes that do not compress.
     Bytes noise(std::size_t size) {
         Bytes bytes(size);
-        for (std::size_t at = 0; at < size; at += sizeof(std::uint64_t)) {
-            const std::uint64_t word = fEngine();
-            std::memcpy(bytes.data() + at, &word, std::min(sizeof word, size - at));
-        }
+        for (auto& byte : bytes) byte = static_cast<unsigned char>(fEngine());
         return bytes;
     }
-
     // Bytes that look like rows: few values in runs, so that they compress well and no two blocks are alike.
     Bytes rows(std::size_t size) {
         Bytes bytes;
-        bytes.reserve(size);
-        while (bytes.size() < size) {
-            const std::size_t run = std::min<std::size_t>(1 + fEngine() % 24, size - bytes.size());
-            bytes.insert(bytes.end(), run, static_cast<unsigned char>(fEngine() % 16));
-        }
+        while (bytes.size() < size) bytes.insert(bytes.end(), 1 + below(24), static_cast<unsigned char>(below(16)));
+        bytes.resize(size);
         return bytes;
     }
 
@@ -62,53 +52,37 @@ private:
     testing::ScopedTrace fTrace;
 };
 
-inline void writeBytes(const std::string& file, const Bytes& bytes) {
-    std::ofstream stream(file, std::ios::binary | std::ios::trunc);
-    stream.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!stream.flush()) throw std::runtime_error("cannot write " + file);
-}
-
 // Over what stands there, the rest of the file stays.
 inline void overwriteBytes(const std::string& file, std::uint64_t offset, const Bytes& bytes) {
     std::fstream stream(file, std::ios::binary | std::ios::in | std::ios::out);
     stream.seekp(static_cast<std::streamoff>(offset));
-    stream.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!stream.flush()) throw std::runtime_error("cannot overwrite " + file);
+    stream.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
+    if (!stream.flush()) throw std::runtime_error("cannot write " + file);
 }
-
+inline void writeBytes(const std::string& file, const Bytes& bytes) {
+    std::ofstream(file, std::ios::trunc).close();
+    overwriteBytes(file, 0, bytes);
+}
 inline Bytes readBytes(const std::string& file) {
-    std::ifstream stream(file, std::ios::binary | std::ios::ate);
-    if (!stream) throw std::runtime_error("cannot read " + file);
-    Bytes bytes(static_cast<std::size_t>(stream.tellg()));
-    stream.seekg(0);
-    stream.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!stream) throw std::runtime_error("cannot read " + file);
+    Bytes bytes(std::filesystem::file_size(file));
+    std::ifstream(file, std::ios::binary).read(reinterpret_cast<char*>(bytes.data()), std::ssize(bytes));
     return bytes;
 }
-
 inline void flipBit(const std::string& file, std::uint64_t offset, unsigned bit) {
-    std::fstream stream(file, std::ios::binary | std::ios::in | std::ios::out);
-    stream.seekg(static_cast<std::streamoff>(offset));
-    const int byte = stream.get();
-    if (!stream) throw std::runtime_error("no byte to flip in " + file);
-    stream.seekp(static_cast<std::streamoff>(offset));
-    stream.put(static_cast<char>(byte ^ (1 << bit)));
-    if (!stream.flush()) throw std::runtime_error("cannot overwrite " + file);
+    const unsigned byte = readBytes(file).at(offset);
+    overwriteBytes(file, offset, {static_cast<unsigned char>(byte ^ (1U << bit))});
 }
 
 // Compares without printing megabytes: the first difference is what helps.
 inline testing::AssertionResult sameBytes(const Bytes& found, const Bytes& expected) {
     if (found == expected) return testing::AssertionSuccess();
     const auto at = std::mismatch(found.begin(), found.end(), expected.begin(), expected.end()).first;
-    return testing::AssertionFailure() << found.size() << " bytes where " << expected.size()
-                                       << " are expected, first difference at " << at - found.begin();
+    return testing::AssertionFailure() << "first difference at " << at - found.begin() << " of " << found.size();
 }
 
 inline Bytes slice(const Bytes& bytes, std::size_t offset, std::size_t size) {
     offset = std::min(offset, bytes.size());
-    size = std::min(size, bytes.size() - offset);
-    const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
-    return {begin, begin + static_cast<std::ptrdiff_t>(size)};
+    return {bytes.data() + offset, bytes.data() + offset + std::min(size, bytes.size() - offset)};
 }
 
 // A directory of the test's own, gone with it.
@@ -119,13 +93,9 @@ protected:
         if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make " + pattern);
         fDirectory = pattern;
     }
-    ~TempDir() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(fDirectory, ignored);
-    }
+    ~TempDir() override { std::filesystem::remove_all(fDirectory); }
 
     std::string path(const std::string& name) const { return (fDirectory / name).string(); }
-
     // A file of these bytes; its name.
     std::string made(const std::string& name, const Bytes& bytes) const {
         writeBytes(path(name), bytes);

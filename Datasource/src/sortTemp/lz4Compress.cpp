@@ -18,7 +18,7 @@ std::uint32_t lz4CompressBlock::compressBlock(char* souce, std::uint32_t inCount
                                               int level) {
     ORVA_ASSERT(souce && dest && outCount && inCount, kWholeRequest);
     const int from = static_cast<int>(inCount);
-    const int room = static_cast<int>(outCount);
+    const int room = static_cast<int>(std::min<std::uint32_t>(outCount, INT_MAX));
     if (level == 0) return static_cast<std::uint32_t>(LZ4_compress_default(souce, dest, from, room));
     return static_cast<std::uint32_t>(LZ4_compress_HC(souce, dest, from, room, 0));
 }
