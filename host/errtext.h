@@ -36,7 +36,7 @@ private:
 
 class ORVA_HOST_API ThrowError {
 public:
-    // Throws FileError with the errno of the call that has just failed. Nothing that may change errno belongs between
-    // the two.
+    // Throws FileError with the errno of the call that has just failed; `text` is the file's name. Nothing that may
+    // change errno belongs between the two.
     [[noreturn]] static void StringSys(const char* catalog, long code, const char* text);
 };

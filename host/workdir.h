@@ -27,7 +27,7 @@ ORVA_HOST_API int EndEncrypt(unsigned char** outData, int* outLen) noexcept;
 // As Encrypt. Each call stands alone, from any block on, in any order.
 ORVA_HOST_API int Decrypt(unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) noexcept;
 
-// Erases and releases a result. Null is fine.
+// Takes a result back. The thread keeps the last one for its next call and erases it when it ends. Null is fine.
 ORVA_HOST_API int FreeOutData(unsigned char* data) noexcept;
 
 // A key of the host's own, 32 bytes, copied. Refused once Encrypt or Decrypt has run: what they wrote would be lost.
