@@ -144,6 +144,7 @@ TEST_F(PlatformTest, TemporaryFileIsItsOwnersAloneAndGoesWhenThatProcessCloses) 
     std::filesystem::current_path(before);
     const std::string file = path("data");
     EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
+    EXPECT_EQ(opened(file, kTruncate), -1) << "a second writer in this process";
     support::expectInChild([&] {
         EXPECT_EQ(opened(file, kTruncate), -1);
         EXPECT_EQ(errno, EWOULDBLOCK);

@@ -228,7 +228,7 @@ TEST_F(Cipher, StreamReadsWhatWasWrittenOrAFailureWasTold) {
     constexpr std::size_t kLengths[] = {kBlockSize - 1, kBlockSize, kBlockSize + 1, kBlockSize + 525,
                                         2 * kBlockSize + 5};
     int whole = 0;
-    for (std::uint64_t seed = 0; seed < 300 && !HasFailure(); ++seed) {
+    for (std::uint64_t seed = 0; seed < 100 && !HasFailure(); ++seed) {
         support::RandomBytes random(seed);
         Bytes bytes;
         support::ModelStream model(path("f"), "w+b", bytes, true);
@@ -261,7 +261,7 @@ TEST_F(Cipher, StreamReadsWhatWasWrittenOrAFailureWasTold) {
             model.stream().ClearAndReset();
         }
     }
-    EXPECT_GE(whole, 30);
+    EXPECT_GE(whole, 15);
 }
 
 TEST_F(Cipher, CompressedStreamIsRefused) {
