@@ -193,11 +193,14 @@ std::string takeDeletion(int descriptor) {
     return found ? std::move(found.mapped()) : std::string();
 }
 
+bool isSameFile(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 bool isSameFile(int descriptor, const char* name) {
     struct stat opened {};
     struct stat named {};
-    return ::fstat(descriptor, &opened) == 0 && ::stat(name, &named) == 0 && opened.st_dev == named.st_dev &&
-           opened.st_ino == named.st_ino;
+    return ::fstat(descriptor, &opened) == 0 && ::stat(name, &named) == 0 && isSameFile(opened, named);
 }
 
 // While the descriptor, and with it the lock, is still held: no other writer gets in between. A file that took the
@@ -338,8 +341,7 @@ int removeFile(const char* name) noexcept {
 bool sameFile(const char* name, const char* otherName) noexcept {
     struct stat one {};
     struct stat other {};
-    return stat(name, &one) == 0 && stat(otherName, &other) == 0 && one.st_dev == other.st_dev &&
-           one.st_ino == other.st_ino;
+    return ::stat(name, &one) == 0 && ::stat(otherName, &other) == 0 && isSameFile(one, other);
 }
 
 int truncateFile(int descriptor, std::int64_t length) noexcept {

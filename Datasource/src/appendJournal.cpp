@@ -121,6 +121,12 @@ bool parse(const std::vector<unsigned char>& bytes, savedTail& tail, std::int64_
     return reader.left() == sizeof sum;
 }
 
+bool unlinkIfThere(const std::string& name) {
+    if (platform::removeFile(name.c_str()) == 0) return true;
+    if (errno != ENOENT) throwFileError(errno, kWriteFailed, name);
+    return false;
+}
+
 }  // namespace
 
 void savePiece(savedTail& tail, ORVA_File& file, std::int64_t place, std::uint32_t size) {
@@ -173,14 +179,13 @@ void writeSideFile(ORVA_File& file, const savedTail& tail) {
 
 void removeSideFile(const std::string& dataName) {
     const std::string name = sideFileName(dataName);
-    if (platform::removeFile(name.c_str()) != 0 && errno != ENOENT) throwFileError(errno, kWriteFailed, name);
+    unlinkIfThere(name);
     syncName(name);
 }
 
 void dropSideFile(const std::string& dataName) {
     const std::string name = sideFileName(dataName);
-    if (platform::removeFile(name.c_str()) == 0) return syncName(name);
-    if (errno != ENOENT) throwFileError(errno, kWriteFailed, name);
+    if (unlinkIfThere(name)) syncName(name);
 }
 
 sideFileState readSideFile(const std::string& dataName, ORVA_File& file, savedTail& tail) {

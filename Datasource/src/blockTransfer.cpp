@@ -2,11 +2,10 @@
 
 #include "assertion.h"
 #include "fileCodes.h"
+#include "namedFile.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
-#include <orva/errtext.h>
-#include <orva/platform.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -45,9 +44,9 @@ void addRecord(filePosInfo& index, std::int64_t pos, std::int64_t place, std::ui
 
 void checkRecord(const readRoad& road, const blockPlace& block) {
     const filePosRecord& r = block.record;
-    const auto sized = [](std::int32_t size) { return size >= 1 && size <= static_cast<std::int32_t>(kBlockSize); };
-    if (!sized(r.orginalSize)) refuse(road, block, "orginalSize in 1..4190208", "has a record with an impossible size");
-    if (!sized(r.translateSize)) {
+    if (!isBlockSize(r.orginalSize))
+        refuse(road, block, "orginalSize in 1..4190208", "has a record with an impossible size");
+    if (!isBlockSize(r.translateSize)) {
         refuse(road, block, "translateSize in 1..4190208",
                "has a record with the compressed size " + std::to_string(r.translateSize));
     }
@@ -104,8 +103,7 @@ void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64
     do {
         const auto piece = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, kLongestTransfer));
         if (file.Write(from, piece, place) != piece) {
-            platform::setErrno(EBADF);
-            ThrowError::StringSys("datasrc.err", kWriteFailed, file.GetNameStr().GetGeneric().c_str());
+            throwFileError(EBADF, kWriteFailed, file.GetNameStr().GetGeneric());
         }
         from += piece;
         size -= piece;

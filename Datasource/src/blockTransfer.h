@@ -10,6 +10,7 @@
 
 #include "filePosInfo.h"
 
+#include <orva/blockSize.h>
 #include <orva/compressedLayout.h>
 #include <orva/file.h>
 #include <orva/zlibCompress.h>
@@ -18,6 +19,11 @@
 #include <optional>
 
 namespace orva {
+
+// A block's size that can be true, in rows as well as in the file.
+constexpr bool isBlockSize(std::int64_t size) {
+    return size >= 1 && size <= kBlockSize;
+}
 
 // Room for the longest zlib streams that a block can become.
 std::uint32_t deflateRoom();

@@ -52,13 +52,3 @@ void PreIOThread_W_C::writeOut() {
                                   fpBlockPos, fpWritePos);
     fpBlockPos += stCurSize;
 }
-
-std::uint32_t PreIOThread_W_C::getBlock(void*, std::uint32_t, std::int64_t) {
-    ORVA_ASSERT(false, "0");
-    return 0;
-}
-
-std::int32_t PreIOThread_W_C::readLoopStep() {
-    ORVA_ASSERT(false, "0");
-    return 1;
-}

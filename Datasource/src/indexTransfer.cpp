@@ -84,21 +84,22 @@ std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHea
     return bytes;
 }
 
-void checkFirstBlock(ORVA_File& file, const filePosRecord& record, std::int64_t row0Pos) {
-    if (record.orginalPos == row0Pos) return;
+void loadIndex(ORVA_File& file, const compressionHeading& heading, bool swap, filePosInfo& index) {
+    index.parseForRead(readIndex(file, heading, swap).get(), swap);
+    if (index.parsedCount() == 0 || index.parsed(0).orginalPos == heading._caseStartPos) return;
     refuse(file, "record 0 at the row-0 position",
-           "its first block begins at logical position " + std::to_string(record.orginalPos) + " instead of " +
-               std::to_string(row0Pos));
+           "its first block begins at logical position " + std::to_string(index.parsed(0).orginalPos) + " instead of " +
+               std::to_string(heading._caseStartPos));
 }
 
 void checkContiguous(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
                      std::uint32_t count) {
-    const auto sized = [](std::int32_t size) { return size >= 1 && size <= static_cast<std::int32_t>(kBlockSize); };
     std::int64_t pos = heading._caseStartPos;
     std::int64_t place = heading._caseStartPos + kHeadingSize;
     for (std::uint32_t i = 0; i < count; ++i) {
         const filePosRecord& r = records[i];
-        if (!sized(r.orginalSize) || !sized(r.translateSize) || r.orginalPos != pos || r.translatePos != place) {
+        if (!isBlockSize(r.orginalSize) || !isBlockSize(r.translateSize) || r.orginalPos != pos ||
+            r.translatePos != place) {
             refuse(file, "blocks follow each other without gaps",
                    "block " + std::to_string(i) + " does not stand right behind the one before");
         }

@@ -26,8 +26,8 @@ compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap,
 // inside the file and agrees with the record count, so a parse may trust that count.
 std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHeading& heading, bool swap);
 
-// Record 0 of a part that begins at `row0Pos` must stand there.
-void checkFirstBlock(ORVA_File& file, const filePosRecord& record, std::int64_t row0Pos);
+// Reads the index and parses it for reading. Its record 0 must stand at the row-0 position.
+void loadIndex(ORVA_File& file, const compressionHeading& heading, bool swap, filePosInfo& index);
 
 // What an append needs, and a verifier asks, beyond that: every record can be true, and the blocks follow each other
 // without gaps, in logical positions and in the file, from behind the heading to the index at the latest. `records` in

@@ -94,8 +94,7 @@ struct finishedPart::state {
         openOrThrow(fFile, name, "rb", kReadFailed);
         fHeading = readHeading(fFile, part.row0Pos, bSwapped, "Analyze dictionary part error!");
         fIndex.limitPlaces(lengthOf(fFile));
-        fIndex.parseForRead(readIndex(fFile, fHeading, bSwapped).get(), bSwapped);
-        if (fIndex.parsedCount() != 0) checkFirstBlock(fFile, fIndex.parsed(0), part.row0Pos);
+        loadIndex(fFile, fHeading, bSwapped, fIndex);
     }
 
     ORVA_File fFile;

@@ -8,7 +8,7 @@
 
 PreIOThread_Multi_R_D::PreIOThread_Multi_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize,
                                              std::uint32_t threads)
-    : PreIOThreadSeveral(threads),
+    : readingWorker(threads),
       pFile(file),
       pPosInfo(index),
       fBlockSize(blockSize),
@@ -121,14 +121,4 @@ void PreIOThread_Multi_R_D::makeBlock(std::int64_t number, orva::blockBuffer& co
     zlibCompressBlock codec;
     const filePosRecord& record = pPosInfo->parsed(static_cast<std::uint32_t>(number));
     orva::readBlock({*pFile, codec, compressed.get(), ahead}, orva::placeOf(*pPosInfo, record), dest);
-}
-
-std::uint32_t PreIOThread_Multi_R_D::putBlock(const void*, std::uint32_t, std::int64_t) {
-    ORVA_ASSERT(false, "0");
-    return 0;
-}
-
-std::int32_t PreIOThread_Multi_R_D::writeLoopStep() {
-    ORVA_ASSERT(false, "0");
-    return 1;
 }

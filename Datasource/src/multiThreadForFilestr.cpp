@@ -8,7 +8,7 @@ multiThreadForFilestr::multiThreadForFilestr(ORVA_File* file, std::uint32_t bloc
     : pFile(file), stBlockSize(blockSize), bOwnThreads(ownThreads), pReadBuffer(blockSize) {}
 
 multiThreadForFilestr::multiThreadForFilestr(const multiThreadForFilestr& other)
-    : PreIOThreadBase(other), pFile(other.pFile), stBlockSize(other.stBlockSize), bOwnThreads(false) {
+    : readingWorker(other), pFile(other.pFile), stBlockSize(other.stBlockSize), bOwnThreads(false) {
     ORVA_ASSERT(false, "0 && \"can't copy a multiThreadForFilestr\"");
 }
 
@@ -32,16 +32,6 @@ std::uint32_t multiThreadForFilestr::getBlock(void* buffer, std::uint32_t size, 
     }
     turn.readAhead(position + size);
     return count;
-}
-
-std::uint32_t multiThreadForFilestr::putBlock(const void*, std::uint32_t, std::int64_t) {
-    ORVA_ASSERT(false, "0");
-    return 0;
-}
-
-std::int32_t multiThreadForFilestr::writeLoopStep() {
-    ORVA_ASSERT(false, "0");
-    return 1;
 }
 
 std::int32_t multiThreadForFilestr::readLoopStep() {

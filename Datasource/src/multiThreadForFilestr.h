@@ -12,7 +12,7 @@
 
 #include <cstdint>
 
-class multiThreadForFilestr : public PreIOThreadBase {
+class multiThreadForFilestr : public readingWorker<PreIOThreadBase> {
 public:
     // `file` is not counted: it outlives the worker. `ownThreads`: the destructor ends the threads.
     multiThreadForFilestr(ORVA_File* file, std::uint32_t blockSize, bool ownThreads);
@@ -23,8 +23,6 @@ public:
 
     // The bytes of the file's block at `position`: 0 at the end of the file. A miss reads on the caller's thread.
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
-    std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
-    std::int32_t writeLoopStep() override;
     std::int32_t readLoopStep() override;
 
     // The caller side has written these bytes of the file: a block read ahead before is no hit.

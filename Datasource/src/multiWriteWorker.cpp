@@ -10,7 +10,7 @@
 
 PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize,
                                              std::int64_t firstPos, std::int64_t firstFilePos, std::uint32_t threads)
-    : PreIOThreadSeveral(threads),
+    : writingWorker(threads),
       pFile(file),
       pPosInfo(index),
       fSlots(threads + 1),
@@ -101,14 +101,4 @@ void PreIOThread_Multi_W_C::writeOut(slot& block) {
     } catch (...) {
         block.failure = std::current_exception();
     }
-}
-
-std::uint32_t PreIOThread_Multi_W_C::getBlock(void*, std::uint32_t, std::int64_t) {
-    ORVA_ASSERT(false, "0");
-    return 0;
-}
-
-std::int32_t PreIOThread_Multi_W_C::readLoopStep() {
-    ORVA_ASSERT(false, "0");
-    return 1;
 }

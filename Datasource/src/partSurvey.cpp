@@ -20,10 +20,6 @@ namespace {
 constexpr std::int64_t kBestRatio = 1032;
 constexpr std::int64_t kShortestStream = 9;
 
-bool isBlockSize(std::int64_t size) {
-    return size >= 1 && size <= kBlockSize;
-}
-
 // How many rows the index gives block `i`. The next block's position tells it too, and one of the two can lie.
 std::int64_t recordedSize(const filePosInfo& index, std::uint32_t i) {
     const filePosRecord& record = index.parsed(i);
@@ -85,8 +81,7 @@ void partSurvey::takeHeading() {
 
 bool partSurvey::parseIndex(const compressionHeading& heading, bool swapped, filePosInfo& index) {
     try {
-        index.parseForRead(readIndex(fFile, heading, swapped).get(), swapped);
-        if (index.parsedCount() != 0) checkFirstBlock(fFile, index.parsed(0), part.row0Pos);
+        loadIndex(fFile, heading, swapped, index);
         return true;
     } catch (const DamagedFileError&) {
         return false;

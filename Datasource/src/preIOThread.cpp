@@ -6,28 +6,29 @@
 
 #include <utility>
 
+namespace {
+
+// Turns a pool thread into a loop over one step of the worker that `prtData` is.
+int runLoop(void* prtData, std::int32_t (PreIOThreadBase::*step)()) {
+    ORVA_ASSERT(prtData != nullptr, "prtData!=0");
+    auto* pParent = static_cast<PreIOThreadBase*>(prtData);
+    while ((pParent->*step)() == 0) {
+    }
+    return 0;
+}
+
+}  // namespace
+
 class PreIOThreadBase::newThreadForRead : public CallBackObject {
 public:
     newThreadForRead() : CallBackObject(nullptr) {}
-    int onCallBack(void* prtData) override {
-        ORVA_ASSERT(prtData != nullptr, "prtData!=0");
-        auto* pParent = static_cast<PreIOThreadBase*>(prtData);
-        while (pParent->readLoopStep() == 0) {
-        }
-        return 0;
-    }
+    int onCallBack(void* prtData) override { return runLoop(prtData, &PreIOThreadBase::readLoopStep); }
 };
 
 class PreIOThreadBase::newThreadForWrite : public CallBackObject {
 public:
     newThreadForWrite() : CallBackObject(nullptr) {}
-    int onCallBack(void* prtData) override {
-        ORVA_ASSERT(prtData != nullptr, "prtData!=0");
-        auto* pParent = static_cast<PreIOThreadBase*>(prtData);
-        while (pParent->writeLoopStep() == 0) {
-        }
-        return 0;
-    }
+    int onCallBack(void* prtData) override { return runLoop(prtData, &PreIOThreadBase::writeLoopStep); }
 };
 
 CallBackObject* PreIOThreadBase::makeReadCallBack() {
@@ -41,12 +42,16 @@ CallBackObject* PreIOThreadBase::makeWriteCallBack() {
 PreIOThreadBase::~PreIOThreadBase() = default;
 
 bool PreIOThreadBase::initThreads(bool bRead) {
+    pCallBack = bRead ? makeReadCallBack() : makeWriteCallBack();
+    makePool(bRead, 1);
+    return true;
+}
+
+void PreIOThreadBase::makePool(bool bRead, std::uint32_t threads) {
     bWrite = !bRead;
     fProcess = platform::processId();
-    pCallBack = bRead ? makeReadCallBack() : makeWriteCallBack();
-    pThreadPool = new ktThreadPool(1, 0);
+    pThreadPool = new ktThreadPool(static_cast<int>(threads), 0);
     pThreadPool->init();
-    return true;
 }
 
 bool PreIOThreadBase::startThreads() {

@@ -13,6 +13,8 @@
 //          nothing there, on purpose.
 #pragma once
 
+#include "assertion.h"
+
 #include <orva/ktthread.h>
 #include <orva/refCntObject.h>
 
@@ -55,6 +57,8 @@ public:
 protected:
     static CallBackObject* makeReadCallBack();
     static CallBackObject* makeWriteCallBack();
+    // The direction, and the pool of `threads` threads; nothing runs yet.
+    void makePool(bool bRead, std::uint32_t threads);
     bool inOwnProcess() const;
 
     // Written before startThreads, then only read.
@@ -65,6 +69,35 @@ protected:
     std::int64_t fProcess = 0;
     // Guarded as the derived class tells.
     std::exception_ptr fFailure;
+};
+
+// A worker that only reads, or only writes: the operations of the other direction are breaches.
+template <class Base>
+class readingWorker : public Base {
+public:
+    using Base::Base;
+    std::uint32_t putBlock(const void*, std::uint32_t, std::int64_t) override {
+        ORVA_ASSERT(false, "0");
+        return 0;
+    }
+    std::int32_t writeLoopStep() override {
+        ORVA_ASSERT(false, "0");
+        return 1;
+    }
+};
+
+template <class Base>
+class writingWorker : public Base {
+public:
+    using Base::Base;
+    std::uint32_t getBlock(void*, std::uint32_t, std::int64_t) override {
+        ORVA_ASSERT(false, "0");
+        return 0;
+    }
+    std::int32_t readLoopStep() override {
+        ORVA_ASSERT(false, "0");
+        return 1;
+    }
 };
 
 // Starts a new worker and gives it back. One that cannot start is gone when the error leaves.

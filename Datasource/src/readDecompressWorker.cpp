@@ -35,13 +35,3 @@ std::uint32_t PreIOThread_R_D::readAndDecompress(void* dest, std::int64_t fpos, 
     return orva::readBlock({*pFile, fCompressor, pCompressBuffer.get(), ahead}, orva::placeOf(*pPosInfo, bInfo),
                            static_cast<unsigned char*>(dest));
 }
-
-std::uint32_t PreIOThread_R_D::putBlock(const void*, std::uint32_t, std::int64_t) {
-    ORVA_ASSERT(false, "0");
-    return 0;
-}
-
-std::int32_t PreIOThread_R_D::writeLoopStep() {
-    ORVA_ASSERT(false, "0");
-    return 1;
-}

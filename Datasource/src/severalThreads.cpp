@@ -1,16 +1,10 @@
 // PreIOThreadSeveral
-#include "assertion.h"
 #include "zcmpsMultiThread.h"
 
-#include <orva/platform.h>
-
 bool PreIOThreadSeveral::initThreads(bool bRead) {
-    bWrite = !bRead;
-    fProcess = platform::processId();
     fCallBacks.reserve(fThreads);
     while (fCallBacks.size() < fThreads) fCallBacks.push_back(bRead ? makeReadCallBack() : makeWriteCallBack());
-    pThreadPool = new ktThreadPool(static_cast<int>(fThreads), 0);
-    pThreadPool->init();
+    makePool(bRead, fThreads);
     return true;
 }
 

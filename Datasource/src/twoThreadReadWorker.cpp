@@ -3,8 +3,6 @@
 #include "blockTransfer.h"
 #include "zcmpsPreIOThread.h"
 
-#include <orva/platform.h>
-
 #include <cstring>
 
 namespace {
@@ -52,10 +50,7 @@ PreIOThread_Tri_R_D::PreIOThread_Tri_R_D(ORVA_File* file, filePosInfo* index, st
 
 bool PreIOThread_Tri_R_D::initThreads(bool bRead) {
     ORVA_ASSERT(bRead, "bRead == true");
-    bWrite = !bRead;
-    fProcess = platform::processId();
-    pThreadPool = new ktThreadPool(2, 0);
-    pThreadPool->init();
+    makePool(bRead, 2);
     pCallBack = makeReadCallBack();
     pDecompressCallBack = new newThreadForDecompress;
     return true;
@@ -138,14 +133,4 @@ void PreIOThread_Tri_R_D::readCompressed(std::int64_t fpos, bool ahead) {
     ORVA_ASSERT(fpos == bInfo.orginalPos, "fpos == bInfo.orginalPos");
     orva::readCompressed({*pFile, fCompressor, pCompressBuffer.get(), ahead}, orva::placeOf(*pPosInfo, bInfo));
     fpCurReadPos = fpos;
-}
-
-std::uint32_t PreIOThread_Tri_Reader::putBlock(const void*, std::uint32_t, std::int64_t) {
-    ORVA_ASSERT(false, "0");
-    return 0;
-}
-
-std::int32_t PreIOThread_Tri_Reader::writeLoopStep() {
-    ORVA_ASSERT(false, "0");
-    return 1;
 }

@@ -88,8 +88,7 @@ std::int32_t zcmpsFilestr::closeWriter() {
     } catch (...) {
         fData->bClosed = true;
         fData->endWorker(true);
-        fData->keepFailure(std::current_exception());
-        fData->throwFailure();
+        fData->failWriting();
     }
     return 1;
 }
@@ -194,14 +193,6 @@ void zcmpsFilestr::Data::endWorker(bool writing) {
     }
 }
 
-void zcmpsFilestr::Data::endReading() {
-    if (fpSeveral == nullptr) return;
-    forgetBlock();
-    fpSeveral->stopThreads();
-    fpSeveral->destroyThreads();
-    fpSeveral.reset();
-}
-
 // What a failed append has overwritten is put back before anybody hears of it, once no thread writes any more.
 void zcmpsFilestr::Data::keepFailure(const std::exception_ptr& failure) {
     if (fFailure != nullptr || failure == nullptr) return;
@@ -209,6 +200,11 @@ void zcmpsFilestr::Data::keepFailure(const std::exception_ptr& failure) {
     if (!fTail || fProcess != platform::processId()) return;
     endWorker(true);
     fFailure = undoAppend(failure);
+}
+
+void zcmpsFilestr::Data::failWriting() {
+    keepFailure(std::current_exception());
+    throwFailure();
 }
 
 void zcmpsFilestr::Data::throwFailure() {

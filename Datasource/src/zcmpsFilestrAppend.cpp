@@ -36,7 +36,7 @@ void zcmpsFilestr::setFileToAppend(std::int64_t endpos, bool swap) {
     refuseWithWorker();
     beginWriting([&] {
         refuseEncrypted(kWriteFailed);
-        fData->endReading();
+        fData->endWorker(false);
         reopenForWriting("fData->pRealFile.Open(GetNameStr(),\"r+b\")", __LINE__);
         auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
         fData->resume(endpos, fFilePos, swap, *index);

@@ -57,10 +57,9 @@ struct zcmpsFilestr::Data {
     // Ends the worker, if there is one; a writing one by its end request. What it failed with is kept.
     void endWorker(bool writing);
 
-    // The threads of a reader that becomes a writer.
-    void endReading();
-
     void keepFailure(const std::exception_ptr& failure);
+    // In a handler: keeps what was caught, if it is the first failure, and throws the first.
+    void failWriting();
     // Throws the kept failure, if there is one.
     void throwFailure();
 
@@ -104,8 +103,7 @@ void zcmpsFilestr::beginWriting(Steps steps) {
         steps();
     } catch (...) {
         if (bIsWriting) {
-            fData->keepFailure(std::current_exception());
-            fData->throwFailure();
+            fData->failWriting();
         }
         fData->fOpenFailure = std::current_exception();
         throw;

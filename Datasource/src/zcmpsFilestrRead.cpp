@@ -14,9 +14,8 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
     ORVA_ASSERT(!fData->bClosed, "fData->bClosed == false");
     refuseWithWorker();
     bIsWriting = false;
-    fData->endReading();
+    fData->endWorker(false);
     fFilePos = posofpos;
-    fData->forgetBlock();
     fData->fCache.clear();
     try {
         refuseEncrypted(kReadFailed);
@@ -24,8 +23,7 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
             fData->pRealFile, posofpos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
         fData->fRow0Pos = chInfo._caseStartPos;
         fpPosInfo->limitPlaces(orva::lengthOf(fData->pRealFile));
-        fpPosInfo->parseForRead(orva::readIndex(fData->pRealFile, chInfo, swap).get(), swap);
-        if (fpPosInfo->parsedCount() != 0) orva::checkFirstBlock(fData->pRealFile, fpPosInfo->parsed(0), posofpos);
+        orva::loadIndex(fData->pRealFile, chInfo, swap, *fpPosInfo);
         if (fData->fMultiThread >= 2 && fData->fThreadCount == 0) fData->fpIOThread = fData->makeReader();
     } catch (...) {
         fData->fOpenFailure = std::current_exception();

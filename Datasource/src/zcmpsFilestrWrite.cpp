@@ -15,7 +15,7 @@ void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
     ORVA_ASSERT(pos > 0 && pos <= std::numeric_limits<std::int64_t>::max() - kHeadingSize, "pos > 0");
     beginWriting([&] {
         refuseEncrypted(kWriteFailed);
-        fData->endReading();
+        fData->endWorker(false);
         reopenForWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__);
         fData->fTail.reset();
         orva::dropSideFile(GetNameStr().GetGeneric());
@@ -38,8 +38,7 @@ std::uint32_t zcmpsFilestr::Write(const void* buffer, std::uint32_t size) {
     try {
         fData->Write(req);
     } catch (...) {
-        fData->keepFailure(std::current_exception());
-        fData->throwFailure();
+        fData->failWriting();
     }
     return size - req._size;
 }
@@ -51,8 +50,7 @@ std::int32_t zcmpsFilestr::Flush() const {
     try {
         fData->endBlock();
     } catch (...) {
-        fData->keepFailure(std::current_exception());
-        fData->throwFailure();
+        fData->failWriting();
     }
     return 1;
 }

@@ -44,16 +44,15 @@ private:
 // M1 Slots are filled, taken and written in the order of the ring, so blocks and records stand in stream order.
 // M2 A thread that has deflated a block never waits for another: the writer at that moment takes the block along.
 // M3 The first failure in stream order is kept; later blocks are taken and dropped; the next putBlock or Close throws
-// it. M4 The end request (size 0) comes once and last; it returns when every block is in the file and in the index.
-class PreIOThread_Multi_W_C final : public PreIOThreadSeveral {
+//    it.
+// M4 The end request (size 0) comes once and last; it returns when every block is in the file and in the index.
+class PreIOThread_Multi_W_C final : public writingWorker<PreIOThreadSeveral> {
 public:
     PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
                           std::int64_t firstFilePos, std::uint32_t threads);
 
-    std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t writeLoopStep() override;
-    std::int32_t readLoopStep() override;
 
 private:
     struct slot {
@@ -95,7 +94,7 @@ private:
 // A2 Only a sequential run is read ahead, twice as far with each request; a jump takes back what is merely wanted.
 // A3 A failed read-ahead is no read-ahead: the request makes the block itself and meets the failure.
 // A4 The stop request lets running steps finish; nothing waits for what they make.
-class PreIOThread_Multi_R_D final : public PreIOThreadSeveral {
+class PreIOThread_Multi_R_D final : public readingWorker<PreIOThreadSeveral> {
 public:
     PreIOThread_Multi_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::uint32_t threads);
 
@@ -103,8 +102,6 @@ public:
     // or in `buffer`.
     unsigned char* lendBlock(unsigned char* buffer, std::int64_t position);
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
-    std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
-    std::int32_t writeLoopStep() override;
     std::int32_t readLoopStep() override;
 
 private:

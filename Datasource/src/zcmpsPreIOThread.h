@@ -22,13 +22,11 @@
 #include <cstdint>
 
 // Hand-over and its rules: readAheadSlot.h.
-class PreIOThread_R_D : public PreIOThreadBase {
+class PreIOThread_R_D : public readingWorker<PreIOThreadBase> {
 public:
     PreIOThread_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize);
 
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
-    std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
-    std::int32_t writeLoopStep() override;
     std::int32_t readLoopStep() override;
 
 private:
@@ -50,16 +48,14 @@ private:
 // H2 Every turn ends in its post, on the throwing path too: no putBlock waits for a dead turn.
 // H3 The end request (size 0) comes once and last. It posts nothing.
 // H4 The first failure is kept; later blocks are taken and dropped; the next putBlock or Close throws it.
-class PreIOThread_W_C : public PreIOThreadBase {
+class PreIOThread_W_C : public writingWorker<PreIOThreadBase> {
 public:
     PreIOThread_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
                     std::int64_t firstFilePos);
 
-    std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     // `position` is not used: blocks come in stream order.
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t writeLoopStep() override;
-    std::int32_t readLoopStep() override;
 
 private:
     void writeOut();
@@ -130,9 +126,7 @@ private:
 };
 
 // The concrete one: there is nothing to write.
-class PreIOThread_Tri_Reader final : public PreIOThread_Tri_R_D {
+class PreIOThread_Tri_Reader final : public readingWorker<PreIOThread_Tri_R_D> {
 public:
-    using PreIOThread_Tri_R_D::PreIOThread_Tri_R_D;
-    std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
-    std::int32_t writeLoopStep() override;
+    using readingWorker::readingWorker;
 };

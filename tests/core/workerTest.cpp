@@ -274,14 +274,14 @@ TEST_F(TwoThreads, T4_StopsWhileAReadIsPostedButNotBegun) {
 
 TYPED_TEST(ReadWorker, RefusesToWrite) {
     const std::unique_ptr<TypeParam> worker(this->reader());
-    EXPECT_ASSERTION(worker->putBlock("x", 1, 1), "Worker.cpp:");
-    EXPECT_ASSERTION(worker->writeLoopStep(), "Worker.cpp:");
+    EXPECT_ASSERTION(worker->putBlock("x", 1, 1), ": 0\n");
+    EXPECT_ASSERTION(worker->writeLoopStep(), ": 0\n");
 }
 
 TYPED_TEST(WriteWorker, RefusesToRead) {
     const std::unique_ptr<TypeParam> worker(this->writer());
-    EXPECT_ASSERTION(worker->getBlock(nullptr, 1, 1), "Worker.cpp:");
-    EXPECT_ASSERTION(worker->readLoopStep(), "Worker.cpp:");
+    EXPECT_ASSERTION(worker->getBlock(nullptr, 1, 1), ": 0\n");
+    EXPECT_ASSERTION(worker->readLoopStep(), ": 0\n");
 }
 
 class CannotStart : public PreIOThread_R_D {
