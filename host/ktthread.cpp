@@ -74,10 +74,14 @@ ktSemaphore::~ktSemaphore() = default;
 
 bool ktSemaphore::postSemaphore() {
     if (fState->isInherited()) return false;
-    // Notified under the lock: a waiter that gets through may be the one that ends the semaphore.
-    const std::lock_guard guard(fState->lock);
-    ++fState->count;
-    fState->posted.notify_one();
+    // Held on to: the waiter that gets through may be the one that ends the semaphore. Notified without the lock, or
+    // the waiter wakes up only to wait for it.
+    const std::shared_ptr<State> state = fState;
+    {
+        const std::lock_guard guard(state->lock);
+        ++state->count;
+    }
+    state->posted.notify_one();
     return true;
 }
 

@@ -21,10 +21,6 @@
 
 namespace {
 
-// Small enough to stay in a core's cache between the copy out of a block and the write. It divides a block, so that
-// all rows before a damaged one are written.
-constexpr std::int64_t kPiece = kBlockSize / 16;
-
 struct catOptions {
     partOptions part;
     std::vector<std::string> ranges;

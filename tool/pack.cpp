@@ -112,7 +112,7 @@ private:
             file.Write(text.data(), static_cast<std::uint32_t>(text.size()));
         } else {
             input from(fOptions.dict);
-            while (const std::uint32_t count = from.read(fBuffer->bytes, kBlockSize)) file.Write(fBuffer->bytes, count);
+            while (const std::uint32_t count = from.read(fBuffer->bytes, kPiece)) file.Write(fBuffer->bytes, count);
             if (file.Tell() == 0) {
                 usageError("the dictionary part \"" + shownName(fOptions.dict) +
                            "\" is empty: rows begin behind at least one byte");
@@ -123,7 +123,7 @@ private:
 
     void copyRows(const std::string& name, zcmpsFilestr& rows, progress& bar) {
         input from(name);
-        while (const std::uint32_t count = from.read(fBuffer->bytes, kBlockSize)) {
+        while (const std::uint32_t count = from.read(fBuffer->bytes, kPiece)) {
             rows.Write(fBuffer->bytes, count);
             fRowBytes += count;
             bar.advance(count);

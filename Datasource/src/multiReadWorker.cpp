@@ -21,18 +21,18 @@ std::uint32_t PreIOThread_Multi_R_D::getBlock(void* buffer, std::uint32_t size, 
         for (std::uint32_t i = 0; i < fThreads; ++i) semWork.postSemaphore();
         return 0;
     }
-    auto* dest = static_cast<unsigned char*>(buffer);
-    const unsigned char* rows = lendBlock(dest, position);
-    if (rows != dest) std::memcpy(dest, rows, size);
+    const std::int64_t number = pPosInfo->numberOf(position);
+    if (takeReady(number)) {
+        std::memcpy(buffer, pHeld->rows.get(), size);
+    } else {
+        makeBlock(number, fOwnCompressed, static_cast<unsigned char*>(buffer), false);
+    }
     return size;
 }
 
 unsigned char* PreIOThread_Multi_R_D::lendBlock(unsigned char* buffer, std::int64_t position) {
     const std::int64_t number = pPosInfo->numberOf(position);
-    giveBackHeld();
-    planAhead(number);
-    pHeld = takeReady(number);
-    if (pHeld != nullptr) return pHeld->rows.get();
+    if (takeReady(number) || makeInSlot(number)) return pHeld->rows.get();
     makeBlock(number, fOwnCompressed, buffer, false);
     return buffer;
 }
@@ -44,30 +44,65 @@ void PreIOThread_Multi_R_D::giveBackHeld() {
     pHeld = nullptr;
 }
 
-PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::takeReady(std::int64_t number) {
+bool PreIOThread_Multi_R_D::takeReady(std::int64_t number) {
+    giveBackHeld();
+    planAhead(number);
+    slot& block = at(number);
+    if (await(block, number)) {
+        while (!block.semDone.tryWaitSemaphore()) {
+            if (makeNextWanted()) continue;
+            block.semDone.waitSemaphore();
+            break;
+        }
+    }
+    const ktGuard guard(fLock, ktMutex::Recursive);
+    if (block.number == number && block.is == state::ready) hold(block);
+    return pHeld != nullptr;
+}
+
+bool PreIOThread_Multi_R_D::await(slot& block, std::int64_t number) {
+    const ktGuard guard(fLock, ktMutex::Recursive);
+    if (block.number != number) return false;
+    if (block.is == state::wanted) block.is = state::empty;  // nobody has begun: the caller is sooner done
+    block.bAwaited = block.is == state::busy;
+    return block.bAwaited;
+}
+
+void PreIOThread_Multi_R_D::hold(slot& block) {
+    block.is = state::held;
+    pHeld = &block;
+}
+
+// The caller's own work. False if a thread is still busy there, with a block of an earlier run.
+bool PreIOThread_Multi_R_D::makeInSlot(std::int64_t number) {
     slot& block = at(number);
     {
         const ktGuard guard(fLock, ktMutex::Recursive);
-        if (block.number != number) return nullptr;
-        if (block.is == state::wanted) block.is = state::empty;  // nobody has begun: the caller is sooner done
-        if (block.is != state::busy) return holdIfReady(block);
-        block.bAwaited = true;
+        if (block.is == state::busy) return false;
+        block.number = number;
+        hold(block);
     }
-    block.semDone.waitSemaphore();
-    const ktGuard guard(fLock, ktMutex::Recursive);
-    return holdIfReady(block);
+    try {
+        fill(block, false);
+    } catch (...) {
+        giveBackHeld();
+        throw;
+    }
+    return true;
 }
 
-PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::holdIfReady(slot& block) {
-    if (block.is != state::ready) return nullptr;
-    block.is = state::held;
-    return &block;
+void PreIOThread_Multi_R_D::fill(slot& block, bool ahead) {
+    if (!block.rows) {
+        block.compressed = orva::blockBuffer(fBlockSize);
+        block.rows = orva::blockBuffer(fBlockSize);
+    }
+    makeBlock(block.number, block.compressed, block.rows.get(), ahead);
 }
 
 void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
     const ktGuard guard(fLock, ktMutex::Recursive);
     const auto window = static_cast<std::int64_t>(fSlots.size());
-    fAhead = number == fLast + 1 ? std::min(std::max<std::int64_t>(2 * fAhead, 1), window - 2) : 0;
+    fAhead = number == fLast + 1 ? std::min(std::max<std::int64_t>(2 * fAhead, 1), window - 1) : 0;
     fLast = number;
     for (slot& block : fSlots) {
         const bool useful = block.number >= number && block.number <= number + fAhead;
@@ -97,15 +132,17 @@ PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::nextWanted() {
 std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
     semWork.waitSemaphore();
     if (bStop) return 1;
+    makeNextWanted();  // there may be none: taken back, or made by the caller in the meantime
+    return 0;
+}
+
+// Any thread's step, the caller's too. False if nothing is wanted.
+bool PreIOThread_Multi_R_D::makeNextWanted() {
     slot* block = nextWanted();
-    if (block == nullptr) return 0;  // taken back in the meantime
+    if (block == nullptr) return false;
     state result = state::ready;
     try {
-        if (!block->rows) {
-            block->compressed = orva::blockBuffer(fBlockSize);
-            block->rows = orva::blockBuffer(fBlockSize);
-        }
-        makeBlock(block->number, block->compressed, block->rows.get(), true);
+        fill(*block, true);
     } catch (...) {
         result = state::empty;
     }
@@ -113,7 +150,7 @@ std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
     block->is = result;
     if (block->bAwaited) block->semDone.postSemaphore();
     block->bAwaited = false;
-    return 0;
+    return true;
 }
 
 void PreIOThread_Multi_R_D::makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest,

@@ -13,8 +13,8 @@ PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index
     : writingWorker(threads),
       pFile(file),
       pPosInfo(index),
-      fSlots(threads + 1),
-      semFree(threads + 1),
+      fSlots(threads + 2),
+      semFree(threads + 2),
       fEnd(std::numeric_limits<std::uint64_t>::max()),
       fpBlockPos(firstPos),
       fpWritePos(firstFilePos) {
@@ -24,43 +24,66 @@ PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index
     }
 }
 
-std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t size, std::int64_t) {
-    if (size == 0) {
-        endLoops();
-        return 0;
-    }
-    // False in a forked child: there is no thread that could take the block.
-    if (!semFree.waitSemaphore()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
+unsigned char* PreIOThread_Multi_W_C::lendRows() {
+    if (!bLent) waitForFreeSlot();
+    bLent = true;
     std::exception_ptr failure;
     {
         const ktGuard guard(fLock, ktMutex::Recursive);
         failure = fFailure;
     }
-    if (failure != nullptr) {
-        semFree.postSemaphore();
-        std::rethrow_exception(failure);
+    if (failure != nullptr) std::rethrow_exception(failure);
+    return at(fFilled).rows.get();
+}
+
+std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t size, std::int64_t) {
+    if (size == 0) {
+        endLoops();
+        return 0;
     }
-    slot& block = at(fFilled);
-    std::memcpy(block.rows.get(), buffer, size);
-    block.size = size;
+    unsigned char* rows = lendRows();
+    if (buffer != rows) std::memcpy(rows, buffer, size);
+    at(fFilled).size = size;
+    bLent = false;
     ++fFilled;
     semFilled.postSemaphore();
     return size;
 }
 
+void PreIOThread_Multi_W_C::waitForFreeSlot() {
+    while (!semFree.tryWaitSemaphore()) {
+        if (deflateNext()) continue;
+        // False in a forked child: there is no thread that could free one.
+        if (!semFree.waitSemaphore()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
+        return;
+    }
+}
+
 void PreIOThread_Multi_W_C::endLoops() {
+    while (deflateNext()) {
+    }
     fEnd = fFilled;
     for (std::uint32_t i = 0; i < fThreads; ++i) semFilled.postSemaphore();
-    for (std::size_t i = 0; i < fSlots.size(); ++i) semFree.waitSemaphore();
+    for (std::size_t i = bLent ? 1 : 0; i < fSlots.size(); ++i) semFree.waitSemaphore();
 }
 
 std::int32_t PreIOThread_Multi_W_C::writeLoopStep() {
     semFilled.waitSemaphore();
+    return takeBlock() ? 0 : 1;
+}
+
+// The caller's help: a block that no thread has taken up. False if there is none.
+bool PreIOThread_Multi_W_C::deflateNext() {
+    return semFilled.tryWaitSemaphore() && takeBlock();
+}
+
+// The next filled block, through to the file if it is its turn. False: there will be no further one.
+bool PreIOThread_Multi_W_C::takeBlock() {
     const std::uint64_t number = fTaken.fetch_add(1);
-    if (number >= fEnd) return 1;
+    if (number >= fEnd) return false;
     deflate(at(number));
     writeInOrder(number);
-    return 0;
+    return true;
 }
 
 void PreIOThread_Multi_W_C::deflate(slot& block) {

@@ -37,7 +37,7 @@ private:
 };
 
 // A ring of slots. A block passes through one: filled by the caller, deflated by any thread, written by whichever
-// thread finds it to be the next one.
+// thread finds it to be the next one. A caller that finds no free slot deflates a block itself instead of waiting.
 //   caller's turn: semFree.wait   -> semFilled.post        the next slot's rows, size, position
 //   thread's turn: semFilled.wait -> bDeflated, under fLock  the taken slot
 //   writer's turn: bWriting, under fLock                   the next slot to write, fpWritePos, the index, fFailure
@@ -51,6 +51,9 @@ public:
     PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
                           std::int64_t firstFilePos, std::uint32_t threads);
 
+    // The memory of the next block's rows, to be filled in place: the next putBlock of it copies nothing. Throws the
+    // kept failure, as putBlock does.
+    unsigned char* lendRows();
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t writeLoopStep() override;
 
@@ -66,6 +69,9 @@ private:
 
     slot& at(std::uint64_t number) { return fSlots[number % fSlots.size()]; }
     void endLoops();
+    void waitForFreeSlot();
+    bool deflateNext();
+    bool takeBlock();
     void deflate(slot& block);
     void writeInOrder(std::uint64_t number);
     void writeOut(slot& block);
@@ -75,7 +81,9 @@ private:
     std::vector<slot> fSlots;
     ktSemaphore semFree;
     ktSemaphore semFilled{0};
-    std::uint64_t fFilled = 0;             // caller side: blocks handed over
+    // Caller side.
+    std::uint64_t fFilled = 0;             // blocks handed over
+    bool bLent = false;                    // the next slot has been taken out of semFree
     std::atomic<std::uint64_t> fTaken{0};  // blocks that threads have taken up
     std::atomic<std::uint64_t> fEnd;       // blocks there will be; unlimited until the end request
     // Under fLock.
@@ -90,7 +98,8 @@ private:
 // A window of slots over the block numbers: block i can stand only in slot i modulo their number.
 //   wanted -> busy -> ready: by a thread; wanted or ready -> empty, ready -> held -> empty: by the caller. All changes
 //   under fLock; a busy slot's buffers are its thread's alone, a ready or held one's the caller's.
-// A1 A request takes a ready block, waits for a busy one, and makes any other itself, into the caller's buffer.
+// A1 A request takes a ready block and makes one that nobody has begun itself. While its block is busy, it makes the
+//    wanted ones behind it rather than wait.
 // A2 Only a sequential run is read ahead, twice as far with each request; a jump takes back what is merely wanted.
 // A3 A failed read-ahead is no read-ahead: the request makes the block itself and meets the failure.
 // A4 The stop request lets running steps finish; nothing waits for what they make.
@@ -116,12 +125,17 @@ private:
     };
 
     slot& at(std::int64_t number) { return fSlots[static_cast<std::size_t>(number) % fSlots.size()]; }
-    // The slot that holds the block, held for the caller, or null.
-    slot* takeReady(std::int64_t number);
-    slot* holdIfReady(slot& block);
+    // True: pHeld has the block. False: the caller is to make it.
+    bool takeReady(std::int64_t number);
+    bool makeInSlot(std::int64_t number);
+    void hold(slot& block);
+    // False if nobody is at work on the block. Then, and once semDone is posted, its state is settled.
+    bool await(slot& block, std::int64_t number);
     void giveBackHeld();
     void planAhead(std::int64_t number);
     slot* nextWanted();
+    bool makeNextWanted();
+    void fill(slot& block, bool ahead);
     void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest, bool ahead);
 
     ORVA_File* const pFile;

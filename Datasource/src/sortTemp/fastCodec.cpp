@@ -13,17 +13,22 @@ namespace {
 // ISA-L's state of one thread. Its stream and tables are too large for a stack and too costly to make for each block.
 struct deflateState {
     isal_zstream stream;
-    unsigned char tables[ISAL_DEF_LVL1_DEFAULT];
+    unsigned char tables[ISAL_DEF_LVL1_EXTRA_LARGE];  // measures faster than the default, most of all on noise
 };
 
 struct freeDecompressor {
     void operator()(libdeflate_decompressor* state) const { libdeflate_free_decompressor(state); }
 };
 
+struct freeCompressor {
+    void operator()(libdeflate_compressor* state) const { libdeflate_free_compressor(state); }
+};
+
 // A stream may be finished after its thread's own objects have ended, as a static one is. zlib serves it then.
 thread_local bool tEnded = false;
 struct threadEngines {
     const std::unique_ptr<deflateState> deflating{new (std::nothrow) deflateState};
+    const std::unique_ptr<libdeflate_compressor, freeCompressor> storing{libdeflate_alloc_compressor(0)};
     const std::unique_ptr<libdeflate_decompressor, freeDecompressor> inflating{libdeflate_alloc_decompressor()};
     ~threadEngines() { tEnded = true; }
 };
@@ -63,6 +68,15 @@ std::optional<fastResult> fastDeflate(const unsigned char* from, std::uint32_t s
 // What does not shrink is stored, so a stream is never longer than its block stored.
 std::uint32_t fastDeflateRoom(std::uint32_t size) noexcept {
     return size + (size / kStoredBlock + 1) * kStoredBlockHead + kStreamEnds;
+}
+
+std::optional<fastResult> fastStore(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                    std::uint32_t room) noexcept {
+    const threadEngines* engines = ownEngines();
+    if (engines == nullptr || engines->storing == nullptr) return std::nullopt;
+    const std::size_t produced = libdeflate_zlib_compress(engines->storing.get(), from, size, to, room);
+    if (produced == 0) return std::nullopt;
+    return fastResult{static_cast<std::uint32_t>(produced), size};
 }
 
 std::optional<fastResult> fastInflate(const unsigned char* from, std::uint32_t size, unsigned char* to,

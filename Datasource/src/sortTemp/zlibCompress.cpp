@@ -59,6 +59,9 @@ blockOutcome zlibCompressBlock::inflateWhole(const unsigned char* from, std::uin
 blockOutcome zlibCompressBlock::storeWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                            std::uint32_t room) {
     take(from, size, to, room);
+    if (const auto result = orva::fastStore(from, size, to, room)) {
+        return {blockOutcome::complete, result->produced, result->consumed};
+    }
     return runZlib(ORVA_FAST_CODEC ? Z_NO_COMPRESSION : Z_BEST_SPEED, compress, Z_FINISH);
 }
 
