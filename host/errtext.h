@@ -21,7 +21,7 @@ public:
     ~FileError() override;
 
     const std::string& catalog() const noexcept;
-    // 1002: writing or closing. 1003: reading.
+    // 1002: writing, closing, syncing or cutting. 1003: reading.
     long messageCode() const noexcept;
     const std::string& fileName() const noexcept;
     // One line: what could not be done to which file, why, and what to do about it where that is clear.

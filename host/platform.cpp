@@ -238,17 +238,31 @@ int systemFlags(int oflag) {
     return flags;  // never O_TRUNC: the data of another writer would be gone before its lock is met
 }
 
-// What an open descriptor still needs to be what was asked for. 0 or an errno.
+// Another writer replaced or removed the file while its lock was being waited for. No system call gives this number.
+constexpr int kNameMovedOn = -1;
+
+// What an open descriptor still needs to be what was asked for. 0, an errno or kNameMovedOn.
 int prepare(int descriptor, const char* name, int oflag, int shflag) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) return errno;
     if (S_ISDIR(status.st_mode)) return EISDIR;
     if (S_ISREG(status.st_mode) && (oflag & (_O_WRONLY | _O_RDWR)) != 0) {
-        if (shflag == _SH_DENYWR && lockForWriting(descriptor) != 0) return errno;
+        if (shflag == _SH_DENYWR) {
+            if (lockForWriting(descriptor) != 0) return errno;
+            if (!isSameFile(descriptor, name)) return kNameMovedOn;
+        }
         if ((oflag & _O_TRUNC) != 0 && truncateFile(descriptor, 0) != 0) return errno;
     }
     if ((oflag & _O_TEMPORARY) != 0) deleteWhenClosed(descriptor, name);
     return 0;
+}
+
+int prepared(int descriptor, const char* name, int oflag, int shflag) {
+    try {
+        return prepare(descriptor, name, oflag, shflag);
+    } catch (...) {
+        return ENOMEM;
+    }
 }
 
 std::string directoryOf(const char* name) {
@@ -264,16 +278,19 @@ int syncedUnlessPointless(int descriptor, bool isDirectory) {
 
 }  // namespace
 
+// A file that lost its name before it was locked is let go: what would be written into it nobody could find.
 int openShared(const char* name, int oflag, int shflag, int pmode) noexcept {
-    const int descriptor =
-        restarted([&] { return rawOpen(name, systemFlags(oflag), static_cast<mode_t>(pmode & 0777)); });
-    if (descriptor < 0) return -1;
-    try {
-        const int error = prepare(descriptor, name, oflag, shflag);
-        return error == 0 ? descriptor : closedWith(descriptor, error);
-    } catch (...) {
-        return closedWith(descriptor, ENOMEM);
+    constexpr int tries = 10;
+    for (int i = 0; i < tries; ++i) {
+        const int descriptor =
+            restarted([&] { return rawOpen(name, systemFlags(oflag), static_cast<mode_t>(pmode & 0777)); });
+        if (descriptor < 0) return -1;
+        const int error = prepared(descriptor, name, oflag, shflag);
+        if (error == 0) return descriptor;
+        closedWith(descriptor, error == kNameMovedOn ? EWOULDBLOCK : error);
+        if (error != kNameMovedOn) return -1;
     }
+    return -1;
 }
 
 std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept {

@@ -38,7 +38,8 @@ inline constexpr int _S_IREAD = 0x100;
 //   _O_TEMPORARY  the name goes when the descriptor closes, in the process that opened it and if it is still this file.
 //   _SH_DENYWR    a writer of a regular file holds a lock as long as the descriptor (and what a fork made of it) lives;
 //                 a second writer, in this process or another, gets EWOULDBLOCK and leaves the file as it was. Readers
-//                 take no lock. Where the file system has none, the writer goes on without.
+//                 take no lock. Where the file system has none, the writer goes on without. The file locked is the one
+//                 that the name leads to then; a name that leads to another one each time it is tried is EWOULDBLOCK.
 // Text mode is binary. The hints on access are ignored: the one that fits here best, random, would switch off the
 // read-ahead of the system, which every block-wise reader profits from.
 ORVA_HOST_API int openShared(const char* name, int oflag, int shflag, int pmode) noexcept;
@@ -53,7 +54,8 @@ ORVA_HOST_API int _read(int descriptor, void* buffer, unsigned int count) noexce
 // All of `count` bytes or -1; then any part of them may stand in the file. Limit of `count`: as for _read.
 ORVA_HOST_API int _write(int descriptor, const void* buffer, unsigned int count) noexcept;
 
-// 0 and the descriptor is gone, or -1 and it is still open, so that a caller may tell of the failure and try again.
+// 0 and the descriptor is gone, or -1 and it is still open, with its lock, so that a caller may tell of the failure and
+// try again, or give up by closeAnyway. Costs a second descriptor for a moment.
 ORVA_HOST_API int _close(int descriptor) noexcept;
 
 // Closes without asking the system whether everything was stored: for a descriptor whose _close has failed.

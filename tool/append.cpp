@@ -37,7 +37,7 @@ public:
         const locatedPart located = locatePart(fOptions.part);
         noteFound("append", fOptions.part, located);
         // Rows first, so that an input that fails at once, or has none, touches nothing.
-        std::uint32_t count = from.read(fBuffer->bytes, kBlockSize);
+        std::uint32_t count = from.read(fBuffer->bytes, kPiece);
         progress bar(fOptions.progress, "append", knownSize(fOptions.in).value_or(-1));
         if (count != 0) append(located.part, from, count, bar);
         bar.finish(shownName(fOptions.part.file) + ": " + humanSize(static_cast<double>(fRowBytes)) + " of rows added");
@@ -70,12 +70,15 @@ private:
             rows.Seek(end, ORVA_StrBaseIO::SeekFromStart);
             rows.setSafeAppend(!fOptions.noSync);
             rows.setFileToAppend(end, part.swapped);
-            for (; count != 0; count = from.read(fBuffer->bytes, kBlockSize)) {
+            for (; count != 0; count = from.read(fBuffer->bytes, kPiece)) {
                 rows.Write(fBuffer->bytes, count);
                 fRowBytes += count;
                 bar.advance(count);
             }
             rows.Close();
+        } catch (const SystemFileException&) {
+            rows.abandon();
+            throwNotReopened(fOptions.part.file, fOptions.part.file);
         } catch (...) {
             rows.abandon();
             throw;

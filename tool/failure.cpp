@@ -5,6 +5,7 @@
 #include <orva/orva.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <new>
 #include <utility>
@@ -59,6 +60,14 @@ void throwWriteFailed(const std::string& file) {
     ThrowError::StringSys(kCatalog, kWriting, file.c_str());
 }
 
+void throwNotReopened(const std::string& opened, const std::string& shown) {
+    const int descriptor = platform::openShared(opened.c_str(), platform::_O_RDWR, platform::_SH_DENYWR, 0);
+    if (descriptor < 0) throwWriteFailed(shown);
+    platform::_close(descriptor);
+    throw toolFailure(kOutputUnwritable, shown,
+                      "could not be opened again for a moment: 'orva info' tells what it holds");
+}
+
 std::string failureText(const std::exception& failure, const std::string& file) {
     std::string text = failure.what();
     text = withoutFirst(text, " (" + std::string(kCatalog) + ' ' + std::to_string(kReading) + ')');
@@ -78,9 +87,11 @@ int reportFailure(const std::string& verbName, const std::exception_ptr& failure
         const std::string file = damagedFile(e.what());
         return report(verbName, kDamaged, file, failureText(e, file));
     } catch (const SystemFileException& e) {
-        return report(verbName, kOutputUnwritable, {}, "the output cannot be opened again: " + e.fExpression);
-    } catch (const std::bad_alloc&) {
-        return report(verbName, kOtherFailure, {}, "out of memory: end other programs, or raise the limit on memory");
+        return report(verbName, kOutputUnwritable, {}, "a file cannot be opened again: " + e.fExpression);
+    } catch (const std::bad_alloc& e) {
+        const std::string outcome = std::strchr(e.what(), ';') != nullptr ? std::strchr(e.what(), ';') : "";
+        return report(verbName, kOtherFailure, {},
+                      "out of memory: end other programs, or raise the limit on memory" + outcome);
     } catch (const std::filesystem::filesystem_error& e) {
         return report(verbName, kOtherFailure, e.path1().string(), e.code().message());
     } catch (const std::exception& e) {

@@ -35,6 +35,10 @@ private:
 [[noreturn]] void throwReadFailed(const std::string& file);
 [[noreturn]] void throwWriteFailed(const std::string& file);
 
+// For a SystemFileException, which tells neither file nor errno: opens `opened` once more to meet the failure again,
+// and throws it as one of `shown`.
+[[noreturn]] void throwNotReopened(const std::string& opened, const std::string& shown);
+
 // Prints "orva: VERB: FILE: text" for the exception to standard error and gives its exit code.
 int reportFailure(const std::string& verbName, const std::exception_ptr& failure);
 

@@ -1,7 +1,5 @@
 #include "pendingFile.h"
 
-#include "failure.h"
-
 #include <CLI/CLI.hpp>
 
 #include <cerrno>

@@ -6,6 +6,8 @@
 // Failure: FileError (1002), with the final name.
 #pragma once
 
+#include "failure.h"
+
 #include <orva/orva.h>
 
 #include <string>
@@ -40,6 +42,8 @@ public:
             work();
         } catch (const FileError& e) {
             throwAsFinal(e);
+        } catch (const SystemFileException&) {
+            throwNotReopened(fTemporary, fName);
         }
     }
 

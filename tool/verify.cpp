@@ -34,6 +34,13 @@ struct badBlock {
     std::string error;
 };
 
+struct findings {
+    std::vector<badBlock> blocks;
+    std::string index;  // what is wrong with its records as a whole; empty: nothing
+
+    bool good() const { return blocks.empty() && index.empty(); }
+};
+
 class verifyRun {
 public:
     explicit verifyRun(verifyOptions options) : fOptions(std::move(options)) {}
@@ -43,22 +50,35 @@ public:
         noteFound("verify", fOptions.part, located);
         orva::finishedPart part(fOptions.part.file, located.part);
         progress bar(fOptions.progress, "verify", part.dataSize());
-        const std::vector<badBlock> bad = badBlocks(located, part.blockCount(), bar);
+        const findings found{badBlocks(located, part.blockCount(), bar), indexError(part)};
         bar.finish(shownName(fOptions.part.file) + ": " + counted(part.blockCount(), "block") + ", " +
-                   humanSize(static_cast<double>(part.dataSize())) + " of rows, " + verdict(bad));
-        if (bad.empty()) part.verifyIndex();
-        print(part, bad);
-        if (bad.empty()) return kAllWell;
-        throw toolFailure(kDamaged, fOptions.part.file,
-                          grouped(static_cast<std::int64_t>(bad.size())) + " of " +
-                              counted(part.blockCount(), "block") +
-                              " damaged: get the file from its source again; 'orva cat --range' reads the rows of the "
-                              "others");
+                   humanSize(static_cast<double>(part.dataSize())) + " of rows, " + verdict(found));
+        print(part, found);
+        if (found.good()) return kAllWell;
+        throw toolFailure(kDamaged, fOptions.part.file, summary(part, found));
     }
 
 private:
-    static std::string verdict(const std::vector<badBlock>& bad) {
-        return bad.empty() ? "all good" : grouped(static_cast<std::int64_t>(bad.size())) + " bad";
+    static std::string verdict(const findings& found) {
+        if (found.good()) return "all good";
+        const auto count = static_cast<std::int64_t>(found.blocks.size());
+        return (count == 0 ? "" : grouped(count) + " bad") + (count == 0 || found.index.empty() ? "" : ", ") +
+               (found.index.empty() ? "" : "the index damaged");
+    }
+
+    static std::string summary(const orva::finishedPart& part, const findings& found) {
+        if (found.blocks.empty()) return found.index + ": 'orva recover' makes a new file of its rows";
+        return grouped(static_cast<std::int64_t>(found.blocks.size())) + " of " + counted(part.blockCount(), "block") +
+               " damaged: get the file from its source again; 'orva cat --range' reads the rows of the others";
+    }
+
+    std::string indexError(orva::finishedPart& part) const {
+        try {
+            part.verifyIndex();
+        } catch (const DamagedFileError& e) {
+            return failureText(e, fOptions.part.file);
+        }
+        return {};
     }
 
     // Each thread looks at the file for itself and takes the next block that nobody has taken.
@@ -92,12 +112,16 @@ private:
         return {};
     }
 
-    void print(const orva::finishedPart& part, const std::vector<badBlock>& bad) const {
+    void print(const orva::finishedPart& part, const findings& found) const {
         output out;
         if (fOptions.json) {
-            out.write(jsonText(report(part, bad)));
+            out.write(jsonText(report(part, found)));
         } else {
-            for (const badBlock& block : bad) out.write(line(part, block));
+            for (const badBlock& block : found.blocks) out.write(line(part, block));
+            // Alone it is told as the failure.
+            if (!found.blocks.empty() && !found.index.empty()) {
+                out.write(shownName(fOptions.part.file) + ": " + found.index + '\n');
+            }
         }
         out.finish();
     }
@@ -108,15 +132,18 @@ private:
                std::to_string(from + bad.record.orginalSize) + " of the rows are lost: " + bad.error + '\n';
     }
 
-    nlohmann::ordered_json report(const orva::finishedPart& part, const std::vector<badBlock>& bad) const {
+    nlohmann::ordered_json report(const orva::finishedPart& part, const findings& found) const {
         nlohmann::ordered_json list = nlohmann::ordered_json::array();
-        for (const badBlock& block : bad) {
+        for (const badBlock& block : found.blocks) {
             auto entry = blockJson(block.number, block.record, part.heading()._caseStartPos);
             entry["error"] = block.error;
             list.push_back(std::move(entry));
         }
-        return {{"schema", kJsonSchema},       {"file", fOptions.part.file},  {"good", bad.empty()},
-                {"blocks", part.blockCount()}, {"dataSize", part.dataSize()}, {"badBlocks", std::move(list)}};
+        nlohmann::ordered_json json = {{"schema", kJsonSchema},       {"file", fOptions.part.file},
+                                       {"good", found.good()},        {"blocks", part.blockCount()},
+                                       {"dataSize", part.dataSize()}, {"badBlocks", std::move(list)}};
+        if (!found.index.empty()) json["indexError"] = found.index;
+        return json;
     }
 
     const verifyOptions fOptions;

@@ -94,10 +94,17 @@ private:
     std::size_t fLeft;
 };
 
+// A right checksum does not make the numbers true: they say which bytes of the data file are read and written.
+bool placesCanBeTrue(const sideFileHead& head) {
+    return head.row0Pos > 0 && head.untouchedEnd >= head.row0Pos && head.untouchedEnd - head.row0Pos >= kHeadingSize &&
+           head.untouchedEnd <= head.fileSize;
+}
+
 bool takePiece(sideFileReader& reader, savedTail& tail) {
     pieceHead own{};
     if (!reader.take(&own, sizeof own)) return false;
-    if (own.place < 0 || own.size < 0 || static_cast<std::uint64_t>(own.size) > reader.left()) return false;
+    if (own.size < 0 || static_cast<std::uint64_t>(own.size) > reader.left()) return false;
+    if (own.place < 0 || own.place > tail.fileSize - own.size) return false;
     tail.pieces.push_back({own.place, std::vector<unsigned char>(static_cast<std::size_t>(own.size))});
     return reader.take(tail.pieces.back().bytes.data(), static_cast<std::size_t>(own.size));
 }
@@ -112,7 +119,7 @@ bool parse(const std::vector<unsigned char>& bytes, savedTail& tail, std::int64_
     if (sum != checksum(bytes.data(), summed)) return false;
     sideFileReader reader(bytes);
     reader.take(&head, sizeof head);
-    if (head.mark != kSideFileMark) return false;
+    if (head.mark != kSideFileMark || !placesCanBeTrue(head)) return false;
     tail = {head.row0Pos, head.fileSize, head.untouchedEnd, {}, true};
     identity = head.identity;
     for (std::int64_t i = 0; i < head.pieceCount; ++i) {

@@ -58,7 +58,7 @@ ORVA_File::~ORVA_File() {
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell.
     }
     // A failed close leaves the descriptor, and the writer's lock with it. A forked child closes without the mutex.
-    if (IsOpen()) platform::_close(fDescriptor);
+    if (IsOpen()) platform::closeAnyway(fDescriptor);
 }
 
 bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
@@ -99,13 +99,12 @@ unsigned int ORVA_File::Read(void* buffer, unsigned int byteSize, std::int64_t b
 
 unsigned int ORVA_File::ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     const ktGuard guard(fMutex, ktMutex::Recursive);
-    const bool good = fGood;
-    try {
-        return Read(buffer, byteSize, byteOffset);
-    } catch (...) {
-        fGood = good;
-        throw;
-    }
+    struct during {
+        bool& ahead;
+        ~during() { ahead = false; }
+    };
+    const during transfer{fReadsAhead = true};
+    return Read(buffer, byteSize, byteOffset);
 }
 
 unsigned int ORVA_File::readPlain(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
@@ -173,8 +172,14 @@ unsigned int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSiz
     return static_cast<unsigned int>(count);
 }
 
+void ORVA_File::refuseWrite(int error) {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    platform::setErrno(error);
+    fail(kWriteFailed);
+}
+
 void ORVA_File::fail(long code) {
-    fGood.store(false, std::memory_order_relaxed);
+    if (!fReadsAhead) fGood.store(false, std::memory_order_relaxed);
     fMustSeek = true;
     ThrowError::StringSys("datasrc.err", code, fName.GetGeneric().c_str());
 }

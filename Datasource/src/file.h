@@ -44,15 +44,20 @@ public:
     // 1 when it was open and is closed now, 0 when it was closed already. An enciphered file ends its cipher run; bytes
     // that FinishEncryption has not written are lost.
     int Close();
-    // The bytes delivered; fewer than asked only at the end of the file.
+    // The bytes delivered; fewer than asked only at the end of the file. After a failure the buffer's bytes are
+    // undefined. An enciphered file takes offsets and sizes that are multiples of 16: others are an assertion.
     unsigned int Read(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // As Read, for bytes that nobody has asked for yet: a failure leaves Good() as it was.
     ORVA_LOCAL unsigned int ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // The bytes taken, which is byteSize, or 0 when closed. On an enciphered file the last 1 to 15 may wait in memory,
     // and only such writes are taken as leave every byte in its place (docs/cipher.md): else FileError with EINVAL.
+    // In an `a` mode the system puts the bytes at the end of the file, whatever the offset.
     unsigned int Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // The length of the file on disk, with the pad of an enciphered one; -1 when the system can't tell (a pipe).
     std::int64_t Size() const;
+
+    // Fails as a write that the system refuses with this errno.
+    [[noreturn]] ORVA_LOCAL void refuseWrite(int error);
 
     bool IsOpen() const { return fDescriptor != -1; }
     bool Good() const { return fGood.load(std::memory_order_relaxed); }
@@ -66,9 +71,11 @@ public:
     // gives 0.
     unsigned int FinishEncryption();
 
-    // What was written would survive a loss of power. Nothing to do when closed.
+    // Returns once what was written would survive a loss of power, the name of a new file excepted. FileError 1002;
+    // a second try proves nothing then. Nothing to do when closed.
     void Sync();
-    // Cuts the file to `length` bytes, or extends it with zeros. Not for enciphered files.
+    // Cuts the file to `length` bytes, or extends it with zeros; the position stays. FileError 1002. Not for enciphered
+    // files. Nothing to do when closed.
     void Truncate(std::int64_t length);
 
 private:
@@ -104,6 +111,7 @@ private:
     std::string fMode;
     int fDescriptor = -1;           // Closed exactly when -1.
     std::atomic<bool> fGood{true};  // a worker's failure sets it while the caller asks
+    bool fReadsAhead = false;       // What fails now is nobody's failure.
     bool fAtEnd = false;
     const bool fEncrypted;
     bool fEncryptStarted = false;

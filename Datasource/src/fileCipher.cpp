@@ -108,10 +108,7 @@ unsigned int ORVA_File::WriteEncrypted(const void* buffer, unsigned int byteSize
 // Refuses the write, or brings the descriptor to its first block and drops what the write makes void: waiting bytes
 // that it covers, and the pad if the padded block is overwritten or no longer the last one.
 void ORVA_File::prepareWrite(unsigned int byteSize, std::int64_t byteOffset) {
-    if (!mayWrite(byteSize, byteOffset)) {
-        platform::setErrno(EINVAL);
-        fail(kWriteFailed);
-    }
+    if (!mayWrite(byteSize, byteOffset)) refuseWrite(EINVAL);
     const bool continues = continuesWaiting(byteOffset);
     const bool padLost = fPadSize > 0 && fRemainderSize == 0 && fileEnd() != fTailPos + CIPHER_BLOCK_SIZE;
     seekToBlock(continues ? fTailPos : byteOffset, byteOffset);
@@ -218,10 +215,7 @@ unsigned int ORVA_File::FinishEncryption() {
 
 // The pad is zeros: whatever lay behind the waiting bytes in memory is plaintext of earlier blocks.
 unsigned int ORVA_File::writePaddedBlock() {
-    if (fAppends && fTailPos != fileEnd()) {
-        platform::setErrno(EINVAL);
-        fail(kWriteFailed);
-    }
+    if (fAppends && fTailPos != fileEnd()) refuseWrite(EINVAL);
     seekToBlock(fTailPos, fTailPos + fRemainderSize);
     fPadSize = CIPHER_BLOCK_SIZE - fRemainderSize;
     std::memset(fRemainder.get() + fRemainderSize, 0, static_cast<std::size_t>(fPadSize));

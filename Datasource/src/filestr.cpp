@@ -64,6 +64,10 @@ std::int32_t ORVA_FileStream::Good() {
     return GetFile().Good() ? 1 : 0;
 }
 
+std::int64_t ORVA_FileStream::Tell() const {
+    return fStreamPos;
+}
+
 std::int32_t ORVA_FileStream::EndOfFile() {
     return fData->bEndOfFile ? 1 : 0;
 }

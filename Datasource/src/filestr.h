@@ -89,11 +89,13 @@ public:
     // Flushes nothing. A target below 0 or past the 64-bit range: -1, nothing moves. From the end: unflushed bytes
     // count as part of the file.
     std::int32_t Seek(std::int64_t offset, SeekDirection direction) override;
-    std::int64_t Tell() const override { return fStreamPos; }
+    std::int64_t Tell() const override;
     // 1 when the last read of the file delivered nothing. A short count from Read is the sign that always holds.
     std::int32_t EndOfFile() override;
 
-    // 1 when the file was opened, else 0. Finishes the old file first, as Close does. Passwords are not used.
+    // 1 when the file was opened, else 0; the stream then has a closed file of that name. Finishes the old file first,
+    // as Close does: a failure there is thrown and leaves the old one open. Position 0, or the end in an `a` mode.
+    // Copies of the stream keep the old file. Passwords are not used.
     virtual std::int32_t Open(const ExtNameStr& name, const ExtNameStr& password, const char* mode);
     virtual std::int32_t Open(const char* name, const char* password, const char* mode);
     virtual std::int32_t Open(const ExtNameStr& name, const char* mode);
@@ -128,7 +130,7 @@ public:
 
 protected:
     bool DataReady() const;
-    // Needs the file object.
+    // Needs the file object: an assertion without. Valid until the next Open.
     ORVA_File& GetFile();
     // False in a forked child: the stream's threads and locks are its parent's, so it is left alone there.
     bool inOwnProcess() const;
@@ -140,7 +142,6 @@ private:
     // What Read and Write do beyond a copy within the buffer. Kept out of them, so that the copy saves no registers.
     [[gnu::noinline]] ORVA_LOCAL std::uint32_t readRequest(void* buffer, std::uint32_t size);
     [[gnu::noinline]] ORVA_LOCAL std::uint32_t writeRequest(const void* buffer, std::uint32_t size);
-    [[noreturn]] ORVA_LOCAL void refuseWrite() const;
 
     std::unique_ptr<Data> fData;
     std::int32_t fMultiThreadReading = 0;
@@ -161,8 +162,8 @@ struct ORVA_API ORVA_FileStream::Data {
 
     // Writes the buffer's valid bytes if some of them are not in the file yet. On failure they stay pending.
     void Flush();
-    // A request of a block or more, straight into the caller's memory, up to a multiple of 512. A smaller one is left
-    // alone.
+    // A request of a block or more: pending bytes go to the file, then one read straight into the caller's memory, up
+    // to a multiple of 512; `request` moves on by what came. A smaller one is left alone. Needs an open file.
     void ReadUnbuffered(ReadRequest& request);
 
 private:

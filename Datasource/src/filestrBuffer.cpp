@@ -1,10 +1,7 @@
 // The paths of a stream's bytes: from the buffer, through it, and past it.
-#include "fileCodes.h"
 #include "multiThreadForFilestr.h"
 
-#include <orva/errtext.h>
 #include <orva/filestr.h>
-#include <orva/platform.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,10 +16,23 @@ constexpr std::int64_t sectorFloor(std::int64_t position) {
     return position / kSector * kSector;
 }
 
-// One value is the most frequent request, and a call of memcpy takes longer than the value does.
-inline void copyFew(void* to, const void* from, std::uint32_t size) {
+template <std::size_t Size>
+inline void copyFixed(unsigned char* to, const unsigned char* from) {
+    std::memcpy(to, from, Size);
+}
+
+// Values and short records are the most frequent requests, and a call of memcpy takes longer than they do. The last 16
+// bytes may lie over those before them.
+inline void copyFew(void* dest, const void* source, std::uint32_t size) {
+    constexpr std::uint32_t kStep = 16;
+    auto* to = static_cast<unsigned char*>(dest);
+    const auto* from = static_cast<const unsigned char*>(source);
     if (size == sizeof(std::uint64_t)) {
-        std::memcpy(to, from, sizeof(std::uint64_t));
+        copyFixed<sizeof(std::uint64_t)>(to, from);
+    } else if (size - kStep <= 8 * kStep) {
+        const std::uint32_t last = size - kStep;
+        for (std::uint32_t at = 0; at < last; at += kStep) copyFixed<kStep>(to + at, from + at);
+        copyFixed<kStep>(to + last, from + last);
     } else {
         std::memcpy(to, from, size);
     }
@@ -80,15 +90,10 @@ std::uint32_t ORVA_FileStream::Write(const void* buffer, std::uint32_t size) {
 
 std::uint32_t ORVA_FileStream::writeRequest(const void* buffer, std::uint32_t size) {
     if (size == 0 || !DataReady()) return 0;
-    if (fStreamPos > std::numeric_limits<std::int64_t>::max() - size) refuseWrite();
+    if (fStreamPos > std::numeric_limits<std::int64_t>::max() - size) fData->pRealFile->refuseWrite(EFBIG);
     WriteRequest request{static_cast<const unsigned char*>(buffer), size, fStreamPos};
     fData->Write(request);
     return size - request._size;
-}
-
-void ORVA_FileStream::refuseWrite() const {
-    platform::setErrno(EFBIG);
-    ThrowError::StringSys("datasrc.err", kWriteFailed, Name());
 }
 
 void ORVA_FileStream::Data::ReadDirect(ReadRequest& request) {

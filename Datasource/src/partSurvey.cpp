@@ -20,6 +20,17 @@ namespace {
 constexpr std::int64_t kBestRatio = 1032;
 constexpr std::int64_t kShortestStream = 9;
 
+// What a trial costs beside the bytes that it moves.
+constexpr std::int64_t kTrial = 4096;
+// So much may be tried in vain before a file counts as made to be tried for ever. Blocks that are found earn more, so
+// that a long file with much damage is searched to its end.
+constexpr std::int64_t kPatience = std::int64_t{1} << 30;
+constexpr std::int64_t kPatienceForByte = 16;
+constexpr std::int64_t kPatienceForTaken = 4;
+
+constexpr const char* kGivenUp =
+    "the search was given up here: what stands here could be taken for blocks again and again";
+
 // How many rows the index gives block `i`. The next block's position tells it too, and one of the two can lie.
 std::int64_t recordedSize(const filePosInfo& index, std::uint32_t i) {
     const filePosRecord& record = index.parsed(i);
@@ -91,11 +102,20 @@ bool partSurvey::parseIndex(const compressionHeading& heading, bool swapped, fil
 // False for an index that tells of other blocks than those that stand there.
 bool partSurvey::readByIndex(const filePosInfo& index) {
     const std::vector<surveySegment> before = std::exchange(segments, {});
+    const std::int64_t takenBefore = fTaken;
     fPlace = part.row0Pos + kHeadingSize;
     bPlaceSure = true;
     hadIndex = true;
-    for (std::uint32_t i = 0; i < index.parsedCount() && hadIndex; ++i) hadIndex = takeRecord(index, i);
-    if (!hadIndex) segments = before;
+    std::int64_t claimed = 0;
+    for (std::uint32_t i = 0; i < index.parsedCount() && hadIndex; ++i) {
+        claimed += recordedSize(index, i);
+        hadIndex = claimed / kBestRatio <= fFileSize && takeRecord(index, i);
+    }
+    if (!hadIndex) {
+        segments = before;
+        fWasted += fTaken - takenBefore;
+        fTaken = takenBefore;
+    }
     return hadIndex;
 }
 
@@ -107,23 +127,27 @@ bool partSurvey::takeRecord(const filePosInfo& index, std::uint32_t i) {
     const std::int64_t size = recordedSize(index, i);
     const bool last = i + 1 == index.parsedCount();
     const std::int64_t recorded = record.translatePos;
+    std::optional<std::int64_t> tried;
     for (const std::int64_t place : {bPlaceSure ? fPlace : recorded, bPlaceSure ? recorded : fPlace}) {
+        if (tried == place) continue;
+        tried = place;
         const std::optional<stream> found = streamAt(place);
         if (!found) continue;
         const std::int64_t end = place + found->length;
         const bool endsAsRecorded =
             found->length == std::int64_t{record.translateSize} || (!last && end == index.parsed(i + 1).translatePos);
         if (!endsAsRecorded && !(last && (found->rows == size || place == fPlace))) {
+            fWasted += workOf({blockOutcome::complete, found->rows, found->length});
             if (bPlaceSure && place == fPlace) return false;
             continue;
         }
-        segments.push_back({found->rows, place, found->length, false, {}});
+        take(*found, place);
         lastRewritten = last && !endsAsRecorded && found->rows != size;
         fPlace = end;
         bPlaceSure = true;
         return true;
     }
-    segments.push_back({size, recorded, 0, false, "its block is damaged"});
+    segments.push_back({size, recorded, 0, false, outOfPatience() ? kGivenUp : "its block is damaged"});
     fPlace = recorded >= 0 && recorded <= fFileSize ? recorded + record.translateSize : 0;
     bPlaceSure = false;
     return true;
@@ -132,7 +156,7 @@ bool partSurvey::takeRecord(const filePosInfo& index, std::uint32_t i) {
 // An append that cut rows may have written further blocks and not yet reached the old index.
 void partSurvey::takeJoining() {
     while (const std::optional<stream> found = streamAt(fPlace)) {
-        segments.push_back({found->rows, fPlace, found->length, false, {}});
+        take(*found, fPlace);
         fPlace += found->length;
     }
 }
@@ -143,7 +167,7 @@ void partSurvey::walk() {
     bool searched = false;
     while (place < fFileSize) {
         if (const std::optional<stream> found = streamAt(place)) {
-            segments.push_back({found->rows, place, found->length, false, {}});
+            take(*found, place);
             place += found->length;
             continue;
         }
@@ -152,6 +176,7 @@ void partSurvey::walk() {
         // What stands behind the old index is there only as far as it joins on.
         if (hadHeading && place >= fHeading._indexPos) return;
         const std::optional<std::int64_t> next = nextStream(place + 1, fFileSize);
+        if (!next && outOfPatience()) segments.push_back({kBlockSize, place, 0, true, kGivenUp});
         if (!next) return;
         segments.push_back({std::min<std::int64_t>(kBlockSize, (*next - place) * kBestRatio), place, 0, true,
                             "its block is damaged, and no index tells its size"});
@@ -161,10 +186,10 @@ void partSurvey::walk() {
 
 // The first index from `from` on that tells of the blocks seen so far what they told themselves.
 bool partSurvey::readByLaterIndex(std::int64_t from) {
-    for (std::int64_t at = from; at + kRecordSize <= fFileSize;) {
+    for (std::int64_t at = from; at + kRecordSize <= fFileSize && !outOfPatience();) {
         const std::uint32_t count = fFile.Read(fWindow.get(), kBlockSize, at);
         if (count < kRecordSize) break;
-        for (std::uint32_t i = 0; i + kRecordSize <= count; ++i) {
+        for (std::uint32_t i = 0; i + kRecordSize <= count && !outOfPatience(); ++i) {
             filePosRecord first;
             std::memcpy(&first, fWindow.get() + i, sizeof first);
             const bool swapped = swapBytes(first.orginalPos) == kFirstRecordMark;
@@ -176,6 +201,7 @@ bool partSurvey::readByLaterIndex(std::int64_t from) {
                 readByIndex(index)) {
                 return true;
             }
+            fWasted += kTrial + std::clamp<std::int64_t>(size, 0, fFileSize - at);
         }
         at += count - kRecordSize + 1;
     }
@@ -236,30 +262,53 @@ void partSurvey::addMissing(std::int64_t count) {
     segments.push_back({missing * kBlockSize, place, 0, true, "its blocks are gone, and no index tells their size"});
 }
 
-std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place) {
-    if (place < 0 || place >= fFileSize) return std::nullopt;
-    const std::uint32_t count = fFile.Read(fCompressed.get(), kBlockSize, place);
-    return inflateFrom(fCompressed.get(), count);
+void partSurvey::take(const stream& found, std::int64_t place) {
+    segments.push_back({found.rows, place, found.length, false, nullptr});
+    fTaken += workOf({blockOutcome::complete, found.rows, found.length});
+    fUsualLength = found.length;
 }
 
-std::optional<partSurvey::stream> partSurvey::inflateFrom(const unsigned char* bytes, std::uint32_t count) {
-    const blockOutcome outcome = fCodec.inflateWhole(bytes, count, fRows.get(), kBlockSize);
-    if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
-    if (outcome.end != blockOutcome::complete || outcome.produced == 0) return std::nullopt;
-    return stream{outcome.produced, outcome.consumed};
+bool partSurvey::outOfPatience() const {
+    return (fWasted - kPatience - kPatienceForTaken * fTaken) / kPatienceForByte > fFileSize;
+}
+
+std::int64_t partSurvey::workOf(const blockOutcome& outcome) {
+    return kTrial + outcome.produced + outcome.consumed;
+}
+
+std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place) {
+    if (place < 0 || place >= fFileSize || outOfPatience()) return std::nullopt;
+    const blockOutcome outcome = inflateAt(place, fUsualLength + fUsualLength / 4);
+    if (outcome.end == blockOutcome::complete && outcome.produced != 0) {
+        return stream{outcome.produced, outcome.consumed};
+    }
+    fWasted += workOf(outcome);
+    return std::nullopt;
+}
+
+// Reads further only as far as the stream goes on: a file of very short blocks would be read many times over.
+blockOutcome partSurvey::inflateAt(std::int64_t place, std::uint32_t firstRead) {
+    for (std::uint32_t size = std::clamp(firstRead, 4096U, kBlockSize);; size = std::min(size, kBlockSize / 8) * 8) {
+        const std::uint32_t count = fFile.Read(fCompressed.get(), size, place);
+        const blockOutcome outcome = fCodec.inflateWhole(fCompressed.get(), count, fRows.get(), kBlockSize);
+        if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
+        const bool ranOut = outcome.end == blockOutcome::incomplete && outcome.consumed == count && count == size;
+        if (!ranOut || size == kBlockSize) return outcome;
+    }
 }
 
 // The first place from `from` on where a whole stream stands.
 std::optional<std::int64_t> partSurvey::nextStream(std::int64_t from, std::int64_t end) {
-    for (std::int64_t at = from; at + 2 <= end;) {
+    for (std::int64_t at = from; at + 2 <= end && !outOfPatience();) {
         const std::uint32_t count = fFile.Read(fWindow.get(), kBlockSize, at);
         if (count < 2) break;
-        for (std::uint32_t i = 0; i + 2 <= count; ++i) {
+        for (std::uint32_t i = 0; i + 2 <= count && !outOfPatience(); ++i) {
             if (!couldBeginStream(fWindow.get() + i)) continue;
             // A look into the window first: nearly all that look like a stream end within some bytes.
             const blockOutcome glance = fCodec.inflateWhole(fWindow.get() + i, count - i, fRows.get(), kBlockSize);
             const bool ranOut = glance.end == blockOutcome::incomplete && glance.consumed == count - i;
             if (glance.end == blockOutcome::complete && glance.produced != 0) return at + i;
+            fWasted += workOf(glance);
             if (ranOut && streamAt(at + i)) return at + i;
         }
         at += count - 1;
@@ -268,8 +317,10 @@ std::optional<std::int64_t> partSurvey::nextStream(std::int64_t from, std::int64
 }
 
 const unsigned char* partSurvey::rowsOf(const surveySegment& segment) {
-    const std::optional<stream> found = streamAt(segment.place);
-    return found && found->rows == segment.size && found->length == segment.length ? fRows.get() : nullptr;
+    const blockOutcome found = inflateAt(segment.place, segment.length);
+    return found.end == blockOutcome::complete && found.produced == segment.size && found.consumed == segment.length
+               ? fRows.get()
+               : nullptr;
 }
 
 }  // namespace orva

@@ -5,18 +5,19 @@
 // Owner:   the caller owns the file; a survey owns three blocks of memory and its findings.
 // Threads: one at a time.
 // Failure: FileError from the disk.
+// Work:    bounded by the size of the file and of the rows found in it, whatever its bytes have been made to look like.
 #pragma once
 
 #include "blockBuffer.h"
 #include "filePosInfo.h"
 
+#include <orva/blockSize.h>
 #include <orva/file.h>
 #include <orva/inspect.h>
 #include <orva/zlibCompress.h>
 
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace orva {
@@ -27,7 +28,7 @@ struct surveySegment {
     std::int64_t place;    // file offset of the block, or where the lost one should stand
     std::uint32_t length;  // of the block in the file; 0: lost
     bool estimated;        // the size of a lost stretch is a guess
-    std::string why;       // it is lost
+    const char* why;       // it is lost
 };
 
 class partSurvey {
@@ -69,8 +70,11 @@ private:
     void addMissing(std::int64_t count);
 
     std::optional<stream> streamAt(std::int64_t place);
-    std::optional<stream> inflateFrom(const unsigned char* bytes, std::uint32_t count);
+    blockOutcome inflateAt(std::int64_t place, std::uint32_t firstRead);
     std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end);
+    void take(const stream& found, std::int64_t place);
+    bool outOfPatience() const;
+    static std::int64_t workOf(const blockOutcome& outcome);
 
     ORVA_File& fFile;
     const std::int64_t fFileSize;
@@ -78,6 +82,9 @@ private:
     std::optional<std::int64_t> fCount;  // blocks that the heading vouches for
     std::int64_t fPlace = 0;             // behind the block taken last, where the next one begins
     bool bPlaceSure = false;             // that block was read, so fPlace outranks a record
+    std::int64_t fWasted = 0;            // bytes through the codec for nothing
+    std::int64_t fTaken = 0;             // for the segments
+    std::uint32_t fUsualLength = kBlockSize;
     zlibCompressBlock fCodec;
     blockBuffer fCompressed;
     blockBuffer fWindow;

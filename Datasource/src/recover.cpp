@@ -62,7 +62,7 @@ public:
 
 private:
     void lose(const surveySegment& segment, bool drop) {
-        const std::string why = segment.why.empty() ? "its block could not be read again" : segment.why;
+        const std::string why = segment.why == nullptr ? "its block could not be read again" : segment.why;
         fReport.lost.push_back({fPos, fPos + segment.size, segment.place, segment.estimated, why});
         if (drop) return;
         if (!fZeros) fZeros = std::make_unique<unsigned char[]>(kBlockSize);

@@ -9,27 +9,28 @@
 
 #include <cstdint>
 
+// All of it out of line, so that every operation is a symbol of the library.
 class ORVA_API ORVA_RefCntObject {
 public:
     virtual ~ORVA_RefCntObject();
 
     // Copies the count and the flag. Only for an object that no RefCountPtr holds.
-    ORVA_RefCntObject& operator=(const ORVA_RefCntObject&) = default;
+    ORVA_RefCntObject& operator=(const ORVA_RefCntObject&);
 
-    void AddReference() { ++fRefCount; }
+    void AddReference();
     // Deletes the object when the count reaches 0: it must not be touched afterwards. Each call answers one
     // AddReference.
     void RemoveReference();
     // 1 with more than one holder, else 0.
-    int IsShared() const { return fRefCount > 1 ? 1 : 0; }
+    int IsShared() const;
     // From now on every new holder gets a copy of its own. There is no way back.
-    void MarkUnshareable() { fShareable = false; }
-    unsigned int IsShareable() const { return fShareable ? 1U : 0U; }
+    void MarkUnshareable();
+    unsigned int IsShareable() const;
 
 protected:
     // No holder yet: the first RefCountPtr makes the count 1. A copy is a new object with no holders.
-    ORVA_RefCntObject() = default;
-    ORVA_RefCntObject(const ORVA_RefCntObject&) {}
+    ORVA_RefCntObject();
+    ORVA_RefCntObject(const ORVA_RefCntObject&);
 
 private:
     std::uint32_t fRefCount = 0;

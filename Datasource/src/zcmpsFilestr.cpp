@@ -74,6 +74,10 @@ std::int32_t zcmpsFilestr::Seek(std::int64_t offset, SeekDirection direction) {
     return 0;
 }
 
+std::int64_t zcmpsFilestr::Tell() const {
+    return fFilePos;
+}
+
 std::int32_t zcmpsFilestr::Close() {
     if (!inOwnProcess()) return 0;
     if (bIsWriting) return closeWriter();
@@ -129,6 +133,7 @@ void zcmpsFilestr::finish() {
 void zcmpsFilestr::commit() {
     Data& d = *fData;
     const bool durable = d.bDurable || (d.fTail && d.fTail->inSideFile);
+    d.endFormerLife();
     compressionHeading heading{};
     writeIndex(heading);
     if (durable) d.pRealFile.Sync();
@@ -143,6 +148,7 @@ void zcmpsFilestr::writeIndex(compressionHeading& heading) {
     std::uint32_t stLength = 0;
     const unsigned char* bytes = fpPosInfo->serialize(stLength);
     ORVA_ASSERT(stLength != 0, "stLength!=0");
+    ORVA_ASSERT(fData->pRealFile.IsOpen(), "fData->pRealFile.IsOpen() == true");
     ORVA_ASSERT(fData->fpIOThread == nullptr && fData->fpSeveral == nullptr, "fData->fpIOThread == 0");
     heading._caseStartPos = fData->fRow0Pos;
     heading._indexPos = std::max(fData->fTransferEnd, fpPosInfo->writtenEnd(fData->fCompressedPos));
@@ -178,7 +184,7 @@ void zcmpsFilestr::reopenForWriting(const char* expression, std::int32_t line) {
 
 void zcmpsFilestr::Data::clearBuffer() {
     availBuffSize = kBlockSize;
-    fpCurrent = fBuffer;
+    fpCurrent = pBlock = fBuffer;
 }
 
 void zcmpsFilestr::Data::endWorker(bool writing) {

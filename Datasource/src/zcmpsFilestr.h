@@ -52,7 +52,8 @@ public:
 
     // Begins a new compressed part at file offset `pos`, above 0, in an existing file. Reopens the file for writing.
     // SystemFileException if that fails: the stream is then no writer, and this may be tried again. Does not move the
-    // stream's position. A side file that an interrupted append has left goes: its rows are being replaced.
+    // stream's position. A side file that an interrupted append has left goes with the first block that is written, or
+    // in Close: its rows are being replaced.
     void setRow0Pos(std::int64_t pos);
 
     // Loads, or loads again, heading and index of the finished part at `posofpos`; `swap`: the file has the other byte
@@ -82,7 +83,7 @@ public:
     std::uint32_t Write(const void* buffer, std::uint32_t size) override;
     // Always 0; only moves a number, saturating at the ends of the 64-bit range. Not from the end.
     std::int32_t Seek(std::int64_t offset, SeekDirection direction) override;
-    std::int64_t Tell() const override { return fFilePos; }
+    std::int64_t Tell() const override;
     // Ends the current block short; costs compression ratio. Always 1.
     std::int32_t Flush() const override;
 

@@ -7,6 +7,10 @@
 
 #include <orva/errtext.h>
 
+#include <cstdio>
+#include <new>
+#include <system_error>
+
 namespace {
 
 constexpr const char* kAsBefore = "the file holds the rows that it held before";
@@ -16,6 +20,19 @@ constexpr const char* kRollBack =
     "the rows that the file held before could not be put back: 'orva recover --roll-back' does so";
 constexpr const char* kRecover = "the rows that the file held before could not be put back: 'orva recover' gets them";
 
+// A failure with the outcome behind its text. It asks for no memory: that may be what there is none of.
+template <class Error>
+class withText : public Error {
+public:
+    withText(const Error& error, const char* outcome) : Error(error) {
+        std::snprintf(fText, sizeof fText, "%s; %s", error.what(), outcome);
+    }
+    const char* what() const noexcept override { return fText; }
+
+private:
+    char fText[256];
+};
+
 // The first of the two that can say more than it does, with the outcome in its text.
 std::exception_ptr withOutcome(const std::exception_ptr& failure, const std::exception_ptr& otherwise,
                                const char* outcome) {
@@ -23,6 +40,10 @@ std::exception_ptr withOutcome(const std::exception_ptr& failure, const std::exc
         std::rethrow_exception(failure != nullptr ? failure : otherwise);
     } catch (const FileError& error) {
         return std::make_exception_ptr(error.withOutcome(outcome));
+    } catch (const std::system_error& error) {  // of a thread that could not be started
+        return std::make_exception_ptr(withText(error, outcome));
+    } catch (const std::bad_alloc& error) {
+        return std::make_exception_ptr(withText(error, outcome));
     } catch (...) {
         if (failure == nullptr || otherwise == nullptr) return std::current_exception();
     }
@@ -43,6 +64,7 @@ void zcmpsFilestr::setFileToAppend(std::int64_t endpos, bool swap) {
         fpPosInfo = std::move(index);
         fData->fpPosInfo = fpPosInfo.get();
         fData->fMultiThread = 0;
+        fData->bNewPart = false;
     });
 }
 
@@ -96,7 +118,8 @@ void zcmpsFilestr::Data::resumeInBlock(const filePosRecord& bInfo, std::uint32_t
     fpos = bInfo.orginalPos;
     fCompressedPos = bInfo.translatePos;
     fTransferEnd = bInfo.translatePos + bInfo.translateSize;
-    fpCurrent = fBuffer + (endpos - fpos);
+    pBlock = fBuffer;
+    fpCurrent = pBlock + (endpos - fpos);
     availBuffSize = static_cast<std::uint32_t>(kBlockSize - (endpos - fpos));
 }
 

@@ -20,6 +20,7 @@
 #include <optional>
 
 class PreIOThread_Multi_R_D;
+class PreIOThread_Multi_W_C;
 
 struct zcmpsFilestr::Data {
     Data(ORVA_File& file, filePosInfo* index) : pRealFile(file), fpPosInfo(index) {}
@@ -29,6 +30,8 @@ struct zcmpsFilestr::Data {
     void endBlock();
     void sendBlock(const unsigned char* block, std::uint32_t size);
     void startWriting(std::int64_t pos);
+    void endFormerLife();
+    PreIOThread_Multi_W_C& severalWriters();
     std::unique_ptr<PreIOThreadBase> makeWriter(std::int64_t pos, filePosInfo& index);
     // zcmpsFilestrRead.cpp
     void Read(ReadRequest& req);
@@ -73,7 +76,7 @@ struct zcmpsFilestr::Data {
     zlibCompressBlock fCompressor;    // the caller's thread
     filePosInfo* fpPosInfo;           // the stream's
     std::unique_ptr<PreIOThreadBase> fpIOThread;  // as fMultiThread tells, unless fThreadCount is not 0
-    unsigned char* pBlock = fBuffer;              // reading: the current block's rows
+    unsigned char* pBlock = fBuffer;              // the current block's rows: there, or where several threads lend it
     unsigned char* fpCurrent = fBuffer;           // next byte to fill, or to deliver
     std::uint32_t availBuffSize = kBlockSize;  // writing: free bytes; reading: bytes from fpCurrent to the block's end
     std::int32_t fMultiThread = 0;
@@ -82,6 +85,7 @@ struct zcmpsFilestr::Data {
     std::unique_ptr<PreIOThreadBase> fpSeveral;  // made at the first block, if fThreadCount is not 0
     orva::blockBuffer fDeflated;                 // a block on its way out; made at the first one
 
+    bool bNewPart = false;  // nothing of what setRow0Pos began is in the file yet
     bool bDurable = false;
     bool bSafeAppend = false;
     std::optional<orva::savedTail> fTail;                 // of an append that is not through

@@ -18,13 +18,13 @@ void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
         fData->endWorker(false);
         reopenForWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__);
         fData->fTail.reset();
-        orva::dropSideFile(GetNameStr().GetGeneric());
         auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
         const bool byWorker = fData->fMultiThread == 1 && fData->fThreadCount == 0;
         auto worker = byWorker ? fData->makeWriter(pos, *index) : nullptr;
         fpPosInfo = std::move(index);
         fData->fpPosInfo = fpPosInfo.get();
         fData->startWriting(pos);
+        fData->bNewPart = true;
         fData->fpIOThread = std::move(worker);
     });
 }
@@ -75,6 +75,7 @@ void zcmpsFilestr::Data::Write(WriteRequest& req) {
             req.Advance(kBlockSize);
             continue;
         }
+        if (availBuffSize == kBlockSize && fThreadCount != 0) fpCurrent = pBlock = severalWriters().lendRows();
         const std::uint32_t count = std::min(availBuffSize, req._size);
         std::memcpy(fpCurrent, req._buffer, count);
         fpCurrent += count;
@@ -87,18 +88,20 @@ void zcmpsFilestr::Data::Write(WriteRequest& req) {
 void zcmpsFilestr::Data::endBlock() {
     const std::uint32_t size = kBlockSize - availBuffSize;
     if (size == 0) return;
-    sendBlock(fBuffer, size);
+    sendBlock(pBlock, size);
     clearBuffer();
 }
 
+// What a side file could bring back is there until the first byte of the new part is written.
+void zcmpsFilestr::Data::endFormerLife() {
+    if (bNewPart) orva::dropSideFile(pRealFile.GetNameStr().GetGeneric());
+    bNewPart = false;
+}
+
 void zcmpsFilestr::Data::sendBlock(const unsigned char* block, std::uint32_t size) {
+    endFormerLife();
     if (fThreadCount != 0) {
-        if (fpSeveral == nullptr) {
-            fpSeveral = startedWorker(std::make_unique<PreIOThread_Multi_W_C>(&pRealFile, fpPosInfo, kBlockSize, fpos,
-                                                                              fCompressedPos, fThreadCount),
-                                      false);
-        }
-        fpSeveral->putBlock(block, size, fpos);
+        severalWriters().putBlock(block, size, fpos);
     } else if (fMultiThread != 0) {
         ORVA_ASSERT(fpIOThread != nullptr, "fpIOThread != 0");
         fpIOThread->putBlock(block, size, fpos);
@@ -109,6 +112,15 @@ void zcmpsFilestr::Data::sendBlock(const unsigned char* block, std::uint32_t siz
     }
     fTransferEnd = 0;
     fpos += size;
+}
+
+PreIOThread_Multi_W_C& zcmpsFilestr::Data::severalWriters() {
+    if (fpSeveral == nullptr) {
+        fpSeveral = startedWorker(std::make_unique<PreIOThread_Multi_W_C>(&pRealFile, fpPosInfo, kBlockSize, fpos,
+                                                                          fCompressedPos, fThreadCount),
+                                  false);
+    }
+    return static_cast<PreIOThread_Multi_W_C&>(*fpSeveral);
 }
 
 std::unique_ptr<PreIOThreadBase> zcmpsFilestr::Data::makeWriter(std::int64_t pos, filePosInfo& index) {
