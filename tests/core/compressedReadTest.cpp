@@ -1,5 +1,5 @@
-// Reading: what reads deliver inside, across and outside the rows, and how a damaged block is refused. Lies of heading
-// and index are told in recovery/damageTest.cpp.
+// Reading: what needs no file, and how a damaged file or block is refused. What reads deliver is modelTest.cpp's. Lies
+// of heading and index are told in recovery/damageTest.cpp.
 #include "coreTest.h"
 
 #include <gmock/gmock.h>
@@ -31,38 +31,6 @@ protected:
     Bytes fFile;
 };
 INSTANTIATE_TEST_SUITE_P(Roads, CompressedRead, testing::Values(0, 2, kSeveral), testing::PrintToStringParamName());
-
-TEST_P(CompressedRead, DeliversTheRowsThatAreThere) {
-    constexpr std::int64_t end = 8'481'416;
-    const struct {
-        const char* name;
-        std::int64_t pos;
-        std::uint32_t size, delivered;
-    } cases[] = {
-        {"IntoTheSecondBlock", 1'000, 4'190'218, 4'190'218},
-        {"AllThreeBlocks", 1'000, 8'480'416, 8'480'416},
-        {"MoreThanThereIs", 8'481'000, 1'000, 416},
-        {"AtTheEnd", end, 10, 0},
-        {"InTheLastBlocksSpanButPastItsData", 9'000'000, 10, 0},
-        {"FarPastTheEnd", INT64_MAX - 1, 10, 0},
-        {"BelowTheFirstByte", 999, 10, 0},
-        {"BelowZero", INT64_MIN, 10, 0},
-        {"OnlyTheLastByte", end - 1, 2, 1},
-        {"NothingAskedInside", 2'000, 0, 0},
-    };
-    const Bytes rows = support::RandomBytes(31).rows(8'480'416);
-    makeFile(fName, {rows});
-    const Reader reader = opened();
-    EXPECT_EQ(reader->Tell(), kRow0);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const Bytes expected = support::slice(rows, static_cast<std::size_t>(c.pos - kRow0), c.delivered);
-        EXPECT_TRUE(support::sameBytes(reader.readAt(c.pos, c.size), expected));
-        EXPECT_EQ(reader->Tell(), c.pos + c.delivered);
-    }
-    EXPECT_TRUE(reader->Good() == 1 && reader->EndOfFile() == 0 && reader->Close() == 1);
-    EXPECT_EQ(reader.readAt(5'000'000, 100), support::slice(rows, 4'999'000, 100)) << "after Close, inline or anew";
-}
 
 TEST_P(CompressedRead, StaysInsideTheLoadedBlockWithoutTheFile) {
     const Reader reader = opened();
@@ -136,6 +104,25 @@ TEST_P(CompressedRead, APositionThatNoBlockHoldsIsDamageNotTheEnd) {
     EXPECT_EQ(reader.readAt(row0 + 3'000, 500), fBlocks[2]);
     std::filesystem::resize_file(fName, row0 + 30);
     EXPECT_THAT(failureOf([&] { reader.readAt(row0 + 10, 1); }), HasSubstr("ret == bInfo.translateSize"));
+}
+
+using BlockCache = ShortBlocks;
+TEST_F(BlockCache, ABlockThatTheCacheHoldsCostsNoFileCall) {
+    const std::vector<filePosRecord> records = Layout(fFile).records;
+    const Reader rows(fName, 0, kRow0);
+    rows->setBlockCache(2);
+    CallHook hook([](Call, std::uint64_t) { return Verdict::goOn(); });
+    const platform::faults::Installed installed(hook);
+    const auto loads = [&](std::size_t number) {
+        const std::uint64_t before = hook.count();
+        EXPECT_EQ(rows.readAt(records[number].orginalPos, fBlocks[number].size()), fBlocks[number]);
+        return hook.count() != before;
+    };
+    std::vector<bool> loaded;
+    for (const std::size_t number : {0, 2, 0, 2, 0, 4, 0, 2}) loaded.push_back(loads(number));
+    EXPECT_EQ(loaded, (std::vector<bool>{1, 1, 0, 0, 0, 1, 0, 1})) << "the least recently used block goes first";
+    rows->readFilePosInfo(kRow0, false);
+    EXPECT_TRUE(loads(0)) << "a file that is opened anew";
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Writing: the blocks that writes and flushes make, the finished file, the texts of breaches, and how a writer stands
-// after its end. That the roads give the same files is roadsTest.cpp's.
+// after its end. What rows they hold is modelTest.cpp's.
 #include "coreTest.h"
 
 #include <gmock/gmock.h>

@@ -14,7 +14,10 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -53,10 +56,10 @@ inline std::string fileError(long code, int error, const std::string& name) {
     return "FileError " + std::to_string(code) + " errno " + std::to_string(error) + " " + name;
 }
 
-// A road: a setting of setMultiThread, or kSeveral for three threads at once.
-inline constexpr int kSeveral = 103;
+// A road: a setting of setMultiThread, or 100 and the number of several threads at once.
+inline constexpr int kOneOfSeveral = 101, kTwo = 102, kSeveral = 103;
 inline void takeRoad(zcmpsFilestr& stream, int road) {
-    road == kSeveral ? stream.setThreadCount(3) : stream.setMultiThread(road);
+    road > 100 ? stream.setThreadCount(road - 100) : stream.setMultiThread(road);
 }
 
 // A stream over a new file that holds a dictionary part only.
@@ -92,14 +95,26 @@ inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, 
     ASSERT_EQ(stream->Close(), 1);
 }
 
-// Ends the program when a test goes a minute without feeding it: a thread that waits for ever fails instead of hanging.
+// Ends the program, with the name of the case, when it goes a minute without being fed: a thread that waits for ever
+// fails instead of hanging.
 class Watchdog {
 public:
-    explicit Watchdog(const char* = nullptr) { feed(); }
+    Watchdog() {
+        std::signal(SIGALRM, [](int) {
+            if (::write(STDERR_FILENO, fCase, std::strlen(fCase)) >= 0) std::abort();
+        });
+        feed("hangs: before the first case\n");
+    }
     Watchdog(const Watchdog&) = delete;
     Watchdog& operator=(const Watchdog&) = delete;
     ~Watchdog() { alarm(0); }
-    static void feed() { alarm(60); }
+    static void feed(const std::string& name = "hangs\n") {
+        fCase[name.copy(fCase, sizeof fCase - 1)] = 0;
+        alarm(60);
+    }
+
+private:
+    static inline char fCase[200] = "";
 };
 
 // A finished file of six short blocks.
@@ -166,6 +181,18 @@ struct Layout {
     filePosRecord first{};
     std::vector<filePosRecord> records;
 };
+
+// A file with heading and index in the other byte order.
+inline Bytes swapped(Bytes file) {
+    const compressionHeading heading = Layout(file).heading;
+    const auto turn = [&](std::int64_t at, int width) { std::reverse(&file[at], &file[at] + width); };
+    for (const int field : {0, 8, 16}) turn(kRow0 + field, 8);
+    for (std::int64_t at = heading._indexPos; at < heading._indexPos + heading._size; at += kRecordSize) {
+        for (const int field : {0, 8}) turn(at + field, 8);
+        for (const int field : {16, 20}) turn(at + field, 4);
+    }
+    return file;
+}
 
 inline Bytes joined(const std::vector<Bytes>& parts) {
     Bytes all;

@@ -162,4 +162,32 @@ TEST_F(PlatformTest, TemporaryFileIsItsOwnersAloneAndGoesWhenThatProcessCloses) 
     EXPECT_TRUE(std::filesystem::exists(file)) << "a file that took the name over";
 }
 
+// Another file takes the name over before each of the first so many locks.
+struct Replacing : platform::faults::Hook {
+    Verdict before(Call call, int /*descriptor*/, std::uint64_t /*size*/) override {
+        if (call == Call::Lock && times-- > 0) {
+            std::ofstream(name + "2") << kDigits;
+            std::filesystem::rename(name + "2", name);
+        }
+        return Verdict::goOn();
+    }
+    std::string name;
+    int times = 0;
+};
+
+TEST_F(PlatformTest, AWriterLocksTheFileThatItsNameLeadsTo) {
+    Replacing hook;
+    hook.name = made("data", {});
+    const platform::faults::Installed installed(hook);
+    hook.times = 3;
+    const int descriptor = opened(hook.name, kTruncate);
+    EXPECT_EQ(platform::_write(descriptor, "mine", 4), 4);
+    EXPECT_EQ(std::filesystem::file_size(hook.name), 4U);
+    EXPECT_EQ(platform::_close(descriptor), 0);
+    hook.times = 1000;
+    EXPECT_EQ(opened(hook.name, kTruncate), -1);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_EQ(std::filesystem::file_size(hook.name), 10U) << "truncated though it was never locked";
+}
+
 }  // namespace

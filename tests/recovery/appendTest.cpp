@@ -1,7 +1,7 @@
-// Resuming finished files: what the file holds afterwards, and that an append which fails leaves what it found.
+// Resuming finished files: what the file holds afterwards. That an append which fails leaves what it found is told in
+// core/faultTest.cpp.
 #include "recoveryTest.h"
 
-#include <atomic>
 #include <cerrno>
 
 namespace recovery {
@@ -40,70 +40,6 @@ TEST_F(AppendTest, RowsBlocksAndIndexAfterwards) {
             EXPECT_TRUE(sameBytes(rowsOf(fFile), append.newRows() + again.addedRows()));
         }
     }
-}
-
-class AppendFailureTest : public AppendTest {
-protected:
-    // Whether the append had an n-th call, which failed, a write half-way. `lasting`: no change works from then on.
-    bool failAt(std::uint64_t nth, bool lasting, const Append& append, std::string& text) const {
-        std::atomic<bool> torn{false};
-        core::CallHook hook([&](Call call, std::uint64_t number) {
-            const bool changes = call == Call::Write || call == Call::Truncate || call == Call::Sync;
-            if (lasting) return number >= nth && changes ? Verdict::fail(ENOSPC) : Verdict::goOn();
-            if (number == nth && call == Call::Write) return torn = true, Verdict::atMost(kTorn);
-            return number == nth || torn.exchange(false) ? Verdict::fail(ENOSPC) : Verdict::goOn();
-        });
-        const core::Reader stream(fFile);
-        const platform::faults::Installed installed(hook);
-        try {
-            text.clear();
-            append.write(stream);
-            stream->Close();
-        } catch (const SystemFileException& error) {
-            text = error.fExpression;
-        } catch (const std::exception& error) {
-            text = error.what();
-        }
-        return hook.count() >= nth;
-    }
-};
-
-INSTANTIATE_TEST_SUITE_P(, AppendFailureTest, testing::Range(0, kWriting));
-
-TEST_P(AppendFailureTest, AtAnyCallLeavesTheRowsOrSaysWhatGetsThem) {
-    Append append = kAppends[GetParam()];
-    makeFile(fFile, blocksOf(append.old));
-    const Files old = present();
-    std::string text;
-    const auto says = [&](const char* part) { return text.find(part) != std::string::npos; };
-    int failures = 0;
-    int undone = 0;
-    for (append.road = 0; append.road < 4; ++append.road) {
-        lay(old);
-        EXPECT_TRUE(interrupted(append) != old || append.road >= 2);
-        EXPECT_EQ(present(), old) << "abandoned";
-        for (const bool lasting : {false, true}) {
-            for (std::uint64_t nth = 1; lay(old), failAt(nth, lasting, append, text); ++nth) {
-                SCOPED_TRACE(testing::Message() << append.road << lasting << " call " << nth << ": " << text);
-                ++failures;
-                undone += says("holds the rows that it held before") ? 1 : 0;
-                if (text.empty() || says("the append itself is complete") || says("\"rb\")")) {
-                    EXPECT_TRUE(sameBytes(rowsOf(fFile), append.newRows()));
-                    EXPECT_TRUE(!std::filesystem::exists(fSide) || says("remove this file"));
-                } else if (says("'orva recover' gets them")) {
-                    EXPECT_TRUE((append.road & 1) == 0 && orva::recover(fFile, fOut, {kPart}).lost.empty());
-                    const Bytes kept = append.keptRows();
-                    EXPECT_TRUE(sameBytes(support::slice(rowsOf(fOut), 0, kept.size()), kept));
-                } else {
-                    if (says("--roll-back")) orva::rollBack(fFile);
-                    EXPECT_EQ(present(), old);
-                }
-            }
-        }
-    }
-    RecordProperty("failures", failures);
-    EXPECT_GT(failures, 200);
-    EXPECT_GT(undone, 15);
 }
 
 TEST_F(AppendTest, OneAtATimeAndNoneBesideASideFile) {

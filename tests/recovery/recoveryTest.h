@@ -22,6 +22,7 @@ using core::failureOf;
 using core::kBlock;
 using core::kRow0;
 using core::Layout;
+using core::swapped;
 using platform::faults::Call;
 using platform::faults::Verdict;
 using support::Bytes;
@@ -172,18 +173,6 @@ inline Bytes standingRows(const Bytes& file) {
         at += taken;
     }
     return rows;
-}
-
-// A file with heading and index in the other byte order.
-inline Bytes swapped(Bytes file) {
-    const compressionHeading heading = Layout(file).heading;
-    const auto turn = [&](std::int64_t at, int width) { std::reverse(&file[at], &file[at] + width); };
-    for (const int field : {0, 8, 16}) turn(kRow0 + field, 8);
-    for (std::int64_t at = heading._indexPos; at < heading._indexPos + heading._size; at += kRecordSize) {
-        for (const int field : {0, 8}) turn(at + field, 8);
-        for (const int field : {16, 20}) turn(at + field, 4);
-    }
-    return file;
 }
 
 }  // namespace recovery

@@ -223,47 +223,6 @@ TEST_F(Cipher, ReadsAtOtherThanMultiplesOf16AreABreach) {
     EXPECT_DEATH(expectRead(8, 16), breach);
 }
 
-// A write that the file refuses is told by the call that flushes it, which ends the run.
-TEST_F(Cipher, StreamReadsWhatWasWrittenOrAFailureWasTold) {
-    constexpr std::size_t kLengths[] = {kBlockSize - 1, kBlockSize, kBlockSize + 1, kBlockSize + 525,
-                                        2 * kBlockSize + 5};
-    int whole = 0;
-    for (std::uint64_t seed = 0; seed < 100 && !HasFailure(); ++seed) {
-        support::RandomBytes random(seed);
-        Bytes bytes;
-        support::ModelStream model(path("f"), "w+b", bytes, true);
-        const auto end = [&] { return static_cast<std::int64_t>(bytes.size()); };
-        const auto readAll = [&](std::size_t piece) {
-            for (model.reset(); model.position() < end() && !HasFailure();) model.read(piece);
-        };
-        try {
-            if (seed < 10) model.write(random.noise(kLengths[seed % 5]));
-            for (int i = 0; i < 40 && seed >= 5 && !HasFailure(); ++i) {
-                const std::uint64_t kind = random.below(6);
-                const std::int64_t any = random.between(std::max<std::int64_t>(end() - 4'000, 0), end());
-                if (kind == 0) model.stream().Close();
-                if (kind == 1) model.stream().Flush();
-                model.seek(kind == 2 || random.oneIn(2) ? any / 16 * 16 : any);
-                if (kind == 2) model.read(kBlockSize + 512);
-                if (kind == 3) model.read(random.below(700));
-                if (random.oneIn(3)) model.seek(end());
-                if (kind > 3) model.write(random.noise(random.below(200)));
-            }
-            model.stream().Close();
-            readAll(100'001);
-            model.stream().EnableMultiThreadReading();
-            readAll(100'001);
-            model.stream().DisablePreReading();
-            readAll(48 * 1024);
-            ++whole;
-        } catch (const FileError& error) {
-            EXPECT_TRUE(error.code().value() == EINVAL && seed >= 5) << error.what();
-            model.stream().ClearAndReset();
-        }
-    }
-    EXPECT_GE(whole, 15);
-}
-
 TEST_F(Cipher, CompressedStreamIsRefused) {
     ORVA_FileStream stream(path("f").c_str(), "w+b", true);
     stream.Write("0123456789", 10);

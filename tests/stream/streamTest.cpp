@@ -37,6 +37,20 @@ TEST_F(Stream, CopySharesTheFileUntilOneGoesOn) {
     EXPECT_EQ(ORVA_FileStream(fFile.c_str(), "r+").Good(), 1) << "closed with the last one";
 }
 
+TEST_F(Stream, AWriteBeyondTheLastPositionMovesNothing) {
+    ORVA_FileStream stream(fFile.c_str(), "r+");
+    const std::int64_t last = std::numeric_limits<std::int64_t>::max() - 1;
+    stream.Seek(last, ORVA_StrBaseIO::SeekFromStart);
+    try {
+        stream.Write("abc", 3);
+        ADD_FAILURE() << "written";
+    } catch (const FileError& error) {
+        EXPECT_TRUE(error.messageCode() == 1002 && error.code().value() == EFBIG);
+    }
+    EXPECT_TRUE(stream.Good() == 0 && stream.Tell() == last);
+    EXPECT_EQ(support::readBytes(fFile), support::Bytes(100, 'o'));
+}
+
 TEST_F(Stream, DestructorThrowsUnlessAFlightBeganSinceItsConstruction) {
     const auto end = [this](bool inFlight) {
         FileCalls calls;

@@ -1,0 +1,376 @@
+// Whatever a script needs and does not get, at each place where it needs it, on every road: the right failure or the
+// right bytes; no hang, no leak, no end of the program; a Close that gave 1 told the truth; and once there is enough of
+// everything again, the stream goes on or the file is as it was found.
+#include "filePosInfo.h"
+#include "indexTransfer.h"
+#include "recovery/recoveryTest.h"
+#include "scarcity.h"
+#include "zcmpsPreIOThread.h"
+
+#include <orva/workdir.h>
+
+#include <gmock/gmock.h>
+
+#include <cstdio>
+#include <functional>
+#include <span>
+
+namespace core {
+namespace {
+
+using testing::AnyOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr Fault kFaults[] = {
+    {"EioOnce", Fault::Calls, EIO},
+    {"EioFromThenOn", Fault::Calls, EIO, true},
+    {"FullFromThenOn", Fault::Calls, ENOSPC, true},
+    {"FullAfterAPart", Fault::Calls, ENOSPC, true, true},
+    {"InterruptedOnce", Fault::Calls, EINTR},
+    {"ShortFromThenOn", Fault::Calls, 0, true, true},
+    {"NoMemoryOnce", Fault::Memory},
+    {"NoMemoryFromThenOn", Fault::Memory, 0, true},
+    {"NoCodecFromThenOn", Fault::Codecs, 0, true},
+    {"NoThreadOnce", Fault::Threads},
+    {"NoThreadFromThenOn", Fault::Threads, 0, true},
+};
+
+#ifdef __SANITIZE_THREAD__
+constexpr std::uint64_t kStep = 3;  // ten times as slow
+#else
+constexpr std::uint64_t kStep = 1;
+#endif
+
+class Faults : public ShortBlocks {
+protected:
+    // Runs `body(road, scarcity)` over all faults and places.
+    template <class Body>
+    void everywhere(const std::vector<int>& roads, Body body) {
+        int refused[4] = {};
+        for (const int road : roads) {
+            for (const Fault& fault : kFaults) {
+                bool reached = true;
+                for (std::uint64_t k = 1; reached && !HasFailure(); k += kStep) {
+                    const std::string name =
+                        std::string(fault.name) + ", k " + std::to_string(k) + ", road " + std::to_string(road);
+                    SCOPED_TRACE(name);
+                    Watchdog::feed("hangs: " + name + "\n");
+                    Scarcity scarcity(fault, k);
+                    body(road, scarcity);
+                    reached = scarcity.reached();
+                    refused[fault.kind] += reached ? 1 : 0;
+                    EXPECT_LT(k, 3'000U);
+                }
+            }
+        }
+        RecordProperty("calls", refused[Fault::Calls]);
+        RecordProperty("allocations", refused[Fault::Memory]);
+        RecordProperty("codecs", refused[Fault::Codecs]);
+        RecordProperty("threads", refused[Fault::Threads]);
+        std::printf("refused: %d calls, %d allocations, %d codecs, %d threads\n", refused[0], refused[1], refused[2],
+                    refused[3]);
+        EXPECT_GT(refused[Fault::Calls], 20);
+        EXPECT_GT(refused[Fault::Memory], 5);
+    }
+
+    // What was heard names what was refused.
+    void expectRight(const std::string& failure, const Scarcity& s) const {
+        if (failure.empty()) return;
+        EXPECT_TRUE(s.refused()) << failure << " out of nothing";
+        const std::string cannotOpen = "SystemFileException 1201 ";
+        if (s.fault.kind == Fault::Calls) {
+            const int error = s.fault.error;
+            const std::string side = fName + ".orva-undo";
+            EXPECT_THAT(failure, AnyOf(fileError(1002, error, fName), fileError(1003, error, fName),
+                                       fileError(1002, error, side), fileError(1003, error, side),
+                                       // One that cannot be opened may be there.
+                                       fileError(1002, EEXIST, side), StartsWith(cannotOpen)));
+            const bool told = failure.starts_with(cannotOpen) || failure == fileError(1002, EEXIST, side) ||
+                              s.text.find(std::strerror(error)) != std::string::npos;
+            EXPECT_TRUE(told) << s.text;
+        } else {
+            const char* what =
+                s.fault.kind == Fault::Threads ? "other Resource temporarily unavailable" : "other std::bad_alloc";
+            EXPECT_THAT(failure, AnyOf(StartsWith(what), StartsWith(fileError(1002, ENOMEM, fName))));
+        }
+    }
+    void writeAll(ORVA_StrBaseIO& stream, const Bytes& bytes) {
+        fTaken += stream.Write(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+    }
+    std::uint64_t fTaken = 0;
+};
+
+TEST_F(Faults, ANewFile) {
+    const Bytes rows = joined(fBlocks);
+    everywhere({0, 1, kOneOfSeveral, kTwo}, [&](int road, Scarcity& s) {
+        support::writeBytes(fName, Bytes(kRow0, 0xD5));
+        std::unique_ptr<zcmpsFilestr> stream;
+        bool isWriter = false;
+        std::int32_t closed = 0;
+        std::string heard = s.heard([&] {
+            stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(fName.c_str(), "r+b"));
+            takeRoad(*stream, road);
+            beginRows(*stream);
+            isWriter = true;
+            for (const Bytes& block : fBlocks) writeAll(*stream, block), stream->Flush();
+        });
+        expectRight(heard, s);
+        if (stream != nullptr) {
+            const std::string atClose = s.heard([&] { closed = stream->Close(); });
+            // The first failure is final; a stream that never was a writer has nothing to finish.
+            EXPECT_TRUE(heard.empty() || atClose == (isWriter ? heard : "")) << atClose << " after " << heard;
+            if (heard.empty()) expectRight(atClose, s), heard = atClose;
+        }
+        EXPECT_EQ(closed == 1 && isWriter, heard.empty());
+        EXPECT_EQ(s.heard([&] { stream.reset(); }), "") << "told before";
+        Bytes found;
+        const std::string back = failureOf([&] { found = Reader(fName, 0, kRow0).read(rows.size() + 1); });
+        EXPECT_TRUE(back.empty() ? found == rows : back.starts_with("DamagedFileError")) << back;
+        EXPECT_TRUE(!heard.empty() || back.empty()) << "Close gave 1: " << back;
+        EXPECT_TRUE(s.bHeading || !back.empty()) << "finished without a heading";
+        EXPECT_FALSE(s.bBehindHeading) << "the heading is written last";
+    });
+}
+
+// Above the buffers of the streams and the blocks of their workers.
+TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
+    const compressionHeading sound = Layout(fFile).heading;
+    constexpr std::int64_t kSizes[] = {24, 24 * (std::int64_t{1} << 26), 178'956'970LL * 24, INT64_MAX / 24 * 24};
+    for (const std::int64_t size : kSizes) {
+        for (const std::int64_t place : {sound._indexPos, std::int64_t{kRow0 + 24}, INT64_MAX - size}) {
+            support::overwriteBytes(fName, kRow0, bytesOf(compressionHeading{kRow0, place, size}));
+            for (const int road : {0, 2, kTwo}) {
+                takePeakOfMemory();
+                EXPECT_THAT(failureOf([&] { Reader(fName, road, kRow0); }), StartsWith("DamagedFileError"));
+                EXPECT_LT(takePeakOfMemory(), 3U * kBlock + (64U << 20)) << size << " at " << place;
+            }
+            failureOf([&] { orva::recover(fName, path("out"), {}); });
+            EXPECT_LT(takePeakOfMemory(), 12U * kBlock + (64U << 20)) << size << " at " << place;
+        }
+    }
+}
+
+// Of one road: several roads of a stream, and the worker that no setting of a stream takes.
+class BlockReader {
+public:
+    static constexpr int kTwoThreads = 200;
+    void open(const std::string& name, int road) {
+        if (road != kTwoThreads) {
+            fStream = std::make_unique<Reader>(name, road);
+            if ((*fStream)->Good() == 0) throw SystemFileException(1201, "", "", 0, true);
+            (*fStream)->readFilePosInfo(kRow0, false);
+            return;
+        }
+        ExtNameStr file;
+        file.SetGeneric(name);
+        if (!fFile.Open(file, "rb")) throw SystemFileException(1201, "", "", 0, true);
+        fIndex = std::make_unique<filePosInfo>(kBlock);
+        orva::loadIndex(fFile, orva::readHeading(fFile, kRow0, false, ""), false, *fIndex);
+        fWorker = startedWorker(std::make_unique<PreIOThread_Tri_Reader>(&fFile, fIndex.get(), kBlock), true);
+    }
+    void read(const filePosRecord& block, Bytes& to) {
+        const auto size = static_cast<std::uint32_t>(block.orginalSize);
+        if (fWorker != nullptr) fWorker->getBlock(to.data(), size, block.orginalPos);
+        if (fStream != nullptr) (*fStream)->Seek(block.orginalPos, ORVA_StrBaseIO::SeekFromStart);
+        if (fStream != nullptr) (*fStream)->Read(to.data(), size);
+    }
+    ~BlockReader() {
+        if (fWorker == nullptr) return;
+        fWorker->stopThreads();
+        fWorker->destroyThreads();
+    }
+
+private:
+    std::unique_ptr<Reader> fStream;
+    ORVA_File fFile;
+    std::unique_ptr<filePosInfo> fIndex;
+    std::unique_ptr<PreIOThreadBase> fWorker;
+};
+
+TEST_F(Faults, AReaderOfBlocks) {
+    const std::vector<filePosRecord> records = Layout(fFile).records;
+    everywhere({0, 2, kOneOfSeveral, kTwo, BlockReader::kTwoThreads}, [&](int road, Scarcity& s) {
+        BlockReader reader;
+        const std::string atOpen = s.heard([&] { reader.open(fName, road); });
+        expectRight(atOpen, s);
+        const auto expectBlock = [&](std::size_t i, const std::function<std::string(std::function<void()>)>& run) {
+            Bytes rows(fBlocks[i].size());
+            const std::string failure = run([&] { reader.read(records[i], rows); });
+            EXPECT_TRUE(!failure.empty() || rows == fBlocks[i]) << "block " << i;
+            return failure;
+        };
+        for (const std::size_t i : {0, 1, 2, 3, 5, 0, 4}) {
+            if (!atOpen.empty()) break;
+            expectRight(expectBlock(i, [&](const auto& body) { return s.heard(body); }), s);
+        }
+        // There is enough of everything again.
+        if (!atOpen.empty()) reader.open(fName, road);
+        for (const std::size_t i : {1, 0, 4}) EXPECT_EQ(expectBlock(i, failureOf<std::function<void()>>), "");
+    });
+}
+
+// A plain stream, of its bits: 1 read-ahead, 2 requests go straight to the file, 4 enciphered.
+class StreamFaults : public Faults {
+protected:
+    StreamFaults() { SetKeepEncrypt(true); }
+    ~StreamFaults() override { SetKeepEncrypt(false); }
+    static void open(std::unique_ptr<ORVA_FileStream>& stream, const std::string& name, const char* mode, int road) {
+        if (stream == nullptr) stream = std::make_unique<ORVA_FileStream>((road & 4) != 0);
+        if (stream->Open(name.c_str(), mode) == 0) throw SystemFileException(1201, "", "", 0, true);
+        if ((road & 1) != 0) stream->EnableMultiThreadReading();
+        if ((road & 2) != 0) stream->DisablePreReading();
+    }
+    const Bytes fContent = support::RandomBytes(7).noise(kBlock + 40'960);
+};
+
+TEST_F(StreamFaults, AStreamThatIsWritten) {
+    everywhere({0, 4}, [&](int road, Scarcity& s) {
+        std::unique_ptr<ORVA_FileStream> stream;
+        std::filesystem::remove(fName);
+        const std::string atOpen = s.heard([&] { open(stream, fName, "w+b", road); });
+        expectRight(atOpen, s);
+        if (!atOpen.empty()) open(stream, fName, "w+b", road);
+        std::size_t end = 0;
+        const auto goOn = [&] {
+            const auto at = static_cast<std::size_t>(stream->Tell());
+            fTaken += stream->Write(fContent.data() + at, static_cast<std::uint32_t>(end - at));
+            stream->Flush();
+        };
+        // What was not taken, or waits, is written by the next attempt.
+        for (const std::size_t piece : {100UL, 900UL, fContent.size() - 40'000, 39'000UL}) {
+            end += piece;
+            const std::string failure = s.heard(goOn);
+            expectRight(failure, s);
+            if (failure.empty()) continue;
+            EXPECT_TRUE(s.fault.kind != Fault::Calls || stream->Good() == 0);
+            stream->Clear();
+            EXPECT_EQ(failureOf(goOn), "");
+        }
+        std::int32_t closed = 0;
+        const auto close = [&] { closed = stream->Close(); };
+        const std::string atClose = s.heard(close);
+        expectRight(atClose, s);
+        if (!atClose.empty()) close();
+        EXPECT_EQ(closed, 1);
+        EXPECT_EQ(s.heard([&] { stream.reset(); }), "");
+        Bytes found(fContent.size() + 16);
+        open(stream, fName, "rb", road);
+        found.resize(stream->Read(found.data(), static_cast<std::uint32_t>(found.size())));
+        EXPECT_TRUE(support::sameBytes(found, fContent));
+    });
+}
+
+TEST_F(StreamFaults, AStreamThatIsRead) {
+    for (const int cipher : {0, 4}) {
+        std::unique_ptr<ORVA_FileStream> made;
+        open(made, fName, "w+b", cipher);
+        write(*made, fContent);
+        made.reset();
+        everywhere(cipher == 0 ? std::vector{0, 1, 2} : std::vector{4, 5}, [&](int road, Scarcity& s) {
+            std::unique_ptr<ORVA_FileStream> stream;
+            const std::string atOpen = s.heard([&] { open(stream, fName, "rb", road); });
+            expectRight(atOpen, s);
+            if (!atOpen.empty()) open(stream, fName, "rb", road);
+            const auto end = static_cast<std::int64_t>(fContent.size());
+            const std::pair<std::int64_t, std::size_t> requests[] = {
+                {0, 1'600}, {512, 160}, {kBlock - 512, 4'800}, {1'024, kBlock + 512}, {end - 160, 320}, {0, 32}};
+            for (const auto& [at, size] : requests) {
+                Bytes found(size);
+                std::uint32_t count = 0;
+                const auto run = [&, place = at] {
+                    stream->Seek(place, ORVA_StrBaseIO::SeekFromStart);
+                    count = stream->Read(found.data(), static_cast<std::uint32_t>(found.size()));
+                };
+                const std::string failure = s.heard(run);
+                expectRight(failure, s);
+                if (!failure.empty()) stream->Clear(), run();
+                found.resize(count);
+                EXPECT_EQ(stream->Good(), 1);
+                EXPECT_TRUE(support::sameBytes(found, support::slice(fContent, static_cast<std::size_t>(at), size)));
+            }
+        });
+    }
+}
+
+}  // namespace
+}  // namespace core
+
+namespace recovery {
+
+// What a failed append leaves is what it found, or its text says what brings that back.
+class AppendFaults : public core::Faults {
+protected:
+    Files present() const {
+        Files files;
+        for (const std::string& name : {fName, orva::sideFileName(fName)}) {
+            if (std::filesystem::exists(name)) files[name] = support::readBytes(name);
+        }
+        return files;
+    }
+};
+
+TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
+    const std::string side = orva::sideFileName(fName);
+    for (const Append& append : std::span(kAppends).first(kWriting)) {
+        SCOPED_TRACE(append.name);
+        makeFile(fName, blocksOf(append.old));
+        const Files old = present();
+        const std::vector<Bytes> added = blocksOf(append.added, 100);
+        const auto end = static_cast<std::int64_t>(append.keptRows().size()) + kRow0;
+        int undone = 0;
+        const bool first = &append == kAppends;
+        everywhere(first ? std::vector{0, 1, 2, 3, 5} : std::vector{0, 5}, [&](int road, core::Scarcity& s) {
+            const bool safe = (road & 1) != 0;
+            std::filesystem::remove(side);
+            support::writeBytes(fName, old.at(fName));
+            std::unique_ptr<zcmpsFilestr> stream;
+            bool isWriter = false;
+            std::int32_t closed = 0;
+            std::string failure = s.heard([&] {
+                stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(fName.c_str(), "rb"));
+                if (stream->Good() == 0) throw SystemFileException(1201, "", "", 0, true);
+                stream->setThreadCount(road / 2);
+                stream->setSafeAppend(safe);
+                stream->readFilePosInfo(kRow0, false);
+                stream->Seek(end, ORVA_StrBaseIO::SeekFromStart);
+                stream->setFileToAppend(end, false);
+                isWriter = true;
+                for (const Bytes& block : added) writeAll(*stream, block), stream->Flush();
+                closed = stream->Close();
+            });
+            expectRight(failure, s);
+            EXPECT_EQ(closed == 1, failure.empty());
+            const std::string text = s.text;
+            const auto says = [&](const char* part) { return text.find(part) != std::string::npos; };
+            const bool complete = says("the append itself is complete") || failure.find("\"rb\")") != std::string::npos;
+            EXPECT_EQ(s.heard([&] { stream.reset(); }), "") << "told before";
+            undone += says("holds the rows that it held before") ? 1 : 0;
+            if (failure.empty() || complete) {
+                EXPECT_TRUE(sameBytes(rowsOf(fName), append.newRows()));
+                EXPECT_TRUE(!std::filesystem::exists(side) || says("remove this file"));
+            } else if (says("'orva recover' gets them")) {
+                // A torn block, with nothing else going any more, costs the rows of the one that it stands on.
+                const bool torn = s.fault.afterAPart;
+                Bytes found;
+                const std::string failed = failureOf([&] {
+                    EXPECT_TRUE(!safe && (orva::recover(fName, path("out"), {kPart}).lost.empty() || torn));
+                    found = rowsOf(path("out"));
+                });
+                const std::size_t kept = torn ? (append.old.empty() ? 0 : append.old[0]) : append.keptRows().size();
+                EXPECT_TRUE(failed.empty() || kept == 0) << failed;
+                EXPECT_TRUE(sameBytes(support::slice(found, 0, kept), support::slice(append.oldRows(), 0, kept)));
+            } else {
+                // Without memory there is no text that says so, nor whether it came to its end.
+                const bool mute = s.fault.kind != core::Fault::Calls;
+                const bool left = std::filesystem::exists(side);
+                EXPECT_TRUE(!left || says("--roll-back") || mute || s.fault.lasting) << text;
+                if (left || says("--roll-back")) orva::rollBack(fName);
+                EXPECT_TRUE(present() == old || (mute && rowsOf(fName) == append.newRows())) << failure << ": " << text;
+            }
+        });
+        EXPECT_GT(undone, 15);
+    }
+}
+
+}  // namespace recovery

@@ -1,0 +1,235 @@
+// Random operations on every kind of stream and road, beside a byte vector that says what they must give.
+// ORVA_MODEL_OPERATIONS makes the few thousands of an ordinary run millions; ORVA_MODEL_SEED begins elsewhere.
+#include "coreTest.h"
+#include "stream/modelStream.h"
+
+#include <orva/workdir.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace core {
+namespace {
+
+std::uint64_t told(const char* variable, std::uint64_t otherwise) {
+    const char* value = std::getenv(variable);
+    return value != nullptr ? std::strtoull(value, nullptr, 10) : otherwise;
+}
+
+class Model : public support::TempDir {
+protected:
+    // Rounds of `round(random, number)`, which counts its operations, until there are enough or one failed.
+    template <class Round>
+    void rounds(std::uint64_t quick, Round round) {
+        const std::uint64_t enough = told("ORVA_MODEL_OPERATIONS", quick);
+        for (std::uint64_t seed = told("ORVA_MODEL_SEED", 1); fOperations < enough && !HasFailure(); ++seed) {
+            Watchdog::feed("hangs: seed " + std::to_string(seed) + "\n");
+            support::RandomBytes random(seed);
+            round(random, seed);
+        }
+        RecordProperty("operations", std::to_string(fOperations));
+        std::printf("%llu operations\n", static_cast<unsigned long long>(fOperations));
+    }
+    // Mostly small, now and then around the sizes at which a path ends or begins.
+    static std::size_t anySize(support::RandomBytes& random) {
+        if (random.oneIn(400)) return static_cast<std::size_t>(kBlock + random.between(-513, 513));
+        if (random.oneIn(20)) return static_cast<std::size_t>(random.between(509, 515));
+        return random.below(random.oneIn(5) ? 20'000 : 200);
+    }
+    Bytes someRows(support::RandomBytes& random, std::size_t size) const {
+        return support::slice(fPool, random.below(fPool.size() - size), size);
+    }
+
+    const Watchdog fWatchdog;
+    const std::string fName = path("file");
+    const Bytes fPool = support::RandomBytes(5).rows(3 * kBlock);
+    std::uint64_t fOperations = 0;
+};
+
+TEST_F(Model, PlainStream) {
+    rounds(40'000, [&](support::RandomBytes& random, std::uint64_t) {
+        Bytes content = someRows(random, random.below(2 * kBlock));
+        auto model = std::make_unique<support::ModelStream>(made("file", content), "r+b", content);
+        for (int i = 0; i < 4'000 && !HasFailure(); ++i, ++fOperations) {
+            SCOPED_TRACE("operation " + std::to_string(i));
+            ORVA_FileStream& s = model->stream();
+            const std::uint64_t kind = random.below(2'000);
+            if (kind < 800) {
+                model->read(anySize(random));
+            } else if (kind < 1'400) {
+                if (model->position() > 16'000'000) model->seek(0);
+                model->write(someRows(random, anySize(random)));
+            } else if (kind < 1'960) {
+                model->seek(random.between(-700, 700), ORVA_StrBaseIO::SeekFromCurrent);
+            } else if (kind < 1'968) {
+                model->seek(random.between(0, 3) * kBlock + static_cast<std::int64_t>(anySize(random)));
+            } else if (kind < 1'976) {
+                model->seek(random.between(-900, 900), ORVA_StrBaseIO::SeekFromEnd);
+            } else if (kind < 1'984) {
+                random.oneIn(3) ? s.DisablePreReading() : s.EnablePreReading();
+            } else if (kind < 1'990) {
+                random.oneIn(3) ? s.DisableMultiThreadReading() : s.EnableMultiThreadReading();
+            } else if (kind < 1'994) {
+                EXPECT_EQ(random.oneIn(2) ? s.Flush() : s.Close(), 1);
+            } else if (kind < 1'996) {
+                s.Open(s.GetNameStr(), "r+b"), model->moveTo(0);
+            } else if (kind < 1'998) {
+                model = std::make_unique<support::ModelStream>(*model);
+            } else {
+                s.Flush(), model->reset();
+            }
+        }
+        model.reset();
+        EXPECT_TRUE(support::sameBytes(support::readBytes(fName), content));
+    });
+}
+
+// A write that the file refuses is told by the call that flushes it, which ends the round: docs/cipher.md.
+TEST_F(Model, EncipheredStream) {
+    SetKeepEncrypt(true);
+    int whole = 0;
+    int refusals = 0;
+    rounds(12'000, [&](support::RandomBytes& random, std::uint64_t) {
+        Bytes content;
+        std::filesystem::remove(fName);
+        auto model = std::make_unique<support::ModelStream>(fName, "w+b", content, true);
+        const bool ragged = random.oneIn(4);
+        const auto end = [&] { return std::ssize(content); };
+        try {
+            for (int i = 0; i < 300 && !HasFailure(); ++i, ++fOperations) {
+                SCOPED_TRACE("operation " + std::to_string(i));
+                const std::uint64_t kind = random.below(20);
+                const std::int64_t any = random.between(std::max<std::int64_t>(end() - 9'000, 0), end());
+                const std::size_t size = anySize(random);
+                if (kind == 0) {
+                    EXPECT_EQ(random.oneIn(2) ? model->stream().Flush() : model->stream().Close(), 1);
+                }
+                if (kind == 1)
+                    random.oneIn(2) ? model->stream().EnableMultiThreadReading()
+                                    : model->stream().DisableMultiThreadReading();
+                if (kind == 2 && random.oneIn(8)) {
+                    model->stream().Close();  // a destructor within reset must not throw
+                    model.reset();
+                    content.resize((content.size() + 15) / 16 * 16);  // another stream has the pad for data
+                    model = std::make_unique<support::ModelStream>(fName, "r+b", content, true);
+                }
+                if (kind > 1 && kind < 12) {
+                    model->seek(random.oneIn(2) ? any / 16 * 16 : any);
+                    model->read(size);
+                }
+                if (kind >= 12 && end() < 3 * kBlock) {
+                    const bool inside = random.oneIn(4) && end() % 16 == 0;
+                    const std::size_t written = ragged ? size : size / 16 * 16;
+                    model->seek(inside ? any / 16 * 16 : end());
+                    model->write(someRows(random, written));
+                }
+            }
+            model->stream().Close();
+            for (model->reset(); model->position() < end() && !HasFailure();) model->read(100'001);
+            ++whole;
+        } catch (const FileError& error) {
+            EXPECT_TRUE(ragged && error.code().value() == EINVAL) << error.what();
+            ++refusals;
+            model->stream().ClearAndReset();
+        }
+    });
+    SetKeepEncrypt(false);
+    EXPECT_GT(whole, refusals);
+}
+
+class CompressedModel : public Model {
+protected:
+    static constexpr int kRoads[] = {0, 1, 2, kOneOfSeveral, kTwo, kSeveral};
+
+    void writeSome(support::RandomBytes& random, zcmpsFilestr& stream) {
+        for (std::uint64_t i = random.below(30); i > 0; --i, ++fOperations) {
+            const Bytes rows = someRows(random, random.oneIn(9) ? 0 : anySize(random));
+            write(stream, rows);
+            fRows.insert(fRows.end(), rows.begin(), rows.end());
+            if (random.oneIn(3)) stream.Flush();
+            EXPECT_EQ(stream.Tell(), end());
+        }
+    }
+    void finish(support::RandomBytes& random, zcmpsFilestr& stream) {
+        if (random.oneIn(3)) return;  // the destructor finishes it
+        EXPECT_EQ(stream.Close(), 1);
+        EXPECT_EQ(stream.Close(), 1);
+    }
+    void makeAnew(support::RandomBytes& random, int road) {
+        const auto stream = startedWriter(fName, road == 2 ? 0 : road);
+        fRows.clear();
+        writeSome(random, *stream);
+        finish(random, *stream);
+    }
+    void append(support::RandomBytes& random, int road) {
+        const Bytes file = support::readBytes(fName);
+        const std::vector<filePosRecord> records = Layout(file).records;
+        const bool cuts = !records.empty() && records.back().orginalSize < kBlock && random.oneIn(2);
+        const Bytes before = fRows;
+        const bool swap = random.oneIn(3);
+        if (swap) support::writeBytes(fName, swapped(file));
+        const Reader stream(fName, road == 1 || road > 100 ? road : 0, kRow0, swap);
+        if (cuts) fRows.resize(fRows.size() - random.below(static_cast<std::uint64_t>(records.back().orginalSize) + 1));
+        stream->setSafeAppend(random.oneIn(3));
+        stream->Seek(end(), ORVA_StrBaseIO::SeekFromStart);
+        stream->setFileToAppend(end(), swap);
+        writeSome(random, *stream.operator->());
+        if (random.oneIn(4)) {
+            stream->abandon();
+            fRows = before;
+            // What no block and no index holds may differ.
+            EXPECT_TRUE(support::sameBytes(Reader(fName, 0, kRow0, swap).read(fRows.size() + 1), fRows));
+            if (swap) support::writeBytes(fName, file);
+        } else {
+            finish(random, *stream.operator->());
+        }
+    }
+    void readSome(support::RandomBytes& random, int road) {
+        const bool swap = random.oneIn(3);
+        const Bytes file = support::readBytes(fName);
+        if (swap) support::writeBytes(fName, swapped(file));
+        const std::vector<filePosRecord> records = Layout(file).records;
+        const Reader reader(fName, road, kRow0, swap);
+        std::int64_t at = kRow0;
+        for (int i = 0; i < 60 && !HasFailure(); ++i, ++fOperations) {
+            std::size_t size = anySize(random);
+            const std::uint64_t kind = random.below(12);
+            if (kind < 4) at = random.between(kRow0 - 3, end() + 3);
+            if (kind == 4 && !records.empty()) {
+                const filePosRecord& block = records[random.below(records.size())];
+                at = block.orginalPos;
+                size = static_cast<std::size_t>(block.orginalSize) * (1 + random.below(2));
+            }
+            if (kind == 5) size = 2 * kBlock;
+            if (kind == 9 && random.oneIn(4)) at = random.oneIn(2) ? INT64_MAX - 1 : INT64_MIN;
+            if (kind == 6) reader->setBlockCache(static_cast<std::int32_t>(random.below(4)));
+            if (kind == 7 && (road == 0 || road > 100)) reader->readFilePosInfo(kRow0, swap);
+            if (kind == 8) reader->Close();
+            const bool inside = at >= kRow0 && at < end();
+            const Bytes expected = inside ? support::slice(fRows, static_cast<std::size_t>(at - kRow0), size) : Bytes();
+            EXPECT_TRUE(support::sameBytes(reader.readAt(at, size), expected)) << "at " << at;
+            at += std::ssize(expected);
+            EXPECT_EQ(reader->Tell(), at);
+        }
+        if (swap) support::writeBytes(fName, file);
+    }
+    std::int64_t end() const { return kRow0 + std::ssize(fRows); }
+
+    Bytes fRows;
+};
+
+TEST_F(CompressedModel, RowsAreThoseThatWereWritten) {
+    rounds(12'000, [&](support::RandomBytes& random, std::uint64_t seed) {
+        const int road = kRoads[seed % std::size(kRoads)];
+        SCOPED_TRACE("road " + std::to_string(road));
+        makeAnew(random, road);
+        for (int session = 0; session < 6 && !HasFailure(); ++session) {
+            readSome(random, road);
+            if (end() < 3 * kBlock) append(random, road);
+        }
+        readSome(random, 0);
+    });
+}
+
+}  // namespace
+}  // namespace core
