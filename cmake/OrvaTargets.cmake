@@ -9,7 +9,12 @@ function(orva_compile_settings target)
         target_compile_options(${target} PRIVATE
             -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wold-style-cast -Wnon-virtual-dtor
             $<$<BOOL:${ORVA_WERROR}>:-Werror>
-            -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+            -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+            "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:${orva_hardening_compile}>")
+        target_link_options(${target} PRIVATE "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:${orva_hardening_link}>")
+        if(ORVA_BLOCK_SIZE)
+            target_compile_definitions(${target} PUBLIC ORVA_BLOCK_SIZE=${ORVA_BLOCK_SIZE})
+        endif()
         if(ORVA_SANITIZE)
             target_compile_options(${target} PRIVATE
                 -fsanitize=${ORVA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -4,7 +4,12 @@
 #include <cstdint>
 
 // 4 MiB less 4,096: 8,184 sectors of 512 bytes. A constant of the file format, docs/format.md.
+#ifdef ORVA_BLOCK_SIZE
+inline constexpr std::uint32_t kBlockSize = ORVA_BLOCK_SIZE;  // a build for fuzz targets, never installed
+#else
 inline constexpr std::uint32_t kBlockSize = 4'190'208;
+#endif
+static_assert(kBlockSize % 512 == 0, "direct reads end on multiples of a sector");
 
 // Reads from the page cache into memory that begins on a multiple of this run at full speed; into malloc's 16-byte
 // aligned blocks they were measured at half of it.
