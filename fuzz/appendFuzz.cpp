@@ -1,131 +1,120 @@
-// Appending to a file: finished, abandoned, or interrupted and rolled back. A file that cannot take an append is left
-// alone; after any other end the rows are the old ones with the new behind them, or just the old ones.
+// Appending to a file: finished, abandoned, or interrupted and rolled back, by its side file as it was or as anybody
+// may have changed it. What is refused changes nothing; after any other end the rows are the old ones with the new
+// behind them, or just the old ones.
 #include "appendJournal.h"
 #include "fuzzTarget.h"
 
+using namespace fuzz;
+
 namespace {
 
-using fuzz::Bytes;
-using fuzz::require;
-using fuzz::soundFor;
-
-class Appending {
+class Appending : Input {
 public:
-    Appending(fuzz::Input& input, bool swap) : fOld(input.file), fSwap(swap), fReference(fOld, fuzz::kRow0, swap) {
-        fuzz::putFile(fName, fOld);
-        std::filesystem::remove(fSide);
-        run(input.steps);
-    }
+    using Input::Input;
 
-private:
-    void run(FuzzedDataProvider& steps) {
-        auto held = std::make_unique<zcmpsFilestr>(ORVA_FileStream(fName.c_str(), "rb"));
-        zcmpsFilestr& stream = *held;
-        const int end = steps.ConsumeIntegralInRange(0, 3);
-        stream.setSafeAppend(end == 0 || steps.ConsumeBool());
-        stream.setThreadCount(steps.ConsumeIntegralInRange(0, 15) == 0 ? 2 : 0);
-        if (!soundFor([&] { stream.readFilePosInfo(fuzz::kRow0, fSwap); })) return;
-        const std::int64_t from = chooseEnd(steps);
-        stream.Seek(from, ORVA_StrBaseIO::SeekFromStart);
-        const bool begins = soundFor([&] { stream.setFileToAppend(from, fSwap); });
-        require(begins == canTakeRows(), "an append begins exactly where blocks and index allow it");
-        if (!begins) return requireUntouched();
-        addRows(stream, steps);
-        if (end == 0) {
-            interrupt(std::move(held));
-        } else if (end == 1) {
-            stream.abandon();
-            requireRestored();
-        } else {
-            require(stream.Close() == 1, "an append ends");
-            requireAdded(from);
+    void run() {
+        const int way = steps.ConsumeIntegralInRange(0, 3);
+        auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"));
+        stream->setSafeAppend(way < 2 || steps.ConsumeBool());
+        stream->setThreadCount(steps.ConsumeIntegralInRange(0, 15) == 0 ? 2 : 0);
+        if (!soundFor([&] { stream->readFilePosInfo(kRow0, swap); })) return;
+        const std::int64_t from = old.end - chooseCut();
+        stream->Seek(from, ORVA_StrBaseIO::SeekFromStart);
+        const bool begins = soundFor([&] { stream->setFileToAppend(from, swap); });
+        require(begins == (old.contiguous && (!lastIsShort || old.blocks.back().rows)),
+                "an append begins exactly where blocks and index allow it");
+        if (!begins) return requireLeft(file, {});
+        const Bytes added = addRows(*stream);
+        if (way == 3) {
+            require(stream->Close() == 1, "an append ends");
+            return requireAdded(from, added);
         }
-    }
-
-    // The end of the rows, or a place in a short last block, where the rows are cut.
-    std::int64_t chooseEnd(FuzzedDataProvider& steps) const {
-        const auto cut = steps.ConsumeIntegral<std::uint16_t>();
-        const bool canCut = !fReference.blocks().empty() && !lastIsFull();
-        if (!canCut || cut % 2 == 0) return fReference.end();
-        return fReference.end() - cut % (std::int64_t{last().record.orginalSize} + 1);
-    }
-    const fuzz::ReferencePart::Block& last() const { return fReference.blocks().back(); }
-    bool lastIsFull() const { return last().record.orginalSize == static_cast<std::int32_t>(kBlockSize); }
-    bool canTakeRows() const {
-        return fReference.contiguous() &&
-               (fReference.blocks().empty() || lastIsFull() || fReference.blocks().back().rows.has_value());
-    }
-
-    void addRows(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
-        while (steps.remaining_bytes() > 1 && fAdded.size() < 4 * kBlockSize) {
-            const auto size = steps.ConsumeIntegralInRange<std::size_t>(0, 2 * kBlockSize);
-            const Bytes rows = fuzz::rowsOf(size, steps.ConsumeIntegral<std::uint8_t>());
-            require(stream.Write(rows.data(), static_cast<std::uint32_t>(size)) == size, "rows are taken");
-            fAdded.insert(fAdded.end(), rows.begin(), rows.end());
-            if (size % 3 == 0) stream.Flush();
-        }
-    }
-
-    void interrupt(std::unique_ptr<zcmpsFilestr> stream) {
-        const Bytes during = fuzz::getFile(fName);
-        const Bytes side = fuzz::getFile(fSide);
+        const Bytes during = getFile(name);
+        const Bytes side = getFile(sideName);
         stream->abandon();
         stream.reset();  // and with it the writer's lock
         requireRestored();
-        fuzz::putFile(fName, during);
-        fuzz::putFile(fSide, side);
-        orva::rollBackResult result{};
-        require(soundFor([&] { result = orva::rollBack(fName); }), "a side file is believed");
-        require(result == orva::rollBackResult::rolledBack, "an interrupted append is rolled back");
-        requireRestored();
+        if (way == 0) rollBack(during, side, false);
+        if (way == 1) rollBack(during, changed(side), true);
     }
 
-    void requireUntouched() const {
-        require(fuzz::getFile(fName) == fOld, "a file that takes no append is left alone");
-        require(!std::filesystem::exists(fSide), "no side file is left");
+private:
+    // How many rows of a short last block are cut.
+    std::int64_t chooseCut() {
+        const auto number = steps.ConsumeIntegral<std::uint16_t>();
+        if (!lastIsShort || number % 2 == 0) return 0;
+        return number % (std::int64_t{old.blocks.back().record.orginalSize} + 1);
+    }
+
+    Bytes addRows(zcmpsFilestr& stream) {
+        Bytes added;
+        for (int left = steps.ConsumeIntegralInRange(0, 7); left != 0; --left) {
+            const auto size = steps.ConsumeIntegralInRange<std::uint32_t>(0, 2 * kBlockSize);
+            const Bytes rows = rowsOf(size, steps.ConsumeIntegral<std::uint8_t>());
+            require(stream.Write(rows.data(), size) == size, "rows are taken");
+            added.insert(added.end(), rows.begin(), rows.end());
+            if (size % 3 == 0) stream.Flush();
+        }
+        return added;
+    }
+
+    // One number in it is another, or it ends there; mostly it is not the checksum that tells.
+    Bytes changed(Bytes side) {
+        const auto at = steps.ConsumeIntegralInRange<std::size_t>(0, side.size() - sizeof(std::int64_t));
+        const auto number = steps.ConsumeIntegral<std::int64_t>();
+        std::memcpy(side.data() + at, &number, sizeof number);
+        if (steps.ConsumeIntegralInRange(0, 7) == 0) side.resize(std::max(at, sizeof number));
+        const std::size_t summed = side.size() - sizeof(std::uint64_t);
+        const std::uint64_t sum = crc32_z(0, side.data(), summed);
+        if (steps.ConsumeIntegralInRange(0, 7) != 0) std::memcpy(side.data() + summed, &sum, sizeof sum);
+        return side;
+    }
+    void rollBack(const Bytes& during, const Bytes& side, bool isChanged) const {
+        putFile(name, during);
+        putFile(sideName, side);
+        auto result = orva::rollBackResult::nothingToDo;
+        const bool believed = soundFor([&] { result = orva::rollBack(name); });
+        require(isChanged || result == orva::rollBackResult::rolledBack, "an interrupted append is rolled back");
+        if (!isChanged) return requireRestored();
+        if (!believed) return requireLeft(during, side);
+        require(result != orva::rollBackResult::nothingToDo, "a side file is something to do");
+        if (result == orva::rollBackResult::sideFileStale) return requireLeft(during, {});
+        require(!std::filesystem::exists(sideName), "a side file that was served goes");
+    }
+
+    void requireLeft(const Bytes& data, const Bytes& side) const {
+        require(getFile(name) == data, "what is refused, or had written nothing, changes nothing");
+        require(getFile(sideName) == side, "a side file stays exactly where it is refused");
     }
     // But for bytes in a gap before the index and behind it, which mean nothing.
     void requireRestored() const {
-        const Bytes now = fuzz::getFile(fName);
-        require(now.size() == fOld.size(), "the file has its old length");
-        const compressionHeading& heading = fReference.heading();
-        const std::int64_t blocks = fReference.blocks().empty()
-                                        ? fuzz::kRow0 + kHeadingSize
-                                        : last().record.translatePos + last().record.translateSize;
-        require(fuzz::slice(now, 0, blocks) == fuzz::slice(fOld, 0, blocks), "heading and blocks are the old ones");
-        require(
-            fuzz::slice(now, heading._indexPos, heading._size) == fuzz::slice(fOld, heading._indexPos, heading._size),
-            "the index is the old one");
-        require(!std::filesystem::exists(fSide), "no side file is left");
+        const Bytes now = getFile(name);
+        const auto same = [&](auto at, auto size) { return slice(now, at, size) == slice(file, at, size); };
+        require(now.size() == file.size(), "the file has its old length");
+        require(same(0, old.blocksEnd), "heading and blocks are the old ones");
+        require(same(old.heading._indexPos, old.heading._size), "the index is the old one");
+        require(!std::filesystem::exists(sideName), "no side file is left");
     }
-    void requireAdded(std::int64_t from) const {
-        const Bytes now = fuzz::getFile(fName);
-        require(fuzz::slice(now, 0, fuzz::kRow0) == fuzz::slice(fOld, 0, fuzz::kRow0), "the dictionary part stays");
-        const fuzz::ReferencePart part(now, fuzz::kRow0, false);
-        require(part.opens() && part.contiguous(), "the file is a finished one");
-        require(part.sound() || !fReference.sound(), "no block is damaged by an append");
-        require(part.end() == from + std::ssize(fAdded), "the rows end where the added ones do");
-        require(part.read(from, fAdded.size()) == fAdded, "the rows added are there");
-        if (!fReference.sound()) return;
-        const auto kept = static_cast<std::size_t>(from - fuzz::kRow0);
-        require(part.read(fuzz::kRow0, kept) == fReference.read(fuzz::kRow0, kept), "the old rows are there");
-        require(!std::filesystem::exists(fSide), "no side file is left");
+    void requireAdded(std::int64_t from, const Bytes& added) const {
+        const Bytes now = getFile(name);
+        const Part part(now, kRow0, false);
+        require(slice(now, 0, kRow0) == slice(file, 0, kRow0), "the dictionary part stays");
+        require(!std::filesystem::exists(sideName), "no side file is left");
+        require(part.contiguous && (part.sound || !old.sound), "the file is a finished one, with no further damage");
+        require(part.end == from + std::ssize(added), "the rows end where the added ones do");
+        require(part.read(from, std::ssize(added)) == added, "the rows added are there");
+        require(part.read(kRow0, from - kRow0) == old.read(kRow0, from - kRow0), "the old rows are there");
     }
 
-    const std::string fName = fuzz::pathOf("file");
-    const std::string fSide = orva::sideFileName(fName);
-    const Bytes fOld;
-    const bool fSwap;
-    const fuzz::ReferencePart fReference;
-    Bytes fAdded;
+    const std::string sideName = orva::sideFileName(name);
+    const Part old{file, kRow0, swap};
+    const bool lastIsShort = !old.blocks.empty() && old.blocks.back().record.orginalSize < std::int32_t{kBlockSize};
 };
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size > fuzz::kLongestInput) return 0;
-    fuzz::Input input(data, size);
-    const bool swap = input.steps.ConsumeBool();
-    const Appending appending(input, swap);
+    std::filesystem::remove(orva::sideFileName(pathOf("file")));
+    Appending(data, size).run();
     return 0;
 }

@@ -1,18 +1,15 @@
-// What the fuzz targets share: a promise that ends the run when it is broken, an input taken apart into a file and the
-// numbers that steer what is done to it, files in a directory of memory, and a second reader to hold the library
-// against.
-//
+// What the fuzz targets share: a promise that ends the run when it is broken, files, an input taken apart, and a second
+// reader to hold the library against.
 #pragma once
 
 #include <orva/blockSize.h>
 #include <orva/compressedLayout.h>
 #include <orva/errors.h>
-#include <orva/filestr.h>
 #include <orva/inspect.h>
 #include <orva/zcmpsFilestr.h>
 
 #include <fuzzer/FuzzedDataProvider.h>
-#include <stdlib.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -20,11 +17,10 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <limits>
-#include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -33,8 +29,7 @@ namespace fuzz {
 using Bytes = std::vector<unsigned char>;
 
 constexpr std::int64_t kRow0 = 64;  // of every file of the corpora
-constexpr std::size_t kSteps = 40;  // bytes of steering
-constexpr std::size_t kLongestInput = 1 << 15;
+constexpr std::size_t kSteps = 48;  // bytes of steering
 
 inline void require(bool held, const char* promise) {
     if (held) return;
@@ -42,7 +37,7 @@ inline void require(bool held, const char* promise) {
     __builtin_trap();
 }
 
-// True when `body` came to its end, false when it threw DamagedFileError. Nothing else may leave.
+// True when `body` came to its end, false when it threw DamagedFileError. Any other exception ends the run.
 template <class Body>
 bool soundFor(Body body) {
     try {
@@ -50,197 +45,27 @@ bool soundFor(Body body) {
         return true;
     } catch (const DamagedFileError&) {
         return false;
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s\n", error.what());
-    } catch (const SystemFileException& error) {
-        std::fprintf(stderr, "%s\n", error.fExpression.c_str());
     }
-    require(false, "bytes of a file throw DamagedFileError and nothing else");
-    return false;
-}
-
-inline const std::string& directory() {
-    static const std::string made = [] {
-        std::string pattern = (std::filesystem::temp_directory_path() / "orva-fuzz-XXXXXX").string();
-        require(mkdtemp(pattern.data()) != nullptr, "a directory for files can be made");
-        return pattern;
-    }();
-    return made;
 }
 
 inline std::string pathOf(const char* name) {
-    return directory() + '/' + name;
+    return (std::filesystem::temp_directory_path() / (std::to_string(getpid()) + '-' + name)).string();
 }
 
 inline void putFile(const std::string& name, const Bytes& bytes) {
-    std::FILE* file = std::fopen(name.c_str(), "wb");
-    require(file != nullptr, "a file can be made");
-    require(bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size(), "a file can be written");
-    std::fclose(file);
+    std::ofstream file(name, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes)).flush();
+    require(file.good(), "a file can be written");
 }
-
 // Empty where there is none.
 inline Bytes getFile(const std::string& name) {
-    Bytes bytes;
-    std::FILE* file = std::fopen(name.c_str(), "rb");
-    if (file == nullptr) return bytes;
-    unsigned char piece[8192];
-    for (std::size_t count = 0; (count = std::fread(piece, 1, sizeof piece, file)) != 0;) {
-        bytes.insert(bytes.end(), piece, piece + count);
-    }
-    std::fclose(file);
-    return bytes;
+    std::ifstream file(name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 inline Bytes slice(const Bytes& bytes, std::int64_t at, std::int64_t size) {
     return {bytes.begin() + at, bytes.begin() + at + size};
 }
-
-// The zlib stream at `at`: its rows and its length, if it is whole and ends within `most` bytes.
-struct Stream {
-    Bytes rows;
-    std::size_t length;
-};
-inline std::optional<Stream> streamAt(const Bytes& file, std::size_t at, std::size_t most = kBlockSize) {
-    z_stream z{};
-    Bytes rows(kBlockSize);
-    inflateInit(&z);
-    z.next_in = const_cast<unsigned char*>(file.data() + at);
-    z.avail_in = static_cast<uInt>(std::min(most, file.size() - at));
-    z.next_out = rows.data();
-    z.avail_out = static_cast<uInt>(rows.size());
-    const int answer = inflate(&z, Z_FINISH);
-    rows.resize(z.total_out);
-    const std::size_t length = z.total_in;
-    inflateEnd(&z);
-    if (answer != Z_STREAM_END || rows.empty()) return std::nullopt;
-    return Stream{std::move(rows), length};
-}
-
-// A reader of the format made from docs/format.md alone, over zlib alone.
-class ReferencePart {
-public:
-    struct Block {
-        filePosRecord record;
-        std::optional<Bytes> rows;  // none: it is damaged
-    };
-
-    ReferencePart(const Bytes& file, std::int64_t row0, bool swap) : fFile(file), fRow0(row0), fSwap(swap) {
-        fOpens = takeHeading() && takeIndex();
-        if (!fOpens) fBlocks.clear();
-        for (std::size_t i = 0; i < fBlocks.size(); ++i) inflateBlock(i);
-    }
-
-    bool opens() const { return fOpens; }
-    const compressionHeading& heading() const { return fHeading; }
-    const std::vector<Block>& blocks() const { return fBlocks; }
-    std::int64_t end() const {
-        return fBlocks.empty() ? fRow0 : fBlocks.back().record.orginalPos + fBlocks.back().record.orginalSize;
-    }
-    // The blocks follow each other without gaps, from the heading to the index at the latest (F4 to F7, F10).
-    bool contiguous() const {
-        std::int64_t pos = fRow0;
-        std::int64_t place = fRow0 + kHeadingSize;
-        for (const auto& [r, rows] : fBlocks) {
-            if (r.orginalPos != pos || r.translatePos != place || !fits(r.orginalSize) || !fits(r.translateSize)) {
-                return false;
-            }
-            pos += r.orginalSize;
-            place += r.translateSize;
-        }
-        return fBlocks.empty() || fHeading._indexPos >= place;
-    }
-    bool sound() const {
-        return fOpens && contiguous() &&
-               std::all_of(fBlocks.begin(), fBlocks.end(), [](const Block& b) { return b.rows.has_value(); });
-    }
-    Bytes allRows() const {
-        Bytes all;
-        for (const Block& block : fBlocks) all.insert(all.end(), block.rows->begin(), block.rows->end());
-        return all;
-    }
-    // What a read gives: rows, or none where it meets damage.
-    std::optional<Bytes> read(std::int64_t pos, std::size_t size) const {
-        Bytes rows;
-        while (rows.size() < size && pos >= fRow0 && pos < end()) {
-            const Block* block = blockOf(pos);
-            if (block == nullptr || !block->rows) return std::nullopt;
-            const std::int64_t skip = pos - block->record.orginalPos;
-            const std::int64_t count =
-                std::min<std::int64_t>(block->record.orginalSize - skip, std::int64_t(size) - std::ssize(rows));
-            rows.insert(rows.end(), block->rows->begin() + skip, block->rows->begin() + skip + count);
-            pos += count;
-        }
-        return rows;
-    }
-
-private:
-    static bool fits(std::int64_t size) { return size >= 1 && size <= kBlockSize; }
-    std::int64_t fileSize() const { return std::ssize(fFile); }
-    bool inside(std::int64_t at, std::int64_t size) const { return at >= 0 && size >= 0 && at <= fileSize() - size; }
-
-    bool takeHeading() {
-        if (fRow0 <= 0 || !inside(fRow0, kHeadingSize)) return false;
-        std::memcpy(&fHeading, fFile.data() + fRow0, sizeof fHeading);
-        if (fSwap) orva::swapHeading(fHeading);
-        const compressionHeading& h = fHeading;
-        return h._caseStartPos == fRow0 && h._size >= kRecordSize && h._size % kRecordSize == 0 &&
-               h._indexPos >= fRow0 + kHeadingSize && inside(h._indexPos, h._size);
-    }
-    filePosRecord record(std::int64_t number) const {
-        filePosRecord taken;
-        std::memcpy(&taken, fFile.data() + fHeading._indexPos + number * kRecordSize, sizeof taken);
-        if (fSwap) orva::swapRecord(taken);
-        return taken;
-    }
-    bool takeIndex() {
-        const filePosRecord first = record(0);
-        if (first.orginalPos != kFirstRecordMark || first.orginalSize < 1) return false;
-        if (first.translateSize != fHeading._size / kRecordSize - 1) return false;
-        std::int64_t before = std::numeric_limits<std::int64_t>::min();
-        for (std::int64_t i = 0; i < first.translateSize; ++i) {
-            const filePosRecord r = record(i + 1);
-            if (r.orginalSize < 1 || (i == 0 && r.orginalPos != fRow0) || (i != 0 && r.orginalPos <= before) ||
-                r.orginalPos > std::numeric_limits<std::int64_t>::max() - r.orginalSize) {
-                return false;
-            }
-            before = r.orginalPos;
-            fBlocks.push_back({r, {}});
-        }
-        return true;
-    }
-    void inflateBlock(std::size_t i) {
-        Block& block = fBlocks[i];
-        const filePosRecord& r = block.record;
-        if (!fits(r.orginalSize) || !fits(r.translateSize) || !inside(r.translatePos, r.translateSize)) return;
-        if (i + 1 < fBlocks.size() && fBlocks[i + 1].record.orginalPos != r.orginalPos + r.orginalSize) return;
-        const auto length = static_cast<std::size_t>(r.translateSize);
-        const auto found = streamAt(fFile, static_cast<std::size_t>(r.translatePos), length);
-        if (!found || found->length != length || std::ssize(found->rows) != r.orginalSize) return;
-        block.rows = found->rows;
-    }
-    const Block* blockOf(std::int64_t pos) const {
-        const auto behind = std::upper_bound(fBlocks.begin(), fBlocks.end(), pos,
-                                             [](std::int64_t p, const Block& b) { return p < b.record.orginalPos; });
-        const Block& block = *std::prev(behind);  // pos is not before the first
-        return pos - block.record.orginalPos < block.record.orginalSize ? &block : nullptr;
-    }
-
-    const Bytes& fFile;
-    const std::int64_t fRow0;
-    const bool fSwap;
-    bool fOpens = false;
-    compressionHeading fHeading{};
-    std::vector<Block> fBlocks;
-};
-
-// An input: a file, and behind it the numbers that steer what is done to it.
-struct Input {
-    Input(const std::uint8_t* data, std::size_t size)
-        : file(data, data + (size - std::min(size, kSteps))), steps(data + file.size(), size - file.size()) {}
-    Bytes file;
-    FuzzedDataProvider steps;
-};
 
 // Rows that compress well and differ from block to block.
 inline Bytes rowsOf(std::size_t size, unsigned seed) {
@@ -250,5 +75,119 @@ inline Bytes rowsOf(std::size_t size, unsigned seed) {
     }
     return rows;
 }
+
+// An input: a file, and behind it the numbers that steer what is done to it.
+struct Input {
+    Input(const std::uint8_t* data, std::size_t size)
+        : file(data, data + (size - std::min(size, kSteps))), steps(data + file.size(), size - file.size()) {
+        swap = steps.ConsumeBool();
+        putFile(name, file);
+    }
+    const std::string name = pathOf("file");
+    const Bytes file;
+    FuzzedDataProvider steps;
+    bool swap;  // heading and index are taken in the other byte order
+};
+
+// What zlib alone makes of bytes, and how many of them it takes.
+struct Inflated {
+    bool whole;
+    std::int64_t taken;
+    Bytes rows;
+};
+inline Inflated byZlib(const unsigned char* from, std::size_t size, std::size_t room = kBlockSize) {
+    z_stream z{};
+    Inflated made{false, 0, Bytes(room)};
+    inflateInit(&z);
+    z.next_in = const_cast<unsigned char*>(from);
+    z.avail_in = static_cast<uInt>(size);
+    z.next_out = made.rows.data();
+    z.avail_out = static_cast<uInt>(room);
+    made.whole = inflate(&z, Z_FINISH) == Z_STREAM_END;
+    made.taken = static_cast<std::int64_t>(size) - z.avail_in;
+    made.rows.resize(room - z.avail_out);
+    inflateEnd(&z);
+    return made;
+}
+
+// A reader made from docs/format.md and zlib alone.
+struct Part {
+    struct Block {
+        filePosRecord record;
+        std::optional<Bytes> rows;  // none: it is damaged
+    };
+    const Bytes& file;
+    const std::int64_t row0;
+    compressionHeading heading{};
+    std::vector<Block> blocks{};
+    std::int64_t end = row0;                       // of the rows
+    std::int64_t blocksEnd = row0 + kHeadingSize;  // of contiguous blocks in the file
+    bool opens;
+    bool contiguous = true;  // the blocks follow each other without gaps, from the heading to the index at the latest
+    bool sound;              // and all of them are whole
+
+    Part(const Bytes& from, std::int64_t at, bool swap) : file(from), row0(at), opens(takeIndex(swap)) {
+        if (!opens) blocks.clear();
+        for (std::size_t i = 0; i < blocks.size(); ++i) takeBlock(blocks[i], i + 1 == blocks.size());
+        contiguous = opens && contiguous && (blocks.empty() || heading._indexPos >= blocksEnd);
+        sound = contiguous && std::all_of(blocks.begin(), blocks.end(), [](auto& b) { return !!b.rows; });
+    }
+
+    bool inside(std::int64_t at, std::int64_t size) const {
+        return at >= 0 && size >= 0 && at <= std::ssize(file) - size;
+    }
+
+    bool takeIndex(bool swap) {
+        if (row0 <= 0 || !inside(row0, kHeadingSize)) return false;
+        std::memcpy(&heading, file.data() + row0, sizeof heading);
+        if (swap) orva::swapHeading(heading);
+        if (heading._caseStartPos != row0 || heading._indexPos < row0 + 24) return false;
+        if (!inside(heading._indexPos, heading._size) || heading._size < 24 || heading._size % 24 != 0) return false;
+        std::vector<filePosRecord> records(static_cast<std::size_t>(heading._size / 24));
+        std::memcpy(records.data(), file.data() + heading._indexPos, records.size() * 24);
+        if (swap) std::for_each(records.begin(), records.end(), orva::swapRecord);
+        const filePosRecord& first = records[0];
+        if (first.orginalPos != kFirstRecordMark || first.orginalSize < 1) return false;
+        if (first.translateSize != std::ssize(records) - 1) return false;
+        for (std::size_t i = 1; i < records.size(); ++i) {
+            const filePosRecord& r = records[i];
+            const bool ascends = i == 1 ? r.orginalPos == row0 : r.orginalPos > records[i - 1].orginalPos;
+            if (!ascends || r.orginalSize < 1) return false;
+            if (r.orginalPos > std::numeric_limits<std::int64_t>::max() - r.orginalSize) return false;
+            blocks.push_back({r, {}});
+        }
+        return true;
+    }
+
+    void takeBlock(Block& block, bool last) {
+        const filePosRecord& r = block.record;
+        const std::int64_t most = kBlockSize;
+        const bool fits = r.orginalSize <= most && r.translateSize >= 1 && r.translateSize <= most;
+        contiguous = contiguous && fits && r.orginalPos == end && r.translatePos == blocksEnd;
+        if (contiguous) blocksEnd += r.translateSize;
+        end = r.orginalPos + r.orginalSize;
+        const bool touches = last || end == (&block + 1)->record.orginalPos;
+        if (!fits || !touches || !inside(r.translatePos, r.translateSize)) return;
+        const Inflated made = byZlib(file.data() + r.translatePos, static_cast<std::size_t>(r.translateSize));
+        const bool asRecorded = std::ssize(made.rows) == r.orginalSize && made.taken == r.translateSize;
+        if (made.whole && asRecorded) block.rows = made.rows;
+    }
+
+    // What a read gives: rows, or none where it meets damage.
+    std::optional<Bytes> read(std::int64_t pos, std::int64_t size) const {
+        Bytes rows;
+        while (std::ssize(rows) < size && pos >= row0 && pos < end) {
+            const auto block =
+                std::find_if(blocks.rbegin(), blocks.rend(), [&](auto& b) { return b.record.orginalPos <= pos; });
+            const std::int64_t left = block->record.orginalPos + block->record.orginalSize - pos;
+            if (left <= 0 || !block->rows) return std::nullopt;
+            const std::int64_t count = std::min(left, size - std::ssize(rows));
+            rows.insert(rows.end(), block->rows->end() - left, block->rows->end() - left + count);
+            pos += count;
+        }
+        return rows;
+    }
+    std::optional<Bytes> allRows() const { return read(row0, end - row0); }
+};
 
 }  // namespace fuzz

@@ -2,17 +2,17 @@
 // of a sound file nothing is lost.
 #include "fuzzTarget.h"
 
+using namespace fuzz;
+
 namespace {
 
-using fuzz::Bytes;
-using fuzz::require;
-
-// All rows that a whole stream of the file holds.
+// The rows of every whole stream in the file.
 std::vector<Bytes> streamsOf(const Bytes& file) {
     std::vector<Bytes> streams;
     for (std::size_t at = 0; at + 2 <= file.size(); ++at) {
         if ((file[at] & 0xF) != 8 || (file[at] * 256 + file[at + 1]) % 31 != 0) continue;
-        if (auto found = fuzz::streamAt(file, at)) streams.push_back(std::move(found->rows));
+        Inflated found = byZlib(file.data() + at, std::min<std::size_t>(kBlockSize, file.size() - at));
+        if (found.whole && !found.rows.empty()) streams.push_back(std::move(found.rows));
     }
     return streams;
 }
@@ -22,75 +22,54 @@ bool madeOf(const std::vector<Bytes>& streams, const Bytes& rows) {
     std::vector<bool> reached(rows.size() + 1);
     reached[0] = true;
     for (std::size_t at = 0; at < rows.size(); ++at) {
-        if (!reached[at]) continue;
-        for (const Bytes& stream : streams) {
-            if (stream.size() > rows.size() - at) continue;
-            if (std::equal(stream.begin(), stream.end(), rows.begin() + static_cast<std::ptrdiff_t>(at))) {
-                reached[at + stream.size()] = true;
-            }
+        for (std::size_t i = 0; reached[at] && i < streams.size(); ++i) {
+            const std::size_t size = streams[i].size();
+            if (size > rows.size() - at || reached[at + size]) continue;
+            reached[at + size] = std::memcmp(streams[i].data(), rows.data() + at, size) == 0;
         }
     }
     return reached[rows.size()];
 }
 
-// Holds the rows of the output against the streams of the input, and the ranges told as lost against zeros.
-void checkRows(const Bytes& rows, const std::vector<Bytes>& streams, const orva::recoverReport& report, bool dropped) {
-    const std::int64_t row0 = report.part.row0Pos;
-    std::int64_t gone = 0;  // positions of the input that the output does not have
-    std::int64_t at = 0;
-    std::int64_t recovered = 0;
-    const auto take = [&](std::int64_t end) {
-        require(end >= at && end <= std::ssize(rows), "lost ranges ascend and lie in the rows");
-        require(madeOf(streams, fuzz::slice(rows, at, end - at)), "a row recovered stands in the input");
-        recovered += end - at;
-        at = end;
-    };
-    for (const orva::lostRange& lost : report.lost) {
-        take(lost.begin - row0 - gone);
-        const std::int64_t size = lost.end - lost.begin;
-        if (dropped || (lost.estimated && at == std::ssize(rows))) {
-            gone += size;
-            continue;
-        }
-        require(at + size <= std::ssize(rows), "lost rows are filled");
-        const Bytes zeros = fuzz::slice(rows, at, size);
-        require(std::all_of(zeros.begin(), zeros.end(), [](unsigned char byte) { return byte == 0; }),
-                "lost rows are zeros");
-        at += size;
+// Takes the zeros that stand for lost rows out again.
+Bytes withoutLost(Bytes rows, const orva::recoverReport& report) {
+    for (auto lost = report.lost.rbegin(); lost != report.lost.rend(); ++lost) {
+        const std::int64_t at = lost->begin - report.part.row0Pos;
+        const std::int64_t size = lost->end - lost->begin;
+        if (lost->estimated && at == std::ssize(rows)) continue;  // nothing comes behind it
+        require(at >= 0 && size > 0 && size <= std::ssize(rows) - at, "lost rows are filled");
+        require(std::count(rows.begin() + at, rows.begin() + at + size, 0) == size, "lost rows are zeros");
+        rows.erase(rows.begin() + at, rows.begin() + at + size);
     }
-    take(std::ssize(rows));
-    require(recovered == report.rows, "the rows recovered are counted");
+    return rows;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size > fuzz::kLongestInput) return 0;
-    auto [file, steps] = fuzz::Input(data, size);
-    const std::string name = fuzz::pathOf("file");
-    const std::string output = fuzz::pathOf("recovered");
-    fuzz::putFile(name, file);
-    std::filesystem::remove(output);
+    Input in(data, size);
+    const std::string output = pathOf("recovered");
     orva::recoverOptions options;
-    const bool swapped = steps.ConsumeBool();
-    if (steps.ConsumeBool()) options.part = orva::foundPart{fuzz::kRow0, swapped};
-    options.onlyCommitted = steps.ConsumeBool();
-    options.dropLost = steps.ConsumeBool();
+    if (in.steps.ConsumeBool()) options.part = orva::foundPart{kRow0, in.swap};
+    options.onlyCommitted = in.steps.ConsumeBool();
+    options.dropLost = in.steps.ConsumeBool();
 
     orva::recoverReport report;
-    const bool recovers = fuzz::soundFor([&] { report = orva::recover(name, output, options); });
-    require(fuzz::getFile(name) == file, "the input stays as it is");
-    const fuzz::ReferencePart before(file, fuzz::kRow0, swapped);
-    const bool whole = options.part && before.sound();
+    const bool recovers = soundFor([&] { report = orva::recover(in.name, output, options); });
+    require(getFile(in.name) == in.file, "the input stays as it is");
+    const Part before(in.file, kRow0, in.swap);
+    const bool whole = options.part && before.sound;
     require(recovers || !whole, "a sound file recovers");
     if (!recovers) return 0;
 
-    const Bytes result = fuzz::getFile(output);
-    const fuzz::ReferencePart after(result, report.part.row0Pos, false);
-    require(after.sound(), "what was recovered verifies clean");
-    require(fuzz::slice(result, 0, report.part.row0Pos) == fuzz::slice(file, 0, report.part.row0Pos),
-            "the dictionary part is a copy");
-    checkRows(after.allRows(), streamsOf(file), report, options.dropLost);
+    const std::int64_t row0 = report.part.row0Pos;
+    const Bytes result = getFile(output);
+    const Part after(result, row0, false);
+    require(after.sound, "what was recovered verifies clean");
+    require(slice(result, 0, row0) == slice(in.file, 0, row0), "the dictionary part is a copy");
+    const Bytes rows = options.dropLost ? *after.allRows() : withoutLost(*after.allRows(), report);
+    require(std::ssize(rows) == report.rows, "the rows recovered are counted");
+    require(madeOf(streamsOf(in.file), rows), "a row recovered stands in the input");
     if (whole) require(report.lost.empty() && after.allRows() == before.allRows(), "of a sound file nothing is lost");
     return 0;
 }

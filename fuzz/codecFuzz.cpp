@@ -1,0 +1,158 @@
+// Both block codecs, both ways: what they compress comes back; hostile input and any room stay within their bounds, and
+// end for zlibCompressBlock as they would for zlib alone, on the fast road too.
+#include "blockTransfer.h"
+#include "fuzzTarget.h"
+
+#include <orva/lz4Compress.h>
+
+#include <libdeflate.h>
+
+using namespace fuzz;
+
+namespace {
+
+constexpr std::ptrdiff_t kHeader = 2;  // of a zlib stream
+constexpr std::ptrdiff_t kGuard = 64;
+constexpr unsigned char kUntouched = 0xA5;
+
+std::uint32_t sizeOf(const Bytes& bytes) {
+    return static_cast<std::uint32_t>(bytes.size());
+}
+char* chars(const Bytes& bytes) {
+    return const_cast<char*>(reinterpret_cast<const char*>(bytes.data()));  // read only
+}
+
+// What `codec` writes into a room of this size, by the count that it gives. The engines are no code that a sanitizer
+// sees into, so what stands behind the room is watched.
+template <class Codec>
+Bytes filled(std::uint32_t room, Codec codec) {
+    Bytes bytes(room + kGuard, kUntouched);
+    const std::uint32_t count = codec(bytes.data());
+    const bool held = std::count(bytes.end() - kGuard, bytes.end(), kUntouched) == kGuard;
+    require(held && count <= room, "no more is written than there is room");
+    bytes.resize(count);
+    return bytes;
+}
+
+Bytes checksumOf(const Bytes& rows) {
+    const uLong sum = adler32_z(adler32(0, nullptr, 0), rows.data(), rows.size());
+    Bytes bytes;
+    for (const unsigned shift : {24U, 16U, 8U, 0U}) bytes.push_back(static_cast<unsigned char>(sum >> shift));
+    return bytes;
+}
+
+// The zlib stream of raw deflate bytes, so that it is never the checksum alone which refuses them.
+Bytes withChecksum(const Bytes& raw) {
+    static libdeflate_decompressor* const engine = libdeflate_alloc_decompressor();
+    Bytes rows(kBlockSize);
+    std::size_t taken = 0;
+    std::size_t produced = 0;
+    libdeflate_deflate_decompress_ex(engine, raw.data(), raw.size(), rows.data(), rows.size(), &taken, &produced);
+    rows.resize(produced);
+    const Bytes sum = checksumOf(rows);
+    Bytes stream{0x78, 0x01};
+    stream.insert(stream.end(), raw.begin(), raw.begin() + static_cast<std::ptrdiff_t>(taken));
+    stream.insert(stream.end(), sum.begin(), sum.end());
+    return stream;
+}
+
+// The fast engine takes some streams that zlib refuses, such as those with the code 286, which stands for nothing. It
+// takes them with the right checksum only.
+void inflateAsZlib(const Bytes& from, std::uint32_t room) {
+    zlibCompressBlock codec;
+    blockOutcome ours{};
+    const Bytes rows = filled(room, [&](unsigned char* to) {
+        ours = codec.inflateWhole(from.data(), sizeOf(from), to, room);
+        return ours.produced;
+    });
+    const bool whole = ours.end == blockOutcome::complete;
+    const Inflated theirs = byZlib(from.data(), from.size(), room);
+    if (whole && !theirs.whole) {
+        require(ours.consumed >= 6 && slice(from, ours.consumed - 4, 4) == checksumOf(rows),
+                "a stream that ends whole has its checksum");
+    } else {
+        require(whole == theirs.whole, "a stream ends whole as for zlib");
+        require(ours.consumed == theirs.taken && rows == theirs.rows, "counts and bytes are zlib's");
+    }
+}
+
+Bytes rowsOfWhole(const unsigned char* stream, std::uint32_t length) {
+    Inflated made = byZlib(stream, length);
+    require(made.whole && made.taken == length, "a stream ends whole, with its last byte");
+    return std::move(made.rows);
+}
+
+// Of a block that deflate cannot fit, both halves do. Gives the streams.
+Bytes deflateRoundTrip(const Bytes& block) {
+    zlibCompressBlock codec;
+    orva::deflatedBlock made{};
+    const Bytes streams = filled(orva::deflateRoom(), [&](unsigned char* to) {
+        made = orva::deflateBlock(codec, block.data(), sizeOf(block), to);
+        return made.length + made.secondLength;
+    });
+    require(orva::isBlockSize(made.length) && made.secondLength <= kBlockSize, "a stream fits a block");
+    Bytes rows = rowsOfWhole(streams.data(), made.length);
+    if (made.secondRows != 0) {
+        const Bytes rest = rowsOfWhole(streams.data() + made.length, made.secondLength);
+        rows.insert(rows.end(), rest.begin(), rest.end());
+    }
+    require(rows == block, "a block comes back as it was");
+    return streams;
+}
+
+void deflateInto(const Bytes& block, std::uint32_t room) {
+    bool whole = false;
+    const Bytes stream = filled(room, [&](unsigned char* to) {
+        const blockOutcome outcome = zlibCompressBlock().deflateWhole(block.data(), sizeOf(block), to, room);
+        whole = outcome.end == blockOutcome::complete;
+        return outcome.produced;
+    });
+    require(!whole || rowsOfWhole(stream.data(), sizeOf(stream)) == block, "what ends comes back as it was");
+}
+
+// None where damage or too little room is told.
+std::optional<Bytes> byLz4(const Bytes& from, std::uint32_t room) {
+    bool told = false;
+    Bytes rows = filled(room, [&](unsigned char* to) {
+        const std::uint32_t count =
+            lz4CompressBlock::decompressBlock(chars(from), sizeOf(from), reinterpret_cast<char*>(to), room);
+        told = count > INT32_MAX;
+        return told ? 0 : count;
+    });
+    return told ? std::nullopt : std::optional(rows);
+}
+
+// Gives the block packed; nothing where it does not fit.
+Bytes lz4RoundTrip(const Bytes& block, std::uint32_t room, int level) {
+    const std::uint32_t size = sizeOf(block);
+    const Bytes packed = filled(room, [&](unsigned char* to) {
+        return lz4CompressBlock::compressBlock(chars(block), size, reinterpret_cast<char*>(to), room, level);
+    });
+    require(!packed.empty() || room < size + size / 255 + 16, "with room enough it fits");
+    require(packed.empty() || byLz4(packed, size) == block, "it comes back as it was");
+    require(packed.empty() || size == 1 || !byLz4(packed, size - 1), "too little room is told");
+    return packed;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    FuzzedDataProvider steps(data, size);
+    const auto room = steps.ConsumeIntegralInRange<std::uint32_t>(1, 2 * kBlockSize);
+    const auto level = steps.ConsumeIntegralInRange(0, 1);
+    const auto place = steps.ConsumeIntegral<std::uint16_t>();
+    const auto damage = steps.ConsumeIntegral<std::uint8_t>();
+    const Bytes block = steps.ConsumeRemainingBytes<unsigned char>();
+    if (block.empty() || block.size() > kBlockSize) return 0;
+    deflateInto(block, room);
+    for (Bytes hostile : {block, deflateRoundTrip(block), lz4RoundTrip(block, room, level)}) {
+        if (hostile.empty()) continue;
+        inflateAsZlib(hostile, room);
+        hostile[place % hostile.size()] ^= damage;
+        hostile.push_back(damage);  // behind the stream's end, if it still has one
+        inflateAsZlib(hostile, room);
+        inflateAsZlib(withChecksum({hostile.begin() + std::min(std::ssize(hostile), kHeader), hostile.end()}), room);
+        byLz4(hostile, room);
+    }
+    return 0;
+}
