@@ -22,14 +22,15 @@ namespace {
 using namespace bench;
 
 constexpr std::int64_t kRow0 = 1'000;
-constexpr std::uint32_t kRequest = 1U << 20;
-constexpr std::size_t kPass = 10 * std::size_t{kBlockSize};
+constexpr std::size_t kPass = 16 * std::size_t{kBlockSize};
+constexpr std::uint32_t kSmall = 1U << 20;
+constexpr std::uint32_t kSixteenBlocks = kPass;
 
-// Calls `take(place, size)` for the pieces that requests of 1 MiB over `size` bytes make.
+// Calls `take(place, size)` for the pieces that such requests over `size` bytes make.
 template <class Take>
-void inRequests(std::size_t size, Take take) {
-    for (std::size_t at = 0; at < size; at += kRequest) {
-        take(at, static_cast<std::uint32_t>(std::min<std::size_t>(kRequest, size - at)));
+void inRequests(std::uint32_t request, std::size_t size, Take take) {
+    for (std::size_t at = 0; at < size; at += request) {
+        take(at, static_cast<std::uint32_t>(std::min<std::size_t>(request, size - at)));
     }
 }
 
@@ -43,10 +44,11 @@ std::unique_ptr<zcmpsFilestr> newPart(const std::string& name) {
     return stream;
 }
 
-double writeRows(const std::string& name, const Bytes& rows) {
+double writeRows(const std::string& name, const Bytes& rows, std::uint32_t request) {
     const auto stream = newPart(name);
     return threadSeconds([&] {
-        inRequests(rows.size(), [&](std::size_t at, std::uint32_t size) { stream->Write(rows.data() + at, size); });
+        inRequests(request, rows.size(),
+                   [&](std::size_t at, std::uint32_t size) { stream->Write(rows.data() + at, size); });
         stream->Close();
     });
 }
@@ -59,7 +61,8 @@ public:
         return threadSeconds([&] {
             file.seek(kRow0 + kHeadingSize);
             std::size_t blocks = 0;
-            inRequests(rows.size(), [&](std::size_t at, std::uint32_t size) { blocks += take(file, &rows[at], size); });
+            inRequests(kSmall, rows.size(),
+                       [&](std::size_t at, std::uint32_t size) { blocks += take(file, &rows[at], size); });
             file.write(Bytes((blocks + 1) * kRecordSize).data(), (blocks + 1) * kRecordSize);
             file.seek(kRow0);
             file.write(Bytes(kHeadingSize).data(), kHeadingSize);
@@ -109,7 +112,7 @@ public:
             fFile.seek(fRecords.front().translatePos);
             fNext = 0;
             fAvailable = 0;
-            inRequests(kPass, [&](std::size_t, std::uint32_t size) { give(to, size); });
+            inRequests(kSmall, kPass, [&](std::size_t, std::uint32_t size) { give(to, size); });
         });
     }
 
@@ -145,27 +148,27 @@ private:
     std::uint32_t fAvailable = 0;
 };
 
-Pair writing(const Scratch& scratch, const Bytes& rows) {
+Pair writing(const Scratch& scratch, const Bytes& rows, std::uint32_t request) {
     auto bare = std::make_shared<BareWriter>();
     auto kept = std::make_shared<Bytes>(rows);
     const auto peer = [=, name = scratch.path("peer")] { return (*bare)(name, *kept); };
-    const auto ours = [=, name = scratch.path("ours")] { return writeRows(name, *kept); };
+    const auto ours = [=, name = scratch.path("ours")] { return writeRows(name, *kept, request); };
     return {peer, ours, static_cast<double>(kPass / kBlockSize)};
 }
 
-Pair reading(const Scratch& scratch, const Bytes& rows) {
+Pair reading(const Scratch& scratch, const Bytes& rows, std::uint32_t request) {
     const std::string name = scratch.path("rows");
-    writeRows(name, rows);
-    auto request = std::make_shared<orva::blockBuffer>(kRequest);
+    writeRows(name, rows, request);
+    auto to = std::make_shared<orva::blockBuffer>(request);
     auto bare = std::make_shared<BareReader>(name);
     auto stream = std::make_shared<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"));
     stream->readFilePosInfo(kRow0, false);
-    const auto peer = [=] { return (*bare)(request->get()); };
+    const auto peer = [=] { return (*bare)(to->get()); };
     const auto ours = [=] {
         return threadSeconds([&] {
             stream->Seek(kRow0, ORVA_StrBaseIO::SeekFromStart);
-            inRequests(kPass, [&](std::size_t, std::uint32_t size) {
-                require(stream->Read(request->get(), size) == size, "short Read");
+            inRequests(request, kPass, [&](std::size_t, std::uint32_t size) {
+                require(stream->Read(to->get(), size) == size, "short Read");
             });
         });
     };
@@ -183,12 +186,15 @@ int main(int argc, char** argv) {
     for (const Kind kind : {Kind{"survey", surveyRows}, Kind{"text", textRows}, Kind{"incompressible", noise}}) {
         const std::string name = kind.name;
         const auto rows = kind.rows;
-        add(
-            "compressed: write, " + name + " / codec, copy, write()", timeAtMost(1.05),
-            [&scratch, rows] { return writing(scratch, rows(kPass)); }, 7);
-        add(
-            "compressed: read, " + name + " / read(), codec, copy", timeAtMost(1.05),
-            [&scratch, rows] { return reading(scratch, rows(kPass)); }, 7);
+        for (const auto& [request, size] : {std::pair("1 MiB", kSmall), std::pair("16 blocks", kSixteenBlocks)}) {
+            const std::string by = name + " by " + request;
+            add(
+                "compressed: write, " + by + " / codec, copy, write()", timeAtMost(1.05),
+                [&scratch, rows, size = size] { return writing(scratch, rows(kPass), size); }, 7);
+            add(
+                "compressed: read, " + by + " / read(), codec, copy", timeAtMost(1.05),
+                [&scratch, rows, size = size] { return reading(scratch, rows(kPass), size); }, 7);
+        }
     }
     return run(argc, argv);
 }

@@ -1,12 +1,14 @@
-// What the workers win. The caller works as long on each block as the road does; side by side the pass should take
-// little longer than the longer of the two alone. Timed by the clock on the wall, so these want a machine with two idle
-// cores.
+// What the workers win. Beside a caller that works as long on each block as the road does, the pass should take little
+// longer than the longer of the two alone; two threads should come close to the codec alone on two threads. Timed by
+// the clock on the wall, so these want a machine with two idle cores.
 #include "benchData.h"
 #include "blockBuffer.h"
+#include "blockTransfer.h"
 #include "paired.h"
 
 #include <orva/filestr.h>
 #include <orva/zcmpsFilestr.h>
+#include <orva/zlibCompress.h>
 
 #include <fcntl.h>
 
@@ -14,6 +16,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -41,20 +45,26 @@ void writeRows(zcmpsFilestr& stream, const Bytes& rows, const Work& work) {
     stream.Close();
 }
 
-std::unique_ptr<zcmpsFilestr> newPart(const std::string& name, std::int32_t threads) {
+// A road: a setting of setMultiThread, or kTwoThreads for two of setThreadCount.
+constexpr std::int32_t kTwoThreads = 100;
+void takeRoad(zcmpsFilestr& stream, std::int32_t road) {
+    road == kTwoThreads ? stream.setThreadCount(2) : stream.setMultiThread(road);
+}
+
+std::unique_ptr<zcmpsFilestr> newPart(const std::string& name, std::int32_t road) {
     ORVA_FileStream dictionary(name.c_str(), "w+b");
     const Bytes bytes(kRow0);
     dictionary.Write(bytes.data(), kRow0);
     auto stream = std::make_unique<zcmpsFilestr>(dictionary);
-    stream->setMultiThread(threads);
+    takeRoad(*stream, road);
     stream->setRow0Pos(kRow0);
     stream->Seek(kRow0, ORVA_StrBaseIO::SeekFromStart);
     return stream;
 }
 
-std::unique_ptr<zcmpsFilestr> opened(const std::string& name, std::int32_t threads) {
+std::unique_ptr<zcmpsFilestr> opened(const std::string& name, std::int32_t road) {
     auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"));
-    stream->setMultiThread(threads);
+    takeRoad(*stream, road);
     stream->readFilePosInfo(kRow0, false);
     return stream;
 }
@@ -113,6 +123,71 @@ Pair readingPlain(const Scratch& scratch, bool fromDisk) {
         1);
 }
 
+// The codec alone over the same blocks, every second one on each of two threads.
+class CodecOnTwoThreads {
+public:
+    using Step = std::function<blockOutcome(zlibCompressBlock&, std::size_t block, unsigned char* to)>;
+    explicit CodecOnTwoThreads(Step step) : fStep(std::move(step)) {}
+
+    double operator()() {
+        return wallSeconds([this] {
+            std::thread other([this] { pass(1); });
+            pass(0);
+            other.join();
+        });
+    }
+
+private:
+    void pass(std::size_t thread) {
+        for (std::size_t i = thread; i < kBlocks; i += 2) {
+            const blockOutcome outcome = fStep(fCodecs[thread], i, fRoom[thread].get());
+            require(outcome.end == blockOutcome::complete, "the codec alone fails");
+        }
+    }
+
+    const Step fStep;
+    zlibCompressBlock fCodecs[2];
+    orva::blockBuffer fRoom[2] = {orva::blockBuffer(orva::deflateRoom()), orva::blockBuffer(orva::deflateRoom())};
+};
+
+using Rows = Bytes (*)(std::size_t);
+
+Pair writingOnTwo(const Scratch& scratch, Rows make) {
+    auto rows = std::make_shared<Bytes>(make(kPass));
+    auto codec = std::make_shared<CodecOnTwoThreads>([=](zlibCompressBlock& one, std::size_t i, unsigned char* to) {
+        return one.deflateWhole(rows->data() + i * kBlockSize, kBlockSize, to, orva::deflateRoom());
+    });
+    const auto ours = [=, name = scratch.path("written")] {
+        const auto stream = newPart(name, kTwoThreads);
+        return wallSeconds([&] { writeRows(*stream, *rows, kNoWork); });
+    };
+    return {[=] { return (*codec)(); }, ours, static_cast<double>(kBlocks)};
+}
+
+Pair readingOnTwo(const Scratch& scratch, Rows make) {
+    const Bytes rows = make(kPass);
+    const std::string name = scratch.path("rows");
+    writeRows(*newPart(name, 0), rows, kNoWork);
+    auto deflated = std::make_shared<std::vector<Bytes>>();
+    zlibCompressBlock deflater;
+    for (std::size_t i = 0; i < kBlocks; ++i) {
+        Bytes block(orva::deflateRoom());
+        block.resize(deflater.deflateWhole(rows.data() + i * kBlockSize, kBlockSize, block.data(), orva::deflateRoom())
+                         .produced);
+        deflated->push_back(std::move(block));
+    }
+    auto codec = std::make_shared<CodecOnTwoThreads>([=](zlibCompressBlock& one, std::size_t i, unsigned char* to) {
+        const Bytes& from = (*deflated)[i];
+        return one.inflateWhole(from.data(), static_cast<std::uint32_t>(from.size()), to, kBlockSize);
+    });
+    auto block = std::make_shared<orva::blockBuffer>(kBlockSize);
+    const auto ours = [=] {
+        const auto stream = opened(name, kTwoThreads);
+        return wallSeconds([&] { readRows(*stream, block->get(), kNoWork); });
+    };
+    return {[=] { return (*codec)(); }, ours, static_cast<double>(kBlocks)};
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -125,5 +200,12 @@ int main(int argc, char** argv) {
         [&] { return readingPlain(onDisk, true); });
     add("worker: plain read from memory beside a consumer / the longer of both", noGoal(),
         [&] { return readingPlain(scratch, false); });
+    for (const auto& [name, rows] : {std::pair("survey", surveyRows), std::pair("text", textRows)}) {
+        const std::string data = name;
+        add("two threads: write, " + data + " / the codec on two threads", timeAtMost(1.25),
+            [&scratch, rows = rows] { return writingOnTwo(scratch, rows); });
+        add("two threads: read, " + data + " / the codec on two threads", timeAtMost(1.25),
+            [&scratch, rows = rows] { return readingOnTwo(scratch, rows); });
+    }
     return run(argc, argv);
 }

@@ -17,7 +17,8 @@ function(orva_compile_settings target)
         endif()
         if(ORVA_SANITIZE)
             target_compile_options(${target} PRIVATE
-                -fsanitize=${ORVA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+                -fsanitize=${ORVA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+                $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)  # what sanitizers add looks uninitialized to it
             target_link_options(${target} PUBLIC -fsanitize=${ORVA_SANITIZE})
         endif()
     endif()
