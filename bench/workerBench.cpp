@@ -200,11 +200,11 @@ int main(int argc, char** argv) {
         [&] { return readingPlain(onDisk, true); });
     add("worker: plain read from memory beside a consumer / the longer of both", noGoal(),
         [&] { return readingPlain(scratch, false); });
-    for (const auto& [name, rows] : {std::pair("survey", surveyRows), std::pair("text", textRows)}) {
-        const std::string data = name;
-        add("two threads: write, " + data + " / the codec on two threads", timeAtMost(1.25),
+    const std::pair<std::string, Rows> kinds[] = {{"survey", surveyRows}, {"text", textRows}};
+    for (const auto& [name, rows] : kinds) {
+        add("two threads: write, " + name + " / the codec on two threads", timeAtMost(1.25),
             [&scratch, rows = rows] { return writingOnTwo(scratch, rows); });
-        add("two threads: read, " + data + " / the codec on two threads", timeAtMost(1.25),
+        add("two threads: read, " + name + " / the codec on two threads", timeAtMost(1.25),
             [&scratch, rows = rows] { return readingOnTwo(scratch, rows); });
     }
     return run(argc, argv);

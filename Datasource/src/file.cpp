@@ -68,14 +68,14 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
     fDescriptor = OpenDescriptor(fName, mode);
     fOpenErrno = IsOpen() ? 0 : errno;
     if (IsOpen()) {
-        fPosition =
-            ModeHasChar(mode, 'a') ? std::max<std::int64_t>(platform::_lseeki64(fDescriptor, 0, SEEK_END), 0) : 0;
+        fPosition = ModeHasChar(mode, 'a') ? platform::_lseeki64(fDescriptor, 0, SEEK_END) : 0;
         fMustSeek = false;
     }
     fGood.store(IsOpen(), std::memory_order_relaxed);
     fAtEnd = false;
     // Bytes that still wait belong to the file before, which is gone. The pad stays known: it may be the same file.
     fRemainderSize = 0;
+    bHoldsPadded = false;
     fFileEnd = -1;
     fAppends = (accessFlags(mode) & platform::_O_APPEND) != 0;
     fMode = mode;
@@ -122,11 +122,10 @@ unsigned int ORVA_File::Write(const void* buffer, unsigned int byteSize, std::in
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
     if (fEncrypted) return WriteEncrypted(buffer, byteSize, byteOffset);
-    if (fAppends) {
-        platform::setErrno(0);  // the system places these bytes, and some files cannot seek
-    } else {
-        seekTo(byteOffset, kWriteFailed);
-    }
+    // The system places what is appended: only what doesn't go on where the last transfer ended is worth a seek, which
+    // some files refuse.
+    if (fAppends) fMustSeek = false;
+    seekTo(byteOffset, kWriteFailed);
     const unsigned int count = writeDescriptor(buffer, byteSize);
     fPosition = byteOffset + count;
     if (fAppends) fMustSeek = true;  // the bytes went to the end, wherever that was

@@ -65,6 +65,9 @@ public:
     std::int64_t Tell() const { return fPosition; }
     const ExtNameStr& GetNameStr() const { return fName; }
     bool IsEncrypted() const { return fEncrypted; }
+    bool Appends() const { return fAppends; }
+    // Where the bytes end that wait for the rest of their block; 0 when none do.
+    ORVA_LOCAL std::int64_t waitingEnd() const;
     // The errno of the last failed Open, for the message of whoever reports it.
     int OpenErrno() const { return fOpenErrno; }
     // Pads and enciphers the waiting tail and ends the cipher run; the count of the last write it made. Nothing to do
@@ -97,6 +100,8 @@ private:
     ORVA_LOCAL std::int64_t fileEnd();
     ORVA_LOCAL std::int64_t descriptorPlace() const;
     ORVA_LOCAL void seekToBlock(std::int64_t block, std::int64_t byteOffset);
+    ORVA_LOCAL bool continuesPadded(std::int64_t byteOffset);
+    ORVA_LOCAL void takeUpPadded();
     ORVA_LOCAL unsigned int joinWaiting(const unsigned char* data, unsigned int size);
     ORVA_LOCAL void writeBlocksKeepTail(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
     ORVA_LOCAL unsigned int writeBlocks(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
@@ -118,6 +123,7 @@ private:
     std::unique_ptr<unsigned char[]> fRemainder;
     int fRemainderSize = 0;
     int fPadSize = 0;
+    bool bHoldsPadded = false;   // fRemainder still has the bytes of the block that was padded last.
     std::int64_t fTailPos = 0;   // Where the block belongs whose bytes wait, or that was padded last.
     std::int64_t fFileEnd = -1;  // Enciphered files, as their writer knows it; -1 until asked for and after a failure.
     bool fAppends = false;       // The system puts every write at the end of the file, whatever the descriptor says.

@@ -53,6 +53,24 @@ bool ORVA_File::continuesWaiting(std::int64_t byteOffset) const {
     return fRemainderSize > 0 && byteOffset == fTailPos + fRemainderSize;
 }
 
+// Right behind the data of a padded end that this object has written since it opened the file.
+bool ORVA_File::continuesPadded(std::int64_t byteOffset) {
+    const bool held = bHoldsPadded && fRemainderSize == 0 && fPadSize > 0 && !fAppends;
+    return held && byteOffset == fTailPos + CIPHER_BLOCK_SIZE - fPadSize && fileEnd() == fTailPos + CIPHER_BLOCK_SIZE;
+}
+
+// Its bytes wait again, as if it had not been finished.
+void ORVA_File::takeUpPadded() {
+    fRemainderSize = CIPHER_BLOCK_SIZE - fPadSize;
+    fPadSize = 0;
+    fMustSeek = true;
+}
+
+std::int64_t ORVA_File::waitingEnd() const {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    return fRemainderSize > 0 ? fTailPos + fRemainderSize : 0;
+}
+
 unsigned int ORVA_File::readEncrypted(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     ORVA_ASSERT(byteOffset % CIPHER_BLOCK_SIZE == 0 && byteSize % CIPHER_BLOCK_SIZE == 0,
                 "byteOffset%CIPHER_BLOCK_SIZE == 0 && byteSize%CIPHER_BLOCK_SIZE == 0 && "
@@ -97,6 +115,7 @@ unsigned int ORVA_File::overlayWaiting(unsigned char* bytes, unsigned int size, 
 unsigned int ORVA_File::WriteEncrypted(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     const auto* data = static_cast<const unsigned char*>(buffer);
     platform::setErrno(0);
+    if (byteSize > 0 && continuesPadded(byteOffset)) takeUpPadded();
     const bool continues = continuesWaiting(byteOffset);
     prepareWrite(byteSize, byteOffset);
     const unsigned int joined = continues ? joinWaiting(data, byteSize) : 0;
@@ -221,6 +240,7 @@ unsigned int ORVA_File::writePaddedBlock() {
     std::memset(fRemainder.get() + fRemainderSize, 0, static_cast<std::size_t>(fPadSize));
     const unsigned int count = writeBlocks(fRemainder.get(), CIPHER_BLOCK_SIZE, fTailPos);
     fRemainderSize = 0;
+    bHoldsPadded = true;
     fMustSeek = true;  // The descriptor stands behind the pad, fPosition does not.
     return count;
 }

@@ -80,6 +80,7 @@ std::int32_t ORVA_FileStream::Seek(std::int64_t offset, SeekDirection direction)
         fData->fIOPos = fData->pRealFile->Size();
         base = fData->fIOPos;
         if (fData->bDirty) base = std::max(base, fData->fpos + fData->buffered());
+        base = std::max(base, fData->pRealFile->waitingEnd());
     }
     std::int64_t target = 0;
     if (__builtin_add_overflow(base, offset, &target) || target < 0) return -1;

@@ -202,8 +202,11 @@ private:
         const std::uint64_t offset = offsetOf(position);
         const bool taken =
             buffered() - 1U < kBlockSize - 1U && offset <= buffered() && size - 1U < kBlockSize - 1U - offset;
-        return taken && isOpen() ? fBuffer + offset : nullptr;
+        return taken && isOpen() && (bDirty || joinsClean()) ? fBuffer + offset : nullptr;
     }
+    // May a write join bytes that the file has already, which are then written again with it? Not in a file that is
+    // only appended to, where they would stand twice, nor within a block of an enciphered one.
+    ORVA_LOCAL bool joinsClean() const;
 
     alignas(kBufferAlignment) unsigned char fBuffer[kBlockSize];
     unsigned char* fBufferEnd = fBuffer;

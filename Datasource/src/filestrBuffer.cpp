@@ -156,11 +156,12 @@ void ORVA_FileStream::Data::ReadUnbuffered(ReadRequest& request) {
     if (request._size < kBlockSize) return;
     // Behind the buffered end of an enciphered file no block begins: the read through the buffer is left with the rest.
     if (pRealFile->IsEncrypted() && request._pos % CIPHER_BLOCK_SIZE != 0) return;
-    Flush();
     // The read stops on a multiple of 512, so that the block read after it starts there.
     const std::int64_t reach =
         std::min<std::int64_t>(request._size, std::numeric_limits<std::int64_t>::max() - request._pos);
     const std::int64_t end = sectorFloor(request._pos + reach);
+    if (end <= request._pos) return;
+    Flush();
     const std::uint32_t count =
         pRealFile->Read(request._buffer, static_cast<std::uint32_t>(end - request._pos), request._pos);
     fIOPos = request._pos + count;
@@ -205,9 +206,15 @@ void ORVA_FileStream::Data::Write(WriteRequest& request) {
     }
 }
 
+bool ORVA_FileStream::Data::joinsClean() const {
+    if (pRealFile->Appends()) return false;
+    return !pRealFile->IsEncrypted() || fpos % CIPHER_BLOCK_SIZE == 0;
+}
+
 // True when the write began among the valid bytes or exactly at their end, so that the buffer never holds a gap. What
 // is left of the request then goes on behind a full, flushed buffer.
 bool ORVA_FileStream::Data::writeIntoBuffer(WriteRequest& request) {
+    if (!bDirty && !joinsClean()) return false;
     if (request._pos < fpos || offsetOf(request._pos) > buffered() || offsetOf(request._pos) >= kBlockSize)
         return false;
     unsigned char* target = fBuffer + offsetOf(request._pos);

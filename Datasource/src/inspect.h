@@ -4,8 +4,7 @@
 // Owner:   a finishedPart owns its file, opened for reading, its index, and two blocks of memory once it verifies.
 // Threads: findPart has no state. A finishedPart is used by one thread at a time; each further thread makes its own.
 // Failure: FileError from the disk, also when a file cannot be opened (1003; 1002 for what is written to);
-// DamagedFileError for bytes that cannot
-//          be true.
+//          DamagedFileError for bytes that cannot be true.
 #pragma once
 
 #include <orva/compressedLayout.h>

@@ -31,14 +31,25 @@ constexpr std::int64_t kPatienceForTaken = 4;
 constexpr const char* kGivenUp =
     "the search was given up here: what stands here could be taken for blocks again and again";
 
-// How many rows the index gives block `i`. The next block's position tells it too, and one of the two can lie.
-std::int64_t recordedSize(const filePosInfo& index, std::uint32_t i) {
-    const filePosRecord& record = index.parsed(i);
-    if (i + 1 < index.parsedCount()) {
-        const std::int64_t distance = index.parsed(i + 1).orginalPos - record.orginalPos;
-        if (isBlockSize(distance)) return distance;
+struct recordedRows {
+    std::int64_t size;
+    bool sure;
+};
+
+// How many rows the index gives block `i`, which begins at logical position `start`. Its own size and the position of
+// the next block both tell, and one of the two can lie; whether the position does, the block behind it tells.
+recordedRows recordedSize(const filePosInfo& index, std::uint32_t i, std::int64_t start) {
+    const std::int64_t size = index.parsed(i).orginalSize;
+    const bool last = i + 1 == index.parsedCount();
+    std::int64_t distance = 0;
+    if (last || __builtin_sub_overflow(index.parsed(i + 1).orginalPos, start, &distance) || !isBlockSize(distance)) {
+        return {std::min<std::int64_t>(size, kBlockSize), true};
     }
-    return std::min<std::int64_t>(record.orginalSize, kBlockSize);
+    if (distance == size) return {size, true};
+    const filePosRecord& next = index.parsed(i + 1);
+    const bool nextIsRight =
+        i + 2 < index.parsedCount() && next.orginalPos + next.orginalSize == index.parsed(i + 2).orginalPos;
+    return {nextIsRight || !isBlockSize(size) ? distance : size, nextIsRight};
 }
 
 // The first two bytes of a zlib stream with the full window, as every writer of this format makes it.
@@ -59,7 +70,7 @@ bool partSurvey::run(const recoverOptions& options) {
     takeHeading();
     filePosInfo index(kBlockSize, fFile.GetNameStr().GetGeneric());
     if (hadHeading && parseIndex(fHeading, part.swapped, index) && readByIndex(index)) {
-        for (std::uint32_t i = 0; i < index.parsedCount(); ++i) committedRows += recordedSize(index, i);
+        committedRows = fLogical - part.row0Pos;
         if (lastRewritten && !options.onlyCommitted) takeJoining();
     } else {
         walk();
@@ -106,10 +117,9 @@ bool partSurvey::readByIndex(const filePosInfo& index) {
     fPlace = part.row0Pos + kHeadingSize;
     bPlaceSure = true;
     hadIndex = true;
-    std::int64_t claimed = 0;
+    fLogical = part.row0Pos;
     for (std::uint32_t i = 0; i < index.parsedCount() && hadIndex; ++i) {
-        claimed += recordedSize(index, i);
-        hadIndex = claimed / kBestRatio <= fFileSize && takeRecord(index, i);
+        hadIndex = (fLogical - part.row0Pos) / kBestRatio <= fFileSize && takeRecord(index, i);
     }
     if (!hadIndex) {
         segments = before;
@@ -124,7 +134,7 @@ bool partSurvey::readByIndex(const filePosInfo& index) {
 // about its end, though, is no damage: the index is that of a former life.
 bool partSurvey::takeRecord(const filePosInfo& index, std::uint32_t i) {
     const filePosRecord& record = index.parsed(i);
-    const std::int64_t size = recordedSize(index, i);
+    const auto [size, sure] = recordedSize(index, i, fLogical);
     const bool last = i + 1 == index.parsedCount();
     const std::int64_t recorded = record.translatePos;
     std::optional<std::int64_t> tried;
@@ -143,12 +153,14 @@ bool partSurvey::takeRecord(const filePosInfo& index, std::uint32_t i) {
         }
         take(*found, place);
         lastRewritten = last && !endsAsRecorded && found->rows != size;
+        fLogical += lastRewritten ? size : found->rows;
         fPlace = end;
         bPlaceSure = true;
         return true;
     }
-    segments.push_back({size, recorded, 0, false, outOfPatience() ? kGivenUp : "its block is damaged"});
-    fPlace = recorded >= 0 && recorded <= fFileSize ? recorded + record.translateSize : 0;
+    segments.push_back({size, recorded, 0, !sure, outOfPatience() ? kGivenUp : "its block is damaged"});
+    fLogical += size;
+    fPlace = recorded >= 0 && recorded <= fFileSize ? recorded + record.translateSize : kUnknown;
     bPlaceSure = false;
     return true;
 }
@@ -254,7 +266,8 @@ void partSurvey::addMissing(std::int64_t count) {
     if (missing <= 0) return;
     const auto gap = std::find_if(segments.begin(), segments.end(), [](const auto& s) { return s.length == 0; });
     if (gap != segments.end()) {
-        gap->size = std::min((missing + 1) * kBlockSize, ((gap + 1)->place - gap->place) * kBestRatio);
+        const std::int64_t end = gap + 1 == segments.end() ? fFileSize : (gap + 1)->place;
+        gap->size = std::min((missing + 1) * kBlockSize, (end - gap->place) * kBestRatio);
         return;
     }
     const std::int64_t place =
@@ -277,12 +290,13 @@ std::int64_t partSurvey::workOf(const blockOutcome& outcome) {
 }
 
 std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place) {
-    if (place < 0 || place >= fFileSize || outOfPatience()) return std::nullopt;
+    if (place < part.row0Pos + kHeadingSize || place >= fFileSize || outOfPatience()) return std::nullopt;
+    const std::int64_t before = fRead;
     const blockOutcome outcome = inflateAt(place, fUsualLength + fUsualLength / 4);
     if (outcome.end == blockOutcome::complete && outcome.produced != 0) {
         return stream{outcome.produced, outcome.consumed};
     }
-    fWasted += workOf(outcome);
+    fWasted += workOf(outcome) + fRead - before;
     return std::nullopt;
 }
 
@@ -290,6 +304,7 @@ std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place) {
 blockOutcome partSurvey::inflateAt(std::int64_t place, std::uint32_t firstRead) {
     for (std::uint32_t size = std::clamp(firstRead, 4096U, kBlockSize);; size = std::min(size, kBlockSize / 8) * 8) {
         const std::uint32_t count = fFile.Read(fCompressed.get(), size, place);
+        fRead += count;
         const blockOutcome outcome = fCodec.inflateWhole(fCompressed.get(), count, fRows.get(), kBlockSize);
         if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
         const bool ranOut = outcome.end == blockOutcome::incomplete && outcome.consumed == count && count == size;

@@ -49,6 +49,7 @@ public:
     std::vector<surveySegment> segments;
 
 private:
+    static constexpr std::int64_t kUnknown = -1;
     struct stream {
         std::uint32_t rows;
         std::uint32_t length;
@@ -80,10 +81,12 @@ private:
     const std::int64_t fFileSize;
     compressionHeading fHeading{};
     std::optional<std::int64_t> fCount;  // blocks that the heading vouches for
-    std::int64_t fPlace = 0;             // behind the block taken last, where the next one begins
+    std::int64_t fPlace = kUnknown;      // behind the block taken last, where the next one begins
+    std::int64_t fLogical = 0;           // the same in rows, as far as an index is followed
     bool bPlaceSure = false;             // that block was read, so fPlace outranks a record
     std::int64_t fWasted = 0;            // bytes through the codec for nothing
     std::int64_t fTaken = 0;             // for the segments
+    std::int64_t fRead = 0;              // from the file, for blocks
     std::uint32_t fUsualLength = kBlockSize;
     zlibCompressBlock fCodec;
     blockBuffer fCompressed;

@@ -104,10 +104,7 @@ void zcmpsFilestr::abandon() {
     fData->endWorker(bIsWriting);
     fData->bClosed = bIsWriting;
     if (untoldAppend) fData->throwFailure();
-    if (fData->fTail) {
-        const std::exception_ptr failure = fData->undoAppend(nullptr);
-        if (failure != nullptr) std::rethrow_exception(failure);
-    }
+    fData->putBackAppend();
 }
 
 // The heading goes last: it is what makes the file a finished one.

@@ -41,9 +41,9 @@ public:
     void setMultiThread(std::int32_t setting);
 
     // Several blocks at once: `threads` threads deflate or inflate beside the caller, for a writer, an appender and a
-    // reader alike, and files, bytes and errors stay the same. Costs two blocks of memory for each thread and two more.
-    // 0, as at first, leaves the work to setMultiThread's setting. Comes before setRow0Pos and readFilePosInfo; the
-    // threads start with the first block.
+    // reader alike, and files, bytes and errors stay the same. Costs eight MiB for each thread and sixteen more, and
+    // four to a reader. 0, as at first, leaves the work to setMultiThread's setting. Comes before setRow0Pos and
+    // readFilePosInfo; the threads start with the first block.
     void setThreadCount(std::int32_t threads);
 
     // A reader keeps up to `blocks` inflated blocks, 4 MiB each, for a caller that goes back and forth: a position in
@@ -98,7 +98,7 @@ public:
     void abandon();
 
 private:
-    struct Data;
+    struct ORVA_LOCAL Data;
 
     ORVA_LOCAL void refuseWithWorker() const;
     ORVA_LOCAL void refuseEncrypted(long code);

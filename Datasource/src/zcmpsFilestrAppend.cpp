@@ -150,6 +150,13 @@ std::exception_ptr zcmpsFilestr::Data::undoAppend(const std::exception_ptr& fail
     }
 }
 
+// The rows of an append that nobody has finished are dropped.
+void zcmpsFilestr::Data::putBackAppend() {
+    if (!fTail) return;
+    const std::exception_ptr failure = undoAppend(nullptr);
+    if (failure != nullptr) std::rethrow_exception(failure);
+}
+
 // The heading is in its place, durably: from here on the new rows count.
 void zcmpsFilestr::Data::commitSafeAppend() {
     fTail.reset();

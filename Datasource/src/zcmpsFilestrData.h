@@ -53,6 +53,7 @@ struct zcmpsFilestr::Data {
     void saveTail(const compressionHeading& heading, std::uint32_t rewrittenBlock);
     // Puts back what a failed append has overwritten. Gives the failure with the outcome added to its text.
     std::exception_ptr undoAppend(const std::exception_ptr& failure);
+    void putBackAppend();
     void commitSafeAppend();
 
     // An empty fBuffer, to be filled.
@@ -100,10 +101,12 @@ struct zcmpsFilestr::Data {
 };
 
 // Turns the stream into a writer by `steps`. If they fail, a stream that was no writer is none, and Read tells why; a
-// writer ends with that failure.
+// writer ends with that failure, and so does all that would make it one again.
 template <class Steps>
 void zcmpsFilestr::beginWriting(Steps steps) {
+    fData->throwFailure();
     try {
+        fData->putBackAppend();
         steps();
     } catch (...) {
         if (bIsWriting) {

@@ -18,6 +18,7 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
     fFilePos = posofpos;
     fData->fCache.clear();
     try {
+        fData->putBackAppend();
         refuseEncrypted(kReadFailed);
         const compressionHeading chInfo = orva::readHeading(
             fData->pRealFile, posofpos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");

@@ -17,7 +17,6 @@ void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
         refuseEncrypted(kWriteFailed);
         fData->endWorker(false);
         reopenForWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__);
-        fData->fTail.reset();
         auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
         const bool byWorker = fData->fMultiThread == 1 && fData->fThreadCount == 0;
         auto worker = byWorker ? fData->makeWriter(pos, *index) : nullptr;

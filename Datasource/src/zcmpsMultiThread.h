@@ -4,7 +4,7 @@
 //
 // Requests are those of the workers in zcmpsPreIOThread.h, and so are files, bytes and errors: only the time differs.
 //
-// Memory: two blocks a slot; threads + 1 slots to write, threads + 2 to read.
+// Memory: two blocks a slot, threads + 2 slots; to read, one block more.
 #pragma once
 
 #include "blockBuffer.h"
