@@ -1,5 +1,5 @@
 // What the tests of the compressed layers share: compressed files made through the library and looked at past it, what
-// an operation threw as a text that can be compared, and a hook for system calls.
+// an operation threw as a text that can be compared, and hooks for system calls.
 #pragma once
 
 #include "support/tempDir.h"
@@ -8,27 +8,21 @@
 #include <orva/errors.h>
 #include <orva/errtext.h>
 #include <orva/filestr.h>
-#include <orva/platformFaults.h>
 #include <orva/zcmpsFilestr.h>
 
-#include <unistd.h>
 #include <zlib.h>
 
-#include <algorithm>
-#include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
 namespace core {
 
-using platform::faults::Call;
-using platform::faults::Verdict;
 using support::Bytes;
+using support::Call;
+using support::CallHook;
+using support::joined;
+using support::operator+;
+using support::Verdict;
 
 inline constexpr std::int64_t kRow0 = 1'000;
 inline constexpr std::int64_t kBlock = 4'190'208;
@@ -85,36 +79,40 @@ inline void write(ORVA_StrBaseIO& stream, const Bytes& bytes) {
     EXPECT_EQ(stream.Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
 }
 
-// A finished file whose blocks, apart from what deflate cuts, are these.
-inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, std::int64_t row0 = kRow0) {
-    const auto stream = startedWriter(name, 0, row0);
+// Blocks of these, apart from what deflate cuts.
+inline void writeBlocks(zcmpsFilestr& stream, const std::vector<Bytes>& blocks) {
     for (const Bytes& block : blocks) {
-        write(*stream, block);
-        stream->Flush();
+        write(stream, block);
+        stream.Flush();
     }
-    ASSERT_EQ(stream->Close(), 1);
+}
+
+// A finished file, made by the library alone.
+inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, std::int64_t row0 = kRow0, int road = 0,
+                     bool durable = false) {
+    ORVA_FileStream source(name.c_str(), "w+b");
+    write(source, Bytes(static_cast<std::size_t>(row0), 0xD5));
+    zcmpsFilestr stream(source);
+    takeRoad(stream, road);
+    stream.setDurable(durable);
+    beginRows(stream, row0);
+    writeBlocks(stream, blocks);
+    EXPECT_EQ(stream.Close(), 1);
 }
 
 // Ends the program, with the name of the case, when it goes a minute without being fed: a thread that waits for ever
 // fails instead of hanging.
-class Watchdog {
-public:
-    Watchdog() {
-        std::signal(SIGALRM, [](int) {
-            if (::write(STDERR_FILENO, fCase, std::strlen(fCase)) >= 0) std::abort();
-        });
-        feed("hangs: before the first case\n");
-    }
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
+struct Watchdog {
+    Watchdog() { feed("before the first case"); }
     ~Watchdog() { alarm(0); }
-    static void feed(const std::string& name = "hangs\n") {
-        fCase[name.copy(fCase, sizeof fCase - 1)] = 0;
+    static void feed(const std::string& name) {
+        static char text[200];
+        text[("hangs: " + name + "\n").copy(text, sizeof text - 1)] = 0;
+        std::signal(SIGALRM, [](int) {
+            if (::write(STDERR_FILENO, text, std::strlen(text)) >= 0) std::abort();
+        });
         alarm(60);
     }
-
-private:
-    static inline char fCase[200] = "";
 };
 
 // A finished file of six short blocks.
@@ -137,12 +135,14 @@ class Reader {
 public:
     explicit Reader(const std::string& name, int road = 0)
         : fStream(std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"))) {
+        if (fStream->Good() == 0) throw SystemFileException(1201, "", "", 0, true);
         takeRoad(*fStream, road);
     }
     Reader(const std::string& name, int road, std::int64_t row0, bool swap = false) : Reader(name, road) {
         fStream->readFilePosInfo(row0, swap);
     }
     zcmpsFilestr* operator->() const { return fStream.get(); }
+    zcmpsFilestr& operator*() const { return *fStream; }
     Bytes read(std::size_t size) const {
         Bytes bytes(size);
         bytes.resize(fStream->Read(bytes.data(), static_cast<std::uint32_t>(size)));
@@ -194,12 +194,6 @@ inline Bytes swapped(Bytes file) {
     return file;
 }
 
-inline Bytes joined(const std::vector<Bytes>& parts) {
-    Bytes all;
-    for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
-
 template <class Struct>
 Bytes bytesOf(const Struct& value) {
     Bytes bytes(sizeof value);
@@ -207,41 +201,13 @@ Bytes bytesOf(const Struct& value) {
     return bytes;
 }
 
-// A hook made of one function, which is asked before each raw call. Counts the calls.
-class CallHook : public platform::faults::Hook {
-public:
-    using Verdict = platform::faults::Verdict;
-    using Ask = std::function<Verdict(Call call, std::uint64_t number)>;
-
-    explicit CallHook(Ask ask) : fAsk(std::move(ask)) {}
-    Verdict before(Call call, int, std::uint64_t) override { return fAsk(call, ++fCount); }
-    std::uint64_t count() const { return fCount; }
-
-private:
-    Ask fAsk;
-    std::atomic<std::uint64_t> fCount{0};
-};
-
-// Transfers of one kind that begin in a range of the file fail while this lives, as on a disk with a bad spot or with
-// no room behind a place. `allow` says how many still do.
-class BadPlace : public platform::faults::Hook {
-public:
-    BadPlace(Call call, int error, std::int64_t begin = 0, std::int64_t end = INT64_MAX)
-        : fCall(call), fError(error), fBegin(begin), fEnd(end) {}
-    Verdict before(Call call, int descriptor, std::uint64_t) override {
-        if (call != fCall) return Verdict::goOn();
-        const std::int64_t at = lseek(descriptor, 0, SEEK_CUR);
-        return at >= fBegin && at < fEnd && fLeft-- > 0 ? Verdict::fail(fError) : Verdict::goOn();
-    }
-    void allow(int failures) { fLeft = failures; }
-
-private:
-    const Call fCall;
-    const int fError;
-    const std::int64_t fBegin, fEnd;
-    std::atomic<int> fLeft{INT32_MAX};
-    platform::faults::Installed fInstalled{*this};
-};
+// Transfers of one kind that begin in a range of the file fail, as on a disk with a bad spot or no room.
+inline CallHook::Ask badPlace(Call kind, int error, std::int64_t begin = 0, std::int64_t end = INT64_MAX) {
+    return [=](Call call, int descriptor, std::uint64_t) {
+        const std::int64_t at = call == kind ? lseek(descriptor, 0, SEEK_CUR) : -1;
+        return at >= begin && at < end ? Verdict::fail(error) : Verdict::goOn();
+    };
+}
 
 // Assertion texts are looked for in the last words of a child that is started anew, since threads may be running here.
 #define EXPECT_ASSERTION(statement, text)                  \

@@ -88,49 +88,36 @@ TEST(Layout, IndexIsReadInBothByteOrders) {
 
 void parse(filePosInfo& index, const Records& records) {
     Bytes bytes = bytesOf(filePosRecord{-100, 0, kBlock, static_cast<std::int32_t>(records.size())});
-    bytes.resize(24 + records.size() * 24);
-    if (!records.empty()) std::memcpy(bytes.data() + 24, records.data(), records.size() * 24);
+    for (const filePosRecord& record : records) bytes = std::move(bytes) + bytesOf(record);
     index.parseForRead(bytes.data(), false);
 }
 
-Records fullBlocks(std::int64_t row0, std::uint32_t count) {
-    Records records;
-    for (std::uint32_t i = 0; i < count; ++i) records.push_back({row0 + i * kBlock, 24, kBlock, 1'000});
-    return records;
-}
-
-TEST(Lookup, FindsTheBlockAndMovesTheCursor) {
+TEST(Lookup, TheCursorGoesBehindTheBlockFound) {
     const struct {
-        const char* name;
         std::uint32_t cursor;
         std::int64_t pos, found;
         std::uint32_t cursorAfter;
     } cases[] = {
-        {"FirstByte", 0, 1'000, 1'000, 1},
-        {"ByteBeforeRow0", 0, 999, -200, 0},
-        {"LastByte", 0, 8'481'415, 8'381'416, 0},
-        {"ByteBehindTheLast", 2, 8'481'416, -200, 2},
-        {"InsideTheLastBlocksSpanButBehindItsData", 1, 9'000'000, -200, 1},
-        {"QuotientHits", 0, 8'000'000, 4'191'208, 2},
-        {"QuotientTooHighSearchesDownward", 0, 8'381'000, 4'191'208, 2},
-        {"SequentialReaderHitsByTheCursor", 1, 4'191'208, 4'191'208, 2},
-        {"CursorMissesThenFirst", 2, 4'190'500, 1'000, 1},
-        {"CursorAtTheLastGoesBehindIt", 2, 8'381'416, 8'381'416, 3},
-        {"CursorBehindTheLastIsClamped", 3, 8'381'416, 8'381'416, 3},
-        {"CursorFarOutsideIsClamped", 4'000'000'000, 4'191'208, 4'191'208, 2},
+        {0, 999, -200, 0},                         // before the first row
+        {1, 9'000'000, -200, 1},                   // in the last block's span, but behind its data
+        {0, 8'000'000, 4'191'208, 2},              // the quotient is right
+        {0, 8'381'000, 4'191'208, 2},              // or too high
+        {1, 4'191'208, 4'191'208, 2},              // a sequential reader
+        {2, 4'190'500, 1'000, 1},                  // from the beginning again
+        {2, 8'381'416, 8'381'416, 3},              // behind the last one
+        {4'000'000'000, 4'191'208, 4'191'208, 2},  // far outside
     };
     filePosInfo index(kBlock);
     EXPECT_ASSERTION(index.findRecord(1), "pInfoBuffer != 0");
-    parse(index, fullBlocks(0, 1));
+    parse(index, {{0, 24, kBlock, 1'000}});
     EXPECT_ASSERTION(index.findRecord(1), "pInfoBuffer->orginalPos != 0");
     parse(index, {});
     EXPECT_EQ(index.findRecord(1'000).orginalPos, -200);
     parse(index, kExample);
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
         filePosInfoAccess::cursor(index) = c.cursor;
-        EXPECT_EQ(index.findRecord(c.pos).orginalPos, c.found);
-        EXPECT_EQ(filePosInfoAccess::cursor(index), c.cursorAfter);
+        EXPECT_EQ(index.findRecord(c.pos).orginalPos, c.found) << c.pos;
+        EXPECT_EQ(filePosInfoAccess::cursor(index), c.cursorAfter) << c.pos;
     }
 }
 

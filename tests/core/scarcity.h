@@ -1,17 +1,24 @@
 // Scarcity: of what the code under test needs, the k-th piece is not to be had: a file call, an allocation, the memory
-// of a codec, a thread. It strikes while a body runs that is heard, on whichever thread.
+// of a codec, a thread, a call of the cipher. It strikes while a body runs that is heard, on whichever thread. For one
+// program alone: it replaces operator new and more.
 #pragma once
 
 #include "coreTest.h"
 
-#include <cstddef>
-#include <exception>
-#include <string>
+#include <orva/workdirFaults.h>
 
-namespace core {
+#include <dlfcn.h>
+#include <malloc.h>
+#include <pthread.h>
+
+#include <new>
+
+#if ORVA_FAST_CODEC
+#include <libdeflate.h>
+#endif
 
 struct Fault {
-    enum Kind { Calls, Memory, Codecs, Threads };
+    enum Kind { Calls, Memory, Codecs, Threads, Cipher, Kinds };
     const char* name;
     Kind kind;
     int error = 0;            // 0: the call is only cut short
@@ -19,15 +26,124 @@ struct Fault {
     bool afterAPart = false;  // a transfer first moves some bytes, and the next call fails
 };
 
-class Scarcity : public platform::faults::Hook {
+namespace {
+
+// Of the process, for the replaced functions below, which may be called at any time.
+std::atomic<bool> striking{false};
+std::atomic<Fault::Kind> kind{};
+std::atomic<std::uint64_t> first{0}, last{0}, count{0};
+std::atomic<std::size_t> used{0}, peak{0};
+
+bool strikes(Fault::Kind what) noexcept {
+    if (!striking || kind != what) return false;
+    const std::uint64_t number = ++count;
+    return number >= first && number <= last;
+}
+
+void* allocated(std::size_t size, std::size_t alignment) noexcept {
+    void* bytes = nullptr;
+    if (strikes(Fault::Memory)) return nullptr;
+    if (posix_memalign(&bytes, std::max(alignment, sizeof(void*)), std::max<std::size_t>(size, 1)) != 0) return nullptr;
+    const std::size_t now = used += malloc_usable_size(bytes);
+    for (std::size_t before = peak; before < now && !peak.compare_exchange_weak(before, now);) continue;
+    return bytes;
+}
+void* allocatedOrThrow(std::size_t size, std::size_t alignment) {
+    void* bytes = allocated(size, alignment);
+    return bytes != nullptr ? bytes : throw std::bad_alloc();
+}
+void released(void* bytes) noexcept {
+    used -= malloc_usable_size(bytes);
+    std::free(bytes);
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    return allocatedOrThrow(size, 16);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return allocated(size, 16);
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    return allocatedOrThrow(size, static_cast<std::size_t>(alignment));
+}
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+    return allocated(size, static_cast<std::size_t>(alignment));
+}
+void operator delete(void* bytes) noexcept {
+    released(bytes);
+}
+void operator delete(void* bytes, std::size_t) noexcept {
+    released(bytes);
+}
+void operator delete(void* bytes, const std::nothrow_t&) noexcept {
+    released(bytes);
+}
+void operator delete(void* bytes, std::align_val_t, const std::nothrow_t&) noexcept {
+    released(bytes);
+}
+void operator delete(void* bytes, std::align_val_t) noexcept {
+    released(bytes);
+}
+void operator delete(void* bytes, std::size_t, std::align_val_t) noexcept {
+    released(bytes);
+}
+
+// Found before the system's own, by the standard library too.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
+                              void* argument) {
+    if (strikes(Fault::Threads)) return EAGAIN;
+    static const auto next = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    return next(thread, attributes, run, argument);
+}
+
+// The linker leads the library's calls here (--wrap).
+extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+int __real_deflateInit_(z_stream* stream, int level, const char* version, int size);
+int __wrap_deflateInit_(z_stream* stream, int level, const char* version, int size) {
+    return strikes(Fault::Codecs) ? Z_MEM_ERROR : __real_deflateInit_(stream, level, version, size);
+}
+int __real_inflateInit_(z_stream* stream, const char* version, int size);
+int __wrap_inflateInit_(z_stream* stream, const char* version, int size) {
+    return strikes(Fault::Codecs) ? Z_MEM_ERROR : __real_inflateInit_(stream, version, size);
+}
+#if ORVA_FAST_CODEC
+libdeflate_decompressor* __real_libdeflate_alloc_decompressor();
+libdeflate_decompressor* __wrap_libdeflate_alloc_decompressor() {
+    return strikes(Fault::Codecs) ? nullptr : __real_libdeflate_alloc_decompressor();
+}
+#endif
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+}
+
+namespace core {
+
+class Scarcity : public platform::faults::Hook, public workdir::faults::Hook {
 public:
-    Scarcity(const Fault& what, std::uint64_t k);
-    ~Scarcity() override;
+    Scarcity(const Fault& what, std::uint64_t k) : fault(what) {
+        // A call that is cut short counts as the k-th, and the next one fails.
+        first = k + (fault.afterAPart && fault.error != 0 ? 1 : 0);
+        last = fault.lasting ? UINT64_MAX : first.load();
+        kind = fault.kind;
+        count = 0;
+        platform::faults::install(this);
+        workdir::faults::install(this);
+    }
+    ~Scarcity() override {
+        platform::faults::install(nullptr);
+        workdir::faults::install(nullptr);
+    }
 
     // What failureOf says of `body`; `text` gets what a person would read. Strikes in there alone, and no more once
     // something was thrown.
     template <class Body>
     std::string heard(Body body) {
+        struct Striking {
+            Striking() { striking = true; }
+            ~Striking() { striking = false; }
+        };
         text.clear();
         return failureOf([&] {
             try {
@@ -40,27 +156,45 @@ public:
         });
     }
     // There was a k-th piece.
-    bool reached() const;
+    bool reached() const { return count >= first; }
     // It was refused. Other calls go on after they were cut short or interrupted.
-    bool refused() const;
+    bool refused() const {
+        return reached() && (fault.kind != Fault::Calls || (fault.error != 0 && fault.error != EINTR));
+    }
 
-    Verdict before(Call call, int descriptor, std::uint64_t size) override;
-    void after(const platform::faults::Step& step) override;
+    bool fails(workdir::faults::Call) noexcept override { return strikes(Fault::Cipher); }
+    Verdict before(Call call, int, std::uint64_t size) override {
+        const bool strikesNow = strikes(Fault::Calls);
+        const bool transfers = call == Call::Read || call == Call::Write;
+        const Verdict part = transfers ? Verdict::atMost(size / 2 + 1) : Verdict::goOn();
+        if (!strikesNow) return fault.afterAPart && striking && count + 1 == first ? part : Verdict::goOn();
+        const bool neverInterrupted = call == Call::Seek || call == Call::Duplicate || call >= Call::Rename;
+        if (fault.error == EINTR && neverInterrupted) return Verdict::goOn();
+        return fault.error == 0 ? part : Verdict::fail(fault.error);
+    }
+    void after(const platform::faults::Step& step) override {
+        if (step.call != Call::Write) return;
+        if (bWriteFailed && step.result > 0) bBehindFailure = true;
+        if (step.result < 0 && step.error != EINTR) bWriteFailed = true;
+        if (step.result <= 0) return;
+        const bool heading = step.offset >= kRow0 && step.offset < kRow0 + kHeadingSize;
+        if (bHeading && !heading) bBehindHeading = true;
+        if (heading) bHeading = true;
+    }
 
     const Fault fault;
     std::string text;
     std::atomic<bool> bHeading{false}, bBehindHeading{false};  // bytes were written there
-
-private:
-    struct Striking {
-        Striking();
-        Striking(const Striking&) = delete;
-        Striking& operator=(const Striking&) = delete;
-        ~Striking();
-    };
+    std::atomic<bool> bWriteFailed{false}, bBehindFailure{false};
 };
 
 // The most memory of operator new since the last time, above what was in use then.
-std::size_t takePeakOfMemory();
+inline std::size_t takePeakOfMemory() {
+    static std::size_t base = 0;
+    const std::size_t most = peak - base;
+    base = used;
+    peak = base;
+    return most;
+}
 
 }  // namespace core

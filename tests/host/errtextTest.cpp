@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <string>
-
 namespace {
 
 struct TextCase {

@@ -1,14 +1,10 @@
-#include "support/inChild.h"
+#include "support/tempDir.h"
 
 #include <orva/ktthread.h>
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
-#include <functional>
-#include <memory>
 #include <thread>
-#include <vector>
 
 // Both compilers' ways to tell the sanitizer.
 #ifndef __has_feature
@@ -76,10 +72,8 @@ TEST(KtThreadPool, RunsAsManyCallbacksAtOnceAsItHasThreadsHoweverSoonItStops) {
 TEST(KtThreadPool, ThreadsOutliveErrorsTakeNoSignalsAndDisposeOfWhatNeverRan) {
     const auto unexpected = [](void*) { ADD_FAILURE() << "ran"; };
     ktThreadPool(1, 0).runCallBack(new Task(unexpected), nullptr, 1);  // never started
-    sigset_t inPool;
-    sigset_t after;
-    ktSemaphore entered(0);
-    ktSemaphore leave(0);
+    sigset_t inPool, after;
+    ktSemaphore entered(0), leave(0);
     StartedPool pool(1);
     pool.run([](void*) { throw 1; });
     pool.run([&](void*) {
@@ -89,10 +83,7 @@ TEST(KtThreadPool, ThreadsOutliveErrorsTakeNoSignalsAndDisposeOfWhatNeverRan) {
     });
     entered.waitSemaphore();
     pool.run(unexpected);
-    std::thread ender([&] {
-        std::this_thread::sleep_for(30ms);
-        leave.postSemaphore();
-    });
+    std::thread ender([&] { std::this_thread::sleep_for(30ms), leave.postSemaphore(); });
     pool.stopAll();
     ender.join();
     EXPECT_FALSE(pool.run(unexpected)) << "stopped already";

@@ -1,24 +1,18 @@
-#include "support/inChild.h"
 #include "support/tempDir.h"
 
 #include <orva/hostdep.h>
 #include <orva/platform.h>
-#include <orva/platformFaults.h>
 
 #include <fcntl.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
 
 namespace {
 
-using platform::faults::Call;
-using platform::faults::Step;
-using platform::faults::Verdict;
+using support::Call;
+using support::Verdict;
 
 constexpr int kWrite = platform::_O_RDWR | platform::_O_CREAT;
 constexpr int kAppend = kWrite | platform::_O_APPEND;
@@ -36,8 +30,6 @@ int opened(const std::string& name, int oflag) {
 class Script : public platform::faults::Hook {
 public:
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
-    ~Script() override { platform::faults::install(fBefore); }
-
     Verdict before(Call /*call*/, int /*descriptor*/, std::uint64_t /*size*/) override {
         static const std::map<std::string, int> errors{
             {"=EINTR", EINTR}, {"=EIO", EIO}, {"=EINVAL", EINVAL}, {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE}};
@@ -48,7 +40,7 @@ public:
         const auto error = errors.find(fAnswer);
         return error != errors.end() ? Verdict::fail(error->second) : Verdict::atMost(std::stoul(fAnswer.substr(1)));
     }
-    void after(const Step& step) override {
+    void after(const platform::faults::Step& step) override {
         if (descriptor == -1) descriptor = static_cast<int>(step.result);
         const bool other = step.call == Call::Close && step.descriptor != descriptor;
         told << (other ? 'c' : "OSRWDCYTLNU"[static_cast<int>(step.call)]);
@@ -63,7 +55,7 @@ public:
 private:
     std::istringstream fDialogue;
     std::string fAnswer;
-    Hook* const fBefore = platform::faults::install(this);
+    const platform::faults::Installed fInstalled{*this};
 };
 
 // What is missing of all the bytes asked for, and so below 0 for a failure.
@@ -109,13 +101,14 @@ const CallCase kCalls[] = {
     {"Truncation", kWrite, [](int d) { return platform::truncateFile(d, 4); }, "O L T4=EINTR T4 ", 0, "0123"},
 };
 
-class PlatformTest : public support::TempDir {};
+using PlatformTest = support::TempDir;
 
 TEST_F(PlatformTest, CallsAreWholeOrFailed) {
     for (const CallCase& row : kCalls) {
         SCOPED_TRACE(row.name);
         const std::string file = made("data", {kDigits.begin(), kDigits.end()});
         Script script(row.dialogue);
+        errno = 0;
         const int descriptor = opened(file, row.oflag);
         const int result = row.run == nullptr ? std::min(descriptor, 0) : row.run(descriptor);
         EXPECT_EQ(result < 0 ? errno : result, row.error);
@@ -131,10 +124,8 @@ TEST_F(PlatformTest, CallsAreWholeOrFailed) {
 TEST_F(PlatformTest, NeitherANameWithAZeroByteNorADirectoryOpens) {
     ExtNameStr name;
     name.SetGeneric(made("data", {}) + std::string("\0tail", 5));
-    EXPECT_EQ(name.Sopen(platform::_O_RDONLY, platform::_SH_DENYWR, 0x180), -1);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(opened(path("."), platform::_O_RDONLY), -1);
-    EXPECT_EQ(errno, EISDIR);
+    EXPECT_TRUE(name.Sopen(platform::_O_RDONLY, platform::_SH_DENYWR, 0x180) == -1 && errno == ENOENT);
+    EXPECT_TRUE(opened(path("."), platform::_O_RDONLY) == -1 && errno == EISDIR);
 }
 
 TEST_F(PlatformTest, TemporaryFileIsItsOwnersAloneAndGoesWhenThatProcessCloses) {
@@ -146,8 +137,7 @@ TEST_F(PlatformTest, TemporaryFileIsItsOwnersAloneAndGoesWhenThatProcessCloses) 
     EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
     EXPECT_EQ(opened(file, kTruncate), -1) << "a second writer in this process";
     support::expectInChild([&] {
-        EXPECT_EQ(opened(file, kTruncate), -1);
-        EXPECT_EQ(errno, EWOULDBLOCK);
+        EXPECT_TRUE(opened(file, kTruncate) == -1 && errno == EWOULDBLOCK);
         EXPECT_EQ(platform::_close(descriptor), 0);
         EXPECT_EQ(platform::_close(opened(path("own"), kTemporary)), 0);
     });
@@ -163,31 +153,23 @@ TEST_F(PlatformTest, TemporaryFileIsItsOwnersAloneAndGoesWhenThatProcessCloses) 
 }
 
 // Another file takes the name over before each of the first so many locks.
-struct Replacing : platform::faults::Hook {
-    Verdict before(Call call, int /*descriptor*/, std::uint64_t /*size*/) override {
+TEST_F(PlatformTest, AWriterLocksTheFileThatItsNameLeadsTo) {
+    const std::string name = made("data", {});
+    int times = 3;
+    const support::CallHook hook([&](Call call, int, std::uint64_t) {
         if (call == Call::Lock && times-- > 0) {
             std::ofstream(name + "2") << kDigits;
             std::filesystem::rename(name + "2", name);
         }
         return Verdict::goOn();
-    }
-    std::string name;
-    int times = 0;
-};
-
-TEST_F(PlatformTest, AWriterLocksTheFileThatItsNameLeadsTo) {
-    Replacing hook;
-    hook.name = made("data", {});
-    const platform::faults::Installed installed(hook);
-    hook.times = 3;
-    const int descriptor = opened(hook.name, kTruncate);
+    });
+    const int descriptor = opened(name, kTruncate);
     EXPECT_EQ(platform::_write(descriptor, "mine", 4), 4);
-    EXPECT_EQ(std::filesystem::file_size(hook.name), 4U);
+    EXPECT_EQ(std::filesystem::file_size(name), 4U);
     EXPECT_EQ(platform::_close(descriptor), 0);
-    hook.times = 1000;
-    EXPECT_EQ(opened(hook.name, kTruncate), -1);
-    EXPECT_EQ(errno, EWOULDBLOCK);
-    EXPECT_EQ(std::filesystem::file_size(hook.name), 10U) << "truncated though it was never locked";
+    times = 1000;
+    EXPECT_TRUE(opened(name, kTruncate) == -1 && errno == EWOULDBLOCK);
+    EXPECT_EQ(std::filesystem::file_size(name), 10U) << "truncated though it was never locked";
 }
 
 }  // namespace

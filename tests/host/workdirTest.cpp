@@ -1,13 +1,10 @@
 // The key is the process's, so every test works in a child of its own, forked before any key is in use.
-#include "support/inChild.h"
 #include "support/tempDir.h"
 
 #include <orva/workdir.h>
 
-#include <cstdint>
 #include <numeric>
 #include <thread>
-#include <vector>
 
 namespace {
 

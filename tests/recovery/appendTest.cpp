@@ -2,8 +2,6 @@
 // core/faultTest.cpp.
 #include "recoveryTest.h"
 
-#include <cerrno>
-
 namespace recovery {
 
 class AppendTest : public FileTest {};
@@ -29,7 +27,7 @@ TEST_F(AppendTest, RowsBlocksAndIndexAfterwards) {
             EXPECT_TRUE(sameBytes(rowsOf(fFile), append.newRows()));
             EXPECT_TRUE(sameBytes(support::slice(appended, 0, kRow0), Bytes(kRow0, 0xD5)));
             // The same file on every road.
-            for (append.road = 1; append.road < 4; ++append.road) {
+            for (append.road = 1; append.road < 6; ++append.road) {
                 lay({{fFile, old}});
                 append.run(fFile, swap);
                 EXPECT_EQ(present(), (Files{{fFile, appended}})) << append.road;
@@ -77,6 +75,43 @@ TEST_F(AppendTest, OneAtATimeAndNoneBesideASideFile) {
     }
 }
 
+// Whatever else a stream that appends is told to do, the rows are there again first, or the failure stays the last
+// word.
+TEST_F(AppendTest, WhatIsNotFinishedIsUndoneAndAFailureIsFinal) {
+    Append append = kAppends[0];
+    makeFile(fFile, blocksOf(append.old));
+    const Files before = present();
+    for (append.road = 0; append.road < 2; ++append.road) {
+        {
+            const core::Reader stream(fFile);
+            append.write(stream);
+            stream->readFilePosInfo(kRow0, false);
+            EXPECT_EQ(present(), before);
+            EXPECT_TRUE(sameBytes(stream.read(1'000), append.oldRows()));
+            append.write(stream);
+            stream->setRow0Pos(kRow0);
+            stream->abandon();
+        }
+        EXPECT_EQ(present(), before);
+        const core::Reader stream(fFile);
+        append.begin(stream, append.keptEnd());
+        std::string failure;
+        {
+            int left = 1;
+            core::CallHook full([&](core::Call call, int, std::uint64_t) {
+                return call == core::Call::Write && left-- > 0 ? core::Verdict::fail(ENOSPC) : core::Verdict::goOn();
+            });
+            failure = failureOf([&] { core::writeBlocks(*stream, blocksOf(append.added)); });
+        }
+        EXPECT_EQ(failure, core::fileError(1002, ENOSPC, fFile));
+        EXPECT_EQ(failureOf([&] { append.begin(stream, append.keptEnd()); }), failure);
+        EXPECT_EQ(failureOf([&] { stream->setRow0Pos(kRow0); }), failure);
+        EXPECT_EQ(present(), before);
+        stream->readFilePosInfo(kRow0, false);
+        EXPECT_TRUE(sameBytes(stream.read(1'000), append.oldRows()));
+    }
+}
+
 TEST_F(AppendTest, TheEndIsTheCallersDutyInAShortBlockAndTheFilesBehindAFullOne) {
     const auto begin = [&](std::int64_t at, std::int64_t end) {
         const core::Reader stream(fFile, 0, kRow0);
@@ -87,8 +122,16 @@ TEST_F(AppendTest, TheEndIsTheCallersDutyInAShortBlockAndTheFilesBehindAFullOne)
     EXPECT_ASSERTION(begin(800, 799), "fFilePos == endpos");
     EXPECT_ASSERTION(begin(801, 801), "endpos inside the last block");
     EXPECT_ASSERTION(begin(299, 299), "endpos inside the last block");
+    // Nor is it a breach if another process has appended since the index was read.
+    const auto elsewhere = testing::HasSubstr("fData->fpos == endpos");
+    {
+        const core::Reader stale(fFile, 0, kRow0);
+        kAppends[0].run(fFile);
+        stale->Seek(kRow0 + 800, ORVA_StrBaseIO::SeekFromStart);
+        EXPECT_THAT(failureOf([&] { stale->setFileToAppend(kRow0 + 800, false); }), elsewhere);
+    }
     makeFile(fFile, blocksOf({kBlock}));
-    EXPECT_THAT(failureOf([&] { begin(5, 5); }), testing::HasSubstr("fData->fpos == endpos"));
+    EXPECT_THAT(failureOf([&] { begin(5, 5); }), elsewhere);
 }
 
 }  // namespace recovery

@@ -1,20 +1,19 @@
 // Files that lie, are cut short or were never finished, through every way in; and what of their rows comes back.
 #include "recoveryTest.h"
 
-#include <cerrno>
-#include <functional>
-#include <limits>
 #include <span>
 
 namespace recovery {
 
 using testing::HasSubstr;
 
-constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
 constexpr const char* kWhole = "_size == 24 x (n + 1)";
 constexpr const char* kCut = "ret == chInfo._size";
 constexpr const char* kFollow = "blocks follow each other without gaps";
+constexpr const char* kNext = "orginalPos + orginalSize == next orginalPos";
+constexpr const char* kEnd = "0: Z_STREAM_END at the last byte";
+constexpr const char* kBytes = "translateSize in 1..4190208";
+constexpr const char* kInside = "translatePos inside the file";
 
 // What is said of the loss of one of the blocks of 30, 50 and 40 bytes.
 const std::string kLost[] = {"0-30 its block is damaged;", "30-80 its block is damaged;",
@@ -26,19 +25,20 @@ const std::string kGuessed[] = {"~0-[0-9]+ its block is damaged, and no index te
 struct LieCase {
     const char* name;
     void (*tell)(Layout&);
-    int readable;       // blocks that can be verified; 0 when the file cannot be opened
-    const char* check;  // refuses to open it, or else to append to it
+    int readable;            // blocks that can be verified; 0 when the file cannot be opened
+    const char* check;       // refuses to open it, or else to append to it
+    const char* block = "";  // refuses to read the block that cannot be verified
 };
 
 // Of a file of blocks of 30, 50 and 40 bytes.
 const LieCase kLies[] = {
     {"Nothing", [](Layout&) {}, 3, ""},
     {"HeadingElsewhere", [](Layout& l) { l.heading._caseStartPos += 1; }, 0, "Analyze dictionary part error!"},
-    {"IndexAtLeast", [](Layout& l) { l.heading._indexPos = kLeast; }, 0, "_indexPos behind the heading"},
+    {"IndexAtLeast", [](Layout& l) { l.heading._indexPos = INT64_MIN; }, 0, "_indexPos behind the heading"},
     {"IndexBehindFile", [](Layout& l) { l.heading._indexPos += 1; }, 0, kCut},
-    {"IndexAtMost", [](Layout& l) { l.heading._indexPos = kMost; }, 0, kCut},
+    {"IndexAtMost", [](Layout& l) { l.heading._indexPos = INT64_MAX; }, 0, kCut},
     {"IndexAtBlock", [](Layout& l) { l.heading._indexPos = kRow0 + 24; }, 0, "firstRecord.orginalPos == -100"},
-    {"SizeLeast", [](Layout& l) { l.heading._size = kLeast; }, 0, kWhole},
+    {"SizeLeast", [](Layout& l) { l.heading._size = INT64_MIN; }, 0, kWhole},
     {"SizeNotWholeRecords", [](Layout& l) { l.heading._size -= 1; }, 0, kWhole},
     {"SizeWithHighHalf", [](Layout& l) { l.heading._size += std::int64_t{3} << 32; }, 0, kCut},
     {"BlockSizeZero", [](Layout& l) { l.first.orginalSize = 0; }, 0, "firstRecord.orginalSize > 0"},
@@ -48,15 +48,22 @@ const LieCase kLies[] = {
     {"CountThatWrapsAround", [](Layout& l) { l.first.translateSize = 178956970 + 3; }, 0, kWhole},
     {"RowsBeginElsewhere", [](Layout& l) { --l.records[0].orginalPos; }, 0, "record 0 at the row-0 position"},
     {"PositionsDescend", [](Layout& l) { std::swap(l.records[1], l.records[2]); }, 0, "orginalPos ascends"},
-    {"PositionOverflows", [](Layout& l) { l.records[2].orginalPos = kMost; }, 0, "orginalSize >= 1"},
+    {"PositionsEqual", [](Layout& l) { l.records[2].orginalPos = l.records[1].orginalPos; }, 0, "orginalPos ascends"},
+    {"PositionOverflows", [](Layout& l) { l.records[2].orginalPos = INT64_MAX; }, 0, "orginalSize >= 1"},
     {"RowsZero", [](Layout& l) { l.records[1].orginalSize = 0; }, 0, "orginalSize >= 1"},
-    {"RowsTooMany", [](Layout& l) { l.records[2].orginalSize += 1; }, 2, "outCount == bInfo.orginalSize"},
+    {"RowsTooMany", [](Layout& l) { l.records[2].orginalSize += 1; }, 2, "0: outCount == bInfo.orginalSize"},
     {"RowsTooFew", [](Layout& l) { l.records[2].orginalSize -= 1; }, 2, "Z_STREAM_END"},
-    {"GapOfRows", [](Layout& l) { l.records[1].orginalPos += 1; }, 1, kFollow},
-    {"BytesAboveABlock", [](Layout& l) { l.records[1].translateSize = kBlock + 1; }, 2, kFollow},
-    {"BytesTooMany", [](Layout& l) { l.records[2].translateSize += 1; }, 2, "_indexPos behind the last block"},
-    {"BytesTooFew", [](Layout& l) { l.records[2].translateSize -= 1; }, 2, "Z_STREAM_END at the last byte"},
-    {"PlaceMost", [](Layout& l) { l.records[1].translatePos = kMost; }, 2, kFollow},
+    {"RowsAboveABlock", [](Layout& l) { l.records[1].orginalSize = kBlock + 1; }, 2, kFollow, "orginalSize in 1.."},
+    {"RowsIntoTheNext", [](Layout& l) { l.records[1].orginalSize += 1; }, 2, kFollow, kNext},
+    {"GapOfRows", [](Layout& l) { l.records[1].orginalPos += 1; }, 1, kFollow, kNext},
+    {"NoBytes", [](Layout& l) { l.records[1].translateSize = 0; }, 2, kFollow, kBytes},
+    {"BytesAboveABlock", [](Layout& l) { l.records[1].translateSize = kBlock + 1; }, 2, kFollow, kBytes},
+    {"BytesBehindFile", [](Layout& l) { l.records[1].translateSize = kBlock; }, 2, kFollow, kInside},
+    {"BytesTooMany", [](Layout& l) { l.records[2].translateSize += 1; }, 2, "_indexPos behind the last block", kEnd},
+    {"BytesTooFew", [](Layout& l) { l.records[2].translateSize -= 1; }, 2, kEnd, kEnd},
+    {"PlaceMost", [](Layout& l) { l.records[1].translatePos = INT64_MAX; }, 2, kFollow, kInside},
+    {"PlaceNegative", [](Layout& l) { l.records[1].translatePos = -1; }, 2, kFollow, kInside},
+    {"PlaceOfAnother", [](Layout& l) { l.records[1].translatePos = kRow0 + 24; }, 2, kFollow, "0: outCount == bInfo."},
 };
 
 class DamageTest : public FileTest {
@@ -102,10 +109,13 @@ protected:
             });
         }
         fReadable = 0;
+        fReads.clear();
         fOpens = enter(file, [&] {
             orva::finishedPart part(fFile, kPart);
             for (std::uint32_t i = 0; i < part.blockCount(); ++i) {
-                fReadable += failureOf([&] { part.verifyBlock(i); }).empty() ? 1 : 0;
+                const std::string failure = failureOf([&] { part.verifyBlock(i); });
+                fReadable += failure.empty() ? 1 : 0;
+                fReads += failure;
             }
         });
         // By a stream that knows the file as it is, and by one that another process has taken by surprise.
@@ -117,7 +127,7 @@ protected:
                 support::writeBytes(fFile, file);
                 stream->Seek(end, ORVA_StrBaseIO::SeekFromStart);
                 stream->setFileToAppend(end, false);
-                writeBlocks(*stream.operator->(), fBlocks);
+                core::writeBlocks(*stream, fBlocks);
                 stream->abandon();
             });
         }
@@ -128,7 +138,7 @@ protected:
     Bytes rowsWithout(std::size_t block, bool dropped = false) const {
         std::vector<Bytes> blocks = fBlocks;
         blocks[block] = Bytes(dropped ? 0 : blocks[block].size());
-        return core::joined(blocks);
+        return support::joined(blocks);
     }
     Bytes damaged(std::size_t block) const {
         Bytes file = fBytes;
@@ -142,11 +152,11 @@ protected:
     }
 
     const std::vector<Bytes> fBlocks = blocksOf({30, 50, 40});
-    const Bytes fAll = core::joined(fBlocks);
+    const Bytes fAll = support::joined(fBlocks);
     Bytes fBytes, fRows;
     Layout fLayout;
     orva::recoverReport fReport;
-    std::string fOpens, fAppends;
+    std::string fOpens, fReads, fAppends;
     int fReadable = 0;
 };
 
@@ -163,6 +173,7 @@ TEST_F(DamageTest, EveryLieIsToldByTheCheckThatItFails) {
         EXPECT_EQ(fReadable, row.readable);
         EXPECT_EQ(fOpens.empty(), row.readable != 0);
         EXPECT_THAT(fOpens + fAppends, HasSubstr(row.check));
+        EXPECT_THAT(fReads, HasSubstr(row.block));
         EXPECT_EQ(fAppends.empty(), row.readable == 3);
     }
 }
@@ -227,6 +238,18 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
         EXPECT_TRUE(sameBytes(fRows, rowsWithout(block, true)));
         EXPECT_THAT(text, testing::MatchesRegex(kGuessed[block]));
     }
+    // The record behind it can lie about where its block stands, and its own about where its rows begin.
+    const std::int64_t index = fLayout.heading._indexPos;
+    EXPECT_EQ(recover(with(damaged(1), index + 3 * kRecordSize + 8, {1})), kLost[1]);
+    EXPECT_EQ(recover(with(damaged(1), index + 2 * kRecordSize, {1})), kLost[1]);
+    // Where nothing tells a block's place, a stream in the dictionary part is none.
+    Bytes file = with(damaged(0), 0, support::slice(fBytes, kRow0 + kHeadingSize, 60));
+    file = with(with(file, index + kRecordSize + 15, {0x40}), fLayout.records[1].translatePos + 4, Bytes(9));
+    EXPECT_EQ(recover(file), kLost[0] + kLost[1]);
+    // Behind the place of a lost index counts what joins on alone.
+    const Bytes stray = support::slice(fBytes, kRow0 + kHeadingSize, 60);
+    EXPECT_EQ(recover(with(fBytes, fLayout.heading._indexPos, {1}) + stray), "");
+    EXPECT_TRUE(sameBytes(fRows, fAll));
     EXPECT_EQ(recover(unfinished(fBytes), {}), "");
     EXPECT_TRUE(sameBytes(fRows, fAll));
     EXPECT_EQ(fReport.part.row0Pos, kRow0);
@@ -235,6 +258,20 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     // Never in place, by whatever name.
     std::filesystem::create_hard_link(fFile, path("link"));
     EXPECT_EQ(failureOf([&] { orva::recover(fFile, path("link"), {}); }), core::fileError(1002, EINVAL, path("link")));
+}
+
+// Streams that hold much and end wrong could be tried for ever. What is missing then lies behind the last block found.
+TEST_F(DamageTest, ASearchThatIsGivenUpSaysSo) {
+    Bytes stream(100'000);
+    uLongf size = stream.size();
+    ASSERT_EQ(compress(stream.data(), &size, Bytes(kBlock).data(), kBlock), Z_OK);
+    stream.resize(size);
+    stream.back() ^= 1;
+    Bytes file = support::slice(fBytes, 0, static_cast<std::size_t>(fLayout.records[1].translatePos));
+    for (int i = 0; i < 300; ++i) file.insert(file.end(), stream.begin(), stream.end());
+    const compressionHeading heading{kRow0, std::ssize(file), 9 * kRecordSize};
+    EXPECT_THAT(recover(with(file, kRow0, core::bytesOf(heading)), {kPart, true}),
+                testing::MatchesRegex("~30-[0-9]+ the search was given up here: .*"));
 }
 
 // The old heading of an append that ended early: what stands behind the old index was never finished.
@@ -264,7 +301,7 @@ TEST_F(DamageTest, AnInterruptedAppendIsToldApart) {
 // The old heading and index still stand, and so do old blocks. They must not pass for the new part's without a word.
 TEST_F(DamageTest, ANewPartOverAnOldOneIsNotCompletedFromIt) {
     for (const std::vector<std::size_t>& sizes : {std::vector<std::size_t>{350}, {350, 100}, {20}, {600, 5, 400}}) {
-        const Bytes fresh = core::joined(blocksOf(sizes, 50));
+        const Bytes fresh = support::joined(blocksOf(sizes, 50));
         makeFile(fFile, blocksOf(sizes, 50));
         const auto end = static_cast<std::size_t>(Layout(bytes()).heading._indexPos);
         const Bytes blocks = support::slice(bytes(), kRow0 + 24, end - kRow0 - 24);

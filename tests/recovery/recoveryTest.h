@@ -4,17 +4,12 @@
 
 #include "appendJournal.h"
 #include "core/coreTest.h"
-#include "support/tempDir.h"
 
 #include <orva/inspect.h>
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <map>
-#include <string>
-#include <vector>
 
 namespace recovery {
 
@@ -22,26 +17,17 @@ using core::failureOf;
 using core::kBlock;
 using core::kRow0;
 using core::Layout;
+using core::makeFile;
 using core::swapped;
-using platform::faults::Call;
-using platform::faults::Verdict;
 using support::Bytes;
+using support::Call;
 using support::sameBytes;
+using support::with;
+using support::operator+;
+using support::Verdict;
 
 inline const orva::foundPart kPart{kRow0, false};
 constexpr std::uint64_t kTorn = 12;  // bytes that a torn write gets done: half a heading
-
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-// `bytes` with others from `at` on, made longer where they reach further.
-inline Bytes with(Bytes bytes, std::int64_t at, const Bytes& others) {
-    bytes.resize(std::max(bytes.size(), static_cast<std::size_t>(at) + others.size()));
-    std::copy(others.begin(), others.end(), bytes.begin() + at);
-    return bytes;
-}
 
 // Blocks of these sizes. A full one is of one value, so that it stays small in the file; others are all different.
 inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsigned char seed = 0) {
@@ -51,25 +37,6 @@ inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsign
         blocks.push_back(size < kBlock ? support::RandomBytes(seed).rows(size) : Bytes(size, seed));
     }
     return blocks;
-}
-
-inline void writeBlocks(zcmpsFilestr& stream, const std::vector<Bytes>& blocks) {
-    for (const Bytes& block : blocks) {
-        core::write(stream, block);
-        stream.Flush();
-    }
-}
-
-inline void makeFile(const std::string& file, const std::vector<Bytes>& blocks, int thread = 0, bool durable = false) {
-    ORVA_FileStream source(file.c_str(), "w+b");
-    core::write(source, Bytes(kRow0, 0xD5));
-    zcmpsFilestr stream(source);
-    stream.setMultiThread(thread);
-    stream.setDurable(durable);
-    stream.setRow0Pos(kRow0);
-    stream.Seek(kRow0, ORVA_StrBaseIO::SeekFromStart);
-    writeBlocks(stream, blocks);
-    stream.Close();
 }
 
 // The rows of a finished file, in which every block is where the index says.
@@ -90,22 +57,26 @@ struct Append {
     std::vector<std::size_t> added;
     std::vector<std::int32_t> sizes{};  // of the blocks afterwards
     IndexPlace indexPlace = BehindBlocks;
-    int road = 0;  // its bits: 1 safe, 2 with two threads
+    int road = 0;  // 1 if it is safe, and twice the number of several threads
 
-    Bytes oldRows() const { return core::joined(blocksOf(old)); }
+    Bytes oldRows() const { return support::joined(blocksOf(old)); }
     Bytes keptRows() const { return support::slice(oldRows(), 0, oldRows().size() - cut); }
-    Bytes addedRows() const { return core::joined(blocksOf(added, 100)); }
+    Bytes addedRows() const { return support::joined(blocksOf(added, 100)); }
     Bytes newRows() const { return keptRows() + addedRows(); }
+
+    std::int64_t keptEnd() const { return kRow0 + std::ssize(keptRows()); }
 
     // On a stream that has read nothing yet. To finish it is left to the caller.
     void write(const core::Reader& stream, bool swap = false) const {
-        const auto end = static_cast<std::int64_t>(keptRows().size()) + kRow0;
-        stream->setThreadCount(road & 2);
+        begin(stream, keptEnd(), swap);
+        core::writeBlocks(*stream, blocksOf(added, 100));
+    }
+    void begin(const core::Reader& stream, std::int64_t end, bool swap = false) const {
+        stream->setThreadCount(road / 2);
         stream->setSafeAppend((road & 1) != 0);
         stream->readFilePosInfo(kRow0, swap);
         stream->Seek(end, ORVA_StrBaseIO::SeekFromStart);
         stream->setFileToAppend(end, swap);
-        writeBlocks(*stream.operator->(), blocksOf(added, 100));
     }
     void run(const std::string& file, bool swap = false) const {
         const core::Reader stream(file);
@@ -133,16 +104,18 @@ inline const Append kAppends[] = {
 
 using Files = std::map<std::string, Bytes>;  // what the directory holds, by name
 
+inline Files present(const std::string& file) {
+    Files files;
+    for (const std::string& name : {file, orva::sideFileName(file)}) {
+        if (std::filesystem::exists(name)) files[name] = support::readBytes(name);
+    }
+    return files;
+}
+
 class FileTest : public support::TempDir, public testing::WithParamInterface<int> {
 protected:
     Bytes bytes() const { return support::readBytes(fFile); }
-    Files present() const {
-        Files files;
-        for (const std::string& name : {fFile, fSide}) {
-            if (std::filesystem::exists(name)) files[name] = support::readBytes(name);
-        }
-        return files;
-    }
+    Files present() const { return recovery::present(fFile); }
     void lay(const Files& files) const {
         for (const std::string& name : {fFile, fSide}) std::filesystem::remove(name);
         for (const auto& [name, content] : files) support::writeBytes(name, content);

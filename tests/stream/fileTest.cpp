@@ -1,16 +1,13 @@
-#include "support/fileCalls.h"
-#include "support/tempDir.h"
+// Files and streams under every mode, shared, without a file and at their end; and the counted pointers that share
+// them.
+#include "stream/streamTest.h"
 
-#include <orva/errtext.h>
 #include <orva/file.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <memory>
+#include <orva/refCntObject.h>
 
 namespace {
 
+using support::Call;
 using support::FileCalls;
 
 class File : public support::TempDir {
@@ -70,11 +67,11 @@ TEST_F(File, FailedCloseIsThrownAndLeavesItOpenButADestructorLetsGo) {
     auto writer = std::make_unique<ORVA_File>();
     ASSERT_TRUE(open("hello", "r") && writer->Open(fName, "r+") && !open("hello", "a"));
     for (int round = 0; round < 2; ++round) {
-        calls.fail(FileCalls::Call::Close, EIO);
+        calls.fail(Call::Close, EIO);
         EXPECT_EQ(outcome([&] { return round == 0 ? writer->Close() : writer->Open(fName, "r"); }), -1002);
         EXPECT_TRUE(writer->IsOpen() && !writer->Good());
     }
-    calls.fail(FileCalls::Call::Close, EIO);
+    calls.fail(Call::Close, EIO);
     writer.reset();
     EXPECT_TRUE(open("hello", "r+") && file.Open(file.GetNameStr(), "r+"));
     EXPECT_TRUE(file.Close() == 1 && file.Close() == 0 && file.Good());
@@ -85,6 +82,92 @@ TEST_F(File, BreachesOfACallersDutyEndTheProgram) {
     EXPECT_DEATH(ORVA_File copy(file), "file.cpp:[0-9]+: 0 && \"can't copy an ORVA_File\"\n");
     EXPECT_DEATH(file.Read(bytes, 0x80000000U, 0), "byteSize <= INT_MAX");
     EXPECT_DEATH(file.Write(bytes, 0x80000000U, 0), "byteSize <= INT_MAX");
+}
+
+TEST_F(File, AStreamWithoutAnOpenFileAnswersByResult) {
+    ORVA_FileStream none;
+    ORVA_FileStream failed(fHello.c_str(), "a");
+    EXPECT_EQ(failed.Tell(), 5);
+    EXPECT_TRUE(failed.Open(path("none").c_str(), "r") == 0 && failed.Good() == 0);
+    EXPECT_EQ(failed.Name(), path("none"));
+    EXPECT_EQ(none.Name(), nullptr);
+    EXPECT_EQ(&none.GetNameStr(), &ORVA_FileStream(true).GetNameStr()) << "one empty name for all";
+    for (ORVA_FileStream* stream : {&none, &failed}) {
+        stream->EnableMultiThreadReading();
+        EXPECT_EQ(stream->Read(bytes, 1) + stream->Write(bytes, 1), 0U);
+        EXPECT_EQ(stream->Seek(0, ORVA_StrBaseIO::SeekFromCurrent), -1);
+        EXPECT_TRUE(stream->Close() == 0 && stream->Flush() == 1 && stream->Tell() == 0 && !stream->IsShared());
+    }
+}
+
+TEST_F(File, ACopyOfAStreamSharesTheFileUntilOneGoesOn) {
+    ORVA_FileStream stream(fHello.c_str(), "r+");
+    stream.Write("abc", 3);
+    ORVA_FileStream copy(stream);
+    EXPECT_TRUE(copy.Tell() == 0 && stream.Tell() == 3 && copy.IsShared() && stream.IsShared());
+    copy.Open(made("other", {'p'}).c_str(), "r");
+    EXPECT_FALSE(stream.IsShared());
+    stream.Open(path("other").c_str(), "r");
+    EXPECT_EQ(ORVA_FileStream(fHello.c_str(), "r+").Good(), 1) << "closed with the last one";
+}
+
+TEST_F(File, AStreamsDestructorThrowsUnlessAFlightBeganSinceItsConstruction) {
+    const auto end = [this](bool inFlight) {
+        FileCalls calls;
+        ORVA_FileStream stream(fHello.c_str(), "r+");
+        stream.EnableMultiThreadReading();
+        stream.Write("abc", 3);
+        calls.fail(Call::Write, ENOSPC);
+        if (inFlight) throw 7;
+    };
+    EXPECT_THROW(end(false), FileError);
+    EXPECT_THROW(end(true), int);
+    try {
+        const std::shared_ptr<void> atUnwinding(nullptr, [&](auto) { EXPECT_THROW(end(false), FileError); });
+        throw 7;
+    } catch (int) {
+    }
+    EXPECT_EQ(ORVA_FileStream(fHello.c_str(), "r+").Good(), 1) << "closed and unlocked all the same";
+    EXPECT_EQ(support::readBytes(fHello)[0], 'h');
+}
+
+struct Counted : ORVA_RefCntObject {
+    Counted() { ++alive; }
+    Counted(const Counted& other) : ORVA_RefCntObject(other) {
+        if (other.refusesCopies) throw "no";
+        ++alive;
+    }
+    ~Counted() override { --alive; }
+    bool refusesCopies = false;
+    static inline int alive = 0;
+};
+
+TEST(RefCounted, HoldersShareTheLastOneDeletesAndSomeGetFreshCopies) {
+    {
+        RefCountPtr<Counted> first(new Counted), second;
+        first = first.get();
+        EXPECT_EQ(Counted::alive, 1) << "the pointer it has already";
+        second = new Counted;
+        second = first;
+        EXPECT_EQ(Counted::alive, 1) << "the old object is gone";
+        EXPECT_TRUE(first->IsShared() == 1 && first == second && first == second.get() && !(first != second) &&
+                    !(first != second.get()));
+        Counted* object = first.get();
+        object->refusesCopies = true;
+        EXPECT_THROW(second.Unshared(), const char*);
+        EXPECT_TRUE(second == object && object->IsShared() == 1) << "as before";
+        object->refusesCopies = false;
+        Counted* own = second.Unshared();
+        EXPECT_TRUE(own != object && second.Unshared() == own && object->IsShared() == 0 && own->IsShared() == 0);
+        object->MarkUnshareable();
+        second = first;
+        EXPECT_TRUE(second != object && second->IsShareable() == 1U && second->IsShared() == 0);
+        object->refusesCopies = true;
+        EXPECT_THROW(second = first, const char*);
+        first = nullptr;
+        EXPECT_TRUE(first.IsValid() == 0 && second.IsValid() == 0 && Counted::alive == 0);
+    }
+    EXPECT_EQ(Counted::alive, 0);
 }
 
 }  // namespace

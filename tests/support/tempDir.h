@@ -1,15 +1,24 @@
-// What tests with real files share: a fresh directory, files made, read and damaged by plain calls past the library,
-// and random bytes from a seed that a failure prints.
+// What tests share: a fresh directory, files made, read and damaged by plain calls past the library, random bytes from
+// a seed that a failure prints, a hook for system calls, and bodies run in a forked child.
 #pragma once
 
+#include <orva/platformFaults.h>
+
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -18,6 +27,8 @@
 namespace support {
 
 using Bytes = std::vector<unsigned char>;
+using platform::faults::Call;
+using platform::faults::Verdict;
 
 // Bytes of a seed. While one lives, a failure in its scope prints the seed.
 class RandomBytes {
@@ -68,10 +79,6 @@ inline Bytes readBytes(const std::string& file) {
     std::ifstream(file, std::ios::binary).read(reinterpret_cast<char*>(bytes.data()), std::ssize(bytes));
     return bytes;
 }
-inline void flipBit(const std::string& file, std::uint64_t offset, unsigned bit) {
-    const unsigned byte = readBytes(file).at(offset);
-    overwriteBytes(file, offset, {static_cast<unsigned char>(byte ^ (1U << bit))});
-}
 
 // Compares without printing megabytes: the first difference is what helps.
 inline testing::AssertionResult sameBytes(const Bytes& found, const Bytes& expected) {
@@ -85,7 +92,53 @@ inline Bytes slice(const Bytes& bytes, std::size_t offset, std::size_t size) {
     return {bytes.data() + offset, bytes.data() + offset + std::min(size, bytes.size() - offset)};
 }
 
-// A directory of the test's own, gone with it. In memory where there is room: tests sync thousands of times.
+// `bytes` with others from `at` on, made longer where they reach further.
+inline Bytes with(Bytes bytes, std::int64_t at, const Bytes& others) {
+    bytes.resize(std::max(bytes.size(), static_cast<std::size_t>(at) + others.size()));
+    std::copy(others.begin(), others.end(), bytes.begin() + at);
+    return bytes;
+}
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+inline Bytes joined(const std::vector<Bytes>& parts) {
+    Bytes all;
+    for (const Bytes& part : parts) all = std::move(all) + part;
+    return all;
+}
+
+// A hook made of one function, which is asked before each raw call while this lives. Counts the calls.
+class CallHook : public platform::faults::Hook {
+public:
+    using Ask = std::function<Verdict(Call call, int descriptor, std::uint64_t number)>;
+    explicit CallHook(Ask ask = [](Call, int, std::uint64_t) { return Verdict::goOn(); }) : fAsk(std::move(ask)) {}
+    Verdict before(Call call, int descriptor, std::uint64_t) override { return fAsk(call, descriptor, ++count); }
+    std::atomic<std::uint64_t> count{0};
+
+private:
+    const Ask fAsk;
+    const platform::faults::Installed fInstalled{*this};
+};
+
+// Runs `body` in a forked child, which has to come to its end there without a failed expectation. One that hangs is
+// ended by the alarm.
+template <class Body>
+void expectInChild(Body body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(30);
+        body();
+        std::fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0) << "wait status of the child";
+}
+
+// A directory of the test's own, gone with it. In memory where there is room: tests sync thousands of times. A child
+// that is to die, which begins the test anew, makes its own within it.
 class TempDir : public testing::Test {
 protected:
     TempDir() {
@@ -93,11 +146,17 @@ protected:
         const std::filesystem::path memory = "/dev/shm";
         const std::filesystem::space_info room = std::filesystem::space(memory, none);
         const bool inMemory = !none && room.available > (std::uintmax_t{1} << 29);
-        std::string pattern = ((inMemory ? memory : std::filesystem::temp_directory_path()) / "orvaXXXXXX").string();
+        const char* parents = std::getenv(kParents);
+        const std::filesystem::path home = inMemory ? memory : std::filesystem::temp_directory_path();
+        std::string pattern = ((parents != nullptr ? parents : home) / "orvaXXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make " + pattern);
         fDirectory = pattern;
+        setenv(kParents, pattern.c_str(), 1);
     }
-    ~TempDir() override { std::filesystem::remove_all(fDirectory); }
+    ~TempDir() override {
+        unsetenv(kParents);
+        std::filesystem::remove_all(fDirectory);
+    }
 
     std::string path(const std::string& name) const { return (fDirectory / name).string(); }
     // A file of these bytes; its name.
@@ -107,6 +166,9 @@ protected:
     }
 
     std::filesystem::path fDirectory;
+
+private:
+    static constexpr const char* kParents = "ORVA_TEST_DIRECTORY";
 };
 
 }  // namespace support

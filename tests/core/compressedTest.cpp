@@ -1,11 +1,14 @@
 // Writing: the blocks that writes and flushes make, the finished file, the texts of breaches, and how a writer stands
-// after its end. What rows they hold is modelTest.cpp's.
+// after its end. Reading: what needs no file, and how a damaged file or block is refused. What rows they hold is
+// modelTest.cpp's; lies of heading and index are told in recovery/damageTest.cpp.
 #include "coreTest.h"
 
 #include <gmock/gmock.h>
 
 namespace core {
 namespace {
+
+using testing::HasSubstr;
 
 class CompressedWrite : public support::TempDir, public testing::WithParamInterface<int> {
 protected:
@@ -70,8 +73,6 @@ TEST_P(CompressedWrite, MakesTheseBlocks) {
         EXPECT_EQ(stream->Close(), 1);
         EXPECT_TRUE(stream->EndOfFile() == 0 && stream->Name() == fName);
         expectFinished(support::readBytes(fName), support::slice(all, 0, static_cast<std::size_t>(at)), c.sizes);
-        EXPECT_TRUE(support::sameBytes(Reader(fName, 0, kRow0).read(all.size() + 1),
-                                       support::slice(all, 0, static_cast<std::size_t>(at))));
         EXPECT_EQ(ORVA_FileStream(fName.c_str(), "r+b").Good(), 1) << "the writer's lock is gone";
     }
 }
@@ -119,17 +120,10 @@ TEST_P(CompressedWrite, StatesAfterTheEnd) {
     } cases[] = {
         {"Closed", [](zcmpsFilestr& s) { s.Close(); }, "", "1", "1", true},
         {"Abandoned", [](zcmpsFilestr& s) { s.abandon(); }, "", "1", "0", false},
-        {"FullDisk",
-         [](zcmpsFilestr& s) {
-             const BadPlace disk(Call::Write, ENOSPC);
-             s.Close();
-         },
-         full, full, "0", false},
         {"FullDiskMetByAWrite",
          [&](zcmpsFilestr& s) {
-             const BadPlace disk(Call::Write, ENOSPC);
+             const CallHook disk(badPlace(Call::Write, ENOSPC));
              while (failureOf([&] { write(s, Bytes(kBlock, 'y')); }).empty()) continue;
-             EXPECT_EQ(failureOf([&] { s.Write("z", 1); }), full);
              s.Close();
          },
          full, full, "0", false},
@@ -170,7 +164,7 @@ TEST_P(CompressedWrite, CannotBeginWithoutTheFileAndMayTryAgain) {
 
 TEST_P(CompressedWrite, DestructorThrowsOnlyWhatNobodyHeard) {
     const auto fails = [&](const char* thrownBefore) {
-        const BadPlace disk(Call::Write, EIO);
+        const CallHook disk(badPlace(Call::Write, EIO));
         auto stream = started();
         write(*stream, Bytes(10, 'x'));
         if (thrownBefore != nullptr) throw std::runtime_error(thrownBefore);
@@ -178,6 +172,86 @@ TEST_P(CompressedWrite, DestructorThrowsOnlyWhatNobodyHeard) {
     };
     EXPECT_EQ(failureOf([&] { fails(nullptr); }), fileError(1002, EIO, fName));
     EXPECT_EQ(failureOf([&] { fails("first"); }), "other first") << "silent while another exception is in flight";
+}
+
+class CompressedRead : public ShortBlocks, public testing::WithParamInterface<int> {
+protected:
+    Reader opened() const { return Reader(fName, GetParam(), kRow0); }
+    std::int64_t row(std::size_t block) const { return fLayout.records[block].orginalPos; }
+    const Layout fLayout{fFile};
+};
+INSTANTIATE_TEST_SUITE_P(Roads, CompressedRead, testing::Values(0, 2, kSeveral), testing::PrintToStringParamName());
+
+TEST_P(CompressedRead, StaysInsideTheLoadedBlockWithoutTheFile) {
+    const Reader reader = opened();
+    reader.readAt(row(5) + 20, 60);  // the last block, behind which nothing is read ahead
+    const CallHook broken(badPlace(Call::Read, EIO));
+    reader->Seek(-10, ORVA_StrBaseIO::SeekFromCurrent);
+    EXPECT_EQ(reader.read(20), support::slice(fBlocks[5], 70, 20));
+    EXPECT_EQ(reader.readAt(row(5), 5), support::slice(fBlocks[5], 0, 5));
+    EXPECT_EQ(reader.readAt(row(0), 0), Bytes());
+    for (const std::int64_t offset : {INT64_MAX, INT64_MAX}) reader->Seek(offset, ORVA_StrBaseIO::SeekFromCurrent);
+    EXPECT_EQ(reader->Tell(), INT64_MAX);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(reader->Seek(INT64_MIN, ORVA_StrBaseIO::SeekFromCurrent), 0);
+    EXPECT_EQ(reader->Tell(), INT64_MIN);
+}
+
+TEST_P(CompressedRead, AFileThatCannotBeOpenedSaysWhyAgainAndCanBeTriedAgain) {
+    const Reader reader(fName, GetParam());
+    for (const auto& [length, check] : {std::pair(std::size_t{kRow0 + 23}, "ret == sizeof(compressionHeading)"),
+                                        std::pair(fFile.size() - 1, "ret == chInfo._size")}) {
+        support::writeBytes(fName, support::slice(fFile, 0, length));
+        const std::string failure = failureOf([&] { reader->readFilePosInfo(kRow0, false); });
+        EXPECT_THAT(failure, testing::AllOf(HasSubstr(check), HasSubstr(fName)));
+        EXPECT_EQ(failureOf([&] { reader.read(1); }), failure);
+    }
+    support::writeBytes(fName, fFile);
+    reader->readFilePosInfo(kRow0, false);
+    EXPECT_EQ(reader.read(40'000), joined(fBlocks));
+}
+
+TEST_P(CompressedRead, DamagedBlockIsRefusedAndTheOthersStayReadable) {
+    const std::int64_t length = fLayout.heading._indexPos + 3 * kRecordSize + 20;
+    support::writeBytes(fName, support::with(fFile, length, bytesOf(fLayout.records[2].translateSize - 1)));
+    const Reader reader = opened();
+    EXPECT_THAT(failureOf([&] { reader.readAt(row(0) + 500, 9'000); }),
+                testing::AllOf(testing::StartsWith("DamagedFileError"), HasSubstr(fName),
+                               HasSubstr("block 2 (logical positions 4001 to 24001, "),
+                               HasSubstr("[0: Z_STREAM_END at the last byte]")));
+    EXPECT_EQ(reader->Tell(), row(2)) << "behind the last byte delivered";
+    EXPECT_EQ(reader.readAt(row(3), 5'700), joined({fBlocks[3], fBlocks[4]}));
+    EXPECT_EQ(reader.readAt(row(0), 3'001), joined({fBlocks[0], fBlocks[1]}));
+}
+
+// Far behind the row-0 position the guess of a look-up cannot be right, so nothing but the gap answers.
+TEST_P(CompressedRead, APositionThatNoBlockHoldsIsDamageNotTheEnd) {
+    constexpr std::int64_t row0 = 9'000'000;
+    makeFile(fName, fBlocks, row0);
+    const auto index = static_cast<std::uint64_t>(Layout(support::readBytes(fName), row0).heading._indexPos);
+    support::overwriteBytes(fName, index + 5 * kRecordSize + 16, bytesOf(1'500));
+    const Reader reader(fName, GetParam(), row0);
+    EXPECT_THAT(failureOf([&] { reader.readAt(row0 + 26'000, 1); }), HasSubstr("bInfo.orginalPos != -200"));
+    EXPECT_EQ(reader.readAt(row0 + 23'001, 700), fBlocks[3]);
+    std::filesystem::resize_file(fName, row0 + 30);
+    EXPECT_THAT(failureOf([&] { reader.readAt(row0 + 10, 1); }), HasSubstr("ret == bInfo.translateSize"));
+}
+
+using BlockCache = ShortBlocks;
+TEST_F(BlockCache, ABlockThatTheCacheHoldsCostsNoFileCall) {
+    const std::vector<filePosRecord> records = Layout(fFile).records;
+    const Reader rows(fName, 0, kRow0);
+    rows->setBlockCache(2);
+    const CallHook hook;
+    const auto loads = [&](std::size_t number) {
+        const std::uint64_t before = hook.count;
+        EXPECT_EQ(rows.readAt(records[number].orginalPos, fBlocks[number].size()), fBlocks[number]);
+        return hook.count != before;
+    };
+    std::vector<bool> loaded;
+    for (const std::size_t number : {0, 2, 0, 2, 0, 4, 0, 2}) loaded.push_back(loads(number));
+    EXPECT_EQ(loaded, (std::vector<bool>{1, 1, 0, 0, 0, 1, 0, 1})) << "the least recently used block goes first";
+    rows->readFilePosInfo(kRow0, false);
+    EXPECT_TRUE(loads(0)) << "a file that is opened anew";
 }
 
 }  // namespace

@@ -1,0 +1,146 @@
+// The buffer between a stream and its file, what each step asks of the file, and the hand-over of readAheadSlot.h, rule
+// by rule. No byte is lost or stale.
+#include "readAheadSlot.h"
+#include "stream/streamTest.h"
+
+#include <orva/blockSize.h>
+
+namespace {
+
+using orva::readAheadSlot;
+using support::Bytes;
+
+constexpr std::int64_t kBlock = kBlockSize;
+constexpr std::size_t kLarge = 15'000'000;
+
+const support::Script kScripts[] = {
+    {"SmallReadsShareOneFileCall", 1'000, "r100 r500 r400 r0", "R 0"},
+    {"ReadOfOneBlockLeavesTheBufferEmpty", kLarge, "r4190208 s0 r1", "R 0, R@0"},
+    {"DirectReadFromAnOddPosition", kLarge, "s7 r4190800 r1", "R@7+4190713, R 4190720"},
+    {"DirectReadKeepsTheBuffer", kLarge, "r1 s5000000 r5000384 s5 r9", "R 0, R@5000000+5000384"},
+    {"EndOffASector", 1'000, "r2000 r1", "R 0, R@512"},
+    {"EndOnASector", 1'024, "r2000 r1", "R 0, R 1024, end"},
+    {"EndBeforeACleanBuffer", 1'000, "s5000 r1 e-10", "R@4608"},
+    {"WriteLeavesTheEnd", 1'024, "r1024 r1 w9 f", "R 0, R 1024, W 1024+9, end"},
+    {"ExactReads", 1'000, "r3 w2 p0 r10 p1 s900 r10 p0 s1000 r1", "R 0, W@0+1000, R@5+10, R@1000+1, end"},
+    {"OwnBytesComeFromTheBuffer", 0, "w0 w100 s0 r100", ""},
+    {"DirectReadFlushesFirst", kLarge, "s1000000 w100 s0 r4190208", "W@1000000+100, R@0"},
+    {"WriteAmongTheValidBytes", 0, "w100 s50 w100 s0 r150 f f", "W 0+150"},
+    {"WriteBeyondTheValidEnd", 0, "w100 s101 w9 f", "W 0+100, W@101+9"},
+    {"WriteIntoAReadBlockWritesAllOfIt", 1'000, "r10 w5 f", "R 0, W@0+1000"},
+    {"WriteOfOneBlockIsDirect", 0, "w4190208 s0 r1", "W 0, R@0"},
+    {"FullBufferIsFlushedAtOnce", 0, "w4190207 w1 s5 r9 s4190208 w7 f", "W 0, W 4190208+7"},
+    {"LargeRestIsDirect", 0, "w100 w8380416 s50 r9", "W 0, W 4190208+4190308"},
+    {"DirectWriteElsewhere", kLarge, "w100 s9000000 w4190208 s50 r9", "W 0+100, W@9000000"},
+    {"DirectWriteUpToTheBuffer", kLarge, "s4190208 w9 s0 w4190208 s4190208 r9", "W@4190208+9, W@0"},
+    {"DirectWriteOverItsFirstByte", kLarge, "s4190208 w9 s1 w4190208 s4190208 r9", "W@4190208+9, W@1, R@4190208"},
+    {"EndCountsPendingBytes", 100, "s100 w100 e0 e-200", ""},
+    {"EndAboveThePendingBytes", kLarge, "w100 e-1 r2", "W@0+100, R@14999552"},
+    {"PositionsEndWhereTheSystemsDo", 100,
+     "s30 s-1 m-31 e-101 s9223372036854775807 m1 m-9223372036854775807 s9223372036854775805 B w3", ""},
+    {"ReadNearTheLastPosition", 100, "s9223372036854775707 I r5000000", "R@9223372036854775296"},
+    {"WhatIsAppendedStandsThereOnce", 1'000, "e0 w3 f w4 k e0 w5 f s0 r10 e0 w6 c w7",
+     "W@1000+3, W 1003+4, W@1007+5, R@0, W@1012+6", "a+b"},
+    {"EncipheredGoesOnBehindItsEnd", 0, "w5000005 w100 f w10 f w7 c w50 c w3 k s5000175 w10 f w6",
+     "W 0+5000000, W 5000000+16, W 5000016+80, W 5000096+16, W 5000112+16, W@5000112+16, W 5000128+32, W 5000160+16, "
+     "W@5000160+16, W@5000160+16",
+     "w+b", true},
+    {"EncipheredGoesOnAfterAReadElsewhere", 0, "w6000005 s0 r10 e0 w10 f w10 f", "W 0+6000000, R@@0, W@@6000000+16",
+     "w+b", true},
+    {"OpenUnderItsOwnNameStartsAnew", 1'000, "r9 w3 o r9", "R 0, W@0+1000, R 0"},
+    {"CopyReadsAsItsSourceDid", 1'000, "p0 w3 k r9", "W 0+3, R@0+9"},
+    {"ResetDropsPendingBytesForGood", 1'000, "r5 d7 r9 f", "R 0, R@0"},
+    {"FailedOpenOrCopyKeepsTheStream", 9, "w3 W o W k f", "W 0+3, W@0+3, W@0+3"},
+    {"SeeksOnlyIfItMust", 9, "p0 r2 r2 r0 e0 s4 r2 s2 R r3 r3 s1 S r3 s5 r1 s9 w2 f s0 w2 S f f",
+     "R 0+2, R 2+2, R@4+2, R@2+3, R@2+3, R@@5+1, W@9+2, W@@0+2"},
+    {"FailedFlushKeepsTheBytes", kLarge, "w9 W f s5000000 W w1 W r1 r1", "W 0+9, W@0+9, W@0+9, W@0+9, R@4999680"},
+    {"FailedRefillLeavesNoBytes", kLarge, "r10 s5000000 R r9 s0 r9", "R 0, R@4999680, R@0"},
+    {"FailedDirectWriteDropsTheBuffer", kLarge, "s1000 w9 f s0 W w4190208 s1000 r9", "W@1000+9, W@0, R@512"},
+    {"EveryBlockButTheFirstIsAHit", 2 * kBlock + 512, "t1 t1 r4000000 r10000000 a4",
+     "R 0, r 4190208, r 8380416, r@12570624, R@8380928, r@12571136, end"},
+    {"JumpIsAMissAndGoesOnFromThere", 4 * kBlock, "t1 r1 s8381116 r1 s12571300 r1 a3",
+     "R 0, r 4190208, R@8380928, r 12571136, r@16761344"},
+    {"SwitchedOffItStaysIdleAndGoesOnWhenOn", 3 * kBlock, "t1 r1 a1 t0 s8380416 r1 p0 t1 r2 p1 s4190208 r1 a2",
+     "R 0, r 4190208, R 8380416, R@8380417+2, r@8380416"},
+    {"SecondOpenMakesANewWorker", 2 * kBlock, "t1 r1 a1 o r1 a2", "R 0, r 4190208, R 0, r 4190208"},
+    {"CopyKeepsTheWorker", 2 * kBlock, "t1 r1 a1 k s4190208 r1 a2", "R 0, r 4190208, r 8380416"},
+    {"R4_FailedReadAheadIsMetByTheCaller", 3 * kBlock, "t1 A r1 a1 g1 s4190208 R r9 g0 G g1 s0 r9 a2",
+     "R 0, r 4190208, R@4190208, R@0, r 4190208"},
+    {"R5_EndsIdle", 1'000, "t1", ""},
+    {"R6_PendingBytesInTheBlock", 3 * kBlock, "t1 r1 a1 s4190308 w9 s4190208 r4190208 a2",
+     "R 0, r 4190208, W@4190308+9, R@4190208, r 8380416"},
+    {"R6_FileThatGrewBehindItsEnd", 1'000, "t1 r1 a1 s12570624 w9 s4190208 r100 a2",
+     "R 0, r@4190208, W@12570624+9, R@4190208, r 8380416"},
+};
+
+using StreamBuffer = support::ScriptTest;
+
+TEST_F(StreamBuffer, BytesFileCallsAndEnd) {
+    for (const support::Script& script : kScripts) check(script);
+}
+
+// What one reads ahead never reaches the other's buffer half-done or at the wrong place.
+TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
+    open(8 * kBlock);
+    run("t1");
+    support::ModelStream copy(*model);
+    const auto readAll = [](support::ModelStream& stream, std::size_t size) {
+        while (stream.position() < 8 * kBlock) stream.read(size);
+    };
+    const std::jthread other(readAll, std::ref(copy), 777'777);
+    readAll(*model, 1'000'000);
+}
+
+TEST_F(StreamBuffer, ForkedChildLeavesTheFileAlone) {
+    open(100);
+    const Bytes before = content;
+    run("t1 r10 w3");
+    EXPECT_EXIT(::alarm(30); const auto closed = s().Close(); model.reset();
+                _exit(closed), testing::ExitedWithCode(0), "");
+    EXPECT_EQ(support::readBytes(path("data")), before);
+    close();
+}
+
+// Both sides on one thread, which no rule forbids: each turn has ended before the other begins.
+TEST(ReadAheadSlot, R2_R3_R4_R5_EveryTurnGivesTheTokenBackAndAFailedOneForgetsTheBlock) {
+    readAheadSlot slot;
+    const auto fails = [](std::int64_t) -> std::uint32_t { throw std::runtime_error("read"); };
+    const auto hit = [&] { return readAheadSlot::request(slot).hits(100); };
+    EXPECT_FALSE(hit()) << "nothing is read ahead";
+    readAheadSlot::request(slot).readAhead(100);
+    EXPECT_EQ(slot.step([](std::int64_t) { return 9U; }), 0);
+    EXPECT_TRUE(hit());
+    EXPECT_FALSE(hit()) << "R3: the request before set off no read-ahead";
+    readAheadSlot::request(slot).readAhead(100);
+    EXPECT_EQ(slot.step(fails), 0);
+    EXPECT_FALSE(hit()) << "R4";
+    readAheadSlot::request(slot).readAhead(100);
+    slot.requestStop();
+    EXPECT_EQ(slot.step(fails), 1) << "R5: before the block that was asked for";
+}
+
+struct WrittenCase {
+    std::int64_t begin, end;
+    std::uint32_t count;  // bytes that were read ahead at 1,000, of blocks of 100
+    bool hit;
+};
+constexpr WrittenCase kWritten[] = {
+    {900, 1'000, 100, true}, {900, 1'001, 100, false},  {1'099, 1'200, 100, false}, {1'100, 1'200, 100, true},
+    {0, 9'000, 100, false},  {5'000, 5'001, 30, false}, {5'000, 5'001, 0, false},   {900, 1'000, 30, true},
+};
+
+TEST(ReadAheadSlot, R6_BlockWrittenOverSinceIsNoHit) {
+    readAheadSlot slot;
+    for (const WrittenCase& c : kWritten) {
+        for (const bool whileRead : {false, true}) {
+            SCOPED_TRACE(testing::Message() << c.begin << " to " << c.end << ", of " << c.count << ' ' << whileRead);
+            const auto write = [&] { slot.noteWritten(c.begin, c.end, 100); };
+            readAheadSlot::request(slot).readAhead(1'000);
+            slot.step([&](std::int64_t) { return whileRead ? write(), c.count : c.count; });
+            if (!whileRead) write();
+            EXPECT_EQ(readAheadSlot::request(slot).hits(1'000, 100), c.hit);
+        }
+    }
+}
+
+}  // namespace

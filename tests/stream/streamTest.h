@@ -1,0 +1,196 @@
+// What the tests of streams share: a stream beside a byte vector, the file calls that it makes, and scripts of steps.
+#pragma once
+
+#include "support/tempDir.h"
+
+#include <orva/errtext.h>
+#include <orva/filestr.h>
+
+#include <map>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+namespace support {
+
+// The vector says what the stream must read, and a position where it must stand.
+class ModelStream {
+public:
+    ModelStream(const std::string& file, const char* mode, Bytes& content, bool encrypted = false)
+        : fStream(new ORVA_FileStream(file.c_str(), mode, encrypted)), fContent(content) {}
+    // A copy: at position 0, sharing the file and so the content.
+    ModelStream(const ModelStream& source) : fStream(new ORVA_FileStream(*source.fStream)), fContent(source.fContent) {}
+
+    ORVA_FileStream& stream() { return *fStream; }
+    std::int64_t position() const { return fPosition; }
+
+    void read(std::size_t size) {
+        Bytes bytes(size);
+        bytes.resize(fStream->Read(bytes.data(), static_cast<std::uint32_t>(size)));
+        EXPECT_TRUE(sameBytes(bytes, slice(fContent, static_cast<std::size_t>(fPosition), size)));
+        moveTo(fPosition + std::ssize(bytes));
+    }
+    void write(const Bytes& bytes) {
+        EXPECT_EQ(fStream->Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
+        fContent = with(std::move(fContent), bytes.empty() ? 0 : fPosition, bytes);
+        moveTo(fPosition + std::ssize(bytes));
+    }
+    void seek(std::int64_t offset, ORVA_StrBaseIO::SeekDirection direction = ORVA_StrBaseIO::SeekFromStart) {
+        const std::int64_t bases[] = {0, fPosition, std::ssize(fContent)};
+        std::int64_t target = 0;
+        const bool legal = !__builtin_add_overflow(bases[direction], offset, &target) && target >= 0;
+        EXPECT_EQ(fStream->Seek(offset, direction), legal ? 0 : -1);
+        moveTo(legal ? target : fPosition);
+    }
+    // Bytes that wait are dropped.
+    void reset() {
+        fStream->ClearAndReset();
+        moveTo(0);
+    }
+    void moveTo(std::int64_t position) { EXPECT_EQ(fStream->Tell(), fPosition = position); }
+
+private:
+    std::unique_ptr<ORVA_FileStream> fStream;
+    Bytes& fContent;
+    std::int64_t fPosition = 0;
+};
+
+// Tells a call of the library as one, also where the system needed several: "R 512+1000" is a read at offset 512 that
+// asked for 1,000 bytes, "R@512+1000" the same after one seek, "R@@" after two, "W" a write; in small letters if
+// another thread than the test's made it.
+class FileCalls : public platform::faults::Hook {
+public:
+    // What was made since the last time, apart by ", ". Only with no call under way: another thread's may be missing.
+    std::string transfers() {
+        const std::lock_guard guard(fLock);
+        return std::exchange(fTransfers, {});
+    }
+    // The next such call fails, of the test's thread or of the others.
+    void fail(Call call, int error, bool ofOthers = false) {
+        const std::lock_guard guard(fLock);
+        fFails = call, fError = error, fFailsOthers = ofOthers;
+    }
+    // Until the other threads have ended so many reads since the hook was installed.
+    void awaitReads(int reads) const {
+        while (fOtherReads < reads) std::this_thread::yield();
+    }
+    Verdict before(Call call, int /*descriptor*/, std::uint64_t /*size*/) override {
+        const std::lock_guard guard(fLock);
+        const bool counts = call == fFails && onOtherThread() == fFailsOthers;
+        return {counts ? std::exchange(fError, 0) : 0, UINT64_MAX};
+    }
+    void after(const platform::faults::Step& step) override {
+        const std::lock_guard guard(fLock);
+        if (step.call == Call::Seek && step.flags == SEEK_SET) fSought += '@';
+        if (step.call != Call::Read && step.call != Call::Write) return;
+        const bool continues = fRest != 0 && fRest == step.size;
+        fRest = step.result > 0 ? step.size - static_cast<std::uint64_t>(step.result) : 0;
+        if (step.call == Call::Read && onOtherThread() && fRest == 0) ++fOtherReads;
+        if (continues) return;
+        const std::int64_t offset = step.offset >= 0 ? step.offset : ::lseek(step.descriptor, 0, SEEK_CUR);
+        fTransfers += fTransfers.empty() ? "" : ", ";
+        fTransfers += (onOtherThread() ? "rw" : "RW")[step.call == Call::Write ? 1 : 0];
+        fTransfers += (fSought.empty() ? " " : std::exchange(fSought, {})) + std::to_string(offset);
+        fTransfers += '+' + std::to_string(step.size);
+    }
+
+private:
+    bool onOtherThread() const { return std::this_thread::get_id() != fTestThread; }
+
+    const std::thread::id fTestThread = std::this_thread::get_id();
+    std::atomic<int> fOtherReads{0};
+    std::mutex fLock;  // guards what follows
+    std::string fTransfers, fSought;
+    std::uint64_t fRest = 0;  // what the system left undone of the call under way
+    Call fFails{};
+    int fError = 0;
+    bool fFailsOthers = false;
+    platform::faults::Installed fInstalled{*this};
+};
+
+struct Script {
+    const char* name;
+    std::size_t fileSize;
+    const char* steps;      // apart by blanks, each a letter of `kinds` and its number
+    const char* transfers;  // that they make, whole blocks without a size, and "end" if EndOfFile says so then
+    const char* mode = "r+b";
+    bool encrypted = false;
+};
+
+class ScriptTest : public TempDir {
+protected:
+    void open(std::size_t fileSize, const char* mode = "r+b", bool encrypted = false) {
+        SetKeepEncrypt(encrypted);
+        content = random.noise(fileSize);
+        model = std::make_unique<ModelStream>(made("data", content), mode, content, encrypted);
+        if (mode[0] == 'a') model->seek(0);
+    }
+    void close(bool encrypted = false) {
+        if (encrypted) model->seek(0), model->read(content.size() + 1);
+        model = nullptr;
+        EXPECT_TRUE(encrypted || sameBytes(readBytes(path("data")), content));
+        SetKeepEncrypt(false);
+    }
+    ORVA_FileStream& s() { return model->stream(); }
+    void run(const std::string& script) {
+        static const std::map<char, int> errors{{'R', EIO}, {'S', EIO}, {'W', ENOSPC}, {'B', EFBIG}, {'I', EINVAL}};
+        std::istringstream steps(script);
+        int expected = 0;
+        // No further once one failed: what it waits for may never come.
+        for (std::string step; !HasFailure() && steps >> step;
+             expected = errors.count(step[0]) != 0 ? errors.at(step[0]) : 0) {
+            SCOPED_TRACE(step + " at " + std::to_string(model->position()));
+            int failed = 0;
+            try {
+                kinds.at(step[0])(std::atoll(step.c_str() + 1));
+            } catch (const FileError& error) {
+                failed = error.code().value();
+                EXPECT_EQ(s().Tell(), model->position());
+            }
+            EXPECT_EQ(failed, expected);
+        }
+    }
+    void check(const Script& script) {
+        SCOPED_TRACE(script.name);
+        open(script.fileSize, script.mode, script.encrypted);
+        FileCalls watched;
+        calls = &watched;
+        run(script.steps);
+        const std::string transfers = std::regex_replace(watched.transfers(), std::regex("\\+4190208"), "");
+        EXPECT_EQ(transfers + (s().EndOfFile() != 0 ? ", end" : ""), script.transfers);
+        close(script.encrypted);
+    }
+
+    const std::map<char, std::function<void(std::int64_t)>> kinds = {
+        {'s', [&](auto n) { model->seek(n); }},
+        {'m', [&](auto n) { model->seek(n, ORVA_StrBaseIO::SeekFromCurrent); }},
+        {'e', [&](auto n) { model->seek(n, ORVA_StrBaseIO::SeekFromEnd); }},
+        {'r', [&](auto n) { model->read(static_cast<std::size_t>(n)); }},
+        {'w', [&](auto n) { model->write(random.noise(static_cast<std::size_t>(n))); }},
+        {'f', [&](auto) { EXPECT_EQ(s().Flush(), 1); }},
+        {'c', [&](auto) { EXPECT_EQ(s().Close(), 1); }},
+        {'g', [&](auto good) { EXPECT_EQ(s().Good(), good); }},
+        {'G', [&](auto) { s().Clear(); }},
+        {'d', [&](auto n) { s().Write("dropped", static_cast<std::uint32_t>(n)), model->reset(); }},
+        {'o', [&](auto) { s().Open(s().GetNameStr(), "r+b"), model->moveTo(0); }},
+        {'k', [&](auto) { model = std::make_unique<ModelStream>(*model); }},  // goes on with a copy
+        {'p', [&](auto on) { on ? s().EnablePreReading() : s().DisablePreReading(); }},
+        {'t', [&](auto on) { on ? s().EnableMultiThreadReading() : s().DisableMultiThreadReading(); }},
+        // Waits for the n-th read of another thread. R, W, S: the next step's call fails, B, I: without a hook. A:
+        // another thread's.
+        {'a', [&](auto n) { calls->awaitReads(static_cast<int>(n)); }},
+        {'R', [&](auto) { calls->fail(Call::Read, EIO); }},
+        {'S', [&](auto) { calls->fail(Call::Seek, EIO); }},
+        {'W', [&](auto) { calls->fail(Call::Write, ENOSPC); }},
+        {'B', [](auto) {}},
+        {'I', [](auto) {}},
+        {'A', [&](auto) { calls->fail(Call::Read, EIO, true); }},
+    };
+    RandomBytes random{17};
+    Bytes content;
+    std::unique_ptr<ModelStream> model;
+    FileCalls* calls = nullptr;
+};
+
+}  // namespace support
