@@ -63,7 +63,12 @@ TEST_F(AppendTest, OneAtATimeAndNoneBesideASideFile) {
     EXPECT_EQ(orva::rollBack(fFile), orva::rollBackResult::sideFileStale);
     EXPECT_EQ(orva::rollBack(fFile), orva::rollBackResult::nothingToDo);
     EXPECT_TRUE(sameBytes(rowsOf(fFile), append.newRows()));
+    append.road = 1;
+    makeFile(fFile, blocksOf(append.old));
+    const Bytes side = interrupted(append).at(fSide);
     for (append.road = 0; append.road < 2; ++append.road) {
+        support::writeBytes(fSide, side);
+        EXPECT_EQ(refusal(), core::fileError(1002, EEXIST, fSide));
         // Rows of a former life must not come back over those of a new one.
         support::writeBytes(fSide, {1, 2, 3});
         makeFile(fFile, blocksOf(append.old));
