@@ -248,7 +248,7 @@ TEST_F(BlockCache, ABlockThatTheCacheHoldsCostsNoFileCall) {
         return hook.count != before;
     };
     std::vector<bool> loaded;
-    for (const std::size_t number : {0, 2, 0, 2, 0, 4, 0, 2}) loaded.push_back(loads(number));
+    for (const std::size_t number : {0u, 2u, 0u, 2u, 0u, 4u, 0u, 2u}) loaded.push_back(loads(number));
     EXPECT_EQ(loaded, (std::vector<bool>{1, 1, 0, 0, 0, 1, 0, 1})) << "the least recently used block goes first";
     rows->readFilePosInfo(kRow0, false);
     EXPECT_TRUE(loads(0)) << "a file that is opened anew";

@@ -185,7 +185,7 @@ struct Layout {
 // A file with heading and index in the other byte order.
 inline Bytes swapped(Bytes file) {
     const compressionHeading heading = Layout(file).heading;
-    const auto turn = [&](std::int64_t at, int width) { std::reverse(&file[at], &file[at] + width); };
+    const auto turn = [&](std::int64_t at, int width) { std::reverse(file.begin() + at, file.begin() + at + width); };
     for (const int field : {0, 8, 16}) turn(kRow0 + field, 8);
     for (std::int64_t at = heading._indexPos; at < heading._indexPos + heading._size; at += kRecordSize) {
         for (const int field : {0, 8}) turn(at + field, 8);

@@ -193,13 +193,13 @@ TEST_F(Faults, AReaderOfBlocks) {
             EXPECT_TRUE(!failure.empty() || rows == fBlocks[i]) << "block " << i;
             return failure;
         };
-        for (const std::size_t i : {0, 1, 2, 3, 5, 0, 4}) {
+        for (const std::size_t i : {0u, 1u, 2u, 3u, 5u, 0u, 4u}) {
             if (!atOpen.empty()) break;
             expectRight(expectBlock(i, [&](const auto& body) { return s.heard(body); }), s);
         }
         // There is enough of everything again.
         if (!atOpen.empty()) reader.open(fName, road);
-        for (const std::size_t i : {1, 0, 4}) EXPECT_EQ(expectBlock(i, failureOf<std::function<void()>>), "");
+        for (const std::size_t i : {1u, 0u, 4u}) EXPECT_EQ(expectBlock(i, failureOf<std::function<void()>>), "");
     });
 }
 

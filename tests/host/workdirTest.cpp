@@ -45,7 +45,7 @@ TEST(Workdir, GivesThePublishedVectorsUnderAKeyThatIsFixedOnceUsed) {
             EXPECT_EQ(workdir::setKey(other.data(), 32), 0);
             EXPECT_EQ(through(workdir::Encrypt, plain), cipher);
             EXPECT_EQ(through(workdir::Decrypt, cipher), plain);
-            for (const std::size_t length : {0, 15, 17}) EXPECT_EQ(through(first, Bytes(length)), Bytes());
+            for (const std::size_t length : {0u, 15u, 17u}) EXPECT_EQ(through(first, Bytes(length)), Bytes());
         });
     }
 }

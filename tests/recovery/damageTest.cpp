@@ -197,7 +197,7 @@ TEST_F(DamageTest, AWrongByteCostsTheRowsOfItsBlockAtMost) {
     };
     flip(kRow0, kHeadingSize, "", {});
     flip(fLayout.heading._indexPos, fLayout.heading._size, "", {});
-    for (const std::size_t i : {0, 1, 2}) {
+    for (const std::size_t i : {0u, 1u, 2u}) {
         flip(fLayout.records[i].translatePos, fLayout.records[i].translateSize, kLost[i], rowsWithout(i));
     }
 }
@@ -225,7 +225,7 @@ TEST_F(DamageTest, AFileCutShortKeepsItsCompleteBlocks) {
 // With an index the gap is exact; without one only the next block tells where it ends, and nothing how many rows it
 // held.
 TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
-    for (const std::size_t block : {0, 1, 2}) {
+    for (const std::size_t block : {0u, 1u, 2u}) {
         Bytes file = damaged(block);
         EXPECT_EQ(recover(file, {kPart, false, true}), kLost[block]);
         EXPECT_TRUE(sameBytes(fRows, rowsWithout(block, true)));
@@ -338,7 +338,7 @@ TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
         {40, 0}, {48, -1}, {48, 1L << 40},  {56, -1},         {56, std::ssize(side)}};
     for (const auto& [at, value] : lies) {
         Bytes forged = support::slice(with(side, at, core::bytesOf(value)), 0, side.size() - 8);
-        const std::int64_t sum = crc32_z(0, forged.data(), forged.size());
+        const auto sum = static_cast<std::int64_t>(crc32_z(0, forged.data(), forged.size()));
         refused(data, forged + core::bytesOf(sum), "");
     }
     refused(data, Bytes(1 << 20), "longer than");

@@ -28,19 +28,19 @@ blockOutcome::End endOf(int answer) {
 
 std::int32_t zlibCompressBlock::compressBlock(unsigned char* from, std::uint32_t size, unsigned char* to,
                                               std::uint32_t& room) {
-    return runCall(compress, from, size, to, room);
+    return runCall(deflating, from, size, to, room);
 }
 
 std::int32_t zlibCompressBlock::decompressBlock(unsigned char* from, std::uint32_t size, unsigned char* to,
                                                 std::uint32_t& room) {
-    return runCall(decompress, from, size, to, room);
+    return runCall(inflating, from, size, to, room);
 }
 
 std::int32_t zlibCompressBlock::runCall(direction way, unsigned char* from, std::uint32_t size, unsigned char* to,
                                         std::uint32_t& room) {
     ORVA_ASSERT(from != nullptr || to != nullptr || room != 0 || size != 0, "souce||dest||outCount||inCount");
     const blockOutcome outcome =
-        way == compress ? deflateWhole(from, size, to, room) : inflateWhole(from, size, to, room);
+        way == deflating ? deflateWhole(from, size, to, room) : inflateWhole(from, size, to, room);
     if (outcome.end == blockOutcome::misused || outcome.end == blockOutcome::notStarted) return 0;
     room = outcome.produced;
     return static_cast<std::int32_t>(room);
@@ -48,12 +48,12 @@ std::int32_t zlibCompressBlock::runCall(direction way, unsigned char* from, std:
 
 blockOutcome zlibCompressBlock::deflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                              std::uint32_t room) {
-    return runBlock(compress, from, size, to, room);
+    return runBlock(deflating, from, size, to, room);
 }
 
 blockOutcome zlibCompressBlock::inflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                              std::uint32_t room) {
-    return runBlock(decompress, from, size, to, room);
+    return runBlock(inflating, from, size, to, room);
 }
 
 blockOutcome zlibCompressBlock::storeWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
@@ -62,7 +62,7 @@ blockOutcome zlibCompressBlock::storeWhole(const unsigned char* from, std::uint3
     if (const auto result = orva::fastStore(from, size, to, room)) {
         return {blockOutcome::complete, result->produced, result->consumed};
     }
-    return runZlib(ORVA_FAST_CODEC ? Z_NO_COMPRESSION : Z_BEST_SPEED, compress, Z_FINISH);
+    return runZlib(ORVA_FAST_CODEC ? Z_NO_COMPRESSION : Z_BEST_SPEED, deflating, Z_FINISH);
 }
 
 void zlibCompressBlock::take(const unsigned char* from, std::uint32_t size, unsigned char* to, std::uint32_t room) {
@@ -87,25 +87,25 @@ blockOutcome zlibCompressBlock::runBlock(direction way, const unsigned char* fro
 // back.
 std::optional<blockOutcome> zlibCompressBlock::runFast(direction way) {
     if (souce == nullptr || dest == nullptr || inCount == 0) return std::nullopt;
-    if (way == decompress && souce[0] != kFullWindow) return std::nullopt;
-    const auto result = way == compress ? orva::fastDeflate(souce, inCount, dest, outCount)
-                                        : orva::fastInflate(souce, inCount, dest, outCount);
+    if (way == inflating && souce[0] != kFullWindow) return std::nullopt;
+    const auto result = way == deflating ? orva::fastDeflate(souce, inCount, dest, outCount)
+                                         : orva::fastInflate(souce, inCount, dest, outCount);
     if (!result) return std::nullopt;
     return blockOutcome{blockOutcome::complete, result->produced, result->consumed};
 }
 
 blockOutcome zlibCompressBlock::runZlib(int level, direction way, int flush) {
     z_stream stream{};
-    if ((way == compress ? deflateInit(&stream, level) : inflateInit(&stream)) != Z_OK) {
+    if ((way == deflating ? deflateInit(&stream, level) : inflateInit(&stream)) != Z_OK) {
         return {blockOutcome::notStarted, 0, 0};
     }
     stream.next_in = const_cast<unsigned char*>(souce);  // zlib reads only
     stream.avail_in = inCount;
     stream.next_out = dest;
     stream.avail_out = outCount;
-    const int answer = way == compress ? deflate(&stream, flush) : inflate(&stream, flush);
+    const int answer = way == deflating ? deflate(&stream, flush) : inflate(&stream, flush);
     const blockOutcome outcome{endOf(answer), outCount - stream.avail_out, inCount - stream.avail_in};
     outCount = outcome.produced;
-    way == compress ? deflateEnd(&stream) : inflateEnd(&stream);
+    way == deflating ? deflateEnd(&stream) : inflateEnd(&stream);
     return outcome;
 }

@@ -48,7 +48,7 @@ public:
     ORVA_LOCAL static std::uint32_t compressRoom(std::uint32_t size);
 
 private:
-    enum direction : std::uint8_t { compress, decompress };
+    enum direction : std::uint8_t { deflating, inflating };
     ORVA_LOCAL std::int32_t runCall(direction way, unsigned char* from, std::uint32_t size, unsigned char* to,
                                     std::uint32_t& room);
     ORVA_LOCAL blockOutcome runBlock(direction way, const unsigned char* from, std::uint32_t size, unsigned char* to,
