@@ -124,13 +124,13 @@ int main(int argc, char** argv) {
     for (const std::uint32_t size : {100U, 8U}) {
         const std::string bytes = std::to_string(size) + " bytes";
         add(
-            "stream: Read of " + bytes + " / fread_unlocked", timeAtMost(1),
+            "stream: Read of " + bytes + " / fread_unlocked", timeAtMost(0.75),
             [&scratch, size] { return smallReads(scratch, size); }, 15);
         add(
-            "stream: Write of " + bytes + " / fwrite_unlocked", timeAtMost(1),
+            "stream: Write of " + bytes + " / fwrite_unlocked", timeAtMost(0.75),
             [&scratch, size] { return smallWrites(scratch.path("peer"), scratch.path("ours"), size); }, 15);
         add(
-            "stream: Write of " + bytes + " to the null device / fwrite_unlocked", timeAtMost(1),
+            "stream: Write of " + bytes + " to the null device / fwrite_unlocked", timeAtMost(0.75),
             [size] { return smallWrites("/dev/null", "/dev/null", size); }, 15);
     }
     return run(argc, argv);
