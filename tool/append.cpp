@@ -65,7 +65,7 @@ private:
         const namedStream source(fOptions.part.file);
         zcmpsFilestr rows(source);
         try {
-            rows.setThreadCount(fOptions.threads.count());
+            rows.setThreadCount(fOptions.threads.besideThisOne());
             rows.readFilePosInfo(part.row0Pos, part.swapped);
             rows.Seek(end, ORVA_StrBaseIO::SeekFromStart);
             rows.setSafeAppend(!fOptions.noSync);

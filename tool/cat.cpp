@@ -77,7 +77,7 @@ private:
                    progress& bar) {
         const namedStream file(fOptions.part.file);
         zcmpsFilestr rows(file);
-        rows.setThreadCount(total > std::int64_t{kBlockSize} ? fOptions.threads.count() : 0);
+        rows.setThreadCount(total > std::int64_t{kBlockSize} ? fOptions.threads.besideThisOne() : 0);
         rows.readFilePosInfo(located.part.row0Pos, located.part.swapped);
         for (const span& wanted : spans) {
             rows.Seek(located.part.row0Pos + wanted.offset, ORVA_StrBaseIO::SeekFromStart);

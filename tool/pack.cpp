@@ -93,7 +93,7 @@ private:
         file.Close();
         zcmpsFilestr rows(file);
         try {
-            rows.setThreadCount(fOptions.threads.count());
+            rows.setThreadCount(fOptions.threads.besideThisOne());
             rows.setRow0Pos(row0Pos);
             rows.Seek(row0Pos, ORVA_StrBaseIO::SeekFromStart);
             for (const std::string& input : fOptions.inputs) copyRows(input, rows, bar);

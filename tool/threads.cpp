@@ -11,16 +11,24 @@ namespace {
 
 constexpr std::int32_t kMostThreads = 256;  // each holds two blocks of memory
 
+std::int32_t cores() {
+    return static_cast<std::int32_t>(std::thread::hardware_concurrency());
+}
+
 }  // namespace
 
 void threadOptions::addTo(CLI::App& command) {
-    command.add_option("-T,--threads", wanted, "Threads beside this one; 0, as without it, is one for each core")
+    command
+        .add_option("-T,--threads", wanted, "Threads that compress or inflate; 0, as without it, is one for each core")
         ->check(CLI::Range(0, kMostThreads));
 }
 
 std::int32_t threadOptions::count() const {
-    if (wanted != 0) return wanted;
-    return std::clamp(static_cast<std::int32_t>(std::thread::hardware_concurrency()), 1, kMostThreads);
+    return wanted != 0 ? wanted : std::clamp(cores(), 1, kMostThreads);
+}
+
+std::int32_t threadOptions::besideThisOne() const {
+    return std::clamp(count(), 1, std::max(1, cores() - 1));
 }
 
 void runOnThreads(std::int32_t threads, const std::function<void()>& work) {

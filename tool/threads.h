@@ -13,6 +13,9 @@ struct threadOptions {
 
     void addTo(CLI::App& command);
     std::int32_t count() const;
+    // For setThreadCount. This thread compresses and inflates too, so with as many as there are cores it would only be
+    // in their way.
+    std::int32_t besideThisOne() const;
 };
 
 // Runs `work` on this thread and on `threads - 1` more at once. Throws the first failure once all have ended.

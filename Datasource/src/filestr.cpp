@@ -90,7 +90,8 @@ std::int32_t ORVA_FileStream::Seek(std::int64_t offset, SeekDirection direction)
 }
 
 std::int32_t ORVA_FileStream::Open(const ExtNameStr& name, const ExtNameStr&, const char* mode) {
-    const ExtNameStr copy(name);  // `name` may be the old file's own, which goes below.
+    // `name` may be the old file's own, which goes below.
+    const ExtNameStr copy(name);  // NOLINT(performance-unnecessary-copy-initialization)
     ORVA_FileStream::Close();
     RefCountPtr<ORVA_File> file(new ORVA_File(fData->bEncrypted));
     fData->dropBuffer();

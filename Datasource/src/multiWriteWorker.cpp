@@ -7,12 +7,14 @@
 #include <cstring>
 #include <limits>
 #include <system_error>
+#include <thread>
 
 PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize,
                                              std::int64_t firstPos, std::int64_t firstFilePos, std::uint32_t threads)
     : writingWorker(threads),
       pFile(file),
       pPosInfo(index),
+      bCallerHelps(threads < std::thread::hardware_concurrency()),
       fSlots(threads + 2),
       semFree(threads + 2),
       fEnd(std::numeric_limits<std::uint64_t>::max()),
@@ -52,7 +54,7 @@ std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t 
 
 void PreIOThread_Multi_W_C::waitForFreeSlot() {
     while (!semFree.tryWaitSemaphore()) {
-        if (deflateNext()) continue;
+        if (bCallerHelps && deflateNext()) continue;
         // False in a forked child: there is no thread that could free one.
         if (!semFree.waitSemaphore()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
         return;

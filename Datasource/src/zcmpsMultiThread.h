@@ -37,7 +37,8 @@ private:
 };
 
 // A ring of slots. A block passes through one: filled by the caller, deflated by any thread, written by whichever
-// thread finds it to be the next one. A caller that finds no free slot deflates a block itself instead of waiting.
+// thread finds it to be the next one. A caller that finds no free slot deflates a block itself if there is a
+// core for it, instead of waiting.
 //   caller's turn: semFree.wait   -> semFilled.post        the next slot's rows, size, position
 //   thread's turn: semFilled.wait -> bDeflated, under fLock  the taken slot
 //   writer's turn: bWriting, under fLock                   the next slot to write, fpWritePos, the index, fFailure
@@ -78,6 +79,7 @@ private:
 
     ORVA_File* const pFile;
     filePosInfo* const pPosInfo;
+    const bool bCallerHelps;  // there is a core for it; else it would only keep the threads from theirs
     std::vector<slot> fSlots;
     ktSemaphore semFree;
     ktSemaphore semFilled{0};
