@@ -24,7 +24,7 @@ constexpr std::int64_t kShortestStream = 9;
 constexpr std::int64_t kTrial = 4096;
 // So much may be tried in vain before a file counts as made to be tried for ever. Blocks that are found earn more, so
 // that a long file with much damage is searched to its end.
-constexpr std::int64_t kPatience = std::int64_t{1} << 30;
+constexpr std::int64_t kPatience = std::int64_t{1} << 28;
 constexpr std::int64_t kPatienceForByte = 16;
 constexpr std::int64_t kPatienceForTaken = 4;
 

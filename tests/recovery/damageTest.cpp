@@ -268,7 +268,7 @@ TEST_F(DamageTest, ASearchThatIsGivenUpSaysSo) {
     stream.resize(size);
     stream.back() ^= 1;
     Bytes file = support::slice(fBytes, 0, static_cast<std::size_t>(fLayout.records[1].translatePos));
-    for (int i = 0; i < 300; ++i) file.insert(file.end(), stream.begin(), stream.end());
+    for (int i = 0; i < 80; ++i) file.insert(file.end(), stream.begin(), stream.end());
     const compressionHeading heading{kRow0, std::ssize(file), 9 * kRecordSize};
     EXPECT_THAT(recover(with(file, kRow0, core::bytesOf(heading)), {kPart, true}),
                 testing::MatchesRegex("~30-[0-9]+ the search was given up here: .*"));
