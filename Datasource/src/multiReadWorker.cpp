@@ -48,13 +48,7 @@ bool PreIOThread_Multi_R_D::takeReady(std::int64_t number) {
     giveBackHeld();
     planAhead(number);
     slot& block = at(number);
-    if (await(block, number)) {
-        while (!block.semDone.tryWaitSemaphore()) {
-            if (makeNextWanted()) continue;
-            block.semDone.waitSemaphore();
-            break;
-        }
-    }
+    if (await(block, number)) waitHelping(block.semDone, [this] { return makeNextWanted(); });
     const ktGuard guard(fLock, ktMutex::Recursive);
     if (block.number == number && block.is == state::ready) hold(block);
     return pHeld != nullptr;

@@ -27,7 +27,10 @@ PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index
 }
 
 unsigned char* PreIOThread_Multi_W_C::lendRows() {
-    if (!bLent) waitForFreeSlot();
+    const auto help = [this] { return bCallerHelps && deflateNext(); };
+    if (!bLent && !waitHelping(semFree, help)) {
+        throw std::system_error(ECHILD, std::generic_category(), "write worker");
+    }
     bLent = true;
     std::exception_ptr failure;
     {
@@ -50,15 +53,6 @@ std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t 
     ++fFilled;
     semFilled.postSemaphore();
     return size;
-}
-
-void PreIOThread_Multi_W_C::waitForFreeSlot() {
-    while (!semFree.tryWaitSemaphore()) {
-        if (bCallerHelps && deflateNext()) continue;
-        // False in a forked child: there is no thread that could free one.
-        if (!semFree.waitSemaphore()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
-        return;
-    }
 }
 
 void PreIOThread_Multi_W_C::endLoops() {

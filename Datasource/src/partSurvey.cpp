@@ -147,7 +147,7 @@ bool partSurvey::takeRecord(const filePosInfo& index, std::uint32_t i) {
         const bool endsAsRecorded =
             found->length == std::int64_t{record.translateSize} || (!last && end == index.parsed(i + 1).translatePos);
         if (!endsAsRecorded && !(last && (found->rows == size || place == fPlace))) {
-            fWasted += workOf({blockOutcome::complete, found->rows, found->length});
+            fWasted += workOf(*found);
             if (bPlaceSure && place == fPlace) return false;
             continue;
         }
@@ -277,7 +277,7 @@ void partSurvey::addMissing(std::int64_t count) {
 
 void partSurvey::take(const stream& found, std::int64_t place) {
     segments.push_back({found.rows, place, found.length, false, nullptr});
-    fTaken += workOf({blockOutcome::complete, found.rows, found.length});
+    fTaken += workOf(found);
     fUsualLength = found.length;
 }
 
@@ -285,8 +285,8 @@ bool partSurvey::outOfPatience() const {
     return (fWasted - kPatience - kPatienceForTaken * fTaken) / kPatienceForByte > fFileSize;
 }
 
-std::int64_t partSurvey::workOf(const blockOutcome& outcome) {
-    return kTrial + outcome.produced + outcome.consumed;
+std::int64_t partSurvey::workOf(const stream& found) {
+    return kTrial + found.rows + found.length;
 }
 
 std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place) {
@@ -296,7 +296,7 @@ std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place) {
     if (outcome.end == blockOutcome::complete && outcome.produced != 0) {
         return stream{outcome.produced, outcome.consumed};
     }
-    fWasted += workOf(outcome) + fRead - before;
+    fWasted += workOf({outcome.produced, outcome.consumed}) + fRead - before;
     return std::nullopt;
 }
 
@@ -323,7 +323,7 @@ std::optional<std::int64_t> partSurvey::nextStream(std::int64_t from, std::int64
             const blockOutcome glance = fCodec.inflateWhole(fWindow.get() + i, count - i, fRows.get(), kBlockSize);
             const bool ranOut = glance.end == blockOutcome::incomplete && glance.consumed == count - i;
             if (glance.end == blockOutcome::complete && glance.produced != 0) return at + i;
-            fWasted += workOf(glance);
+            fWasted += workOf({glance.produced, glance.consumed});
             if (ranOut && streamAt(at + i)) return at + i;
         }
         at += count - 1;

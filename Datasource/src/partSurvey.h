@@ -75,7 +75,7 @@ private:
     std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end);
     void take(const stream& found, std::int64_t place);
     bool outOfPatience() const;
-    static std::int64_t workOf(const blockOutcome& outcome);
+    static std::int64_t workOf(const stream& found);
 
     ORVA_File& fFile;
     const std::int64_t fFileSize;

@@ -29,6 +29,15 @@ public:
 
 protected:
     explicit PreIOThreadSeveral(std::uint32_t threads) : fThreads(threads) {}
+    // The caller's wait, who meanwhile does steps of the threads' work as long as `help` finds one. False in a forked
+    // child: there is no thread that could post.
+    template <class Help>
+    static bool waitHelping(ktSemaphore& posted, Help help) {
+        while (!posted.tryWaitSemaphore()) {
+            if (!help()) return posted.waitSemaphore();
+        }
+        return true;
+    }
 
     const std::uint32_t fThreads;
 
@@ -70,7 +79,6 @@ private:
 
     slot& at(std::uint64_t number) { return fSlots[number % fSlots.size()]; }
     void endLoops();
-    void waitForFreeSlot();
     bool deflateNext();
     bool takeBlock();
     void deflate(slot& block);
