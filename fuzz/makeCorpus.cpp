@@ -1,6 +1,7 @@
 // Makes the inputs that fuzzing begins with: makeCorpus DIRECTORY gives DIRECTORY/TARGET/NAME for every target. The
 // files are small ones of every kind that the library writes or meets; each is taken with several ways of steering.
 #include "fuzzTarget.h"
+#include "support/byteOrder.h"
 
 #include <map>
 #include <random>
@@ -51,18 +52,6 @@ Bytes withDamage(Bytes file, std::size_t block) {
     return file;
 }
 
-// Every field of heading and index in the other byte order.
-Bytes swapped(Bytes file) {
-    const compressionHeading heading = Part(file, kRow0, false).heading;
-    const auto turn = [&](std::int64_t at, int size) { std::reverse(file.begin() + at, file.begin() + at + size); };
-    for (const int field : {0, 8, 16}) turn(kRow0 + field, 8);
-    for (std::int64_t at = heading._indexPos; at < heading._indexPos + heading._size; at += kRecordSize) {
-        for (const int field : {0, 8}) turn(at + field, 8);
-        for (const int field : {16, 20}) turn(at + field, 4);
-    }
-    return file;
-}
-
 Files makeFiles() {
     const Bytes plain = finished({300, 500, 70});
     const Bytes none(kRow0 + kHeadingSize);
@@ -82,7 +71,7 @@ Files makeFiles() {
         {"interruptedCut", withHeading(plain, withoutIndex(finished({300, 500, 20, 300})))},
     };
     for (const char* name : {"shortBlocks", "noRows", "fullAndShort", "storedHalves", "damagedMiddle"}) {
-        files[std::string("swapped-") + name] = swapped(files[name]);
+        files[std::string("swapped-") + name] = support::swapped(files[name], kRow0);
     }
     return files;
 }

@@ -2,6 +2,7 @@
 // an operation threw as a text that can be compared, and hooks for system calls.
 #pragma once
 
+#include "support/byteOrder.h"
 #include "support/tempDir.h"
 
 #include <orva/compressedLayout.h>
@@ -184,14 +185,7 @@ struct Layout {
 
 // A file with heading and index in the other byte order.
 inline Bytes swapped(Bytes file) {
-    const compressionHeading heading = Layout(file).heading;
-    const auto turn = [&](std::int64_t at, int width) { std::reverse(file.begin() + at, file.begin() + at + width); };
-    for (const int field : {0, 8, 16}) turn(kRow0 + field, 8);
-    for (std::int64_t at = heading._indexPos; at < heading._indexPos + heading._size; at += kRecordSize) {
-        for (const int field : {0, 8}) turn(at + field, 8);
-        for (const int field : {16, 20}) turn(at + field, 4);
-    }
-    return file;
+    return support::swapped(std::move(file), kRow0);
 }
 
 template <class Struct>

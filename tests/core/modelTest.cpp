@@ -14,11 +14,7 @@ std::uint64_t told(const char* variable, std::uint64_t otherwise) {
     return value != nullptr ? std::strtoull(value, nullptr, 10) : otherwise;
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::uint64_t kMany = 30'000;  // ten times as slow
-#else
-constexpr std::uint64_t kMany = 950'000;
-#endif
+constexpr std::uint64_t kMany = support::kSanitized ? 30'000 : 950'000;
 
 class Model : public support::TempDir {
 protected:

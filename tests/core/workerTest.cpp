@@ -256,11 +256,7 @@ TEST_F(ShortBlocks, TenThousandLivesEnd) {
             EXPECT_EQ(reader.readAt(records[i].orginalPos, fBlocks[i].size()), fBlocks[i]);
         }
     };
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    constexpr int lives = 2'000;  // ten times as slow
-#else
-    constexpr int lives = 10'000;
-#endif
+    constexpr int lives = support::kSanitized ? 2'000 : 10'000;
     int failed = 0;
     for (int i = 0; i < lives && !HasFailure(); ++i) {
         Watchdog::feed("life " + std::to_string(i));

@@ -29,6 +29,13 @@ extern "C" void __gcov_dump() __attribute__((weak));
 
 namespace support {
 
+// Under these a test takes ten times as long.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
 using Bytes = std::vector<unsigned char>;
 using platform::faults::Call;
 using platform::faults::Verdict;
