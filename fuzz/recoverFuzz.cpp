@@ -2,8 +2,6 @@
 // of a sound file nothing is lost.
 #include "fuzzTarget.h"
 
-#include <orva/zlibCompress.h>
-
 using namespace fuzz;
 
 namespace {
@@ -13,12 +11,8 @@ std::vector<Bytes> streamsOf(const Bytes& file) {
     std::vector<Bytes> streams;
     for (std::size_t at = 0; at + 2 <= file.size(); ++at) {
         if ((file[at] & 0xF) != 8 || (file[at] * 256 + file[at + 1]) % 31 != 0) continue;
-        // By the library's codec: its engine takes some streams with a right checksum that zlib refuses.
-        Bytes rows(kBlockSize);
-        const auto size = static_cast<std::uint32_t>(std::min<std::size_t>(kBlockSize, file.size() - at));
-        const blockOutcome found = zlibCompressBlock().inflateWhole(file.data() + at, size, rows.data(), kBlockSize);
-        rows.resize(found.produced);
-        if (found.end == blockOutcome::complete && !rows.empty()) streams.push_back(std::move(rows));
+        Inflated found = inflated(file.data() + at, std::min<std::size_t>(kBlockSize, file.size() - at));
+        if (found.whole && !found.rows.empty()) streams.push_back(std::move(found.rows));
     }
     return streams;
 }
