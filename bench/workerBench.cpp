@@ -24,7 +24,7 @@ namespace {
 using namespace bench;
 
 constexpr std::int64_t kRow0 = 1'000;
-constexpr std::size_t kBlocks = 20;
+constexpr std::size_t kBlocks = 64;
 constexpr std::size_t kPass = kBlocks * std::size_t{kBlockSize};
 
 using Work = std::function<void()>;

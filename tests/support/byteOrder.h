@@ -12,7 +12,7 @@ namespace support {
 // A little-endian file with a finished part at `row0`, with every field of heading and index in the other byte order.
 inline std::vector<unsigned char> swapped(std::vector<unsigned char> file, std::int64_t row0) {
     compressionHeading heading{};
-    std::memcpy(&heading, file.data() + row0, sizeof heading);
+    std::memcpy(&heading, &file.at(static_cast<std::size_t>(row0)), sizeof heading);
     const auto turn = [&](std::int64_t at, int width) { std::reverse(file.begin() + at, file.begin() + at + width); };
     for (const int field : {0, 8, 16}) turn(row0 + field, 8);
     for (std::int64_t at = heading._indexPos; at < heading._indexPos + heading._size; at += kRecordSize) {
