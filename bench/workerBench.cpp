@@ -7,12 +7,14 @@
 #include "paired.h"
 
 #include <orva/filestr.h>
+#include <orva/ktthread.h>
 #include <orva/zcmpsFilestr.h>
 #include <orva/zlibCompress.h>
 
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -123,10 +125,61 @@ Pair readingPlain(const Scratch& scratch, bool fromDisk) {
         1);
 }
 
+std::vector<Bytes> deflatedBlocks(const Bytes& rows) {
+    std::vector<Bytes> blocks;
+    zlibCompressBlock codec;
+    for (std::size_t i = 0; i < kBlocks; ++i) {
+        Bytes block(orva::deflateRoom());
+        const unsigned char* from = rows.data() + i * kBlockSize;
+        block.resize(codec.deflateWhole(from, kBlockSize, block.data(), orva::deflateRoom()).produced);
+        blocks.push_back(std::move(block));
+    }
+    return blocks;
+}
+
+void inflate(zlibCompressBlock& codec, const Bytes& block, unsigned char* to) {
+    const blockOutcome outcome =
+        codec.inflateWhole(block.data(), static_cast<std::uint32_t>(block.size()), to, kBlockSize);
+    require(outcome.end == blockOutcome::complete, "the codec alone fails");
+}
+
+// What the machine gives two threads that take turns, without stream, index and file: one inflates a block, one copies
+// it out and works on it.
+Pair inflatingAlone() {
+    auto blocks = std::make_shared<std::vector<Bytes>>(deflatedBlocks(surveyRows(kPass)));
+    auto made = std::make_shared<orva::blockBuffer>(kBlockSize);
+    auto taken = std::make_shared<orva::blockBuffer>(kBlockSize);
+    return sideBySide(
+        [=](const Work& work, std::int32_t threads) {
+            zlibCompressBlock codec;
+            ktSemaphore wanted{1};
+            ktSemaphore ready{0};
+            const auto makeAll = [&] {
+                for (const Bytes& block : *blocks) {
+                    wanted.waitSemaphore();
+                    inflate(codec, block, made->get());
+                    ready.postSemaphore();
+                }
+            };
+            std::thread other(threads != 0 ? std::function<void()>(makeAll) : kNoWork);
+            const double seconds = wallSeconds([&] {
+                for (const Bytes& block : *blocks) {
+                    threads != 0 ? static_cast<void>(ready.waitSemaphore()) : inflate(codec, block, made->get());
+                    std::memcpy(taken->get(), made->get(), kBlockSize);
+                    wanted.postSemaphore();
+                    work();
+                }
+            });
+            other.join();
+            return seconds;
+        },
+        1);
+}
+
 // The codec alone over the same blocks, every second one on each of two threads.
 class CodecOnTwoThreads {
 public:
-    using Step = std::function<blockOutcome(zlibCompressBlock&, std::size_t block, unsigned char* to)>;
+    using Step = std::function<void(zlibCompressBlock&, std::size_t block, unsigned char* to)>;
     explicit CodecOnTwoThreads(Step step) : fStep(std::move(step)) {}
 
     double operator()() {
@@ -140,8 +193,7 @@ public:
 private:
     void pass(std::size_t thread) {
         for (std::size_t i = thread; i < kBlocks; i += 2) {
-            const blockOutcome outcome = fStep(fCodecs[thread], i, fRoom[thread].get());
-            require(outcome.end == blockOutcome::complete, "the codec alone fails");
+            fStep(fCodecs[thread], i, fRoom[thread].get());
         }
     }
 
@@ -155,7 +207,9 @@ using Rows = Bytes (*)(std::size_t);
 Pair writingOnTwo(const Scratch& scratch, Rows make) {
     auto rows = std::make_shared<Bytes>(make(kPass));
     auto codec = std::make_shared<CodecOnTwoThreads>([=](zlibCompressBlock& one, std::size_t i, unsigned char* to) {
-        return one.deflateWhole(rows->data() + i * kBlockSize, kBlockSize, to, orva::deflateRoom());
+        const unsigned char* from = rows->data() + i * kBlockSize;
+        const blockOutcome outcome = one.deflateWhole(from, kBlockSize, to, orva::deflateRoom());
+        require(outcome.end == blockOutcome::complete, "the codec alone fails");
     });
     const auto ours = [=, name = scratch.path("written")] {
         const auto stream = newPart(name, kTwoThreads);
@@ -168,18 +222,9 @@ Pair readingOnTwo(const Scratch& scratch, Rows make) {
     const Bytes rows = make(kPass);
     const std::string name = scratch.path("rows");
     writeRows(*newPart(name, 0), rows, kNoWork);
-    auto deflated = std::make_shared<std::vector<Bytes>>();
-    zlibCompressBlock deflater;
-    for (std::size_t i = 0; i < kBlocks; ++i) {
-        Bytes block(orva::deflateRoom());
-        block.resize(deflater.deflateWhole(rows.data() + i * kBlockSize, kBlockSize, block.data(), orva::deflateRoom())
-                         .produced);
-        deflated->push_back(std::move(block));
-    }
-    auto codec = std::make_shared<CodecOnTwoThreads>([=](zlibCompressBlock& one, std::size_t i, unsigned char* to) {
-        const Bytes& from = (*deflated)[i];
-        return one.inflateWhole(from.data(), static_cast<std::uint32_t>(from.size()), to, kBlockSize);
-    });
+    auto deflated = std::make_shared<std::vector<Bytes>>(deflatedBlocks(rows));
+    auto codec = std::make_shared<CodecOnTwoThreads>(
+        [=](zlibCompressBlock& one, std::size_t i, unsigned char* to) { inflate(one, (*deflated)[i], to); });
     auto block = std::make_shared<orva::blockBuffer>(kBlockSize);
     const auto ours = [=] {
         const auto stream = opened(name, kTwoThreads);
@@ -194,6 +239,7 @@ int main(int argc, char** argv) {
     const Scratch scratch;
     const Scratch onDisk(".");  // the build tree's disk; a directory for temporary files may lie in memory
     add("worker: read beside a consumer / the longer of both", timeAtMost(1.15), [&] { return reading(scratch); });
+    add("worker: the codec alone beside a consumer / the longer of both", noGoal(), inflatingAlone);
     add("worker: write beside a producer / the longer of both", timeAtMost(1.15), [&] { return writing(scratch); });
     // The worker's buffer, the stream's and the caller's: two copies of each block stand against one read of it.
     add("worker: plain read from disk beside a consumer / the longer of both", noGoal(),
