@@ -355,6 +355,12 @@ int removeFile(const char* name) noexcept {
     return rawUnlink(name);
 }
 
+bool linkTarget(const char* name, char* target) noexcept {
+    static_assert(kLongestName + 1 >= PATH_MAX);
+    struct stat own {};
+    return ::lstat(name, &own) == 0 && S_ISLNK(own.st_mode) && ::realpath(name, target) != nullptr;
+}
+
 bool sameFile(const char* name, const char* otherName) noexcept {
     struct stat one {};
     struct stat other {};

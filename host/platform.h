@@ -74,6 +74,11 @@ ORVA_HOST_API int renameFile(const char* from, const char* to) noexcept;
 
 ORVA_HOST_API int removeFile(const char* name) noexcept;
 
+// `name` is a link: where it and further ones lead to, absolute, in `target` of kLongestName + 1 bytes. False if it is
+// none, or leads nowhere.
+inline constexpr int kLongestName = 4095;
+ORVA_HOST_API bool linkTarget(const char* name, char* target) noexcept;
+
 // Both names lead to one file that exists.
 ORVA_HOST_API bool sameFile(const char* name, const char* otherName) noexcept;
 

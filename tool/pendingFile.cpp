@@ -112,6 +112,10 @@ void pendingFile::sync() const {
 void pendingFile::commit() {
     if (!fOptions.noSync) sync();
     refuseIfTaken();  // by somebody else, meanwhile
+    // It could only bring back what is replaced here, over the new bytes.
+    const std::string sideFile = orva::sideFileName(fTarget);
+    if (platform::removeFile(sideFile.c_str()) != 0 && errno != ENOENT && errno != ENAMETOOLONG)
+        throwWriteFailed(sideFile);
     if (platform::renameFile(fTemporary.c_str(), fTarget.c_str()) != 0) throwWriteFailed(fName);
     bCommitted = true;
     disarm();
@@ -124,8 +128,8 @@ void pendingFile::throwAsFinal(const FileError& failure) const {
 }
 
 void handleSignals() {
-    std::signal(SIGPIPE, SIG_IGN);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int signal : {SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_IGN);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU}) {
         if (std::signal(signal, endBySignal) == SIG_IGN) std::signal(signal, SIG_IGN);  // as under nohup
     }
 }

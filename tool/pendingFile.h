@@ -60,5 +60,6 @@ private:
     bool bCommitted = false;
 };
 
-// Signals that end the process remove the temporary first; a closed pipe is an error of writing, not a signal.
+// Signals that end the process remove the temporary first; a closed pipe, or a file that reaches its limit, is an error
+// of writing, not a signal.
 void handleSignals();

@@ -37,7 +37,7 @@ public:
     int run() {
         checkUsage();
         if (fOptions.rollBack) return rollBack();
-        if (std::error_code none; fs::exists(fOptions.part.file + ".orva-undo", none)) {
+        if (std::error_code none; fs::exists(orva::sideFileName(fOptions.part.file), none)) {
             note("recover", fOptions.part.file,
                  "an append to it was interrupted: --roll-back undoes it without a loss");
         }

@@ -128,9 +128,14 @@ bool parse(const std::vector<unsigned char>& bytes, savedTail& tail, std::int64_
     return reader.left() == sizeof sum;
 }
 
+// A name too long for the system is one that no side file can have.
+bool isAbsence(int error) {
+    return error == ENOENT || error == ENAMETOOLONG;
+}
+
 bool unlinkIfThere(const std::string& name) {
     if (platform::removeFile(name.c_str()) == 0) return true;
-    if (errno != ENOENT) throwFileError(errno, kWriteFailed, name);
+    if (!isAbsence(errno)) throwFileError(errno, kWriteFailed, name);
     return false;
 }
 
@@ -157,13 +162,19 @@ void syncName(const std::string& name) {
 }
 
 std::string sideFileName(const std::string& dataName) {
-    return dataName + ".orva-undo";
+    char target[platform::kLongestName + 1];
+    return (platform::linkTarget(dataName.c_str(), target) ? target : dataName) + ".orva-undo";
 }
 
 void refuseSideFile(const std::string& dataName) {
     const std::string name = sideFileName(dataName);
     ORVA_File side;
-    if (!openNamed(side, name, "rb") && side.OpenErrno() == ENOENT) return;
+    if (!openNamed(side, name, "rb")) {
+        const int error = side.OpenErrno();
+        if (isAbsence(error)) return;
+        const bool isThere = error == EACCES || error == EISDIR || error == ELOOP || error == EPERM;
+        if (!isThere) throwFileError(error, kWriteFailed, name);
+    }
     throw FileError(EEXIST, "datasrc.err", kWriteFailed, name.c_str())
         .withOutcome("an append to \"" + dataName + "\" was interrupted and has to be rolled back first");
 }
@@ -199,7 +210,7 @@ sideFileState readSideFile(const std::string& dataName, ORVA_File& file, savedTa
     const std::string name = sideFileName(dataName);
     ORVA_File side;
     if (!openNamed(side, name, "rb")) {
-        if (side.OpenErrno() == ENOENT) return sideFileState::absent;
+        if (isAbsence(side.OpenErrno())) return sideFileState::absent;
         throwFileError(side.OpenErrno(), kReadFailed, name);
     }
     // It holds pieces of a file that an append only ever lengthens.

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <orva/file.h>
+#include <orva/inspect.h>
 
 #include <cstdint>
 #include <string>
@@ -36,8 +37,6 @@ void restoreTail(ORVA_File& file, const savedTail& tail);
 
 // Makes the file's name, or its absence, durable.
 void syncName(const std::string& name);
-
-std::string sideFileName(const std::string& dataName);
 
 // EEXIST if there is a side file, whether it can be read or not: an append was interrupted, and its roll-back comes
 // first.

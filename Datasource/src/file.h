@@ -6,7 +6,8 @@
 // Threads: Read, Write, Size, Close and FinishEncryption are single steps under the object's lock and may be called
 //          from several threads. Open, the destructor and the plain questions take no lock: nobody else is there then.
 // Failure: FileError with the code 1003 (reading) or 1002 (writing, closing), Good() false until Clear or Open. A
-//          failed Open is a false result. On a closed object everything answers 0.
+//          failed Open is a false result. On a closed object everything answers 0. A process under a limit on file
+//          sizes gets the error only if it ignores SIGXFSZ, which otherwise ends it.
 #pragma once
 
 #include <orva/hostdep.h>

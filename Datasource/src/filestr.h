@@ -120,8 +120,9 @@ public:
     void DisablePreReading() { fPreReading = 0; }
 
     // Reads the next block on a thread of its own while the caller works on this one. For an open stream: the worker
-    // is made once, keeps a second block of memory, and ends with the last stream that shares it. Off: the worker
-    // stays, idle. A thread that cannot start is a std::system_error, and the stream reads on without.
+    // is made once, keeps a second block of memory, and ends with the last stream that shares it. It does not see what
+    // a copy writes that was made before it: copies come after. Off: the worker stays, idle. A thread that cannot start
+    // is a std::system_error, and the stream reads on without.
     void EnableMultiThreadReading();
     void DisableMultiThreadReading();
 

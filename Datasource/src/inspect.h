@@ -94,6 +94,9 @@ enum class rollBackResult : std::uint8_t {
     sideFileStale,  // the append had written nothing yet; its side file is gone
 };
 
+// Where a safe append of `name` keeps what it overwrites: beside the file that the name leads to.
+ORVA_API std::string sideFileName(const std::string& name);
+
 // Undoes an interrupted safe append (zcmpsFilestr::setSafeAppend) by its side file, durably. Takes the writer's lock:
 // FileError with EWOULDBLOCK when the append, or another writer, is alive. Can be repeated after any interruption of
 // its own. DamagedFileError for a side file that belongs to another file, or that is itself damaged; nothing is
