@@ -46,11 +46,11 @@ public:
 
 private:
     void checkInput() const {
-        if (fOptions.in == "-") return;
-        checkReadable(fOptions.in);
+        const bool named = fOptions.in != "-";
+        if (named) checkReadable(fOptions.in);
         std::error_code none;
-        if (fs::equivalent(fOptions.in, fOptions.part.file, none)) {
-            usageError("\"" + shownName(fOptions.in) + "\" cannot be added to itself");
+        if (fs::equivalent(named ? fOptions.in : "/dev/stdin", fOptions.part.file, none)) {
+            usageError("\"" + shownName(fOptions.part.file) + "\" cannot be added to itself");
         }
     }
 

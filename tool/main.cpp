@@ -8,8 +8,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -45,6 +47,15 @@ std::string versionText() {
     return "orva " + orva::version() + " (" + orva::codecs() + ")";
 }
 
+// Last first, as the parser wants them. It would take a name in brackets for a list of names.
+std::vector<std::string> arguments(int argc, char** argv) {
+    std::vector<std::string> words(std::reverse_iterator(argv + std::max(argc, 1)), std::reverse_iterator(argv + 1));
+    for (std::string& word : words) {
+        if (word.starts_with('[') && word.ends_with(']')) word.insert(0, "./");
+    }
+    return words;
+}
+
 int runTool(int argc, char** argv, std::string& verbName) {
     CLI::App app{"Compressed data files: rows in blocks, with an index for reading any part of them.", "orva"};
     app.set_version_flag("--version", versionText());
@@ -58,7 +69,7 @@ int runTool(int argc, char** argv, std::string& verbName) {
         verbs.emplace_back(app.get_subcommands({}).back(), std::move(run));
     }
     try {
-        app.parse(argc, argv);
+        app.parse(arguments(argc, argv));
     } catch (const CLI::ParseError& request) {
         if (const auto parsed = app.get_subcommands(); !parsed.empty()) verbName = parsed.front()->get_name();
         return answerFromParser(app, request, verbName);

@@ -111,11 +111,18 @@ void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64
     } while (size != 0);
 }
 
+void refuseClosed(ORVA_File& file) {
+    if (!file.IsOpen()) throwFileError(EBADF, kReadFailed, file.GetNameStr().GetGeneric());
+}
+
 bool readAll(ORVA_File& file, void* bytes, std::uint64_t size, std::int64_t place) {
     auto* to = static_cast<unsigned char*>(bytes);
     while (size != 0) {
         const auto piece = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, kLongestTransfer));
-        if (file.Read(to, piece, place) != piece) return false;
+        if (file.Read(to, piece, place) != piece) {
+            refuseClosed(file);
+            return false;
+        }
         to += piece;
         size -= piece;
         place += piece;
@@ -135,6 +142,7 @@ void readCompressed(const readRoad& road, const blockPlace& block) {
     const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
     const auto read = road.ahead ? &ORVA_File::ReadAhead : &ORVA_File::Read;
     if ((road.file.*read)(road.compressed, deflated, block.record.translatePos) != deflated) {
+        refuseClosed(road.file);
         refuse(road, block, "ret == bInfo.translateSize", "is cut short by the end of the file");
     }
 }

@@ -54,6 +54,7 @@ compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap,
     }
     compressionHeading heading;
     if (file.Read(&heading, sizeof heading, row0Pos) != sizeof heading) {
+        refuseClosed(file);
         refuse(file, "ret == sizeof(compressionHeading)", "it ends before the heading " + place + " is complete");
     }
     if (swap) swapHeading(heading);

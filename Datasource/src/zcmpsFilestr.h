@@ -14,6 +14,7 @@
 //          be read; SystemFileException when the file cannot be opened again; bad_alloc. A writer's first failure is
 //          final: Write, Flush and the first Close throw it again, and the file gets no heading. Breaches of a caller's
 //          duty are assertions.
+// Never:   Open and ClearAndReset, which are the plain stream's: another file needs another object.
 #pragma once
 
 #include <orva/compressedLayout.h>

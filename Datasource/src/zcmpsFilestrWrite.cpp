@@ -6,6 +6,7 @@
 #include "zcmpsPreIOThread.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <limits>
 
@@ -33,6 +34,7 @@ std::uint32_t zcmpsFilestr::Write(const void* buffer, std::uint32_t size) {
     fData->throwFailure();
     ORVA_ASSERT(!fData->bClosed, "fData->bClosed == false");
     if (size == 0) return 0;
+    if (fFilePos > std::numeric_limits<std::int64_t>::max() - size) fData->pRealFile.refuseWrite(EFBIG);
     WriteRequest req{static_cast<const unsigned char*>(buffer), size, fFilePos};
     try {
         fData->Write(req);
