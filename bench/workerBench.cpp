@@ -125,13 +125,19 @@ Pair readingPlain(const Scratch& scratch, bool fromDisk) {
         1);
 }
 
+// Gives the length of the stream; `to` has deflateRoom() bytes.
+std::size_t deflate(zlibCompressBlock& codec, const unsigned char* block, unsigned char* to) {
+    const blockOutcome outcome = codec.deflateWhole(block, kBlockSize, to, orva::deflateRoom());
+    require(outcome.end == blockOutcome::complete, "the codec alone fails");
+    return outcome.produced;
+}
+
 std::vector<Bytes> deflatedBlocks(const Bytes& rows) {
     std::vector<Bytes> blocks;
     zlibCompressBlock codec;
     for (std::size_t i = 0; i < kBlocks; ++i) {
         Bytes block(orva::deflateRoom());
-        const unsigned char* from = rows.data() + i * kBlockSize;
-        block.resize(codec.deflateWhole(from, kBlockSize, block.data(), orva::deflateRoom()).produced);
+        block.resize(deflate(codec, rows.data() + i * kBlockSize, block.data()));
         blocks.push_back(std::move(block));
     }
     return blocks;
@@ -207,9 +213,7 @@ using Rows = Bytes (*)(std::size_t);
 Pair writingOnTwo(const Scratch& scratch, Rows make) {
     auto rows = std::make_shared<Bytes>(make(kPass));
     auto codec = std::make_shared<CodecOnTwoThreads>([=](zlibCompressBlock& one, std::size_t i, unsigned char* to) {
-        const unsigned char* from = rows->data() + i * kBlockSize;
-        const blockOutcome outcome = one.deflateWhole(from, kBlockSize, to, orva::deflateRoom());
-        require(outcome.end == blockOutcome::complete, "the codec alone fails");
+        deflate(one, rows->data() + i * kBlockSize, to);
     });
     const auto ours = [=, name = scratch.path("written")] {
         const auto stream = newPart(name, kTwoThreads);

@@ -112,10 +112,7 @@ void pendingFile::sync() const {
 void pendingFile::commit() {
     if (!fOptions.noSync) sync();
     refuseIfTaken();  // by somebody else, meanwhile
-    // It could only bring back what is replaced here, over the new bytes.
-    const std::string sideFile = orva::sideFileName(fTarget);
-    if (platform::removeFile(sideFile.c_str()) != 0 && errno != ENOENT && errno != ENAMETOOLONG)
-        throwWriteFailed(sideFile);
+    orva::dropSideFile(fTarget);
     if (platform::renameFile(fTemporary.c_str(), fTarget.c_str()) != 0) throwWriteFailed(fName);
     bCommitted = true;
     disarm();

@@ -48,10 +48,6 @@ void writeSideFile(ORVA_File& file, const savedTail& tail);
 // Removes it, durably. One that is not there is no failure.
 void removeSideFile(const std::string& dataName);
 
-// The same for a part that begins anew: to roll back what is left of its former life would destroy the new rows. Costs
-// nothing where there is none.
-void dropSideFile(const std::string& dataName);
-
 enum class sideFileState : std::uint8_t {
     absent,
     unfinished,  // cut short: its append has written nothing yet

@@ -59,6 +59,11 @@ void checkRecord(const readRoad& road, const blockPlace& block) {
     }
 }
 
+// A file that somebody closed reads as one that has ended. It is not damaged.
+void refuseClosed(ORVA_File& file) {
+    if (!file.IsOpen()) throwFileError(EBADF, kReadFailed, file.GetNameStr().GetGeneric());
+}
+
 }  // namespace
 
 std::uint32_t deflateRoom() {
@@ -109,10 +114,6 @@ void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64
         size -= piece;
         place += piece;
     } while (size != 0);
-}
-
-void refuseClosed(ORVA_File& file) {
-    if (!file.IsOpen()) throwFileError(EBADF, kReadFailed, file.GetNameStr().GetGeneric());
 }
 
 bool readAll(ORVA_File& file, void* bytes, std::uint64_t size, std::int64_t place) {

@@ -60,10 +60,7 @@ std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::
 // Writes all of it or throws: also when somebody closed the file under the stream.
 void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place);
 
-// A file that somebody closed reads as one that has ended. It is not damaged: throws FileError with EBADF.
-void refuseClosed(ORVA_File& file);
-
-// Reads all of it, or gives false: the file ends before.
+// Reads all of it, or gives false: the file ends before. One that somebody closed is no file that ends: throws.
 bool readAll(ORVA_File& file, void* bytes, std::uint64_t size, std::int64_t place);
 
 // What reading a block takes: `compressed` has kBlockSize bytes.

@@ -53,8 +53,7 @@ compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap,
         refuse(file, positionCheck, "compressed data cannot begin " + place);
     }
     compressionHeading heading;
-    if (file.Read(&heading, sizeof heading, row0Pos) != sizeof heading) {
-        refuseClosed(file);
+    if (!readAll(file, &heading, sizeof heading, row0Pos)) {
         refuse(file, "ret == sizeof(compressionHeading)", "it ends before the heading " + place + " is complete");
     }
     if (swap) swapHeading(heading);

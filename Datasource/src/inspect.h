@@ -97,6 +97,10 @@ enum class rollBackResult : std::uint8_t {
 // Where a safe append of `name` keeps what it overwrites: beside the file that the name leads to.
 ORVA_API std::string sideFileName(const std::string& name);
 
+// Removes the side file of `name`, durably, if there is one: for a file that begins anew under that name, whose new
+// rows a roll-back of its former life would destroy. FileError (1002) with the side file's name.
+ORVA_API void dropSideFile(const std::string& name);
+
 // Undoes an interrupted safe append (zcmpsFilestr::setSafeAppend) by its side file, durably. Takes the writer's lock:
 // FileError with EWOULDBLOCK when the append, or another writer, is alive. Can be repeated after any interruption of
 // its own. DamagedFileError for a side file that belongs to another file, or that is itself damaged; nothing is
