@@ -1,7 +1,7 @@
 // An enciphered stream against what it is made of: the plain stream over the same bytes, and OpenSSL's cipher alone
 // over them. What is left is the price of the enciphered road itself: room for results, copies, the tail.
+#include "base/blockBuffer.h"
 #include "benchData.h"
-#include "blockBuffer.h"
 #include "paired.h"
 
 #include <orva/filestr.h>

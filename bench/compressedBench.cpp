@@ -1,8 +1,8 @@
 // The inline roads of the compressed stream against the least that can be done: the codec alone, one copy between the
 // caller's memory and an aligned block that is kept, and bare system calls on the compressed bytes.
+#include "base/blockBuffer.h"
 #include "benchData.h"
-#include "blockBuffer.h"
-#include "blockTransfer.h"
+#include "format/blockTransfer.h"
 #include "paired.h"
 
 #include <orva/compressedLayout.h>

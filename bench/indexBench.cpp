@@ -1,6 +1,6 @@
 // Look-ups in the block index. The peer is a plain binary search over the same records: it shows what the cursor and
 // the guess are worth where they hit, and that they cost little where they can't.
-#include "filePosInfo.h"
+#include "format/filePosInfo.h"
 #include "paired.h"
 
 #include <orva/blockSize.h>

@@ -1,6 +1,6 @@
 // The plain stream against bare system calls for large requests and against the C library's streams for small ones.
+#include "base/blockBuffer.h"
 #include "benchData.h"
-#include "blockBuffer.h"
 #include "paired.h"
 
 #include <orva/filestr.h>

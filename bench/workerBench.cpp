@@ -1,9 +1,9 @@
 // What the workers win. Beside a caller that works as long on each block as the road does, the pass should take little
 // longer than the longer of the two alone; two threads should come close to the codec alone on two threads. Timed by
 // the clock on the wall, so these want a machine with two idle cores.
+#include "base/blockBuffer.h"
 #include "benchData.h"
-#include "blockBuffer.h"
-#include "blockTransfer.h"
+#include "format/blockTransfer.h"
 #include "paired.h"
 
 #include <orva/filestr.h>

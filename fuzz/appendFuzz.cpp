@@ -1,8 +1,8 @@
 // Appending to a file: finished, abandoned, or interrupted and rolled back, by its side file as it was or as anybody
 // may have changed it. What is refused changes nothing; after any other end the rows are the old ones with the new
 // behind them, or just the old ones.
-#include "appendJournal.h"
 #include "fuzzTarget.h"
+#include "part/appendJournal.h"
 
 using namespace fuzz;
 

@@ -1,6 +1,6 @@
 // Both block codecs, both ways: what they compress comes back; hostile input and any room stay within their bounds, and
 // end for zlibCompressBlock as they would for zlib alone, on the fast road too.
-#include "blockTransfer.h"
+#include "format/blockTransfer.h"
 #include "fuzzTarget.h"
 
 #include <orva/lz4Compress.h>

@@ -1,11 +1,11 @@
 // Whatever a script needs and does not get, at each place where it needs it, on every road: the right failure or the
 // right bytes; no hang, no leak, no end of the program; a Close that gave 1 told the truth; and once there is enough of
 // everything again, the stream goes on or the file is as it was found.
-#include "filePosInfo.h"
-#include "indexTransfer.h"
+#include "format/filePosInfo.h"
+#include "format/indexTransfer.h"
+#include "part/zcmpsPreIOThread.h"
 #include "recovery/recoveryTest.h"
 #include "scarcity.h"
-#include "zcmpsPreIOThread.h"
 
 #include <orva/workdir.h>
 

@@ -2,7 +2,7 @@
 // recovery/damageTest.cpp. The example: two full blocks and a third of 100,000 bytes behind a dictionary part of 1,000,
 // deflated to 1,500,000, 1,400,000 and 40,000 bytes.
 #include "coreTest.h"
-#include "filePosInfo.h"
+#include "format/filePosInfo.h"
 
 #include <gmock/gmock.h>
 

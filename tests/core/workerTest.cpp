@@ -1,9 +1,9 @@
 // The numbered rules of the workers, by their numbers (H, R, T, M and A in zcmpsPreIOThread.h, readAheadSlot.h and
 // zcmpsMultiThread.h), and their starts and stops. H2, H4 and M3 are told in faultTest.cpp.
 #include "coreTest.h"
-#include "indexTransfer.h"
-#include "zcmpsMultiThread.h"
-#include "zcmpsPreIOThread.h"
+#include "format/indexTransfer.h"
+#include "part/zcmpsMultiThread.h"
+#include "part/zcmpsPreIOThread.h"
 
 #include <gmock/gmock.h>
 

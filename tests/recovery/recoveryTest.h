@@ -2,8 +2,8 @@
 // and rows read back past whatever happened.
 #pragma once
 
-#include "appendJournal.h"
 #include "core/coreTest.h"
+#include "part/appendJournal.h"
 
 #include <orva/inspect.h>
 

@@ -1,7 +1,7 @@
 // The buffer between a stream and its file, what each step asks of the file, and the hand-over of readAheadSlot.h, rule
 // by rule. No byte is lost or stale.
-#include "readAheadSlot.h"
 #include "stream/streamTest.h"
+#include "worker/readAheadSlot.h"
 
 #include <orva/blockSize.h>
 

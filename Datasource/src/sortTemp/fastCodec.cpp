@@ -1,4 +1,4 @@
-#include "fastCodec.h"
+#include "sortTemp/fastCodec.h"
 
 #include <isa-l/igzip_lib.h>
 #include <libdeflate.h>

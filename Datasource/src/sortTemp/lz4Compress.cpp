@@ -1,4 +1,4 @@
-#include "../assertion.h"
+#include "base/assertion.h"
 
 #include <orva/lz4Compress.h>
 

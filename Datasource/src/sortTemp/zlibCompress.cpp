@@ -1,5 +1,5 @@
-#include "../assertion.h"
-#include "fastCodec.h"
+#include "base/assertion.h"
+#include "sortTemp/fastCodec.h"
 
 #include <orva/zlibCompress.h>
 

@@ -1,0 +1,184 @@
+#include "base/assertion.h"
+#include "file/fileCodes.h"
+
+#include <orva/errtext.h>
+#include <orva/file.h>
+#include <orva/platform.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+template class RefCountPtr<ORVA_File>;
+
+namespace {
+
+constexpr int kShareReadOnly = 0x20;
+constexpr int kOwnerReadWrite = 0x180;
+
+bool ModeHasChar(const char* mode, char c) {
+    return std::strchr(mode, c) != nullptr;
+}
+
+int accessFlags(const char* mode) {
+    using namespace platform;
+    if (ModeHasChar(mode, '+')) {
+        if (ModeHasChar(mode, 'w')) return _O_RDWR | _O_CREAT | _O_TRUNC;
+        if (ModeHasChar(mode, 'a')) return _O_RDWR | _O_CREAT | _O_APPEND;
+        return _O_RDWR;
+    }
+    if (ModeHasChar(mode, 'r')) return _O_RDONLY;
+    if (ModeHasChar(mode, 'w')) return _O_WRONLY | _O_CREAT | _O_TRUNC;
+    if (ModeHasChar(mode, 'a')) return _O_WRONLY | _O_CREAT | _O_APPEND;
+    return _O_RDONLY;
+}
+
+int OpenDescriptor(const ExtNameStr& name, const char* mode) {
+    using namespace platform;
+    int flags = accessFlags(mode);
+    flags |= ModeHasChar(mode, 't') ? _O_TEXT : _O_BINARY;
+    flags |= _O_RANDOM;
+    if (ModeHasChar(mode, 'T')) flags |= _O_SHORT_LIVED;
+    if (ModeHasChar(mode, 'D')) flags |= _O_TEMPORARY;
+    return name.Sopen(flags, kShareReadOnly, kOwnerReadWrite);
+}
+
+}  // namespace
+
+ORVA_File::ORVA_File() : ORVA_File(false) {}
+
+ORVA_File::ORVA_File(const ORVA_File& other) : ORVA_RefCntObject(other), fEncrypted(false), fProcess(0) {
+    ORVA_ASSERT(false, "0 && \"can't copy an ORVA_File\"");
+}
+
+ORVA_File::~ORVA_File() {
+    try {
+        if (fProcess == platform::processId()) Close();
+    } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell.
+    }
+    // A failed close leaves the descriptor, and the writer's lock with it. A forked child closes without the mutex.
+    if (IsOpen()) platform::closeAnyway(fDescriptor);
+}
+
+bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
+    if (IsOpen()) Close();
+    fName = name;
+    platform::setErrno(0);
+    fDescriptor = OpenDescriptor(fName, mode);
+    fOpenErrno = IsOpen() ? 0 : errno;
+    if (IsOpen()) {
+        fPosition = ModeHasChar(mode, 'a') ? platform::_lseeki64(fDescriptor, 0, SEEK_END) : 0;
+        fMustSeek = false;
+    }
+    fGood.store(IsOpen(), std::memory_order_relaxed);
+    fAtEnd = false;
+    // Bytes that still wait belong to the file before, which is gone. The pad stays known: it may be the same file.
+    fRemainderSize = 0;
+    bHoldsPadded = false;
+    fFileEnd = -1;
+    fAppends = (accessFlags(mode) & platform::_O_APPEND) != 0;
+    fMode = mode;
+    return IsOpen();
+}
+
+int ORVA_File::Close() {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    if (!IsOpen()) return 0;
+    if (fEncrypted && fEncryptStarted) endCipherRun();
+    platform::setErrno(0);
+    if (platform::_close(fDescriptor) != 0) fail(kWriteFailed);
+    fDescriptor = -1;
+    return 1;
+}
+
+unsigned int ORVA_File::Read(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    ORVA_ASSERT(byteSize <= INT_MAX, "byteSize <= INT_MAX");
+    return fEncrypted ? readEncrypted(buffer, byteSize, byteOffset) : readPlain(buffer, byteSize, byteOffset);
+}
+
+unsigned int ORVA_File::ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    struct during {
+        bool& ahead;
+        ~during() { ahead = false; }
+    };
+    const during transfer{fReadsAhead = true};
+    return Read(buffer, byteSize, byteOffset);
+}
+
+unsigned int ORVA_File::readPlain(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    if (!IsOpen()) return 0;
+    seekTo(byteOffset, kReadFailed);
+    const unsigned int count = readDescriptor(buffer, byteSize);
+    fPosition = byteOffset + count;
+    fAtEnd = count == 0;
+    return count;
+}
+
+unsigned int ORVA_File::Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    ORVA_ASSERT(byteSize <= INT_MAX, "byteSize <= INT_MAX");
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    if (!IsOpen()) return 0;
+    if (fEncrypted) return WriteEncrypted(buffer, byteSize, byteOffset);
+    // The system places what is appended: only what doesn't go on where the last transfer ended is worth a seek, which
+    // some files refuse.
+    if (fAppends) fMustSeek = false;
+    seekTo(byteOffset, kWriteFailed);
+    const unsigned int count = writeDescriptor(buffer, byteSize);
+    fPosition = byteOffset + count;
+    if (fAppends) fMustSeek = true;  // the bytes went to the end, wherever that was
+    return count;
+}
+
+std::int64_t ORVA_File::Size() const {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    if (!IsOpen()) return 0;
+    const std::int64_t size = platform::_lseeki64(fDescriptor, 0, SEEK_END);
+    if (platform::_lseeki64(fDescriptor, descriptorPlace(), SEEK_SET) == -1) fMustSeek = true;
+    return size;
+}
+
+void ORVA_File::Sync() {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    platform::setErrno(0);
+    if (IsOpen() && platform::syncData(fDescriptor) != 0) fail(kWriteFailed);
+}
+
+void ORVA_File::Truncate(std::int64_t length) {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    platform::setErrno(0);
+    if (IsOpen() && platform::truncateFile(fDescriptor, length) != 0) fail(kWriteFailed);
+}
+
+void ORVA_File::seekTo(std::int64_t byteOffset, long code) {
+    platform::setErrno(0);
+    if (byteOffset == fPosition && !fMustSeek) return;
+    if (platform::_lseeki64(fDescriptor, byteOffset, SEEK_SET) == -1) fail(code);
+    fMustSeek = false;
+}
+
+unsigned int ORVA_File::readDescriptor(void* buffer, unsigned int byteSize) {
+    const int count = platform::_read(fDescriptor, buffer, byteSize);
+    if (count == -1) fail(kReadFailed);
+    return static_cast<unsigned int>(count);
+}
+
+unsigned int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSize) {
+    const int count = platform::_write(fDescriptor, buffer, byteSize);
+    if (count == -1) fail(kWriteFailed);
+    return static_cast<unsigned int>(count);
+}
+
+void ORVA_File::refuseWrite(int error) {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    platform::setErrno(error);
+    fail(kWriteFailed);
+}
+
+void ORVA_File::fail(long code) {
+    if (!fReadsAhead) fGood.store(false, std::memory_order_relaxed);
+    fMustSeek = true;
+    ThrowError::StringSys("datasrc.err", code, fName.GetGeneric().c_str());
+}

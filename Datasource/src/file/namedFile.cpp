@@ -1,0 +1,21 @@
+#include "file/namedFile.h"
+
+#include <orva/errtext.h>
+
+namespace orva {
+
+void throwFileError(int error, long code, const std::string& name) {
+    throw FileError(error, "datasrc.err", code, name.c_str());
+}
+
+bool openNamed(ORVA_File& file, const std::string& name, const char* mode) {
+    ExtNameStr fileName;
+    fileName.SetGeneric(name);
+    return file.Open(fileName, mode);
+}
+
+void openOrThrow(ORVA_File& file, const std::string& name, const char* mode, long code) {
+    if (!openNamed(file, name, mode)) throwFileError(file.OpenErrno(), code, name);
+}
+
+}  // namespace orva

@@ -1,0 +1,172 @@
+#include "format/blockTransfer.h"
+
+#include "base/assertion.h"
+#include "file/fileCodes.h"
+#include "file/namedFile.h"
+
+#include <orva/blockSize.h>
+#include <orva/errors.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <string>
+
+namespace orva {
+
+namespace {
+
+// The file takes less than 2 GiB at a time, and an index can be twice as long.
+constexpr std::uint32_t kLongestTransfer = 1U << 30;
+
+using deflater = blockOutcome (zlibCompressBlock::*)(const unsigned char*, std::uint32_t, unsigned char*,
+                                                     std::uint32_t);
+
+std::uint32_t streamOf(zlibCompressBlock& codec, deflater how, const unsigned char* block, std::uint32_t size,
+                       unsigned char* to) {
+    const blockOutcome outcome = (codec.*how)(block, size, to, zlibCompressBlock::compressRoom(size));
+    if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
+    ORVA_ASSERT(outcome.end == blockOutcome::complete, "ret != 0");
+    return outcome.produced;
+}
+
+void addRecord(filePosInfo& index, std::int64_t pos, std::int64_t place, std::uint32_t size, std::uint32_t length) {
+    index.addRecord(pos, place, static_cast<std::int32_t>(size), static_cast<std::int32_t>(length));
+}
+
+[[noreturn]] void refuse(const readRoad& road, const blockPlace& block, const char* check, const std::string& what) {
+    const filePosRecord& r = block.record;
+    throw DamagedFileError(road.file.GetNameStr().GetGeneric(), check,
+                           "block " + std::to_string(block.number) + " (logical positions " +
+                               std::to_string(r.orginalPos) + " to " + std::to_string(r.orginalPos + r.orginalSize) +
+                               ", file offset " + std::to_string(r.translatePos) + ") " + what);
+}
+
+void checkRecord(const readRoad& road, const blockPlace& block) {
+    const filePosRecord& r = block.record;
+    if (!isBlockSize(r.orginalSize))
+        refuse(road, block, "orginalSize in 1..4190208", "has a record with an impossible size");
+    if (!isBlockSize(r.translateSize)) {
+        refuse(road, block, "translateSize in 1..4190208",
+               "has a record with the compressed size " + std::to_string(r.translateSize));
+    }
+    if (r.translatePos < 0 || r.translatePos > block.fileEnd - r.translateSize) {
+        refuse(road, block, "translatePos inside the file", "lies outside the file");
+    }
+    if (block.nextStart && *block.nextStart != r.orginalPos + r.orginalSize) {
+        refuse(road, block, "orginalPos + orginalSize == next orginalPos",
+               "does not end where the next one begins, at " + std::to_string(*block.nextStart));
+    }
+}
+
+// A file that somebody closed reads as one that has ended. It is not damaged.
+void refuseClosed(ORVA_File& file) {
+    if (!file.IsOpen()) throwFileError(EBADF, kReadFailed, file.GetNameStr().GetGeneric());
+}
+
+}  // namespace
+
+std::uint32_t deflateRoom() {
+    static const std::uint32_t room =
+        std::max(zlibCompressBlock::compressRoom(kBlockSize), 2 * zlibCompressBlock::compressRoom(kBlockSize / 2));
+    return room;
+}
+
+// Both halves of a block that does not fit do: deflate adds some thousands of bytes at most, and a half leaves room for
+// two millions.
+deflatedBlock deflateBlock(zlibCompressBlock& codec, const unsigned char* block, std::uint32_t size,
+                           unsigned char* scratch) {
+    const std::uint32_t whole = streamOf(codec, &zlibCompressBlock::deflateWhole, block, size, scratch);
+    if (whole <= kBlockSize) return {size, whole, 0, 0};
+    const std::uint32_t half = size / 2;
+    const deflater store = &zlibCompressBlock::storeWhole;
+    const std::uint32_t first = streamOf(codec, store, block, half, scratch);
+    const std::uint32_t second = streamOf(codec, store, block + half, size - half, scratch + first);
+    return {half, first, size - half, second};
+}
+
+std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBlock& deflated,
+                           const unsigned char* scratch, std::int64_t pos, std::int64_t place) {
+    const std::int64_t secondPlace = place + deflated.length;
+    writeAll(file, scratch, deflated.length, place);
+    if (deflated.secondRows != 0) writeAll(file, scratch + deflated.length, deflated.secondLength, secondPlace);
+    addRecord(index, pos, place, deflated.rows, deflated.length);
+    if (deflated.secondRows != 0) {
+        addRecord(index, pos + deflated.rows, secondPlace, deflated.secondRows, deflated.secondLength);
+    }
+    return secondPlace + deflated.secondLength;
+}
+
+std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::uint32_t size, std::int64_t pos,
+                        std::int64_t place) {
+    const deflatedBlock deflated = deflateBlock(road.codec, block, size, road.scratch);
+    return writeDeflated(road.file, road.index, deflated, road.scratch, pos, place);
+}
+
+void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place) {
+    const auto* from = static_cast<const unsigned char*>(bytes);
+    do {
+        const auto piece = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, kLongestTransfer));
+        if (file.Write(from, piece, place) != piece) {
+            throwFileError(EBADF, kWriteFailed, file.GetNameStr().GetGeneric());
+        }
+        from += piece;
+        size -= piece;
+        place += piece;
+    } while (size != 0);
+}
+
+bool readAll(ORVA_File& file, void* bytes, std::uint64_t size, std::int64_t place) {
+    auto* to = static_cast<unsigned char*>(bytes);
+    while (size != 0) {
+        const auto piece = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, kLongestTransfer));
+        if (file.Read(to, piece, place) != piece) {
+            refuseClosed(file);
+            return false;
+        }
+        to += piece;
+        size -= piece;
+        place += piece;
+    }
+    return true;
+}
+
+blockPlace placeOf(const filePosInfo& index, const filePosRecord& record) {
+    const std::uint32_t number = index.numberOf(record.orginalPos);
+    std::optional<std::int64_t> nextStart;
+    if (number + 1 < index.parsedCount()) nextStart = index.parsed(number + 1).orginalPos;
+    return {record, number, nextStart, index.placeLimit()};
+}
+
+void readCompressed(const readRoad& road, const blockPlace& block) {
+    checkRecord(road, block);
+    const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
+    const auto read = road.ahead ? &ORVA_File::ReadAhead : &ORVA_File::Read;
+    if ((road.file.*read)(road.compressed, deflated, block.record.translatePos) != deflated) {
+        refuseClosed(road.file);
+        refuse(road, block, "ret == bInfo.translateSize", "is cut short by the end of the file");
+    }
+}
+
+std::uint32_t inflateBlock(const readRoad& road, const blockPlace& block, unsigned char* dest) {
+    const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
+    const auto size = static_cast<std::uint32_t>(block.record.orginalSize);
+    const blockOutcome outcome = road.codec.inflateWhole(road.compressed, deflated, dest, size);
+    if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
+    if (outcome.produced == 0) refuse(road, block, "ret!= 0", "does not inflate");
+    if (outcome.produced != size) {
+        refuse(road, block, "0: outCount == bInfo.orginalSize",
+               "inflates to " + std::to_string(outcome.produced) + " bytes only");
+    }
+    if (outcome.end != blockOutcome::complete || outcome.consumed != deflated) {
+        refuse(road, block, "0: Z_STREAM_END at the last byte", "fails its checksum or does not end where it should");
+    }
+    return size;
+}
+
+std::uint32_t readBlock(const readRoad& road, const blockPlace& block, unsigned char* dest) {
+    readCompressed(road, block);
+    return inflateBlock(road, block, dest);
+}
+
+}  // namespace orva

@@ -1,0 +1,96 @@
+// One block of rows to the file and back. Every road goes through here: the inline ones, the workers, append, verify.
+// So a block is deflated, cut, recorded, checked and refused in the same way whoever asks.
+//
+// Units:   logical positions and file offsets, in bytes.
+// Owner:   the caller owns all memory, the codec included; nothing is kept here.
+// Threads: no state. The file locks itself; codec and buffers belong to one thread at a time.
+// Failure: FileError from the file, DamagedFileError for a block that is not what its record says, bad_alloc when the
+//          codec finds no memory.
+#pragma once
+
+#include "format/filePosInfo.h"
+
+#include <orva/blockSize.h>
+#include <orva/compressedLayout.h>
+#include <orva/file.h>
+#include <orva/zlibCompress.h>
+
+#include <cstdint>
+#include <optional>
+
+namespace orva {
+
+// A block's size that can be true, in rows as well as in the file.
+constexpr bool isBlockSize(std::int64_t size) {
+    return size >= 1 && size <= kBlockSize;
+}
+
+// Room for the longest zlib streams that a block can become.
+std::uint32_t deflateRoom();
+
+// A block deflated: one zlib stream, or two for its halves where one would pass the format's limit.
+struct deflatedBlock {
+    std::uint32_t rows;        // of the first stream
+    std::uint32_t length;      // of the first stream
+    std::uint32_t secondRows;  // 0: there is no second
+    std::uint32_t secondLength;
+};
+
+// Deflates the `size` bytes (1 to kBlockSize) of `block` into `scratch`, which has deflateRoom() bytes.
+deflatedBlock deflateBlock(zlibCompressBlock& codec, const unsigned char* block, std::uint32_t size,
+                           unsigned char* scratch);
+
+// Writes what deflateBlock made at the file offset `place` and adds its record, or its two records after both writes;
+// `pos` is the block's logical position. Gives the file offset behind what it wrote.
+std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBlock& deflated,
+                           const unsigned char* scratch, std::int64_t pos, std::int64_t place);
+
+// What writing a block takes: `scratch` has deflateRoom() bytes.
+struct writeRoad {
+    ORVA_File& file;
+    filePosInfo& index;
+    zlibCompressBlock& codec;
+    unsigned char* scratch;
+};
+
+// Both.
+std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::uint32_t size, std::int64_t pos,
+                        std::int64_t place);
+
+// Writes all of it or throws: also when somebody closed the file under the stream.
+void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place);
+
+// Reads all of it, or gives false: the file ends before. One that somebody closed is no file that ends: throws.
+bool readAll(ORVA_File& file, void* bytes, std::uint64_t size, std::int64_t place);
+
+// What reading a block takes: `compressed` has kBlockSize bytes.
+struct readRoad {
+    ORVA_File& file;
+    zlibCompressBlock& codec;
+    unsigned char* compressed;
+    bool ahead = false;  // nobody has asked for the block yet: ORVA_File::ReadAhead
+};
+
+// A record together with what it is held against.
+struct blockPlace {
+    filePosRecord record;
+    std::uint32_t number;                   // of the block, for messages
+    std::optional<std::int64_t> nextStart;  // logical position of the next block, where there is one
+    std::int64_t fileEnd;
+};
+
+// The place of the block whose record findRecord gave.
+blockPlace placeOf(const filePosInfo& index, const filePosRecord& record);
+
+// Reads the block's compressed bytes into `road.compressed`. A record that cannot be true is refused before any memory
+// is touched.
+void readCompressed(const readRoad& road, const blockPlace& block);
+
+// Inflates what readCompressed brought into `dest`, which has room for orginalSize. The block is good only when its
+// zlib stream ended, with its checksum, exactly at its last byte and at orginalSize bytes. Gives orginalSize.
+std::uint32_t inflateBlock(const readRoad& road, const blockPlace& block, unsigned char* dest);
+
+// Both.
+std::uint32_t readBlock(const readRoad& road, const blockPlace& block, unsigned char* dest);
+
+}  // namespace orva

@@ -1,0 +1,188 @@
+#include "format/filePosInfo.h"
+
+#include "base/assertion.h"
+
+#include <orva/errors.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+namespace {
+
+// The index's length, (records + 1) x 24, must fit its 32-bit count.
+constexpr std::size_t kMostRecords = 178'956'969;
+static_assert((kMostRecords + 1) * kRecordSize <= UINT32_MAX && (kMostRecords + 2) * kRecordSize > UINT32_MAX);
+
+// A record of a damaged index may reach over the start of the next one; that block is still found by its position.
+bool holds(const filePosRecord* records, std::int64_t number, std::int64_t last, std::int64_t pos) {
+    const filePosRecord& record = records[number];
+    return record.orginalPos <= pos && pos < record.orginalPos + record.orginalSize &&
+           (number == last || pos < records[number + 1].orginalPos);
+}
+
+// The first record that begins behind `pos`, or `end`.
+const filePosRecord* firstBehind(const filePosRecord* begin, const filePosRecord* end, std::int64_t pos) {
+    return std::upper_bound(begin, end, pos,
+                            [](std::int64_t p, const filePosRecord& record) { return p < record.orginalPos; });
+}
+
+constexpr filePosRecord kNothing{kNoRecord, 0, 0, 0};
+
+}  // namespace
+
+filePosInfo::filePosInfo(std::uint32_t blockSize, std::string fileName)
+    : fFileName(std::move(fileName)), fBlockSize(blockSize) {}
+
+void filePosInfo::addRecord(std::int64_t orginalPos, std::int64_t translatePos, std::int32_t orginalSize,
+                            std::int32_t translateSize) {
+    if (fRecords.size() >= kMostRecords) throw std::length_error("filePosInfo: the index is full");
+    fRecords.push_back({orginalPos, translatePos, orginalSize, translateSize});
+}
+
+std::int64_t filePosInfo::writtenEnd(std::int64_t otherwise) const {
+    return fRecords.empty() ? otherwise : fRecords.back().translatePos + fRecords.back().translateSize;
+}
+
+const unsigned char* filePosInfo::serialize(std::uint32_t& stLength) {
+    const std::size_t length = (fRecords.size() + 1) * kRecordSize;
+    pSerialBuffer.reset(new unsigned char[length]);
+    const filePosRecord first{kFirstRecordMark, 0, static_cast<std::int32_t>(fBlockSize),
+                              static_cast<std::int32_t>(fRecords.size())};
+    std::memcpy(pSerialBuffer.get(), &first, sizeof first);
+    if (!fRecords.empty()) {
+        std::memcpy(pSerialBuffer.get() + sizeof first, fRecords.data(), fRecords.size() * kRecordSize);
+    }
+    stLength = static_cast<std::uint32_t>(length);
+    return pSerialBuffer.get();
+}
+
+filePosRecord filePosInfo::takeFirstRecord(const unsigned char* buff, bool swap) const {
+    filePosRecord firstRecord;
+    std::memcpy(&firstRecord, buff, sizeof firstRecord);
+    if (swap) swapRecord(&firstRecord);
+    const char* breach = nullptr;
+    if (firstRecord.orginalPos != kFirstRecordMark) {
+        breach = "firstRecord.orginalPos == -100";
+    } else if (firstRecord.orginalSize <= 0) {
+        breach = "firstRecord.orginalSize > 0";
+    } else if (firstRecord.translateSize < 0) {
+        breach = "firstRecord.translateSize >= 0";
+    }
+    if (breach != nullptr) throw DamagedFileError(fFileName, breach, "its index has no valid first record");
+    return firstRecord;
+}
+
+void filePosInfo::checkAscending(const filePosRecord* records, std::uint32_t count) const {
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const bool sized = records[i].orginalSize >= 1 &&
+                           records[i].orginalPos <= std::numeric_limits<std::int64_t>::max() - records[i].orginalSize;
+        if (sized && (i == 0 || records[i - 1].orginalPos < records[i].orginalPos)) continue;
+        throw DamagedFileError(fFileName, sized ? "orginalPos ascends" : "orginalSize >= 1",
+                               "record " + std::to_string(i) + " of its index has the logical position " +
+                                   std::to_string(records[i].orginalPos) + " and the size " +
+                                   std::to_string(records[i].orginalSize));
+    }
+}
+
+void filePosInfo::parseForRead(const unsigned char* buff, bool swap) {
+    if (buff == nullptr) return;
+    const filePosRecord firstRecord = takeFirstRecord(buff, swap);
+    const auto count = static_cast<std::uint32_t>(firstRecord.translateSize);
+    std::unique_ptr<filePosRecord[]> records(new filePosRecord[count]);
+    if (count != 0) std::memcpy(records.get(), buff + kRecordSize, count * kRecordSize);
+    if (swap) std::for_each_n(records.get(), count, [](filePosRecord& record) { swapRecord(&record); });
+    checkAscending(records.get(), count);
+    fBlockSize = static_cast<std::uint32_t>(firstRecord.orginalSize);
+    fRecordCount = count;
+    pInfoBuffer = std::move(records);
+    fCursor.store(0, std::memory_order_relaxed);
+}
+
+filePosRecord filePosInfo::parseForAppend(unsigned char* buff, bool swap) {
+    pInfoBuffer.reset();
+    ORVA_ASSERT(buff != nullptr, "buff != 0");
+    const filePosRecord firstRecord = takeFirstRecord(buff, swap);
+    const auto count = static_cast<std::uint32_t>(firstRecord.translateSize);
+    std::vector<filePosRecord> records(count);
+    if (count != 0) std::memcpy(records.data(), buff + kRecordSize, count * kRecordSize);
+    if (swap && count != 0) {
+        std::for_each(records.begin(), records.end(), [](filePosRecord& record) { swapRecord(&record); });
+        std::memcpy(buff + kRecordSize, records.data(), count * kRecordSize);
+    }
+    checkAscending(records.data(), count);
+    if (count != 0) fRecords.insert(fRecords.end(), records.begin(), records.end() - 1);
+    fBlockSize = static_cast<std::uint32_t>(firstRecord.orginalSize);
+    fRecordCount = count;
+    return count == 0 ? firstRecord : records.back();
+}
+
+std::uint32_t filePosInfo::numberOf(std::int64_t pos) const {
+    const filePosRecord* begin = pInfoBuffer.get();
+    const filePosRecord* behind = firstBehind(begin, begin + fRecordCount, pos);
+    return behind == begin ? fRecordCount : static_cast<std::uint32_t>(behind - begin - 1);
+}
+
+std::int64_t filePosInfo::dataEnd(std::int64_t otherwise) const {
+    if (fRecordCount == 0 || !isParsed()) return otherwise;
+    const filePosRecord& last = pInfoBuffer[fRecordCount - 1];
+    return last.orginalPos + last.orginalSize;
+}
+
+const filePosRecord& filePosInfo::answer(std::int64_t number, std::int64_t cursor) const {
+    fCursor.store(static_cast<std::uint32_t>(cursor), std::memory_order_relaxed);
+    return pInfoBuffer[static_cast<std::uint32_t>(number)];
+}
+
+filePosRecord filePosInfo::findRecord(std::int64_t pos) const {
+    ORVA_ASSERT(pInfoBuffer != nullptr, "pInfoBuffer != 0");
+    if (fRecordCount == 0) return kNothing;
+    ORVA_ASSERT(pInfoBuffer[0].orginalPos != 0, "pInfoBuffer->orginalPos != 0");
+    const filePosRecord* records = pInfoBuffer.get();
+    const std::int64_t last = fRecordCount - 1;
+    if (pos >= records[last].orginalPos + records[last].orginalSize || pos < records[0].orginalPos) return kNothing;
+
+    const std::int64_t cursor = std::min<std::int64_t>(fCursor.load(std::memory_order_relaxed), last);
+    if (holds(records, cursor, last, pos)) return answer(cursor, cursor + 1);
+    if (holds(records, 0, last, pos)) return answer(0, 1);
+    if (pos >= records[last].orginalPos) return answer(last, 0);
+    // The row-0 position is not subtracted, so the guess is the right record or one that lies above it.
+    const std::int64_t guess = std::clamp<std::int64_t>(pos / static_cast<std::int64_t>(fBlockSize), 0, last);
+    if (guess < last && records[guess].orginalPos <= pos && pos < records[guess + 1].orginalPos) {
+        return answer(guess, guess + 1);
+    }
+    const std::int64_t found = searchOutward(likelyNumber(pos), pos);
+    return found < 0 ? kNothing : answer(found, found + 1);
+}
+
+// Where the record would be if all blocks had one size: a better place to begin a search than the guess when the row-0
+// position is large or blocks are short.
+std::int64_t filePosInfo::likelyNumber(std::int64_t pos) const {
+    const auto before = static_cast<double>(pos - pInfoBuffer[0].orginalPos);
+    const auto all = static_cast<double>(dataEnd(0) - pInfoBuffer[0].orginalPos);
+    const auto number = static_cast<std::int64_t>(before / all * fRecordCount);
+    return std::min<std::int64_t>(number, fRecordCount - 1);
+}
+
+// From the guess, in the one direction that the ascending order leaves, by steps that double; then by halves.
+std::int64_t filePosInfo::searchOutward(std::int64_t guess, std::int64_t pos) const {
+    const filePosRecord* records = pInfoBuffer.get();
+    const std::int64_t last = fRecordCount - 1;
+    std::int64_t low = guess;
+    std::int64_t high = guess;
+    if (records[guess].orginalPos <= pos) {
+        for (std::int64_t step = 1; high <= last && records[high].orginalPos <= pos; step *= 2) {
+            low = high;
+            high = std::min(guess + step, last + 1);
+        }
+    } else {
+        for (std::int64_t step = 1; records[low].orginalPos > pos; step *= 2) {
+            high = low;
+            low = std::max<std::int64_t>(guess - step, 0);
+        }
+    }
+    low = firstBehind(records + low, records + high, pos) - records - 1;
+    return holds(records, low, last, pos) ? low : -1;
+}

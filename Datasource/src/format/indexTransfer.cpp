@@ -1,0 +1,114 @@
+#include "format/indexTransfer.h"
+
+#include "file/fileCodes.h"
+#include "format/blockTransfer.h"
+
+#include <orva/blockSize.h>
+#include <orva/errors.h>
+#include <orva/errtext.h>
+#include <orva/platform.h>
+
+#include <cstring>
+#include <limits>
+#include <string>
+
+namespace orva {
+
+namespace {
+
+[[noreturn]] void refuse(const ORVA_File& file, const char* check, const std::string& detail) {
+    throw DamagedFileError(file.GetNameStr().GetGeneric(), check, detail);
+}
+
+std::string indexSpan(const compressionHeading& heading) {
+    return "its index of " + std::to_string(heading._size) + " bytes at offset " + std::to_string(heading._indexPos);
+}
+
+void checkPlaces(const ORVA_File& file, const compressionHeading& heading, std::int64_t fileSize) {
+    if (heading._size < kRecordSize || heading._size % kRecordSize != 0) {
+        refuse(file, "_size == 24 x (n + 1)", indexSpan(heading) + " is not a whole number of records");
+    }
+    if (heading._indexPos < heading._caseStartPos + kHeadingSize) {
+        refuse(file, "_indexPos behind the heading", indexSpan(heading) + " stands before the data");
+    }
+    if (heading._size > std::numeric_limits<std::uint32_t>::max() || heading._indexPos > fileSize - heading._size) {
+        refuse(file, "ret == chInfo._size",
+               indexSpan(heading) + " does not fit into the file of " + std::to_string(fileSize) +
+                   " bytes; 'orva recover' may get the rows back");
+    }
+}
+
+}  // namespace
+
+std::int64_t lengthOf(const ORVA_File& file) {
+    platform::setErrno(0);
+    const std::int64_t length = file.Size();
+    if (length < 0) ThrowError::StringSys("datasrc.err", kReadFailed, file.GetNameStr().GetGeneric().c_str());
+    return length;
+}
+
+compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap, const char* positionCheck) {
+    const std::string place = "at offset " + std::to_string(row0Pos);
+    if (row0Pos <= 0 || row0Pos > std::numeric_limits<std::int64_t>::max() - kHeadingSize) {
+        refuse(file, positionCheck, "compressed data cannot begin " + place);
+    }
+    compressionHeading heading;
+    if (!readAll(file, &heading, sizeof heading, row0Pos)) {
+        refuse(file, "ret == sizeof(compressionHeading)", "it ends before the heading " + place + " is complete");
+    }
+    if (swap) swapHeading(heading);
+    if (heading._caseStartPos != row0Pos) {
+        refuse(file, positionCheck,
+               "there is no heading " + place +
+                   ": the file was not finished, the position is wrong, or the byte order is the other one");
+    }
+    return heading;
+}
+
+std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHeading& heading, bool swap) {
+    checkPlaces(file, heading, lengthOf(file));
+    const auto size = static_cast<std::uint32_t>(heading._size);
+    std::unique_ptr<unsigned char[]> bytes(new unsigned char[size]);
+    if (!readAll(file, bytes.get(), size, heading._indexPos)) {
+        refuse(file, "ret == chInfo._size", indexSpan(heading) + " is cut short");
+    }
+    filePosRecord first;
+    std::memcpy(&first, bytes.get(), sizeof first);
+    if (swap) swapRecord(first);
+    // A record without the mark is the parser's to refuse, in its own words.
+    if (first.orginalPos == kFirstRecordMark &&
+        (first.translateSize + std::int64_t{1}) * kRecordSize != heading._size) {
+        refuse(file, "_size == 24 x (n + 1)",
+               indexSpan(heading) + " claims " + std::to_string(first.translateSize) + " blocks");
+    }
+    return bytes;
+}
+
+void loadIndex(ORVA_File& file, const compressionHeading& heading, bool swap, filePosInfo& index) {
+    index.parseForRead(readIndex(file, heading, swap).get(), swap);
+    if (index.parsedCount() == 0 || index.parsed(0).orginalPos == heading._caseStartPos) return;
+    refuse(file, "record 0 at the row-0 position",
+           "its first block begins at logical position " + std::to_string(index.parsed(0).orginalPos) + " instead of " +
+               std::to_string(heading._caseStartPos));
+}
+
+void checkContiguous(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
+                     std::uint32_t count) {
+    std::int64_t pos = heading._caseStartPos;
+    std::int64_t place = heading._caseStartPos + kHeadingSize;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const filePosRecord& r = records[i];
+        if (!isBlockSize(r.orginalSize) || !isBlockSize(r.translateSize) || r.orginalPos != pos ||
+            r.translatePos != place) {
+            refuse(file, "blocks follow each other without gaps",
+                   "block " + std::to_string(i) + " does not stand right behind the one before");
+        }
+        pos += r.orginalSize;
+        place += r.translateSize;
+    }
+    if (heading._indexPos < place) {
+        refuse(file, "_indexPos behind the last block", indexSpan(heading) + " overlaps the blocks");
+    }
+}
+
+}  // namespace orva

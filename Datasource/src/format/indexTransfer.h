@@ -1,0 +1,38 @@
+// The heading and the index of a compressed part, from the file and back to it, with every check that bytes of a file
+// can reach. What they mean: docs/format.md.
+//
+// Threads: no state; the file locks itself.
+// Failure: FileError from the file; DamagedFileError, before any allocation that the file's size can't justify.
+#pragma once
+
+#include "format/filePosInfo.h"
+
+#include <orva/compressedLayout.h>
+#include <orva/file.h>
+
+#include <cstdint>
+#include <memory>
+
+namespace orva {
+
+// The file's length. Throws where ORVA_File::Size gives -1: a disk that cannot tell is no damaged file.
+std::int64_t lengthOf(const ORVA_File& file);
+
+// Reads the heading at `row0Pos`, in host order afterwards. `positionCheck` is the caller's text of the check that the
+// heading repeats its own position.
+compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap, const char* positionCheck);
+
+// Reads the index bytes that the heading points to, as they stand in the file. Their length is whole records, lies
+// inside the file and agrees with the record count, so a parse may trust that count.
+std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHeading& heading, bool swap);
+
+// Reads the index and parses it for reading. Its record 0 must stand at the row-0 position.
+void loadIndex(ORVA_File& file, const compressionHeading& heading, bool swap, filePosInfo& index);
+
+// What an append needs, and a verifier asks, beyond that: every record can be true, and the blocks follow each other
+// without gaps, in logical positions and in the file, from behind the heading to the index at the latest. `records` in
+// host order.
+void checkContiguous(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
+                     std::uint32_t count);
+
+}  // namespace orva

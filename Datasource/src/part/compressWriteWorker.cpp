@@ -1,0 +1,54 @@
+// PreIOThread_W_C
+#include "base/assertion.h"
+#include "format/blockTransfer.h"
+#include "part/zcmpsPreIOThread.h"
+
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+PreIOThread_W_C::PreIOThread_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
+                                 std::int64_t firstFilePos)
+    : pFile(file),
+      pPosInfo(index),
+      pOutBuffer(orva::deflateRoom()),
+      fpBlockPos(firstPos),
+      fpWritePos(firstFilePos),
+      pInBuffer(blockSize) {}
+
+std::uint32_t PreIOThread_W_C::putBlock(const void* buffer, std::uint32_t size, std::int64_t) {
+    // False in a forked child: there is no thread that could take the block.
+    if (!semFreeSlot.waitSemaphore()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
+    if (size != 0 && fFailure != nullptr) {
+        semFreeSlot.postSemaphore();
+        std::rethrow_exception(fFailure);
+    }
+    if (size != 0) std::memcpy(pInBuffer.get(), buffer, size);
+    stCurSize = size;
+    semRequest.postSemaphore();
+    return size;
+}
+
+std::int32_t PreIOThread_W_C::writeLoopStep() {
+    semRequest.waitSemaphore();
+    const bool end = stCurSize == 0;
+    try {
+        if (fFailure == nullptr) writeOut();
+    } catch (...) {
+        fFailure = std::current_exception();
+    }
+    if (end) return 1;
+    semFreeSlot.postSemaphore();
+    return 0;
+}
+
+// The end request's empty write leaves the file's position where the last block ended, or where the first would begin.
+void PreIOThread_W_C::writeOut() {
+    if (stCurSize == 0) {
+        orva::writeAll(*pFile, pOutBuffer.get(), 0, fpWritePos);
+        return;
+    }
+    fpWritePos = orva::writeBlock({*pFile, *pPosInfo, fCompressor, pOutBuffer.get()}, pInBuffer.get(), stCurSize,
+                                  fpBlockPos, fpWritePos);
+    fpBlockPos += stCurSize;
+}

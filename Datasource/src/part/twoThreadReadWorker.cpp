@@ -1,0 +1,136 @@
+// PreIOThread_Tri_R_D
+#include "base/assertion.h"
+#include "format/blockTransfer.h"
+#include "part/zcmpsPreIOThread.h"
+
+#include <cstring>
+
+namespace {
+
+// A turn that goes back where it came from, its block forgotten, unless it is handed on.
+class heldTurn {
+public:
+    heldTurn(ktSemaphore& sem, std::int64_t& block) : fSem(sem), fBlock(block) {
+        if (!fSem.waitSemaphore()) fBlock = 0;  // a forked child: no thread has made anything here
+    }
+    heldTurn(const heldTurn&) = delete;
+    heldTurn& operator=(const heldTurn&) = delete;
+    ~heldTurn() {
+        if (bHandedOn) return;
+        fBlock = 0;
+        fSem.postSemaphore();
+    }
+    void handOn(ktSemaphore& next) {
+        bHandedOn = true;
+        next.postSemaphore();
+    }
+
+private:
+    ktSemaphore& fSem;
+    std::int64_t& fBlock;
+    bool bHandedOn = false;
+};
+
+}  // namespace
+
+class PreIOThread_Tri_R_D::newThreadForDecompress : public CallBackObject {
+public:
+    newThreadForDecompress() : CallBackObject(nullptr) {}
+    int onCallBack(void* prtData) override {
+        auto* pParent = static_cast<PreIOThread_Tri_R_D*>(static_cast<PreIOThreadBase*>(prtData));
+        ORVA_ASSERT(pParent != nullptr, "pParent!=0");
+        while (pParent->decompressLoopStep() == 0) {
+        }
+        return 0;
+    }
+};
+
+PreIOThread_Tri_R_D::PreIOThread_Tri_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize)
+    : pPosInfo(index), pFile(file), pCompressBuffer(blockSize), pDecompressBuffer(blockSize), stBlockSize(blockSize) {}
+
+bool PreIOThread_Tri_R_D::initThreads(bool bRead) {
+    ORVA_ASSERT(bRead, "bRead == true");
+    makePool(bRead, 2);
+    pCallBack = makeReadCallBack();
+    pDecompressCallBack = new newThreadForDecompress;
+    return true;
+}
+
+bool PreIOThread_Tri_R_D::startThreads() {
+    PreIOThreadBase::startThreads();
+    bDecompressHandedOver = true;
+    pThreadPool->runCallBack(pDecompressCallBack, static_cast<PreIOThreadBase*>(this), 1);
+    return true;
+}
+
+bool PreIOThread_Tri_R_D::destroyThreads() {
+    if (!bDecompressHandedOver) delete pDecompressCallBack;
+    return PreIOThreadBase::destroyThreads();
+}
+
+bool PreIOThread_Tri_R_D::hasBlock(std::int64_t fpos) const {
+    return pPosInfo->findRecord(fpos).orginalPos != kNoRecord;
+}
+
+std::uint32_t PreIOThread_Tri_R_D::getBlock(void* buffer, std::uint32_t size, std::int64_t position) {
+    if (size == 0 && position == 0) {
+        bReadEnd = true;
+        bCompressEnd = true;
+        semDecompressRequest.postSemaphore();
+        semReadRequest.postSemaphore();
+        return 0;
+    }
+    heldTurn turn(semDecompressReady, fpCurDecompressPos);
+    if (fpCurDecompressPos == position) {
+        ORVA_ASSERT(!bCompressEnd, "bCompressEnd != true && fpCurDecompressPos == fpos");
+    } else {
+        decompressAt(position, false);
+    }
+    ORVA_ASSERT(size <= stBlockSize, "size <= stBlockSize");
+    std::memcpy(buffer, pDecompressBuffer.get(), size);
+    fpNextDecompressPos = position + size;
+    if (hasBlock(fpNextDecompressPos)) turn.handOn(semDecompressRequest);
+    return size;
+}
+
+std::int32_t PreIOThread_Tri_R_D::decompressLoopStep() {
+    semDecompressRequest.waitSemaphore();
+    if (bCompressEnd) return 1;
+    fpCurDecompressPos = fpNextDecompressPos;
+    try {
+        decompressAt(fpNextDecompressPos, true);
+    } catch (...) {
+        fpCurDecompressPos = 0;
+    }
+    semDecompressReady.postSemaphore();
+    return 0;
+}
+
+void PreIOThread_Tri_R_D::decompressAt(std::int64_t fpos, bool ahead) {
+    heldTurn turn(semCompressReady, fpCurReadPos);
+    const filePosRecord bInfo = pPosInfo->findRecord(fpos);
+    if (fpCurReadPos != fpos) readCompressed(fpos, ahead);
+    orva::inflateBlock({*pFile, fCompressor, pCompressBuffer.get()}, orva::placeOf(*pPosInfo, bInfo),
+                       pDecompressBuffer.get());
+    fpNextReadPos = fpos + bInfo.orginalSize;
+    if (hasBlock(fpNextReadPos)) turn.handOn(semReadRequest);
+}
+
+std::int32_t PreIOThread_Tri_R_D::readLoopStep() {
+    semReadRequest.waitSemaphore();
+    const bool end = bReadEnd;
+    try {
+        if (!end) readCompressed(fpNextReadPos, true);
+    } catch (...) {
+        fpCurReadPos = 0;
+    }
+    semCompressReady.postSemaphore();
+    return end ? 1 : 0;
+}
+
+void PreIOThread_Tri_R_D::readCompressed(std::int64_t fpos, bool ahead) {
+    const filePosRecord bInfo = pPosInfo->findRecord(fpos);
+    ORVA_ASSERT(fpos == bInfo.orginalPos, "fpos == bInfo.orginalPos");
+    orva::readCompressed({*pFile, fCompressor, pCompressBuffer.get(), ahead}, orva::placeOf(*pPosInfo, bInfo));
+    fpCurReadPos = fpos;
+}

@@ -1,0 +1,104 @@
+// Looking into files with a compressed part without being their host: find the part, read its index, verify its blocks.
+//
+// Units:   bytes; logical positions begin at the row-0 position.
+// Owner:   a finishedPart owns its file, opened for reading, its index, and two blocks of memory once it verifies.
+// Threads: findPart has no state. A finishedPart is used by one thread at a time; each further thread makes its own.
+// Failure: FileError from the disk, also when a file cannot be opened (1003; 1002 for what is written to);
+//          DamagedFileError for bytes that cannot be true.
+#pragma once
+
+#include <orva/compressedLayout.h>
+#include <orva/orvaApi.h>
+#include <orva/sideFile.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orva {
+
+struct foundPart {
+    std::int64_t row0Pos;  // where the heading stands
+    bool swapped;          // it has the other byte order
+};
+
+// The first heading in the file: 24 bytes that repeat their own offset and point to an index. Without one, the first
+// that points to where an index could have stood, so that opening it tells what is wrong; else nothing. Reads the file
+// up to there.
+ORVA_API std::optional<foundPart> findPart(const std::string& name);
+
+class ORVA_API finishedPart {
+public:
+    finishedPart(const std::string& name, foundPart part);
+    ~finishedPart();
+
+    const compressionHeading& heading() const;
+    bool swapped() const;
+    std::int64_t fileSize() const;
+    // As the index tells it; other values than 4,190,208 are legal and change nothing.
+    std::uint32_t blockSize() const;
+    std::uint32_t blockCount() const;
+    // `number` counts from 0 and is below blockCount().
+    const filePosRecord& block(std::uint32_t number) const;
+    // Bytes of rows.
+    std::int64_t dataSize() const;
+    // Holds all records against each other, beyond what reading needs: throws unless every one can be true and the
+    // blocks follow each other without gaps, in positions and in the file, from the heading to the index. Records that
+    // were exchanged show nowhere else.
+    void verifyIndex();
+    // Reads and inflates a block and holds it against its record. Throws what is wrong with it; the others can still be
+    // verified then.
+    void verifyBlock(std::uint32_t number);
+
+private:
+    struct state;
+    std::unique_ptr<state> fState;
+};
+
+struct recoverOptions {
+    std::optional<foundPart> part;  // where the compressed part begins, if the caller knows it
+    bool onlyCommitted = false;     // nothing that an interrupted append has added behind the old index
+    bool dropLost = false;          // close the gaps instead of filling them with zeros
+};
+
+// A range of logical positions whose rows are lost.
+struct lostRange {
+    std::int64_t begin;
+    std::int64_t end;
+    std::int64_t place;  // file offset where they should have stood
+    bool estimated;      // no index tells how many rows stood there: taken as whole blocks
+    std::string why;
+};
+
+struct recoverReport {
+    foundPart part{};
+    bool hadHeading = false;
+    bool hadIndex = false;
+    std::uint32_t blocks = 0;        // recovered
+    std::int64_t rows = 0;           // bytes of rows recovered
+    std::int64_t committedRows = 0;  // bytes of rows, lost ones included, that heading or index vouch for
+    bool lastRewritten = false;      // the last block that the heading vouches for was rewritten by an append
+    std::vector<lostRange> lost;     // ascending; positions of the damaged file
+};
+
+// Writes what can be read of the part in `name` into a new finished file `output`, behind a copy of the dictionary
+// part. Goes by the index where there is one, else from block to block, stepping over what is damaged to the next
+// complete block. Lost rows become zeros, so that positions stay. Never writes to `name`. DamagedFileError when not one
+// block can be found; FileError from either file. docs/recovery.md tells what can and cannot come back.
+ORVA_API recoverReport recover(const std::string& name, const std::string& output, const recoverOptions& options);
+
+enum class rollBackResult : std::uint8_t {
+    nothingToDo,    // there is no side file
+    rolledBack,     // the file holds the rows that it held before the interrupted append
+    sideFileStale,  // the append had written nothing yet; its side file is gone
+};
+
+// Undoes an interrupted safe append (zcmpsFilestr::setSafeAppend) by its side file, durably. Takes the writer's lock:
+// FileError with EWOULDBLOCK when the append, or another writer, is alive. Can be repeated after any interruption of
+// its own. DamagedFileError for a side file that belongs to another file, or that is itself damaged; nothing is
+// changed then.
+ORVA_API rollBackResult rollBack(const std::string& name);
+
+}  // namespace orva

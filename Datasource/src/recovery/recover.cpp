@@ -1,0 +1,123 @@
+// Rebuilding a finished file from a damaged or unfinished one.
+#include "base/blockBuffer.h"
+#include "file/fileCodes.h"
+#include "file/namedFile.h"
+#include "recovery/partSurvey.h"
+
+#include <orva/blockSize.h>
+#include <orva/errors.h>
+#include <orva/errtext.h>
+#include <orva/filestr.h>
+#include <orva/inspect.h>
+#include <orva/platform.h>
+#include <orva/zcmpsFilestr.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+
+namespace orva {
+
+namespace {
+
+void copyDictionary(ORVA_File& from, ORVA_FileStream& to, std::int64_t size) {
+    blockBuffer buffer(kBlockSize);
+    for (std::int64_t at = 0; at < size;) {
+        const auto piece = static_cast<std::uint32_t>(std::min<std::int64_t>(size - at, kBlockSize));
+        const std::uint32_t count = from.Read(buffer.get(), piece, at);
+        to.Write(buffer.get(), count);
+        if (count < piece) throw DamagedFileError(from.GetNameStr().GetGeneric(), "ret == size", "it ends too soon");
+        at += count;
+    }
+}
+
+// Never in place: opening the output for writing would empty the input.
+void makeOutput(const std::string& input, const std::string& output) {
+    if (platform::sameFile(input.c_str(), output.c_str())) {
+        throw FileError(EINVAL, "datasrc.err", kWriteFailed, output.c_str())
+            .withOutcome("recovered rows go to another file than the damaged one");
+    }
+    ORVA_File file;
+    openOrThrow(file, output, "w+b", kWriteFailed);
+}
+
+// Writes the rows of a survey, one after the other, and keeps the account of them.
+class rowWriter {
+public:
+    rowWriter(partSurvey& survey, zcmpsFilestr& output, recoverReport& report, bool dropLost)
+        : fSurvey(survey), fOutput(output), fReport(report), bDropLost(dropLost), fPos(report.part.row0Pos) {}
+
+    // `trailing`: no rows come behind it, so a guess at its size would move no position, and is not filled in.
+    void take(const surveySegment& segment, bool trailing) {
+        const unsigned char* rows = segment.length == 0 ? nullptr : fSurvey.rowsOf(segment);
+        if (rows != nullptr) {
+            fOutput.Write(rows, static_cast<std::uint32_t>(segment.size));
+            ++fReport.blocks;
+            fReport.rows += segment.size;
+        } else {
+            lose(segment, bDropLost || (trailing && segment.estimated));
+        }
+        fPos += segment.size;
+    }
+
+private:
+    void lose(const surveySegment& segment, bool drop) {
+        const std::string why = segment.why == nullptr ? "its block could not be read again" : segment.why;
+        fReport.lost.push_back({fPos, fPos + segment.size, segment.place, segment.estimated, why});
+        if (drop) return;
+        if (!fZeros) fZeros = std::make_unique<unsigned char[]>(kBlockSize);
+        for (std::int64_t left = segment.size; left > 0;) {
+            const auto piece = static_cast<std::uint32_t>(std::min<std::int64_t>(left, kBlockSize));
+            fOutput.Write(fZeros.get(), piece);
+            left -= piece;
+        }
+    }
+
+    partSurvey& fSurvey;
+    zcmpsFilestr& fOutput;
+    recoverReport& fReport;
+    const bool bDropLost;
+    std::int64_t fPos;
+    std::unique_ptr<unsigned char[]> fZeros;
+};
+
+void writeRecovered(partSurvey& survey, ORVA_File& input, const std::string& output, recoverReport& report,
+                    bool dropLost) {
+    makeOutput(input.GetNameStr().GetGeneric(), output);
+    ORVA_FileStream file(output.c_str(), "r+b");
+    copyDictionary(input, file, report.part.row0Pos);
+    zcmpsFilestr rows(file);
+    rows.setRow0Pos(report.part.row0Pos);
+    rows.Seek(report.part.row0Pos, ORVA_StrBaseIO::SeekFromStart);
+    try {
+        rowWriter writer(survey, rows, report, dropLost);
+        for (const surveySegment& segment : survey.segments) writer.take(segment, &segment == &survey.segments.back());
+        rows.Close();
+    } catch (...) {
+        rows.abandon();
+        throw;
+    }
+}
+
+}  // namespace
+
+recoverReport recover(const std::string& name, const std::string& output, const recoverOptions& options) {
+    ORVA_File input;
+    openOrThrow(input, name, "rb", kReadFailed);
+    partSurvey survey(input);
+    recoverReport report;
+    if (!survey.run(options)) {
+        throw DamagedFileError(name, "a complete block",
+                               options.onlyCommitted ? "it holds no rows that were ever finished"
+                                                     : "no block of compressed rows can be found in it");
+    }
+    report.part = survey.part;
+    report.hadHeading = survey.hadHeading;
+    report.hadIndex = survey.hadIndex;
+    report.committedRows = survey.committedRows;
+    report.lastRewritten = survey.lastRewritten;
+    writeRecovered(survey, input, output, report, options.dropLost);
+    return report;
+}
+
+}  // namespace orva

@@ -1,0 +1,104 @@
+// PreIOThreadBase: what moves disk and codec work off the caller's thread. A worker owns a pool and a callback whose
+// loop runs one operation, the loop step, on a pool thread. The stream talks to it by one request operation and by the
+// operations of its life.
+//
+// Two threads meet in a worker: the stream's caller (the caller side) and the pool thread (the thread side). What they
+// share, and whose turn it is, stands in each derived class.
+//
+// Life:    new, initThreads, startThreads, requests, stopThreads, destroyThreads, delete; all on the caller side.
+// Failure: nothing leaves a loop step. A failed read-ahead is no read-ahead; a writing worker keeps its first failure
+//          for its caller. A thread that cannot start is startThreads' std::system_error, and the worker may be
+//          deleted.
+// Fork:    in another process than the one that started it a worker has no threads: stopThreads and destroyThreads do
+//          nothing there, on purpose.
+#pragma once
+
+#include "base/assertion.h"
+
+#include <orva/ktthread.h>
+#include <orva/refCntObject.h>
+
+#include <cstdint>
+#include <exception>
+#include <memory>
+
+class PreIOThreadBase : public ORVA_RefCntObject {
+public:
+    class newThreadForRead;
+    class newThreadForWrite;
+
+    PreIOThreadBase() = default;
+    // Shares pool and callback with its source.
+    PreIOThreadBase(const PreIOThreadBase&) = default;
+    PreIOThreadBase& operator=(const PreIOThreadBase&) = delete;
+    // Stops nothing and frees nothing: run stopThreads and destroyThreads before.
+    ~PreIOThreadBase() override;
+
+    // All give true. A reading worker takes true.
+    virtual bool initThreads(bool bRead);
+    virtual bool startThreads();
+    virtual bool noOperation();
+    // Ends a reading worker's loop by the stop request; a writing worker's has ended by its end request.
+    virtual bool stopThreads();
+    // Once, after stopThreads.
+    virtual bool destroyThreads();
+
+    // A block into `buffer`; the bytes delivered. Size and position 0: the stop request.
+    virtual std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) = 0;
+    // A block from `buffer`, which is free again at return; the bytes taken. Size 0: the end request.
+    virtual std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) = 0;
+    // Nonzero ends the loop.
+    virtual std::int32_t writeLoopStep() = 0;
+    virtual std::int32_t readLoopStep() = 0;
+
+    // A writing worker's first failure, or null. Caller side, once the thread has stopped.
+    const std::exception_ptr& failure() const { return fFailure; }
+
+protected:
+    static CallBackObject* makeReadCallBack();
+    static CallBackObject* makeWriteCallBack();
+    // The direction, and the pool of `threads` threads; nothing runs yet.
+    void makePool(bool bRead, std::uint32_t threads);
+    bool inOwnProcess() const;
+
+    // Written before startThreads, then only read.
+    ktThreadPool* pThreadPool = nullptr;
+    CallBackObject* pCallBack = nullptr;
+    bool bWrite = false;
+    bool bHandedOver = false;  // the pool has the callback, and disposes of it
+    std::int64_t fProcess = 0;
+    // Guarded as the derived class tells.
+    std::exception_ptr fFailure;
+};
+
+// A worker that only reads, or only writes: the operations of the other direction are breaches.
+template <class Base>
+class readingWorker : public Base {
+public:
+    using Base::Base;
+    std::uint32_t putBlock(const void*, std::uint32_t, std::int64_t) override {
+        ORVA_ASSERT(false, "0");
+        return 0;
+    }
+    std::int32_t writeLoopStep() override {
+        ORVA_ASSERT(false, "0");
+        return 1;
+    }
+};
+
+template <class Base>
+class writingWorker : public Base {
+public:
+    using Base::Base;
+    std::uint32_t getBlock(void*, std::uint32_t, std::int64_t) override {
+        ORVA_ASSERT(false, "0");
+        return 0;
+    }
+    std::int32_t readLoopStep() override {
+        ORVA_ASSERT(false, "0");
+        return 1;
+    }
+};
+
+// Starts a new worker and gives it back. One that cannot start is gone when the error leaves.
+std::unique_ptr<PreIOThreadBase> startedWorker(std::unique_ptr<PreIOThreadBase> worker, bool bRead);
