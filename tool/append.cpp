@@ -76,9 +76,6 @@ private:
                 bar.advance(count);
             }
             rows.Close();
-        } catch (const SystemFileException&) {
-            rows.abandon();
-            throwNotReopened(fOptions.part.file, fOptions.part.file);
         } catch (...) {
             rows.abandon();
             throw;

@@ -39,11 +39,6 @@ exitCode codeOf(const FileError& failure) {
     return failure.messageCode() == kReading ? kInputUnreadable : kOutputUnwritable;
 }
 
-std::string damagedFile(const std::string& text) {
-    const auto end = text.find("\" is damaged: ");
-    return !text.empty() && text[0] == '"' && end != std::string::npos ? text.substr(1, end - 1) : std::string();
-}
-
 }  // namespace
 
 toolFailure::toolFailure(exitCode code, std::string file, const std::string& text)
@@ -60,12 +55,8 @@ void throwWriteFailed(const std::string& file) {
     ThrowError::StringSys(kCatalog, kWriting, file.c_str());
 }
 
-void throwNotReopened(const std::string& opened, const std::string& shown) {
-    const int descriptor = platform::openShared(opened.c_str(), platform::_O_RDWR, platform::_SH_DENYWR, 0);
-    if (descriptor < 0) throwWriteFailed(shown);
-    platform::_close(descriptor);
-    throw toolFailure(kOutputUnwritable, shown,
-                      "could not be opened again for a moment: 'orva info' tells what it holds");
+FileError asFileError(const std::system_error& failure, const std::string& file) {
+    return {failure.code().value(), kCatalog, kWriting, file.c_str()};
 }
 
 std::string failureText(const std::exception& failure, const std::string& file) {
@@ -84,10 +75,9 @@ int reportFailure(const std::string& verbName, const std::exception_ptr& failure
     } catch (const FileError& e) {
         return report(verbName, codeOf(e), e.fileName(), failureText(e, e.fileName()));
     } catch (const DamagedFileError& e) {
-        const std::string file = damagedFile(e.what());
-        return report(verbName, kDamaged, file, failureText(e, file));
-    } catch (const SystemFileException& e) {
-        return report(verbName, kOutputUnwritable, {}, "a file cannot be opened again: " + e.fExpression);
+        return report(verbName, kDamaged, e.fileName(), failureText(e, e.fileName()));
+    } catch (const FileReopenError& e) {
+        return reportFailure(verbName, std::make_exception_ptr(asFileError(e, e.fileName())));
     } catch (const std::bad_alloc& e) {
         const std::string outcome = std::strchr(e.what(), ';') != nullptr ? std::strchr(e.what(), ';') : "";
         return report(verbName, kOtherFailure, {},

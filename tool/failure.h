@@ -1,6 +1,8 @@
 // What can go wrong in the tool, the exit code of each, and the one place where exceptions become messages.
 #pragma once
 
+#include <orva/errtext.h>
+
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -35,9 +37,8 @@ private:
 [[noreturn]] void throwReadFailed(const std::string& file);
 [[noreturn]] void throwWriteFailed(const std::string& file);
 
-// For a SystemFileException, which tells neither file nor errno: opens `opened` once more to meet the failure again,
-// and throws it as one of `shown`.
-[[noreturn]] void throwNotReopened(const std::string& opened, const std::string& shown);
+// A file that could not be opened again, told as one that cannot be written, under the name that the user knows it by.
+FileError asFileError(const std::system_error& failure, const std::string& file);
 
 // Prints "orva: VERB: FILE: text" for the exception to standard error and gives its exit code.
 int reportFailure(const std::string& verbName, const std::exception_ptr& failure);

@@ -42,8 +42,8 @@ public:
             work();
         } catch (const FileError& e) {
             throwAsFinal(e);
-        } catch (const SystemFileException&) {
-            throwNotReopened(fTemporary, fName);
+        } catch (const FileReopenError& e) {
+            throw asFileError(e, fName);
         }
     }
 

@@ -111,7 +111,8 @@ TEST_P(CompressedWrite, BreachesEndInAssertions) {
 // How a writer's life can end, what the calls after it give, and whether a heading stands in the file.
 TEST_P(CompressedWrite, StatesAfterTheEnd) {
     const std::string full = fileError(1002, ENOSPC, fName);
-    const std::string lost = "SystemFileException 1201 ORVA_FileStream::Open(GetNameStr(), password, \"rb\")";
+    const std::string lost =
+        "SystemFileException 1201 ORVA_FileStream::Open(GetNameStr(), password, \"rb\") errno 2 " + fName;
     const struct {
         const char* name;
         std::function<void(zcmpsFilestr&)> end;
@@ -151,7 +152,7 @@ TEST_P(CompressedWrite, CannotBeginWithoutTheFileAndMayTryAgain) {
     const auto stream = freshStream(fName, GetParam());
     std::filesystem::remove(fName);
     const std::string failure = failureOf([&] { beginRows(*stream); });
-    EXPECT_EQ(failure, "SystemFileException 1201 fData->pRealFile.Open(GetNameStr(), \"r+b\")");
+    EXPECT_EQ(failure, "SystemFileException 1201 fData->pRealFile.Open(GetNameStr(), \"r+b\") errno 2 " + fName);
     char byte = 0;
     EXPECT_EQ(failureOf([&] { stream->Read(&byte, 1); }), failure);
     EXPECT_EQ(stream->Close(), 1);

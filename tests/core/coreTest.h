@@ -39,9 +39,12 @@ std::string failureOf(Body body) {
                " " + error.fileName();
     } catch (const DamagedFileError& error) {
         return std::string("DamagedFileError ") + error.what();
-    } catch (const SystemFileException& error) {
+    } catch (const FileReopenError& error) {
         return "SystemFileException " + std::to_string(error.fCode) + " " + error.fExpression +
-               (error.fFlag ? "" : " without its flag");
+               (error.fFlag ? "" : " without its flag") + " errno " + std::to_string(error.code().value()) + " " +
+               error.fileName();
+    } catch (const SystemFileException& error) {
+        return "SystemFileException " + std::to_string(error.fCode) + " " + error.fExpression;
     } catch (const std::exception& error) {
         return std::string("other ") + error.what();
     }

@@ -57,7 +57,7 @@ TEST_F(AppendTest, OneAtATimeAndNoneBesideASideFile) {
         append.write(first);
         support::writeBytes(fSide, {1, 2, 3});
         EXPECT_EQ(failureOf([&] { second->setFileToAppend(kRow0, false); }),
-                  "SystemFileException 1201 fData->pRealFile.Open(GetNameStr(),\"r+b\")");
+                  "SystemFileException 1201 fData->pRealFile.Open(GetNameStr(),\"r+b\") errno 11 " + fFile);
         EXPECT_EQ(failureOf([&] { orva::rollBack(fFile); }), core::fileError(1002, EWOULDBLOCK, fFile));
     }
     EXPECT_EQ(orva::rollBack(fFile), orva::rollBackResult::sideFileStale);

@@ -39,7 +39,8 @@ void addRecord(filePosInfo& index, std::int64_t pos, std::int64_t place, std::ui
     throw DamagedFileError(road.file.GetNameStr().GetGeneric(), check,
                            "block " + std::to_string(block.number) + " (logical positions " +
                                std::to_string(r.orginalPos) + " to " + std::to_string(r.orginalPos + r.orginalSize) +
-                               ", file offset " + std::to_string(r.translatePos) + ") " + what);
+                               ", file offset " + std::to_string(r.translatePos) + ") " + what,
+                           {block.number, r.translatePos});
 }
 
 void checkRecord(const readRoad& road, const blockPlace& block) {

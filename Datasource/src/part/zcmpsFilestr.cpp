@@ -14,8 +14,9 @@ namespace {
 
 constexpr std::int32_t kCannotReopen = 1201;
 
-[[noreturn]] void throwCannotReopen(const char* expression, std::int32_t line) {
-    throw SystemFileException(kCannotReopen, expression, "Datasource/src/zcmpsFilestr", line, true);
+[[noreturn]] void throwCannotReopen(const ORVA_File& file, const char* expression, std::int32_t line) {
+    throw FileReopenError(file.OpenErrno(), file.GetNameStr().GetGeneric(),
+                          SystemFileException(kCannotReopen, expression, "Datasource/src/zcmpsFilestr", line, true));
 }
 
 }  // namespace
@@ -156,7 +157,7 @@ void zcmpsFilestr::writeIndex(compressionHeading& heading) {
 void zcmpsFilestr::reopenForReading() {
     const ExtNameStr password;
     if (ORVA_FileStream::Open(GetNameStr(), password, "rb") == 0) {
-        throwCannotReopen("ORVA_FileStream::Open(GetNameStr(), password, \"rb\")", __LINE__);
+        throwCannotReopen(GetFile(), "ORVA_FileStream::Open(GetNameStr(), password, \"rb\")", __LINE__);
     }
 }
 
@@ -176,7 +177,7 @@ void zcmpsFilestr::refuseEncrypted(long code) {
 // file sees the new one too.
 void zcmpsFilestr::reopenForWriting(const char* expression, std::int32_t line) {
     ORVA_FileStream::Close();
-    if (!fData->pRealFile.Open(GetNameStr(), "r+b")) throwCannotReopen(expression, line);
+    if (!fData->pRealFile.Open(GetNameStr(), "r+b")) throwCannotReopen(fData->pRealFile, expression, line);
 }
 
 void zcmpsFilestr::Data::clearBuffer() {

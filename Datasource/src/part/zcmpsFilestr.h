@@ -11,9 +11,9 @@
 //          It shares the file with the stream that it was built over.
 // Threads: one at a time a stream. Work goes to a thread of the stream's own when setMultiThread asks for it.
 // Failure: FileError from the disk; DamagedFileError for bytes that cannot be true, after which sound blocks can still
-//          be read; SystemFileException when the file cannot be opened again; bad_alloc. A writer's first failure is
-//          final: Write, Flush and the first Close throw it again, and the file gets no heading. Breaches of a caller's
-//          duty are assertions.
+//          be read; FileReopenError (a SystemFileException) when the file cannot be opened again; bad_alloc. A writer's
+//          first failure is final: Write, Flush and the first Close throw it again, and the file gets no heading.
+//          Breaches of a caller's duty are assertions.
 // Never:   Open and ClearAndReset, which are the plain stream's: another file needs another object.
 #pragma once
 
