@@ -2,7 +2,7 @@
 // may have changed it. What is refused changes nothing; after any other end the rows are the old ones with the new
 // behind them, or just the old ones.
 #include "fuzzTarget.h"
-#include "part/appendJournal.h"
+#include "part/keptTail.h"
 
 using namespace fuzz;
 

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "core/coreTest.h"
-#include "part/appendJournal.h"
+#include "part/keptTail.h"
 
 #include <orva/inspect.h>
 

@@ -1,6 +1,11 @@
 #include "file/namedFile.h"
 
+#include "file/fileCodes.h"
+
 #include <orva/errtext.h>
+#include <orva/platform.h>
+
+#include <cerrno>
 
 namespace orva {
 
@@ -16,6 +21,10 @@ bool openNamed(ORVA_File& file, const std::string& name, const char* mode) {
 
 void openOrThrow(ORVA_File& file, const std::string& name, const char* mode, long code) {
     if (!openNamed(file, name, mode)) throwFileError(file.OpenErrno(), code, name);
+}
+
+void syncName(const std::string& name) {
+    if (platform::syncDirectoryOf(name.c_str()) != 0) throwFileError(errno, kWriteFailed, name);
 }
 
 }  // namespace orva

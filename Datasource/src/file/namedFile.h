@@ -16,4 +16,7 @@ bool openNamed(ORVA_File& file, const std::string& name, const char* mode);
 // Opens it or throws FileError with `code`.
 void openOrThrow(ORVA_File& file, const std::string& name, const char* mode, long code);
 
+// Makes the file's name, or its absence, durable.
+void syncName(const std::string& name);
+
 }  // namespace orva

@@ -1,5 +1,6 @@
 // The life of a compressed stream: making it, moving it, closing it, finishing a file.
 #include "base/assertion.h"
+#include "file/namedFile.h"
 #include "part/zcmpsFilestrData.h"
 
 #include <orva/errtext.h>
@@ -101,7 +102,7 @@ std::int32_t zcmpsFilestr::closeWriter() {
 void zcmpsFilestr::abandon() {
     if (!inOwnProcess() || fData->bClosed) return;
     // What a thread of an append fails with now has been answered by putting the old rows back; that must be heard.
-    const bool untoldAppend = fData->fTail && !fData->bToldFailure;
+    const bool untoldAppend = fData->pTail != nullptr && !fData->bToldFailure;
     fData->endWorker(bIsWriting);
     fData->bClosed = bIsWriting;
     if (untoldAppend) fData->throwFailure();
@@ -114,7 +115,7 @@ void zcmpsFilestr::finish() {
     fData->bClosed = true;
     fData->endWorker(true);
     fData->throwFailure();
-    const bool safe = fData->fTail && fData->fTail->inSideFile;
+    const bool safe = fData->pTail != nullptr && fData->pTail->isSafe();
     commit();
     if (safe) fData->commitSafeAppend();
     try {
@@ -123,14 +124,14 @@ void zcmpsFilestr::finish() {
         if (safe) throw error.withOutcome("the append itself is complete");
         throw;
     }
-    fData->fTail.reset();
+    fData->pTail.reset();
     fData->bFinished = true;
     reopenForReading();
 }
 
 void zcmpsFilestr::commit() {
     Data& d = *fData;
-    const bool durable = d.bDurable || (d.fTail && d.fTail->inSideFile);
+    const bool durable = d.bDurable || (d.pTail != nullptr && d.pTail->isSafe());
     d.endFormerLife();
     compressionHeading heading{};
     writeIndex(heading);
@@ -201,7 +202,7 @@ void zcmpsFilestr::Data::endWorker(bool writing) {
 void zcmpsFilestr::Data::keepFailure(const std::exception_ptr& failure) {
     if (fFailure != nullptr || failure == nullptr) return;
     fFailure = failure;
-    if (!fTail || fProcess != platform::processId()) return;
+    if (pTail == nullptr || fProcess != platform::processId()) return;
     endWorker(true);
     fFailure = undoAppend(failure);
 }

@@ -5,52 +5,7 @@
 #include "format/indexTransfer.h"
 #include "part/zcmpsFilestrData.h"
 
-#include <orva/errtext.h>
-
-#include <cstdio>
-#include <new>
-#include <system_error>
-
-namespace {
-
-constexpr const char* kAsBefore = "the file holds the rows that it held before";
-constexpr const char* kSideFileLeft =
-    "the file holds the rows that it held before; remove its side file with 'orva recover --roll-back'";
-constexpr const char* kRollBack =
-    "the rows that the file held before could not be put back: 'orva recover --roll-back' does so";
-constexpr const char* kRecover = "the rows that the file held before could not be put back: 'orva recover' gets them";
-
-// A failure with the outcome behind its text. It asks for no memory: that may be what there is none of.
-template <class Error>
-class withText : public Error {
-public:
-    withText(const Error& error, const char* outcome) : Error(error) {
-        std::snprintf(fText, sizeof fText, "%s; %s", error.what(), outcome);
-    }
-    const char* what() const noexcept override { return fText; }
-
-private:
-    char fText[256];
-};
-
-// The first of the two that can say more than it does, with the outcome in its text.
-std::exception_ptr withOutcome(const std::exception_ptr& failure, const std::exception_ptr& otherwise,
-                               const char* outcome) {
-    try {
-        std::rethrow_exception(failure != nullptr ? failure : otherwise);
-    } catch (const FileError& error) {
-        return std::make_exception_ptr(error.withOutcome(outcome));
-    } catch (const std::system_error& error) {  // of a thread that could not be started
-        return std::make_exception_ptr(withText(error, outcome));
-    } catch (const std::bad_alloc& error) {
-        return std::make_exception_ptr(withText(error, outcome));
-    } catch (...) {
-        if (failure == nullptr || otherwise == nullptr) return std::current_exception();
-    }
-    return withOutcome(nullptr, otherwise, outcome);
-}
-
-}  // namespace
+#include <utility>
 
 void zcmpsFilestr::setFileToAppend(std::int64_t endpos, bool swap) {
     ORVA_ASSERT(!fData->bClosed, "fData->bClosed == false");
@@ -90,7 +45,10 @@ void zcmpsFilestr::Data::resume(std::int64_t endpos, std::int64_t filePos, bool 
         ORVA_ASSERT(filePos == endpos, "fFilePos == endpos");
         resumeInBlock(bInfo, count - 1, endpos);
     }
-    saveTail(chInfo, empty || full ? 0 : static_cast<std::uint32_t>(bInfo.translateSize));
+    const std::uint32_t rewritten = empty || full ? 0 : static_cast<std::uint32_t>(bInfo.translateSize);
+    const bool cutsRows = rewritten != 0 && endpos < bInfo.orginalPos + bInfo.orginalSize;
+    pTail = std::make_unique<orva::savedTail>(
+        pRealFile, orva::tailPlan{fRow0Pos, fCompressedPos, rewritten, chInfo, swap, cutsRows}, bSafeAppend);
 }
 
 void zcmpsFilestr::Data::resumeBehind(const filePosRecord& bInfo, std::int64_t endpos, filePosInfo& index) {
@@ -123,47 +81,19 @@ void zcmpsFilestr::Data::resumeInBlock(const filePosRecord& bInfo, std::uint32_t
     availBuffSize = static_cast<std::uint32_t>(kBlockSize - (endpos - fpos));
 }
 
-void zcmpsFilestr::Data::saveTail(const compressionHeading& heading, std::uint32_t rewrittenBlock) {
-    orva::savedTail tail{fRow0Pos, orva::lengthOf(pRealFile), fCompressedPos, {}, bSafeAppend};
-    if (rewrittenBlock != 0) orva::savePiece(tail, pRealFile, fCompressedPos, rewrittenBlock);
-    orva::savePiece(tail, pRealFile, heading._indexPos, static_cast<std::uint32_t>(heading._size));
-    orva::savePiece(tail, pRealFile, fRow0Pos, kHeadingSize);
-    if (tail.inSideFile) orva::writeSideFile(pRealFile, tail);
-    fTail = std::move(tail);
-}
-
 std::exception_ptr zcmpsFilestr::Data::undoAppend(const std::exception_ptr& failure) {
-    const orva::savedTail tail = std::move(*fTail);
-    fTail.reset();
-    const char* outcome = tail.inSideFile ? kRollBack : kRecover;
-    try {
-        orva::restoreTail(pRealFile, tail);
-        if (tail.inSideFile) {
-            pRealFile.Sync();
-            outcome = kSideFileLeft;
-            orva::removeSideFile(pRealFile.GetNameStr().GetGeneric());
-        }
-        outcome = kAsBefore;
-        return failure == nullptr ? nullptr : withOutcome(failure, nullptr, outcome);
-    } catch (...) {
-        return withOutcome(failure, std::current_exception(), outcome);
-    }
+    return std::exchange(pTail, nullptr)->undo(failure);
 }
 
 // The rows of an append that nobody has finished are dropped.
 void zcmpsFilestr::Data::putBackAppend() {
-    if (!fTail) return;
+    if (pTail == nullptr) return;
     const std::exception_ptr failure = undoAppend(nullptr);
     if (failure != nullptr) std::rethrow_exception(failure);
 }
 
 // The heading is in its place, durably: from here on the new rows count.
 void zcmpsFilestr::Data::commitSafeAppend() {
-    fTail.reset();
     bFinished = true;
-    try {
-        orva::removeSideFile(pRealFile.GetNameStr().GetGeneric());
-    } catch (const FileError& error) {
-        throw error.withOutcome("the append itself is complete: remove this file, or a roll-back drops the new rows");
-    }
+    std::exchange(pTail, nullptr)->commit();
 }

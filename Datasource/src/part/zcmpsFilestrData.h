@@ -4,8 +4,8 @@
 #include "base/blockBuffer.h"
 #include "format/blockTransfer.h"
 #include "format/filePosInfo.h"
-#include "part/appendJournal.h"
 #include "part/blockCache.h"
+#include "part/savedTail.h"
 #include "worker/preIOThread.h"
 
 #include <orva/blockSize.h>
@@ -17,7 +17,6 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
-#include <optional>
 
 class PreIOThread_Multi_R_D;
 class PreIOThread_Multi_W_C;
@@ -50,7 +49,6 @@ struct zcmpsFilestr::Data {
     void resumeBehind(const filePosRecord& bInfo, std::int64_t endpos, filePosInfo& index);
     void resumeInBlock(const filePosRecord& bInfo, std::uint32_t number, std::int64_t endpos);
     [[noreturn]] void throwRowsEndElsewhere(std::int64_t end, std::int64_t endpos) const;
-    void saveTail(const compressionHeading& heading, std::uint32_t rewrittenBlock);
     // Puts back what a failed append has overwritten. Gives the failure with the outcome added to its text.
     std::exception_ptr undoAppend(const std::exception_ptr& failure);
     void putBackAppend();
@@ -89,7 +87,7 @@ struct zcmpsFilestr::Data {
     bool bNewPart = false;  // nothing of what setRow0Pos began is in the file yet
     bool bDurable = false;
     bool bSafeAppend = false;
-    std::optional<orva::savedTail> fTail;                 // of an append that is not through
+    std::unique_ptr<orva::savedTail> pTail;               // of an append that is not through
     const std::int64_t fProcess = platform::processId();  // a forked child leaves its parent's file alone
     // A writer's end. The first failure is final; bToldFailure: a call has thrown it.
     std::exception_ptr fFailure;

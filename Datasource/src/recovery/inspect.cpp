@@ -4,7 +4,6 @@
 #include "format/blockTransfer.h"
 #include "format/filePosInfo.h"
 #include "format/indexTransfer.h"
-#include "part/appendJournal.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
@@ -72,15 +71,6 @@ private:
     bool bCertain = false;
 };
 
-// An append begins only once its side file is whole and durable, so beside a side file cut short the data stands as it
-// was. Where it does not, the side file was damaged later, and must not be taken for one cut short.
-void refuseTornFile(const std::string& name) {
-    const std::optional<foundPart> part = findPart(name);
-    if (!part) throw DamagedFileError(sideFileName(name), "checksum", "\"" + name + "\" has no heading either");
-    finishedPart opened(name, *part);
-    if (opened.blockCount() != 0) opened.verifyBlock(opened.blockCount() - 1);
-}
-
 }  // namespace
 
 std::optional<foundPart> findPart(const std::string& name) {
@@ -144,23 +134,6 @@ void finishedPart::verifyBlock(std::uint32_t number) {
         s.fRows = blockBuffer(kBlockSize);
     }
     readBlock({s.fFile, s.fCodec, s.fCompressed.get()}, placeOf(s.fIndex, s.fIndex.parsed(number)), s.fRows.get());
-}
-
-rollBackResult rollBack(const std::string& name) {
-    ORVA_File file;
-    openOrThrow(file, name, "r+b", kWriteFailed);
-    savedTail tail;
-    const sideFileState found = readSideFile(name, file, tail);
-    if (found == sideFileState::absent) return rollBackResult::nothingToDo;
-    if (found == sideFileState::whole) {
-        restoreTail(file, tail);
-        file.Sync();
-    } else {
-        refuseTornFile(name);
-    }
-    removeSideFile(name);
-    file.Close();
-    return found == sideFileState::whole ? rollBackResult::rolledBack : rollBackResult::sideFileStale;
 }
 
 }  // namespace orva

@@ -1,4 +1,4 @@
-#include "part/appendJournal.h"
+#include "part/keptTail.h"
 
 #include "file/fileCodes.h"
 #include "file/namedFile.h"
@@ -49,7 +49,7 @@ void addSpan(std::vector<unsigned char>& sample, ORVA_File& file, std::int64_t b
 }
 
 // Bytes that the append leaves alone: the beginning of the dictionary part, and the end of the old blocks.
-std::int64_t identityOf(ORVA_File& file, const savedTail& tail) {
+std::int64_t identityOf(ORVA_File& file, const keptTail& tail) {
     std::vector<unsigned char> sample;
     addSpan(sample, file, 0, std::min(tail.row0Pos, kIdentityBytes));
     addSpan(sample, file, std::max(tail.row0Pos + kHeadingSize, tail.untouchedEnd - kIdentityBytes), tail.untouchedEnd);
@@ -61,12 +61,12 @@ void append(std::vector<unsigned char>& bytes, const void* from, std::size_t siz
     bytes.insert(bytes.end(), begin, begin + size);
 }
 
-std::vector<unsigned char> serialize(const savedTail& tail, std::int64_t identity) {
+std::vector<unsigned char> serialize(const keptTail& tail, std::int64_t identity) {
     std::vector<unsigned char> bytes;
     const sideFileHead head{kSideFileMark,     tail.row0Pos, tail.fileSize,
                             tail.untouchedEnd, identity,     static_cast<std::int64_t>(tail.pieces.size())};
     append(bytes, &head, sizeof head);
-    for (const savedPiece& piece : tail.pieces) {
+    for (const keptPiece& piece : tail.pieces) {
         const pieceHead own{piece.place, static_cast<std::int64_t>(piece.bytes.size())};
         append(bytes, &own, sizeof own);
         append(bytes, piece.bytes.data(), piece.bytes.size());
@@ -100,7 +100,7 @@ bool placesCanBeTrue(const sideFileHead& head) {
            head.untouchedEnd <= head.fileSize;
 }
 
-bool takePiece(sideFileReader& reader, savedTail& tail) {
+bool takePiece(sideFileReader& reader, keptTail& tail) {
     pieceHead own{};
     if (!reader.take(&own, sizeof own)) return false;
     if (own.size < 0 || static_cast<std::uint64_t>(own.size) > reader.left()) return false;
@@ -110,7 +110,7 @@ bool takePiece(sideFileReader& reader, savedTail& tail) {
 }
 
 // False unless the bytes are a whole side file with its checksum right.
-bool parse(const std::vector<unsigned char>& bytes, savedTail& tail, std::int64_t& identity) {
+bool parse(const std::vector<unsigned char>& bytes, keptTail& tail, std::int64_t& identity) {
     std::int64_t sum = 0;
     sideFileHead head{};
     if (bytes.size() < sizeof head + sizeof sum) return false;
@@ -120,7 +120,7 @@ bool parse(const std::vector<unsigned char>& bytes, savedTail& tail, std::int64_
     sideFileReader reader(bytes);
     reader.take(&head, sizeof head);
     if (head.mark != kSideFileMark || !placesCanBeTrue(head)) return false;
-    tail = {head.row0Pos, head.fileSize, head.untouchedEnd, {}, true};
+    tail = {head.row0Pos, head.fileSize, head.untouchedEnd, {}};
     identity = head.identity;
     for (std::int64_t i = 0; i < head.pieceCount; ++i) {
         if (!takePiece(reader, tail)) return false;
@@ -141,8 +141,8 @@ bool unlinkIfThere(const std::string& name) {
 
 }  // namespace
 
-void savePiece(savedTail& tail, ORVA_File& file, std::int64_t place, std::uint32_t size) {
-    savedPiece piece{place, std::vector<unsigned char>(size)};
+void keepPiece(keptTail& tail, ORVA_File& file, std::int64_t place, std::uint32_t size) {
+    keptPiece piece{place, std::vector<unsigned char>(size)};
     if (!readAll(file, piece.bytes.data(), size, place)) {
         throw DamagedFileError(file.GetNameStr().GetGeneric(), "ret == size",
                                "it ends before offset " + std::to_string(place + size));
@@ -150,15 +150,11 @@ void savePiece(savedTail& tail, ORVA_File& file, std::int64_t place, std::uint32
     tail.pieces.push_back(std::move(piece));
 }
 
-void restoreTail(ORVA_File& file, const savedTail& tail) {
+void restoreTail(ORVA_File& file, const keptTail& tail) {
     if (lengthOf(file) > tail.fileSize) file.Truncate(tail.fileSize);
-    for (const savedPiece& piece : tail.pieces) {
+    for (const keptPiece& piece : tail.pieces) {
         writeAll(file, piece.bytes.data(), piece.bytes.size(), piece.place);
     }
-}
-
-void syncName(const std::string& name) {
-    if (platform::syncDirectoryOf(name.c_str()) != 0) throwFileError(errno, kWriteFailed, name);
 }
 
 std::string sideFileName(const std::string& dataName) {
@@ -179,7 +175,7 @@ void refuseSideFile(const std::string& dataName) {
         .withOutcome("an append to \"" + dataName + "\" was interrupted and has to be rolled back first");
 }
 
-void writeSideFile(ORVA_File& file, const savedTail& tail) {
+void writeSideFile(ORVA_File& file, const keptTail& tail) {
     const std::string name = sideFileName(file.GetNameStr().GetGeneric());
     ORVA_File side;
     try {
@@ -206,7 +202,7 @@ void dropSideFile(const std::string& dataName) {
     if (unlinkIfThere(name)) syncName(name);
 }
 
-sideFileState readSideFile(const std::string& dataName, ORVA_File& file, savedTail& tail) {
+sideFileState readSideFile(const std::string& dataName, ORVA_File& file, keptTail& tail) {
     const std::string name = sideFileName(dataName);
     ORVA_File side;
     if (!openNamed(side, name, "rb")) {

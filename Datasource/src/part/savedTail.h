@@ -1,0 +1,53 @@
+// savedTail: what one append overwrites, from before its first write until its new heading is durable. A failure that
+// the process lives to see is undone from here; a crash by the side file, if the append is safe.
+//
+// Units:   file offsets, in bytes.
+// Owner:   the writer that appends. Holds copies of the old tail; the file outlives it, or is at least left alone after
+//          undo or commit.
+// Threads: none of its own; nobody writes to the file while an operation runs.
+// Failure: FileError from either file; DamagedFileError for a file that ends before its index does. undo throws
+// nothing.
+#pragma once
+
+#include "part/keptTail.h"
+
+#include <orva/compressedLayout.h>
+#include <orva/file.h>
+
+#include <cstdint>
+#include <exception>
+
+namespace orva {
+
+// What an append is about to do to a finished part.
+struct tailPlan {
+    std::int64_t row0Pos;
+    std::int64_t untouchedEnd;     // where the first new block goes
+    std::uint32_t rewrittenBlock;  // bytes of the old last block that stands there and is written anew, or 0
+    compressionHeading heading;    // the old one, in host order
+    bool swap;                     // heading and index in the file have the other byte order
+    bool cutsRows;                 // rows of the old last block are dropped
+};
+
+class savedTail {
+public:
+    // Reads what will be overwritten. `safe`: the side file is durable on return. Throws before the file is changed.
+    savedTail(ORVA_File& file, const tailPlan& plan, bool safe);
+    savedTail(const savedTail&) = delete;
+    savedTail& operator=(const savedTail&) = delete;
+
+    bool isSafe() const { return bSafe; }
+    // Makes the file what it was and removes the side file. Gives `failure` with the outcome in its text, or where that
+    // could not be done and there was none, why; null for a null failure and a success. Once, and nothing after it.
+    std::exception_ptr undo(const std::exception_ptr& failure);
+    // The new heading is durable: the side file goes. Once, and nothing after it. Nothing to do for an append that is
+    // not safe.
+    void commit();
+
+private:
+    ORVA_File& fFile;
+    const bool bSafe;
+    keptTail fKept;
+};
+
+}  // namespace orva
