@@ -36,13 +36,7 @@ private:
 class PreIOThread_Tri_R_D::newThreadForDecompress : public CallBackObject {
 public:
     newThreadForDecompress() : CallBackObject(nullptr) {}
-    int onCallBack(void* prtData) override {
-        auto* pParent = static_cast<PreIOThread_Tri_R_D*>(static_cast<PreIOThreadBase*>(prtData));
-        ORVA_ASSERT(pParent != nullptr, "pParent!=0");
-        while (pParent->decompressLoopStep() == 0) {
-        }
-        return 0;
-    }
+    int onCallBack(void* prtData) override { return runLoop(prtData, &PreIOThread_Tri_R_D::decompressLoopStep); }
 };
 
 PreIOThread_Tri_R_D::PreIOThread_Tri_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize)
@@ -50,22 +44,10 @@ PreIOThread_Tri_R_D::PreIOThread_Tri_R_D(ORVA_File* file, filePosInfo* index, st
 
 bool PreIOThread_Tri_R_D::initThreads(bool bRead) {
     ORVA_ASSERT(bRead, "bRead == true");
-    makePool(bRead, 2);
-    pCallBack = makeReadCallBack();
-    pDecompressCallBack = new newThreadForDecompress;
+    addLoop(newLoop(bRead));
+    addLoop(std::make_unique<newThreadForDecompress>());
+    makePool(bRead);
     return true;
-}
-
-bool PreIOThread_Tri_R_D::startThreads() {
-    PreIOThreadBase::startThreads();
-    bDecompressHandedOver = true;
-    pThreadPool->runCallBack(pDecompressCallBack, static_cast<PreIOThreadBase*>(this), 1);
-    return true;
-}
-
-bool PreIOThread_Tri_R_D::destroyThreads() {
-    if (!bDecompressHandedOver) delete pDecompressCallBack;
-    return PreIOThreadBase::destroyThreads();
 }
 
 bool PreIOThread_Tri_R_D::hasBlock(std::int64_t fpos) const {

@@ -20,31 +20,6 @@
 #include <cstdint>
 #include <vector>
 
-// Starts one loop on each of several pool threads, and disposes of those that could not start.
-class PreIOThreadSeveral : public PreIOThreadBase {
-public:
-    bool initThreads(bool bRead) override;
-    bool startThreads() override;
-    bool destroyThreads() override;
-
-protected:
-    explicit PreIOThreadSeveral(std::uint32_t threads) : fThreads(threads) {}
-    // The caller's wait, who meanwhile does steps of the threads' work as long as `help` finds one. False in a forked
-    // child: there is no thread that could post.
-    template <class Help>
-    static bool waitHelping(ktSemaphore& posted, Help help) {
-        while (!posted.tryWaitSemaphore()) {
-            if (!help()) return posted.waitSemaphore();
-        }
-        return true;
-    }
-
-    const std::uint32_t fThreads;
-
-private:
-    std::vector<CallBackObject*> fCallBacks;  // not yet the pool's
-};
-
 // A ring of slots. A block passes through one: filled by the caller, deflated by any thread, written by whichever
 // thread finds it to be the next one. A caller that finds no free slot deflates a block itself if there is a
 // core for it, instead of waiting.

@@ -93,8 +93,6 @@ public:
     PreIOThread_Tri_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize);
 
     bool initThreads(bool bRead) override;
-    bool startThreads() override;
-    bool destroyThreads() override;
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t readLoopStep() override;
     virtual std::int32_t decompressLoopStep();
@@ -107,8 +105,6 @@ private:
     zlibCompressBlock fCompressor;  // decompressAt's
     filePosInfo* const pPosInfo;
     ORVA_File* const pFile;
-    CallBackObject* pDecompressCallBack = nullptr;
-    bool bDecompressHandedOver = false;
     std::atomic<bool> bReadEnd{false};
     std::atomic<bool> bCompressEnd{false};
     orva::blockBuffer pCompressBuffer;

@@ -1,23 +1,6 @@
 #include "worker/preIOThread.h"
 
-#include "base/assertion.h"
-
 #include <orva/platform.h>
-
-#include <utility>
-
-namespace {
-
-// Turns a pool thread into a loop over one step of the worker that `prtData` is.
-int runLoop(void* prtData, std::int32_t (PreIOThreadBase::*step)()) {
-    ORVA_ASSERT(prtData != nullptr, "prtData!=0");
-    auto* pParent = static_cast<PreIOThreadBase*>(prtData);
-    while ((pParent->*step)() == 0) {
-    }
-    return 0;
-}
-
-}  // namespace
 
 class PreIOThreadBase::newThreadForRead : public CallBackObject {
 public:
@@ -31,33 +14,36 @@ public:
     int onCallBack(void* prtData) override { return runLoop(prtData, &PreIOThreadBase::writeLoopStep); }
 };
 
-CallBackObject* PreIOThreadBase::makeReadCallBack() {
-    return new newThreadForRead;
-}
-
-CallBackObject* PreIOThreadBase::makeWriteCallBack() {
-    return new newThreadForWrite;
-}
+PreIOThreadBase::PreIOThreadBase(const PreIOThreadBase& other)
+    : ORVA_RefCntObject(other),
+      fThreads(other.fThreads),
+      pThreadPool(other.pThreadPool),
+      bWrite(other.bWrite),
+      fProcess(other.fProcess) {}
 
 PreIOThreadBase::~PreIOThreadBase() = default;
 
+std::unique_ptr<CallBackObject> PreIOThreadBase::newLoop(bool bRead) {
+    if (bRead) return std::make_unique<newThreadForRead>();
+    return std::make_unique<newThreadForWrite>();
+}
+
 bool PreIOThreadBase::initThreads(bool bRead) {
-    pCallBack = bRead ? makeReadCallBack() : makeWriteCallBack();
-    makePool(bRead, 1);
+    for (std::uint32_t i = 0; i < fThreads; ++i) addLoop(newLoop(bRead));
+    makePool(bRead);
     return true;
 }
 
-void PreIOThreadBase::makePool(bool bRead, std::uint32_t threads) {
+void PreIOThreadBase::makePool(bool bRead) {
     bWrite = !bRead;
     fProcess = platform::processId();
-    pThreadPool = new ktThreadPool(static_cast<int>(threads), 0);
+    pThreadPool = new ktThreadPool(static_cast<int>(fLoops.size()), 0);
     pThreadPool->init();
 }
 
 bool PreIOThreadBase::startThreads() {
     pThreadPool->startAll();
-    bHandedOver = true;
-    pThreadPool->runCallBack(pCallBack, this, 1);
+    for (auto& loop : std::exchange(fLoops, {})) pThreadPool->runCallBack(loop.release(), this, 1);
     return true;
 }
 
@@ -73,7 +59,6 @@ bool PreIOThreadBase::stopThreads() {
 }
 
 bool PreIOThreadBase::destroyThreads() {
-    if (!bHandedOver) delete pCallBack;
     if (inOwnProcess()) delete pThreadPool;
     return true;
 }

@@ -1,6 +1,6 @@
-// PreIOThreadBase: what moves disk and codec work off the caller's thread. A worker owns a pool and a callback whose
-// loop runs one operation, the loop step, on a pool thread. The stream talks to it by one request operation and by the
-// operations of its life.
+// PreIOThreadBase: what moves disk and codec work off the caller's thread. A worker owns a pool and, until the pool has
+// them, callbacks: each is a loop over one operation, the loop step, on a pool thread. The stream talks to the worker
+// by one request operation and by the operations of its life.
 //
 // Two threads meet in a worker: the stream's caller (the caller side) and the pool thread (the thread side). What they
 // share, and whose turn it is, stands in each derived class.
@@ -21,6 +21,8 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <utility>
+#include <vector>
 
 class PreIOThreadBase : public ORVA_RefCntObject {
 public:
@@ -28,13 +30,13 @@ public:
     class newThreadForWrite;
 
     PreIOThreadBase() = default;
-    // Shares pool and callback with its source.
-    PreIOThreadBase(const PreIOThreadBase&) = default;
+    // Shares the pool with its source, and runs no loop of its own.
+    PreIOThreadBase(const PreIOThreadBase&);
     PreIOThreadBase& operator=(const PreIOThreadBase&) = delete;
     // Stops nothing and frees nothing: run stopThreads and destroyThreads before.
     ~PreIOThreadBase() override;
 
-    // All give true. A reading worker takes true.
+    // All give true. A reading worker takes true. A failed allocation is bad_alloc; what was made goes with the worker.
     virtual bool initThreads(bool bRead);
     virtual bool startThreads();
     virtual bool noOperation();
@@ -55,20 +57,50 @@ public:
     const std::exception_ptr& failure() const { return fFailure; }
 
 protected:
-    static CallBackObject* makeReadCallBack();
-    static CallBackObject* makeWriteCallBack();
-    // The direction, and the pool of `threads` threads; nothing runs yet.
-    void makePool(bool bRead, std::uint32_t threads);
+    // One loop on each of so many pool threads.
+    explicit PreIOThreadBase(std::uint32_t threads) : fThreads(threads) {}
+    // A loop over readLoopStep or writeLoopStep.
+    static std::unique_ptr<CallBackObject> newLoop(bool bRead);
+    // One more loop that startThreads starts; before makePool.
+    void addLoop(std::unique_ptr<CallBackObject> loop) { fLoops.push_back(std::move(loop)); }
+    // The direction, and the pool with a thread for each loop; nothing runs yet.
+    void makePool(bool bRead);
     bool inOwnProcess() const;
+    // What a callback runs: one step of the worker that `prtData` is, until that gives nonzero.
+    template <class Worker>
+    static int runLoop(void* prtData, std::int32_t (Worker::*step)()) {
+        ORVA_ASSERT(prtData != nullptr, "prtData!=0");
+        auto* pParent = static_cast<Worker*>(static_cast<PreIOThreadBase*>(prtData));
+        while ((pParent->*step)() == 0) {
+        }
+        return 0;
+    }
 
     // Written before startThreads, then only read.
+    const std::uint32_t fThreads = 1;
     ktThreadPool* pThreadPool = nullptr;
-    CallBackObject* pCallBack = nullptr;
     bool bWrite = false;
-    bool bHandedOver = false;  // the pool has the callback, and disposes of it
     std::int64_t fProcess = 0;
     // Guarded as the derived class tells.
     std::exception_ptr fFailure;
+
+private:
+    std::vector<std::unique_ptr<CallBackObject>> fLoops;  // not yet the pool's
+};
+
+// The base of workers that run their loop on several threads at once.
+class PreIOThreadSeveral : public PreIOThreadBase {
+protected:
+    using PreIOThreadBase::PreIOThreadBase;
+    // The caller's wait, who meanwhile does steps of the threads' work as long as `help` finds one. False in a forked
+    // child: there is no thread that could post.
+    template <class Help>
+    static bool waitHelping(ktSemaphore& posted, Help help) {
+        while (!posted.tryWaitSemaphore()) {
+            if (!help()) return posted.waitSemaphore();
+        }
+        return true;
+    }
 };
 
 // A worker that only reads, or only writes: the operations of the other direction are breaches.
