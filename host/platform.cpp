@@ -27,6 +27,9 @@ using faults::Step;
 // What one transfer may take on any system served here; Linux cuts a longer one to this by itself.
 constexpr unsigned int kPiece = 0x7ffff000;
 
+// In place of an offset: where the descriptor stands.
+constexpr std::int64_t kOwnPlace = -1;
+
 #ifdef ORVA_FAULT_SEAM
 std::atomic<faults::Hook*> gHook{nullptr};
 
@@ -37,15 +40,16 @@ bool isTransfer(Call call) {
 template <class Raw>
 std::int64_t hooked(faults::Hook& hook, Step step, Raw raw) {
     const int errnoBefore = errno;
-    const faults::Verdict verdict = hook.before(step.call, step.descriptor, step.size);
+    const faults::Verdict verdict = hook.before(step);
     if (verdict.error == 0 || step.call == Call::Close) step.result = raw(std::min(step.size, verdict.limit));
     if (step.result < 0) step.error = errno;
     if (verdict.error != 0) {
         step.result = -1;
         step.error = verdict.error;
     }
-    // Where the descriptor stands afterwards tells the place, for an appending one too.
-    if (isTransfer(step.call) && step.result > 0) step.offset = ::lseek(step.descriptor, 0, SEEK_CUR) - step.result;
+    // A transfer that named no place: where the descriptor stands afterwards tells it, for an appending one too.
+    if (isTransfer(step.call) && step.offset < 0 && step.result > 0)
+        step.offset = ::lseek(step.descriptor, 0, SEEK_CUR) - step.result;
     hook.after(step);
     errno = step.result < 0 ? step.error : errnoBefore;
     return step.result;
@@ -71,14 +75,18 @@ int rawOpen(const char* name, int flags, mode_t mode) {
     return rawStatus(step, [&] { return ::open(name, flags, mode); });
 }
 
-std::int64_t rawRead(int descriptor, char* buffer, std::uint64_t size) {
-    const Step step{.call = Call::Read, .descriptor = descriptor, .size = size, .data = buffer};
-    return rawCall(step, [&](std::uint64_t most) { return ::read(descriptor, buffer, most); });
+std::int64_t rawRead(int descriptor, char* buffer, std::uint64_t size, std::int64_t offset) {
+    const Step step{.call = Call::Read, .descriptor = descriptor, .size = size, .data = buffer, .offset = offset};
+    return rawCall(step, [&](std::uint64_t most) {
+        return offset == kOwnPlace ? ::read(descriptor, buffer, most) : ::pread(descriptor, buffer, most, offset);
+    });
 }
 
-std::int64_t rawWrite(int descriptor, const char* buffer, std::uint64_t size) {
-    const Step step{.call = Call::Write, .descriptor = descriptor, .size = size, .data = buffer};
-    return rawCall(step, [&](std::uint64_t most) { return ::write(descriptor, buffer, most); });
+std::int64_t rawWrite(int descriptor, const char* buffer, std::uint64_t size, std::int64_t offset) {
+    const Step step{.call = Call::Write, .descriptor = descriptor, .size = size, .data = buffer, .offset = offset};
+    return rawCall(step, [&](std::uint64_t most) {
+        return offset == kOwnPlace ? ::write(descriptor, buffer, most) : ::pwrite(descriptor, buffer, most, offset);
+    });
 }
 
 int rawDuplicate(int descriptor) {
@@ -124,21 +132,36 @@ auto restarted(Operation operation) {
     }
 }
 
-// Moves `count` bytes by `transfer(bytes done, bytes left)` until they are done or it gives 0 or an error.
-template <class Transfer>
-std::int64_t completed(unsigned int count, Transfer transfer) {
+// Moves `count` bytes by `raw` until they are done or it gives 0 or an error.
+template <class Raw, class Byte>
+int completed(Raw raw, int descriptor, Byte* bytes, unsigned int count, std::int64_t offset) {
     if (count > INT_MAX) {
         errno = EINVAL;
         return -1;
     }
     unsigned int done = 0;
     while (done < count) {
-        const std::int64_t moved = restarted([&] { return transfer(done, std::min(count - done, kPiece)); });
+        const std::int64_t place = offset == kOwnPlace ? kOwnPlace : offset + done;
+        const std::int64_t moved =
+            restarted([&] { return raw(descriptor, bytes + done, std::min(count - done, kPiece), place); });
         if (moved < 0) return -1;
         if (moved == 0) break;
         done += static_cast<unsigned int>(moved);
     }
-    return done;
+    return static_cast<int>(done);
+}
+
+int writeWhole(int descriptor, const void* buffer, unsigned int count, std::int64_t offset) {
+    const int written = completed(rawWrite, descriptor, static_cast<const char*>(buffer), count, offset);
+    if (written < 0 || static_cast<unsigned int>(written) == count) return written;
+    errno = EIO;  // the system took nothing and gave no reason
+    return -1;
+}
+
+bool refusesOffset(std::int64_t offset) {
+    if (offset >= 0) return false;
+    errno = EINVAL;
+    return true;
 }
 
 // Closes on a failing path, where the failure told is the one that came first.
@@ -299,20 +322,20 @@ std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept
 }
 
 int _read(int descriptor, void* buffer, unsigned int count) noexcept {
-    auto* bytes = static_cast<char*>(buffer);
-    return static_cast<int>(completed(
-        count, [&](unsigned int done, unsigned int left) { return rawRead(descriptor, bytes + done, left); }));
+    return completed(rawRead, descriptor, static_cast<char*>(buffer), count, kOwnPlace);
 }
 
 int _write(int descriptor, const void* buffer, unsigned int count) noexcept {
-    const auto* bytes = static_cast<const char*>(buffer);
-    const std::int64_t written = completed(
-        count, [&](unsigned int done, unsigned int left) { return rawWrite(descriptor, bytes + done, left); });
-    if (written >= 0 && written < count) {
-        errno = EIO;  // the system took nothing and gave no reason
-        return -1;
-    }
-    return static_cast<int>(written);
+    return writeWhole(descriptor, buffer, count, kOwnPlace);
+}
+
+int readAt(int descriptor, void* buffer, unsigned int count, std::int64_t offset) noexcept {
+    if (refusesOffset(offset)) return -1;
+    return completed(rawRead, descriptor, static_cast<char*>(buffer), count, offset);
+}
+
+int writeAt(int descriptor, const void* buffer, unsigned int count, std::int64_t offset) noexcept {
+    return refusesOffset(offset) ? -1 : writeWhole(descriptor, buffer, count, offset);
 }
 
 int _close(int descriptor) noexcept {

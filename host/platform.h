@@ -6,7 +6,8 @@
 //
 // Units:   bytes; offsets from the start of the file.
 // Owner:   a descriptor belongs to who opened it, until _close gives 0.
-// Threads: every call, from any thread. Two calls on one descriptor share its position: the caller keeps them apart.
+// Threads: every call, from any thread. _read and _write move the position of the descriptor, which a fork shares:
+//          the caller keeps them apart. readAt and writeAt know none, and may run at once.
 // Failure: -1 with errno. Nothing throws.
 #pragma once
 
@@ -47,11 +48,17 @@ ORVA_HOST_API int openShared(const char* name, int oflag, int shflag, int pmode)
 // `origin`: 0 from the start, 1 from where it stands, 2 from the end. The new position.
 ORVA_HOST_API std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept;
 
-// All of `count` bytes, or fewer where the file ends, or -1; then the position of the descriptor is undetermined. A
-// count above 2,147,483,647, which the result could not tell, is EINVAL.
-ORVA_HOST_API int _read(int descriptor, void* buffer, unsigned int count) noexcept;
+// All of `count` bytes at `offset`, or fewer where the file ends, or -1. A count above 2,147,483,647, which the result
+// could not tell, is EINVAL; a pipe or terminal, which has no offsets, is ESPIPE.
+ORVA_HOST_API int readAt(int descriptor, void* buffer, unsigned int count, std::int64_t offset) noexcept;
 
-// All of `count` bytes or -1; then any part of them may stand in the file. Limit of `count`: as for _read.
+// All of `count` bytes or -1; then any part of them may stand in the file. Limits: as for readAt. Not for a descriptor
+// opened with _O_APPEND: some systems put the bytes at `offset` all the same, others at the end.
+ORVA_HOST_API int writeAt(int descriptor, const void* buffer, unsigned int count, std::int64_t offset) noexcept;
+
+// The same where the descriptor stands, for pipes, terminals and what is appended. After -1 its position is
+// undetermined.
+ORVA_HOST_API int _read(int descriptor, void* buffer, unsigned int count) noexcept;
 ORVA_HOST_API int _write(int descriptor, const void* buffer, unsigned int count) noexcept;
 
 // 0 and the descriptor is gone, or -1 and it is still open, with its lock, so that a caller may tell of the failure and

@@ -33,7 +33,8 @@ struct Step {
     const char* name = nullptr;  // Open, Rename, Unlink
     const char* newName = nullptr;  // Rename
     int flags = 0;                  // Open: the system's own flags. Seek: the origin
-    std::int64_t offset = -1;       // Read, Write: where the bytes stand in the file. Seek: what was asked for
+    std::int64_t offset = -1;       // Read, Write: where the bytes stand in the file; of a failed one that named no
+                                    // place -1. Seek: what was asked for
     std::int64_t result = -1;       // as the system gave it
     int error = 0;                  // errno where result is -1
 };
@@ -45,8 +46,9 @@ public:
     Hook& operator=(const Hook&) = delete;
     virtual ~Hook() = default;
 
-    // `size` as in Step. A failing Close is made all the same, as a system frees the number of a close that fails.
-    virtual Verdict before(Call call, int descriptor, std::uint64_t size) = 0;
+    // The call as it is about to be made, without result. A failing Close is made all the same, as a system frees the
+    // number of a close that fails.
+    virtual Verdict before(const Step& step) = 0;
     // Also after calls that were made to fail.
     virtual void after(const Step& /*step*/) {}
 };

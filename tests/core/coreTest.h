@@ -200,9 +200,8 @@ Bytes bytesOf(const Struct& value) {
 
 // Transfers of one kind that begin in a range of the file fail, as on a disk with a bad spot or no room.
 inline CallHook::Ask badPlace(Call kind, int error, std::int64_t begin = 0, std::int64_t end = INT64_MAX) {
-    return [=](Call call, int descriptor, std::uint64_t) {
-        const std::int64_t at = call == kind ? lseek(descriptor, 0, SEEK_CUR) : -1;
-        return at >= begin && at < end ? Verdict::fail(error) : Verdict::goOn();
+    return [=](Call call, std::int64_t at, std::uint64_t) {
+        return call == kind && at >= begin && at < end ? Verdict::fail(error) : Verdict::goOn();
     };
 }
 

@@ -163,12 +163,13 @@ public:
     }
 
     bool fails(workdir::faults::Call) noexcept override { return strikes(Fault::Cipher); }
-    Verdict before(Call call, int, std::uint64_t size) override {
+    Verdict before(const platform::faults::Step& step) override {
         const bool strikesNow = strikes(Fault::Calls);
-        const bool transfers = call == Call::Read || call == Call::Write;
-        const Verdict part = transfers ? Verdict::atMost(size / 2 + 1) : Verdict::goOn();
+        const bool transfers = step.call == Call::Read || step.call == Call::Write;
+        const Verdict part = transfers ? Verdict::atMost(step.size / 2 + 1) : Verdict::goOn();
         if (!strikesNow) return fault.afterAPart && striking && count + 1 == first ? part : Verdict::goOn();
-        const bool neverInterrupted = call == Call::Seek || call == Call::Duplicate || call >= Call::Rename;
+        const bool neverInterrupted =
+            step.call == Call::Seek || step.call == Call::Duplicate || step.call >= Call::Rename;
         if (fault.error == EINTR && neverInterrupted) return Verdict::goOn();
         return fault.error == 0 ? part : Verdict::fail(fault.error);
     }

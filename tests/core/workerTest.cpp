@@ -18,7 +18,7 @@ namespace {
 struct Transfers : CallHook {
     explicit Transfers(
         Call kind, const std::function<void(int)>& ask = [](int) {})
-        : CallHook([=, this, test = std::this_thread::get_id()](Call call, int, std::uint64_t) {
+        : CallHook([=, this, test = std::this_thread::get_id()](Call call, std::int64_t, std::uint64_t) {
               if (call == kind) ++all;
               if (call == kind && std::this_thread::get_id() != test) ask(++ofOthers);
               return Verdict::goOn();
@@ -238,7 +238,7 @@ TEST_F(ShortBlocks, TenThousandLivesEnd) {
     const std::vector<filePosRecord> records = Layout(fFile).records;
     support::RandomBytes random(48);
     std::atomic<std::int64_t> left{0};  // transfers until one fails
-    const CallHook hook([&](Call call, int, std::uint64_t) {
+    const CallHook hook([&](Call call, std::int64_t, std::uint64_t) {
         const bool transfers = call == Call::Read || call == Call::Write;
         return transfers && --left == 0 ? Verdict::fail(EIO) : Verdict::goOn();
     });

@@ -30,7 +30,7 @@ int opened(const std::string& name, int oflag) {
 class Script : public platform::faults::Hook {
 public:
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
-    Verdict before(Call /*call*/, int /*descriptor*/, std::uint64_t /*size*/) override {
+    Verdict before(const platform::faults::Step& /*step*/) override {
         static const std::map<std::string, int> errors{
             {"=EINTR", EINTR}, {"=EIO", EIO}, {"=EINVAL", EINVAL}, {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE}};
         std::string word;
@@ -68,6 +68,17 @@ int writeDigits(int descriptor) {
     return platform::_write(descriptor, kDigits.data(), 10) - 10;
 }
 
+// The same for the calls that name their place, over a descriptor that stands elsewhere.
+int readDigitsAt(int descriptor) {
+    std::string bytes(12, '\0');
+    platform::_lseeki64(descriptor, 4, SEEK_SET);
+    const int count = platform::readAt(descriptor, bytes.data(), 12, 1);
+    return count - 9 + (count >= 0 && bytes.compare(0, 9, kDigits, 1) != 0);
+}
+int writeDigitsAt(int descriptor) {
+    return platform::writeAt(descriptor, kDigits.data(), 10, 3) - 10;
+}
+
 // Opens a file of the digits, and does one thing with it.
 struct CallCase {
     const char* name;
@@ -85,6 +96,10 @@ const CallCase kCalls[] = {
      "O L W2147479552=EINVAL ", EINVAL, kDigits},
     {"ReadGoesOnToTheEnd", platform::_O_RDONLY, readDigits, "O R12@0=5 R7=EINTR R7@5 R2 ", 0, kDigits},
     {"ReadErrorAfterAPart", platform::_O_RDONLY, readDigits, "O R12@0=4 R8=EIO ", EIO, kDigits},
+    {"ReadAtAPlace", platform::_O_RDONLY, readDigitsAt, "O S@4 R12@1=5 R7@6=EINTR R7@6 R3@10 ", 0, kDigits},
+    {"WriteAtAPlace", kWrite, writeDigitsAt, "O L W10@3=4 W6@7=EINTR W6@7 ", 0, "012" + kDigits},
+    {"WriteErrorAfterAPartAtAPlace", kWrite, writeDigitsAt, "O L W10@3=4 W6@7=EIO ", EIO, "0120123789"},
+    {"NoPlaceBeforeTheFile", kWrite, [](int d) { return platform::writeAt(d, "a", 1, -1); }, "O L ", EINVAL, kDigits},
     {"LocksBeforeItTruncates", kTruncate, nullptr, "O L=EINTR L T ", 0, ""},
     {"GoesOnWithoutLocks", kTruncate, nullptr, "O L=ENOLCK T ", 0, ""},
     {"FailedLock", kTruncate, nullptr, "O L=EIO C ", EIO, kDigits},
@@ -156,7 +171,7 @@ TEST_F(PlatformTest, TemporaryFileIsItsOwnersAloneAndGoesWhenThatProcessCloses) 
 TEST_F(PlatformTest, AWriterLocksTheFileThatItsNameLeadsTo) {
     const std::string name = made("data", {});
     int times = 3;
-    const support::CallHook hook([&](Call call, int, std::uint64_t) {
+    const support::CallHook hook([&](Call call, std::int64_t, std::uint64_t) {
         if (call == Call::Lock && times-- > 0) {
             std::ofstream(name + "2") << kDigits;
             std::filesystem::rename(name + "2", name);

@@ -103,7 +103,7 @@ TEST_F(AppendTest, WhatIsNotFinishedIsUndoneAndAFailureIsFinal) {
         std::string failure;
         {
             int left = 1;
-            core::CallHook full([&](core::Call call, int, std::uint64_t) {
+            core::CallHook full([&](core::Call call, std::int64_t, std::uint64_t) {
                 return call == core::Call::Write && left-- > 0 ? core::Verdict::fail(ENOSPC) : core::Verdict::goOn();
             });
             failure = failureOf([&] { core::writeBlocks(*stream, blocksOf(append.added)); });

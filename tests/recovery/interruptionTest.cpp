@@ -15,7 +15,7 @@ public:
     explicit ImaginedDisk(const Files& files) : now{files}, fReal(files) {}
     std::set<Files> ever, now;  // what can be found after a loss of power: at any time, and at the end
 
-    Verdict before(Call, int, std::uint64_t) override { return Verdict::goOn(); }
+    Verdict before(const platform::faults::Step&) override { return Verdict::goOn(); }
     void after(const platform::faults::Step& step) override {
         if (step.result < 0) return;
         const std::string name = step.name != nullptr ? step.name : fNames[step.descriptor];
@@ -75,7 +75,7 @@ protected:
             lay(files);
             const pid_t child = ::fork();
             if (child == 0) {
-                const support::CallHook hook([=](Call call, int, std::uint64_t number) {
+                const support::CallHook hook([=](Call call, std::int64_t, std::uint64_t number) {
                     const bool tears = 2 * number + 1 == step;
                     if (tears && call != Call::Write) ::_exit(kNoWrite);
                     if (number == (step + 1) / 2) ::kill(::getpid(), SIGKILL);

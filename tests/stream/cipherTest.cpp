@@ -155,7 +155,7 @@ struct RunEnds : workdir::faults::Hook {
     int count = 0;
 };
 
-TEST_F(Cipher, SequentialTransfersSeekOnlyForTheLengthAndCloseLosesWhatWaits) {
+TEST_F(Cipher, TransfersInSequenceAndACloseThatLosesWhatWaits) {
     open("w+b");
     FileCalls calls;
     RunEnds ends;
@@ -164,7 +164,7 @@ TEST_F(Cipher, SequentialTransfersSeekOnlyForTheLengthAndCloseLosesWhatWaits) {
     for (int i = 0; i < 5; ++i) write(i * 100, i < 4 ? 100 : 5);
     EXPECT_EQ(calls.transfers(), "W 0+96, W 96+16, W 112+80, W 192+16, W 208+80, W 288+16, W 304+96");
     for (int i = 0; i < 3; ++i) expectRead(i * 64, 64);
-    EXPECT_EQ(calls.transfers(), "R@@0+64, R@64+64, R@128+64");
+    EXPECT_EQ(calls.transfers(), "R 0+64, R 64+64, R 128+64");
     fFile->Close();
     EXPECT_EQ(ends.count, 1);
     EXPECT_EQ(std::filesystem::file_size(path("f")), 400U);

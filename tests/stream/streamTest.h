@@ -57,8 +57,7 @@ private:
 };
 
 // Tells a call of the library as one, also where the system needed several: "R 512+1000" is a read at offset 512 that
-// asked for 1,000 bytes, "R@512+1000" the same after one seek, "R@@" after two, "W" a write; in small letters if
-// another thread than the test's made it.
+// asked for 1,000 bytes, "W" a write; in small letters if another thread than the test's made it.
 class FileCalls : public platform::faults::Hook {
 public:
     // What was made since the last time, apart by ", ". Only with no call under way: another thread's may be missing.
@@ -75,14 +74,13 @@ public:
     void awaitReads(int reads) const {
         while (fOtherReads < reads) std::this_thread::yield();
     }
-    Verdict before(Call call, int /*descriptor*/, std::uint64_t /*size*/) override {
+    Verdict before(const platform::faults::Step& step) override {
         const std::lock_guard guard(fLock);
-        const bool counts = call == fFails && onOtherThread() == fFailsOthers;
+        const bool counts = step.call == fFails && onOtherThread() == fFailsOthers;
         return {counts ? std::exchange(fError, 0) : 0, UINT64_MAX};
     }
     void after(const platform::faults::Step& step) override {
         const std::lock_guard guard(fLock);
-        if (step.call == Call::Seek && step.flags == SEEK_SET) fSought += '@';
         if (step.call != Call::Read && step.call != Call::Write) return;
         const bool continues = fRest != 0 && fRest == step.size;
         fRest = step.result > 0 ? step.size - static_cast<std::uint64_t>(step.result) : 0;
@@ -91,8 +89,7 @@ public:
         const std::int64_t offset = step.offset >= 0 ? step.offset : ::lseek(step.descriptor, 0, SEEK_CUR);
         fTransfers += fTransfers.empty() ? "" : ", ";
         fTransfers += (onOtherThread() ? "rw" : "RW")[step.call == Call::Write ? 1 : 0];
-        fTransfers += (fSought.empty() ? " " : std::exchange(fSought, {})) + std::to_string(offset);
-        fTransfers += '+' + std::to_string(step.size);
+        fTransfers += ' ' + std::to_string(offset) + '+' + std::to_string(step.size);
     }
 
 private:
@@ -101,7 +98,7 @@ private:
     const std::thread::id fTestThread = std::this_thread::get_id();
     std::atomic<int> fOtherReads{0};
     std::mutex fLock;  // guards what follows
-    std::string fTransfers, fSought;
+    std::string fTransfers;
     std::uint64_t fRest = 0;  // what the system left undone of the call under way
     Call fFails{};
     int fError = 0;
@@ -134,7 +131,7 @@ protected:
     }
     ORVA_FileStream& s() { return model->stream(); }
     void run(const std::string& script) {
-        static const std::map<char, int> errors{{'R', EIO}, {'S', EIO}, {'W', ENOSPC}, {'B', EFBIG}, {'I', EINVAL}};
+        static const std::map<char, int> errors{{'R', EIO}, {'W', ENOSPC}, {'B', EFBIG}, {'I', EINVAL}};
         std::istringstream steps(script);
         int expected = 0;
         // No further once one failed: what it waits for may never come.
@@ -177,11 +174,10 @@ protected:
         {'k', [&](auto) { model = std::make_unique<ModelStream>(*model); }},  // goes on with a copy
         {'p', [&](auto on) { on ? s().EnablePreReading() : s().DisablePreReading(); }},
         {'t', [&](auto on) { on ? s().EnableMultiThreadReading() : s().DisableMultiThreadReading(); }},
-        // Waits for the n-th read of another thread. R, W, S: the next step's call fails, B, I: without a hook. A:
+        // Waits for the n-th read of another thread. R, W: the next step's call fails, B, I: without a hook. A:
         // another thread's.
         {'a', [&](auto n) { calls->awaitReads(static_cast<int>(n)); }},
         {'R', [&](auto) { calls->fail(Call::Read, EIO); }},
-        {'S', [&](auto) { calls->fail(Call::Seek, EIO); }},
         {'W', [&](auto) { calls->fail(Call::Write, ENOSPC); }},
         {'B', [](auto) {}},
         {'I', [](auto) {}},

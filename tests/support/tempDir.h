@@ -121,9 +121,10 @@ inline Bytes joined(const std::vector<Bytes>& parts) {
 // A hook made of one function, which is asked before each raw call while this lives. Counts the calls.
 class CallHook : public platform::faults::Hook {
 public:
-    using Ask = std::function<Verdict(Call call, int descriptor, std::uint64_t number)>;
-    explicit CallHook(Ask ask = [](Call, int, std::uint64_t) { return Verdict::goOn(); }) : fAsk(std::move(ask)) {}
-    Verdict before(Call call, int descriptor, std::uint64_t) override { return fAsk(call, descriptor, ++count); }
+    using Ask = std::function<Verdict(Call call, std::int64_t offset, std::uint64_t number)>;
+    explicit CallHook(Ask ask = [](Call, std::int64_t, std::uint64_t) { return Verdict::goOn(); })
+        : fAsk(std::move(ask)) {}
+    Verdict before(const platform::faults::Step& step) override { return fAsk(step.call, step.offset, ++count); }
     std::atomic<std::uint64_t> count{0};
 
 private:

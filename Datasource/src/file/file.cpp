@@ -68,8 +68,9 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
     fDescriptor = OpenDescriptor(fName, mode);
     fOpenErrno = IsOpen() ? 0 : errno;
     if (IsOpen()) {
-        fPosition = ModeHasChar(mode, 'a') ? platform::_lseeki64(fDescriptor, 0, SEEK_END) : 0;
-        fMustSeek = false;
+        const std::int64_t place = platform::_lseeki64(fDescriptor, 0, ModeHasChar(mode, 'a') ? SEEK_END : SEEK_SET);
+        fHasPlaces = place != -1;
+        fPosition = ModeHasChar(mode, 'a') ? place : 0;
     }
     fGood.store(IsOpen(), std::memory_order_relaxed);
     fAtEnd = false;
@@ -110,8 +111,8 @@ unsigned int ORVA_File::ReadAhead(void* buffer, unsigned int byteSize, std::int6
 unsigned int ORVA_File::readPlain(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
-    seekTo(byteOffset, kReadFailed);
-    const unsigned int count = readDescriptor(buffer, byteSize);
+    beginTransfer(byteOffset, kReadFailed);
+    const unsigned int count = readDescriptor(buffer, byteSize, byteOffset);
     fPosition = byteOffset + count;
     fAtEnd = count == 0;
     return count;
@@ -121,23 +122,17 @@ unsigned int ORVA_File::Write(const void* buffer, unsigned int byteSize, std::in
     ORVA_ASSERT(byteSize <= INT_MAX, "byteSize <= INT_MAX");
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
+    beginTransfer(byteOffset, kWriteFailed);
     if (fEncrypted) return WriteEncrypted(buffer, byteSize, byteOffset);
-    // The system places what is appended: only what doesn't go on where the last transfer ended is worth a seek, which
-    // some files refuse.
-    if (fAppends) fMustSeek = false;
-    seekTo(byteOffset, kWriteFailed);
-    const unsigned int count = writeDescriptor(buffer, byteSize);
+    const unsigned int count = writeDescriptor(buffer, byteSize, byteOffset);
     fPosition = byteOffset + count;
-    if (fAppends) fMustSeek = true;  // the bytes went to the end, wherever that was
     return count;
 }
 
 std::int64_t ORVA_File::Size() const {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
-    const std::int64_t size = platform::_lseeki64(fDescriptor, 0, SEEK_END);
-    if (platform::_lseeki64(fDescriptor, descriptorPlace(), SEEK_SET) == -1) fMustSeek = true;
-    return size;
+    return platform::_lseeki64(fDescriptor, 0, SEEK_END);
 }
 
 void ORVA_File::Sync() {
@@ -152,21 +147,24 @@ void ORVA_File::Truncate(std::int64_t length) {
     if (IsOpen() && platform::truncateFile(fDescriptor, length) != 0) fail(kWriteFailed);
 }
 
-void ORVA_File::seekTo(std::int64_t byteOffset, long code) {
-    platform::setErrno(0);
-    if (byteOffset == fPosition && !fMustSeek) return;
-    if (platform::_lseeki64(fDescriptor, byteOffset, SEEK_SET) == -1) fail(code);
-    fMustSeek = false;
+// What has no places takes only what goes on where the last transfer ended.
+void ORVA_File::beginTransfer(std::int64_t byteOffset, long code) {
+    const bool possible = fHasPlaces || byteOffset == fPosition;
+    platform::setErrno(possible ? 0 : ESPIPE);
+    if (!possible) fail(code);
 }
 
-unsigned int ORVA_File::readDescriptor(void* buffer, unsigned int byteSize) {
-    const int count = platform::_read(fDescriptor, buffer, byteSize);
+unsigned int ORVA_File::readDescriptor(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    const int count = fHasPlaces ? platform::readAt(fDescriptor, buffer, byteSize, byteOffset)
+                                 : platform::_read(fDescriptor, buffer, byteSize);
     if (count == -1) fail(kReadFailed);
     return static_cast<unsigned int>(count);
 }
 
-unsigned int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSize) {
-    const int count = platform::_write(fDescriptor, buffer, byteSize);
+// The system places what is appended.
+unsigned int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    const int count = fHasPlaces && !fAppends ? platform::writeAt(fDescriptor, buffer, byteSize, byteOffset)
+                                              : platform::_write(fDescriptor, buffer, byteSize);
     if (count == -1) fail(kWriteFailed);
     return static_cast<unsigned int>(count);
 }
@@ -179,6 +177,5 @@ void ORVA_File::refuseWrite(int error) {
 
 void ORVA_File::fail(long code) {
     if (!fReadsAhead) fGood.store(false, std::memory_order_relaxed);
-    fMustSeek = true;
     ThrowError::StringSys("datasrc.err", code, fName.GetGeneric().c_str());
 }

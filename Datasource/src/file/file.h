@@ -1,5 +1,7 @@
-// ORVA_File: the one object that touches the disk. It owns a descriptor, the position where the next transfer starts
-// without a seek, and the state of the optional cipher. There is no seek operation: every transfer names its offset.
+// ORVA_File: the one object that touches the disk. It owns a descriptor, the position that the last transfer reached,
+// and the state of the optional cipher. There is no seek operation: every transfer names its offset, and one system
+// call makes it. The descriptor's own place counts only for pipes and terminals, which take transfers in sequence
+// alone.
 //
 // Units:   bytes and byte offsets from the start of the file. One transfer stays below 2,147,483,648 bytes.
 // Owner:   streams, through RefCountPtr. Workers hold a plain pointer and end before the file does.
@@ -84,9 +86,9 @@ public:
 
 private:
     ORVA_LOCAL unsigned int readPlain(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    ORVA_LOCAL void seekTo(std::int64_t byteOffset, long code);
-    ORVA_LOCAL unsigned int readDescriptor(void* buffer, unsigned int byteSize);
-    ORVA_LOCAL unsigned int writeDescriptor(const void* buffer, unsigned int byteSize);
+    ORVA_LOCAL void beginTransfer(std::int64_t byteOffset, long code);
+    ORVA_LOCAL unsigned int readDescriptor(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    ORVA_LOCAL unsigned int writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     [[noreturn]] ORVA_LOCAL void fail(long code);
     // The enciphered roads, fileCipher.cpp.
     ORVA_LOCAL unsigned int readEncrypted(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
@@ -99,8 +101,6 @@ private:
     ORVA_LOCAL bool mayWrite(unsigned int byteSize, std::int64_t byteOffset);
     ORVA_LOCAL int heldIn(std::int64_t block);
     ORVA_LOCAL std::int64_t fileEnd();
-    ORVA_LOCAL std::int64_t descriptorPlace() const;
-    ORVA_LOCAL void seekToBlock(std::int64_t block, std::int64_t byteOffset);
     ORVA_LOCAL bool continuesPadded(std::int64_t byteOffset);
     ORVA_LOCAL void takeUpPadded();
     ORVA_LOCAL unsigned int joinWaiting(const unsigned char* data, unsigned int size);
@@ -112,7 +112,7 @@ private:
 
     // Guarded by fMutex while an operation runs.
     mutable ktMutex fMutex;
-    mutable std::int64_t fPosition = 0;
+    std::int64_t fPosition = 0;
     ExtNameStr fName;
     std::string fMode;
     int fDescriptor = -1;           // Closed exactly when -1.
@@ -127,9 +127,8 @@ private:
     bool bHoldsPadded = false;   // fRemainder still has the bytes of the block that was padded last.
     std::int64_t fTailPos = 0;   // Where the block belongs whose bytes wait, or that was padded last.
     std::int64_t fFileEnd = -1;  // Enciphered files, as their writer knows it; -1 until asked for and after a failure.
-    bool fAppends = false;       // The system puts every write at the end of the file, whatever the descriptor says.
-    mutable bool fMustSeek = false;  // A transfer failed: where the descriptor stands is not known.
-
+    bool fAppends = false;       // The system puts every write at the end of the file, whatever its offset.
+    bool fHasPlaces = true;      // Not a pipe or terminal.
     int fOpenErrno = 0;
     std::int64_t fProcess;  // Its maker's. In a forked child the lock may be held by a thread that is not there.
 };

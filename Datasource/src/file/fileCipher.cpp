@@ -1,8 +1,7 @@
 // The enciphered roads of ORVA_File. A file is the cipher's output and nothing else, block for block at the offsets of
 // the plain bytes; up to 15 bytes at the end of the data wait in memory until a block is full or the file is finished.
-//
-// Between operations, unless fMustSeek: the descriptor stands at descriptorPlace(). Bytes wait only at the end of the
-// data: a write that would leave some in front of data that it doesn't cover is refused.
+// They wait only at the end of the data: a write that would leave some in front of data that it doesn't cover is
+// refused.
 #include "base/assertion.h"
 #include "file/fileCodes.h"
 
@@ -45,10 +44,6 @@ ORVA_File::ORVA_File(bool encrypted)
       fRemainder(new unsigned char[CIPHER_BLOCK_SIZE]),
       fProcess(platform::processId()) {}
 
-std::int64_t ORVA_File::descriptorPlace() const {
-    return continuesWaiting(fPosition) ? fTailPos : fPosition;
-}
-
 bool ORVA_File::continuesWaiting(std::int64_t byteOffset) const {
     return fRemainderSize > 0 && byteOffset == fTailPos + fRemainderSize;
 }
@@ -63,7 +58,6 @@ bool ORVA_File::continuesPadded(std::int64_t byteOffset) {
 void ORVA_File::takeUpPadded() {
     fRemainderSize = CIPHER_BLOCK_SIZE - fPadSize;
     fPadSize = 0;
-    fMustSeek = true;
 }
 
 std::int64_t ORVA_File::waitingEnd() const {
@@ -78,11 +72,10 @@ unsigned int ORVA_File::readEncrypted(void* buffer, unsigned int byteSize, std::
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
     platform::setErrno(0);
-    const std::int64_t length = Size();   // Before the seek: it puts the descriptor back to where fPosition says.
+    const std::int64_t length = Size();
     if (length == -1) fail(kReadFailed);  // Without the length, pad would pass for data.
-    seekTo(byteOffset, kReadFailed);
     auto* const bytes = static_cast<unsigned char*>(buffer);
-    unsigned int count = readDescriptor(bytes, byteSize);
+    unsigned int count = readDescriptor(bytes, byteSize, byteOffset);
     if (count != 0) count = decipher(bytes, count, byteOffset + count == length);
     count = overlayWaiting(bytes, byteSize, count, byteOffset);
     fPosition = byteOffset + count;
@@ -108,13 +101,11 @@ unsigned int ORVA_File::overlayWaiting(unsigned char* bytes, unsigned int size, 
     const std::int64_t before = fTailPos - byteOffset;
     if (fRemainderSize == 0 || before < 0 || before >= size || before > count) return count;
     std::memcpy(bytes + before, fRemainder.get(), static_cast<std::size_t>(fRemainderSize));
-    if (before != count) fMustSeek = true;
     return static_cast<unsigned int>(before + fRemainderSize);
 }
 
 unsigned int ORVA_File::WriteEncrypted(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     const auto* data = static_cast<const unsigned char*>(buffer);
-    platform::setErrno(0);
     if (byteSize > 0 && continuesPadded(byteOffset)) takeUpPadded();
     const bool continues = continuesWaiting(byteOffset);
     prepareWrite(byteSize, byteOffset);
@@ -124,13 +115,12 @@ unsigned int ORVA_File::WriteEncrypted(const void* buffer, unsigned int byteSize
     return byteSize;
 }
 
-// Refuses the write, or brings the descriptor to its first block and drops what the write makes void: waiting bytes
-// that it covers, and the pad if the padded block is overwritten or no longer the last one.
+// Refuses the write, or drops what the write makes void: waiting bytes that it covers, and the pad if the padded block
+// is overwritten or no longer the last one.
 void ORVA_File::prepareWrite(unsigned int byteSize, std::int64_t byteOffset) {
     if (!mayWrite(byteSize, byteOffset)) refuseWrite(EINVAL);
     const bool continues = continuesWaiting(byteOffset);
     const bool padLost = fPadSize > 0 && fRemainderSize == 0 && fileEnd() != fTailPos + CIPHER_BLOCK_SIZE;
-    seekToBlock(continues ? fTailPos : byteOffset, byteOffset);
     if (byteSize == 0) return;
     const bool reachesTail = byteOffset + byteSize > fTailPos;
     if (reachesTail && !continues) fRemainderSize = 0;
@@ -139,7 +129,7 @@ void ORVA_File::prepareWrite(unsigned int byteSize, std::int64_t byteOffset) {
 
 bool ORVA_File::mayWrite(unsigned int byteSize, std::int64_t byteOffset) {
     if (byteSize == 0) return true;
-    if (byteOffset > std::numeric_limits<std::int64_t>::max() - byteSize) return false;
+    if (byteOffset < 0 || byteOffset > std::numeric_limits<std::int64_t>::max() - byteSize) return false;
     const bool continues = continuesWaiting(byteOffset);
     if (fAppends && (continues ? fTailPos : byteOffset) != fileEnd()) return false;
     if (continues) return true;
@@ -163,17 +153,9 @@ std::int64_t ORVA_File::fileEnd() {
     if (fFileEnd >= 0) return fFileEnd;
     const std::int64_t end = platform::_lseeki64(fDescriptor, 0, SEEK_END);
     if (end == -1 && errno != ESPIPE) fail(kWriteFailed);
-    if (end != -1 && end != descriptorPlace()) fMustSeek = true;
     platform::setErrno(0);
     fFileEnd = std::max<std::int64_t>(end, 0);
     return fFileEnd;
-}
-
-// `byteOffset` is where the caller's bytes go on; the block may begin before it, with bytes that wait.
-void ORVA_File::seekToBlock(std::int64_t block, std::int64_t byteOffset) {
-    if (byteOffset == fPosition && !fMustSeek) return;
-    fMustSeek = true;
-    seekTo(block, kWriteFailed);
 }
 
 // Fills the waiting block from the front of `data`, and writes it once it is full. The bytes taken.
@@ -212,11 +194,10 @@ unsigned int ORVA_File::writeBlocks(const unsigned char* data, unsigned int size
     return enciphered.size > 0 ? writeCiphertext(enciphered.data, enciphered.size, byteOffset) : 0;
 }
 
-// At the descriptor's place, which is `byteOffset`.
 unsigned int ORVA_File::writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset) {
     const std::int64_t end = fFileEnd;
     fFileEnd = -1;
-    const unsigned int count = writeDescriptor(bytes, static_cast<unsigned int>(size));
+    const unsigned int count = writeDescriptor(bytes, static_cast<unsigned int>(size), byteOffset);
     if (end >= 0) fFileEnd = std::max(end, byteOffset + count);
     return count;
 }
@@ -235,13 +216,11 @@ unsigned int ORVA_File::FinishEncryption() {
 // The pad is zeros: whatever lay behind the waiting bytes in memory is plaintext of earlier blocks.
 unsigned int ORVA_File::writePaddedBlock() {
     if (fAppends && fTailPos != fileEnd()) refuseWrite(EINVAL);
-    seekToBlock(fTailPos, fTailPos + fRemainderSize);
     fPadSize = CIPHER_BLOCK_SIZE - fRemainderSize;
     std::memset(fRemainder.get() + fRemainderSize, 0, static_cast<std::size_t>(fPadSize));
     const unsigned int count = writeBlocks(fRemainder.get(), CIPHER_BLOCK_SIZE, fTailPos);
     fRemainderSize = 0;
     bHoldsPadded = true;
-    fMustSeek = true;  // The descriptor stands behind the pad, fPosition does not.
     return count;
 }
 
@@ -255,10 +234,7 @@ unsigned int ORVA_File::endCipherRun() {
         return 0;
     }
     const std::int64_t end = fileEnd();
-    fMustSeek = true;
-    seekTo(end, kWriteFailed);
     const unsigned int count = writeCiphertext(last.data, last.size, end);
     fPosition += count;
-    fMustSeek = true;
     return count;
 }
