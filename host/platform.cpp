@@ -321,6 +321,15 @@ std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept
     return rawCall(step, [&](std::uint64_t) { return ::lseek(descriptor, offset, origin); });
 }
 
+std::int64_t nextStored(int descriptor, std::int64_t offset) noexcept {
+#ifdef SEEK_DATA
+    const std::int64_t found = ::lseek(descriptor, offset, SEEK_DATA);
+    if (found >= offset) return found;
+    if (errno == ENXIO) return INT64_MAX;
+#endif
+    return offset;
+}
+
 int _read(int descriptor, void* buffer, unsigned int count) noexcept {
     return completed(rawRead, descriptor, static_cast<char*>(buffer), count, kOwnPlace);
 }

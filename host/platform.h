@@ -48,6 +48,11 @@ ORVA_HOST_API int openShared(const char* name, int oflag, int shflag, int pmode)
 // `origin`: 0 from the start, 1 from where it stands, 2 from the end. The new position.
 ORVA_HOST_API std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept;
 
+// The first byte from `offset` on that the file really stores: what lies between is a hole, and reads as zeros.
+// `offset` itself where the system cannot tell; the largest number when only a hole is left. The position is
+// undetermined then.
+ORVA_HOST_API std::int64_t nextStored(int descriptor, std::int64_t offset) noexcept;
+
 // All of `count` bytes at `offset`, or fewer where the file ends, or -1. A count above 2,147,483,647, which the result
 // could not tell, is EINVAL; a pipe or terminal, which has no offsets, is ESPIPE.
 ORVA_HOST_API int readAt(int descriptor, void* buffer, unsigned int count, std::int64_t offset) noexcept;

@@ -260,6 +260,69 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     EXPECT_EQ(failureOf([&] { orva::recover(fFile, path("link"), {}); }), core::fileError(1002, EINVAL, path("link")));
 }
 
+struct Field {
+    const char* name;
+    void (*lie)(filePosRecord&);
+    bool tellsOfBytes;  // and not of rows
+};
+const Field kFields[] = {
+    {"position", [](filePosRecord& r) { r.orginalPos += 3; }, false},
+    {"place", [](filePosRecord& r) { r.translatePos ^= 0x40; }, true},
+    {"far place", [](filePosRecord& r) { r.translatePos ^= std::int64_t{1} << 62; }, true},
+    {"rows", [](filePosRecord& r) { r.orginalSize += 5; }, false},
+    {"length", [](filePosRecord& r) { r.translateSize ^= 0x20; }, true},
+};
+
+// Whatever the records claim, every block that is whole comes back; and in its place as long as what they claim of rows
+// is true.
+TEST_F(DamageTest, NoLieOfTheIndexCostsAWholeBlock) {
+    makeFile(fFile, blocksOf({30, 50, 40, 60}));
+    const std::vector<Bytes> blocks = blocksOf({30, 50, 40, 60});
+    const Layout layout(support::readBytes(fFile));
+    const Bytes whole = bytes();
+    // Lies are numbered by record and field.
+    const auto expectWalk = [&](const std::vector<std::size_t>& lies, unsigned damage) {
+        std::string trace = "damaged " + std::to_string(damage) + ";";
+        Bytes file = whole;
+        std::vector<Bytes> kept = blocks;
+        std::vector<Bytes> filled = blocks;
+        Layout lie = layout;
+        bool rowsAreTrue = true;
+        for (const std::size_t number : lies) {
+            const Field& field = kFields[number / 4];
+            trace += " " + std::to_string(number % 4) + " " + field.name;
+            field.lie(lie.records[number % 4]);
+            rowsAreTrue = rowsAreTrue && field.tellsOfBytes && lies.size() < 3;
+        }
+        SCOPED_TRACE(trace);
+        for (std::size_t i = 0; i < blocks.size(); ++i) {
+            file = with(file, layout.heading._indexPos + static_cast<std::int64_t>(24 * (i + 1)),
+                        core::bytesOf(lie.records[i]));
+            if ((damage >> i & 1U) == 0) continue;
+            file[static_cast<std::size_t>(layout.records[i].translatePos) + 4] ^= 0x10;
+            kept[i].clear();
+            filled[i] = Bytes(blocks[i].size());
+        }
+        const std::string text = recover(file, {kPart, false, true});
+        EXPECT_TRUE(sameBytes(fRows, support::joined(kept))) << text;
+        if (!rowsAreTrue) return;
+        recover(file);
+        const Bytes all = support::joined(filled);
+        EXPECT_TRUE(fRows == all || ((damage & 8U) != 0 && sameBytes(fRows, support::slice(all, 0, fRows.size()))))
+            << text;
+    };
+    for (const unsigned damage : {2U, 5U, 6U, 13U}) {
+        for (std::size_t one = 0; one < 4 * std::size(kFields); ++one) {
+            for (std::size_t other = one; other < 4 * std::size(kFields); ++other) {
+                if (one == other) expectWalk({one}, damage);
+                if (one % 4 != other % 4 || one / 4 != other / 4) expectWalk({one, other}, damage);
+            }
+        }
+        expectWalk({4, 5, 6, 7, 16, 17, 18, 19}, damage);
+        expectWalk({8, 9, 10, 11, 16, 17, 18, 19}, damage);
+    }
+}
+
 // Streams that hold much and end wrong could be tried for ever. What is missing then lies behind the last block found.
 TEST_F(DamageTest, ASearchThatIsGivenUpSaysSo) {
     Bytes stream(100'000);

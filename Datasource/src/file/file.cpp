@@ -135,6 +135,13 @@ std::int64_t ORVA_File::Size() const {
     return platform::_lseeki64(fDescriptor, 0, SEEK_END);
 }
 
+std::int64_t ORVA_File::nextStored(std::int64_t byteOffset) const {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    if (!IsOpen()) return byteOffset;
+    fMustSeek = true;
+    return platform::nextStored(fDescriptor, byteOffset);
+}
+
 void ORVA_File::Sync() {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     platform::setErrno(0);

@@ -58,6 +58,9 @@ public:
     unsigned int Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // The length of the file on disk, with the pad of an enciphered one; -1 when the system can't tell (a pipe).
     std::int64_t Size() const;
+    // The first byte from `byteOffset` on that is no part of a hole, as far as the system tells holes; the largest
+    // number when there is none.
+    ORVA_LOCAL std::int64_t nextStored(std::int64_t byteOffset) const;
 
     // Fails as a write that the system refuses with this errno.
     [[noreturn]] ORVA_LOCAL void refuseWrite(int error);

@@ -33,6 +33,29 @@ constexpr filePosRecord kNothing{kNoRecord, 0, 0, 0};
 
 }  // namespace
 
+void orva::checkFirstRecord(const filePosRecord& first, const std::string& fileName) {
+    const char* breach = nullptr;
+    if (first.orginalPos != kFirstRecordMark) {
+        breach = "firstRecord.orginalPos == -100";
+    } else if (first.orginalSize <= 0) {
+        breach = "firstRecord.orginalSize > 0";
+    } else if (first.translateSize < 0) {
+        breach = "firstRecord.translateSize >= 0";
+    }
+    if (breach != nullptr) throw DamagedFileError(fileName, breach, "its index has no valid first record");
+}
+
+void orva::checkAscends(const filePosRecord* before, const filePosRecord& record, std::uint32_t number,
+                        const std::string& fileName) {
+    const bool sized =
+        record.orginalSize >= 1 && record.orginalPos <= std::numeric_limits<std::int64_t>::max() - record.orginalSize;
+    if (sized && (before == nullptr || before->orginalPos < record.orginalPos)) return;
+    throw DamagedFileError(fileName, sized ? "orginalPos ascends" : "orginalSize >= 1",
+                           "record " + std::to_string(number) + " of its index has the logical position " +
+                               std::to_string(record.orginalPos) + " and the size " +
+                               std::to_string(record.orginalSize));
+}
+
 filePosInfo::filePosInfo(std::uint32_t blockSize, std::string fileName)
     : fFileName(std::move(fileName)), fBlockSize(blockSize) {}
 
@@ -63,28 +86,13 @@ filePosRecord filePosInfo::takeFirstRecord(const unsigned char* buff, bool swap)
     filePosRecord firstRecord;
     std::memcpy(&firstRecord, buff, sizeof firstRecord);
     if (swap) swapRecord(&firstRecord);
-    const char* breach = nullptr;
-    if (firstRecord.orginalPos != kFirstRecordMark) {
-        breach = "firstRecord.orginalPos == -100";
-    } else if (firstRecord.orginalSize <= 0) {
-        breach = "firstRecord.orginalSize > 0";
-    } else if (firstRecord.translateSize < 0) {
-        breach = "firstRecord.translateSize >= 0";
-    }
-    if (breach != nullptr) throw DamagedFileError(fFileName, breach, "its index has no valid first record");
+    orva::checkFirstRecord(firstRecord, fFileName);
     return firstRecord;
 }
 
 void filePosInfo::checkAscending(const filePosRecord* records, std::uint32_t count) const {
-    for (std::uint32_t i = 0; i < count; ++i) {
-        const bool sized = records[i].orginalSize >= 1 &&
-                           records[i].orginalPos <= std::numeric_limits<std::int64_t>::max() - records[i].orginalSize;
-        if (sized && (i == 0 || records[i - 1].orginalPos < records[i].orginalPos)) continue;
-        throw DamagedFileError(fFileName, sized ? "orginalPos ascends" : "orginalSize >= 1",
-                               "record " + std::to_string(i) + " of its index has the logical position " +
-                                   std::to_string(records[i].orginalPos) + " and the size " +
-                                   std::to_string(records[i].orginalSize));
-    }
+    for (std::uint32_t i = 0; i < count; ++i)
+        orva::checkAscends(i == 0 ? nullptr : records + i - 1, records[i], i, fFileName);
 }
 
 void filePosInfo::parseForRead(const unsigned char* buff, bool swap) {

@@ -17,6 +17,16 @@
 #include <string>
 #include <vector>
 
+namespace orva {
+
+// Throw DamagedFileError, which names the file, unless an index's first record, or record `number` behind the one
+// before (null for record 0), can be true by itself.
+void checkFirstRecord(const filePosRecord& first, const std::string& fileName);
+void checkAscends(const filePosRecord* before, const filePosRecord& record, std::uint32_t number,
+                  const std::string& fileName);
+
+}  // namespace orva
+
 class filePosInfo {
 public:
     // `fileName` is for messages.

@@ -8,6 +8,7 @@
 #include <orva/errtext.h>
 #include <orva/platform.h>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -24,21 +25,52 @@ std::string indexSpan(const compressionHeading& heading) {
     return "its index of " + std::to_string(heading._size) + " bytes at offset " + std::to_string(heading._indexPos);
 }
 
+constexpr std::int64_t kPieceRecords = 1024;  // read at a time
+
+constexpr const char* kWholeRecords = "_size == 24 x (n + 1)";
+constexpr const char* kBehindHeading = "_indexPos behind the heading";
+constexpr const char* kIndexFits = "ret == chInfo._size";
+
 void checkPlaces(const ORVA_File& file, const compressionHeading& heading, std::int64_t fileSize) {
-    if (heading._size < kRecordSize || heading._size % kRecordSize != 0) {
-        refuse(file, "_size == 24 x (n + 1)", indexSpan(heading) + " is not a whole number of records");
-    }
-    if (heading._indexPos < heading._caseStartPos + kHeadingSize) {
-        refuse(file, "_indexPos behind the heading", indexSpan(heading) + " stands before the data");
-    }
-    if (heading._size > std::numeric_limits<std::uint32_t>::max() || heading._indexPos > fileSize - heading._size) {
-        refuse(file, "ret == chInfo._size",
+    const char* breach = breachOf(heading);
+    if (breach == kWholeRecords) refuse(file, breach, indexSpan(heading) + " is not a whole number of records");
+    if (breach == kBehindHeading) refuse(file, breach, indexSpan(heading) + " stands before the data");
+    if (breach != nullptr || heading._indexPos > fileSize - heading._size) {
+        refuse(file, kIndexFits,
                indexSpan(heading) + " does not fit into the file of " + std::to_string(fileSize) +
                    " bytes; 'orva recover' may get the rows back");
     }
 }
 
+void checkCount(const ORVA_File& file, const compressionHeading& heading, const filePosRecord& first) {
+    if ((first.translateSize + std::int64_t{1}) * kRecordSize == heading._size) return;
+    refuse(file, kWholeRecords, indexSpan(heading) + " claims " + std::to_string(first.translateSize) + " blocks");
+}
+
+[[noreturn]] void refuseCut(const ORVA_File& file, const compressionHeading& heading) {
+    refuse(file, kIndexFits, indexSpan(heading) + " is cut short");
+}
+
+std::uint32_t checkedBlockSize(const ORVA_File& file, const compressionHeading& heading, const filePosRecord& first) {
+    checkFirstRecord(first, file.GetNameStr().GetGeneric());
+    checkCount(file, heading, first);
+    return static_cast<std::uint32_t>(first.orginalSize);
+}
+
+void checkBegin(const ORVA_File& file, const compressionHeading& heading, const filePosRecord& record) {
+    if (record.orginalPos == heading._caseStartPos) return;
+    refuse(file, "record 0 at the row-0 position",
+           "its first block begins at logical position " + std::to_string(record.orginalPos) + " instead of " +
+               std::to_string(heading._caseStartPos));
+}
+
 }  // namespace
+
+const char* breachOf(const compressionHeading& heading) {
+    if (heading._size < kRecordSize || heading._size % kRecordSize != 0) return kWholeRecords;
+    if (heading._indexPos < heading._caseStartPos + kHeadingSize) return kBehindHeading;
+    return heading._size > std::numeric_limits<std::uint32_t>::max() ? kIndexFits : nullptr;
+}
 
 std::int64_t lengthOf(const ORVA_File& file) {
     platform::setErrno(0);
@@ -69,27 +101,41 @@ std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHea
     checkPlaces(file, heading, lengthOf(file));
     const auto size = static_cast<std::uint32_t>(heading._size);
     std::unique_ptr<unsigned char[]> bytes(new unsigned char[size]);
-    if (!readAll(file, bytes.get(), size, heading._indexPos)) {
-        refuse(file, "ret == chInfo._size", indexSpan(heading) + " is cut short");
-    }
+    if (!readAll(file, bytes.get(), size, heading._indexPos)) refuseCut(file, heading);
     filePosRecord first;
     std::memcpy(&first, bytes.get(), sizeof first);
     if (swap) swapRecord(first);
     // A record without the mark is the parser's to refuse, in its own words.
-    if (first.orginalPos == kFirstRecordMark &&
-        (first.translateSize + std::int64_t{1}) * kRecordSize != heading._size) {
-        refuse(file, "_size == 24 x (n + 1)",
-               indexSpan(heading) + " claims " + std::to_string(first.translateSize) + " blocks");
-    }
+    if (first.orginalPos == kFirstRecordMark) checkCount(file, heading, first);
     return bytes;
 }
 
 void loadIndex(ORVA_File& file, const compressionHeading& heading, bool swap, filePosInfo& index) {
     index.parseForRead(readIndex(file, heading, swap).get(), swap);
-    if (index.parsedCount() == 0 || index.parsed(0).orginalPos == heading._caseStartPos) return;
-    refuse(file, "record 0 at the row-0 position",
-           "its first block begins at logical position " + std::to_string(index.parsed(0).orginalPos) + " instead of " +
-               std::to_string(heading._caseStartPos));
+    if (index.parsedCount() != 0) checkBegin(file, heading, index.parsed(0));
+}
+
+indexContent readRecords(ORVA_File& file, const compressionHeading& heading, bool swap) {
+    checkPlaces(file, heading, lengthOf(file));
+    const std::int64_t end = heading._indexPos + heading._size;
+    const std::string name = file.GetNameStr().GetGeneric();
+    indexContent content;
+    std::vector<filePosRecord>& records = content.records;
+    std::vector<filePosRecord> piece(kPieceRecords);
+    for (std::int64_t at = heading._indexPos; at < end; at += kPieceRecords * kRecordSize) {
+        piece.resize(static_cast<std::size_t>(std::min(kPieceRecords, (end - at) / kRecordSize)));
+        if (!readAll(file, piece.data(), piece.size() * sizeof(filePosRecord), at)) refuseCut(file, heading);
+        if (swap) std::for_each(piece.begin(), piece.end(), swapRecord);
+        auto next = piece.begin();
+        if (at == heading._indexPos) content.blockSize = checkedBlockSize(file, heading, *next++);
+        for (; next != piece.end(); ++next) {
+            checkAscends(records.empty() ? nullptr : &records.back(), *next, static_cast<std::uint32_t>(records.size()),
+                         name);
+            records.push_back(*next);
+        }
+    }
+    if (!records.empty()) checkBegin(file, heading, records[0]);
+    return content;
 }
 
 void checkContiguous(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,

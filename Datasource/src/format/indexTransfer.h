@@ -12,11 +12,15 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace orva {
 
 // The file's length. Throws where ORVA_File::Size gives -1: a disk that cannot tell is no damaged file.
 std::int64_t lengthOf(const ORVA_File& file);
+
+// The text of the check that a heading fails whatever file it stands in; null when it could be true.
+const char* breachOf(const compressionHeading& heading);
 
 // Reads the heading at `row0Pos`, in host order afterwards. `positionCheck` is the caller's text of the check that the
 // heading repeats its own position.
@@ -28,6 +32,16 @@ std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHea
 
 // Reads the index and parses it for reading. Its record 0 must stand at the row-0 position.
 void loadIndex(ORVA_File& file, const compressionHeading& heading, bool swap, filePosInfo& index);
+
+// What an index tells, in host order.
+struct indexContent {
+    std::uint32_t blockSize = 0;
+    std::vector<filePosRecord> records;
+};
+
+// As loadIndex, in one copy and a piece at a time. Memory follows what the file really stores: an index that claims
+// gigabytes of a hole is refused at the first record that cannot be true.
+indexContent readRecords(ORVA_File& file, const compressionHeading& heading, bool swap);
 
 // What an append needs, and a verifier asks, beyond that: every record can be true, and the blocks follow each other
 // without gaps, in logical positions and in the file, from behind the heading to the index at the latest. `records` in

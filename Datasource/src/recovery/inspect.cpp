@@ -2,8 +2,8 @@
 #include "file/fileCodes.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
-#include "format/filePosInfo.h"
 #include "format/indexTransfer.h"
+#include "recovery/fileWindow.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
@@ -11,17 +11,11 @@
 #include <orva/inspect.h>
 #include <orva/zlibCompress.h>
 
-#include <algorithm>
 #include <cstring>
 
 namespace orva {
 
 namespace {
-
-bool couldPointToIndex(const compressionHeading& heading) {
-    return heading._size >= kRecordSize && heading._size % kRecordSize == 0 && (heading._size >> 32) == 0 &&
-           heading._indexPos >= heading._caseStartPos + kHeadingSize;
-}
 
 bool pointsToIndex(ORVA_File& file, std::int64_t fileSize, const compressionHeading& heading, bool swapped) {
     filePosRecord first;
@@ -31,66 +25,59 @@ bool pointsToIndex(ORVA_File& file, std::int64_t fileSize, const compressionHead
     return first.orginalPos == kFirstRecordMark;
 }
 
-// Walks over a file and keeps the best heading seen.
-class headingSearch {
-public:
-    explicit headingSearch(ORVA_File& file) : fFile(file), fFileSize(lengthOf(file)), fWindow(kBlockSize) {}
-
-    std::optional<foundPart> run() {
-        constexpr std::int64_t step = kBlockSize - kHeadingSize + 1;
-        for (std::int64_t at = 0; at + kHeadingSize <= fFileSize && !bCertain; at += step) {
-            const std::uint32_t count = fFile.Read(fWindow.get(), kBlockSize, at);
-            scan(at, count);
-        }
-        return fBest;
-    }
-
-private:
-    void scan(std::int64_t at, std::uint32_t count) {
-        for (std::int64_t i = at == 0 ? 1 : 0; i + kHeadingSize <= count && !bCertain; ++i) {
-            std::int64_t value = 0;
-            std::memcpy(&value, fWindow.get() + i, sizeof value);
-            if (value == at + i) consider(i, false);
-            if (swapBytes(value) == at + i) consider(i, true);
-        }
-    }
-
-    void consider(std::int64_t i, bool swapped) {
-        compressionHeading heading;
-        std::memcpy(&heading, fWindow.get() + i, sizeof heading);
-        if (swapped) swapHeading(heading);
-        if (bCertain || !couldPointToIndex(heading)) return;
-        bCertain = pointsToIndex(fFile, fFileSize, heading, swapped);
-        if (bCertain || !fBest) fBest = foundPart{heading._caseStartPos, swapped};
-    }
-
-    ORVA_File& fFile;
-    const std::int64_t fFileSize;
-    blockBuffer fWindow;
-    std::optional<foundPart> fBest;
-    bool bCertain = false;
-};
+// The heading whose bytes these are, if it repeats `place` in this byte order and could be true.
+std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int64_t place, bool swapped) {
+    compressionHeading heading;
+    std::memcpy(&heading, bytes, sizeof heading);
+    if (swapped) swapHeading(heading);
+    if (heading._caseStartPos != place || breachOf(heading) != nullptr) return std::nullopt;
+    return heading;
+}
 
 }  // namespace
 
 std::optional<foundPart> findPart(const std::string& name) {
     ORVA_File file;
     openOrThrow(file, name, "rb", kReadFailed);
-    return headingSearch(file).run();
+    fileWindow window(file);
+    std::optional<foundPart> best;
+    window.find(1, window.fileSize(), kHeadingSize, [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
+        for (const bool swapped : {false, true}) {
+            const std::optional<compressionHeading> heading = headingOf(bytes, place, swapped);
+            if (!heading) continue;
+            const bool certain = pointsToIndex(file, window.fileSize(), *heading, swapped);
+            if (certain || !best) best = foundPart{place, swapped};
+            if (certain) return true;
+        }
+        return false;
+    });
+    return best;
 }
 
 struct finishedPart::state {
-    state(const std::string& name, foundPart part) : fIndex(kBlockSize, name), bSwapped(part.swapped) {
+    state(const std::string& name, foundPart part) : bSwapped(part.swapped) {
         openOrThrow(fFile, name, "rb", kReadFailed);
         fHeading = readHeading(fFile, part.row0Pos, bSwapped, "Analyze dictionary part error!");
-        fIndex.limitPlaces(lengthOf(fFile));
-        loadIndex(fFile, fHeading, bSwapped, fIndex);
+        fFileSize = lengthOf(fFile);
+        fIndex = readRecords(fFile, fHeading, bSwapped);
+    }
+
+    readRoad road() {
+        if (!fCompressed) fCompressed = blockBuffer(kBlockSize);
+        return {fFile, fCodec, fCompressed.get()};
+    }
+    blockPlace placeOf(std::uint32_t number) const {
+        const std::vector<filePosRecord>& records = fIndex.records;
+        std::optional<std::int64_t> nextStart;
+        if (number + 1 < records.size()) nextStart = records[number + 1].orginalPos;
+        return {records[number], number, nextStart, fFileSize};
     }
 
     ORVA_File fFile;
-    filePosInfo fIndex;
+    std::int64_t fFileSize = 0;
     compressionHeading fHeading{};
     const bool bSwapped;
+    indexContent fIndex;
     zlibCompressBlock fCodec;
     blockBuffer fCompressed;
     blockBuffer fRows;
@@ -106,34 +93,37 @@ bool finishedPart::swapped() const {
     return fState->bSwapped;
 }
 std::int64_t finishedPart::fileSize() const {
-    return fState->fIndex.placeLimit();
+    return fState->fFileSize;
 }
 std::uint32_t finishedPart::blockSize() const {
-    return fState->fIndex.blockSize();
+    return fState->fIndex.blockSize;
 }
 std::uint32_t finishedPart::blockCount() const {
-    return fState->fIndex.parsedCount();
+    return static_cast<std::uint32_t>(fState->fIndex.records.size());
 }
 const filePosRecord& finishedPart::block(std::uint32_t number) const {
-    return fState->fIndex.parsed(number);
+    return fState->fIndex.records[number];
 }
 
 std::int64_t finishedPart::dataSize() const {
-    const std::int64_t row0 = fState->fHeading._caseStartPos;
-    return fState->fIndex.dataEnd(row0) - row0;
+    if (blockCount() == 0) return 0;
+    const filePosRecord& last = fState->fIndex.records.back();
+    return last.orginalPos + last.orginalSize - fState->fHeading._caseStartPos;
 }
 
 void finishedPart::verifyIndex() {
-    if (blockCount() != 0) checkContiguous(fState->fFile, fState->fHeading, &block(0), blockCount());
+    checkContiguous(fState->fFile, fState->fHeading, fState->fIndex.records.data(), blockCount());
+}
+
+const unsigned char* finishedPart::compressedBlock(std::uint32_t number) {
+    const readRoad road = fState->road();
+    readCompressed(road, fState->placeOf(number));
+    return road.compressed;
 }
 
 void finishedPart::verifyBlock(std::uint32_t number) {
-    state& s = *fState;
-    if (!s.fRows) {
-        s.fCompressed = blockBuffer(kBlockSize);
-        s.fRows = blockBuffer(kBlockSize);
-    }
-    readBlock({s.fFile, s.fCodec, s.fCompressed.get()}, placeOf(s.fIndex, s.fIndex.parsed(number)), s.fRows.get());
+    if (!fState->fRows) fState->fRows = blockBuffer(kBlockSize);
+    readBlock(fState->road(), fState->placeOf(number), fState->fRows.get());
 }
 
 }  // namespace orva

@@ -48,6 +48,9 @@ public:
     // blocks follow each other without gaps, in positions and in the file, from the heading to the index. Records that
     // were exchanged show nowhere else.
     void verifyIndex();
+    // A block's bytes as they stand in the file, block(number).translateSize of them, valid until the next call. Holds
+    // only the record against what can be true; verifyBlock tells whether the stream is whole.
+    const unsigned char* compressedBlock(std::uint32_t number);
     // Reads and inflates a block and holds it against its record. Throws what is wrong with it; the others can still be
     // verified then.
     void verifyBlock(std::uint32_t number);

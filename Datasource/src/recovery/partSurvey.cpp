@@ -1,7 +1,6 @@
 #include "recovery/partSurvey.h"
 
 #include "format/blockTransfer.h"
-#include "format/filePosInfo.h"
 #include "format/indexTransfer.h"
 
 #include <orva/blockSize.h>
@@ -9,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <utility>
 
@@ -20,36 +20,26 @@ namespace {
 constexpr std::int64_t kBestRatio = 1032;
 constexpr std::int64_t kShortestStream = 9;
 
-// What a trial costs beside the bytes that it moves.
+// What a trial costs beside the bytes that it moves; what is earned by each byte searched, and by each of a block
+// found.
 constexpr std::int64_t kTrial = 4096;
-// So much may be tried in vain before a file counts as made to be tried for ever. Blocks that are found earn more, so
-// that a long file with much damage is searched to its end.
-constexpr std::int64_t kPatience = std::int64_t{1} << 28;
-constexpr std::int64_t kPatienceForByte = 16;
-constexpr std::int64_t kPatienceForTaken = 4;
+constexpr std::int64_t kEarnedBySearch = 16;
+constexpr std::int64_t kEarnedByBlock = 4;
 
+constexpr std::int64_t kNowhere =
+    std::numeric_limits<std::int64_t>::min() / 2;  // where a record outside the file points
+
+constexpr const char* kDamaged = "its block is damaged";
+constexpr const char* kDamagedUntold = "its block is damaged, and no index tells its size";
 constexpr const char* kGivenUp =
     "the search was given up here: what stands here could be taken for blocks again and again";
 
-struct recordedRows {
-    std::int64_t size;
-    bool sure;
-};
+std::int64_t workOf(std::uint32_t rows, std::uint32_t length) {
+    return kTrial + rows + length;
+}
 
-// How many rows the index gives block `i`, which begins at logical position `start`. Its own size and the position of
-// the next block both tell, and one of the two can lie; whether the position does, the block behind it tells.
-recordedRows recordedSize(const filePosInfo& index, std::uint32_t i, std::int64_t start) {
-    const std::int64_t size = index.parsed(i).orginalSize;
-    const bool last = i + 1 == index.parsedCount();
-    std::int64_t distance = 0;
-    if (last || __builtin_sub_overflow(index.parsed(i + 1).orginalPos, start, &distance) || !isBlockSize(distance)) {
-        return {std::min<std::int64_t>(size, kBlockSize), true};
-    }
-    if (distance == size) return {size, true};
-    const filePosRecord& next = index.parsed(i + 1);
-    const bool nextIsRight =
-        i + 2 < index.parsedCount() && next.orginalPos + next.orginalSize == index.parsed(i + 2).orginalPos;
-    return {nextIsRight || !isBlockSize(size) ? distance : size, nextIsRight};
+std::int64_t mostRowsOf(std::int64_t bytes) {
+    return std::clamp<std::int64_t>(bytes, 1, std::numeric_limits<std::int64_t>::max() / kBestRatio / 2) * kBestRatio;
 }
 
 // The first two bytes of a zlib stream with the full window, as every writer of this format makes it.
@@ -60,22 +50,17 @@ bool couldBeginStream(const unsigned char* bytes) {
 }  // namespace
 
 partSurvey::partSurvey(ORVA_File& file)
-    : fFile(file), fFileSize(lengthOf(file)), fCompressed(kBlockSize), fWindow(kBlockSize), fRows(kBlockSize) {}
+    : fFile(file), fWindow(file), fLimit(fWindow.fileSize()), fCompressed(kBlockSize), fRows(kBlockSize) {}
 
 bool partSurvey::run(const recoverOptions& options) {
     const std::optional<foundPart> found = locate(options);
     if (!found) return false;
     part = *found;
-    if (part.row0Pos <= 0 || part.row0Pos > fFileSize - kHeadingSize) return false;
+    if (part.row0Pos <= 0 || part.row0Pos > fWindow.fileSize() - kHeadingSize) return false;
     takeHeading();
-    filePosInfo index(kBlockSize, fFile.GetNameStr().GetGeneric());
-    if (hadHeading && parseIndex(fHeading, part.swapped, index) && readByIndex(index)) {
-        committedRows = fLogical - part.row0Pos;
-        if (lastRewritten && !options.onlyCommitted) takeJoining();
-    } else {
-        walk();
-        commitWalked(options.onlyCommitted);
-    }
+    walk();
+    segments = withSizes(segments, fIndex, part.row0Pos);
+    commit(options.onlyCommitted);
     if (segments.empty()) return hadIndex || fCount == 0;
     return std::any_of(segments.begin(), segments.end(), [](const surveySegment& s) { return s.length != 0; });
 }
@@ -83,7 +68,7 @@ bool partSurvey::run(const recoverOptions& options) {
 std::optional<foundPart> partSurvey::locate(const recoverOptions& options) {
     if (options.part) return options.part;
     if (const std::optional<foundPart> found = findPart(fFile.GetNameStr().GetGeneric())) return found;
-    const std::optional<std::int64_t> first = nextStream(kHeadingSize + 1, fFileSize);
+    const std::optional<std::int64_t> first = nextStream(kHeadingSize + 1, fWindow.fileSize());
     if (!first) return std::nullopt;
     return foundPart{*first - kHeadingSize, false};
 }
@@ -94,156 +79,172 @@ void partSurvey::takeHeading() {
     } catch (const DamagedFileError&) {
         return;
     }
-    const std::int64_t first = part.row0Pos + kHeadingSize;
-    hadHeading = fHeading._size >= kRecordSize && fHeading._indexPos >= first;
-    if (!hadHeading || fHeading._size % kRecordSize != 0 || fHeading._size >> 32 != 0) return;
+    hadHeading = breachOf(fHeading) == nullptr;
+    if (!hadHeading) return;
+    fLimit = fHeading._indexPos;
     const std::int64_t count = fHeading._size / kRecordSize - 1;
-    if (count <= (fHeading._indexPos - first) / kShortestStream) fCount = count;
+    if (count <= (fLimit - part.row0Pos - kHeadingSize) / kShortestStream) fCount = count;
+    takeIndex(fHeading, part.swapped);
 }
 
-bool partSurvey::parseIndex(const compressionHeading& heading, bool swapped, filePosInfo& index) {
-    try {
-        loadIndex(fFile, heading, swapped, index);
+void partSurvey::walk() {
+    fPlace = fNextPlace = part.row0Pos + kHeadingSize;
+    while (fPlace < fWindow.fileSize() && !allSeen()) {
+        if (const std::optional<stream> found = streamAt(fPlace)) {
+            takeBlock(*found);
+        } else if (!bridge()) {
+            return;
+        }
+    }
+}
+
+bool partSurvey::allSeen() const {
+    return hadIndex && (fIndex.empty() || bLastAsRecorded || endOf(fIndex.size() - 1) == fPlace);
+}
+
+// Length or rows as recorded: one of the two can lie. A last block with other ones was rewritten by an append, which
+// may have added more.
+void partSurvey::takeBlock(const stream& found) {
+    const std::optional<std::size_t> number = numberHere();
+    segments.push_back({found.rows, fPlace, number, found.length});
+    if (number) {
+        const filePosRecord& record = fIndex[*number];
+        fNext = *number;
+        fNextPlace = fPlace + record.translateSize;
+        const bool asRecorded = record.orginalSize == segments.back().size || fNextPlace == fPlace + found.length;
+        bLastAsRecorded = asRecorded && fNext + 1 == fIndex.size();
+        lastRewritten = !asRecorded && fNext + 1 == fIndex.size();
+    }
+    ++fNext;
+    fPlace += found.length;
+    fPatience.earn(kEarnedByBlock * workOf(found.rows, found.length));
+    fUsualLength = found.length;
+}
+
+// Over what is no whole stream to the next one that is. False at the end of what there is.
+bool partSurvey::bridge() {
+    if (!hadIndex && !bLookedForIndex) findLaterIndex();
+    if (fPlace >= fLimit || (hadIndex && (allSeen() || fNext >= fIndex.size()))) return false;
+    const std::int64_t end = hadIndex ? fLimit : fWindow.fileSize();
+    const std::optional<std::size_t> number = numberHere();
+    auto [next, sure] = resumeByIndex(number.has_value());
+    fWindow.newlyPassed();
+    if (!sure) {
+        if (const auto earlier = nextStream(fPlace + 1, next.value_or(end))) {
+            next = earlier;
+            fNext = number.value_or(fNext) + 1;
+        }
+    }
+    const bool givenUp = !next && fPatience.exhausted();
+    if (!next && !hadIndex && !givenUp) return false;
+    const std::int64_t most = mostRowsOf(next.value_or(end) - fPlace - fWindow.newlyPassed());
+    segments.push_back({std::min<std::int64_t>(kBlockSize, most), fPlace, number, 0, true,
+                        givenUp    ? kGivenUp
+                        : hadIndex ? kDamaged
+                                   : kDamagedUntold,
+                        most});
+    fPlace = next.value_or(fPlace);
+    return next.has_value();
+}
+
+// The first place behind this one that a record names and where a whole stream stands. Where all records up to there
+// name one place behind the other, nothing was overlooked.
+partSurvey::resumption partSurvey::resumeByIndex(bool inStep) {
+    std::int64_t end = inStep ? fPlace : kNowhere;  // of the record before
+    std::int64_t tried = fPlace;
+    const auto resumes = [&](std::int64_t place, std::size_t number) {
+        const bool isNew = place > fPlace && place < fLimit && std::exchange(tried, place) != place;
+        if (!isNew || number == fIndex.size() || !streamAt(place)) return false;
+        fNext = number;
+        fNextPlace = place;
         return true;
-    } catch (const DamagedFileError&) {
-        return false;
+    };
+    for (std::size_t i = fNext; i < fIndex.size(); ++i) {
+        const std::int64_t place = placeOf(i);
+        if (resumes(place, i)) return {place, inStep};
+        inStep = inStep && (place == end || end == fPlace);
+        end = (end == fPlace ? fPlace : place) + fIndex[i].translateSize;
+        if (resumes(end, i + 1)) return {end, inStep};
+        fPatience.earn(kEarnedBySearch * std::clamp<std::int64_t>(fIndex[i].translateSize, 0, kBlockSize));
     }
+    return {std::nullopt, inStep && hadIndex};
 }
 
-// False for an index that tells of other blocks than those that stand there.
-bool partSurvey::readByIndex(const filePosInfo& index) {
-    const std::vector<surveySegment> before = std::exchange(segments, {});
-    const std::int64_t takenBefore = fTaken;
-    fPlace = part.row0Pos + kHeadingSize;
-    bPlaceSure = true;
-    hadIndex = true;
-    fLogical = part.row0Pos;
-    for (std::uint32_t i = 0; i < index.parsedCount() && hadIndex; ++i) {
-        hadIndex = (fLogical - part.row0Pos) / kBestRatio <= fFileSize && takeRecord(index, i);
-    }
-    if (!hadIndex) {
-        segments = before;
-        fWasted += fTaken - takenBefore;
-        fTaken = takenBefore;
+bool partSurvey::takeIndex(const compressionHeading& heading, bool swapped) {
+    try {
+        std::vector<filePosRecord> index = readRecords(fFile, heading, swapped).records;
+        if (bLookedForIndex && !tellsOfBlocksSeen(index, heading._indexPos)) return false;
+        fIndex = std::move(index);
+        fLimit = heading._indexPos;
+        fNext = segments.size();
+        hadIndex = true;
+    } catch (const DamagedFileError&) {
     }
     return hadIndex;
 }
 
-// Blocks follow each other without gaps. So behind a block that could be read stands the next one, whatever its record
-// says; and a whole stream knows better than its record how long it is. Both its record and the next one being wrong
-// about its end, though, is no damage: the index is that of a former life.
-bool partSurvey::takeRecord(const filePosInfo& index, std::uint32_t i) {
-    const filePosRecord& record = index.parsed(i);
-    const auto [size, sure] = recordedSize(index, i, fLogical);
-    const bool last = i + 1 == index.parsedCount();
-    const std::int64_t recorded = record.translatePos;
-    std::optional<std::int64_t> tried;
-    for (const std::int64_t place : {bPlaceSure ? fPlace : recorded, bPlaceSure ? recorded : fPlace}) {
-        if (tried == place) continue;
-        tried = place;
-        const std::optional<stream> found = streamAt(place);
-        if (!found) continue;
-        const std::int64_t end = place + found->length;
-        const bool endsAsRecorded =
-            found->length == std::int64_t{record.translateSize} || (!last && end == index.parsed(i + 1).translatePos);
-        if (!endsAsRecorded && !(last && (found->rows == size || place == fPlace))) {
-            fWasted += workOf(*found);
-            if (bPlaceSure && place == fPlace) return false;
-            continue;
-        }
-        take(*found, place);
-        lastRewritten = last && !endsAsRecorded && found->rows != size;
-        fLogical += lastRewritten ? size : found->rows;
-        fPlace = end;
-        bPlaceSure = true;
-        return true;
-    }
-    segments.push_back({size, recorded, 0, !sure, outOfPatience() ? kGivenUp : "its block is damaged"});
-    fLogical += size;
-    fPlace = recorded >= 0 && recorded <= fFileSize ? recorded + record.translateSize : kUnknown;
-    bPlaceSure = false;
-    return true;
+// The heading may be lost or point elsewhere, and an index stand further on.
+void partSurvey::findLaterIndex() {
+    bLookedForIndex = true;
+    fWindow.find(fPlace, fWindow.fileSize(), kRecordSize,
+                 [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
+                     return fPatience.exhausted() || takeLaterIndex(place, bytes);
+                 });
 }
 
-// An append that cut rows may have written further blocks and not yet reached the old index.
-void partSurvey::takeJoining() {
-    while (const std::optional<stream> found = streamAt(fPlace)) {
-        take(*found, fPlace);
-        fPlace += found->length;
-    }
-}
-
-// From block to block, each telling where it ends. Where that ends, an index may still tell of what comes then.
-void partSurvey::walk() {
-    std::int64_t place = part.row0Pos + kHeadingSize;
-    bool searched = false;
-    while (place < fFileSize) {
-        if (const std::optional<stream> found = streamAt(place)) {
-            take(*found, place);
-            place += found->length;
-            continue;
-        }
-        if (!searched && readByLaterIndex(place)) return;
-        searched = true;
-        // What stands behind the old index is there only as far as it joins on.
-        if (hadHeading && place >= fHeading._indexPos) return;
-        const std::optional<std::int64_t> next = nextStream(place + 1, fFileSize);
-        if (!next && outOfPatience()) segments.push_back({kBlockSize, place, 0, true, kGivenUp});
-        if (!next) return;
-        segments.push_back({std::min<std::int64_t>(kBlockSize, (*next - place) * kBestRatio), place, 0, true,
-                            "its block is damaged, and no index tells its size"});
-        place = *next;
-    }
-}
-
-// The first index from `from` on that tells of the blocks seen so far what they told themselves.
-bool partSurvey::readByLaterIndex(std::int64_t from) {
-    for (std::int64_t at = from; at + kRecordSize <= fFileSize && !outOfPatience();) {
-        const std::uint32_t count = fFile.Read(fWindow.get(), kBlockSize, at);
-        if (count < kRecordSize) break;
-        for (std::uint32_t i = 0; i + kRecordSize <= count && !outOfPatience(); ++i) {
-            filePosRecord first;
-            std::memcpy(&first, fWindow.get() + i, sizeof first);
-            const bool swapped = swapBytes(first.orginalPos) == kFirstRecordMark;
-            if (!swapped && first.orginalPos != kFirstRecordMark) continue;
-            if (swapped) swapRecord(first);
-            filePosInfo index(kBlockSize, fFile.GetNameStr().GetGeneric());
-            const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
-            if (parseIndex({part.row0Pos, at + i, size}, swapped, index) && continuesWalk(index, from) &&
-                readByIndex(index)) {
-                return true;
-            }
-            fWasted += kTrial + std::clamp<std::int64_t>(size, 0, fFileSize - at);
-        }
-        at += count - kRecordSize + 1;
-    }
+bool partSurvey::takeLaterIndex(std::int64_t place, const unsigned char* bytes) {
+    filePosRecord first;
+    std::memcpy(&first, bytes, sizeof first);
+    const bool swapped = swapBytes(first.orginalPos) == kFirstRecordMark;
+    if (!swapped && first.orginalPos != kFirstRecordMark) return false;
+    if (swapped) swapRecord(first);
+    const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
+    if (takeIndex({part.row0Pos, place, size}, swapped)) return true;
+    fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
+    fPatience.spend(kTrial + std::clamp<std::int64_t>(size, 0, fWindow.fileSize() - place));
     return false;
 }
 
-bool partSurvey::continuesWalk(const filePosInfo& index, std::int64_t from) const {
-    if (index.parsedCount() < segments.size()) return false;
-    for (std::uint32_t i = 0; i < segments.size(); ++i) {
-        const filePosRecord& record = index.parsed(i);
-        const surveySegment& seen = segments[i];
-        if (record.translatePos != seen.place || record.translateSize != static_cast<std::int64_t>(seen.length) ||
-            record.orginalSize != seen.size) {
-            return false;
-        }
+// One that no heading points to is believed if it says of all blocks seen what they said themselves.
+bool partSurvey::tellsOfBlocksSeen(const std::vector<filePosRecord>& index, std::int64_t place) const {
+    const auto same = [](const surveySegment& seen, const filePosRecord& record) {
+        return record.translatePos == seen.place && record.translateSize == std::int64_t{seen.length} &&
+               record.orginalSize == seen.size;
+    };
+    if (index.size() < segments.size() || !std::equal(segments.begin(), segments.end(), index.begin(), same))
+        return false;
+    if (index.size() > segments.size()) return index[segments.size()].translatePos == fPlace;
+    return !segments.empty() || place == fPlace;
+}
+
+std::int64_t partSurvey::placeOf(std::size_t number) const {
+    const std::int64_t place = fIndex[number].translatePos;
+    return place <= fWindow.fileSize() ? place : kNowhere;
+}
+std::int64_t partSurvey::endOf(std::size_t number) const {
+    return placeOf(number) + fIndex[number].translateSize;
+}
+
+// The record that tells of the place where the walk is: the next one, by its own word or by the end of the one before;
+// else a later one.
+std::optional<std::size_t> partSurvey::numberHere() {
+    if (fNext < fIndex.size() && (fNextPlace == fPlace || placeOf(fNext) == fPlace)) return fNext;
+    for (std::size_t i = fNext; i < fIndex.size() && !fPatience.exhausted(); ++i) {
+        fPatience.spend(kRecordSize);
+        if (placeOf(i) == fPlace) return i;
     }
-    return index.parsedCount() == segments.size() ||
-           index.parsed(static_cast<std::uint32_t>(segments.size())).translatePos == from;
+    return std::nullopt;
 }
 
 // The heading of a part whose index is gone still tells where the index stood and how many blocks it had.
-void partSurvey::commitWalked(bool onlyCommitted) {
+void partSurvey::commit(bool onlyCommitted) {
     if (hadHeading && fCount && !hadIndex) addMissing(*fCount);
     const std::size_t committed = committedSegments();
     for (std::size_t i = 0; i < committed; ++i) committedRows += segments[i].size;
-    if (committed != 0) {
+    if (committed != 0 && segments[committed - 1].length != 0) {
         const surveySegment& last = segments[committed - 1];
-        lastRewritten =
-            last.length != 0 && (last.place + last.length > fHeading._indexPos ||
-                                 (committed < segments.size() && segments[committed].place < fHeading._indexPos));
+        const bool goesOn = committed < segments.size() && segments[committed].place < fHeading._indexPos;
+        lastRewritten = lastRewritten || goesOn || last.place + last.length > fHeading._indexPos;
     }
     if (onlyCommitted) segments.resize(committed);
 }
@@ -266,37 +267,22 @@ void partSurvey::addMissing(std::int64_t count) {
     if (missing <= 0) return;
     const auto gap = std::find_if(segments.begin(), segments.end(), [](const auto& s) { return s.length == 0; });
     if (gap != segments.end()) {
-        const std::int64_t end = gap + 1 == segments.end() ? fFileSize : (gap + 1)->place;
-        gap->size = std::min((missing + 1) * kBlockSize, (end - gap->place) * kBestRatio);
+        gap->size = std::min((missing + 1) * kBlockSize, gap->most);
         return;
     }
-    const std::int64_t place =
-        segments.empty() ? part.row0Pos + kHeadingSize : segments.back().place + segments.back().length;
-    segments.push_back({missing * kBlockSize, place, 0, true, "its blocks are gone, and no index tells their size"});
-}
-
-void partSurvey::take(const stream& found, std::int64_t place) {
-    segments.push_back({found.rows, place, found.length, false, nullptr});
-    fTaken += workOf(found);
-    fUsualLength = found.length;
-}
-
-bool partSurvey::outOfPatience() const {
-    return (fWasted - kPatience - kPatienceForTaken * fTaken) / kPatienceForByte > fFileSize;
-}
-
-std::int64_t partSurvey::workOf(const stream& found) {
-    return kTrial + found.rows + found.length;
+    segments.push_back(
+        {missing * kBlockSize, fPlace, {}, 0, true, "its blocks are gone, and no index tells their size"});
 }
 
 std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place) {
-    if (place < part.row0Pos + kHeadingSize || place >= fFileSize || outOfPatience()) return std::nullopt;
+    if (place < part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || fPatience.exhausted())
+        return std::nullopt;
     const std::int64_t before = fRead;
     const blockOutcome outcome = inflateAt(place, fUsualLength + fUsualLength / 4);
     if (outcome.end == blockOutcome::complete && outcome.produced != 0) {
         return stream{outcome.produced, outcome.consumed};
     }
-    fWasted += workOf({outcome.produced, outcome.consumed}) + fRead - before;
+    fPatience.spend(workOf(outcome.produced, outcome.consumed) + fRead - before);
     return std::nullopt;
 }
 
@@ -312,23 +298,18 @@ blockOutcome partSurvey::inflateAt(std::int64_t place, std::uint32_t firstRead) 
     }
 }
 
-// The first place from `from` on where a whole stream stands.
+// The first place from `from` on where a whole stream stands. A look into the window comes first: nearly all that look
+// like a stream end within some bytes.
 std::optional<std::int64_t> partSurvey::nextStream(std::int64_t from, std::int64_t end) {
-    for (std::int64_t at = from; at + 2 <= end && !outOfPatience();) {
-        const std::uint32_t count = fFile.Read(fWindow.get(), kBlockSize, at);
-        if (count < 2) break;
-        for (std::uint32_t i = 0; i + 2 <= count && !outOfPatience(); ++i) {
-            if (!couldBeginStream(fWindow.get() + i)) continue;
-            // A look into the window first: nearly all that look like a stream end within some bytes.
-            const blockOutcome glance = fCodec.inflateWhole(fWindow.get() + i, count - i, fRows.get(), kBlockSize);
-            const bool ranOut = glance.end == blockOutcome::incomplete && glance.consumed == count - i;
-            if (glance.end == blockOutcome::complete && glance.produced != 0) return at + i;
-            fWasted += workOf({glance.produced, glance.consumed});
-            if (ranOut && streamAt(at + i)) return at + i;
-        }
-        at += count - 1;
-    }
-    return std::nullopt;
+    const auto isStream = [&](std::int64_t place, const unsigned char* bytes, std::uint32_t count) {
+        if (!couldBeginStream(bytes) || fPatience.exhausted()) return false;
+        fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
+        const blockOutcome glance = fCodec.inflateWhole(bytes, count, fRows.get(), kBlockSize);
+        if (glance.end == blockOutcome::complete) return glance.produced != 0;
+        fPatience.spend(workOf(glance.produced, glance.consumed));
+        return glance.consumed == count && streamAt(place).has_value();
+    };
+    return fWindow.find(from, end, 2, isStream);
 }
 
 const unsigned char* partSurvey::rowsOf(const surveySegment& segment) {

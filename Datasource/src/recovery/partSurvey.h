@@ -1,17 +1,20 @@
-// partSurvey: where the blocks of a damaged or unfinished part stand, as far as its heading, its index, or the blocks
-// themselves tell. A block needs no index to be found: it is one zlib stream, which says itself where it ends and
-// whether it is whole.
+// partSurvey: where the blocks of a damaged or unfinished part stand. It walks: a block is one zlib stream, which says
+// itself where it ends and whether it is whole. Where no whole stream stands, an index tells where to go on and how
+// many rows are missing.
 //
-// Owner:   the caller owns the file; a survey owns three blocks of memory and its findings.
+// Owner:   the caller owns the file; a survey owns two blocks of memory, a window, one index and its findings.
 // Threads: one at a time.
 // Failure: FileError from the disk.
-// Work:    bounded by the size of the file and of the rows found in it, whatever its bytes have been made to look like.
+// Work:    bounded by the bytes that the file really stores and the rows found in it, whatever they have been made to
+//          look like.
 #pragma once
 
 #include "base/blockBuffer.h"
-#include "format/filePosInfo.h"
+#include "format/indexTransfer.h"
+#include "recovery/fileWindow.h"
+#include "recovery/gapSizes.h"
+#include "recovery/patience.h"
 
-#include <orva/blockSize.h>
 #include <orva/file.h>
 #include <orva/inspect.h>
 #include <orva/zlibCompress.h>
@@ -21,15 +24,6 @@
 #include <vector>
 
 namespace orva {
-
-// A stretch of rows: one block, or rows that are lost.
-struct surveySegment {
-    std::int64_t size;     // bytes of rows
-    std::int64_t place;    // file offset of the block, or where the lost one should stand
-    std::uint32_t length;  // of the block in the file; 0: lost
-    bool estimated;        // the size of a lost stretch is a guess
-    const char* why;       // it is lost
-};
 
 class partSurvey {
 public:
@@ -49,48 +43,56 @@ public:
     std::vector<surveySegment> segments;
 
 private:
-    static constexpr std::int64_t kUnknown = -1;
     struct stream {
         std::uint32_t rows;
         std::uint32_t length;
     };
+    struct resumption {
+        std::optional<std::int64_t> place;
+        bool sure;  // no block before it was overlooked
+    };
 
     std::optional<foundPart> locate(const recoverOptions& options);
     void takeHeading();
-    // By an index.
-    bool parseIndex(const compressionHeading& heading, bool swapped, filePosInfo& index);
-    bool readByIndex(const filePosInfo& index);
-    bool takeRecord(const filePosInfo& index, std::uint32_t i);
-    void takeJoining();
-    // Without the one that the heading points to.
+    // The walk.
     void walk();
-    bool readByLaterIndex(std::int64_t from);
-    bool continuesWalk(const filePosInfo& index, std::int64_t from) const;
-    void commitWalked(bool onlyCommitted);
+    bool allSeen() const;
+    void takeBlock(const stream& found);
+    bool bridge();
+    resumption resumeByIndex(bool inStep);
+    // What an index says.
+    bool takeIndex(const compressionHeading& heading, bool swapped);
+    void findLaterIndex();
+    bool takeLaterIndex(std::int64_t place, const unsigned char* bytes);
+    bool tellsOfBlocksSeen(const std::vector<filePosRecord>& index, std::int64_t place) const;
+    std::int64_t placeOf(std::size_t number) const;
+    std::int64_t endOf(std::size_t number) const;
+    std::optional<std::size_t> numberHere();
+    // What the heading vouches for.
+    void commit(bool onlyCommitted);
     std::size_t committedSegments() const;
     void addMissing(std::int64_t count);
-
+    // Single streams.
     std::optional<stream> streamAt(std::int64_t place);
     blockOutcome inflateAt(std::int64_t place, std::uint32_t firstRead);
     std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end);
-    void take(const stream& found, std::int64_t place);
-    bool outOfPatience() const;
-    static std::int64_t workOf(const stream& found);
 
     ORVA_File& fFile;
-    const std::int64_t fFileSize;
+    fileWindow fWindow;
     compressionHeading fHeading{};
     std::optional<std::int64_t> fCount;  // blocks that the heading vouches for
-    std::int64_t fPlace = kUnknown;      // behind the block taken last, where the next one begins
-    std::int64_t fLogical = 0;           // the same in rows, as far as an index is followed
-    bool bPlaceSure = false;             // that block was read, so fPlace outranks a record
-    std::int64_t fWasted = 0;            // bytes through the codec for nothing
-    std::int64_t fTaken = 0;             // for the segments
-    std::int64_t fRead = 0;              // from the file, for blocks
+    std::vector<filePosRecord> fIndex;
+    std::int64_t fLimit;           // what stands from here on is there only as far as it joins on
+    std::int64_t fPlace = 0;       // behind the block taken last, where the next one begins
+    std::size_t fNext = 0;         // the number of that one, as far as an index knows it
+    std::int64_t fNextPlace = 0;   // where that one stands by the length of the record before
+    bool bLastAsRecorded = false;  // the last block that an index tells of was taken
+    bool bLookedForIndex = false;
+    patience fPatience;
+    std::int64_t fRead = 0;  // from the file, for blocks
     std::uint32_t fUsualLength = kBlockSize;
     zlibCompressBlock fCodec;
     blockBuffer fCompressed;
-    blockBuffer fWindow;
     blockBuffer fRows;
 };
 

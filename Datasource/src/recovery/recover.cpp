@@ -20,11 +20,13 @@ namespace orva {
 
 namespace {
 
+// Its holes stay holes.
 void copyDictionary(ORVA_File& from, ORVA_FileStream& to, std::int64_t size) {
     blockBuffer buffer(kBlockSize);
-    for (std::int64_t at = 0; at < size;) {
+    for (std::int64_t at = from.nextStored(0); at < size; at = from.nextStored(at)) {
         const auto piece = static_cast<std::uint32_t>(std::min<std::int64_t>(size - at, kBlockSize));
         const std::uint32_t count = from.Read(buffer.get(), piece, at);
+        to.Seek(at, ORVA_StrBaseIO::SeekFromStart);
         to.Write(buffer.get(), count);
         if (count < piece) throw DamagedFileError(from.GetNameStr().GetGeneric(), "ret == size", "it ends too soon");
         at += count;

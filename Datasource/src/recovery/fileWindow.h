@@ -1,0 +1,72 @@
+// fileWindow: a piece of a file in memory, which moves along with whoever looks through the file for something. Holes
+// are passed over, since nothing that is looked for begins in one.
+//
+// Owner:   the caller owns the file.
+// Failure: FileError from the disk.
+#pragma once
+
+#include "base/blockBuffer.h"
+#include "format/indexTransfer.h"
+
+#include <orva/file.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+namespace orva {
+
+class fileWindow {
+public:
+    explicit fileWindow(ORVA_File& file) : fFile(file), fFileSize(lengthOf(file)), fBytes(kSize) {}
+
+    std::int64_t fileSize() const { return fFileSize; }
+
+    // The first place from `from` on, where `size` bytes end at `end` at the latest, that `isIt(place, bytes, count)`
+    // takes. It is shown the bytes from there to the window's end, `size` or more.
+    template <class Test>
+    std::optional<std::int64_t> find(std::int64_t from, std::int64_t end, std::uint32_t size, Test isIt) {
+        for (std::int64_t at = from; at <= std::min(end, fFileSize) - size;) {
+            if (!holds(at, size)) at = moveTo(at, size);
+            const std::int64_t count = std::min(fAt + fCount, end) - at;
+            if (count < size) break;
+            const unsigned char* bytes = fBytes.get() + (at - fAt);
+            for (std::int64_t i = 0; i + size <= count; ++i) {
+                if (isIt(at + i, bytes + i, static_cast<std::uint32_t>(count - i))) return at + i;
+            }
+            at += count - size + 1;
+        }
+        return std::nullopt;
+    }
+
+    // Bytes read, and passed over in holes, since this was asked last.
+    std::int64_t newlyRead() { return std::exchange(fRead, 0); }
+    std::int64_t newlyPassed() { return std::exchange(fPassed, 0); }
+
+private:
+    // Not more, since each page between two holes costs one.
+    static constexpr std::uint32_t kSize = 1U << 18;
+
+    bool holds(std::int64_t at, std::uint32_t size) const { return at >= fAt && at + size <= fAt + fCount; }
+
+    // What is looked for may have zeros in front, so `size` - 1 bytes before the next ones that are stored count too.
+    std::int64_t moveTo(std::int64_t at, std::uint32_t size) {
+        const std::int64_t next = std::min(fFile.nextStored(at), fFileSize);
+        fAt = std::max(at, next - size + 1);
+        fPassed += fAt - at;
+        fCount = fFile.Read(fBytes.get(), kSize, fAt);
+        fRead += fCount;
+        return fAt;
+    }
+
+    ORVA_File& fFile;
+    const std::int64_t fFileSize;
+    blockBuffer fBytes;
+    std::int64_t fAt = 0;
+    std::int64_t fCount = 0;
+    std::int64_t fRead = 0;
+    std::int64_t fPassed = 0;
+};
+
+}  // namespace orva
