@@ -69,7 +69,7 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
     fOpenErrno = IsOpen() ? 0 : errno;
     if (IsOpen()) {
         const std::int64_t place = platform::_lseeki64(fDescriptor, 0, ModeHasChar(mode, 'a') ? SEEK_END : SEEK_SET);
-        fHasPlaces = place != -1;
+        fHasPlaces = place != -1 || errno != ESPIPE;
         fPosition = ModeHasChar(mode, 'a') ? place : 0;
     }
     fGood.store(IsOpen(), std::memory_order_relaxed);
@@ -138,7 +138,6 @@ std::int64_t ORVA_File::Size() const {
 std::int64_t ORVA_File::nextStored(std::int64_t byteOffset) const {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return byteOffset;
-    fMustSeek = true;
     return platform::nextStored(fDescriptor, byteOffset);
 }
 
