@@ -14,30 +14,52 @@
 
 namespace support {
 
-// The vector says what the stream must read, and a position where it must stand.
+// The vector says what the stream must read, and a position where it must stand. An appending stream's bytes belong at
+// the end, wherever it stands.
 class ModelStream {
 public:
     ModelStream(const std::string& file, const char* mode, Bytes& content, bool encrypted = false)
-        : fStream(new ORVA_FileStream(file.c_str(), mode, encrypted)), fContent(content) {}
+        : fStream(new ORVA_FileStream(file.c_str(), mode, encrypted)),
+          fContent(content),
+          fMode(mode),
+          fEncrypted(encrypted) {
+        fPadded = padded();
+        moveTo(appends() ? std::ssize(content) : 0);
+    }
     // A copy: at position 0, sharing the file and so the content.
-    ModelStream(const ModelStream& source) : fStream(new ORVA_FileStream(*source.fStream)), fContent(source.fContent) {}
+    ModelStream(const ModelStream& source)
+        : fStream(new ORVA_FileStream(*source.fStream)),
+          fContent(source.fContent),
+          fMode(source.fMode),
+          fEncrypted(source.fEncrypted),
+          fPadded(source.padded()) {}
 
     ORVA_FileStream& stream() { return *fStream; }
     std::int64_t position() const { return fPosition; }
+    std::int64_t end() const { return std::max<std::int64_t>(std::ssize(fContent), fEncrypted ? fPadded : 0); }
+    bool reads() const { return fMode.find_first_of("r+") != std::string::npos; }
+    bool appends() const { return fMode[0] == 'a'; }
 
     void read(std::size_t size) {
         Bytes bytes(size);
-        bytes.resize(fStream->Read(bytes.data(), static_cast<std::uint32_t>(size)));
+        try {
+            bytes.resize(fStream->Read(bytes.data(), static_cast<std::uint32_t>(size)));
+        } catch (const FileError& error) {
+            if (reads()) throw;
+            EXPECT_EQ(error.code().value(), EBADF);
+            bytes.resize(static_cast<std::size_t>(fStream->Tell() - fPosition));
+            size = bytes.size();
+        }
         EXPECT_TRUE(sameBytes(bytes, slice(fContent, static_cast<std::size_t>(fPosition), size)));
         moveTo(fPosition + std::ssize(bytes));
     }
     void write(const Bytes& bytes) {
         EXPECT_EQ(fStream->Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
-        fContent = with(std::move(fContent), bytes.empty() ? 0 : fPosition, bytes);
+        if (!bytes.empty()) fContent = with(std::move(fContent), appends() ? end() : fPosition, bytes);
         moveTo(fPosition + std::ssize(bytes));
     }
     void seek(std::int64_t offset, ORVA_StrBaseIO::SeekDirection direction = ORVA_StrBaseIO::SeekFromStart) {
-        const std::int64_t bases[] = {0, fPosition, std::ssize(fContent)};
+        const std::int64_t bases[] = {0, fPosition, end()};
         std::int64_t target = 0;
         const bool legal = !__builtin_add_overflow(bases[direction], offset, &target) && target >= 0;
         EXPECT_EQ(fStream->Seek(offset, direction), legal ? 0 : -1);
@@ -48,11 +70,29 @@ public:
         fStream->ClearAndReset();
         moveTo(0);
     }
+    // The file has the pad from then on; the stream itself knows which bytes are pad.
+    void close() {
+        EXPECT_EQ(fStream->Close(), 1);
+        fPadded = std::max(fPadded, padded());
+    }
+    // Its own file once more: a new object has the pad for data.
+    void reopen() {
+        EXPECT_EQ(fStream->Open(fStream->GetNameStr(), fMode.c_str()), 1);
+        if (fMode[0] == 'w') fContent.clear();
+        if (fEncrypted) fContent.resize(static_cast<std::size_t>(padded()));
+        fPadded = padded();
+        moveTo(appends() ? std::ssize(fContent) : 0);
+    }
     void moveTo(std::int64_t position) { EXPECT_EQ(fStream->Tell(), fPosition = position); }
 
 private:
+    std::int64_t padded() const { return (std::ssize(fContent) + 15) / 16 * 16; }
+
     std::unique_ptr<ORVA_FileStream> fStream;
     Bytes& fContent;
+    const std::string fMode;
+    const bool fEncrypted;
+    std::int64_t fPadded = 0;
     std::int64_t fPosition = 0;
 };
 
@@ -65,10 +105,10 @@ public:
         const std::lock_guard guard(fLock);
         return std::exchange(fTransfers, {});
     }
-    // The next such call fails, of the test's thread or of the others.
-    void fail(Call call, int error, bool ofOthers = false) {
+    // The next such call fails, of the test's thread or of the others, and moves `part` bytes before.
+    void fail(Call call, int error, bool ofOthers = false, std::uint64_t part = 0) {
         const std::lock_guard guard(fLock);
-        fFails = call, fError = error, fFailsOthers = ofOthers;
+        fFails = call, fError = error, fFailsOthers = ofOthers, fPart = part;
     }
     // Until the other threads have ended so many reads since the hook was installed.
     void awaitReads(int reads) const {
@@ -77,7 +117,8 @@ public:
     Verdict before(const platform::faults::Step& step) override {
         const std::lock_guard guard(fLock);
         const bool counts = step.call == fFails && onOtherThread() == fFailsOthers;
-        return {counts ? std::exchange(fError, 0) : 0, UINT64_MAX};
+        if (counts && fPart != 0) return Verdict::atMost(std::exchange(fPart, 0));
+        return Verdict::fail(counts ? std::exchange(fError, 0) : 0);
     }
     void after(const platform::faults::Step& step) override {
         const std::lock_guard guard(fLock);
@@ -103,6 +144,7 @@ private:
     Call fFails{};
     int fError = 0;
     bool fFailsOthers = false;
+    std::uint64_t fPart = 0;
     platform::faults::Installed fInstalled{*this};
 };
 
@@ -121,7 +163,6 @@ protected:
         SetKeepEncrypt(encrypted);
         content = random.noise(fileSize);
         model = std::make_unique<ModelStream>(made("data", content), mode, content, encrypted);
-        if (mode[0] == 'a') model->seek(0);
     }
     void close(bool encrypted = false) {
         if (encrypted) model->seek(0), model->read(content.size() + 1);
@@ -131,7 +172,7 @@ protected:
     }
     ORVA_FileStream& s() { return model->stream(); }
     void run(const std::string& script) {
-        static const std::map<char, int> errors{{'R', EIO}, {'W', ENOSPC}, {'B', EFBIG}, {'I', EINVAL}};
+        static const std::map<char, int> errors{{'R', EIO}, {'W', ENOSPC}, {'P', ENOSPC}, {'B', EFBIG}, {'I', EINVAL}};
         std::istringstream steps(script);
         int expected = 0;
         // No further once one failed: what it waits for may never come.
@@ -166,19 +207,20 @@ protected:
         {'r', [&](auto n) { model->read(static_cast<std::size_t>(n)); }},
         {'w', [&](auto n) { model->write(random.noise(static_cast<std::size_t>(n))); }},
         {'f', [&](auto) { EXPECT_EQ(s().Flush(), 1); }},
-        {'c', [&](auto) { EXPECT_EQ(s().Close(), 1); }},
+        {'c', [&](auto) { model->close(); }},
         {'g', [&](auto good) { EXPECT_EQ(s().Good(), good); }},
         {'G', [&](auto) { s().Clear(); }},
         {'d', [&](auto n) { s().Write("dropped", static_cast<std::uint32_t>(n)), model->reset(); }},
-        {'o', [&](auto) { s().Open(s().GetNameStr(), "r+b"), model->moveTo(0); }},
+        {'o', [&](auto) { model->reopen(); }},
         {'k', [&](auto) { model = std::make_unique<ModelStream>(*model); }},  // goes on with a copy
         {'p', [&](auto on) { on ? s().EnablePreReading() : s().DisablePreReading(); }},
         {'t', [&](auto on) { on ? s().EnableMultiThreadReading() : s().DisableMultiThreadReading(); }},
-        // Waits for the n-th read of another thread. R, W: the next step's call fails, B, I: without a hook. A:
-        // another thread's.
+        // Waits for the n-th read of another thread. R, W: the next step's call fails, P: after n bytes; B, I: without
+        // a hook. A: another thread's.
         {'a', [&](auto n) { calls->awaitReads(static_cast<int>(n)); }},
         {'R', [&](auto) { calls->fail(Call::Read, EIO); }},
         {'W', [&](auto) { calls->fail(Call::Write, ENOSPC); }},
+        {'P', [&](auto n) { calls->fail(Call::Write, ENOSPC, false, static_cast<std::uint64_t>(n)); }},
         {'B', [](auto) {}},
         {'I', [](auto) {}},
         {'A', [&](auto) { calls->fail(Call::Read, EIO, true); }},

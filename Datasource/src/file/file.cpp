@@ -83,6 +83,10 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
     return IsOpen();
 }
 
+bool ORVA_File::Reads() const {
+    return (accessFlags(fMode.c_str()) & platform::_O_WRONLY) == 0;
+}
+
 int ORVA_File::Close() {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;

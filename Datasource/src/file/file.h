@@ -72,6 +72,8 @@ public:
     const ExtNameStr& GetNameStr() const { return fName; }
     bool IsEncrypted() const { return fEncrypted; }
     bool Appends() const { return fAppends; }
+    // The mode lets bytes be read.
+    ORVA_LOCAL bool Reads() const;
     // Where the bytes end that wait for the rest of their block; 0 when none do.
     ORVA_LOCAL std::int64_t waitingEnd() const;
     // The errno of the last failed Open, for the message of whoever reports it.

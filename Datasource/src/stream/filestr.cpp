@@ -79,8 +79,12 @@ std::int32_t ORVA_FileStream::Seek(std::int64_t offset, SeekDirection direction)
     if (direction == SeekFromEnd) {
         fData->fIOPos = fData->pRealFile->Size();
         base = fData->fIOPos;
-        if (fData->bDirty) base = std::max(base, fData->fpos + fData->buffered());
         base = std::max(base, fData->pRealFile->waitingEnd());
+        if (fData->holdsAppended()) {
+            base += fData->fDirtyEnd - fData->fDirtyBegin;
+        } else if (fData->bDirty) {
+            base = std::max(base, fData->fpos + fData->buffered());
+        }
     }
     std::int64_t target = 0;
     if (__builtin_add_overflow(base, offset, &target) || target < 0) return -1;
@@ -92,8 +96,8 @@ std::int32_t ORVA_FileStream::Seek(std::int64_t offset, SeekDirection direction)
 std::int32_t ORVA_FileStream::Open(const ExtNameStr& name, const ExtNameStr&, const char* mode) {
     // `name` may be the old file's own, which goes below.
     const ExtNameStr copy(name);  // NOLINT(performance-unnecessary-copy-initialization)
-    ORVA_FileStream::Close();
     RefCountPtr<ORVA_File> file(new ORVA_File(fData->bEncrypted));
+    ORVA_FileStream::Close();
     fData->dropBuffer();
     fData->fpIOThread = nullptr;
     fData->pRealFile = file;
@@ -101,8 +105,16 @@ std::int32_t ORVA_FileStream::Open(const ExtNameStr& name, const ExtNameStr&, co
     const bool opened = file->Open(copy, mode);
     fData->fIOPos = file->Tell();
     fStreamPos = fData->fIOPos;
-    if (opened && fMultiThreadReading > 0) EnableMultiThreadReading();
+    if (opened) renewWorker();
     return opened ? 1 : 0;
+}
+
+// A file without its read-ahead thread is read all the same.
+void ORVA_FileStream::renewWorker() {
+    try {
+        if (fMultiThreadReading > 0) EnableMultiThreadReading();
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+    }
 }
 
 std::int32_t ORVA_FileStream::Open(const char* name, const char* password, const char* mode) {
@@ -126,6 +138,8 @@ void ORVA_FileStream::ClearAndReset() {
     fData->fIOPos = 0;
     fStreamPos = 0;
     fData->fBufferEnd = fData->fBuffer;
+    fData->fDirtyBegin = -1;
+    fData->fDirtyEnd = -1;
 }
 
 const ExtNameStr& ORVA_FileStream::GetNameStr() const {

@@ -140,6 +140,7 @@ protected:
 
 private:
     ORVA_LOCAL void finishFile() const;
+    ORVA_LOCAL void renewWorker();
     // What Read and Write do beyond a copy within the buffer. Kept out of them, so that the copy saves no registers.
     [[gnu::noinline]] ORVA_LOCAL std::uint32_t readRequest(void* buffer, std::uint32_t size);
     [[gnu::noinline]] ORVA_LOCAL std::uint32_t writeRequest(const void* buffer, std::uint32_t size);
@@ -178,10 +179,18 @@ private:
     ORVA_LOCAL void copyThreaded(ReadRequest& request);
     ORVA_LOCAL void LoadBlock(std::int64_t position);
     ORVA_LOCAL void Write(WriteRequest& request);
+    ORVA_LOCAL bool joinsBuffer(std::int64_t position) const;
+    ORVA_LOCAL void copyIn(WriteRequest& request);
+    ORVA_LOCAL std::uint32_t sizePastBuffer(const WriteRequest& request);
+    ORVA_LOCAL void writeDirect(WriteRequest& request, std::uint32_t size);
+    ORVA_LOCAL void startBuffer(std::int64_t position);
+    ORVA_LOCAL void append(const unsigned char* bytes, std::uint32_t size);
     ORVA_LOCAL std::uint32_t writeFile(const unsigned char* bytes, std::uint32_t size, std::int64_t position);
-    ORVA_LOCAL bool writeIntoBuffer(WriteRequest& request);
-    ORVA_LOCAL void writeDirect(WriteRequest& request);
-    ORVA_LOCAL void startBuffer(WriteRequest& request);
+    // Enciphered files.
+    ORVA_LOCAL bool takesUpBlocks() const;
+    ORVA_LOCAL std::int64_t dataEnd() const;
+    ORVA_LOCAL void widenToBlocks();
+    ORVA_LOCAL void fillGap(std::int64_t position);
 
     // The buffered range: file offsets fpos up to fpos + buffered().
     std::uint32_t buffered() const { return static_cast<std::uint32_t>(fBufferEnd - fBuffer); }
@@ -190,24 +199,23 @@ private:
     }
     bool holds(std::int64_t position) const { return position >= fpos && offsetOf(position) < buffered(); }
     ORVA_LOCAL void dropBuffer();
+    ORVA_LOCAL void markClean();
     bool isOpen() const { return pRealFile.IsValid() != 0 && pRealFile->IsOpen(); }
+    // The buffer's bytes are going to the end of the file, wherever that will be: they serve no read.
+    bool holdsAppended() const { return bDirty && pRealFile->Appends(); }
     // For the requests that end in the buffer: where the first of the bytes stands, or null where more is to be done
     // than to copy them. One unsigned compare tells both sides of a range here; a size of 0 is in none.
     const unsigned char* servedFromBuffer(std::int64_t position, std::uint32_t size) const {
         const std::uint64_t offset = offsetOf(position);
         const bool held = offset < buffered() && size - 1U < buffered() - offset;
-        return held && isOpen() ? fBuffer + offset : nullptr;
+        return held && isOpen() && !holdsAppended() ? fBuffer + offset : nullptr;
     }
-    // Neither an empty buffer nor one that the write fills: the first has no place yet, the second is flushed.
+    // Right behind the bytes written last, and short of the end of the buffer, where it is flushed.
     unsigned char* takenByBuffer(std::int64_t position, std::uint32_t size) {
         const std::uint64_t offset = offsetOf(position);
-        const bool taken =
-            buffered() - 1U < kBlockSize - 1U && offset <= buffered() && size - 1U < kBlockSize - 1U - offset;
-        return taken && isOpen() && (bDirty || joinsClean()) ? fBuffer + offset : nullptr;
+        const bool taken = position == fDirtyEnd && offset + size < kBlockSize;
+        return taken && isOpen() ? fBuffer + offset : nullptr;
     }
-    // May a write join bytes that the file has already, which are then written again with it? Not in a file that is
-    // only appended to, where they would stand twice, nor within a block of an enciphered one.
-    ORVA_LOCAL bool joinsClean() const;
 
     alignas(kBufferAlignment) unsigned char fBuffer[kBlockSize];
     unsigned char* fBufferEnd = fBuffer;
@@ -217,5 +225,8 @@ private:
     bool bDirty = false;  // fBuffer holds bytes that the file lacks
     bool bEndOfFile = false;
     const bool bEncrypted;
+    // File offsets of the first byte that was written since the last flush, and past the last one; -1 without such.
+    std::int64_t fDirtyBegin = -1;
+    std::int64_t fDirtyEnd = -1;
     RefCountPtr<multiThreadForFilestr> fpIOThread;
 };

@@ -1,6 +1,7 @@
 // The paths of a stream's bytes: from the buffer, through it, and past it.
 #include "stream/multiThreadForFilestr.h"
 
+#include <orva/errtext.h>
 #include <orva/filestr.h>
 
 #include <algorithm>
@@ -11,6 +12,10 @@
 namespace {
 
 constexpr std::int64_t kSector = 512;
+
+// What helps where an enciphered write is refused.
+constexpr const char* kWholeBlocks =
+    "write whole blocks of 16 bytes from a multiple of 16 on, or use a mode that can read and write anywhere";
 
 constexpr std::int64_t sectorFloor(std::int64_t position) {
     return position / kSector * kSector;
@@ -50,11 +55,17 @@ ORVA_FileStream::Data::~Data() {
 void ORVA_FileStream::Data::dropBuffer() {
     fBufferEnd = fBuffer;
     fpos = -1;
+    markClean();
+}
+
+void ORVA_FileStream::Data::markClean() {
     bDirty = false;
+    fDirtyBegin = -1;
+    fDirtyEnd = -1;
 }
 
 std::uint32_t ORVA_FileStream::Read(void* buffer, std::uint32_t size) {
-    const bool plainRoad = fPreReading != 0 && fMultiThreadReading <= 0;
+    const bool plainRoad = fMultiThreadReading < fPreReading;  // each is 0 or 1
     const unsigned char* source = plainRoad ? fData->servedFromBuffer(fStreamPos, size) : nullptr;
     if (source == nullptr) return readRequest(buffer, size);
     fStreamPos += size;
@@ -64,6 +75,7 @@ std::uint32_t ORVA_FileStream::Read(void* buffer, std::uint32_t size) {
 
 std::uint32_t ORVA_FileStream::readRequest(void* buffer, std::uint32_t size) {
     if (size == 0 || !DataReady()) return 0;
+    if (fData->holdsAppended()) fData->Flush();
     ReadRequest request{static_cast<unsigned char*>(buffer), size, fStreamPos};
     if (fPreReading == 0) {
         fData->ReadDirect(request);
@@ -81,9 +93,9 @@ std::uint32_t ORVA_FileStream::Write(const void* buffer, std::uint32_t size) {
     const bool inRange = fStreamPos <= std::numeric_limits<std::int64_t>::max() - size;
     unsigned char* target = inRange ? fData->takenByBuffer(fStreamPos, size) : nullptr;
     if (target == nullptr) return writeRequest(buffer, size);
-    fData->fBufferEnd = std::max(fData->fBufferEnd, target + size);
-    fData->bDirty = true;
     fStreamPos += size;
+    fData->fDirtyEnd = fStreamPos;
+    fData->fBufferEnd = std::max(fData->fBufferEnd, target + size);
     copyFew(target, buffer, size);
     return size;
 }
@@ -193,57 +205,157 @@ std::uint32_t ORVA_FileStream::Data::refill(std::int64_t block) {
     bEndOfFile = count == 0;
     fBufferEnd = fBuffer + count;
     fpos = block;
-    bDirty = false;  // bytes that ClearAndReset dropped do not count
+    markClean();  // bytes that ClearAndReset dropped do not count
     return count;
 }
 
-void ORVA_FileStream::Data::Write(WriteRequest& request) {
-    if (fBufferEnd != fBuffer && !writeIntoBuffer(request)) Flush();
-    if (request._size >= kBlockSize) {
-        writeDirect(request);
-    } else if (request._size > 0) {
-        startBuffer(request);
+// What is left of a request once it has filled the buffer goes on behind it.
+void ORVA_FileStream::Data::Write(WriteRequest& request) try {
+    while (request._size > 0) {
+        if (!joinsBuffer(request._pos)) {
+            Flush();
+            const std::uint32_t past = sizePastBuffer(request);
+            if (past > 0) {
+                writeDirect(request, past);
+                continue;
+            }
+            startBuffer(request._pos);
+        }
+        copyIn(request);
     }
+} catch (const FileError& error) {
+    if (!pRealFile->IsEncrypted() || error.code().value() != EINVAL) throw;
+    throw error.withOutcome(kWholeBlocks);
 }
 
-bool ORVA_FileStream::Data::joinsClean() const {
-    if (pRealFile->Appends()) return false;
-    return !pRealFile->IsEncrypted() || fpos % CIPHER_BLOCK_SIZE == 0;
+// A write may begin among the valid bytes or exactly at their end, so that the buffer never holds a gap. Bytes that are
+// to be appended it only goes on behind, as they all go to the end of the file.
+bool ORVA_FileStream::Data::joinsBuffer(std::int64_t position) const {
+    if (pRealFile->Appends()) return position == fDirtyEnd;
+    const bool among = fBufferEnd != fBuffer && position >= fpos && offsetOf(position) <= buffered();
+    return among && offsetOf(position) < kBlockSize;
 }
 
-// True when the write began among the valid bytes or exactly at their end, so that the buffer never holds a gap. What
-// is left of the request then goes on behind a full, flushed buffer.
-bool ORVA_FileStream::Data::writeIntoBuffer(WriteRequest& request) {
-    if (!bDirty && !joinsClean()) return false;
-    if (request._pos < fpos || offsetOf(request._pos) > buffered() || offsetOf(request._pos) >= kBlockSize)
-        return false;
+void ORVA_FileStream::Data::copyIn(WriteRequest& request) {
     unsigned char* target = fBuffer + offsetOf(request._pos);
     const std::uint32_t count = std::min(request._size, static_cast<std::uint32_t>(fBuffer + kBlockSize - target));
     std::memcpy(target, request._buffer, count);
     fBufferEnd = std::max(fBufferEnd, target + count);
+    fDirtyBegin = fDirtyBegin < 0 ? request._pos : std::min(fDirtyBegin, request._pos);
+    fDirtyEnd = std::max(fDirtyEnd, request._pos + count);
     bDirty = true;
     request.Advance(count);
-    if (fBufferEnd == fBuffer + kBlockSize) Flush();
-    return true;
+    if (target + count == fBuffer + kBlockSize) Flush();
+}
+
+// How many of the request's bytes go to the file at once; 0: they start the buffer. The buffer of an enciphered file
+// starts on a cipher block. Where the mode can't read the bytes of that block which stand in the file already, or can't
+// write them again, what is left of it goes past the buffer: the file takes that behind bytes that wait, or refuses it.
+// What is appended may only name the end of the data, where it will stand.
+std::uint32_t ORVA_FileStream::Data::sizePastBuffer(const WriteRequest& request) {
+    const bool large = request._size >= kBlockSize;
+    if (!pRealFile->IsEncrypted()) return large ? request._size : 0;
+    const auto inBlock = static_cast<std::uint32_t>(request._pos % CIPHER_BLOCK_SIZE);
+    if (!takesUpBlocks()) {
+        const std::int64_t end = dataEnd();
+        if (pRealFile->Appends() && request._pos != end && end >= 0) pRealFile->refuseWrite(EINVAL);
+        if (inBlock > 0) return std::min(request._size, CIPHER_BLOCK_SIZE - inBlock);
+        if (request._pos < end) return request._size;
+    }
+    return large && inBlock == 0 ? request._size - request._size % CIPHER_BLOCK_SIZE : 0;
+}
+
+bool ORVA_FileStream::Data::takesUpBlocks() const {
+    return pRealFile->Reads() && !pRealFile->Appends();
+}
+
+// Where the data of an enciphered file end, with its pad. Part of a block, from a write that failed, is nothing. -1 if
+// the system can't tell.
+std::int64_t ORVA_FileStream::Data::dataEnd() const {
+    const std::int64_t size = pRealFile->Size();
+    return size < 0 ? size : std::max(size / CIPHER_BLOCK_SIZE * CIPHER_BLOCK_SIZE, pRealFile->waitingEnd());
 }
 
 // Past the buffer. Buffered bytes that the write covers are dropped first: they may neither be served to a later read
-// nor written back over the new ones.
-void ORVA_FileStream::Data::writeDirect(WriteRequest& request) {
+// nor written back over the new ones. So is a buffer that ends within a cipher block, of which others may now hold
+// more.
+void ORVA_FileStream::Data::writeDirect(WriteRequest& request, std::uint32_t size) {
     const std::int64_t begin = request._pos;
-    const bool overlaps = begin < fpos + buffered() && fpos < begin + request._size;
-    if (overlaps) dropBuffer();
-    const std::uint32_t count = writeFile(request._buffer, request._size, begin);
+    const bool encrypted = pRealFile->IsEncrypted();
+    const bool overlaps = begin < fpos + buffered() && fpos < begin + size;
+    if (overlaps || (encrypted && buffered() % CIPHER_BLOCK_SIZE != 0)) dropBuffer();
+    if (encrypted) fillGap(begin);
+    const std::uint32_t count = writeFile(request._buffer, size, begin);
     fIOPos = begin + count;
     request.Advance(count);
 }
 
-void ORVA_FileStream::Data::startBuffer(WriteRequest& request) {
-    fpos = request._pos;
-    std::memcpy(fBuffer, request._buffer, request._size);
-    bDirty = true;
-    fBufferEnd = fBuffer + request._size;
-    request.Advance(request._size);
+// Empty, or with what the file holds of the cipher block that `position` lies in.
+void ORVA_FileStream::Data::startBuffer(std::int64_t position) {
+    dropBuffer();
+    const auto inBlock =
+        pRealFile->IsEncrypted() ? static_cast<std::uint32_t>(position % CIPHER_BLOCK_SIZE) : std::uint32_t{0};
+    if (inBlock > 0) {
+        const std::uint32_t count = pRealFile->Read(fBuffer, CIPHER_BLOCK_SIZE, position - inBlock);
+        if (count < inBlock) std::memset(fBuffer + count, 0, inBlock - count);
+        fBufferEnd = fBuffer + std::max(count, inBlock);
+    }
+    fpos = position - inBlock;
+}
+
+void ORVA_FileStream::Data::Flush() {
+    if (fBufferEnd == fBuffer || !bDirty || !pRealFile->IsOpen()) return;
+    if (pRealFile->IsEncrypted()) widenToBlocks();
+    const auto size = static_cast<std::uint32_t>(fDirtyEnd - fDirtyBegin);
+    const unsigned char* const bytes = fBuffer + offsetOf(fDirtyBegin);
+    if (!pRealFile->Appends()) {
+        fIOPos = fDirtyBegin + writeFile(bytes, size, fDirtyBegin);
+        markClean();
+    } else {
+        append(bytes, size);
+        dropBuffer();
+    }
+}
+
+// What a failed write has appended all the same must not be appended again.
+void ORVA_FileStream::Data::append(const unsigned char* bytes, std::uint32_t size) {
+    const std::int64_t before = pRealFile->Size();
+    try {
+        fIOPos = fDirtyBegin + writeFile(bytes, size, fDirtyBegin);
+    } catch (...) {
+        const std::int64_t grown = pRealFile->Size() - before;
+        if (grown > 0 && grown < size) fDirtyBegin += grown;
+        throw;
+    }
+}
+
+// Makes what is flushed whole cipher blocks, or what the data end with. The file may hold more of the last block than
+// the buffer, and less than all before the first one.
+void ORVA_FileStream::Data::widenToBlocks() {
+    const std::int64_t end = fpos + buffered();
+    fDirtyBegin -= fDirtyBegin % CIPHER_BLOCK_SIZE;
+    fDirtyEnd = std::min(end, (fDirtyEnd + CIPHER_BLOCK_SIZE - 1) / CIPHER_BLOCK_SIZE * CIPHER_BLOCK_SIZE);
+    const auto inBlock = static_cast<std::uint32_t>(fDirtyEnd % CIPHER_BLOCK_SIZE);
+    if (inBlock > 0 && takesUpBlocks()) {
+        unsigned char block[CIPHER_BLOCK_SIZE];
+        const std::uint32_t count = pRealFile->Read(block, sizeof block, end - inBlock);
+        if (count > inBlock) {
+            fBufferEnd = std::copy(block + inBlock, block + count, fBufferEnd);
+            fDirtyEnd += count - inBlock;
+        }
+    }
+    if (fDirtyBegin == fpos) fillGap(fpos);
+}
+
+// A gap in an enciphered file is written as zeros: the system's own would be deciphered to bytes without meaning.
+void ORVA_FileStream::Data::fillGap(std::int64_t position) {
+    static constexpr std::int64_t kPiece = 65'536;
+    static constexpr unsigned char kZeros[kPiece] = {};
+    std::int64_t at = pRealFile->Appends() ? position : dataEnd();
+    while (at >= 0 && at < position) {
+        const std::int64_t end = std::min(position, (at / kPiece + 1) * kPiece);
+        at += writeFile(kZeros, static_cast<std::uint32_t>(end - at), at);
+    }
 }
 
 // A block read ahead that the write touches is out of date, also when the write fails half-way.
@@ -257,11 +369,4 @@ std::uint32_t ORVA_FileStream::Data::writeFile(const unsigned char* bytes, std::
     };
     const note written{fpIOThread.get(), position, position + size};
     return pRealFile->Write(bytes, size, position);
-}
-
-void ORVA_FileStream::Data::Flush() {
-    if (fBufferEnd == fBuffer || !bDirty || !pRealFile->IsOpen()) return;
-    const std::uint32_t count = writeFile(fBuffer, buffered(), fpos);
-    bDirty = false;
-    fIOPos = fpos + count;
 }
