@@ -25,7 +25,7 @@ std::uint32_t multiThreadForFilestr::getBlock(void* buffer, std::uint32_t size, 
     }
     orva::readAheadSlot::request turn(fSlot);
     std::uint32_t count = fSlot.stCurSize;
-    if (turn.hits(position, stBlockSize)) {
+    if (turn.hits(position)) {
         std::memcpy(buffer, pReadBuffer.get(), count);
     } else {
         count = pFile->Read(buffer, stBlockSize, position);

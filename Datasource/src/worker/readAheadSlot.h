@@ -9,8 +9,8 @@
 //    block read ahead, so a later request is a miss that is served.
 // R4 A failed read-ahead is no read-ahead: the next request is a miss, which meets the failure on the caller's thread.
 // R5 The stop request is written at any moment and seen at the thread's next wait; no request follows it.
-// R6 A block that was written over since it was asked for is no hit, nor is one that ended with the file if the file
-//    has grown since.
+// R6 A block that was written over since it was asked for is no hit, nor is one that ended with the file if bytes were
+//    written behind it since: noteWritten takes the caller's turn and forgets it.
 #pragma once
 
 #include <orva/ktthread.h>
@@ -34,18 +34,12 @@ struct readAheadSlot {
             fSlot.semEmptySlot.postSemaphore();
         }
 
-        // The block at `position` has been read ahead: stCurSize bytes of it. Fewer than `wholeSize`: it ended with the
-        // file.
-        bool hits(std::int64_t position, std::uint32_t wholeSize = 0) {
-            if (!bTaken) return false;
-            const bool stale = fSlot.bStale.exchange(false);
-            const bool grown = fSlot.bGrown.exchange(false);
-            return position == fSlot.fpPreReadPos && !stale && !(grown && fSlot.stCurSize < wholeSize);
-        }
+        // The block at `position` has been read ahead: stCurSize bytes of it.
+        bool hits(std::int64_t position) const { return bTaken && position == fSlot.fpPreReadPos; }
         // Ends the turn: the thread reads the block at `nextPos` now.
         void readAhead(std::int64_t nextPos) {
             fSlot.stCurSize = 0;
-            fSlot.fpNextPos.store(nextPos);
+            fSlot.fpNextPos = nextPos;
             bHandedOver = true;
             fSlot.semFilledSlot.postSemaphore();
         }
@@ -61,7 +55,7 @@ struct readAheadSlot {
     std::int32_t step(Read read) {
         semFilledSlot.waitSemaphore();
         if (bStop) return 1;
-        fpPreReadPos = fpNextPos.load();
+        fpPreReadPos = fpNextPos;
         try {
             stCurSize = read(fpPreReadPos);
         } catch (...) {
@@ -76,11 +70,13 @@ struct readAheadSlot {
         semFilledSlot.postSemaphore();
     }
 
-    // Bytes from `begin` up to `end` were written, by a caller: the block read ahead, or being read, may be older.
+    // A caller has written bytes from `begin` up to `end`: the block read ahead, of `blockSize` bytes unless the file
+    // ended before, may be older. Waits for one that is being read.
     void noteWritten(std::int64_t begin, std::int64_t end, std::uint32_t blockSize) {
-        const std::int64_t next = fpNextPos.load();
-        if (end <= next) return;
-        (begin - next < std::int64_t{blockSize} ? bStale : bGrown) = true;
+        if (!semEmptySlot.waitSemaphore()) return;
+        const bool touched = begin < fpPreReadPos + std::int64_t{blockSize} && end > fpPreReadPos;
+        if (touched || (stCurSize < blockSize && end > fpPreReadPos)) forget();
+        semEmptySlot.postSemaphore();
     }
 
     void forget() {
@@ -88,14 +84,12 @@ struct readAheadSlot {
         stCurSize = 0;
     }
 
-    ktSemaphore semEmptySlot{1};   // the right to touch the block from the caller side
-    ktSemaphore semFilledSlot{0};  // a block to read ahead, or the stop request
-    std::atomic<std::int64_t> fpNextPos{-1};
+    ktSemaphore semEmptySlot{1};     // the right to touch the block from the caller side
+    ktSemaphore semFilledSlot{0};    // a block to read ahead, or the stop request
+    std::int64_t fpNextPos = -1;     // of the block to read ahead next
     std::int64_t fpPreReadPos = -1;  // of the block in the worker's buffer
     std::uint32_t stCurSize = 0;     // its bytes
     std::atomic<bool> bStop{false};
-    std::atomic<bool> bStale{false};  // written over
-    std::atomic<bool> bGrown{false};  // written behind: bytes may stand now where the block ended with the file
 };
 
 }  // namespace orva
