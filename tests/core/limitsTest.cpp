@@ -44,16 +44,18 @@ TEST_F(Limits, PlacesBeyond4GiB) {
     EXPECT_TRUE(support::sameBytes(found, fRows));
 }
 
-// All at one place in the file, which reading allows.
+// At two places in the file by turns, which reading allows.
 TEST_F(Limits, AMillionBlocks) {
     constexpr std::int64_t count = 1'000'000;
-    makeFile(fName, {fRows});
+    makeFile(fName, {fRows, fRows});
     const Bytes file = support::readBytes(fName);
     const Layout layout(file);
-    const filePosRecord block = layout.records[0];
+    const std::vector<filePosRecord> places = layout.records;
+    const filePosRecord block = places[0];
     std::vector<filePosRecord> index{{-100, 0, kBlock, count}};
     for (std::int64_t i = 0; i < count; ++i) {
-        index.push_back({kRow0 + i * block.orginalSize, block.translatePos, block.orginalSize, block.translateSize});
+        index.push_back({kRow0 + i * block.orginalSize, places[static_cast<std::size_t>(i % 2)].translatePos,
+                         block.orginalSize, block.translateSize});
     }
     Bytes bytes(index.size() * kRecordSize);
     std::memcpy(bytes.data(), index.data(), bytes.size());

@@ -14,6 +14,7 @@ constexpr const char* kNext = "orginalPos + orginalSize == next orginalPos";
 constexpr const char* kEnd = "0: Z_STREAM_END at the last byte";
 constexpr const char* kBytes = "translateSize in 1..4190208";
 constexpr const char* kInside = "translatePos inside the file";
+constexpr const char* kOverlap = "translatePos + translateSize <= next translatePos";
 
 // What is said of the loss of one of the blocks of 30, 50 and 40 bytes.
 const std::string kLost[] = {"0-30 its block is damaged;", "30-80 its block is damaged;",
@@ -62,8 +63,9 @@ const LieCase kLies[] = {
     {"BytesTooMany", [](Layout& l) { l.records[2].translateSize += 1; }, 2, "_indexPos behind the last block", kEnd},
     {"BytesTooFew", [](Layout& l) { l.records[2].translateSize -= 1; }, 2, kEnd, kEnd},
     {"PlaceMost", [](Layout& l) { l.records[1].translatePos = INT64_MAX; }, 2, kFollow, kInside},
+    {"BytesIntoTheNext", [](Layout& l) { l.records[1].translateSize += 1; }, 2, kFollow, kOverlap},
     {"PlaceNegative", [](Layout& l) { l.records[1].translatePos = -1; }, 2, kFollow, kInside},
-    {"PlaceOfAnother", [](Layout& l) { l.records[1].translatePos = kRow0 + 24; }, 2, kFollow, "0: outCount == bInfo."},
+    {"PlaceOfAnother", [](Layout& l) { l.records[1].translatePos = kRow0 + 24; }, 2, kFollow, kOverlap},
 };
 
 class DamageTest : public FileTest {

@@ -43,6 +43,42 @@ void addRecord(filePosInfo& index, std::int64_t pos, std::int64_t place, std::ui
                            {block.number, r.translatePos});
 }
 
+bool standsInside(const filePosRecord& r, std::int64_t fileEnd) {
+    return isBlockSize(r.translateSize) && r.translatePos >= 0 && r.translatePos <= fileEnd - r.translateSize;
+}
+
+// What a record is held against: all of its index, and the length of the file.
+struct allBlocks {
+    std::span<const filePosRecord> records;
+    std::int64_t fileEnd;
+
+    // The record of that number, if there is one that could be true.
+    std::optional<filePosRecord> credible(std::int64_t number) const {
+        if (number < 0 || number >= std::ssize(records)) return std::nullopt;
+        const filePosRecord& r = records[static_cast<std::size_t>(number)];
+        if (!standsInside(r, fileEnd)) return std::nullopt;
+        return r;
+    }
+    // Ends of a record that do not meet its neighbour's: no writer leaves gaps between blocks.
+    int looseEnds(std::int64_t number, const filePosRecord& r) const {
+        const std::optional<filePosRecord> before = credible(number - 1);
+        const std::optional<filePosRecord> behind = credible(number + 1);
+        const std::int64_t begin = before ? before->translatePos + before->translateSize : r.orginalPos + kHeadingSize;
+        const bool looseBegin = (before || number == 0) && r.translatePos != begin;
+        return (looseBegin ? 1 : 0) + (behind && r.translatePos + r.translateSize != behind->translatePos ? 1 : 0);
+    }
+    // Of two records with bytes in common one lies: the one that fits less well between its neighbours, or else the one
+    // that begins first, since its end is what passes the other's beginning.
+    bool overlaps(std::int64_t number, std::int64_t other) const {
+        const std::optional<filePosRecord> a = credible(number);
+        const std::optional<filePosRecord> b = credible(other);
+        if (!a || !b || a->translatePos >= b->translatePos + b->translateSize) return false;
+        if (b->translatePos >= a->translatePos + a->translateSize) return false;
+        const int more = looseEnds(number, *a) - looseEnds(other, *b);
+        return more > 0 || (more == 0 && a->translatePos <= b->translatePos);
+    }
+};
+
 void checkRecord(const readRoad& road, const blockPlace& block) {
     const filePosRecord& r = block.record;
     if (!isBlockSize(r.orginalSize))
@@ -51,12 +87,15 @@ void checkRecord(const readRoad& road, const blockPlace& block) {
         refuse(road, block, "translateSize in 1..4190208",
                "has a record with the compressed size " + std::to_string(r.translateSize));
     }
-    if (r.translatePos < 0 || r.translatePos > block.fileEnd - r.translateSize) {
+    if (!standsInside(r, block.fileEnd)) {
         refuse(road, block, "translatePos inside the file", "lies outside the file");
     }
     if (block.nextStart && *block.nextStart != r.orginalPos + r.orginalSize) {
         refuse(road, block, "orginalPos + orginalSize == next orginalPos",
                "does not end where the next one begins, at " + std::to_string(*block.nextStart));
+    }
+    if (block.overlaps) {
+        refuse(road, block, "translatePos + translateSize <= next translatePos", "overlaps its neighbour in the file");
     }
 }
 
@@ -132,11 +171,18 @@ bool readAll(ORVA_File& file, void* bytes, std::uint64_t size, std::int64_t plac
     return true;
 }
 
-blockPlace placeOf(const filePosInfo& index, const filePosRecord& record) {
-    const std::uint32_t number = index.numberOf(record.orginalPos);
+blockPlace placeOf(std::span<const filePosRecord> records, std::uint32_t number, std::int64_t fileEnd) {
+    const allBlocks all{records, fileEnd};
+    const std::int64_t n = number;
     std::optional<std::int64_t> nextStart;
-    if (number + 1 < index.parsedCount()) nextStart = index.parsed(number + 1).orginalPos;
-    return {record, number, nextStart, index.placeLimit()};
+    if (n + 1 < std::ssize(records)) nextStart = records[number + 1].orginalPos;
+    return {records[number], number, nextStart, fileEnd, all.overlaps(n, n - 1) || all.overlaps(n, n + 1)};
+}
+
+std::uint32_t blockAt(const filePosInfo& index, std::int64_t pos) {
+    const std::optional<std::uint32_t> number = index.find(pos);
+    ORVA_ASSERT(number && index.parsed(*number).orginalPos == pos, "fpos == bInfo.orginalPos");
+    return *number;
 }
 
 void readCompressed(const readRoad& road, const blockPlace& block) {

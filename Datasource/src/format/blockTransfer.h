@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 
 namespace orva {
 
@@ -77,10 +78,17 @@ struct blockPlace {
     std::uint32_t number;                   // of the block, for messages
     std::optional<std::int64_t> nextStart;  // logical position of the next block, where there is one
     std::int64_t fileEnd;
+    bool overlaps = false;  // a neighbour's bytes in the file, and is not the more credible of the two
 };
 
-// The place of the block whose record findRecord gave.
-blockPlace placeOf(const filePosInfo& index, const filePosRecord& record);
+// Of the block with that number among all records of an index.
+blockPlace placeOf(std::span<const filePosRecord> records, std::uint32_t number, std::int64_t fileEnd);
+inline blockPlace placeOf(const filePosInfo& index, std::uint32_t number) {
+    return placeOf(index.records(), number, index.placeLimit());
+}
+
+// The number of the block that begins at `pos`; a breach if none does.
+std::uint32_t blockAt(const filePosInfo& index, std::int64_t pos);
 
 // Reads the block's compressed bytes into `road.compressed`. A record that cannot be true is refused before any memory
 // is touched.

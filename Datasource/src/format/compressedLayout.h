@@ -2,6 +2,8 @@
 // Rules, order of writing and a worked example: docs/format.md.
 #pragma once
 
+#include <orva/blockSize.h>
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -26,6 +28,9 @@ static_assert(sizeof(compressionHeading) == 24 && sizeof(filePosRecord) == 24);
 
 inline constexpr std::int64_t kHeadingSize = sizeof(compressionHeading);
 inline constexpr std::int64_t kRecordSize = sizeof(filePosRecord);
+
+// No part can begin behind this: its first block has to end within the signed 64-bit range.
+inline constexpr std::int64_t kLastRow0Pos = INT64_MAX - kHeadingSize - kBlockSize;
 
 // In orginalPos: the first record of an index; and a look-up's answer for a position that no block holds.
 inline constexpr std::int64_t kFirstRecordMark = -100;

@@ -139,18 +139,23 @@ std::int64_t filePosInfo::dataEnd(std::int64_t otherwise) const {
     return last.orginalPos + last.orginalSize;
 }
 
-const filePosRecord& filePosInfo::answer(std::int64_t number, std::int64_t cursor) const {
+std::uint32_t filePosInfo::answer(std::int64_t number, std::int64_t cursor) const {
     fCursor.store(static_cast<std::uint32_t>(cursor), std::memory_order_relaxed);
-    return pInfoBuffer[static_cast<std::uint32_t>(number)];
+    return static_cast<std::uint32_t>(number);
 }
 
 filePosRecord filePosInfo::findRecord(std::int64_t pos) const {
+    const std::optional<std::uint32_t> number = find(pos);
+    return number ? pInfoBuffer[*number] : kNothing;
+}
+
+std::optional<std::uint32_t> filePosInfo::find(std::int64_t pos) const {
     ORVA_ASSERT(pInfoBuffer != nullptr, "pInfoBuffer != 0");
-    if (fRecordCount == 0) return kNothing;
+    if (fRecordCount == 0) return std::nullopt;
     ORVA_ASSERT(pInfoBuffer[0].orginalPos != 0, "pInfoBuffer->orginalPos != 0");
     const filePosRecord* records = pInfoBuffer.get();
     const std::int64_t last = fRecordCount - 1;
-    if (pos >= records[last].orginalPos + records[last].orginalSize || pos < records[0].orginalPos) return kNothing;
+    if (pos >= dataEnd(0) || pos < records[0].orginalPos) return std::nullopt;
 
     const std::int64_t cursor = std::min<std::int64_t>(fCursor.load(std::memory_order_relaxed), last);
     if (holds(records, cursor, last, pos)) return answer(cursor, cursor + 1);
@@ -162,7 +167,8 @@ filePosRecord filePosInfo::findRecord(std::int64_t pos) const {
         return answer(guess, guess + 1);
     }
     const std::int64_t found = searchOutward(likelyNumber(pos), pos);
-    return found < 0 ? kNothing : answer(found, found + 1);
+    if (found < 0) return std::nullopt;
+    return answer(found, found + 1);
 }
 
 // Where the record would be if all blocks had one size: a better place to begin a search than the guess when the row-0

@@ -14,6 +14,8 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -50,9 +52,12 @@ public:
     // The record whose block holds `pos`; where none does, orginalPos is -200 and the other fields are unset.
     // Needs parseForRead. Allocates nothing. Reads O(log distance) records around a guess.
     filePosRecord findRecord(std::int64_t pos) const;
+    // The number of that record.
+    std::optional<std::uint32_t> find(std::int64_t pos) const;
     bool isParsed() const { return pInfoBuffer != nullptr; }
     // The parsed records.
     std::uint32_t parsedCount() const { return fRecordCount; }
+    std::span<const filePosRecord> records() const { return {pInfoBuffer.get(), fRecordCount}; }
     const filePosRecord& parsed(std::uint32_t number) const { return pInfoBuffer[number]; }
     std::uint32_t blockSize() const { return fBlockSize; }
     // The number of the last parsed record that begins at or before `pos`; parsedCount() when none does.
@@ -74,7 +79,7 @@ private:
     std::int64_t likelyNumber(std::int64_t pos) const;
     // The number of the record around the guess that holds `pos`, or -1.
     std::int64_t searchOutward(std::int64_t guess, std::int64_t pos) const;
-    const filePosRecord& answer(std::int64_t number, std::int64_t cursor) const;
+    std::uint32_t answer(std::int64_t number, std::int64_t cursor) const;
 
     std::string fFileName;
     // Write side.

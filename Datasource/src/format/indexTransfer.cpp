@@ -81,7 +81,7 @@ std::int64_t lengthOf(const ORVA_File& file) {
 
 compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap, const char* positionCheck) {
     const std::string place = "at offset " + std::to_string(row0Pos);
-    if (row0Pos <= 0 || row0Pos > std::numeric_limits<std::int64_t>::max() - kHeadingSize) {
+    if (row0Pos <= 0 || row0Pos > kLastRow0Pos) {
         refuse(file, positionCheck, "compressed data cannot begin " + place);
     }
     compressionHeading heading;
@@ -136,6 +136,27 @@ indexContent readRecords(ORVA_File& file, const compressionHeading& heading, boo
     }
     if (!records.empty()) checkBegin(file, heading, records[0]);
     return content;
+}
+
+namespace {
+
+bool sameRecord(const filePosRecord& a, const filePosRecord& b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+}  // namespace
+
+bool changedSince(ORVA_File& file, const compressionHeading& heading, bool swap, const filePosInfo& index) {
+    try {
+        const compressionHeading now = readHeading(file, heading._caseStartPos, swap, "");
+        if (std::memcmp(&now, &heading, sizeof now) != 0) return true;
+        const std::vector<filePosRecord> records = readRecords(file, now, swap).records;
+        return !std::equal(records.begin(), records.end(), index.records().begin(), index.records().end(), sameRecord);
+    } catch (const DamagedFileError&) {
+        return true;
+    } catch (...) {
+        return false;
+    }
 }
 
 void checkContiguous(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,

@@ -43,6 +43,10 @@ struct indexContent {
 // gigabytes of a hole is refused at the first record that cannot be true.
 indexContent readRecords(ORVA_File& file, const compressionHeading& heading, bool swap);
 
+// Heading or index do not stand there any more as they were read: somebody has written to the file since. A file that
+// can't be read now tells nothing.
+bool changedSince(ORVA_File& file, const compressionHeading& heading, bool swap, const filePosInfo& index);
+
 // What an append needs, and a verifier asks, beyond that: every record can be true, and the blocks follow each other
 // without gaps, in logical positions and in the file, from behind the heading to the index at the latest. `records` in
 // host order.

@@ -33,7 +33,7 @@ std::int32_t PreIOThread_W_C::writeLoopStep() {
     semRequest.waitSemaphore();
     const bool end = stCurSize == 0;
     try {
-        if (fFailure == nullptr) writeOut();
+        if (fFailure == nullptr && !bDropped) writeOut();
     } catch (...) {
         fFailure = std::current_exception();
     }

@@ -1,13 +1,14 @@
 // PreIOThread_Multi_W_C
-#include "base/assertion.h"
 #include "format/blockTransfer.h"
 #include "part/zcmpsMultiThread.h"
 
+#include <orva/zlibCompress.h>
+
 #include <cerrno>
 #include <cstring>
-#include <limits>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize,
                                              std::int64_t firstPos, std::int64_t firstFilePos, std::uint32_t threads)
@@ -16,8 +17,6 @@ PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index
       pPosInfo(index),
       bCallerHelps(threads < std::thread::hardware_concurrency()),
       fSlots(threads + 2),
-      semFree(threads + 2),
-      fEnd(std::numeric_limits<std::uint64_t>::max()),
       fpBlockPos(firstPos),
       fpWritePos(firstFilePos) {
     for (slot& block : fSlots) {
@@ -27,17 +26,12 @@ PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index
 }
 
 unsigned char* PreIOThread_Multi_W_C::lendRows() {
-    const auto help = [this] { return bCallerHelps && deflateNext(); };
-    if (!bLent && !waitHelping(semFree, help)) {
-        throw std::system_error(ECHILD, std::generic_category(), "write worker");
+    if (!isMakers()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
+    guard lock = locked();
+    while (fFilled - fWritten == fSlots.size()) {
+        if (!bCallerHelps || !takeBlock(lock)) wait(lock);
     }
-    bLent = true;
-    std::exception_ptr failure;
-    {
-        const ktGuard guard(fLock, ktMutex::Recursive);
-        failure = fFailure;
-    }
-    if (failure != nullptr) std::rethrow_exception(failure);
+    if (fFailure != nullptr) std::rethrow_exception(fFailure);
     return at(fFilled).rows.get();
 }
 
@@ -48,37 +42,46 @@ std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t 
     }
     unsigned char* rows = lendRows();
     if (buffer != rows) std::memcpy(rows, buffer, size);
+    const guard lock = locked();
     at(fFilled).size = size;
-    bLent = false;
     ++fFilled;
-    semFilled.postSemaphore();
+    tellAll();
     return size;
 }
 
+void PreIOThread_Multi_W_C::drop() {
+    const guard lock = locked();
+    bDropping = true;
+}
+
 void PreIOThread_Multi_W_C::endLoops() {
-    while (deflateNext()) {
+    if (!isMakers()) return;
+    guard lock = locked();
+    bEnd = true;
+    tellAll();
+    while (fWritten != fFilled) {
+        if (!takeBlock(lock)) wait(lock);
     }
-    fEnd = fFilled;
-    for (std::uint32_t i = 0; i < fThreads; ++i) semFilled.postSemaphore();
-    for (std::size_t i = bLent ? 1 : 0; i < fSlots.size(); ++i) semFree.waitSemaphore();
 }
 
 std::int32_t PreIOThread_Multi_W_C::writeLoopStep() {
-    semFilled.waitSemaphore();
-    return takeBlock() ? 0 : 1;
+    guard lock = locked();
+    while (!bEnd && fTaken == fFilled) wait(lock);
+    return takeBlock(lock) ? 0 : 1;
 }
 
-// The caller's help: a block that no thread has taken up. False if there is none.
-bool PreIOThread_Multi_W_C::deflateNext() {
-    return semFilled.tryWaitSemaphore() && takeBlock();
-}
-
-// The next filled block, through to the file if it is its turn. False: there will be no further one.
-bool PreIOThread_Multi_W_C::takeBlock() {
-    const std::uint64_t number = fTaken.fetch_add(1);
-    if (number >= fEnd) return false;
-    deflate(at(number));
-    writeInOrder(number);
+// Any thread's step, the caller's too: the next filled block, through to the file if it is its turn. False: there is
+// none.
+bool PreIOThread_Multi_W_C::takeBlock(guard& lock) {
+    if (fTaken == fFilled) return false;
+    slot& block = at(fTaken++);
+    if (fFailure == nullptr && !bDropping) {
+        lock.unlock();
+        deflate(block);
+        lock.lock();
+    }
+    block.bDeflated = true;
+    writeInOrder(lock);
     return true;
 }
 
@@ -92,24 +95,22 @@ void PreIOThread_Multi_W_C::deflate(slot& block) {
 }
 
 // Whoever completes the next block in order writes it, and all that are complete behind it.
-void PreIOThread_Multi_W_C::writeInOrder(std::uint64_t number) {
-    fLock.lock(ktMutex::Recursive, nullptr, 0);
-    at(number).bDeflated = true;
+void PreIOThread_Multi_W_C::writeInOrder(guard& lock) {
     while (!bWriting && at(fWritten).bDeflated) {
         slot& block = at(fWritten);
-        bWriting = true;
-        const bool drop = fFailure != nullptr;
-        fLock.unlock(nullptr, 0);
-        if (!drop) writeOut(block);
-        fLock.lock(ktMutex::Recursive, nullptr, 0);
-        if (fFailure == nullptr) fFailure = block.failure;
+        if (fFailure == nullptr && !bDropping) {
+            bWriting = true;
+            lock.unlock();
+            writeOut(block);
+            lock.lock();
+            bWriting = false;
+            fFailure = block.failure;
+        }
         block.failure = nullptr;
         block.bDeflated = false;
-        bWriting = false;
         ++fWritten;
-        semFree.postSemaphore();
+        tellAll();
     }
-    fLock.unlock(nullptr, 0);
 }
 
 void PreIOThread_Multi_W_C::writeOut(slot& block) {

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-PreIOThread_R_D::PreIOThread_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize)
+PreIOThread_R_D::PreIOThread_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize)
     : pFile(file), pPosInfo(index), pDecompressBuffer(blockSize), pCompressBuffer(blockSize) {}
 
 std::uint32_t PreIOThread_R_D::getBlock(void* buffer, std::uint32_t size, std::int64_t position) {
@@ -13,25 +13,29 @@ std::uint32_t PreIOThread_R_D::getBlock(void* buffer, std::uint32_t size, std::i
         fSlot.requestStop();
         return 0;
     }
-    orva::readAheadSlot::request turn(fSlot);
-    if (turn.hits(position)) {
-        ORVA_ASSERT(size == fSlot.stCurSize, "reqSize == stCurSize");
-        std::memcpy(buffer, pDecompressBuffer.get(), size);
-    } else {
-        readAndDecompress(buffer, position, false);
-    }
-    const std::int64_t next = position + size;
-    if (pPosInfo->findRecord(next).orginalPos != kNoRecord) turn.readAhead(next);
+    const std::uint32_t number = orva::blockAt(*pPosInfo, position);
+    ORVA_ASSERT(size == static_cast<std::uint32_t>(pPosInfo->parsed(number).orginalSize), "reqSize == stCurSize");
+    load(number, static_cast<unsigned char*>(buffer));
     return size;
 }
 
-std::int32_t PreIOThread_R_D::readLoopStep() {
-    return fSlot.step([this](std::int64_t fpos) { return readAndDecompress(pDecompressBuffer.get(), fpos, true); });
+// The slot knows blocks by their numbers.
+void PreIOThread_R_D::load(std::uint32_t number, unsigned char* to) {
+    orva::readAheadSlot::request turn(fSlot);
+    if (turn.hits(number)) {
+        std::memcpy(to, pDecompressBuffer.get(), fSlot.stCurSize);
+    } else {
+        readAndDecompress(to, number, false);
+    }
+    if (number + 1 < pPosInfo->parsedCount()) turn.readAhead(number + 1);
 }
 
-std::uint32_t PreIOThread_R_D::readAndDecompress(void* dest, std::int64_t fpos, bool ahead) {
-    const filePosRecord bInfo = pPosInfo->findRecord(fpos);
-    ORVA_ASSERT(fpos == bInfo.orginalPos, "fpos == bInfo.orginalPos");
-    return orva::readBlock({*pFile, fCompressor, pCompressBuffer.get(), ahead}, orva::placeOf(*pPosInfo, bInfo),
-                           static_cast<unsigned char*>(dest));
+std::int32_t PreIOThread_R_D::readLoopStep() {
+    return fSlot.step([this](std::int64_t number) {
+        return readAndDecompress(pDecompressBuffer.get(), static_cast<std::uint32_t>(number), true);
+    });
+}
+
+std::uint32_t PreIOThread_R_D::readAndDecompress(unsigned char* dest, std::uint32_t number, bool ahead) {
+    return orva::readBlock({*pFile, fCompressor, pCompressBuffer.get(), ahead}, orva::placeOf(*pPosInfo, number), dest);
 }

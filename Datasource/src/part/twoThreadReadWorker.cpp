@@ -39,7 +39,7 @@ public:
     int onCallBack(void* prtData) override { return runLoop(prtData, &PreIOThread_Tri_R_D::decompressLoopStep); }
 };
 
-PreIOThread_Tri_R_D::PreIOThread_Tri_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize)
+PreIOThread_Tri_R_D::PreIOThread_Tri_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize)
     : pPosInfo(index), pFile(file), pCompressBuffer(blockSize), pDecompressBuffer(blockSize), stBlockSize(blockSize) {}
 
 bool PreIOThread_Tri_R_D::initThreads(bool bRead) {
@@ -90,11 +90,10 @@ std::int32_t PreIOThread_Tri_R_D::decompressLoopStep() {
 
 void PreIOThread_Tri_R_D::decompressAt(std::int64_t fpos, bool ahead) {
     heldTurn turn(semCompressReady, fpCurReadPos);
-    const filePosRecord bInfo = pPosInfo->findRecord(fpos);
+    const std::uint32_t number = orva::blockAt(*pPosInfo, fpos);
     if (fpCurReadPos != fpos) readCompressed(fpos, ahead);
-    orva::inflateBlock({*pFile, fCompressor, pCompressBuffer.get()}, orva::placeOf(*pPosInfo, bInfo),
-                       pDecompressBuffer.get());
-    fpNextReadPos = fpos + bInfo.orginalSize;
+    fpNextReadPos = fpos + orva::inflateBlock({*pFile, fCompressor, pCompressBuffer.get()},
+                                              orva::placeOf(*pPosInfo, number), pDecompressBuffer.get());
     if (hasBlock(fpNextReadPos)) turn.handOn(semReadRequest);
 }
 
@@ -111,8 +110,7 @@ std::int32_t PreIOThread_Tri_R_D::readLoopStep() {
 }
 
 void PreIOThread_Tri_R_D::readCompressed(std::int64_t fpos, bool ahead) {
-    const filePosRecord bInfo = pPosInfo->findRecord(fpos);
-    ORVA_ASSERT(fpos == bInfo.orginalPos, "fpos == bInfo.orginalPos");
-    orva::readCompressed({*pFile, fCompressor, pCompressBuffer.get(), ahead}, orva::placeOf(*pPosInfo, bInfo));
+    orva::readCompressed({*pFile, fCompressor, pCompressBuffer.get(), ahead},
+                         orva::placeOf(*pPosInfo, orva::blockAt(*pPosInfo, fpos)));
     fpCurReadPos = fpos;
 }

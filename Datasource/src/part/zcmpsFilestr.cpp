@@ -1,10 +1,12 @@
-// The life of a compressed stream: making it, moving it, closing it, finishing a file.
+// The life of a compressed stream: what may be called when, and what becomes of a failure. The work is partWriter's and
+// partReader's.
 #include "base/assertion.h"
-#include "file/namedFile.h"
-#include "part/zcmpsFilestrData.h"
+#include "file/fileCodes.h"
+#include "format/indexTransfer.h"
+#include "part/partReader.h"
+#include "part/partWriter.h"
 
 #include <orva/errtext.h>
-#include <orva/platform.h>
 #include <orva/zcmpsFilestr.h>
 
 #include <cerrno>
@@ -20,41 +22,96 @@ constexpr std::int32_t kCannotReopen = 1201;
                           SystemFileException(kCannotReopen, expression, "Datasource/src/zcmpsFilestr", line, true));
 }
 
+// From `writing` on bIsWriting is true, until readFilePosInfo.
+enum class life : std::uint8_t {
+    fresh,      // nothing was opened, or fFailure tells why not
+    reading,    // fReader reads, unless fFailure tells why nothing more
+    writing,    // fWriter writes
+    failed,     // as a writer, finally: fFailure. No Close has thrown it yet. What the file holds can still be read
+    finished,   // the heading is in the file; fFailure is what failed behind that
+    abandoned,  // closed without a heading
+};
+
 }  // namespace
 
-zcmpsFilestr::zcmpsFilestr(const ORVA_FileStream& source)
-    : ORVA_FileStream(source),
-      fpPosInfo(new filePosInfo(kBlockSize, GetFile().GetNameStr().GetGeneric())),
-      fData(new Data(GetFile(), fpPosInfo.get())) {}
+struct zcmpsFilestr::Data {
+    explicit Data(ORVA_File& file) : pRealFile(file) {}
 
+    bool isClosed() const { return fLife == life::finished || fLife == life::abandoned; }
+    void throwFailure() const {
+        if (fFailure != nullptr) std::rethrow_exception(fFailure);
+    }
+    void become(life now) {
+        fLife = now;
+        fFailure = nullptr;
+    }
+    // In a handler: what was caught is what the stream fails with from now on.
+    [[noreturn]] void fail(life now) {
+        fLife = now;
+        fFailure = std::current_exception();
+        fWriter.reset();
+        std::rethrow_exception(fFailure);
+    }
+    // The rows of a writer that nobody has finished are dropped.
+    void dropWriter() {
+        if (const auto writer = std::move(fWriter)) writer->abandon();
+    }
+    void endReading() {
+        if (fReader != nullptr) fReader->endThreads();
+    }
+    orva::atWork threads() const {
+        if (fWriter != nullptr) return fWriter->threads();
+        return fReader != nullptr ? fReader->threads() : orva::atWork::none;
+    }
+    // A setting that comes late. No thread is made for setMultiThread any more.
+    void takeRoads() {
+        if (threads() != orva::atWork::none) return;
+        if (fWriter != nullptr) fWriter->take(fRoads);
+        if (fReader != nullptr) fReader->take({0, fRoads.threadCount});
+    }
+
+    ORVA_File& pRealFile;  // held by the base's count; gone once Close has reopened the file
+    orva::roads fRoads;
+    std::uint32_t fCachedBlocks = 0;
+    bool bDurable = false;
+    bool bSafeAppend = false;
+
+    life fLife = life::fresh;
+    std::exception_ptr fFailure;
+    std::int64_t fRow0Pos = 0;
+    std::unique_ptr<filePosInfo> fpPosInfo;     // of the part that was read last
+    std::unique_ptr<orva::partReader> fReader;  // while fpPosInfo is what the stream reads by
+    std::unique_ptr<orva::partWriter> fWriter;  // while writing, and only then
+};
+
+zcmpsFilestr::zcmpsFilestr(const ORVA_FileStream& source) : ORVA_FileStream(source), fData(new Data(GetFile())) {}
+
+// What has failed was told.
 zcmpsFilestr::~zcmpsFilestr() noexcept(false) {
-    if (!inOwnProcess()) return;
     try {
-        if (fData->bToldFailure) {
-            fData->endWorker(bIsWriting);
-        } else {
-            zcmpsFilestr::Close();
-        }
+        if (fData->fLife != life::failed) zcmpsFilestr::Close();
     } catch (...) {
         if (mayThrowNow()) throw;
     }
 }
 
 void zcmpsFilestr::setMultiThread(std::int32_t setting) {
-    ORVA_ASSERT(fData->fpIOThread == nullptr, "fData->fpIOThread == 0");
-    fData->fMultiThread = setting;
+    ORVA_ASSERT(fData->threads() != orva::atWork::one, "fData->fpIOThread == 0");
+    fData->fRoads.multiThread = setting;
+    fData->takeRoads();
 }
 
 void zcmpsFilestr::setThreadCount(std::int32_t threads) {
     ORVA_ASSERT(threads >= 0, "threads >= 0");
-    ORVA_ASSERT(fData->fpIOThread == nullptr && fData->fpSeveral == nullptr, "fData->fpIOThread == 0");
-    fData->fThreadCount = static_cast<std::uint32_t>(threads);
+    ORVA_ASSERT(fData->threads() == orva::atWork::none, "fData->fpIOThread == 0");
+    fData->fRoads.threadCount = static_cast<std::uint32_t>(threads);
+    fData->takeRoads();
 }
 
 void zcmpsFilestr::setBlockCache(std::int32_t blocks) {
     ORVA_ASSERT(blocks >= 0, "blocks >= 0");
-    if (!bIsWriting) fData->forgetBlock();  // it may stand in the old cache
-    fData->fCache.resize(static_cast<std::uint32_t>(blocks));
+    fData->fCachedBlocks = static_cast<std::uint32_t>(blocks);
+    if (fData->fReader != nullptr) fData->fReader->keep(fData->fCachedBlocks);
 }
 
 void zcmpsFilestr::setDurable(bool durable) {
@@ -80,91 +137,12 @@ std::int64_t zcmpsFilestr::Tell() const {
     return fFilePos;
 }
 
-std::int32_t zcmpsFilestr::Close() {
-    if (!inOwnProcess()) return 0;
-    if (bIsWriting) return closeWriter();
-    fData->endWorker(false);
-    return 1;
-}
-
-std::int32_t zcmpsFilestr::closeWriter() {
-    if (fData->bClosed) return fData->bFinished ? 1 : 0;
-    try {
-        finish();
-    } catch (...) {
-        fData->bClosed = true;
-        fData->endWorker(true);
-        fData->failWriting();
-    }
-    return 1;
-}
-
-void zcmpsFilestr::abandon() {
-    if (!inOwnProcess() || fData->bClosed) return;
-    // What a thread of an append fails with now has been answered by putting the old rows back; that must be heard.
-    const bool untoldAppend = fData->pTail != nullptr && !fData->bToldFailure;
-    fData->endWorker(bIsWriting);
-    fData->bClosed = bIsWriting;
-    if (untoldAppend) fData->throwFailure();
-    fData->putBackAppend();
-}
-
-// The heading goes last: it is what makes the file a finished one.
-void zcmpsFilestr::finish() {
-    Flush();
-    fData->bClosed = true;
-    fData->endWorker(true);
-    fData->throwFailure();
-    const bool safe = fData->pTail != nullptr && fData->pTail->isSafe();
-    commit();
-    if (safe) fData->commitSafeAppend();
-    try {
-        fData->pRealFile.Close();
-    } catch (const FileError& error) {
-        if (safe) throw error.withOutcome("the append itself is complete");
-        throw;
-    }
-    fData->pTail.reset();
-    fData->bFinished = true;
-    reopenForReading();
-}
-
-void zcmpsFilestr::commit() {
-    Data& d = *fData;
-    const bool durable = d.bDurable || (d.pTail != nullptr && d.pTail->isSafe());
-    d.endFormerLife();
-    compressionHeading heading{};
-    writeIndex(heading);
-    if (durable) d.pRealFile.Sync();
-    orva::writeAll(d.pRealFile, &heading, sizeof heading, d.fRow0Pos);
-    if (durable) {
-        d.pRealFile.Sync();
-        orva::syncName(d.pRealFile.GetNameStr().GetGeneric());
-    }
-}
-
-void zcmpsFilestr::writeIndex(compressionHeading& heading) {
-    std::uint32_t stLength = 0;
-    const unsigned char* bytes = fpPosInfo->serialize(stLength);
-    ORVA_ASSERT(stLength != 0, "stLength!=0");
-    ORVA_ASSERT(fData->pRealFile.IsOpen(), "fData->pRealFile.IsOpen() == true");
-    ORVA_ASSERT(fData->fpIOThread == nullptr && fData->fpSeveral == nullptr, "fData->fpIOThread == 0");
-    heading._caseStartPos = fData->fRow0Pos;
-    heading._indexPos = std::max(fData->fTransferEnd, fpPosInfo->writtenEnd(fData->fCompressedPos));
-    heading._size = stLength;
-    orva::writeAll(fData->pRealFile, bytes, stLength, heading._indexPos);
-}
-
-void zcmpsFilestr::reopenForReading() {
-    const ExtNameStr password;
-    if (ORVA_FileStream::Open(GetNameStr(), password, "rb") == 0) {
-        throwCannotReopen(GetFile(), "ORVA_FileStream::Open(GetNameStr(), password, \"rb\")", __LINE__);
-    }
-}
-
 // A told worker keeps the stream to what it was made for; so do several threads that write. Those that read only end.
 void zcmpsFilestr::refuseWithWorker() const {
-    ORVA_ASSERT(fData->fpIOThread == nullptr && !(bIsWriting && fData->fpSeveral != nullptr), "fData->fpIOThread == 0");
+    ORVA_ASSERT(!fData->isClosed(), "fData->bClosed == false");
+    const orva::atWork threads = fData->threads();
+    const bool writes = bIsWriting && threads == orva::atWork::several;
+    ORVA_ASSERT(threads != orva::atWork::one && !writes, "fData->fpIOThread == 0");
 }
 
 // Blocks and heading stand at any offset, the cipher's data only at multiples of 16.
@@ -181,39 +159,147 @@ void zcmpsFilestr::reopenForWriting(const char* expression, std::int32_t line) {
     if (!fData->pRealFile.Open(GetNameStr(), "r+b")) throwCannotReopen(fData->pRealFile, expression, line);
 }
 
-void zcmpsFilestr::Data::clearBuffer() {
-    availBuffSize = kBlockSize;
-    fpCurrent = pBlock = fBuffer;
+// Turns the stream into a writer, which `make` makes of the reopened file. If that fails, a stream that was no writer
+// is none, and Read tells why; a writer ends with that failure.
+template <class Make>
+void zcmpsFilestr::beginWriting(const char* expression, std::int32_t line, Make make) {
+    refuseWithWorker();
+    if (fData->fLife == life::failed) fData->throwFailure();
+    try {
+        fData->dropWriter();
+        refuseEncrypted(kWriteFailed);
+        fData->endReading();
+        reopenForWriting(expression, line);
+        fData->fWriter = make();
+    } catch (...) {
+        fData->fail(bIsWriting ? life::failed : fData->fLife);
+    }
+    fData->fReader.reset();
+    fData->become(life::writing);
+    bIsWriting = true;
 }
 
-void zcmpsFilestr::Data::endWorker(bool writing) {
-    if (!writing) forgetBlock();  // it may stand in the worker's memory
-    for (std::unique_ptr<PreIOThreadBase>* held : {&fpIOThread, &fpSeveral}) {
-        const std::unique_ptr<PreIOThreadBase> worker = std::move(*held);
-        if (worker == nullptr) continue;
-        if (writing) worker->putBlock(nullptr, 0, fpos);
-        worker->stopThreads();
-        worker->destroyThreads();
-        keepFailure(worker->failure());
+void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
+    ORVA_ASSERT(pos > 0, "pos > 0");
+    beginWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__, [&] {
+        if (pos > kLastRow0Pos) fData->pRealFile.refuseWrite(EFBIG);
+        fData->fRow0Pos = pos;
+        return std::make_unique<orva::partWriter>(fData->pRealFile, pos, fData->fRoads);
+    });
+}
+
+void zcmpsFilestr::setFileToAppend(std::int64_t endpos, bool swap) {
+    beginWriting("fData->pRealFile.Open(GetNameStr(),\"r+b\")", __LINE__, [&] {
+        std::optional<std::int64_t> seenEnd;
+        if (fData->fReader != nullptr) seenEnd = fData->fReader->end();
+        auto writer = std::make_unique<orva::partWriter>(fData->pRealFile, fData->fRow0Pos,
+                                                         orva::resumePoint{swap, endpos, fFilePos, seenEnd},
+                                                         orva::roads{0, fData->fRoads.threadCount}, fData->bSafeAppend);
+        fData->fRoads.multiThread = 0;
+        return writer;
+    });
+}
+
+void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
+    refuseWithWorker();
+    bIsWriting = false;
+    fFilePos = posofpos;
+    Data& d = *fData;
+    try {
+        d.dropWriter();
+        refuseEncrypted(kReadFailed);
+        const compressionHeading chInfo = orva::readHeading(
+            d.pRealFile, posofpos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
+        auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
+        index->limitPlaces(orva::lengthOf(d.pRealFile));
+        orva::loadIndex(d.pRealFile, chInfo, swap, *index);
+        auto reader = std::make_unique<orva::partReader>(d.pRealFile, *index, chInfo, swap);
+        reader->keep(d.fCachedBlocks);
+        reader->take(d.fRoads);
+        d.fReader = std::move(reader);
+        d.fpPosInfo = std::move(index);
+        d.fRow0Pos = posofpos;
+        if (d.fLife != life::failed) d.become(life::reading);
+    } catch (...) {
+        d.fReader.reset();
+        d.fail(d.fLife == life::failed ? life::failed : life::fresh);
     }
 }
 
-// What a failed append has overwritten is put back before anybody hears of it, once no thread writes any more.
-void zcmpsFilestr::Data::keepFailure(const std::exception_ptr& failure) {
-    if (fFailure != nullptr || failure == nullptr) return;
-    fFailure = failure;
-    if (pTail == nullptr || fProcess != platform::processId()) return;
-    endWorker(true);
-    fFailure = undoAppend(failure);
+std::uint32_t zcmpsFilestr::Read(void* buffer, std::uint32_t size) {
+    ORVA_ASSERT(!bIsWriting, "bIsWriting == false");
+    if (size == 0) return 0;
+    if (fData->fLife != life::failed || fData->fReader == nullptr) fData->throwFailure();
+    ORVA_ASSERT(fData->fReader != nullptr, "pInfoBuffer != 0");
+    return static_cast<std::uint32_t>(fData->fReader->read(fFilePos, static_cast<unsigned char*>(buffer), size));
 }
 
-void zcmpsFilestr::Data::failWriting() {
-    keepFailure(std::current_exception());
-    throwFailure();
+std::uint32_t zcmpsFilestr::Write(const void* buffer, std::uint32_t size) {
+    ORVA_ASSERT(bIsWriting, "bIsWriting == true");
+    fData->throwFailure();
+    ORVA_ASSERT(!fData->isClosed(), "fData->bClosed == false");
+    if (size == 0) return 0;
+    if (fFilePos > std::numeric_limits<std::int64_t>::max() - size) fData->pRealFile.refuseWrite(EFBIG);
+    ORVA_ASSERT(fFilePos == fData->fWriter->end(),
+                "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && "
+                "\"Jumped write in zcmpsFilestr::Data::Write\"");
+    try {
+        fData->fWriter->write(static_cast<const unsigned char*>(buffer), size);
+    } catch (...) {
+        fData->fail(life::failed);
+    }
+    fFilePos += size;
+    return size;
 }
 
-void zcmpsFilestr::Data::throwFailure() {
-    if (fFailure == nullptr) return;
-    bToldFailure = true;
-    std::rethrow_exception(fFailure);
+// A closed stream's last rows stay as they are.
+std::int32_t zcmpsFilestr::Flush() const {
+    if (!bIsWriting) return 1;
+    fData->throwFailure();
+    if (fData->isClosed()) return 1;
+    try {
+        fData->fWriter->flush();
+    } catch (...) {
+        fData->fail(life::failed);
+    }
+    return 1;
+}
+
+std::int32_t zcmpsFilestr::Close() {
+    if (!inOwnProcess()) return 0;
+    fData->endReading();
+    if (!bIsWriting) return 1;
+    if (fData->fLife == life::writing) finish();
+    if (fData->fLife == life::failed) {
+        fData->fLife = life::abandoned;
+        fData->throwFailure();
+    }
+    return fData->fLife == life::finished ? 1 : 0;
+}
+
+void zcmpsFilestr::finish() {
+    try {
+        Flush();
+        fData->fWriter->finish(fData->bDurable);
+        reopenForReading();
+        fData->fWriter.reset();
+        fData->become(life::finished);
+    } catch (...) {
+        const bool isFinished = fData->fWriter != nullptr && fData->fWriter->isFinished();
+        fData->fail(isFinished ? life::finished : life::abandoned);
+    }
+}
+
+void zcmpsFilestr::reopenForReading() {
+    const ExtNameStr password;
+    if (ORVA_FileStream::Open(GetNameStr(), password, "rb") == 0) {
+        throwCannotReopen(GetFile(), "ORVA_FileStream::Open(GetNameStr(), password, \"rb\")", __LINE__);
+    }
+}
+
+void zcmpsFilestr::abandon() {
+    if (!inOwnProcess() || fData->isClosed()) return;
+    fData->endReading();
+    if (bIsWriting) fData->fLife = life::abandoned;
+    fData->dropWriter();
 }

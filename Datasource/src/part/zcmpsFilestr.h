@@ -17,15 +17,12 @@
 // Never:   Open and ClearAndReset, which are the plain stream's: another file needs another object.
 #pragma once
 
-#include <orva/compressedLayout.h>
 #include <orva/errors.h>
 #include <orva/filestr.h>
 #include <orva/orvaApi.h>
 
 #include <cstdint>
 #include <memory>
-
-class filePosInfo;
 
 class ORVA_API zcmpsFilestr : public ORVA_FileStream {
 public:
@@ -103,16 +100,12 @@ private:
 
     ORVA_LOCAL void refuseWithWorker() const;
     ORVA_LOCAL void refuseEncrypted(long code);
-    template <class Steps>
-    ORVA_LOCAL void beginWriting(Steps steps);
+    template <class Make>
+    ORVA_LOCAL void beginWriting(const char* expression, std::int32_t line, Make make);
     ORVA_LOCAL void reopenForWriting(const char* expression, std::int32_t line);
-    ORVA_LOCAL std::int32_t closeWriter();
     ORVA_LOCAL void finish();
-    ORVA_LOCAL void commit();
-    ORVA_LOCAL void writeIndex(compressionHeading& heading);
     ORVA_LOCAL void reopenForReading();
 
-    std::unique_ptr<filePosInfo> fpPosInfo;
     std::unique_ptr<Data> fData;
     bool bIsWriting = false;
     std::int64_t fFilePos = 0;

@@ -24,17 +24,19 @@
 // Hand-over and its rules: readAheadSlot.h.
 class PreIOThread_R_D : public readingWorker<PreIOThreadBase> {
 public:
-    PreIOThread_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize);
+    PreIOThread_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize);
 
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t readLoopStep() override;
+    // getBlock without the look-up.
+    void load(std::uint32_t number, unsigned char* to);
 
 private:
-    std::uint32_t readAndDecompress(void* dest, std::int64_t fpos, bool ahead);
+    std::uint32_t readAndDecompress(unsigned char* dest, std::uint32_t number, bool ahead);
 
     orva::readAheadSlot fSlot;
     ORVA_File* const pFile;
-    filePosInfo* const pPosInfo;
+    const filePosInfo* const pPosInfo;
     // In the owner's turn.
     zlibCompressBlock fCompressor;
     orva::blockBuffer pDecompressBuffer;
@@ -48,6 +50,7 @@ private:
 // H2 Every turn ends in its post, on the throwing path too: no putBlock waits for a dead turn.
 // H3 The end request (size 0) comes once and last. It posts nothing.
 // H4 The first failure is kept; later blocks are taken and dropped; the next putBlock or Close throws it.
+// H5 After drop(), at any moment, no further block is begun.
 class PreIOThread_W_C : public writingWorker<PreIOThreadBase> {
 public:
     PreIOThread_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
@@ -56,10 +59,12 @@ public:
     // `position` is not used: blocks come in stream order.
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t writeLoopStep() override;
+    void drop() { bDropped = true; }
 
 private:
     void writeOut();
 
+    std::atomic<bool> bDropped{false};
     ktSemaphore semRequest{0};
     ktSemaphore semFreeSlot{1};
     ORVA_File* const pFile;
@@ -90,7 +95,7 @@ class PreIOThread_Tri_R_D : public PreIOThreadBase {
 public:
     class newThreadForDecompress;
 
-    PreIOThread_Tri_R_D(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize);
+    PreIOThread_Tri_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize);
 
     bool initThreads(bool bRead) override;
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
@@ -103,7 +108,7 @@ private:
     bool hasBlock(std::int64_t fpos) const;
 
     zlibCompressBlock fCompressor;  // decompressAt's
-    filePosInfo* const pPosInfo;
+    const filePosInfo* const pPosInfo;
     ORVA_File* const pFile;
     std::atomic<bool> bReadEnd{false};
     std::atomic<bool> bCompressEnd{false};

@@ -66,12 +66,7 @@ struct finishedPart::state {
         if (!fCompressed) fCompressed = blockBuffer(kBlockSize);
         return {fFile, fCodec, fCompressed.get()};
     }
-    blockPlace placeOf(std::uint32_t number) const {
-        const std::vector<filePosRecord>& records = fIndex.records;
-        std::optional<std::int64_t> nextStart;
-        if (number + 1 < records.size()) nextStart = records[number + 1].orginalPos;
-        return {records[number], number, nextStart, fFileSize};
-    }
+    blockPlace placeOf(std::uint32_t number) const { return orva::placeOf(fIndex.records, number, fFileSize); }
 
     ORVA_File fFile;
     std::int64_t fFileSize = 0;

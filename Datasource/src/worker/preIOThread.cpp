@@ -67,15 +67,14 @@ bool PreIOThreadBase::inOwnProcess() const {
     return fProcess == platform::processId();
 }
 
-std::unique_ptr<PreIOThreadBase> startedWorker(std::unique_ptr<PreIOThreadBase> worker, bool bRead) {
+void startWorker(PreIOThreadBase& worker, bool bRead) {
     try {
-        worker->initThreads(bRead);
-        worker->startThreads();
+        worker.initThreads(bRead);
+        worker.startThreads();
     } catch (...) {
-        if (!bRead) worker->putBlock(nullptr, 0, 0);  // the loops that have begun
-        worker->stopThreads();
-        worker->destroyThreads();
+        if (!bRead) worker.putBlock(nullptr, 0, 0);  // the loops that have begun
+        worker.stopThreads();
+        worker.destroyThreads();
         throw;
     }
-    return worker;
 }

@@ -16,11 +16,14 @@
 #include "base/assertion.h"
 
 #include <orva/ktthread.h>
+#include <orva/platform.h>
 #include <orva/refCntObject.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -88,19 +91,28 @@ private:
     std::vector<std::unique_ptr<CallBackObject>> fLoops;  // not yet the pool's
 };
 
-// The base of workers that run their loop on several threads at once.
+// The base of workers that run their loop on several threads at once. What these share is under its mutex; one
+// condition tells them of every change. In a forked child nobody waits, and what a thread may have been holding is left
+// behind.
 class PreIOThreadSeveral : public PreIOThreadBase {
 protected:
     using PreIOThreadBase::PreIOThreadBase;
-    // The caller's wait, who meanwhile does steps of the threads' work as long as `help` finds one. False in a forked
-    // child: there is no thread that could post.
-    template <class Help>
-    static bool waitHelping(ktSemaphore& posted, Help help) {
-        while (!posted.tryWaitSemaphore()) {
-            if (!help()) return posted.waitSemaphore();
-        }
-        return true;
+    ~PreIOThreadSeveral() override {
+        if (!isMakers()) static_cast<void>(fShared.release());
     }
+    using guard = std::unique_lock<std::mutex>;
+    guard locked() const { return guard(fShared->mutex); }
+    void tellAll() const { fShared->changed.notify_all(); }
+    void wait(guard& lock) const { fShared->changed.wait(lock); }
+    bool isMakers() const { return fMaker == platform::processId(); }
+
+private:
+    struct shared {
+        std::mutex mutex;
+        std::condition_variable changed;
+    };
+    std::unique_ptr<shared> fShared = std::make_unique<shared>();
+    const std::int64_t fMaker = platform::processId();
 };
 
 // A worker that only reads, or only writes: the operations of the other direction are breaches.
@@ -132,5 +144,11 @@ public:
     }
 };
 
-// Starts a new worker and gives it back. One that cannot start is gone when the error leaves.
-std::unique_ptr<PreIOThreadBase> startedWorker(std::unique_ptr<PreIOThreadBase> worker, bool bRead);
+// Starts a new worker. One that cannot start may be deleted.
+void startWorker(PreIOThreadBase& worker, bool bRead);
+// And gives it back. One that cannot start is gone when the error leaves.
+template <class Worker>
+std::unique_ptr<Worker> startedWorker(std::unique_ptr<Worker> worker, bool bRead) {
+    startWorker(*worker, bRead);
+    return worker;
+}

@@ -1,0 +1,62 @@
+// partReader: the rows of a finished compressed part, one block in hand at a time.
+//
+// Units:   bytes; positions are logical: the first byte of rows has the row-0 position.
+// Owner:   the caller owns file and index, and keeps both as they are until the reader is gone. The reader owns the
+//          memory of its blocks and those of its threads.
+// Threads: one caller at a time. Threads of the reader's own, as `roads` says, read ahead for it.
+// Failure: FileError, DamagedFileError for a block that is not what its record says, FileChangedError where heading or
+//          index have been written since. The reader goes on serving sound blocks.
+// Fork:    in another process than its maker's a reader reads without its threads, as far as their locks allow.
+#pragma once
+
+#include "format/filePosInfo.h"
+#include "part/blockSource.h"
+
+#include <orva/compressedLayout.h>
+#include <orva/file.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+namespace orva {
+
+class partReader {
+public:
+    // `index` is parsed, and stood in the file as `heading` says; `swap`: both have the other byte order there.
+    partReader(ORVA_File& file, const filePosInfo& index, const compressionHeading& heading, bool swap)
+        : fFile(file), fIndex(index), fHeading(heading), bSwap(swap) {}
+
+    // Logical position behind the rows.
+    std::int64_t end() const { return fIndex.dataEnd(fHeading._caseStartPos); }
+    // Up to `size` rows from `pos` on, which moves on as they come; the count. Fewer: the rows end there, or `pos` lies
+    // outside them. A position inside them that no block holds is damage.
+    std::uint64_t read(std::int64_t& pos, unsigned char* to, std::uint64_t size);
+    // From now on blocks come by these threads; at first by none. If that throws, nothing has changed.
+    void take(const roads& taken) { remake(taken, fCachedBlocks); }
+    // Keeps up to so many blocks beside the one in hand; none at first. Forgets those that it holds.
+    void keep(std::uint32_t blocks) { remake(fTaken, blocks); }
+    // It goes on without threads.
+    void endThreads() noexcept;
+    atWork threads() const { return fSource != nullptr ? fSource->threads() : atWork::none; }
+
+private:
+    bool holds(std::int64_t pos) const { return fBuffer != nullptr && pos >= fpos && pos - fpos < fSize; }
+    std::uint64_t readOn(std::int64_t pos, unsigned char* to, std::uint64_t size);
+    std::optional<std::uint32_t> numberAt(std::int64_t pos) const;
+    void remake(const roads& taken, std::uint32_t cachedBlocks);
+
+    ORVA_File& fFile;
+    const filePosInfo& fIndex;
+    const compressionHeading fHeading;
+    const bool bSwap;
+    roads fTaken;
+    std::uint32_t fCachedBlocks = 0;
+    std::unique_ptr<blockSource> fSource;  // none until it is needed
+    // The block in hand, in memory of the source. None while fBuffer is null.
+    const unsigned char* fBuffer = nullptr;
+    std::int64_t fpos = -1;
+    std::int64_t fSize = 0;
+};
+
+}  // namespace orva

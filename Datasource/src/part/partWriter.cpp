@@ -1,0 +1,174 @@
+#include "part/partWriter.h"
+
+#include "base/assertion.h"
+#include "file/namedFile.h"
+#include "format/blockTransfer.h"
+
+#include <orva/errtext.h>
+#include <orva/sideFile.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace orva {
+
+partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, std::uint32_t blockLength)
+    : fFile(file),
+      fRow0Pos(row0Pos),
+      fBlockLength(blockLength),
+      fIndex(kBlockSize, file.GetNameStr().GetGeneric()),
+      fpos(row0Pos),
+      availBuffSize(blockLength) {}
+
+// The 24 bytes of the heading are reserved by nothing but the first block's place behind them.
+partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, std::uint32_t blockLength)
+    : partWriter(file, row0Pos, blockLength) {
+    bNewPart = true;
+    fSink = makeSink(next(), taken, false);
+}
+
+partWriter::~partWriter() {
+    try {
+        if (fProcess == platform::processId()) abandon();
+    } catch (...) {  // whoever wants to hear of it abandons before
+    }
+}
+
+template <class Steps>
+void partWriter::guarded(Steps steps) {
+    ORVA_ASSERT(fSink != nullptr, "the writer has not ended");
+    try {
+        steps();
+    } catch (...) {
+        fail();
+    }
+}
+
+// What a failed append has overwritten is put back before anybody hears of it, once no thread writes any more.
+void partWriter::fail() {
+    std::exception_ptr failure = std::current_exception();
+    if (fProcess == platform::processId()) {
+        endSink(true);
+        if (fTail != nullptr) failure = std::exchange(fTail, nullptr)->undo(failure);
+    }
+    std::rethrow_exception(failure);
+}
+
+std::exception_ptr partWriter::endSink(bool drop) {
+    const std::unique_ptr<blockSink> sink = std::move(fSink);
+    return sink != nullptr ? sink->end(drop) : nullptr;
+}
+
+void partWriter::abandon() {
+    endSink(true);
+    if (fTail == nullptr) return;
+    const std::exception_ptr failure = std::exchange(fTail, nullptr)->undo(nullptr);
+    if (failure != nullptr) std::rethrow_exception(failure);
+}
+
+void partWriter::write(const unsigned char* rows, std::uint64_t size) {
+    guarded([&] {
+        while (size != 0) {
+            std::uint32_t count = fBlockLength;
+            if (availBuffSize == fBlockLength && size >= fBlockLength) {
+                send(rows, count);  // a whole block needs no memory of ours
+            } else {
+                const std::span<unsigned char> to = room();
+                count = static_cast<std::uint32_t>(std::min<std::uint64_t>(to.size(), size));
+                std::memcpy(to.data(), rows, count);
+                wrote(count);
+            }
+            rows += count;
+            size -= count;
+        }
+    });
+}
+
+std::span<unsigned char> partWriter::room() {
+    if (fBuffer == nullptr) guarded([this] { fBuffer = fSink->room(); });
+    if (fBuffer == nullptr) fBuffer = ownRoom();
+    return {fBuffer + (fBlockLength - availBuffSize), availBuffSize};
+}
+
+unsigned char* partWriter::ownRoom() {
+    guarded([this] {
+        if (!fRows) fRows = blockBuffer(fBlockLength);
+    });
+    return fRows.get();
+}
+
+void partWriter::wrote(std::uint32_t count) {
+    ORVA_ASSERT(count <= availBuffSize, "count <= availBuffSize");
+    availBuffSize -= count;
+    if (availBuffSize == 0) flush();
+}
+
+void partWriter::flush() {
+    guarded([this] { endBlock(); });
+}
+
+void partWriter::endBlock() {
+    const std::uint32_t size = fBlockLength - availBuffSize;
+    if (size != 0) send(fBuffer, size);
+}
+
+void partWriter::send(const unsigned char* rows, std::uint32_t size) {
+    endFormerLife();
+    fSink->put(rows, size);
+    fTransferEnd = 0;
+    fpos += size;
+    fBuffer = nullptr;
+    availBuffSize = fBlockLength;
+}
+
+// What a side file could bring back is there until the first byte of the new part is written.
+void partWriter::endFormerLife() {
+    if (std::exchange(bNewPart, false)) dropSideFile(fFile.GetNameStr().GetGeneric());
+}
+
+void partWriter::finish(bool durable) {
+    guarded([&] {
+        endBlock();
+        if (const std::exception_ptr failure = endSink(false)) std::rethrow_exception(failure);
+        commit(durable);
+    });
+}
+
+// The heading goes last: it is what makes the file a finished one. A safe append is through with it. Any other can
+// still be undone when closing the file fails, where a full disk shows first on some file systems.
+void partWriter::commit(bool durable) {
+    const bool safe = fTail != nullptr && fTail->isSafe();
+    endFormerLife();
+    const compressionHeading heading = writeIndex();
+    if (durable || safe) fFile.Sync();
+    writeAll(fFile, &heading, sizeof heading, fRow0Pos);
+    if (durable || safe) {
+        fFile.Sync();
+        syncName(fFile.GetNameStr().GetGeneric());
+    }
+    bFinished = safe;
+    if (safe) std::exchange(fTail, nullptr)->commit();
+    try {
+        fFile.Close();
+    } catch (const FileError& error) {
+        if (safe) throw error.withOutcome("the append itself is complete");
+        throw;
+    }
+    fTail.reset();
+    bFinished = true;
+}
+
+compressionHeading partWriter::writeIndex() {
+    std::uint32_t stLength = 0;
+    const unsigned char* bytes = fIndex.serialize(stLength);
+    ORVA_ASSERT(stLength != 0, "stLength!=0");
+    ORVA_ASSERT(fFile.IsOpen(), "fData->pRealFile.IsOpen() == true");
+    ORVA_ASSERT(fSink == nullptr, "fData->fpIOThread == 0");
+    const compressionHeading heading{fRow0Pos, std::max(fTransferEnd, fIndex.writtenEnd(fRow0Pos + kHeadingSize)),
+                                     stLength};
+    writeAll(fFile, bytes, stLength, heading._indexPos);
+    return heading;
+}
+
+}  // namespace orva

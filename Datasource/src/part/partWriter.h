@@ -1,0 +1,110 @@
+// partWriter: one compressed part on its way into a file, as a new one or behind the rows of a finished one. Rows come
+// in any sizes; whole blocks go on to a sink, and finish() makes a finished part of it. Format: docs/format.md.
+//
+// Units:   bytes; positions are logical: the first byte of rows has the row-0 position.
+// Owner:   the caller owns the file, open for reading and writing, and keeps it until the writer is gone. The writer
+//          owns the index, 24 bytes a block, one to two blocks of memory and those of its threads.
+// Threads: one caller at a time. Threads of the writer's own, as `roads` says, end in finish, abandon or on a failure.
+// Failure: FileError, bad_alloc, what a thread could not be started with. A failure is final: what an append has
+//          overwritten is put back before the failure is thrown, whose text says so; then only the destructor may
+//          follow. DamagedFileError from resuming, before anything is written.
+// Fork:    in another process than its maker's a writer can only be destroyed, which leaves the file alone.
+#pragma once
+
+#include "base/blockBuffer.h"
+#include "format/filePosInfo.h"
+#include "part/blockSink.h"
+#include "part/savedTail.h"
+
+#include <orva/blockSize.h>
+#include <orva/compressedLayout.h>
+#include <orva/file.h>
+#include <orva/platform.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+
+namespace orva {
+
+// Where a finished part is resumed.
+struct resumePoint {
+    bool swap;                            // heading and index have the other byte order
+    std::int64_t endpos;                  // where the rows go on: their end, or a place in a short last block
+    std::int64_t filePos;                 // where the caller is going to write; has to be endpos if that block is short
+    std::optional<std::int64_t> seenEnd;  // where the rows ended when the caller read the index
+};
+
+class partWriter {
+public:
+    // Begins a new part at file offset `row0Pos`, 1 to kLastRow0Pos. Nothing is written until the first block; a side
+    // file of the part's former life goes then.
+    partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, std::uint32_t blockLength = kBlockSize);
+    // Resumes the finished part there. `safe`: what is going to be overwritten stands in a side file first.
+    // DamagedFileError too if the rows do not end where the caller takes them to.
+    partWriter(ORVA_File& file, std::int64_t row0Pos, const resumePoint& from, const roads& taken, bool safe,
+               std::uint32_t blockLength = kBlockSize);
+    partWriter(const partWriter&) = delete;
+    partWriter& operator=(const partWriter&) = delete;
+    // Abandons what is not finished, and swallows what that meets.
+    ~partWriter();
+
+    // Logical position behind the rows.
+    std::int64_t end() const { return fpos + (fBlockLength - availBuffSize); }
+    void write(const unsigned char* rows, std::uint64_t size);
+    // Room for the next rows, to be filled in place: at least one byte, until the next call. `wrote` takes the first
+    // `count` bytes of it.
+    std::span<unsigned char> room();
+    void wrote(std::uint32_t count);
+    // Ends the current block short.
+    void flush();
+    // The last block, the index and, last of all, the heading; then the file is closed. `durable`: it returns only when
+    // the part would survive a loss of power.
+    void finish(bool durable);
+    // The heading is in the file: what still fails then is no loss of rows.
+    bool isFinished() const { return bFinished; }
+    // Ends the threads, gives up what they have not begun, and puts back what an append has overwritten. Throws if that
+    // fails. Nothing to do on one that is finished.
+    void abandon();
+
+    // For settings that come after the beginning. Needs that no thread is at work.
+    void take(const roads& taken) { fSink = makeSink(next(), taken, true); }
+    atWork threads() const { return fSink != nullptr ? fSink->threads() : atWork::none; }
+
+private:
+    partWriter(ORVA_File& file, std::int64_t row0Pos, std::uint32_t blockLength);
+    template <class Steps>
+    void guarded(Steps steps);
+    [[noreturn]] void fail();
+    std::exception_ptr endSink(bool drop);
+    sinkPlace next() { return {fFile, fIndex, fBlockLength, fpos, fIndex.writtenEnd(fRow0Pos + kHeadingSize)}; }
+    unsigned char* ownRoom();
+    void endBlock();
+    void send(const unsigned char* rows, std::uint32_t size);
+    void endFormerLife();
+    void commit(bool durable);
+    compressionHeading writeIndex();
+    // Resuming, partResume.cpp.
+    tailPlan resume(const resumePoint& from);
+    void resumeBehind(const filePosRecord& last, const resumePoint& from);
+    void resumeInBlock(const filePosRecord& last, std::uint32_t number, const resumePoint& from);
+    [[noreturn]] void refuseEnd(std::int64_t end, const resumePoint& from) const;
+
+    ORVA_File& fFile;
+    const std::int64_t fRow0Pos;
+    const std::uint32_t fBlockLength;  // rows of a full block
+    filePosInfo fIndex;
+    std::int64_t fpos;                 // logical position of the current block
+    std::int64_t fTransferEnd = 0;     // where the last transfer ended, before a block is written; 0 afterwards
+    unsigned char* fBuffer = nullptr;  // the current block's rows, in memory of the sink or of fRows
+    std::uint32_t availBuffSize;       // free bytes of it
+    blockBuffer fRows;
+    bool bNewPart = false;  // nothing of a new part is in the file yet
+    bool bFinished = false;
+    std::unique_ptr<savedTail> fTail;  // of an append that is not through
+    std::unique_ptr<blockSink> fSink;  // none once the writer has ended or failed
+    const std::int64_t fProcess = platform::processId();
+};
+
+}  // namespace orva
