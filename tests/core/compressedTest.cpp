@@ -5,6 +5,9 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <thread>
+
 namespace core {
 namespace {
 
@@ -148,6 +151,36 @@ TEST_P(CompressedWrite, StatesAfterTheEnd) {
     }
 }
 
+// The thread that writes the first block is held there until the stream is being abandoned.
+TEST_P(CompressedWrite, AbandonGivesUpTheBlocksThatWait) {
+    const auto stream = started();
+    std::atomic<bool> abandoning{false};
+    std::atomic<int> writes{0};
+    const CallHook hook([&](Call call, int, std::uint64_t) {
+        if (call == Call::Write && ++writes == 1 && GetParam() != 0) {
+            while (!abandoning) std::this_thread::yield();
+        }
+        return Verdict::goOn();
+    });
+    write(*stream, Bytes(GetParam() == kSeveral ? 4 * kBlock : kBlock, 'x'));
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        abandoning = true;
+    });
+    stream->abandon();
+    release.join();
+    EXPECT_LE(writes, 1);
+}
+
+TEST_P(CompressedWrite, ABeginningWithoutRoomForABlockIsRefused) {
+    const auto stream = freshStream(fName, GetParam());
+    for (const std::int64_t pos : {kLastRow0Pos + 1, INT64_MAX}) {
+        EXPECT_EQ(failureOf([&] { beginRows(*stream, pos); }), fileError(1002, EFBIG, fName));
+        EXPECT_THAT(failureOf([&] { stream->readFilePosInfo(pos, false); }), HasSubstr("cannot begin at offset"));
+    }
+    EXPECT_EQ(support::readBytes(fName), Bytes(kRow0, 0xD5));
+}
+
 TEST_P(CompressedWrite, CannotBeginWithoutTheFileAndMayTryAgain) {
     const auto stream = freshStream(fName, GetParam());
     std::filesystem::remove(fName);
@@ -216,12 +249,33 @@ TEST_P(CompressedRead, DamagedBlockIsRefusedAndTheOthersStayReadable) {
     support::writeBytes(fName, support::with(fFile, length, bytesOf(fLayout.records[2].translateSize - 1)));
     const Reader reader = opened();
     EXPECT_THAT(failureOf([&] { reader.readAt(row(0) + 500, 9'000); }),
-                testing::AllOf(testing::StartsWith("DamagedFileError"), HasSubstr(fName),
+                testing::AllOf(testing::StartsWith("DamagedFileError"), HasSubstr(fName + "\" is damaged"),
                                HasSubstr("block 2 (logical positions 4001 to 24001, "),
                                HasSubstr("[0: Z_STREAM_END at the last byte]")));
     EXPECT_EQ(reader->Tell(), row(2)) << "behind the last byte delivered";
     EXPECT_EQ(reader.readAt(row(3), 5'700), joined({fBlocks[3], fBlocks[4]}));
     EXPECT_EQ(reader.readAt(row(0), 3'001), joined({fBlocks[0], fBlocks[1]}));
+}
+
+TEST_P(CompressedRead, AnAppendBesideTheReaderIsNoDamage) {
+    const Reader reader = opened();
+    EXPECT_EQ(reader.readAt(row(0), 3'000), fBlocks[0]);
+    const Bytes added(50'000, 'y');
+    const std::int64_t end = row(5) + 100;
+    Reader other(fName, 0, kRow0);
+    other->Seek(end, ORVA_StrBaseIO::SeekFromStart);
+    other->setFileToAppend(end, false);
+    write(*other, added);
+    for (const bool finished : {false, true}) {
+        finished ? other->Close() : other->Flush();
+        EXPECT_THAT(failureOf([&] { reader.readAt(row(5), 100); }),
+                    testing::AllOf(testing::StartsWith("DamagedFileError"),
+                                   HasSubstr("has changed since it was opened"), HasSubstr("block 5 ")));
+        EXPECT_EQ(reader.readAt(row(1), 1), fBlocks[1]);
+    }
+    reader->Close();
+    reader->readFilePosInfo(kRow0, false);
+    EXPECT_TRUE(support::sameBytes(reader.read(100'000), joined(fBlocks) + added));
 }
 
 // Far behind the row-0 position the guess of a look-up cannot be right, so nothing but the gap answers.

@@ -134,6 +134,19 @@ TEST_F(AppendTest, TheEndIsTheCallersDutyInAShortBlockAndTheFilesBehindAFullOne)
         kAppends[0].run(fFile);
         stale->Seek(kRow0 + 800, ORVA_StrBaseIO::SeekFromStart);
         EXPECT_THAT(failureOf([&] { stale->setFileToAppend(kRow0 + 800, false); }), elsewhere);
+        // It is taken where it ends now.
+        const Bytes before = rowsOf(fFile);
+        const std::int64_t end = kRow0 + std::ssize(before);
+        stale->Seek(end, ORVA_StrBaseIO::SeekFromStart);
+        stale->setFileToAppend(end, false);
+        core::write(*stale, Bytes(10, 'x'));
+        EXPECT_EQ(stale->Close(), 1);
+        EXPECT_EQ(rowsOf(fFile), before + Bytes(10, 'x'));
+    }
+    {
+        const core::Reader stale(fFile, 0, kRow0);
+        makeFile(fFile, {});
+        EXPECT_THAT(failureOf([&] { stale->setFileToAppend(kRow0 + 800, false); }), elsewhere);
     }
     makeFile(fFile, blocksOf({kBlock}));
     EXPECT_THAT(failureOf([&] { begin(5, 5); }), elsewhere);

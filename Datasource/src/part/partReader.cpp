@@ -18,8 +18,7 @@ void partReader::endThreads() noexcept {
 }
 
 void partReader::remake(const roads& taken, std::uint32_t cachedBlocks) {
-    std::unique_ptr<blockSource> source = makeSource(fFile, fIndex, taken);
-    if (cachedBlocks != 0) source = cached(std::move(source), fIndex, cachedBlocks);
+    std::unique_ptr<blockSource> source = makeSource(fFile, fIndex, taken, cachedBlocks);
     fBuffer = nullptr;
     fSource = std::move(source);
     fTaken = taken;

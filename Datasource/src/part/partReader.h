@@ -10,7 +10,7 @@
 #pragma once
 
 #include "format/filePosInfo.h"
-#include "part/blockSource.h"
+#include "part/blockRoads.h"
 
 #include <orva/compressedLayout.h>
 #include <orva/file.h>

@@ -13,7 +13,7 @@
 
 #include "base/blockBuffer.h"
 #include "format/filePosInfo.h"
-#include "part/blockSink.h"
+#include "part/blockRoads.h"
 #include "part/savedTail.h"
 
 #include <orva/blockSize.h>
@@ -77,7 +77,7 @@ private:
     template <class Steps>
     void guarded(Steps steps);
     [[noreturn]] void fail();
-    std::exception_ptr endSink(bool drop);
+    void endSink(bool drop);
     sinkPlace next() { return {fFile, fIndex, fBlockLength, fpos, fIndex.writtenEnd(fRow0Pos + kHeadingSize)}; }
     unsigned char* ownRoom();
     void endBlock();
@@ -85,7 +85,6 @@ private:
     void endFormerLife();
     void commit(bool durable);
     compressionHeading writeIndex();
-    // Resuming, partResume.cpp.
     tailPlan resume(const resumePoint& from);
     void resumeBehind(const filePosRecord& last, const resumePoint& from);
     void resumeInBlock(const filePosRecord& last, std::uint32_t number, const resumePoint& from);

@@ -30,6 +30,8 @@ public:
     std::int32_t readLoopStep() override;
     // getBlock without the look-up.
     void load(std::uint32_t number, unsigned char* to);
+    // It lends none.
+    static const unsigned char* lend(std::uint32_t) { return nullptr; }
 
 private:
     std::uint32_t readAndDecompress(unsigned char* dest, std::uint32_t number, bool ahead);
@@ -60,6 +62,8 @@ public:
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t writeLoopStep() override;
     void drop() { bDropped = true; }
+    // Its caller fills memory of his own.
+    static unsigned char* lendRows() { return nullptr; }
 
 private:
     void writeOut();

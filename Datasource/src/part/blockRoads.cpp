@@ -1,0 +1,204 @@
+#include "part/blockRoads.h"
+
+#include "base/assertion.h"
+#include "format/blockTransfer.h"
+#include "part/zcmpsMultiThread.h"
+#include "part/zcmpsPreIOThread.h"
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <utility>
+#include <vector>
+
+namespace orva {
+
+namespace {
+
+class inlineSink : public blockSink {
+public:
+    explicit inlineSink(const sinkPlace& at) : fAt(at), fpos(at.pos), fCompressedPos(at.place) {}
+    void put(const unsigned char* rows, std::uint32_t size) override {
+        if (!fDeflated) fDeflated = blockBuffer(deflateRoom());
+        fCompressedPos =
+            writeBlock({fAt.file, fAt.index, fCompressor, fDeflated.get()}, rows, size, fpos, fCompressedPos);
+        fpos += size;
+    }
+    void end(bool) override {}
+
+private:
+    const sinkPlace fAt;
+    std::int64_t fpos;
+    std::int64_t fCompressedPos;
+    zlibCompressBlock fCompressor;
+    blockBuffer fDeflated;
+};
+
+// What a setting that promises a thread leads to where there is none.
+class missingSink final : public inlineSink {
+public:
+    using inlineSink::inlineSink;
+    void put(const unsigned char*, std::uint32_t) override { ORVA_ASSERT(false, "fpIOThread != 0"); }
+};
+
+// A worker whose threads start when it is first asked for, and end with this.
+template <class Worker>
+class lazyWorker {
+public:
+    lazyWorker(atWork kind, bool bRead, std::function<std::unique_ptr<Worker>()> make)
+        : fKind(kind), fRead(bRead), fMake(std::move(make)) {
+        if (kind == atWork::one) **this;
+    }
+    Worker& operator*() {
+        if (fWorker == nullptr) fWorker.reset(startedWorker(fMake(), fRead).release());
+        return *fWorker;
+    }
+    Worker* get() const { return fWorker.get(); }
+    atWork threads() const { return fWorker != nullptr ? fKind : atWork::none; }
+
+private:
+    struct stop {
+        void operator()(Worker* worker) const {
+            worker->stopThreads();
+            worker->destroyThreads();
+            delete worker;
+        }
+    };
+    const atWork fKind;
+    const bool fRead;
+    const std::function<std::unique_ptr<Worker>()> fMake;
+    std::unique_ptr<Worker, stop> fWorker;
+};
+
+template <class Worker>
+class workerSink final : public blockSink {
+public:
+    template <class... Arguments>
+    workerSink(atWork kind, const sinkPlace& at, Arguments... more)
+        : fWorker(kind, false, [=] {
+              return std::make_unique<Worker>(&at.file, &at.index, at.blockLength, at.pos, at.place, more...);
+          }) {}
+    unsigned char* room() override { return (*fWorker).lendRows(); }
+    void put(const unsigned char* rows, std::uint32_t size) override { (*fWorker).putBlock(rows, size, 0); }
+    void end(bool drop) override {
+        Worker* worker = fWorker.get();
+        if (worker == nullptr) return;
+        if (drop) worker->drop();
+        worker->putBlock(nullptr, 0, 0);
+        worker->stopThreads();
+        if (!drop && worker->failure() != nullptr) std::rethrow_exception(worker->failure());
+    }
+    atWork threads() const override { return fWorker.threads(); }
+
+private:
+    lazyWorker<Worker> fWorker;
+};
+
+class inlineSource final : public blockSource {
+public:
+    inlineSource(ORVA_File& file, const filePosInfo& index) : fFile(file), fIndex(index) {}
+    void read(std::uint32_t number, unsigned char* to) override {
+        if (!fCompressedBuffer) fCompressedBuffer = blockBuffer(kBlockSize);
+        readBlock({fFile, fCompressor, fCompressedBuffer.get()}, placeOf(fIndex, number), to);
+    }
+
+private:
+    ORVA_File& fFile;
+    const filePosInfo& fIndex;
+    zlibCompressBlock fCompressor;
+    blockBuffer fCompressedBuffer;
+};
+
+template <class Worker>
+class workerSource final : public blockSource {
+public:
+    template <class... Arguments>
+    workerSource(atWork kind, ORVA_File& file, const filePosInfo& index, Arguments... more)
+        : fWorker(kind, true,
+                  [=, &file, &index] { return std::make_unique<Worker>(&file, &index, kBlockSize, more...); }) {}
+    const unsigned char* lend(std::uint32_t number) override {
+        const unsigned char* ahead = (*fWorker).lend(number);
+        return ahead != nullptr ? ahead : blockSource::lend(number);
+    }
+    void read(std::uint32_t number, unsigned char* to) override { (*fWorker).load(number, to); }
+    atWork threads() const override { return fWorker.threads(); }
+
+private:
+    lazyWorker<Worker> fWorker;
+};
+
+class cachedSource final : public blockSource {
+public:
+    cachedSource(std::unique_ptr<blockSource> source, const filePosInfo& index, std::uint32_t blocks)
+        : fSource(std::move(source)), fIndex(index), fBlocks(blocks) {}
+    const unsigned char* lend(std::uint32_t number) override {
+        if (const unsigned char* held = find(number)) return held;
+        entry& oldest = *std::min_element(fBlocks.begin(), fBlocks.end(),
+                                          [](const entry& a, const entry& b) { return a.lastUse < b.lastUse; });
+        oldest.number = kNone;
+        if (!oldest.rows) oldest.rows = blockBuffer(kBlockSize);
+        fSource->read(number, oldest.rows.get());
+        oldest.number = number;
+        oldest.lastUse = ++fClock;
+        return oldest.rows.get();
+    }
+    void read(std::uint32_t number, unsigned char* to) override {
+        const unsigned char* held = find(number);
+        if (held == nullptr) return fSource->read(number, to);
+        std::memcpy(to, held, static_cast<std::size_t>(fIndex.parsed(number).orginalSize));
+    }
+    atWork threads() const override { return fSource->threads(); }
+
+private:
+    static constexpr std::int64_t kNone = -1;
+    struct entry {
+        blockBuffer rows;
+        std::int64_t number = kNone;
+        std::uint64_t lastUse = 0;
+    };
+    const unsigned char* find(std::uint32_t number) {
+        const auto held =
+            std::find_if(fBlocks.begin(), fBlocks.end(), [=](const entry& e) { return e.number == number; });
+        if (held == fBlocks.end()) return nullptr;
+        held->lastUse = ++fClock;
+        return held->rows.get();
+    }
+
+    const std::unique_ptr<blockSource> fSource;
+    const filePosInfo& fIndex;
+    std::vector<entry> fBlocks;
+    std::uint64_t fClock = 0;
+};
+
+}  // namespace
+
+const unsigned char* blockSource::lend(std::uint32_t number) {
+    if (!fBuffer) fBuffer = blockBuffer(kBlockSize);
+    read(number, fBuffer.get());
+    return fBuffer.get();
+}
+
+std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken, bool begun) {
+    if (taken.threadCount != 0) {
+        return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(atWork::several, at, taken.threadCount);
+    }
+    if (taken.multiThread == 0) return std::make_unique<inlineSink>(at);
+    if (taken.multiThread == 1 && !begun) return std::make_unique<workerSink<PreIOThread_W_C>>(atWork::one, at);
+    return std::make_unique<missingSink>(at);
+}
+
+std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& index, const roads& taken,
+                                        std::uint32_t cachedBlocks) {
+    std::unique_ptr<blockSource> source;
+    if (taken.threadCount != 0) {
+        source = std::make_unique<workerSource<PreIOThread_Multi_R_D>>(atWork::several, file, index, taken.threadCount);
+    } else if (taken.multiThread >= 2) {
+        source = std::make_unique<workerSource<PreIOThread_R_D>>(atWork::one, file, index);
+    } else {
+        source = std::make_unique<inlineSource>(file, index);
+    }
+    if (cachedBlocks != 0) source = std::make_unique<cachedSource>(std::move(source), index, cachedBlocks);
+    return source;
+}
+
+}  // namespace orva
