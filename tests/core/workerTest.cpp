@@ -95,6 +95,10 @@ TEST_F(Writers, M2_NoThreadWaitsForTheOneThatWritesAndNobodyReads) {
     EXPECT_EQ(writes.ofOthers, 2) << "the writer takes the block along";
 
     PreIOThread_W_C one(&fOpened, &index, kBlock, kRow0, kRow0 + 24);
+    one.putBlock("rows", 4, 0);
+    one.drop();
+    EXPECT_EQ(one.writeLoopStep(), 0);
+    EXPECT_EQ(index.recordCount(), 2u) << "H5";
     for (PreIOThreadBase* writer : {static_cast<PreIOThreadBase*>(&worker), static_cast<PreIOThreadBase*>(&one)}) {
         EXPECT_ASSERTION(writer->getBlock(nullptr, 1, 1), ": 0\n");
         EXPECT_ASSERTION(writer->readLoopStep(), ": 0\n");
