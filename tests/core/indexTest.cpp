@@ -1,4 +1,4 @@
-// The bytes of heading and index, in both byte orders, and look-up with its cursor. Lies of an index are told in
+// The bytes of heading and index, in both byte orders, and look-up. Lies of an index are told in
 // recovery/damageTest.cpp. The example: two full blocks and a third of 100,000 bytes behind a dictionary part of 1,000,
 // deflated to 1,500,000, 1,400,000 and 40,000 bytes.
 #include "coreTest.h"
@@ -7,11 +7,6 @@
 #include <gmock/gmock.h>
 
 #include <sstream>
-
-// The cursor is a hint that no result shows, so tests look at it here.
-struct filePosInfoAccess {
-    static std::atomic<std::uint32_t>& cursor(const filePosInfo& index) { return index.fCursor; }
-};
 
 namespace core {
 namespace {
@@ -92,20 +87,18 @@ void parse(filePosInfo& index, const Records& records) {
     index.parseForRead(bytes.data(), false);
 }
 
-TEST(Lookup, TheCursorGoesBehindTheBlockFound) {
-    const struct {
-        std::uint32_t cursor;
-        std::int64_t pos, found;
-        std::uint32_t cursorAfter;
-    } cases[] = {
-        {0, 999, -200, 0},                         // before the first row
-        {1, 9'000'000, -200, 1},                   // in the last block's span, but behind its data
-        {0, 8'000'000, 4'191'208, 2},              // the quotient is right
-        {0, 8'381'000, 4'191'208, 2},              // or too high
-        {1, 4'191'208, 4'191'208, 2},              // a sequential reader
-        {2, 4'190'500, 1'000, 1},                  // from the beginning again
-        {2, 8'381'416, 8'381'416, 3},              // behind the last one
-        {4'000'000'000, 4'191'208, 4'191'208, 2},  // far outside
+TEST(Lookup, FindsTheBlockThatHoldsAPosition) {
+    const std::pair<std::int64_t, std::int64_t> cases[] = {
+        {1'000, 1'000},          // the first row
+        {999, -200},             // before it
+        {9'000'000, -200},       // in the last block's span, but behind its data
+        {8'000'000, 4'191'208},  // the quotient is right
+        {8'381'000, 4'191'208},  // or too high
+        {4'190'500, 1'000},      // from the beginning again
+        {4'191'208, 4'191'208},  // a sequential reader
+        {8'381'416, 8'381'416},  // behind which the cursor has no record
+        {8'481'415, 8'381'416},  // the last row
+        {8'481'416, -200},
     };
     filePosInfo index(kBlock);
     EXPECT_ASSERTION(index.findRecord(1), "pInfoBuffer != 0");
@@ -114,16 +107,12 @@ TEST(Lookup, TheCursorGoesBehindTheBlockFound) {
     parse(index, {});
     EXPECT_EQ(index.findRecord(1'000).orginalPos, -200);
     parse(index, kExample);
-    for (const auto& c : cases) {
-        filePosInfoAccess::cursor(index) = c.cursor;
-        EXPECT_EQ(index.findRecord(c.pos).orginalPos, c.found) << c.pos;
-        EXPECT_EQ(filePosInfoAccess::cursor(index), c.cursorAfter) << c.pos;
-    }
+    for (const auto& [pos, found] : cases) EXPECT_EQ(index.findRecord(pos).orginalPos, found) << pos;
 }
 
 // A damaged index may hold overlapping records. The block that begins at a position is still found there, so that each
 // of the sound ones stays readable.
-TEST(Lookup, AgreesWithANaiveSearchWhateverTheCursor) {
+TEST(Lookup, AgreesWithANaiveSearchWhateverWasFoundBefore) {
     support::RandomBytes random(11);
     for (int round = 0; round < 300; ++round) {
         const bool shortBlocks = random.oneIn(2);
@@ -140,7 +129,6 @@ TEST(Lookup, AgreesWithANaiveSearchWhateverTheCursor) {
         filePosInfo index(kBlock);
         parse(index, records);
         for (int i = 0; i < 100; ++i) {
-            filePosInfoAccess::cursor(index) = static_cast<std::uint32_t>(random.below(records.size() + 3));
             const std::int64_t at =
                 damaged ? records[random.below(records.size())].orginalPos : random.between(begin - 3, pos + 3);
             const auto holds = [&](const filePosRecord& r) {

@@ -72,8 +72,6 @@ public:
     static void swapRecord(filePosRecord* record) { orva::swapRecord(*record); }
 
 private:
-    friend struct filePosInfoAccess;
-
     filePosRecord takeFirstRecord(const unsigned char* buff, bool swap) const;
     void checkAscending(const filePosRecord* records, std::uint32_t count) const;
     std::int64_t likelyNumber(std::int64_t pos) const;
