@@ -15,7 +15,7 @@ std::uint32_t PreIOThread_Multi_R_D::getBlock(void* buffer, std::uint32_t size, 
     if (size == 0 && position == 0) {
         const guard lock = locked();
         bStop = true;
-        tellAll();
+        tellThreads();
         return 0;
     }
     load(orva::blockAt(*pPosInfo, position), static_cast<unsigned char*>(buffer));
@@ -38,7 +38,7 @@ const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number) {
         const slot* held = find(number);
         if (held == nullptr) return nullptr;
         if (held->is == state::ready) return held->rows.get();
-        if (!makeNext(lock)) wait(lock);
+        if (!makeNext(lock)) await(lock);
     }
 }
 
@@ -51,7 +51,7 @@ void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
     fAhead = sequential ? std::min(std::max<std::int64_t>(2 * fAhead, 1), window - 1) : 0;
     fCurrent = number;
     fNext = std::max(sequential ? fNext : 0, number + 1);
-    if (fAhead != 0) tellAll();
+    if (fNext <= fCurrent + fAhead && fNext < pPosInfo->parsedCount()) tellThreads();
 }
 
 PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::find(std::int64_t number) {
@@ -94,7 +94,7 @@ bool PreIOThread_Multi_R_D::makeNext(guard& lock) {
     }
     lock.lock();
     block->is = result;
-    tellAll();
+    tellCaller();
     return true;
 }
 

@@ -29,7 +29,7 @@ unsigned char* PreIOThread_Multi_W_C::lendRows() {
     if (!isMakers()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
     guard lock = locked();
     while (fFilled - fWritten == fSlots.size()) {
-        if (!bCallerHelps || !takeBlock(lock)) wait(lock);
+        if (!bCallerHelps || !takeBlock(lock)) await(lock);
     }
     if (fFailure != nullptr) std::rethrow_exception(fFailure);
     return at(fFilled).rows.get();
@@ -45,7 +45,7 @@ std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t 
     const guard lock = locked();
     at(fFilled).size = size;
     ++fFilled;
-    tellAll();
+    tellThread();
     return size;
 }
 
@@ -58,9 +58,9 @@ void PreIOThread_Multi_W_C::endLoops() {
     if (!isMakers()) return;
     guard lock = locked();
     bEnd = true;
-    tellAll();
+    tellThreads();
     while (fWritten != fFilled) {
-        if (!takeBlock(lock)) wait(lock);
+        if (!takeBlock(lock)) await(lock);
     }
 }
 
@@ -109,7 +109,7 @@ void PreIOThread_Multi_W_C::writeInOrder(guard& lock) {
         block.failure = nullptr;
         block.bDeflated = false;
         ++fWritten;
-        tellAll();
+        tellCaller();
     }
 }
 

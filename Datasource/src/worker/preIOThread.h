@@ -102,14 +102,25 @@ protected:
     }
     using guard = std::unique_lock<std::mutex>;
     guard locked() const { return guard(fShared->mutex); }
-    void tellAll() const { fShared->changed.notify_all(); }
+    // A thread's wait for work, and the caller's, which seldom comes about: so threads wake each other for that alone.
     void wait(guard& lock) const { fShared->changed.wait(lock); }
+    void await(guard& lock) const {
+        fShared->awaited = true;
+        wait(lock);
+        fShared->awaited = false;
+    }
+    void tellThreads() const { fShared->changed.notify_all(); }
+    void tellThread() const { fShared->changed.notify_one(); }
+    void tellCaller() const {
+        if (fShared->awaited) fShared->changed.notify_all();
+    }
     bool isMakers() const { return fMaker == platform::processId(); }
 
 private:
     struct shared {
         std::mutex mutex;
         std::condition_variable changed;
+        bool awaited = false;
     };
     std::unique_ptr<shared> fShared = std::make_unique<shared>();
     const std::int64_t fMaker = platform::processId();
