@@ -12,9 +12,7 @@
 #include <climits>
 #include <cstdio>
 #include <filesystem>
-#include <mutex>
 #include <string>
-#include <unordered_map>
 
 static_assert(sizeof(off_t) == 8, "files past 2 GiB need 64-bit offsets");
 
@@ -171,51 +169,6 @@ int closedWith(int descriptor, int error) {
     return -1;
 }
 
-// The files to delete when closed. A forked child must neither delete its parent's files nor wait for a lock that a
-// thread of the parent held at the fork, so a table belongs to one process, and a child makes its own when it needs
-// one. Tables stay for good: another thread may be looking at one.
-struct DeletionTable {
-    const std::int64_t process = processId();
-    DeletionTable* const inherited;
-    std::atomic<int> count{0};  // equals names.size(); read without the lock
-    std::mutex lock;            // guards names
-    std::unordered_map<int, std::string> names;
-
-    explicit DeletionTable(DeletionTable* former) : inherited(former) {}
-};
-
-std::atomic<DeletionTable*> gDeletions{nullptr};
-
-DeletionTable& ownDeletions() {
-    DeletionTable* table = gDeletions.load(std::memory_order_acquire);
-    while (table == nullptr || table->process != processId()) {
-        auto* fresh = new DeletionTable(table);
-        if (gDeletions.compare_exchange_strong(table, fresh, std::memory_order_acq_rel)) return *fresh;
-        delete fresh;
-    }
-    return *table;
-}
-
-// The full name, since the working directory may be another one when the file closes.
-void deleteWhenClosed(int descriptor, const char* name) {
-    std::error_code unknown;
-    const std::string fullName = std::filesystem::absolute(name, unknown).string();
-    DeletionTable& table = ownDeletions();
-    const std::lock_guard guard(table.lock);
-    table.names[descriptor] = unknown ? name : fullName;
-    table.count.store(static_cast<int>(table.names.size()), std::memory_order_release);
-}
-
-std::string takeDeletion(int descriptor) {
-    DeletionTable* table = gDeletions.load(std::memory_order_acquire);
-    if (table == nullptr || table->count.load(std::memory_order_acquire) == 0 || table->process != processId())
-        return {};
-    const std::lock_guard guard(table->lock);
-    auto found = table->names.extract(descriptor);
-    table->count.store(static_cast<int>(table->names.size()), std::memory_order_release);
-    return found ? std::move(found.mapped()) : std::string();
-}
-
 bool isSameFile(const struct stat& one, const struct stat& other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
@@ -224,13 +177,6 @@ bool isSameFile(int descriptor, const char* name) {
     struct stat opened {};
     struct stat named {};
     return ::fstat(descriptor, &opened) == 0 && ::stat(name, &named) == 0 && isSameFile(opened, named);
-}
-
-// While the descriptor, and with it the lock, is still held: no other writer gets in between. A file that took the
-// name over in the meantime is somebody else's and stays.
-void deleteIfTemporary(int descriptor) {
-    const std::string name = takeDeletion(descriptor);
-    if (!name.empty() && isSameFile(descriptor, name.c_str())) rawUnlink(name.c_str());
 }
 
 // Has the system report what closing would: the number that a failed close leaves behind is not usable, so the close
@@ -265,7 +211,7 @@ int systemFlags(int oflag) {
 constexpr int kNameMovedOn = -1;
 
 // What an open descriptor still needs to be what was asked for. 0, an errno or kNameMovedOn.
-int prepare(int descriptor, const char* name, int oflag, int shflag) {
+int prepared(int descriptor, const char* name, int oflag, int shflag) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) return errno;
     if (S_ISDIR(status.st_mode)) return EISDIR;
@@ -276,16 +222,7 @@ int prepare(int descriptor, const char* name, int oflag, int shflag) {
         }
         if ((oflag & _O_TRUNC) != 0 && truncateFile(descriptor, 0) != 0) return errno;
     }
-    if ((oflag & _O_TEMPORARY) != 0) deleteWhenClosed(descriptor, name);
     return 0;
-}
-
-int prepared(int descriptor, const char* name, int oflag, int shflag) {
-    try {
-        return prepare(descriptor, name, oflag, shflag);
-    } catch (...) {
-        return ENOMEM;
-    }
 }
 
 std::string directoryOf(const char* name) {
@@ -347,16 +284,19 @@ int writeAt(int descriptor, const void* buffer, unsigned int count, std::int64_t
     return refusesOffset(offset) ? -1 : writeWhole(descriptor, buffer, count, offset);
 }
 
-int _close(int descriptor) noexcept {
+int _close(int descriptor, const char* temporaryName) noexcept {
     if (flushThroughDuplicate(descriptor) != 0) return -1;
-    closeAnyway(descriptor);
+    closeAnyway(descriptor, temporaryName);
     return 0;
 }
 
 // The number is free afterwards whatever the system says, and the duplicate has told the failure that there was to
 // tell. To tell another would have the caller close the number again, which may be another file's by then.
-void closeAnyway(int descriptor) noexcept {
-    deleteIfTemporary(descriptor);
+//
+// The name goes while the descriptor, and with it the lock, is still held: no other writer gets in between. A file that
+// took the name over in the meantime is somebody else's and stays.
+void closeAnyway(int descriptor, const char* temporaryName) noexcept {
+    if (temporaryName != nullptr && isSameFile(descriptor, temporaryName)) rawUnlink(temporaryName);
     rawClose(descriptor);
 }
 

@@ -36,7 +36,8 @@ inline constexpr int _S_IREAD = 0x100;
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 // Opens `name` and gives its descriptor, which no program started later inherits. A directory is EISDIR.
-//   _O_TEMPORARY  the name goes when the descriptor closes, in the process that opened it and if it is still this file.
+//   _O_TEMPORARY  nothing here: whoever opened the file knows its name, its process and when it is to go, and hands the
+//                 name to _close.
 //   _SH_DENYWR    a writer of a regular file holds a lock as long as the descriptor (and what a fork made of it) lives;
 //                 a second writer, in this process or another, gets EWOULDBLOCK and leaves the file as it was. Readers
 //                 take no lock. Where the file system has none, the writer goes on without. The file locked is the one
@@ -67,11 +68,12 @@ ORVA_HOST_API int _read(int descriptor, void* buffer, unsigned int count) noexce
 ORVA_HOST_API int _write(int descriptor, const void* buffer, unsigned int count) noexcept;
 
 // 0 and the descriptor is gone, or -1 and it is still open, with its lock, so that a caller may tell of the failure and
-// try again, or give up by closeAnyway. Costs a second descriptor for a moment.
-ORVA_HOST_API int _close(int descriptor) noexcept;
+// try again, or give up by closeAnyway. Costs a second descriptor for a moment. `temporaryName`, full, of a file that
+// is deleted when closed: removed with the descriptor if it still leads to this file.
+ORVA_HOST_API int _close(int descriptor, const char* temporaryName = nullptr) noexcept;
 
 // Closes without asking the system whether everything was stored: for a descriptor whose _close has failed.
-ORVA_HOST_API void closeAnyway(int descriptor) noexcept;
+ORVA_HOST_API void closeAnyway(int descriptor, const char* temporaryName = nullptr) noexcept;
 
 // 0 once the data of the file, and its length, would survive a loss of power. A file that cannot be made durable by
 // its nature, such as a pipe, counts as durable. After a failure the data is in doubt for good: a second call proves

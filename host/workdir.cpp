@@ -4,6 +4,7 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
+#include <pthread.h>
 
 #include <array>
 #include <atomic>
@@ -29,8 +30,17 @@ std::mutex gKeyLock;
 std::atomic<KeyState> gKeyState{KeyState::Unset};
 std::array<unsigned char, kKeySize> gKey;
 
+// A fork waits until no thread has the lock: in the child nobody would be there to give it back.
+void holdKeyLock() {
+    gKeyLock.lock();
+}
+void releaseKeyLock() {
+    gKeyLock.unlock();
+}
+
 // Erases the key at the end. A thread that is still at work then meets a failure, not a key of zeros.
 struct KeyEraser {
+    KeyEraser() { pthread_atfork(holdKeyLock, releaseKeyLock, releaseKeyLock); }
     ~KeyEraser() {
         const std::lock_guard guard(gKeyLock);
         gKeyState = KeyState::Gone;

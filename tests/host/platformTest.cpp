@@ -17,7 +17,6 @@ using support::Verdict;
 constexpr int kWrite = platform::_O_RDWR | platform::_O_CREAT;
 constexpr int kAppend = kWrite | platform::_O_APPEND;
 constexpr int kTruncate = kWrite | platform::_O_TRUNC;
-constexpr int kTemporary = kWrite | platform::_O_TEMPORARY;
 const std::string kDigits = "0123456789";
 
 int opened(const std::string& name, int oflag) {
@@ -79,6 +78,14 @@ int writeDigitsAt(int descriptor) {
     return platform::writeAt(descriptor, kDigits.data(), 10, 3) - 10;
 }
 
+int closeFile(int descriptor) {
+    return platform::_close(descriptor);
+}
+int closeTemporary(int descriptor) {
+    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+    return platform::_close(descriptor, std::filesystem::read_symlink(link).c_str());
+}
+
 // Opens a file of the digits, and does one thing with it.
 struct CallCase {
     const char* name;
@@ -104,11 +111,11 @@ const CallCase kCalls[] = {
     {"GoesOnWithoutLocks", kTruncate, nullptr, "O L=ENOLCK T ", 0, ""},
     {"FailedLock", kTruncate, nullptr, "O L=EIO C ", EIO, kDigits},
     {"FailedTruncation", kTruncate, nullptr, "O L T=EIO C ", EIO, kDigits},
-    {"TemporaryGoesUnderItsLock", kTemporary, platform::_close, "O L D c=EINTR D c U C ", 0, ""},
-    {"FailedClose", kTemporary, platform::_close, "O L D c=EIO ", EIO, kDigits},
-    {"InterruptedCloseIsDone", kWrite, platform::_close, "O L D c C=EINTR ", 0, kDigits},
-    {"LateFailureClosesNoNumberTwice", kWrite, platform::_close, "O L D c C=EIO ", 0, kDigits},
-    {"NoNumberToSpareSyncs", kWrite, platform::_close, "O L D=EMFILE Y C ", 0, kDigits},
+    {"TemporaryGoesUnderItsLock", kWrite, closeTemporary, "O L D c=EINTR D c U C ", 0, ""},
+    {"FailedClose", kWrite, closeTemporary, "O L D c=EIO ", EIO, kDigits},
+    {"InterruptedCloseIsDone", kWrite, closeFile, "O L D c C=EINTR ", 0, kDigits},
+    {"LateFailureClosesNoNumberTwice", kWrite, closeFile, "O L D c C=EIO ", 0, kDigits},
+    {"NoNumberToSpareSyncs", kWrite, closeFile, "O L D=EMFILE Y C ", 0, kDigits},
     {"FailedSync", kWrite, platform::syncData, "O L Y=EINTR Y=EIO ", EIO, kDigits},
     {"NothingToSync", kWrite, platform::syncData, "O L Y=EINVAL ", 0, kDigits},
     {"SyncOfADirectory", kWrite, [](int) { return platform::syncDirectoryOf("nameAlone"); }, "O L O Y=EINTR Y=EIO c ",
@@ -141,30 +148,6 @@ TEST_F(PlatformTest, NeitherANameWithAZeroByteNorADirectoryOpens) {
     name.SetGeneric(made("data", {}) + std::string("\0tail", 5));
     EXPECT_TRUE(name.Sopen(platform::_O_RDONLY, platform::_SH_DENYWR, 0x180) == -1 && errno == ENOENT);
     EXPECT_TRUE(opened(path("."), platform::_O_RDONLY) == -1 && errno == EISDIR);
-}
-
-TEST_F(PlatformTest, TemporaryFileIsItsOwnersAloneAndGoesWhenThatProcessCloses) {
-    const auto before = std::filesystem::current_path();
-    std::filesystem::current_path(fDirectory);
-    const int descriptor = opened("data", kTemporary);
-    std::filesystem::current_path(before);
-    const std::string file = path("data");
-    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
-    EXPECT_EQ(opened(file, kTruncate), -1) << "a second writer in this process";
-    support::expectInChild([&] {
-        EXPECT_TRUE(opened(file, kTruncate) == -1 && errno == EWOULDBLOCK);
-        EXPECT_EQ(platform::_close(descriptor), 0);
-        EXPECT_EQ(platform::_close(opened(path("own"), kTemporary)), 0);
-    });
-    EXPECT_TRUE(std::filesystem::exists(file)) << "deleted by a process that did not open it";
-    EXPECT_FALSE(std::filesystem::exists(path("own")));
-    EXPECT_EQ(platform::_close(descriptor), 0);
-    EXPECT_FALSE(std::filesystem::exists(file)) << "the directory it was opened in is another one now";
-
-    const int other = opened(file, kTemporary);
-    ASSERT_EQ(platform::renameFile(made("other", {}).c_str(), file.c_str()), 0);
-    EXPECT_EQ(platform::_close(other), 0);
-    EXPECT_TRUE(std::filesystem::exists(file)) << "a file that took the name over";
 }
 
 // Another file takes the name over before each of the first so many locks.

@@ -3,6 +3,7 @@
 
 #include <orva/workdir.h>
 
+#include <cstdlib>
 #include <numeric>
 #include <thread>
 
@@ -64,6 +65,16 @@ TEST(Workdir, ThreadsShareOneRandomKeyFromFirstUseOn) {
         for (std::thread& thread : threads) thread.join();
         EXPECT_NE(through(workdir::Encrypt, Bytes(16)), kZeros) << "the key was never drawn";
     });
+}
+
+// The thread is at work on the key when the process forks: the child, which has no such thread, ends all the same.
+TEST(Workdir, AForkWhileTheKeyIsMadeLetsTheChildEnd) {
+    for (int i = 0; i < 20; ++i) {
+        support::expectInChild([] {
+            std::jthread maker([] { through(workdir::Encrypt, kBlock); });
+            support::expectInChild([] { std::exit(0); });
+        });
+    }
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ const support::Script kScripts[] = {
      "W 1000+50, W 1050+50, W 1100+59, R 1024, R 512", "a+b"},
     {"AppendedBytesOfAFailedWriteStandThereOnce", 9, "w50 w50 P16 f e0 w9 f", "W 9+100, W 25+93", "a+b"},
     {"EncipheredBlocksAreWrittenWhole", 0, "w5000 f s100 w9 f w100 f s4990 w9 s9000 w1 s5000 r9",
-     "R 4992+16, W 0+4992, W 96+16, W 96+128, R 4992+16, W 4976+16, R 8992+16, R 8992+16, W 4992+16, W 5008+3984, R "
+     "R 4992+16, W 0+4992, W 96+16, W 96+128, R 4992+16, W 4976+16, R 8992+16, R 8992+16, W 4992+16, R "
      "4608",
      "w+b", true},
     {"EncipheredBytesOutlastAFullDisk", 0, "w4190213 w100 P16 f P5 f f w9 f",

@@ -14,9 +14,10 @@ using support::FileCalls;
 
 class File : public support::TempDir {
 protected:
-    bool open(const std::string& name, const char* mode) {
+    bool open(const std::string& name, const char* mode) { return open(name, file, mode); }
+    bool open(const std::string& name, ORVA_File& as, const char* mode) {
         fName.SetGeneric(path(name));
-        return file.Open(fName, mode);
+        return as.Open(fName, mode);
     }
     // Its result, or the code that it throws as a negative number.
     template <class Operation>
@@ -62,6 +63,31 @@ TEST_F(File, ModesTellAccessCreationTruncationAndPosition) {
         file.Close();
         EXPECT_EQ(std::filesystem::exists(fHello), std::string(c.mode) != "wTD");
     }
+}
+
+TEST_F(File, ATemporaryFileIsItsOwnersAloneAndGoesWhenThatProcessCloses) {
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(fDirectory);
+    fName.SetGeneric("data");
+    ASSERT_TRUE(file.Open(fName, "w+bD"));
+    std::filesystem::current_path(before);
+    const std::string data = path("data");
+    EXPECT_EQ(std::filesystem::status(data).permissions(), std::filesystem::perms(0600));
+    support::expectInChild([&] {
+        ORVA_File own;
+        EXPECT_FALSE(open("data", own, "w+b")) << "the lock is the parent's";
+        EXPECT_EQ(file.Close(), 1);
+        EXPECT_TRUE(open("own", own, "w+bD"));
+    });
+    EXPECT_TRUE(std::filesystem::exists(data)) << "deleted by a process that did not open it";
+    EXPECT_FALSE(std::filesystem::exists(path("own")));
+    EXPECT_EQ(file.Close(), 1);
+    EXPECT_FALSE(std::filesystem::exists(data)) << "the directory it was opened in is another one now";
+
+    ASSERT_TRUE(open("data", file, "w+bD"));
+    std::filesystem::rename(made("other", {}), data);
+    EXPECT_EQ(file.Close(), 1);
+    EXPECT_TRUE(std::filesystem::exists(data)) << "a file that took the name over";
 }
 
 TEST_F(File, FailedCloseIsThrownAndLeavesItOpenButADestructorLetsGo) {

@@ -1,14 +1,16 @@
 #include "base/assertion.h"
+#include "file/fileCipher.h"
 #include "file/fileCodes.h"
+#include "file/namedFile.h"
 
-#include <orva/errtext.h>
-#include <orva/file.h>
 #include <orva/platform.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <utility>
 
 template class RefCountPtr<ORVA_File>;
 
@@ -44,6 +46,13 @@ int OpenDescriptor(const ExtNameStr& name, const char* mode) {
     return name.Sopen(flags, kShareReadOnly, kOwnerReadWrite);
 }
 
+// The working directory may be another one when the file closes.
+std::string fullName(const std::string& name) {
+    std::error_code unknown;
+    const std::filesystem::path full = std::filesystem::absolute(name, unknown);
+    return unknown ? name : full.string();
+}
+
 }  // namespace
 
 ORVA_File::ORVA_File() : ORVA_File(false) {}
@@ -58,28 +67,33 @@ ORVA_File::~ORVA_File() {
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell.
     }
     // A failed close leaves the descriptor, and the writer's lock with it. A forked child closes without the mutex.
-    if (IsOpen()) platform::closeAnyway(fDescriptor);
+    if (IsOpen()) platform::closeAnyway(fDescriptor, nameToDelete());
 }
 
+// What may fail for want of memory comes first, so that the old file stays open then.
 bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    ExtNameStr newName(name);
+    std::string newMode(mode);
+    std::string temporaryName = ModeHasChar(mode, 'D') ? fullName(name.GetGeneric()) : std::string();
     if (IsOpen()) Close();
-    fName = name;
+    std::swap(fName, newName);
+    fMode.swap(newMode);
+    fTemporaryName.swap(temporaryName);
+    fProcess = platform::processId();
     platform::setErrno(0);
-    fDescriptor = OpenDescriptor(fName, mode);
+    fDescriptor = OpenDescriptor(fName, fMode.c_str());
     fOpenErrno = IsOpen() ? 0 : errno;
     if (IsOpen()) {
-        const std::int64_t place = platform::_lseeki64(fDescriptor, 0, ModeHasChar(mode, 'a') ? SEEK_END : SEEK_SET);
+        const bool atEnd = ModeHasChar(fMode.c_str(), 'a');
+        const std::int64_t place = platform::_lseeki64(fDescriptor, 0, atEnd ? SEEK_END : SEEK_SET);
         fHasPlaces = place != -1 || errno != ESPIPE;
-        fPosition = ModeHasChar(mode, 'a') ? place : 0;
+        fPosition = atEnd ? place : 0;
     }
     fGood.store(IsOpen(), std::memory_order_relaxed);
     fAtEnd = false;
-    // Bytes that still wait belong to the file before, which is gone. The pad stays known: it may be the same file.
-    fRemainderSize = 0;
-    bHoldsPadded = false;
-    fFileEnd = -1;
-    fAppends = (accessFlags(mode) & platform::_O_APPEND) != 0;
-    fMode = mode;
+    fAppends = (accessFlags(fMode.c_str()) & platform::_O_APPEND) != 0;
+    if (fCipher != nullptr) fCipher->beginFile();
     return IsOpen();
 }
 
@@ -87,19 +101,33 @@ bool ORVA_File::Reads() const {
     return (accessFlags(fMode.c_str()) & platform::_O_WRONLY) == 0;
 }
 
+const char* ORVA_File::nameToDelete() const {
+    return !fTemporaryName.empty() && fProcess == platform::processId() ? fTemporaryName.c_str() : nullptr;
+}
+
 int ORVA_File::Close() {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
-    if (fEncrypted && fEncryptStarted) endCipherRun();
+    if (fEncrypted && fEncryptStarted) fCipher->endRun();
     platform::setErrno(0);
-    if (platform::_close(fDescriptor) != 0) fail(kWriteFailed);
+    if (platform::_close(fDescriptor, nameToDelete()) != 0) fail(kWriteFailed, errno);
     fDescriptor = -1;
     return 1;
 }
 
 unsigned int ORVA_File::Read(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     ORVA_ASSERT(byteSize <= INT_MAX, "byteSize <= INT_MAX");
-    return fEncrypted ? readEncrypted(buffer, byteSize, byteOffset) : readPlain(buffer, byteSize, byteOffset);
+    ORVA_ASSERT(!fEncrypted || (byteOffset % CIPHER_BLOCK_SIZE == 0 && byteSize % CIPHER_BLOCK_SIZE == 0),
+                "byteOffset%CIPHER_BLOCK_SIZE == 0 && byteSize%CIPHER_BLOCK_SIZE == 0 && "
+                "\"byteOffset and byteSize shoule be multiple of 16.\"");
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    if (!IsOpen()) return 0;
+    beginTransfer(byteOffset, kReadFailed);
+    const unsigned int count = fEncrypted ? fCipher->read(static_cast<unsigned char*>(buffer), byteSize, byteOffset)
+                                          : readDescriptor(buffer, byteSize, byteOffset);
+    fPosition = byteOffset + count;
+    fAtEnd = count == 0;
+    return count;
 }
 
 unsigned int ORVA_File::ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
@@ -112,25 +140,35 @@ unsigned int ORVA_File::ReadAhead(void* buffer, unsigned int byteSize, std::int6
     return Read(buffer, byteSize, byteOffset);
 }
 
-unsigned int ORVA_File::readPlain(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
-    const ktGuard guard(fMutex, ktMutex::Recursive);
-    if (!IsOpen()) return 0;
-    beginTransfer(byteOffset, kReadFailed);
-    const unsigned int count = readDescriptor(buffer, byteSize, byteOffset);
-    fPosition = byteOffset + count;
-    fAtEnd = count == 0;
-    return count;
-}
-
 unsigned int ORVA_File::Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     ORVA_ASSERT(byteSize <= INT_MAX, "byteSize <= INT_MAX");
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
     beginTransfer(byteOffset, kWriteFailed);
     if (fEncrypted) return WriteEncrypted(buffer, byteSize, byteOffset);
-    const unsigned int count = writeDescriptor(buffer, byteSize, byteOffset);
+    const int count = writeDescriptor(buffer, byteSize, byteOffset);
+    if (count == -1) fail(kWriteFailed, errno);
     fPosition = byteOffset + count;
-    return count;
+    return static_cast<unsigned int>(count);
+}
+
+// All of them are taken, whether they reach the file or wait.
+unsigned int ORVA_File::WriteEncrypted(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    fCipher->write(static_cast<const unsigned char*>(buffer), byteSize, byteOffset);
+    fPosition = byteOffset + byteSize;
+    return byteSize;
+}
+
+unsigned int ORVA_File::FinishEncryption() {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    if (!IsOpen() || !fEncrypted || (!fEncryptStarted && fRemainderSize == 0)) return 0;
+    platform::setErrno(0);
+    return fCipher->finish();
+}
+
+std::int64_t ORVA_File::waitingEnd() const {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    return fEncrypted ? fCipher->waitingEnd() : 0;
 }
 
 std::int64_t ORVA_File::Size() const {
@@ -148,44 +186,40 @@ std::int64_t ORVA_File::nextStored(std::int64_t byteOffset) const {
 void ORVA_File::Sync() {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     platform::setErrno(0);
-    if (IsOpen() && platform::syncData(fDescriptor) != 0) fail(kWriteFailed);
+    if (IsOpen() && platform::syncData(fDescriptor) != 0) fail(kWriteFailed, errno);
 }
 
 void ORVA_File::Truncate(std::int64_t length) {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     platform::setErrno(0);
-    if (IsOpen() && platform::truncateFile(fDescriptor, length) != 0) fail(kWriteFailed);
+    if (IsOpen() && platform::truncateFile(fDescriptor, length) != 0) fail(kWriteFailed, errno);
 }
 
 // What has no places takes only what goes on where the last transfer ended.
 void ORVA_File::beginTransfer(std::int64_t byteOffset, long code) {
-    const bool possible = fHasPlaces || byteOffset == fPosition;
-    platform::setErrno(possible ? 0 : ESPIPE);
-    if (!possible) fail(code);
+    if (!fHasPlaces && byteOffset != fPosition) fail(code, ESPIPE);
+    platform::setErrno(0);
 }
 
 unsigned int ORVA_File::readDescriptor(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     const int count = fHasPlaces ? platform::readAt(fDescriptor, buffer, byteSize, byteOffset)
                                  : platform::_read(fDescriptor, buffer, byteSize);
-    if (count == -1) fail(kReadFailed);
+    if (count == -1) fail(kReadFailed, errno);
     return static_cast<unsigned int>(count);
 }
 
 // The system places what is appended.
-unsigned int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
-    const int count = fHasPlaces && !fAppends ? platform::writeAt(fDescriptor, buffer, byteSize, byteOffset)
-                                              : platform::_write(fDescriptor, buffer, byteSize);
-    if (count == -1) fail(kWriteFailed);
-    return static_cast<unsigned int>(count);
+int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    return fHasPlaces && !fAppends ? platform::writeAt(fDescriptor, buffer, byteSize, byteOffset)
+                                   : platform::_write(fDescriptor, buffer, byteSize);
 }
 
 void ORVA_File::refuseWrite(int error) {
     const ktGuard guard(fMutex, ktMutex::Recursive);
-    platform::setErrno(error);
-    fail(kWriteFailed);
+    fail(kWriteFailed, error);
 }
 
-void ORVA_File::fail(long code) {
+void ORVA_File::fail(long code, int error) {
     if (!fReadsAhead) fGood.store(false, std::memory_order_relaxed);
-    ThrowError::StringSys("datasrc.err", code, fName.GetGeneric().c_str());
+    orva::throwFileError(error, code, fName.GetGeneric());
 }

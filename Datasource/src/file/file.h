@@ -5,8 +5,9 @@
 //
 // Units:   bytes and byte offsets from the start of the file. One transfer stays below 2,147,483,648 bytes.
 // Owner:   streams, through RefCountPtr. Workers hold a plain pointer and end before the file does.
-// Threads: Read, Write, Size, Close and FinishEncryption are single steps under the object's lock and may be called
-//          from several threads. Open, the destructor and the plain questions take no lock: nobody else is there then.
+// Threads: Open, Read, Write, Size, Close and FinishEncryption are single steps under the object's lock and may be
+//          called from several threads. The destructor and the plain questions take no lock: the questions are for the
+//          thread that opens.
 // Failure: FileError with the code 1003 (reading) or 1002 (writing, closing), Good() false until Clear or Open. A
 //          failed Open is a false result. On a closed object everything answers 0. A process under a limit on file
 //          sizes gets the error only if it ignores SIGXFSZ, which otherwise ends it.
@@ -40,15 +41,17 @@ public:
     // Closes. A failure to close is swallowed: Close first to hear of it.
     ~ORVA_File() override;
 
-    // Opens `name`, after closing what was open (a failure there is thrown). False if it cannot be opened: OpenErrno
-    // tells why. A mode is a set of characters: r, w, a, + as for fopen (without + an r beats w and a; with it w beats
-    // a), t text, T short-lived, D deleted when closed. A writer locks the file: a second one cannot open it.
+    // Opens `name`, after closing what was open (a failure there is thrown, and leaves it open). False if it cannot be
+    // opened: OpenErrno tells why. A mode is a set of characters: r, w, a, + as for fopen (without + an r beats w and
+    // a; with it w beats a), t text, T short-lived, D deleted when closed. A writer locks the file: a second one cannot
+    // open it.
     bool Open(const ExtNameStr& name, const char* mode);
     // 1 when it was open and is closed now, 0 when it was closed already. An enciphered file ends its cipher run; bytes
     // that FinishEncryption has not written are lost.
     int Close();
     // The bytes delivered; fewer than asked only at the end of the file. After a failure the buffer's bytes are
-    // undefined. An enciphered file takes offsets and sizes that are multiples of 16: others are an assertion.
+    // undefined. An enciphered file takes offsets and sizes that are multiples of 16: others are an assertion. A pipe
+    // or terminal takes transfers in sequence only: others are ESPIPE.
     unsigned int Read(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // As Read, for bytes that nobody has asked for yet: a failure leaves Good() as it was.
     ORVA_LOCAL unsigned int ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
@@ -90,30 +93,14 @@ public:
     void Truncate(std::int64_t length);
 
 private:
-    ORVA_LOCAL unsigned int readPlain(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    class ORVA_LOCAL Cipher;  // fileCipher.h
+
     ORVA_LOCAL void beginTransfer(std::int64_t byteOffset, long code);
     ORVA_LOCAL unsigned int readDescriptor(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    ORVA_LOCAL unsigned int writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    [[noreturn]] ORVA_LOCAL void fail(long code);
-    // The enciphered roads, fileCipher.cpp.
-    ORVA_LOCAL unsigned int readEncrypted(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    ORVA_LOCAL unsigned int decipher(unsigned char* bytes, unsigned int size, bool atEnd);
-    ORVA_LOCAL unsigned int overlayWaiting(unsigned char* bytes, unsigned int size, unsigned int count,
-                                           std::int64_t byteOffset);
+    ORVA_LOCAL int writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     ORVA_LOCAL unsigned int WriteEncrypted(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    ORVA_LOCAL bool continuesWaiting(std::int64_t byteOffset) const;
-    ORVA_LOCAL void prepareWrite(unsigned int byteSize, std::int64_t byteOffset);
-    ORVA_LOCAL bool mayWrite(unsigned int byteSize, std::int64_t byteOffset);
-    ORVA_LOCAL int heldIn(std::int64_t block);
-    ORVA_LOCAL std::int64_t fileEnd();
-    ORVA_LOCAL bool continuesPadded(std::int64_t byteOffset);
-    ORVA_LOCAL void takeUpPadded();
-    ORVA_LOCAL unsigned int joinWaiting(const unsigned char* data, unsigned int size);
-    ORVA_LOCAL void writeBlocksKeepTail(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
-    ORVA_LOCAL unsigned int writeBlocks(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
-    ORVA_LOCAL unsigned int writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset);
-    ORVA_LOCAL unsigned int writePaddedBlock();
-    ORVA_LOCAL unsigned int endCipherRun();
+    ORVA_LOCAL const char* nameToDelete() const;
+    [[noreturn]] ORVA_LOCAL void fail(long code, int error);
 
     // Guarded by fMutex while an operation runs.
     mutable ktMutex fMutex;
@@ -122,20 +109,21 @@ private:
     std::string fMode;
     int fDescriptor = -1;           // Closed exactly when -1.
     std::atomic<bool> fGood{true};  // a worker's failure sets it while the caller asks
-    bool fReadsAhead = false;       // What fails now is nobody's failure.
+    bool fReadsAhead = false;       // A failure is no answer to anybody's request, and Good() stays as it is.
     bool fAtEnd = false;
     const bool fEncrypted;
     bool fEncryptStarted = false;
     std::unique_ptr<unsigned char[]> fRemainder;
     int fRemainderSize = 0;
     int fPadSize = 0;
-    bool bHoldsPadded = false;   // fRemainder still has the bytes of the block that was padded last.
-    std::int64_t fTailPos = 0;   // Where the block belongs whose bytes wait, or that was padded last.
-    std::int64_t fFileEnd = -1;  // Enciphered files, as their writer knows it; -1 until asked for and after a failure.
-    bool fAppends = false;       // The system puts every write at the end of the file, whatever its offset.
-    bool fHasPlaces = true;      // Not a pipe or terminal.
+    std::unique_ptr<Cipher> fCipher;  // an enciphered file's
+    bool fAppends = false;            // The system puts every write at the end of the file, whatever its offset.
+    bool fHasPlaces = true;           // Not a pipe or terminal.
+    std::string fTemporaryName;       // The full name of a file that is deleted when closed, else empty.
+
     int fOpenErrno = 0;
-    std::int64_t fProcess;  // Its maker's. In a forked child the lock may be held by a thread that is not there.
+    // That of its maker, or of who opened it last. In a forked child the lock may be held by a thread that isn't there.
+    std::int64_t fProcess;
 };
 
 extern template class ORVA_API RefCountPtr<ORVA_File>;

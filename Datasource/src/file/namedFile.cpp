@@ -10,7 +10,12 @@
 namespace orva {
 
 void throwFileError(int error, long code, const std::string& name) {
-    throw FileError(error, "datasrc.err", code, name.c_str());
+    platform::setErrno(error);
+    ThrowError::StringSys("datasrc.err", code, name.c_str());
+}
+
+void throwClosed(const ORVA_File& file, long code) {
+    throwFileError(file.OpenErrno() != 0 ? file.OpenErrno() : EBADF, code, file.GetNameStr().GetGeneric());
 }
 
 bool openNamed(ORVA_File& file, const std::string& name, const char* mode) {

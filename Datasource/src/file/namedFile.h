@@ -1,4 +1,5 @@
-// Opening a file by its name, for what works on files beside a stream's own.
+// How every FileError of the library is raised, and opening a file by its name, for what works on files beside a
+// stream's own.
 #pragma once
 
 #include <orva/file.h>
@@ -7,8 +8,11 @@
 
 namespace orva {
 
-// Throws FileError with this errno and code.
+// Throws FileError with this errno and code. The codes: fileCodes.h.
 [[noreturn]] void throwFileError(int error, long code, const std::string& name);
+
+// For a file that is not open: with the errno of the Open that failed, or EBADF where somebody has closed it since.
+[[noreturn]] void throwClosed(const ORVA_File& file, long code);
 
 // False: file.OpenErrno() tells why.
 bool openNamed(ORVA_File& file, const std::string& name, const char* mode);

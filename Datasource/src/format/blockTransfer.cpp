@@ -8,7 +8,6 @@
 #include <orva/errors.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <new>
 #include <string>
 
@@ -101,7 +100,7 @@ void checkRecord(const readRoad& road, const blockPlace& block) {
 
 // A file that somebody closed reads as one that has ended. It is not damaged.
 void refuseClosed(ORVA_File& file) {
-    if (!file.IsOpen()) throwFileError(EBADF, kReadFailed, file.GetNameStr().GetGeneric());
+    if (!file.IsOpen()) throwClosed(file, kReadFailed);
 }
 
 }  // namespace
@@ -147,9 +146,7 @@ void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64
     const auto* from = static_cast<const unsigned char*>(bytes);
     do {
         const auto piece = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, kLongestTransfer));
-        if (file.Write(from, piece, place) != piece) {
-            throwFileError(EBADF, kWriteFailed, file.GetNameStr().GetGeneric());
-        }
+        if (file.Write(from, piece, place) != piece) throwClosed(file, kWriteFailed);
         from += piece;
         size -= piece;
         place += piece;

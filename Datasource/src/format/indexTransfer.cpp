@@ -1,14 +1,15 @@
 #include "format/indexTransfer.h"
 
 #include "file/fileCodes.h"
+#include "file/namedFile.h"
 #include "format/blockTransfer.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
-#include <orva/errtext.h>
 #include <orva/platform.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -75,7 +76,7 @@ const char* breachOf(const compressionHeading& heading) {
 std::int64_t lengthOf(const ORVA_File& file) {
     platform::setErrno(0);
     const std::int64_t length = file.Size();
-    if (length < 0) ThrowError::StringSys("datasrc.err", kReadFailed, file.GetNameStr().GetGeneric().c_str());
+    if (length < 0) throwFileError(errno, kReadFailed, file.GetNameStr().GetGeneric());
     return length;
 }
 

@@ -191,6 +191,7 @@ private:
     ORVA_LOCAL std::int64_t dataEnd() const;
     ORVA_LOCAL void widenToBlocks();
     ORVA_LOCAL void fillGap(std::int64_t position);
+    ORVA_LOCAL void writeZeros(std::int64_t begin, std::int64_t end);
 
     // The buffered range: file offsets fpos up to fpos + buffered().
     std::uint32_t buffered() const { return static_cast<std::uint32_t>(fBufferEnd - fBuffer); }

@@ -21,6 +21,10 @@ constexpr std::int64_t sectorFloor(std::int64_t position) {
     return position / kSector * kSector;
 }
 
+constexpr std::int64_t wholeBlocks(std::int64_t position) {
+    return position / CIPHER_BLOCK_SIZE * CIPHER_BLOCK_SIZE;
+}
+
 template <std::size_t Size>
 inline void copyFixed(unsigned char* to, const unsigned char* from) {
     std::memcpy(to, from, Size);
@@ -273,7 +277,7 @@ bool ORVA_FileStream::Data::takesUpBlocks() const {
 // the system can't tell.
 std::int64_t ORVA_FileStream::Data::dataEnd() const {
     const std::int64_t size = pRealFile->Size();
-    return size < 0 ? size : std::max(size / CIPHER_BLOCK_SIZE * CIPHER_BLOCK_SIZE, pRealFile->waitingEnd());
+    return size < 0 ? size : std::max(wholeBlocks(size), pRealFile->waitingEnd());
 }
 
 // Past the buffer. Buffered bytes that the write covers are dropped first: they may neither be served to a later read
@@ -330,11 +334,11 @@ void ORVA_FileStream::Data::append(const unsigned char* bytes, std::uint32_t siz
 }
 
 // Makes what is flushed whole cipher blocks, or what the data end with. The file may hold more of the last block than
-// the buffer, and less than all before the first one.
+// the buffer.
 void ORVA_FileStream::Data::widenToBlocks() {
     const std::int64_t end = fpos + buffered();
-    fDirtyBegin -= fDirtyBegin % CIPHER_BLOCK_SIZE;
-    fDirtyEnd = std::min(end, (fDirtyEnd + CIPHER_BLOCK_SIZE - 1) / CIPHER_BLOCK_SIZE * CIPHER_BLOCK_SIZE);
+    fDirtyBegin = wholeBlocks(fDirtyBegin);
+    fDirtyEnd = std::min(end, wholeBlocks(fDirtyEnd + CIPHER_BLOCK_SIZE - 1));
     const auto inBlock = static_cast<std::uint32_t>(fDirtyEnd % CIPHER_BLOCK_SIZE);
     if (inBlock > 0 && takesUpBlocks()) {
         unsigned char block[CIPHER_BLOCK_SIZE];
@@ -347,15 +351,19 @@ void ORVA_FileStream::Data::widenToBlocks() {
     if (fDirtyBegin == fpos) fillGap(fpos);
 }
 
-// A gap in an enciphered file is written as zeros: the system's own would be deciphered to bytes without meaning.
+// A gap needs no bytes: the file gives zeros for what nobody wrote. Only the cipher blocks at its two ends are filled
+// up: the first may wait for the rest of its bytes, and in the last a write may begin past the start.
 void ORVA_FileStream::Data::fillGap(std::int64_t position) {
-    static constexpr std::int64_t kPiece = 65'536;
-    static constexpr unsigned char kZeros[kPiece] = {};
-    std::int64_t at = pRealFile->Appends() ? position : dataEnd();
-    while (at >= 0 && at < position) {
-        const std::int64_t end = std::min(position, (at / kPiece + 1) * kPiece);
-        at += writeFile(kZeros, static_cast<std::uint32_t>(end - at), at);
-    }
+    const std::int64_t begin = pRealFile->Appends() ? position : dataEnd();
+    if (begin < 0 || begin >= position) return;
+    const std::int64_t firstEnd = std::min(position, wholeBlocks(begin + CIPHER_BLOCK_SIZE - 1));
+    writeZeros(begin, firstEnd);
+    writeZeros(std::max(firstEnd, wholeBlocks(position)), position);
+}
+
+void ORVA_FileStream::Data::writeZeros(std::int64_t begin, std::int64_t end) {
+    static constexpr unsigned char zeros[CIPHER_BLOCK_SIZE] = {};
+    if (begin < end) writeFile(zeros, static_cast<std::uint32_t>(end - begin), begin);
 }
 
 // A block read ahead that the write touches is out of date, also when the write fails half-way.
