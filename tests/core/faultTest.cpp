@@ -261,6 +261,25 @@ TEST_F(StreamFaults, AStreamThatIsWritten) {
     });
 }
 
+TEST_F(StreamFaults, WithoutAThreadAnOpenReadsOnAndAPartFinishes) {
+    ORVA_FileStream stream(fName.c_str(), "r+b");
+    stream.EnableMultiThreadReading();
+    zcmpsFilestr part(stream);
+    Scarcity none({"no threads", Fault::Threads, EAGAIN, true}, 1);
+    EXPECT_EQ(none.heard([&] {
+        beginRows(part);
+        write(part, fContent);
+        EXPECT_EQ(part.Close(), 1);
+    }),
+              "");
+    EXPECT_FALSE(none.reached()) << "the base of a part reads nothing ahead";
+    EXPECT_EQ(none.heard([&] { EXPECT_EQ(stream.Open(fName.c_str(), "rb"), 1); }), "");
+    EXPECT_TRUE(none.reached());
+    Bytes found(kRow0);
+    EXPECT_EQ(stream.Read(found.data(), kRow0), kRow0);
+    EXPECT_NE(none.heard([&] { stream.EnableMultiThreadReading(); }), "") << "who asks for it hears of it";
+}
+
 TEST_F(StreamFaults, AStreamThatIsRead) {
     for (const int cipher : {0, 4}) {
         std::unique_ptr<ORVA_FileStream> made;

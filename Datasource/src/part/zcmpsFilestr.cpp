@@ -84,7 +84,9 @@ struct zcmpsFilestr::Data {
     std::unique_ptr<orva::partWriter> fWriter;  // while writing, and only then
 };
 
-zcmpsFilestr::zcmpsFilestr(const ORVA_FileStream& source) : ORVA_FileStream(source), fData(new Data(GetFile())) {}
+zcmpsFilestr::zcmpsFilestr(const ORVA_FileStream& source) : ORVA_FileStream(source), fData(new Data(GetFile())) {
+    DisableMultiThreadReading();  // the base, which opens the file again, has nothing to read ahead
+}
 
 // What has failed was told.
 zcmpsFilestr::~zcmpsFilestr() noexcept(false) {
