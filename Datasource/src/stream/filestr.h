@@ -85,6 +85,9 @@ public:
     std::int32_t Good() override;
 
     std::uint32_t Read(void* buffer, std::uint32_t size) override;
+    // In an `a` mode the bytes go to the end of the file, whatever the position; a Read flushes them first. An
+    // enciphered file refuses what its mode cannot keep in place: FileError with EINVAL, nothing changed
+    // (docs/cipher.md).
     std::uint32_t Write(const void* buffer, std::uint32_t size) override;
     // Flushes nothing. A target below 0 or past the 64-bit range: -1, nothing moves. From the end: unflushed bytes
     // count as part of the file.
@@ -95,7 +98,8 @@ public:
 
     // 1 when the file was opened, else 0; the stream then has a closed file of that name. Finishes the old file first,
     // as Close does: a failure there is thrown and leaves the old one open. Position 0, or the end in an `a` mode.
-    // Copies of the stream keep the old file. Passwords are not used.
+    // Where the read-ahead thread of the new file cannot start, the stream reads without. Copies of the stream keep the
+    // old file. Passwords are not used.
     virtual std::int32_t Open(const ExtNameStr& name, const ExtNameStr& password, const char* mode);
     virtual std::int32_t Open(const char* name, const char* password, const char* mode);
     virtual std::int32_t Open(const ExtNameStr& name, const char* mode);
@@ -162,7 +166,8 @@ struct ORVA_API ORVA_FileStream::Data {
     // The worker reads through a plain pointer to the file, so it goes first.
     ~Data();
 
-    // Writes the buffer's valid bytes if some of them are not in the file yet. On failure they stay pending.
+    // Writes what the buffer took since it was written last, as one range; on an enciphered file widened to whole
+    // cipher blocks, or up to the buffer's end. On failure it stays pending.
     void Flush();
     // A request of a block or more: pending bytes go to the file, then one read straight into the caller's memory, up
     // to a multiple of 512; `request` moves on by what came. A smaller one is left alone. Needs an open file.
