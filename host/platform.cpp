@@ -260,7 +260,8 @@ std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept
 
 std::int64_t nextStored(int descriptor, std::int64_t offset) noexcept {
 #ifdef SEEK_DATA
-    const std::int64_t found = ::lseek(descriptor, offset, SEEK_DATA);
+    const Step step{.call = Call::Seek, .descriptor = descriptor, .flags = SEEK_DATA, .offset = offset};
+    const std::int64_t found = rawCall(step, [&](std::uint64_t) { return ::lseek(descriptor, offset, SEEK_DATA); });
     if (found >= offset) return found;
     if (errno == ENXIO) return INT64_MAX;
 #endif

@@ -1,6 +1,9 @@
 // Files that lie, are cut short or were never finished, through every way in; and what of their rows comes back.
 #include "recoveryTest.h"
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+
 #include <span>
 
 namespace recovery {
@@ -323,6 +326,82 @@ TEST_F(DamageTest, NoLieOfTheIndexCostsAWholeBlock) {
         expectWalk({4, 5, 6, 7, 16, 17, 18, 19}, damage);
         expectWalk({8, 9, 10, 11, 16, 17, 18, 19}, damage);
     }
+}
+
+// Two records of the last block are its own and the end of what it claims, so nothing bears out one that claims too
+// much.
+TEST_F(DamageTest, ALastBlockThatClaimsTooMuchIsAGuess) {
+    Layout lie = fLayout;
+    lie.records[2].orginalSize = kBlock + 1;
+    const std::int64_t place = fLayout.heading._indexPos + 3 * kRecordSize;
+    EXPECT_THAT(recover(with(damaged(2), place, core::bytesOf(lie.records[2]))),
+                testing::MatchesRegex("~80-[0-9]+ its block is damaged;"));
+    EXPECT_TRUE(sameBytes(fRows, rowsWithout(2, true)));
+}
+
+// A file of some pages in holes of gigabytes costs what the pages hold: in memory, in the output, and in time.
+TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
+    constexpr std::int64_t kFar = std::int64_t{5} << 30;
+    constexpr std::int64_t kBlocks = 178'956'969;
+    const auto costs = [&](const std::vector<std::pair<std::int64_t, Bytes>>& pieces, const std::string& lost) {
+        support::writeBytes(fFile, {});
+        std::filesystem::resize_file(fFile, 1ULL << 60);
+        for (const auto& [place, bytes] : pieces)
+            support::overwriteBytes(fFile, static_cast<std::uint64_t>(place), bytes);
+        support::expectInChild([&] {
+            const auto peak = [] {
+                rusage usage{};
+                getrusage(RUSAGE_SELF, &usage);
+                return usage.ru_maxrss;
+            };
+            const long before = peak();
+            const orva::recoverReport report = orva::recover(fFile, fOut, {});
+            EXPECT_LT(peak() - before, 100'000) << "KiB";
+            struct stat made {};
+            EXPECT_EQ(stat(fOut.c_str(), &made), 0);
+            EXPECT_LT(made.st_blocks, 4'000);
+            EXPECT_EQ(report.blocks, pieces.size() == 2 ? 3 : 4);
+            EXPECT_EQ(report.lost.empty() ? "" : report.lost[0].why, lost);
+        });
+    };
+    const Bytes mark = core::bytesOf(filePosRecord{-100, 0, 1, static_cast<std::int32_t>(kBlocks)});
+    const compressionHeading heading{kRow0, kFar, (kBlocks + 1) * kRecordSize};
+    const Bytes file = with(unfinished(fBytes), kRow0, core::bytesOf(heading));
+    const Bytes block =
+        support::slice(fBytes, kRow0 + kHeadingSize, static_cast<std::size_t>(fLayout.records[0].translateSize));
+    costs({{0, file}, {kFar, mark}}, "its blocks are gone, and no index tells their size");
+    costs({{0, file}, {kFar, mark}, {kFar / 2, block}}, "its block is damaged, and no index tells its size");
+    // The dictionary part can be one as well.
+    Layout moved = fLayout;
+    const auto move = [&](std::int64_t& place) { place += kFar - kRow0; };
+    for (std::int64_t* place : {&moved.heading._caseStartPos, &moved.heading._indexPos}) move(*place);
+    Bytes part = core::bytesOf(moved.first);
+    for (filePosRecord& record : moved.records) {
+        move(record.orginalPos);
+        move(record.translatePos);
+        part = part + core::bytesOf(record);
+    }
+    const Bytes blocks = support::slice(unfinished(fBytes), kRow0 + kHeadingSize, fBytes.size());
+    costs({{kFar, core::bytesOf(moved.heading) + blocks + part}, {0, {1}}}, "");
+}
+
+// Each gap is searched from where it is, and not with a window of its own.
+TEST_F(DamageTest, ManyGapsAreReadOnce) {
+    struct : platform::faults::Hook {
+        Verdict before(Call call, int, std::uint64_t size) override {
+            if (call == Call::Read) bytes += size;
+            return Verdict::goOn();
+        }
+        std::uint64_t bytes = 0;
+    } reads;
+    const Bytes block =
+        support::slice(fBytes, kRow0 + kHeadingSize, static_cast<std::size_t>(fLayout.records[0].translateSize));
+    Bytes file = support::slice(fBytes, 0, kRow0 + kHeadingSize);
+    for (int i = 0; i < 3'000; ++i) file = file + block + Bytes{1};
+    const platform::faults::Installed installed(reads);
+    recover(with(file, kRow0, Bytes(kHeadingSize)), {kPart, false, true});
+    EXPECT_EQ(fReport.blocks, 3'000);
+    EXPECT_LT(reads.bytes, 100'000'000);
 }
 
 // Streams that hold much and end wrong could be tried for ever. What is missing then lies behind the last block found.

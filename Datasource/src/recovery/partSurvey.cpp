@@ -201,7 +201,7 @@ bool partSurvey::takeLaterIndex(std::int64_t place, const unsigned char* bytes) 
     const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
     if (takeIndex({part.row0Pos, place, size}, swapped)) return true;
     fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
-    fPatience.spend(kTrial + std::clamp<std::int64_t>(size, 0, fWindow.fileSize() - place));
+    fPatience.spend(2 * kTrial);
     return false;
 }
 

@@ -22,9 +22,10 @@ namespace {
 
 // Its holes stay holes.
 void copyDictionary(ORVA_File& from, ORVA_FileStream& to, std::int64_t size) {
-    blockBuffer buffer(kBlockSize);
+    constexpr std::int64_t most = 1 << 16;
+    blockBuffer buffer(most);
     for (std::int64_t at = from.nextStored(0); at < size; at = from.nextStored(at)) {
-        const auto piece = static_cast<std::uint32_t>(std::min<std::int64_t>(size - at, kBlockSize));
+        const auto piece = static_cast<std::uint32_t>(std::min(size - at, most));
         const std::uint32_t count = from.Read(buffer.get(), piece, at);
         to.Seek(at, ORVA_StrBaseIO::SeekFromStart);
         to.Write(buffer.get(), count);
