@@ -1,9 +1,9 @@
-// What the fuzz targets share: a promise that ends the run when it is broken, files, an input taken apart, and a second
-// reader to hold the library against.
+// What the fuzz targets share: a promise that ends the run when it is broken, files, and an input taken apart.
 #pragma once
 
+#include "support/secondReader.h"
+
 #include <orva/blockSize.h>
-#include <orva/compressedLayout.h>
 #include <orva/errors.h>
 #include <orva/inspect.h>
 #include <orva/zcmpsFilestr.h>
@@ -28,6 +28,8 @@
 namespace fuzz {
 
 using Bytes = std::vector<unsigned char>;
+using support::byZlib;
+using support::Inflated;
 
 constexpr std::int64_t kRow0 = 64;  // of every file of the corpora
 constexpr std::size_t kSteps = 48;  // bytes of steering
@@ -90,27 +92,6 @@ struct Input {
     bool swap;  // heading and index are taken in the other byte order
 };
 
-// What zlib alone makes of bytes, and how many of them it takes.
-struct Inflated {
-    bool whole;
-    std::int64_t taken;
-    Bytes rows;
-};
-inline Inflated byZlib(const unsigned char* from, std::size_t size, std::size_t room = kBlockSize) {
-    z_stream z{};
-    Inflated made{false, 0, Bytes(room)};
-    inflateInit(&z);
-    z.next_in = const_cast<unsigned char*>(from);
-    z.avail_in = static_cast<uInt>(size);
-    z.next_out = made.rows.data();
-    z.avail_out = static_cast<uInt>(room);
-    made.whole = inflate(&z, Z_FINISH) == Z_STREAM_END;
-    made.taken = static_cast<std::int64_t>(size) - z.avail_in;
-    made.rows.resize(room - z.avail_out);
-    inflateEnd(&z);
-    return made;
-}
-
 // What `codec` writes into a room of this size, by the count that it gives. The engines are no code that a sanitizer
 // sees into, so what stands behind the room is watched.
 template <class Codec>
@@ -154,84 +135,11 @@ inline Inflated inflated(const unsigned char* from, std::size_t size, std::size_
     return {whole, ours.consumed, std::move(rows)};
 }
 
-// A reader made from docs/format.md and the codec alone.
-struct Part {
-    struct Block {
-        filePosRecord record;
-        std::optional<Bytes> rows;  // none: it is damaged
-    };
-    const Bytes& file;
-    const std::int64_t row0;
-    compressionHeading heading{};
-    std::vector<Block> blocks{};
-    std::int64_t end = row0;                       // of the rows
-    std::int64_t blocksEnd = row0 + kHeadingSize;  // of contiguous blocks in the file
-    bool opens;
-    bool contiguous = true;  // the blocks follow each other without gaps, from the heading to the index at the latest
-    bool sound;              // and all of them are whole
-
-    Part(const Bytes& from, std::int64_t at, bool swap) : file(from), row0(at), opens(takeIndex(swap)) {
-        if (!opens) blocks.clear();
-        for (std::size_t i = 0; i < blocks.size(); ++i) takeBlock(blocks[i], i + 1 == blocks.size());
-        contiguous = opens && contiguous && (blocks.empty() || heading._indexPos >= blocksEnd);
-        sound = contiguous && std::all_of(blocks.begin(), blocks.end(), [](auto& b) { return !!b.rows; });
-    }
-
-    bool inside(std::int64_t at, std::int64_t size) const {
-        return at >= 0 && size >= 0 && at <= std::ssize(file) - size;
-    }
-
-    bool takeIndex(bool swap) {
-        if (row0 <= 0 || !inside(row0, kHeadingSize)) return false;
-        std::memcpy(&heading, file.data() + row0, sizeof heading);
-        if (swap) orva::swapHeading(heading);
-        if (heading._caseStartPos != row0 || heading._indexPos < row0 + 24) return false;
-        if (!inside(heading._indexPos, heading._size) || heading._size < 24 || heading._size % 24 != 0) return false;
-        std::vector<filePosRecord> records(static_cast<std::size_t>(heading._size / 24));
-        std::memcpy(records.data(), file.data() + heading._indexPos, records.size() * 24);
-        if (swap) std::for_each(records.begin(), records.end(), orva::swapRecord);
-        const filePosRecord& first = records[0];
-        if (first.orginalPos != kFirstRecordMark || first.orginalSize < 1) return false;
-        if (first.translateSize != std::ssize(records) - 1) return false;
-        for (std::size_t i = 1; i < records.size(); ++i) {
-            const filePosRecord& r = records[i];
-            const bool ascends = i == 1 ? r.orginalPos == row0 : r.orginalPos > records[i - 1].orginalPos;
-            if (!ascends || r.orginalSize < 1) return false;
-            if (r.orginalPos > std::numeric_limits<std::int64_t>::max() - r.orginalSize) return false;
-            blocks.push_back({r, {}});
-        }
-        return true;
-    }
-
-    void takeBlock(Block& block, bool last) {
-        const filePosRecord& r = block.record;
-        const std::int64_t most = kBlockSize;
-        const bool fits = r.orginalSize <= most && r.translateSize >= 1 && r.translateSize <= most;
-        contiguous = contiguous && fits && r.orginalPos == end && r.translatePos == blocksEnd;
-        if (contiguous) blocksEnd += r.translateSize;
-        end = r.orginalPos + r.orginalSize;
-        const bool touches = last || end == (&block + 1)->record.orginalPos;
-        if (!fits || !touches || !inside(r.translatePos, r.translateSize)) return;
-        const Inflated made = inflated(file.data() + r.translatePos, static_cast<std::size_t>(r.translateSize));
-        const bool asRecorded = std::ssize(made.rows) == r.orginalSize && made.taken == r.translateSize;
-        if (made.whole && asRecorded) block.rows = made.rows;
-    }
-
-    // What a read gives: rows, or none where it meets damage.
-    std::optional<Bytes> read(std::int64_t pos, std::int64_t size) const {
-        Bytes rows;
-        while (std::ssize(rows) < size && pos >= row0 && pos < end) {
-            const auto block =
-                std::find_if(blocks.rbegin(), blocks.rend(), [&](auto& b) { return b.record.orginalPos <= pos; });
-            const std::int64_t left = block->record.orginalPos + block->record.orginalSize - pos;
-            if (left <= 0 || !block->rows) return std::nullopt;
-            const std::int64_t count = std::min(left, size - std::ssize(rows));
-            rows.insert(rows.end(), block->rows->end() - left, block->rows->end() - left + count);
-            pos += count;
-        }
-        return rows;
-    }
-    std::optional<Bytes> allRows() const { return read(row0, end - row0); }
+// The second reader, by streams as the library's codec takes them.
+struct Part : support::secondReader {
+    Part(const Bytes& from, std::int64_t at, bool swap)
+        : secondReader(from, at, swap,
+                       [](const unsigned char* bytes, std::size_t size) { return inflated(bytes, size); }) {}
 };
 
 }  // namespace fuzz
