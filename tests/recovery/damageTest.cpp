@@ -392,8 +392,8 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
 // Each gap is searched from where it is, and not with a window of its own.
 TEST_F(DamageTest, ManyGapsAreReadOnce) {
     struct : platform::faults::Hook {
-        Verdict before(Call call, int, std::uint64_t size) override {
-            if (call == Call::Read) bytes += size;
+        Verdict before(const platform::faults::Step& step) override {
+            if (step.call == Call::Read) bytes += step.size;
             return Verdict::goOn();
         }
         std::uint64_t bytes = 0;
