@@ -408,6 +408,26 @@ TEST_F(DamageTest, ManyGapsAreReadOnce) {
     EXPECT_LT(reads.bytes, 100'000'000);
 }
 
+// Nor does an index whose records all point behind each of many gaps, to where nothing stands, cost a trial a record
+// and gap.
+TEST_F(DamageTest, ManyRecordsAtManyGapsEndInTime) {
+    const Bytes block =
+        support::slice(fBytes, kRow0 + kHeadingSize, static_cast<std::size_t>(fLayout.records[0].translateSize));
+    Bytes file = support::slice(fBytes, 0, kRow0 + kHeadingSize);
+    for (int i = 0; i < 20'000; ++i) file = std::move(file) + block + Bytes{1};
+    const std::int64_t end = std::ssize(file);
+    file.resize(static_cast<std::size_t>(end) + 1'000'000, 1);
+    const compressionHeading heading{kRow0, std::ssize(file), 100'001 * kRecordSize};
+    file = with(std::move(file), kRow0, core::bytesOf(heading)) +
+           core::bytesOf(filePosRecord{kFirstRecordMark, 0, kBlock, 100'000});
+    for (std::int64_t i = 0; i < 100'000; ++i) {
+        const Bytes record = core::bytesOf(filePosRecord{kRow0 + i, end + i * 7, 1, 4'000'000});
+        file.insert(file.end(), record.begin(), record.end());
+    }
+    lay({{fFile, file}});
+    support::expectInChild([&] { EXPECT_EQ(orva::recover(fFile, fOut, {kPart, false, true}).blocks, 20'000); });
+}
+
 // Streams that hold much and end wrong could be tried for ever. What is missing then lies behind the last block found.
 TEST_F(DamageTest, ASearchThatIsGivenUpSaysSo) {
     Bytes stream(100'000);

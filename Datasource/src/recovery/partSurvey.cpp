@@ -90,7 +90,7 @@ void partSurvey::takeHeading() {
 void partSurvey::walk() {
     fPlace = fNextPlace = part.row0Pos + kHeadingSize;
     while (fPlace < fWindow.fileSize() && !allSeen()) {
-        if (const std::optional<stream> found = streamAt(fPlace)) {
+        if (const std::optional<stream> found = streamAt(fPlace, fPatience)) {
             takeBlock(*found);
         } else if (!bridge()) {
             return;
@@ -154,20 +154,29 @@ partSurvey::resumption partSurvey::resumeByIndex(bool inStep) {
     std::int64_t tried = fPlace;
     const auto resumes = [&](std::int64_t place, std::size_t number) {
         const bool isNew = place > fPlace && place < fLimit && std::exchange(tried, place) != place;
-        if (!isNew || number == fIndex.size() || !streamAt(place)) return false;
+        if (!isNew || number == fIndex.size() || !streamAt(place, fIndexPatience)) return false;
         fNext = number;
         fNextPlace = place;
         return true;
     };
-    for (std::size_t i = fNext; i < fIndex.size(); ++i) {
+    for (std::size_t i = fNext; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
         const std::int64_t place = placeOf(i);
         if (resumes(place, i)) return {place, inStep};
         inStep = inStep && (place == end || end == fPlace);
         end = (end == fPlace ? fPlace : place) + fIndex[i].translateSize;
         if (resumes(end, i + 1)) return {end, inStep};
-        fPatience.earn(kEarnedBySearch * std::clamp<std::int64_t>(fIndex[i].translateSize, 0, kBlockSize));
+        earnByLoss(place, end);
     }
-    return {std::nullopt, inStep && hadIndex};
+    return {std::nullopt, inStep && hadIndex && !fIndexPatience.exhausted()};
+}
+
+// A lost block that is passed earns too, once and not in a hole. To look at its record costs a little.
+void partSurvey::earnByLoss(std::int64_t place, std::int64_t end) {
+    fIndexPatience.spend(kRecordSize);
+    const std::int64_t from = std::max(place, fEarnedTo);
+    if (from >= end || end > fWindow.fileSize() || fFile.nextStored(from) >= end) return;
+    fIndexPatience.earn(kEarnedByBlock * (end - from));
+    fEarnedTo = end;
 }
 
 bool partSurvey::takeIndex(const compressionHeading& heading, bool swapped) {
@@ -229,8 +238,8 @@ std::int64_t partSurvey::endOf(std::size_t number) const {
 // else a later one.
 std::optional<std::size_t> partSurvey::numberHere() {
     if (fNext < fIndex.size() && (fNextPlace == fPlace || placeOf(fNext) == fPlace)) return fNext;
-    for (std::size_t i = fNext; i < fIndex.size() && !fPatience.exhausted(); ++i) {
-        fPatience.spend(kRecordSize);
+    for (std::size_t i = fNext; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
+        fIndexPatience.spend(kRecordSize);
         if (placeOf(i) == fPlace) return i;
     }
     return std::nullopt;
@@ -274,15 +283,14 @@ void partSurvey::addMissing(std::int64_t count) {
         {missing * kBlockSize, fPlace, {}, 0, true, "its blocks are gone, and no index tells their size"});
 }
 
-std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place) {
-    if (place < part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || fPatience.exhausted())
-        return std::nullopt;
+std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place, patience& left) {
+    if (place < part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || left.exhausted()) return std::nullopt;
     const std::int64_t before = fRead;
     const blockOutcome outcome = inflateAt(place, fUsualLength + fUsualLength / 4);
     if (outcome.end == blockOutcome::complete && outcome.produced != 0) {
         return stream{outcome.produced, outcome.consumed};
     }
-    fPatience.spend(workOf(outcome.produced, outcome.consumed) + fRead - before);
+    left.spend(workOf(outcome.produced, outcome.consumed) + fRead - before);
     return std::nullopt;
 }
 
@@ -307,7 +315,7 @@ std::optional<std::int64_t> partSurvey::nextStream(std::int64_t from, std::int64
         const blockOutcome glance = fCodec.inflateWhole(bytes, count, fRows.get(), kBlockSize);
         if (glance.end == blockOutcome::complete) return glance.produced != 0;
         fPatience.spend(workOf(glance.produced, glance.consumed));
-        return glance.consumed == count && streamAt(place).has_value();
+        return glance.consumed == count && streamAt(place, fPatience).has_value();
     };
     return fWindow.find(from, end, 2, isStream);
 }

@@ -60,6 +60,7 @@ private:
     void takeBlock(const stream& found);
     bool bridge();
     resumption resumeByIndex(bool inStep);
+    void earnByLoss(std::int64_t place, std::int64_t end);
     // What an index says.
     bool takeIndex(const compressionHeading& heading, bool swapped);
     void findLaterIndex();
@@ -73,7 +74,7 @@ private:
     std::size_t committedSegments() const;
     void addMissing(std::int64_t count);
     // Single streams.
-    std::optional<stream> streamAt(std::int64_t place);
+    std::optional<stream> streamAt(std::int64_t place, patience& left);
     blockOutcome inflateAt(std::int64_t place, std::uint32_t firstRead);
     std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end);
 
@@ -89,7 +90,9 @@ private:
     bool bLastAsRecorded = false;  // the last block that an index tells of was taken
     bool bLookedForIndex = false;
     patience fPatience;
-    std::int64_t fRead = 0;  // from the file, for blocks
+    patience fIndexPatience;
+    std::int64_t fEarnedTo = 0;  // in the file, by lost blocks
+    std::int64_t fRead = 0;      // from the file, for blocks
     std::uint32_t fUsualLength = kBlockSize;
     zlibCompressBlock fCodec;
     blockBuffer fCompressed;
