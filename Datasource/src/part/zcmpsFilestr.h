@@ -11,9 +11,10 @@
 //          It shares the file with the stream that it was built over.
 // Threads: one at a time a stream. Work goes to a thread of the stream's own when setMultiThread asks for it.
 // Failure: FileError from the disk; DamagedFileError for bytes that cannot be true, after which sound blocks can still
-//          be read; FileReopenError (a SystemFileException) when the file cannot be opened again; bad_alloc. A writer's
-//          first failure is final: Write, Flush and the first Close throw it again, and the file gets no heading.
-//          Breaches of a caller's duty are assertions.
+//          be read, FileChangedError where that is because the file was written to since its index was read;
+//          FileReopenError (a SystemFileException) when the file cannot be opened again; bad_alloc. A writer's first
+//          failure is final: Write, Flush and the first Close throw it again, and the file gets no heading. Breaches
+//          of a caller's duty are assertions.
 // Never:   Open and ClearAndReset, which are the plain stream's: another file needs another object.
 #pragma once
 
@@ -62,9 +63,10 @@ public:
     // Resumes writing at logical position `endpos`, the end of the rows, of the finished part that readFilePosInfo has
     // loaded; `swap` as there. An `endpos` inside a short last block cuts the rows there. Seek(endpos) comes before it.
     // A reader with a worker of setMultiThread cannot come here; one with setThreadCount can. The setting of
-    // setMultiThread is 0 afterwards. DamagedFileError before anything is written if the file does not
-    // allow it; SystemFileException as in setRow0Pos. When a later step fails, the rows that the file held are put back
-    // before the failure is thrown; its text says whether that worked.
+    // setMultiThread is 0 afterwards. Before anything is written: DamagedFileError if the file does not allow it, as
+    // FileChangedError if another process has changed where the rows end; SystemFileException as in setRow0Pos. When a
+    // later step fails, the rows that the file held are put back before the failure is thrown; its text says whether
+    // that worked.
     void setFileToAppend(std::int64_t endpos, bool swap);
 
     // Close returns only when the rows would survive a loss of power, the heading after all that it points to. Off at
@@ -91,8 +93,9 @@ public:
     // else 0. Reader: ends the worker, 1.
     std::int32_t Close() override;
 
-    // Ends a writer without finishing the file: no index, no heading; an appender's old rows are put back, which throws
-    // when it fails. The destructor then does nothing. On a reader it only ends the threads; in a forked child nothing.
+    // Ends a writer without finishing the file: no index, no heading; blocks that no thread has begun are given up, and
+    // an appender's old rows are put back, which throws when it fails. The destructor then does nothing. On a reader it
+    // only ends the threads; in a forked child nothing.
     void abandon();
 
 private:
