@@ -48,8 +48,7 @@ private:
     void checkInput() const {
         const bool named = fOptions.in != "-";
         if (named) checkReadable(fOptions.in);
-        std::error_code none;
-        if (fs::equivalent(named ? fOptions.in : "/dev/stdin", fOptions.part.file, none)) {
+        if (platform::sameFile(named ? fOptions.in.c_str() : "/dev/stdin", fOptions.part.file.c_str())) {
             usageError("\"" + shownName(fOptions.part.file) + "\" cannot be added to itself");
         }
     }

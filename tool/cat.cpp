@@ -66,8 +66,7 @@ private:
     }
 
     void refuseSameFile() const {
-        std::error_code none;
-        if (fOptions.out != "-" && std::filesystem::equivalent(fOptions.part.file, fOptions.out, none)) {
+        if (fOptions.out != "-" && platform::sameFile(fOptions.part.file.c_str(), fOptions.out.c_str())) {
             usageError("\"" + shownName(fOptions.out) + "\" is input and output: name another output with -o");
         }
     }

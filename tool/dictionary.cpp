@@ -3,7 +3,6 @@
 #include "input.h"
 #include "text.h"
 
-#include <charconv>
 #include <filesystem>
 
 namespace {
@@ -12,13 +11,6 @@ constexpr std::size_t kSize = 512;
 constexpr std::size_t kLongestSource = 300;
 constexpr std::size_t kRow0Width = 10;
 const std::string kFirstLine = "orva dictionary 1 row0=";
-
-std::optional<std::int64_t> number(const std::string& digits) {
-    std::int64_t value = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    if (error != std::errc() || end != digits.data() + digits.size() || value < 0) return {};
-    return value;
-}
 
 // The rest of the line that begins with `key`, behind the first line.
 std::string lineOf(const std::string& text, const std::string& key) {

@@ -67,8 +67,7 @@ private:
         for (const std::string& name : fOptions.inputs) {
             if (name == "-") continue;
             checkReadable(name);
-            std::error_code none;
-            if (fs::equivalent(name, fOptions.out, none)) {
+            if (platform::sameFile(name.c_str(), fOptions.out.c_str())) {
                 usageError("\"" + shownName(name) + "\" is input and output: name another output with -o");
             }
         }

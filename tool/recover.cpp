@@ -60,8 +60,7 @@ private:
             usageError("name the file to make with -o, or undo an interrupted append in place with --roll-back");
         }
         if (fOptions.out == "-") usageError("a finished file needs a name, for its heading is written last: -o FILE");
-        std::error_code none;
-        if (!fOptions.out.empty() && fs::equivalent(fOptions.part.file, fOptions.out, none)) {
+        if (platform::sameFile(fOptions.part.file.c_str(), fOptions.out.c_str())) {
             usageError("rows are never recovered in place: name another file with -o");
         }
     }

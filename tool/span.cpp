@@ -3,7 +3,6 @@
 #include "failure.h"
 #include "text.h"
 
-#include <charconv>
 #include <optional>
 #include <utility>
 
@@ -13,13 +12,6 @@ struct pair {
     std::int64_t first;
     std::optional<std::int64_t> second;
 };
-
-std::optional<std::int64_t> number(std::string_view digits) {
-    std::int64_t value = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    if (error != std::errc() || end != digits.data() + digits.size() || value < 0) return {};
-    return value;
-}
 
 pair parsePair(const std::string& text, const char* form) {
     const std::string_view whole = text;

@@ -1,5 +1,6 @@
 #include "text.h"
 
+#include <charconv>
 #include <cstdio>
 
 namespace {
@@ -12,6 +13,13 @@ std::string formatted(const char* format, Values... values) {
 }
 
 }  // namespace
+
+std::optional<std::int64_t> number(std::string_view digits) {
+    std::int64_t value = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    if (error != std::errc() || end != digits.data() + digits.size() || value < 0) return {};
+    return value;
+}
 
 std::string grouped(std::int64_t number) {
     std::string text = std::to_string(number);

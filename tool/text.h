@@ -2,8 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
+// The number, from 0, that the digits and nothing else make.
+std::optional<std::int64_t> number(std::string_view digits);
 // 61,234,567
 std::string grouped(std::int64_t number);
 // 58.4 MiB
