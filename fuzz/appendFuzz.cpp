@@ -74,7 +74,8 @@ private:
         putFile(sideName, side);
         auto result = orva::rollBackResult::nothingToDo;
         const bool believed = soundFor([&] { result = orva::rollBack(name); });
-        require(isChanged || result == orva::rollBackResult::rolledBack, "an interrupted append is rolled back");
+        const bool ends = result == orva::rollBackResult::rolledBack || result == orva::rollBackResult::sideFileStale;
+        require(isChanged || ends, "an interrupted append is rolled back, or had begun nothing");
         if (!isChanged) return requireRestored();
         if (!believed) return requireLeft(during, side);
         require(result != orva::rollBackResult::nothingToDo, "a side file is something to do");

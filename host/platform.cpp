@@ -204,6 +204,8 @@ int systemFlags(int oflag) {
     flags |= (oflag & _O_RDWR) != 0 ? O_RDWR : (oflag & _O_WRONLY) != 0 ? O_WRONLY : O_RDONLY;
     if ((oflag & _O_APPEND) != 0) flags |= O_APPEND;
     if ((oflag & _O_CREAT) != 0) flags |= O_CREAT;
+    if ((oflag & _O_EXCL) != 0) flags |= O_EXCL;
+    if ((oflag & _O_NOFOLLOW) != 0) flags |= O_NOFOLLOW | O_NONBLOCK;
     return flags;  // never O_TRUNC: the data of another writer would be gone before its lock is met
 }
 

@@ -27,9 +27,11 @@ inline constexpr int _O_RANDOM = 0x10;
 inline constexpr int _O_TEMPORARY = 0x40;
 inline constexpr int _O_CREAT = 0x100;
 inline constexpr int _O_TRUNC = 0x200;
+inline constexpr int _O_EXCL = 0x400;
 inline constexpr int _O_SHORT_LIVED = 0x1000;
 inline constexpr int _O_TEXT = 0x4000;
 inline constexpr int _O_BINARY = 0x8000;
+inline constexpr int _O_NOFOLLOW = 0x100000;
 inline constexpr int _SH_DENYWR = 0x20;
 inline constexpr int _S_IWRITE = 0x80;
 inline constexpr int _S_IREAD = 0x100;
@@ -42,6 +44,8 @@ inline constexpr int _S_IREAD = 0x100;
 //                 a second writer, in this process or another, gets EWOULDBLOCK and leaves the file as it was. Readers
 //                 take no lock. Where the file system has none, the writer goes on without. The file locked is the one
 //                 that the name leads to then; a name that leads to another one each time it is tried is EWOULDBLOCK.
+//   _O_EXCL       with _O_CREAT: EEXIST if the name is taken, by a link that leads nowhere too.
+//   _O_NOFOLLOW   a link is ELOOP, and nobody is waited for at the other end of a pipe.
 // Text mode is binary. The hints on access are ignored: the one that fits here best, random, would switch off the
 // read-ahead of the system, which every block-wise reader profits from.
 ORVA_HOST_API int openShared(const char* name, int oflag, int shflag, int pmode) noexcept;

@@ -32,14 +32,14 @@ public:
 
     int run() {
         checkInput();
-        rollBackInterrupted();
         input from(fOptions.in);
-        const locatedPart located = locatePart(fOptions.part);
-        noteFound("append", fOptions.part, located);
         // Rows first, so that an input that fails at once, or has none, touches nothing.
         std::uint32_t count = from.read(fBuffer->bytes, kPiece);
+        if (count != 0) rollBackInterrupted();
+        const locatedPart located = locatePart(fOptions.part);
+        noteFound("append", fOptions.part, located);
         progress bar(fOptions.progress, "append", knownSize(fOptions.in).value_or(-1));
-        if (count != 0) append(located.part, from, count, bar);
+        count != 0 ? append(located.part, from, count, bar) : requireSound(located.part);
         bar.finish(shownName(fOptions.part.file) + ": " + humanSize(static_cast<double>(fRowBytes)) + " of rows added");
         return kAllWell;
     }
@@ -54,9 +54,28 @@ private:
     }
 
     void rollBackInterrupted() const {
-        if (orva::rollBack(fOptions.part.file) != orva::rollBackResult::rolledBack) return;
-        note("append", fOptions.part.file,
-             "an append before this one was interrupted: it was undone, the rows from before it are all there");
+        const char* ending = nullptr;
+        switch (orva::rollBack(fOptions.part.file)) {
+            case orva::rollBackResult::nothingToDo:
+                return;
+            case orva::rollBackResult::rolledBack:
+                ending = "it was undone, the rows from before it are all there";
+                break;
+            case orva::rollBackResult::sideFileStale:
+                ending = "the file is whole as it stands, and its rows stay";
+                break;
+            case orva::rollBackResult::completed:
+                ending = "its rows were all there, and it was completed";
+                break;
+        }
+        note("append", fOptions.part.file, std::string("an append before this one was interrupted: ") + ending);
+    }
+
+    // What an append would have refused.
+    void requireSound(const orva::foundPart& found) const {
+        orva::finishedPart part(fOptions.part.file, found);
+        part.verifyIndex();
+        if (part.blockCount() != 0) part.verifyBlock(part.blockCount() - 1);
     }
 
     void append(const orva::foundPart& part, input& from, std::uint32_t count, progress& bar) {

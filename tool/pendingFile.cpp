@@ -112,7 +112,6 @@ void pendingFile::sync() const {
 void pendingFile::commit() {
     if (!fOptions.noSync) sync();
     refuseIfTaken();  // by somebody else, meanwhile
-    orva::dropSideFile(fTarget);
     if (platform::renameFile(fTemporary.c_str(), fTarget.c_str()) != 0) throwWriteFailed(fName);
     bCommitted = true;
     disarm();

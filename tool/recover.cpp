@@ -39,7 +39,7 @@ public:
         if (fOptions.rollBack) return rollBack();
         if (std::error_code none; fs::exists(orva::sideFileName(fOptions.part.file), none)) {
             note("recover", fOptions.part.file,
-                 "an append to it was interrupted: --roll-back undoes it without a loss");
+                 "an append to it was interrupted: --roll-back undoes it, or completes it, without a loss");
         }
         pendingFile pending(fOptions.out, fOptions.output);
         pending.during([&] {
@@ -72,7 +72,11 @@ private:
                 note("recover", file, "the interrupted append was undone: the rows from before it are all there");
                 break;
             case orva::rollBackResult::sideFileStale:
-                note("recover", file, "the interrupted append had changed nothing; its side file was removed");
+                note("recover", file, "it is whole as it stands, and its rows stay; the side file was removed");
+                break;
+            case orva::rollBackResult::completed:
+                note("recover", file,
+                     "the append was complete but for its heading, which was written: all rows are there");
                 break;
             case orva::rollBackResult::nothingToDo:
                 note("recover", file, "no append to undo: it has no side file");
@@ -156,7 +160,7 @@ verb addRecover(CLI::App& app) {
     command->add_option("-o,--output", options->out, "The file to make");
     command->add_flag("--committed", options->committed, "Leave out what an append that was not finished has added");
     command->add_flag("--drop", options->drop, "Close the gaps of lost rows instead of filling them with zeros");
-    command->add_flag("--roll-back", options->rollBack, "Undo an interrupted append in FILE itself, by its side file");
+    command->add_flag("--roll-back", options->rollBack, "End an interrupted append in FILE itself, by its side file");
     command->add_flag("--json", options->json, "Write the report as JSON");
     options->output.addTo(*command);
     return [options] { return recoverRun(*options).run(); };

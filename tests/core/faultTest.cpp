@@ -365,12 +365,13 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
                 EXPECT_TRUE(failed.empty() || kept == 0) << failed;
                 EXPECT_TRUE(sameBytes(support::slice(found, 0, kept), support::slice(append.oldRows(), 0, kept)));
             } else {
-                // Without memory there is no text that says so, nor whether it came to its end.
+                // Without memory there is no text that says so, nor whether it came to its end. A disk that fails for
+                // good may keep a heading that could not be synced: its rows are all there then.
                 const bool mute = s.fault.kind != Fault::Calls;
                 const bool left = std::filesystem::exists(side);
                 EXPECT_TRUE(!left || says("--roll-back") || mute || s.fault.lasting) << text;
                 if (left || says("--roll-back")) orva::rollBack(fName);
-                EXPECT_TRUE(present(fName) == old || (mute && rowsOf(fName) == append.newRows()))
+                EXPECT_TRUE(present(fName) == old || ((mute || s.fault.lasting) && rowsOf(fName) == append.newRows()))
                     << failure << ": " << text;
             }
         });

@@ -499,18 +499,19 @@ TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
         refused(data, with(side, static_cast<std::int64_t>(at), {static_cast<unsigned char>(side[at] ^ 0x20)}), "");
         refused(data, support::slice(side, 0, at), "");
     }
-    // A right checksum does not make its numbers true: mark, row 0, end of what was not touched, pieces, one's place
-    // and size.
+    // A right checksum does not make its numbers true: mark, row 0, old length, end of what was not touched, checksum
+    // before it, heading, first record, last record.
     const std::pair<std::int64_t, std::int64_t> lies[] = {
-        {0, 7},  {8, 0},   {24, kRow0 - 1}, {24, kRow0 + 23}, {24, INT64_MAX},       {40, 99},
-        {40, 0}, {48, -1}, {48, 1L << 40},  {56, -1},         {56, std::ssize(side)}};
+        {0, 7},     {8, 0},   {8, INT64_MAX}, {16, 40},        {24, kRow0 - 1}, {24, kRow0 + 24}, {24, INT64_MAX},
+        {32, 5},    {40, 12}, {48, -1},       {48, 1L << 40},  {56, 0},         {56, 48},         {56, INT64_MAX},
+        {64, -101}, {80, 3},  {112, 0},       {120, 1L << 40}, {128, 99}};
     for (const auto& [at, value] : lies) {
         Bytes forged = support::slice(with(side, at, core::bytesOf(value)), 0, side.size() - 8);
         const auto sum = static_cast<std::int64_t>(crc32_z(0, forged.data(), forged.size()));
         refused(data, forged + core::bytesOf(sum), "");
     }
     refused(data, Bytes(1 << 20), "longer than");
-    refused(with(data, 5, {1}), side, "does not belong to");
+    refused(with(data, kRow0 + 30, {1}), side, "neither whole nor what the append has found");
     lay(during);
     EXPECT_EQ(orva::rollBack(fFile), orva::rollBackResult::rolledBack);
     EXPECT_EQ(present(), old);

@@ -3,66 +3,90 @@
 
 #include <fcntl.h>
 
+#include <mutex>
 #include <optional>
 #include <set>
 
 namespace recovery {
 
-// What was synced stays, of the rest any part may be missing, in any order, torn or not. Killing a process cannot show
-// this, for the system keeps what a dead process wrote.
+// A disk that loses its power. What was synced stays; of the rest any piece may be missing or torn, in any order.
+// Killing a process cannot show this, for the system keeps what a dead process wrote.
 class ImaginedDisk : public platform::faults::Hook {
 public:
-    explicit ImaginedDisk(const Files& files) : now{files}, fReal(files) {}
-    std::set<Files> ever, now;  // what can be found after a loss of power: at any time, and at the end
+    explicit ImaginedDisk(const Files& files) : fOld(files) {}
 
     Verdict before(const platform::faults::Step&) override { return Verdict::goOn(); }
     void after(const platform::faults::Step& step) override {
+        const std::lock_guard guard(fLock);
         if (step.result < 0) return;
         const std::string name = step.name != nullptr ? step.name : fNames[step.descriptor];
-        const bool creates = step.call == Call::Open && (step.flags & O_CREAT) != 0;
         if (step.call == Call::Open || step.call == Call::Duplicate) fNames[static_cast<int>(step.result)] = name;
-        if (step.call == Call::Unlink) change([&](Files& files) { files.erase(name); });
-        if (creates) change([&](Files& files) { files[name]; });
-        if (step.call == Call::Truncate) change([&](Files& files) { files[name].resize(step.size); });
-        if (step.call == Call::Write)
-            write(name, step.offset, static_cast<const unsigned char*>(step.data), step.result);
-        if (step.call == Call::Sync) sync(name);
-        ever.insert(now.begin(), now.end());
+        const bool creates = step.call == Call::Open && (step.flags & O_CREAT) != 0;
+        const bool counts = step.call == Call::Write || step.call == Call::Sync || step.call == Call::Truncate;
+        if (!creates && !counts && step.call != Call::Unlink) return;
+        const auto* data = static_cast<const unsigned char*>(step.data);
+        Bytes bytes(data, step.call == Call::Write ? data + step.result : data);
+        const auto at = step.call == Call::Truncate ? static_cast<std::int64_t>(step.size) : step.offset;
+        fChanges.push_back({step.call, name, at, std::move(bytes)});
+    }
+
+    std::size_t changes() const { return fChanges.size(); }
+    // What can be found when the power goes behind the first `count` changes, in pieces of `piece` bytes. `chance`: of
+    // each piece that was not synced to be there, in quarters.
+    Files found(std::size_t count, std::int64_t piece, std::uint64_t chance, support::RandomBytes& random) const {
+        Files files = fOld;
+        for (std::size_t i = 0; i < count; ++i) {
+            const Change& change = fChanges[i];
+            const auto kept = [&] { return isSynced(i, count) || random.below(4) < chance; };
+            if (change.call == Call::Write) {
+                write(files, change, piece, kept, random);
+            } else if (change.call != Call::Sync && kept()) {
+                if (change.call == Call::Open) files[change.name];
+                if (change.call == Call::Unlink) files.erase(change.name);
+                if (change.call == Call::Truncate && files.count(change.name) != 0) {
+                    files[change.name].resize(static_cast<std::size_t>(change.at));
+                }
+            }
+        }
+        return files;
     }
 
 private:
-    // What may reach the disk or not.
-    void change(const std::function<void(Files&)>& apply) {
-        apply(fReal);
-        std::set<Files> changed;
-        for (Files files : now) {
-            apply(files);
-            changed.insert(files);
-        }
-        now.merge(changed);
+    struct Change {
+        Call call;
+        std::string name;
+        std::int64_t at;  // where the bytes stand, or the new length
+        Bytes bytes;
+    };
+
+    // A name by its directory, bytes and length by their file.
+    bool isSynced(std::size_t change, std::size_t count) const {
+        const bool isName = fChanges[change].call == Call::Open || fChanges[change].call == Call::Unlink;
+        const std::filesystem::path name = fChanges[change].name;
+        const std::string synced = isName ? name.parent_path().string() : name.string();
+        return std::any_of(&fChanges[change], fChanges.data() + count,
+                           [&](const Change& later) { return later.call == Call::Sync && later.name == synced; });
     }
-    // Either half without the other too, while the combinations are few.
-    void write(const std::string& name, std::int64_t offset, const unsigned char* data, std::int64_t size) {
-        const std::int64_t half = now.size() < 200 ? size / 2 : size;
-        for (const auto& [from, to] : {std::pair(std::int64_t{0}, half), std::pair(half, size)}) {
-            const Bytes part(data + from, data + to);
-            change([&, at = offset + from](Files& files) {
-                if (files.count(name) != 0) files[name] = with(files[name], at, part);
-            });
-        }
-    }
-    void sync(const std::string& name) {
-        for (Files files : std::exchange(now, {})) {
-            const auto nameOf = &Files::value_type::first;
-            const bool sameNames = std::ranges::equal(files, fReal, {}, nameOf, nameOf);
-            if (std::filesystem::is_directory(name) && !sameNames) continue;
-            if (files.count(name) != 0) files[name] = fReal[name];
-            now.insert(files);
+
+    template <class Kept>
+    static void write(Files& files, const Change& change, std::int64_t piece, const Kept& kept,
+                      support::RandomBytes& random) {
+        const std::int64_t end = change.at + std::ssize(change.bytes);
+        for (std::int64_t at = change.at, next = 0; at < end; at = next) {
+            next = std::min(end, (at / piece + 1) * piece);
+            // One in eight of those that are there is torn.
+            const std::int64_t torn = kept() ? next : at;
+            const bool tears = torn == next && !kept() && random.oneIn(2);
+            const auto size = static_cast<std::size_t>((tears ? random.between(at, next) : torn) - at);
+            const Bytes part = support::slice(change.bytes, static_cast<std::size_t>(at - change.at), size);
+            if (size != 0 && files.count(change.name) != 0) files[change.name] = with(files[change.name], at, part);
         }
     }
 
-    Files fReal;
+    const Files fOld;
+    std::mutex fLock;  // of several threads
     std::map<int, std::string> fNames;
+    std::vector<Change> fChanges;
 };
 
 class InterruptionTest : public FileTest {
@@ -95,31 +119,42 @@ protected:
         }
     }
 
-    // Loses the power behind each change that `run` makes. How many of the states of
-    // the disk did not hold?
+    // Loses the power behind each change that `run` makes, with all that was not synced, nothing of it, and what chance
+    // leaves. How many of the states of the disk did not hold?
     int lose(const Files& files, const std::function<void()>& run, const std::function<bool(bool ended)>& holds) {
+        constexpr int kChances = support::kSanitized ? 2 : 6;
         lay(files);
         ImaginedDisk disk(files);
         {
             const platform::faults::Installed installed(disk);
             run();
         }
+        support::RandomBytes random(61);
+        std::set<Files> seen;
         int failures = 0;
-        for (const bool ended : {false, true}) {
-            for (const Files& state : ended ? disk.now : disk.ever) {
-                lay(state);
-                ++fReplays;
-                failures += holds(ended) ? 0 : 1;
+        for (std::size_t count = 0; count <= disk.changes(); ++count) {
+            const bool ended = count == disk.changes();
+            for (const std::int64_t piece : {std::int64_t{512}, std::int64_t{4096}}) {
+                for (int chance = 0; chance < kChances + 2; ++chance) {
+                    const std::uint64_t quarters = chance < 2 ? 4 * chance : 1 + chance % 3;
+                    const Files state = disk.found(count, piece, quarters, random);
+                    if (!ended && !seen.insert(state).second) continue;
+                    lay(state);
+                    ++fReplays;
+                    failures += holds(ended) ? 0 : 1;
+                }
             }
         }
         RecordProperty("replays", fReplays);
         return failures;
     }
 
-    // Nothing for a file that says that it is not finished.
+    // Nothing for a file that says that it is not finished, in either byte order.
     std::optional<Bytes> rowsIfFinished() const {
         std::optional<Bytes> rows;
-        failureOf([&] { rows = rowsOf(fFile); });
+        for (const bool swap : {false, true}) {
+            if (!rows) failureOf([&] { rows = rowsOf(fFile, swap); });
+        }
         return rows;
     }
 
@@ -176,9 +211,15 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     });
     // The same disk costs an append that is not safe its old rows.
     EXPECT_TRUE(lose(old, run, allOrNothing) > 0 || GetParam() >= kWriting);
+    const Files swappedOld{{fFile, swapped(old.at(fFile))}};
+    append.road = kSafeBySeveral;
+    EXPECT_EQ(lose(old, run, allOrNothing), 0);
     append.road = 1;
     killEverywhere(old, run, [&] { EXPECT_TRUE(allOrNothing(false)); });
     EXPECT_EQ(lose(old, run, allOrNothing), 0);
+    EXPECT_EQ(lose(
+                  swappedOld, [&] { append.run(fFile, true); }, allOrNothing),
+              0);
     const auto oldRows = [&](bool) { return orva::rollBack(fFile), rowsIfFinished() == append.oldRows(); };
     EXPECT_EQ(lose(
                   old, [&] { interrupted(append); }, oldRows),

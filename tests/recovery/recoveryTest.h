@@ -30,20 +30,23 @@ inline const orva::foundPart kPart{kRow0, false};
 constexpr std::uint64_t kTorn = 12;  // bytes that a torn write gets done: half a heading
 
 // Blocks of these sizes. A full one is of one value, so that it stays small in the file; others are all different.
+// Those of kNoise bytes do not shrink: one takes as many bytes in the file as another.
+constexpr std::size_t kNoise = 512;
 inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsigned char seed = 0) {
     std::vector<Bytes> blocks;
     for (const std::size_t size : sizes) {
         ++seed;
-        blocks.push_back(size < kBlock ? support::RandomBytes(seed).rows(size) : Bytes(size, seed));
+        support::RandomBytes random(seed);
+        blocks.push_back(size == kBlock ? Bytes(size, seed) : size == kNoise ? random.noise(size) : random.rows(size));
     }
     return blocks;
 }
 
 // The rows of a finished file, in which every block is where the index says.
-inline Bytes rowsOf(const std::string& file) {
-    orva::finishedPart part(file, kPart);
+inline Bytes rowsOf(const std::string& file, bool swap = false) {
+    orva::finishedPart part(file, {kRow0, swap});
     part.verifyIndex();
-    return core::Reader(file, 0, kRow0).read(static_cast<std::size_t>(part.dataSize()));
+    return core::Reader(file, 0, kRow0, swap).read(static_cast<std::size_t>(part.dataSize()));
 }
 
 // Where the new index stands: behind the last block if one was written, else where the last transfer ended.
@@ -85,8 +88,9 @@ struct Append {
     }
 };
 
+constexpr int kSafeBySeveral = 5;
 constexpr int kWriting = 4;  // the first ones begin in different ways and write several blocks
-constexpr int kEnding = 8;   // and these end in different ways
+constexpr int kEnding = 9;   // and these end in different ways
 inline const Append kAppends[] = {
     {"RowsJoinShortBlock", {300, 500}, 0, {200, 90}, {300, 700, 90}},
     {"CutThenAdded", {300, 500}, 450, {20, 90}, {300, 70, 90}},
@@ -96,6 +100,7 @@ inline const Append kAppends[] = {
     {"CutInsideLastBlock", {300, 500}, 450, {}, {300, 50}},
     {"CutToBlockStart", {300, 500}, 500, {}, {300}, BehindOldBlock},
     {"NothingToFullBlock", {300, kBlock}, 0, {}, {300, kBlock}, BehindOldIndex},
+    {"CutAndAsManyRows", {300, kNoise}, kNoise, {kNoise}, {300, kNoise}},
     {"RowsFillShortBlock", {300}, 0, {kBlock}, {kBlock, 300}},
     {"CutToNothing", {300}, 300, {}, {}, BehindOldBlock},
     {"CutToNothingThenAdded", {300}, 300, {40}, {40}},

@@ -1,56 +1,55 @@
-// What an append overwrites, as bytes: put back into the file, and written to and read from the side file.
+// What an append overwrites, as bytes: put back into the file, and written to and read from the side file, whose layout
+// is in docs/recovery.md.
 //
-// Units:   file offsets, in bytes. The side file's layout: docs/recovery.md.
-// Owner:   a keptTail owns copies of the old bytes: the last block if it is rewritten, the index, the heading.
+// Units:   file offsets, in bytes.
 // Threads: no state.
-// Failure: FileError from the disk; DamagedFileError for a side file that is not what it claims to be.
+// Failure: FileError from the disk; DamagedFileError for a file that ends too early.
 #pragma once
 
+#include "part/soundIndex.h"
+
 #include <orva/file.h>
-#include <orva/sideFile.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
-#include <vector>
 
 namespace orva {
-
-struct keptPiece {
-    std::int64_t place;
-    std::vector<unsigned char> bytes;
-};
 
 struct keptTail {
     std::int64_t row0Pos = 0;
     std::int64_t fileSize = 0;      // of the file before the append
     std::int64_t untouchedEnd = 0;  // the append overwrites nothing before this but the heading
-    std::vector<keptPiece> pieces;  // in file order, but the heading last
+    std::int64_t untouchedSum = 0;  // of the last bytes before it
+    std::int64_t indexPos = 0;      // as the heading tells
+    rawHeading heading{};
+    fileBytes index;
+    fileBytes block;  // at untouchedEnd; none if the append rewrites none
 };
 
-// Adds the `size` bytes at `place`, read from the file.
-void keepPiece(keptTail& tail, ORVA_File& file, std::int64_t place, std::uint32_t size);
+// The `size` bytes at `place`; none if the file ends before.
+fileBytes bytesAt(ORVA_File& file, std::int64_t place, std::size_t size);
+// The 24 bytes at `row0Pos`; zeros where the file ends before.
+rawHeading rawHeadingAt(ORVA_File& file, std::int64_t row0Pos);
 
-// Makes the file what it was: its length, the pieces, the heading last.
-void restoreTail(ORVA_File& file, const keptTail& tail);
+// The checksum of up to 4,096 bytes before `untouchedEnd`, none of them before the blocks; nothing if the file ends
+// before.
+std::optional<std::int64_t> untouchedSum(ORVA_File& file, std::int64_t row0Pos, std::int64_t untouchedEnd);
 
-// EEXIST if there is a side file, whether it can be read or not: an append was interrupted, and its roll-back comes
-// first.
-void refuseSideFile(const std::string& dataName);
+// Makes the file what it was, but for the heading. `durable`: each step before the next one.
+void restoreTail(ORVA_File& file, const keptTail& tail, bool durable);
 
-// Writes the side file of `file` and makes it durable.
-void writeSideFile(ORVA_File& file, const keptTail& tail);
-
-// Removes it, durably. One that is not there is no failure.
-void removeSideFile(const std::string& dataName);
+fileBytes serialize(const keptTail& tail);
+// A side file is longer than the file before the append by no more than this.
+inline constexpr std::int64_t kSideFileOverhead = 4096;
 
 enum class sideFileState : std::uint8_t {
-    absent,
-    unfinished,  // cut short: its append has written nothing yet
+    foreign,  // not begun by any append
+    torn,     // cut short, or changed since
     whole,
 };
 
-// Reads the side file of `dataName` into `tail`, and holds it against `file`, open on the data: a whole one that
-// belongs to another file is damage.
-sideFileState readSideFile(const std::string& dataName, ORVA_File& file, keptTail& tail);
+// Believes no place: all of them follow from the saved heading and index, or the file is not whole.
+sideFileState parse(const fileBytes& bytes, keptTail& tail);
 
 }  // namespace orva

@@ -144,7 +144,7 @@ void partWriter::send(const unsigned char* rows, std::uint32_t size) {
 
 // What a side file could bring back is there until the first byte of the new part is written.
 void partWriter::endFormerLife() {
-    if (std::exchange(bNewPart, false)) dropSideFile(fFile.GetNameStr().GetGeneric());
+    if (std::exchange(bNewPart, false)) dropSideFile(fFile);
 }
 
 void partWriter::finish(bool durable) {

@@ -1,9 +1,16 @@
 #include "part/savedTail.h"
 
+#include "file/fileCodes.h"
+#include "format/blockTransfer.h"
 #include "format/indexTransfer.h"
 
+#include <orva/errors.h>
 #include <orva/errtext.h>
+#include <orva/platformOwner.h>
+#include <orva/sideFile.h>
 
+#include <bit>
+#include <cerrno>
 #include <cstdio>
 #include <new>
 #include <string>
@@ -17,7 +24,7 @@ constexpr const char* kAsBefore = "the file holds the rows that it held before";
 constexpr const char* kSideFileLeft =
     "the file holds the rows that it held before; remove its side file with 'orva recover --roll-back'";
 constexpr const char* kRollBack =
-    "the rows that the file held before could not be put back: 'orva recover --roll-back' does so";
+    "the file could not be made what it was: 'orva recover --roll-back' gets the rows that it held before";
 constexpr const char* kRecover = "the rows that the file held before could not be put back: 'orva recover' gets them";
 
 // A failure with the outcome behind its text. It asks for no memory: that may be what there is none of.
@@ -50,39 +57,95 @@ std::exception_ptr withOutcome(const std::exception_ptr& failure, const std::exc
     return withOutcome(nullptr, otherwise, outcome);
 }
 
+fileBytes neededBytes(ORVA_File& file, std::int64_t place, std::int64_t size) {
+    fileBytes bytes = bytesAt(file, place, static_cast<std::size_t>(size));
+    if (std::ssize(bytes) == size) return bytes;
+    throw DamagedFileError(file.GetNameStr().GetGeneric(), "ret == size",
+                           "it ends before offset " + std::to_string(place + size));
+}
+
+keptTail keptOf(ORVA_File& file, const tailPlan& plan) {
+    compressionHeading heading = plan.heading;
+    if (plan.swap) swapHeading(heading);
+    return {.row0Pos = plan.row0Pos,
+            .fileSize = lengthOf(file),
+            .untouchedEnd = plan.untouchedEnd,
+            .untouchedSum = untouchedSum(file, plan.row0Pos, plan.untouchedEnd).value_or(0),
+            .indexPos = plan.heading._indexPos,
+            .heading = std::bit_cast<rawHeading>(heading),
+            .index = neededBytes(file, plan.heading._indexPos, plan.heading._size),
+            .block = neededBytes(file, plan.untouchedEnd, plan.rewrittenBlock)};
+}
+
+void blotMark(ORVA_File& file, std::int64_t indexPos) {
+    constexpr std::int64_t blot = 0;
+    writeAll(file, &blot, sizeof blot, indexPos);
+    file.Sync();
+}
+
 }  // namespace
 
 savedTail::savedTail(ORVA_File& file, const tailPlan& plan, bool safe)
-    : fFile(file), bSafe(safe), fKept{plan.row0Pos, lengthOf(file), plan.untouchedEnd, {}} {
-    if (plan.rewrittenBlock != 0) keepPiece(fKept, file, plan.untouchedEnd, plan.rewrittenBlock);
-    keepPiece(fKept, file, plan.heading._indexPos, static_cast<std::uint32_t>(plan.heading._size));
-    keepPiece(fKept, file, plan.row0Pos, kHeadingSize);
-    if (safe) writeSideFile(file, fKept);
+    : fFile(file), bSafe(safe), fKept(keptOf(file, plan)), fSide(file.GetNameStr().GetGeneric()) {
+    if (!safe) return;
+    fSide.make(serialize(fKept));
+    try {
+        if (plan.cutsRows) blotMark(file, fKept.indexPos);
+    } catch (...) {
+        std::rethrow_exception(undo(std::current_exception()));
+    }
 }
 
 std::exception_ptr savedTail::undo(const std::exception_ptr& failure) {
     const char* outcome = bSafe ? kRollBack : kRecover;
     try {
-        restoreTail(fFile, fKept);
-        if (bSafe) {
-            fFile.Sync();
-            outcome = kSideFileLeft;
-            removeSideFile(fFile.GetNameStr().GetGeneric());
-        }
-        outcome = kAsBefore;
+        putBack(outcome);
         return failure == nullptr ? nullptr : withOutcome(failure, nullptr, outcome);
     } catch (...) {
         return withOutcome(failure, std::current_exception(), outcome);
     }
 }
 
+// The heading first: from there on the file says by itself that it has to become what it was.
+void savedTail::putBack(const char*& outcome) {
+    writeAll(fFile, fKept.heading.data(), fKept.heading.size(), fKept.row0Pos);
+    if (bSafe) fFile.Sync();
+    restoreTail(fFile, fKept, bSafe);
+    if (bSafe) {
+        outcome = kSideFileLeft;
+        fSide.remove();
+    }
+    outcome = kAsBefore;
+}
+
 void savedTail::commit() {
     if (!bSafe) return;
     try {
-        removeSideFile(fFile.GetNameStr().GetGeneric());
+        fSide.remove();
     } catch (const FileError& error) {
-        throw error.withOutcome("the append itself is complete: remove this file, or a roll-back drops the new rows");
+        throw error.withOutcome(
+            "the append itself is complete: remove this file, or have it done by 'orva recover --roll-back'");
     }
+}
+
+void refuseSideFile(const std::string& dataName) {
+    const std::string name = sideFileName(dataName);
+    if (!platform::isNameTaken(name.c_str())) return;
+    throw FileError(EEXIST, "datasrc.err", kWriteFailed, name.c_str())
+        .withOutcome("an append to \"" + dataName + "\" was interrupted and has to be rolled back first");
+}
+
+void dropSideFile(ORVA_File& file) {
+    heldSideFile side(file.GetNameStr().GetGeneric());
+    keptTail kept;
+    try {
+        if (!side.open()) return;
+        side.requireTrusted();
+        if (parse(side.read(lengthOf(file) + kSideFileOverhead), kept) != sideFileState::whole) return;
+    } catch (const DamagedFileError&) {
+        return;
+    }
+    if (rawHeadingAt(file, kept.row0Pos) == kept.heading) side.remove();
 }
 
 }  // namespace orva

@@ -9,6 +9,7 @@
 // nothing.
 #pragma once
 
+#include "part/heldSideFile.h"
 #include "part/keptTail.h"
 
 #include <orva/compressedLayout.h>
@@ -31,23 +32,35 @@ struct tailPlan {
 
 class savedTail {
 public:
-    // Reads what will be overwritten. `safe`: the side file is durable on return. Throws before the file is changed.
+    // Reads what will be overwritten. `safe`: the side file is durable on return, and where rows are cut the old index
+    // has lost its mark, so that it never vouches for a block that was rewritten. Throws with the file as it was.
     savedTail(ORVA_File& file, const tailPlan& plan, bool safe);
     savedTail(const savedTail&) = delete;
     savedTail& operator=(const savedTail&) = delete;
 
     bool isSafe() const { return bSafe; }
-    // Makes the file what it was and removes the side file. Gives `failure` with the outcome in its text, or where that
-    // could not be done and there was none, why; null for a null failure and a success. Once, and nothing after it.
+    // Makes the file what it was, the heading first, and removes the side file. Gives `failure` with the outcome in its
+    // text, or where that could not be done and there was none, why; null for a null failure and a success. Once, and
+    // nothing after it.
     std::exception_ptr undo(const std::exception_ptr& failure);
     // The new heading is durable: the side file goes. Once, and nothing after it. Nothing to do for an append that is
     // not safe.
     void commit();
 
 private:
+    void putBack(const char*& outcome);
+
     ORVA_File& fFile;
     const bool bSafe;
     keptTail fKept;
+    heldSideFile fSide;  // closed unless the append is safe
 };
+
+// EEXIST if there is a side file, whatever it is: an append was interrupted, and its roll-back comes first.
+void refuseSideFile(const std::string& dataName);
+
+// For a new part that begins in `file`: removes its side file, durably, if that would bring rows back over it, which is
+// while the saved heading stands in the file. Every other one is left alone.
+void dropSideFile(ORVA_File& file);
 
 }  // namespace orva

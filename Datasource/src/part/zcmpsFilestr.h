@@ -51,8 +51,8 @@ public:
 
     // Begins a new compressed part at file offset `pos`, above 0, in an existing file. Reopens the file for writing.
     // SystemFileException if that fails: the stream is then no writer, and this may be tried again. Does not move the
-    // stream's position. A side file that an interrupted append has left goes with the first block that is written, or
-    // in Close: its rows are being replaced.
+    // stream's position. A side file that an interrupted append to this very part has left goes with the first block
+    // that is written, or in Close: its rows are being replaced.
     void setRow0Pos(std::int64_t pos);
 
     // Loads, or loads again, heading and index of the finished part at `posofpos`; `swap`: the file has the other byte

@@ -95,13 +95,16 @@ ORVA_API recoverReport recover(const std::string& name, const std::string& outpu
 enum class rollBackResult : std::uint8_t {
     nothingToDo,    // there is no side file
     rolledBack,     // the file holds the rows that it held before the interrupted append
-    sideFileStale,  // the append had written nothing yet; its side file is gone
+    sideFileStale,  // the file is whole as it stands, with or without that append's rows; its side file is gone
+    completed,      // all rows of the append were there; its heading is in place now
 };
 
-// Undoes an interrupted safe append (zcmpsFilestr::setSafeAppend) by its side file, durably. Takes the writer's lock:
-// FileError with EWOULDBLOCK when the append, or another writer, is alive. Can be repeated after any interruption of
-// its own. DamagedFileError for a side file that belongs to another file, or that is itself damaged; nothing is
-// changed then.
+// Ends an interrupted safe append (zcmpsFilestr::setSafeAppend) by its side file, durably: undoes it, or where the file
+// is whole, by this append, a later one or as another file, only lets the side file go. Finished rows are never undone.
+// Takes the writer's lock: FileError with EWOULDBLOCK when the append, or another writer, is alive. Can be repeated
+// after any interruption of its own. Nothing is changed by what it throws: DamagedFileError where file and side file do
+// not fit each other, or the side file is none; FileError with EPERM for a side file that somebody may have made who
+// may not write the data.
 ORVA_API rollBackResult rollBack(const std::string& name);
 
 }  // namespace orva

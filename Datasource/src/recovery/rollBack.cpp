@@ -1,41 +1,155 @@
-// Undoing an interrupted safe append by its side file.
+// What an interrupted safe append has left: undone, taken for what it has become, or refused. Rows that anybody has
+// finished are never undone; docs/recovery.md, "Roll-back", has the rules.
+#include "base/blockBuffer.h"
 #include "file/fileCodes.h"
 #include "file/namedFile.h"
+#include "format/blockTransfer.h"
+#include "format/indexTransfer.h"
+#include "part/heldSideFile.h"
 #include "part/keptTail.h"
 
+#include <orva/blockSize.h>
 #include <orva/errors.h>
 #include <orva/inspect.h>
+#include <orva/zlibCompress.h>
+
+#include <bit>
+#include <cstring>
 
 namespace orva {
 
 namespace {
 
-// An append begins only once its side file is whole and durable, so beside a side file cut short the data stands as it
-// was. Where it does not, the side file was damaged later, and must not be taken for one cut short.
-void refuseTornFile(const std::string& name) {
-    const std::optional<foundPart> part = findPart(name);
-    if (!part) throw DamagedFileError(sideFileName(name), "checksum", "\"" + name + "\" has no heading either");
-    finishedPart opened(name, *part);
-    if (opened.blockCount() != 0) opened.verifyBlock(opened.blockCount() - 1);
-}
+class interruptedAppend {
+public:
+    explicit interruptedAppend(const std::string& name) : fName(name), fSide(name) {
+        openOrThrow(fFile, name, "r+b", kWriteFailed);
+    }
+
+    rollBackResult end() {
+        if (!fSide.open()) return rollBackResult::nothingToDo;
+        fSide.requireTrusted();
+        fSize = lengthOf(fFile);
+        const sideFileState found = parse(fSide.read(fSize + kSideFileOverhead), fKept);
+        if (found == sideFileState::foreign) fSide.refuseForeign();
+        const rollBackResult result = found == sideFileState::whole ? settle() : settleTorn();
+        fSide.remove();
+        fFile.Close();
+        return result;
+    }
+
+private:
+    // A part that is whole by its heading is history: of this append, of a later one, or of another file.
+    rollBackResult settle() {
+        const rawHeading heading = rawHeadingAt(fFile, fKept.row0Pos);
+        const bool isSaved = heading == fKept.heading;
+        const std::optional<soundIndex> index = indexOf(heading);
+        if (index && (!isSaved || tailInflates(*index))) return rollBackResult::sideFileStale;
+        const bool untouched = untouchedSum(fFile, fKept.row0Pos, fKept.untouchedEnd) == fKept.untouchedSum;
+        if (!untouched) refuse("neither whole nor what the append has found");
+        if (isSaved) {
+            restoreTail(fFile, fKept, true);
+            return rollBackResult::rolledBack;
+        }
+        if (!mayBeTorn(heading) || !completeHeading()) refuse("neither whole nor what the append has left");
+        return rollBackResult::completed;
+    }
+
+    // An append begins only once its side file is whole and durable, so beside one cut short the data stand as they
+    // stood. Where they don't, the side file was damaged later, and must not be taken for one cut short.
+    rollBackResult settleTorn() {
+        try {
+            if (const std::optional<foundPart> part = findPart(fName)) {
+                finishedPart opened(fName, *part);
+                opened.verifyIndex();
+                if (opened.blockCount() != 0) opened.verifyBlock(opened.blockCount() - 1);
+                return rollBackResult::sideFileStale;
+            }
+        } catch (const DamagedFileError&) {  // NOLINT(bugprone-empty-catch): told below
+        }
+        refuse("not whole, and neither is the side file");
+    }
+
+    std::optional<soundIndex> indexOf(const rawHeading& heading) {
+        return soundIndexOf(heading, fKept.row0Pos, fSize,
+                            [&](std::int64_t place, std::size_t size) { return bytesAt(fFile, place, size); });
+    }
+
+    // Every block that the append can have touched, and the one before them.
+    bool tailInflates(const soundIndex& index) {
+        try {
+            const readRoad road{fFile, fCodec, fCompressed.get()};
+            for (std::uint32_t i = 0; i < index.records.size(); ++i) {
+                const filePosRecord& r = index.records[i];
+                if (r.translatePos + r.translateSize < fKept.untouchedEnd) continue;
+                readBlock(road, {r, i, std::nullopt, fSize}, fRows.get());
+            }
+            return true;
+        } catch (const DamagedFileError&) {
+            return false;
+        }
+    }
+
+    // The bytes that say where the heading stands are the same in every heading at this place.
+    bool mayBeTorn(const rawHeading& heading) const {
+        const auto place = std::bit_cast<std::array<unsigned char, sizeof fKept.row0Pos>>(fKept.row0Pos);
+        for (std::size_t i = 0; i < place.size(); ++i) {
+            if (heading[i] != place[i] && heading[i] != place[place.size() - 1 - i]) return false;
+        }
+        return true;
+    }
+
+    // A heading is written once blocks and index are durable, so what it was to point to stands behind the last of the
+    // whole streams.
+    bool completeHeading() {
+        const std::int64_t end = streamsEnd();
+        for (const bool swap : {false, true}) {
+            filePosRecord first{};
+            const fileBytes bytes = bytesAt(fFile, end, sizeof first);
+            if (bytes.empty()) return false;
+            std::memcpy(&first, bytes.data(), sizeof first);
+            if (swap) swapRecord(first);
+            compressionHeading heading{fKept.row0Pos, end, (first.translateSize + std::int64_t{1}) * kRecordSize};
+            if (swap) swapHeading(heading);
+            const rawHeading raw = std::bit_cast<rawHeading>(heading);
+            const std::optional<soundIndex> index = indexOf(raw);
+            if (!index || !tailInflates(*index)) continue;
+            writeAll(fFile, raw.data(), raw.size(), fKept.row0Pos);
+            fFile.Sync();
+            return true;
+        }
+        return false;
+    }
+
+    std::int64_t streamsEnd() {
+        for (std::int64_t at = fKept.untouchedEnd;;) {
+            const std::uint32_t count = fFile.Read(fCompressed.get(), kBlockSize, at);
+            const blockOutcome outcome = fCodec.inflateWhole(fCompressed.get(), count, fRows.get(), kBlockSize);
+            if (outcome.end != blockOutcome::complete) return at;
+            at += outcome.consumed;
+        }
+    }
+
+    [[noreturn]] void refuse(const std::string& why) const {
+        throw DamagedFileError(fSide.name(), "a state that an append leaves",
+                               "\"" + fName + "\" is " + why + "; nothing was changed: 'orva recover " + fName +
+                                   " -o OUT' gets what it holds");
+    }
+
+    const std::string fName;
+    ORVA_File fFile;  // with the writer's lock
+    heldSideFile fSide;
+    std::int64_t fSize = 0;
+    keptTail fKept;
+    zlibCompressBlock fCodec;
+    const blockBuffer fCompressed{kBlockSize};
+    const blockBuffer fRows{kBlockSize};
+};
 
 }  // namespace
 
 rollBackResult rollBack(const std::string& name) {
-    ORVA_File file;
-    openOrThrow(file, name, "r+b", kWriteFailed);
-    keptTail tail;
-    const sideFileState found = readSideFile(name, file, tail);
-    if (found == sideFileState::absent) return rollBackResult::nothingToDo;
-    if (found == sideFileState::whole) {
-        restoreTail(file, tail);
-        file.Sync();
-    } else {
-        refuseTornFile(name);
-    }
-    removeSideFile(name);
-    file.Close();
-    return found == sideFileState::whole ? rollBackResult::rolledBack : rollBackResult::sideFileStale;
+    return interruptedAppend(name).end();
 }
 
 }  // namespace orva

@@ -1,0 +1,139 @@
+#include "part/heldSideFile.h"
+
+#include "file/fileCodes.h"
+#include "file/namedFile.h"
+
+#include <orva/errors.h>
+#include <orva/errtext.h>
+#include <orva/platform.h>
+#include <orva/platformOwner.h>
+#include <orva/sideFile.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+namespace orva {
+
+namespace {
+
+constexpr std::size_t kLongestTransfer = std::size_t{1} << 30;
+constexpr int kOwnerReadWrite = platform::_S_IREAD | platform::_S_IWRITE;
+
+// A name too long for the system is one that no side file can have.
+bool isAbsence(int error) {
+    return error == ENOENT || error == ENAMETOOLONG;
+}
+
+// A link, a directory, a socket.
+bool isOtherKind(int error) {
+    return error == ELOOP || error == EISDIR || error == ENXIO;
+}
+
+}  // namespace
+
+std::string sideFileName(const std::string& dataName) {
+    char target[platform::kLongestName + 1];
+    return (platform::linkTarget(dataName.c_str(), target) ? target : dataName) + ".orva-undo";
+}
+
+// Group and directory together prove membership: nobody gives a file to a group that he is not in, but a directory with
+// set-group-id does, and in one that all may write to, anybody's file can be put under the name.
+bool canBeTrusted(const platform::fileAccess& side, const platform::fileAccess& data,
+                  const platform::fileAccess& directory, std::uint32_t caller) {
+    using namespace platform;
+    const bool groupWrites = (data.mode & kGroupWrite) != 0 && side.group == data.group;
+    const bool othersWrite = (data.mode & kOthersWrite) != 0;
+    if (!side.regular || side.links != 1) return false;
+    if ((side.mode & kOthersWrite) != 0 && !othersWrite) return false;
+    if ((side.mode & kGroupWrite) != 0 && !groupWrites && !othersWrite) return false;
+    const bool provesGroup = (directory.mode & (kSetGroup | kOthersWrite)) == 0;
+    return side.user == 0 || side.user == caller || side.user == data.user || (groupWrites && provesGroup);
+}
+
+heldSideFile::heldSideFile(const std::string& dataName) : fDataName(dataName), fName(sideFileName(dataName)) {}
+
+heldSideFile::~heldSideFile() {
+    if (fDescriptor != -1) platform::closeAnyway(fDescriptor);
+}
+
+void heldSideFile::make(const fileBytes& bytes) {
+    using namespace platform;
+    fDescriptor = openShared(fName.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_NOFOLLOW, 0, kOwnerReadWrite);
+    if (fDescriptor == -1) throwFileError(errno, kWriteFailed, fName);
+    try {
+        fill(bytes);
+        syncName(fName);
+    } catch (...) {
+        removeIfSame(fName.c_str(), fDescriptor);
+        throw;
+    }
+}
+
+void heldSideFile::fill(const fileBytes& bytes) {
+    platform::fileAccess data{};
+    if (platform::accessOf(fDataName.c_str(), data)) platform::giveAccess(fDescriptor, data);
+    for (std::size_t at = 0; at < bytes.size(); at += kLongestTransfer) {
+        const auto piece = static_cast<unsigned int>(std::min(bytes.size() - at, kLongestTransfer));
+        if (platform::writeAt(fDescriptor, bytes.data() + at, piece, static_cast<std::int64_t>(at)) == -1)
+            throwFileError(errno, kWriteFailed, fName);
+    }
+    if (platform::syncData(fDescriptor) != 0) throwFileError(errno, kWriteFailed, fName);
+}
+
+bool heldSideFile::open() {
+    fDescriptor = platform::openShared(fName.c_str(), platform::_O_RDONLY | platform::_O_NOFOLLOW, 0, 0);
+    platform::fileAccess own{};
+    if (fDescriptor != -1 && platform::accessOf(fDescriptor, own)) {
+        if (!own.regular) refuseForeign();
+        return true;
+    }
+    const int error = errno;
+    if (isAbsence(error)) return false;
+    if (isOtherKind(error)) refuseForeign();
+    throwFileError(error, kReadFailed, fName);
+}
+
+void heldSideFile::requireTrusted() const {
+    platform::fileAccess own{};
+    platform::fileAccess data{};
+    platform::fileAccess directory{};
+    if (!platform::accessOf(fDescriptor, own) || !platform::accessOf(fDataName.c_str(), data) ||
+        !platform::accessOfDirectory(fName.c_str(), directory)) {
+        throwFileError(errno, kReadFailed, fName);
+    }
+    if (canBeTrusted(own, data, directory, platform::callingUser())) return;
+    throw FileError(EPERM, "datasrc.err", kReadFailed, fName.c_str())
+        .withOutcome("somebody who may not write \"" + fDataName +
+                     "\" may have made it: remove it, or give it to the owner of that file if it is no forgery");
+}
+
+fileBytes heldSideFile::read(std::int64_t longest) const {
+    const std::int64_t size = platform::_lseeki64(fDescriptor, 0, SEEK_END);
+    if (size < 0) throwFileError(errno, kReadFailed, fName);
+    if (size > longest) {
+        throw DamagedFileError(fName, "size", "it is longer than \"" + fDataName + "\" could make it");
+    }
+    fileBytes bytes(static_cast<std::size_t>(size));
+    for (std::size_t at = 0; at < bytes.size(); at += kLongestTransfer) {
+        const auto piece = static_cast<unsigned int>(std::min(bytes.size() - at, kLongestTransfer));
+        const int count = platform::readAt(fDescriptor, bytes.data() + at, piece, static_cast<std::int64_t>(at));
+        if (count == -1) throwFileError(errno, kReadFailed, fName);
+        if (static_cast<unsigned int>(count) != piece) bytes.resize(at + static_cast<unsigned int>(count));
+    }
+    return bytes;
+}
+
+void heldSideFile::remove() {
+    if (platform::removeIfSame(fName.c_str(), fDescriptor) != 0) throwFileError(errno, kWriteFailed, fName);
+    syncName(fName);
+}
+
+void heldSideFile::refuseForeign() const {
+    throw DamagedFileError(fName, "mark of a side file",
+                           "no append has made it; it was left alone, and has to be moved away before rows can be "
+                           "added to \"" +
+                               fDataName + '"');
+}
+
+}  // namespace orva
