@@ -94,7 +94,7 @@ bool heldSideFile::open() {
     throwFileError(error, kReadFailed, fName);
 }
 
-void heldSideFile::requireTrusted() const {
+bool heldSideFile::isTrusted() const {
     platform::fileAccess own{};
     platform::fileAccess data{};
     platform::fileAccess directory{};
@@ -102,7 +102,11 @@ void heldSideFile::requireTrusted() const {
         !platform::accessOfDirectory(fName.c_str(), directory)) {
         throwFileError(errno, kReadFailed, fName);
     }
-    if (canBeTrusted(own, data, directory, platform::callingUser())) return;
+    return canBeTrusted(own, data, directory, platform::callingUser());
+}
+
+void heldSideFile::requireTrusted() const {
+    if (isTrusted()) return;
     throw FileError(EPERM, "datasrc.err", kReadFailed, fName.c_str())
         .withOutcome("somebody who may not write \"" + fDataName +
                      "\" may have made it: remove it, or give it to the owner of that file if it is no forgery");

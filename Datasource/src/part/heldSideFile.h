@@ -30,7 +30,9 @@ public:
     void make(const fileBytes& bytes);
     // False if the name is free. What cannot be a side file by its kind is damage.
     bool open();
-    // EPERM for one that somebody may have made who may not write the data file.
+    // False for one that somebody may have made who may not write the data file.
+    bool isTrusted() const;
+    // EPERM for such a one.
     void requireTrusted() const;
     // All of it, at most `longest` bytes.
     fileBytes read(std::int64_t longest) const;

@@ -139,8 +139,7 @@ void dropSideFile(ORVA_File& file) {
     heldSideFile side(file.GetNameStr().GetGeneric());
     keptTail kept;
     try {
-        if (!side.open()) return;
-        side.requireTrusted();
+        if (!side.open() || !side.isTrusted()) return;
         if (parse(side.read(lengthOf(file) + kSideFileOverhead), kept) != sideFileState::whole) return;
     } catch (const DamagedFileError&) {
         return;
