@@ -219,7 +219,7 @@ private:
     // Right behind the bytes written last, and short of the end of the buffer, where it is flushed.
     unsigned char* takenByBuffer(std::int64_t position, std::uint32_t size) {
         const std::uint64_t offset = offsetOf(position);
-        const bool taken = position == fDirtyEnd && offset + size < kBlockSize;
+        const bool taken = position == fDirtyEnd && size != 0 && offset + size < kBlockSize;
         return taken && isOpen() ? fBuffer + offset : nullptr;
     }
 
