@@ -4,6 +4,7 @@
 #include "worker/readAheadSlot.h"
 
 #include <orva/blockSize.h>
+#include <orva/zcmpsFilestr.h>
 
 namespace {
 
@@ -86,6 +87,22 @@ TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
     };
     const std::jthread other(readAll, std::ref(copy), 777'777);
     readAll(*model, 1'000'000);
+}
+
+// A compressed stream opens the file object again, from which the thread of the stream below reads meanwhile.
+TEST_F(StreamBuffer, ReadsAheadWhileAPartOverItReopensTheFile) {
+    open(2 * kBlock + 1'000);
+    for (int round = 0; round < 150 && !HasFailure(); ++round) {
+        model = nullptr;
+        model = std::make_unique<support::ModelStream>(path("data"), "r+b", content);
+        run("t1 r1");
+        zcmpsFilestr part(s());
+        part.setRow0Pos(std::ssize(content));
+        run("s4190208 r100 s0 r100");
+        EXPECT_EQ(part.Close(), 1);
+    }
+    model = nullptr;
+    EXPECT_TRUE(support::sameBytes(support::slice(support::readBytes(path("data")), 0, content.size()), content));
 }
 
 TEST_F(StreamBuffer, ForkedChildLeavesTheFileAlone) {
