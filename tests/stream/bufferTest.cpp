@@ -47,6 +47,8 @@ const support::Script kScripts[] = {
      "W 0, R 4190304+16, W 4190208+96, R 4190304+16, W 4190208+96, R 4190304+16, W 4190208+96, R 4190320+16, W "
      "4190304+16",
      "w+b", true},
+    {"EncipheredGapBehindAPaddedBlockBegunAnew", 0, "w9 c w2 s200 w8 f s0 r300",
+     "R 0+16, W 0+16, R 0+16, R 192+16, W 0+16, W 192+16, R 0", "w+b", true},
     {"CopyReadsAsItsSourceDid", 1'000, "p0 w3 k r9", "W 0+3, R 0+9"},
     {"ResetDropsPendingBytesForGood", 1'000, "r5 d7 r9 f", "R 0, R 0"},
     {"FailedOpenOrCopyKeepsTheStream", 9, "w3 W o W k f", "W 0+3, W 0+3, W 0+3"},

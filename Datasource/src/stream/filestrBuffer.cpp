@@ -273,11 +273,13 @@ bool ORVA_FileStream::Data::takesUpBlocks() const {
     return pRealFile->Reads() && !pRealFile->Appends();
 }
 
-// Where the data of an enciphered file end, with its pad. Part of a block, from a write that failed, is nothing. -1 if
-// the system can't tell.
+// Where the data of an enciphered file end: behind the bytes that wait, which may be fewer than stand in their block on
+// disk, else with the pad. Part of a block, from a write that failed, is nothing. -1 if the system can't tell.
 std::int64_t ORVA_FileStream::Data::dataEnd() const {
+    const std::int64_t waiting = pRealFile->waitingEnd();
+    if (waiting > 0) return waiting;
     const std::int64_t size = pRealFile->Size();
-    return size < 0 ? size : std::max(wholeBlocks(size), pRealFile->waitingEnd());
+    return size < 0 ? size : wholeBlocks(size);
 }
 
 // Past the buffer. Buffered bytes that the write covers are dropped first: they may neither be served to a later read
