@@ -1,5 +1,5 @@
 // platform: the low-level file calls that everything else stands on, with one meaning on every system. No other file
-// of the project makes a system call on a file.
+// of the library makes a system call on a file.
 //
 // A transfer here is whole or failed: interruptions are restarted, short transfers are continued, and a part that an
 // error follows counts as a failure, so that a full disk is never a short count that somebody forgets to look at.

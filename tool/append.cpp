@@ -3,6 +3,8 @@
 #include "input.h"
 #include "part.h"
 #include "progress.h"
+#include "signals.h"
+#include "system.h"
 #include "text.h"
 #include "threads.h"
 #include "verbs.h"
@@ -11,6 +13,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <filesystem>
 #include <memory>
 
@@ -24,6 +27,24 @@ struct appendOptions {
     bool noSync = false;
     threadOptions threads;
     progressOptions progress;
+};
+
+// A file that stays the same whatever happens to its name.
+class heldFile {
+public:
+    explicit heldFile(std::string name)
+        : fName(std::move(name)), fDescriptor(platform::openShared(fName.c_str(), platform::_O_RDONLY, 0, 0)) {
+        if (fDescriptor < 0) throwReadFailed(fName);
+    }
+    heldFile(const heldFile&) = delete;
+    heldFile& operator=(const heldFile&) = delete;
+    ~heldFile() { platform::closeAnyway(fDescriptor); }
+
+    bool isNamed() const { return ::isNamed(fDescriptor, fName); }
+
+private:
+    const std::string fName;
+    const int fDescriptor;
 };
 
 class appendRun {
@@ -46,6 +67,7 @@ public:
 
 private:
     void checkInput() const {
+        requireFile(fOptions.part.file);
         const bool named = fOptions.in != "-";
         if (named) checkReadable(fOptions.in);
         if (platform::sameFile(named ? fOptions.in.c_str() : "/dev/stdin", fOptions.part.file.c_str())) {
@@ -81,7 +103,9 @@ private:
     void append(const orva::foundPart& part, input& from, std::uint32_t count, progress& bar) {
         const std::int64_t end = part.row0Pos + orva::finishedPart(fOptions.part.file, part).dataSize();
         const namedStream source(fOptions.part.file);
+        const heldFile held(fOptions.part.file);
         zcmpsFilestr rows(source);
+        const signalDeferral deferral;
         try {
             rows.setThreadCount(fOptions.threads.besideThisOne());
             rows.readFilePosInfo(part.row0Pos, part.swapped);
@@ -93,11 +117,19 @@ private:
                 fRowBytes += count;
                 bar.advance(count);
             }
+            throwIfEndAsked();
             rows.Close();
+        } catch (const FileError& e) {
+            rows.abandon();
+            if (e.code().value() != ENAMETOOLONG) throw;
+            throw e.withOutcome("--no-sync does without this file, and a shorter name leaves room for it");
         } catch (...) {
             rows.abandon();
             throw;
         }
+        if (held.isNamed()) return;
+        throw toolFailure(kOutputUnwritable, fOptions.part.file,
+                          "another file took its name while rows were added: they stand in a file without that name");
     }
 
     const appendOptions fOptions;

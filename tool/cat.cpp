@@ -43,7 +43,7 @@ public:
         std::int64_t total = 0;
         for (const span& wanted : spans) total += wanted.length;
         refuseSameFile();
-        output out(fOptions.out, fOptions.output);
+        output out(fOptions.out, fOptions.output, {fOptions.part.file});
         progress bar(fOptions.progress, "cat", total);
         copySpans(located, spans, total, out, bar);
         out.finish();

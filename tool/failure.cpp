@@ -1,5 +1,7 @@
 #include "failure.h"
 
+#include "appendState.h"
+#include "signals.h"
 #include "text.h"
 
 #include <orva/orva.h>
@@ -27,12 +29,18 @@ void printLine(std::initializer_list<std::string> parts) {
     for (const std::string& part : parts) {
         if (!part.empty()) line += ": " + part;
     }
-    std::fprintf(stderr, "%s\n", line.c_str());
+    std::fprintf(stderr, "%s\n", shownName(line).c_str());
 }
 
 int report(const std::string& verbName, exitCode code, const std::string& file, const std::string& text) {
-    printLine({verbName, shownName(file), text});
+    printLine({verbName, file, text});
     return code;
+}
+
+// Readers, too, meet an append half-way.
+int reportDamage(const std::string& verbName, const std::string& file, const std::string& text) {
+    const std::string append = appendState(file);
+    return report(verbName, kDamaged, file, append.empty() ? text : text + "; " + append);
 }
 
 exitCode codeOf(const FileError& failure) {
@@ -67,28 +75,36 @@ std::string failureText(const std::exception& failure, const std::string& file) 
     return withoutFirst(text, " \"" + file + '"');
 }
 
-int reportFailure(const std::string& verbName, const std::exception_ptr& failure) {
+int reportFailure(const std::string& verbName, const std::string& subject, const std::exception_ptr& failure) {
     try {
         std::rethrow_exception(failure);
     } catch (const toolFailure& e) {
+        if (e.code() == kDamaged) return reportDamage(verbName, e.file(), e.what());
         return report(verbName, e.code(), e.file(), e.what());
     } catch (const FileError& e) {
         return report(verbName, codeOf(e), e.fileName(), failureText(e, e.fileName()));
     } catch (const DamagedFileError& e) {
-        return report(verbName, kDamaged, e.fileName(), failureText(e, e.fileName()));
+        return reportDamage(verbName, e.fileName(), failureText(e, e.fileName()));
     } catch (const FileReopenError& e) {
-        return reportFailure(verbName, std::make_exception_ptr(asFileError(e, e.fileName())));
+        return reportFailure(verbName, subject, std::make_exception_ptr(asFileError(e, e.fileName())));
     } catch (const std::bad_alloc& e) {
         const std::string outcome = std::strchr(e.what(), ';') != nullptr ? std::strchr(e.what(), ';') : "";
-        return report(verbName, kOtherFailure, {},
+        return report(verbName, kOtherFailure, subject,
                       "out of memory: end other programs, or raise the limit on memory" + outcome);
     } catch (const std::filesystem::filesystem_error& e) {
         return report(verbName, kOtherFailure, e.path1().string(), e.code().message());
+    } catch (const std::system_error& e) {
+        return report(verbName, kOtherFailure, subject,
+                      std::string("cannot start a thread: ") + e.what() +
+                          "; give a smaller -T, or raise the limits on processes and memory");
     } catch (const std::exception& e) {
-        return report(verbName, kOtherFailure, {}, e.what());
+        return report(verbName, kOtherFailure, subject, e.what());
+    } catch (const endedBySignal& e) {
+        report(verbName, kOtherFailure, subject, "ended by a signal; the file holds the rows that it held before");
+        endBy(e.signal);
     }
 }
 
 void note(const std::string& verbName, const std::string& file, const std::string& text) {
-    printLine({verbName, shownName(file), text});
+    printLine({verbName, file, text});
 }

@@ -13,11 +13,13 @@
 #include <bit>
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 namespace {
 
 struct infoOptions {
     partOptions part;
+    std::vector<std::string> files;
     bool blocks = false;
     bool json = false;
 };
@@ -39,7 +41,7 @@ public:
     int run() {
         output out;
         if (fOptions.json) {
-            out.write(jsonText(report()));
+            out.write(jsonText(report(), fOptions.files.size()));
         } else {
             out.write(summary());
             if (fOptions.blocks) writeBlocks(out);
@@ -143,8 +145,13 @@ private:
 verb addInfo(CLI::App& app) {
     auto options = std::make_shared<infoOptions>();
     CLI::App* command = app.add_subcommand("info", "Tell what a file holds");
-    options->part.addTo(*command);
+    options->part.addTo(*command, options->files);
     command->add_flag("--blocks", options->blocks, "List every block");
     command->add_flag("--json", options->json, "Write it as JSON");
-    return [options] { return infoRun(*options).run(); };
+    return [options] {
+        return forEachFile("info", options->files, [&](const std::string& file) {
+            options->part.file = file;
+            return infoRun(*options).run();
+        });
+    };
 }

@@ -1,6 +1,7 @@
 #include "input.h"
 
 #include "failure.h"
+#include "system.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -13,17 +14,20 @@ namedStream::namedStream(const std::string& name) {
     throwReadFailed(name);
 }
 
-// Each read goes straight into the caller's memory: rows pass once, so a block buffer on the way would only add a copy.
-input::input(const std::string& name) : fName(name) {
-    if (name == "-") return;
-    fStream = std::make_unique<namedStream>(name);
-    fStream->DisablePreReading();
+// Rows pass once, so that a buffer on the way would only add a copy.
+input::input(const std::string& name)
+    : fName(name == "-" ? "standard input" : name),
+      fDescriptor(name == "-" ? 0 : platform::openShared(name.c_str(), platform::_O_RDONLY, 0, 0)) {
+    if (fDescriptor < 0) throwReadFailed(fName);
+}
+
+input::~input() {
+    if (fDescriptor > 0) platform::_close(fDescriptor);
 }
 
 std::uint32_t input::read(void* buffer, std::uint32_t size) {
-    if (fStream) return fStream->Read(buffer, size);
-    const int count = platform::_read(0, buffer, size);
-    if (count < 0) throwReadFailed("standard input");
+    const int count = readWaiting(fDescriptor, buffer, size);
+    if (count < 0) throwReadFailed(fName);
     return static_cast<std::uint32_t>(count);
 }
 

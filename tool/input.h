@@ -1,12 +1,11 @@
 // An input of rows: a named file of any kind that can be read, or standard input.
 //
-// Failure: FileError (1003).
+// Failure: FileError (1003); endedBySignal while a signal asks for the end (signals.h).
 #pragma once
 
 #include <orva/orva.h>
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -27,13 +26,16 @@ class input {
 public:
     // "-" is standard input.
     explicit input(const std::string& name);
+    input(const input&) = delete;
+    input& operator=(const input&) = delete;
+    ~input();
 
     // Fewer bytes than asked: the end.
     std::uint32_t read(void* buffer, std::uint32_t size);
 
 private:
     const std::string fName;
-    std::unique_ptr<namedStream> fStream;  // null for standard input
+    const int fDescriptor;
 };
 
 // Throws what opening the file for reading would meet, before anything is begun. A pipe is not opened: that would

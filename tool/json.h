@@ -10,9 +10,10 @@
 
 inline constexpr int kJsonSchema = 1;
 
-// Indented text with a line feed at its end. Bytes of file names that are no UTF-8 become replacement characters.
-inline std::string jsonText(const nlohmann::ordered_json& value) {
-    return value.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
+// Indented text with a line feed at its end, or one line where there is one value for each of several files. Bytes of
+// file names that are no UTF-8 become replacement characters.
+inline std::string jsonText(const nlohmann::ordered_json& value, std::size_t files = 1) {
+    return value.dump(files == 1 ? 2 : -1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
 }
 
 // `offset` counts from the first byte of rows.

@@ -1,7 +1,8 @@
 // orva: packs rows into compressed data files, reads them back, and looks into such files.
 #include "failure.h"
 #include "output.h"
-#include "pendingFile.h"
+#include "signals.h"
+#include "values.h"
 #include "verbs.h"
 
 #include <orva/orva.h>
@@ -56,7 +57,16 @@ std::vector<std::string> arguments(int argc, char** argv) {
     return words;
 }
 
-int runTool(int argc, char** argv, std::string& verbName) {
+// The file that a verb is about, as far as the parser got: FILE, or the first IN.
+std::string subjectOf(const CLI::App& command) {
+    for (const char* name : {"FILE", "IN"}) {
+        const CLI::Option* option = command.get_option_no_throw(name);
+        if (option != nullptr && !option->results().empty()) return option->results().front();
+    }
+    return {};
+}
+
+int runTool(int argc, char** argv, std::string& verbName, std::string& subject) {
     CLI::App app{"Compressed data files: rows in blocks, with an index for reading any part of them.", "orva"};
     app.set_version_flag("--version", versionText());
     app.require_subcommand(0, 1);
@@ -67,6 +77,7 @@ int runTool(int argc, char** argv, std::string& verbName) {
     for (addVerb* const add : kVerbs) {
         verb run = add(app);
         verbs.emplace_back(app.get_subcommands({}).back(), std::move(run));
+        checkValues(*verbs.back().first);
     }
     try {
         app.parse(arguments(argc, argv));
@@ -77,6 +88,7 @@ int runTool(int argc, char** argv, std::string& verbName) {
     for (const auto& [command, run] : verbs) {
         if (!command->parsed()) continue;
         verbName = command->get_name();
+        subject = subjectOf(*command);
         return run();
     }
     usageError("name what to do; 'orva --help' lists the verbs");
@@ -86,11 +98,12 @@ int runTool(int argc, char** argv, std::string& verbName) {
 
 int main(int argc, char** argv) {
     std::string verbName;
+    std::string subject;
     try {
         occupyStandardDescriptors();
         handleSignals();
-        return runTool(argc, argv, verbName);
+        return runTool(argc, argv, verbName, subject);
     } catch (...) {
-        return reportFailure(verbName, std::current_exception());
+        return reportFailure(verbName, subject, std::current_exception());
     }
 }

@@ -1,6 +1,7 @@
 #include "output.h"
 
 #include "failure.h"
+#include "system.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -23,13 +24,14 @@ bool isDeviceOrPipe(const std::string& name) {
 
 output::output() : fName("standard output"), fDescriptor(kStandardOutput) {}
 
-output::output(const std::string& name, const outputOptions& options) : output() {
+output::output(const std::string& name, const outputOptions& options, const std::vector<std::string>& inputs)
+    : output() {
     if (name == "-") return;
     fName = name;
     if (isDeviceOrPipe(name)) {
         openFile(name.c_str());
     } else {
-        fPending = std::make_unique<pendingFile>(name, options);
+        fPending = std::make_unique<pendingFile>(name, options, inputs);
         openFile(fPending->temporaryName().c_str());
     }
 }
@@ -47,7 +49,7 @@ void output::write(const void* bytes, std::size_t size) {
     const auto* from = static_cast<const char*>(bytes);
     while (size > 0 && !bReaderGone) {
         const auto piece = static_cast<unsigned int>(std::min(size, kLargestWrite));
-        if (platform::_write(fDescriptor, from, piece) < 0) {
+        if (writeWaiting(fDescriptor, from, piece) < 0) {
             if (errno != EPIPE) throwWriteFailed(fName);
             bReaderGone = true;
         }

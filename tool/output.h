@@ -8,13 +8,15 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 class output {
 public:
     // Standard output.
     output();
-    // The file `name`; "-" is standard output. A device or a pipe is written to as it is.
-    output(const std::string& name, const outputOptions& options);
+    // The file `name`, for whoever may use all of `inputs`; "-" is standard output. A device or a pipe is written to as
+    // it is.
+    output(const std::string& name, const outputOptions& options, const std::vector<std::string>& inputs);
     output(const output&) = delete;
     output& operator=(const output&) = delete;
     ~output();

@@ -2,6 +2,7 @@
 #include "dictionary.h"
 #include "failure.h"
 #include "input.h"
+#include "part.h"
 #include "pendingFile.h"
 #include "progress.h"
 #include "text.h"
@@ -37,13 +38,19 @@ public:
     int run() {
         chooseOutput();
         checkInputs();
-        pendingFile pending(fOptions.out, fOptions.output);
+        pendingFile pending(fOptions.out, fOptions.output, fOptions.inputs);
         progress bar(fOptions.progress, "pack", totalSize());
         pending.during([&] {
             writeFile(pending.temporaryName(), bar);
+            if (!fOptions.dict.empty()) bHidden = needsRow0(pending.temporaryName(), fRow0Pos);
             fPackedSize = static_cast<std::int64_t>(fs::file_size(pending.temporaryName()));
             pending.commit();
         });
+        if (bHidden) {
+            note("pack", fOptions.out,
+                 "its dictionary part looks like another compressed part: the rows are found by --row0 " +
+                     std::to_string(fRow0Pos));
+        }
         bar.finish(shownName(fOptions.out) + ": " + humanSize(static_cast<double>(fRowBytes)) + " to " +
                    humanSize(static_cast<double>(fPackedSize)) + ", " + ratioText(fRowBytes, fPackedSize));
         return kAllWell;
@@ -88,13 +95,13 @@ private:
     void writeFile(const std::string& name, progress& bar) {
         ORVA_FileStream file(name.c_str(), "r+b");
         if (file.Good() == 0) throwWriteFailed(name);
-        const std::int64_t row0Pos = writeDictionary(file);
+        fRow0Pos = writeDictionary(file);
         file.Close();
         zcmpsFilestr rows(file);
         try {
             rows.setThreadCount(fOptions.threads.besideThisOne());
-            rows.setRow0Pos(row0Pos);
-            rows.Seek(row0Pos, ORVA_StrBaseIO::SeekFromStart);
+            rows.setRow0Pos(fRow0Pos);
+            rows.Seek(fRow0Pos, ORVA_StrBaseIO::SeekFromStart);
             for (const std::string& input : fOptions.inputs) copyRows(input, rows, bar);
             rows.Close();
         } catch (...) {
@@ -131,8 +138,10 @@ private:
 
     packOptions fOptions;
     const std::unique_ptr<transferBuffer> fBuffer;
+    std::int64_t fRow0Pos = 0;
     std::int64_t fRowBytes = 0;
     std::int64_t fPackedSize = 0;
+    bool bHidden = false;  // another part is found first
 };
 
 }  // namespace

@@ -6,19 +6,30 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
 #include <limits>
+#include <set>
+
+namespace fs = std::filesystem;
 
 namespace {
+
+std::optional<compressionHeading> headingAt(const std::string& name, std::int64_t place) {
+    namedStream stream(name);
+    compressionHeading heading{};
+    stream.DisablePreReading();
+    stream.Seek(place, ORVA_StrBaseIO::SeekFromStart);
+    if (stream.Read(&heading, sizeof heading) != sizeof heading) return {};
+    return heading;
+}
 
 // The heading repeats its own offset, so it shows its byte order by itself. --swap remains for an offset that reads
 // the same both ways, and to have a wrong heading named as what the user took it for.
 bool isSwapped(const std::string& name, std::int64_t row0Pos) {
-    namedStream stream(name);
-    std::int64_t found = 0;
-    stream.DisablePreReading();
-    stream.Seek(row0Pos, ORVA_StrBaseIO::SeekFromStart);
-    if (stream.Read(&found, sizeof found) != sizeof found) return false;
-    return found != row0Pos && orva::swapBytes(found) == row0Pos;
+    const auto heading = headingAt(name, row0Pos);
+    return heading && heading->_caseStartPos != row0Pos && orva::swapBytes(heading->_caseStartPos) == row0Pos;
 }
 
 orva::foundPart search(const std::string& file) {
@@ -28,25 +39,107 @@ orva::foundPart search(const std::string& file) {
                       "finished, or give the position of its rows with --row0");
 }
 
-}  // namespace
-
-void partOptions::addTo(CLI::App& app) {
-    app.add_option("FILE", file, "A file with a compressed part")->required();
-    app.add_option("--row0", row0, "The file offset where the compressed part begins")
-        ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
-    app.add_flag("--swap", swap, "Heading and index have the other byte order")->needs("--row0");
+bool isSound(const std::string& file, orva::foundPart part) {
+    try {
+        const orva::finishedPart opened(file, part);
+        return true;
+    } catch (const DamagedFileError&) {
+        return false;
+    }
 }
 
-locatedPart locatePart(const partOptions& options) {
-    const std::string& file = options.file;
-    if (options.row0 != 0) {
-        return {{options.row0, options.swap || isSwapped(file, options.row0)}, locatedPart::byUser, {}};
-    }
+// Behind the index of a part nothing needs to stand. What does may be the part that was meant: a finished file that was
+// taken for a dictionary part stands before it.
+void refuseSecond(const std::string& file, orva::foundPart first) {
+    const auto heading = headingAt(file, first.row0Pos);
+    if (!heading) return;
+    const auto inOrder = [&](std::int64_t field) { return first.swapped ? orva::swapBytes(field) : field; };
+    const std::int64_t end = inOrder(heading->_indexPos) + inOrder(heading->_size);
+    if (inOrder(heading->_caseStartPos) != first.row0Pos || end <= first.row0Pos) return;
+    const auto second = orva::findPart(file, end);
+    if (!second || !isSound(file, *second) || !isSound(file, first)) return;
+    throw toolFailure(kOtherFailure, file,
+                      "holds two compressed parts, at offset " + std::to_string(first.row0Pos) + " and at " +
+                          std::to_string(second->row0Pos) + ": say by --row0 which one you mean");
+}
+
+locatedPart find(const std::string& file) {
     if (auto dictionary = readDictionary(file)) {
         const std::int64_t row0 = dictionary->row0Pos;
         return {{row0, isSwapped(file, row0)}, locatedPart::byDictionary, std::move(dictionary)};
     }
     return {search(file), locatedPart::bySearch, {}};
+}
+
+void addPlace(CLI::App& app, partOptions& options) {
+    app.add_option("--row0", options.row0, "The file offset where the compressed part begins")
+        ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
+    app.add_flag("--swap", options.swap, "Heading and index have the other byte order")->needs("--row0");
+}
+
+constexpr const char* kFileHelp = "A file with a compressed part";
+
+}  // namespace
+
+void partOptions::addTo(CLI::App& app) {
+    app.add_option("FILE", file, kFileHelp)->required();
+    addPlace(app, *this);
+}
+
+void partOptions::addTo(CLI::App& app, std::vector<std::string>& files) {
+    app.add_option("FILE", files, kFileHelp)->required();
+    addPlace(app, *this);
+}
+
+void requireFile(const std::string& name) {
+    if (name == "-") usageError("standard input has no name and cannot be read at any place: put it into a file first");
+    std::error_code unknown;
+    const fs::file_status status = fs::status(name, unknown);
+    if (fs::exists(status) && !fs::is_regular_file(status) && !fs::is_block_file(status) && !fs::is_directory(status)) {
+        throw toolFailure(kInputUnreadable, name,
+                          "is a pipe or a device, which cannot be read at any place: put its bytes into a file first");
+    }
+    checkReadable(name);
+}
+
+locatedPart locatePart(const partOptions& options) {
+    const std::string& file = options.file;
+    requireFile(file);
+    if (options.row0 != 0) {
+        if (const auto size = knownSize(file); size && options.row0 >= *size) {
+            throw toolFailure(kDamaged, file,
+                              "has no offset " + std::to_string(options.row0) + ", for it ends at " +
+                                  std::to_string(*size) +
+                                  ": check --row0, or leave it out to have the part looked for");
+        }
+        return {{options.row0, options.swap || isSwapped(file, options.row0)}, locatedPart::byUser, {}};
+    }
+    locatedPart located = find(file);
+    refuseSecond(file, located.part);
+    return located;
+}
+
+bool needsRow0(const std::string& file, std::int64_t row0Pos) {
+    try {
+        return locatePart({file}).part.row0Pos != row0Pos;
+    } catch (const toolFailure&) {
+        return true;
+    }
+}
+
+int forEachFile(const std::string& verbName, const std::vector<std::string>& files,
+                const std::function<int(const std::string&)>& work) {
+    constexpr int order[] = {kDamaged, kInputUnreadable, kOutputUnwritable, kOtherFailure, kPartial};
+    std::set<int> met;
+    for (const std::string& file : files) {
+        try {
+            met.insert(work(file));
+        } catch (...) {
+            met.insert(reportFailure(verbName, file, std::current_exception()));
+        }
+    }
+    const auto* worst = std::find_if(std::begin(order), std::end(order), [&](int code) { return met.contains(code); });
+    return met.contains(kUsage) ? kUsage : worst == std::end(order) ? kAllWell : *worst;
 }
 
 std::string foundText(const locatedPart& located) {

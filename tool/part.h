@@ -8,8 +8,10 @@
 #include <orva/orva.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -22,6 +24,8 @@ struct partOptions {
 
     // The file, --row0 and --swap.
     void addTo(CLI::App& app);
+    // --row0 and --swap, and any number of files.
+    void addTo(CLI::App& app, std::vector<std::string>& files);
 };
 
 struct locatedPart {
@@ -32,7 +36,19 @@ struct locatedPart {
     std::optional<dictionaryText> dictionary;
 };
 
+// Refuses a file in which two parts fit, unless the user says which. Never waits for a pipe.
 locatedPart locatePart(const partOptions& options);
+
+// Whether that of `row0Pos` is not the part that is found without the user's word.
+bool needsRow0(const std::string& file, std::int64_t row0Pos);
+
+// Throws unless the file can be read at any place: FileError, or toolFailure that says what it is instead.
+void requireFile(const std::string& name);
+
+// Runs `work` for one file after the other; failures are reported where they happen. The exit code: of those of the
+// files the first in 5, 3, 4, 1, 7, 0.
+int forEachFile(const std::string& verbName, const std::vector<std::string>& files,
+                const std::function<int(const std::string&)>& work);
 
 // "heading found at offset 1,000, in the other byte order"
 std::string foundText(const locatedPart& located);

@@ -1,11 +1,12 @@
 #include "pendingFile.h"
 
+#include "signals.h"
+#include "system.h"
+
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <random>
 
@@ -13,32 +14,29 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The name that the handler removes. Written while the flag is 0, read by the handler only while it is 1.
-char gTemporary[4096];
-volatile std::sig_atomic_t gArmed = 0;
-
-extern "C" void endBySignal(int signal) {
-    if (gArmed != 0) platform::removeFile(gTemporary);
-    std::signal(signal, SIG_DFL);
-    std::raise(signal);
+// Replacing a link would leave the file that it names as it was, and put a file where there was a link. What the last
+// link names need not exist.
+fs::path targetOf(const std::string& name) {
+    constexpr int mostLinks = 40;
+    fs::path target = name;
+    std::error_code none;
+    for (int links = 0; fs::is_symlink(fs::symlink_status(target, none)); ++links) {
+        platform::setErrno(ELOOP);
+        if (links == mostLinks) throwWriteFailed(name);
+        target = target.parent_path() / fs::read_symlink(target, none);
+    }
+    return target;
 }
 
-void arm(const std::string& name) {
-    if (name.size() >= sizeof gTemporary) return;
-    std::memcpy(gTemporary, name.c_str(), name.size() + 1);
-    gArmed = 1;
-}
-
-void disarm() {
-    gArmed = 0;
-}
-
-// Replacing a link would leave the file that it names as it was, and put a file where there was a link.
-std::string targetOf(const std::string& name) {
-    std::error_code unknown;
-    if (!fs::is_symlink(fs::symlink_status(name, unknown))) return name;
-    const fs::path target = fs::weakly_canonical(name, unknown);
-    return unknown ? name : target.string();
+// What all of these allow, as far as they are regular files.
+fs::perms commonPermissions(const std::vector<std::string>& names) {
+    fs::perms common{0666};
+    std::error_code none;
+    for (const std::string& name : names) {
+        const fs::file_status status = fs::status(name, none);
+        if (fs::is_regular_file(status)) common &= status.permissions();
+    }
+    return common;
 }
 
 // A hidden name that no other process has. Cut, so that a long final name does not make it too long for the system.
@@ -58,33 +56,46 @@ void outputOptions::addTo(CLI::App& app) {
     app.add_flag("--no-sync", noSync, "Leave it to the system when the output reaches the disk");
 }
 
-pendingFile::pendingFile(const std::string& name, const outputOptions& options)
-    : fName(name), fTarget(targetOf(name)), fOptions(options) {
+pendingFile::pendingFile(const std::string& name, const outputOptions& options, const std::vector<std::string>& inputs)
+    : fName(name), fTarget(targetOf(name).string()), fOptions(options), fPermissions(commonPermissions(inputs)) {
     refuseIfTaken();
+    holdReplaced();
     create();
 }
 
 pendingFile::~pendingFile() {
     if (!bCommitted) platform::removeFile(fTemporary.c_str());
-    disarm();
+    removeOnSignal({});
+    if (fReplaced >= 0) platform::closeAnyway(fReplaced);
 }
 
-// Exclusively: in a directory that others can write to, nobody can have put a link there.
+// Exclusively: in a directory that others can write to, nobody can have put a link there. Never for more people than
+// the finished file, and its user can write to it until then.
 void pendingFile::create() {
-    std::FILE* file = nullptr;
-    do {
-        fTemporary = temporaryFor(fTarget);
-        arm(fTemporary);
-        file = std::fopen(fTemporary.c_str(), "wbx");
-    } while (file == nullptr && errno == EEXIST);
-    if (file == nullptr) {
-        disarm();
-        throwWriteFailed(fName);
-    }
-    std::fclose(file);
     std::error_code none;
     const fs::file_status old = fs::status(fTarget, none);
-    if (fs::is_regular_file(old)) fs::permissions(fTemporary, old.permissions(), none);
+    if (fs::is_regular_file(old)) fPermissions = old.permissions();
+    const fs::perms meanwhile = fPermissions | fs::perms::owner_write;
+    int descriptor = -1;
+    do {
+        fTemporary = temporaryFor(fTarget);
+        removeOnSignal(fTemporary);
+        descriptor = makeFile(fTemporary, static_cast<std::uint32_t>(meanwhile));
+    } while (descriptor < 0 && errno == EEXIST);
+    if (descriptor < 0) {
+        removeOnSignal({});
+        throwWriteFailed(fName);
+    }
+    platform::closeAnyway(descriptor);
+    if (fs::is_regular_file(old)) fs::permissions(fTemporary, meanwhile, none);
+}
+
+// Whoever appends to the old file would add to one that nobody can find any more.
+void pendingFile::holdReplaced() {
+    if (fReplaced >= 0 && isNamed(fReplaced, fTarget)) return;
+    if (fReplaced >= 0) platform::closeAnyway(fReplaced);
+    fReplaced = lockAgainstWriters(fTarget);
+    if (fReplaced < 0 && errno == EWOULDBLOCK) throwWriteFailed(fName);
 }
 
 void pendingFile::refuseIfTaken() const {
@@ -112,20 +123,18 @@ void pendingFile::sync() const {
 void pendingFile::commit() {
     if (!fOptions.noSync) sync();
     refuseIfTaken();  // by somebody else, meanwhile
+    holdReplaced();
+    std::error_code none;
+    if ((fPermissions & fs::perms::owner_write) == fs::perms::none) {
+        fs::permissions(fTemporary, fs::perms::owner_write, fs::perm_options::remove, none);
+    }
     if (platform::renameFile(fTemporary.c_str(), fTarget.c_str()) != 0) throwWriteFailed(fName);
     bCommitted = true;
-    disarm();
+    removeOnSignal({});
     if (!fOptions.noSync && platform::syncDirectoryOf(fTarget.c_str()) != 0) throwWriteFailed(fName);
 }
 
 void pendingFile::throwAsFinal(const FileError& failure) const {
     if (failure.fileName() != fTemporary) throw;
     throw FileError(failure.code().value(), failure.catalog().c_str(), failure.messageCode(), fName.c_str());
-}
-
-void handleSignals() {
-    for (const int signal : {SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_IGN);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU}) {
-        if (std::signal(signal, endBySignal) == SIG_IGN) std::signal(signal, SIG_IGN);  // as under nohup
-    }
 }

@@ -1,6 +1,6 @@
 // An output file that stands under a temporary name beside its final one until it is complete: under the final name
 // there is the old file or the whole new one, never a part. The temporary goes on every failing path, and when a
-// signal ends the process.
+// signal ends the process. The old file is locked against writers until it has been replaced.
 //
 // Threads: one pendingFile at a time in a process, for the signal handler knows one name.
 // Failure: FileError (1002), with the final name.
@@ -10,7 +10,9 @@
 
 #include <orva/orva.h>
 
+#include <filesystem>
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -25,8 +27,9 @@ struct outputOptions {
 
 class pendingFile {
 public:
-    // Creates the temporary, empty. Refuses a final name that is taken, unless forced.
-    pendingFile(const std::string& name, const outputOptions& options);
+    // Creates the temporary, empty. Refuses a final name that is taken, unless forced, or being written to. Who may use
+    // the file: whoever may use the one that it replaces, else all of `inputs`, less the umask.
+    pendingFile(const std::string& name, const outputOptions& options, const std::vector<std::string>& inputs);
     pendingFile(const pendingFile&) = delete;
     pendingFile& operator=(const pendingFile&) = delete;
     ~pendingFile();
@@ -49,6 +52,7 @@ public:
 
 private:
     void create();
+    void holdReplaced();
     void sync() const;
     void refuseIfTaken() const;
     [[noreturn]] void throwAsFinal(const FileError& failure) const;
@@ -56,10 +60,8 @@ private:
     const std::string fName;    // as the user gave it, for messages
     const std::string fTarget;  // where links lead to
     const outputOptions fOptions;
+    std::filesystem::perms fPermissions;
     std::string fTemporary;
+    int fReplaced = -1;  // the old file, locked; -1 if there is none that can be read
     bool bCommitted = false;
 };
-
-// Signals that end the process remove the temporary first; a closed pipe, or a file that reaches its limit, is an error
-// of writing, not a signal.
-void handleSignals();

@@ -1,9 +1,9 @@
 #include "progress.h"
 
+#include "system.h"
 #include "text.h"
 
 #include <CLI/CLI.hpp>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -12,12 +12,12 @@
 namespace {
 
 constexpr auto kRedraw = std::chrono::milliseconds(100);
-constexpr int kBarWidth = 30;
+constexpr std::size_t kLongestBar = 30;
+constexpr std::size_t kShortestBar = 5;
 
-std::string bar(double share) {
-    const int full = static_cast<int>(share * kBarWidth);
-    return '[' + std::string(static_cast<std::size_t>(full), '#') +
-           std::string(static_cast<std::size_t>(kBarWidth - full), '.') + ']';
+std::string bar(double share, std::size_t width) {
+    const auto full = static_cast<std::size_t>(share * static_cast<double>(width));
+    return '[' + std::string(full, '#') + std::string(width - full, '.') + "] ";
 }
 
 }  // namespace
@@ -31,7 +31,7 @@ void progressOptions::addTo(CLI::App& app) {
 progress::progress(const progressOptions& options, std::string label, std::int64_t total)
     : fLabel(std::move(label)),
       fTotal(total),
-      bAllowed(options.when != "never" && isatty(STDERR_FILENO) == 1),
+      bAllowed(options.when != "never" && terminalWidth() != 0),
       bVerbose(options.verbose) {}
 
 progress::~progress() {
@@ -62,11 +62,17 @@ double progress::bytesPerSecond() const {
     return static_cast<double>(fDone) / std::max(secondsSinceStart(), 1e-6);
 }
 
+// The last column stays free: a terminal goes on to the next line behind it. The bar gives way to the numbers.
 void progress::draw() {
-    const double share = fTotal > 0 ? std::min(1.0, static_cast<double>(fDone) / static_cast<double>(fTotal)) : 0;
-    const std::string whole = fTotal > 0 ? bar(share) + ' ' + std::to_string(static_cast<int>(share * 100)) + "% " : "";
-    std::fprintf(stderr, "\r\033[K%s%s  %s/s", whole.c_str(), humanSize(static_cast<double>(fDone)).c_str(),
-                 humanSize(bytesPerSecond()).c_str());
+    const auto room = static_cast<std::size_t>(std::max(terminalWidth() - 1, 0));
+    std::string line = humanSize(static_cast<double>(fDone)) + "  " + humanSize(bytesPerSecond()) + "/s";
+    if (fTotal > 0) {
+        const double share = std::min(1.0, static_cast<double>(fDone) / static_cast<double>(fTotal));
+        line.insert(0, std::to_string(static_cast<int>(share * 100)) + "% ");
+        const std::size_t around = line.size() + 3;
+        if (room >= around + kShortestBar) line.insert(0, bar(share, std::min(kLongestBar, room - around)));
+    }
+    std::fprintf(stderr, "\r\033[K%s", line.substr(0, room).c_str());
     bDrawn = bEverDrawn = true;
 }
 

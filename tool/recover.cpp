@@ -1,4 +1,5 @@
 // recover: what can be read of a damaged or unfinished file, as a new finished one.
+#include "appendState.h"
 #include "dictionary.h"
 #include "failure.h"
 #include "json.h"
@@ -37,17 +38,17 @@ public:
     int run() {
         checkUsage();
         if (fOptions.rollBack) return rollBack();
-        if (std::error_code none; fs::exists(orva::sideFileName(fOptions.part.file), none)) {
-            note("recover", fOptions.part.file,
-                 "an append to it was interrupted: --roll-back undoes it, or completes it, without a loss");
+        requireFile(fOptions.part.file);
+        if (const std::string append = appendState(fOptions.part.file); !append.empty()) {
+            note("recover", fOptions.part.file, append);
         }
-        pendingFile pending(fOptions.out, fOptions.output);
+        pendingFile pending(fOptions.out, fOptions.output, {fOptions.part.file});
         pending.during([&] {
             fReport = orva::recover(fOptions.part.file, pending.temporaryName(),
                                     {knownPart(), fOptions.committed, fOptions.drop});
             pending.commit();
         });
-        print();
+        tell();
         if (fReport.lost.empty()) return kAllWell;
         throw toolFailure(kPartial, fOptions.part.file,
                           counted(static_cast<std::int64_t>(fReport.lost.size()), "range") + " of rows lost; \"" +
@@ -91,10 +92,17 @@ private:
         return locatePart(fOptions.part).part;
     }
 
-    void print() const {
-        output out;
-        out.write(fOptions.json ? jsonText(asJson()) : asText());
-        out.finish();
+    // What was lost is told whatever becomes of standard output: nothing else shows it.
+    void tell() const {
+        try {
+            output out;
+            out.write(fOptions.json ? jsonText(asJson()) : asText());
+            out.finish();
+        } catch (const FileError& e) {
+            if (fReport.lost.empty()) throw e.withOutcome("\"" + fOptions.out + "\" is complete");
+            for (const orva::lostRange& lost : fReport.lost) note("recover", fOptions.part.file, line(lost));
+            note("recover", e.fileName(), failureText(e, e.fileName()));
+        }
     }
 
     std::string asText() const {
@@ -158,10 +166,15 @@ verb addRecover(CLI::App& app) {
     CLI::App* command = app.add_subcommand("recover", "Rebuild a finished file from a damaged or unfinished one");
     options->part.addTo(*command);
     command->add_option("-o,--output", options->out, "The file to make");
-    command->add_flag("--committed", options->committed, "Leave out what an append that was not finished has added");
-    command->add_flag("--drop", options->drop, "Close the gaps of lost rows instead of filling them with zeros");
-    command->add_flag("--roll-back", options->rollBack, "End an interrupted append in FILE itself, by its side file");
-    command->add_flag("--json", options->json, "Write the report as JSON");
+    CLI::Option* committed = command->add_flag(
+        "--committed", options->committed,
+        "Leave out the blocks that an append which was not finished has added; a last block that it has "
+        "rewritten stays, new rows included");
+    CLI::Option* drop =
+        command->add_flag("--drop", options->drop, "Close the gaps of lost rows instead of filling them with zeros");
+    CLI::Option* json = command->add_flag("--json", options->json, "Write the report as JSON");
+    command->add_flag("--roll-back", options->rollBack, "End an interrupted append in FILE itself, by its side file")
+        ->excludes(committed, drop, json);
     options->output.addTo(*command);
     return [options] { return recoverRun(*options).run(); };
 }

@@ -1,7 +1,9 @@
 #include "text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <iterator>
 
 namespace {
 
@@ -10,6 +12,34 @@ std::string formatted(const char* format, Values... values) {
     char text[64];
     std::snprintf(text, sizeof text, format, values...);
     return text;
+}
+
+struct character {
+    char32_t code;
+    std::size_t size;  // 0: no UTF-8
+};
+
+character characterAt(std::string_view text) {
+    const auto first = static_cast<unsigned char>(text[0]);
+    if (first < 0x80) return {first, 1};
+    const std::size_t size = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+    if (first < 0xc0 || first > 0xf4 || text.size() < size) return {0, 0};
+    char32_t code = first & (0x7fU >> size);
+    for (const char c : text.substr(1, size - 1)) {
+        if ((static_cast<unsigned char>(c) & 0xc0U) != 0x80) return {0, 0};
+        code = code << 6 | (static_cast<unsigned char>(c) & 0x3fU);
+    }
+    constexpr char32_t shortest[] = {0x80, 0x800, 0x10000};
+    const bool valid = code >= shortest[size - 2] && code <= 0x10ffff && (code < 0xd800 || code > 0xdfff);
+    return {code, valid ? size : 0};
+}
+
+// Controls of both sets, separators of lines, and marks, embeddings, overrides and isolates of direction.
+bool isActedOn(char32_t code) {
+    constexpr char32_t ranges[][2] = {{0, 0x1f},        {0x7f, 0x9f},     {0x61c, 0x61c},
+                                      {0x200e, 0x200f}, {0x2028, 0x202e}, {0x2066, 0x2069}};
+    return std::any_of(std::begin(ranges), std::end(ranges),
+                       [&](const auto& range) { return code >= range[0] && code <= range[1]; });
 }
 
 }  // namespace
@@ -48,9 +78,16 @@ std::string counted(std::int64_t number, const std::string& what) {
 
 std::string shownName(const std::string& name) {
     std::string text;
-    for (const char c : name) {
-        const auto byte = static_cast<unsigned char>(c);
-        text += byte < 0x20 || byte == 0x7f ? formatted("\\x%02x", static_cast<unsigned>(byte)) : std::string(1, c);
+    for (std::size_t at = 0; at < name.size();) {
+        const character next = characterAt(std::string_view(name).substr(at));
+        if (next.size == 0) {
+            text += formatted("\\x%02x", static_cast<unsigned char>(name[at]));
+        } else if (isActedOn(next.code)) {
+            text += formatted(next.code < 0x80 ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(next.code));
+        } else {
+            text += name.substr(at, next.size);
+        }
+        at += std::max<std::size_t>(next.size, 1);
     }
     return text;
 }

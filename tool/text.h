@@ -16,5 +16,6 @@ std::string humanSize(double bytes);
 std::string ratioText(std::int64_t before, std::int64_t after);
 // "1 block", "2 blocks"
 std::string counted(std::int64_t number, const std::string& what);
-// The name without anything that a terminal would act on.
+// The name, or any other text from outside, without anything that a terminal acts on or that makes a text read as
+// another one: controls, signs that turn the direction of writing, bytes that are no UTF-8.
 std::string shownName(const std::string& name);

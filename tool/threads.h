@@ -18,5 +18,6 @@ struct threadOptions {
     std::int32_t besideThisOne() const;
 };
 
-// Runs `work` on this thread and on `threads - 1` more at once. Throws the first failure once all have ended.
+// Runs `work` on this thread and on `threads - 1` more at once, or on as many as can be started. Throws the first
+// failure once all have ended.
 void runOnThreads(std::int32_t threads, const std::function<void()>& work);

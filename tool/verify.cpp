@@ -23,6 +23,7 @@ namespace {
 
 struct verifyOptions {
     partOptions part;
+    std::vector<std::string> files;
     bool json = false;
     threadOptions threads;
     progressOptions progress;
@@ -69,7 +70,8 @@ private:
     static std::string summary(const orva::finishedPart& part, const findings& found) {
         if (found.blocks.empty()) return found.index + ": 'orva recover' makes a new file of its rows";
         return grouped(static_cast<std::int64_t>(found.blocks.size())) + " of " + counted(part.blockCount(), "block") +
-               " damaged: get the file from its source again; 'orva cat --range' reads the rows of the others";
+               " damaged: get the file from its source again; 'orva recover' makes a new one with the rows of the "
+               "others";
     }
 
     std::string indexError(orva::finishedPart& part) const {
@@ -115,7 +117,7 @@ private:
     void print(const orva::finishedPart& part, const findings& found) const {
         output out;
         if (fOptions.json) {
-            out.write(jsonText(report(part, found)));
+            out.write(jsonText(report(part, found), fOptions.files.size()));
         } else {
             for (const badBlock& block : found.blocks) out.write(line(part, block));
             // Alone it is told as the failure.
@@ -154,9 +156,14 @@ private:
 verb addVerify(CLI::App& app) {
     auto options = std::make_shared<verifyOptions>();
     CLI::App* command = app.add_subcommand("verify", "Inflate every block and name the bad ones");
-    options->part.addTo(*command);
+    options->part.addTo(*command, options->files);
     command->add_flag("--json", options->json, "Write the result as JSON");
     options->threads.addTo(*command);
     options->progress.addTo(*command);
-    return [options] { return verifyRun(*options).run(); };
+    return [options] {
+        return forEachFile("verify", options->files, [&](const std::string& file) {
+            options->part.file = file;
+            return verifyRun(*options).run();
+        });
+    };
 }

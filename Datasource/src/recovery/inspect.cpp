@@ -36,21 +36,22 @@ std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int
 
 }  // namespace
 
-std::optional<foundPart> findPart(const std::string& name) {
+std::optional<foundPart> findPart(const std::string& name, std::int64_t from) {
     ORVA_File file;
     openOrThrow(file, name, "rb", kReadFailed);
     fileWindow window(file);
     std::optional<foundPart> best;
-    window.find(1, window.fileSize(), kHeadingSize, [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
-        for (const bool swapped : {false, true}) {
-            const std::optional<compressionHeading> heading = headingOf(bytes, place, swapped);
-            if (!heading) continue;
-            const bool certain = pointsToIndex(file, window.fileSize(), *heading, swapped);
-            if (certain || !best) best = foundPart{place, swapped};
-            if (certain) return true;
-        }
-        return false;
-    });
+    window.find(from, window.fileSize(), kHeadingSize,
+                [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
+                    for (const bool swapped : {false, true}) {
+                        const std::optional<compressionHeading> heading = headingOf(bytes, place, swapped);
+                        if (!heading) continue;
+                        const bool certain = pointsToIndex(file, window.fileSize(), *heading, swapped);
+                        if (certain || !best) best = foundPart{place, swapped};
+                        if (certain) return true;
+                    }
+                    return false;
+                });
     return best;
 }
 

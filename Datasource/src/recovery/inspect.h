@@ -25,9 +25,9 @@ struct foundPart {
 };
 
 // The first heading in the file: 24 bytes that repeat their own offset and point to an index. Without one, the first
-// that points to where an index could have stood, so that opening it tells what is wrong; else nothing. Reads the file
-// up to there.
-ORVA_API std::optional<foundPart> findPart(const std::string& name);
+// that points to where an index could have stood, so that opening it tells what is wrong; else nothing. Looks from the
+// file offset `from` on, and reads the file from there to the heading.
+ORVA_API std::optional<foundPart> findPart(const std::string& name, std::int64_t from = 1);
 
 class ORVA_API finishedPart {
 public:

@@ -1,0 +1,81 @@
+#include "signals.h"
+
+#include "failure.h"
+
+#include <orva/orva.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// The name that the handler removes. Written while the flag is 0, read by the handler only while it is 1.
+char gTemporary[4096];
+volatile std::sig_atomic_t gArmed = 0;
+
+// What a deferral is asked, and the pipe that wakes who waits for input. Closed exactly when -1.
+volatile std::sig_atomic_t gAsked = 0;
+volatile std::sig_atomic_t gWake[2] = {-1, -1};
+
+extern "C" void onSignal(int signal) {
+    if (gWake[1] >= 0) {
+        const int error = errno;
+        gAsked = signal;
+        [[maybe_unused]] const auto written = ::write(gWake[1], "", 1);  // full: it is awake already
+        platform::setErrno(error);
+        return;
+    }
+    if (gArmed != 0) platform::removeFile(gTemporary);
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+}  // namespace
+
+void handleSignals() {
+    for (const int signal : {SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_IGN);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU}) {
+        if (std::signal(signal, onSignal) == SIG_IGN) std::signal(signal, SIG_IGN);  // as under nohup
+    }
+}
+
+void removeOnSignal(const std::string& name) {
+    gArmed = 0;
+    if (name.empty() || name.size() >= sizeof gTemporary) return;
+    std::memcpy(gTemporary, name.c_str(), name.size() + 1);
+    gArmed = 1;
+}
+
+signalDeferral::signalDeferral() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) throwReadFailed("a pipe");
+    gWake[0] = ends[0];
+    gWake[1] = ends[1];
+}
+
+signalDeferral::~signalDeferral() {
+    for (volatile std::sig_atomic_t& end : gWake) {
+        const int descriptor = end;
+        end = -1;
+        ::close(descriptor);
+    }
+}
+
+int signalDescriptor() {
+    return gWake[0];
+}
+
+void throwIfEndAsked() {
+    if (gAsked != 0) throw endedBySignal{gAsked};
+}
+
+void endBy(int signal) {
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+    std::abort();
+}

@@ -1,0 +1,90 @@
+#include "system.h"
+
+#include "signals.h"
+
+#include <orva/orva.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+
+namespace {
+
+// An error of the descriptor is left to the transfer that follows.
+void waitFor(int descriptor, short event) {
+    pollfd wanted[] = {{descriptor, event, 0}, {event == POLLIN ? signalDescriptor() : -1, POLLIN, 0}};
+    while (::poll(wanted, 2, -1) < 0 && errno == EINTR) {
+    }
+    if (wanted[1].revents != 0) throwIfEndAsked();
+}
+
+// Moves `count` bytes by `transfer(bytes done, bytes left)` until they are done or it gives 0 or an error.
+template <class Transfer>
+int moved(int descriptor, short event, unsigned int count, Transfer transfer) {
+    unsigned int done = 0;
+    while (done < count) {
+        waitFor(descriptor, event);
+        const ssize_t size = transfer(done, count - done);
+        if (size == 0) break;
+        if (size > 0) {
+            done += static_cast<unsigned int>(size);
+        } else if (errno != EINTR && errno != EAGAIN) {
+            return -1;
+        }
+    }
+    return static_cast<int>(done);
+}
+
+}  // namespace
+
+int readWaiting(int descriptor, void* buffer, unsigned int count) {
+    auto* to = static_cast<char*>(buffer);
+    return moved(descriptor, POLLIN, count,
+                 [&](unsigned int done, unsigned int left) { return ::read(descriptor, to + done, left); });
+}
+
+int writeWaiting(int descriptor, const void* buffer, unsigned int count) {
+    const auto* from = static_cast<const char*>(buffer);
+    return moved(descriptor, POLLOUT, count,
+                 [&](unsigned int done, unsigned int left) { return ::write(descriptor, from + done, left); });
+}
+
+int makeFile(const std::string& name, std::uint32_t permissions) {
+    return ::open(name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, static_cast<mode_t>(permissions));
+}
+
+int lockAgainstWriters(const std::string& name) {
+    const int descriptor = ::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0 || ::flock(descriptor, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return descriptor;
+    ::close(descriptor);
+    platform::setErrno(EWOULDBLOCK);
+    return -1;
+}
+
+bool hasWriter(const std::string& name) {
+    const int descriptor = lockAgainstWriters(name);
+    if (descriptor < 0) return errno == EWOULDBLOCK;
+    ::close(descriptor);
+    return false;
+}
+
+bool isNamed(int descriptor, const std::string& name) {
+    struct stat own {};
+    struct stat named {};
+    return ::fstat(descriptor, &own) == 0 && ::stat(name.c_str(), &named) == 0 && own.st_dev == named.st_dev &&
+           own.st_ino == named.st_ino;
+}
+
+int terminalWidth() {
+    const char* kind = std::getenv("TERM");
+    if (isatty(STDERR_FILENO) != 1 || (kind != nullptr && kind == std::string_view("dumb"))) return 0;
+    winsize size{};
+    return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : 80;
+}

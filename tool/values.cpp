@@ -1,0 +1,25 @@
+#include "values.h"
+
+#include "text.h"
+
+#include <CLI/CLI.hpp>
+
+namespace {
+
+std::string refuseEmpty(const std::string& value) {
+    return value.empty() ? "is empty" : "";
+}
+
+std::string refuseNoNumber(const std::string& value) {
+    const std::string digits = value.starts_with('-') ? value.substr(1) : value;
+    return number(digits) ? "" : value + " is no number in the range from 0 to 9,223,372,036,854,775,807";
+}
+
+}  // namespace
+
+void checkValues(CLI::App& command) {
+    for (CLI::Option* option : command.get_options()) {
+        const bool isNumber = option->get_type_name().starts_with("INT");
+        option->check(isNumber ? refuseNoNumber : refuseEmpty, "");
+    }
+}
