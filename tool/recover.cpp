@@ -166,15 +166,16 @@ verb addRecover(CLI::App& app) {
     CLI::App* command = app.add_subcommand("recover", "Rebuild a finished file from a damaged or unfinished one");
     options->part.addTo(*command);
     command->add_option("-o,--output", options->out, "The file to make");
-    CLI::Option* committed = command->add_flag(
-        "--committed", options->committed,
-        "Leave out the blocks that an append which was not finished has added; a last block that it has "
-        "rewritten stays, new rows included");
-    CLI::Option* drop =
-        command->add_flag("--drop", options->drop, "Close the gaps of lost rows instead of filling them with zeros");
-    CLI::Option* json = command->add_flag("--json", options->json, "Write the report as JSON");
-    command->add_flag("--roll-back", options->rollBack, "End an interrupted append in FILE itself, by its side file")
-        ->excludes(committed, drop, json);
+    command->add_flag("--committed", options->committed,
+                      "Leave out the blocks that an append which was not finished has added; a last block that it has "
+                      "rewritten stays, new rows included");
+    command->add_flag("--drop", options->drop, "Close the gaps of lost rows instead of filling them with zeros");
+    command->add_flag("--json", options->json, "Write the report as JSON");
+    CLI::Option* rollBack = command->add_flag("--roll-back", options->rollBack,
+                                              "End an interrupted append in FILE itself, by its side file");
     options->output.addTo(*command);
+    for (const char* other : {"--row0", "--swap", "--committed", "--drop", "--json", "--force", "--no-sync"}) {
+        rollBack->excludes(command->get_option(other));
+    }
     return [options] { return recoverRun(*options).run(); };
 }
