@@ -85,7 +85,7 @@ protected:
         const bool inSequence = at == std::ssize(fContent) && !fFinished;
         try {
             fStream->write(bytes);
-            if (!bytes.empty()) fFinished = false;
+            if (at + std::ssize(bytes) == std::ssize(fContent) && !bytes.empty()) fFinished = false;
         } catch (const FileError& error) {
             EXPECT_TRUE(error.messageCode() == 1002 && error.code().value() == EINVAL) << error.what();
             EXPECT_TRUE(fEncrypted && !inSequence && (fStream->appends() || !fStream->reads())) << at;
