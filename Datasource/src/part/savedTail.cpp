@@ -136,7 +136,10 @@ void refuseSideFile(const std::string& dataName) {
 }
 
 void dropSideFile(ORVA_File& file) {
-    heldSideFile side(file.GetNameStr().GetGeneric());
+    const std::string& name = file.GetNameStr().GetGeneric();
+    if (!platform::isNameTaken(sideFileName(name).c_str()))
+        return;  // looking takes no descriptor, of which none may be left
+    heldSideFile side(name);
     keptTail kept;
     try {
         if (!side.open() || !side.isTrusted()) return;
