@@ -103,6 +103,12 @@ ORVA_HOST_API bool sameFile(const char* name, const char* otherName) noexcept;
 // Cuts the file to `length`, or extends it with zeros. The position stays.
 ORVA_HOST_API int truncateFile(int descriptor, std::int64_t length) noexcept;
 
+// Has the system copy up to `count` bytes from one file into another without bringing them into this process. Gives the
+// bytes copied, which may be fewer than there are, even none; -1 where it cannot, for whatever reason: reading and
+// writing them does it then, or meets what stands in the way. Neither position moves.
+ORVA_HOST_API std::int64_t copyRange(int from, std::int64_t fromOffset, int to, std::int64_t toOffset,
+                                     std::int64_t count) noexcept;
+
 ORVA_HOST_API void setErrno(int error) noexcept;
 
 // Asks the system each time: a remembered number would be wrong after a fork, which is what callers ask about.

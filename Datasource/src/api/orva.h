@@ -9,6 +9,7 @@
 #include <orva/filestr.h>
 #include <orva/hostdep.h>
 #include <orva/inspect.h>
+#include <orva/join.h>
 #include <orva/ktthread.h>
 #include <orva/lz4Compress.h>
 #include <orva/orvaApi.h>

@@ -119,7 +119,15 @@ const unsigned char* finishedPart::compressedBlock(std::uint32_t number) {
 
 void finishedPart::verifyBlock(std::uint32_t number) {
     if (!fState->fRows) fState->fRows = blockBuffer(kBlockSize);
-    readBlock(fState->road(), fState->placeOf(number), fState->fRows.get());
+    readBlock(number, fState->fRows.get());
+}
+
+void finishedPart::readBlock(std::uint32_t number, unsigned char* rows) {
+    orva::readBlock(fState->road(), fState->placeOf(number), rows);
+}
+
+ORVA_File& finishedPart::file() {
+    return fState->fFile;
 }
 
 }  // namespace orva

@@ -54,6 +54,10 @@ public:
     // Reads and inflates a block and holds it against its record. Throws what is wrong with it; the others can still be
     // verified then.
     void verifyBlock(std::uint32_t number);
+    // The same, and leaves the block's rows in `rows`, which has room for kBlockSize bytes.
+    void readBlock(std::uint32_t number, unsigned char* rows);
+    // For what copies blocks as they stand in it.
+    ORVA_LOCAL ORVA_File& file();
 
 private:
     struct state;

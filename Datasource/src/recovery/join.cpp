@@ -1,0 +1,160 @@
+#include "file/fileCodes.h"
+#include "file/namedFile.h"
+#include "format/blockTransfer.h"
+
+#include <orva/errors.h>
+#include <orva/errtext.h>
+#include <orva/join.h>
+#include <orva/platform.h>
+#include <orva/platformOwner.h>
+#include <orva/sideFile.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace orva {
+
+namespace {
+
+constexpr std::int64_t kMostBlocks = 178'956'969;  // the index's length has 32 bits
+constexpr std::int64_t kCopyAtOnce = 1 << 26;      // so that progress is told
+
+// Whatever its side file is good for, its presence means that the file's last block and index may not be what they
+// were.
+void refuseInterrupted(const std::string& name) {
+    if (!platform::isNameTaken(sideFileName(name).c_str())) return;
+    throw DamagedFileError(name, "no side file",
+                           "an append to it is at work or was interrupted: wait for it, or undo it by 'orva recover "
+                           "--roll-back'");
+}
+
+bool sameRecords(const finishedPart& one, const finishedPart& other) {
+    if (std::memcmp(&one.heading(), &other.heading(), sizeof(compressionHeading)) != 0) return false;
+    return one.blockCount() == 0 ||
+           std::memcmp(&one.block(0), &other.block(0), one.blockCount() * sizeof(filePosRecord)) == 0;
+}
+
+class joiner {
+public:
+    joiner(const std::vector<joinInput>& inputs, const joinOptions& options) : fInputs(inputs), fOptions(options) {}
+
+    joinReport run(const std::string& output) {
+        checkInputs(output);
+        begin(output);
+        for (const joinInput& input : fInputs) add(input);
+        finish();
+        return fReport;
+    }
+
+private:
+    void checkInputs(const std::string& output) {
+        if (fInputs.empty()) throw std::invalid_argument("no file to join");
+        std::int64_t blocks = 0;
+        for (const joinInput& input : fInputs) {
+            if (input.part.swapped != fInputs[0].part.swapped) {
+                throw std::invalid_argument("\"" + fInputs[0].name + "\" and \"" + input.name +
+                                            "\" have different byte orders");
+            }
+            if (platform::sameFile(input.name.c_str(), output.c_str())) {
+                throw FileError(EINVAL, "datasrc.err", kWriteFailed, output.c_str())
+                    .withOutcome("joined rows go to another file than the ones that they come from");
+            }
+            refuseInterrupted(input.name);
+            finishedPart part(input.name, input.part);
+            part.verifyIndex();
+            blocks += part.blockCount();
+        }
+        if (blocks > kMostBlocks) throw std::length_error("more blocks than an index takes");
+        fRecords.reserve(static_cast<std::size_t>(blocks) + 1);
+    }
+
+    void begin(const std::string& output) {
+        const bool copies = fOptions.row0Pos == 0;
+        openOrThrow(fOutput, output, copies ? "w+b" : "r+b", kWriteFailed);
+        fReport.part = {copies ? fInputs[0].part.row0Pos : fOptions.row0Pos, fInputs[0].part.swapped};
+        if (copies) {
+            finishedPart first(fInputs[0].name, fInputs[0].part);
+            copy(first.file(), 0, fReport.part.row0Pos, 0);
+        }
+        fRecords.push_back({kFirstRecordMark, 0, kBlockSize, 0});
+    }
+
+    // The index was in order when it was looked at before, and may be another one by now.
+    void add(const joinInput& input) {
+        finishedPart part(input.name, input.part);
+        part.verifyIndex();
+        if (fReport.blocks + std::int64_t{part.blockCount()} > kMostBlocks) {
+            throw std::length_error("more blocks than an index takes");
+        }
+        const std::int64_t from = part.heading()._caseStartPos + kHeadingSize;
+        std::int64_t stored = 0;
+        for (std::uint32_t i = 0; i < part.blockCount(); ++i) {
+            filePosRecord record = part.block(i);
+            record.orginalPos = fReport.part.row0Pos + fReport.rows;
+            record.translatePos = place() + stored;
+            fRecords.push_back(record);
+            fReport.rows += record.orginalSize;
+            stored += record.translateSize;
+        }
+        copy(part.file(), from, stored, place());
+        refuseIfChanged(input, part);
+        fReport.blocks += part.blockCount();
+        fReport.stored += stored;
+    }
+
+    std::int64_t place() const { return fReport.part.row0Pos + kHeadingSize + fReport.stored; }
+
+    void copy(ORVA_File& from, std::int64_t at, std::int64_t size, std::int64_t place) {
+        while (size > 0) {
+            const std::int64_t count = fOutput.CopyFrom(from, at, std::min(size, kCopyAtOnce), place);
+            if (count == 0) {
+                const std::string& name = from.GetNameStr().GetGeneric();
+                throw FileChangedError(DamagedFileError(name, "ret == size", "it has become shorter"));
+            }
+            at += count;
+            place += count;
+            size -= count;
+            if (fOptions.copied) fOptions.copied(count);
+        }
+    }
+
+    // An append rewrites the last block before the index: what was copied may be the new block under the old record.
+    static void refuseIfChanged(const joinInput& input, const finishedPart& part) {
+        refuseInterrupted(input.name);
+        try {
+            if (sameRecords(part, finishedPart(input.name, input.part))) return;
+        } catch (const DamagedFileError&) {
+        }
+        throw FileChangedError(
+            DamagedFileError(input.name, "heading and index as before", "its index is another one by now"));
+    }
+
+    void finish() {
+        fRecords[0].translateSize = static_cast<std::int32_t>(fReport.blocks);
+        const auto size = static_cast<std::int64_t>(fRecords.size() * sizeof(filePosRecord));
+        compressionHeading heading{fReport.part.row0Pos, place(), size};
+        if (fReport.part.swapped) {
+            for (filePosRecord& record : fRecords) swapRecord(record);
+            swapHeading(heading);
+        }
+        writeAll(fOutput, fRecords.data(), static_cast<std::uint64_t>(size), place());
+        writeAll(fOutput, &heading, sizeof heading, fReport.part.row0Pos);
+        fOutput.Close();
+    }
+
+    const std::vector<joinInput>& fInputs;
+    const joinOptions& fOptions;
+    ORVA_File fOutput;
+    std::vector<filePosRecord> fRecords;  // as the output's index, the first record in front
+    joinReport fReport;
+};
+
+}  // namespace
+
+joinReport join(const std::vector<joinInput>& inputs, const std::string& output, const joinOptions& options) {
+    return joiner(inputs, options).run(output);
+}
+
+}  // namespace orva
