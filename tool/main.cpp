@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr addVerb* kVerbs[] = {addPack, addCat, addAppend, addInfo, addVerify, addRecover, addSplits};
+constexpr addVerb* kVerbs[] = {addPack, addJoin, addCat, addAppend, addInfo, addVerify, addRecover, addSplits};
 
 // A descriptor below 3 that is closed would be the next file's number, and messages would go into the data.
 void occupyStandardDescriptors() {

@@ -12,7 +12,8 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr int kStandardOutput = 1;
-constexpr std::size_t kLargestWrite = 1U << 30;
+// What a pipe holds as a rule: of a larger piece nobody could tell how much went out before the reader left.
+constexpr std::size_t kLargestWrite = 1U << 16;
 
 bool isDeviceOrPipe(const std::string& name) {
     std::error_code none;
@@ -52,6 +53,8 @@ void output::write(const void* bytes, std::size_t size) {
         if (writeWaiting(fDescriptor, from, piece) < 0) {
             if (errno != EPIPE) throwWriteFailed(fName);
             bReaderGone = true;
+        } else {
+            fWritten += piece;
         }
         from += piece;
         size -= piece;

@@ -6,6 +6,7 @@
 #include "pendingFile.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,6 +26,8 @@ public:
     void write(const std::string& text) { write(text.data(), text.size()); }
     // False once nobody reads any more; writing is then without effect.
     bool open() const { return !bReaderGone; }
+    // Bytes; at least so many, once the reader has gone.
+    std::int64_t written() const { return fWritten; }
     // What was written is complete.
     void finish();
 
@@ -35,4 +38,5 @@ private:
     std::unique_ptr<pendingFile> fPending;
     int fDescriptor;
     bool bReaderGone = false;
+    std::int64_t fWritten = 0;
 };

@@ -21,13 +21,24 @@ pair parsePair(const std::string& text, const char* form) {
         const auto second = number(whole.substr(colon + 1));
         if (first && (second || colon + 1 == whole.size())) return {*first, second};
     }
-    usageError("\"" + shownName(text) + "\" is not of the form " + form + ", two numbers from 0");
+    usageError("\"" + shownName(text) + "\" is not of the form " + form + ", numbers from 0");
+}
+
+// N of "-N" and `ending`.
+std::optional<std::int64_t> parseLast(std::string_view text, std::string_view ending) {
+    if (!text.starts_with('-') || !text.ends_with(ending)) return {};
+    return number(text.substr(1, text.size() - 1 - ending.size()));
 }
 
 }  // namespace
 
 span parseRange(const std::string& text, const std::string& file, std::int64_t dataSize) {
-    const pair given = parsePair(text, "OFF:LEN");
+    if (const auto last = parseLast(text, "")) {
+        if (*last <= dataSize) return {dataSize - *last, *last};
+        throw toolFailure(kOtherFailure, file,
+                          "the range " + text + " begins before the rows, which are " + counted(dataSize, "byte"));
+    }
+    const pair given = parsePair(text, "OFF:LEN or -N");
     const std::int64_t rest = dataSize - given.first;
     if (rest < 0 || given.second.value_or(0) > rest) {
         throw toolFailure(kOtherFailure, file,
@@ -37,13 +48,14 @@ span parseRange(const std::string& text, const std::string& file, std::int64_t d
 }
 
 span parseRecords(const std::string& text, std::int64_t recordSize, const std::string& file, std::int64_t dataSize) {
-    const pair given = parsePair(text, "A:B");
     const std::int64_t count = dataSize / recordSize;
+    const auto last = parseLast(text, ":");
+    const pair given = last ? pair{count - *last, count} : parsePair(text, "A:B or -N:");
     const std::int64_t end = given.second.value_or(count);
-    if (given.first > count || end > count) {
+    if (given.first < 0 || given.first > count || end > count) {
         throw toolFailure(kOtherFailure, file,
-                          "the records " + text + " end past the rows, which are " + counted(count, "record") + " of " +
-                              counted(recordSize, "byte") + " (" + counted(dataSize, "byte") + ")");
+                          "the records " + text + " do not all lie in the rows, which are " + counted(count, "record") +
+                              " of " + counted(recordSize, "byte") + " (" + counted(dataSize, "byte") + ")");
     }
     if (end < given.first) usageError("the records " + text + " end before they begin");
     return {given.first * recordSize, (end - given.first) * recordSize};

@@ -1,8 +1,10 @@
 // splits: ranges of rows for engines that read a file in parallel. Each begins where a block does, so that no block is
-// inflated for two of them; with --record-size at the first record from there on, so that no record is cut.
+// inflated for two of them; with --record-size or --delimiter at the first record from there on, so that none is cut.
+#include "blockRows.h"
 #include "json.h"
 #include "output.h"
 #include "part.h"
+#include "span.h"
 #include "verbs.h"
 
 #include <orva/orva.h>
@@ -11,8 +13,11 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <limits>
 #include <memory>
+#include <optional>
+#include <vector>
 
 namespace {
 
@@ -20,53 +25,102 @@ struct splitsOptions {
     partOptions part;
     std::int64_t count = 0;  // 0: one for each block
     std::int64_t recordSize = 1;
+    std::string delimiter;
     bool json = false;
 };
+
+// A byte as it is, or as \n, \r, \t, \0, \\ or \xHH, which a shell leaves alone.
+std::optional<char> parseByte(const std::string& text) {
+    if (text.size() == 1) return text[0];
+    if (text.size() < 2 || text[0] != '\\') return {};
+    if (text.size() == 2) {
+        constexpr std::string_view names = "nrt0\\";
+        constexpr std::string_view bytes("\n\r\t\0\\", 5);
+        const auto at = names.find(text[1]);
+        return at == std::string_view::npos ? std::nullopt : std::optional(bytes[at]);
+    }
+    unsigned char value = 0;
+    const auto [end, error] = std::from_chars(text.data() + 2, text.data() + text.size(), value, 16);
+    if (text[1] != 'x' || error != std::errc() || end != text.data() + text.size()) return {};
+    return static_cast<char>(value);
+}
 
 class splitsRun {
 public:
     explicit splitsRun(const splitsOptions& options)
-        : fOptions(options), fLocated(locatePart(options.part)), fPart(options.part.file, fLocated.part) {}
+        : fOptions(options),
+          fDelimiter(parseByte(options.delimiter)),
+          fLocated(locatePart(options.part)),
+          fRows(options.part.file, fLocated.part) {}
 
     int run() {
         noteFound("splits", fOptions.part, fLocated);
+        const std::vector<span> list = splits();
         output out;
-        out.write(jsonText(report()));
+        out.write(fOptions.json ? jsonText(report(list)) : lines(list));
         out.finish();
         return kAllWell;
     }
 
 private:
-    // Where the first record from the beginning of block `number` on begins; the end of the rows behind the last one.
-    std::int64_t border(std::uint32_t number) const {
-        if (number == fPart.blockCount()) return fPart.dataSize();
-        const std::int64_t offset = fPart.block(number).orginalPos - fPart.heading()._caseStartPos;
+    const orva::finishedPart& part() const { return fRows.part(); }
+
+    // Where the first record from the beginning of block `number` on begins; the end of the rows where none does. None
+    // begins before `least`.
+    std::int64_t border(std::uint32_t number, std::int64_t least) {
+        const std::int64_t offset = std::max(blockBegin(part(), number), least);
+        if (offset == least) return least;
+        if (fDelimiter) return behindDelimiter(offset);
         const std::int64_t into = offset % fOptions.recordSize;
-        const std::int64_t rest = fPart.dataSize() - offset;
+        const std::int64_t rest = part().dataSize() - offset;
         return into == 0 ? offset : offset + std::min(fOptions.recordSize - into, rest);
     }
 
-    nlohmann::ordered_json report() const {
-        nlohmann::ordered_json list = nlohmann::ordered_json::array();
-        const std::int64_t blocks = fPart.blockCount();
+    std::int64_t behindDelimiter(std::int64_t offset) {
+        while (offset < part().dataSize()) {
+            const std::string_view rows = fRows.from(offset);
+            const auto at = rows.find(*fDelimiter);
+            if (at != std::string_view::npos) return offset + static_cast<std::int64_t>(at) + 1;
+            offset += static_cast<std::int64_t>(rows.size());
+        }
+        return offset;
+    }
+
+    std::vector<span> splits() {
+        const std::int64_t blocks = part().blockCount();
         const std::int64_t count = fOptions.count == 0 ? blocks : std::min(fOptions.count, blocks);
+        std::vector<span> list;
         std::int64_t begin = 0;
         for (std::int64_t i = 1; i <= count; ++i) {
-            const std::int64_t end = border(static_cast<std::uint32_t>(blocks * i / count));
+            const std::int64_t end = border(static_cast<std::uint32_t>(blocks * i / count), begin);
             if (end == begin) continue;  // no record begins there
-            list.push_back({{"offset", begin}, {"size", end - begin}});
+            list.push_back({begin, end - begin});
             begin = end;
         }
+        return list;
+    }
+
+    static std::string lines(const std::vector<span>& list) {
+        std::string text;
+        for (const span& range : list) {
+            text += std::to_string(range.offset) + '\t' + std::to_string(range.length) + '\n';
+        }
+        return text;
+    }
+
+    nlohmann::ordered_json report(const std::vector<span>& list) const {
         nlohmann::ordered_json json = {
-            {"schema", kJsonSchema}, {"file", fOptions.part.file}, {"dataSize", fPart.dataSize()}};
+            {"schema", kJsonSchema}, {"file", fOptions.part.file}, {"dataSize", part().dataSize()}};
         if (fOptions.recordSize != 1) json["recordSize"] = fOptions.recordSize;
-        json["splits"] = std::move(list);
+        json["splits"] = nlohmann::ordered_json::array();
+        for (const span& range : list) json["splits"].push_back({{"offset", range.offset}, {"size", range.length}});
         return json;
     }
 
     const splitsOptions& fOptions;
+    const std::optional<char> fDelimiter;
     const locatedPart fLocated;
-    const orva::finishedPart fPart;
+    blockRows fRows;
 };
 
 }  // namespace
@@ -75,11 +129,15 @@ verb addSplits(CLI::App& app) {
     auto options = std::make_shared<splitsOptions>();
     CLI::App* command = app.add_subcommand("splits", "List ranges of rows that can be read in parallel");
     options->part.addTo(*command);
-    command->add_flag("--json", options->json, "Write them as JSON, the one form that there is")->required();
+    command->add_flag("--json", options->json, "Write them as JSON, not one a line as offset, tab and length");
     const auto atLeastOne = CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max());
     command->add_option("--count", options->count, "So many ranges at most; without it one for each block")
         ->check(atLeastOne);
-    command->add_option("--record-size", options->recordSize, "The bytes of one record; no range cuts one")
-        ->check(atLeastOne);
+    CLI::Option* recordSize =
+        command->add_option("--record-size", options->recordSize, "The bytes of one record; no range cuts one");
+    recordSize->check(atLeastOne);
+    command->add_option("--delimiter", options->delimiter, "The byte behind each record, as '\\n'; no range cuts one")
+        ->check([](const std::string& text) { return parseByte(text) ? "" : "is not one byte, as x, \\n or \\x1e"; })
+        ->excludes(recordSize);
     return [options] { return splitsRun(*options).run(); };
 }

@@ -13,4 +13,4 @@ using verb = std::function<int()>;
 // Declares a verb with its options on `app` and binds what runs it to them.
 using addVerb = verb(CLI::App& app);
 
-addVerb addPack, addCat, addAppend, addInfo, addVerify, addRecover, addSplits;
+addVerb addPack, addJoin, addCat, addAppend, addInfo, addVerify, addRecover, addSplits;

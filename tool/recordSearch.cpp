@@ -1,0 +1,209 @@
+#include "recordSearch.h"
+
+#include "failure.h"
+#include "text.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+struct keyType {
+    const char* name;
+    std::size_t width;
+    std::optional<std::uint64_t> (*ofText)(std::string_view text);
+    std::optional<std::uint64_t> (*ofBytes)(const unsigned char* bytes, bool swapped);
+};
+
+namespace {
+
+constexpr std::uint64_t kSign = std::uint64_t{1} << 63;
+
+template <class Value>
+std::optional<std::uint64_t> rankOfValue(Value value) {
+    if constexpr (std::is_floating_point_v<Value>) {
+        if (std::isnan(value)) return {};
+        const auto bits = std::bit_cast<std::uint64_t>(static_cast<double>(value) + 0.0);  // one zero, not two
+        return (bits & kSign) != 0 ? ~bits : bits | kSign;
+    } else if constexpr (std::is_signed_v<Value>) {
+        return static_cast<std::uint64_t>(std::int64_t{value}) ^ kSign;
+    } else {
+        return value;
+    }
+}
+
+template <class Value>
+std::optional<std::uint64_t> rankOfText(std::string_view text) {
+    Value value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return {};
+    return rankOfValue(value);
+}
+
+template <class Value>
+std::optional<std::uint64_t> rankOfBytes(const unsigned char* bytes, bool swapped) {
+    std::array<unsigned char, sizeof(Value)> own;
+    std::memcpy(own.data(), bytes, own.size());
+    if (swapped) std::reverse(own.begin(), own.end());
+    return rankOfValue(std::bit_cast<Value>(own));
+}
+
+template <class Value>
+constexpr keyType typeOf(const char* name) {
+    return {name, sizeof(Value), &rankOfText<Value>, &rankOfBytes<Value>};
+}
+
+constexpr keyType kTypes[] = {typeOf<std::int32_t>("i32"),  typeOf<std::int64_t>("i64"), typeOf<std::uint32_t>("u32"),
+                              typeOf<std::uint64_t>("u64"), typeOf<float>("f32"),        typeOf<double>("f64")};
+
+const keyType* findType(std::string_view name) {
+    const auto* const found =
+        std::find_if(std::begin(kTypes), std::end(kTypes), [&](const keyType& type) { return type.name == name; });
+    return found == std::end(kTypes) ? nullptr : found;
+}
+
+struct condition {
+    std::int64_t offset = -1;
+    const keyType* type = nullptr;
+    std::string comparison;
+    std::optional<std::uint64_t> rank;
+};
+
+// Blanks mean nothing.
+condition parse(std::string text) {
+    std::erase(text, ' ');
+    condition result;
+    const auto colon = std::min(text.find(':'), text.size());
+    const auto from = std::min(text.find_first_of("<>=", colon), text.size());
+    const auto to = std::min(text.find_first_not_of("<>=", from), text.size());
+    const auto [end, error] = std::from_chars(text.data(), text.data() + colon, result.offset);
+    if (error != std::errc() || end != text.data() + colon || from == text.size()) return {};
+    result.type = findType(std::string_view(text).substr(colon + 1, from - colon - 1));
+    result.comparison = text.substr(from, to - from);
+    if (result.type != nullptr) result.rank = result.type->ofText(std::string_view(text).substr(to));
+    return result;
+}
+
+}  // namespace
+
+keyRange::keyRange(const std::vector<std::string>& conditions) {
+    for (const std::string& text : conditions) add(text);
+}
+
+void keyRange::add(const std::string& text) {
+    const condition given = parse(text);
+    const bool lower = given.comparison == ">" || given.comparison == ">=" || given.comparison == "==";
+    const bool upper = given.comparison == "<" || given.comparison == "<=" || given.comparison == "==";
+    if (given.offset < 0 || !given.rank || lower + upper == 0) {
+        usageError(
+            "\"" + shownName(text) +
+            "\" is not of the form OFFSET:TYPE>=VALUE (also > <= < ==), with a VALUE of that TYPE: i32, i64, u32, "
+            "u64, f32 or f64");
+    }
+    if (fType != nullptr && (fType != given.type || fOffset != given.offset)) {
+        usageError("the conditions are about two keys: only one ascends");
+    }
+    fType = given.type;
+    fOffset = given.offset;
+    const bool inclusive = given.comparison.ends_with('=');
+    if (lower) fLower.push_back({*given.rank, inclusive});
+    if (upper) fUpper.push_back({*given.rank, inclusive});
+}
+
+std::size_t keyRange::width() const {
+    return fType->width;
+}
+
+std::optional<std::uint64_t> keyRange::rank(const unsigned char* key, bool swapped) const {
+    return fType->ofBytes(key, swapped);
+}
+
+bool keyRange::isBelow(std::uint64_t rank) const {
+    return std::any_of(fLower.begin(), fLower.end(),
+                       [&](const bound& b) { return rank < b.rank || (rank == b.rank && !b.inclusive); });
+}
+
+bool keyRange::isBeyond(std::uint64_t rank) const {
+    return std::any_of(fUpper.begin(), fUpper.end(),
+                       [&](const bound& b) { return rank > b.rank || (rank == b.rank && !b.inclusive); });
+}
+
+recordSearch::recordSearch(blockRows& rows, const keyRange& range, std::int64_t recordSize)
+    : fRows(rows), fRange(range), fRecordSize(recordSize), fRecords(rows.part().dataSize() / recordSize) {
+    if (range.offset() > recordSize - static_cast<std::int64_t>(range.width())) {
+        usageError("the key does not lie inside a record of " + counted(recordSize, "byte"));
+    }
+}
+
+// Records that one block tells of: those whose keys it holds, of the block in the middle. Keys that lie across a border
+// count for the block in which they end; when nothing else is left, one of them.
+recordSearch::stretch recordSearch::probe(stretch left) const {
+    const orva::finishedPart& part = fRows.part();
+    const std::uint32_t low = blockAt(part, keyEnd(left.begin) - 1);
+    const std::uint32_t high = blockAt(part, keyEnd(left.end - 1) - 1);
+    const std::uint32_t middle = low + (high - low) / 2;
+    const std::int64_t from = blockBegin(part, middle) - fRange.offset();
+    const std::int64_t to = blockBegin(part, middle + 1) - static_cast<std::int64_t>(fRange.width()) - fRange.offset();
+    const std::int64_t begin = from <= 0 ? 0 : (from - 1) / fRecordSize + 1;
+    const std::int64_t end = to < 0 ? 0 : to / fRecordSize + 1;
+    const stretch inside{std::max(left.begin, begin), std::min(left.end, end)};
+    if (inside.begin < inside.end) return inside;
+    const std::int64_t one = left.begin + (left.end - left.begin) / 2;
+    return {one, one + 1};
+}
+
+std::int64_t recordSearch::first() {
+    if (!fRange.hasLower()) return 0;
+    stretch left{0, fRecords};  // all before are below the range, all behind are not
+    std::uint64_t before = 0;
+    std::uint64_t behind = std::numeric_limits<std::uint64_t>::max();
+    while (left.begin < left.end) {
+        const stretch seen = probe(left);
+        std::int64_t found = seen.end;
+        std::uint64_t rank = before;
+        for (std::int64_t i = seen.begin; i < seen.end; ++i) {
+            rank = rankOf(i, rank);
+            if (found == seen.end && !fRange.isBelow(rank)) found = i;
+        }
+        if (rank > behind) refuse(seen.end);
+        if (found == seen.end) {
+            left.begin = seen.end;
+            before = rank;
+        } else if (found == seen.begin) {
+            left.end = found;
+            behind = rankOf(found, before);
+        } else {
+            return found;
+        }
+    }
+    return left.begin;
+}
+
+std::int64_t recordSearch::countFrom(std::int64_t record) {
+    const orva::finishedPart& part = fRows.part();
+    const std::int64_t blockEnd = blockBegin(part, blockAt(part, record * fRecordSize) + 1);
+    const std::int64_t end = std::min(fRecords, std::max(record + 1, blockEnd / fRecordSize));
+    for (std::int64_t i = record; i < end; ++i) {
+        fLastRank = rankOf(i, fLastRank);
+        if (fRange.isBeyond(fLastRank)) return i - record;
+    }
+    return end - record;
+}
+
+std::uint64_t recordSearch::rankOf(std::int64_t record, std::uint64_t before) {
+    unsigned char key[8];
+    fRows.copy(keyPlace(record), fRange.width(), key);
+    const auto rank = fRange.rank(key, fRows.part().swapped());
+    if (!rank || *rank < before) refuse(record);
+    return *rank;
+}
+
+void recordSearch::refuse(std::int64_t record) const {
+    throw toolFailure(kDamaged, fRows.file(),
+                      "the key of record " + grouped(record) +
+                          " does not ascend: a search needs rows that are sorted by it, or --records-where names "
+                          "another key than theirs");
+}
