@@ -99,7 +99,7 @@ void keyRange::add(const std::string& text) {
     const bool upper = given.comparison == "<" || given.comparison == "<=" || given.comparison == "==";
     if (given.offset < 0 || !given.rank || lower + upper == 0) {
         usageError(
-            "\"" + shownName(text) +
+            "the condition \"" + shownName(text) +
             "\" is not of the form OFFSET:TYPE>=VALUE (also > <= < ==), with a VALUE of that TYPE: i32, i64, u32, "
             "u64, f32 or f64");
     }

@@ -59,8 +59,8 @@ public:
     // and only such writes are taken as leave every byte in its place (docs/cipher.md): else FileError with EINVAL.
     // In an `a` mode the system puts the bytes at the end of the file, whatever the offset.
     unsigned int Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    // Copies up to `size` bytes of the open file `source` to `byteOffset`; fewer are no end, none is. FileError 1003
-    // with the source's name, 1002 with this one's. Not for enciphered files.
+    // Copies `size` bytes of the open file `source` to `byteOffset`, fewer only where it ends; gives their count.
+    // FileError 1003 with the source's name, 1002 with this one's. Not for enciphered files.
     ORVA_LOCAL std::int64_t CopyFrom(ORVA_File& source, std::int64_t sourceOffset, std::int64_t size,
                                      std::int64_t byteOffset);
     // The length of the file on disk, with the pad of an enciphered one; -1 when the system can't tell (a pipe).

@@ -1,21 +1,48 @@
 #include "base/assertion.h"
+#include "base/blockBuffer.h"
 
 #include <orva/file.h>
 #include <orva/platform.h>
 
 #include <algorithm>
 
-// What the system does not copy, on whatever ground, is read and written: that works, or meets the reason on the side
-// where it lies.
+namespace {
+
+// A core's cache holds it between reading and writing.
+constexpr std::int64_t kPiece = 1 << 18;
+constexpr std::int64_t kPage = 4096;
+
+// The next piece of a copy that is read and written. It ends with a page of the file written to: the system takes whole
+// pages twice as fast as halves.
+std::int64_t pieceAt(std::int64_t byteOffset, std::int64_t size) {
+    return std::min(size, kPiece - byteOffset % kPage);
+}
+
+}  // namespace
+
+// The system copies only what stands at the same place of its page in both files. Elsewhere it moves each page by
+// itself in two halves, which takes a third longer than to read and write. What it does not copy, on whatever ground,
+// is read and written: that works, or meets the reason on the side where it lies.
 std::int64_t ORVA_File::CopyFrom(ORVA_File& source, std::int64_t sourceOffset, std::int64_t size,
                                  std::int64_t byteOffset) {
-    constexpr std::int64_t piece = 1 << 20;
     const ktGuard guard(fMutex, ktMutex::Recursive);
     ORVA_ASSERT(!fEncrypted && !source.fEncrypted, "!fEncrypted");
-    const std::int64_t copied = platform::copyRange(source.fDescriptor, sourceOffset, fDescriptor, byteOffset, size);
-    if (copied > 0) return copied;
-    const auto wanted = static_cast<unsigned int>(std::min(size, piece));
-    const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(wanted);
-    const unsigned int count = source.Read(buffer.get(), wanted, sourceOffset);
-    return count == 0 ? 0 : Write(buffer.get(), count, byteOffset);
+    const orva::blockBuffer buffer(kPiece);
+    bool bySystem = (sourceOffset - byteOffset) % kPage == 0;
+    std::int64_t done = 0;
+    while (done < size) {
+        const std::int64_t to = byteOffset + done;
+        std::int64_t count = 0;
+        if (bySystem && to % kPage == 0) {
+            count = platform::copyRange(source.fDescriptor, sourceOffset + done, fDescriptor, to, size - done);
+            bySystem = count > 0;
+        }
+        if (count <= 0) {
+            const auto piece = static_cast<unsigned int>(pieceAt(to, size - done));
+            count = Write(buffer.get(), source.Read(buffer.get(), piece, sourceOffset + done), to);
+        }
+        if (count == 0) break;
+        done += count;
+    }
+    return done;
 }

@@ -108,8 +108,9 @@ private:
 
     void copy(ORVA_File& from, std::int64_t at, std::int64_t size, std::int64_t place) {
         while (size > 0) {
-            const std::int64_t count = fOutput.CopyFrom(from, at, std::min(size, kCopyAtOnce), place);
-            if (count == 0) {
+            const std::int64_t wanted = std::min(size, kCopyAtOnce);
+            const std::int64_t count = fOutput.CopyFrom(from, at, wanted, place);
+            if (count < wanted) {
                 const std::string& name = from.GetNameStr().GetGeneric();
                 throw FileChangedError(DamagedFileError(name, "ret == size", "it has become shorter"));
             }
