@@ -71,7 +71,7 @@ public:
         blockRows rows(fOptions.part.file, fLocated.part);
         recordSearch search(rows, range, fOptions.recordSize);
         refuseSameFile();
-        output out(fOptions.out, fOptions.output);
+        output out(fOptions.out, fOptions.output, {fOptions.part.file});
         progress bar(fOptions.progress, "cat", -1);
         const std::int64_t first = search.first();
         const std::int64_t searched = rows.inflated();

@@ -44,7 +44,7 @@ public:
         for (const std::string& name : fOptions.inputs) locate(name);
         if (!fOptions.dict.empty()) checkReadable(fOptions.dict);
         if (fOptions.check) checkBlocks();
-        pendingFile pending(fOptions.out, fOptions.output);
+        pendingFile pending(fOptions.out, fOptions.output, fOptions.inputs);
         progress bar(fOptions.progress, "join", storedSize());
         orva::joinReport report;
         pending.during([&] {
