@@ -17,7 +17,6 @@
 #include <atomic>
 #include <limits>
 #include <memory>
-#include <optional>
 #include <vector>
 
 namespace {
@@ -47,11 +46,17 @@ public:
         pendingFile pending(fOptions.out, fOptions.output, fOptions.inputs);
         progress bar(fOptions.progress, "join", storedSize());
         orva::joinReport report;
+        bool hidden = false;
         pending.during([&] {
             report = write(pending.temporaryName(), bar);
-            noteIfHidden(pending.temporaryName(), report.part);
+            hidden = needsRow0(pending.temporaryName(), report.part.row0Pos);
             pending.commit();
         });
+        if (hidden) {
+            note("join", fOptions.out,
+                 "its dictionary part looks like another compressed part: the rows are found by --row0 " +
+                     std::to_string(report.part.row0Pos));
+        }
         bar.finish(shownName(fOptions.out) + ": " + counted(report.blocks, "block") + ", " +
                    humanSize(static_cast<double>(report.rows)) + " of rows in " +
                    humanSize(static_cast<double>(report.stored)));
@@ -137,17 +142,6 @@ private:
         if (file.Tell() != 0) return;
         usageError("the dictionary part \"" + shownName(fOptions.dict) +
                    "\" is empty: rows begin behind at least one byte");
-    }
-
-    // A dictionary part can hold what looks like a heading, or tell of another place.
-    void noteIfHidden(const std::string& name, const orva::foundPart& made) const {
-        std::optional<std::int64_t> found;
-        try {
-            found = locatePart({name, 0, false}).part.row0Pos;
-        } catch (const toolFailure&) {
-        }
-        if (found == made.row0Pos) return;
-        note("join", fOptions.out, "its rows are found only with --row0 " + std::to_string(made.row0Pos));
     }
 
     const joinRunOptions fOptions;

@@ -83,7 +83,7 @@ bool isNamed(int descriptor, const std::string& name) {
 }
 
 int terminalWidth() {
-    const char* kind = std::getenv("TERM");
+    const char* kind = std::getenv("TERM");  // NOLINT(concurrency-mt-unsafe): nothing here sets variables
     if (isatty(STDERR_FILENO) != 1 || (kind != nullptr && kind == std::string_view("dumb"))) return 0;
     winsize size{};
     return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : 80;

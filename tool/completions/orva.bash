@@ -17,6 +17,8 @@ _orva() {
         mapfile -t COMPREPLY < <(compgen -W "${options[$verb]:-}" -- "$word")
     elif [ "${COMP_WORDS[COMP_CWORD - 1]}" = --progress ]; then
         mapfile -t COMPREPLY < <(compgen -W "auto never" -- "$word")
+    elif [ "${COMP_WORDS[COMP_CWORD - 1]}" = --damaged ]; then
+        mapfile -t COMPREPLY < <(compgen -W "stop zero skip" -- "$word")
     fi
 }
 complete -o default -F _orva orva

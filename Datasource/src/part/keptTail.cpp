@@ -29,8 +29,9 @@ std::int64_t checksum(const void* bytes, std::size_t size) {
 }
 
 void append(fileBytes& bytes, const void* from, std::size_t size) {
-    const auto* begin = static_cast<const unsigned char*>(from);
-    bytes.insert(bytes.end(), begin, begin + size);
+    const std::size_t at = bytes.size();
+    bytes.resize(at + size);
+    if (size != 0) std::memcpy(bytes.data() + at, from, size);
 }
 
 // A loss of power may have cost it its first bytes and left others: then zeros stand in the place of the mark.
