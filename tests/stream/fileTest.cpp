@@ -126,6 +126,13 @@ TEST_F(File, AStreamWithoutAnOpenFileAnswersByResult) {
         EXPECT_EQ(stream->Seek(0, ORVA_StrBaseIO::SeekFromCurrent), -1);
         EXPECT_TRUE(stream->Close() == 0 && stream->Flush() == 1 && stream->Tell() == 0 && !stream->IsShared());
     }
+    zcmpsFilestr packed(failed);
+    try {
+        packed.readFilePosInfo(1, false);
+        ADD_FAILURE() << "read what is not there";
+    } catch (const FileError& error) {
+        EXPECT_EQ(error.code().value(), ENOENT);
+    }
 }
 
 TEST_F(File, ACopyOfAStreamSharesTheFileUntilOneGoesOn) {

@@ -98,6 +98,7 @@ unsigned int ORVA_File::Cipher::overlayWaiting(unsigned char* bytes, unsigned in
 void ORVA_File::Cipher::write(const unsigned char* data, unsigned int size, std::int64_t byteOffset) {
     if (size == 0) return;
     if (!mayWrite(size, byteOffset)) fFile.fail(kWriteFailed, EINVAL);
+    const EndOfFile end(*this);
     unsigned int joined = 0;
     if (continuesWaiting(byteOffset)) {
         joined = std::min(size, static_cast<unsigned int>(CIPHER_BLOCK_SIZE - fFile.fRemainderSize));
@@ -172,15 +173,16 @@ unsigned int ORVA_File::Cipher::writeBlocks(const unsigned char* data, unsigned 
 
 // A failed write may have made the file longer, by a part of a block even: that goes again, so that the end stays where
 // an appending write has to begin and a padded block is the last one.
+ORVA_File::Cipher::EndOfFile::~EndOfFile() {
+    if (std::uncaught_exceptions() == fUncaught) return;
+    if (fCipher.fFile.Size() > fBefore) platform::truncateFile(fCipher.fFile.fDescriptor, fBefore);
+    fCipher.fFileEnd = -1;
+}
+
 unsigned int ORVA_File::Cipher::writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset) {
     const std::int64_t end = fileEnd();
     const int count = fFile.writeDescriptor(bytes, static_cast<unsigned int>(size), byteOffset);
-    if (count == -1) {
-        const int error = errno;
-        fFileEnd = -1;
-        if (byteOffset + size > end) platform::truncateFile(fFile.fDescriptor, end);
-        fFile.fail(kWriteFailed, error);
-    }
+    if (count == -1) fFile.fail(kWriteFailed, errno);
     fFileEnd = std::max(end, byteOffset + count);
     return static_cast<unsigned int>(count);
 }
@@ -195,6 +197,7 @@ unsigned int ORVA_File::Cipher::finish() {
 // The pad is zeros: whatever lay behind the waiting bytes in memory is plaintext of earlier blocks.
 unsigned int ORVA_File::Cipher::writePaddedBlock() {
     if (fFile.fAppends && fTailPos != fileEnd()) fFile.fail(kWriteFailed, EINVAL);
+    const EndOfFile end(*this);
     const int pad = CIPHER_BLOCK_SIZE - fFile.fRemainderSize;
     std::memset(fFile.fRemainder.get() + fFile.fRemainderSize, 0, static_cast<std::size_t>(pad));
     const unsigned int count = writeBlocks(fFile.fRemainder.get(), CIPHER_BLOCK_SIZE, fTailPos);

@@ -12,6 +12,7 @@
 #include <orva/file.h>
 
 #include <cstdint>
+#include <exception>
 
 class ORVA_LOCAL ORVA_File::Cipher {
 public:
@@ -31,6 +32,21 @@ public:
     std::int64_t waitingEnd() const { return waits() ? fTailPos + fFile.fRemainderSize : 0; }
 
 private:
+    // What the file ends in while something is written: as before, if that is ended by an exception.
+    class EndOfFile {
+    public:
+        explicit EndOfFile(Cipher& cipher)
+            : fCipher(cipher), fBefore(cipher.fileEnd()), fUncaught(std::uncaught_exceptions()) {}
+        EndOfFile(const EndOfFile&) = delete;
+        EndOfFile& operator=(const EndOfFile&) = delete;
+        ~EndOfFile();
+
+    private:
+        Cipher& fCipher;
+        const std::int64_t fBefore;
+        const int fUncaught;
+    };
+
     bool waits() const { return fFile.fRemainderSize > 0; }
     bool continuesWaiting(std::int64_t byteOffset) const { return waits() && byteOffset == waitingEnd(); }
     unsigned int decipher(unsigned char* bytes, unsigned int size, unsigned int pad);
