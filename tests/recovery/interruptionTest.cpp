@@ -122,7 +122,7 @@ protected:
     // Loses the power behind each change that `run` makes, with all that was not synced, nothing of it, and what chance
     // leaves. How many of the states of the disk did not hold?
     int lose(const Files& files, const std::function<void()>& run, const std::function<bool(bool ended)>& holds) {
-        constexpr int kChances = support::kSanitized ? 2 : 6;
+        constexpr int kChances = support::kSanitized ? 4 : 24;
         lay(files);
         ImaginedDisk disk(files);
         {

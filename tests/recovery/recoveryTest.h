@@ -31,7 +31,7 @@ constexpr std::uint64_t kTorn = 12;  // bytes that a torn write gets done: half 
 
 // Blocks of these sizes. A full one is of one value, so that it stays small in the file; others are all different.
 // Those of kNoise bytes do not shrink: one takes as many bytes in the file as another.
-constexpr std::size_t kNoise = 512;
+constexpr std::size_t kNoise = 6000;
 inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsigned char seed = 0) {
     std::vector<Bytes> blocks;
     for (const std::size_t size : sizes) {

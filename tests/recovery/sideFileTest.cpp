@@ -209,12 +209,18 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
          [&] {
              EXPECT_TRUE(!isRoot || ::chown(fFile.c_str(), 4711, 4712) == 0);
              ::chmod(fFile.c_str(), 0664);
-             interrupt(fMore);
+             const core::Reader stream = appending(fFile, fMore);
              struct stat data {};
              struct stat side {};
              EXPECT_TRUE(::stat(fFile.c_str(), &data) == 0 && ::stat(fSide.c_str(), &side) == 0);
              EXPECT_EQ(std::tuple(side.st_mode, side.st_uid, side.st_gid),
                        std::tuple(data.st_mode, data.st_uid, data.st_gid));
+             const Files files = present();
+             stream->abandon();
+             lay(files);
+             EXPECT_TRUE(!isRoot ||
+                         (::chown(fFile.c_str(), 4711, 4712) == 0 && ::chown(fSide.c_str(), 4713, 4712) == 0));
+             ::chmod(fFile.c_str(), 0664);
              return fOld;
          },
          "rolled back"},
