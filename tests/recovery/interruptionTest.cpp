@@ -15,7 +15,13 @@ class ImaginedDisk : public platform::faults::Hook {
 public:
     explicit ImaginedDisk(const Files& files) : fOld(files) {}
 
-    Verdict before(const platform::faults::Step&) override { return Verdict::goOn(); }
+    bool failsHeading = false;  // its sync, once
+
+    Verdict before(const platform::faults::Step& step) override {
+        const std::lock_guard guard(fLock);
+        const bool isHeadings = step.call == Call::Sync && !fChanges.empty() && fChanges.back().at == kRow0;
+        return isHeadings && std::exchange(failsHeading, false) ? Verdict::fail(EIO) : Verdict::goOn();
+    }
     void after(const platform::faults::Step& step) override {
         const std::lock_guard guard(fLock);
         if (step.result < 0) return;
@@ -121,10 +127,12 @@ protected:
 
     // Loses the power behind each change that `run` makes, with all that was not synced, nothing of it, and what chance
     // leaves. How many of the states of the disk did not hold?
-    int lose(const Files& files, const std::function<void()>& run, const std::function<bool(bool ended)>& holds) {
+    int lose(const Files& files, const std::function<void()>& run, const std::function<bool(bool ended)>& holds,
+             bool failsHeading = false) {
         constexpr int kChances = support::kSanitized ? 4 : 24;
         lay(files);
         ImaginedDisk disk(files);
+        disk.failsHeading = failsHeading;
         {
             const platform::faults::Installed installed(disk);
             run();
@@ -224,6 +232,14 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     EXPECT_EQ(lose(
                   old, [&] { interrupted(append); }, oldRows),
               0);
+
+    // An append that hears so late of a failing disk that its heading may have reached it is undone all the same.
+    const auto fail = [&] {
+        const core::Reader stream(fFile);
+        EXPECT_THAT(failureOf([&] { append.write(stream), stream->Close(); }), testing::HasSubstr(" errno 5 "));
+    };
+    const auto undone = [&](bool ended) { return allOrNothing(false) && (!ended || oldRows(true)); };
+    EXPECT_EQ(lose(old, fail, undone, true), 0);
 
     lay(old);
     const Files during = interrupted(append);

@@ -198,6 +198,17 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
              return support::joined(noise(10));
          },
          "rolled back"},
+        {"Bytes that no heading has are none that was torn",
+         [&] {
+             interrupt(fMore);
+             const Bytes side = support::readBytes(fSide);
+             EXPECT_EQ(orva::rollBack(fFile), orva::rollBackResult::rolledBack);
+             append(fFile, fMore);
+             support::overwriteBytes(fFile, kRow0, Bytes(kHeadingSize, 0x77));
+             support::writeBytes(fSide, side);
+             return Bytes();
+         },
+         "neither whole nor what the append has left"},
         {"13 planted by another user",
          [&] {
              interrupt(fMore);
