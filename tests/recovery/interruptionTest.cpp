@@ -129,7 +129,7 @@ protected:
     // leaves. How many of the states of the disk did not hold?
     int lose(const Files& files, const std::function<void()>& run, const std::function<bool(bool ended)>& holds,
              bool failsHeading = false) {
-        constexpr int kChances = support::kSanitized ? 4 : 24;
+        constexpr std::uint64_t kChances = support::kSanitized ? 4 : 24;
         lay(files);
         ImaginedDisk disk(files);
         disk.failsHeading = failsHeading;
@@ -143,7 +143,7 @@ protected:
         for (std::size_t count = 0; count <= disk.changes(); ++count) {
             const bool ended = count == disk.changes();
             for (const std::int64_t piece : {std::int64_t{512}, std::int64_t{4096}}) {
-                for (int chance = 0; chance < kChances + 2; ++chance) {
+                for (std::uint64_t chance = 0; chance < kChances + 2; ++chance) {
                     const std::uint64_t quarters = chance < 2 ? 4 * chance : 1 + chance % 3;
                     const Files state = disk.found(count, piece, quarters, random);
                     if (!ended && !seen.insert(state).second) continue;
