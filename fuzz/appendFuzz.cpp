@@ -76,7 +76,8 @@ private:
         const bool believed = soundFor([&] { result = orva::rollBack(name); });
         const bool ends = result == orva::rollBackResult::rolledBack || result == orva::rollBackResult::sideFileStale;
         require(isChanged || ends, "an interrupted append is rolled back, or had begun nothing");
-        if (!isChanged) return requireRestored();
+        // One that is whole as it stands may be longer: the copy can hold a block's end without its beginning.
+        if (result == orva::rollBackResult::rolledBack && !isChanged) return requireRestored();
         if (!believed) return requireLeft(during, side);
         require(result != orva::rollBackResult::nothingToDo, "a side file is something to do");
         if (result == orva::rollBackResult::sideFileStale) return requireLeft(during, {});

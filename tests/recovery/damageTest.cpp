@@ -502,9 +502,9 @@ TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
     // A right checksum does not make its numbers true: mark, row 0, old length, end of what was not touched, checksum
     // before it, heading, first record, last record.
     const std::pair<std::int64_t, std::int64_t> lies[] = {
-        {0, 7},     {8, 0},   {8, INT64_MAX}, {16, 40},        {24, kRow0 - 1}, {24, kRow0 + 24}, {24, INT64_MAX},
-        {32, 5},    {40, 12}, {48, -1},       {48, 1L << 40},  {56, 0},         {56, 48},         {56, INT64_MAX},
-        {64, -101}, {80, 3},  {112, 0},       {120, 1L << 40}, {128, 99}};
+        {0, 7},          {8, 0},     {8, INT64_MAX}, {16, 40}, {16, INT64_MIN}, {24, kRow0 - 1}, {24, kRow0 + 24},
+        {24, INT64_MAX}, {32, 5},    {40, 12},       {48, -1}, {48, 1L << 40},  {56, 0},         {56, 48},
+        {56, INT64_MAX}, {64, -101}, {80, 3},        {112, 0}, {120, 1L << 40}, {128, 99}};
     for (const auto& [at, value] : lies) {
         Bytes forged = support::slice(with(side, at, core::bytesOf(value)), 0, side.size() - 8);
         const auto sum = static_cast<std::int64_t>(crc32_z(0, forged.data(), forged.size()));

@@ -17,7 +17,7 @@ constexpr std::int64_t kLargestPlace = std::int64_t{1} << 62;
 
 bool canBeTrue(const compressionHeading& h, std::int64_t row0Pos, std::int64_t fileSize) {
     return row0Pos > 0 && row0Pos <= kLargestPlace && h._caseStartPos == row0Pos && breachOf(h) == nullptr &&
-           h._indexPos <= fileSize - h._size;
+           fileSize >= h._size && h._indexPos <= fileSize - h._size;
 }
 
 bool followEachOther(const compressionHeading& h, const std::vector<filePosRecord>& records) {

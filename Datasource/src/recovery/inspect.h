@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+class ORVA_File;
+
 namespace orva {
 
 struct foundPart {
