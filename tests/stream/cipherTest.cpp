@@ -211,6 +211,20 @@ TEST_F(Cipher, OtherObjectsHaveThePadOfZerosForDataAndPlainOnesTheCiphertext) {
     expectRead(0, 8192);
 }
 
+TEST_F(Cipher, APartOfABlockThatADeadProcessLeftIsNoDataAndGoesBeforeAGap) {
+    open("w+b");
+    write(0, 100);
+    fFile->FinishEncryption();
+    fFile->Close();
+    std::filesystem::resize_file(path("f"), 105);
+    fModel.bytes.resize(96);
+    fFile = new ORVA_File(true);
+    ASSERT_TRUE(fFile->Open(fName, "r+b"));
+    expectRead(0, 8192);
+    write(160, 20);
+    expectRead(0, 8192);
+}
+
 TEST_F(Cipher, ReadsAtOtherThanMultiplesOf16AreABreach) {
     const auto breach = testing::HasSubstr(
         "byteOffset%CIPHER_BLOCK_SIZE == 0 && byteSize%CIPHER_BLOCK_SIZE == 0 && \"byteOffset and byteSize shoule be "

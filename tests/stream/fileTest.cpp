@@ -106,6 +106,31 @@ TEST_F(File, FailedCloseIsThrownAndLeavesItOpenButADestructorLetsGo) {
     EXPECT_EQ(file.Read(bytes, 1, 9) + file.Write(bytes, 1, 9) + file.Size(), 0);
 }
 
+struct CallCount : platform::faults::Hook {
+    platform::faults::Verdict before(const platform::faults::Step&) override {
+        ++count;
+        return {};
+    }
+    int count = 0;
+};
+
+TEST_F(File, ATransferIsOneCallOfTheSystemAndAnEncipheredReadAsksForTheLengthToo) {
+    for (const bool enciphered : {false, true}) {
+        SetKeepEncrypt(enciphered);
+        ORVA_File own(true);
+        SetKeepEncrypt(false);
+        ASSERT_TRUE(open("blocks", own, "w+b"));
+        char block[16] = "";
+        own.Write(block, 16, 0);  // An enciphered file asks for its end once.
+        CallCount calls;
+        const platform::faults::Installed counting(calls);
+        for (int i = 0; i < 10; ++i) own.Write(block, 16, i % 3 * 16);
+        EXPECT_EQ(calls.count, 10);
+        for (int i = 0; i < 10; ++i) own.Read(block, 16, i % 3 * 16);
+        EXPECT_EQ(calls.count, enciphered ? 30 : 20);
+    }
+}
+
 TEST_F(File, BreachesOfACallersDutyEndTheProgram) {
     EXPECT_DEATH(ORVA_File copy(file), "file.cpp:[0-9]+: 0 && \"can't copy an ORVA_File\"\n");
     EXPECT_DEATH(file.Read(bytes, 0x80000000U, 0), "byteSize <= INT_MAX");
