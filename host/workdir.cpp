@@ -58,7 +58,7 @@ bool takeKeyIntoUse() {
     return true;
 }
 
-// Memory of a result, its room told in front of it.
+// Erases and frees `room` bytes from `memory` on, where the allocation of a result begins.
 void release(unsigned char* memory, std::size_t room) {
     OPENSSL_cleanse(memory, room);
     ::operator delete (memory, std::align_val_t{kAlignment});
