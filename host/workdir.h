@@ -19,6 +19,8 @@
 namespace workdir {
 
 // `inLen` is above 0 and a multiple of 16. *outData gets a new buffer, 64-byte aligned, of *outLen == inLen bytes.
+// A block of 16 zero bytes stands for a gap in a file and is read as zeros: a host's own cipher may give it for nothing
+// that it could not read back as zeros.
 ORVA_HOST_API int Encrypt(unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) noexcept;
 
 // Ends a run of Encrypt calls. No block waits for another here, so it always gives a null pointer and the count 0.

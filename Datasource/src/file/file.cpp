@@ -1,6 +1,6 @@
 #include "base/assertion.h"
+#include "base/fileError.h"
 #include "file/fileCipher.h"
-#include "file/fileCodes.h"
 #include "file/namedFile.h"
 
 #include <orva/platform.h>

@@ -1,6 +1,6 @@
 #include "file/fileCipher.h"
 
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 
 #include <orva/platform.h>
 #include <orva/workdir.h>

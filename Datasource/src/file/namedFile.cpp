@@ -1,18 +1,10 @@
 #include "file/namedFile.h"
 
-#include "file/fileCodes.h"
-
-#include <orva/errtext.h>
 #include <orva/platform.h>
 
 #include <cerrno>
 
 namespace orva {
-
-void throwFileError(int error, long code, const std::string& name) {
-    platform::setErrno(error);
-    ThrowError::StringSys("datasrc.err", code, name.c_str());
-}
 
 void throwClosed(const ORVA_File& file, long code) {
     throwFileError(file.OpenErrno() != 0 ? file.OpenErrno() : EBADF, code, file.GetNameStr().GetGeneric());

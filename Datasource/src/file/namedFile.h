@@ -1,15 +1,13 @@
-// How every FileError of the library is raised, and opening a file by its name, for what works on files beside a
-// stream's own.
+// Opening a file by its name, for what works on files beside a stream's own.
 #pragma once
+
+#include "base/fileError.h"
 
 #include <orva/file.h>
 
 #include <string>
 
 namespace orva {
-
-// Throws FileError with this errno and code. The codes: fileCodes.h.
-[[noreturn]] void throwFileError(int error, long code, const std::string& name);
 
 // For a file that is not open: with the errno of the Open that failed, or EBADF where somebody has closed it since.
 [[noreturn]] void throwClosed(const ORVA_File& file, long code);

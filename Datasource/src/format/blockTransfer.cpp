@@ -1,7 +1,7 @@
 #include "format/blockTransfer.h"
 
 #include "base/assertion.h"
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 
 #include <orva/blockSize.h>

@@ -1,6 +1,6 @@
 #include "format/indexTransfer.h"
 
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
 

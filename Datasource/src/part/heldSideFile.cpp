@@ -1,10 +1,9 @@
 #include "part/heldSideFile.h"
 
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 
 #include <orva/errors.h>
-#include <orva/errtext.h>
 #include <orva/platform.h>
 #include <orva/platformOwner.h>
 #include <orva/sideFile.h>
@@ -107,9 +106,9 @@ bool heldSideFile::isTrusted() const {
 
 void heldSideFile::requireTrusted() const {
     if (isTrusted()) return;
-    throw FileError(EPERM, "datasrc.err", kReadFailed, fName.c_str())
-        .withOutcome("somebody who may not write \"" + fDataName +
-                     "\" may have made it: remove it, or give it to the owner of that file if it is no forgery");
+    throwFileError(EPERM, kReadFailed, fName,
+                   "somebody who may not write \"" + fDataName +
+                       "\" may have made it: remove it, or give it to the owner of that file if it is no forgery");
 }
 
 fileBytes heldSideFile::read(std::int64_t longest) const {

@@ -1,6 +1,6 @@
 #include "part/savedTail.h"
 
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "format/blockTransfer.h"
 #include "format/indexTransfer.h"
 
@@ -131,8 +131,8 @@ void savedTail::commit() {
 void refuseSideFile(const std::string& dataName) {
     const std::string name = sideFileName(dataName);
     if (!platform::isNameTaken(name.c_str())) return;
-    throw FileError(EEXIST, "datasrc.err", kWriteFailed, name.c_str())
-        .withOutcome("an append to \"" + dataName + "\" was interrupted and has to be rolled back first");
+    throwFileError(EEXIST, kWriteFailed, name,
+                   "an append to \"" + dataName + "\" was interrupted and has to be rolled back first");
 }
 
 void dropSideFile(ORVA_File& file) {

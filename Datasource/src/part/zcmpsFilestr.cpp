@@ -1,12 +1,11 @@
 // The life of a compressed stream: what may be called when, and what becomes of a failure. The work is partWriter's and
 // partReader's.
 #include "base/assertion.h"
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "format/indexTransfer.h"
 #include "part/partReader.h"
 #include "part/partWriter.h"
 
-#include <orva/errtext.h>
 #include <orva/zcmpsFilestr.h>
 
 #include <cerrno>
@@ -150,8 +149,7 @@ void zcmpsFilestr::refuseWithWorker() const {
 // Blocks and heading stand at any offset, the cipher's data only at multiples of 16.
 void zcmpsFilestr::refuseEncrypted(long code) {
     if (!fData->pRealFile.IsEncrypted()) return;
-    throw FileError(ENOTSUP, "datasrc.err", code, Name())
-        .withOutcome("compressed rows cannot stand in an enciphered file");
+    orva::throwFileError(ENOTSUP, code, Name(), "compressed rows cannot stand in an enciphered file");
 }
 
 // The descriptor that the dictionary part was written or read through is closed first, so a stream that shares the

@@ -1,5 +1,5 @@
 #include "base/blockBuffer.h"
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
 #include "format/indexTransfer.h"

@@ -1,9 +1,8 @@
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
 
 #include <orva/errors.h>
-#include <orva/errtext.h>
 #include <orva/join.h>
 #include <orva/platform.h>
 #include <orva/platformOwner.h>
@@ -58,8 +57,8 @@ private:
                                             "\" have different byte orders");
             }
             if (platform::sameFile(input.name.c_str(), output.c_str())) {
-                throw FileError(EINVAL, "datasrc.err", kWriteFailed, output.c_str())
-                    .withOutcome("joined rows go to another file than the ones that they come from");
+                throwFileError(EINVAL, kWriteFailed, output,
+                               "joined rows go to another file than the ones that they come from");
             }
             refuseInterrupted(input.name);
             finishedPart part(input.name, input.part);

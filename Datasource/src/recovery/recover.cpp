@@ -1,12 +1,11 @@
 // Rebuilding a finished file from a damaged or unfinished one.
 #include "base/blockBuffer.h"
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 #include "recovery/partSurvey.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
-#include <orva/errtext.h>
 #include <orva/filestr.h>
 #include <orva/inspect.h>
 #include <orva/platform.h>
@@ -37,8 +36,7 @@ void copyDictionary(ORVA_File& from, ORVA_FileStream& to, std::int64_t size) {
 // Never in place: opening the output for writing would empty the input.
 void makeOutput(const std::string& input, const std::string& output) {
     if (platform::sameFile(input.c_str(), output.c_str())) {
-        throw FileError(EINVAL, "datasrc.err", kWriteFailed, output.c_str())
-            .withOutcome("recovered rows go to another file than the damaged one");
+        throwFileError(EINVAL, kWriteFailed, output, "recovered rows go to another file than the damaged one");
     }
     ORVA_File file;
     openOrThrow(file, output, "w+b", kWriteFailed);

@@ -1,7 +1,7 @@
 // What an interrupted safe append has left: undone, taken for what it has become, or refused. Rows that anybody has
 // finished are never undone; docs/recovery.md, "Roll-back", has the rules.
 #include "base/blockBuffer.h"
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
 #include "format/indexTransfer.h"

@@ -1,0 +1,15 @@
+// How every FileError of the library is raised, and the codes of the catalog "datasrc.err" that it is raised with.
+#pragma once
+
+#include <string>
+
+inline constexpr long kWriteFailed = 1002;  // writing and closing
+inline constexpr long kReadFailed = 1003;
+
+namespace orva {
+
+// `error` is an errno, 0 where the cause is not known. `outcome`: what became of the file, or what to do about it.
+[[noreturn]] void throwFileError(int error, long code, const std::string& name);
+[[noreturn]] void throwFileError(int error, long code, const std::string& name, const std::string& outcome);
+
+}  // namespace orva
