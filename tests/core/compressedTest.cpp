@@ -60,7 +60,9 @@ TEST_P(CompressedWrite, MakesTheseBlocks) {
         {"FlushesInMidWrite", {kFlush, 10, kFlush, kFlush, 20, 5, kFlush, 1}, {10, 25, 1}},
     };
     const Bytes all = support::RandomBytes(21).rows(3 * kBlock);
-    for (const auto& c : cases) {
+    const std::function<void(zcmpsFilestr&, const Bytes&)> ways[] = {write, writeInPlace, writeFrom};
+    for (std::size_t i = 0; i < std::size(cases) * std::size(ways); ++i) {
+        const auto& c = cases[i / std::size(ways)];
         SCOPED_TRACE(c.name);
         const auto stream = started();
         std::int64_t at = 0;
@@ -69,7 +71,8 @@ TEST_P(CompressedWrite, MakesTheseBlocks) {
                 EXPECT_EQ(stream->Flush(), 1);
                 continue;
             }
-            EXPECT_EQ(stream->Write(all.data() + at, static_cast<std::uint32_t>(step)), step);
+            const auto size = static_cast<std::size_t>(step);
+            ways[i % std::size(ways)](*stream, support::slice(all, static_cast<std::size_t>(at), size));
             at += step;
             EXPECT_EQ(stream->Tell(), kRow0 + at);
         }
@@ -98,6 +101,9 @@ TEST_P(CompressedWrite, BreachesEndInAssertions) {
     EXPECT_ASSERTION((stream->Seek(1, ORVA_StrBaseIO::SeekFromStart), stream->Write("x", 1)),
                      "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && "
                      "\"Jumped write in zcmpsFilestr::Data::Write\"");
+    EXPECT_ASSERTION((stream->Flush(), stream->wrote(1)), "count <= availBuffSize");
+    EXPECT_ASSERTION(stream->wrote(static_cast<std::uint32_t>(stream->room().size() + 1)), "count <= availBuffSize");
+    EXPECT_ASSERTION(stream->writeFrom({}, -1), "size >= 0");
     if (GetParam() == 1) EXPECT_ASSERTION(stream->setMultiThread(0), "fData->fpIOThread == 0");
     EXPECT_EQ(stream->Close(), 1);
     EXPECT_ASSERTION(stream->Write("x", 1), "fData->bClosed == false");
@@ -131,6 +137,16 @@ TEST_P(CompressedWrite, StatesAfterTheEnd) {
              s.Close();
          },
          full, full, "0", false},
+        {"ASourceOfRowsThatFails",
+         [&](zcmpsFilestr& s) {
+             const auto source = [](std::int64_t offset, std::span<unsigned char>) {
+                 if (offset > kBlock) throw std::runtime_error("no rows");
+             };
+             EXPECT_EQ(failureOf([&] { s.writeFrom(source, 3 * kBlock); }), "other no rows");
+             EXPECT_EQ(s.Tell(), kRow0 + 10);
+             s.Close();
+         },
+         "other no rows", "other no rows", "0", false},
         {"NotReopened", [&](zcmpsFilestr& s) { std::filesystem::remove(fName), s.Close(); }, lost, lost, "1", true},
     };
     for (const auto& c : cases) {

@@ -80,6 +80,12 @@ public:
           }) {}
     unsigned char* room() override { return (*fWorker).lendRows(); }
     void put(const unsigned char* rows, std::uint32_t size) override { (*fWorker).putBlock(rows, size, 0); }
+    bool putFrom(const rowSource& source, std::int64_t offset, std::uint32_t size) override {
+        return (*fWorker).putFrom(source, offset, size);
+    }
+    void awaitRows() override {
+        if (Worker* worker = fWorker.get()) worker->awaitRows();
+    }
     void end(bool drop) override {
         Worker* worker = fWorker.get();
         if (worker == nullptr) return;

@@ -9,7 +9,9 @@
 #include "base/blockBuffer.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <span>
 
 class ORVA_File;
 class filePosInfo;
@@ -25,6 +27,9 @@ struct roads {
 // The threads that a stream has made.
 enum class atWork : std::uint8_t { none, one, several };
 
+// Fills all of `to` with the rows at that offset of a source, or throws. Called on several threads at once.
+using rowSource = std::function<void(std::int64_t offset, std::span<unsigned char> to)>;
+
 // Deflates, writes and records blocks in the order in which they come.
 class blockSink {
 public:
@@ -33,6 +38,10 @@ public:
     virtual unsigned char* room() { return nullptr; }
     // Takes the next block. `rows` is free again at return; what stands in room() is not copied.
     virtual void put(const unsigned char* rows, std::uint32_t size) = 0;
+    // Takes the next block, whose rows a thread of the sink will get from there; false from one without such threads.
+    virtual bool putFrom(const rowSource&, std::int64_t, std::uint32_t) { return false; }
+    // Until no thread asks a source of putFrom any more. Throws if one has failed.
+    virtual void awaitRows() {}
     // Once, and nothing after it: every block is in the file and in the index on return, or, with `drop`, what had not
     // begun is given up. Throws a failure that no call has thrown, unless it is to drop.
     virtual void end(bool drop) = 0;

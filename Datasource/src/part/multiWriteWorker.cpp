@@ -4,6 +4,7 @@
 
 #include <orva/zlibCompress.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -26,13 +27,20 @@ PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index
 }
 
 unsigned char* PreIOThread_Multi_W_C::lendRows() {
-    if (!isMakers()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
     guard lock = locked();
-    while (fFilled - fWritten == fSlots.size()) {
-        if (!bCallerHelps || !takeBlock(lock)) await(lock);
-    }
+    return freeSlot(lock).rows.get();
+}
+
+// The next block's, once it is free.
+PreIOThread_Multi_W_C::slot& PreIOThread_Multi_W_C::freeSlot(guard& lock) {
+    if (!isMakers()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
+    while (fFilled - fWritten == fSlots.size()) helpOrAwait(lock);
     if (fFailure != nullptr) std::rethrow_exception(fFailure);
-    return at(fFilled).rows.get();
+    return at(fFilled);
+}
+
+void PreIOThread_Multi_W_C::helpOrAwait(guard& lock) {
+    if (!bCallerHelps || !takeBlock(lock)) await(lock);
 }
 
 std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t size, std::int64_t) {
@@ -43,10 +51,30 @@ std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t 
     unsigned char* rows = lendRows();
     if (buffer != rows) std::memcpy(rows, buffer, size);
     const guard lock = locked();
-    at(fFilled).size = size;
+    handOver(at(fFilled), size);
+    return size;
+}
+
+void PreIOThread_Multi_W_C::handOver(slot& block, std::uint32_t size) {
+    block.size = size;
     ++fFilled;
     tellThread();
-    return size;
+}
+
+bool PreIOThread_Multi_W_C::putFrom(const orva::rowSource& source, std::int64_t offset, std::uint32_t size) {
+    guard lock = locked();
+    slot& block = freeSlot(lock);
+    block.source = &source;
+    block.offset = offset;
+    handOver(block, size);
+    return true;
+}
+
+void PreIOThread_Multi_W_C::awaitRows() {
+    guard lock = locked();
+    const auto needsSource = [](const slot& block) { return block.source != nullptr; };
+    while (std::any_of(fSlots.begin(), fSlots.end(), needsSource)) helpOrAwait(lock);
+    if (fFailure != nullptr) std::rethrow_exception(fFailure);
 }
 
 void PreIOThread_Multi_W_C::drop() {
@@ -76,6 +104,7 @@ bool PreIOThread_Multi_W_C::takeBlock(guard& lock) {
     if (fTaken == fFilled) return false;
     slot& block = at(fTaken++);
     if (fFailure == nullptr && !bDropping) {
+        getRows(lock, block);
         lock.unlock();
         deflate(block);
         lock.lock();
@@ -85,7 +114,22 @@ bool PreIOThread_Multi_W_C::takeBlock(guard& lock) {
     return true;
 }
 
+// A source that fails stays with its block until it is the block's turn to be written.
+void PreIOThread_Multi_W_C::getRows(guard& lock, slot& block) {
+    if (block.source == nullptr) return;
+    lock.unlock();
+    try {
+        (*block.source)(block.offset, {block.rows.get(), block.size});
+    } catch (...) {
+        block.failure = std::current_exception();
+    }
+    lock.lock();
+    if (block.failure == nullptr) block.source = nullptr;
+    tellCaller();
+}
+
 void PreIOThread_Multi_W_C::deflate(slot& block) {
+    if (block.failure != nullptr) return;
     zlibCompressBlock codec;
     try {
         block.result = orva::deflateBlock(codec, block.rows.get(), block.size, block.scratch.get());
@@ -107,6 +151,7 @@ void PreIOThread_Multi_W_C::writeInOrder(guard& lock) {
             fFailure = block.failure;
         }
         block.failure = nullptr;
+        block.source = nullptr;
         block.bDeflated = false;
         ++fWritten;
         tellCaller();

@@ -5,7 +5,6 @@
 #include <orva/errors.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <utility>
 
@@ -25,8 +24,19 @@ void partReader::remake(const roads& taken, std::uint32_t cachedBlocks) {
     fCachedBlocks = cachedBlocks;
 }
 
-std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64_t size) {
+// A block that is not what its record says may be another process's doing.
+template <class Steps>
+auto partReader::guarded(Steps steps) {
     try {
+        return steps();
+    } catch (const DamagedFileError& damage) {
+        if (changedSince(fFile, fHeading, bSwap, fIndex)) throw FileChangedError(damage);
+        throw;
+    }
+}
+
+std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64_t size) {
+    return guarded([&] {
         std::uint64_t done = 0;
         while (done < size) {
             const std::uint64_t count = readOn(pos, to + done, size - done);
@@ -35,34 +45,52 @@ std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64
             pos += static_cast<std::int64_t>(count);
         }
         return done;
-    } catch (const DamagedFileError& damage) {
-        if (changedSince(fFile, fHeading, bSwap, fIndex)) throw FileChangedError(damage);
-        throw;
-    }
+    });
 }
 
-// What the block at `pos` has of them, 0 where there is none.
+std::span<const unsigned char> partReader::lend(std::int64_t& pos, std::uint64_t size) {
+    return guarded([&] {
+        if (const std::optional<std::uint32_t> number = blockToLoad(pos)) hold(*number);
+        const std::span<const unsigned char> rows = held(pos, size);
+        pos += std::ssize(rows);
+        return rows;
+    });
+}
+
+// What the block at `pos` has of them, 0 where there is none. Blocks that the request covers go straight into the
+// caller's memory. Its last one does not: it stays in hand, so that a small step back costs no file access.
 std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint64_t size) {
-    if (!holds(pos)) {
-        fBuffer = nullptr;
-        if (fSource == nullptr) remake(fTaken, fCachedBlocks);
-        const std::optional<std::uint32_t> number = numberAt(pos);
-        if (!number) return 0;
+    if (const std::optional<std::uint32_t> number = blockToLoad(pos)) {
         const filePosRecord& record = fIndex.parsed(*number);
         const auto whole = static_cast<std::uint64_t>(record.orginalSize);
-        // Blocks that the request covers go straight into the caller's memory. Its last one does not: it stays in
-        // hand, so that a small step back costs no file access.
         if (record.orginalPos == pos && whole < size) {
             fSource->read(*number, to);
             return whole;
         }
-        fBuffer = fSource->lend(*number);
-        fpos = record.orginalPos;
-        fSize = record.orginalSize;
+        hold(*number);
     }
-    const std::uint64_t count = std::min(size, static_cast<std::uint64_t>(fpos + fSize - pos));
-    std::memcpy(to, fBuffer + (pos - fpos), count);
-    return count;
+    const std::span<const unsigned char> rows = held(pos, size);
+    std::copy(rows.begin(), rows.end(), to);
+    return rows.size();
+}
+
+// None if the one in hand has the position, or no block has.
+std::optional<std::uint32_t> partReader::blockToLoad(std::int64_t pos) {
+    if (holds(pos)) return std::nullopt;
+    fBuffer = nullptr;
+    if (fSource == nullptr) remake(fTaken, fCachedBlocks);
+    return numberAt(pos);
+}
+
+void partReader::hold(std::uint32_t number) {
+    fBuffer = fSource->lend(number);
+    fpos = fIndex.parsed(number).orginalPos;
+    fSize = fIndex.parsed(number).orginalSize;
+}
+
+std::span<const unsigned char> partReader::held(std::int64_t pos, std::uint64_t size) const {
+    if (!holds(pos)) return {};
+    return {fBuffer + (pos - fpos), std::min(size, static_cast<std::uint64_t>(fpos + fSize - pos))};
 }
 
 std::optional<std::uint32_t> partReader::numberAt(std::int64_t pos) const {

@@ -105,6 +105,22 @@ void partWriter::write(const unsigned char* rows, std::uint64_t size) {
     });
 }
 
+void partWriter::writeFrom(const rowSource& source, std::int64_t size) {
+    guarded([&] {
+        for (std::int64_t done = 0; done < size;) {
+            std::int64_t count = fBlockLength;
+            if (size - done < count || !sendFrom(source, done)) {
+                const std::span<unsigned char> to = room();
+                count = std::min<std::int64_t>(std::ssize(to), size - done);
+                source(done, to.first(static_cast<std::size_t>(count)));
+                wrote(static_cast<std::uint32_t>(count));
+            }
+            done += count;
+        }
+        fSink->awaitRows();
+    });
+}
+
 std::span<unsigned char> partWriter::room() {
     if (fBuffer == nullptr) guarded([this] { fBuffer = fSink->room(); });
     if (fBuffer == nullptr) fBuffer = ownRoom();
@@ -119,7 +135,7 @@ unsigned char* partWriter::ownRoom() {
 }
 
 void partWriter::wrote(std::uint32_t count) {
-    ORVA_ASSERT(count <= availBuffSize, "count <= availBuffSize");
+    ORVA_ASSERT(fBuffer != nullptr && count <= availBuffSize, "count <= availBuffSize");
     availBuffSize -= count;
     if (availBuffSize == 0) flush();
 }
@@ -136,6 +152,18 @@ void partWriter::endBlock() {
 void partWriter::send(const unsigned char* rows, std::uint32_t size) {
     endFormerLife();
     fSink->put(rows, size);
+    sent(size);
+}
+
+// A whole block, if the sink has threads that get its rows. Not the first one of a part: nothing of a former life may
+// go before there are rows.
+bool partWriter::sendFrom(const rowSource& source, std::int64_t offset) {
+    if (bNewPart || availBuffSize != fBlockLength || !fSink->putFrom(source, offset, fBlockLength)) return false;
+    sent(fBlockLength);
+    return true;
+}
+
+void partWriter::sent(std::uint32_t size) {
     fTransferEnd = 0;
     fpos += size;
     fBuffer = nullptr;

@@ -53,6 +53,8 @@ public:
     // Logical position behind the rows.
     std::int64_t end() const { return fpos + (fBlockLength - availBuffSize); }
     void write(const unsigned char* rows, std::uint64_t size);
+    // The first `size` rows of a source, which is asked for nothing any more when this returns or throws.
+    void writeFrom(const rowSource& source, std::int64_t size);
     // Room for the next rows, to be filled in place: at least one byte, until the next call. `wrote` takes the first
     // `count` bytes of it.
     std::span<unsigned char> room();
@@ -82,6 +84,8 @@ private:
     unsigned char* ownRoom();
     void endBlock();
     void send(const unsigned char* rows, std::uint32_t size);
+    bool sendFrom(const rowSource& source, std::int64_t offset);
+    void sent(std::uint32_t size);
     void endFormerLife();
     void commit(bool durable);
     compressionHeading writeIndex();

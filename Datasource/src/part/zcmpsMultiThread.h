@@ -10,6 +10,7 @@
 #include "base/blockBuffer.h"
 #include "format/blockTransfer.h"
 #include "format/filePosInfo.h"
+#include "part/blockRoads.h"
 #include "worker/preIOThread.h"
 
 #include <orva/file.h>
@@ -27,6 +28,8 @@
 //    it.
 // M4 The end request (size 0) comes once and last; it returns when every block is in the file and in the index.
 // M5 After drop(), at any moment, no further block is deflated or written.
+// M6 Rows of a source are got by the thread that deflates them, so they come from its own cache. No source is asked any
+//    more when awaitRows returns, or the end request.
 class PreIOThread_Multi_W_C final : public writingWorker<PreIOThreadSeveral> {
 public:
     PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
@@ -36,6 +39,9 @@ public:
     // kept failure, as putBlock does.
     unsigned char* lendRows();
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
+    // A block whose rows stand at that offset of the source. Always true.
+    bool putFrom(const orva::rowSource& source, std::int64_t offset, std::uint32_t size);
+    void awaitRows();
     std::int32_t writeLoopStep() override;
     void drop();
 
@@ -44,14 +50,20 @@ private:
         orva::blockBuffer rows;
         orva::blockBuffer scratch;
         std::uint32_t size = 0;
+        const orva::rowSource* source = nullptr;  // its rows are still to be got from there, or that has failed
+        std::int64_t offset = 0;
         orva::deflatedBlock result{};
         std::exception_ptr failure;
         bool bDeflated = false;
     };
 
     slot& at(std::uint64_t number) { return fSlots[number % fSlots.size()]; }
+    slot& freeSlot(guard& lock);
+    void handOver(slot& block, std::uint32_t size);
+    void helpOrAwait(guard& lock);
     void endLoops();
     bool takeBlock(guard& lock);
+    void getRows(guard& lock, slot& block);
     void deflate(slot& block);
     void writeInOrder(guard& lock);
     void writeOut(slot& block);

@@ -12,6 +12,7 @@
 
 #include "base/blockBuffer.h"
 #include "format/filePosInfo.h"
+#include "part/blockRoads.h"
 #include "worker/preIOThread.h"
 #include "worker/readAheadSlot.h"
 
@@ -64,6 +65,8 @@ public:
     void drop() { bDropped = true; }
     // Its caller fills memory of his own.
     static unsigned char* lendRows() { return nullptr; }
+    static bool putFrom(const orva::rowSource&, std::int64_t, std::uint32_t) { return false; }
+    static void awaitRows() {}
 
 private:
     void writeOut();
