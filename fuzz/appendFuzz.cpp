@@ -17,6 +17,8 @@ public:
         auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"));
         stream->setSafeAppend(way < 2 || steps.ConsumeBool());
         stream->setThreadCount(steps.ConsumeIntegralInRange(0, 15) == 0 ? 2 : 0);
+        stream->setBlockLength(blockLength);
+        stream->setCompressionLevel(steps.ConsumeIntegralInRange(1, zcmpsFilestr::bestCompressionLevel()));
         if (!soundFor([&] { stream->readFilePosInfo(kRow0, swap); })) return;
         const std::int64_t from = old.end - chooseCut();
         stream->Seek(from, ORVA_StrBaseIO::SeekFromStart);
@@ -110,7 +112,8 @@ private:
 
     const std::string sideName = orva::sideFileName(name);
     const Part old{file, kRow0, swap};
-    const bool lastIsShort = !old.blocks.empty() && old.blocks.back().record.orginalSize < std::int32_t{kBlockSize};
+    const std::int32_t blockLength = steps.ConsumeIntegralInRange<std::int32_t>(kShortestBlockLength, kBlockSize);
+    const bool lastIsShort = !old.blocks.empty() && old.blocks.back().record.orginalSize < blockLength;
 };
 
 }  // namespace

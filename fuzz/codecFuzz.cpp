@@ -44,9 +44,10 @@ Bytes rowsOfWhole(const unsigned char* stream, std::uint32_t length) {
 // Of a block that deflate cannot fit, both halves do. Gives the streams.
 Bytes deflateRoundTrip(const Bytes& block) {
     zlibCompressBlock codec;
+    const auto level = static_cast<std::int32_t>(1 + block.size() % zlibCompressBlock::bestLevel());
     orva::deflatedBlock made{};
     const Bytes streams = filled(orva::deflateRoom(), [&](unsigned char* to) {
-        made = orva::deflateBlock(codec, block.data(), sizeOf(block), to);
+        made = orva::deflateBlock(codec, level, block.data(), sizeOf(block), to);
         return made.length + made.secondLength;
     });
     require(orva::isBlockSize(made.length) && made.secondLength <= kBlockSize, "a stream fits a block");

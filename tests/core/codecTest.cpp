@@ -1,5 +1,6 @@
 // The two block codecs: what comes back for whole, damaged, cut and misused blocks.
 #include "coreTest.h"
+#include "support/secondReader.h"
 
 #include <orva/lz4Compress.h>
 #include <orva/zlibCompress.h>
@@ -12,11 +13,11 @@ namespace {
 const Bytes kRows = support::RandomBytes(7).rows(100'000);
 const Bytes kNoise = support::RandomBytes(8).noise(kBlock);
 
-Bytes deflated(const Bytes& rows) {
+Bytes deflated(const Bytes& rows, int level = 1) {
     const auto size = static_cast<std::uint32_t>(rows.size());
     Bytes out(zlibCompressBlock::compressRoom(size));
     const blockOutcome outcome =
-        zlibCompressBlock().deflateWhole(rows.data(), size, out.data(), static_cast<std::uint32_t>(out.size()));
+        zlibCompressBlock().deflateWhole(rows.data(), size, out.data(), static_cast<std::uint32_t>(out.size()), level);
     EXPECT_EQ(outcome.end, blockOutcome::complete);
     out.resize(outcome.produced);
     return out;
@@ -58,6 +59,20 @@ TEST(ZlibCodec, AnswersByTheBytesProduced) {
     }
     std::uint32_t none = 0;
     EXPECT_ASSERTION(zlibCompressBlock().compressBlock(nullptr, 0, nullptr, none), "souce||dest||outCount||inCount");
+}
+
+TEST(ZlibCodec, EveryLevelMakesOneStreamThatAnyReaderTakes) {
+    for (int level = 1; level <= zlibCompressBlock::bestLevel(); ++level) {
+        SCOPED_TRACE(level);
+        for (const Bytes& rows : {kRows, support::slice(kNoise, 0, 300'000), Bytes(kBlock), Bytes(1, 'x')}) {
+            const Bytes packed = deflated(rows, level);
+            const support::Inflated back = support::byZlib(packed.data(), packed.size());
+            EXPECT_TRUE(back.whole && back.taken == std::ssize(packed) && back.rows == rows);
+            EXPECT_EQ(packed[0], 0x78);
+        }
+    }
+    EXPECT_LT(deflated(kRows, zlibCompressBlock::bestLevel()).size(), deflated(kRows, 2).size());
+    EXPECT_LT(deflated(kRows, 2).size(), deflated(kRows).size());
 }
 
 TEST(ZlibCodec, TellsHowTheStreamEnded) {

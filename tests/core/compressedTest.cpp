@@ -83,11 +83,79 @@ TEST_P(CompressedWrite, MakesTheseBlocks) {
     }
 }
 
-TEST_P(CompressedWrite, CutsABlockThatDeflateCannotFit) {
+// A new part and an append to it; 0: nothing is chosen.
+TEST_P(CompressedWrite, FullBlocksHaveTheLengthThatWasChosen) {
+    constexpr std::int64_t least = 65'536;
+    const struct {
+        const char* name;
+        std::int64_t length, rows, appendLength, added;
+        std::vector<std::int32_t> sizes;
+    } cases[] = {
+        {"TheLeast", least, 200'000, least, 70'000, {least, least, least, least, 7'856}},
+        {"TheMost", kBlock, kBlock + 1, kBlock, 9, {kBlock, 10}},
+        {"AnyOther", 100'001, 200'003, 100'001, 0, {100'001, 100'001, 1}},
+        {"AnAppendChoosesForItself", least, 70'000, 0, kBlock, {least, kBlock, 4'464}},
+        {"TheLastBlockIsLonger", 0, 300'000, least, 65'537, {300'000, least, 1}},
+        {"TheLastBlockIsAsLong", 0, least, least, 1, {least, 1}},
+        {"TheLastBlockIsShorter", 0, 5, least, least, {least, 5}},
+    };
+    const Bytes all = support::RandomBytes(23).rows(2 * kBlock);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto made = freshStream(fName, GetParam());
+        if (c.length != 0) made->setBlockLength(c.length);
+        beginRows(*made);
+        write(*made, support::slice(all, 0, static_cast<std::size_t>(c.rows)));
+        EXPECT_EQ(made->Close(), 1);
+        const Reader added(fName, GetParam() == 1 ? 0 : GetParam(), kRow0);
+        if (c.appendLength != 0) added->setBlockLength(c.appendLength);
+        added->Seek(kRow0 + c.rows, ORVA_StrBaseIO::SeekFromStart);
+        added->setFileToAppend(kRow0 + c.rows, false);
+        write(*added, support::slice(all, static_cast<std::size_t>(c.rows), static_cast<std::size_t>(c.added)));
+        EXPECT_EQ(added->Close(), 1);
+        const Bytes rows = support::slice(all, 0, static_cast<std::size_t>(c.rows + c.added));
+        expectFinished(support::readBytes(fName), rows, c.sizes);
+        EXPECT_TRUE(support::sameBytes(Reader(fName, 2, kRow0).read(rows.size() + 1), rows));
+    }
+}
+
+TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
+    const std::string length = "other the length of a block is 65536 to 4190208, ";
+    const std::string level =
+        "other a compression level is 1 to " + std::to_string(zcmpsFilestr::bestCompressionLevel()) + ", ";
+    const auto refused = [&](zcmpsFilestr& stream, std::int64_t bytes, std::int32_t number, const std::string& why) {
+        EXPECT_EQ(failureOf([&] { stream.setBlockLength(bytes); }),
+                  length + (why.empty() ? "not " + std::to_string(bytes) : why));
+        EXPECT_EQ(failureOf([&] { stream.setCompressionLevel(number); }),
+                  level + (why.empty() ? "not " + std::to_string(number) : why));
+    };
+    const auto stream = freshStream(fName, GetParam());
+    stream->setBlockLength(70'000);
+    for (const auto& [bytes, number] : {std::pair<std::int64_t, std::int32_t>{65'535, 0},
+                                        {kBlock + 1, zcmpsFilestr::bestCompressionLevel() + 1},
+                                        {-1, -1},
+                                        {INT64_MAX, INT32_MAX}})
+        refused(*stream, bytes, number, "");
+    beginRows(*stream);
+    refused(*stream, kBlock, 2, "and is chosen before the stream writes");
+    const Bytes rows(100'000, 'x');
+    write(*stream, rows);
+    refused(*stream, 0, 0, "and is chosen before the stream writes");
+    EXPECT_EQ(stream->Close(), 1);
+    expectFinished(support::readBytes(fName), rows, {70'000, 30'000});
+}
+
+TEST_P(CompressedWrite, CutsABlockThatDeflateCannotFitAtAnyLevel) {
     support::RandomBytes random(22);
     const Bytes rows = joined({random.noise(kBlock), random.rows(5'000)});
-    write(*started(), rows);
-    expectFinished(support::readBytes(fName), rows, {kBlock / 2, kBlock / 2, 5'000});
+    for (const int level : {1, 2, 6, zcmpsFilestr::bestCompressionLevel()}) {
+        const auto stream = freshStream(fName, GetParam());
+        stream->setCompressionLevel(level);
+        beginRows(*stream);
+        write(*stream, rows);
+        EXPECT_EQ(stream->Close(), 1);
+        expectFinished(support::readBytes(fName), rows, {kBlock / 2, kBlock / 2, 5'000});
+    }
     EXPECT_TRUE(support::sameBytes(Reader(fName, 2, kRow0).read(rows.size()), rows));
 }
 

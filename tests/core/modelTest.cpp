@@ -161,6 +161,14 @@ class CompressedModel : public Model {
 protected:
     static constexpr int kRoads[] = {0, 1, 2, kOneOfSeveral, kTwo, kSeveral};
 
+    // Gives the length of full blocks.
+    static std::int64_t choose(support::RandomBytes& random, zcmpsFilestr& stream) {
+        if (random.oneIn(3)) stream.setCompressionLevel(static_cast<std::int32_t>(random.between(1, 9)));
+        if (random.oneIn(2)) return kBlock;
+        const std::int64_t length = random.oneIn(3) ? 65'536 : random.between(65'536, kBlock);
+        stream.setBlockLength(length);
+        return length;
+    }
     void writeSome(support::RandomBytes& random, zcmpsFilestr& stream) {
         for (std::uint64_t i = random.below(30); i > 0; --i, ++fOperations) {
             const Bytes rows = someRows(random, random.oneIn(9) ? 0 : anySize(random));
@@ -178,7 +186,9 @@ protected:
         EXPECT_TRUE(random.oneIn(3) || (stream.Close() == 1 && stream.Close() == 1));
     }
     void makeAnew(support::RandomBytes& random, int road) {
-        const auto stream = startedWriter(fName, road == 2 ? 0 : road);
+        const auto stream = freshStream(fName, road == 2 ? 0 : road);
+        choose(random, *stream);
+        beginRows(*stream);
         fRows.clear();
         writeSome(random, *stream);
         finish(random, *stream);
@@ -186,11 +196,12 @@ protected:
     void append(support::RandomBytes& random, int road) {
         const Bytes file = support::readBytes(fName);
         const std::vector<filePosRecord> records = Layout(file).records;
-        const bool cuts = !records.empty() && records.back().orginalSize < kBlock && random.oneIn(2);
         const Bytes before = fRows;
         const bool swap = random.oneIn(3);
         if (swap) support::writeBytes(fName, swapped(file));
         const Reader stream(fName, road == 1 || road > 100 ? road : 0, kRow0, swap);
+        const std::int64_t length = choose(random, *stream);
+        const bool cuts = !records.empty() && records.back().orginalSize < length && random.oneIn(2);
         if (cuts) fRows.resize(fRows.size() - random.below(static_cast<std::uint64_t>(records.back().orginalSize) + 1));
         stream->setSafeAppend(random.oneIn(3));
         stream->Seek(end(), ORVA_StrBaseIO::SeekFromStart);

@@ -6,8 +6,11 @@
 // 4 MiB less 4,096: 8,184 sectors of 512 bytes. A constant of the file format, docs/format.md.
 #ifdef ORVA_BLOCK_SIZE
 inline constexpr std::uint32_t kBlockSize = ORVA_BLOCK_SIZE;  // a build for fuzz targets, never installed
+inline constexpr std::uint32_t kShortestBlockLength = kBlockSize / 64;
 #else
 inline constexpr std::uint32_t kBlockSize = 4'190'208;
+// The least that a writer may choose for its full blocks: shorter ones would be more index than they save.
+inline constexpr std::uint32_t kShortestBlockLength = 65'536;
 #endif
 static_assert(kBlockSize % 512 == 0, "direct reads end on multiples of a sector");
 

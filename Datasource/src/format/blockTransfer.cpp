@@ -18,12 +18,8 @@ namespace {
 // The file takes less than 2 GiB at a time, and an index can be twice as long.
 constexpr std::uint32_t kLongestTransfer = 1U << 30;
 
-using deflater = blockOutcome (zlibCompressBlock::*)(const unsigned char*, std::uint32_t, unsigned char*,
-                                                     std::uint32_t);
-
-std::uint32_t streamOf(zlibCompressBlock& codec, deflater how, const unsigned char* block, std::uint32_t size,
-                       unsigned char* to) {
-    const blockOutcome outcome = (codec.*how)(block, size, to, zlibCompressBlock::compressRoom(size));
+// Gives the length of what a codec made of a block at `to`.
+std::uint32_t wholeStream(const blockOutcome& outcome) {
     if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
     ORVA_ASSERT(outcome.end == blockOutcome::complete, "ret != 0");
     return outcome.produced;
@@ -105,22 +101,23 @@ void refuseClosed(ORVA_File& file) {
 
 }  // namespace
 
-std::uint32_t deflateRoom() {
-    static const std::uint32_t room =
-        std::max(zlibCompressBlock::compressRoom(kBlockSize), 2 * zlibCompressBlock::compressRoom(kBlockSize / 2));
-    return room;
+std::uint32_t deflateRoom(std::uint32_t size) {
+    return std::max(zlibCompressBlock::compressRoom(size), 2 * zlibCompressBlock::compressRoom((size + 1) / 2));
 }
 
 // Both halves of a block that does not fit do: deflate adds some thousands of bytes at most, and a half leaves room for
 // two millions.
-deflatedBlock deflateBlock(zlibCompressBlock& codec, const unsigned char* block, std::uint32_t size,
+deflatedBlock deflateBlock(zlibCompressBlock& codec, std::int32_t level, const unsigned char* block, std::uint32_t size,
                            unsigned char* scratch) {
-    const std::uint32_t whole = streamOf(codec, &zlibCompressBlock::deflateWhole, block, size, scratch);
+    const auto roomFor = &zlibCompressBlock::compressRoom;
+    const std::uint32_t whole = wholeStream(codec.deflateWhole(block, size, scratch, roomFor(size), level));
     if (whole <= kBlockSize) return {size, whole, 0, 0};
     const std::uint32_t half = size / 2;
-    const deflater store = &zlibCompressBlock::storeWhole;
-    const std::uint32_t first = streamOf(codec, store, block, half, scratch);
-    const std::uint32_t second = streamOf(codec, store, block + half, size - half, scratch + first);
+    const auto store = [&](const unsigned char* rows, std::uint32_t count, unsigned char* to) {
+        return wholeStream(codec.storeWhole(rows, count, to, roomFor(count)));
+    };
+    const std::uint32_t first = store(block, half, scratch);
+    const std::uint32_t second = store(block + half, size - half, scratch + first);
     return {half, first, size - half, second};
 }
 
@@ -138,7 +135,7 @@ std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBl
 
 std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::uint32_t size, std::int64_t pos,
                         std::int64_t place) {
-    const deflatedBlock deflated = deflateBlock(road.codec, block, size, road.scratch);
+    const deflatedBlock deflated = deflateBlock(road.codec, road.level, block, size, road.scratch);
     return writeDeflated(road.file, road.index, deflated, road.scratch, pos, place);
 }
 

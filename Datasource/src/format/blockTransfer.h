@@ -26,8 +26,8 @@ constexpr bool isBlockSize(std::int64_t size) {
     return size >= 1 && size <= kBlockSize;
 }
 
-// Room for the longest zlib streams that a block can become.
-std::uint32_t deflateRoom();
+// Room for the longest zlib streams that a block of `size` bytes can become.
+std::uint32_t deflateRoom(std::uint32_t size = kBlockSize);
 
 // A block deflated: one zlib stream, or two for its halves where one would pass the format's limit.
 struct deflatedBlock {
@@ -37,8 +37,8 @@ struct deflatedBlock {
     std::uint32_t secondLength;
 };
 
-// Deflates the `size` bytes (1 to kBlockSize) of `block` into `scratch`, which has deflateRoom() bytes.
-deflatedBlock deflateBlock(zlibCompressBlock& codec, const unsigned char* block, std::uint32_t size,
+// Deflates the `size` bytes (1 to kBlockSize) of `block` into `scratch`, which has deflateRoom(size) bytes.
+deflatedBlock deflateBlock(zlibCompressBlock& codec, std::int32_t level, const unsigned char* block, std::uint32_t size,
                            unsigned char* scratch);
 
 // Writes what deflateBlock made at the file offset `place` and adds its record, or its two records after both writes;
@@ -46,12 +46,13 @@ deflatedBlock deflateBlock(zlibCompressBlock& codec, const unsigned char* block,
 std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBlock& deflated,
                            const unsigned char* scratch, std::int64_t pos, std::int64_t place);
 
-// What writing a block takes: `scratch` has deflateRoom() bytes.
+// What writing a block takes: `scratch` has the deflateRoom of the longest one.
 struct writeRoad {
     ORVA_File& file;
     filePosInfo& index;
     zlibCompressBlock& codec;
     unsigned char* scratch;
+    std::int32_t level = zlibCompressBlock::kFastestLevel;
 };
 
 // Both.

@@ -19,9 +19,9 @@ class inlineSink : public blockSink {
 public:
     explicit inlineSink(const sinkPlace& at) : fAt(at), fpos(at.pos), fCompressedPos(at.place) {}
     void put(const unsigned char* rows, std::uint32_t size) override {
-        if (!fDeflated) fDeflated = blockBuffer(deflateRoom());
-        fCompressedPos =
-            writeBlock({fAt.file, fAt.index, fCompressor, fDeflated.get()}, rows, size, fpos, fCompressedPos);
+        if (!fDeflated) fDeflated = blockBuffer(deflateRoom(fAt.chosen.blockLength));
+        fCompressedPos = writeBlock({fAt.file, fAt.index, fCompressor, fDeflated.get(), fAt.chosen.level}, rows, size,
+                                    fpos, fCompressedPos);
         fpos += size;
     }
     void end(bool) override {}
@@ -76,7 +76,7 @@ public:
     template <class... Arguments>
     workerSink(atWork kind, const sinkPlace& at, Arguments... more)
         : fWorker(kind, false, [=] {
-              return std::make_unique<Worker>(&at.file, &at.index, at.blockLength, at.pos, at.place, more...);
+              return std::make_unique<Worker>(&at.file, &at.index, at.chosen.blockLength, at.pos, at.place, more...);
           }) {}
     unsigned char* room() override { return (*fWorker).lendRows(); }
     void put(const unsigned char* rows, std::uint32_t size) override { (*fWorker).putBlock(rows, size, 0); }
@@ -186,10 +186,12 @@ const unsigned char* blockSource::lend(std::uint32_t number) {
 
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken, bool begun) {
     if (taken.threadCount != 0) {
-        return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(atWork::several, at, taken.threadCount);
+        return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(atWork::several, at, taken.threadCount,
+                                                                   at.chosen.level);
     }
     if (taken.multiThread == 0) return std::make_unique<inlineSink>(at);
-    if (taken.multiThread == 1 && !begun) return std::make_unique<workerSink<PreIOThread_W_C>>(atWork::one, at);
+    if (taken.multiThread == 1 && !begun)
+        return std::make_unique<workerSink<PreIOThread_W_C>>(atWork::one, at, at.chosen.level);
     return std::make_unique<missingSink>(at);
 }
 

@@ -8,6 +8,9 @@
 
 #include "base/blockBuffer.h"
 
+#include <orva/blockSize.h>
+#include <orva/zlibCompress.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -22,6 +25,12 @@ namespace orva {
 struct roads {
     std::int32_t multiThread = 0;   // 0: none; 1: a thread that writes; 2 and above: one that reads
     std::uint32_t threadCount = 0;  // several threads, which outrank it
+};
+
+// The settings of setBlockLength and setCompressionLevel.
+struct choices {
+    std::uint32_t blockLength = kBlockSize;  // rows of a full block
+    std::int32_t level = zlibCompressBlock::kFastestLevel;
 };
 
 // The threads that a stream has made.
@@ -52,7 +61,7 @@ public:
 struct sinkPlace {
     ORVA_File& file;
     filePosInfo& index;
-    std::uint32_t blockLength;
+    choices chosen;
     std::int64_t pos;    // logical
     std::int64_t place;  // file offset
 };

@@ -8,10 +8,11 @@
 #include <system_error>
 
 PreIOThread_W_C::PreIOThread_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
-                                 std::int64_t firstFilePos)
+                                 std::int64_t firstFilePos, std::int32_t level)
     : pFile(file),
       pPosInfo(index),
-      pOutBuffer(orva::deflateRoom()),
+      fLevel(level),
+      pOutBuffer(orva::deflateRoom(blockSize)),
       fpBlockPos(firstPos),
       fpWritePos(firstFilePos),
       pInBuffer(blockSize) {}
@@ -48,7 +49,7 @@ void PreIOThread_W_C::writeOut() {
         orva::writeAll(*pFile, pOutBuffer.get(), 0, fpWritePos);
         return;
     }
-    fpWritePos = orva::writeBlock({*pFile, *pPosInfo, fCompressor, pOutBuffer.get()}, pInBuffer.get(), stCurSize,
-                                  fpBlockPos, fpWritePos);
+    fpWritePos = orva::writeBlock({*pFile, *pPosInfo, fCompressor, pOutBuffer.get(), fLevel}, pInBuffer.get(),
+                                  stCurSize, fpBlockPos, fpWritePos);
     fpBlockPos += stCurSize;
 }

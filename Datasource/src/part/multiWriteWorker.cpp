@@ -12,17 +12,19 @@
 #include <utility>
 
 PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize,
-                                             std::int64_t firstPos, std::int64_t firstFilePos, std::uint32_t threads)
+                                             std::int64_t firstPos, std::int64_t firstFilePos, std::uint32_t threads,
+                                             std::int32_t level)
     : writingWorker(threads),
       pFile(file),
       pPosInfo(index),
+      fLevel(level),
       bCallerHelps(threads < std::thread::hardware_concurrency()),
       fSlots(threads + 2),
       fpBlockPos(firstPos),
       fpWritePos(firstFilePos) {
     for (slot& block : fSlots) {
         block.rows = orva::blockBuffer(blockSize);
-        block.scratch = orva::blockBuffer(orva::deflateRoom());
+        block.scratch = orva::blockBuffer(orva::deflateRoom(blockSize));
     }
 }
 
@@ -132,7 +134,7 @@ void PreIOThread_Multi_W_C::deflate(slot& block) {
     if (block.failure != nullptr) return;
     zlibCompressBlock codec;
     try {
-        block.result = orva::deflateBlock(codec, block.rows.get(), block.size, block.scratch.get());
+        block.result = orva::deflateBlock(codec, fLevel, block.rows.get(), block.size, block.scratch.get());
     } catch (...) {
         block.failure = std::current_exception();
     }

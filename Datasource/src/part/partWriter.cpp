@@ -26,24 +26,24 @@ bool knowsOtherRows(const resumePoint& from, std::int64_t end) {
 
 }  // namespace
 
-partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, std::uint32_t blockLength)
+partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const choices& chosen)
     : fFile(file),
       fRow0Pos(row0Pos),
-      fBlockLength(blockLength),
+      fChosen(chosen),
       fIndex(kBlockSize, file.GetNameStr().GetGeneric()),
       fpos(row0Pos),
-      availBuffSize(blockLength) {}
+      availBuffSize(chosen.blockLength) {}
 
 // The 24 bytes of the heading are reserved by nothing but the first block's place behind them.
-partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, std::uint32_t blockLength)
-    : partWriter(file, row0Pos, blockLength) {
+partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, const choices& chosen)
+    : partWriter(file, row0Pos, chosen) {
     bNewPart = true;
     fSink = makeSink(next(), taken, false);
 }
 
 partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const resumePoint& from, const roads& taken, bool safe,
-                       std::uint32_t blockLength)
-    : partWriter(file, row0Pos, blockLength) {
+                       const choices& chosen)
+    : partWriter(file, row0Pos, chosen) {
     const tailPlan plan = resume(from);
     fSink = makeSink(next(), taken, false);
     fTail = std::make_unique<savedTail>(fFile, plan, safe);
@@ -90,8 +90,8 @@ void partWriter::abandon() {
 void partWriter::write(const unsigned char* rows, std::uint64_t size) {
     guarded([&] {
         while (size != 0) {
-            std::uint32_t count = fBlockLength;
-            if (availBuffSize == fBlockLength && size >= fBlockLength) {
+            std::uint32_t count = fChosen.blockLength;
+            if (availBuffSize == fChosen.blockLength && size >= fChosen.blockLength) {
                 send(rows, count);  // a whole block needs no memory of ours
             } else {
                 const std::span<unsigned char> to = room();
@@ -124,12 +124,12 @@ void partWriter::writeFrom(const rowSource& source, std::int64_t size) {
 std::span<unsigned char> partWriter::room() {
     if (fBuffer == nullptr) guarded([this] { fBuffer = fSink->room(); });
     if (fBuffer == nullptr) fBuffer = ownRoom();
-    return {fBuffer + (fBlockLength - availBuffSize), availBuffSize};
+    return {fBuffer + (fChosen.blockLength - availBuffSize), availBuffSize};
 }
 
 unsigned char* partWriter::ownRoom() {
     guarded([this] {
-        if (!fRows) fRows = blockBuffer(fBlockLength);
+        if (!fRows) fRows = blockBuffer(fChosen.blockLength);
     });
     return fRows.get();
 }
@@ -145,7 +145,7 @@ void partWriter::flush() {
 }
 
 void partWriter::endBlock() {
-    const std::uint32_t size = fBlockLength - availBuffSize;
+    const std::uint32_t size = fChosen.blockLength - availBuffSize;
     if (size != 0) send(fBuffer, size);
 }
 
@@ -167,7 +167,7 @@ void partWriter::sent(std::uint32_t size) {
     fTransferEnd = 0;
     fpos += size;
     fBuffer = nullptr;
-    availBuffSize = fBlockLength;
+    availBuffSize = fChosen.blockLength;
 }
 
 // What a side file could bring back is there until the first byte of the new part is written.
@@ -233,7 +233,7 @@ tailPlan partWriter::resume(const resumePoint& from) {
     fTransferEnd = chInfo._indexPos + chInfo._size;
     if (bInfo.orginalPos == kFirstRecordMark) {
         if (knowsOtherRows(from, fRow0Pos)) refuseEnd(fRow0Pos, from);
-    } else if (bInfo.orginalSize >= static_cast<std::int64_t>(fBlockLength)) {
+    } else if (bInfo.orginalSize >= static_cast<std::int64_t>(fChosen.blockLength)) {
         resumeBehind(bInfo, from);
     } else {
         ORVA_ASSERT(from.filePos == from.endpos, "fFilePos == endpos");
@@ -255,13 +255,13 @@ void partWriter::resumeInBlock(const filePosRecord& bInfo, std::uint32_t number,
     const std::int64_t end = bInfo.orginalPos + bInfo.orginalSize;
     zlibCompressBlock fCompressor;
     const blockBuffer compressed(kBlockSize);
-    fRows = blockBuffer(fBlockLength);
+    fRows = blockBuffer(fChosen.blockLength);
     readBlock({fFile, fCompressor, compressed.get()}, {bInfo, number, std::nullopt, lengthOf(fFile)}, fRows.get());
     if (knowsOtherRows(from, end)) refuseEnd(end, from);
     ORVA_ASSERT(from.endpos >= bInfo.orginalPos && from.endpos <= end, "endpos inside the last block");
     fBuffer = fRows.get();
     fpos = bInfo.orginalPos;
-    availBuffSize = fBlockLength - static_cast<std::uint32_t>(from.endpos - fpos);
+    availBuffSize = fChosen.blockLength - static_cast<std::uint32_t>(from.endpos - fpos);
     fTransferEnd = bInfo.translatePos + bInfo.translateSize;
 }
 

@@ -40,18 +40,18 @@ class partWriter {
 public:
     // Begins a new part at file offset `row0Pos`, 1 to kLastRow0Pos. Nothing is written until the first block; a side
     // file of the part's former life goes then.
-    partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, std::uint32_t blockLength = kBlockSize);
+    partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, const choices& chosen = {});
     // Resumes the finished part there. `safe`: what is going to be overwritten stands in a side file first.
     // DamagedFileError too if the rows do not end where the caller takes them to.
     partWriter(ORVA_File& file, std::int64_t row0Pos, const resumePoint& from, const roads& taken, bool safe,
-               std::uint32_t blockLength = kBlockSize);
+               const choices& chosen = {});
     partWriter(const partWriter&) = delete;
     partWriter& operator=(const partWriter&) = delete;
     // Abandons what is not finished, and swallows what that meets.
     ~partWriter();
 
     // Logical position behind the rows.
-    std::int64_t end() const { return fpos + (fBlockLength - availBuffSize); }
+    std::int64_t end() const { return fpos + (fChosen.blockLength - availBuffSize); }
     void write(const unsigned char* rows, std::uint64_t size);
     // The first `size` rows of a source, which is asked for nothing any more when this returns or throws.
     void writeFrom(const rowSource& source, std::int64_t size);
@@ -75,12 +75,12 @@ public:
     atWork threads() const { return fSink != nullptr ? fSink->threads() : atWork::none; }
 
 private:
-    partWriter(ORVA_File& file, std::int64_t row0Pos, std::uint32_t blockLength);
+    partWriter(ORVA_File& file, std::int64_t row0Pos, const choices& chosen);
     template <class Steps>
     void guarded(Steps steps);
     [[noreturn]] void fail();
     void endSink(bool drop);
-    sinkPlace next() { return {fFile, fIndex, fBlockLength, fpos, fIndex.writtenEnd(fRow0Pos + kHeadingSize)}; }
+    sinkPlace next() { return {fFile, fIndex, fChosen, fpos, fIndex.writtenEnd(fRow0Pos + kHeadingSize)}; }
     unsigned char* ownRoom();
     void endBlock();
     void send(const unsigned char* rows, std::uint32_t size);
@@ -96,7 +96,7 @@ private:
 
     ORVA_File& fFile;
     const std::int64_t fRow0Pos;
-    const std::uint32_t fBlockLength;  // rows of a full block
+    const choices fChosen;
     filePosInfo fIndex;
     std::int64_t fpos;                 // logical position of the current block
     std::int64_t fTransferEnd = 0;     // where the last transfer ended, before a block is written; 0 afterwards

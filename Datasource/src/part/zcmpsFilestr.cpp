@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <limits>
+#include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace {
@@ -71,6 +73,7 @@ struct zcmpsFilestr::Data {
 
     ORVA_File& pRealFile;  // held by the base's count; gone once Close has reopened the file
     orva::roads fRoads;
+    orva::choices fChosen;
     std::uint32_t fCachedBlocks = 0;
     bool bDurable = false;
     bool bSafeAppend = false;
@@ -107,6 +110,28 @@ void zcmpsFilestr::setThreadCount(std::int32_t threads) {
     ORVA_ASSERT(fData->threads() == orva::atWork::none, "fData->fpIOThread == 0");
     fData->fRoads.threadCount = static_cast<std::uint32_t>(threads);
     fData->takeRoads();
+}
+
+// A choice holds for all that a writer makes.
+void zcmpsFilestr::requireChoice(const char* what, std::int64_t given, std::int64_t least, std::int64_t most) const {
+    if (!bIsWriting && given >= least && given <= most) return;
+    const std::string range = std::string(what) + " is " + std::to_string(least) + " to " + std::to_string(most);
+    throw std::invalid_argument(
+        range + (bIsWriting ? ", and is chosen before the stream writes" : ", not " + std::to_string(given)));
+}
+
+void zcmpsFilestr::setBlockLength(std::int64_t bytes) {
+    requireChoice("the length of a block", bytes, kShortestBlockLength, kBlockSize);
+    fData->fChosen.blockLength = static_cast<std::uint32_t>(bytes);
+}
+
+void zcmpsFilestr::setCompressionLevel(std::int32_t level) {
+    requireChoice("a compression level", level, zlibCompressBlock::kFastestLevel, bestCompressionLevel());
+    fData->fChosen.level = level;
+}
+
+std::int32_t zcmpsFilestr::bestCompressionLevel() {
+    return zlibCompressBlock::bestLevel();
 }
 
 void zcmpsFilestr::setBlockCache(std::int32_t blocks) {
@@ -184,7 +209,7 @@ void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
     beginWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__, [&] {
         if (pos > kLastRow0Pos) fData->pRealFile.refuseWrite(EFBIG);
         fData->fRow0Pos = pos;
-        return std::make_unique<orva::partWriter>(fData->pRealFile, pos, fData->fRoads);
+        return std::make_unique<orva::partWriter>(fData->pRealFile, pos, fData->fRoads, fData->fChosen);
     });
 }
 
@@ -192,9 +217,9 @@ void zcmpsFilestr::setFileToAppend(std::int64_t endpos, bool swap) {
     beginWriting("fData->pRealFile.Open(GetNameStr(),\"r+b\")", __LINE__, [&] {
         std::optional<std::int64_t> seenEnd;
         if (fData->fReader != nullptr) seenEnd = fData->fReader->end();
-        auto writer = std::make_unique<orva::partWriter>(fData->pRealFile, fData->fRow0Pos,
-                                                         orva::resumePoint{swap, endpos, fFilePos, seenEnd},
-                                                         orva::roads{0, fData->fRoads.threadCount}, fData->bSafeAppend);
+        auto writer = std::make_unique<orva::partWriter>(
+            fData->pRealFile, fData->fRow0Pos, orva::resumePoint{swap, endpos, fFilePos, seenEnd},
+            orva::roads{0, fData->fRoads.threadCount}, fData->bSafeAppend, fData->fChosen);
         fData->fRoads.multiThread = 0;
         return writer;
     });

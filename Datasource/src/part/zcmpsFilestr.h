@@ -1,5 +1,5 @@
-// zcmpsFilestr: a stream over the compressed part of a file: blocks of 4,190,208 bytes of rows, each one zlib stream,
-// with an index behind them. Format: docs/format.md.
+// zcmpsFilestr: a stream over the compressed part of a file: blocks of 4,190,208 bytes of rows, or what setBlockLength
+// says, each one zlib stream, with an index behind them. Format: docs/format.md.
 //
 // To write: write the dictionary part through an ORVA_FileStream, build this over that stream, setRow0Pos(S),
 //           Seek(S), Write, Close.
@@ -18,6 +18,7 @@
 // Never:   Open and ClearAndReset, which are the plain stream's: another file needs another object.
 #pragma once
 
+#include <orva/blockSize.h>
 #include <orva/errors.h>
 #include <orva/filestr.h>
 #include <orva/orvaApi.h>
@@ -50,6 +51,18 @@ public:
     // four to a reader. 0, as at first, leaves the work to setMultiThread's setting. Comes before setRow0Pos and
     // readFilePosInfo; the threads start with the first block.
     void setThreadCount(std::int32_t threads);
+
+    // What a writer or an appender makes. Each comes before setRow0Pos and setFileToAppend, which take it: out of
+    // range, or on a stream that writes, it is std::invalid_argument, which names the range, and changes nothing. Files
+    // are read alike whatever was chosen. A full block holds `bytes` of rows, kShortestBlockLength (65,536) to
+    // kBlockSize, as at first. A shorter one costs a read at any place less time, and both streams less memory; it
+    // costs some ratio and more index. An append goes by this number too, not by the blocks of the file: a last block
+    // as long or longer stays, a shorter one is filled.
+    void setBlockLength(std::int64_t bytes);
+    // 1, as at first, is the fastest; a higher level compresses better and slower, and reading stays as fast.
+    void setCompressionLevel(std::int32_t level);
+    // 12, or 9 in a build without the fast engines.
+    static std::int32_t bestCompressionLevel();
 
     // A reader keeps up to `blocks` inflated blocks, 4 MiB each, for a caller that goes back and forth: a position in
     // one of them costs neither file access nor inflating. 0 at first: the current block alone.
@@ -127,6 +140,7 @@ private:
     ORVA_LOCAL auto atTheEnd(std::int64_t size, Steps steps);
     ORVA_LOCAL orva::partReader& openReader() const;
     ORVA_LOCAL void refuseEncrypted(long code);
+    ORVA_LOCAL void requireChoice(const char* what, std::int64_t given, std::int64_t least, std::int64_t most) const;
     template <class Make>
     ORVA_LOCAL void beginWriting(const char* expression, std::int32_t line, Make make);
     ORVA_LOCAL void reopenForWriting(const char* expression, std::int32_t line);

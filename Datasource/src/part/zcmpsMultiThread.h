@@ -14,6 +14,7 @@
 #include "worker/preIOThread.h"
 
 #include <orva/file.h>
+#include <orva/zlibCompress.h>
 
 #include <cstdint>
 #include <exception>
@@ -33,7 +34,8 @@
 class PreIOThread_Multi_W_C final : public writingWorker<PreIOThreadSeveral> {
 public:
     PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
-                          std::int64_t firstFilePos, std::uint32_t threads);
+                          std::int64_t firstFilePos, std::uint32_t threads,
+                          std::int32_t level = zlibCompressBlock::kFastestLevel);
 
     // The memory of the next block's rows, to be filled in place: the next putBlock of it copies nothing. Throws the
     // kept failure, as putBlock does.
@@ -70,6 +72,7 @@ private:
 
     ORVA_File* const pFile;
     filePosInfo* const pPosInfo;
+    const std::int32_t fLevel;
     const bool bCallerHelps;  // there is a core for it; else it would only keep the threads from theirs
     // Shared. A slot's buffers and result belong to whoever fills, deflates or writes it at the moment.
     std::vector<slot> fSlots;

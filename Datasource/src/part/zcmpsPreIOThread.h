@@ -57,7 +57,7 @@ private:
 class PreIOThread_W_C : public writingWorker<PreIOThreadBase> {
 public:
     PreIOThread_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
-                    std::int64_t firstFilePos);
+                    std::int64_t firstFilePos, std::int32_t level = zlibCompressBlock::kFastestLevel);
 
     // `position` is not used: blocks come in stream order.
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
@@ -76,6 +76,7 @@ private:
     ktSemaphore semFreeSlot{1};
     ORVA_File* const pFile;
     filePosInfo* const pPosInfo;
+    const std::int32_t fLevel;
     // The thread's alone, once it runs.
     zlibCompressBlock fCompressor;
     orva::blockBuffer pOutBuffer;

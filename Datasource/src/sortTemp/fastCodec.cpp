@@ -3,6 +3,7 @@
 #include <isa-l/igzip_lib.h>
 #include <libdeflate.h>
 
+#include <algorithm>
 #include <memory>
 #include <new>
 
@@ -28,15 +29,28 @@ struct freeCompressor {
 thread_local bool tEnded = false;
 struct threadEngines {
     const std::unique_ptr<deflateState> deflating{new (std::nothrow) deflateState};
-    const std::unique_ptr<libdeflate_compressor, freeCompressor> storing{libdeflate_alloc_compressor(0)};
     const std::unique_ptr<libdeflate_decompressor, freeDecompressor> inflating{libdeflate_alloc_decompressor()};
+    // By level. Made when first used: the highest ones take 9 MB. ISA-L has the first one; 0 only stores.
+    std::unique_ptr<libdeflate_compressor, freeCompressor> compressing[kBestFastLevel + 1];
     ~threadEngines() { tEnded = true; }
 };
 
-const threadEngines* ownEngines() noexcept {
+threadEngines* ownEngines() noexcept {
     if (tEnded) return nullptr;
-    thread_local const threadEngines own;
+    thread_local threadEngines own;
     return &own;
+}
+
+std::optional<fastResult> byLibdeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
+                                       unsigned char* to, std::uint32_t room) noexcept {
+    threadEngines* engines = ownEngines();
+    if (engines == nullptr) return std::nullopt;
+    auto& compressor = engines->compressing[level];
+    if (compressor == nullptr) compressor.reset(libdeflate_alloc_compressor(level));
+    if (compressor == nullptr) return std::nullopt;
+    const std::size_t produced = libdeflate_zlib_compress(compressor.get(), from, size, to, room);
+    if (produced == 0) return std::nullopt;
+    return fastResult{static_cast<std::uint32_t>(produced), size};
 }
 
 constexpr std::uint32_t kStoredBlock = 65'535;
@@ -45,8 +59,9 @@ constexpr std::uint32_t kStreamEnds = 2 + 4 + 10;  // zlib's header and checksum
 
 }  // namespace
 
-std::optional<fastResult> fastDeflate(const unsigned char* from, std::uint32_t size, unsigned char* to,
-                                      std::uint32_t room) noexcept {
+std::optional<fastResult> fastDeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
+                                      unsigned char* to, std::uint32_t room) noexcept {
+    if (level > 1) return byLibdeflate(level, from, size, to, room);
     const threadEngines* engines = ownEngines();
     if (engines == nullptr || engines->deflating == nullptr) return std::nullopt;
     isal_zstream& stream = engines->deflating->stream;
@@ -65,18 +80,16 @@ std::optional<fastResult> fastDeflate(const unsigned char* from, std::uint32_t s
     return fastResult{stream.total_out, size};
 }
 
-// What does not shrink is stored, so a stream is never longer than its block stored.
+// What does not shrink is stored, so a stream is never longer than its block stored. libdeflate asks for room for
+// shorter pieces than it ever makes.
 std::uint32_t fastDeflateRoom(std::uint32_t size) noexcept {
-    return size + (size / kStoredBlock + 1) * kStoredBlockHead + kStreamEnds;
+    const std::uint32_t stored = size + (size / kStoredBlock + 1) * kStoredBlockHead + kStreamEnds;
+    return std::max(stored, static_cast<std::uint32_t>(libdeflate_zlib_compress_bound(nullptr, size)));
 }
 
 std::optional<fastResult> fastStore(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                     std::uint32_t room) noexcept {
-    const threadEngines* engines = ownEngines();
-    if (engines == nullptr || engines->storing == nullptr) return std::nullopt;
-    const std::size_t produced = libdeflate_zlib_compress(engines->storing.get(), from, size, to, room);
-    if (produced == 0) return std::nullopt;
-    return fastResult{static_cast<std::uint32_t>(produced), size};
+    return byLibdeflate(0, from, size, to, room);
 }
 
 std::optional<fastResult> fastInflate(const unsigned char* from, std::uint32_t size, unsigned char* to,

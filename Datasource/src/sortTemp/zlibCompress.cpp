@@ -46,14 +46,20 @@ std::int32_t zlibCompressBlock::runCall(direction way, unsigned char* from, std:
     return static_cast<std::int32_t>(room);
 }
 
+std::int32_t zlibCompressBlock::bestLevel() {
+    return ORVA_FAST_CODEC ? orva::kBestFastLevel : Z_BEST_COMPRESSION;
+}
+
 blockOutcome zlibCompressBlock::deflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
-                                             std::uint32_t room) {
-    return runBlock(deflating, from, size, to, room);
+                                             std::uint32_t room, std::int32_t level) {
+    take(from, size, to, room);
+    return runBlock(level, deflating);
 }
 
 blockOutcome zlibCompressBlock::inflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                              std::uint32_t room) {
-    return runBlock(inflating, from, size, to, room);
+    take(from, size, to, room);
+    return runBlock(kFastestLevel, inflating);
 }
 
 blockOutcome zlibCompressBlock::storeWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
@@ -76,19 +82,17 @@ std::uint32_t zlibCompressBlock::compressRoom(std::uint32_t size) {
     return std::max(static_cast<std::uint32_t>(compressBound(size)), orva::fastDeflateRoom(size));
 }
 
-blockOutcome zlibCompressBlock::runBlock(direction way, const unsigned char* from, std::uint32_t size,
-                                         unsigned char* to, std::uint32_t room) {
-    take(from, size, to, room);
-    const std::optional<blockOutcome> outcome = runFast(way);
-    return outcome ? *outcome : runZlib(Z_BEST_SPEED, way, Z_FINISH);
+blockOutcome zlibCompressBlock::runBlock(std::int32_t level, direction way) {
+    const std::optional<blockOutcome> outcome = runFast(level, way);
+    return outcome ? *outcome : runZlib(std::min(level, Z_BEST_COMPRESSION), way, Z_FINISH);
 }
 
 // Only a stream of the full window goes the fast way in: for a smaller one zlib alone refuses what reaches too far
 // back.
-std::optional<blockOutcome> zlibCompressBlock::runFast(direction way) {
+std::optional<blockOutcome> zlibCompressBlock::runFast(std::int32_t level, direction way) {
     if (souce == nullptr || dest == nullptr || inCount == 0) return std::nullopt;
     if (way == inflating && souce[0] != kFullWindow) return std::nullopt;
-    const auto result = way == deflating ? orva::fastDeflate(souce, inCount, dest, outCount)
+    const auto result = way == deflating ? orva::fastDeflate(level, souce, inCount, dest, outCount)
                                          : orva::fastInflate(souce, inCount, dest, outCount);
     if (!result) return std::nullopt;
     return blockOutcome{blockOutcome::complete, result->produced, result->consumed};

@@ -36,25 +36,27 @@ public:
     std::int32_t decompressBlock(unsigned char* souce, std::uint32_t inCount, unsigned char* dest,
                                  std::uint32_t& outCount);
 
+    // The levels of deflateWhole. The fastest is what compressBlock has.
+    static constexpr std::int32_t kFastestLevel = 1;
+    ORVA_LOCAL static std::int32_t bestLevel();
     // The library's own road: as above, and tells how the stream ended.
     ORVA_LOCAL blockOutcome deflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
-                                         std::uint32_t room);
+                                         std::uint32_t room, std::int32_t level = kFastestLevel);
     ORVA_LOCAL blockOutcome inflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                          std::uint32_t room);
     // As deflateWhole, for bytes that are known not to shrink: with the fast engines no time goes into trying again.
     ORVA_LOCAL blockOutcome storeWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                        std::uint32_t room);
-    // Room in which deflateWhole always ends, for a block of `size` bytes.
+    // Room in which deflateWhole always ends, at any level, for a block of `size` bytes.
     ORVA_LOCAL static std::uint32_t compressRoom(std::uint32_t size);
 
 private:
     enum direction : std::uint8_t { deflating, inflating };
     ORVA_LOCAL std::int32_t runCall(direction way, unsigned char* from, std::uint32_t size, unsigned char* to,
                                     std::uint32_t& room);
-    ORVA_LOCAL blockOutcome runBlock(direction way, const unsigned char* from, std::uint32_t size, unsigned char* to,
-                                     std::uint32_t room);
     ORVA_LOCAL void take(const unsigned char* from, std::uint32_t size, unsigned char* to, std::uint32_t room);
-    ORVA_LOCAL std::optional<blockOutcome> runFast(direction way);
+    ORVA_LOCAL blockOutcome runBlock(std::int32_t level, direction way);
+    ORVA_LOCAL std::optional<blockOutcome> runFast(std::int32_t level, direction way);
     ORVA_LOCAL blockOutcome runZlib(int level, direction way, int flush);
 
     // One call's values.
