@@ -1,4 +1,5 @@
 // append: more rows behind those of a finished file.
+#include "choices.h"
 #include "failure.h"
 #include "input.h"
 #include "part.h"
@@ -22,6 +23,7 @@ struct appendOptions {
     partOptions part;
     std::string in = "-";
     bool noSync = false;
+    choiceOptions choices;
     threadOptions threads;
     progressOptions progress;
 };
@@ -98,13 +100,17 @@ private:
     }
 
     void append(const orva::foundPart& part, input& from, std::uint32_t count, progress& bar) {
-        const std::int64_t end = part.row0Pos + orva::finishedPart(fOptions.part.file, part).dataSize();
+        const orva::finishedPart old(fOptions.part.file, part);
+        const std::int64_t end = part.row0Pos + old.dataSize();
+        choiceOptions choices = fOptions.choices;
+        choices.block = chosenLength(old);
         const namedStream source(fOptions.part.file);
         const heldFile held(fOptions.part.file);
         zcmpsFilestr rows(source);
         const signalDeferral deferral;
         try {
             rows.setThreadCount(fOptions.threads.besideThisOne());
+            choices.take(rows);
             rows.readFilePosInfo(part.row0Pos, part.swapped);
             rows.Seek(end, ORVA_StrBaseIO::SeekFromStart);
             rows.setSafeAppend(!fOptions.noSync);
@@ -145,6 +151,7 @@ verb addAppend(CLI::App& app) {
         "--no-sync", options->noSync,
         "Leave it to the system when the rows reach the disk, and do without the side file that undoes an "
         "append which a crash ends");
+    options->choices.addLevelTo(*command);
     options->threads.addTo(*command);
     options->progress.addTo(*command);
     return [options] { return appendRun(*options).run(); };

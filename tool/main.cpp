@@ -2,6 +2,7 @@
 #include "failure.h"
 #include "output.h"
 #include "signals.h"
+#include "text.h"
 #include "values.h"
 #include "verbs.h"
 
@@ -12,7 +13,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
-#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -48,12 +48,23 @@ std::string versionText() {
     return "orva " + orva::version() + " (" + orva::codecs() + ")";
 }
 
+// -N for pack's --level N, as other packers have it. The parser knows options of one letter only.
+void nameLevels(std::vector<std::string>& words) {
+    if (words.empty() || words.front() != "pack") return;
+    const auto end = std::find(words.begin(), words.end(), "--");
+    std::for_each(words.begin(), end, [](std::string& word) {
+        if (word.starts_with('-') && number(word.substr(1))) word = "--level=" + word.substr(1);
+    });
+}
+
 // Last first, as the parser wants them. It would take a name in brackets for a list of names.
 std::vector<std::string> arguments(int argc, char** argv) {
-    std::vector<std::string> words(std::reverse_iterator(argv + std::max(argc, 1)), std::reverse_iterator(argv + 1));
+    std::vector<std::string> words(argv + 1, argv + std::max(argc, 1));
     for (std::string& word : words) {
         if (word.starts_with('[') && word.ends_with(']')) word.insert(0, "./");
     }
+    nameLevels(words);
+    std::reverse(words.begin(), words.end());
     return words;
 }
 

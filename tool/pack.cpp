@@ -1,4 +1,5 @@
 // pack: rows in, a finished file out.
+#include "choices.h"
 #include "dictionary.h"
 #include "failure.h"
 #include "input.h"
@@ -26,6 +27,7 @@ struct packOptions {
     std::vector<std::string> inputs;
     std::string out;
     std::string dict;
+    choiceOptions choices;
     outputOptions output;
     threadOptions threads;
     progressOptions progress;
@@ -100,6 +102,7 @@ private:
         zcmpsFilestr rows(file);
         try {
             rows.setThreadCount(fOptions.threads.besideThisOne());
+            fOptions.choices.take(rows);
             rows.setRow0Pos(fRow0Pos);
             rows.Seek(fRow0Pos, ORVA_StrBaseIO::SeekFromStart);
             for (const std::string& input : fOptions.inputs) copyRows(input, rows, bar);
@@ -152,6 +155,8 @@ verb addPack(CLI::App& app) {
     command->add_option("IN", options->inputs, "Files of rows, one behind the other; - is standard input")->required();
     command->add_option("-o,--output", options->out, "The file to make; IN.orva where there is one IN");
     command->add_option("--dict", options->dict, "The dictionary part to put in front, byte for byte");
+    options->choices.addLevelTo(*command);
+    options->choices.addBlockTo(*command);
     options->output.addTo(*command);
     options->threads.addTo(*command);
     options->progress.addTo(*command);

@@ -2,10 +2,10 @@
 _orva() {
     local word=${COMP_WORDS[COMP_CWORD]} verb=${COMP_WORDS[1]}
     local -A options=(
-        [pack]='-h --help -o --output --dict -f --force --no-sync -T --threads --progress -v --verbose'
+        [pack]='-h --help -o --output --dict --level --block -f --force --no-sync -T --threads --progress -v --verbose'
         [join]='-h --help --row0 -o --output --dict --check -f --force --no-sync -T --threads --progress -v --verbose'
         [cat]='-h --help --row0 --swap --range --records --records-where --record-size --damaged -o --output -f --force --no-sync -T --threads --progress -v --verbose'
-        [append]='-h --help --row0 --swap --no-sync -T --threads --progress -v --verbose'
+        [append]='-h --help --row0 --swap --no-sync --level -T --threads --progress -v --verbose'
         [info]='-h --help --row0 --swap --blocks --json'
         [verify]='-h --help --row0 --swap --json -T --threads --progress -v --verbose'
         [splits]='-h --help --row0 --swap --json --count --record-size --delimiter'

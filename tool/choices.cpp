@@ -1,0 +1,36 @@
+#include "choices.h"
+
+#include <CLI/CLI.hpp>
+
+#include <map>
+#include <string>
+
+void choiceOptions::addBlockTo(CLI::App& command) {
+    command
+        .add_option("--block", block,
+                    "Rows of one block in bytes, or with K or M behind the number; shorter blocks cost ratio and make "
+                    "reading at any place faster")
+        ->transform(
+            CLI::AsNumberWithUnit(std::map<std::string, std::int64_t>{{"k", 1 << 10}, {"m", 1 << 20}}).description(""))
+        ->check(CLI::Range(std::int64_t{kShortestBlockLength}, std::int64_t{kBlockSize}));
+}
+
+void choiceOptions::addLevelTo(CLI::App& command) {
+    command.add_option("--level", level, "1, as without it, compresses fastest; a higher level better and slower")
+        ->check(CLI::Range(std::int32_t{1}, zcmpsFilestr::bestCompressionLevel()));
+}
+
+void choiceOptions::take(zcmpsFilestr& rows) const {
+    rows.setBlockLength(block);
+    rows.setCompressionLevel(level);
+}
+
+// One block alone may be a short one, so it tells nothing.
+std::int64_t chosenLength(const orva::finishedPart& part) {
+    if (part.blockCount() < 2) return kBlockSize;
+    const std::int64_t length = part.block(0).orginalSize;
+    for (std::uint32_t number = 1; number + 1 < part.blockCount(); ++number) {
+        if (part.block(number).orginalSize != length) return kBlockSize;
+    }
+    return length >= kShortestBlockLength && length <= kBlockSize ? length : kBlockSize;
+}

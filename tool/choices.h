@@ -1,0 +1,23 @@
+// A writer's choices on the command line: --level N, and --block LEN for a new file.
+#pragma once
+
+#include <orva/orva.h>
+
+#include <cstdint>
+
+namespace CLI {
+class App;
+}
+
+struct choiceOptions {
+    std::int64_t block = kBlockSize;
+    std::int32_t level = 1;
+
+    void addBlockTo(CLI::App& command);
+    void addLevelTo(CLI::App& command);
+    // Before the stream begins to write.
+    void take(zcmpsFilestr& rows) const;
+};
+
+// The length of full blocks that the part's writer had chosen, as far as its blocks tell: that of all but the last one.
+std::int64_t chosenLength(const orva::finishedPart& part);
