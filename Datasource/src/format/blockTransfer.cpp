@@ -31,7 +31,7 @@ void addRecord(filePosInfo& index, std::int64_t pos, std::int64_t place, std::ui
 
 [[noreturn]] void refuse(const readRoad& road, const blockPlace& block, const char* check, const std::string& what) {
     const filePosRecord& r = block.record;
-    throw DamagedFileError(road.file.GetNameStr().GetGeneric(), check,
+    throw DamagedFileError(road.file.name(), check,
                            "block " + std::to_string(block.number) + " (logical positions " +
                                std::to_string(r.orginalPos) + " to " + std::to_string(r.orginalPos + r.orginalSize) +
                                ", file offset " + std::to_string(r.translatePos) + ") " + what,
@@ -94,11 +94,6 @@ void checkRecord(const readRoad& road, const blockPlace& block) {
     }
 }
 
-// A file that somebody closed reads as one that has ended. It is not damaged.
-void refuseClosed(ORVA_File& file) {
-    if (!file.IsOpen()) throwClosed(file, kReadFailed);
-}
-
 }  // namespace
 
 std::uint32_t deflateRoom(std::uint32_t size) {
@@ -150,21 +145,6 @@ void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64
     } while (size != 0);
 }
 
-bool readAll(ORVA_File& file, void* bytes, std::uint64_t size, std::int64_t place) {
-    auto* to = static_cast<unsigned char*>(bytes);
-    while (size != 0) {
-        const auto piece = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, kLongestTransfer));
-        if (file.Read(to, piece, place) != piece) {
-            refuseClosed(file);
-            return false;
-        }
-        to += piece;
-        size -= piece;
-        place += piece;
-    }
-    return true;
-}
-
 blockPlace placeOf(std::span<const filePosRecord> records, std::uint32_t number, std::int64_t fileEnd) {
     const allBlocks all{records, fileEnd};
     const std::int64_t n = number;
@@ -182,9 +162,7 @@ std::uint32_t blockAt(const filePosInfo& index, std::int64_t pos) {
 void readCompressed(const readRoad& road, const blockPlace& block) {
     checkRecord(road, block);
     const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
-    const auto read = road.ahead ? &ORVA_File::ReadAhead : &ORVA_File::Read;
-    if ((road.file.*read)(road.compressed, deflated, block.record.translatePos) != deflated) {
-        refuseClosed(road.file);
+    if (!road.file.read(road.compressed, deflated, block.record.translatePos, road.ahead)) {
         refuse(road, block, "ret == bInfo.translateSize", "is cut short by the end of the file");
     }
 }

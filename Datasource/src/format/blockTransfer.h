@@ -9,6 +9,7 @@
 #pragma once
 
 #include "format/filePosInfo.h"
+#include "format/storedBytes.h"
 
 #include <orva/blockSize.h>
 #include <orva/compressedLayout.h>
@@ -62,12 +63,9 @@ std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::
 // Writes all of it or throws: also when somebody closed the file under the stream.
 void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place);
 
-// Reads all of it, or gives false: the file ends before. One that somebody closed is no file that ends: throws.
-bool readAll(ORVA_File& file, void* bytes, std::uint64_t size, std::int64_t place);
-
 // What reading a block takes: `compressed` has kBlockSize bytes.
 struct readRoad {
-    ORVA_File& file;
+    bytesFrom file;
     zlibCompressBlock& codec;
     unsigned char* compressed;
     bool ahead = false;  // nobody has asked for the block yet: ORVA_File::ReadAhead

@@ -1,15 +1,11 @@
 #include "format/indexTransfer.h"
 
-#include "base/fileError.h"
-#include "file/namedFile.h"
 #include "format/blockTransfer.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
-#include <orva/platform.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -18,8 +14,8 @@ namespace orva {
 
 namespace {
 
-[[noreturn]] void refuse(const ORVA_File& file, const char* check, const std::string& detail) {
-    throw DamagedFileError(file.GetNameStr().GetGeneric(), check, detail);
+[[noreturn]] void refuse(bytesFrom file, const char* check, const std::string& detail) {
+    throw DamagedFileError(file.name(), check, detail);
 }
 
 std::string indexSpan(const compressionHeading& heading) {
@@ -32,7 +28,7 @@ constexpr const char* kWholeRecords = "_size == 24 x (n + 1)";
 constexpr const char* kBehindHeading = "_indexPos behind the heading";
 constexpr const char* kIndexFits = "ret == chInfo._size";
 
-void checkPlaces(const ORVA_File& file, const compressionHeading& heading, std::int64_t fileSize) {
+void checkPlaces(bytesFrom file, const compressionHeading& heading, std::int64_t fileSize) {
     const char* breach = breachOf(heading);
     if (breach == kWholeRecords) refuse(file, breach, indexSpan(heading) + " is not a whole number of records");
     if (breach == kBehindHeading) refuse(file, breach, indexSpan(heading) + " stands before the data");
@@ -43,22 +39,22 @@ void checkPlaces(const ORVA_File& file, const compressionHeading& heading, std::
     }
 }
 
-void checkCount(const ORVA_File& file, const compressionHeading& heading, const filePosRecord& first) {
+void checkCount(bytesFrom file, const compressionHeading& heading, const filePosRecord& first) {
     if ((first.translateSize + std::int64_t{1}) * kRecordSize == heading._size) return;
     refuse(file, kWholeRecords, indexSpan(heading) + " claims " + std::to_string(first.translateSize) + " blocks");
 }
 
-[[noreturn]] void refuseCut(const ORVA_File& file, const compressionHeading& heading) {
+[[noreturn]] void refuseCut(bytesFrom file, const compressionHeading& heading) {
     refuse(file, kIndexFits, indexSpan(heading) + " is cut short");
 }
 
-std::uint32_t checkedBlockSize(const ORVA_File& file, const compressionHeading& heading, const filePosRecord& first) {
-    checkFirstRecord(first, file.GetNameStr().GetGeneric());
+std::uint32_t checkedBlockSize(bytesFrom file, const compressionHeading& heading, const filePosRecord& first) {
+    checkFirstRecord(first, file.name());
     checkCount(file, heading, first);
     return static_cast<std::uint32_t>(first.orginalSize);
 }
 
-void checkBegin(const ORVA_File& file, const compressionHeading& heading, const filePosRecord& record) {
+void checkBegin(bytesFrom file, const compressionHeading& heading, const filePosRecord& record) {
     if (record.orginalPos == heading._caseStartPos) return;
     refuse(file, "record 0 at the row-0 position",
            "its first block begins at logical position " + std::to_string(record.orginalPos) + " instead of " +
@@ -73,20 +69,13 @@ const char* breachOf(const compressionHeading& heading) {
     return heading._size > std::numeric_limits<std::uint32_t>::max() ? kIndexFits : nullptr;
 }
 
-std::int64_t lengthOf(const ORVA_File& file) {
-    platform::setErrno(0);
-    const std::int64_t length = file.Size();
-    if (length < 0) throwFileError(errno, kReadFailed, file.GetNameStr().GetGeneric());
-    return length;
-}
-
-compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap, const char* positionCheck) {
+compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, const char* positionCheck) {
     const std::string place = "at offset " + std::to_string(row0Pos);
     if (row0Pos <= 0 || row0Pos > kLastRow0Pos) {
         refuse(file, positionCheck, "compressed data cannot begin " + place);
     }
     compressionHeading heading;
-    if (!readAll(file, &heading, sizeof heading, row0Pos)) {
+    if (!file.read(&heading, sizeof heading, row0Pos)) {
         refuse(file, "ret == sizeof(compressionHeading)", "it ends before the heading " + place + " is complete");
     }
     if (swap) swapHeading(heading);
@@ -98,11 +87,11 @@ compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap,
     return heading;
 }
 
-std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHeading& heading, bool swap) {
+std::unique_ptr<unsigned char[]> readIndex(bytesFrom file, const compressionHeading& heading, bool swap) {
     checkPlaces(file, heading, lengthOf(file));
     const auto size = static_cast<std::uint32_t>(heading._size);
     std::unique_ptr<unsigned char[]> bytes(new unsigned char[size]);
-    if (!readAll(file, bytes.get(), size, heading._indexPos)) refuseCut(file, heading);
+    if (!file.read(bytes.get(), size, heading._indexPos)) refuseCut(file, heading);
     filePosRecord first;
     std::memcpy(&first, bytes.get(), sizeof first);
     if (swap) swapRecord(first);
@@ -111,21 +100,21 @@ std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHea
     return bytes;
 }
 
-void loadIndex(ORVA_File& file, const compressionHeading& heading, bool swap, filePosInfo& index) {
+void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, filePosInfo& index) {
     index.parseForRead(readIndex(file, heading, swap).get(), swap);
     if (index.parsedCount() != 0) checkBegin(file, heading, index.parsed(0));
 }
 
-indexContent readRecords(ORVA_File& file, const compressionHeading& heading, bool swap) {
+indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap) {
     checkPlaces(file, heading, lengthOf(file));
     const std::int64_t end = heading._indexPos + heading._size;
-    const std::string name = file.GetNameStr().GetGeneric();
+    const std::string name = file.name();
     indexContent content;
     std::vector<filePosRecord>& records = content.records;
     std::vector<filePosRecord> piece(kPieceRecords);
     for (std::int64_t at = heading._indexPos; at < end; at += kPieceRecords * kRecordSize) {
         piece.resize(static_cast<std::size_t>(std::min(kPieceRecords, (end - at) / kRecordSize)));
-        if (!readAll(file, piece.data(), piece.size() * sizeof(filePosRecord), at)) refuseCut(file, heading);
+        if (!file.read(piece.data(), piece.size() * sizeof(filePosRecord), at)) refuseCut(file, heading);
         if (swap) std::for_each(piece.begin(), piece.end(), swapRecord);
         auto next = piece.begin();
         if (at == heading._indexPos) content.blockSize = checkedBlockSize(file, heading, *next++);
@@ -147,7 +136,7 @@ bool sameRecord(const filePosRecord& a, const filePosRecord& b) {
 
 }  // namespace
 
-bool changedSince(ORVA_File& file, const compressionHeading& heading, bool swap, const filePosInfo& index) {
+bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, const filePosInfo& index) {
     try {
         const compressionHeading now = readHeading(file, heading._caseStartPos, swap, "");
         if (std::memcmp(&now, &heading, sizeof now) != 0) return true;
@@ -160,7 +149,7 @@ bool changedSince(ORVA_File& file, const compressionHeading& heading, bool swap,
     }
 }
 
-void checkContiguous(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
+void checkContiguous(bytesFrom file, const compressionHeading& heading, const filePosRecord* records,
                      std::uint32_t count) {
     std::int64_t pos = heading._caseStartPos;
     std::int64_t place = heading._caseStartPos + kHeadingSize;

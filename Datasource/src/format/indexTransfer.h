@@ -6,9 +6,9 @@
 #pragma once
 
 #include "format/filePosInfo.h"
+#include "format/storedBytes.h"
 
 #include <orva/compressedLayout.h>
-#include <orva/file.h>
 
 #include <cstdint>
 #include <memory>
@@ -16,22 +16,24 @@
 
 namespace orva {
 
-// The file's length. Throws where ORVA_File::Size gives -1: a disk that cannot tell is no damaged file.
-std::int64_t lengthOf(const ORVA_File& file);
+// The file's length. Throws where ORVA_File::Size gives -1.
+inline std::int64_t lengthOf(bytesFrom file) {
+    return file.length();
+}
 
 // The text of the check that a heading fails whatever file it stands in; null when it could be true.
 const char* breachOf(const compressionHeading& heading);
 
 // Reads the heading at `row0Pos`, in host order afterwards. `positionCheck` is the caller's text of the check that the
 // heading repeats its own position.
-compressionHeading readHeading(ORVA_File& file, std::int64_t row0Pos, bool swap, const char* positionCheck);
+compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, const char* positionCheck);
 
 // Reads the index bytes that the heading points to, as they stand in the file. Their length is whole records, lies
 // inside the file and agrees with the record count, so a parse may trust that count.
-std::unique_ptr<unsigned char[]> readIndex(ORVA_File& file, const compressionHeading& heading, bool swap);
+std::unique_ptr<unsigned char[]> readIndex(bytesFrom file, const compressionHeading& heading, bool swap);
 
 // Reads the index and parses it for reading. Its record 0 must stand at the row-0 position.
-void loadIndex(ORVA_File& file, const compressionHeading& heading, bool swap, filePosInfo& index);
+void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, filePosInfo& index);
 
 // What an index tells, in host order.
 struct indexContent {
@@ -41,16 +43,16 @@ struct indexContent {
 
 // As loadIndex, in one copy and a piece at a time. Memory follows what the file really stores: an index that claims
 // gigabytes of a hole is refused at the first record that cannot be true.
-indexContent readRecords(ORVA_File& file, const compressionHeading& heading, bool swap);
+indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap);
 
 // Heading or index do not stand there any more as they were read: somebody has written to the file since. A file that
 // can't be read now tells nothing.
-bool changedSince(ORVA_File& file, const compressionHeading& heading, bool swap, const filePosInfo& index);
+bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, const filePosInfo& index);
 
 // What an append needs, and a verifier asks, beyond that: every record can be true, and the blocks follow each other
 // without gaps, in logical positions and in the file, from behind the heading to the index at the latest. `records` in
 // host order.
-void checkContiguous(ORVA_File& file, const compressionHeading& heading, const filePosRecord* records,
+void checkContiguous(bytesFrom file, const compressionHeading& heading, const filePosRecord* records,
                      std::uint32_t count);
 
 }  // namespace orva

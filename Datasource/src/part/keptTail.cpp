@@ -70,21 +70,21 @@ bool takePlaces(const sideFileHead& head, fileBytes rest, keptTail& tail) {
 
 }  // namespace
 
-fileBytes bytesAt(ORVA_File& file, std::int64_t place, std::size_t size) {
-    if (place > lengthOf(file) - static_cast<std::int64_t>(size)) return {};
+fileBytes bytesAt(bytesFrom file, std::int64_t place, std::size_t size) {
+    if (place > file.length() - static_cast<std::int64_t>(size)) return {};
     fileBytes bytes(size);
-    if (!readAll(file, bytes.data(), size, place)) bytes.clear();
+    if (!file.read(bytes.data(), size, place)) bytes.clear();
     return bytes;
 }
 
-rawHeading rawHeadingAt(ORVA_File& file, std::int64_t row0Pos) {
+rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos) {
     rawHeading heading{};
     const fileBytes bytes = bytesAt(file, row0Pos, heading.size());
     std::copy(bytes.begin(), bytes.end(), heading.begin());
     return heading;
 }
 
-std::optional<std::int64_t> untouchedSum(ORVA_File& file, std::int64_t row0Pos, std::int64_t untouchedEnd) {
+std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, std::int64_t untouchedEnd) {
     const std::int64_t begin = std::max(row0Pos + kHeadingSize, untouchedEnd - kSummedBytes);
     const fileBytes bytes = bytesAt(file, begin, static_cast<std::size_t>(untouchedEnd - begin));
     if (std::ssize(bytes) != untouchedEnd - begin) return {};

@@ -6,6 +6,7 @@
 // Failure: FileError from the disk; DamagedFileError for a file that ends too early.
 #pragma once
 
+#include "format/storedBytes.h"
 #include "part/soundIndex.h"
 
 #include <orva/file.h>
@@ -28,13 +29,13 @@ struct keptTail {
 };
 
 // The `size` bytes at `place`; none if the file ends before.
-fileBytes bytesAt(ORVA_File& file, std::int64_t place, std::size_t size);
+fileBytes bytesAt(bytesFrom file, std::int64_t place, std::size_t size);
 // The 24 bytes at `row0Pos`; zeros where the file ends before.
-rawHeading rawHeadingAt(ORVA_File& file, std::int64_t row0Pos);
+rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos);
 
 // The checksum of up to 4,096 bytes before `untouchedEnd`, none of them before the blocks; nothing if the file ends
 // before.
-std::optional<std::int64_t> untouchedSum(ORVA_File& file, std::int64_t row0Pos, std::int64_t untouchedEnd);
+std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, std::int64_t untouchedEnd);
 
 // Makes the file what it was, but for the heading. `durable`: each step before the next one.
 void restoreTail(ORVA_File& file, const keptTail& tail, bool durable);

@@ -17,10 +17,10 @@ namespace orva {
 
 namespace {
 
-bool pointsToIndex(ORVA_File& file, std::int64_t fileSize, const compressionHeading& heading, bool swapped) {
+bool pointsToIndex(bytesFrom file, std::int64_t fileSize, const compressionHeading& heading, bool swapped) {
     filePosRecord first;
     if (heading._indexPos > fileSize - heading._size) return false;
-    if (!readAll(file, &first, sizeof first, heading._indexPos)) return false;
+    if (!file.read(&first, sizeof first, heading._indexPos)) return false;
     if (swapped) swapRecord(first);
     return first.orginalPos == kFirstRecordMark;
 }
