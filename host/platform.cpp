@@ -2,6 +2,7 @@
 #include <orva/platformFaults.h>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,6 +28,10 @@ constexpr unsigned int kPiece = 0x7ffff000;
 
 // In place of an offset: where the descriptor stands.
 constexpr std::int64_t kOwnPlace = -1;
+
+std::atomic<std::uint32_t> gForks{0};
+[[maybe_unused]] const int gForksAreCounted =
+    ::pthread_atfork(nullptr, nullptr, [] { gForks.fetch_add(1, std::memory_order_relaxed); });
 
 #ifdef ORVA_FAULT_SEAM
 std::atomic<faults::Hook*> gHook{nullptr};
@@ -255,6 +260,16 @@ int openShared(const char* name, int oflag, int shflag, int pmode) noexcept {
     return -1;
 }
 
+int lockAgainstWriters(int descriptor) noexcept {
+    return lockForWriting(descriptor);
+}
+
+bool hasWriter(int descriptor) noexcept {
+    if (restarted([&] { return rawLock(descriptor); }) != 0) return errno == EWOULDBLOCK;
+    ::flock(descriptor, LOCK_UN);
+    return false;
+}
+
 std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept {
     const Step step{.call = Call::Seek, .descriptor = descriptor, .flags = origin, .offset = offset};
     return rawCall(step, [&](std::uint64_t) { return ::lseek(descriptor, offset, origin); });
@@ -352,6 +367,10 @@ void setErrno(int error) noexcept {
 
 std::int64_t processId() noexcept {
     return ::getpid();
+}
+
+std::uint32_t forkCount() noexcept {
+    return gForks.load(std::memory_order_relaxed);
 }
 
 #ifdef ORVA_FAULT_SEAM

@@ -50,6 +50,12 @@ inline constexpr int _S_IREAD = 0x100;
 // read-ahead of the system, which every block-wise reader profits from.
 ORVA_HOST_API int openShared(const char* name, int oflag, int shflag, int pmode) noexcept;
 
+// Takes the writer's lock on an open file, which needs no right to write: for who is going to replace it. 0, or -1 with
+// EWOULDBLOCK while a writer has it. Held as long as the descriptor.
+ORVA_HOST_API int lockAgainstWriters(int descriptor) noexcept;
+// A writer has it. Takes it for a moment, in which a writer that comes is refused.
+ORVA_HOST_API bool hasWriter(int descriptor) noexcept;
+
 // `origin`: 0 from the start, 1 from where it stands, 2 from the end. The new position.
 ORVA_HOST_API std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept;
 
@@ -113,5 +119,8 @@ ORVA_HOST_API void setErrno(int error) noexcept;
 
 // Asks the system each time: a remembered number would be wrong after a fork, which is what callers ask about.
 ORVA_HOST_API std::int64_t processId() noexcept;
+
+// Another number in a forked child than in its parent. Costs nothing, and knows no child but of fork().
+ORVA_HOST_API std::uint32_t forkCount() noexcept;
 
 }  // namespace platform

@@ -105,15 +105,16 @@ void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, fil
     if (index.parsedCount() != 0) checkBegin(file, heading, index.parsed(0));
 }
 
-indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap) {
+indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce) {
     checkPlaces(file, heading, lengthOf(file));
     const std::int64_t end = heading._indexPos + heading._size;
     const std::string name = file.name();
     indexContent content;
     std::vector<filePosRecord>& records = content.records;
-    std::vector<filePosRecord> piece(kPieceRecords);
-    for (std::int64_t at = heading._indexPos; at < end; at += kPieceRecords * kRecordSize) {
-        piece.resize(static_cast<std::size_t>(std::min(kPieceRecords, (end - at) / kRecordSize)));
+    const std::int64_t atATime = atOnce ? heading._size / kRecordSize : kPieceRecords;
+    std::vector<filePosRecord> piece;
+    for (std::int64_t at = heading._indexPos; at < end; at += atATime * kRecordSize) {
+        piece.resize(static_cast<std::size_t>(std::min(atATime, (end - at) / kRecordSize)));
         if (!file.read(piece.data(), piece.size() * sizeof(filePosRecord), at)) refuseCut(file, heading);
         if (swap) std::for_each(piece.begin(), piece.end(), swapRecord);
         auto next = piece.begin();
@@ -136,12 +137,13 @@ bool sameRecord(const filePosRecord& a, const filePosRecord& b) {
 
 }  // namespace
 
-bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, const filePosInfo& index) {
+bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap,
+                  std::span<const filePosRecord> records) {
     try {
         const compressionHeading now = readHeading(file, heading._caseStartPos, swap, "");
         if (std::memcmp(&now, &heading, sizeof now) != 0) return true;
-        const std::vector<filePosRecord> records = readRecords(file, now, swap).records;
-        return !std::equal(records.begin(), records.end(), index.records().begin(), index.records().end(), sameRecord);
+        const std::vector<filePosRecord> found = readRecords(file, now, swap).records;
+        return !std::equal(found.begin(), found.end(), records.begin(), records.end(), sameRecord);
     } catch (const DamagedFileError&) {
         return true;
     } catch (...) {

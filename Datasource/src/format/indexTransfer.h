@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
 
 namespace orva {
@@ -42,12 +43,12 @@ struct indexContent {
 };
 
 // As loadIndex, in one copy and a piece at a time. Memory follows what the file really stores: an index that claims
-// gigabytes of a hole is refused at the first record that cannot be true.
-indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap);
+// gigabytes of a hole is refused at the first record that cannot be true. `atOnce`: in one read, where each costs much.
+indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce = false);
 
 // Heading or index do not stand there any more as they were read: somebody has written to the file since. A file that
 // can't be read now tells nothing.
-bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, const filePosInfo& index);
+bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, std::span<const filePosRecord> records);
 
 // What an append needs, and a verifier asks, beyond that: every record can be true, and the blocks follow each other
 // without gaps, in logical positions and in the file, from behind the heading to the index at the latest. `records` in

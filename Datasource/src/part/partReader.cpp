@@ -30,7 +30,7 @@ auto partReader::guarded(Steps steps) {
     try {
         return steps();
     } catch (const DamagedFileError& damage) {
-        if (changedSince(fFile, fHeading, bSwap, fIndex)) throw FileChangedError(damage);
+        if (changedSince(fFile, fHeading, bSwap, fIndex.records())) throw FileChangedError(damage);
         throw;
     }
 }

@@ -1,0 +1,60 @@
+#include "api/blockShelf.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace orva {
+
+blockShelf::rows blockShelf::find(std::uint64_t part, std::uint32_t number) {
+    const std::lock_guard guard(fLock);
+    for (entry& e : fEntries) {
+        if (e.part != part || e.number != number) continue;
+        e.lastUse = ++fClock;
+        return e.kept;
+    }
+    return nullptr;
+}
+
+blockShelf::entry& blockShelf::oldest() {
+    return *std::ranges::min_element(fEntries, {}, &entry::lastUse);
+}
+
+blockShelf::rows blockShelf::memory() {
+    {
+        const std::lock_guard guard(fLock);
+        if (!fEntries.empty() && oldest().kept.use_count() == 1) {
+            oldest().part = 0;
+            return std::exchange(oldest().kept, nullptr);
+        }
+    }
+    return std::make_shared<blockBuffer>(kBlockSize);
+}
+
+void blockShelf::keep(std::uint64_t part, std::uint32_t number, rows kept) {
+    const std::lock_guard guard(fLock);
+    if (!fEntries.empty()) oldest() = {part, number, ++fClock, std::move(kept)};
+}
+
+void blockShelf::clear() {
+    const std::lock_guard guard(fLock);
+    std::ranges::fill(fEntries, entry{});
+}
+
+blockBuffer blockShelf::takeScratch() {
+    {
+        const std::lock_guard guard(fLock);
+        if (!fScratch.empty()) {
+            blockBuffer scratch = std::move(fScratch.back());
+            fScratch.pop_back();
+            return scratch;
+        }
+    }
+    return blockBuffer(kBlockSize);
+}
+
+void blockShelf::putBack(blockBuffer scratch) {
+    const std::lock_guard guard(fLock);
+    fScratch.push_back(std::move(scratch));
+}
+
+}  // namespace orva

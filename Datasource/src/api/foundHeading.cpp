@@ -1,0 +1,120 @@
+#include "api/foundHeading.h"
+
+#include <orva/errors.h>
+#include <orva/inspect.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <string_view>
+
+namespace orva {
+
+namespace {
+
+// Long enough for most dictionary parts with the heading behind them, so that one read does for both.
+constexpr std::int64_t kFirstRead = 4096;
+
+class headingSearch {
+public:
+    headingSearch(const storedBytes& bytes, const Path& path, const std::string& place)
+        : fBytes(bytes), fPath(path), fPlace(place), fLength(bytes.length()) {
+        fFirst.resize(static_cast<std::size_t>(std::min(kFirstRead, fLength)));
+        if (!bytes.read(fFirst.data(), fFirst.size(), 0)) refuse("has become shorter while it was opened: try again");
+        fText = parseDictionaryText(fFirst);
+    }
+
+    foundHeading at(i64 row0) const {
+        if (row0 < 1) throw UsageError(name() + ": no rows begin at offset " + std::to_string(row0), fPath);
+        return headingAt(FileInfo::FoundBy::option, row0);
+    }
+
+    foundHeading find() const {
+        if (!fText && fPlace.empty()) refuse("does not say where its rows begin: give row0");
+        const foundHeading found = fText ? headingAt(FileInfo::FoundBy::dictionary, fText->row0Pos)
+                                         : headingAt(FileInfo::FoundBy::search, searched());
+        if (!fPlace.empty()) refuseSecond(found);
+        return found;
+    }
+
+private:
+    std::string name() const { return fPath.empty() ? "the source" : '"' + fPath.string() + '"'; }
+    [[noreturn]] void refuse(const std::string& what) const { throw DamagedFileError(name() + ' ' + what, fPath); }
+
+    std::int64_t searched() const {
+        if (const auto part = findPart(fPlace)) return part->row0Pos;
+        if (fLength == 0) refuse("is empty: check that it is the file you mean");
+        refuse(
+            "holds no finished compressed part: check that it is the file you mean and that its writer finished, or "
+            "give row0");
+    }
+
+    // The heading repeats its own offset, and so shows its byte order.
+    foundHeading headingAt(FileInfo::FoundBy by, std::int64_t place) const {
+        foundHeading found{by, {}, {}, false, fText};
+        if (!readRaw(place, found.raw)) refuseNone(place);
+        found.heading = std::bit_cast<compressionHeading>(found.raw);
+        if (found.heading._caseStartPos == place) return found;
+        swapHeading(found.heading);
+        found.swapped = true;
+        if (found.heading._caseStartPos != place) refuseNone(place);
+        return found;
+    }
+
+    bool readRaw(std::int64_t place, rawHeading& raw) const {
+        if (place > fLength - kHeadingSize) return false;
+        if (place > std::ssize(fFirst) - kHeadingSize) return fBytes.read(raw.data(), raw.size(), place);
+        std::memcpy(raw.data(), fFirst.data() + place, raw.size());
+        return true;
+    }
+
+    [[noreturn]] void refuseNone(std::int64_t place) const {
+        const std::string where = "offset " + std::to_string(place);
+        if (fText && fText->row0Pos == place) {
+            throw UnfinishedFileError(name() + " is not finished: its rows begin at " + where +
+                                          ", where no heading stands yet. If its writer is gone, 'orva recover " +
+                                          fPath.string() + " -o OUT' gets the rows that are there",
+                                      fPath);
+        }
+        refuse("has no heading at " + where + ": check row0, and that its writer has finished");
+    }
+
+    static bool isSound(const std::string& file, const foundPart& part) {
+        try {
+            const finishedPart opened(file, part);
+            return true;
+        } catch (const ::DamagedFileError&) {
+            return false;
+        }
+    }
+
+    // Behind the index of a part nothing needs to stand. What does may be the part that was meant: a finished file that
+    // was taken for a dictionary part stands before it.
+    void refuseSecond(const foundHeading& found) const {
+        const foundPart first{found.heading._caseStartPos, found.swapped};
+        const std::int64_t end = found.heading._indexPos + found.heading._size;
+        if (end <= first.row0Pos || end > fLength - kHeadingSize) return;
+        const auto second = findPart(fPlace, end);
+        if (!second || !isSound(fPlace, *second) || !isSound(fPlace, first)) return;
+        throw UsageError(name() + " holds two compressed parts, at offset " + std::to_string(first.row0Pos) +
+                             " and at " + std::to_string(second->row0Pos) + ": say by row0 which one you mean",
+                         fPath);
+    }
+
+    const storedBytes& fBytes;
+    const Path& fPath;
+    const std::string& fPlace;
+    const std::int64_t fLength;
+    std::string fFirst;
+    std::optional<dictionaryText> fText;
+};
+
+}  // namespace
+
+foundHeading findHeading(const storedBytes& bytes, std::optional<i64> row0, const Path& path,
+                         const std::string& place) {
+    const headingSearch search(bytes, path, place);
+    return row0 ? search.at(*row0) : search.find();
+}
+
+}  // namespace orva

@@ -1,0 +1,74 @@
+#include "api/openedFile.h"
+
+#include "api/translated.h"
+#include "file/fileCodes.h"
+#include "file/namedFile.h"
+
+#include <orva/platform.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <utility>
+
+namespace fs = std::filesystem;
+
+namespace orva {
+
+namespace {
+
+constexpr std::uint64_t kLongestTransfer = std::uint64_t{1} << 30;
+
+int openAtAnyPlace(const std::string& name, const std::string& place) {
+    std::error_code unknown;
+    const fs::file_status status = fs::status(place, unknown);
+    const bool waits = fs::exists(status) && !fs::is_regular_file(status) && !fs::is_block_file(status);
+    if (waits && !fs::is_directory(status)) throwFileError(ESPIPE, kReadFailed, name);
+    const int descriptor = platform::openShared(place.c_str(), platform::_O_RDONLY, 0, 0);
+    if (descriptor < 0) throwFileError(errno, kReadFailed, name);
+    return descriptor;
+}
+
+}  // namespace
+
+openedFile::openedFile(std::string name, const std::string& place)
+    : fName(std::move(name)), fDescriptor(openAtAnyPlace(fName, place)) {}
+
+openedFile::~openedFile() {
+    platform::closeAnyway(fDescriptor);
+}
+
+std::int64_t openedFile::length() const {
+    const std::int64_t end = platform::_lseeki64(fDescriptor, 0, SEEK_END);
+    if (end < 0) throwFileError(errno, kReadFailed, fName);
+    return end;
+}
+
+bool openedFile::read(void* to, std::uint64_t size, std::int64_t place) const {
+    for (auto* at = static_cast<unsigned char*>(to); size != 0;) {
+        const auto piece = static_cast<unsigned int>(std::min(size, kLongestTransfer));
+        const int count = platform::readAt(fDescriptor, at, piece, place);
+        if (count < 0) throwFileError(errno, kReadFailed, fName);
+        if (static_cast<unsigned int>(count) != piece) return false;
+        at += piece;
+        size -= piece;
+        place += piece;
+    }
+    return true;
+}
+
+bool openedFile::isBeingWritten() const {
+    return platform::hasWriter(fDescriptor);
+}
+
+std::int64_t sourceBytes::length() const {
+    return callersOwn([&] { return fSource->size(); });
+}
+
+bool sourceBytes::read(void* to, std::uint64_t size, std::int64_t place) const {
+    const Bytes wanted(static_cast<std::byte*>(to), static_cast<std::size_t>(size));
+    return callersOwn([&] { return fSource->read_at(place, wanted); }) == wanted.size();
+}
+
+}  // namespace orva

@@ -1,0 +1,50 @@
+// What a Reader reads from: a file held open, or a caller's ByteSource. Both without a lock, so that reads run side by
+// side and a fork finds nothing taken.
+//
+// Threads: any.
+// Failure: FileError from the system; callersFailure from a source.
+#pragma once
+
+#include "format/storedBytes.h"
+
+#include <orva/reader.h>
+
+#include <memory>
+#include <string>
+
+namespace orva {
+
+class openedFile final : public storedBytes {
+public:
+    // `name` is for messages, `place` its full name. FileError if it cannot be opened, or read at any place: nobody is
+    // waited for at the other end of a pipe.
+    openedFile(std::string name, const std::string& place);
+    openedFile(const openedFile&) = delete;
+    openedFile& operator=(const openedFile&) = delete;
+    ~openedFile() override;
+
+    const std::string& name() const override { return fName; }
+    std::int64_t length() const override;
+    bool read(void* to, std::uint64_t size, std::int64_t place) const override;
+    // A writer holds its lock.
+    bool isBeingWritten() const;
+
+private:
+    const std::string fName;
+    const int fDescriptor;
+};
+
+class sourceBytes final : public storedBytes {
+public:
+    explicit sourceBytes(std::shared_ptr<const ByteSource> source) : fSource(std::move(source)) {}
+
+    const std::string& name() const override { return fName; }
+    std::int64_t length() const override;
+    bool read(void* to, std::uint64_t size, std::int64_t place) const override;
+
+private:
+    const std::shared_ptr<const ByteSource> fSource;
+    const std::string fName = "the source";
+};
+
+}  // namespace orva

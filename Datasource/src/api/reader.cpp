@@ -1,0 +1,197 @@
+#include "api/blockShelf.h"
+#include "api/rowsRead.h"
+#include "api/shownPart.h"
+#include "api/translated.h"
+
+#include <orva/platform.h>
+#include <orva/reader.h>
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <utility>
+
+namespace orva {
+
+ByteSource::~ByteSource() = default;
+
+// What copies share. Reads begin with the part that is shown just then and end with it, whatever refresh does.
+struct Reader::State {
+    using partPtr = std::shared_ptr<const shownPart>;
+
+    State(Path path, std::shared_ptr<const ByteSource> source, const ReaderOptions& given)
+        : fPath(std::move(path)),
+          fPlace(fPath.empty() ? fPath : std::filesystem::absolute(fPath)),
+          fSource(std::move(source)),
+          fOptions(given),
+          fThreads(threadsAtWork(given.threads, fPath)) {
+        require(given.cached_blocks >= 0, fPath, "a number of cached blocks is 0 or more");
+        fShown = new partPtr(opened());
+        fOwn = new own(fOptions.cached_blocks);
+    }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+    ~State() {
+        delete fShown.load();
+        if (fOwn.load()->forks == platform::forkCount()) delete fOwn.load();
+    }
+
+    partPtr opened() const {
+        return translated(
+            fPath,
+            [this] {
+                return fSource != nullptr ? std::make_shared<const shownPart>(fSource, fOptions.row0)
+                                          : std::make_shared<const shownPart>(fPath, fPlace, fOptions.row0);
+            },
+            fPlace.string());
+    }
+
+    partPtr shown() {
+        const std::lock_guard guard(ofProcess().lock);
+        return *fShown.load();
+    }
+    void refresh() {
+        std::unique_ptr<partPtr> next = std::make_unique<partPtr>(opened());
+        own& mine = ofProcess();
+        {
+            const std::lock_guard guard(mine.lock);
+            next.reset(fShown.exchange(next.release()));
+        }
+        mine.shelf.clear();
+    }
+    void read(const shownPart& part, std::span<const rowPiece> pieces) {
+        readPieces(part, ofProcess().shelf, pieces, fThreads);
+    }
+
+    const Path fPath;   // as the caller wrote it; empty for a source
+    const Path fPlace;  // the full name
+    const std::shared_ptr<const ByteSource> fSource;
+    const ReaderOptions fOptions;
+    const std::uint32_t fThreads;
+
+private:
+    // What has locks. A forked child may find them taken by threads that it does not have, and makes its own; what it
+    // inherited is left behind.
+    struct own {
+        explicit own(int cachedBlocks) : shelf(cachedBlocks) {}
+        const std::uint32_t forks = platform::forkCount();
+        std::mutex lock;  // of the part that fShown leads to, while it is copied or exchanged
+        blockShelf shelf;
+    };
+    own& ofProcess() {
+        own* found = fOwn.load(std::memory_order_acquire);
+        if (found->forks == platform::forkCount()) return *found;
+        auto made = std::make_unique<own>(fOptions.cached_blocks);
+        return fOwn.compare_exchange_strong(found, made.get()) ? *made.release() : *found;
+    }
+
+    std::atomic<partPtr*> fShown{nullptr};  // leads to a whole one at any instant, also that of a fork
+    std::atomic<own*> fOwn{nullptr};
+};
+
+Reader::Reader(const Path& path, const ReaderOptions& options)
+    : fState(std::make_shared<State>(path, nullptr, options)) {}
+Reader::Reader(std::shared_ptr<const ByteSource> source, const ReaderOptions& options)
+    : fState((require(source != nullptr, {}, "a Reader needs a source"),
+              std::make_shared<State>(Path(), std::move(source), options))) {}
+Reader::Reader(const Reader&) noexcept = default;
+Reader& Reader::operator=(const Reader&) noexcept = default;
+Reader::~Reader() = default;
+
+const Path& Reader::path() const noexcept {
+    return fState->fPath;
+}
+i64 Reader::size() const {
+    return fState->shown()->size();
+}
+i64 Reader::row0() const {
+    return fState->shown()->row0();
+}
+bool Reader::swapped() const {
+    return fState->shown()->swapped();
+}
+
+std::vector<std::byte> Reader::dictionary() const {
+    const State::partPtr part = fState->shown();
+    std::vector<std::byte> bytes(static_cast<std::size_t>(part->row0()));
+    const bool whole = translated(path(), [&] { return part->bytes().read(bytes.data(), bytes.size(), 0); });
+    if (!whole) throw FileChangedError('"' + path().string() + "\" has become shorter since it was opened", path());
+    return bytes;
+}
+
+std::vector<Block> Reader::blocks() const {
+    const State::partPtr part = fState->shown();
+    std::vector<Block> blocks(part->blockCount());
+    for (std::uint32_t i = 0; i < part->blockCount(); ++i) blocks[i] = part->block(i);
+    return blocks;
+}
+
+std::vector<Range> Reader::splits(int count, i64 record_size) const {
+    const State::partPtr part = fState->shown();
+    require(count >= 1, path(), "rows are split into 1 range or more");
+    require(record_size >= 1, path(), "a record has 1 byte or more");
+    require(part->size() % record_size == 0, path(), "its rows are no whole number of records of that size");
+    std::vector<Range> ranges;
+    const i64 blocks = part->blockCount();
+    const i64 wanted = std::min<i64>(count, blocks);
+    for (i64 i = 1, begin = 0; i <= wanted; ++i) {
+        const i64 border = part->begin(static_cast<std::uint32_t>(blocks * i / wanted));
+        const i64 into = border % record_size;
+        const i64 end = into == 0 ? border : border + (record_size - into);
+        if (end <= begin) continue;  // no record begins there
+        ranges.push_back({begin, end - begin});
+        begin = end;
+    }
+    return ranges;
+}
+
+namespace {
+
+// Cuts a request at the borders of blocks.
+template <class Take>
+std::size_t cut(const shownPart& part, i64 offset, Bytes to, Take take) {
+    const i64 left = part.size() - offset;
+    const std::size_t got = left <= 0 ? 0 : std::min(to.size(), static_cast<std::size_t>(left));
+    if (got == 0) return 0;
+    std::size_t done = 0;
+    for (std::uint32_t block = part.blockAt(offset); done < got; ++block) {
+        const i64 from = offset + static_cast<i64>(done) - part.begin(block);
+        const i64 size = std::min(part.begin(block + 1) - part.begin(block) - from, static_cast<i64>(got - done));
+        take(rowPiece{block, from, size, to.data() + done});
+        done += static_cast<std::size_t>(size);
+    }
+    return got;
+}
+
+}  // namespace
+
+std::size_t Reader::read_at(i64 offset, Bytes to) const {
+    require(offset >= 0, path(), "rows begin at offset 0");
+    const State::partPtr part = fState->shown();
+    std::vector<rowPiece> pieces;
+    const std::size_t got = cut(*part, offset, to, [&](const rowPiece& piece) { pieces.push_back(piece); });
+    fState->read(*part, pieces);
+    return got;
+}
+
+void Reader::read_ranges(std::span<ReadRequest> requests) const {
+    const State::partPtr part = fState->shown();
+    std::vector<rowPiece> pieces;
+    for (ReadRequest& request : requests) {
+        require(request.offset >= 0, path(), "rows begin at offset 0");
+        request.got = cut(*part, request.offset, request.to, [&](const rowPiece& piece) { pieces.push_back(piece); });
+    }
+    std::ranges::sort(pieces, {}, [](const rowPiece& piece) { return piece.block; });
+    fState->read(*part, pieces);
+}
+
+void Reader::refresh() {
+    fState->refresh();
+}
+
+i64 Reader::end_of_block(i64 offset) const {
+    const State::partPtr part = fState->shown();
+    return offset >= part->size() ? offset : part->begin(part->blockAt(offset) + 1);
+}
+
+}  // namespace orva

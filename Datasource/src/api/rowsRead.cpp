@@ -1,0 +1,134 @@
+#include "api/rowsRead.h"
+
+#include <orva/ktthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <system_error>
+#include <vector>
+
+namespace orva {
+
+namespace {
+
+using pieceSpan = std::span<const rowPiece>;
+
+class rowsRead {
+public:
+    rowsRead(const shownPart& part, blockShelf& shelf) : fPart(part), fShelf(shelf) {}
+
+    // The pieces of one block.
+    void readBlock(pieceSpan pieces) {
+        const std::uint32_t block = pieces.front().block;
+        if (const blockShelf::rows kept = fShelf.find(fPart.id(), block)) return copy(pieces, *kept);
+        if (pieces.size() == 1 && isWhole(pieces.front())) return inflate(block, pieces.front().to);
+        const blockShelf::rows rows = fShelf.memory();
+        inflate(block, rows->get());
+        copy(pieces, *rows);
+        fShelf.keep(fPart.id(), block, rows);
+    }
+
+private:
+    bool isWhole(const rowPiece& piece) const {
+        return piece.from == 0 && piece.size == fPart.begin(piece.block + 1) - fPart.begin(piece.block);
+    }
+
+    void inflate(std::uint32_t block, void* to) {
+        blockBuffer scratch = fShelf.takeScratch();
+        fPart.read(block, scratch.get(), static_cast<unsigned char*>(to));
+        fShelf.putBack(std::move(scratch));
+    }
+
+    static void copy(pieceSpan pieces, const blockBuffer& rows) {
+        for (const rowPiece& piece : pieces) {
+            std::memcpy(piece.to, rows.get() + piece.from, static_cast<std::size_t>(piece.size));
+        }
+    }
+
+    const shownPart& fPart;
+    blockShelf& fShelf;
+};
+
+std::vector<pieceSpan> byBlock(pieceSpan pieces) {
+    std::vector<pieceSpan> blocks;
+    for (auto at = pieces.begin(); at != pieces.end();) {
+        const auto next = std::find_if(at, pieces.end(), [&](const rowPiece& p) { return p.block != at->block; });
+        blocks.emplace_back(at, next);
+        at = next;
+    }
+    return blocks;
+}
+
+// Blocks shared out among threads: whoever is free takes the next.
+class sharedRead {
+public:
+    sharedRead(rowsRead& read, std::vector<pieceSpan> blocks) : fRead(read), fBlocks(std::move(blocks)) {}
+
+    void run(std::uint32_t threads) {
+        const auto others = static_cast<int>(std::min<std::size_t>(threads, fBlocks.size()) - 1);
+        ktThreadPool pool(others, 0);
+        pool.init();
+        try {
+            pool.startAll();
+            for (int i = 0; i < others; ++i) pool.runCallBack(new helper(*this), nullptr, 0);
+        } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): this thread does all of it
+        }
+        work();
+        pool.stopAll();
+        if (fFailure != nullptr) std::rethrow_exception(fFailure);
+    }
+
+private:
+    class helper final : public CallBackObject {
+    public:
+        explicit helper(sharedRead& read) : CallBackObject(nullptr), fRead(read) {}
+        int onCallBack(void*) override {
+            fRead.work();
+            return 0;
+        }
+
+    private:
+        sharedRead& fRead;
+    };
+
+    void work() noexcept {
+        for (std::size_t i = fNext++; i < fBlocks.size(); i = fNext++) {
+            try {
+                fRead.readBlock(fBlocks[i]);
+            } catch (...) {
+                keep(i, std::current_exception());
+            }
+        }
+    }
+
+    void keep(std::size_t block, std::exception_ptr failure) {
+        fNext = fBlocks.size();
+        const std::lock_guard guard(fLock);
+        if (block >= fFailed) return;
+        fFailed = block;
+        fFailure = std::move(failure);
+    }
+
+    rowsRead& fRead;
+    const std::vector<pieceSpan> fBlocks;
+    std::atomic<std::size_t> fNext{0};
+    std::mutex fLock;
+    std::size_t fFailed = SIZE_MAX;
+    std::exception_ptr fFailure;
+};
+
+}  // namespace
+
+void readPieces(const shownPart& part, blockShelf& shelf, pieceSpan pieces, std::uint32_t threads) {
+    if (pieces.empty()) return;
+    rowsRead read(part, shelf);
+    if (pieces.front().block == pieces.back().block) return read.readBlock(pieces);
+    std::vector<pieceSpan> blocks = byBlock(pieces);
+    if (threads > 1) return sharedRead(read, std::move(blocks)).run(threads);
+    for (const pieceSpan block : blocks) read.readBlock(block);
+}
+
+}  // namespace orva

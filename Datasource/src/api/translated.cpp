@@ -1,0 +1,79 @@
+#include "api/translated.h"
+
+#include <orva/errors.h>
+#include <orva/errtext.h>
+
+#include <algorithm>
+#include <new>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+namespace orva {
+
+namespace {
+
+std::string without(std::string text, const std::string& part) {
+    if (const auto at = text.find(part); !part.empty() && at != std::string::npos) text.erase(at, part.size());
+    return text;
+}
+
+std::string quoted(const std::string& name) {
+    return '"' + name + '"';
+}
+
+// Under the name that the caller knows, without the number that a catalog is searched by.
+std::string textOf(const FileError& failure, const Path& path, const std::string& workName) {
+    const std::string number = " (" + failure.catalog() + ' ' + std::to_string(failure.messageCode()) + ')';
+    std::string text = without(failure.what(), number);
+    const auto at = workName.empty() ? std::string::npos : text.find(quoted(workName));
+    if (at != std::string::npos) text.replace(at, quoted(workName).size(), quoted(path.string()));
+    return text;
+}
+
+std::string textOf(const std::system_error& failure, const Path& path) {
+    return "cannot go on with " + quoted(path.string()) + ": " + failure.code().message();
+}
+
+}  // namespace
+
+std::string textOf(const ::DamagedFileError& damage, const Path& path) {
+    if (path.empty()) return damage.what();
+    return damage.what() + ("; 'orva recover " + path.string() + " -o OUT' gets the rows that are sound");
+}
+
+void require(bool fulfilled, const Path& path, const char* what) {
+    if (fulfilled) return;
+    throw UsageError((path.empty() ? "" : quoted(path.string()) + ": ") + what, path);
+}
+
+std::uint32_t threadsAtWork(int threads, const Path& path) {
+    constexpr unsigned int most = 256;  // each holds two blocks of memory
+    require(threads >= 0, path, "a number of threads is 0, for one a core, or more");
+    const unsigned int wanted = threads != 0 ? static_cast<unsigned int>(threads) : std::thread::hardware_concurrency();
+    return std::clamp(wanted, 1U, most);
+}
+
+void rethrowTranslated(const Path& path, const std::string& workName) {
+    try {
+        throw;
+    } catch (const callersFailure& failure) {
+        std::rethrow_exception(failure.cause);
+    } catch (const Error&) {
+        throw;
+    } catch (const FileError& failure) {
+        throw SystemError(failure.code(), textOf(failure, path, workName), path);
+    } catch (const FileReopenError& failure) {
+        throw SystemError(failure.code(), textOf(failure, path), path);
+    } catch (const ::FileChangedError& change) {
+        throw FileChangedError(change.what(), path, {}, change.place().block);
+    } catch (const ::DamagedFileError& damage) {
+        throw DamagedFileError(textOf(damage, path), path, {}, damage.place().block);
+    } catch (const std::system_error& failure) {  // of a thread that could not be started, or of a name
+        throw SystemError(failure.code(), textOf(failure, path), path);
+    } catch (const std::logic_error& breach) {
+        throw UsageError(breach.what(), path);
+    }
+}
+
+}  // namespace orva

@@ -1,0 +1,51 @@
+// translated: the one place where what the rooms below throw becomes one of the face's errors.
+//
+// Threads: no state.
+#pragma once
+
+#include <orva/error.h>
+#include <orva/errors.h>
+
+#include <cstdint>
+#include <exception>
+#include <string>
+
+namespace orva {
+
+// What a ByteSource, a Progress or other code of the caller's has thrown: it comes out unchanged.
+struct callersFailure {
+    std::exception_ptr cause;
+};
+template <class Work>
+auto callersOwn(Work work) {
+    try {
+        return work();
+    } catch (...) {
+        throw callersFailure{std::current_exception()};
+    }
+}
+
+// In a handler: throws what was caught as one of the face's errors about `path`. `workName`: the name that the file has
+// for the rooms below, where that is another one.
+[[noreturn]] void rethrowTranslated(const Path& path, const std::string& workName = {});
+
+// What work() gives, or an error of the face.
+template <class Work>
+auto translated(const Path& path, Work work, const std::string& workName = {}) {
+    try {
+        return work();
+    } catch (...) {
+        rethrowTranslated(path, workName);
+    }
+}
+
+// A call that cannot be meant.
+void require(bool fulfilled, const Path& path, const char* what);
+
+// As many as there are cores for 0. UsageError below that.
+std::uint32_t threadsAtWork(int threads, const Path& path);
+
+// "NAME" is damaged: WHERE AND WHAT, without the parts that mean nothing to a caller, and what can be done.
+std::string textOf(const ::DamagedFileError& damage, const Path& path);
+
+}  // namespace orva

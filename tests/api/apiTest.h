@@ -1,0 +1,101 @@
+// What tests of the face share: finished files made by the streams below it, and what a call throws.
+#pragma once
+
+#include "api/dictionaryText.h"
+#include "support/tempDir.h"
+
+#include <orva/orva.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+namespace api {
+
+using orva::i64;
+using support::Bytes;
+using support::operator+;
+
+constexpr std::size_t kBlock = kBlockSize;
+
+inline std::span<const std::byte> bytesOf(const Bytes& rows) {
+    return std::as_bytes(std::span(rows));
+}
+
+// The rows at `offset`, as many as there are.
+inline Bytes read(const orva::Reader& reader, i64 offset, std::size_t size) {
+    Bytes rows(size);
+    rows.resize(reader.read_at(offset, std::as_writable_bytes(std::span(rows))));
+    return rows;
+}
+inline Bytes all(const orva::Reader& reader) {
+    return read(reader, 0, static_cast<std::size_t>(reader.size()));
+}
+
+// The name of the class that `call` throws, with the errno of a SystemError; empty if it throws nothing.
+template <class Call>
+std::string thrownBy(Call call) {
+    try {
+        call();
+        return "";
+    } catch (const orva::SystemError& e) {
+        return "SystemError " + std::string(strerrorname_np(e.code().value()));
+    } catch (const orva::DamagedFileError&) {
+        return "DamagedFileError";
+    } catch (const orva::UnfinishedFileError&) {
+        return "UnfinishedFileError";
+    } catch (const orva::FileChangedError&) {
+        return "FileChangedError";
+    } catch (const orva::UsageError&) {
+        return "UsageError";
+    } catch (const std::exception& e) {
+        return std::string("other: ") + e.what();
+    }
+}
+
+// A source of bytes in memory that counts its reads.
+struct memory final : orva::ByteSource {
+    explicit memory(Bytes from) : bytes(std::move(from)) {}
+    i64 size() const override { return std::ssize(bytes); }
+    std::size_t read_at(i64 offset, orva::Bytes to) const override {
+        ++reads;
+        const Bytes found = support::slice(bytes, static_cast<std::size_t>(offset), to.size());
+        std::ranges::copy(bytesOf(found), to.begin());
+        return found.size();
+    }
+    Bytes bytes;
+    mutable std::atomic<int> reads{0};
+};
+
+class FaceTest : public support::TempDir {
+protected:
+    // A finished file of the rows behind `dictionary`.
+    std::string finished(const std::string& name, const Bytes& rows, const std::string& dictionary) const {
+        ORVA_FileStream file(path(name).c_str(), "wb");
+        file.Write(dictionary.data(), static_cast<std::uint32_t>(dictionary.size()));
+        zcmpsFilestr writer(file);
+        writer.setRow0Pos(std::ssize(dictionary));
+        writer.Seek(std::ssize(dictionary), ORVA_StrBaseIO::SeekFromStart);
+        writer.Write(rows.data(), static_cast<std::uint32_t>(rows.size()));
+        writer.Close();
+        return path(name);
+    }
+    std::string finished(const std::string& name, const Bytes& rows) const {
+        return finished(name, rows, orva::makeDictionaryText());
+    }
+    // The names in the directory, but for files that `finish` and tests have made.
+    std::vector<std::string> names() const {
+        std::vector<std::string> found;
+        for (const auto& entry : std::filesystem::directory_iterator(fDirectory)) {
+            found.push_back(entry.path().filename().string());
+        }
+        std::ranges::sort(found);
+        return found;
+    }
+};
+
+}  // namespace api

@@ -1,0 +1,231 @@
+// orva::Reader and Rows: every row from any thread, and each failure as the class that says what to do.
+#include "api/apiTest.h"
+
+#include <algorithm>
+#include <array>
+#include <future>
+#include <numeric>
+
+using namespace api;
+using support::RandomBytes;
+
+namespace {
+
+class Reader : public FaceTest {};
+
+TEST_F(Reader, GivesTheRowsOfAnyRange) {
+    RandomBytes random(1);
+    const Bytes rows = random.rows(3 * kBlock + 1'000);
+    const std::string name = finished("rows", rows);
+    for (const int threads : {1, 3}) {
+        const orva::Reader reader(name, {.threads = threads});
+        EXPECT_EQ(reader.size(), std::ssize(rows));
+        EXPECT_EQ(reader.row0(), 512);
+        EXPECT_EQ(reader.dictionary().size(), 512U);
+        EXPECT_TRUE(support::sameBytes(all(reader), rows));
+        for (int i = 0; i < 20; ++i) {
+            const std::size_t at = random.below(rows.size() + 10);
+            const std::size_t size = i % 2 == 0 ? random.below(2 * kBlock) : random.below(100);
+            EXPECT_TRUE(support::sameBytes(read(reader, static_cast<i64>(at), size), support::slice(rows, at, size)));
+        }
+    }
+}
+
+TEST_F(Reader, TakesRangesInAnyOrder) {
+    RandomBytes random(2);
+    const Bytes rows = random.rows(3 * kBlock);
+    const orva::Reader reader(finished("rows", rows), {.threads = 2});
+    std::vector<Bytes> memory;
+    std::vector<orva::ReadRequest> requests;
+    for (int i = 0; i < 50; ++i) memory.emplace_back(random.below(i == 7 ? 2 * kBlock : 300'000));
+    for (Bytes& to : memory) {
+        requests.push_back({random.between(0, 3 * kBlock), std::as_writable_bytes(std::span(to)), 0});
+    }
+    reader.read_ranges(requests);
+    for (std::size_t i = 0; i < memory.size(); ++i) {
+        memory[i].resize(requests[i].got);
+        const Bytes expected =
+            support::slice(rows, static_cast<std::size_t>(requests[i].offset), requests[i].to.size());
+        EXPECT_TRUE(support::sameBytes(memory[i], expected));
+    }
+}
+
+TEST_F(Reader, ReadsASourceInThreeReadsAtMost) {
+    RandomBytes random(3);
+    const Bytes rows = random.rows(2 * kBlock);
+    const auto source = std::make_shared<memory>(support::readBytes(finished("rows", rows)));
+    const orva::Reader reader(source);
+    EXPECT_LE(source->reads, 3);
+    EXPECT_TRUE(support::sameBytes(all(reader), rows));
+    const std::string other = finished("other", rows, std::string(10'000, 'x'));
+    const auto far = std::make_shared<memory>(support::readBytes(other));
+    EXPECT_EQ(thrownBy([&] { orva::Reader{far}; }), "DamagedFileError");
+    far->reads = 0;
+    const orva::Reader told(far, {.row0 = 10'000});
+    EXPECT_LE(far->reads, 3);
+    EXPECT_TRUE(support::sameBytes(all(told), rows));
+    EXPECT_TRUE(support::sameBytes(all(orva::Reader(other)), rows));  // by a search
+}
+
+TEST_F(Reader, PassesWhatASourceThrows) {
+    struct broken final : orva::ByteSource {
+        i64 size() const override { return 10'000; }
+        std::size_t read_at(i64, orva::Bytes) const override { throw std::out_of_range("mine"); }
+    };
+    EXPECT_THROW(orva::Reader(std::make_shared<broken>()), std::out_of_range);
+}
+
+TEST_F(Reader, SaysWhatIsWrongWithAFile) {
+    RandomBytes random(4);
+    const Bytes whole = support::readBytes(finished("whole", random.rows(100'000)));
+    const std::string text = orva::makeDictionaryText();
+    const Bytes dictionary(text.begin(), text.end());
+    const std::string two = finished("two", random.rows(10'000), std::string(whole.begin(), whole.end()));
+    struct Case {
+        const char* name;
+        std::string file;
+        orva::ReaderOptions options;
+        const char* thrown;
+    };
+    const Case cases[] = {
+        {"Missing", path("none"), {}, "SystemError ENOENT"},
+        {"Directory", fDirectory.string(), {}, "SystemError EISDIR"},
+        {"Pipe", "/dev/stdin/x", {}, "SystemError ENOTDIR"},
+        {"Empty", made("empty", {}), {}, "DamagedFileError"},
+        {"OfAnotherKind", made("kind", random.noise(9'000)), {}, "DamagedFileError"},
+        {"FirstLineAlone", made("line", dictionary), {}, "UnfinishedFileError"},
+        {"FirstLineAndZeros", made("zeros", dictionary + Bytes(5'000)), {}, "UnfinishedFileError"},
+        {"FirstLineAndItsPlace", made("line2", dictionary), {.row0 = 512}, "UnfinishedFileError"},
+        {"IndexCutOff", made("cut", support::slice(whole, 0, whole.size() - 10)), {}, "DamagedFileError"},
+        {"AnotherPlace", path("whole"), {.row0 = 513}, "DamagedFileError"},
+        {"PlaceBelowOne", path("whole"), {.row0 = 0}, "UsageError"},
+        {"ThreadsBelowZero", path("whole"), {.threads = -1}, "UsageError"},
+        {"CacheBelowZero", path("whole"), {.cached_blocks = -1}, "UsageError"},
+        {"TwoParts", two, {}, "UsageError"},
+        {"Whole", path("whole"), {}, ""},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(thrownBy([&] { orva::Reader(c.file, c.options); }), c.thrown) << c.name;
+    }
+    try {
+        orva::Reader(path("none"));
+    } catch (const orva::Error& e) {
+        EXPECT_EQ(e.path(), path("none"));
+        EXPECT_EQ(e.what(), "cannot read \"" + path("none") + "\": No such file or directory; check the name");
+    }
+}
+
+TEST_F(Reader, RefusesCallsThatCannotBeMeant) {
+    const orva::Reader reader(finished("rows", Bytes(1'000)));
+    std::array<std::byte, 10> to{};
+    orva::ReadRequest request{-1, to, 0};
+    EXPECT_EQ(thrownBy([&] { reader.read_at(-1, to); }), "UsageError");
+    EXPECT_EQ(thrownBy([&] { reader.read_ranges({&request, 1}); }), "UsageError");
+    EXPECT_EQ(thrownBy([&] { (void)reader.splits(0); }), "UsageError");
+    EXPECT_EQ(thrownBy([&] { (void)reader.splits(1, 0); }), "UsageError");
+    EXPECT_EQ(thrownBy([&] { (void)reader.splits(1, 3); }), "UsageError");
+    EXPECT_EQ(thrownBy([&] { (void)orva::Reader(std::shared_ptr<const orva::ByteSource>()); }), "UsageError");
+    EXPECT_EQ(reader.read_at(INT64_MAX, to), 0U);
+    EXPECT_EQ(reader.read_at(1'000, to), 0U);
+    EXPECT_EQ(reader.read_at(995, to), 5U);
+}
+
+TEST_F(Reader, LosesTheDamagedBlockAlone) {
+    RandomBytes random(5);
+    const Bytes rows = random.rows(3 * kBlock);
+    const std::string name = finished("rows", rows);
+    const orva::Block middle = orva::Reader(name).blocks()[1];
+    support::overwriteBytes(name, static_cast<std::uint64_t>(middle.file_offset) + 1'000, Bytes(8, 0xff));
+    const orva::Reader reader(name, {.threads = 2});
+    try {
+        all(reader);
+        FAIL() << "the damage went unnoticed";
+    } catch (const orva::DamagedFileError& e) {
+        EXPECT_EQ(e.block(), 1);
+        EXPECT_EQ(e.offset(), std::ssize(rows) / 3);
+        EXPECT_NE(std::string(e.what()).find("orva recover"), std::string::npos) << e.what();
+    }
+    EXPECT_TRUE(support::sameBytes(read(reader, 2 * kBlock, kBlock), support::slice(rows, 2 * kBlock, kBlock)));
+}
+
+TEST_F(Reader, SplitsAtBlocksAndRecords) {
+    const orva::Reader reader(finished("rows", Bytes(4 * kBlock)));
+    for (const i64 record : {1, 24 * 31, static_cast<int>(kBlock)}) {
+        i64 next = 0;
+        for (const orva::Range& range : reader.splits(3, record)) {
+            EXPECT_EQ(range.offset, next);
+            EXPECT_EQ(range.length % record, 0);
+            next += range.length;
+        }
+        EXPECT_EQ(next, reader.size());
+        EXPECT_EQ(reader.splits(3, record).size(), 3U);
+    }
+}
+
+TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
+    RandomBytes random(6);
+    const Bytes rows = random.rows(2 * kBlock + 777);
+    orva::Reader reader(finished("rows", rows), {.threads = 2});
+    const auto reads = [&](std::uint64_t seed, int count) {
+        RandomBytes places(seed);
+        for (int i = 0; i < count; ++i) {
+            const std::size_t at = places.below(rows.size());
+            EXPECT_TRUE(support::sameBytes(read(reader, static_cast<i64>(at), 500), support::slice(rows, at, 500)));
+        }
+    };
+    std::atomic<bool> end = false;
+    std::vector<std::future<void>> others;
+    for (int i = 0; i < 2; ++i) {
+        others.push_back(std::async(std::launch::async, [&, i] {
+            while (!end) reads(static_cast<std::uint64_t>(i), 1);
+        }));
+    }
+    others.push_back(std::async(std::launch::async, [&] {
+        while (!end) reader.refresh();
+    }));
+    for (std::uint64_t i = 0; i < 6; ++i) support::expectInChild([&] { reads(i, support::kSanitized ? 5 : 50); });
+    reads(7, support::kSanitized ? 30 : 300);
+    end = true;
+}
+
+struct Row {
+    i64 key;
+    std::array<char, 5> rest;
+    bool operator==(const Row&) const = default;
+};
+
+TEST_F(Reader, GivesRowsAsValues) {
+    std::vector<Row> rows(kBlock / sizeof(Row) * 2 + 100);
+    for (std::size_t i = 0; i < rows.size(); ++i) rows[i] = {static_cast<i64>(2 * i), {'a'}};
+    Bytes bytes(rows.size() * sizeof(Row));
+    std::memcpy(bytes.data(), rows.data(), bytes.size());
+    const orva::Rows<Row> found(orva::Reader(finished("rows", bytes)));
+    const i64 count = std::ssize(rows);
+    ASSERT_EQ(found.size(), count);
+    EXPECT_EQ(found[count - 1], rows.back());
+    EXPECT_TRUE(std::ranges::equal(found, rows));
+    EXPECT_EQ(found.lower_bound(1'001, &Row::key), 501);
+    EXPECT_EQ(found.lower_bound(-1, &Row::key), 0);
+    EXPECT_EQ(found.lower_bound(2 * count, &Row::key), count);
+
+    std::vector<Row> some(10);
+    EXPECT_EQ(found.read(count - 3, some), 3);
+    EXPECT_EQ(some[2], rows.back());
+    EXPECT_EQ(found.read(count, some), 0);
+    const std::vector<i64> wanted{count - 1, 0, 7, 0};
+    found.take(wanted, std::span(some).first(4));
+    EXPECT_EQ(some[0], rows.back());
+    EXPECT_EQ(some[3], rows[0]);
+
+    EXPECT_EQ(thrownBy([&] { (void)found[count]; }), "UsageError");
+    EXPECT_EQ(thrownBy([&] { (void)found[-1]; }), "UsageError");
+    EXPECT_EQ(thrownBy([&] { (void)found.read(-1, some); }), "UsageError");
+    EXPECT_EQ(thrownBy([&] { found.take(wanted, some); }), "UsageError");
+    EXPECT_EQ(thrownBy([&] { found.take(std::vector<i64>{count}, std::span(some).first(1)); }), "UsageError");
+    struct Odd {
+        std::array<char, 7> bytes;
+    };
+    EXPECT_EQ(thrownBy([&] { orva::Rows<Odd>(orva::Reader(path("rows"))); }), "UsageError");
+}
+
+}  // namespace
