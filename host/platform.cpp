@@ -341,6 +341,18 @@ int renameFile(const char* from, const char* to) noexcept {
     return rawStatus(Step{.call = Call::Rename, .name = from, .newName = to}, [&] { return std::rename(from, to); });
 }
 
+int renameNew(const char* from, const char* to) noexcept {
+#ifdef RENAME_NOREPLACE
+    const Step step{.call = Call::Rename, .name = from, .newName = to};
+    const int result = rawStatus(step, [&] { return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE); });
+    if (result == 0 || (errno != EINVAL && errno != ENOSYS)) return result;
+#endif
+    struct stat taken {};
+    if (::lstat(to, &taken) != 0) return renameFile(from, to);
+    errno = EEXIST;
+    return -1;
+}
+
 int removeFile(const char* name) noexcept {
     return rawUnlink(name);
 }

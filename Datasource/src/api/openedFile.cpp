@@ -21,16 +21,20 @@ namespace {
 constexpr std::uint64_t kLongestTransfer = std::uint64_t{1} << 30;
 
 int openAtAnyPlace(const std::string& name, const std::string& place) {
-    std::error_code unknown;
-    const fs::file_status status = fs::status(place, unknown);
-    const bool waits = fs::exists(status) && !fs::is_regular_file(status) && !fs::is_block_file(status);
-    if (waits && !fs::is_directory(status)) throwFileError(ESPIPE, kReadFailed, name);
+    refusePipe(name, place);
     const int descriptor = platform::openShared(place.c_str(), platform::_O_RDONLY, 0, 0);
     if (descriptor < 0) throwFileError(errno, kReadFailed, name);
     return descriptor;
 }
 
 }  // namespace
+
+void refusePipe(const std::string& name, const std::string& place) {
+    std::error_code unknown;
+    const fs::file_status status = fs::status(place, unknown);
+    const bool waits = fs::exists(status) && !fs::is_regular_file(status) && !fs::is_block_file(status);
+    if (waits && !fs::is_directory(status)) throwFileError(ESPIPE, kReadFailed, name);
+}
 
 openedFile::openedFile(std::string name, const std::string& place)
     : fName(std::move(name)), fDescriptor(openAtAnyPlace(fName, place)) {}

@@ -1,13 +1,12 @@
 #include "api/rowsRead.h"
 
-#include <orva/ktthread.h>
+#include "api/callThreads.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <exception>
 #include <mutex>
-#include <system_error>
 #include <vector>
 
 namespace orva {
@@ -68,32 +67,12 @@ public:
     sharedRead(rowsRead& read, std::vector<pieceSpan> blocks) : fRead(read), fBlocks(std::move(blocks)) {}
 
     void run(std::uint32_t threads) {
-        const auto others = static_cast<int>(std::min<std::size_t>(threads, fBlocks.size()) - 1);
-        ktThreadPool pool(others, 0);
-        pool.init();
-        try {
-            pool.startAll();
-            for (int i = 0; i < others; ++i) pool.runCallBack(new helper(*this), nullptr, 0);
-        } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): this thread does all of it
-        }
-        work();
-        pool.stopAll();
+        const auto useful = static_cast<std::uint32_t>(std::min<std::size_t>(threads, fBlocks.size()));
+        inThreads(useful, [this](bool) { work(); });
         if (fFailure != nullptr) std::rethrow_exception(fFailure);
     }
 
 private:
-    class helper final : public CallBackObject {
-    public:
-        explicit helper(sharedRead& read) : CallBackObject(nullptr), fRead(read) {}
-        int onCallBack(void*) override {
-            fRead.work();
-            return 0;
-        }
-
-    private:
-        sharedRead& fRead;
-    };
-
     void work() noexcept {
         for (std::size_t i = fNext++; i < fBlocks.size(); i = fNext++) {
             try {

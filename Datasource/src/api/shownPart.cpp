@@ -45,7 +45,7 @@ std::string interruptedText(const Path& path) {
            path.string() + '\'';
 }
 
-shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row0)
+shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked)
     : fPath(path), fPlace(place.string()) {
     auto file = std::make_unique<openedFile>(path.string(), fPlace);
     fFile = file.get();
@@ -55,7 +55,8 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
     try {
         load();
     } catch (const ::DamagedFileError&) {
-        if (!platform::isNameTaken(sideFileName(fPlace).c_str()) && !fFile->isBeingWritten()) throw;
+        const bool interrupted = platform::isNameTaken(sideFileName(fPlace).c_str());
+        if (!interrupted && (locked || !fFile->isBeingWritten())) throw;
         throw UnfinishedFileError(interruptedText(fPath), fPath);
     }
 }
@@ -92,6 +93,15 @@ std::uint32_t shownPart::blockAt(std::int64_t offset) const {
 Block shownPart::block(std::uint32_t number) const {
     const filePosRecord& r = fRecords[number];
     return {{r.orginalPos - row0(), r.orginalSize}, r.translatePos, r.translateSize};
+}
+
+// One block alone may be a short one, so it tells nothing.
+std::int64_t shownPart::chosenLength() const {
+    if (fRecords.size() < 2) return kBlockSize;
+    const std::int64_t length = fRecords.front().orginalSize;
+    const bool all = std::all_of(fRecords.begin(), fRecords.end() - 1,
+                                 [&](const filePosRecord& r) { return r.orginalSize == length; });
+    return all && length >= kShortestBlockLength && length <= kBlockSize ? length : kBlockSize;
 }
 
 void shownPart::read(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {

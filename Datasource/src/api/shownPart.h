@@ -27,8 +27,8 @@ namespace orva {
 
 class shownPart {
 public:
-    // Opens as Reader does. `place`: the full name of `path`.
-    shownPart(const Path& path, const Path& place, std::optional<i64> row0);
+    // Opens as Reader does. `place`: the full name of `path`. `locked`: the caller holds the writer's lock.
+    shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked = false);
     shownPart(std::shared_ptr<const ByteSource> source, std::optional<i64> row0);
 
     // Of no other one in this process.
@@ -49,6 +49,8 @@ public:
     // The block that holds the offset, which lies in the rows.
     std::uint32_t blockAt(std::int64_t offset) const;
     Block block(std::uint32_t number) const;
+    // The length of full blocks that the writer had chosen, as far as they tell: that of all but the last.
+    std::int64_t chosenLength() const;
 
     // The rows of the block into `to`, which has room for kBlockSize bytes, or for the block's where that can be true.
     // `compressed` has kBlockSize bytes.

@@ -18,6 +18,7 @@
 #include <orva/error.h>
 #include <orva/orvaApi.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -31,11 +32,11 @@ namespace orva {
 struct WriterOptions {
     std::vector<std::byte> dictionary{};  // stands in front of the rows, byte for byte; empty: 512 bytes of text that
                                           // say where the rows begin, so that Reader and `orva` need no row0
-    int threads = 1;       // that compress, the caller's counted; 0: one a core
-    bool durable = true;   // finish() returns once the file would survive a loss of power
-    bool replace = false;  // a file that has the name, once this one is finished
-    int level = 1;         // of compression, 0 to 9
-    i64 block = 0;         // bytes of rows in a full block, 65,536 to 4,190,208; 0: the latter
+    int threads = 1;                      // that compress, the caller's counted; 0: one a core
+    bool durable = true;                  // finish() returns once the file would survive a loss of power
+    bool replace = false;                 // a file that has the name, once this one is finished
+    int level = 1;                        // of compression, 0 to 9
+    i64 block = 0;                        // bytes of rows in a full block, 65,536 to 4,190,208; 0: the latter
 };
 
 struct AppendOptions {
@@ -63,7 +64,8 @@ public:
 
     void write(std::span<const std::byte> rows) {
         if (rows.size() >= fLeft) return write_on(rows);
-        copy(rows);
+        fNext = std::copy_n(rows.data(), rows.size(), fNext);
+        fLeft -= rows.size();
     }
     // Values of any type that is stored as its bytes. UsageError on a file of the other byte order.
     template <std::ranges::contiguous_range R>
@@ -90,8 +92,7 @@ private:
     struct State;
     explicit Writer(std::unique_ptr<State> state) noexcept;
     void write_on(std::span<const std::byte> rows);
-    void copy(std::span<const std::byte> rows) noexcept;
-    State& open();
+    State& settled();
 
     std::unique_ptr<State> fState;
     std::byte* fNext = nullptr;  // where write() puts rows without a call, in the room of the current block

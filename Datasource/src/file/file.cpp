@@ -105,6 +105,11 @@ const char* ORVA_File::nameToDelete() const {
     return !fTemporaryName.empty() && fProcess == platform::processId() ? fTemporaryName.c_str() : nullptr;
 }
 
+void ORVA_File::Renamed(const ExtNameStr& name) {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    fName = name;
+}
+
 int ORVA_File::Close() {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;

@@ -69,6 +69,9 @@ public:
     // number when there is none.
     ORVA_LOCAL std::int64_t nextStored(std::int64_t byteOffset) const;
 
+    // The open file has another name by now.
+    ORVA_LOCAL void Renamed(const ExtNameStr& name);
+
     // Fails as a write that the system refuses with this errno.
     [[noreturn]] ORVA_LOCAL void refuseWrite(int error);
 

@@ -175,17 +175,17 @@ void partWriter::endFormerLife() {
     if (std::exchange(bNewPart, false)) dropSideFile(fFile);
 }
 
-void partWriter::finish(bool durable) {
+void partWriter::finish(bool durable, bool staysOpen) {
     guarded([&] {
         endBlock();
         endSink(false);
-        commit(durable);
+        commit(durable, staysOpen);
     });
 }
 
 // The heading goes last: it is what makes the file a finished one. A safe append is through with it. Any other can
 // still be undone when closing the file fails, where a full disk shows first on some file systems.
-void partWriter::commit(bool durable) {
+void partWriter::commit(bool durable, bool staysOpen) {
     const bool safe = fTail != nullptr && fTail->isSafe();
     endFormerLife();
     const compressionHeading heading = writeIndex();
@@ -198,7 +198,7 @@ void partWriter::commit(bool durable) {
     bFinished = safe;
     if (safe) std::exchange(fTail, nullptr)->commit();
     try {
-        fFile.Close();
+        if (!staysOpen) fFile.Close();
     } catch (const FileError& error) {
         if (safe) throw error.withOutcome("the append itself is complete");
         throw;

@@ -61,9 +61,9 @@ public:
     void wrote(std::uint32_t count);
     // Ends the current block short.
     void flush();
-    // The last block, the index and, last of all, the heading; then the file is closed. `durable`: it returns only when
-    // the part would survive a loss of power.
-    void finish(bool durable);
+    // The last block, the index and, last of all, the heading; then the file is closed, unless it is to stay open.
+    // `durable`: it returns only when the part would survive a loss of power.
+    void finish(bool durable, bool staysOpen = false);
     // The heading is in the file: what still fails then is no loss of rows.
     bool isFinished() const { return bFinished; }
     // Ends the threads, gives up what they have not begun, and puts back what an append has overwritten. Throws if that
@@ -87,7 +87,7 @@ private:
     bool sendFrom(const rowSource& source, std::int64_t offset);
     void sent(std::uint32_t size);
     void endFormerLife();
-    void commit(bool durable);
+    void commit(bool durable, bool staysOpen);
     compressionHeading writeIndex();
     tailPlan resume(const resumePoint& from);
     void resumeBehind(const filePosRecord& last, const resumePoint& from);

@@ -1,0 +1,216 @@
+#include "api/dictionaryText.h"
+#include "api/pendingFile.h"
+#include "api/shownPart.h"
+#include "api/translated.h"
+#include "file/fileCodes.h"
+#include "file/namedFile.h"
+#include "format/blockTransfer.h"
+#include "part/partWriter.h"
+
+#include <orva/inspect.h>
+#include <orva/platformOwner.h>
+#include <orva/sideFile.h>
+#include <orva/writer.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace orva {
+
+namespace {
+
+constexpr std::size_t kSmallWrite = 65'536;  // what follows a smaller one is small too, as a rule
+
+choices chosen(i64 block, int level, const Path& path) {
+    require(block == 0 || (block >= kShortestBlockLength && block <= kBlockSize), path,
+            "a block takes 65,536 to 4,190,208 bytes of rows");
+    require(level >= zlibCompressBlock::kFastestLevel && level <= zlibCompressBlock::bestLevel(), path,
+            ("levels of compression are 1 to " + std::to_string(zlibCompressBlock::bestLevel())).c_str());
+    return {static_cast<std::uint32_t>(block == 0 ? kBlockSize : block), level};
+}
+
+}  // namespace
+
+struct Writer::State {
+    enum class life : std::uint8_t { writing, finished, failed };
+
+    State(Path path, const roads& taken, const choices& picked, bool durable)
+        : fPath(std::move(path)), fRoads(taken), fChoices(picked), bDurable(durable) {}
+
+    static roads roadsOf(int threads, const Path& path) { return {0, threadsAtWork(threads, path) - 1}; }
+
+    // Runs a step of the work. A failure ends it: nothing of what is not finished is left then.
+    template <class Step>
+    auto step(Step work) {
+        try {
+            return work();
+        } catch (...) {
+            const std::string workName = fPending != nullptr ? fPending->temporaryName() : fPlace;
+            try {
+                rethrowTranslated(fPath, workName);
+            } catch (...) {
+                drop();
+                throw;
+            }
+        }
+    }
+    void drop() noexcept {
+        fLife = life::failed;
+        fPart.reset();
+        fPending.reset();
+        fOpened = nullptr;
+    }
+
+    void beginNew(const WriterOptions& options) {
+        fPending = std::make_unique<pendingFile>(fPath, options.replace);
+        openOrThrow(*fOpened, fPending->temporaryName(), "r+b", kWriteFailed);
+        const std::string text = options.dictionary.empty() ? makeDictionaryText() : "";
+        const void* bytes = text.empty() ? static_cast<const void*>(options.dictionary.data()) : text.data();
+        fRow0 = static_cast<i64>(text.size() + options.dictionary.size());
+        writeAll(*fOpened, bytes, static_cast<std::uint64_t>(fRow0), 0);
+        fPart = std::make_unique<partWriter>(*fOpened, fRow0, fRoads, fChoices);
+    }
+
+    void beginAppend(const AppendOptions& options) {
+        fPlace = std::filesystem::absolute(fPath).string();
+        refusePipe(fPath.string(), fPlace);
+        if (options.roll_back) rollBack(fPlace);
+        openOrThrow(*fOpened, fPlace, "r+b", kWriteFailed);
+        if (platform::isNameTaken(sideFileName(fPlace).c_str())) {
+            throw UnfinishedFileError(interruptedText(fPath), fPath);
+        }
+        const shownPart found(fPath, fPlace, options.row0, true);
+        require(!found.swapped(), fPath, "its rows have the other byte order, in which nothing is written here");
+        if (options.block == 0) fChoices.blockLength = static_cast<std::uint32_t>(found.chosenLength());
+        fRow0 = found.row0();
+        fSize = found.size();
+        resume();
+    }
+
+    void resume() {
+        const i64 end = fRow0 + fSize;
+        fPart =
+            std::make_unique<partWriter>(*fOpened, fRow0, resumePoint{false, end, end, {}}, fRoads, bDurable, fChoices);
+    }
+
+    i64 size() const { return fPart != nullptr ? fPart->end() - fRow0 : fSize; }
+
+    // The part that takes rows: after flush_rows() the next one, so that nothing is at work before they come.
+    partWriter& part() {
+        if (fPart == nullptr) resume();
+        return *fPart;
+    }
+
+    void complete(bool staysOpen) {
+        if (fPart != nullptr) {
+            fSize = size();
+            fPart->finish(bDurable, staysOpen);
+            fPart.reset();
+        }
+        if (fPending != nullptr) {
+            fPending->commit(bDurable);
+            fPlace = fPending->target();
+            ExtNameStr name;
+            name.SetGeneric(fPlace);
+            fOpened->Renamed(name);
+            fPending.reset();
+        }
+        if (!staysOpen) fOpened->Close();
+    }
+
+    const Path fPath;  // as the caller wrote it
+    const roads fRoads;
+    choices fChoices;
+    const bool bDurable;
+    const std::int64_t fProcess = platform::processId();
+    life fLife = life::writing;
+    i64 fRow0 = 0;
+    i64 fSize = 0;                          // of the rows, while there is no part
+    std::string fPlace;                     // the full name of a file that is under it
+    std::unique_ptr<pendingFile> fPending;  // until the file is under its name
+    std::unique_ptr<ORVA_File> fOpened = std::make_unique<ORVA_File>();
+    std::unique_ptr<partWriter> fPart;
+    Bytes fRoom;             // what write() fills without a call
+    std::size_t fGiven = 0;  // by room()
+};
+
+Writer::Writer(const Path& path, const WriterOptions& options) {
+    const roads taken = State::roadsOf(options.threads, path);
+    fState = std::make_unique<State>(path, taken, chosen(options.block, options.level, path), options.durable);
+    fState->step([&] { fState->beginNew(options); });
+}
+
+Writer Writer::append(const Path& path, const AppendOptions& options) {
+    const roads taken = State::roadsOf(options.threads, path);
+    auto state = std::make_unique<State>(path, taken, chosen(options.block, options.level, path), options.durable);
+    state->step([&] { state->beginAppend(options); });
+    return Writer(std::move(state));
+}
+
+Writer::Writer(std::unique_ptr<State> state) noexcept : fState(std::move(state)) {}
+Writer::Writer(Writer&& from) noexcept
+    : fState(std::move(from.fState)), fNext(std::exchange(from.fNext, nullptr)), fLeft(std::exchange(from.fLeft, 0)) {}
+Writer::~Writer() = default;
+
+// The state of a Writer that can take rows, which has those that write() has put into its room.
+Writer::State& Writer::settled() {
+    require(fState != nullptr, {}, "this Writer was moved from");
+    State& s = *fState;
+    require(s.fProcess == platform::processId(), s.fPath, "another process writes it: a forked child cannot");
+    require(s.fLife != State::life::failed, s.fPath, "writing it has failed: nothing more can be written");
+    require(s.fLife != State::life::finished, s.fPath, "it is finished: add rows to it by Writer::append");
+    s.fGiven = 0;
+    if (fNext != nullptr) {
+        const auto used = static_cast<std::uint32_t>(fNext - s.fRoom.data());
+        fNext = nullptr;
+        fLeft = 0;
+        s.step([&] { s.fPart->wrote(used); });
+    }
+    return s;
+}
+
+void Writer::write_on(std::span<const std::byte> rows) {
+    State& s = settled();
+    if (rows.empty()) return;
+    s.step([&] {
+        s.part().write(reinterpret_cast<const unsigned char*>(rows.data()), rows.size());
+        if (rows.size() >= kSmallWrite) return;
+        s.fRoom = std::as_writable_bytes(s.part().room());
+    });
+    if (rows.size() >= kSmallWrite) return;
+    fNext = s.fRoom.data();
+    fLeft = s.fRoom.size();
+}
+
+Bytes Writer::room() {
+    State& s = settled();
+    const Bytes room = s.step([&] { return std::as_writable_bytes(s.part().room()); });
+    s.fGiven = room.size();
+    return room;
+}
+
+void Writer::wrote(std::size_t count) {
+    const std::size_t given = fState != nullptr ? fState->fGiven : 0;
+    State& s = settled();
+    require(count <= given, s.fPath, "room() has not given as much room as that");
+    if (count != 0) s.step([&] { s.part().wrote(static_cast<std::uint32_t>(count)); });
+}
+
+i64 Writer::size() const {
+    require(fState != nullptr, {}, "this Writer was moved from");
+    return fState->size() + (fNext != nullptr ? fNext - fState->fRoom.data() : 0);
+}
+
+void Writer::flush_rows() {
+    State& s = settled();
+    s.step([&] { s.complete(true); });
+}
+
+void Writer::finish() {
+    if (fState != nullptr && fState->fLife == State::life::finished) return;
+    State& s = settled();
+    s.step([&] { s.complete(false); });
+    s.fLife = State::life::finished;
+}
+
+}  // namespace orva
