@@ -1,27 +1,43 @@
-#include <orva/orva.h>
+#include <orva/rows.h>
+#include <orva/writer.h>
 
+#include <future>
 #include <iostream>
 #include <numeric>
 #include <vector>
 
+struct Trade {
+    std::int64_t time;
+    double price;
+};
+
+void store(const std::vector<Trade>& trades) {
+    orva::Writer writer("trades.orva", {.threads = 2, .replace = true});
+    writer.write_rows(trades);
+    writer.finish();  // there is no file before this, nor after an exception
+}
+
+double sumOfPrices(const orva::Rows<Trade>& trades) {  // by two threads
+    const auto sum = [&](std::int64_t first, std::int64_t end) {
+        std::vector<Trade> rows(static_cast<std::size_t>(end - first));
+        trades.read(first, rows);
+        return std::accumulate(rows.begin(), rows.end(), 0.0, [](double s, const Trade& t) { return s + t.price; });
+    };
+    auto half = std::async(std::launch::async, sum, 0, trades.size() / 2);
+    return sum(trades.size() / 2, trades.size()) + half.get();
+}
+
+void addDay(const std::vector<Trade>& trades) {
+    auto writer = orva::Writer::append("trades.orva", {.roll_back = true});  // of a day that a crash has ended
+    writer.write_rows(trades);
+    writer.finish();
+}
+
 int main() {
-    std::vector<double> rows(1'000'000);  // one double is a row here
-    std::iota(rows.begin(), rows.end(), 1.0);
-    ORVA_FileStream dictionary("rows.dat", "wb");
-    if (dictionary.Good() == 0) return 1;
-    dictionary.Write("doubles\n", 8);  // the program's own part; the rows begin behind it, at 8
-
-    zcmpsFilestr writer(dictionary);
-    writer.setMultiThread(1);  // compresses beside this thread
-    writer.setRow0Pos(8);
-    writer.Seek(8, ORVA_StrBaseIO::SeekFromStart);
-    writer.Write(rows.data(), 8'000'000);
-    writer.Close();
-
-    zcmpsFilestr reader(ORVA_FileStream("rows.dat", "rb"));
-    reader.readFilePosInfo(8, false);
-    reader.Seek(8 + 700'000 * 8, ORVA_StrBaseIO::SeekFromStart);
-    double row = 0;
-    reader.Read(&row, 8);
-    std::cout << "row 700000 is " << row << '\n';
+    std::vector<Trade> day(500'000);
+    for (std::int64_t i = 0; i < 500'000; ++i) day[static_cast<std::size_t>(i)] = {i, 1.5};
+    store(day);
+    addDay(day);
+    const orva::Rows<Trade> trades(orva::Reader("trades.orva"));
+    std::cout << "row 700000 is " << trades[700'000].time << ", the sum " << sumOfPrices(trades) << '\n';
 }

@@ -40,13 +40,13 @@ inline void require(bool held, const char* promise) {
     __builtin_trap();
 }
 
-// True when `body` came to its end, false when it threw DamagedFileError. Any other exception ends the run.
-template <class Body>
+// True when `body` came to its end, false when it threw `Damage`. Any other exception ends the run.
+template <class Damage = DamagedFileError, class Body>
 bool soundFor(Body body) {
     try {
         body();
         return true;
-    } catch (const DamagedFileError&) {
+    } catch (const Damage&) {
         return false;
     }
 }

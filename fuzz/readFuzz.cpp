@@ -1,6 +1,8 @@
-// Reading and seeking in a file, on every road. Each read gives what a second reader gives, byte for byte, or
-// DamagedFileError where that one meets damage; the stream stays usable for the rest.
+// Reading and seeking in a file, on every road, and by place. Each read gives what a second reader gives, byte for
+// byte, or DamagedFileError where that one meets damage; the stream stays usable for the rest.
 #include "fuzzTarget.h"
+
+#include <orva/reader.h>
 
 using namespace fuzz;
 
@@ -26,10 +28,36 @@ void readAsTheOther(zcmpsFilestr& stream, const Part& reference, FuzzedDataProvi
     require(!sound || stream.Tell() == pos + std::ssize(rows), "the position moves by what was read");
 }
 
+// orva::Reader finds out the byte order by itself.
+void readByPlace(const Input& in, FuzzedDataProvider& steps) {
+    const Part native(in.file, kRow0, false);
+    const Part swapped(in.file, kRow0, true);
+    const bool isNative = native.heading._caseStartPos == kRow0;
+    const Part& reference = isNative ? native : swapped;
+    std::optional<orva::Reader> reader;
+    const orva::ReaderOptions options{kRow0, 1, steps.ConsumeIntegralInRange(0, 2)};
+    const bool opens = soundFor<orva::DamagedFileError>([&] { reader.emplace(in.name, options); });
+    require(opens == reference.opens, "a Reader opens exactly when heading and index can be true");
+    for (int i = 0; opens && i < 4; ++i) {
+        const std::int64_t offset = steps.ConsumeIntegral<std::uint16_t>();
+        Bytes rows(steps.ConsumeIntegralInRange<std::size_t>(0, 3 * kBlockSize));
+        const auto size = static_cast<std::uint32_t>(rows.size());
+        const bool sound = soundFor<orva::DamagedFileError>(
+            [&] { rows.resize(reader->read_at(offset, std::as_writable_bytes(std::span(rows)))); });
+        const std::optional<Bytes> expected = reference.read(kRow0 + offset, size);
+        require(sound == expected.has_value(), "read_at fails exactly where it meets damage");
+        require(!sound || rows == *expected, "read_at gives the rows that the file holds");
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input in(data, size);
+    if (in.steps.ConsumeBool()) {
+        readByPlace(in, in.steps);
+        return 0;
+    }
     const Part reference(in.file, kRow0, in.swap);
     zcmpsFilestr stream(ORVA_FileStream(in.name.c_str(), "rb"));
     takeRoad(stream, in.steps);

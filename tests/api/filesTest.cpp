@@ -49,6 +49,11 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     EXPECT_EQ(thrownBy([&] { orva::recover(name, path("saved")); }), "SystemError EEXIST");
     made("noise", Bytes(10'000, 1));
     EXPECT_EQ(thrownBy([&] { orva::recover(path("noise"), path("none")); }), "DamagedFileError");
+    try {
+        orva::recover(path("noise"), path("none"));
+    } catch (const orva::Error& e) {
+        EXPECT_EQ(e.path(), path("noise")) << e.what();
+    }
     EXPECT_EQ(names(), (std::vector<std::string>{"noise", "rows", "saved"}));
 }
 

@@ -1,6 +1,8 @@
 // orva::Reader and Rows: every row from any thread, and each failure as the class that says what to do.
 #include "api/apiTest.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <array>
 #include <future>
@@ -164,14 +166,18 @@ TEST_F(Reader, SplitsAtBlocksAndRecords) {
 
 TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
     RandomBytes random(6);
-    const Bytes rows = random.rows(2 * kBlock + 777);
-    orva::Reader reader(finished("rows", rows), {.threads = 2});
+    const Bytes rows = random.rows(2'000'777);
+    orva::Writer writer(path("rows"), {.durable = false, .block = 65'536});
+    writer.write(bytesOf(rows));
+    writer.finish();
+    orva::Reader reader(path("rows"), {.threads = support::kSanitized ? 1 : 2});
     const auto reads = [&](std::uint64_t seed, int count) {
         RandomBytes places(seed);
         for (int i = 0; i < count; ++i) {
             const std::size_t at = places.below(rows.size());
             EXPECT_TRUE(support::sameBytes(read(reader, static_cast<i64>(at), 500), support::slice(rows, at, 500)));
         }
+        EXPECT_TRUE(support::sameBytes(all(reader), rows));
     };
     std::atomic<bool> end = false;
     std::vector<std::future<void>> others;
@@ -183,9 +189,23 @@ TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
     others.push_back(std::async(std::launch::async, [&] {
         while (!end) reader.refresh();
     }));
-    for (std::uint64_t i = 0; i < 6; ++i) support::expectInChild([&] { reads(i, support::kSanitized ? 5 : 50); });
-    reads(7, support::kSanitized ? 30 : 300);
+    for (std::uint64_t i = 0; i < 6; ++i) support::expectInChild([&] { reads(i, 300); });
+    reads(7, 300);
     end = true;
+}
+
+TEST_F(Reader, CostsNoMemoryBeforeItReads) {
+    if (support::kSanitized) GTEST_SKIP() << "counts the allocator's bytes";
+    const std::string name = finished("rows", Bytes(kBlock));
+    const auto inUse = [] {
+        const struct mallinfo2 info = mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    std::vector<orva::Reader> readers;
+    readers.reserve(100);
+    const std::size_t before = inUse();
+    for (int i = 0; i < 100; ++i) readers.emplace_back(orva::Path(name));
+    EXPECT_LT((inUse() - before) / 100, std::size_t{1} << 20);
 }
 
 struct Row {

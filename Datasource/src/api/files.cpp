@@ -9,6 +9,7 @@
 #include "format/indexTransfer.h"
 
 #include <orva/errors.h>
+#include <orva/errtext.h>
 #include <orva/files.h>
 #include <orva/inspect.h>
 #include <orva/join.h>
@@ -36,6 +37,25 @@ shownPart opened(const Path& path, std::optional<i64> row0) {
 
 void told(const Progress& progress, i64 done, i64 total) {
     if (progress) callersOwn([&] { progress(done, total); });
+}
+
+// Runs work on files that have full names for the rooms below: what fails with one of them is told of that one.
+template <class Work>
+auto blaming(std::span<const Path> inputs, Work work) {
+    const auto blame = [&](const std::string& name) {
+        for (const Path& input : inputs) {
+            if (fullName(input) == name) rethrowTranslated(input, name);
+        }
+    };
+    try {
+        return work();
+    } catch (const FileError& failure) {
+        blame(failure.fileName());
+        throw;
+    } catch (const ::DamagedFileError& damage) {
+        blame(damage.fileName());
+        throw;
+    }
 }
 
 // A new file that `make` writes under the name that it is given.
@@ -219,7 +239,7 @@ JoinReport join(std::span<const Path> from, const Path& to, const JoinOptions& o
             writeAll(file, options.dictionary.data(), options.dictionary.size(), 0);
             file.Close();
         }
-        return join(inputs, output, how);
+        return blaming(from, [&] { return join(inputs, output, how); });
     });
     return {report.blocks, report.rows};
 }
