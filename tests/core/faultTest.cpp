@@ -7,7 +7,10 @@
 #include "recovery/recoveryTest.h"
 #include "scarcity.h"
 
+#include <orva/files.h>
+#include <orva/reader.h>
 #include <orva/workdir.h>
+#include <orva/writer.h>
 
 #include <gmock/gmock.h>
 
@@ -125,6 +128,62 @@ TEST_F(Faults, H2_H4_M3_ANewFile) {
         EXPECT_TRUE(s.bHeading || !back.empty()) << "finished without a heading";
         EXPECT_FALSE(s.bBehindHeading) << "the heading is written last";
         EXPECT_FALSE(s.bBehindFailure) << "what comes after a failed block is dropped";
+    });
+}
+
+// A Writer that flushes, a join and a Reader: each file is there whole or not at all, and what did not fail goes on.
+TEST_F(Faults, TheFace) {
+    const Bytes rows = fBlocks[0];
+    const auto bytes = std::as_bytes(std::span(rows));
+    everywhere({1, 2}, [&](int threads, Scarcity& s) {
+        const std::string one = path("face/one");
+        const std::string both = path("face/both");
+        std::filesystem::remove_all(path("face"));
+        std::filesystem::create_directory(path("face"));
+        int done = 0;
+        std::optional<orva::Reader> reader;
+        const auto matches = [&] {
+            Bytes found(rows.size() * 4);
+            std::vector<orva::ReadRequest> halves(2);
+            const auto to = std::as_writable_bytes(std::span(found));
+            for (const std::size_t i : {0U, 1U}) {
+                halves[1 - i] = {std::ssize(rows) * 2 * static_cast<int>(i),
+                                 to.subspan(rows.size() * 2 * i, rows.size() * 2), 0};
+            }
+            reader->read_ranges(halves);
+            return found == joined({rows, rows, rows, rows});
+        };
+        const std::string heard = s.heard([&] {
+            orva::Writer writer(one, {.threads = threads, .block = 65'536});
+            writer.write(bytes);
+            writer.flush_rows();
+            writer.write(bytes);
+            writer.finish();
+            done = 1;
+            const orva::Path twice[] = {one, one};
+            orva::join(twice, both);
+            done = 2;
+            reader.emplace(orva::Path(both), orva::ReaderOptions{.threads = threads});
+            EXPECT_TRUE(matches());
+        });
+        EXPECT_TRUE(heard.empty() || s.refused()) << heard << " out of nothing";
+        const bool ofCalls = s.fault.kind == Fault::Calls;
+        const char* cause = ofCalls ? std::strerror(s.fault.error) : s.fault.kind == Fault::Threads ? "" : "bad_alloc";
+        const bool told =
+            heard.find(cause) != std::string::npos || heard.find("Cannot allocate memory") != std::string::npos;
+        EXPECT_TRUE(heard.empty() || told) << heard;
+        for (const auto& entry : std::filesystem::directory_iterator(path("face"))) {
+            const std::string name = entry.path().filename().string();
+            EXPECT_TRUE(name == "one" || name == "both" || ofCalls) << name;  // which cannot remove it
+        }
+        if (std::filesystem::exists(one)) {
+            orva::roll_back(one);
+            const orva::i64 size = orva::Reader(orva::Path(one)).size();
+            EXPECT_TRUE(size == 2 * std::ssize(rows) || (done == 0 && size == std::ssize(rows))) << size;
+        }
+        EXPECT_TRUE(done < 2 || std::filesystem::exists(both));
+        if (std::filesystem::exists(both) && !reader) reader.emplace(orva::Path(both));
+        EXPECT_TRUE(!reader || matches());
     });
 }
 

@@ -39,19 +39,18 @@ struct Writer::State {
 
     static roads roadsOf(int threads, const Path& path) { return {0, threadsAtWork(threads, path) - 1}; }
 
+    struct dropping {
+        State& state;
+        ~dropping() { state.drop(); }
+    };
     // Runs a step of the work. A failure ends it: nothing of what is not finished is left then.
     template <class Step>
     auto step(Step work) {
         try {
             return work();
         } catch (...) {
-            const std::string workName = fPending != nullptr ? fPending->temporaryName() : fPlace;
-            try {
-                rethrowTranslated(fPath, workName);
-            } catch (...) {
-                drop();
-                throw;
-            }
+            const dropping afterwards{*this};
+            rethrowTranslated(fPath, fPending != nullptr ? fPending->temporaryName() : fPlace);
         }
     }
     void drop() noexcept {
