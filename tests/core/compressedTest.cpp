@@ -2,6 +2,7 @@
 // after its end. Reading: what needs no file, and how a damaged file or block is refused. What rows they hold is
 // modelTest.cpp's; lies of heading and index are told in recovery/damageTest.cpp.
 #include "coreTest.h"
+#include "support/secondReader.h"
 
 #include <gmock/gmock.h>
 
@@ -22,27 +23,14 @@ INSTANTIATE_TEST_SUITE_P(Roads, CompressedWrite, testing::Values(0, 1, kSeveral)
 
 // All rules of a finished file, without the library.
 void expectFinished(const Bytes& file, const Bytes& rows, const std::vector<std::int32_t>& sizes) {
+    const support::secondReader part(file, kRow0, false);
     const Layout layout(file);
     EXPECT_EQ(support::slice(file, 0, kRow0), Bytes(kRow0, 0xD5)) << "the dictionary part";
     EXPECT_EQ(bytesOf(layout.first), bytesOf(filePosRecord{-100, 0, kBlock, static_cast<std::int32_t>(sizes.size())}));
-    std::vector<std::int32_t> found;
-    std::int64_t pos = kRow0;
-    std::int64_t place = kRow0 + 24;
-    for (const filePosRecord& record : layout.records) {
-        found.push_back(record.orginalSize);
-        EXPECT_TRUE(record.orginalPos == pos && record.translatePos == place);
-        Bytes block(static_cast<std::size_t>(record.orginalSize));
-        uLongf size = block.size();
-        EXPECT_EQ(uncompress(block.data(), &size, file.data() + place, static_cast<uLong>(record.translateSize)), Z_OK);
-        EXPECT_TRUE(support::sameBytes(block, support::slice(rows, static_cast<std::size_t>(pos - kRow0), size)));
-        pos += record.orginalSize;
-        place += record.translateSize;
-    }
-    EXPECT_EQ(found, sizes);
-    EXPECT_EQ(pos, kRow0 + static_cast<std::int64_t>(rows.size()));
-    EXPECT_EQ(bytesOf(layout.heading),
-              bytesOf(compressionHeading{kRow0, place, 24 * static_cast<std::int64_t>(sizes.size() + 1)}));
-    EXPECT_EQ(file.size(), static_cast<std::size_t>(place + layout.heading._size));
+    EXPECT_EQ(layout.sizes(), sizes);
+    EXPECT_TRUE(part.sound && support::sameBytes(*part.allRows(), rows));
+    EXPECT_EQ(layout.heading._indexPos, part.blocksEnd);
+    EXPECT_EQ(std::ssize(file), part.blocksEnd + layout.heading._size);
 }
 
 TEST_P(CompressedWrite, MakesTheseBlocks) {
@@ -187,7 +175,6 @@ TEST_P(CompressedWrite, BreachesEndInAssertions) {
 
 // How a writer's life can end, what the calls after it give, and whether a heading stands in the file.
 TEST_P(CompressedWrite, StatesAfterTheEnd) {
-    const std::string full = fileError(1002, ENOSPC, fName);
     const std::string lost =
         "SystemFileException 1201 ORVA_FileStream::Open(GetNameStr(), password, \"rb\") errno 2 " + fName;
     const struct {
@@ -198,13 +185,6 @@ TEST_P(CompressedWrite, StatesAfterTheEnd) {
     } cases[] = {
         {"Closed", [](zcmpsFilestr& s) { s.Close(); }, "", "1", "1", true},
         {"Abandoned", [](zcmpsFilestr& s) { s.abandon(); }, "", "1", "0", false},
-        {"FullDiskMetByAWrite",
-         [&](zcmpsFilestr& s) {
-             const CallHook disk(badPlace(Call::Write, ENOSPC));
-             while (failureOf([&] { write(s, Bytes(kBlock, 'y')); }).empty()) continue;
-             s.Close();
-         },
-         full, full, "0", false},
         {"ASourceOfRowsThatFails",
          [&](zcmpsFilestr& s) {
              const auto source = [](std::int64_t offset, std::span<unsigned char>) {
@@ -240,8 +220,8 @@ TEST_P(CompressedWrite, AbandonGivesUpTheBlocksThatWait) {
     const auto stream = started();
     std::atomic<bool> abandoning{false};
     std::atomic<int> writes{0};
-    const CallHook hook([&](Call call, int, std::uint64_t) {
-        if (call == Call::Write && ++writes == 1 && GetParam() != 0) {
+    const CallHook hook([&](const Step& step, std::uint64_t) {
+        if (step.call == Call::Write && ++writes == 1 && GetParam() != 0) {
             while (!abandoning) std::this_thread::yield();
         }
         return Verdict::goOn();

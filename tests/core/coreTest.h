@@ -27,6 +27,7 @@ using support::Call;
 using support::CallHook;
 using support::joined;
 using support::operator+;
+using support::Step;
 using support::Verdict;
 
 inline constexpr std::int64_t kRow0 = 1'000;
@@ -233,8 +234,8 @@ Bytes bytesOf(const Struct& value) {
 
 // Transfers of one kind that begin in a range of the file fail, as on a disk with a bad spot or no room.
 inline CallHook::Ask badPlace(Call kind, int error, std::int64_t begin = 0, std::int64_t end = INT64_MAX) {
-    return [=](Call call, std::int64_t at, std::uint64_t) {
-        return call == kind && at >= begin && at < end ? Verdict::fail(error) : Verdict::goOn();
+    return [=](const Step& step, std::uint64_t) {
+        return step.call == kind && step.offset >= begin && step.offset < end ? Verdict::fail(error) : Verdict::goOn();
     };
 }
 

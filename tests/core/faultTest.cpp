@@ -1,9 +1,6 @@
 // Whatever a script needs and does not get, at each place where it needs it, on every road: the right failure or the
 // right bytes; no hang, no leak, no end of the program; a Close that gave 1 told the truth; and once there is enough of
 // everything again, the stream goes on or the file is as it was found.
-#include "format/filePosInfo.h"
-#include "format/indexTransfer.h"
-#include "part/zcmpsPreIOThread.h"
 #include "recovery/recoveryTest.h"
 #include "scarcity.h"
 
@@ -205,50 +202,16 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
     }
 }
 
-// Of one road: several roads of a stream, and the worker that no setting of a stream takes.
-class BlockReader {
-public:
-    static constexpr int kTwoThreads = 200;
-    void open(const std::string& name, int road) {
-        if (road != kTwoThreads) {
-            fStream = std::make_unique<Reader>(name, road, kRow0);
-            return;
-        }
-        ExtNameStr file;
-        file.SetGeneric(name);
-        if (!fFile.Open(file, "rb")) throw SystemFileException(1201, "", "", 0, true);
-        fIndex = std::make_unique<filePosInfo>(kBlock);
-        orva::loadIndex(fFile, orva::readHeading(fFile, kRow0, false, ""), false, *fIndex);
-        fWorker = startedWorker(std::make_unique<PreIOThread_Tri_Reader>(&fFile, fIndex.get(), kBlock), true);
-    }
-    void read(const filePosRecord& block, Bytes& to) {
-        const auto size = static_cast<std::uint32_t>(block.orginalSize);
-        if (fWorker != nullptr) fWorker->getBlock(to.data(), size, block.orginalPos);
-        if (fStream != nullptr) (*fStream)->Seek(block.orginalPos, ORVA_StrBaseIO::SeekFromStart);
-        if (fStream != nullptr) (*fStream)->Read(to.data(), size);
-    }
-    ~BlockReader() {
-        if (fWorker == nullptr) return;
-        fWorker->stopThreads();
-        fWorker->destroyThreads();
-    }
-
-private:
-    std::unique_ptr<Reader> fStream;
-    ORVA_File fFile;
-    std::unique_ptr<filePosInfo> fIndex;
-    std::unique_ptr<PreIOThreadBase> fWorker;
-};
-
 TEST_F(Faults, AReaderOfBlocks) {
     const std::vector<filePosRecord> records = Layout(fFile).records;
-    everywhere({0, 2, kOneOfSeveral, kTwo, BlockReader::kTwoThreads}, [&](int road, Scarcity& s) {
-        BlockReader reader;
-        const std::string atOpen = s.heard([&] { reader.open(fName, road); });
+    everywhere({0, 2, kOneOfSeveral, kTwo}, [&](int road, Scarcity& s) {
+        std::unique_ptr<Reader> reader;
+        const auto open = [&] { reader = std::make_unique<Reader>(fName, road, kRow0); };
+        const std::string atOpen = s.heard(open);
         expectRight(atOpen, s);
         const auto expectBlock = [&](std::size_t i, const std::function<std::string(std::function<void()>)>& run) {
-            Bytes rows(fBlocks[i].size());
-            const std::string failure = run([&] { reader.read(records[i], rows); });
+            Bytes rows;
+            const std::string failure = run([&] { rows = reader->readAt(records[i].orginalPos, fBlocks[i].size()); });
             EXPECT_TRUE(!failure.empty() || rows == fBlocks[i]) << "block " << i;
             return failure;
         };
@@ -257,7 +220,7 @@ TEST_F(Faults, AReaderOfBlocks) {
             expectRight(expectBlock(i, [&](const auto& body) { return s.heard(body); }), s);
         }
         // There is enough of everything again.
-        if (!atOpen.empty()) reader.open(fName, road);
+        if (!atOpen.empty()) open();
         for (const std::size_t i : {1u, 0u, 4u}) EXPECT_EQ(expectBlock(i, failureOf<std::function<void()>>), "");
     });
 }

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/time.h>
 
 namespace core {
 namespace {
@@ -118,22 +117,24 @@ TEST_F(Limits, NoDescriptorIsAFailureThatPasses) {
     });
 }
 
-TEST_F(Limits, AStormOfSignals) {
-    static std::atomic<int> signals{0};
-    struct sigaction storm {};
-    storm.sa_handler = [](int) { ++signals; };
-    sigaction(SIGPROF, &storm, nullptr);  // system calls are not restarted
-    const itimerval often{{0, 200}, {0, 200}}, never{};
-    setitimer(ITIMER_PROF, &often, nullptr);
-    const Bytes rows = support::RandomBytes(8).rows(3 * kBlock);
-    for (const int road : {0, 1, kTwo}) {
-        Watchdog::feed("the next round");
-        write(*startedWriter(fName, road), rows);
-        EXPECT_TRUE(support::sameBytes(Reader(fName, road == 1 ? 2 : road, kRow0).read(rows.size() + 1), rows));
-    }
-    setitimer(ITIMER_PROF, &never, nullptr);
-    std::signal(SIGPROF, SIG_IGN);
-    EXPECT_GT(signals, 0);
+// The descriptor's own place belongs to both.
+TEST_F(Limits, AReaderOpenedBeforeAForkReadsRightInParentAndChildAtOnce) {
+    const Bytes rows = support::RandomBytes(3).rows(9'000'000);
+    makeFile(fName, {rows});
+    const Reader packed(fName, 0, kRow0);
+    ORVA_FileStream plain(made("plain", Bytes(kRow0) + rows).c_str(), "rb");
+    const auto readAll = [&](std::uint64_t seed) {
+        support::RandomBytes places(seed);
+        for (int i = 0; i < 300 && !HasFailure(); ++i) {
+            ORVA_StrBaseIO& from = i % 10 == 0 ? static_cast<ORVA_StrBaseIO&>(*packed) : plain;
+            const std::size_t at = places.below(rows.size());
+            Bytes found(100);
+            from.Seek(kRow0 + static_cast<std::int64_t>(at), ORVA_StrBaseIO::SeekFromStart);
+            found.resize(from.Read(found.data(), 100));
+            EXPECT_TRUE(support::sameBytes(found, support::slice(rows, at, 100))) << "read " << i;
+        }
+    };
+    support::expectInChild([&] { readAll(2); }, [&] { readAll(1); });
 }
 
 // A child has none of its parent's threads, so it must not wait for one, nor end the parent's file.

@@ -18,9 +18,9 @@ namespace {
 struct Transfers : CallHook {
     explicit Transfers(
         Call kind, const std::function<void(int)>& ask = [](int) {})
-        : CallHook([=, this, test = std::this_thread::get_id()](Call call, std::int64_t, std::uint64_t) {
-              if (call == kind) ++all;
-              if (call == kind && std::this_thread::get_id() != test) ask(++ofOthers);
+        : CallHook([=, this, test = std::this_thread::get_id()](const Step& step, std::uint64_t) {
+              if (step.call == kind) ++all;
+              if (step.call == kind && std::this_thread::get_id() != test) ask(++ofOthers);
               return Verdict::goOn();
           }) {}
     // The caller may make a block itself that no thread has begun.
@@ -242,8 +242,8 @@ TEST_F(ShortBlocks, TenThousandLivesEnd) {
     const std::vector<filePosRecord> records = Layout(fFile).records;
     support::RandomBytes random(48);
     std::atomic<std::int64_t> left{0};  // transfers until one fails
-    const CallHook hook([&](Call call, std::int64_t, std::uint64_t) {
-        const bool transfers = call == Call::Read || call == Call::Write;
+    const CallHook hook([&](const Step& step, std::uint64_t) {
+        const bool transfers = step.call == Call::Read || step.call == Call::Write;
         return transfers && --left == 0 ? Verdict::fail(EIO) : Verdict::goOn();
     });
     const auto writes = [&](int road) {

@@ -154,8 +154,8 @@ TEST_F(PlatformTest, NeitherANameWithAZeroByteNorADirectoryOpens) {
 TEST_F(PlatformTest, AWriterLocksTheFileThatItsNameLeadsTo) {
     const std::string name = made("data", {});
     int times = 3;
-    const support::CallHook hook([&](Call call, std::int64_t, std::uint64_t) {
-        if (call == Call::Lock && times-- > 0) {
+    const support::CallHook hook([&](const support::Step& step, std::uint64_t) {
+        if (step.call == Call::Lock && times-- > 0) {
             std::ofstream(name + "2") << kDigits;
             std::filesystem::rename(name + "2", name);
         }

@@ -117,8 +117,8 @@ TEST_F(AppendTest, WhatIsNotFinishedIsUndoneAndAFailureIsFinal) {
         std::string failure;
         {
             int left = 1;
-            core::CallHook full([&](core::Call call, std::int64_t, std::uint64_t) {
-                return call == core::Call::Write && left-- > 0 ? core::Verdict::fail(ENOSPC) : core::Verdict::goOn();
+            const core::CallHook full([&](const Step& step, std::uint64_t) {
+                return step.call == Call::Write && left-- > 0 ? Verdict::fail(ENOSPC) : Verdict::goOn();
             });
             failure = failureOf([&] { core::writeBlocks(*stream, blocksOf(append.added)); });
         }

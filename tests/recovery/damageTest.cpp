@@ -1,6 +1,5 @@
 // Files that lie, are cut short or were never finished, through every way in; and what of their rows comes back.
 #include "recoveryTest.h"
-#include "support/secondReader.h"
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -391,21 +390,18 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
 
 // Each gap is searched from where it is, and not with a window of its own.
 TEST_F(DamageTest, ManyGapsAreReadOnce) {
-    struct : platform::faults::Hook {
-        Verdict before(const platform::faults::Step& step) override {
-            if (step.call == Call::Read) bytes += step.size;
-            return Verdict::goOn();
-        }
-        std::uint64_t bytes = 0;
-    } reads;
+    std::uint64_t bytesRead = 0;
+    const core::CallHook reads([&](const Step& step, std::uint64_t) {
+        bytesRead += step.call == Call::Read ? step.size : 0;
+        return Verdict::goOn();
+    });
     const Bytes block =
         support::slice(fBytes, kRow0 + kHeadingSize, static_cast<std::size_t>(fLayout.records[0].translateSize));
     Bytes file = support::slice(fBytes, 0, kRow0 + kHeadingSize);
     for (int i = 0; i < 3'000; ++i) file = file + block + Bytes{1};
-    const platform::faults::Installed installed(reads);
     recover(with(file, kRow0, Bytes(kHeadingSize)), {kPart, false, true});
     EXPECT_EQ(fReport.blocks, 3'000);
-    EXPECT_LT(reads.bytes, 100'000'000);
+    EXPECT_LT(bytesRead, 100'000'000);
 }
 
 // Nor does an index whose records all point behind each of many gaps, to where nothing stands, cost a trial a record

@@ -105,9 +105,9 @@ protected:
             lay(files);
             const pid_t child = ::fork();
             if (child == 0) {
-                const support::CallHook hook([=](Call call, std::int64_t, std::uint64_t number) {
+                const support::CallHook hook([=](const Step& called, std::uint64_t number) {
                     const bool tears = 2 * number + 1 == step;
-                    if (tears && call != Call::Write) ::_exit(kNoWrite);
+                    if (tears && called.call != Call::Write) ::_exit(kNoWrite);
                     if (number == (step + 1) / 2) ::kill(::getpid(), SIGKILL);
                     return tears ? Verdict::atMost(kTorn) : Verdict::goOn();
                 });
@@ -169,7 +169,7 @@ protected:
     void expectCompleteBlocks() const {
         Bytes recovered;  // nothing where nothing can be found
         failureOf([&] { orva::recover(fFile, fOut, {kPart, false, true}), recovered = rowsOf(fOut); });
-        EXPECT_TRUE(sameBytes(recovered, standingRows(bytes())));
+        EXPECT_TRUE(sameBytes(recovered, support::standingRows(bytes(), kRow0 + kHeadingSize)));
     }
 
     int fKills = 0;

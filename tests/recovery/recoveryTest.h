@@ -4,6 +4,7 @@
 
 #include "core/coreTest.h"
 #include "part/keptTail.h"
+#include "support/secondReader.h"
 
 #include <orva/inspect.h>
 
@@ -22,6 +23,7 @@ using core::swapped;
 using support::Bytes;
 using support::Call;
 using support::sameBytes;
+using support::Step;
 using support::with;
 using support::operator+;
 using support::Verdict;
@@ -138,19 +140,5 @@ protected:
     const std::string fSide = orva::sideFileName(fFile);
     const std::string fOut = path("out");
 };
-
-// The rows of the complete streams of a file from the heading on, each right behind the one before.
-inline Bytes standingRows(const Bytes& file) {
-    Bytes rows;
-    Bytes block(kBlock);
-    for (std::size_t at = kRow0 + kHeadingSize; at < file.size();) {
-        uLongf produced = kBlock;
-        uLong taken = file.size() - at;
-        if (uncompress2(block.data(), &produced, &file[at], &taken) != Z_OK) break;
-        rows = rows + support::slice(block, 0, produced);
-        at += taken;
-    }
-    return rows;
-}
 
 }  // namespace recovery

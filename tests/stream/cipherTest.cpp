@@ -1,14 +1,11 @@
 // Enciphered files and streams, held against a vector of the bytes that they should have.
 #include "stream/streamTest.h"
 
-#include <orva/blockSize.h>
 #include <orva/file.h>
 #include <orva/workdirFaults.h>
 #include <orva/zcmpsFilestr.h>
 
 #include <gmock/gmock.h>
-
-#include <numeric>
 
 namespace {
 
@@ -137,29 +134,6 @@ TEST_F(Cipher, FileHoldsTheBytesOfEveryWriteItTook) {
         EXPECT_TRUE(refused(-16, 16) && refused(INT64_MAX - 15, 16));
         for (int i = 0; i < 60 && !HasFailure(); ++i) operate();
         expectRead(0, 65'536);
-    }
-}
-
-TEST_F(Cipher, EveryLengthComesBackOnEveryRoad) {
-    std::vector<std::size_t> lengths(601);
-    std::iota(lengths.begin(), lengths.end(), 0U);
-    for (std::size_t length = kBlockSize - 17; length <= kBlockSize + 17; ++length) lengths.push_back(length);
-    for (const std::size_t length : lengths) {
-        const Bytes data = fRandom.noise(length);
-        for (const int road : {0, 1, 2}) {
-            ORVA_FileStream stream(path("f").c_str(), "w+b", true);
-            if (road == 1) stream.DisablePreReading();
-            if (road == 2) stream.EnableMultiThreadReading();
-            const std::size_t half = length / 2;
-            EXPECT_EQ(stream.Write(data.data(), static_cast<std::uint32_t>(half)), half);
-            EXPECT_EQ(stream.Write(data.data() + half, static_cast<std::uint32_t>(length - half)), length - half);
-            EXPECT_EQ(stream.Close(), 1);
-            EXPECT_EQ(std::filesystem::file_size(path("f")), (length + 15) / 16 * 16);
-            Bytes found((length + 47) / 16 * 16);
-            stream.Seek(0, ORVA_StrBaseIO::SeekFromStart);
-            found.resize(stream.Read(found.data(), static_cast<std::uint32_t>(found.size())));
-            EXPECT_TRUE(sameBytes(found, data)) << length << " on road " << road;
-        }
     }
 }
 

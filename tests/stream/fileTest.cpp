@@ -106,14 +106,6 @@ TEST_F(File, FailedCloseIsThrownAndLeavesItOpenButADestructorLetsGo) {
     EXPECT_EQ(file.Read(bytes, 1, 9) + file.Write(bytes, 1, 9) + file.Size(), 0);
 }
 
-struct CallCount : platform::faults::Hook {
-    platform::faults::Verdict before(const platform::faults::Step&) override {
-        ++count;
-        return {};
-    }
-    int count = 0;
-};
-
 TEST_F(File, ATransferIsOneCallOfTheSystemAndAnEncipheredReadAsksForTheLengthToo) {
     for (const bool enciphered : {false, true}) {
         SetKeepEncrypt(enciphered);
@@ -122,12 +114,11 @@ TEST_F(File, ATransferIsOneCallOfTheSystemAndAnEncipheredReadAsksForTheLengthToo
         ASSERT_TRUE(open("blocks", own, "w+b"));
         char block[16] = "";
         own.Write(block, 16, 0);  // An enciphered file asks for its end once.
-        CallCount calls;
-        const platform::faults::Installed counting(calls);
+        const support::CallHook calls;
         for (int i = 0; i < 10; ++i) own.Write(block, 16, i % 3 * 16);
-        EXPECT_EQ(calls.count, 10);
+        EXPECT_EQ(calls.count, 10U);
         for (int i = 0; i < 10; ++i) own.Read(block, 16, i % 3 * 16);
-        EXPECT_EQ(calls.count, enciphered ? 30 : 20);
+        EXPECT_EQ(calls.count, enciphered ? 30U : 20U);
     }
 }
 
@@ -189,40 +180,6 @@ TEST_F(File, AStreamsDestructorThrowsUnlessAFlightBeganSinceItsConstruction) {
     }
     EXPECT_EQ(ORVA_FileStream(fHello.c_str(), "r+").Good(), 1) << "closed and unlocked all the same";
     EXPECT_EQ(support::readBytes(fHello)[0], 'h');
-}
-
-// The descriptor's own place belongs to both.
-TEST_F(File, AReaderOpenedBeforeAForkReadsRightInParentAndChildAtOnce) {
-    support::RandomBytes random(3);
-    const Bytes rows = random.rows(9'000'000);
-    const std::string plain = made("plain", rows);
-    {
-        ORVA_FileStream base(made("packed", {'d'}).c_str(), "r+b");
-        zcmpsFilestr packed(base);
-        packed.setRow0Pos(1);
-        packed.Seek(1, ORVA_StrBaseIO::SeekFromStart);
-        packed.Write(rows.data(), static_cast<std::uint32_t>(rows.size()));
-        packed.Close();
-    }
-    ORVA_FileStream stream(plain.c_str(), "rb"), base(path("packed").c_str(), "rb");
-    zcmpsFilestr packed(base);
-    packed.readFilePosInfo(1, false);
-    const auto readAll = [&](std::uint64_t seed) {
-        support::RandomBytes places(seed);
-        for (int i = 0; i < 300 && !HasFailure(); ++i) {
-            ORVA_StrBaseIO& from = i % 10 == 0 ? static_cast<ORVA_StrBaseIO&>(packed) : stream;
-            const std::size_t at = places.below(rows.size());
-            Bytes found(100);
-            from.Seek(static_cast<std::int64_t>(at) + (i % 10 == 0 ? 1 : 0), ORVA_StrBaseIO::SeekFromStart);
-            found.resize(from.Read(found.data(), 100));
-            EXPECT_TRUE(support::sameBytes(found, support::slice(rows, at, 100))) << "read " << i;
-        }
-    };
-    const pid_t child = fork();
-    readAll(child == 0 ? 2 : 1);
-    if (child == 0) _exit(HasFailure() ? 1 : 0);
-    int status = -1;
-    EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0);
 }
 
 struct Counted : ORVA_RefCntObject {

@@ -38,6 +38,7 @@ inline constexpr bool kSanitized = false;
 
 using Bytes = std::vector<unsigned char>;
 using platform::faults::Call;
+using platform::faults::Step;
 using platform::faults::Verdict;
 
 // Bytes of a seed. While one lives, a failure in its scope prints the seed.
@@ -121,10 +122,9 @@ inline Bytes joined(const std::vector<Bytes>& parts) {
 // A hook made of one function, which is asked before each raw call while this lives. Counts the calls.
 class CallHook : public platform::faults::Hook {
 public:
-    using Ask = std::function<Verdict(Call call, std::int64_t offset, std::uint64_t number)>;
-    explicit CallHook(Ask ask = [](Call, std::int64_t, std::uint64_t) { return Verdict::goOn(); })
-        : fAsk(std::move(ask)) {}
-    Verdict before(const platform::faults::Step& step) override { return fAsk(step.call, step.offset, ++count); }
+    using Ask = std::function<Verdict(const Step& step, std::uint64_t number)>;
+    explicit CallHook(Ask ask = [](const Step&, std::uint64_t) { return Verdict::goOn(); }) : fAsk(std::move(ask)) {}
+    Verdict before(const Step& step) override { return fAsk(step, ++count); }
     std::atomic<std::uint64_t> count{0};
 
 private:
@@ -133,9 +133,10 @@ private:
 };
 
 // Runs `body` in a forked child, which has to come to its end there without a failed expectation. One that hangs is
-// ended by the alarm.
+// ended by the alarm. The parent does `meanwhile`.
 template <class Body>
-void expectInChild(Body body) {
+void expectInChild(
+    Body body, const std::function<void()>& meanwhile = [] {}) {
     const pid_t child = fork();
     if (child == 0) {
         alarm(30);
@@ -144,6 +145,7 @@ void expectInChild(Body body) {
         if (__gcov_dump != nullptr) __gcov_dump();
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
+    meanwhile();
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0) << "wait status of the child";
