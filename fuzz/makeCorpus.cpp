@@ -92,7 +92,7 @@ int main(int count, char** arguments) {
     const std::string directory = arguments[1];
     for (const auto& [name, file] : makeFiles()) {
         const unsigned char swap = name.starts_with("swapped-") ? 1 : 0;
-        for (const char* target : {"/openFuzz", "/readFuzz", "/appendFuzz", "/recoverFuzz"}) {
+        for (const char* target : {"/partFuzz", "/appendFuzz", "/recoverFuzz"}) {
             for (const char* way : {"-a", "-b", "-c"}) put(directory + target, name + way, file, swap);
         }
     }

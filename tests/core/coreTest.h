@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
 #include <cstring>
 #include <memory>
 #include <span>
@@ -129,21 +128,6 @@ inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, 
     EXPECT_EQ(stream.Close(), 1);
 }
 
-// Ends the program, with the name of the case, when it goes a minute without being fed: a thread that waits for ever
-// fails instead of hanging.
-struct Watchdog {
-    Watchdog() { feed("before the first case"); }
-    ~Watchdog() { alarm(0); }
-    static void feed(const std::string& name) {
-        static char text[200];
-        text[("hangs: " + name + "\n").copy(text, sizeof text - 1)] = 0;
-        std::signal(SIGALRM, [](int) {
-            if (::write(STDERR_FILENO, text, std::strlen(text)) >= 0) std::abort();
-        });
-        alarm(60);
-    }
-};
-
 // A finished file of six short blocks.
 class ShortBlocks : public support::TempDir {
 protected:
@@ -153,7 +137,6 @@ protected:
         makeFile(fName, fBlocks);
         fFile = support::readBytes(fName);
     }
-    const Watchdog fWatchdog;
     const std::string fName = path("rows.orva");
     std::vector<Bytes> fBlocks;
     Bytes fFile;

@@ -54,7 +54,6 @@ protected:
                     const std::string name =
                         std::string(fault.name) + ", k " + std::to_string(k) + ", road " + std::to_string(road);
                     SCOPED_TRACE(name);
-                    Watchdog::feed(name);
                     Scarcity scarcity(fault, k);
                     body(road, scarcity);
                     reached = scarcity.reached();

@@ -10,7 +10,6 @@ namespace {
 
 class Limits : public support::TempDir {
 protected:
-    const Watchdog fWatchdog;
     const std::string fName = path("file");
     const Bytes fRows = support::RandomBytes(3).rows(100'000);
 };

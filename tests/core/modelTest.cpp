@@ -23,7 +23,6 @@ protected:
     void rounds(std::uint64_t quick, Round round) {
         const std::uint64_t enough = told("ORVA_MODEL_OPERATIONS", quick);
         for (std::uint64_t seed = told("ORVA_MODEL_SEED", 1); fOperations < enough && !HasFailure(); ++seed) {
-            Watchdog::feed("seed " + std::to_string(seed));
             support::RandomBytes random(seed);
             round(random, seed);
         }
@@ -39,7 +38,6 @@ protected:
         return support::slice(fPool, random.below(fPool.size() - size), size);
     }
 
-    const Watchdog fWatchdog;
     const std::string fName = path("file");
     const Bytes fPool = support::RandomBytes(5).rows(3 * kBlock);
     std::uint64_t fOperations = 0;

@@ -108,7 +108,6 @@ TEST_F(Writers, M2_NoThreadWaitsForTheOneThatWritesAndNobodyReads) {
 TEST_F(Writers, H1_H3_M1_M4_BlocksAreInOrderAndRecordedWhenTheEndRequestReturns) {
     const auto end = static_cast<std::size_t>(Layout(fFile).heading._indexPos);
     for (int round = 0; round < 200; ++round) {
-        Watchdog::feed("round " + std::to_string(round));
         support::overwriteBytes(fName, kRow0 + 24, Bytes(fFile.size() - kRow0 - 24, 0));
         filePosInfo index(kBlock);
         PreIOThreadBase* worker = nullptr;
@@ -173,7 +172,6 @@ TYPED_TEST(ReadWorker, R2_R4_T2_T3_A1_A3_AnyRequestIsServedOrFailsWhateverWentBe
 TYPED_TEST(ReadWorker, R5_A4_StopsInEachState) {
     support::RandomBytes random(46);
     for (int i = 0; i < 100; ++i) {
-        Watchdog::feed("the next round");
         Running<TypeParam> worker(this->reader());
         auto number = static_cast<std::uint32_t>(random.below(8));
         for (; number < this->kBlocks && !random.oneIn(4); ++number) {
@@ -263,7 +261,6 @@ TEST_F(ShortBlocks, TenThousandLivesEnd) {
     constexpr int lives = support::kSanitized ? 2'000 : 10'000;
     int failed = 0;
     for (int i = 0; i < lives && !HasFailure(); ++i) {
-        Watchdog::feed("life " + std::to_string(i));
         left = random.oneIn(2) ? static_cast<std::int64_t>(1 + random.below(12)) : -1;
         const int road = std::array{1, 2, kOneOfSeveral, kTwo}[random.below(4)];
         const bool writer = road == 1 || (road != 2 && random.oneIn(2));

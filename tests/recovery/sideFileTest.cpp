@@ -55,12 +55,6 @@ protected:
         EXPECT_EQ(::open(fSide.c_str(), O_WRONLY | O_NONBLOCK | O_EXCL | O_CREAT, 0), -1);
         return fOld;
     }
-#ifdef ORVA_TOOL
-    int exitOfEmptyAppend() const {
-        const std::string command = ORVA_TOOL " append --row0 1000 " + fFile + " /dev/null 2>/dev/null";
-        return WEXITSTATUS(std::system(command.c_str()));
-    }
-#endif
     std::string ending() const {
         auto result = orva::rollBackResult::nothingToDo;
         const std::string failure = failureOf([&] { result = orva::rollBack(fFile); });
@@ -144,31 +138,6 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
          "no append has made it"},
         {"8 a link that leads nowhere", [&] { return foreign([&] { fs::create_symlink(fOther, fSide); }); },
          "no append has made it"},
-#ifdef ORVA_TOOL
-        {"9 an empty input changes nothing",
-         [&] {
-             const Files finished = present();
-             EXPECT_EQ(exitOfEmptyAppend(), 0);
-             EXPECT_EQ(present(), finished);
-             interrupt(fMore);
-             const Files interrupted = present();
-             EXPECT_EQ(exitOfEmptyAppend(), 5);
-             EXPECT_EQ(present(), interrupted);
-             return fOld;
-         },
-         "rolled back"},
-        {"10 an empty input tells of damage",
-         [&] {
-             support::overwriteBytes(fFile, kRow0 + kHeadingSize + 5, Bytes(9));
-             support::overwriteBytes(fFile, static_cast<std::uint64_t>(Layout(bytes()).heading._indexPos) - 9,
-                                     Bytes(5));
-             EXPECT_EQ(exitOfEmptyAppend(), 5);
-             support::overwriteBytes(fFile, kRow0, Bytes(kHeadingSize));
-             EXPECT_EQ(exitOfEmptyAppend(), 5);
-             return Bytes();
-         },
-         "nothing"},
-#endif
         {"11 another file with the same heading and index",
          [&] {
              replaceBy(noise(10));

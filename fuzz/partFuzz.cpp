@@ -1,5 +1,7 @@
-// Reading and seeking in a file, on every road, and by place. Each read gives what a second reader gives, byte for
-// byte, or DamagedFileError where that one meets damage; the stream stays usable for the rest.
+// Looking into a file: finding its part, opening heading and index, verifying every block; and reading and seeking in
+// it, on every road and by place. Held against a second reader: both take the same files and call the same blocks sound. Each read
+// gives what the other one gives, byte for byte, or DamagedFileError where that one meets damage; the stream stays
+// usable for the rest.
 #include "fuzzTarget.h"
 
 #include <orva/reader.h>
@@ -7,6 +9,22 @@
 using namespace fuzz;
 
 namespace {
+
+bool opens(const Input& in, const orva::foundPart& where) {
+    const Part reference(in.file, where.row0Pos, where.swapped);
+    std::optional<orva::finishedPart> part;
+    const bool opened = soundFor([&] { part.emplace(in.name, where); });
+    require(opened == reference.opens, "a part opens exactly when its heading and index can be true");
+    if (!opened) return false;
+    require(part->blockCount() == reference.blocks.size() && part->dataSize() == reference.end - where.row0Pos,
+            "blocks and rows are counted");
+    require(soundFor([&] { part->verifyIndex(); }) == reference.contiguous, "verifyIndex finds every gap");
+    for (std::uint32_t i = 0; i < part->blockCount(); ++i) {
+        require(soundFor([&] { part->verifyBlock(i); }) == reference.blocks[i].rows.has_value(),
+                "a block is sound exactly when its stream is whole and as its record says");
+    }
+    return true;
+}
 
 // Threads take their time, and most of what reading checks needs none.
 void takeRoad(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
@@ -54,18 +72,22 @@ void readByPlace(const Input& in, FuzzedDataProvider& steps) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input in(data, size);
+    std::optional<orva::foundPart> found;
+    require(soundFor([&] { found = orva::findPart(in.name); }), "a search for a part ends well in any file");
+    if (found) opens(in, *found);
+    const bool opened = opens(in, {kRow0, in.swap});
+    require(!opened || found, "a part that opens is found, or another one before it");
     if (in.steps.ConsumeBool()) {
         readByPlace(in, in.steps);
         return 0;
     }
-    const Part reference(in.file, kRow0, in.swap);
     zcmpsFilestr stream(ORVA_FileStream(in.name.c_str(), "rb"));
     takeRoad(stream, in.steps);
-    const bool opens = soundFor([&] { stream.readFilePosInfo(kRow0, in.swap); });
-    require(opens == reference.opens, "a part opens exactly when its heading and index can be true");
-    while (opens && in.steps.remaining_bytes() != 0) readAsTheOther(stream, reference, in.steps);
+    require(soundFor([&] { stream.readFilePosInfo(kRow0, in.swap); }) == opened, "a stream opens the same parts");
+    const Part reference(in.file, kRow0, in.swap);
+    while (opened && in.steps.remaining_bytes() != 0) readAsTheOther(stream, reference, in.steps);
     unsigned char byte = 0;
-    require(opens || !soundFor([&] { stream.Read(&byte, 1); }), "a part that does not open cannot be read");
+    require(opened || !soundFor([&] { stream.Read(&byte, 1); }), "a part that does not open cannot be read");
     require(stream.Close() == 1, "a reader closes");
     return 0;
 }
