@@ -12,7 +12,7 @@ configure_file(cmake/orvaConfig.cmake.in ${PROJECT_BINARY_DIR}/orvaConfig.cmake 
 install(FILES ${PROJECT_BINARY_DIR}/orvaConfig.cmake ${PROJECT_BINARY_DIR}/orvaConfigVersion.cmake
     DESTINATION ${orva_package_dir} COMPONENT development)
 file(RELATIVE_PATH orva_pc_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)  # so that the package can be moved
-set(orva_pc_requires "zlib liblz4 libcrypto")
+set(orva_pc_requires "zlib liblz4")
 if(ORVA_FAST_CODEC)
     string(APPEND orva_pc_requires " libisal libdeflate")
 endif()

@@ -1,3 +1,5 @@
+#include "libcrypto.h"
+
 #include <orva/errtext.h>
 
 #include <cerrno>
@@ -35,6 +37,7 @@ constexpr Advice kAdvice[] = {
     {EISDIR, "name a file, not a directory"},
     {ENOENT, "check the name"},
     {EIO, "the storage reports an error: check the device before writing to it again"},
+    {ELIBACC, "the cipher needs " ORVA_LIBCRYPTO " of OpenSSL: install it where programs find their libraries"},
     {ESTALE, "the file was replaced on its server: open it again"},
 };
 

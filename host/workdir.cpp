@@ -1,9 +1,8 @@
+#include "libcrypto.h"
+
 #include <orva/workdir.h>
 #include <orva/workdirFaults.h>
 
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
-#include <openssl/rand.h>
 #include <pthread.h>
 
 #include <array>
@@ -25,10 +24,17 @@ constexpr std::size_t kAlignment = 64;
 
 enum class KeyState { Unset, Chosen, InUse, Gone };
 
-// Once in use, the key never changes until the process ends, and is read without the lock.
+// Once in use, key and library never change until the process ends, and are read without the lock.
 std::mutex gKeyLock;
 std::atomic<KeyState> gKeyState{KeyState::Unset};
 std::array<unsigned char, kKeySize> gKey;
+libcrypto gCrypto;
+
+// No compiler leaves this out because nobody reads the zeros.
+void erase(void* memory, std::size_t size) {
+    std::memset(memory, 0, size);
+    asm volatile("" : : "r"(memory) : "memory");
+}
 
 // A fork waits until no thread has the lock: in the child nobody would be there to give it back.
 void holdKeyLock() {
@@ -44,7 +50,7 @@ struct KeyEraser {
     ~KeyEraser() {
         const std::lock_guard guard(gKeyLock);
         gKeyState = KeyState::Gone;
-        OPENSSL_cleanse(gKey.data(), gKey.size());
+        erase(gKey.data(), gKey.size());
     }
 };
 const KeyEraser gKeyEraser;
@@ -52,15 +58,16 @@ const KeyEraser gKeyEraser;
 bool takeKeyIntoUse() {
     if (gKeyState.load(std::memory_order_acquire) == KeyState::InUse) return true;
     const std::lock_guard guard(gKeyLock);
-    if (gKeyState == KeyState::Gone) return false;
-    if (gKeyState == KeyState::Unset && RAND_bytes(gKey.data(), kKeySize) != 1) return false;
+    if (gKeyState == KeyState::InUse) return true;
+    if (gKeyState == KeyState::Gone || !gCrypto.load()) return false;
+    if (gKeyState == KeyState::Unset && gCrypto.RAND_bytes(gKey.data(), kKeySize) != 1) return false;
     gKeyState.store(KeyState::InUse, std::memory_order_release);
     return true;
 }
 
 // Erases and frees `room` bytes from `memory` on, where the allocation of a result begins.
 void release(unsigned char* memory, std::size_t room) {
-    OPENSSL_cleanse(memory, room);
+    erase(memory, room);
     ::operator delete (memory, std::align_val_t{kAlignment});
 }
 
@@ -98,18 +105,18 @@ struct ResultDeleter {
 };
 
 struct ContextDeleter {
-    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
+    void operator()(EVP_CIPHER_CTX* context) const { gCrypto.EVP_CIPHER_CTX_free(context); }
 };
 
 // A context per call: it costs next to nothing beside a run of blocks, and threads share nothing but the key.
 bool runCipher(bool encrypting, unsigned char* out, const unsigned char* in, int length) {
-    const std::unique_ptr<EVP_CIPHER_CTX, ContextDeleter> context(EVP_CIPHER_CTX_new());
+    const std::unique_ptr<EVP_CIPHER_CTX, ContextDeleter> context(gCrypto.EVP_CIPHER_CTX_new());
     int done = 0;
     return context != nullptr &&
-           EVP_CipherInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, gKey.data(), nullptr, encrypting ? 1 : 0) ==
-               1 &&
-           EVP_CIPHER_CTX_set_padding(context.get(), 0) == 1 &&
-           EVP_CipherUpdate(context.get(), out, &done, in, length) == 1 && done == length;
+           gCrypto.EVP_CipherInit_ex(context.get(), gCrypto.EVP_aes_256_ecb(), nullptr, gKey.data(), nullptr,
+                                     encrypting ? 1 : 0) == 1 &&
+           gCrypto.EVP_CIPHER_CTX_set_padding(context.get(), 0) == 1 &&
+           gCrypto.EVP_CipherUpdate(context.get(), out, &done, in, length) == 1 && done == length;
 }
 
 int transform(bool encrypting, unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) {

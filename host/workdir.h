@@ -11,7 +11,8 @@
 // Units:   bytes, whole blocks of 16.
 // Owner:   a result belongs to the caller until FreeOutData.
 // Threads: every operation from several threads at once.
-// Failure: 1 success, 0 failure; then the pointer is null and the count 0. Nothing throws.
+// Failure: 1 success, 0 failure; then the pointer is null and the count 0. Nothing throws. The first Encrypt or Decrypt
+//          loads libcrypto; where that fails they fail, with errno ELIBACC, until a call that finds it.
 #pragma once
 
 #include <orva/hostApi.h>

@@ -14,12 +14,29 @@
 #include <cstdio>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace {
 
-constexpr addVerb* kVerbs[] = {addPack, addJoin, addCat, addAppend, addInfo, addVerify, addRecover, addSplits};
+struct namedVerb {
+    std::string_view name;
+    addVerb* add;
+};
+constexpr namedVerb kVerbs[] = {{"pack", addPack},       {"join", addJoin},    {"cat", addCat},
+                                {"append", addAppend},   {"info", addInfo},    {"verify", addVerify},
+                                {"recover", addRecover}, {"splits", addSplits}};
+
+// To set all of them up costs as much as to start the process, so a command that begins with a verb gets that one, and
+// one that asks for the version none.
+std::vector<namedVerb> verbsFor(std::string_view firstWord) {
+    if (firstWord == "--version") return {};
+    for (const namedVerb& one : kVerbs) {
+        if (one.name == firstWord) return {one};
+    }
+    return {std::begin(kVerbs), std::end(kVerbs)};
+}
 
 // A descriptor below 3 that is closed would be the next file's number, and messages would go into the data.
 void occupyStandardDescriptors() {
@@ -85,8 +102,8 @@ int runTool(int argc, char** argv, std::string& verbName, std::string& subject) 
         "'orva VERB --help' tells the flags of a verb. Exit codes: 0 all well, 1 other failure, 2 usage,\n"
         "3 an input cannot be read, 4 the output cannot be written, 5 damaged or unfinished data, 7 done in part.");
     std::vector<std::pair<CLI::App*, verb>> verbs;
-    for (addVerb* const add : kVerbs) {
-        verb run = add(app);
+    for (const namedVerb& one : verbsFor(argc > 1 ? argv[1] : "")) {
+        verb run = one.add(app);
         verbs.emplace_back(app.get_subcommands({}).back(), std::move(run));
         checkValues(*verbs.back().first);
     }

@@ -1,7 +1,11 @@
 // The key is the process's, so every test works in a child of its own, forked before any key is in use.
 #include "support/tempDir.h"
 
+#include <orva/errtext.h>
 #include <orva/workdir.h>
+
+#include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
@@ -80,6 +84,22 @@ TEST(Workdir, AForkWhileTheKeyIsMadeLetsTheChildEnd) {
             const auto moment = std::chrono::steady_clock::now() + i * std::chrono::microseconds(20);
             while (std::chrono::steady_clock::now() < moment) continue;
             support::expectInChild([] { alarm(3), std::exit(0); });
+        });
+    }
+}
+
+// A process that may open nothing more cannot load it either.
+TEST(Workdir, ALibcryptoThatCannotBeLoadedIsNamedAndTriedAgain) {
+    for (const Operation first : {workdir::Encrypt, workdir::Decrypt}) {
+        support::expectInChild([first] {
+            rlimit limit{};
+            getrlimit(RLIMIT_NOFILE, &limit);
+            const rlimit none{0, limit.rlim_max};
+            setrlimit(RLIMIT_NOFILE, &none);
+            EXPECT_EQ(through(first, kBlock), Bytes());
+            EXPECT_THAT(FileError(errno, "datasrc.err", 1002, "x").what(), testing::HasSubstr("libcrypto.so."));
+            setrlimit(RLIMIT_NOFILE, &limit);
+            EXPECT_EQ(through(first, kBlock).size(), kBlock.size());
         });
     }
 }

@@ -1,0 +1,28 @@
+#include "libcrypto.h"
+
+#include <dlfcn.h>
+
+#include <cerrno>
+
+namespace {
+
+template <class Function>
+bool find(void* library, const char* name, Function& function) {
+    function = reinterpret_cast<Function>(::dlsym(library, name));
+    return function != nullptr;
+}
+
+}  // namespace
+
+// Nothing of it is made visible to others, and nothing of it resolved late: a cipher at work never meets the linker.
+bool libcrypto::load() noexcept {
+    void* const library = ::dlopen(ORVA_LIBCRYPTO, RTLD_NOW | RTLD_LOCAL);
+    const bool good =
+        library != nullptr && find(library, "RAND_bytes", RAND_bytes) &&
+        find(library, "EVP_aes_256_ecb", EVP_aes_256_ecb) && find(library, "EVP_CIPHER_CTX_new", EVP_CIPHER_CTX_new) &&
+        find(library, "EVP_CIPHER_CTX_free", EVP_CIPHER_CTX_free) &&
+        find(library, "EVP_CIPHER_CTX_set_padding", EVP_CIPHER_CTX_set_padding) &&
+        find(library, "EVP_CipherInit_ex", EVP_CipherInit_ex) && find(library, "EVP_CipherUpdate", EVP_CipherUpdate);
+    if (!good) errno = ELIBACC;
+    return good;
+}
