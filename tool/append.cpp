@@ -66,7 +66,7 @@ public:
 
 private:
     void checkInput() const {
-        requireFile(fOptions.part.file);
+        openPart(fOptions.part.file);
         const bool named = fOptions.in != "-";
         if (named) checkReadable(fOptions.in);
         if (platform::sameFile(named ? fOptions.in.c_str() : "/dev/stdin", fOptions.part.file.c_str())) {

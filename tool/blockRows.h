@@ -20,7 +20,7 @@ std::int64_t blockBegin(const orva::finishedPart& part, std::uint32_t number);
 
 class blockRows {
 public:
-    blockRows(const std::string& file, orva::foundPart part) : fFile(file), fPart(file, part) {}
+    blockRows(const std::string& file, const orva::finishedPart& part) : fFile(file), fPart(part) {}
 
     const std::string& file() const { return fFile; }
     const orva::finishedPart& part() const { return fPart; }

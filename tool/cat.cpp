@@ -1,7 +1,6 @@
 // cat: rows out, whole or in ranges.
 #include "blockRows.h"
 #include "failure.h"
-#include "input.h"
 #include "output.h"
 #include "part.h"
 #include "progress.h"
@@ -17,9 +16,9 @@
 
 #include <algorithm>
 #include <exception>
-#include <iterator>
 #include <limits>
 #include <memory>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -41,10 +40,7 @@ struct catOptions {
 class catRun {
 public:
     explicit catRun(catOptions options)
-        : fOptions(std::move(options)),
-          fLocated(locatePart(fOptions.part)),
-          fPart(fOptions.part.file, fLocated.part),
-          fBuffer(new transferBuffer) {
+        : fOptions(std::move(options)), fLocated(locatePart(fOptions.part)), fPart(fLocated.file, fLocated.part) {
         noteFound("cat", fOptions.part, fLocated);
     }
 
@@ -55,7 +51,7 @@ public:
         refuseSameFile();
         output out(fOptions.out, fOptions.output, {fOptions.part.file});
         progress bar(fOptions.progress, "cat", total);
-        copySpans(spans, total, out, bar);
+        copyPieces(piecesOf(spans), out, bar);
         out.finish();
         bar.finish(summary(out, total));
         if (fLostRanges != 0) {
@@ -68,7 +64,7 @@ public:
 
     int runWhere() {
         const keyRange range(fOptions.where);
-        blockRows rows(fOptions.part.file, fLocated.part);
+        blockRows rows(fOptions.part.file, fPart);
         recordSearch search(rows, range, fOptions.recordSize);
         refuseSameFile();
         output out(fOptions.out, fOptions.output, {fOptions.part.file});
@@ -110,45 +106,67 @@ private:
                     : humanSize(static_cast<double>(out.written())) + " of " + all + " written, then nobody read on");
     }
 
-    // Threads inflate ahead, which a short range has no use for.
-    void copySpans(const std::vector<span>& spans, std::int64_t total, output& out, progress& bar) {
-        const namedStream file(fOptions.part.file);
-        zcmpsFilestr rows(file);
-        rows.setThreadCount(total > std::int64_t{kBlockSize} ? fOptions.threads.besideThisOne() : 0);
-        rows.readFilePosInfo(fLocated.part.row0Pos, fLocated.part.swapped);
-        for (const span& wanted : spans) copySpan(rows, wanted, out, bar);
-        rows.Close();
-    }
-
-    // No read reaches into a second block, so that all rows before a damaged one are written.
-    void copySpan(zcmpsFilestr& rows, const span& wanted, output& out, progress& bar) {
-        const std::int64_t end = wanted.offset + wanted.length;
-        seek(rows, wanted.offset);
-        for (std::int64_t at = wanted.offset; at < end && out.open();) {
-            const std::int64_t blockEnd = std::min(end, blockBegin(fPart, blockAt(fPart, at) + 1));
-            const std::int64_t before = at;
-            try {
-                while (at < blockEnd && out.open()) at += copyPiece(rows, std::min(blockEnd - at, kPiece), out);
-            } catch (const DamagedFileError& e) {
-                lose({at, blockEnd - at}, std::current_exception(), e, out);
-                at = blockEnd;
-                seek(rows, at);
+    // What one block has of one span.
+    struct piece {
+        std::uint32_t number;
+        span rows;
+    };
+    std::vector<piece> piecesOf(const std::vector<span>& spans) const {
+        std::vector<piece> pieces;
+        for (const span& wanted : spans) {
+            const std::int64_t end = wanted.offset + wanted.length;
+            for (std::int64_t at = wanted.offset; at < end; at += pieces.back().rows.length) {
+                const std::uint32_t number = blockAt(fPart, at);
+                pieces.push_back({number, {at, std::min(end, blockBegin(fPart, number + 1)) - at}});
             }
-            bar.advance(at - before);
+        }
+        return pieces;
+    }
+
+    // The pieces of one block that follow each other are one piece of work. Each thread writes what it has inflated: a
+    // core that reads what another one wrote takes its memory's cache lines away, which that one has to win back.
+    void copyPieces(const std::vector<piece>& pieces, output& out, progress& bar) {
+        std::vector<std::span<const piece>> works;
+        for (auto at = pieces.begin(); at != pieces.end();) {
+            const auto next =
+                std::find_if(at, pieces.end(), [=](const piece& one) { return one.number != at->number; });
+            works.emplace_back(at, next);
+            at = next;
+        }
+        const auto threads =
+            static_cast<std::int32_t>(std::min(works.size(), static_cast<std::size_t>(fOptions.threads.count())));
+        runInOrder(threads, works.size(), [&] {
+            return [&, part = orva::finishedPart(fPart)](std::size_t number) mutable {
+                const inflated block = inflate(part, works[number].front().number);
+                return [&, block, number] {
+                    for (const piece& one : works[number]) copyPiece(one, block, out, bar);
+                    return out.open();
+                };
+            };
+        });
+    }
+
+    struct inflated {
+        const unsigned char* rows = nullptr;
+        std::exception_ptr failure;
+    };
+    static inflated inflate(orva::finishedPart& part, std::uint32_t number) {
+        try {
+            return {part.rowsOf(number), nullptr};
+        } catch (...) {
+            return {nullptr, std::current_exception()};
         }
     }
 
-    void seek(zcmpsFilestr& rows, std::int64_t offset) const {
-        rows.Seek(fLocated.part.row0Pos + offset, ORVA_StrBaseIO::SeekFromStart);
-    }
-
-    std::int64_t copyPiece(zcmpsFilestr& rows, std::int64_t size, output& out) {
-        const auto wanted = static_cast<std::uint32_t>(size);
-        if (rows.Read(fBuffer->bytes, wanted) != wanted) {
-            throw toolFailure(kDamaged, fOptions.part.file, "changed while it was read: try again");
+    void copyPiece(const piece& wanted, const inflated& block, output& out, progress& bar) {
+        const auto [offset, length] = wanted.rows;
+        try {
+            if (block.failure != nullptr) std::rethrow_exception(block.failure);
+            out.write(block.rows + (offset - blockBegin(fPart, wanted.number)), static_cast<std::size_t>(length));
+        } catch (const DamagedFileError& e) {
+            lose(wanted.rows, std::current_exception(), e, out);
         }
-        out.write(fBuffer->bytes, wanted);
-        return size;
+        bar.advance(length);
     }
 
     // A file that has changed has lost nothing: its rows stand elsewhere now.
@@ -160,10 +178,8 @@ private:
              "bytes " + std::to_string(lost.offset) + " to " + std::to_string(lost.offset + lost.length) +
                  " of the rows are lost: " + failureText(damage, fOptions.part.file));
         if (fOptions.damaged == "skip") return;
-        std::fill(std::begin(fBuffer->bytes), std::end(fBuffer->bytes), static_cast<unsigned char>(0));
-        for (std::int64_t left = lost.length; left > 0; left -= kPiece) {
-            out.write(fBuffer->bytes, static_cast<std::size_t>(std::min(left, kPiece)));
-        }
+        const std::vector<char> zeros(static_cast<std::size_t>(lost.length));
+        out.write(zeros.data(), zeros.size());
     }
 
     // Gives the number of records from `first` on that lie in the range.
@@ -187,7 +203,6 @@ private:
     const catOptions fOptions;
     const locatedPart fLocated;
     const orva::finishedPart fPart;
-    const std::unique_ptr<transferBuffer> fBuffer;
     std::int64_t fLostRanges = 0;
 };
 

@@ -47,9 +47,9 @@ std::string joinedDictionary(const std::string& file, std::int64_t row0Pos) {
     return text + '\n';
 }
 
-std::optional<dictionaryText> readDictionary(const std::string& file) {
+std::optional<dictionaryText> readDictionary(ORVA_File& file) {
     std::string text(kSize, '\0');
-    text.resize(input(file).read(text.data(), kSize));
+    text.resize(file.Read(text.data(), kSize, 0));
     if (!text.starts_with(kFirstLine)) return {};
     const auto row0Pos = number(text.substr(kFirstLine.size(), kRow0Width));
     if (!row0Pos || *row0Pos == 0) return {};

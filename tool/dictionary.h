@@ -7,6 +7,8 @@
 //   (blanks, up to a last line feed)
 #pragma once
 
+#include <orva/orva.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -24,4 +26,4 @@ std::string makeDictionary(const std::string& source, std::optional<std::int64_t
 std::string joinedDictionary(const std::string& file, std::int64_t row0Pos);
 
 // What the file's first bytes say, if they are such a dictionary part. FileError if it cannot be read.
-std::optional<dictionaryText> readDictionary(const std::string& file);
+std::optional<dictionaryText> readDictionary(ORVA_File& file);

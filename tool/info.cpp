@@ -34,7 +34,7 @@ const char* orderName(bool swapped) {
 class infoRun {
 public:
     explicit infoRun(const infoOptions& options)
-        : fOptions(options), fLocated(locatePart(options.part)), fPart(options.part.file, fLocated.part) {
+        : fOptions(options), fLocated(locatePart(options.part)), fPart(fLocated.file, fLocated.part) {
         for (std::uint32_t i = 0; i < fPart.blockCount(); ++i) fStored += fPart.block(i).translateSize;
     }
 

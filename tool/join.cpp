@@ -87,7 +87,7 @@ private:
         fInputs.push_back({name, located.part});
     }
 
-    // Each thread looks at the file for itself and takes the next block that nobody has taken.
+    // Each thread takes the next block that nobody has taken.
     void checkBlocks() const {
         for (const orva::joinInput& input : fInputs) {
             orva::finishedPart whole(input.name, input.part);
@@ -95,7 +95,7 @@ private:
             const std::uint32_t blocks = whole.blockCount();
             std::atomic<std::uint32_t> next{0};
             const auto work = [&] {
-                orva::finishedPart part(input.name, input.part);
+                orva::finishedPart part(whole);
                 for (std::uint32_t number = next++; number < blocks; number = next++) part.verifyBlock(number);
             };
             runOnThreads(static_cast<std::int32_t>(

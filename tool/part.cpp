@@ -16,30 +16,31 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::optional<compressionHeading> headingAt(const std::string& name, std::int64_t place) {
-    namedStream stream(name);
+std::optional<compressionHeading> headingAt(ORVA_File& file, std::int64_t place) {
     compressionHeading heading{};
-    stream.DisablePreReading();
-    stream.Seek(place, ORVA_StrBaseIO::SeekFromStart);
-    if (stream.Read(&heading, sizeof heading) != sizeof heading) return {};
+    if (file.Read(&heading, sizeof heading, place) != sizeof heading) return {};
     return heading;
 }
 
 // The heading repeats its own offset, so it shows its byte order by itself. --swap remains for an offset that reads
 // the same both ways, and to have a wrong heading named as what the user took it for.
-bool isSwapped(const std::string& name, std::int64_t row0Pos) {
-    const auto heading = headingAt(name, row0Pos);
+bool isSwapped(ORVA_File& file, std::int64_t row0Pos) {
+    const auto heading = headingAt(file, row0Pos);
     return heading && heading->_caseStartPos != row0Pos && orva::swapBytes(heading->_caseStartPos) == row0Pos;
 }
 
-orva::foundPart search(const std::string& file) {
+std::string nameOf(const ORVA_File& file) {
+    return file.GetNameStr().GetGeneric();
+}
+
+orva::foundPart search(ORVA_File& file) {
     if (const auto found = orva::findPart(file)) return *found;
-    throw toolFailure(kDamaged, file,
+    throw toolFailure(kDamaged, nameOf(file),
                       "holds no finished compressed part: check that it is the file you mean and that its writer "
                       "finished, or give the position of its rows with --row0");
 }
 
-bool isSound(const std::string& file, orva::foundPart part) {
+bool isSound(const std::shared_ptr<ORVA_File>& file, orva::foundPart part) {
     try {
         const orva::finishedPart opened(file, part);
         return true;
@@ -50,25 +51,26 @@ bool isSound(const std::string& file, orva::foundPart part) {
 
 // Behind the index of a part nothing needs to stand. What does may be the part that was meant: a finished file that was
 // taken for a dictionary part stands before it.
-void refuseSecond(const std::string& file, orva::foundPart first) {
-    const auto heading = headingAt(file, first.row0Pos);
+void refuseSecond(const std::shared_ptr<ORVA_File>& file, orva::foundPart first) {
+    const auto heading = headingAt(*file, first.row0Pos);
     if (!heading) return;
     const auto inOrder = [&](std::int64_t field) { return first.swapped ? orva::swapBytes(field) : field; };
     const std::int64_t end = inOrder(heading->_indexPos) + inOrder(heading->_size);
     if (inOrder(heading->_caseStartPos) != first.row0Pos || end <= first.row0Pos) return;
-    const auto second = orva::findPart(file, end);
+    if (const std::int64_t size = file->Size(); size > 0 && end >= size) return;
+    const auto second = orva::findPart(*file, end);
     if (!second || !isSound(file, *second) || !isSound(file, first)) return;
-    throw toolFailure(kOtherFailure, file,
+    throw toolFailure(kOtherFailure, nameOf(*file),
                       "holds two compressed parts, at offset " + std::to_string(first.row0Pos) + " and at " +
                           std::to_string(second->row0Pos) + ": say by --row0 which one you mean");
 }
 
-locatedPart find(const std::string& file) {
-    if (auto dictionary = readDictionary(file)) {
+locatedPart find(const std::shared_ptr<ORVA_File>& file) {
+    if (auto dictionary = readDictionary(*file)) {
         const std::int64_t row0 = dictionary->row0Pos;
-        return {{row0, isSwapped(file, row0)}, locatedPart::byDictionary, std::move(dictionary)};
+        return {file, {row0, isSwapped(*file, row0)}, locatedPart::byDictionary, std::move(dictionary)};
     }
-    return {search(file), locatedPart::bySearch, {}};
+    return {file, search(*file), locatedPart::bySearch, {}};
 }
 
 void addPlace(CLI::App& app, partOptions& options) {
@@ -91,7 +93,7 @@ void partOptions::addTo(CLI::App& app, std::vector<std::string>& files) {
     addPlace(app, *this);
 }
 
-void requireFile(const std::string& name) {
+std::shared_ptr<ORVA_File> openPart(const std::string& name) {
     if (name == "-") usageError("standard input has no name and cannot be read at any place: put it into a file first");
     std::error_code unknown;
     const fs::file_status status = fs::status(name, unknown);
@@ -99,20 +101,23 @@ void requireFile(const std::string& name) {
         throw toolFailure(kInputUnreadable, name,
                           "is a pipe or a device, which cannot be read at any place: put its bytes into a file first");
     }
-    checkReadable(name);
+    auto file = std::make_shared<ORVA_File>();
+    ExtNameStr fileName;
+    fileName.SetGeneric(name);
+    if (file->Open(fileName, "rb")) return file;
+    platform::setErrno(file->OpenErrno());
+    throwReadFailed(name);
 }
 
 locatedPart locatePart(const partOptions& options) {
-    const std::string& file = options.file;
-    requireFile(file);
+    const std::shared_ptr<ORVA_File> file = openPart(options.file);
     if (options.row0 != 0) {
-        if (const auto size = knownSize(file); size && options.row0 >= *size) {
-            throw toolFailure(kDamaged, file,
+        if (const std::int64_t size = file->Size(); size > 0 && options.row0 >= size) {
+            throw toolFailure(kDamaged, options.file,
                               "has no offset " + std::to_string(options.row0) + ", for it ends at " +
-                                  std::to_string(*size) +
-                                  ": check --row0, or leave it out to have the part looked for");
+                                  std::to_string(size) + ": check --row0, or leave it out to have the part looked for");
         }
-        return {{options.row0, options.swap || isSwapped(file, options.row0)}, locatedPart::byUser, {}};
+        return {file, {options.row0, options.swap || isSwapped(*file, options.row0)}, locatedPart::byUser, {}};
     }
     locatedPart located = find(file);
     refuseSecond(file, located.part);

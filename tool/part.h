@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,19 +32,20 @@ struct partOptions {
 struct locatedPart {
     enum way { byUser, byDictionary, bySearch };
 
+    std::shared_ptr<ORVA_File> file;  // open for reading, so that who goes on with it reads the same one
     orva::foundPart part;
     way how;
     std::optional<dictionaryText> dictionary;
 };
 
-// Refuses a file in which two parts fit, unless the user says which. Never waits for a pipe.
+// The file, open for reading. Refuses what cannot be read at any place, and never waits for a pipe.
+std::shared_ptr<ORVA_File> openPart(const std::string& file);
+
+// Refuses a file in which two parts fit, unless the user says which. Opens it once.
 locatedPart locatePart(const partOptions& options);
 
 // Whether that of `row0Pos` is not the part that is found without the user's word.
 bool needsRow0(const std::string& file, std::int64_t row0Pos);
-
-// Throws unless the file can be read at any place: FileError, or toolFailure that says what it is instead.
-void requireFile(const std::string& name);
 
 // Runs `work` for one file after the other; failures are reported where they happen. The exit code: of those of the
 // files the first in 5, 3, 4, 1, 7, 0.

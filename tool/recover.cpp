@@ -35,7 +35,7 @@ public:
     int run() {
         checkUsage();
         if (fOptions.rollBack) return rollBack();
-        requireFile(fOptions.part.file);
+        openPart(fOptions.part.file);
         if (const std::string append = appendState(fOptions.part.file); !append.empty()) {
             note("recover", fOptions.part.file, append);
         }
@@ -85,7 +85,7 @@ private:
 
     // Without the user's word or the tool's own dictionary part, the library looks further than for a heading.
     std::optional<orva::foundPart> knownPart() const {
-        if (fOptions.part.row0 == 0 && !readDictionary(fOptions.part.file)) return {};
+        if (fOptions.part.row0 == 0 && !readDictionary(*openPart(fOptions.part.file))) return {};
         return locatePart(fOptions.part).part;
     }
 

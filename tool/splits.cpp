@@ -51,7 +51,7 @@ public:
         : fOptions(options),
           fDelimiter(parseByte(options.delimiter)),
           fLocated(locatePart(options.part)),
-          fRows(options.part.file, fLocated.part) {}
+          fRows(options.part.file, orva::finishedPart(fLocated.file, fLocated.part)) {}
 
     int run() {
         noteFound("splits", fOptions.part, fLocated);

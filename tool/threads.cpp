@@ -3,7 +3,10 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <condition_variable>
 #include <future>
+#include <mutex>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -16,20 +19,49 @@ std::int32_t cores() {
     return static_cast<std::int32_t>(std::thread::hardware_concurrency());
 }
 
+// Who may do what in runInOrder.
+class turns {
+public:
+    explicit turns(std::size_t count) : fCount(count) {}
+
+    // Nothing where no piece is left.
+    std::optional<std::size_t> take() {
+        const std::lock_guard guard(fLock);
+        return fTaken < fCount ? std::optional(fTaken++) : std::nullopt;
+    }
+    // False: no turn comes any more.
+    bool await(std::size_t number) {
+        std::unique_lock lock(fLock);
+        fTurn.wait(lock, [&] { return fEnded == number || fCount == 0; });
+        return fCount != 0;
+    }
+    void pass(bool goOn) {
+        const std::lock_guard guard(fLock);
+        ++fEnded;
+        if (!goOn) fCount = 0;
+        fTurn.notify_all();
+    }
+
+private:
+    std::mutex fLock;
+    std::condition_variable fTurn;
+    // Guarded by fLock.
+    std::size_t fCount;  // 0 once the work has ended early
+    std::size_t fTaken = 0;
+    std::size_t fEnded = 0;
+};
+
 }  // namespace
 
 void threadOptions::addTo(CLI::App& command) {
     command
-        .add_option("-T,--threads", wanted, "Threads that compress or inflate; 0, as without it, is one for each core")
+        .add_option("-T,--threads", wanted,
+                    "Threads at work in all; 1 starts none beside the first. 0, as without it, is one for each core")
         ->check(CLI::Range(0, kMostThreads));
 }
 
 std::int32_t threadOptions::count() const {
     return wanted != 0 ? wanted : std::clamp(cores(), 1, kMostThreads);
-}
-
-std::int32_t threadOptions::besideThisOne() const {
-    return std::clamp(count(), 1, std::max(1, cores() - 1));
 }
 
 void runOnThreads(std::int32_t threads, const std::function<void()>& work) {
@@ -40,4 +72,21 @@ void runOnThreads(std::int32_t threads, const std::function<void()>& work) {
     }
     work();
     for (std::future<void>& other : others) other.get();
+}
+
+void runInOrder(std::int32_t threads, std::size_t count, const std::function<orderedWorker()>& makeWorker) {
+    turns order(count);
+    runOnThreads(threads, [&] {
+        try {
+            const orderedWorker worker = makeWorker();
+            while (const auto number = order.take()) {
+                const orderedEnd end = worker(*number);
+                if (!order.await(*number)) return;
+                order.pass(end());
+            }
+        } catch (...) {
+            order.pass(false);
+            throw;
+        }
+    });
 }

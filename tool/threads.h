@@ -1,6 +1,7 @@
-// The threads that a verb works with beside its own: -T N.
+// The threads that a verb works with, its own included: -T N.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 
@@ -13,11 +14,18 @@ struct threadOptions {
 
     void addTo(CLI::App& command);
     std::int32_t count() const;
-    // For setThreadCount. This thread compresses and inflates too, so with as many as there are cores it would only be
-    // in their way.
-    std::int32_t besideThisOne() const;
+    // For setThreadCount.
+    std::int32_t besideThisOne() const { return count() - 1; }
 };
 
 // Runs `work` on this thread and on `threads - 1` more at once, or on as many as can be started. Throws the first
 // failure once all have ended.
 void runOnThreads(std::int32_t threads, const std::function<void()>& work);
+
+// Work in `count` numbered pieces, of which each thread takes the next one that nobody has. `makeWorker` gives what a
+// thread does with a number: the first half of the work, beside all others. What comes back is its second half, which
+// runs in its turn, when those of all smaller numbers have; false ends the work. So does what anything throws, which is
+// thrown once all threads have ended.
+using orderedEnd = std::function<bool()>;
+using orderedWorker = std::function<orderedEnd(std::size_t number)>;
+void runInOrder(std::int32_t threads, std::size_t count, const std::function<orderedWorker()>& makeWorker);

@@ -49,9 +49,9 @@ public:
     int run() {
         const locatedPart located = locatePart(fOptions.part);
         noteFound("verify", fOptions.part, located);
-        orva::finishedPart part(fOptions.part.file, located.part);
+        orva::finishedPart part(located.file, located.part);
         progress bar(fOptions.progress, "verify", part.dataSize());
-        const findings found{badBlocks(located, part.blockCount(), bar), indexError(part)};
+        const findings found{badBlocks(part, bar), indexError(part)};
         bar.finish(shownName(fOptions.part.file) + ": " + counted(part.blockCount(), "block") + ", " +
                    humanSize(static_cast<double>(part.dataSize())) + " of rows, " + verdict(found));
         print(part, found);
@@ -83,13 +83,14 @@ private:
         return {};
     }
 
-    // Each thread looks at the file for itself and takes the next block that nobody has taken.
-    std::vector<badBlock> badBlocks(const locatedPart& located, std::uint32_t blocks, progress& bar) const {
+    // Each thread takes the next block that nobody has taken.
+    std::vector<badBlock> badBlocks(const orva::finishedPart& whole, progress& bar) const {
+        const std::uint32_t blocks = whole.blockCount();
         std::atomic<std::uint32_t> next{0};
         std::vector<badBlock> bad;
         std::mutex lock;  // guards bad and bar
         const auto work = [&] {
-            orva::finishedPart part(fOptions.part.file, located.part);
+            orva::finishedPart part(whole);
             for (std::uint32_t number = next++; number < blocks; number = next++) {
                 const std::string error = errorOf(part, number);
                 const std::lock_guard guard(lock);

@@ -39,6 +39,10 @@ std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int
 std::optional<foundPart> findPart(const std::string& name, std::int64_t from) {
     ORVA_File file;
     openOrThrow(file, name, "rb", kReadFailed);
+    return findPart(file, from);
+}
+
+std::optional<foundPart> findPart(ORVA_File& file, std::int64_t from) {
     fileWindow window(file);
     std::optional<foundPart> best;
     window.find(from, window.fileSize(), kHeadingSize,
@@ -55,79 +59,110 @@ std::optional<foundPart> findPart(const std::string& name, std::int64_t from) {
     return best;
 }
 
-struct finishedPart::state {
-    state(const std::string& name, foundPart part) : bSwapped(part.swapped) {
-        openOrThrow(fFile, name, "rb", kReadFailed);
-        fHeading = readHeading(fFile, part.row0Pos, bSwapped, "Analyze dictionary part error!");
-        fFileSize = lengthOf(fFile);
-        fIndex = readRecords(fFile, fHeading, bSwapped);
-    }
+namespace {
 
-    readRoad road() {
-        if (!fCompressed) fCompressed = blockBuffer(kBlockSize);
-        return {fFile, fCodec, fCompressed.get()};
-    }
-    blockPlace placeOf(std::uint32_t number) const { return orva::placeOf(fIndex.records, number, fFileSize); }
+std::shared_ptr<ORVA_File> openForReading(const std::string& name) {
+    auto file = std::make_shared<ORVA_File>();
+    openOrThrow(*file, name, "rb", kReadFailed);
+    return file;
+}
 
-    ORVA_File fFile;
-    std::int64_t fFileSize = 0;
-    compressionHeading fHeading{};
+}  // namespace
+
+// What copies share, read only.
+struct finishedPart::content {
+    content(const std::shared_ptr<ORVA_File>& file, foundPart part)
+        : fFile(file),
+          bSwapped(part.swapped),
+          fHeading(readHeading(*file, part.row0Pos, bSwapped, "Analyze dictionary part error!")),
+          fFileSize(lengthOf(*file)),
+          fIndex(readRecords(*file, fHeading, bSwapped)) {}
+
+    const std::shared_ptr<ORVA_File> fFile;
     const bool bSwapped;
-    indexContent fIndex;
-    zlibCompressBlock fCodec;
-    blockBuffer fCompressed;
-    blockBuffer fRows;
+    const compressionHeading fHeading;
+    const std::int64_t fFileSize;
+    const indexContent fIndex;
 };
 
-finishedPart::finishedPart(const std::string& name, foundPart part) : fState(new state(name, part)) {}
+struct finishedPart::memory {
+    zlibCompressBlock codec;
+    blockBuffer compressed;
+    blockBuffer rows;
+};
+
+finishedPart::finishedPart(const std::string& name, foundPart part) : finishedPart(openForReading(name), part) {}
+finishedPart::finishedPart(std::shared_ptr<ORVA_File> file, foundPart part)
+    : fContent(std::make_shared<const content>(file, part)), fMemory(new memory) {}
+finishedPart::finishedPart(const finishedPart& other) : fContent(other.fContent), fMemory(new memory) {}
 finishedPart::~finishedPart() = default;
 
 const compressionHeading& finishedPart::heading() const {
-    return fState->fHeading;
+    return fContent->fHeading;
 }
 bool finishedPart::swapped() const {
-    return fState->bSwapped;
+    return fContent->bSwapped;
 }
 std::int64_t finishedPart::fileSize() const {
-    return fState->fFileSize;
+    return fContent->fFileSize;
 }
 std::uint32_t finishedPart::blockSize() const {
-    return fState->fIndex.blockSize;
+    return fContent->fIndex.blockSize;
 }
 std::uint32_t finishedPart::blockCount() const {
-    return static_cast<std::uint32_t>(fState->fIndex.records.size());
+    return static_cast<std::uint32_t>(fContent->fIndex.records.size());
 }
 const filePosRecord& finishedPart::block(std::uint32_t number) const {
-    return fState->fIndex.records[number];
+    return fContent->fIndex.records[number];
 }
 
 std::int64_t finishedPart::dataSize() const {
     if (blockCount() == 0) return 0;
-    const filePosRecord& last = fState->fIndex.records.back();
-    return last.orginalPos + last.orginalSize - fState->fHeading._caseStartPos;
+    const filePosRecord& last = fContent->fIndex.records.back();
+    return last.orginalPos + last.orginalSize - fContent->fHeading._caseStartPos;
 }
 
 void finishedPart::verifyIndex() {
-    checkContiguous(fState->fFile, fState->fHeading, fState->fIndex.records.data(), blockCount());
+    checkContiguous(file(), heading(), fContent->fIndex.records.data(), blockCount());
+}
+
+// Damage that another process's append explains is told as that.
+template <class Read>
+auto finishedPart::reading(std::uint32_t number, Read read) {
+    if (!fMemory->compressed) fMemory->compressed = blockBuffer(kBlockSize);
+    const auto& records = fContent->fIndex.records;
+    try {
+        return read(readRoad{file(), fMemory->codec, fMemory->compressed.get()},
+                    placeOf(records, number, fContent->fFileSize));
+    } catch (const DamagedFileError& damage) {
+        if (changedSince(file(), heading(), swapped(), records)) throw FileChangedError(damage);
+        throw;
+    }
 }
 
 const unsigned char* finishedPart::compressedBlock(std::uint32_t number) {
-    const readRoad road = fState->road();
-    readCompressed(road, fState->placeOf(number));
-    return road.compressed;
+    return reading(number, [](const readRoad& road, const blockPlace& block) {
+        readCompressed(road, block);
+        return road.compressed;
+    });
 }
 
 void finishedPart::verifyBlock(std::uint32_t number) {
-    if (!fState->fRows) fState->fRows = blockBuffer(kBlockSize);
-    readBlock(number, fState->fRows.get());
+    rowsOf(number);
 }
 
 void finishedPart::readBlock(std::uint32_t number, unsigned char* rows) {
-    orva::readBlock(fState->road(), fState->placeOf(number), rows);
+    reading(number, [&](const readRoad& road, const blockPlace& block) { return orva::readBlock(road, block, rows); });
+}
+
+const unsigned char* finishedPart::rowsOf(std::uint32_t number) {
+    if (!fMemory->rows) fMemory->rows = blockBuffer(kBlockSize);
+    readBlock(number, fMemory->rows.get());
+    return fMemory->rows.get();
 }
 
 ORVA_File& finishedPart::file() {
-    return fState->fFile;
+    return *fContent->fFile;
 }
 
 }  // namespace orva

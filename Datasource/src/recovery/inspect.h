@@ -1,10 +1,12 @@
 // Looking into files with a compressed part without being their host: find the part, read its index, verify its blocks.
 //
 // Units:   bytes; logical positions begin at the row-0 position.
-// Owner:   a finishedPart owns its file, opened for reading, its index, and two blocks of memory once it verifies.
-// Threads: findPart has no state. A finishedPart is used by one thread at a time; each further thread makes its own.
+// Owner:   a finishedPart shares its open file and its index with its copies, and has a block of memory of its own once
+//          it reads blocks, and a second one for their rows.
+// Threads: findPart has no state. A finishedPart is used by one thread at a time; each further thread takes a copy.
 // Failure: FileError from the disk, also when a file cannot be opened (1003; 1002 for what is written to);
-//          DamagedFileError for bytes that cannot be true.
+//          DamagedFileError for bytes that cannot be true, FileChangedError where heading or index have been written
+//          since a finishedPart read them.
 #pragma once
 
 #include <orva/compressedLayout.h>
@@ -30,10 +32,15 @@ struct foundPart {
 // that points to where an index could have stood, so that opening it tells what is wrong; else nothing. Looks from the
 // file offset `from` on, and reads the file from there to the heading.
 ORVA_API std::optional<foundPart> findPart(const std::string& name, std::int64_t from = 1);
+ORVA_API std::optional<foundPart> findPart(ORVA_File& file, std::int64_t from = 1);
 
 class ORVA_API finishedPart {
 public:
     finishedPart(const std::string& name, foundPart part);
+    // In a file that is open for reading.
+    finishedPart(std::shared_ptr<ORVA_File> file, foundPart part);
+    finishedPart(const finishedPart& other);
+    finishedPart& operator=(const finishedPart&) = delete;
     ~finishedPart();
 
     const compressionHeading& heading() const;
@@ -58,12 +65,19 @@ public:
     void verifyBlock(std::uint32_t number);
     // The same, and leaves the block's rows in `rows`, which has room for kBlockSize bytes.
     void readBlock(std::uint32_t number, unsigned char* rows);
+    // The block's rows in memory of this object, as many as its record says, until the next call.
+    const unsigned char* rowsOf(std::uint32_t number);
     // For what copies blocks as they stand in it.
     ORVA_LOCAL ORVA_File& file();
 
 private:
-    struct state;
-    std::unique_ptr<state> fState;
+    struct ORVA_LOCAL content;
+    struct ORVA_LOCAL memory;
+    template <class Read>
+    ORVA_LOCAL auto reading(std::uint32_t number, Read read);
+
+    const std::shared_ptr<const content> fContent;
+    const std::unique_ptr<memory> fMemory;
 };
 
 struct recoverOptions {
