@@ -25,17 +25,20 @@ void waitFor(int descriptor, short event) {
     if (wanted[1].revents != 0) throwIfEndAsked();
 }
 
-// Moves `count` bytes by `transfer(bytes done, bytes left)` until they are done or it gives 0 or an error.
+// Moves `count` bytes by `transfer(bytes done, bytes left)` until they are done or it gives 0 or an error. Only who
+// reads has to hear of a signal while it waits, so nothing else asks before it tries.
 template <class Transfer>
 int moved(int descriptor, short event, unsigned int count, Transfer transfer) {
     unsigned int done = 0;
     while (done < count) {
-        waitFor(descriptor, event);
+        if (event == POLLIN) waitFor(descriptor, event);
         const ssize_t size = transfer(done, count - done);
         if (size == 0) break;
         if (size > 0) {
             done += static_cast<unsigned int>(size);
-        } else if (errno != EINTR && errno != EAGAIN) {
+        } else if (errno == EAGAIN) {
+            waitFor(descriptor, event);
+        } else if (errno != EINTR) {
             return -1;
         }
     }

@@ -1,0 +1,107 @@
+// A thousand bytes from anywhere: a stream of rows against htslib's bgzf, whose blocks are of 64 KiB, and against what
+// it cannot do without, one read of the block's bytes and one inflate.
+#include "benchData.h"
+#include "paired.h"
+
+#include <orva/orva.h>
+
+#include <htslib/bgzf.h>
+
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t kRows = std::size_t{64} << 20;
+constexpr std::uint32_t kRowSize = 1000;
+constexpr int kLookUps = 40;
+
+std::vector<std::int64_t> places() {
+    std::mt19937_64 random(7);
+    std::vector<std::int64_t> list(kLookUps);
+    for (std::int64_t& place : list) place = static_cast<std::int64_t>(random() % (kRows - kRowSize));
+    return list;
+}
+
+// One file of the rows in each format, made once.
+struct Files {
+    Files() {
+        const bench::Bytes rows = bench::surveyRows(kRows);
+        ORVA_FileStream dictionary(scratch.made("rows.orva", {'d'}).c_str(), "r+b");
+        zcmpsFilestr writer(dictionary);
+        writer.setRow0Pos(1);
+        writer.Seek(1, ORVA_StrBaseIO::SeekFromStart);
+        writer.Write(rows.data(), static_cast<std::uint32_t>(rows.size()));
+        writer.Close();
+        BGZF* const bgzf = bgzf_open(bgzfName.c_str(), "w1");
+        bench::require(bgzf != nullptr && bgzf_index_build_init(bgzf) == 0, "bgzf_open");
+        bench::require(bgzf_write(bgzf, rows.data(), rows.size()) == static_cast<ssize_t>(rows.size()), "bgzf_write");
+        bench::require(bgzf_index_dump(bgzf, bgzfName.c_str(), ".gzi") == 0 && bgzf_close(bgzf) == 0, "bgzf_close");
+    }
+
+    bench::Scratch scratch;
+    const std::string name = scratch.path("rows.orva");
+    const std::string bgzfName = scratch.path("rows.gz");
+};
+
+const Files& files() {
+    static const Files made;
+    return made;
+}
+
+bench::Road stream() {
+    auto source = std::make_shared<ORVA_FileStream>(files().name.c_str(), "rb");
+    auto reader = std::make_shared<zcmpsFilestr>(*source);
+    reader->readFilePosInfo(1, false);
+    return [reader, source, row = std::vector<char>(kRowSize), at = places()]() mutable {
+        return bench::threadSeconds([&] {
+            for (const std::int64_t place : at) {
+                reader->Seek(1 + place, ORVA_StrBaseIO::SeekFromStart);
+                bench::require(reader->Read(row.data(), kRowSize) == kRowSize, "Read");
+            }
+        });
+    };
+}
+
+bench::Road bgzf() {
+    const std::shared_ptr<BGZF> file(bgzf_open(files().bgzfName.c_str(), "r"), bgzf_close);
+    bench::require(file != nullptr && bgzf_index_load(file.get(), files().bgzfName.c_str(), ".gzi") == 0, "bgzf_open");
+    return [file, row = std::vector<char>(kRowSize), at = places()]() mutable {
+        return bench::threadSeconds([&] {
+            for (const std::int64_t place : at) {
+                bench::require(bgzf_useek(file.get(), place, SEEK_SET) == 0, "bgzf_useek");
+                bench::require(bgzf_read(file.get(), row.data(), kRowSize) == kRowSize, "bgzf_read");
+            }
+        });
+    };
+}
+
+bench::Road oneInflate() {
+    auto part = std::make_shared<orva::finishedPart>(files().name, orva::foundPart{1, false});
+    return [part, rows = std::vector<unsigned char>(kBlockSize), at = places()]() mutable {
+        return bench::threadSeconds([&] {
+            zlibCompressBlock codec;
+            for (const std::int64_t place : at) {
+                const auto number = static_cast<std::uint32_t>(place / kBlockSize);
+                const auto size = static_cast<std::uint32_t>(part->block(number).translateSize);
+                bench::require(codec.inflateWhole(part->compressedBlock(number), size, rows.data(), kBlockSize).end ==
+                                   blockOutcome::complete,
+                               "inflate");
+            }
+        });
+    };
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bench::add("random row of 1000 bytes, blocks of 4 MiB / bgzf", bench::noGoal(), [] {
+        return bench::Pair{bgzf(), stream(), kLookUps};
+    });
+    bench::add("random row of 1000 bytes, blocks of 4 MiB / a read and one inflate", bench::timeAtMost(1.1), [] {
+        return bench::Pair{oneInflate(), stream(), kLookUps};
+    });
+    return bench::run(argc, argv);
+}
