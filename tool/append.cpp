@@ -115,11 +115,13 @@ private:
             rows.Seek(end, ORVA_StrBaseIO::SeekFromStart);
             rows.setSafeAppend(!fOptions.noSync);
             rows.setFileToAppend(end, part.swapped);
-            for (; count != 0; count = from.read(fBuffer->bytes, kPiece)) {
-                rows.Write(fBuffer->bytes, count);
-                fRowBytes += count;
-                bar.advance(count);
-            }
+            const auto passed = [&](std::int64_t size) {
+                fRowBytes += size;
+                bar.advance(size);
+            };
+            rows.Write(fBuffer->bytes, count);
+            passed(count);
+            from.readInto(rows, fOptions.threads.count() > 1, passed);
             throwIfEndAsked();
             rows.Close();
         } catch (const FileError& e) {

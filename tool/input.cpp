@@ -1,10 +1,13 @@
 #include "input.h"
 
 #include "failure.h"
+#include "signals.h"
 #include "system.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
+#include <mutex>
 
 namespace fs = std::filesystem;
 
@@ -28,7 +31,36 @@ input::~input() {
 std::uint32_t input::read(void* buffer, std::uint32_t size) {
     const int count = readWaiting(fDescriptor, buffer, size);
     if (count < 0) throwReadFailed(fName);
+    fPlace += count;
     return static_cast<std::uint32_t>(count);
+}
+
+void input::readAt(std::int64_t offset, std::span<unsigned char> to) const {
+    throwIfEndAsked();
+    const int count = platform::readAt(fDescriptor, to.data(), static_cast<unsigned int>(to.size()), offset);
+    if (count < 0) throwReadFailed(fName);
+    if (static_cast<std::size_t>(count) == to.size()) return;
+    throw toolFailure(kInputUnreadable, fName, "changed while it was read: try again");
+}
+
+// What has been added to a file since its size was asked is read on the second road.
+void input::readInto(zcmpsFilestr& rows, bool threads, const std::function<void(std::int64_t)>& passed) {
+    const std::int64_t begin = fPlace;
+    if (const auto size = knownSize(fName); threads && size.value_or(0) > begin) {
+        std::mutex lock;  // guards what `passed` changes
+        const auto source = [&](std::int64_t offset, std::span<unsigned char> to) {
+            readAt(begin + offset, to);
+            const std::lock_guard guard(lock);
+            passed(static_cast<std::int64_t>(to.size()));
+        };
+        rows.writeFrom(source, *size - begin);
+        fPlace = platform::_lseeki64(fDescriptor, *size, SEEK_SET);
+    }
+    for (std::span<unsigned char> room = rows.room();
+         const std::uint32_t count = read(room.data(), static_cast<std::uint32_t>(room.size())); room = rows.room()) {
+        rows.wrote(count);
+        passed(count);
+    }
 }
 
 void checkReadable(const std::string& name) {

@@ -6,11 +6,12 @@
 #include <orva/orva.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <span>
 #include <string>
 
-// Rows on their way through the tool. A piece is small enough to stay in a core's cache between the copy in and the
-// copy out. It divides a block, so that all rows before a damaged one are written.
+// Bytes on their way through the tool where no stream lends memory for them.
 constexpr std::int64_t kPiece = kBlockSize / 16;
 struct transferBuffer {
     alignas(kBufferAlignment) unsigned char bytes[kPiece];
@@ -32,10 +33,16 @@ public:
 
     // Fewer bytes than asked: the end.
     std::uint32_t read(void* buffer, std::uint32_t size);
+    // All that is left goes behind the rows of the writer, read into its memory, a regular file's by as many threads as
+    // the writer has. `passed` is told of bytes on their way, on one thread at a time.
+    void readInto(zcmpsFilestr& rows, bool threads, const std::function<void(std::int64_t)>& passed);
 
 private:
+    void readAt(std::int64_t offset, std::span<unsigned char> to) const;
+
     const std::string fName;
     const int fDescriptor;
+    std::int64_t fPlace = 0;  // behind what was read
 };
 
 // Throws what opening the file for reading would meet, before anything is begun. A pipe is not opened: that would

@@ -132,11 +132,10 @@ private:
 
     void copyRows(const std::string& name, zcmpsFilestr& rows, progress& bar) {
         input from(name);
-        while (const std::uint32_t count = from.read(fBuffer->bytes, kPiece)) {
-            rows.Write(fBuffer->bytes, count);
+        from.readInto(rows, fOptions.threads.count() > 1, [&](std::int64_t count) {
             fRowBytes += count;
             bar.advance(count);
-        }
+        });
     }
 
     packOptions fOptions;
