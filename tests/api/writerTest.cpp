@@ -284,7 +284,7 @@ TEST_F(Writer, AnyFailingCallLeavesAllOrNothing) {
             std::string thrown;
             std::uint64_t calls = 0;
             {
-                support::CallHook hook([&](support::Call, std::int64_t, std::uint64_t number) {
+                support::CallHook hook([&](const support::Step&, std::uint64_t number) {
                     return number == failing ? support::Verdict::fail(ENOSPC) : support::Verdict::goOn();
                 });
                 thrown = thrownBy([&] {

@@ -3,7 +3,7 @@
 #include "api/shownPart.h"
 #include "api/translated.h"
 #include "base/blockBuffer.h"
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
 #include "format/indexTransfer.h"

@@ -1,7 +1,7 @@
 #include "api/openedFile.h"
 
 #include "api/translated.h"
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 
 #include <orva/platform.h>

@@ -1,6 +1,6 @@
 #include "api/pendingFile.h"
 
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 
 #include <orva/platformOwner.h>

@@ -2,7 +2,7 @@
 #include "api/pendingFile.h"
 #include "api/shownPart.h"
 #include "api/translated.h"
-#include "file/fileCodes.h"
+#include "base/fileError.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
 #include "part/partWriter.h"

@@ -108,7 +108,7 @@ void partWriter::write(const unsigned char* rows, std::uint64_t size) {
 void partWriter::writeFrom(const rowSource& source, std::int64_t size) {
     guarded([&] {
         for (std::int64_t done = 0; done < size;) {
-            std::int64_t count = fBlockLength;
+            std::int64_t count = fChosen.blockLength;
             if (size - done < count || !sendFrom(source, done)) {
                 const std::span<unsigned char> to = room();
                 count = std::min<std::int64_t>(std::ssize(to), size - done);
@@ -158,8 +158,9 @@ void partWriter::send(const unsigned char* rows, std::uint32_t size) {
 // A whole block, if the sink has threads that get its rows. Not the first one of a part: nothing of a former life may
 // go before there are rows.
 bool partWriter::sendFrom(const rowSource& source, std::int64_t offset) {
-    if (bNewPart || availBuffSize != fBlockLength || !fSink->putFrom(source, offset, fBlockLength)) return false;
-    sent(fBlockLength);
+    if (bNewPart || availBuffSize != fChosen.blockLength || !fSink->putFrom(source, offset, fChosen.blockLength))
+        return false;
+    sent(fChosen.blockLength);
     return true;
 }
 
