@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -375,6 +376,17 @@ int truncateFile(int descriptor, std::int64_t length) noexcept {
 
 void setErrno(int error) noexcept {
     errno = error;
+}
+
+void preferHugePages(void* memory, std::size_t size) noexcept {
+#ifdef MADV_HUGEPAGE
+    const int error = errno;
+    ::madvise(memory, size, MADV_HUGEPAGE);
+    errno = error;
+#else
+    static_cast<void>(memory);
+    static_cast<void>(size);
+#endif
 }
 
 std::int64_t processId() noexcept {

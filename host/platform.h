@@ -13,6 +13,7 @@
 
 #include <orva/hostApi.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace platform {
@@ -118,6 +119,10 @@ ORVA_HOST_API std::int64_t copyRange(int from, std::int64_t fromOffset, int to, 
                                      std::int64_t count) noexcept;
 
 ORVA_HOST_API void setErrno(int error) noexcept;
+
+// Memory that is going to be touched throughout, from a multiple of the huge page's size on, may stand on huge pages. A
+// hint: nothing happens where the system has none, or none left. errno stays.
+ORVA_HOST_API void preferHugePages(void* memory, std::size_t size) noexcept;
 
 // Asks the system each time: a remembered number would be wrong after a fork, which is what callers ask about.
 ORVA_HOST_API std::int64_t processId() noexcept;

@@ -1,5 +1,5 @@
 // The numbered rules of the workers, by their numbers (H, R, T, M and A in zcmpsPreIOThread.h, readAheadSlot.h and
-// zcmpsMultiThread.h), and their starts and stops. H2, H4 and M3 are told in faultTest.cpp.
+// zcmpsMultiThread.h), and their starts and stops. H2, H4 and M3 are told in faultTest.cpp, M6 in compressedTest.cpp.
 #include "coreTest.h"
 #include "format/indexTransfer.h"
 #include "part/zcmpsMultiThread.h"

@@ -38,7 +38,7 @@ const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number) {
         const slot* held = find(number);
         if (held == nullptr) return nullptr;
         if (held->is == state::ready) return held->rows.get();
-        if (!makeNext(lock)) await(lock);
+        if (!makeNext(lock, true)) await(lock);
     }
 }
 
@@ -72,12 +72,12 @@ PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::freeSlot() {
 
 std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
     guard lock = locked();
-    while (!bStop && !makeNext(lock)) wait(lock);
+    while (!bStop && !makeNext(lock, false)) wait(lock);
     return bStop ? 1 : 0;
 }
 
 // Any thread's step, the caller's too. False if nothing is wanted, or there is no slot for it.
-bool PreIOThread_Multi_R_D::makeNext(guard& lock) {
+bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
     while (find(fNext) != nullptr) ++fNext;
     if (fNext > fCurrent + fAhead || fNext >= pPosInfo->parsedCount()) return false;
     slot* block = freeSlot();
@@ -87,6 +87,7 @@ bool PreIOThread_Multi_R_D::makeNext(guard& lock) {
     lock.unlock();
     state result = state::ready;
     try {
+        if (block->rows && !byCaller) orva::regain(block->rows.get(), fBlockSize);
         if (!block->rows) block->rows = orva::blockBuffer(fBlockSize);
         makeBlock(block->number, block->compressed, block->rows.get(), true);
     } catch (...) {

@@ -93,6 +93,8 @@ private:
 // A2 Only a sequential run is read ahead, twice as far with each request; after a jump nothing is wanted any more.
 // A3 A failed read-ahead is no read-ahead: the request makes the block itself and meets the failure.
 // A4 The stop request lets running steps finish; nothing waits for what they make.
+// A5 Rows that the caller has read stand in its core's cache. Another thread regains their memory before it inflates
+//    there.
 class PreIOThread_Multi_R_D final : public readingWorker<PreIOThreadSeveral> {
 public:
     PreIOThread_Multi_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize, std::uint32_t threads);
@@ -116,7 +118,7 @@ private:
     void planAhead(std::int64_t number);
     slot* find(std::int64_t number);
     slot* freeSlot();
-    bool makeNext(guard& lock);
+    bool makeNext(guard& lock, bool byCaller);
     void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest, bool ahead);
 
     ORVA_File* const pFile;

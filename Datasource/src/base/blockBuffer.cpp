@@ -1,0 +1,55 @@
+#include "base/blockBuffer.h"
+
+#include <orva/platform.h>
+
+#include <new>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace orva {
+
+namespace {
+
+// Of x86-64 and of arm64 with small pages of 4 KiB. Where it is another size, the advice helps less.
+constexpr std::size_t kHugePage = std::size_t{2} << 20;
+
+unsigned char* allocate(std::size_t size, std::size_t alignment) {
+    return static_cast<unsigned char*>(::operator new (size, std::align_val_t{alignment}));
+}
+
+}  // namespace
+
+void blockBuffer::release::operator()(unsigned char* bytes) const {
+    ::operator delete (bytes, std::align_val_t{alignment});
+}
+
+// Alignment costs address space, which may be limited, so it is given up first.
+blockBuffer::blockBuffer(std::size_t size) {
+    if (size >= kHugePage) {
+        const std::size_t whole = (size + kHugePage - 1) / kHugePage * kHugePage;
+        try {
+            fBytes = {allocate(whole, kHugePage), {kHugePage}};
+            platform::preferHugePages(fBytes.get(), whole);
+            return;
+        } catch (const std::bad_alloc&) {
+        }
+    }
+    fBytes = {allocate(size, kBufferAlignment), {}};
+}
+
+void regain(unsigned char* bytes, std::size_t size) {
+#ifdef __SSE2__
+    const __m128i none = _mm_setzero_si128();
+    for (std::size_t at = 0; at + sizeof none <= size; at += sizeof none) {
+        _mm_stream_si128(reinterpret_cast<__m128i*>(bytes + at), none);
+    }
+    _mm_sfence();
+#else
+    static_cast<void>(bytes);
+    static_cast<void>(size);
+#endif
+}
+
+}  // namespace orva
