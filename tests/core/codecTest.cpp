@@ -1,5 +1,6 @@
 // The two block codecs: what comes back for whole, damaged, cut and misused blocks.
 #include "coreTest.h"
+#include "format/blockTransfer.h"
 #include "support/secondReader.h"
 
 #include <orva/lz4Compress.h>
@@ -99,6 +100,32 @@ TEST(ZlibCodec, TellsHowTheStreamEnded) {
         fullLength += outcome.produced == 3'000;
     }
     EXPECT_GT(fullLength, 300) << "the length alone tells too often for this test to show anything";
+}
+
+// Blocks of noise are stored without trying; what is noise in part only loses at most a hundredth of its ratio.
+TEST(ZlibCodec, NoiseInPartCostsNoRatio) {
+    const struct {
+        const char* name;
+        std::size_t begin, count, every;  // of each so many bytes behind `begin`, up to `count`, the first repeats
+    } cases[] = {
+        {"AllNoise", 0, 0, 1},
+        {"AHundredthAndAHalfAtSomePlace", 1'234'567, kBlock / 64, 1},
+        {"HalfOfIt", kBlock / 2, kBlock / 2, 1},
+        {"AByteOfEight", 0, kBlock, 8},
+        {"AByteOfThirty", 0, kBlock, 30},
+        {"AllButTheBeginning", 3'000'000, kBlock - 3'000'000, 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Bytes block = kNoise;
+        for (std::size_t i = 0; i < c.count; i += c.every) block[c.begin + i] = 7;
+        Bytes scratch(orva::deflateRoom());
+        zlibCompressBlock codec;
+        const orva::deflatedBlock made = orva::deflateBlock(codec, 1, block.data(), kBlock, scratch.data());
+        EXPECT_LE(static_cast<double>(made.length + made.secondLength),
+                  1.01 * static_cast<double>(deflated(block).size()));
+        EXPECT_TRUE(c.count != 0 || made.secondRows == kBlock / 2);
+    }
 }
 
 TEST(Lz4Codec, CompressesByLevelAndReportsWhatDoesNotFit) {

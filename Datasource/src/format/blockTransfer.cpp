@@ -105,12 +105,17 @@ std::uint32_t deflateRoom(std::uint32_t size) {
 deflatedBlock deflateBlock(zlibCompressBlock& codec, std::int32_t level, const unsigned char* block, std::uint32_t size,
                            unsigned char* scratch) {
     const auto roomFor = &zlibCompressBlock::compressRoom;
-    const std::uint32_t whole = wholeStream(codec.deflateWhole(block, size, scratch, roomFor(size), level));
-    if (whole <= kBlockSize) return {size, whole, 0, 0};
-    const std::uint32_t half = size / 2;
     const auto store = [&](const unsigned char* rows, std::uint32_t count, unsigned char* to) {
         return wholeStream(codec.storeWhole(rows, count, to, roomFor(count)));
     };
+    const bool noise =
+        level == zlibCompressBlock::kFastestLevel && zlibCompressBlock::looksLikeNoise(block, size, scratch);
+    if (noise && roomFor(size) <= kBlockSize) return {size, store(block, size, scratch), 0, 0};
+    if (!noise) {
+        const std::uint32_t whole = wholeStream(codec.deflateWhole(block, size, scratch, roomFor(size), level));
+        if (whole <= kBlockSize) return {size, whole, 0, 0};
+    }
+    const std::uint32_t half = size / 2;
     const std::uint32_t first = store(block, half, scratch);
     const std::uint32_t second = store(block + half, size - half, scratch + first);
     return {half, first, size - half, second};

@@ -4,6 +4,7 @@
 #include <libdeflate.h>
 
 #include <algorithm>
+#include <bit>
 #include <memory>
 #include <new>
 
@@ -53,6 +54,30 @@ std::optional<fastResult> byLibdeflate(std::int32_t level, const unsigned char* 
     return fastResult{static_cast<std::uint32_t>(produced), size};
 }
 
+// A hundredth of a block that is no noise meets a sample, so what lies between them wins less.
+constexpr std::uint32_t kSample = 256;
+constexpr std::uint32_t kSamples = 128;
+// Of 256 random bytes 162 are different ones, give or take 6. Rows have far fewer, and are told by their first sample.
+constexpr int kValuesOfNoise = 128;
+
+bool hasManyValues(const unsigned char* sample) {
+    std::uint64_t seen[4] = {};
+    for (std::uint32_t i = 0; i < kSample; ++i) seen[sample[i] / 64] |= std::uint64_t{1} << sample[i] % 64;
+    int values = 0;
+    for (const std::uint64_t some : seen) values += std::popcount(some);
+    return values >= kValuesOfNoise;
+}
+
+// Bytes of many values can be rare in their frequencies, or repeat what stands up to a window before: deflating some of
+// them shows it.
+constexpr std::uint32_t kTrial = 36 * 1'024;
+constexpr std::uint32_t kTrialStep = 512 * 1'024;
+
+bool shrinks(const unsigned char* from, std::uint32_t size, unsigned char* scratch) {
+    const auto result = fastDeflate(1, from, size, scratch, fastDeflateRoom(size));
+    return !result || result->produced < size - size / 200;
+}
+
 constexpr std::uint32_t kStoredBlock = 65'535;
 constexpr std::uint32_t kStoredBlockHead = 5;
 constexpr std::uint32_t kStreamEnds = 2 + 4 + 10;  // zlib's header and checksum, and what closes the last block
@@ -78,6 +103,17 @@ std::optional<fastResult> fastDeflate(std::int32_t level, const unsigned char* f
     stream.avail_out = room;
     if (isal_deflate_stateless(&stream) != COMP_OK || stream.avail_in != 0) return std::nullopt;
     return fastResult{stream.total_out, size};
+}
+
+bool fastSeesNoise(const unsigned char* from, std::uint32_t size, unsigned char* scratch) noexcept {
+    if (size < kTrial) return false;
+    for (std::uint32_t at = 0; at + kSample <= size; at += size / kSamples) {
+        if (!hasManyValues(from + at)) return false;
+    }
+    for (std::uint32_t at = 0; at + kTrial <= size; at += kTrialStep) {
+        if (shrinks(from + at, kTrial, scratch)) return false;
+    }
+    return true;
 }
 
 // What does not shrink is stored, so a stream is never longer than its block stored. libdeflate asks for room for

@@ -78,6 +78,10 @@ void zlibCompressBlock::take(const unsigned char* from, std::uint32_t size, unsi
     outCount = room;
 }
 
+bool zlibCompressBlock::looksLikeNoise(const unsigned char* from, std::uint32_t size, unsigned char* scratch) {
+    return orva::fastSeesNoise(from, size, scratch);
+}
+
 std::uint32_t zlibCompressBlock::compressRoom(std::uint32_t size) {
     return std::max(static_cast<std::uint32_t>(compressBound(size)), orva::fastDeflateRoom(size));
 }

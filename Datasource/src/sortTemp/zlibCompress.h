@@ -47,6 +47,8 @@ public:
     // As deflateWhole, for bytes that are known not to shrink: with the fast engines no time goes into trying again.
     ORVA_LOCAL blockOutcome storeWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                        std::uint32_t room);
+    // storeWhole is as good as deflateWhole for these bytes, by samples. `scratch` has compressRoom(size) bytes.
+    ORVA_LOCAL static bool looksLikeNoise(const unsigned char* from, std::uint32_t size, unsigned char* scratch);
     // Room in which deflateWhole always ends, at any level, for a block of `size` bytes.
     ORVA_LOCAL static std::uint32_t compressRoom(std::uint32_t size);
 
