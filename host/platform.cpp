@@ -14,6 +14,7 @@
 #include <climits>
 #include <cstdio>
 #include <filesystem>
+#include <mutex>
 #include <string>
 
 static_assert(sizeof(off_t) == 8, "files past 2 GiB need 64-bit offsets");
@@ -30,9 +31,13 @@ constexpr unsigned int kPiece = 0x7ffff000;
 // In place of an offset: where the descriptor stands.
 constexpr std::int64_t kOwnPlace = -1;
 
+std::mutex gForkLock;
 std::atomic<std::uint32_t> gForks{0};
-[[maybe_unused]] const int gForksAreCounted =
-    ::pthread_atfork(nullptr, nullptr, [] { gForks.fetch_add(1, std::memory_order_relaxed); });
+[[maybe_unused]] const int gForksAreWatched = ::pthread_atfork([] { gForkLock.lock(); }, [] { gForkLock.unlock(); },
+                                                               [] {
+                                                                   gForks.fetch_add(1, std::memory_order_relaxed);
+                                                                   gForkLock.unlock();
+                                                               });
 
 #ifdef ORVA_FAULT_SEAM
 std::atomic<faults::Hook*> gHook{nullptr};
@@ -391,6 +396,13 @@ void preferHugePages(void* memory, std::size_t size) noexcept {
 
 std::int64_t processId() noexcept {
     return ::getpid();
+}
+
+noFork::noFork() noexcept {
+    gForkLock.lock();
+}
+noFork::~noFork() {
+    gForkLock.unlock();
 }
 
 std::uint32_t forkCount() noexcept {

@@ -130,4 +130,14 @@ ORVA_HOST_API std::int64_t processId() noexcept;
 // Another number in a forked child than in its parent. Costs nothing, and knows no child but of fork().
 ORVA_HOST_API std::uint32_t forkCount() noexcept;
 
+// Keeps every fork() of the process waiting while it lives: for the few instructions that make something known, since a
+// child gets its copies of descriptors and of memory one after the other, while other threads go on.
+class ORVA_HOST_API noFork {
+public:
+    noFork() noexcept;
+    noFork(const noFork&) = delete;
+    noFork& operator=(const noFork&) = delete;
+    ~noFork();
+};
+
 }  // namespace platform

@@ -8,9 +8,9 @@ namespace orva {
 
 namespace {
 
-class helper final : public CallBackObject {
+class oneMore final : public CallBackObject {
 public:
-    explicit helper(const std::function<void(bool)>& work) : CallBackObject(nullptr), fWork(work) {}
+    explicit oneMore(const std::function<void(bool)>& work) : CallBackObject(nullptr), fWork(work) {}
     int onCallBack(void*) override {
         fWork(false);
         return 0;
@@ -29,7 +29,7 @@ void inThreads(std::uint32_t threads, const std::function<void(bool)>& work) {
     pool.init();
     try {
         pool.startAll();
-        for (int i = 0; i < others; ++i) pool.runCallBack(new helper(work), nullptr, 0);
+        for (int i = 0; i < others; ++i) pool.runCallBack(new oneMore(work), nullptr, 0);
     } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): this thread does all of it
     }
     work(true);

@@ -43,7 +43,7 @@ public:
     void close();
 
 private:
-    class Buffer;
+    class ORVA_LOCAL Buffer;
     std::unique_ptr<Buffer> fBuffer;
 };
 

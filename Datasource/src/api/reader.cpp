@@ -55,6 +55,7 @@ struct Reader::State {
         own& mine = ofProcess();
         {
             const std::lock_guard guard(mine.lock);
+            const platform::noFork whole;  // or a child could know of the part, and have no descriptor of it
             next.reset(fShown.exchange(next.release()));
         }
         mine.shelf.clear();
@@ -85,7 +86,7 @@ private:
         return fOwn.compare_exchange_strong(found, made.get()) ? *made.release() : *found;
     }
 
-    std::atomic<partPtr*> fShown{nullptr};  // leads to a whole one at any instant, also that of a fork
+    std::atomic<partPtr*> fShown{nullptr};  // leads to a whole one at any instant, and stays during a fork
     std::atomic<own*> fOwn{nullptr};
 };
 

@@ -111,7 +111,7 @@ private:
     i64 end_of_block(i64 offset) const;
     const Path& path() const noexcept;
 
-    struct State;
+    struct ORVA_LOCAL State;
     std::shared_ptr<State> fState;
 };
 

@@ -89,10 +89,10 @@ public:
     void finish();
 
 private:
-    struct State;
-    explicit Writer(std::unique_ptr<State> state) noexcept;
+    struct ORVA_LOCAL State;
+    ORVA_LOCAL explicit Writer(std::unique_ptr<State> state) noexcept;
     void write_on(std::span<const std::byte> rows);
-    State& settled();
+    ORVA_LOCAL State& settled();
 
     std::unique_ptr<State> fState;
     std::byte* fNext = nullptr;  // where write() puts rows without a call, in the room of the current block
