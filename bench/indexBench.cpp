@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 namespace {
@@ -43,8 +44,8 @@ std::shared_ptr<Index> made(std::int64_t row0, NextSize nextSize) {
     return index;
 }
 
-std::shared_ptr<Index> regular() {
-    return made(1'000, [] { return static_cast<std::int32_t>(kBlockSize); });
+std::shared_ptr<Index> regular(std::uint32_t length) {
+    return made(1'000, [length] { return static_cast<std::int32_t>(length); });
 }
 
 // Flushed every few rows, behind a dictionary part that no file has: every guess is far off.
@@ -92,14 +93,17 @@ Pair lookUps(const std::shared_ptr<Index>& index, const Positions& where) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    add("index: in order, a million regular blocks / binary search", noGoal(), [] {
-        const auto index = regular();
-        return lookUps(index, inOrder(*index));
-    });
-    add("index: anywhere, a million regular blocks / binary search", noGoal(), [] {
-        const auto index = regular();
-        return lookUps(index, anywhere(*index));
-    });
+    for (const std::uint32_t length : {kBlockSize, 1U << 20, 1U << 18, 1U << 16}) {
+        const std::string blocks = ", a million blocks of " + std::to_string(length) + " / binary search";
+        add("index: in order" + blocks, noGoal(), [=] {
+            const auto index = regular(length);
+            return lookUps(index, inOrder(*index));
+        });
+        add("index: anywhere" + blocks, noGoal(), [=] {
+            const auto index = regular(length);
+            return lookUps(index, anywhere(*index));
+        });
+    }
     add("index: anywhere, a million short blocks, row 0 at a terabyte / binary search", noGoal(), [] {
         const auto index = shortBlocks();
         return lookUps(index, anywhere(*index));

@@ -100,6 +100,7 @@ TEST_F(Faults, H2_H4_M3_ANewFile) {
         std::string heard = s.heard([&] {
             stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(fName.c_str(), "r+b"));
             takeRoad(*stream, road);
+            stream->setCompressionLevel(road == 0 || road == kTwo ? 2 : 1);
             beginRows(*stream);
             isWriter = true;
             writeBlocks(*stream, fBlocks);

@@ -98,6 +98,10 @@ int __wrap_inflateInit_(z_stream* stream, const char* version, int size) {
     return strikes(Fault::Codecs) ? Z_MEM_ERROR : __real_inflateInit_(stream, version, size);
 }
 #if ORVA_FAST_CODEC
+libdeflate_compressor* __real_libdeflate_alloc_compressor(int level);
+libdeflate_compressor* __wrap_libdeflate_alloc_compressor(int level) {
+    return strikes(Fault::Codecs) ? nullptr : __real_libdeflate_alloc_compressor(level);
+}
 libdeflate_decompressor* __real_libdeflate_alloc_decompressor();
 libdeflate_decompressor* __wrap_libdeflate_alloc_decompressor() {
     return strikes(Fault::Codecs) ? nullptr : __real_libdeflate_alloc_decompressor();
