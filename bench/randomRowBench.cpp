@@ -1,5 +1,5 @@
-// A thousand bytes from anywhere: a stream of rows against htslib's bgzf, whose blocks are of 64 KiB, and against what
-// it cannot do without, one read of the block's bytes and one inflate.
+// A thousand bytes from anywhere: a stream of rows in blocks of several lengths against htslib's bgzf, whose blocks are
+// of 64 KiB, and against what it cannot do without, one read of a block's bytes and one inflate.
 #include "benchData.h"
 #include "paired.h"
 
@@ -7,6 +7,7 @@
 
 #include <htslib/bgzf.h>
 
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -25,12 +26,13 @@ std::vector<std::int64_t> places() {
     return list;
 }
 
-// One file of the rows in each format, made once.
+// One file of the rows in each format.
 struct Files {
-    Files() {
+    explicit Files(std::uint32_t blockLength) : length(blockLength) {
         const bench::Bytes rows = bench::surveyRows(kRows);
         ORVA_FileStream dictionary(scratch.made("rows.orva", {'d'}).c_str(), "r+b");
         zcmpsFilestr writer(dictionary);
+        writer.setBlockLength(length);
         writer.setRow0Pos(1);
         writer.Seek(1, ORVA_StrBaseIO::SeekFromStart);
         writer.Write(rows.data(), static_cast<std::uint32_t>(rows.size()));
@@ -41,18 +43,20 @@ struct Files {
         bench::require(bgzf_index_dump(bgzf, bgzfName.c_str(), ".gzi") == 0 && bgzf_close(bgzf) == 0, "bgzf_close");
     }
 
+    const std::uint32_t length;
     bench::Scratch scratch;
     const std::string name = scratch.path("rows.orva");
     const std::string bgzfName = scratch.path("rows.gz");
 };
 
-const Files& files() {
-    static const Files made;
-    return made;
+// Made once.
+const Files& files(std::uint32_t length) {
+    static std::map<std::uint32_t, Files> made;
+    return made.try_emplace(length, length).first->second;
 }
 
-bench::Road stream() {
-    auto source = std::make_shared<ORVA_FileStream>(files().name.c_str(), "rb");
+bench::Road stream(const Files& from) {
+    auto source = std::make_shared<ORVA_FileStream>(from.name.c_str(), "rb");
     auto reader = std::make_shared<zcmpsFilestr>(*source);
     reader->readFilePosInfo(1, false);
     return [reader, source, row = std::vector<char>(kRowSize), at = places()]() mutable {
@@ -65,9 +69,9 @@ bench::Road stream() {
     };
 }
 
-bench::Road bgzf() {
-    const std::shared_ptr<BGZF> file(bgzf_open(files().bgzfName.c_str(), "r"), bgzf_close);
-    bench::require(file != nullptr && bgzf_index_load(file.get(), files().bgzfName.c_str(), ".gzi") == 0, "bgzf_open");
+bench::Road bgzf(const Files& from) {
+    const std::shared_ptr<BGZF> file(bgzf_open(from.bgzfName.c_str(), "r"), bgzf_close);
+    bench::require(file != nullptr && bgzf_index_load(file.get(), from.bgzfName.c_str(), ".gzi") == 0, "bgzf_open");
     return [file, row = std::vector<char>(kRowSize), at = places()]() mutable {
         return bench::threadSeconds([&] {
             for (const std::int64_t place : at) {
@@ -78,13 +82,13 @@ bench::Road bgzf() {
     };
 }
 
-bench::Road oneInflate() {
-    auto part = std::make_shared<orva::finishedPart>(files().name, orva::foundPart{1, false});
-    return [part, rows = std::vector<unsigned char>(kBlockSize), at = places()]() mutable {
+bench::Road oneInflate(const Files& from) {
+    auto part = std::make_shared<orva::finishedPart>(from.name, orva::foundPart{1, false});
+    return [part, length = from.length, rows = std::vector<unsigned char>(kBlockSize), at = places()]() mutable {
         return bench::threadSeconds([&] {
             zlibCompressBlock codec;
             for (const std::int64_t place : at) {
-                const auto number = static_cast<std::uint32_t>(place / kBlockSize);
+                const auto number = static_cast<std::uint32_t>(place / length);
                 const auto size = static_cast<std::uint32_t>(part->block(number).translateSize);
                 bench::require(codec.inflateWhole(part->compressedBlock(number), size, rows.data(), kBlockSize).end ==
                                    blockOutcome::complete,
@@ -97,11 +101,15 @@ bench::Road oneInflate() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    bench::add("random row of 1000 bytes, blocks of 4 MiB / bgzf", bench::noGoal(), [] {
-        return bench::Pair{bgzf(), stream(), kLookUps};
-    });
-    bench::add("random row of 1000 bytes, blocks of 4 MiB / a read and one inflate", bench::timeAtMost(1.1), [] {
-        return bench::Pair{oneInflate(), stream(), kLookUps};
-    });
+    for (const std::uint32_t length : {1U << 16, 1U << 18, 1U << 20, kBlockSize}) {
+        const std::string row = "random row of 1000 bytes, blocks of " + std::to_string(length);
+        const bench::Goal besideBgzf = length == 1U << 16 ? bench::timeAtMost(1.0) : bench::noGoal();
+        bench::add(row + " / bgzf", besideBgzf, [=] {
+            return bench::Pair{bgzf(files(length)), stream(files(length)), kLookUps};
+        });
+        bench::add(row + " / a read and one inflate", bench::timeAtMost(1.1), [=] {
+            return bench::Pair{oneInflate(files(length)), stream(files(length)), kLookUps};
+        });
+    }
     return bench::run(argc, argv);
 }
