@@ -115,10 +115,42 @@ struct secondReader {
         if (contiguous) blocksEnd += r.translateSize;
         end = r.orginalPos + r.orginalSize;
         const bool touches = last || end == (&block + 1)->record.orginalPos;
-        if (!fits || !touches || !inside(r.translatePos, r.translateSize)) return;
+        if (!fits || !touches || !stands(&block) || yields(&block, -1) || yields(&block, 1)) return;
         const Inflated made = inflate(file.data() + r.translatePos, static_cast<std::size_t>(r.translateSize));
         const bool asRecorded = std::ssize(made.rows) == r.orginalSize && made.taken == r.translateSize;
         if (made.whole && asRecorded) block.rows = made.rows;
+    }
+
+    // The record that many steps behind, if there is one whose bytes can stand in the file.
+    const filePosRecord* stands(const Block* block, std::ptrdiff_t step = 0) const {
+        const std::ptrdiff_t at = block - blocks.data() + step;
+        if (at < 0 || at >= std::ssize(blocks)) return nullptr;
+        const filePosRecord& r = blocks[static_cast<std::size_t>(at)].record;
+        const bool can =
+            r.translateSize >= 1 && r.translateSize <= kBlockSize && inside(r.translatePos, r.translateSize);
+        return can ? &r : nullptr;
+    }
+    int looseEnds(const Block* block) const {
+        const filePosRecord& r = block->record;
+        const filePosRecord* before = stands(block, -1);
+        const filePosRecord* behind = stands(block, 1);
+        const bool first = block == blocks.data();
+        const std::int64_t begin =
+            before != nullptr ? before->translatePos + before->translateSize : row0 + kHeadingSize;
+        const bool looseBegin = (before != nullptr || first) && r.translatePos != begin;
+        const bool looseEnd = behind != nullptr && r.translatePos + r.translateSize != behind->translatePos;
+        return (looseBegin ? 1 : 0) + (looseEnd ? 1 : 0);
+    }
+    // Of two neighbours with bytes in common this one is refused.
+    bool yields(const Block* block, std::ptrdiff_t step) const {
+        const filePosRecord* r = stands(block);
+        const filePosRecord* other = stands(block, step);
+        if (r == nullptr || other == nullptr) return false;
+        if (std::max(r->translatePos, other->translatePos) >=
+            std::min(r->translatePos + r->translateSize, other->translatePos + other->translateSize))
+            return false;
+        const int more = looseEnds(block) - looseEnds(block + step);
+        return more != 0 ? more > 0 : r->translatePos <= other->translatePos;
     }
 
     // What a read gives: rows, or none where it meets damage.
