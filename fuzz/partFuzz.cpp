@@ -1,7 +1,7 @@
 // Looking into a file: finding its part, opening heading and index, verifying every block; and reading and seeking in
-// it, on every road and by place. Held against a second reader: both take the same files and call the same blocks sound. Each read
-// gives what the other one gives, byte for byte, or DamagedFileError where that one meets damage; the stream stays
-// usable for the rest.
+// it, on every road and by place. Held against a second reader: both take the same files and call the same blocks
+// sound. Each read gives what the other one gives, byte for byte, or DamagedFileError where that one meets damage; the
+// stream stays usable for the rest.
 #include "fuzzTarget.h"
 
 #include <orva/reader.h>
