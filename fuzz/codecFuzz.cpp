@@ -44,7 +44,7 @@ Bytes rowsOfWhole(const unsigned char* stream, std::uint32_t length) {
 // Of a block that deflate cannot fit, both halves do. Gives the streams.
 Bytes deflateRoundTrip(const Bytes& block) {
     zlibCompressBlock codec;
-    const auto level = static_cast<std::int32_t>(1 + block.size() % zlibCompressBlock::bestLevel());
+    const std::int32_t level = 1 + static_cast<std::int32_t>(block.size()) % zlibCompressBlock::bestLevel();
     orva::deflatedBlock made{};
     const Bytes streams = filled(orva::deflateRoom(), [&](unsigned char* to) {
         made = orva::deflateBlock(codec, level, block.data(), sizeOf(block), to);

@@ -126,8 +126,8 @@ struct secondReader {
         const std::ptrdiff_t at = block - blocks.data() + step;
         if (at < 0 || at >= std::ssize(blocks)) return nullptr;
         const filePosRecord& r = blocks[static_cast<std::size_t>(at)].record;
-        const bool can =
-            r.translateSize >= 1 && r.translateSize <= kBlockSize && inside(r.translatePos, r.translateSize);
+        const bool can = r.translateSize >= 1 && r.translateSize <= std::int64_t{kBlockSize} &&
+                         inside(r.translatePos, r.translateSize);
         return can ? &r : nullptr;
     }
     int looseEnds(const Block* block) const {

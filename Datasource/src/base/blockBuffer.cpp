@@ -36,7 +36,7 @@ blockBuffer::blockBuffer(std::size_t size) {
         } catch (const std::bad_alloc&) {
         }
     }
-    fBytes = {allocate(size, kBufferAlignment), {}};
+    fBytes = {allocate(size, kBufferAlignment), {kBufferAlignment}};
 }
 
 void regain(unsigned char* bytes, std::size_t size) {
