@@ -56,8 +56,10 @@ void input::readInto(zcmpsFilestr& rows, bool threads, const std::function<void(
         rows.writeFrom(source, *size - begin);
         fPlace = platform::_lseeki64(fDescriptor, *size, SEEK_SET);
     }
-    for (std::span<unsigned char> room = rows.room();
-         const std::uint32_t count = read(room.data(), static_cast<std::uint32_t>(room.size())); room = rows.room()) {
+    for (;;) {
+        const std::span<unsigned char> room = rows.room();
+        const std::uint32_t count = read(room.data(), static_cast<std::uint32_t>(room.size()));
+        if (count == 0) return;
         rows.wrote(count);
         passed(count);
     }

@@ -31,8 +31,8 @@ public:
 
     foundHeading find() const {
         if (!fText && fPlace.empty()) refuse("does not say where its rows begin: give row0");
-        const foundHeading found = fText ? headingAt(FileInfo::FoundBy::dictionary, fText->row0Pos)
-                                         : headingAt(FileInfo::FoundBy::search, searched());
+        foundHeading found = fText ? headingAt(FileInfo::FoundBy::dictionary, fText->row0Pos)
+                                   : headingAt(FileInfo::FoundBy::search, searched());
         if (!fPlace.empty()) refuseSecond(found);
         return found;
     }

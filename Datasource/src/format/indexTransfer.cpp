@@ -108,7 +108,7 @@ void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, fil
 indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce) {
     checkPlaces(file, heading, lengthOf(file));
     const std::int64_t end = heading._indexPos + heading._size;
-    const std::string name = file.name();
+    const std::string& name = file.name();
     indexContent content;
     std::vector<filePosRecord>& records = content.records;
     const std::int64_t atATime = atOnce ? heading._size / kRecordSize : kPieceRecords;

@@ -92,7 +92,7 @@ struct finishedPart::memory {
 };
 
 finishedPart::finishedPart(const std::string& name, foundPart part) : finishedPart(openForReading(name), part) {}
-finishedPart::finishedPart(std::shared_ptr<ORVA_File> file, foundPart part)
+finishedPart::finishedPart(const std::shared_ptr<ORVA_File>& file, foundPart part)
     : fContent(std::make_shared<const content>(file, part)), fMemory(new memory) {}
 finishedPart::finishedPart(const finishedPart& other) : fContent(other.fContent), fMemory(new memory) {}
 finishedPart::~finishedPart() = default;

@@ -38,7 +38,7 @@ class ORVA_API finishedPart {
 public:
     finishedPart(const std::string& name, foundPart part);
     // In a file that is open for reading.
-    finishedPart(std::shared_ptr<ORVA_File> file, foundPart part);
+    finishedPart(const std::shared_ptr<ORVA_File>& file, foundPart part);
     finishedPart(const finishedPart& other);
     finishedPart& operator=(const finishedPart&) = delete;
     ~finishedPart();
