@@ -35,7 +35,7 @@ struct WriterOptions {
     int threads = 1;                      // that compress, the caller's counted; 0: one a core
     bool durable = true;                  // finish() returns once the file would survive a loss of power
     bool replace = false;                 // a file that has the name, once this one is finished
-    int level = 1;                        // of compression, 0 to 9
+    int level = 1;                        // of compression, 1 to 12; without the fast engines to 9
     i64 block = 0;                        // bytes of rows in a full block, 65,536 to 4,190,208; 0: the latter
 };
 
