@@ -184,12 +184,6 @@ bool isSameFile(const struct stat& one, const struct stat& other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-bool isSameFile(int descriptor, const char* name) {
-    struct stat opened {};
-    struct stat named {};
-    return ::fstat(descriptor, &opened) == 0 && ::stat(name, &named) == 0 && isSameFile(opened, named);
-}
-
 // Has the system report what closing would: the number that a failed close leaves behind is not usable, so the close
 // that may fail is that of a duplicate. Without a number to spare, syncing finds the same failures.
 int flushThroughDuplicate(int descriptor) {
@@ -231,7 +225,7 @@ int prepared(int descriptor, const char* name, int oflag, int shflag) {
     if (S_ISREG(status.st_mode) && (oflag & (_O_WRONLY | _O_RDWR)) != 0) {
         if (shflag == _SH_DENYWR) {
             if (lockForWriting(descriptor) != 0) return errno;
-            if (!isSameFile(descriptor, name)) return kNameMovedOn;
+            if (!sameFile(descriptor, name)) return kNameMovedOn;
         }
         if ((oflag & _O_TRUNC) != 0 && truncateFile(descriptor, 0) != 0) return errno;
     }
@@ -320,7 +314,7 @@ int _close(int descriptor, const char* temporaryName) noexcept {
 // The name goes while the descriptor, and with it the lock, is still held: no other writer gets in between. A file that
 // took the name over in the meantime is somebody else's and stays.
 void closeAnyway(int descriptor, const char* temporaryName) noexcept {
-    if (temporaryName != nullptr && isSameFile(descriptor, temporaryName)) rawUnlink(temporaryName);
+    if (temporaryName != nullptr && sameFile(descriptor, temporaryName)) rawUnlink(temporaryName);
     rawClose(descriptor);
 }
 
@@ -373,6 +367,12 @@ bool sameFile(const char* name, const char* otherName) noexcept {
     struct stat one {};
     struct stat other {};
     return ::stat(name, &one) == 0 && ::stat(otherName, &other) == 0 && isSameFile(one, other);
+}
+
+bool sameFile(int descriptor, const char* name) noexcept {
+    struct stat opened {};
+    struct stat named {};
+    return ::fstat(descriptor, &opened) == 0 && ::stat(name, &named) == 0 && isSameFile(opened, named);
 }
 
 int truncateFile(int descriptor, std::int64_t length) noexcept {

@@ -106,8 +106,9 @@ ORVA_HOST_API int removeFile(const char* name) noexcept;
 inline constexpr int kLongestName = 4095;
 ORVA_HOST_API bool linkTarget(const char* name, char* target) noexcept;
 
-// Both names lead to one file that exists.
+// Both names, or descriptor and name, lead to one file that exists.
 ORVA_HOST_API bool sameFile(const char* name, const char* otherName) noexcept;
+ORVA_HOST_API bool sameFile(int descriptor, const char* name) noexcept;
 
 // Cuts the file to `length`, or extends it with zeros. The position stays.
 ORVA_HOST_API int truncateFile(int descriptor, std::int64_t length) noexcept;

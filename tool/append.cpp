@@ -39,7 +39,7 @@ public:
     heldFile& operator=(const heldFile&) = delete;
     ~heldFile() { platform::closeAnyway(fDescriptor); }
 
-    bool isNamed() const { return ::isNamed(fDescriptor, fName); }
+    bool isNamed() const { return platform::sameFile(fDescriptor, fName.c_str()); }
 
 private:
     const std::string fName;

@@ -80,7 +80,8 @@ void pendingFile::create() {
     do {
         fTemporary = temporaryFor(fTarget);
         removeOnSignal(fTemporary);
-        descriptor = makeFile(fTemporary, static_cast<std::uint32_t>(meanwhile));
+        constexpr int mode = platform::_O_WRONLY | platform::_O_CREAT | platform::_O_EXCL;
+        descriptor = platform::openShared(fTemporary.c_str(), mode, 0, static_cast<int>(meanwhile & fs::perms::all));
     } while (descriptor < 0 && errno == EEXIST);
     if (descriptor < 0) {
         removeOnSignal({});
@@ -92,7 +93,7 @@ void pendingFile::create() {
 
 // Whoever appends to the old file would add to one that nobody can find any more.
 void pendingFile::holdReplaced() {
-    if (fReplaced >= 0 && isNamed(fReplaced, fTarget)) return;
+    if (fReplaced >= 0 && platform::sameFile(fReplaced, fTarget.c_str())) return;
     if (fReplaced >= 0) platform::closeAnyway(fReplaced);
     fReplaced = lockAgainstWriters(fTarget);
     if (fReplaced < 0 && errno == EWOULDBLOCK) throwWriteFailed(fName);

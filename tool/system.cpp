@@ -6,9 +6,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -59,13 +57,9 @@ int writeWaiting(int descriptor, const void* buffer, unsigned int count) {
                  [&](unsigned int done, unsigned int left) { return ::write(descriptor, from + done, left); });
 }
 
-int makeFile(const std::string& name, std::uint32_t permissions) {
-    return ::open(name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, static_cast<mode_t>(permissions));
-}
-
 int lockAgainstWriters(const std::string& name) {
     const int descriptor = ::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (descriptor < 0 || ::flock(descriptor, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return descriptor;
+    if (descriptor < 0 || platform::lockAgainstWriters(descriptor) == 0 || errno != EWOULDBLOCK) return descriptor;
     ::close(descriptor);
     platform::setErrno(EWOULDBLOCK);
     return -1;
@@ -76,13 +70,6 @@ bool hasWriter(const std::string& name) {
     if (descriptor < 0) return errno == EWOULDBLOCK;
     ::close(descriptor);
     return false;
-}
-
-bool isNamed(int descriptor, const std::string& name) {
-    struct stat own {};
-    struct stat named {};
-    return ::fstat(descriptor, &own) == 0 && ::stat(name.c_str(), &named) == 0 && own.st_dev == named.st_dev &&
-           own.st_ino == named.st_ino;
 }
 
 int terminalWidth() {

@@ -1,12 +1,11 @@
-// What a command asks of its system beyond platform.h: descriptors that may not be ready yet, files made for nobody
-// else, the writer's lock on a file that is only replaced, the width of a terminal.
+// What a command asks of its system beyond platform.h: descriptors that may not be ready yet, the writer's lock on a
+// file by its name, the width of a terminal.
 //
-// Units:   bytes; permissions are the nine bits of reading, writing and executing.
+// Units:   bytes.
 // Owner:   a descriptor that comes back is the caller's to close, by platform::_close.
 // Failure: -1 with errno, unless told otherwise.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 // As platform::_read and platform::_write, but a descriptor that does not block is waited for as any other is. Reading
@@ -14,15 +13,10 @@
 int readWaiting(int descriptor, void* buffer, unsigned int count);
 int writeWaiting(int descriptor, const void* buffer, unsigned int count);
 
-// A new file for writing, with these permissions less the umask. EEXIST where the name is taken, by whatever.
-int makeFile(const std::string& name, std::uint32_t permissions);
-
 // A descriptor that holds the lock of a writer on the file, which needs no right to write. EWOULDBLOCK while a writer
 // has it. The lock goes with the descriptor.
 int lockAgainstWriters(const std::string& name);
 bool hasWriter(const std::string& name);
-
-bool isNamed(int descriptor, const std::string& name);
 
 // The columns of standard error: 0 if it is no terminal, or one that cannot take a line back.
 int terminalWidth();

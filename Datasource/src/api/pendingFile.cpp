@@ -3,8 +3,6 @@
 #include "base/fileError.h"
 #include "file/namedFile.h"
 
-#include <orva/platformOwner.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <random>
@@ -38,13 +36,6 @@ std::string temporaryFor(const fs::path& target) {
     return (target.parent_path() / ('.' + base + '.' + mark + ".tmp")).string();
 }
 
-bool isNamed(int descriptor, const std::string& name) {
-    platform::fileAccess own{};
-    platform::fileAccess named{};
-    return platform::accessOf(descriptor, own) && platform::accessOf(name.c_str(), named) &&
-           own.device == named.device && own.inode == named.inode;
-}
-
 }  // namespace
 
 pendingFile::pendingFile(const Path& path, bool replace) : fPath(path), fTarget(targetOf(path)), bReplace(replace) {
@@ -76,7 +67,7 @@ void pendingFile::refuseIfTaken() const {
 // Whoever appends to the old file would add to one that nobody can find any more. To hold it takes no right to write: a
 // file that nobody may write to can still be replaced.
 void pendingFile::holdReplaced() {
-    if (fReplaced >= 0 && isNamed(fReplaced, fTarget)) return;
+    if (fReplaced >= 0 && platform::sameFile(fReplaced, fTarget.c_str())) return;
     if (fReplaced >= 0) platform::closeAnyway(fReplaced);
     fReplaced = platform::openShared(fTarget.c_str(), platform::_O_RDONLY | platform::_O_NOFOLLOW, 0, 0);
     if (fReplaced < 0 || platform::lockAgainstWriters(fReplaced) == 0 || errno != EWOULDBLOCK) return;
