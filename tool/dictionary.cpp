@@ -8,31 +8,13 @@
 
 namespace {
 
-constexpr std::size_t kSize = 512;
 constexpr std::size_t kLongestSource = 300;
-constexpr std::size_t kRow0Width = 10;
-const std::string kFirstLine = "orva dictionary 1 row0=";
-
-// The rest of the line that begins with `key`, behind the first line.
-std::string lineOf(const std::string& text, const std::string& key) {
-    const auto at = text.find('\n' + key);
-    if (at == std::string::npos) return {};
-    const auto from = at + 1 + key.size();
-    return text.substr(from, text.find('\n', from) - from);
-}
 
 }  // namespace
 
 std::string makeDictionary(const std::string& source, std::optional<std::int64_t> size) {
-    const std::string digits = std::to_string(kSize);
-    std::string text = kFirstLine + std::string(kRow0Width - digits.size(), '0') + digits + '\n';
-    if (!source.empty()) {
-        text +=
-            "source=" + shownName(std::filesystem::path(source).filename().string()).substr(0, kLongestSource) + '\n';
-    }
-    if (size) text += "size=" + std::to_string(*size) + '\n';
-    text.resize(kSize - 1, ' ');
-    return text + '\n';
+    return orva::makeDictionaryText(
+        shownName(std::filesystem::path(source).filename().string()).substr(0, kLongestSource), size);
 }
 
 std::string joinedDictionary(const std::string& file, std::int64_t row0Pos) {
@@ -47,11 +29,7 @@ std::string joinedDictionary(const std::string& file, std::int64_t row0Pos) {
     return text + '\n';
 }
 
-std::optional<dictionaryText> readDictionary(ORVA_File& file) {
-    std::string text(kSize, '\0');
-    text.resize(file.Read(text.data(), kSize, 0));
-    if (!text.starts_with(kFirstLine)) return {};
-    const auto row0Pos = number(text.substr(kFirstLine.size(), kRow0Width));
-    if (!row0Pos || *row0Pos == 0) return {};
-    return dictionaryText{*row0Pos, lineOf(text, "source="), number(lineOf(text, "size="))};
+std::optional<orva::dictionaryText> readDictionary(ORVA_File& file) {
+    char bytes[orva::kDictionaryTextSize];
+    return orva::parseDictionaryText({bytes, file.Read(bytes, sizeof bytes, 0)});
 }

@@ -35,7 +35,7 @@ struct locatedPart {
     std::shared_ptr<ORVA_File> file;  // open for reading, so that who goes on with it reads the same one
     orva::foundPart part;
     way how;
-    std::optional<dictionaryText> dictionary;
+    std::optional<orva::dictionaryText> dictionary;
 };
 
 // The file, open for reading. Refuses what cannot be read at any place, and never waits for a pipe.

@@ -6,27 +6,11 @@
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
-#include <random>
 
 namespace fs = std::filesystem;
 
 namespace {
-
-// Replacing a link would leave the file that it names as it was, and put a file where there was a link. What the last
-// link names need not exist.
-fs::path targetOf(const std::string& name) {
-    constexpr int mostLinks = 40;
-    fs::path target = name;
-    std::error_code none;
-    for (int links = 0; fs::is_symlink(fs::symlink_status(target, none)); ++links) {
-        platform::setErrno(ELOOP);
-        if (links == mostLinks) throwWriteFailed(name);
-        target = target.parent_path() / fs::read_symlink(target, none);
-    }
-    return target;
-}
 
 // What all of these allow, as far as they are regular files.
 fs::perms commonPermissions(const std::vector<std::string>& names) {
@@ -39,16 +23,6 @@ fs::perms commonPermissions(const std::vector<std::string>& names) {
     return common;
 }
 
-// A hidden name that no other process has. Cut, so that a long final name does not make it too long for the system.
-std::string temporaryFor(const fs::path& target) {
-    constexpr std::size_t longest = 200;
-    std::random_device random;
-    char mark[16];
-    std::snprintf(mark, sizeof mark, "%08x", random());
-    const std::string base = target.filename().string().substr(0, longest);
-    return (target.parent_path() / ('.' + base + '.' + mark + ".tmp")).string();
-}
-
 }  // namespace
 
 void outputOptions::addTo(CLI::App& app) {
@@ -57,7 +31,7 @@ void outputOptions::addTo(CLI::App& app) {
 }
 
 pendingFile::pendingFile(const std::string& name, const outputOptions& options, const std::vector<std::string>& inputs)
-    : fName(name), fTarget(targetOf(name).string()), fOptions(options), fPermissions(commonPermissions(inputs)) {
+    : fName(name), fTarget(orva::outputTarget(name)), fOptions(options), fPermissions(commonPermissions(inputs)) {
     refuseIfTaken();
     holdReplaced();
     create();
@@ -78,7 +52,7 @@ void pendingFile::create() {
     const fs::perms meanwhile = fPermissions | fs::perms::owner_write;
     int descriptor = -1;
     do {
-        fTemporary = temporaryFor(fTarget);
+        fTemporary = orva::hiddenNameBeside(fTarget);
         removeOnSignal(fTemporary);
         constexpr int mode = platform::_O_WRONLY | platform::_O_CREAT | platform::_O_EXCL;
         descriptor = platform::openShared(fTemporary.c_str(), mode, 0, static_cast<int>(meanwhile & fs::perms::all));

@@ -1,7 +1,6 @@
 // What tests of the face share: finished files made by the streams below it, and what a call throws.
 #pragma once
 
-#include "api/dictionaryText.h"
 #include "support/tempDir.h"
 
 #include <orva/orva.h>

@@ -1,4 +1,5 @@
-#include "api/dictionaryText.h"
+
+#include <orva/dictionaryText.h>
 
 #include <charconv>
 

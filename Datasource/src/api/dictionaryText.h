@@ -7,6 +7,9 @@
 //   (blanks, up to a last line feed)
 #pragma once
 
+#include <orva/orvaApi.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -23,9 +26,9 @@ struct dictionaryText {
     std::optional<std::int64_t> size;
 };
 
-std::string makeDictionaryText(const std::string& source = {}, std::optional<std::int64_t> size = {});
+ORVA_API std::string makeDictionaryText(const std::string& source = {}, std::optional<std::int64_t> size = {});
 
 // What the first bytes of a file say, if they are such a text.
-std::optional<dictionaryText> parseDictionaryText(std::string_view bytes);
+ORVA_API std::optional<dictionaryText> parseDictionaryText(std::string_view bytes);
 
 }  // namespace orva

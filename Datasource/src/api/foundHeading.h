@@ -3,11 +3,11 @@
 // Failure: DamagedFileError, UnfinishedFileError and UsageError of the face; FileError; callersFailure.
 #pragma once
 
-#include "api/dictionaryText.h"
 #include "format/storedBytes.h"
 #include "part/soundIndex.h"
 
 #include <orva/compressedLayout.h>
+#include <orva/dictionaryText.h>
 #include <orva/error.h>
 #include <orva/files.h>
 

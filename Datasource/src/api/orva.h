@@ -4,6 +4,7 @@
 
 #include <orva/blockSize.h>
 #include <orva/compressedLayout.h>
+#include <orva/dictionaryText.h>
 #include <orva/error.h>
 #include <orva/errors.h>
 #include <orva/errtext.h>
@@ -17,6 +18,7 @@
 #include <orva/ktthread.h>
 #include <orva/lz4Compress.h>
 #include <orva/orvaApi.h>
+#include <orva/outputName.h>
 #include <orva/platform.h>
 #include <orva/reader.h>
 #include <orva/refCntObject.h>

@@ -3,42 +3,16 @@
 #include "base/fileError.h"
 #include "file/namedFile.h"
 
+#include <orva/outputName.h>
+
 #include <cerrno>
-#include <cstdio>
-#include <random>
 
 namespace fs = std::filesystem;
 
 namespace orva {
 
-namespace {
-
-// Replacing a link would leave the file that it names as it was, and put a file where there was a link. What the last
-// link names need not exist.
-std::string targetOf(const Path& path) {
-    constexpr int mostLinks = 40;
-    fs::path target = fs::absolute(path);
-    std::error_code none;
-    for (int links = 0; fs::is_symlink(fs::symlink_status(target, none)); ++links) {
-        if (links == mostLinks) throwFileError(ELOOP, kWriteFailed, target.string());
-        target = target.parent_path() / fs::read_symlink(target, none);
-    }
-    return target.string();
-}
-
-// A hidden name that no other process has. Cut, so that a long final name does not make it too long for the system.
-std::string temporaryFor(const fs::path& target) {
-    constexpr std::size_t longest = 200;
-    std::random_device random;
-    char mark[16];
-    std::snprintf(mark, sizeof mark, "%08x", random());
-    const std::string base = target.filename().string().substr(0, longest);
-    return (target.parent_path() / ('.' + base + '.' + mark + ".tmp")).string();
-}
-
-}  // namespace
-
-pendingFile::pendingFile(const Path& path, bool replace) : fPath(path), fTarget(targetOf(path)), bReplace(replace) {
+pendingFile::pendingFile(const Path& path, bool replace)
+    : fPath(path), fTarget(outputTarget(fs::absolute(path).string())), bReplace(replace) {
     refuseIfTaken();
     try {
         holdReplaced();
@@ -83,7 +57,7 @@ void pendingFile::create() {
     const fs::perms meanwhile = fPermissions | fs::perms::owner_read | fs::perms::owner_write;
     int descriptor = -1;
     do {
-        fTemporary = temporaryFor(fTarget);
+        fTemporary = hiddenNameBeside(fTarget);
         constexpr int mode = platform::_O_WRONLY | platform::_O_CREAT | platform::_O_EXCL;
         descriptor = platform::openShared(fTemporary.c_str(), mode, 0, static_cast<int>(meanwhile & fs::perms::all));
     } while (descriptor < 0 && errno == EEXIST);

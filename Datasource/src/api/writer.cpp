@@ -1,4 +1,3 @@
-#include "api/dictionaryText.h"
 #include "api/pendingFile.h"
 #include "api/shownPart.h"
 #include "api/translated.h"
@@ -7,6 +6,7 @@
 #include "format/blockTransfer.h"
 #include "part/partWriter.h"
 
+#include <orva/dictionaryText.h>
 #include <orva/inspect.h>
 #include <orva/platformOwner.h>
 #include <orva/sideFile.h>
