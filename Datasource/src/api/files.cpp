@@ -17,7 +17,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
+#include <memory>
 #include <mutex>
 #include <utility>
 
@@ -110,8 +110,7 @@ public:
     VerifyReport run(std::uint32_t threads) {
         fReport.blocks = fPart.blockCount();
         checkIndex();
-        inThreads(threads, [this](bool caller) { work(caller); });
-        if (fFailure != nullptr) std::rethrow_exception(fFailure);
+        shareOut(threads, fPart.blockCount(), [this](bool caller) { return worker(caller); });
         std::ranges::sort(fReport.bad, {}, &BadBlock::block);
         told(fProgress, fPart.size(), fPart.size());
         return std::move(fReport);
@@ -126,20 +125,17 @@ private:
         }
     }
 
-    void work(bool caller) noexcept {
-        try {
-            const blockBuffer compressed(kBlockSize);
-            const blockBuffer rows(kBlockSize);
-            for (std::uint32_t i = fNext++; i < fPart.blockCount(); i = fNext++) {
-                verify(i, compressed.get(), rows.get());
-                fDone += fPart.block(i).rows.length;
-                if (caller) told(fProgress, fDone, fPart.size());
-            }
-        } catch (...) {
-            fNext = fPart.blockCount();
-            const std::lock_guard guard(fLock);
-            if (fFailure == nullptr) fFailure = std::current_exception();
-        }
+    sharedWorker worker(bool caller) {
+        struct memory {
+            blockBuffer compressed{kBlockSize};
+            blockBuffer rows{kBlockSize};
+        };
+        return [this, caller, own = std::make_shared<memory>()](std::size_t number) {
+            const auto block = static_cast<std::uint32_t>(number);
+            verify(block, own->compressed.get(), own->rows.get());
+            fDone += fPart.block(block).rows.length;
+            if (caller) told(fProgress, fDone, fPart.size());
+        };
     }
 
     void verify(std::uint32_t number, unsigned char* compressed, unsigned char* rows) {
@@ -153,11 +149,9 @@ private:
 
     const shownPart& fPart;
     const Progress& fProgress;
-    std::atomic<std::uint32_t> fNext{0};
     std::atomic<i64> fDone{0};
-    std::mutex fLock;  // of what follows
+    std::mutex fLock;  // of the report's bad blocks
     VerifyReport fReport;
-    std::exception_ptr fFailure;
 };
 
 }  // namespace

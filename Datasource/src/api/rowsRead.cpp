@@ -3,10 +3,7 @@
 #include "api/callThreads.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
-#include <exception>
-#include <mutex>
 #include <vector>
 
 namespace orva {
@@ -61,53 +58,14 @@ std::vector<pieceSpan> byBlock(pieceSpan pieces) {
     return blocks;
 }
 
-// Blocks shared out among threads: whoever is free takes the next.
-class sharedRead {
-public:
-    sharedRead(rowsRead& read, std::vector<pieceSpan> blocks) : fRead(read), fBlocks(std::move(blocks)) {}
-
-    void run(std::uint32_t threads) {
-        const auto useful = static_cast<std::uint32_t>(std::min<std::size_t>(threads, fBlocks.size()));
-        inThreads(useful, [this](bool) { work(); });
-        if (fFailure != nullptr) std::rethrow_exception(fFailure);
-    }
-
-private:
-    void work() noexcept {
-        for (std::size_t i = fNext++; i < fBlocks.size(); i = fNext++) {
-            try {
-                fRead.readBlock(fBlocks[i]);
-            } catch (...) {
-                keep(i, std::current_exception());
-            }
-        }
-    }
-
-    void keep(std::size_t block, std::exception_ptr failure) {
-        fNext = fBlocks.size();
-        const std::lock_guard guard(fLock);
-        if (block >= fFailed) return;
-        fFailed = block;
-        fFailure = std::move(failure);
-    }
-
-    rowsRead& fRead;
-    const std::vector<pieceSpan> fBlocks;
-    std::atomic<std::size_t> fNext{0};
-    std::mutex fLock;
-    std::size_t fFailed = SIZE_MAX;
-    std::exception_ptr fFailure;
-};
-
 }  // namespace
 
 void readPieces(const shownPart& part, blockShelf& shelf, pieceSpan pieces, std::uint32_t threads) {
     if (pieces.empty()) return;
     rowsRead read(part, shelf);
     if (pieces.front().block == pieces.back().block) return read.readBlock(pieces);
-    std::vector<pieceSpan> blocks = byBlock(pieces);
-    if (threads > 1) return sharedRead(read, std::move(blocks)).run(threads);
-    for (const pieceSpan block : blocks) read.readBlock(block);
+    const std::vector<pieceSpan> blocks = byBlock(pieces);
+    shareOut(threads, blocks.size(), [&](bool) { return [&](std::size_t i) { read.readBlock(blocks[i]); }; });
 }
 
 }  // namespace orva
