@@ -6,7 +6,6 @@
 
 #include <orva/platform.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -17,8 +16,6 @@ namespace fs = std::filesystem;
 namespace orva {
 
 namespace {
-
-constexpr std::uint64_t kLongestTransfer = std::uint64_t{1} << 30;
 
 int openAtAnyPlace(const std::string& name, const std::string& place) {
     refusePipe(name, place);
@@ -50,16 +47,11 @@ std::int64_t openedFile::length() const {
 }
 
 bool openedFile::read(void* to, std::uint64_t size, std::int64_t place) const {
-    for (auto* at = static_cast<unsigned char*>(to); size != 0;) {
-        const auto piece = static_cast<unsigned int>(std::min(size, kLongestTransfer));
-        const int count = platform::readAt(fDescriptor, at, piece, place);
+    return readPieces(to, size, place, [&](unsigned char* at, std::uint32_t piece, std::int64_t from) {
+        const int count = platform::readAt(fDescriptor, at, piece, from);
         if (count < 0) throwFileError(errno, kReadFailed, fName);
-        if (static_cast<unsigned int>(count) != piece) return false;
-        at += piece;
-        size -= piece;
-        place += piece;
-    }
-    return true;
+        return static_cast<std::uint32_t>(count);
+    });
 }
 
 bool openedFile::isBeingWritten() const {

@@ -15,9 +15,6 @@ namespace orva {
 
 namespace {
 
-// The file takes less than 2 GiB at a time, and an index can be twice as long.
-constexpr std::uint32_t kLongestTransfer = 1U << 30;
-
 // Gives the length of what a codec made of a block at `to`.
 std::uint32_t wholeStream(const blockOutcome& outcome) {
     if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
@@ -142,7 +139,7 @@ std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::
 void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place) {
     const auto* from = static_cast<const unsigned char*>(bytes);
     do {
-        const auto piece = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, kLongestTransfer));
+        const auto piece = static_cast<std::uint32_t>(std::min(size, kLongestTransfer));
         if (file.Write(from, piece, place) != piece) throwClosed(file, kWriteFailed);
         from += piece;
         size -= piece;
