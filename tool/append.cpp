@@ -59,7 +59,7 @@ public:
         const locatedPart located = locatePart(fOptions.part);
         noteFound("append", fOptions.part, located);
         progress bar(fOptions.progress, "append", knownSize(fOptions.in).value_or(-1));
-        count != 0 ? append(located.part, from, count, bar) : requireSound(located.part);
+        count != 0 ? append(located, from, count, bar) : requireSound(located);
         bar.finish(shownName(fOptions.part.file) + ": " + humanSize(static_cast<double>(fRowBytes)) + " of rows added");
         return kAllWell;
     }
@@ -93,17 +93,18 @@ private:
     }
 
     // What an append would have refused.
-    void requireSound(const orva::foundPart& found) const {
-        orva::finishedPart part(fOptions.part.file, found);
+    static void requireSound(const locatedPart& located) {
+        orva::finishedPart part(located.file, located.part);
         part.verifyIndex();
         if (part.blockCount() != 0) part.verifyBlock(part.blockCount() - 1);
     }
 
-    void append(const orva::foundPart& part, input& from, std::uint32_t count, progress& bar) {
-        const orva::finishedPart old(fOptions.part.file, part);
+    void append(const locatedPart& located, input& from, std::uint32_t count, progress& bar) {
+        const orva::foundPart& part = located.part;
+        const orva::finishedPart old(located.file, part);
         const std::int64_t end = part.row0Pos + old.dataSize();
         choiceOptions choices = fOptions.choices;
-        choices.block = chosenLength(old);
+        choices.block = old.chosenLength();
         const namedStream source(fOptions.part.file);
         const heldFile held(fOptions.part.file);
         zcmpsFilestr rows(source);

@@ -24,13 +24,3 @@ void choiceOptions::take(zcmpsFilestr& rows) const {
     rows.setBlockLength(block);
     rows.setCompressionLevel(level);
 }
-
-// One block alone may be a short one, so it tells nothing.
-std::int64_t chosenLength(const orva::finishedPart& part) {
-    if (part.blockCount() < 2) return kBlockSize;
-    const std::int64_t length = part.block(0).orginalSize;
-    for (std::uint32_t number = 1; number + 1 < part.blockCount(); ++number) {
-        if (part.block(number).orginalSize != length) return kBlockSize;
-    }
-    return length >= kShortestBlockLength && length <= kBlockSize ? length : kBlockSize;
-}

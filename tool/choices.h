@@ -18,6 +18,3 @@ struct choiceOptions {
     // Before the stream begins to write.
     void take(zcmpsFilestr& rows) const;
 };
-
-// The length of full blocks that the part's writer had chosen, as far as its blocks tell: that of all but the last one.
-std::int64_t chosenLength(const orva::finishedPart& part);

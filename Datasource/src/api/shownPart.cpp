@@ -95,15 +95,6 @@ Block shownPart::block(std::uint32_t number) const {
     return {{r.orginalPos - row0(), r.orginalSize}, r.translatePos, r.translateSize};
 }
 
-// One block alone may be a short one, so it tells nothing.
-std::int64_t shownPart::chosenLength() const {
-    if (fRecords.size() < 2) return kBlockSize;
-    const std::int64_t length = fRecords.front().orginalSize;
-    const bool all = std::all_of(fRecords.begin(), fRecords.end() - 1,
-                                 [&](const filePosRecord& r) { return r.orginalSize == length; });
-    return all && length >= kShortestBlockLength && length <= kBlockSize ? length : kBlockSize;
-}
-
 void shownPart::read(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {
     zlibCompressBlock codec;
     const readRoad road{*fBytes, codec, compressed};

@@ -49,8 +49,6 @@ public:
     // The block that holds the offset, which lies in the rows.
     std::uint32_t blockAt(std::int64_t offset) const;
     Block block(std::uint32_t number) const;
-    // The length of full blocks that the writer had chosen, as far as they tell: that of all but the last.
-    std::int64_t chosenLength() const;
 
     // The rows of the block into `to`, which has room for kBlockSize bytes, or for the block's where that can be true.
     // `compressed` has kBlockSize bytes.

@@ -80,7 +80,7 @@ struct Writer::State {
         }
         const shownPart found(fPath, fPlace, options.row0, true);
         require(!found.swapped(), fPath, "its rows have the other byte order, in which nothing is written here");
-        if (options.block == 0) fChoices.blockLength = static_cast<std::uint32_t>(found.chosenLength());
+        if (options.block == 0) fChoices.blockLength = static_cast<std::uint32_t>(chosenLength(found.records()));
         fRow0 = found.row0();
         fSize = found.size();
         resume();

@@ -2,6 +2,7 @@
 
 #include "base/assertion.h"
 
+#include <orva/blockSize.h>
 #include <orva/errors.h>
 
 #include <algorithm>
@@ -54,6 +55,14 @@ void orva::checkAscends(const filePosRecord* before, const filePosRecord& record
                            "record " + std::to_string(number) + " of its index has the logical position " +
                                std::to_string(record.orginalPos) + " and the size " +
                                std::to_string(record.orginalSize));
+}
+
+std::int64_t orva::chosenLength(std::span<const filePosRecord> records) {
+    if (records.size() < 2) return kBlockSize;
+    const std::int64_t length = records.front().orginalSize;
+    const bool all = std::all_of(records.begin(), records.end() - 1,
+                                 [&](const filePosRecord& r) { return r.orginalSize == length; });
+    return all && length >= kShortestBlockLength && length <= kBlockSize ? length : kBlockSize;
 }
 
 filePosInfo::filePosInfo(std::uint32_t blockSize, std::string fileName)

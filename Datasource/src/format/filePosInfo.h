@@ -27,6 +27,10 @@ void checkFirstRecord(const filePosRecord& first, const std::string& fileName);
 void checkAscends(const filePosRecord* before, const filePosRecord& record, std::uint32_t number,
                   const std::string& fileName);
 
+// The length of full blocks that the writer of these had chosen, as far as they tell: that of all but the last. One
+// block alone may be a short one, so it tells nothing.
+std::int64_t chosenLength(std::span<const filePosRecord> records);
+
 }  // namespace orva
 
 class filePosInfo {

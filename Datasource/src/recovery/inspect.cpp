@@ -122,6 +122,10 @@ std::int64_t finishedPart::dataSize() const {
     return last.orginalPos + last.orginalSize - fContent->fHeading._caseStartPos;
 }
 
+std::int64_t finishedPart::chosenLength() const {
+    return orva::chosenLength(fContent->fIndex.records);
+}
+
 void finishedPart::verifyIndex() {
     checkContiguous(file(), heading(), fContent->fIndex.records.data(), blockCount());
 }

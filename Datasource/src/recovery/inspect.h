@@ -53,6 +53,8 @@ public:
     const filePosRecord& block(std::uint32_t number) const;
     // Bytes of rows.
     std::int64_t dataSize() const;
+    // Of full blocks, as their writer had chosen it, as far as they tell: what an append goes on with.
+    std::int64_t chosenLength() const;
     // Holds all records against each other, beyond what reading needs: throws unless every one can be true and the
     // blocks follow each other without gaps, in positions and in the file, from the heading to the index. Records that
     // were exchanged show nowhere else.
