@@ -30,6 +30,6 @@ std::string joinedDictionary(const std::string& file, std::int64_t row0Pos) {
 }
 
 std::optional<orva::dictionaryText> readDictionary(ORVA_File& file) {
-    char bytes[orva::kDictionaryTextSize];
+    char bytes[orva::kDictionaryTextSize] = {};
     return orva::parseDictionaryText({bytes, file.Read(bytes, sizeof bytes, 0)});
 }
