@@ -40,13 +40,17 @@ bool strikes(Fault::Kind what) noexcept {
     return number >= first && number <= last;
 }
 
-void* allocated(std::size_t size, std::size_t alignment) {
+void* allocated(std::size_t size, std::size_t alignment) noexcept {
     void* bytes = nullptr;
-    if (strikes(Fault::Memory)) throw std::bad_alloc();
-    if (posix_memalign(&bytes, alignment, std::max<std::size_t>(size, 1)) != 0) throw std::bad_alloc();
+    if (strikes(Fault::Memory)) return nullptr;
+    if (posix_memalign(&bytes, std::max(alignment, sizeof(void*)), std::max<std::size_t>(size, 1)) != 0) return nullptr;
     const std::size_t now = used += malloc_usable_size(bytes);
     for (std::size_t before = peak; before < now && !peak.compare_exchange_weak(before, now);) continue;
     return bytes;
+}
+void* allocatedOrThrow(std::size_t size, std::size_t alignment) {
+    void* bytes = allocated(size, alignment);
+    return bytes != nullptr ? bytes : throw std::bad_alloc();
 }
 void released(void* bytes) noexcept {
     used -= malloc_usable_size(bytes);
@@ -55,17 +59,26 @@ void released(void* bytes) noexcept {
 
 }  // namespace
 
-// The standard library's own forms, such as those that do not throw, call these.
+// The forms that do not throw too: a sanitizer's own do not call these.
 void* operator new(std::size_t size) {
+    return allocatedOrThrow(size, 16);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return allocated(size, 16);
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
+    return allocatedOrThrow(size, static_cast<std::size_t>(alignment));
+}
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
     return allocated(size, static_cast<std::size_t>(alignment));
 }
 void operator delete(void* bytes) noexcept {
     released(bytes);
 }
 void operator delete(void* bytes, std::size_t) noexcept {
+    released(bytes);
+}
+void operator delete(void* bytes, const std::nothrow_t&) noexcept {
     released(bytes);
 }
 void operator delete(void* bytes, std::align_val_t, const std::nothrow_t&) noexcept {

@@ -97,8 +97,9 @@ TEST(Workdir, ALibcryptoThatCannotBeLoadedIsNamedAndTriedAgain) {
             const rlimit none{0, limit.rlim_max};
             setrlimit(RLIMIT_NOFILE, &none);
             EXPECT_EQ(through(first, kBlock), Bytes());
-            EXPECT_THAT(FileError(errno, "datasrc.err", 1002, "x").what(), testing::HasSubstr("libcrypto.so."));
+            const int error = errno;
             setrlimit(RLIMIT_NOFILE, &limit);
+            EXPECT_THAT(FileError(error, "datasrc.err", 1002, "x").what(), testing::HasSubstr("libcrypto.so."));
             EXPECT_EQ(through(first, kBlock).size(), kBlock.size());
         });
     }
