@@ -26,8 +26,9 @@ struct Reader::State {
           fOptions(given),
           fThreads(threadsAtWork(given.threads, fPath)) {
         require(given.cached_blocks >= 0, fPath, "a number of cached blocks is 0 or more");
-        fShown = new partPtr(opened());
+        auto shown = std::make_unique<partPtr>(opened());
         fOwn = new own(fOptions.cached_blocks);
+        fShown = shown.release();
     }
     State(const State&) = delete;
     State& operator=(const State&) = delete;
