@@ -16,7 +16,6 @@ namespace orva {
 
 namespace {
 
-constexpr std::size_t kLongestTransfer = std::size_t{1} << 30;
 constexpr int kOwnerReadWrite = platform::_S_IREAD | platform::_S_IWRITE;
 
 // A name too long for the system is one that no side file can have.
