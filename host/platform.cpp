@@ -2,7 +2,6 @@
 #include <orva/platformFaults.h>
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -14,7 +13,6 @@
 #include <climits>
 #include <cstdio>
 #include <filesystem>
-#include <mutex>
 #include <string>
 
 static_assert(sizeof(off_t) == 8, "files past 2 GiB need 64-bit offsets");
@@ -30,14 +28,6 @@ constexpr unsigned int kPiece = 0x7ffff000;
 
 // In place of an offset: where the descriptor stands.
 constexpr std::int64_t kOwnPlace = -1;
-
-std::mutex gForkLock;
-std::atomic<std::uint32_t> gForks{0};
-[[maybe_unused]] const int gForksAreWatched = ::pthread_atfork([] { gForkLock.lock(); }, [] { gForkLock.unlock(); },
-                                                               [] {
-                                                                   gForks.fetch_add(1, std::memory_order_relaxed);
-                                                                   gForkLock.unlock();
-                                                               });
 
 #ifdef ORVA_FAULT_SEAM
 std::atomic<faults::Hook*> gHook{nullptr};
@@ -178,10 +168,6 @@ int closedWith(int descriptor, int error) {
     rawClose(descriptor);
     errno = error;
     return -1;
-}
-
-bool isSameFile(const struct stat& one, const struct stat& other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 // Has the system report what closing would: the number that a failed close leaves behind is not usable, so the close
@@ -357,24 +343,6 @@ int removeFile(const char* name) noexcept {
     return rawUnlink(name);
 }
 
-bool linkTarget(const char* name, char* target) noexcept {
-    static_assert(kLongestName + 1 >= PATH_MAX);
-    struct stat own {};
-    return ::lstat(name, &own) == 0 && S_ISLNK(own.st_mode) && ::realpath(name, target) != nullptr;
-}
-
-bool sameFile(const char* name, const char* otherName) noexcept {
-    struct stat one {};
-    struct stat other {};
-    return ::stat(name, &one) == 0 && ::stat(otherName, &other) == 0 && isSameFile(one, other);
-}
-
-bool sameFile(int descriptor, const char* name) noexcept {
-    struct stat opened {};
-    struct stat named {};
-    return ::fstat(descriptor, &opened) == 0 && ::stat(name, &named) == 0 && isSameFile(opened, named);
-}
-
 int truncateFile(int descriptor, std::int64_t length) noexcept {
     return restarted([&] { return rawTruncate(descriptor, length); });
 }
@@ -392,21 +360,6 @@ void preferHugePages(void* memory, std::size_t size) noexcept {
     static_cast<void>(memory);
     static_cast<void>(size);
 #endif
-}
-
-std::int64_t processId() noexcept {
-    return ::getpid();
-}
-
-noFork::noFork() noexcept {
-    gForkLock.lock();
-}
-noFork::~noFork() {
-    gForkLock.unlock();
-}
-
-std::uint32_t forkCount() noexcept {
-    return gForks.load(std::memory_order_relaxed);
 }
 
 #ifdef ORVA_FAULT_SEAM

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -19,6 +21,10 @@ fileAccess accessIn(const struct stat& status) {
             status.st_gid,
             static_cast<std::uint32_t>(status.st_mode & 07777),
             S_ISREG(status.st_mode)};
+}
+
+bool areSame(const fileAccess& one, const fileAccess& other) {
+    return one.device == other.device && one.inode == other.inode;
 }
 
 }  // namespace
@@ -60,17 +66,35 @@ void giveAccess(int descriptor, const fileAccess& like) noexcept {
     static_cast<void>(ignored);
 }
 
+bool sameFile(const char* name, const char* otherName) noexcept {
+    fileAccess one{};
+    fileAccess other{};
+    return accessOf(name, one) && accessOf(otherName, other) && areSame(one, other);
+}
+
+bool sameFile(int descriptor, const char* name) noexcept {
+    fileAccess opened{};
+    fileAccess named{};
+    return accessOf(descriptor, opened) && accessOf(name, named) && areSame(opened, named);
+}
+
+bool linkTarget(const char* name, char* target) noexcept {
+    static_assert(kLongestName + 1 >= PATH_MAX);
+    struct stat own {};
+    return ::lstat(name, &own) == 0 && S_ISLNK(own.st_mode) && ::realpath(name, target) != nullptr;
+}
+
 bool isNameTaken(const char* name) noexcept {
     struct stat status {};
     return ::lstat(name, &status) == 0;
 }
 
 int removeIfSame(const char* name, int descriptor) noexcept {
-    struct stat own {};
+    fileAccess own{};
     struct stat named {};
-    if (::fstat(descriptor, &own) != 0) return -1;
+    if (!accessOf(descriptor, own)) return -1;
     if (::lstat(name, &named) != 0) return errno == ENOENT ? 0 : -1;
-    if (own.st_dev != named.st_dev || own.st_ino != named.st_ino) return 0;
+    if (!areSame(own, accessIn(named))) return 0;
     return removeFile(name) == 0 || errno == ENOENT ? 0 : -1;
 }
 

@@ -119,7 +119,7 @@ public:
 private:
     void checkIndex() {
         try {
-            checkContiguous(fPart.bytes(), fPart.found().heading, fPart.records().data(), fPart.blockCount());
+            checkContiguous(fPart.bytes(), fPart.found().heading, fPart.records());
         } catch (const ::DamagedFileError& damage) {
             fReport.index = damage.what();
         }

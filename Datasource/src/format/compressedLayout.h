@@ -14,6 +14,8 @@ struct compressionHeading {
     std::int64_t _caseStartPos;  // the heading's own offset, S
     std::int64_t _indexPos;      // file offset of the index
     std::int64_t _size;          // bytes of the index: 24 x (blocks + 1)
+
+    bool operator==(const compressionHeading&) const = default;
 };
 
 // One block of rows, or the index's first record.
@@ -22,6 +24,8 @@ struct filePosRecord {
     std::int64_t translatePos;   // file offset of its compressed bytes; 0 in the first record
     std::int32_t orginalSize;    // bytes before compression; the block size in the first record
     std::int32_t translateSize;  // bytes in the file; the number of blocks in the first record
+
+    bool operator==(const filePosRecord&) const = default;
 };
 
 static_assert(sizeof(compressionHeading) == 24 && sizeof(filePosRecord) == 24);

@@ -13,10 +13,6 @@
 
 namespace {
 
-// The index's length, (records + 1) x 24, must fit its 32-bit count.
-constexpr std::size_t kMostRecords = 178'956'969;
-static_assert((kMostRecords + 1) * kRecordSize <= UINT32_MAX && (kMostRecords + 2) * kRecordSize > UINT32_MAX);
-
 // A record of a damaged index may reach over the start of the next one; that block is still found by its position.
 bool holds(const filePosRecord* records, std::int64_t number, std::int64_t last, std::int64_t pos) {
     const filePosRecord& record = records[number];
@@ -70,7 +66,7 @@ filePosInfo::filePosInfo(std::uint32_t blockSize, std::string fileName)
 
 void filePosInfo::addRecord(std::int64_t orginalPos, std::int64_t translatePos, std::int32_t orginalSize,
                             std::int32_t translateSize) {
-    if (fRecords.size() >= kMostRecords) throw std::length_error("filePosInfo: the index is full");
+    if (std::ssize(fRecords) >= orva::kMostRecords) throw std::length_error("filePosInfo: the index is full");
     fRecords.push_back({orginalPos, translatePos, orginalSize, translateSize});
 }
 
@@ -78,74 +74,49 @@ std::int64_t filePosInfo::writtenEnd(std::int64_t otherwise) const {
     return fRecords.empty() ? otherwise : fRecords.back().translatePos + fRecords.back().translateSize;
 }
 
-const unsigned char* filePosInfo::serialize(std::uint32_t& stLength) {
-    const std::size_t length = (fRecords.size() + 1) * kRecordSize;
-    pSerialBuffer.reset(new unsigned char[length]);
-    const filePosRecord first{kFirstRecordMark, 0, static_cast<std::int32_t>(fBlockSize),
-                              static_cast<std::int32_t>(fRecords.size())};
-    std::memcpy(pSerialBuffer.get(), &first, sizeof first);
-    if (!fRecords.empty()) {
-        std::memcpy(pSerialBuffer.get() + sizeof first, fRecords.data(), fRecords.size() * kRecordSize);
-    }
-    stLength = static_cast<std::uint32_t>(length);
-    return pSerialBuffer.get();
+const unsigned char* filePosInfo::serialize(std::uint32_t& stLength, bool swap) {
+    fSerialized.assign(
+        {{kFirstRecordMark, 0, static_cast<std::int32_t>(fBlockSize), static_cast<std::int32_t>(fRecords.size())}});
+    fSerialized.insert(fSerialized.end(), fRecords.begin(), fRecords.end());
+    if (swap) std::ranges::for_each(fSerialized, orva::swapRecord);
+    stLength = static_cast<std::uint32_t>(fSerialized.size() * kRecordSize);
+    return reinterpret_cast<const unsigned char*>(fSerialized.data());
 }
 
-filePosRecord filePosInfo::takeFirstRecord(const unsigned char* buff, bool swap) const {
-    filePosRecord firstRecord;
-    std::memcpy(&firstRecord, buff, sizeof firstRecord);
-    if (swap) swapRecord(&firstRecord);
-    orva::checkFirstRecord(firstRecord, fFileName);
-    return firstRecord;
-}
-
-void filePosInfo::checkAscending(const filePosRecord* records, std::uint32_t count) const {
-    for (std::uint32_t i = 0; i < count; ++i)
-        orva::checkAscends(i == 0 ? nullptr : records + i - 1, records[i], i, fFileName);
+std::vector<filePosRecord> filePosInfo::taken(const unsigned char* buff, bool swap) {
+    filePosRecord first;
+    std::memcpy(&first, buff, sizeof first);
+    if (swap) swapRecord(&first);
+    orva::checkFirstRecord(first, fFileName);
+    std::vector<filePosRecord> records(static_cast<std::size_t>(first.translateSize));
+    std::copy_n(buff + kRecordSize, records.size() * kRecordSize, reinterpret_cast<unsigned char*>(records.data()));
+    if (swap) std::ranges::for_each(records, orva::swapRecord);
+    for (std::uint32_t i = 0; i < records.size(); ++i)
+        orva::checkAscends(i == 0 ? nullptr : &records[i - 1], records[i], i, fFileName);
+    fBlockSize = static_cast<std::uint32_t>(first.orginalSize);
+    return records;
 }
 
 void filePosInfo::parseForRead(const unsigned char* buff, bool swap) {
     if (buff == nullptr) return;
-    const filePosRecord firstRecord = takeFirstRecord(buff, swap);
-    const auto count = static_cast<std::uint32_t>(firstRecord.translateSize);
-    std::unique_ptr<filePosRecord[]> records(new filePosRecord[count]);
-    if (count != 0) std::memcpy(records.get(), buff + kRecordSize, count * kRecordSize);
-    if (swap) std::for_each_n(records.get(), count, [](filePosRecord& record) { swapRecord(&record); });
-    checkAscending(records.get(), count);
-    fBlockSize = static_cast<std::uint32_t>(firstRecord.orginalSize);
-    fRecordCount = count;
-    pInfoBuffer = std::move(records);
+    fParsed = taken(buff, swap);
+    bParsed = true;
     fCursor.store(0, std::memory_order_relaxed);
 }
 
 filePosRecord filePosInfo::parseForAppend(unsigned char* buff, bool swap) {
-    pInfoBuffer.reset();
+    fParsed = {};
+    bParsed = false;
     ORVA_ASSERT(buff != nullptr, "buff != 0");
-    const filePosRecord firstRecord = takeFirstRecord(buff, swap);
-    const auto count = static_cast<std::uint32_t>(firstRecord.translateSize);
-    std::vector<filePosRecord> records(count);
-    if (count != 0) std::memcpy(records.data(), buff + kRecordSize, count * kRecordSize);
-    if (swap && count != 0) {
-        std::for_each(records.begin(), records.end(), [](filePosRecord& record) { swapRecord(&record); });
-        std::memcpy(buff + kRecordSize, records.data(), count * kRecordSize);
-    }
-    checkAscending(records.data(), count);
-    if (count != 0) fRecords.insert(fRecords.end(), records.begin(), records.end() - 1);
-    fBlockSize = static_cast<std::uint32_t>(firstRecord.orginalSize);
-    fRecordCount = count;
-    return count == 0 ? firstRecord : records.back();
-}
-
-std::uint32_t filePosInfo::numberOf(std::int64_t pos) const {
-    const filePosRecord* begin = pInfoBuffer.get();
-    const filePosRecord* behind = firstBehind(begin, begin + fRecordCount, pos);
-    return behind == begin ? fRecordCount : static_cast<std::uint32_t>(behind - begin - 1);
+    const std::vector<filePosRecord> records = taken(buff, swap);
+    if (records.empty()) return {kFirstRecordMark, 0, static_cast<std::int32_t>(fBlockSize), 0};
+    if (swap) std::memcpy(buff + kRecordSize, records.data(), records.size() * kRecordSize);
+    fRecords.insert(fRecords.end(), records.begin(), records.end() - 1);
+    return records.back();
 }
 
 std::int64_t filePosInfo::dataEnd(std::int64_t otherwise) const {
-    if (fRecordCount == 0 || !isParsed()) return otherwise;
-    const filePosRecord& last = pInfoBuffer[fRecordCount - 1];
-    return last.orginalPos + last.orginalSize;
+    return fParsed.empty() ? otherwise : fParsed.back().orginalPos + fParsed.back().orginalSize;
 }
 
 std::uint32_t filePosInfo::answer(std::int64_t number, std::int64_t cursor) const {
@@ -155,15 +126,15 @@ std::uint32_t filePosInfo::answer(std::int64_t number, std::int64_t cursor) cons
 
 filePosRecord filePosInfo::findRecord(std::int64_t pos) const {
     const std::optional<std::uint32_t> number = find(pos);
-    return number ? pInfoBuffer[*number] : kNothing;
+    return number ? parsed(*number) : kNothing;
 }
 
 std::optional<std::uint32_t> filePosInfo::find(std::int64_t pos) const {
-    ORVA_ASSERT(pInfoBuffer != nullptr, "pInfoBuffer != 0");
-    if (fRecordCount == 0) return std::nullopt;
-    ORVA_ASSERT(pInfoBuffer[0].orginalPos != 0, "pInfoBuffer->orginalPos != 0");
-    const filePosRecord* records = pInfoBuffer.get();
-    const std::int64_t last = fRecordCount - 1;
+    ORVA_ASSERT(bParsed, "pInfoBuffer != 0");
+    if (fParsed.empty()) return std::nullopt;
+    const filePosRecord* records = fParsed.data();
+    ORVA_ASSERT(records->orginalPos != 0, "pInfoBuffer->orginalPos != 0");
+    const std::int64_t last = std::ssize(fParsed) - 1;
     if (pos >= dataEnd(0) || pos < records[0].orginalPos) return std::nullopt;
 
     const std::int64_t cursor = std::min<std::int64_t>(fCursor.load(std::memory_order_relaxed), last);
@@ -183,16 +154,16 @@ std::optional<std::uint32_t> filePosInfo::find(std::int64_t pos) const {
 // Where the record would be if all blocks had one size: a better place to begin a search than the guess when the row-0
 // position is large or blocks are short.
 std::int64_t filePosInfo::likelyNumber(std::int64_t pos) const {
-    const auto before = static_cast<double>(pos - pInfoBuffer[0].orginalPos);
-    const auto all = static_cast<double>(dataEnd(0) - pInfoBuffer[0].orginalPos);
-    const auto number = static_cast<std::int64_t>(before / all * fRecordCount);
-    return std::min<std::int64_t>(number, fRecordCount - 1);
+    const auto before = static_cast<double>(pos - parsed(0).orginalPos);
+    const auto all = static_cast<double>(dataEnd(0) - parsed(0).orginalPos);
+    const auto number = static_cast<std::int64_t>(before / all * parsedCount());
+    return std::min<std::int64_t>(number, parsedCount() - 1);
 }
 
 // From the guess, in the one direction that the ascending order leaves, by steps that double; then by halves.
 std::int64_t filePosInfo::searchOutward(std::int64_t guess, std::int64_t pos) const {
-    const filePosRecord* records = pInfoBuffer.get();
-    const std::int64_t last = fRecordCount - 1;
+    const filePosRecord* records = fParsed.data();
+    const std::int64_t last = std::ssize(fParsed) - 1;
     std::int64_t low = guess;
     std::int64_t high = guess;
     if (records[guess].orginalPos <= pos) {

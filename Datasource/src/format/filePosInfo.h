@@ -13,13 +13,16 @@
 #include <atomic>
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 namespace orva {
+
+// The index's length, (records + 1) x 24, must fit its 32-bit count.
+inline constexpr std::int64_t kMostRecords = 178'956'969;
+static_assert((kMostRecords + 1) * kRecordSize <= UINT32_MAX && (kMostRecords + 2) * kRecordSize > UINT32_MAX);
 
 // Throw DamagedFileError, which names the file, unless an index's first record, or record `number` behind the one
 // before (null for record 0), can be true by itself.
@@ -44,8 +47,8 @@ public:
     std::size_t recordCount() const { return fRecords.size(); }
     // Where the last added block ends in the file, or `otherwise` without one.
     std::int64_t writtenEnd(std::int64_t otherwise) const;
-    // The index bytes of what was added, valid until the next call or the index's end.
-    const unsigned char* serialize(std::uint32_t& stLength);
+    // The index bytes of what was added, valid until the next call or the index's end. `swap`: in the other byte order.
+    const unsigned char* serialize(std::uint32_t& stLength, bool swap = false);
 
     // Read side. Takes index bytes whose length was held against their record count. Null changes nothing.
     void parseForRead(const unsigned char* buff, bool swap);
@@ -58,14 +61,11 @@ public:
     filePosRecord findRecord(std::int64_t pos) const;
     // The number of that record.
     std::optional<std::uint32_t> find(std::int64_t pos) const;
-    bool isParsed() const { return pInfoBuffer != nullptr; }
-    // The parsed records.
-    std::uint32_t parsedCount() const { return fRecordCount; }
-    std::span<const filePosRecord> records() const { return {pInfoBuffer.get(), fRecordCount}; }
-    const filePosRecord& parsed(std::uint32_t number) const { return pInfoBuffer[number]; }
+    // The parsed records; none before.
+    std::span<const filePosRecord> records() const { return fParsed; }
+    std::uint32_t parsedCount() const { return static_cast<std::uint32_t>(fParsed.size()); }
+    const filePosRecord& parsed(std::uint32_t number) const { return fParsed[number]; }
     std::uint32_t blockSize() const { return fBlockSize; }
-    // The number of the last parsed record that begins at or before `pos`; parsedCount() when none does.
-    std::uint32_t numberOf(std::int64_t pos) const;
     // Logical position behind the last parsed block, or `otherwise` when there are none.
     std::int64_t dataEnd(std::int64_t otherwise) const;
 
@@ -76,8 +76,8 @@ public:
     static void swapRecord(filePosRecord* record) { orva::swapRecord(*record); }
 
 private:
-    filePosRecord takeFirstRecord(const unsigned char* buff, bool swap) const;
-    void checkAscending(const filePosRecord* records, std::uint32_t count) const;
+    // The records of an index, checked and in host order; takes its block size.
+    std::vector<filePosRecord> taken(const unsigned char* buff, bool swap);
     std::int64_t likelyNumber(std::int64_t pos) const;
     // The number of the record around the guess that holds `pos`, or -1.
     std::int64_t searchOutward(std::int64_t guess, std::int64_t pos) const;
@@ -86,10 +86,10 @@ private:
     std::string fFileName;
     // Write side.
     std::vector<filePosRecord> fRecords;
-    std::unique_ptr<unsigned char[]> pSerialBuffer;
+    std::vector<filePosRecord> fSerialized;
     // Read side, fixed once parsed.
-    std::unique_ptr<filePosRecord[]> pInfoBuffer;
-    std::uint32_t fRecordCount = 0;
+    std::vector<filePosRecord> fParsed;
+    bool bParsed = false;
     std::uint32_t fBlockSize;
     std::int64_t fFileEnd = std::numeric_limits<std::int64_t>::max();
     // A guess at the next hit, raced on purpose: read once per look-up, then clamped.

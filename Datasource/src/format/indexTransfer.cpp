@@ -102,6 +102,7 @@ std::unique_ptr<unsigned char[]> readIndex(bytesFrom file, const compressionHead
 
 void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, filePosInfo& index) {
     index.parseForRead(readIndex(file, heading, swap).get(), swap);
+    index.limitPlaces(lengthOf(file));
     if (index.parsedCount() != 0) checkBegin(file, heading, index.parsed(0));
 }
 
@@ -129,21 +130,11 @@ indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool
     return content;
 }
 
-namespace {
-
-bool sameRecord(const filePosRecord& a, const filePosRecord& b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
-}  // namespace
-
 bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap,
                   std::span<const filePosRecord> records) {
     try {
         const compressionHeading now = readHeading(file, heading._caseStartPos, swap, "");
-        if (std::memcmp(&now, &heading, sizeof now) != 0) return true;
-        const std::vector<filePosRecord> found = readRecords(file, now, swap).records;
-        return !std::equal(found.begin(), found.end(), records.begin(), records.end(), sameRecord);
+        return now != heading || !std::ranges::equal(readRecords(file, now, swap).records, records);
     } catch (const DamagedFileError&) {
         return true;
     } catch (...) {
@@ -151,23 +142,26 @@ bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap,
     }
 }
 
-void checkContiguous(bytesFrom file, const compressionHeading& heading, const filePosRecord* records,
-                     std::uint32_t count) {
+std::optional<std::size_t> firstGap(const compressionHeading& heading, std::span<const filePosRecord> records) {
     std::int64_t pos = heading._caseStartPos;
     std::int64_t place = heading._caseStartPos + kHeadingSize;
-    for (std::uint32_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < records.size(); ++i) {
         const filePosRecord& r = records[i];
-        if (!isBlockSize(r.orginalSize) || !isBlockSize(r.translateSize) || r.orginalPos != pos ||
-            r.translatePos != place) {
-            refuse(file, "blocks follow each other without gaps",
-                   "block " + std::to_string(i) + " does not stand right behind the one before");
-        }
+        if (!isBlockSize(r.orginalSize) || !isBlockSize(r.translateSize)) return i;
+        if (r.orginalPos != pos || r.translatePos != place) return i;
         pos += r.orginalSize;
         place += r.translateSize;
     }
-    if (heading._indexPos < place) {
+    return place > heading._indexPos ? std::optional(records.size()) : std::nullopt;
+}
+
+void checkContiguous(bytesFrom file, const compressionHeading& heading, std::span<const filePosRecord> records) {
+    const std::optional<std::size_t> gap = firstGap(heading, records);
+    if (gap == records.size())
         refuse(file, "_indexPos behind the last block", indexSpan(heading) + " overlaps the blocks");
-    }
+    if (!gap) return;
+    refuse(file, "blocks follow each other without gaps",
+           "block " + std::to_string(*gap) + " does not stand right behind the one before");
 }
 
 }  // namespace orva

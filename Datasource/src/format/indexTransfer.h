@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -50,10 +51,12 @@ indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool
 // can't be read now tells nothing.
 bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, std::span<const filePosRecord> records);
 
-// What an append needs, and a verifier asks, beyond that: every record can be true, and the blocks follow each other
-// without gaps, in logical positions and in the file, from behind the heading to the index at the latest. `records` in
-// host order.
-void checkContiguous(bytesFrom file, const compressionHeading& heading, const filePosRecord* records,
-                     std::uint32_t count);
+// The first block whose record cannot be true, or that does not stand right behind the one before it, or the heading,
+// in logical positions and in the file; the number of blocks where the last reaches into the index; nothing where all
+// is well.
+std::optional<std::size_t> firstGap(const compressionHeading& heading, std::span<const filePosRecord> records);
+
+// What an append needs, and a verifier asks, beyond that: there is no such gap. `records` in host order.
+void checkContiguous(bytesFrom file, const compressionHeading& heading, std::span<const filePosRecord> records);
 
 }  // namespace orva

@@ -227,8 +227,8 @@ tailPlan partWriter::resume(const resumePoint& from) {
         readHeading(fFile, fRow0Pos, from.swap, "pos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
     const std::unique_ptr<unsigned char[]> bytes = readIndex(fFile, chInfo, from.swap);
     const filePosRecord bInfo = fIndex.parseForAppend(bytes.get(), from.swap);
-    const std::uint32_t count = fIndex.parsedCount();
-    checkContiguous(fFile, chInfo, reinterpret_cast<const filePosRecord*>(bytes.get() + kRecordSize), count);
+    const auto count = static_cast<std::uint32_t>(chInfo._size / kRecordSize - 1);
+    checkContiguous(fFile, chInfo, {reinterpret_cast<const filePosRecord*>(bytes.get() + kRecordSize), count});
 
     tailPlan plan{fRow0Pos, 0, 0, chInfo, from.swap, false};
     fTransferEnd = chInfo._indexPos + chInfo._size;

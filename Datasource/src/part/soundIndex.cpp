@@ -1,6 +1,5 @@
 #include "part/soundIndex.h"
 
-#include "format/blockTransfer.h"
 #include "format/indexTransfer.h"
 
 #include <algorithm>
@@ -20,18 +19,6 @@ bool canBeTrue(const compressionHeading& h, std::int64_t row0Pos, std::int64_t f
            fileSize >= h._size && h._indexPos <= fileSize - h._size;
 }
 
-bool followEachOther(const compressionHeading& h, const std::vector<filePosRecord>& records) {
-    std::int64_t pos = h._caseStartPos;
-    std::int64_t place = h._caseStartPos + kHeadingSize;
-    for (const filePosRecord& r : records) {
-        if (!isBlockSize(r.orginalSize) || !isBlockSize(r.translateSize)) return false;
-        if (r.orginalPos != pos || r.translatePos != place) return false;
-        pos += r.orginalSize;
-        place += r.translateSize;
-    }
-    return place <= h._indexPos;
-}
-
 std::optional<soundIndex> inOrder(bool swap, const rawHeading& raw, std::int64_t row0Pos, std::int64_t fileSize,
                                   const indexReader& read) {
     soundIndex index{std::bit_cast<compressionHeading>(raw), swap, {}};
@@ -46,7 +33,7 @@ std::optional<soundIndex> inOrder(bool swap, const rawHeading& raw, std::int64_t
     const filePosRecord first = index.records.front();
     index.records.erase(index.records.begin());
     const bool counted = first.translateSize >= 0 && std::cmp_equal(first.translateSize, index.records.size());
-    if (first.orginalPos != kFirstRecordMark || !counted || !followEachOther(index.heading, index.records)) return {};
+    if (first.orginalPos != kFirstRecordMark || !counted || firstGap(index.heading, index.records)) return {};
     return index;
 }
 

@@ -236,7 +236,6 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
         const compressionHeading chInfo = orva::readHeading(
             d.pRealFile, posofpos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
         auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
-        index->limitPlaces(orva::lengthOf(d.pRealFile));
         orva::loadIndex(d.pRealFile, chInfo, swap, *index);
         auto reader = std::make_unique<orva::partReader>(d.pRealFile, *index, chInfo, swap);
         reader->keep(d.fCachedBlocks);

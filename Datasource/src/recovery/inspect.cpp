@@ -127,19 +127,18 @@ std::int64_t finishedPart::chosenLength() const {
 }
 
 void finishedPart::verifyIndex() {
-    checkContiguous(file(), heading(), fContent->fIndex.records.data(), blockCount());
+    checkContiguous(file(), heading(), fContent->fIndex.records);
 }
 
 // Damage that another process's append explains is told as that.
 template <class Read>
 auto finishedPart::reading(std::uint32_t number, Read read) {
     if (!fMemory->compressed) fMemory->compressed = blockBuffer(kBlockSize);
-    const auto& records = fContent->fIndex.records;
     try {
         return read(readRoad{file(), fMemory->codec, fMemory->compressed.get()},
-                    placeOf(records, number, fContent->fFileSize));
+                    placeOf(fContent->fIndex.records, number, fContent->fFileSize));
     } catch (const DamagedFileError& damage) {
-        if (changedSince(file(), heading(), swapped(), records)) throw FileChangedError(damage);
+        if (isChangedIn(file())) throw FileChangedError(damage);
         throw;
     }
 }
@@ -167,6 +166,10 @@ const unsigned char* finishedPart::rowsOf(std::uint32_t number) {
 
 ORVA_File& finishedPart::file() {
     return *fContent->fFile;
+}
+
+bool finishedPart::isChangedIn(ORVA_File& now) const {
+    return changedSince(now, heading(), swapped(), fContent->fIndex.records);
 }
 
 }  // namespace orva

@@ -71,6 +71,8 @@ public:
     const unsigned char* rowsOf(std::uint32_t number);
     // For what copies blocks as they stand in it.
     ORVA_LOCAL ORVA_File& file();
+    // Heading or index are others in `now`, which may be this file opened again.
+    ORVA_LOCAL bool isChangedIn(ORVA_File& now) const;
 
 private:
     struct ORVA_LOCAL content;

@@ -1,6 +1,7 @@
 #include "base/fileError.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
+#include "format/filePosInfo.h"
 
 #include <orva/errors.h>
 #include <orva/join.h>
@@ -10,15 +11,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
 
 namespace orva {
 
 namespace {
 
-constexpr std::int64_t kMostBlocks = 178'956'969;  // the index's length has 32 bits
-constexpr std::int64_t kCopyAtOnce = 1 << 26;      // so that progress is told
+constexpr std::int64_t kCopyAtOnce = 1 << 26;  // so that progress is told
 
 // Whatever its side file is good for, its presence means that the file's last block and index may not be what they
 // were.
@@ -27,12 +26,6 @@ void refuseInterrupted(const std::string& name) {
     throw DamagedFileError(name, "no side file",
                            "an append to it is at work or was interrupted: wait for it, or undo it by 'orva recover "
                            "--roll-back'");
-}
-
-bool sameRecords(const finishedPart& one, const finishedPart& other) {
-    if (std::memcmp(&one.heading(), &other.heading(), sizeof(compressionHeading)) != 0) return false;
-    return one.blockCount() == 0 ||
-           std::memcmp(&one.block(0), &other.block(0), one.blockCount() * sizeof(filePosRecord)) == 0;
 }
 
 class joiner {
@@ -65,8 +58,7 @@ private:
             part.verifyIndex();
             blocks += part.blockCount();
         }
-        if (blocks > kMostBlocks) throw std::length_error("more blocks than an index takes");
-        fRecords.reserve(static_cast<std::size_t>(blocks) + 1);
+        if (blocks > kMostRecords) throw std::length_error("more blocks than an index takes");
     }
 
     void begin(const std::string& output) {
@@ -77,23 +69,18 @@ private:
             finishedPart first(fInputs[0].name, fInputs[0].part);
             copy(first.file(), 0, fReport.part.row0Pos, 0);
         }
-        fRecords.push_back({kFirstRecordMark, 0, kBlockSize, 0});
     }
 
     // The index was in order when it was looked at before, and may be another one by now.
     void add(const joinInput& input) {
         finishedPart part(input.name, input.part);
         part.verifyIndex();
-        if (fReport.blocks + std::int64_t{part.blockCount()} > kMostBlocks) {
-            throw std::length_error("more blocks than an index takes");
-        }
         const std::int64_t from = part.heading()._caseStartPos + kHeadingSize;
         std::int64_t stored = 0;
         for (std::uint32_t i = 0; i < part.blockCount(); ++i) {
-            filePosRecord record = part.block(i);
-            record.orginalPos = fReport.part.row0Pos + fReport.rows;
-            record.translatePos = place() + stored;
-            fRecords.push_back(record);
+            const filePosRecord& record = part.block(i);
+            fIndex.addRecord(fReport.part.row0Pos + fReport.rows, place() + stored, record.orginalSize,
+                             record.translateSize);
             fReport.rows += record.orginalSize;
             stored += record.translateSize;
         }
@@ -123,23 +110,19 @@ private:
     // An append rewrites the last block before the index: what was copied may be the new block under the old record.
     static void refuseIfChanged(const joinInput& input, const finishedPart& part) {
         refuseInterrupted(input.name);
-        try {
-            if (sameRecords(part, finishedPart(input.name, input.part))) return;
-        } catch (const DamagedFileError&) {
-        }
+        ORVA_File now;
+        openOrThrow(now, input.name, "rb", kReadFailed);
+        if (!part.isChangedIn(now)) return;
         throw FileChangedError(
             DamagedFileError(input.name, "heading and index as before", "its index is another one by now"));
     }
 
     void finish() {
-        fRecords[0].translateSize = static_cast<std::int32_t>(fReport.blocks);
-        const auto size = static_cast<std::int64_t>(fRecords.size() * sizeof(filePosRecord));
+        std::uint32_t size = 0;
+        const unsigned char* index = fIndex.serialize(size, fReport.part.swapped);
         compressionHeading heading{fReport.part.row0Pos, place(), size};
-        if (fReport.part.swapped) {
-            for (filePosRecord& record : fRecords) swapRecord(record);
-            swapHeading(heading);
-        }
-        writeAll(fOutput, fRecords.data(), static_cast<std::uint64_t>(size), place());
+        if (fReport.part.swapped) swapHeading(heading);
+        writeAll(fOutput, index, size, place());
         writeAll(fOutput, &heading, sizeof heading, fReport.part.row0Pos);
         fOutput.Close();
     }
@@ -147,7 +130,7 @@ private:
     const std::vector<joinInput>& fInputs;
     const joinOptions& fOptions;
     ORVA_File fOutput;
-    std::vector<filePosRecord> fRecords;  // as the output's index, the first record in front
+    filePosInfo fIndex{kBlockSize};  // the output's
     joinReport fReport;
 };
 
