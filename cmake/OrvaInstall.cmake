@@ -3,18 +3,21 @@ include(CMakePackageConfigHelpers)
 
 set(orva_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/orva)
 install(TARGETS orva orva_host EXPORT orvaTargets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT development
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 install(EXPORT orvaTargets NAMESPACE orva:: DESTINATION ${orva_package_dir} COMPONENT development)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/orvaConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 configure_file(cmake/orvaConfig.cmake.in ${PROJECT_BINARY_DIR}/orvaConfig.cmake @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/orvaConfig.cmake ${PROJECT_BINARY_DIR}/orvaConfigVersion.cmake
     DESTINATION ${orva_package_dir} COMPONENT development)
 file(RELATIVE_PATH orva_pc_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)  # so that the package can be moved
-set(orva_pc_requires "zlib liblz4")
-if(ORVA_FAST_CODEC)
-    string(APPEND orva_pc_requires " libisal libdeflate")
+set(orva_pc_requires)  # the shared libraries keep theirs to themselves, and who uses them needs no headers of those
+if(NOT BUILD_SHARED_LIBS)
+    set(orva_pc_requires "zlib liblz4")
+    if(ORVA_FAST_CODEC)
+        string(APPEND orva_pc_requires " libisal libdeflate")
+    endif()
 endif()
 configure_file(cmake/orva.pc.in ${PROJECT_BINARY_DIR}/orva.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/orva.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

@@ -42,6 +42,15 @@ function(orva_public_includes target scope)
         $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 endfunction()
 
+# What is installed to `directory`, a path below the prefix, finds the shared libraries by where it stands itself, so that
+# an install tree works under any prefix and can be moved. Packages for a place where the system looks anyway are
+# configured with CMAKE_SKIP_INSTALL_RPATH.
+function(orva_finds_installed_libraries target directory)
+    file(RELATIVE_PATH way /${directory} /${CMAKE_INSTALL_LIBDIR})
+    string(REGEX REPLACE "/$" "" path "$<IF:$<PLATFORM_ID:Darwin>,@loader_path,$ORIGIN>/${way}")
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH "${path}")
+endfunction()
+
 # Keeps a shared library's copies of the standard library's templates to itself.
 function(orva_hide_foreign_symbols target)
     if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
