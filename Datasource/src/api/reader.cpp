@@ -192,6 +192,7 @@ void Reader::refresh() {
 }
 
 i64 Reader::end_of_block(i64 offset) const {
+    require(offset >= 0, path(), "rows begin at offset 0");
     const State::partPtr part = fState->shown();
     return offset >= part->size() ? offset : part->begin(part->blockAt(offset) + 1);
 }

@@ -88,6 +88,9 @@ public:
     // What stands before the heading: the writing program's own.
     std::vector<std::byte> dictionary() const;
     std::vector<Block> blocks() const;
+    // Where the block ends that holds `offset`, in time that grows by the digits of their count; `offset` itself at or
+    // behind the end of the rows. UsageError for an offset below 0.
+    i64 end_of_block(i64 offset) const;
     // The rows in `count` ranges or fewer, of about equal length, one behind the other: they begin with a block as far
     // as records of `record_size` allow, so that nearly no block is inflated for two of them. UsageError below 1, and
     // where records of that size do not divide the rows.
@@ -107,8 +110,6 @@ public:
 private:
     template <class T>
     friend class Rows;
-    // Where the block ends that holds `offset`; `offset` itself at or behind the end of the rows.
-    i64 end_of_block(i64 offset) const;
     const Path& path() const noexcept;
 
     struct ORVA_LOCAL State;

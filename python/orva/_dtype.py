@@ -1,0 +1,78 @@
+"""The dtype in a file's dictionary part: text of 512 bytes, or as many times that as it takes.
+
+orva dictionary 1 row0=0000000512       where the rows begin, in fixed width
+dtype=[["time", "<i8"]]                 numpy.lib.format.dtype_to_descr as JSON, byte orders explicit
+(blanks, up to a last line feed)
+"""
+
+from __future__ import annotations
+
+import json
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+from numpy.lib.format import descr_to_dtype, dtype_to_descr
+
+from . import _orva
+from ._errors import DamagedFileError
+
+_FIRST = "orva dictionary 1 row0="
+_STEP = 512
+_LONGEST = 1 << 20  # a longer part is another program's
+
+
+def checked(dtype: npt.DTypeLike) -> np.dtype[Any]:
+    """A dtype whose values are their bytes; ValueError for any other."""
+    made = np.dtype(dtype)
+    if made.hasobject:
+        raise ValueError(f"values of {made} are no bytes that a file could hold")
+    if made.itemsize == 0:
+        raise ValueError(f"values of {made} have no bytes")
+    return made
+
+
+def to_dictionary(dtype: np.dtype[Any]) -> bytes:
+    descr: Any = dtype_to_descr(dtype)  # type: ignore[no-untyped-call]
+    if dtype.subdtype is not None:
+        descr = (dtype_to_descr(dtype.subdtype[0]), dtype.subdtype[1])  # type: ignore[no-untyped-call]
+    line = "dtype=" + json.dumps(descr) + "\n"
+    first = len(_FIRST) + 11
+    size = -(-(first + len(line) + 1) // _STEP) * _STEP
+    text = f"{_FIRST}{size:010d}\n{line}"
+    return (text.ljust(size - 1) + "\n").encode("ascii")
+
+
+def _tuples(descr: Any) -> Any:
+    """What JSON made lists of: a list of fields stays one, each field, shape and (dtype, shape) was a tuple."""
+    if not isinstance(descr, list):
+        return descr
+    if len(descr) == 2 and isinstance(descr[1], list) and all(isinstance(n, int) for n in descr[1]):
+        return _tuples(descr[0]), tuple(descr[1])
+    return [
+        (tuple(field[0]) if isinstance(field[0], list) else field[0], _tuples(field[1]), *map(tuple, field[2:]))
+        for field in descr
+    ]
+
+
+def of_dictionary(part: bytes, path: str) -> np.dtype[Any] | None:
+    """What a dictionary part says of the rows behind it; None where it says nothing."""
+    lines = part.decode("utf-8", "replace").split("\n", 2)
+    if len(lines) < 3 or not lines[0].startswith(_FIRST) or not lines[1].startswith("dtype="):
+        return None
+    try:
+        return checked(descr_to_dtype(_tuples(json.loads(lines[1][6:]))))  # type: ignore[no-untyped-call]
+    except (ValueError, TypeError, KeyError, IndexError) as error:
+        raise DamagedFileError(f'"{path}" is damaged: it tells a dtype that is none: {error}', path) from None
+
+
+def of_reader(reader: _orva.Reader, path: str) -> np.dtype[Any] | None:
+    if reader.row0 % _STEP != 0 or reader.row0 > _LONGEST:
+        return None
+    return of_dictionary(reader.dictionary(), path)
+
+
+def of_file(path: str) -> np.dtype[Any] | None:
+    """Also while an append is at work, which nobody opens for reading."""
+    with open(path, "rb") as file:
+        return of_dictionary(file.read(_LONGEST), path)

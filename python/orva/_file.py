@@ -1,0 +1,226 @@
+"""A file's rows as a stream of bytes."""
+
+from __future__ import annotations
+
+import io
+import os
+import threading
+import warnings
+from types import TracebackType
+from typing import Any, Literal, NoReturn
+
+from . import _orva
+from ._source import Opened, PathLike, Source, block_of, path_of
+
+Mode = Literal["rb", "wb", "xb", "ab"]
+_CLOSED = "I/O operation on closed file"
+
+
+def _begin(path: PathLike, mode: str, row0: int | None, threads: int, level: int, block: int | None) -> _orva.Writer:
+    name, length = os.fsencode(path_of(path)), block_of(block)
+    if mode != "ab":
+        if row0 is not None:
+            raise ValueError("row0 tells of a file that there is, and this one is new")
+        return _orva.create(name, b"", threads, mode == "wb", level, length)
+    try:
+        return _orva.append(name, row0, threads, level, length, False)
+    except FileNotFoundError:
+        if row0 is not None:
+            raise
+    try:
+        return _orva.create(name, b"", threads, False, level, length)
+    except FileExistsError:  # somebody was quicker
+        return _orva.append(name, row0, threads, level, length, False)
+
+
+class File(io.RawIOBase):
+    """The rows of a file as bytes, which `orva.open` gives: to read at any place, or to write in sequence.
+
+    Positions count bytes of rows, from 0. There is no descriptor of them: `fileno`, `truncate`, and `seek` of a writer
+    raise io.UnsupportedOperation. A reader pickles by absolute path and position, and works after a fork; a writer
+    does neither. One thread at a time moves the position; several readers of one path are cheap.
+
+    What a writer has taken stands under its name when `close` returns, durably, and not before: `flush` does nothing.
+    An exception that leaves its `with` statement abandons it, and so does its collection, with a ResourceWarning.
+    """
+
+    __module__ = "orva"
+    name: str
+    mode: str
+
+    def __init__(
+        self,
+        path: Source,
+        mode: str = "rb",
+        *,
+        row0: int | None = None,
+        threads: int = 1,
+        level: int = 1,
+        block: int | None = None,
+    ) -> None:
+        super().__init__()
+        self._opened: Opened | None = None
+        self._writing: _orva.Writer | None = None
+        self._pos = 0
+        if mode not in ("rb", "wb", "xb", "ab"):
+            raise ValueError(f"a mode is 'rb', 'wb', 'xb' or 'ab', not {mode!r}")
+        self.mode = mode
+        if mode == "rb":
+            self._opened = Opened(path, row0, threads)
+            self.name = self._opened.name
+        else:
+            self._lock, self._process = threading.RLock(), os.getpid()
+            self._writing = _begin(path, mode, row0, threads, level, block)  # type: ignore[arg-type]
+            self.name = path_of(path)  # type: ignore[arg-type]
+
+    def __repr__(self) -> str:
+        return f"<orva.File name={self.name!r} mode={self.mode!r}>"
+
+    def _reader(self, what: str) -> _orva.Reader:
+        if self.closed:
+            raise ValueError(_CLOSED)
+        if self._opened is None:
+            raise io.UnsupportedOperation(what)
+        return self._opened.reader
+
+    def _writer(self, what: str) -> _orva.Writer:
+        if self.closed:
+            raise ValueError(_CLOSED)
+        if self._writing is None:
+            raise io.UnsupportedOperation(what)
+        if self._process != os.getpid():
+            raise ValueError("another process writes it: a forked child cannot")
+        return self._writing
+
+    def readable(self) -> bool:
+        self._open()
+        return self._opened is not None
+
+    def writable(self) -> bool:
+        self._open()
+        return self._opened is None
+
+    seekable = readable
+
+    def _open(self) -> None:
+        if self.closed:
+            raise ValueError(_CLOSED)
+
+    def tell(self) -> int:
+        self._open()
+        return self._pos if self._writing is None else self._writing.size
+
+    def seek(self, offset: int, whence: int = os.SEEK_SET) -> int:
+        """Moves to a byte of the rows, also behind them. ValueError for one before them."""
+        reader = self._reader("seek")
+        if whence not in (os.SEEK_SET, os.SEEK_CUR, os.SEEK_END):
+            raise ValueError(f"invalid whence ({whence}, should be 0, 1 or 2)")
+        to = offset + (0, self._pos, reader.size)[whence]
+        if to < 0:
+            raise ValueError(f"negative seek position {to}")
+        self._pos = to
+        return to
+
+    def readinto(self, buffer: Any) -> int:
+        """Fills `buffer` and gives the count of bytes, which is less only where the rows end."""
+        got = self._reader("read").read_at(self._pos, buffer)
+        self._pos += got
+        return got
+
+    def read(self, size: int | None = -1) -> bytes:
+        reader = self._reader("read")
+        left = max(reader.size - self._pos, 0)
+        rows = reader.read_bytes(self._pos, left if size is None or size < 0 else min(size, left))
+        self._pos += len(rows)
+        return rows
+
+    def readall(self) -> bytes:
+        return self.read()
+
+    def write(self, rows: Any) -> int:
+        """Takes all bytes of `rows`, and gives their count."""
+        writer = self._writer("write")
+        with memoryview(rows) as view, self._lock:
+            writer.write(view)
+            return view.nbytes
+
+    def truncate(self, size: int | None = None) -> NoReturn:
+        self._open()
+        raise io.UnsupportedOperation("truncate")
+
+    def close(self) -> None:
+        """Finishes what was written: OSError where that fails, and then nothing of it is left. Can be repeated."""
+        if self.closed:
+            return
+        try:
+            if self._writing is not None:
+                writer = self._writer("close")
+                with self._lock:
+                    writer.finish()
+        finally:
+            self._let_go()
+
+    def _let_go(self) -> None:
+        super().close()
+        if self._opened is not None:
+            self._opened.reader.close()
+        if self._writing is not None:
+            self._writing.drop()
+
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        value: BaseException | None,
+        traceback: TracebackType | None,
+    ) -> None:
+        if kind is not None and self._writing is not None and not self.closed:
+            self._let_go()
+        self.close()
+
+    def _dealloc_warn(self, source: object) -> None:
+        # What io's wrappers call when they are collected without having been closed, before they close this.
+        if self._writing is not None and not self.closed:
+            warnings.warn(f"{self!r} was not closed: its rows are abandoned", ResourceWarning, 2, source)
+            self._let_go()
+
+    def __del__(self) -> None:
+        if hasattr(self, "_writing"):
+            self._dealloc_warn(self)
+            self._let_go()
+
+    def __reduce__(self) -> Any:
+        if self._opened is None:
+            raise TypeError("a writer cannot be pickled")
+        self._open()
+        return _again, (self._opened.again, self._opened.row0, self._opened.threads, self._pos)
+
+
+def _again(path: Source, row0: int | None, threads: int, pos: int) -> File:
+    file = File(path, row0=row0, threads=threads)
+    file.seek(pos)
+    return file
+
+
+def open(
+    path: Source,
+    mode: Mode = "rb",
+    *,
+    row0: int | None = None,
+    threads: int = 1,
+    level: int = 1,
+    block: int | None = None,
+) -> File:
+    """Opens a file's rows as a stream of bytes.
+
+    mode: "rb" reads; "wb" makes a new file, which replaces one of that name at close; "xb" the same, but FileExistsError
+        for a name that is taken; "ab" goes on behind the rows of a finished file, or makes it.
+    path: a path; for "rb" also a seekable binary file object, which is read under a lock.
+    row0: where heading and rows begin in the file, if the file does not say so itself; in bytes.
+    threads: that inflate or compress at a time, the caller's counted; 0 for one a core.
+    level: of compression, 1 to 12. block: bytes of rows in a full block, 65,536 to 4,190,208, which is also the default
+        for new files; an append goes on with the file's own.
+
+    Errors: OSError as the system tells (FileNotFoundError, BlockingIOError while another writer is at work, ...);
+    DamagedFileError; UnfinishedFileError; ValueError for options outside their ranges.
+    """
+    return File(path, mode, row0=row0, threads=threads, level=level, block=block)

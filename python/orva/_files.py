@@ -1,0 +1,132 @@
+"""Functions on whole files. Offsets and sizes are bytes of rows, from 0; blocks count from 0.
+
+progress(done, total) is called now and then with the bytes done; what it raises ends the work, and nothing is left.
+"""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Callable, Iterable
+from dataclasses import dataclass
+from typing import Any, Literal, Optional
+
+from . import _orva
+from ._source import PathLike, path_of
+
+Progress = Optional[Callable[[int, int], object]]
+
+
+@dataclass(frozen=True)
+class Range:
+    offset: int
+    length: int
+
+
+@dataclass(frozen=True)
+class Block:
+    rows: Range
+    file_offset: int  # of its compressed bytes
+    stored: int  # and how many they are
+
+
+@dataclass(frozen=True)
+class FileInfo:
+    found_by: Literal["option", "dictionary", "search"]  # what told where the heading stands
+    swapped: bool  # of the other byte order
+    row0: int  # where the heading stands: the length of the dictionary part
+    size: int  # of the rows
+    stored: int  # of their blocks
+    file_size: int
+    block_size: int  # as the index tells it, which means nothing to readers
+    index: Range  # in the file
+    blocks: list[Block]
+
+
+@dataclass(frozen=True)
+class BadBlock:
+    block: int
+    rows: Range  # that are lost
+    text: str  # what is wrong
+
+
+@dataclass(frozen=True)
+class VerifyReport:
+    blocks: int
+    bad: list[BadBlock]
+    index: str  # what is wrong with the index as a whole; empty where it is sound
+
+    @property
+    def sound(self) -> bool:
+        return not self.bad and not self.index
+
+
+@dataclass(frozen=True)
+class LostRows:
+    rows: Range  # in the damaged file
+    estimated: bool  # no index tells how many rows there were
+    text: str
+
+
+@dataclass(frozen=True)
+class RecoverReport:
+    blocks: int
+    size: int  # of the rows that were got back
+    lost: list[LostRows]
+
+
+@dataclass(frozen=True)
+class JoinReport:
+    blocks: int
+    size: int  # of the rows
+
+
+def _name(path: PathLike) -> bytes:
+    return os.fsencode(path_of(path))
+
+
+def info(path: PathLike, *, row0: int | None = None) -> FileInfo:
+    """What heading and index of a finished file tell. Errors: as `orva.open`."""
+    told: list[Any]
+    *told, index, blocks = _orva.info(_name(path), row0)
+    told += [Range(*index), [Block(Range(*rows), *where) for rows, *where in blocks]]
+    return FileInfo(*told)
+
+
+def verify(
+    path: PathLike, *, row0: int | None = None, threads: int = 1, progress: Progress = None
+) -> VerifyReport:
+    """Inflates every block, and goes on behind a damaged one. threads and errors: as `orva.open`."""
+    blocks, bad, index = _orva.verify(_name(path), row0, threads, progress)
+    return VerifyReport(blocks, [BadBlock(block, Range(*rows), text) for block, rows, text in bad], index)
+
+
+def recover(
+    source: PathLike,
+    target: PathLike,
+    *,
+    row0: int | None = None,
+    committed: bool = False,
+    drop_lost: bool = False,
+    replace: bool = False,
+) -> RecoverReport:
+    """Writes what can be read of a damaged or unfinished file into the new file `target`; `source` stays as it is.
+
+    committed: without what an interrupted append has added. drop_lost: closes gaps, where zeros stand otherwise.
+    replace: a file that has the name, else FileExistsError. DamagedFileError if not one block can be found.
+    """
+    blocks, size, lost = _orva.recover(_name(source), _name(target), row0, committed, drop_lost, True, replace)
+    return RecoverReport(blocks, size, [LostRows(Range(*rows), *rest) for rows, *rest in lost])
+
+
+def roll_back(path: PathLike) -> Literal["nothing", "undone", "whole", "completed"]:
+    """Ends an append that a crash has interrupted, durably: there was none; the file holds the rows of before it; the
+    file was whole as it stands; all rows of the append were there. BlockingIOError while it is alive."""
+    return _orva.roll_back(_name(path))  # type: ignore[return-value]
+
+
+def join(
+    sources: Iterable[PathLike], target: PathLike, *, replace: bool = False, progress: Progress = None
+) -> JoinReport:
+    """The rows of finished files, one behind the other, in the new file `target`, which keeps the first one's dtype.
+    Blocks are copied as they stand. ValueError for no file, and if `target` is one of them."""
+    return JoinReport(*_orva.join([_name(path) for path in sources], _name(target), True, replace, progress))

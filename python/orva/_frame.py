@@ -1,0 +1,44 @@
+"""Rows as a pandas.DataFrame."""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+from typing import TYPE_CHECKING, Any
+
+import numpy as np
+import numpy.typing as npt
+
+from ._rows import Rows
+from ._source import Source
+
+if TYPE_CHECKING:
+    import pandas  # type: ignore[import]
+
+
+def to_frame(path: Source, columns: Sequence[str] | None = None, dtype: npt.DTypeLike = None) -> pandas.DataFrame:
+    """A frame of the fields of a file's rows, a column each, in this machine's byte order.
+
+    columns: the fields wanted, in this order; memory is taken for them only. dtype: as for `orva.rows`. Errors: as there,
+    and ValueError for a field that is not there, or has values of more than one part.
+    """
+    import pandas
+
+    with Rows(path, dtype, "raise", None, 1) as rows:
+        fields = rows.dtype.names
+        if fields is None or rows.ndim != 1:
+            raise ValueError(f"rows of {rows.dtype} have no fields to be columns")
+        wanted = list(fields if columns is None else columns)
+        parts: dict[str, npt.NDArray[Any]] = {}
+        for name in wanted:
+            if name not in fields:
+                raise ValueError(f"rows of {rows.dtype} have no field {name!r}")
+            field = rows.dtype[name]
+            if field.subdtype is not None or field.names is not None:
+                raise ValueError(f"field {name!r} of {field} is no column")
+            parts[name] = np.empty(len(rows), field.newbyteorder("="))
+        first = 0
+        for chunk in rows.iter_chunks():
+            for name, part in parts.items():
+                part[first : first + len(chunk)] = chunk[name]
+            first += len(chunk)
+        return pandas.DataFrame(parts, columns=wanted, copy=False)

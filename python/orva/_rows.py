@@ -1,0 +1,333 @@
+"""A file's rows as an array that is read on demand."""
+
+from __future__ import annotations
+
+import operator
+from collections.abc import Iterator
+from types import TracebackType
+from typing import Any, Literal
+
+import numpy as np
+import numpy.typing as npt
+
+from . import _dtype
+from ._source import Opened, Source
+
+Lost = list[tuple[int, int]]
+
+
+def _bytes_of(array: npt.NDArray[Any]) -> npt.NDArray[np.uint8]:
+    return array.reshape(-1).view(np.uint8)
+
+
+def _merged(ranges: Lost) -> Lost:
+    merged: Lost = []
+    for first, end in sorted(ranges):
+        if merged and first <= merged[-1][1]:
+            merged[-1] = merged[-1][0], max(end, merged[-1][1])
+        else:
+            merged.append((first, end))
+    return merged
+
+
+class Rows:
+    """The rows of a file as an array of one axis, or of more where rows are arrays themselves; `orva.rows` gives it.
+
+    Keys are those of numpy, along the first axis and behind it: an int, a slice, an array of ints or of bools, the name
+    of a field. What comes back is a new array, or one row. Whatever the key, each block that holds wanted rows is
+    inflated once; a block is up to 4 MiB of rows.
+
+    dtype, shape, ndim, nbytes: as numpy's, of all rows. lost: with damaged="mask" the rows that were found to be lost
+    so far, as (first, end), ascending; verify finds all of them.
+
+    Safe from threads and after a fork; pickles by absolute path. Closed by `close` or as a context manager; ValueError
+    afterwards. Errors of any reading: OSError, DamagedFileError for a block, FileChangedError for one that an append
+    has rewritten since.
+    """
+
+    __module__ = "orva"
+    dtype: np.dtype[Any]
+    shape: tuple[int, ...]
+    ndim: int
+    nbytes: int
+    lost: Lost
+
+    def __init__(
+        self, path: Source, dtype: npt.DTypeLike, damaged: Literal["raise", "mask"], row0: int | None, threads: int
+    ) -> None:
+        if damaged not in ("raise", "mask"):
+            raise ValueError(f"damaged is 'raise' or 'mask', not {damaged!r}")
+        given = None if dtype is None else _dtype.checked(dtype)
+        self._opened = Opened(path, row0, threads)
+        self._reader = self._opened.reader
+        try:
+            row = self._row_of(given)
+        except BaseException:
+            self.close()
+            raise
+        self._row, self._mask = row, damaged == "mask"
+        self.dtype, within = (row, ()) if row.subdtype is None else row.subdtype
+        self.shape = (self._reader.size // row.itemsize, *within)
+        self.ndim, self.nbytes, self.lost = len(self.shape), self._reader.size, []
+
+    def _row_of(self, given: np.dtype[Any] | None) -> np.dtype[Any]:
+        name = f'"{self._opened.name}"'
+        if self._reader.swapped:
+            raise ValueError(f"{name}: its rows have the other byte order: read their bytes with orva.open")
+        try:
+            row = _dtype.of_reader(self._reader, self._opened.name)
+        except ValueError:
+            if given is None:
+                raise
+            row = None
+        if row is not None and given is not None and row.itemsize != given.itemsize:
+            raise ValueError(
+                f"{name} has rows of {row.itemsize} bytes, as {row}, and {given} has {given.itemsize}"
+            )
+        row = given or row
+        if row is None:
+            raise ValueError(f"{name} does not say of what dtype its rows are: give one")
+        if self._reader.size % row.itemsize != 0:
+            raise ValueError(f"{name}: its {self._reader.size} bytes are no whole number of rows of {row.itemsize}")
+        return row
+
+    def __repr__(self) -> str:
+        return f"<orva.Rows {self._opened.name!r} shape={self.shape} dtype={self.dtype}>"
+
+    def __len__(self) -> int:
+        return self.shape[0]
+
+    # Reading: rows that stand together, and rows wherever they stand.
+
+    def _empty(self, count: int) -> npt.NDArray[Any]:
+        return np.empty((count, *self.shape[1:]), self.dtype)
+
+    def _noted(self, found: Lost) -> Lost:
+        """Damaged blocks, which the reader tells in bytes, as rows. Those of two blocks are lost with either."""
+        size = self._row.itemsize
+        rows = [(begin // size, -(-(begin + length) // size)) for begin, length in found]
+        if rows:
+            self.lost = _merged(self.lost + rows)
+        return _merged(rows)
+
+    def _masked(self, values: npt.NDArray[Any], lost: npt.NDArray[np.bool_]) -> npt.NDArray[Any]:
+        mask: Any = np.ma.make_mask_none(values.shape, values.dtype)  # type: ignore[no-untyped-call]
+        mask[lost] = np.ones((), mask.dtype)
+        return np.ma.masked_array(values, mask)  # type: ignore[no-untyped-call]
+
+    def _read(self, first: int, count: int) -> npt.NDArray[Any]:
+        values = self._empty(count)
+        if not self._mask:
+            self._reader.read_at(first * self._row.itemsize, _bytes_of(values))
+            return values
+        found: Lost = []
+        self._reader.read_at(first * self._row.itemsize, _bytes_of(values), found)
+        lost = np.zeros(count, np.bool_)
+        for begin, end in self._noted(found):
+            lost[max(begin - first, 0) : max(end - first, 0)] = True
+        return self._masked(values, lost)
+
+    def _take(self, rows: npt.NDArray[np.int64]) -> npt.NDArray[Any]:
+        values = self._empty(len(rows))
+        if not self._mask:
+            self._reader.take(rows, self._row.itemsize, _bytes_of(values))
+            return values
+        found: Lost = []
+        self._reader.take(rows, self._row.itemsize, _bytes_of(values), found)
+        lost = np.zeros(len(rows), np.bool_)
+        for begin, end in self._noted(found):
+            lost |= (rows >= begin) & (rows < end)
+        return self._masked(values, lost)
+
+    # Keys.
+
+    def _index(self, key: Any) -> int:
+        row = operator.index(key)
+        if not -len(self) <= row < len(self):
+            raise IndexError(f"index {row} is out of bounds for axis 0 with size {len(self)}")
+        return row + len(self) if row < 0 else row
+
+    def _slice(self, key: slice) -> npt.NDArray[Any]:
+        first, end, step = key.indices(len(self))
+        rows = range(first, end, step)
+        if step == 1 or len(rows) == 0:
+            return self._read(first, len(rows))
+        if step == -1:
+            return self._read(rows[-1], len(rows))[::-1]
+        return self._take(np.arange(first, end, step, dtype=np.int64))
+
+    def _chosen(self, key: Any) -> tuple[npt.NDArray[np.int64], tuple[int, ...]] | None:
+        """Row numbers and their shape, for a key of ints or bools; None for any that is neither."""
+        wanted = np.asarray(key)
+        if wanted.size == 0 and not isinstance(key, (np.ndarray, np.generic)):
+            wanted = wanted.astype(np.int64)
+        if wanted.dtype.kind == "b" and wanted.ndim == 1:
+            if len(wanted) != len(self):
+                raise IndexError(
+                    "boolean index did not match indexed array along dimension 0; "
+                    f"dimension is {len(self)} but corresponding boolean dimension is {len(wanted)}"
+                )
+            rows = np.flatnonzero(wanted).astype(np.int64)
+            return rows, rows.shape
+        if wanted.dtype.kind not in "iu":
+            return None
+        outside = (wanted < -len(self)) | (wanted >= len(self))
+        if outside.any():
+            raise IndexError(f"index {wanted[outside][0]} is out of bounds for axis 0 with size {len(self)}")
+        rows = wanted.astype(np.int64).reshape(-1)
+        return np.where(rows < 0, rows + len(self), rows), wanted.shape
+
+    def _field(self, name: str) -> npt.NDArray[Any]:
+        """Copied out a piece at a time, so that nobody needs memory for the other fields."""
+        self._empty(0)[name]  # or it is numpy's error
+        values: npt.NDArray[Any] | None = None
+        first = 0
+        for chunk in self.iter_chunks():
+            if values is None:
+                like: Any = np.ma.empty if self._mask else np.empty
+                values = like((len(self), *chunk[name].shape[1:]), chunk[name].dtype)
+            values[first : first + len(chunk)] = chunk[name]
+            first += len(chunk)
+        return self._read(0, 0)[name] if values is None else values
+
+    def __getitem__(self, key: Any) -> Any:
+        if isinstance(key, (int, np.integer)) and not isinstance(key, (bool, np.bool_)):
+            return self._read(self._index(key), 1)[0]
+        if isinstance(key, slice):
+            return self._slice(key)
+        if isinstance(key, str):
+            return self._field(key)
+        first, behind = (key[0], key[1:]) if isinstance(key, tuple) and key else (key, ())
+        if isinstance(key, tuple) and isinstance(first, (int, np.integer)) and not isinstance(first, (bool, np.bool_)):
+            row = self._index(first)
+            return self._read(row, 1)[(0, *behind)]
+        if isinstance(key, tuple) and isinstance(first, slice):
+            return self._slice(first)[(slice(None), *behind)]
+        chosen = None if isinstance(key, tuple) and not key else self._chosen_of(first)
+        if chosen is None:
+            np.broadcast_to(self._empty(1)[:1], self.shape)[key]  # or it is numpy's error, before anything is read
+            return self._read(0, len(self))[key]
+        rows, shape = chosen
+        values = self._take(rows)
+        # The rows stand in their order: what comes behind the first axis is numpy's own work.
+        return values[(np.arange(len(rows)).reshape(shape), *behind)] if behind or len(shape) != 1 else values
+
+    def _chosen_of(self, key: Any) -> tuple[npt.NDArray[np.int64], tuple[int, ...]] | None:
+        return self._chosen(key) if isinstance(key, (list, np.ndarray)) or hasattr(key, "__array__") else None
+
+    def __array__(self, dtype: npt.DTypeLike = None) -> npt.NDArray[Any]:
+        values = self._read(0, len(self))
+        return values if dtype is None else values.astype(dtype, copy=False)
+
+    # In pieces.
+
+    def _border(self, first: int) -> int:
+        """The first row that begins at or behind the border of blocks that `first` row's threads get to."""
+        at = first * self._row.itemsize
+        for _ in range(max(self._opened.threads, 1)):
+            at = self._reader.end_of_block(at)
+        return -(-at // self._row.itemsize)
+
+    def iter_chunks(self, rows: int | None = None) -> Iterator[npt.NDArray[Any]]:
+        """Arrays of `rows` rows each, the last of those that are left; without it of as many as stand in a block, or in
+        as many blocks as there are threads. ValueError below 1."""
+        if rows is not None and operator.index(rows) < 1:
+            raise ValueError("a chunk has 1 row or more")
+        self._reader.size  # or it is closed
+        return self._chunks(rows)
+
+    def _chunks(self, rows: int | None) -> Iterator[npt.NDArray[Any]]:
+        first = 0
+        while first < len(self):
+            end = min(self._border(first) if rows is None else first + rows, len(self))
+            yield self._read(first, end - first)
+            first = end
+
+    def __iter__(self) -> Iterator[Any]:
+        for chunk in self.iter_chunks():
+            yield from chunk
+
+    def read_into(self, out: npt.NDArray[Any], first: int = 0) -> int:
+        """Fills `out` with the rows from `first` on, as many as there are and fit, and gives their count. `out`: in one
+        piece, to be written to, of this dtype and shape behind the first axis; else ValueError, as for a `first` below
+        0."""
+        if not isinstance(out, np.ndarray) or out.dtype != self.dtype or out.ndim == 0 or out.shape[1:] != self.shape[1:]:
+            raise ValueError(f"rows of {self._row} go into an array of that dtype")
+        if not out.flags.writeable or not out.flags.c_contiguous:
+            raise ValueError("rows go into an array in one piece that can be written to")
+        if operator.index(first) < 0:
+            raise ValueError("rows count from 0")
+        count = max(min(len(out), len(self) - first), 0)
+        found: Lost = []
+        self._reader.read_at(
+            first * self._row.itemsize, _bytes_of(out[:count]), found if self._mask else None
+        )
+        self._noted(found)
+        return count
+
+    def search(self, field: str | None, low: Any, high: Any) -> slice:
+        """The rows whose key is `low` or above and below `high`: rows ascend by it. `field`: that holds the keys; None:
+        the rows are keys themselves. Inflates about as many blocks as the count of blocks has binary digits, and reads
+        no row that it need not; rows[rows.search(...)] reads those that are found."""
+        self._empty(0)[field or ...]
+        first = self._bound(field, low, 0)
+        return slice(first, self._bound(field, high, first))
+
+    def _bound(self, field: str | None, key: Any, first: int) -> int:
+        end = len(self)
+        value = self._empty(1)
+        while first < end:
+            middle = (first + end) // 2
+            self._reader.read_at(middle * self._row.itemsize, _bytes_of(value))
+            if (value[0] if field is None else value[field][0]) < key:
+                first = middle + 1
+            else:
+                end = middle
+        return first
+
+    def splits(self, count: int) -> list[slice]:
+        """All rows in `count` slices or fewer, one behind the other, of about equal length: they begin where a block does
+        as far as rows allow, so that nearly no block is inflated for two of them. ValueError below 1."""
+        size = self._row.itemsize
+        ranges = self._reader.splits(operator.index(count), size)
+        return [slice(begin // size, (begin + length) // size) for begin, length in ranges]
+
+    def close(self) -> None:
+        """Lets the file go; calls under way end first. Can be repeated."""
+        self._reader.close()
+
+    def __enter__(self) -> Rows:
+        self._reader.size  # or it is closed
+        return self
+
+    def __exit__(
+        self, kind: type[BaseException] | None, value: BaseException | None, traceback: TracebackType | None
+    ) -> None:
+        self.close()
+
+    def __reduce__(self) -> Any:
+        self._reader.size  # or it is closed
+        damaged = "mask" if self._mask else "raise"
+        return Rows, (self._opened.again, self._row, damaged, self._opened.row0, self._opened.threads)
+
+
+def rows(
+    path: Source,
+    dtype: npt.DTypeLike = None,
+    *,
+    damaged: Literal["raise", "mask"] = "raise",
+    row0: int | None = None,
+    threads: int = 1,
+) -> Rows:
+    """The rows of a finished file, read on demand.
+
+    path: a path, or a seekable binary file object, which is read under a lock.
+    dtype: of a row; without it the file's own, which `orva.write` has put there. One of another itemsize than the file's
+        own is ValueError, as are rows that it does not divide, and dtypes of objects or of no bytes.
+    damaged: "raise" DamagedFileError for rows that are lost, or "mask" them: results are masked arrays then.
+    row0: where heading and rows begin in the file, if the file does not say so itself; in bytes.
+    threads: that inflate a read of several blocks, the caller's counted; 0 for one a core.
+
+    Errors: as `orva.open`.
+    """
+    return Rows(path, dtype, damaged, row0, threads)

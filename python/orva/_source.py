@@ -1,0 +1,74 @@
+"""What a file is read from: a path, or an object of Python's."""
+
+from __future__ import annotations
+
+import io
+import os
+import threading
+from typing import Any, Union
+
+from . import _orva
+
+PathLike = Union[str, "os.PathLike[str]"]
+Source = Union[str, "os.PathLike[str]", io.RawIOBase, io.BufferedIOBase]
+
+
+def path_of(path: PathLike) -> str:
+    """As the caller names it."""
+    name = os.fspath(path)
+    if not isinstance(name, str):
+        raise TypeError(f"a path is str or os.PathLike[str], not {type(path).__name__}")
+    if "\0" in name:
+        raise ValueError("embedded null character in a path")
+    return name
+
+
+def block_of(length: int | None) -> int:
+    """A block's length for the extension, whose 0 means that none was given."""
+    return 0 if length is None else length or -1
+
+
+class SourceObject:
+    """A file that is an object: one thread at a time seeks and reads. A forked child has a lock of its own, since its
+    parent's may be held by a thread that the child does not have."""
+
+    def __init__(self, file: io.RawIOBase | io.BufferedIOBase) -> None:
+        self._file = file
+        self._locks: dict[int, threading.Lock] = {}
+
+    def _lock(self) -> threading.Lock:
+        return self._locks.setdefault(os.getpid(), threading.Lock())
+
+    def size(self) -> int:
+        with self._lock():
+            return self._file.seek(0, os.SEEK_END)
+
+    def read_at(self, offset: int, to: memoryview) -> int:
+        with self._lock():
+            self._file.seek(offset)
+            got = 0
+            while got < len(to):
+                with to[got:] as rest:
+                    count = self._file.readinto(rest)
+                if count is None:
+                    raise BlockingIOError("a source has to wait for its bytes")
+                if count == 0:
+                    break
+                got += count
+            return got
+
+
+class Opened:
+    """A reader, and what opens it again in another process."""
+
+    def __init__(self, source: Source, row0: int | None, threads: int) -> None:
+        self.row0, self.threads = row0, threads
+        self.again: Any
+        if isinstance(source, (str, os.PathLike)) or not hasattr(source, "readinto"):
+            self.name = path_of(source)  # type: ignore[arg-type]  # or it is a TypeError
+            self.again = os.path.abspath(self.name)
+            self.reader = _orva.Reader(os.fsencode(self.name), row0, threads)
+        else:
+            self.name = str(getattr(source, "name", ""))
+            self.again = source
+            self.reader = _orva.Reader(SourceObject(source), row0, threads)

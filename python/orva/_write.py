@@ -1,0 +1,70 @@
+"""Arrays into files."""
+
+from __future__ import annotations
+
+import os
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+
+from . import _dtype, _orva
+from ._source import PathLike, block_of, path_of
+
+_PIECE = 4_190_208  # bytes of rows that are copied at a time where an array is in pieces
+
+
+def _rows_of(array: npt.ArrayLike) -> tuple[npt.NDArray[Any], np.dtype[Any]]:
+    """An array, and the dtype of a row of it."""
+    values = np.asarray(array)
+    if values.ndim == 0:
+        raise ValueError("an array of no axis has no rows")
+    row = _dtype.checked(values.dtype)
+    return values, row if values.ndim == 1 else _dtype.checked((row, values.shape[1:]))
+
+
+def _write(writer: _orva.Writer, values: npt.NDArray[Any], row: np.dtype[Any]) -> None:
+    step = len(values) if values.flags.c_contiguous else max(_PIECE // row.itemsize, 1)
+    for first in range(0, len(values), max(step, 1)):
+        piece = np.ascontiguousarray(values[first : first + step])
+        writer.write(piece.reshape(-1).view(np.uint8))
+    writer.finish()
+
+
+def write(
+    path: PathLike, array: npt.ArrayLike, *, threads: int = 1, level: int = 1, block: int | None = None
+) -> None:
+    """Writes an array, one row for each element of its first axis, to a new file, which replaces one of that name once
+    it is complete and on the disk. The dtype stands in it, so that `orva.rows` needs none.
+
+    threads, level, block: as for `orva.open`. Errors: OSError; ValueError for arrays of objects, of no axis or of
+    elements without bytes, and for options outside their ranges. Nothing is left then.
+    """
+    values, row = _rows_of(array)
+    name = os.fsencode(path_of(path))
+    writer = _orva.create(name, _dtype.to_dictionary(row), threads, True, level, block_of(block))
+    try:
+        _write(writer, values, row)
+    finally:
+        writer.drop()
+
+
+def append(path: PathLike, array: npt.ArrayLike, *, roll_back: bool = False) -> None:
+    """Adds rows behind those of a finished file, durably: after a crash at any instant the file can be had as it was.
+
+    roll_back: undoes first what an interrupted append has left; without it that is UnfinishedFileError. Errors: OSError
+    (FileNotFoundError, BlockingIOError while another writer is at work); ValueError for rows of another dtype than the
+    file's, or where rows of this one do not fill it. The file is as it was then.
+    """
+    values, row = _rows_of(array)
+    name = os.fsencode(path_of(path))
+    writer = _orva.append(name, None, 1, 1, 0, roll_back)  # holds others off while the dtype is looked at
+    try:
+        told = _dtype.of_file(path_of(path))
+        if told is not None and told != row:
+            raise ValueError(f'"{path_of(path)}" has rows of {told}, not of {row}')
+        if writer.size % row.itemsize != 0:
+            raise ValueError(f'"{path_of(path)}" is not filled by rows of {row}: it has {writer.size} bytes of them')
+        _write(writer, values, row)
+    finally:
+        writer.drop()

@@ -1,0 +1,27 @@
+"""Builds the extension against the liborva that pkg-config finds, and has it look for the library there."""
+
+import subprocess
+from glob import glob
+
+from pybind11.setup_helpers import Pybind11Extension
+from setuptools import setup
+
+
+def pkg_config(what: str) -> list[str]:
+    return subprocess.run(
+        ["pkg-config", what, "orva"], check=True, stdout=subprocess.PIPE, text=True
+    ).stdout.split()
+
+
+setup(
+    ext_modules=[
+        Pybind11Extension(
+            "orva._orva",
+            sorted(glob("src/*.cpp")),
+            cxx_std=20,
+            extra_compile_args=pkg_config("--cflags"),
+            extra_link_args=["-Wl,--no-as-needed", *pkg_config("--libs")],
+            runtime_library_dirs=pkg_config("--variable=libdir"),
+        )
+    ]
+)

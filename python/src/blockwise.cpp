@@ -1,0 +1,52 @@
+#include "blockwise.h"
+
+#include "signals.h"
+
+#include <algorithm>
+
+using orva::i64;
+
+void blockwise::want(i64 offset, orva::Bytes to) {
+    while (!to.empty()) {
+        if (offset >= fBlockEnd) {
+            if (fBegun == fBlocks) finish();
+            fBlockEnd = fReader.end_of_block(offset);
+            ++fBegun;
+        }
+        const auto size = std::min(to.size(), static_cast<std::size_t>(fBlockEnd - offset));
+        fRequests.push_back({offset, to.first(size)});
+        offset += static_cast<i64>(size);
+        to = to.subspan(size);
+    }
+}
+
+void blockwise::finish() {
+    if (fRequests.empty()) return;
+    if (fLost != nullptr) {
+        readAroundDamage();
+    } else {
+        fReader.read_ranges(fRequests);
+    }
+    fRequests.clear();
+    fBegun = 0;
+    checkSignals();
+}
+
+// Each round finds one more damaged block, and asks no more for its rows.
+void blockwise::readAroundDamage() {
+    while (!fRequests.empty()) {
+        try {
+            return fReader.read_ranges(fRequests);
+        } catch (const orva::DamagedFileError& damage) {
+            if (!damage.offset()) throw;
+            const i64 begin = *damage.offset();
+            const i64 end = fReader.end_of_block(begin);
+            fLost->push_back({begin, end - begin});
+            const auto sound = std::ranges::partition(fRequests, [&](const orva::ReadRequest& request) {
+                return request.offset < begin || request.offset >= end;
+            });
+            for (const orva::ReadRequest& request : sound) std::ranges::fill(request.to, std::byte());
+            fRequests.erase(sound.begin(), sound.end());
+        }
+    }
+}

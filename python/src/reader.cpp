@@ -1,0 +1,155 @@
+#include "blockwise.h"
+#include "buffer.h"
+#include "module.h"
+#include "source.h"
+
+#include <orva/reader.h>
+
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <numeric>
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace py = pybind11;
+using orva::i64;
+
+namespace {
+
+constexpr const char* kClosed = "I/O operation on closed file";
+
+// A Reader that can be closed. A call that is under way then ends with a Reader of its own.
+class closableReader {
+public:
+    closableReader(const std::string& path, std::optional<i64> row0, int threads)
+        : closableReader(threads, [&] { return orva::Reader(orva::Path(path), optionsOf(row0, threads)); }) {}
+    closableReader(const py::object& object, std::optional<i64> row0, int threads)
+        : closableReader(threads, [&, source = std::make_shared<pythonSource>(object)]() mutable {
+              return orva::Reader(std::move(source), optionsOf(row0, threads));
+          }) {}
+
+    void close() { fReader.reset(); }
+    bool isClosed() const { return !fReader; }
+    orva::Reader get() const {
+        if (!fReader) throw py::value_error(kClosed);
+        return *fReader;
+    }
+
+    std::size_t readAt(i64 offset, py::handle to, const std::optional<py::list>& lost) const {
+        const orva::Reader reader = get();
+        const heldBuffer buffer(to, heldBuffer::access::write);
+        return read(reader, offset, buffer.bytes(), lost);
+    }
+
+    py::bytes readBytes(i64 offset, i64 size) const {
+        const orva::Reader reader = get();
+        const i64 left = std::max<i64>(reader.size() - offset, 0);
+        const auto rows = py::reinterpret_steal<py::bytes>(PyBytes_FromStringAndSize(nullptr, std::min(size, left)));
+        if (!rows) throw py::error_already_set();
+        read(reader, offset,
+             std::as_writable_bytes(std::span(PyBytes_AS_STRING(rows.ptr()), PyBytes_GET_SIZE(rows.ptr()))), {});
+        return rows;
+    }
+
+    // Record rows[i] of `size` bytes into the i-th place of `to`. Nobody writes to `rows` meanwhile.
+    void take(py::handle rows, i64 size, py::handle to, const std::optional<py::list>& lost) const {
+        const orva::Reader reader = get();
+        const heldBuffer numbers(rows, heldBuffer::access::read);
+        const heldBuffer buffer(to, heldBuffer::access::write);
+        const std::span wanted(reinterpret_cast<const i64*>(numbers.bytes().data()),
+                               numbers.bytes().size() / sizeof(i64));
+        const i64 count = reader.size() / size;
+        collecting(lost, [&](std::vector<orva::Range>* found) {
+            std::vector<std::size_t> order(wanted.size());
+            std::iota(order.begin(), order.end(), 0U);
+            const auto row = [&](std::size_t i) { return wanted[i]; };
+            if (!std::ranges::is_sorted(wanted)) std::ranges::sort(order, {}, row);
+            blockwise reads(reader, fBlocks, found);
+            const auto length = static_cast<std::size_t>(size);
+            for (const std::size_t i : order) {
+                if (wanted[i] < 0 || wanted[i] >= count) throw py::index_error("there is no such row");
+                reads.want(wanted[i] * size, buffer.bytes().subspan(i * length, length));
+            }
+            reads.finish();
+        });
+    }
+
+private:
+    template <class Open>
+    closableReader(int threads, Open open)
+        : fBlocks(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency())) {
+        const py::gil_scoped_release others;
+        fReader = open();
+    }
+
+    static orva::ReaderOptions optionsOf(std::optional<i64> row0, int threads) {
+        return {.row0 = row0, .threads = threads};
+    }
+
+    // Runs `read` without the GIL; the damaged blocks that it finds are told by `lost`, where that is wanted.
+    template <class Read>
+    static void collecting(const std::optional<py::list>& lost, Read read) {
+        std::vector<orva::Range> found;
+        {
+            const py::gil_scoped_release others;
+            read(lost ? &found : nullptr);
+        }
+        for (const orva::Range& range : found) py::list(*lost).append(py::make_tuple(range.offset, range.length));
+    }
+
+    std::size_t read(const orva::Reader& reader, i64 offset, orva::Bytes to,
+                     const std::optional<py::list>& lost) const {
+        if (offset < 0) throw py::value_error("rows begin at offset 0");
+        const i64 left = std::max<i64>(reader.size() - offset, 0);
+        const orva::Bytes wanted = to.first(std::min(to.size(), static_cast<std::size_t>(left)));
+        collecting(lost, [&](std::vector<orva::Range>* found) {
+            blockwise reads(reader, fBlocks, found);
+            reads.want(offset, wanted);
+            reads.finish();
+        });
+        return wanted.size();
+    }
+
+    std::optional<orva::Reader> fReader;
+    const int fBlocks;  // at a time: one a thread
+};
+
+py::bytes dictionary(const closableReader& reader) {
+    std::vector<std::byte> bytes;
+    {
+        const orva::Reader own = reader.get();
+        const py::gil_scoped_release others;
+        bytes = own.dictionary();
+    }
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+std::vector<std::pair<i64, i64>> splits(const closableReader& reader, int count, i64 recordSize) {
+    std::vector<std::pair<i64, i64>> ranges;
+    for (const orva::Range& range : reader.get().splits(count, recordSize)) {
+        ranges.emplace_back(range.offset, range.length);
+    }
+    return ranges;
+}
+
+}  // namespace
+
+void bindReader(py::module_& module) {
+    using namespace py::literals;
+    py::class_<closableReader>(module, "Reader")
+        .def(py::init<const std::string&, std::optional<i64>, int>(), "path"_a, "row0"_a, "threads"_a)
+        .def(py::init<const py::object&, std::optional<i64>, int>(), "source"_a, "row0"_a, "threads"_a)
+        .def_property_readonly("closed", &closableReader::isClosed)
+        .def_property_readonly("size", [](const closableReader& reader) { return reader.get().size(); })
+        .def_property_readonly("row0", [](const closableReader& reader) { return reader.get().row0(); })
+        .def_property_readonly("swapped", [](const closableReader& reader) { return reader.get().swapped(); })
+        .def("dictionary", &dictionary)
+        .def("end_of_block", [](const closableReader& reader, i64 offset) { return reader.get().end_of_block(offset); })
+        .def("splits", &splits, "count"_a, "record_size"_a)
+        .def("read_at", &closableReader::readAt, "offset"_a, "to"_a, "lost"_a = py::none())
+        .def("read_bytes", &closableReader::readBytes, "offset"_a, "size"_a)
+        .def("take", &closableReader::take, "rows"_a, "size"_a, "to"_a, "lost"_a = py::none())
+        .def("close", &closableReader::close);
+}

@@ -1,0 +1,93 @@
+#include "buffer.h"
+#include "module.h"
+#include "signals.h"
+
+#include <orva/writer.h>
+
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace py = pybind11;
+using orva::i64;
+
+namespace {
+
+// A Writer that can be let go of. Its user takes care that one thread at a time calls it; a signal handler that lets go
+// in the middle of a write ends what the write has begun.
+class droppableWriter {
+public:
+    explicit droppableWriter(orva::Writer writer) : fWriter(std::make_shared<orva::Writer>(std::move(writer))) {}
+
+    void write(py::handle rows) {
+        constexpr std::size_t piece = 4'190'208;  // a block; signals act between them
+        const std::shared_ptr<orva::Writer> writer = get();
+        const heldBuffer buffer(rows, heldBuffer::access::read);
+        const py::gil_scoped_release others;
+        for (std::span<const std::byte> left = buffer.bytes(); !left.empty();) {
+            const std::size_t size = std::min(left.size(), piece);
+            writer->write(left.first(size));
+            left = left.subspan(size);
+            checkSignals();
+        }
+    }
+
+    i64 size() const { return get()->size(); }
+
+    void finish() {
+        const std::shared_ptr<orva::Writer> writer = get();
+        const py::gil_scoped_release others;
+        writer->finish();
+    }
+
+    // What is not finished is gone, threads have ended and the file is closed.
+    void drop() {
+        std::shared_ptr<orva::Writer> writer = std::move(fWriter);
+        const py::gil_scoped_release others;
+        writer.reset();
+    }
+
+private:
+    std::shared_ptr<orva::Writer> get() const {
+        if (fWriter == nullptr) throw py::value_error("I/O operation on closed file");
+        return fWriter;
+    }
+
+    std::shared_ptr<orva::Writer> fWriter;
+};
+
+std::unique_ptr<droppableWriter> create(const std::string& path, const std::string& dictionary, int threads,
+                                        bool replace, int level, i64 block) {
+    const auto text = std::as_bytes(std::span(dictionary));
+    const orva::WriterOptions options{.dictionary = {text.begin(), text.end()},
+                                      .threads = threads,
+                                      .replace = replace,
+                                      .level = level,
+                                      .block = block};
+    const py::gil_scoped_release others;
+    return std::make_unique<droppableWriter>(orva::Writer(path, options));
+}
+
+std::unique_ptr<droppableWriter> append(const std::string& path, std::optional<i64> row0, int threads, int level,
+                                        i64 block, bool rollBack) {
+    const orva::AppendOptions options{
+        .row0 = row0, .threads = threads, .level = level, .block = block, .roll_back = rollBack};
+    const py::gil_scoped_release others;
+    return std::make_unique<droppableWriter>(orva::Writer::append(path, options));
+}
+
+}  // namespace
+
+void bindWriter(py::module_& module) {
+    using namespace py::literals;
+    py::class_<droppableWriter>(module, "Writer")
+        .def_property_readonly("size", &droppableWriter::size)
+        .def("write", &droppableWriter::write)
+        .def("finish", &droppableWriter::finish)
+        .def("drop", &droppableWriter::drop);
+    module.def("create", &create, "path"_a, "dictionary"_a, "threads"_a, "replace"_a, "level"_a, "block"_a);
+    module.def("append", &append, "path"_a, "row0"_a, "threads"_a, "level"_a, "block"_a, "roll_back"_a);
+}
