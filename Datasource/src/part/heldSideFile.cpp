@@ -2,6 +2,7 @@
 
 #include "base/fileError.h"
 #include "file/namedFile.h"
+#include "format/storedBytes.h"
 
 #include <orva/errors.h>
 #include <orva/platform.h>
