@@ -5,6 +5,7 @@
 // Threads: no lock here. The caller sees to it that one thread loads it, before any other uses it.
 #pragma once
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
@@ -14,6 +15,7 @@
 #define ORVA_LIBCRYPTO ORVA_LIBCRYPTO_OF(OPENSSL_SHLIB_VERSION)
 
 struct libcrypto {
+    decltype(&::OPENSSL_init_crypto) OPENSSL_init_crypto = nullptr;
     decltype(&::RAND_bytes) RAND_bytes = nullptr;
     decltype(&::EVP_aes_256_ecb) EVP_aes_256_ecb = nullptr;
     decltype(&::EVP_CIPHER_CTX_new) EVP_CIPHER_CTX_new = nullptr;
