@@ -11,6 +11,7 @@
 #pragma once
 
 #include "base/blockBuffer.h"
+#include "format/blockTransfer.h"
 #include "format/filePosInfo.h"
 #include "part/blockRoads.h"
 #include "worker/preIOThread.h"
@@ -87,18 +88,13 @@ private:
     std::uint32_t stCurSize = 0;
 };
 
-// Two buffers, two pairs of turns, no lock:
-//   pCompressBuffer, fpCurReadPos, fpNextReadPos
-//     read thread's turn:       semReadRequest.wait       -> semCompressReady.post
-//     decompressAt's turn:      semCompressReady.wait     -> semReadRequest.post
-//   pDecompressBuffer, fpCurDecompressPos, fpNextDecompressPos
-//     decompress thread's turn: semDecompressRequest.wait -> semDecompressReady.post
-//     caller's turn:            semDecompressReady.wait   -> semDecompressRequest.post
-// T1 decompressAt runs in the turn of pDecompressBuffer's owner, so never on two threads at once.
-// T2 Each turn ends in a post, also on the throwing path. One that sets off nothing further gives its own token back.
-// T3 A failed step forgets its block; the next request is a miss, which meets the failure on the caller's thread.
-// T4 The read thread's last act is a post of semCompressReady: a decompress step that waits for a read which will not
-//    come any more reads for itself and finishes its block.
+// Two blocks, each handed over by a slot of its own (readAheadSlot.h): the read thread reads ahead for whoever
+// inflates, the decompress thread inflates ahead for the caller. T1 decompress runs in the turn of fInflated's owner,
+// so never on two threads at once. T2 It asks for the next block to be read before its own turn ends: so one block is
+// read while another is inflated. T3 A failed step forgets its block; the next request is a miss, which meets the
+// failure on the caller's thread. T4 A decompress step that waits for a read which will not come any more, since the
+// read thread has been told to stop,
+//    gets its turn from that thread's last post, reads for itself and finishes its block.
 class PreIOThread_Tri_R_D : public PreIOThreadBase {
 public:
     class newThreadForDecompress;
@@ -111,26 +107,18 @@ public:
     virtual std::int32_t decompressLoopStep();
 
 private:
-    void decompressAt(std::int64_t fpos, bool ahead);
-    void readCompressed(std::int64_t fpos, bool ahead);
-    bool hasBlock(std::int64_t fpos) const;
+    std::uint32_t decompress(std::int64_t number, bool ahead);
+    std::uint32_t readCompressed(std::int64_t number, bool ahead);
+    orva::readRoad road(bool ahead);
+    orva::blockPlace placeOf(std::int64_t number) const;
 
-    zlibCompressBlock fCompressor;  // decompressAt's
     const filePosInfo* const pPosInfo;
     ORVA_File* const pFile;
-    std::atomic<bool> bReadEnd{false};
-    std::atomic<bool> bCompressEnd{false};
-    orva::blockBuffer pCompressBuffer;
-    orva::blockBuffer pDecompressBuffer;
-    // No block has the logical position 0, so 0 is none.
-    std::int64_t fpCurReadPos = 0;
-    std::int64_t fpCurDecompressPos = 0;
-    std::int64_t fpNextReadPos = 0;
-    std::int64_t fpNextDecompressPos = 0;
-    ktSemaphore semCompressReady{1};
-    ktSemaphore semReadRequest{0};
-    ktSemaphore semDecompressReady{1};
-    ktSemaphore semDecompressRequest{0};
+    orva::readAheadSlot fCompressed;
+    orva::blockBuffer pCompressBuffer;  // in the turn of fCompressed's owner
+    orva::readAheadSlot fInflated;
+    zlibCompressBlock fCompressor;        // in the turn of fInflated's owner
+    orva::blockBuffer pDecompressBuffer;  // as well
     const std::uint32_t stBlockSize;
 };
 

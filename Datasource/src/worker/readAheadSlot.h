@@ -8,7 +8,9 @@
 // R3 A request that sets off no read-ahead (the last block, a failure) gives the token back itself and forgets the
 //    block read ahead, so a later request is a miss that is served.
 // R4 A failed read-ahead is no read-ahead: the next request is a miss, which meets the failure on the caller's thread.
-// R5 The stop request is written at any moment and seen at the thread's next wait; no request follows it.
+// R5 The stop request is written at any moment and seen at the thread's next wait, which then ends in a post of
+// nothing: a
+//    request that waits for a block asked for before is a miss that is served.
 // R6 A block that was written over since it was asked for is no hit, nor is one that ended with the file if bytes were
 //    written behind it since: noteWritten takes the caller's turn and forgets it.
 #pragma once
@@ -54,15 +56,20 @@ struct readAheadSlot {
     template <class Read>
     std::int32_t step(Read read) {
         semFilledSlot.waitSemaphore();
-        if (bStop) return 1;
+        const bool end = bStop;
+        if (!end) fill(read);
+        semEmptySlot.postSemaphore();
+        return end ? 1 : 0;
+    }
+
+    template <class Read>
+    void fill(Read read) {
         fpPreReadPos = fpNextPos;
         try {
             stCurSize = read(fpPreReadPos);
         } catch (...) {
             forget();
         }
-        semEmptySlot.postSemaphore();
-        return 0;
     }
 
     void requestStop() {
