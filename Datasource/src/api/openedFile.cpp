@@ -47,11 +47,12 @@ std::int64_t openedFile::length() const {
 }
 
 bool openedFile::read(void* to, std::uint64_t size, std::int64_t place) const {
-    return readPieces(to, size, place, [&](unsigned char* at, std::uint32_t piece, std::int64_t from) {
-        const int count = platform::readAt(fDescriptor, at, piece, from);
-        if (count < 0) throwFileError(errno, kReadFailed, fName);
-        return static_cast<std::uint32_t>(count);
-    });
+    return inPieces(static_cast<unsigned char*>(to), size, place,
+                    [&](unsigned char* at, std::uint32_t piece, std::int64_t from) {
+                        const int count = platform::readAt(fDescriptor, at, piece, from);
+                        if (count < 0) throwFileError(errno, kReadFailed, fName);
+                        return static_cast<std::uint32_t>(count);
+                    });
 }
 
 bool openedFile::isBeingWritten() const {

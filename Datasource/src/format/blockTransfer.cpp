@@ -137,14 +137,10 @@ std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::
 }
 
 void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place) {
-    const auto* from = static_cast<const unsigned char*>(bytes);
-    do {
-        const auto piece = static_cast<std::uint32_t>(std::min(size, kLongestTransfer));
-        if (file.Write(from, piece, place) != piece) throwClosed(file, kWriteFailed);
-        from += piece;
-        size -= piece;
-        place += piece;
-    } while (size != 0);
+    const bool whole = inPieces(
+        static_cast<const unsigned char*>(bytes), size, place,
+        [&](const unsigned char* from, std::uint32_t piece, std::int64_t at) { return file.Write(from, piece, at); });
+    if (!whole) throwClosed(file, kWriteFailed);
 }
 
 blockPlace placeOf(std::span<const filePosRecord> records, std::uint32_t number, std::int64_t fileEnd) {

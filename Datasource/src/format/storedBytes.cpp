@@ -25,11 +25,12 @@ std::int64_t bytesFrom::length() const {
 bool bytesFrom::read(void* to, std::uint64_t size, std::int64_t place, bool ahead) const {
     if (fFile == nullptr) return fOther->read(to, size, place);
     const auto transfer = ahead ? &ORVA_File::ReadAhead : &ORVA_File::Read;
-    return readPieces(to, size, place, [&](unsigned char* at, std::uint32_t piece, std::int64_t from) {
-        const unsigned int count = (fFile->*transfer)(at, piece, from);
-        if (count != piece && !fFile->IsOpen()) throwClosed(*fFile, kReadFailed);
-        return count;
-    });
+    return inPieces(static_cast<unsigned char*>(to), size, place,
+                    [&](unsigned char* at, std::uint32_t piece, std::int64_t from) {
+                        const unsigned int count = (fFile->*transfer)(at, piece, from);
+                        if (count != piece && !fFile->IsOpen()) throwClosed(*fFile, kReadFailed);
+                        return count;
+                    });
 }
 
 }  // namespace orva

@@ -18,13 +18,14 @@ namespace orva {
 // No file takes 2 GiB at a time, and an index can be twice as long.
 inline constexpr std::uint64_t kLongestTransfer = std::uint64_t{1} << 30;
 
-// Reads by read(to, count, place) what a file gives at a time, one piece behind the other. False once a piece is short.
-template <class Read>
-bool readPieces(void* to, std::uint64_t size, std::int64_t place, Read read) {
-    for (auto* at = static_cast<unsigned char*>(to); size != 0;) {
+// Moves by transfer(bytes, count, place) what a file takes or gives at a time, one piece behind the other. False once a
+// piece is short.
+template <class Byte, class Transfer>
+bool inPieces(Byte* bytes, std::uint64_t size, std::int64_t place, Transfer transfer) {
+    while (size != 0) {
         const auto piece = static_cast<std::uint32_t>(std::min(size, kLongestTransfer));
-        if (read(at, piece, place) != piece) return false;
-        at += piece;
+        if (transfer(bytes, piece, place) != piece) return false;
+        bytes += piece;
         size -= piece;
         place += piece;
     }

@@ -34,7 +34,7 @@ std::int32_t PreIOThread_W_C::writeLoopStep() {
     semRequest.waitSemaphore();
     const bool end = stCurSize == 0;
     try {
-        if (fFailure == nullptr && !bDropped) writeOut();
+        if (!end && fFailure == nullptr && !bDropped) writeOut();
     } catch (...) {
         fFailure = std::current_exception();
     }
@@ -43,12 +43,7 @@ std::int32_t PreIOThread_W_C::writeLoopStep() {
     return 0;
 }
 
-// The end request's empty write leaves the file's position where the last block ended, or where the first would begin.
 void PreIOThread_W_C::writeOut() {
-    if (stCurSize == 0) {
-        orva::writeAll(*pFile, pOutBuffer.get(), 0, fpWritePos);
-        return;
-    }
     fpWritePos = orva::writeBlock({*pFile, *pPosInfo, fCompressor, pOutBuffer.get(), fLevel}, pInBuffer.get(),
                                   stCurSize, fpBlockPos, fpWritePos);
     fpBlockPos += stCurSize;

@@ -72,12 +72,11 @@ void heldSideFile::make(const fileBytes& bytes) {
 void heldSideFile::fill(const fileBytes& bytes) {
     platform::fileAccess data{};
     if (platform::accessOf(fDataName.c_str(), data)) platform::giveAccess(fDescriptor, data);
-    for (std::size_t at = 0; at < bytes.size(); at += kLongestTransfer) {
-        const auto piece = static_cast<unsigned int>(std::min(bytes.size() - at, kLongestTransfer));
-        if (platform::writeAt(fDescriptor, bytes.data() + at, piece, static_cast<std::int64_t>(at)) == -1)
-            throwFileError(errno, kWriteFailed, fName);
-    }
-    if (platform::syncData(fDescriptor) != 0) throwFileError(errno, kWriteFailed, fName);
+    const auto write = [&](const unsigned char* from, std::uint32_t piece, std::int64_t place) {
+        return static_cast<std::uint32_t>(platform::writeAt(fDescriptor, from, piece, place));
+    };
+    if (!inPieces(bytes.data(), bytes.size(), 0, write) || platform::syncData(fDescriptor) != 0)
+        throwFileError(errno, kWriteFailed, fName);
 }
 
 bool heldSideFile::open() {
@@ -118,12 +117,12 @@ fileBytes heldSideFile::read(std::int64_t longest) const {
         throw DamagedFileError(fName, "size", "it is longer than \"" + fDataName + "\" could make it");
     }
     fileBytes bytes(static_cast<std::size_t>(size));
-    for (std::size_t at = 0; at < bytes.size(); at += kLongestTransfer) {
-        const auto piece = static_cast<unsigned int>(std::min(bytes.size() - at, kLongestTransfer));
-        const int count = platform::readAt(fDescriptor, bytes.data() + at, piece, static_cast<std::int64_t>(at));
+    const auto readAt = [&](unsigned char* to, std::uint32_t piece, std::int64_t place) {
+        const int count = platform::readAt(fDescriptor, to, piece, place);
         if (count == -1) throwFileError(errno, kReadFailed, fName);
-        if (static_cast<unsigned int>(count) != piece) bytes.resize(at + static_cast<unsigned int>(count));
-    }
+        return static_cast<std::uint32_t>(count);
+    };
+    if (!inPieces(bytes.data(), bytes.size(), 0, readAt)) bytes.clear();  // it is being cut
     return bytes;
 }
 

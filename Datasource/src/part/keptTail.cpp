@@ -12,26 +12,16 @@ namespace orva {
 
 namespace {
 
-constexpr std::int64_t kSideFileMark = 0x3250504156524f2e;  // ".ORVAPP2" on disk; another byte order reads otherwise
+constexpr std::int64_t kSideFileMark = sideFileHead().mark;
 constexpr std::int64_t kSummedBytes = 4096;
-
-struct sideFileHead {
-    std::int64_t mark;
-    std::int64_t row0Pos;
-    std::int64_t fileSize;
-    std::int64_t untouchedEnd;
-    std::int64_t untouchedSum;
-    rawHeading heading;
-};
 
 std::int64_t checksum(const void* bytes, std::size_t size) {
     return static_cast<std::int64_t>(crc32_z(0, static_cast<const unsigned char*>(bytes), size));
 }
 
 void append(fileBytes& bytes, const void* from, std::size_t size) {
-    const std::size_t at = bytes.size();
-    bytes.resize(at + size);
-    if (size != 0) std::memcpy(bytes.data() + at, from, size);
+    const auto* begin = static_cast<const unsigned char*>(from);
+    bytes.insert(bytes.end(), begin, begin + size);
 }
 
 // A loss of power may have cost it its first bytes and left others: then zeros stand in the place of the mark.
@@ -43,29 +33,19 @@ bool isForeign(const fileBytes& bytes) {
 }
 
 // The bytes behind the head, without the checksum at the end, are the index and then the block.
-bool takePlaces(const sideFileHead& head, fileBytes rest, keptTail& tail) {
+bool takePlaces(const fileBytes& rest, keptTail& tail) {
     const auto inside = [&](std::int64_t, std::size_t size) {
         return fileBytes(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(std::min(size, rest.size())));
     };
-    const std::optional<soundIndex> index = soundIndexOf(head.heading, head.row0Pos, head.fileSize, inside);
+    const std::optional<soundIndex> index = soundIndexOf(tail.heading, tail.row0Pos, tail.fileSize, inside);
     if (!index) return false;
-    const std::int64_t behindHeading = head.row0Pos + kHeadingSize;
+    const std::int64_t behindHeading = tail.row0Pos + kHeadingSize;
     const filePosRecord last = index->records.empty() ? filePosRecord{0, behindHeading, 0, 0} : index->records.back();
-    const std::int64_t blockSize = std::ssize(rest) - index->heading._size;
-    if (blockSize == 0 && head.untouchedEnd != last.translatePos + last.translateSize) return false;
-    if (blockSize != 0 && (head.untouchedEnd != last.translatePos || blockSize != last.translateSize)) return false;
-    tail = {head.row0Pos,
-            head.fileSize,
-            head.untouchedEnd,
-            head.untouchedSum,
-            index->heading._indexPos,
-            head.heading,
-            {},
-            {}};
+    tail.indexPos = index->heading._indexPos;
+    tail.index.assign(rest.begin(), rest.begin() + index->heading._size);
     tail.block.assign(rest.begin() + index->heading._size, rest.end());
-    rest.resize(static_cast<std::size_t>(index->heading._size));
-    tail.index = std::move(rest);
-    return true;
+    if (tail.block.empty()) return tail.untouchedEnd == last.translatePos + last.translateSize;
+    return tail.untouchedEnd == last.translatePos && std::ssize(tail.block) == last.translateSize;
 }
 
 }  // namespace
@@ -100,10 +80,8 @@ void restoreTail(ORVA_File& file, const keptTail& tail, bool durable) {
 }
 
 fileBytes serialize(const keptTail& tail) {
-    const sideFileHead head{kSideFileMark,     tail.row0Pos,      tail.fileSize,
-                            tail.untouchedEnd, tail.untouchedSum, tail.heading};
     fileBytes bytes;
-    append(bytes, &head, sizeof head);
+    append(bytes, static_cast<const sideFileHead*>(&tail), sizeof(sideFileHead));
     append(bytes, tail.index.data(), tail.index.size());
     append(bytes, tail.block.data(), tail.block.size());
     const std::int64_t sum = checksum(bytes.data(), bytes.size());
@@ -113,15 +91,14 @@ fileBytes serialize(const keptTail& tail) {
 
 sideFileState parse(const fileBytes& bytes, keptTail& tail) {
     if (isForeign(bytes)) return sideFileState::foreign;
-    sideFileHead head{};
     std::int64_t sum = 0;
-    if (bytes.size() < sizeof head + sizeof sum) return sideFileState::torn;
+    if (bytes.size() < sizeof(sideFileHead) + sizeof sum) return sideFileState::torn;
     const std::size_t summed = bytes.size() - sizeof sum;
-    std::memcpy(&head, bytes.data(), sizeof head);
+    std::memcpy(static_cast<sideFileHead*>(&tail), bytes.data(), sizeof(sideFileHead));
     std::memcpy(&sum, bytes.data() + summed, sizeof sum);
-    if (head.mark != kSideFileMark || sum != checksum(bytes.data(), summed)) return sideFileState::torn;
-    fileBytes rest(bytes.begin() + sizeof head, bytes.end() - sizeof sum);
-    return takePlaces(head, std::move(rest), tail) ? sideFileState::whole : sideFileState::torn;
+    if (tail.mark != kSideFileMark || sum != checksum(bytes.data(), summed)) return sideFileState::torn;
+    const fileBytes rest(bytes.begin() + sizeof(sideFileHead), bytes.end() - sizeof sum);
+    return takePlaces(rest, tail) ? sideFileState::whole : sideFileState::torn;
 }
 
 }  // namespace orva

@@ -17,13 +17,18 @@
 
 namespace orva {
 
-struct keptTail {
+// The side file begins with it.
+struct sideFileHead {
+    std::int64_t mark = 0x3250504156524f2e;  // ".ORVAPP2" on disk; another byte order reads otherwise
     std::int64_t row0Pos = 0;
     std::int64_t fileSize = 0;      // of the file before the append
     std::int64_t untouchedEnd = 0;  // the append overwrites nothing before this but the heading
     std::int64_t untouchedSum = 0;  // of the last bytes before it
-    std::int64_t indexPos = 0;      // as the heading tells
     rawHeading heading{};
+};
+
+struct keptTail : sideFileHead {
+    std::int64_t indexPos = 0;  // as the heading tells
     fileBytes index;
     fileBytes block;  // at untouchedEnd; none if the append rewrites none
 };

@@ -2,6 +2,7 @@
 
 #include "format/indexTransfer.h"
 
+#include <orva/blockSize.h>
 #include <orva/errors.h>
 
 #include <algorithm>
@@ -9,6 +10,16 @@
 #include <utility>
 
 namespace orva {
+
+partReader::partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const roads& taken, std::uint32_t cachedBlocks)
+    : fFile(file),
+      fHeading(
+          readHeading(file, row0Pos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"")),
+      bSwap(swap),
+      fIndex(kBlockSize, file.GetNameStr().GetGeneric()) {
+    loadIndex(file, fHeading, swap, fIndex);
+    remake(taken, cachedBlocks);
+}
 
 void partReader::endThreads() noexcept {
     fBuffer = nullptr;

@@ -1,8 +1,8 @@
 // partReader: the rows of a finished compressed part, one block in hand at a time.
 //
 // Units:   bytes; positions are logical: the first byte of rows has the row-0 position.
-// Owner:   the caller owns file and index, and keeps both as they are until the reader is gone. The reader owns the
-//          memory of its blocks and those of its threads.
+// Owner:   the caller owns the file and keeps it until the reader is gone. The reader owns the index, 24 bytes a block,
+//          the memory of its blocks and those of its threads.
 // Threads: one caller at a time. Threads of the reader's own, as `roads` says, read ahead for it.
 // Failure: FileError, DamagedFileError for a block that is not what its record says, FileChangedError where heading or
 //          index have been written since. The reader goes on serving sound blocks.
@@ -24,9 +24,8 @@ namespace orva {
 
 class partReader {
 public:
-    // `index` is parsed, and stood in the file as `heading` says; `swap`: both have the other byte order there.
-    partReader(ORVA_File& file, const filePosInfo& index, const compressionHeading& heading, bool swap)
-        : fFile(file), fIndex(index), fHeading(heading), bSwap(swap) {}
+    // Reads heading and index of the part at `row0Pos`; `swap`: both have the other byte order there.
+    partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const roads& taken, std::uint32_t cachedBlocks);
 
     // Logical position behind the rows.
     std::int64_t end() const { return fIndex.dataEnd(fHeading._caseStartPos); }
@@ -35,9 +34,9 @@ public:
     std::uint64_t read(std::int64_t& pos, unsigned char* to, std::uint64_t size);
     // The same rows where they stand, up to the end of their block; until the next call.
     std::span<const unsigned char> lend(std::int64_t& pos, std::uint64_t size);
-    // From now on blocks come by these threads; at first by none. If that throws, nothing has changed.
+    // From now on blocks come by these threads. If that throws, nothing has changed.
     void take(const roads& taken) { remake(taken, fCachedBlocks); }
-    // Keeps up to so many blocks beside the one in hand; none at first. Forgets those that it holds.
+    // Keeps up to so many blocks beside the one in hand. Forgets those that it holds.
     void keep(std::uint32_t blocks) { remake(fTaken, blocks); }
     // It goes on without threads.
     void endThreads() noexcept;
@@ -55,9 +54,9 @@ private:
     void remake(const roads& taken, std::uint32_t cachedBlocks);
 
     ORVA_File& fFile;
-    const filePosInfo& fIndex;
     const compressionHeading fHeading;
     const bool bSwap;
+    filePosInfo fIndex;
     roads fTaken;
     std::uint32_t fCachedBlocks = 0;
     std::unique_ptr<blockSource> fSource;  // none until it is needed

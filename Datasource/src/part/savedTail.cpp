@@ -67,14 +67,15 @@ fileBytes neededBytes(ORVA_File& file, std::int64_t place, std::int64_t size) {
 keptTail keptOf(ORVA_File& file, const tailPlan& plan) {
     compressionHeading heading = plan.heading;
     if (plan.swap) swapHeading(heading);
-    return {.row0Pos = plan.row0Pos,
-            .fileSize = lengthOf(file),
-            .untouchedEnd = plan.untouchedEnd,
-            .untouchedSum = untouchedSum(file, plan.row0Pos, plan.untouchedEnd).value_or(0),
-            .indexPos = plan.heading._indexPos,
-            .heading = std::bit_cast<rawHeading>(heading),
-            .index = neededBytes(file, plan.heading._indexPos, plan.heading._size),
-            .block = neededBytes(file, plan.untouchedEnd, plan.rewrittenBlock)};
+    const std::int64_t row0Pos = plan.heading._caseStartPos;
+    return {{.row0Pos = row0Pos,
+             .fileSize = lengthOf(file),
+             .untouchedEnd = plan.untouchedEnd,
+             .untouchedSum = untouchedSum(file, row0Pos, plan.untouchedEnd).value_or(0),
+             .heading = std::bit_cast<rawHeading>(heading)},
+            plan.heading._indexPos,
+            neededBytes(file, plan.heading._indexPos, plan.heading._size),
+            neededBytes(file, plan.untouchedEnd, plan.rewrittenBlock)};
 }
 
 void blotMark(ORVA_File& file, std::int64_t indexPos) {

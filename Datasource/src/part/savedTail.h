@@ -22,7 +22,6 @@ namespace orva {
 
 // What an append is about to do to a finished part.
 struct tailPlan {
-    std::int64_t row0Pos;
     std::int64_t untouchedEnd;     // where the first new block goes
     std::uint32_t rewrittenBlock;  // bytes of the old last block that stands there and is written anew, or 0
     compressionHeading heading;    // the old one, in host order

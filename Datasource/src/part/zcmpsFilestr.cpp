@@ -2,7 +2,6 @@
 // partReader's.
 #include "base/assertion.h"
 #include "base/fileError.h"
-#include "format/indexTransfer.h"
 #include "part/partReader.h"
 #include "part/partWriter.h"
 
@@ -81,8 +80,7 @@ struct zcmpsFilestr::Data {
     life fLife = life::fresh;
     std::exception_ptr fFailure;
     std::int64_t fRow0Pos = 0;
-    std::unique_ptr<filePosInfo> fpPosInfo;     // of the part that was read last
-    std::unique_ptr<orva::partReader> fReader;  // while fpPosInfo is what the stream reads by
+    std::unique_ptr<orva::partReader> fReader;
     std::unique_ptr<orva::partWriter> fWriter;  // while writing, and only then
 };
 
@@ -233,15 +231,7 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
     try {
         d.dropWriter();
         refuseEncrypted(kReadFailed);
-        const compressionHeading chInfo = orva::readHeading(
-            d.pRealFile, posofpos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
-        auto index = std::make_unique<filePosInfo>(kBlockSize, GetNameStr().GetGeneric());
-        orva::loadIndex(d.pRealFile, chInfo, swap, *index);
-        auto reader = std::make_unique<orva::partReader>(d.pRealFile, *index, chInfo, swap);
-        reader->keep(d.fCachedBlocks);
-        reader->take(d.fRoads);
-        d.fReader = std::move(reader);
-        d.fpPosInfo = std::move(index);
+        d.fReader = std::make_unique<orva::partReader>(d.pRealFile, posofpos, swap, d.fRoads, d.fCachedBlocks);
         d.fRow0Pos = posofpos;
         if (d.fLife != life::failed) d.become(life::reading);
     } catch (...) {

@@ -1,5 +1,4 @@
 // Rebuilding a finished file from a damaged or unfinished one.
-#include "base/blockBuffer.h"
 #include "base/fileError.h"
 #include "file/namedFile.h"
 #include "recovery/partSurvey.h"
@@ -20,26 +19,25 @@ namespace orva {
 namespace {
 
 // Its holes stay holes.
-void copyDictionary(ORVA_File& from, ORVA_FileStream& to, std::int64_t size) {
+void copyDictionary(ORVA_File& from, ORVA_File& to, std::int64_t size) {
     constexpr std::int64_t most = 1 << 16;
-    blockBuffer buffer(most);
     for (std::int64_t at = from.nextStored(0); at < size; at = from.nextStored(at)) {
-        const auto piece = static_cast<std::uint32_t>(std::min(size - at, most));
-        const std::uint32_t count = from.Read(buffer.get(), piece, at);
-        to.Seek(at, ORVA_StrBaseIO::SeekFromStart);
-        to.Write(buffer.get(), count);
-        if (count < piece) throw DamagedFileError(from.GetNameStr().GetGeneric(), "ret == size", "it ends too soon");
-        at += count;
+        const std::int64_t piece = std::min(size - at, most);
+        if (to.CopyFrom(from, at, piece, at) < piece)
+            throw DamagedFileError(from.GetNameStr().GetGeneric(), "ret == size", "it ends too soon");
+        at += piece;
     }
 }
 
 // Never in place: opening the output for writing would empty the input.
-void makeOutput(const std::string& input, const std::string& output) {
-    if (platform::sameFile(input.c_str(), output.c_str())) {
+void makeOutput(ORVA_File& input, const std::string& output, std::int64_t dictionarySize) {
+    if (platform::sameFile(input.GetNameStr().GetGeneric().c_str(), output.c_str())) {
         throwFileError(EINVAL, kWriteFailed, output, "recovered rows go to another file than the damaged one");
     }
     ORVA_File file;
     openOrThrow(file, output, "w+b", kWriteFailed);
+    copyDictionary(input, file, dictionarySize);
+    file.Close();
 }
 
 // Writes the rows of a survey, one after the other, and keeps the account of them.
@@ -84,10 +82,8 @@ private:
 
 void writeRecovered(partSurvey& survey, ORVA_File& input, const std::string& output, recoverReport& report,
                     bool dropLost) {
-    makeOutput(input.GetNameStr().GetGeneric(), output);
-    ORVA_FileStream file(output.c_str(), "r+b");
-    copyDictionary(input, file, report.part.row0Pos);
-    zcmpsFilestr rows(file);
+    makeOutput(input, output, report.part.row0Pos);
+    zcmpsFilestr rows(ORVA_FileStream(output.c_str(), "r+b"));
     rows.setRow0Pos(report.part.row0Pos);
     rows.Seek(report.part.row0Pos, ORVA_StrBaseIO::SeekFromStart);
     try {
