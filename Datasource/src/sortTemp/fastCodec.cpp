@@ -31,7 +31,7 @@ thread_local bool tEnded = false;
 struct threadEngines {
     const std::unique_ptr<deflateState> deflating{new (std::nothrow) deflateState};
     const std::unique_ptr<libdeflate_decompressor, freeDecompressor> inflating{libdeflate_alloc_decompressor()};
-    // By level. Made when first used: the highest ones take 9 MB. ISA-L has the first one; 0 only stores.
+    // By libdeflate's levels. Made when first used: the highest ones take 9 MB. 0 only stores.
     std::unique_ptr<libdeflate_compressor, freeCompressor> compressing[kBestFastLevel + 1];
     ~threadEngines() { tEnded = true; }
 };
@@ -86,7 +86,7 @@ constexpr std::uint32_t kStreamEnds = 2 + 4 + 10;  // zlib's header and checksum
 
 std::optional<fastResult> fastDeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
                                       unsigned char* to, std::uint32_t room) noexcept {
-    if (level > 1) return byLibdeflate(level, from, size, to, room);
+    if (level > 1) return byLibdeflate(level == 2 ? 1 : level, from, size, to, room);
     const threadEngines* engines = ownEngines();
     if (engines == nullptr || engines->deflating == nullptr) return std::nullopt;
     isal_zstream& stream = engines->deflating->stream;

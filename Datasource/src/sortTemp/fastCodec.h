@@ -3,9 +3,9 @@
 // They answer only when they end in a whole stream that fits. In every other case (no room, damaged input, no memory)
 // they give nothing, and zlib's road answers, so that results, counts and failures are zlib's.
 //
+// Levels:  1 is ISA-L's, 2 libdeflate's first one, and from 3 on they are libdeflate's own.
 // Threads: any; each thread keeps the engines' state that it has used until it ends: 700 KB, for a level above the
-// first
-//          as much again, from 10 on 9 MB.
+//          first as much again, from 10 on 9 MB.
 #pragma once
 
 #include <cstdint>
