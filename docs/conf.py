@@ -15,6 +15,8 @@ extensions = ["myst_parser"]
 myst_heading_anchors = 3
 html_theme = "furo"
 html_title = f"orva {release}"
+html_static_path = ["_static"]
+html_css_files = ["orva.css"]
 html_copy_source = False
 html_show_sphinx = False
 
@@ -42,7 +44,9 @@ def make_pages(app: object) -> None:
     manual = subprocess.run(
         ["mandoc", "-T", "html", "-O", "fragment", here / "orva.1"], check=True, capture_output=True, text=True
     ).stdout
-    (made / "orva.1.html").write_text(manual[manual.index("<div class=") : manual.index('<table class="foot"')])
+    body = manual[manual.index("<div class=") : manual.index('<table class="foot"')]
+    heading = re.compile(r'<h1 class="Sh" id="([^"]*)"><a[^>]*>([^<]*)</a></h1>')
+    (made / "orva.1.html").write_text(heading.sub(lambda h: f'<h2 id="{h[1]}">{h[2].capitalize()}</h2>', body))
     for header in HEADERS:
         source = top / "Datasource/src" / header
         (made / f"{source.stem}.md").write_text(page_of(source))
