@@ -1,10 +1,13 @@
 // Looking into a file: finding its part, opening heading and index, verifying every block; and reading and seeking in
 // it, on every road and by place. Held against a second reader: both take the same files and call the same blocks
 // sound. Each read gives what the other one gives, byte for byte, or DamagedFileError where that one meets damage; the
-// stream stays usable for the rest.
+// stream stays usable for the rest. And joining it to itself.
 #include "fuzzTarget.h"
 
+#include <orva/files.h>
 #include <orva/reader.h>
+
+#include <array>
 
 using namespace fuzz;
 
@@ -68,6 +71,33 @@ void readByPlace(const Input& in, FuzzedDataProvider& steps) {
     }
 }
 
+Bytes allRows(const orva::Reader& reader) {
+    Bytes rows(static_cast<std::size_t>(reader.size()));
+    rows.resize(reader.read_at(0, std::as_writable_bytes(std::span(rows))));
+    return rows;
+}
+
+void joinTwice(const std::string& name) {
+    const std::string to = pathOf("joined");
+    std::filesystem::remove(to);
+    const std::array<orva::Path, 2> from{name, name};
+    const bool joined = soundFor<orva::Error>([&] { orva::join(from, to, {.durable = false}); });
+    require(joined == std::filesystem::exists(to), "a join makes a whole file or none");
+    bool sound = false;
+    soundFor<orva::Error>([&] { sound = orva::verify(name).sound(); });
+    require(joined || !sound, "what is sound can be joined");
+    if (!joined) return;
+    const orva::Reader once(name);
+    const orva::Reader twice(to);
+    require(twice.size() == 2 * once.size() && orva::verify(to).sound() == sound,
+            "as many rows of each, as sound as they were");
+    if (!sound) return;
+    const Bytes rows = allRows(once);
+    const Bytes both = allRows(twice);
+    require(std::equal(rows.begin(), rows.end(), both.begin()) && std::equal(rows.rbegin(), rows.rend(), both.rbegin()),
+            "the rows of one behind those of the other");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -77,7 +107,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (found) opens(in, *found);
     const bool opened = opens(in, {kRow0, in.swap});
     require(!opened || found, "a part that opens is found, or another one before it");
-    if (in.steps.ConsumeBool()) {
+    const int way = in.steps.ConsumeIntegralInRange(0, 7);
+    if (way == 0) joinTwice(in.name);
+    if (way < 4) {
         readByPlace(in, in.steps);
         return 0;
     }
