@@ -40,7 +40,14 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     const auto stop = [](i64, i64) { throw std::domain_error("enough"); };
     EXPECT_THROW(orva::verify(name, {.progress = stop}), std::domain_error);
 
-    const orva::RecoverReport saved = orva::recover(name, path("saved"));
+    EXPECT_THROW(orva::recover(name, path("none"), {.progress = stop}), std::domain_error);
+    std::vector<i64> told;
+    const orva::RecoverReport saved = orva::recover(name, path("saved"), {.progress = [&](i64 done, i64 total) {
+                                                        told.push_back(done);
+                                                        last = total;
+                                                    }});
+    EXPECT_TRUE(std::ranges::is_sorted(told));
+    EXPECT_EQ(told.back(), last);
     EXPECT_EQ(saved.blocks, 2);
     ASSERT_FALSE(saved.lost.empty());
     EXPECT_EQ(saved.lost[0].rows, blocks[1].rows);

@@ -180,12 +180,12 @@ std::optional<foundPart> toldPart(const Path& path, const std::string& place, st
 
 RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& options) {
     const std::string place = fullName(from);
-    const recoverOptions told{translated(
-                                  from, [&] { return toldPart(from, place, options.row0); }, place),
-                              options.committed, options.drop_lost};
+    recoverOptions how{translated(
+                           from, [&] { return toldPart(from, place, options.row0); }, place),
+                       options.committed, options.drop_lost};
+    if (options.progress) how.tell = [&](i64 done, i64 total) { told(options.progress, done, total); };
     const recoverReport found = made(to, options.replace, options.durable, [&](const std::string& output) {
-        return translated(
-            from, [&] { return recover(place, output, told); }, place);
+        return blaming({&from, 1}, [&] { return recover(place, output, how); });
     });
     RecoverReport report{found.blocks, found.rows, {}};
     for (const lostRange& lost : found.lost) {

@@ -66,6 +66,7 @@ struct RecoverOptions {
     bool drop_lost = false;  // closes gaps; else zeros stand in the place of lost rows, so that offsets stay
     bool durable = true;
     bool replace = false;
+    Progress progress{};  // of going through the file twice
 };
 
 struct LostRows {

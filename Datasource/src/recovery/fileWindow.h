@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <utility>
 
@@ -22,6 +23,8 @@ public:
     explicit fileWindow(ORVA_File& file) : fFile(file), fFileSize(lengthOf(file)), fBytes(kSize) {}
 
     std::int64_t fileSize() const { return fFileSize; }
+    // `moved` is called with each place that it moves to; what it throws comes out of find().
+    void onMove(std::function<void(std::int64_t)> moved) { fMoved = std::move(moved); }
 
     // The first place from `from` on, where `size` bytes end at `end` at the latest, that `isIt(place, bytes, count)`
     // takes. It is shown the bytes from there to the window's end, `size` or more.
@@ -54,6 +57,7 @@ private:
     std::int64_t moveTo(std::int64_t at, std::uint32_t size) {
         const std::int64_t next = std::min(fFile.nextStored(at), fFileSize);
         fAt = std::max(at, next - size + 1);
+        if (fMoved) fMoved(fAt);
         fPassed += fAt - at;
         fCount = fFile.Read(fBytes.get(), kSize, fAt);
         fRead += fCount;
@@ -63,6 +67,7 @@ private:
     ORVA_File& fFile;
     const std::int64_t fFileSize;
     blockBuffer fBytes;
+    std::function<void(std::int64_t)> fMoved;
     std::int64_t fAt = 0;
     std::int64_t fCount = 0;
     std::int64_t fRead = 0;

@@ -14,6 +14,7 @@
 #include <orva/sideFile.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -88,6 +89,8 @@ struct recoverOptions {
     std::optional<foundPart> part;  // where the compressed part begins, if the caller knows it
     bool onlyCommitted = false;     // nothing that an interrupted append has added behind the old index
     bool dropLost = false;          // close the gaps instead of filling them with zeros
+    // Called now and then with what is done of `total`: the file is gone through twice. What it throws ends the work.
+    std::function<void(std::int64_t done, std::int64_t total)> tell{};
 };
 
 // A range of logical positions whose rows are lost.

@@ -53,6 +53,8 @@ partSurvey::partSurvey(ORVA_File& file)
     : fFile(file), fWindow(file), fLimit(fWindow.fileSize()), fCompressed(kBlockSize), fRows(kBlockSize) {}
 
 bool partSurvey::run(const recoverOptions& options) {
+    fTell = options.tell;
+    fWindow.onMove([this](std::int64_t place) { tell(place, false); });
     const std::optional<foundPart> found = locate(options);
     if (!found) return false;
     part = *found;
@@ -90,6 +92,7 @@ void partSurvey::takeHeading() {
 void partSurvey::walk() {
     fPlace = fNextPlace = part.row0Pos + kHeadingSize;
     while (fPlace < fWindow.fileSize() && !allSeen()) {
+        tell(fPlace, false);
         if (const std::optional<stream> found = streamAt(fPlace, fPatience)) {
             takeBlock(*found);
         } else if (!bridge()) {
@@ -318,6 +321,14 @@ std::optional<std::int64_t> partSurvey::nextStream(std::int64_t from, std::int64
         return glance.consumed == count && streamAt(place, fPatience).has_value();
     };
     return fWindow.find(from, end, 2, isStream);
+}
+
+// An index may send the walk back, which takes nothing from what was done.
+void partSurvey::tell(std::int64_t place, bool again) {
+    if (!fTell) return;
+    const std::int64_t size = fWindow.fileSize();
+    fDone = std::max(fDone, std::min(place, size) + (again ? size : 0));
+    fTell(fDone, 2 * size);
 }
 
 const unsigned char* partSurvey::rowsOf(const surveySegment& segment) {

@@ -20,6 +20,7 @@
 #include <orva/zlibCompress.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -34,6 +35,9 @@ public:
     bool run(const recoverOptions& options);
     // Inflates the segment's block: its rows, valid until the next call; null when it cannot be.
     const unsigned char* rowsOf(const surveySegment& segment);
+    // For the `tell` that run() was given: what is done up to this place in the file, `again`: of going through it
+    // for the rows.
+    void tell(std::int64_t place, bool again);
 
     foundPart part{};
     bool hadHeading = false;
@@ -79,6 +83,8 @@ private:
     std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end);
 
     ORVA_File& fFile;
+    std::function<void(std::int64_t done, std::int64_t total)> fTell;
+    std::int64_t fDone = 0;
     fileWindow fWindow;
     compressionHeading fHeading{};
     std::optional<std::int64_t> fCount;  // blocks that the heading vouches for

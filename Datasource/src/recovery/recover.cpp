@@ -48,6 +48,7 @@ public:
 
     // `trailing`: no rows come behind it, so a guess at its size would move no position, and is not filled in.
     void take(const surveySegment& segment, bool trailing) {
+        fSurvey.tell(segment.place, true);
         const unsigned char* rows = segment.length == 0 ? nullptr : fSurvey.rowsOf(segment);
         if (rows != nullptr) {
             fOutput.Write(rows, static_cast<std::uint32_t>(segment.size));
@@ -66,6 +67,7 @@ private:
         if (drop) return;
         if (!fZeros) fZeros = std::make_unique<unsigned char[]>(kBlockSize);
         for (std::int64_t left = segment.size; left > 0;) {
+            fSurvey.tell(segment.place, true);
             const auto piece = static_cast<std::uint32_t>(std::min<std::int64_t>(left, kBlockSize));
             fOutput.Write(fZeros.get(), piece);
             left -= piece;
@@ -89,6 +91,7 @@ void writeRecovered(partSurvey& survey, ORVA_File& input, const std::string& out
     try {
         rowWriter writer(survey, rows, report, dropLost);
         for (const surveySegment& segment : survey.segments) writer.take(segment, &segment == &survey.segments.back());
+        survey.tell(input.Size(), true);
         rows.Close();
     } catch (...) {
         rows.abandon();
