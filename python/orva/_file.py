@@ -123,14 +123,15 @@ class File(io.RawIOBase):
 
     def readinto(self, buffer: Any) -> int:
         """Fills `buffer` and gives the count of bytes, which is less only where the rows end."""
-        got = self._reader("read").read_at(self._pos, buffer)
+        reader = self._reader("read")
+        got = reader.read_at(min(self._pos, reader.size), buffer)
         self._pos += got
         return got
 
     def read(self, size: int | None = -1) -> bytes:
         reader = self._reader("read")
         left = max(reader.size - self._pos, 0)
-        rows = reader.read_bytes(self._pos, left if size is None or size < 0 else min(size, left))
+        rows = reader.read_bytes(min(self._pos, reader.size), left if size is None or size < 0 else min(size, left))
         self._pos += len(rows)
         return rows
 
@@ -140,9 +141,8 @@ class File(io.RawIOBase):
     def write(self, rows: Any) -> int:
         """Takes all bytes of `rows`, and gives their count."""
         writer = self._writer("write")
-        with memoryview(rows) as view, self._lock:
-            writer.write(view)
-            return view.nbytes
+        with self._lock:
+            return writer.write(rows)
 
     def truncate(self, size: int | None = None) -> NoReturn:
         self._open()

@@ -108,13 +108,14 @@ def recover(
     committed: bool = False,
     drop_lost: bool = False,
     replace: bool = False,
+    progress: Progress = None,
 ) -> RecoverReport:
     """Writes what can be read of a damaged or unfinished file into the new file `target`; `source` stays as it is.
 
     committed: without what an interrupted append has added. drop_lost: closes gaps, where zeros stand otherwise.
     replace: a file that has the name, else FileExistsError. DamagedFileError if not one block can be found.
     """
-    blocks, size, lost = _orva.recover(_name(source), _name(target), row0, committed, drop_lost, True, replace)
+    blocks, size, lost = _orva.recover(_name(source), _name(target), row0, committed, drop_lost, replace, progress)
     return RecoverReport(blocks, size, [LostRows(Range(*rows), *rest) for rows, *rest in lost])
 
 
@@ -129,4 +130,4 @@ def join(
 ) -> JoinReport:
     """The rows of finished files, one behind the other, in the new file `target`, which keeps the first one's dtype.
     Blocks are copied as they stand. ValueError for no file, and if `target` is one of them."""
-    return JoinReport(*_orva.join([_name(path) for path in sources], _name(target), True, replace, progress))
+    return JoinReport(*_orva.join([_name(path) for path in sources], _name(target), replace, progress))

@@ -30,6 +30,10 @@ def _merged(ranges: Lost) -> Lost:
     return merged
 
 
+def _is_int(key: Any) -> bool:
+    return isinstance(key, (int, np.integer)) and not isinstance(key, (bool, np.bool_))
+
+
 class Rows:
     """The rows of a file as an array of one axis, or of more where rows are arrays themselves; `orva.rows` gives it.
 
@@ -156,10 +160,12 @@ class Rows:
             return self._read(rows[-1], len(rows))[::-1]
         return self._take(np.arange(first, end, step, dtype=np.int64))
 
-    def _chosen(self, key: Any) -> tuple[npt.NDArray[np.int64], tuple[int, ...]] | None:
-        """Row numbers and their shape, for a key of ints or bools; None for any that is neither."""
+    def _chosen(self, key: Any) -> npt.NDArray[np.int64] | None:
+        """Row numbers, for a key of ints or bools; None for any that is neither."""
+        if not isinstance(key, list) and not hasattr(key, "__array__"):
+            return None
         wanted = np.asarray(key)
-        if wanted.size == 0 and not isinstance(key, (np.ndarray, np.generic)):
+        if wanted.size == 0 and isinstance(key, list):
             wanted = wanted.astype(np.int64)
         if wanted.dtype.kind == "b" and wanted.ndim == 1:
             if len(wanted) != len(self):
@@ -167,15 +173,13 @@ class Rows:
                     "boolean index did not match indexed array along dimension 0; "
                     f"dimension is {len(self)} but corresponding boolean dimension is {len(wanted)}"
                 )
-            rows = np.flatnonzero(wanted).astype(np.int64)
-            return rows, rows.shape
+            return np.flatnonzero(wanted)
         if wanted.dtype.kind not in "iu":
             return None
         outside = (wanted < -len(self)) | (wanted >= len(self))
         if outside.any():
             raise IndexError(f"index {wanted[outside][0]} is out of bounds for axis 0 with size {len(self)}")
-        rows = wanted.astype(np.int64).reshape(-1)
-        return np.where(rows < 0, rows + len(self), rows), wanted.shape
+        return np.where(wanted < 0, wanted.astype(np.int64) + len(self), wanted.astype(np.int64))
 
     def _field(self, name: str) -> npt.NDArray[Any]:
         """Copied out a piece at a time, so that nobody needs memory for the other fields."""
@@ -191,29 +195,24 @@ class Rows:
         return self._read(0, 0)[name] if values is None else values
 
     def __getitem__(self, key: Any) -> Any:
-        if isinstance(key, (int, np.integer)) and not isinstance(key, (bool, np.bool_)):
-            return self._read(self._index(key), 1)[0]
-        if isinstance(key, slice):
-            return self._slice(key)
         if isinstance(key, str):
             return self._field(key)
-        first, behind = (key[0], key[1:]) if isinstance(key, tuple) and key else (key, ())
-        if isinstance(key, tuple) and isinstance(first, (int, np.integer)) and not isinstance(first, (bool, np.bool_)):
-            row = self._index(first)
-            return self._read(row, 1)[(0, *behind)]
-        if isinstance(key, tuple) and isinstance(first, slice):
-            return self._slice(first)[(slice(None), *behind)]
-        chosen = None if isinstance(key, tuple) and not key else self._chosen_of(first)
-        if chosen is None:
+        first, *behind = key if isinstance(key, tuple) and key else (key,)
+        here: Any = 0
+        if _is_int(first):
+            values = self._read(self._index(first), 1)
+        elif isinstance(first, slice):
+            values, here = self._slice(first), slice(None)
+        elif (chosen := self._chosen(first)) is not None:
+            values = self._take(chosen.reshape(-1))
+            here = np.arange(chosen.size).reshape(chosen.shape)
+            if not behind and chosen.ndim == 1:
+                return values
+        else:
             np.broadcast_to(self._empty(1)[:1], self.shape)[key]  # or it is numpy's error, before anything is read
             return self._read(0, len(self))[key]
-        rows, shape = chosen
-        values = self._take(rows)
-        # The rows stand in their order: what comes behind the first axis is numpy's own work.
-        return values[(np.arange(len(rows)).reshape(shape), *behind)] if behind or len(shape) != 1 else values
-
-    def _chosen_of(self, key: Any) -> tuple[npt.NDArray[np.int64], tuple[int, ...]] | None:
-        return self._chosen(key) if isinstance(key, (list, np.ndarray)) or hasattr(key, "__array__") else None
+        # The rows stand in the order that was asked for; what comes behind the first axis is numpy's own work.
+        return values if isinstance(key, slice) else values[(here, *behind)]
 
     def __array__(self, dtype: npt.DTypeLike = None) -> npt.NDArray[Any]:
         values = self._read(0, len(self))
@@ -233,7 +232,7 @@ class Rows:
         as many blocks as there are threads. ValueError below 1."""
         if rows is not None and operator.index(rows) < 1:
             raise ValueError("a chunk has 1 row or more")
-        self._reader.size  # or it is closed
+        self._open()
         return self._chunks(rows)
 
     def _chunks(self, rows: int | None) -> Iterator[npt.NDArray[Any]]:
@@ -270,20 +269,24 @@ class Rows:
         the rows are keys themselves. Inflates about as many blocks as the count of blocks has binary digits, and reads
         no row that it need not; rows[rows.search(...)] reads those that are found."""
         self._empty(0)[field or ...]
-        first = self._bound(field, low, 0)
-        return slice(first, self._bound(field, high, first))
-
-    def _bound(self, field: str | None, key: Any, first: int) -> int:
-        end = len(self)
         value = self._empty(1)
-        while first < end:
-            middle = (first + end) // 2
-            self._reader.read_at(middle * self._row.itemsize, _bytes_of(value))
-            if (value[0] if field is None else value[field][0]) < key:
-                first = middle + 1
-            else:
-                end = middle
-        return first
+
+        def is_below(row: int, key: Any) -> bool:
+            self._reader.read_at(row * self._row.itemsize, _bytes_of(value))
+            return bool((value[0] if field is None else value[field][0]) < key)
+
+        def bound(key: Any, first: int, end: int) -> int:
+            while first < end:
+                middle = (first + end) // 2
+                first, end = (middle + 1, end) if is_below(middle, key) else (first, middle)
+            return first
+
+        first = bound(low, 0, len(self))
+        # The other end is near, as a rule, and so in the same block or the next ones.
+        near, step = first, 1
+        while near + step < len(self) and is_below(near + step, high):
+            near, step = near + step, 2 * step
+        return slice(first, bound(high, near, min(near + step, len(self))))
 
     def splits(self, count: int) -> list[slice]:
         """All rows in `count` slices or fewer, one behind the other, of about equal length: they begin where a block does
@@ -292,12 +295,16 @@ class Rows:
         ranges = self._reader.splits(operator.index(count), size)
         return [slice(begin // size, (begin + length) // size) for begin, length in ranges]
 
+    def _open(self) -> None:
+        if self._reader.closed:
+            raise ValueError("I/O operation on closed file")
+
     def close(self) -> None:
         """Lets the file go; calls under way end first. Can be repeated."""
         self._reader.close()
 
     def __enter__(self) -> Rows:
-        self._reader.size  # or it is closed
+        self._open()
         return self
 
     def __exit__(
@@ -306,7 +313,7 @@ class Rows:
         self.close()
 
     def __reduce__(self) -> Any:
-        self._reader.size  # or it is closed
+        self._open()
         damaged = "mask" if self._mask else "raise"
         return Rows, (self._opened.again, self._row, damaged, self._opened.row0, self._opened.threads)
 

@@ -69,7 +69,7 @@ py::tuple verify(const std::string& path, std::optional<i64> row0, int threads,
     orva::VerifyReport found;
     {
         const py::gil_scoped_release others;
-        found = orva::verify(path, {row0, threads, report.progress()});
+        found = orva::verify(path, {.row0 = row0, .threads = threads, .progress = report.progress()});
     }
     py::list bad;
     for (const orva::BadBlock& block : found.bad) {
@@ -79,11 +79,17 @@ py::tuple verify(const std::string& path, std::optional<i64> row0, int threads,
 }
 
 py::tuple recover(const std::string& from, const std::string& to, std::optional<i64> row0, bool committed,
-                  bool dropLost, bool durable, bool replace) {
+                  bool dropLost, bool replace, const std::optional<py::function>& progress) {
+    const reporter report(progress);
     orva::RecoverReport found;
     {
         const py::gil_scoped_release others;
-        found = orva::recover(from, to, {row0, committed, dropLost, durable, replace});
+        found = orva::recover(from, to,
+                              {.row0 = row0,
+                               .committed = committed,
+                               .drop_lost = dropLost,
+                               .replace = replace,
+                               .progress = report.progress()});
     }
     py::list lost;
     for (const orva::LostRows& rows : found.lost) {
@@ -106,14 +112,14 @@ const char* rollBack(const std::string& path) {
     }
 }
 
-py::tuple join(const std::vector<std::string>& from, const std::string& to, bool durable, bool replace,
+py::tuple join(const std::vector<std::string>& from, const std::string& to, bool replace,
                const std::optional<py::function>& progress) {
     const reporter report(progress);
     const std::vector<orva::Path> paths(from.begin(), from.end());
     orva::JoinReport found;
     {
         const py::gil_scoped_release others;
-        found = orva::join(paths, to, {.durable = durable, .replace = replace, .progress = report.progress()});
+        found = orva::join(paths, to, {.replace = replace, .progress = report.progress()});
     }
     return py::make_tuple(found.blocks, found.size);
 }
@@ -124,8 +130,8 @@ void bindFiles(py::module_& module) {
     using namespace py::literals;
     module.def("info", &info, "path"_a, "row0"_a);
     module.def("verify", &verify, "path"_a, "row0"_a, "threads"_a, "progress"_a);
-    module.def("recover", &recover, "source"_a, "target"_a, "row0"_a, "committed"_a, "drop_lost"_a, "durable"_a,
-               "replace"_a);
+    module.def("recover", &recover, "source"_a, "target"_a, "row0"_a, "committed"_a, "drop_lost"_a, "replace"_a,
+               "progress"_a);
     module.def("roll_back", &rollBack, "path"_a);
-    module.def("join", &join, "sources"_a, "target"_a, "durable"_a, "replace"_a, "progress"_a);
+    module.def("join", &join, "sources"_a, "target"_a, "replace"_a, "progress"_a);
 }

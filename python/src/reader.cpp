@@ -85,7 +85,8 @@ private:
     }
 
     static orva::ReaderOptions optionsOf(std::optional<i64> row0, int threads) {
-        return {.row0 = row0, .threads = threads};
+        // Two blocks: a search that ends at the border of two looks into them by turns.
+        return {.row0 = row0, .threads = threads, .cached_blocks = 2};
     }
 
     // Runs `read` without the GIL; the damaged blocks that it finds are told by `lost`, where that is wanted.

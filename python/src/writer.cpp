@@ -22,7 +22,8 @@ class droppableWriter {
 public:
     explicit droppableWriter(orva::Writer writer) : fWriter(std::make_shared<orva::Writer>(std::move(writer))) {}
 
-    void write(py::handle rows) {
+    // Gives the count of bytes.
+    std::size_t write(py::handle rows) {
         constexpr std::size_t piece = 4'190'208;  // a block; signals act between them
         const std::shared_ptr<orva::Writer> writer = get();
         const heldBuffer buffer(rows, heldBuffer::access::read);
@@ -33,6 +34,7 @@ public:
             left = left.subspan(size);
             checkSignals();
         }
+        return buffer.bytes().size();
     }
 
     i64 size() const { return get()->size(); }

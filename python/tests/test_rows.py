@@ -1,35 +1,15 @@
 """orva.rows against numpy's own arrays, and orva.write, append and to_frame."""
 
+import io
 import os
 from pathlib import Path
 from typing import Any
 
 import numpy as np
 import pytest
+from conftest import BLOCK, DAMAGED, ROWS, TRADE, trades
 
 import orva
-
-TRADE = np.dtype([("time", "<i8"), ("price", "<f8"), ("flags", "u1", (3,)), ("name", "S2")])  # 21 bytes
-BLOCK = 65_536
-
-
-def trades(count: int) -> Any:
-    rows = np.zeros(count, TRADE)
-    rows["time"] = np.arange(count)
-    rows["price"] = np.random.default_rng(1).normal(size=count)
-    rows["name"] = b"ab"
-    return rows
-
-
-ROWS = trades(20_000)  # seven blocks, whose borders lie in rows
-
-
-@pytest.fixture(scope="module")
-def path(tmp_path_factory: pytest.TempPathFactory) -> str:
-    name = str(tmp_path_factory.mktemp("rows") / "trades.orva")
-    orva.write(name, ROWS, block=BLOCK)
-    return name
-
 
 KEYS = {
     "first": 0,
@@ -43,6 +23,7 @@ KEYS = {
     "behind the end": slice(19_990, 30_000),
     "unsorted, negative, twice": [5, -1, 19_999, 5, 3_120],
     "unsigned": np.array([3, 2], np.uint16),
+    "array of no axis": np.array(3),
     "no ints": [],
     "ints of two axes": np.arange(6).reshape(2, 3) * 3_000,
     "bools": ROWS["time"] % 777 == 3,
@@ -75,13 +56,142 @@ def outcome(array: Any, key: Any) -> Any:
         return type(error), str(error)
 
 
-@pytest.mark.parametrize("key", KEYS.values(), ids=KEYS)
-def test_keys_are_numpys(path: str, key: Any) -> None:
-    with orva.rows(path) as rows:
-        got, wanted = outcome(rows, key), outcome(ROWS, key)
+def check_same(rows: Any, array: Any, key: Any) -> None:
+    got, wanted = outcome(rows, key), outcome(array, key)
     assert type(got) is type(wanted)
     if isinstance(wanted, tuple):
         assert got == wanted
     else:
         assert got.dtype == wanted.dtype
         assert np.array_equal(got, wanted)
+
+
+@pytest.mark.parametrize("key", KEYS.values(), ids=KEYS)
+def test_keys_are_numpys(shared: Path, key: Any) -> None:
+    with orva.rows(shared / "trades.orva") as rows:
+        check_same(rows, ROWS, key)
+
+
+@pytest.mark.parametrize("key", [1, slice(1, 3), (slice(None), 2), ([0, 2], [1, 1]), (..., 0), (1, slice(1)), [[0], [3]]])
+def test_rows_that_are_arrays(here: Path, key: Any) -> None:
+    array = np.arange(12, dtype=">f4").reshape(4, 3)
+    orva.write("matrix.orva", array)
+    with orva.rows("matrix.orva") as rows:
+        assert (rows.shape, rows.ndim, rows.nbytes, rows.dtype) == (array.shape, 2, 48, array.dtype)
+        check_same(rows, array, key)
+
+
+ARRAYS = {
+    "strided": ROWS[::-3],
+    "of columns": np.asfortranarray(np.arange(12).reshape(3, 4)),
+    "other byte order": np.arange(5, dtype=">i2"),
+    "times": np.arange(5).astype("M8[ns]"),
+    "text": np.array(["a", "bcd"]),
+    "complex": np.array([1j, 2]),
+    "padded": np.zeros(3, np.dtype([("a", "u1"), ("b", "f8")], align=True)),
+    "nested": np.zeros(3, [("a", [("b", "<i2", (2, 2)), ("c", "S3")]), ("d", "<f4")]),
+    "titles": np.zeros(3, [(("title", "name"), "<i4"), ("é\n", "u1")]),
+    "two fields": np.zeros(3, [("a", "<i4"), ("b", "<f4")]),
+    "many fields": np.zeros(3, [(f"field{i}", "<f8") for i in range(99)]),
+    "no rows": ROWS[:0],
+    "list": [1, 2, 3],
+    "bytes without names": np.zeros(2, "V5"),
+}
+
+
+@pytest.mark.parametrize("array", ARRAYS.values(), ids=ARRAYS)
+def test_arrays_come_back(here: Path, array: Any) -> None:
+    orva.write("array.orva", array)
+    rows = orva.rows("array.orva")
+    assert orva.info("array.orva").row0 % 512 == 0
+    assert rows.dtype == np.asarray(array).dtype
+    assert np.asarray(rows).tobytes() == np.asarray(array).tobytes()
+    orva.append("array.orva", array)
+    assert len(orva.rows("array.orva")) == 2 * len(array)
+
+
+class Counting(io.BytesIO):
+    reads = 0
+
+    def readinto(self, to: Any) -> int:
+        self.reads += 1
+        return super().readinto(to)
+
+
+@pytest.mark.parametrize("threads", [1, 3])
+@pytest.mark.parametrize(
+    "read, blocks",
+    [
+        (lambda rows: rows[np.random.default_rng(2).permutation(20_000)], 7),
+        (lambda rows: rows[5::2_000], 6),
+        (lambda rows: rows[[3_120, 3_121]], 2),
+        (lambda rows: rows["price"], 7),
+        (lambda rows: list(rows.iter_chunks()), 7),
+        (lambda rows: [rows[part] for part in rows.splits(7)], 7),
+        (lambda rows: rows.search("time", 9_000, 9_002), 4),
+    ],
+    ids=["permuted", "steps", "row across a border", "field", "chunks", "splits", "search"],
+)
+def test_each_block_is_inflated_once(shared: Path, threads: int, read: Any, blocks: int) -> None:
+    source = Counting((shared / "trades.orva").read_bytes())
+    with orva.rows(source, threads=threads) as rows:
+        source.reads = 0
+        read(rows)
+        assert source.reads <= blocks
+
+
+def test_pieces_are_all_rows(shared: Path) -> None:
+    rows = orva.rows(shared / "trades.orva", threads=2)
+    for chunks in (rows.iter_chunks(), rows.iter_chunks(777), [rows[part] for part in rows.splits(3)]):
+        assert np.array_equal(np.concatenate(list(chunks)), ROWS)
+    assert all(one == other for one, other in zip(rows, ROWS)) and len(list(rows)) == len(ROWS)
+    out = np.zeros(9, TRADE)
+    assert rows.read_into(out, 19_995) == 5 and np.array_equal(out[:5], ROWS[-5:])
+    assert rows.read_into(out, 20_000) == 0
+    assert rows.search("time", 5.5, 70) == slice(6, 70)
+    assert rows.search("time", 30_000, 5) == slice(20_000, 20_000)
+    assert orva.rows(shared / "numbers.orva").search(None, 2, 100) == slice(2, 10)
+
+
+@pytest.mark.parametrize("threads", [1, 2])
+def test_lost_rows_are_masked(shared: Path, threads: int) -> None:
+    with pytest.raises(orva.DamagedFileError) as caught:
+        np.asarray(orva.rows(shared / "bad.orva", threads=threads))
+    assert caught.value.block == 3 and caught.value.offset == 3 * BLOCK
+    rows = orva.rows(shared / "bad.orva", damaged="mask", threads=threads)
+    assert not rows[:9_000].mask['time'].any() and rows.lost == []
+    sound = np.ones(len(ROWS), bool)
+    sound[DAMAGED] = False
+    every = np.arange(len(ROWS))
+    for values, numbers in ((rows[:], every), (rows[every[::-7]], every[::-7]), (rows["time"], every)):
+        mask = values.mask if values.dtype.names is None else values.mask["time"]
+        assert np.array_equal(~mask, sound[numbers])
+        times = values if values.dtype.names is None else values["time"]
+        assert np.array_equal(times.compressed(), numbers[sound[numbers]])
+    assert rows.lost == [(DAMAGED.start, DAMAGED.stop)]
+
+
+def test_frames(here: Path) -> None:
+    plain = [("time", ">i8"), ("price", "<f8")]
+    orva.write("plain.orva", np.array([(1, 0.5), (2, 1.5)], plain))
+    frame = orva.to_frame("plain.orva")
+    assert list(frame.columns) == ["time", "price"] and frame["time"].tolist() == [1, 2]
+    assert frame["time"].dtype == np.dtype("i8") and frame["time"].dtype.isnative
+    assert list(orva.to_frame("plain.orva", ["price"]).columns) == ["price"]
+    assert orva.to_frame("trades.orva", ["price", "name"]).equals(orva.to_frame("trades.orva", ("price", "name")))
+    assert orva.to_frame("numbers.orva", dtype=[("low", "<i4"), ("high", "<i4")]).shape == (10, 2)
+
+
+def test_an_interrupted_append(here: Path) -> None:
+    os.unlink("trades.orva")
+    orva.write("trades.orva", ROWS)
+    if (child := os.fork()) == 0:
+        file = orva.open("trades.orva", "ab")
+        file.write(trades(500_000))
+        os._exit(0)  # as a crash would
+    os.waitpid(child, 0)
+    with pytest.raises(orva.UnfinishedFileError, match="orva recover --roll-back"):
+        orva.append("trades.orva", ROWS)
+    orva.append("trades.orva", ROWS, roll_back=True)
+    assert np.array_equal(orva.rows("trades.orva")[:], np.concatenate([ROWS, ROWS]))
+    assert orva.roll_back("trades.orva") == "nothing"
