@@ -61,14 +61,15 @@ class SourceObject:
 class Opened:
     """A reader, and what opens it again in another process."""
 
-    def __init__(self, source: Source, row0: int | None, threads: int) -> None:
+    def __init__(self, source: Source | _orva.Source, row0: int | None, threads: int) -> None:
         self.row0, self.threads = row0, threads
-        self.again: Any
-        if isinstance(source, (str, os.PathLike)) or not hasattr(source, "readinto"):
-            self.name = path_of(source)  # type: ignore[arg-type]  # or it is a TypeError
+        self.again: Any = source
+        self.name = str(getattr(source, "name", ""))
+        if hasattr(source, "read_at"):
+            self.reader = _orva.Reader(source, row0, threads)  # type: ignore[arg-type]
+        elif hasattr(source, "readinto") and not isinstance(source, (str, os.PathLike)):
+            self.reader = _orva.Reader(SourceObject(source), row0, threads)
+        else:
+            self.name = path_of(source)
             self.again = os.path.abspath(self.name)
             self.reader = _orva.Reader(os.fsencode(self.name), row0, threads)
-        else:
-            self.name = str(getattr(source, "name", ""))
-            self.again = source
-            self.reader = _orva.Reader(SourceObject(source), row0, threads)

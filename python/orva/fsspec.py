@@ -1,0 +1,132 @@
+"""The rows of files of any file system that fsspec knows, as files: what engines that split plain files can split.
+
+    fsspec.open("orva::s3://bucket/trades.csv.orva")                  one file, under the path ''
+    dask.dataframe.read_csv("orva://bucket/*.csv.orva",               many, by the target's own paths
+                            storage_options={"target_protocol": "s3"})
+"""
+
+from __future__ import annotations
+
+import io
+from typing import Any
+
+import fsspec  # type: ignore[import]
+from fsspec.caching import BaseCache  # type: ignore[import]
+from fsspec.implementations.local import LocalFileSystem  # type: ignore[import]
+from fsspec.spec import AbstractBufferedFile, AbstractFileSystem  # type: ignore[import]
+
+from ._file import File
+
+_BUFFER = 1 << 16  # as much as engines read to find the end of a line: none is read ahead, maybe out of the next block
+
+
+class _Ranges:
+    """A file of a file system that reads ranges of its own, on any thread and without a state."""
+
+    def __init__(self, fs: AbstractFileSystem, path: str) -> None:
+        self.name = path
+        self._fs, self._length = fs, fs.info(path)["size"]
+
+    def size(self) -> int:
+        if self._length is None:
+            raise OSError(f"{self.name}: its file system does not tell its size")
+        return int(self._length)
+
+    def read_at(self, offset: int, to: memoryview) -> int:
+        end = min(offset + len(to), self.size())
+        if end <= offset:
+            return 0
+        found = self._fs.cat_file(self.name, start=offset, end=end)
+        if len(found) > end - offset:
+            raise OSError(f"{self.name}: its file system gives more than the range that it is asked for")
+        to[: len(found)] = found
+        return len(found)
+
+
+def source(fs: AbstractFileSystem, path: str) -> Any:
+    """What orva reads a file of a file system from, at one request to the store a read."""
+    if isinstance(fs, LocalFileSystem):
+        return fs._strip_protocol(path)
+    if getattr(fs.cat_file, "__func__", None) is not AbstractFileSystem.cat_file:
+        return _Ranges(fs, path)
+    file = fs.open(path, "rb")
+    if isinstance(file, AbstractBufferedFile):  # whose own read-ahead would fetch what nobody asks for
+        file.cache = BaseCache(file.blocksize, file._fetch_range, file.size)
+    return file
+
+
+class _Buffered(io.BufferedReader):
+    """With the size, as fsspec's own files have it."""
+
+    def __init__(self, file: File) -> None:
+        self.size = file.seek(0, io.SEEK_END)
+        file.seek(0)
+        super().__init__(file, _BUFFER)
+
+
+class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
+    """Reads rows through another file system. Paths are that one's.
+
+    fo: the file that the path '' means. target_protocol, target_options: make the other file system, as for
+    `fsspec.filesystem`.
+
+    `info` opens a file, since its size is of rows; `ls`, and with it a glob, opens none and tells no sizes. `ukey` is the
+    target's. Opening costs at most three reads of the store and then each block one. Nothing is written: io.UnsupportedOperation.
+    Errors: as `orva.open`, and the target's own, unchanged.
+    """
+
+    protocol = "orva"
+
+    def __init__(
+        self, fo: str = "", target_protocol: str = "file", target_options: dict[str, Any] | None = None, **options: Any
+    ) -> None:
+        super().__init__(**options)
+        if not isinstance(fo, str):
+            raise ValueError("orva:: opens one file: for many name paths, and the target by storage options")
+        self._target = fsspec.filesystem(target_protocol, **(target_options or {}))
+        self._fo = self._target._strip_protocol(fo) if fo else ""
+
+    def _path(self, path: str) -> str:
+        own = self._strip_protocol(path)
+        return self._target._strip_protocol(own) if own else self._fo  # type: ignore[no-any-return]
+
+    def _entry(self, entry: dict[str, Any], size: int | None) -> dict[str, Any]:
+        name = "" if self._fo and entry["name"] == self._fo else entry["name"]
+        return {**entry, "name": name, "size": entry["size"] if entry["type"] == "directory" else size}
+
+    def info(self, path: str, **kwargs: Any) -> dict[str, Any]:
+        entry = self._target.info(self._path(path), **kwargs)
+        if entry["type"] == "directory":
+            return self._entry(entry, None)
+        with self._open(path) as file:
+            return self._entry(entry, file.size)
+
+    def ls(self, path: str, detail: bool = True, **kwargs: Any) -> list[Any]:
+        target = self._path(path)
+        one = self._fo != "" and target == self._fo
+        entries = [self._target.info(target)] if one else self._target.ls(target, detail=True, **kwargs)
+        found = [self._entry(entry, None) for entry in entries]
+        return found if detail else [entry["name"] for entry in found]
+
+    def exists(self, path: str, **kwargs: Any) -> bool:
+        return bool(self._target.exists(self._path(path), **kwargs))
+
+    def isfile(self, path: str) -> bool:
+        return bool(self._target.isfile(self._path(path)))
+
+    def isdir(self, path: str) -> bool:
+        return bool(self._target.isdir(self._path(path)))
+
+    def ukey(self, path: str) -> str:
+        return str(self._target.ukey(self._path(path)))
+
+    def created(self, path: str) -> Any:
+        return self._target.created(self._path(path))
+
+    def modified(self, path: str) -> Any:
+        return self._target.modified(self._path(path))
+
+    def _open(self, path: str, mode: str = "rb", **kwargs: Any) -> _Buffered:
+        if mode != "rb":
+            raise io.UnsupportedOperation(f"orva:// only reads: it has no mode {mode!r}")
+        return _Buffered(File(source(self._target, self._path(path))))
