@@ -15,30 +15,37 @@ if TYPE_CHECKING:
     import pandas  # type: ignore[import]
 
 
+def frame_of(
+    rows: Rows, columns: Sequence[str] | None, first: int, stop: int, index: Any = None
+) -> pandas.DataFrame:
+    """The fields of the rows from `first` to before `stop` as columns."""
+    import pandas
+
+    fields = rows.dtype.names
+    if fields is None or rows.ndim != 1:
+        raise ValueError(f"rows of {rows.dtype} have no fields to be columns")
+    wanted = list(fields if columns is None else columns)
+    parts: dict[str, npt.NDArray[Any]] = {}
+    for name in wanted:
+        if name not in fields:
+            raise ValueError(f"rows of {rows.dtype} have no field {name!r}")
+        field = rows.dtype[name]
+        if field.subdtype is not None or field.names is not None:
+            raise ValueError(f"field {name!r} of {field} is no column")
+        parts[name] = np.empty(stop - first, field.newbyteorder("="))
+    done = 0
+    for chunk in rows._chunks(first, stop):
+        for name, part in parts.items():
+            part[done : done + len(chunk)] = chunk[name]
+        done += len(chunk)
+    return pandas.DataFrame(parts, index, wanted, copy=False)
+
+
 def to_frame(path: Source, columns: Sequence[str] | None = None, dtype: npt.DTypeLike = None) -> pandas.DataFrame:
     """A frame of the fields of a file's rows, a column each, in this machine's byte order.
 
     columns: the fields wanted, in this order; memory is taken for them only. dtype: as for `orva.rows`. Errors: as there,
     and ValueError for a field that is not there, or has values of more than one part.
     """
-    import pandas
-
     with Rows(path, dtype, "raise", None, 1) as rows:
-        fields = rows.dtype.names
-        if fields is None or rows.ndim != 1:
-            raise ValueError(f"rows of {rows.dtype} have no fields to be columns")
-        wanted = list(fields if columns is None else columns)
-        parts: dict[str, npt.NDArray[Any]] = {}
-        for name in wanted:
-            if name not in fields:
-                raise ValueError(f"rows of {rows.dtype} have no field {name!r}")
-            field = rows.dtype[name]
-            if field.subdtype is not None or field.names is not None:
-                raise ValueError(f"field {name!r} of {field} is no column")
-            parts[name] = np.empty(len(rows), field.newbyteorder("="))
-        first = 0
-        for chunk in rows.iter_chunks():
-            for name, part in parts.items():
-                part[first : first + len(chunk)] = chunk[name]
-            first += len(chunk)
-        return pandas.DataFrame(parts, columns=wanted, copy=False)
+        return frame_of(rows, columns, 0, len(rows))

@@ -233,12 +233,11 @@ class Rows:
         if rows is not None and operator.index(rows) < 1:
             raise ValueError("a chunk has 1 row or more")
         self._open()
-        return self._chunks(rows)
+        return self._chunks(0, len(self), rows)
 
-    def _chunks(self, rows: int | None) -> Iterator[npt.NDArray[Any]]:
-        first = 0
-        while first < len(self):
-            end = min(self._border(first) if rows is None else first + rows, len(self))
+    def _chunks(self, first: int, stop: int, rows: int | None = None) -> Iterator[npt.NDArray[Any]]:
+        while first < stop:
+            end = min(self._border(first) if rows is None else first + rows, stop)
             yield self._read(first, end - first)
             first = end
 

@@ -1,0 +1,72 @@
+"""A Dask scheduler and its workers as they stand on many machines, each a process of its own, on 127.0.0.1."""
+
+from __future__ import annotations
+
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+from types import TracebackType
+from typing import Any
+
+from distributed import Client
+
+LONGEST = 900  # seconds that any process lives
+QUIET = {"DASK_LOGGING__DISTRIBUTED": "error", "PYTHONWARNINGS": "ignore::FutureWarning"}
+
+
+class LoopbackCluster:
+    """A scheduler with `workers` workers of one thread each, and `client`, which is connected to it. All of them are
+    ended with the `with` statement, and after LONGEST seconds whatever happens to this process."""
+
+    client: Any
+
+    def __init__(self, workers: int) -> None:
+        self._home = tempfile.mkdtemp(prefix="orva-cluster-")
+        self._where = os.path.join(self._home, "scheduler.json")
+        self._processes: list[subprocess.Popen[bytes]] = []
+        try:
+            self._start("dask-scheduler", "--host", "127.0.0.1", "--port", "0", "--no-dashboard")
+            self.client = Client(scheduler_file=self._where, timeout=60)
+            self.add_workers(workers)
+        except BaseException:
+            self.close()
+            raise
+
+    def _start(self, program: str, *options: str) -> None:
+        command = ["timeout", "-k", "10", str(LONGEST), program, "--scheduler-file", self._where, *options]
+        self._processes.append(subprocess.Popen(command, cwd=self._home, env=os.environ | QUIET))
+
+    def add_workers(self, count: int) -> None:
+        for _ in range(count):
+            # Without a nanny, who would start a killed worker again.
+            self._start(
+                "dask-worker", "--host", "127.0.0.1", "--nthreads", "1", "--no-nanny", "--no-dashboard",
+                "--death-timeout", "60", "--local-directory", self._home,
+            )  # fmt: skip
+        self.client.wait_for_workers(len(self.workers()) + count, timeout=60)
+
+    def workers(self) -> dict[str, int]:
+        """Addresses of the workers, and their processes."""
+        return self.client.run(os.getpid)
+
+    def kill_worker(self) -> None:
+        """As a machine goes that fails: without a word."""
+        os.kill(list(self.workers().values())[0], signal.SIGKILL)
+
+    def close(self) -> None:
+        if hasattr(self, "client"):
+            self.client.close()
+        for process in reversed(self._processes):
+            process.terminate()  # timeout passes it on, and kills ten seconds later
+            process.wait()
+        shutil.rmtree(self._home, ignore_errors=True)
+
+    def __enter__(self) -> LoopbackCluster:
+        return self
+
+    def __exit__(
+        self, kind: type[BaseException] | None, value: BaseException | None, traceback: TracebackType | None
+    ) -> None:
+        self.close()

@@ -1,0 +1,230 @@
+"""Rows as Dask's arrays and dataframes, and back: partitions of files, files of partitions.
+
+    frame = orva.dask.from_rows("trades.orva", frame=True)
+    orva.dask.to_rows(frame[frame.price > 0], "good.orva")
+
+docs/many-machines.md is the guide.
+"""
+
+from __future__ import annotations
+
+import os
+import shutil
+import uuid
+from collections.abc import Iterator, Sequence
+from dataclasses import dataclass, field
+from functools import lru_cache
+from typing import TYPE_CHECKING, Any, Union
+
+import fsspec  # type: ignore[import]
+import numpy as np
+import numpy.typing as npt
+from dask.base import compute, is_dask_collection, tokenize
+from dask.delayed import delayed
+from dask.highlevelgraph import HighLevelGraph
+from dask.utils import is_dataframe_like
+
+from ._errors import FileChangedError
+from ._files import join
+from ._frame import frame_of
+from ._rows import Rows
+from ._source import PathLike, path_of
+from ._write import write
+from .fsspec import source
+
+if TYPE_CHECKING:
+    from dask.array.core import Array
+    from dask.dataframe.core import DataFrame
+
+Paths = Union[PathLike, Sequence[PathLike]]
+_OPEN_FILES = 16  # in each process
+
+
+@dataclass(frozen=True)
+class _File:
+    """What a worker needs to open a file. `token` differs for the same name with other rows."""
+
+    url: str
+    dtype: np.dtype[Any] | None
+    token: str
+    options: dict[str, Any] = field(compare=False)
+
+
+@dataclass(frozen=True)
+class _Part:
+    """Rows of a file that one task reads; the first of them is number `number` of all files' rows."""
+
+    file: _File
+    first: int
+    stop: int
+    number: int
+
+
+def _target(url: str, options: dict[str, Any]) -> Any:
+    return fsspec.core.url_to_fs(url, **options) if "://" in url else (fsspec.filesystem("file"), url)
+
+
+def _file(path: PathLike, dtype: npt.DTypeLike, options: dict[str, Any]) -> _File:
+    url = path_of(path)
+    if "://" not in url:
+        url = os.path.abspath(url)
+    fs, name = _target(url, options)
+    return _File(url, None if dtype is None else np.dtype(dtype), fs.ukey(name), options)
+
+
+@lru_cache(maxsize=_OPEN_FILES)
+def _rows(file: _File) -> Rows:
+    """Open in a worker for its later tasks, which then read no index."""
+    return Rows(source(*_target(file.url, file.options)), file.dtype, "raise", None, 1)
+
+
+def _rows_of(part: _Part) -> Rows:
+    rows = _rows(part.file)
+    if len(rows) < part.stop:
+        raise FileChangedError(
+            f'"{part.file.url}" has {len(rows)} rows, and had {part.stop} or more when its partitions were made',
+            part.file.url,
+        )
+    return rows
+
+
+def _read(part: _Part) -> Any:
+    return _rows_of(part)[part.first : part.stop]
+
+
+class _ReadFrame:
+    """Reads a partition as a frame of these columns. Dask asks it for fewer where no more are wanted."""
+
+    def __init__(self, columns: list[str] | None) -> None:
+        self.columns = columns
+
+    def project_columns(self, columns: list[str]) -> _ReadFrame:
+        return _ReadFrame(list(columns))
+
+    def __call__(self, part: _Part) -> Any:
+        numbers = range(part.number, part.number + part.stop - part.first)
+        return frame_of(_rows_of(part), self.columns, part.first, part.stop, numbers)
+
+
+def _parts(files: list[_File], partition_bytes: int) -> Iterator[_Part]:
+    number = 0
+    row = _rows(files[0])._row
+    for file in files:
+        rows = _rows(file)
+        if rows._row != row:
+            raise ValueError(f'"{file.url}" has rows of {rows._row}, and "{files[0].url}" of {row}')
+        for part in rows.splits(max(round(rows.nbytes / partition_bytes), 1)):
+            yield _Part(file, part.start, part.stop, number)
+            number += part.stop - part.start
+
+
+def from_rows(
+    paths: Paths,
+    dtype: npt.DTypeLike = None,
+    *,
+    frame: bool = False,
+    partition_bytes: int = 1 << 26,
+    storage_options: dict[str, Any] | None = None,
+) -> Any:
+    """The rows of files, one behind the other, as a Dask array, or as a dataframe with a column for each field, whose
+    index numbers the rows from 0.
+
+    A partition ends where a block does, or with the row that goes on into the next one: so a block is inflated by two
+    partitions at most, which share a row of it. Tasks hold a path and a range of rows. A worker opens a file once, for its
+    24 bytes a block of index, and keeps some open: a file that is replaced is freed when they are closed.
+
+    paths: that each worker has under the same names, or URLs of fsspec's file systems, for which `storage_options` are.
+    dtype: as for `orva.rows`; without it the files' own.
+    partition_bytes: of rows in a partition, about; a file has as many partitions as come nearest to it, but no more than
+        it has blocks.
+
+    Errors: those of `orva.rows` here; ValueError for no file, and for files of different dtypes. Of the tasks: OSError;
+    DamagedFileError; FileChangedError for a file that has become shorter, or of which an append has rewritten a block.
+    """
+    if partition_bytes < 1:
+        raise ValueError("a partition has 1 byte or more")
+    listed = [paths] if isinstance(paths, (str, os.PathLike)) else paths
+    files = [_file(path, dtype, storage_options or {}) for path in listed]
+    if not files:
+        raise ValueError("there is no file to read rows from")
+    parts = list(_parts(files, partition_bytes)) or [_Part(files[0], 0, 0, 0)]
+    ranges = [(part.file.token, part.first, part.stop) for part in parts]
+    name = f"orva-rows-{tokenize(ranges, _rows(files[0])._row, frame)}"  # type: ignore[no-untyped-call]
+    return _frame(parts, name) if frame else _array(parts, name)
+
+
+def _array(parts: list[_Part], name: str) -> Array:
+    from dask.array.core import Array
+
+    rows = _rows(parts[0].file)
+    within = rows.shape[1:]
+    layer = {(name, i, *(0 for _ in within)): (_read, part) for i, part in enumerate(parts)}
+    graph = HighLevelGraph.from_collections(name, layer)  # type: ignore[no-untyped-call]
+    chunks = tuple(part.stop - part.first for part in parts), *((length,) for length in within)
+    return Array(graph, name, chunks, rows.dtype)  # type: ignore[no-untyped-call]
+
+
+def _frame(parts: list[_Part], name: str) -> DataFrame:
+    from dask.dataframe.io.io import from_map
+
+    meta = frame_of(_rows(parts[0].file), None, 0, 0, range(0))
+    end = parts[-1].number + parts[-1].stop - parts[-1].first
+    divisions = (*(part.number for part in parts), max(end - 1, 0))
+    label, token = name.rsplit("-", 1)
+    return from_map(  # type: ignore[no-untyped-call, no-any-return]
+        _ReadFrame(None), parts, meta=meta, divisions=divisions, label=label, token=token, enforce_metadata=False
+    )
+
+
+def _write_part(values: Any, name: str, dtype: np.dtype[Any], within: tuple[int, ...]) -> str:
+    """Harmless when repeated, even at a time: who comes last replaces the same rows."""
+    rows = values.to_records(index=False) if hasattr(values, "to_records") else np.asarray(values)
+    if rows.dtype != dtype or rows.shape[1:] != within:
+        raise ValueError(
+            f"a partition has rows of {rows.dtype} and {rows.shape[1:]}, and its collection is of {dtype} and {within}"
+        )
+    beside = f"{name}.{uuid.uuid4().hex}"
+    write(beside, rows)
+    os.replace(beside, name)
+    return name
+
+
+def _pieces(collection: Any) -> tuple[list[Any], np.dtype[Any], tuple[int, ...]]:
+    """The partitions, as what is delayed, and of what their rows are."""
+    if is_dask_collection(collection) and is_dataframe_like(collection):
+        return collection.to_delayed(), collection._meta.to_records(index=False).dtype, ()
+    if not hasattr(collection, "numblocks") or collection.ndim == 0:
+        raise TypeError(f"rows come from a dask array or dataframe, not from {type(collection).__name__}")
+    if any(count > 1 for count in collection.numblocks[1:]):
+        collection = collection.rechunk({axis: -1 for axis in range(1, collection.ndim)})
+    return collection.to_delayed().reshape(-1).tolist(), collection.dtype, collection.shape[1:]
+
+
+def to_rows(collection: Array | DataFrame, path: PathLike) -> None:
+    """Computes a Dask array, or a dataframe's records without their index, into one file, which replaces one of that name.
+
+    Each partition becomes a file in the directory `path`.parts, written by the worker that has computed it; here they
+    are then joined, without inflating a block, and the directory is removed. So the workers and this process need the
+    directory under one name. A task may be repeated, also while it still runs elsewhere.
+
+    Errors: what the tasks throw, ValueError for partitions of another dtype than the collection's, or of objects;
+    FileExistsError where `path`.parts is there, of a call at work or of one that was killed. Nothing is left then.
+    """
+    target = os.path.abspath(path_of(path))
+    parts = target + ".parts"
+    pieces, dtype, within = _pieces(collection)
+    os.mkdir(parts)
+    try:
+        task = delayed(_write_part, pure=False)
+        names = [os.path.join(parts, f"{i:08d}.orva") for i in range(len(pieces))]
+        tasks = [task(piece, name, dtype, within) for piece, name in zip(pieces, names)]
+        join(compute(tasks)[0], target, replace=True)  # type: ignore[no-untyped-call]
+    finally:
+        _remove(parts)
+
+
+def _remove(parts: str) -> None:
+    """Under another name first: a task that still runs, though it was repeated elsewhere, can add no file to it then."""
+    gone = f"{parts}.{uuid.uuid4().hex}"
+    os.rename(parts, gone)
+    shutil.rmtree(gone)

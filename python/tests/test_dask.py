@@ -1,0 +1,122 @@
+"""orva.dask on Dask's own threads; many processes are the example's part."""
+
+import pickle
+import subprocess
+from pathlib import Path
+from typing import Any
+
+import dask.array as da
+import dask.dataframe as dd
+import numpy as np
+import pandas as pd
+import pytest
+from fsspec.implementations.memory import MemoryFileSystem
+
+import orva
+import orva.dask
+
+BLOCK = 65_536
+TRADE = np.dtype([("time", "<i8"), ("price", ">f8"), ("flags", "u1")])  # 17 bytes: rows stand across borders
+ROWS = np.zeros(30_000, TRADE)  # eight blocks
+ROWS["time"] = np.arange(len(ROWS))
+ROWS["price"] = np.random.default_rng(1).normal(size=len(ROWS))
+SHAPES: dict[str, Any] = {
+    "records": ROWS,
+    "numbers": np.arange(50_000),
+    "rows of arrays": np.arange(120_000, dtype=np.float32).reshape(-1, 4, 3),
+    "one block": ROWS[:10],
+    "no rows": ROWS[:0],
+    "rows longer than a block": np.zeros(3, (np.void, 100_000)),
+}
+
+
+@pytest.mark.parametrize("rows", SHAPES.values(), ids=SHAPES)
+@pytest.mark.parametrize("partition", [1, 100_000, 1 << 30])
+def test_partitions_are_the_rows_and_share_at_most_one(tmp_path: Path, rows: Any, partition: int) -> None:
+    orva.write(tmp_path / "a", rows, block=BLOCK)
+    array: Any = orva.dask.from_rows(str(tmp_path / "a"), partition_bytes=partition)
+    got = array.compute()
+    assert got.dtype == rows.dtype and np.array_equal(got, rows)
+    borders = np.cumsum([0, *array.chunks[0]]) * (rows.nbytes // max(len(rows), 1))
+    for block in orva.info(tmp_path / "a").blocks:
+        begin, end = block.rows.offset, block.rows.offset + block.rows.length
+        sharing = sum(first < end and last > begin for first, last in zip(borders, borders[1:]))
+        assert sharing <= 2
+    MemoryFileSystem().pipe("/a", (tmp_path / "a").read_bytes())
+    assert np.array_equal(orva.dask.from_rows("memory://a").compute(), rows)
+    assert max(len(pickle.dumps(dict(array.dask)[key])) for key in dict(array.dask)) < 1_000
+
+
+def test_frames_number_rows_and_read_the_columns_that_are_wanted(tmp_path: Path) -> None:
+    for name in "ab":
+        orva.write(tmp_path / name, ROWS, block=BLOCK)
+    frame: Any = orva.dask.from_rows([tmp_path / "a", tmp_path / "b"], frame=True, partition_bytes=BLOCK)
+    one = orva.to_frame(tmp_path / "a")
+    both = pd.concat([one, one], ignore_index=True)
+    assert frame.npartitions == 16 and frame.known_divisions
+    assert frame.compute().equals(both)
+    assert frame.loc[29_990:30_010].compute().equals(both.loc[29_990:30_010])
+    assert frame.price.sum().compute() == pytest.approx(both.price.sum())
+    orva.append(tmp_path / "a", ROWS[:5])
+    assert len(orva.dask.from_rows(str(tmp_path / "a"), frame=True)) == len(ROWS) + 5
+    orva.write(tmp_path / "b", ROWS[:1_000])
+    with pytest.raises(orva.FileChangedError, match="has 1000 rows"):
+        orva.dask._rows.cache_clear()
+        frame.compute()
+
+
+NUMBERS = da.arange(100, chunks=10)
+COLLECTIONS: dict[str, tuple[Any, Any]] = {
+    "array": (da.from_array(ROWS, chunks=7_000), ROWS),
+    "chunks of two axes": (da.from_array(np.eye(50), chunks=20), np.eye(50)),
+    "empty partitions": (NUMBERS[NUMBERS > 44], np.arange(45, 100)),
+    "frame": (
+        dd.from_pandas(pd.DataFrame({"n": np.arange(100), "x": np.ones(100)}), npartitions=3),
+        np.array([(n, 1) for n in range(100)], [("n", "<i8"), ("x", "<f8")]),
+    ),
+}
+
+
+@pytest.mark.parametrize(("collection", "rows"), COLLECTIONS.values(), ids=COLLECTIONS)
+def test_what_is_written_is_the_collection(tmp_path: Path, collection: Any, rows: Any) -> None:
+    orva.write(tmp_path / "out", np.zeros(3))
+    orva.dask.to_rows(collection, tmp_path / "out")
+    with orva.rows(tmp_path / "out") as found:
+        assert found.dtype == rows.dtype and np.array_equal(found[:], rows)
+    assert [path.name for path in tmp_path.iterdir()] == ["out"]
+
+
+def test_a_repeated_task_is_harmless(tmp_path: Path) -> None:
+    for _ in range(2):
+        orva.dask._write_part(ROWS, str(tmp_path / "part"), TRADE, ())
+    assert [path.name for path in tmp_path.iterdir()] == ["part"] and len(orva.rows(tmp_path / "part")) == len(ROWS)
+
+
+REFUSED: dict[str, tuple[Any, type[Exception]]] = {
+    "objects": (dd.from_pandas(pd.DataFrame({"s": ["a", "b"]}), npartitions=1), ValueError),
+    "another dtype than promised": (da.ones(4, chunks=2).map_blocks(lambda x: x > 0, dtype="f8"), ValueError),
+    "no axis": (da.ones(4).sum(), TypeError),
+    "a column": (dd.from_pandas(pd.Series([1]), npartitions=1), TypeError),
+    "no collection": (np.ones(4), TypeError),
+}
+
+
+@pytest.mark.parametrize(("collection", "error"), REFUSED.values(), ids=REFUSED)
+def test_a_refused_collection_leaves_nothing(tmp_path: Path, collection: Any, error: type[Exception]) -> None:
+    with pytest.raises(error):
+        orva.dask.to_rows(collection, tmp_path / "out")
+    assert list(tmp_path.iterdir()) == []
+
+
+def test_files_that_do_not_go_together(tmp_path: Path) -> None:
+    orva.write(tmp_path / "a", ROWS)
+    orva.write(tmp_path / "b", ROWS["time"])
+    for paths, text in ([], "no file"), ([tmp_path / "a", tmp_path / "b"], "has rows of int64"):
+        with pytest.raises(ValueError, match=text):
+            orva.dask.from_rows(paths)
+
+
+def test_the_example_ends_with_the_right_figure_though_a_worker_was_killed() -> None:
+    example = Path(__file__).parents[2] / "examples/dask_statistic.py"
+    run = subprocess.run(["/usr/bin/python3", example, "--size=60000000"], timeout=200, capture_output=True, text=True)
+    assert run.returncode == 0 and "killed a worker" in run.stdout and "all right" in run.stdout, run
