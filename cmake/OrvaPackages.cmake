@@ -59,8 +59,15 @@ if(ORVA_BUILD_PYTHON)
         "This package has the module orva, which reads and writes rows as arrays of
 NumPy, and what fsspec and Dask find it by.")
     set(CPACK_COMPONENT_PYTHON_DEPENDS runtime)
-    set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3, python3-numpy")
+    foreach(part IN ITEMS MAJOR MINOR)
+        get_directory_property(python_${part} DIRECTORY python DEFINITION Python_VERSION_${part})
+    endforeach()
+    math(EXPR python_next "${python_MINOR} + 1")  # the extension is made for one version of the interpreter
+    string(CONCAT CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= ${python_MAJOR}.${python_MINOR}), "
+        "python3 (<< ${python_MAJOR}.${python_next}), python3-numpy")
     set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "python3-pandas, python3-fsspec, python3-dask")
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+        ${CMAKE_CURRENT_LIST_DIR}/debian/python/postinst ${CMAKE_CURRENT_LIST_DIR}/debian/python/prerm)
 endif()
 
 include(CPack)

@@ -1,12 +1,12 @@
-# Once the packages are there: takes out the scripts that cpack adds, which run ldconfig a second time where a trigger does
-# already, and says of the library and its headers that those of several architectures can be installed together.
+# Once the packages are there: of the library and its headers those of several architectures can be installed together, which
+# this cpack has no word for; and the scripts that it adds go, since they run ldconfig a second time where a trigger does.
 find_program(dpkg_deb dpkg-deb REQUIRED)
 foreach(package IN LISTS CPACK_PACKAGE_FILES)
     set(tree ${package}.tree)
     execute_process(COMMAND ${dpkg_deb} --raw-extract ${package} ${tree} COMMAND_ERROR_IS_FATAL ANY)
-    file(REMOVE ${tree}/DEBIAN/postinst ${tree}/DEBIAN/postrm)
     file(READ ${tree}/DEBIAN/control control)
     if(control MATCHES "Package: lib")
+        file(REMOVE ${tree}/DEBIAN/postinst ${tree}/DEBIAN/postrm)
         string(REPLACE "\nSection:" "\nMulti-Arch: same\nSection:" control "${control}")
         file(WRITE ${tree}/DEBIAN/control "${control}")
     endif()
