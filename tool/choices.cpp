@@ -8,8 +8,9 @@
 void choiceOptions::addBlockTo(CLI::App& command) {
     command
         .add_option("--block", block,
-                    "Rows of one block in bytes, or with K or M behind the number; shorter blocks cost ratio and make "
-                    "reading at any place faster")
+                    "Rows of one block in bytes, or with K or M behind the number, 1M without it; shorter blocks cost "
+                    "ratio and "
+                    "make reading at any place faster")
         ->transform(
             CLI::AsNumberWithUnit(std::map<std::string, std::int64_t>{{"k", 1 << 10}, {"m", 1 << 20}}).description(""))
         ->check(CLI::Range(std::int64_t{kShortestBlockLength}, std::int64_t{kBlockSize}));

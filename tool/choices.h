@@ -10,7 +10,7 @@ class App;
 }
 
 struct choiceOptions {
-    std::int64_t block = kBlockSize;
+    std::int64_t block = kHandyBlockLength;
     std::int32_t level = 1;
 
     void addBlockTo(CLI::App& command);

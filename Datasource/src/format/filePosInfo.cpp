@@ -54,7 +54,9 @@ void orva::checkAscends(const filePosRecord* before, const filePosRecord& record
 }
 
 std::int64_t orva::chosenLength(std::span<const filePosRecord> records) {
-    if (records.size() < 2) return kBlockSize;
+    if (records.empty()) return kHandyBlockLength;
+    if (records.size() == 1)
+        return records[0].orginalSize <= std::int64_t{kHandyBlockLength} ? kHandyBlockLength : kBlockSize;
     const std::int64_t length = records.front().orginalSize;
     const bool all = std::all_of(records.begin(), records.end() - 1,
                                  [&](const filePosRecord& r) { return r.orginalSize == length; });

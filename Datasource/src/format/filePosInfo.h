@@ -31,7 +31,7 @@ void checkAscends(const filePosRecord* before, const filePosRecord& record, std:
                   const std::string& fileName);
 
 // The length of full blocks that the writer of these had chosen, as far as they tell: that of all but the last. One
-// block alone may be a short one, so it tells nothing.
+// block alone may be a short one: unless it is longer than the command's are, it passes for one of those.
 std::int64_t chosenLength(std::span<const filePosRecord> records);
 
 }  // namespace orva
