@@ -10,6 +10,7 @@
 #include <list>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -174,17 +175,14 @@ struct ktThreadPoolBase::Data {
     }
 
     // Two callbacks may wait for each other. So one that found a thread free when it was handed over still gets it,
-    // even if the pool is stopped before that thread has woken up. The rest is given back, to be deleted unlocked.
-    std::list<Job> endKeeping(std::size_t kept) {
+    // even if the pool is stopped before that thread has woken up. The rest is deleted, unlocked.
+    void endKeeping(std::size_t kept, std::unique_lock<std::mutex> guard) {
         isEnding = true;
         std::list<Job> dropped;
         dropped.splice(dropped.end(), jobs, std::next(jobs.begin(), static_cast<long>(std::min(kept, jobs.size()))),
                        jobs.end());
+        guard.unlock();
         changed.notify_all();
-        return dropped;
-    }
-
-    void join() {
         for (std::thread& thread : threads) thread.join();
         threads.clear();
     }
@@ -209,21 +207,15 @@ void ktThreadPoolBase::startAll() {
     try {
         while (fData->threads.size() < fData->size) fData->threads.emplace_back(&Data::threadLoop, fData.get());
     } catch (...) {
-        const auto dropped = fData->endKeeping(0);
-        guard.unlock();
-        fData->join();
+        fData->endKeeping(0, std::move(guard));
         throw;
     }
 }
 
 void ktThreadPoolBase::stopAll() {
     if (fData->isInherited()) return;
-    std::list<Data::Job> dropped;
-    {
-        const std::lock_guard guard(fData->lock);
-        dropped = fData->endKeeping(fData->threads.size() - fData->running);
-    }
-    fData->join();
+    std::unique_lock guard(fData->lock);
+    fData->endKeeping(fData->threads.size() - fData->running, std::move(guard));
 }
 
 bool ktThreadPoolBase::enqueue(CallBackObject* callback, void* data) {
