@@ -165,6 +165,11 @@ TEST_F(Cipher, TransfersInSequenceAndACloseThatLosesWhatWaits) {
     fFile->Close();
     workdir::faults::install(nullptr);
     EXPECT_EQ(ends.count, 2) << "once for a run";
+    ASSERT_TRUE(fFile->Open(fName, "rb"));
+    const support::CallHook lengthless([](const support::Step& step, std::uint64_t) {
+        return step.call == support::Call::Seek ? support::Verdict::fail(EIO) : support::Verdict::goOn();
+    });
+    EXPECT_THROW(expectRead(0, 16), FileError) << "its pad would pass for data";
 }
 
 TEST_F(Cipher, OtherObjectsHaveThePadOfZerosForDataAndPlainOnesTheCiphertext) {

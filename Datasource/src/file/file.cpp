@@ -91,7 +91,6 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
         fPosition = atEnd ? place : 0;
     }
     fGood.store(IsOpen(), std::memory_order_relaxed);
-    fAtEnd = false;
     fAppends = (accessFlags(fMode.c_str()) & platform::_O_APPEND) != 0;
     if (fCipher != nullptr) fCipher->beginFile();
     return IsOpen();
@@ -131,7 +130,6 @@ unsigned int ORVA_File::Read(void* buffer, unsigned int byteSize, std::int64_t b
     const unsigned int count = fEncrypted ? fCipher->read(static_cast<unsigned char*>(buffer), byteSize, byteOffset)
                                           : readDescriptor(buffer, byteSize, byteOffset);
     fPosition = byteOffset + count;
-    fAtEnd = count == 0;
     return count;
 }
 

@@ -117,7 +117,6 @@ private:
     int fDescriptor = -1;           // Closed exactly when -1.
     std::atomic<bool> fGood{true};  // a worker's failure sets it while the caller asks
     bool fReadsAhead = false;       // A failure is no answer to anybody's request, and Good() stays as it is.
-    bool fAtEnd = false;
     const bool fEncrypted;
     bool fEncryptStarted = false;
     std::unique_ptr<unsigned char[]> fRemainder;

@@ -1,7 +1,5 @@
 #include "file/fileCipher.h"
 
-#include "base/fileError.h"
-
 #include <orva/platform.h>
 #include <orva/workdir.h>
 
@@ -63,10 +61,8 @@ void ORVA_File::Cipher::beginFile() {
 
 // A part of a block at the end is what a process that died in the middle of a write has left, and no data.
 unsigned int ORVA_File::Cipher::read(unsigned char* bytes, unsigned int size, std::int64_t byteOffset) {
-    const std::int64_t length = fFile.Size();
-    if (length == -1) fFile.fail(kReadFailed, errno);  // Without the length, pad would pass for data.
     unsigned int count = wholeBlocks(fFile.readDescriptor(bytes, size, byteOffset));
-    const bool padded = byteOffset + count == length && !waits();
+    const bool padded = byteOffset + count == fTailPos + CIPHER_BLOCK_SIZE && endsPadded(kReadFailed);
     if (count != 0) count = decipher(bytes, count, padded ? static_cast<unsigned int>(fFile.fPadSize) : 0);
     return overlayWaiting(bytes, size, count, byteOffset);
 }
@@ -219,11 +215,11 @@ unsigned int ORVA_File::Cipher::endRun() {
     return count;
 }
 
-// Asks the system once: from then on this object's own writes tell, since nobody else writes the file. A pipe has no
-// length, and nothing that a write could damage.
-std::int64_t ORVA_File::Cipher::fileEnd() {
+// Asks the system once, and fails with `code` if that can't tell: from then on this object's own writes tell, since
+// nobody else writes the file. A pipe has no length, and nothing that a write could damage.
+std::int64_t ORVA_File::Cipher::fileEnd(long code) {
     if (fFileEnd >= 0 || !fFile.fHasPlaces) return std::max<std::int64_t>(fFileEnd, 0);
     fFileEnd = fFile.Size();
-    if (fFileEnd == -1) fFile.fail(kWriteFailed, errno);
+    if (fFileEnd == -1) fFile.fail(code, errno);
     return fFileEnd;
 }

@@ -9,6 +9,8 @@
 // Failure: as for the file, whose fail throws it.
 #pragma once
 
+#include "base/fileError.h"
+
 #include <orva/file.h>
 
 #include <cstdint>
@@ -59,8 +61,10 @@ private:
     unsigned int writeBlocks(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
     unsigned int writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset);
     unsigned int writePaddedBlock();
-    std::int64_t fileEnd();
-    bool endsPadded() { return fFile.fPadSize > 0 && !waits() && fileEnd() == fTailPos + CIPHER_BLOCK_SIZE; }
+    std::int64_t fileEnd(long code = kWriteFailed);
+    bool endsPadded(long code = kWriteFailed) {
+        return fFile.fPadSize > 0 && !waits() && fileEnd(code) == fTailPos + CIPHER_BLOCK_SIZE;
+    }
 
     ORVA_File& fFile;
     std::int64_t fTailPos = 0;   // where the block belongs whose bytes wait, or that was padded last

@@ -10,14 +10,10 @@ void throwClosed(const ORVA_File& file, long code) {
     throwFileError(file.OpenErrno() != 0 ? file.OpenErrno() : EBADF, code, file.GetNameStr().GetGeneric());
 }
 
-bool openNamed(ORVA_File& file, const std::string& name, const char* mode) {
+void openOrThrow(ORVA_File& file, const std::string& name, const char* mode, long code) {
     ExtNameStr fileName;
     fileName.SetGeneric(name);
-    return file.Open(fileName, mode);
-}
-
-void openOrThrow(ORVA_File& file, const std::string& name, const char* mode, long code) {
-    if (!openNamed(file, name, mode)) throwFileError(file.OpenErrno(), code, name);
+    if (!file.Open(fileName, mode)) throwFileError(file.OpenErrno(), code, name);
 }
 
 void syncName(const std::string& name) {

@@ -12,9 +12,6 @@ namespace orva {
 // For a file that is not open: with the errno of the Open that failed, or EBADF where somebody has closed it since.
 [[noreturn]] void throwClosed(const ORVA_File& file, long code);
 
-// False: file.OpenErrno() tells why.
-bool openNamed(ORVA_File& file, const std::string& name, const char* mode);
-
 // Opens it or throws FileError with `code`.
 void openOrThrow(ORVA_File& file, const std::string& name, const char* mode, long code);
 
