@@ -206,7 +206,6 @@ private:
     bool holds(std::int64_t position) const { return position >= fpos && offsetOf(position) < buffered(); }
     ORVA_LOCAL void dropBuffer();
     ORVA_LOCAL void markClean();
-    bool isOpen() const { return pRealFile.IsValid() != 0 && pRealFile->IsOpen(); }
     // The buffer's bytes are going to the end of the file, wherever that will be: they serve no read.
     bool holdsAppended() const { return bDirty && pRealFile->Appends(); }
     // For the requests that end in the buffer: where the first of the bytes stands, or null where more is to be done
@@ -214,13 +213,13 @@ private:
     const unsigned char* servedFromBuffer(std::int64_t position, std::uint32_t size) const {
         const std::uint64_t offset = offsetOf(position);
         const bool held = offset < buffered() && size - 1U < buffered() - offset;
-        return held && isOpen() && !holdsAppended() ? fBuffer + offset : nullptr;
+        return held && pRealFile->IsOpen() && !holdsAppended() ? fBuffer + offset : nullptr;
     }
     // Right behind the bytes written last, and short of the end of the buffer, where it is flushed.
     unsigned char* takenByBuffer(std::int64_t position, std::uint32_t size) {
         const std::uint64_t offset = offsetOf(position);
         const bool taken = position == fDirtyEnd && size != 0 && offset + size < kBlockSize;
-        return taken && isOpen() ? fBuffer + offset : nullptr;
+        return taken && pRealFile->IsOpen() ? fBuffer + offset : nullptr;
     }
 
     alignas(kBufferAlignment) unsigned char fBuffer[kBlockSize];

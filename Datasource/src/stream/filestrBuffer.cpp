@@ -30,21 +30,21 @@ inline void copyFixed(unsigned char* to, const unsigned char* from) {
     std::memcpy(to, from, Size);
 }
 
-// Values and short records are the most frequent requests, and a call of memcpy takes longer than they do. The last 16
-// bytes may lie over those before them.
+constexpr std::uint32_t kStep = 16;
+
+// Values and short records are the most frequent requests, and a call of memcpy takes longer than they do.
+constexpr bool areFew(std::uint32_t size) {
+    return size == sizeof(std::uint64_t) || size - kStep <= 8 * kStep;
+}
+
+// The last 16 bytes may lie over those before them.
 inline void copyFew(void* dest, const void* source, std::uint32_t size) {
-    constexpr std::uint32_t kStep = 16;
     auto* to = static_cast<unsigned char*>(dest);
     const auto* from = static_cast<const unsigned char*>(source);
-    if (size == sizeof(std::uint64_t)) {
-        copyFixed<sizeof(std::uint64_t)>(to, from);
-    } else if (size - kStep <= 8 * kStep) {
-        const std::uint32_t last = size - kStep;
-        for (std::uint32_t at = 0; at < last; at += kStep) copyFixed<kStep>(to + at, from + at);
-        copyFixed<kStep>(to + last, from + last);
-    } else {
-        std::memcpy(to, from, size);
-    }
+    if (size == sizeof(std::uint64_t)) return copyFixed<sizeof(std::uint64_t)>(to, from);
+    const std::uint32_t last = size - kStep;
+    for (std::uint32_t at = 0; at < last; at += kStep) copyFixed<kStep>(to + at, from + at);
+    copyFixed<kStep>(to + last, from + last);
 }
 
 }  // namespace
@@ -69,7 +69,7 @@ void ORVA_FileStream::Data::markClean() {
 }
 
 std::uint32_t ORVA_FileStream::Read(void* buffer, std::uint32_t size) {
-    const bool plainRoad = fMultiThreadReading < fPreReading;  // each is 0 or 1
+    const bool plainRoad = areFew(size) && fMultiThreadReading < fPreReading;  // each is 0 or 1
     const unsigned char* source = plainRoad ? fData->servedFromBuffer(fStreamPos, size) : nullptr;
     if (source == nullptr) return readRequest(buffer, size);
     fStreamPos += size;
@@ -94,7 +94,7 @@ std::uint32_t ORVA_FileStream::readRequest(void* buffer, std::uint32_t size) {
 }
 
 std::uint32_t ORVA_FileStream::Write(const void* buffer, std::uint32_t size) {
-    const bool inRange = fStreamPos <= std::numeric_limits<std::int64_t>::max() - size;
+    const bool inRange = areFew(size) && fStreamPos <= std::numeric_limits<std::int64_t>::max() - size;
     unsigned char* target = inRange ? fData->takenByBuffer(fStreamPos, size) : nullptr;
     if (target == nullptr) return writeRequest(buffer, size);
     fStreamPos += size;
