@@ -5,6 +5,7 @@
 
 #include <orva/platform.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -88,7 +89,7 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
         const bool atEnd = ModeHasChar(fMode.c_str(), 'a');
         const std::int64_t place = platform::_lseeki64(fDescriptor, 0, atEnd ? SEEK_END : SEEK_SET);
         fHasPlaces = place != -1 || errno != ESPIPE;
-        fPosition = atEnd ? place : 0;
+        fPosition = atEnd ? std::max<std::int64_t>(place, 0) : 0;
     }
     fGood.store(IsOpen(), std::memory_order_relaxed);
     fAppends = (accessFlags(fMode.c_str()) & platform::_O_APPEND) != 0;
