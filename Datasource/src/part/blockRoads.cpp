@@ -122,10 +122,7 @@ public:
     workerSource(atWork kind, ORVA_File& file, const filePosInfo& index, Arguments... more)
         : fWorker(kind, true,
                   [=, &file, &index] { return std::make_unique<Worker>(&file, &index, kBlockSize, more...); }) {}
-    const unsigned char* lend(std::uint32_t number) override {
-        const unsigned char* ahead = (*fWorker).lend(number);
-        return ahead != nullptr ? ahead : blockSource::lend(number);
-    }
+    const unsigned char* lend(std::uint32_t number) override { return (*fWorker).lend(number, own()); }
     void read(std::uint32_t number, unsigned char* to) override { (*fWorker).load(number, to); }
     atWork threads() const override { return fWorker.threads(); }
 
@@ -178,10 +175,14 @@ private:
 
 }  // namespace
 
-const unsigned char* blockSource::lend(std::uint32_t number) {
+unsigned char* blockSource::own() {
     if (!fBuffer) fBuffer = blockBuffer(kBlockSize);
-    read(number, fBuffer.get());
     return fBuffer.get();
+}
+
+const unsigned char* blockSource::lend(std::uint32_t number) {
+    read(number, own());
+    return own();
 }
 
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken, bool begun) {

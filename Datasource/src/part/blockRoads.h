@@ -80,6 +80,10 @@ public:
     virtual void read(std::uint32_t number, unsigned char* to) = 0;
     virtual atWork threads() const { return atWork::none; }
 
+protected:
+    // Memory for one block.
+    unsigned char* own();
+
 private:
     blockBuffer fBuffer;
 };

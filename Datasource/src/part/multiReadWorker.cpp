@@ -23,14 +23,18 @@ std::uint32_t PreIOThread_Multi_R_D::getBlock(void* buffer, std::uint32_t size, 
 }
 
 void PreIOThread_Multi_R_D::load(std::uint32_t number, unsigned char* to) {
-    if (const unsigned char* rows = lend(number)) {
-        std::memcpy(to, rows, static_cast<std::size_t>(pPosInfo->parsed(number).orginalSize));
-    } else {
-        makeBlock(number, fCompressed, to, false);
-    }
+    const unsigned char* rows = lend(number, to);
+    if (rows != to) std::memcpy(to, rows, static_cast<std::size_t>(pPosInfo->parsed(number).orginalSize));
 }
 
-const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number) {
+const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number, unsigned char* own) {
+    if (const unsigned char* rows = readAhead(number)) return rows;
+    makeBlock(number, fCompressed, own, false);
+    return own;
+}
+
+// Null: nobody has begun it.
+const unsigned char* PreIOThread_Multi_R_D::readAhead(std::uint32_t number) {
     if (!isMakers()) return nullptr;
     guard lock = locked();
     planAhead(number);

@@ -103,8 +103,8 @@ public:
     std::int32_t readLoopStep() override;
     // getBlock without the look-up.
     void load(std::uint32_t number, unsigned char* to);
-    // The block's rows where they stand, until the next request, or null: it was not read ahead.
-    const unsigned char* lend(std::uint32_t number);
+    // The block's rows where they were read ahead, until the next request, or else in `own`.
+    const unsigned char* lend(std::uint32_t number, unsigned char* own);
 
 private:
     enum class state : std::uint8_t { empty, busy, ready };
@@ -115,6 +115,7 @@ private:
         state is = state::empty;
     };
 
+    const unsigned char* readAhead(std::uint32_t number);
     void planAhead(std::int64_t number);
     slot* find(std::int64_t number);
     slot* freeSlot();

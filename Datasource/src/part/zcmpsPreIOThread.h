@@ -32,8 +32,10 @@ public:
     std::int32_t readLoopStep() override;
     // getBlock without the look-up.
     void load(std::uint32_t number, unsigned char* to);
-    // It lends none.
-    static const unsigned char* lend(std::uint32_t) { return nullptr; }
+    const unsigned char* lend(std::uint32_t number, unsigned char* own) {
+        load(number, own);
+        return own;
+    }
 
 private:
     std::uint32_t readAndDecompress(unsigned char* dest, std::uint32_t number, bool ahead);
