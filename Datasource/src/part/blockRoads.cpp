@@ -175,14 +175,14 @@ private:
 
 }  // namespace
 
-unsigned char* blockSource::own() {
+blockBuffer& blockSource::own() {
     if (!fBuffer) fBuffer = blockBuffer(kBlockSize);
-    return fBuffer.get();
+    return fBuffer;
 }
 
 const unsigned char* blockSource::lend(std::uint32_t number) {
-    read(number, own());
-    return own();
+    read(number, own().get());
+    return own().get();
 }
 
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken, bool begun) {

@@ -82,7 +82,7 @@ public:
 
 protected:
     // Memory for one block.
-    unsigned char* own();
+    blockBuffer& own();
 
 private:
     blockBuffer fBuffer;

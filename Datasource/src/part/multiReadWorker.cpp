@@ -23,14 +23,17 @@ std::uint32_t PreIOThread_Multi_R_D::getBlock(void* buffer, std::uint32_t size, 
 }
 
 void PreIOThread_Multi_R_D::load(std::uint32_t number, unsigned char* to) {
-    const unsigned char* rows = lend(number, to);
-    if (rows != to) std::memcpy(to, rows, static_cast<std::size_t>(pPosInfo->parsed(number).orginalSize));
+    if (const unsigned char* rows = readAhead(number)) {
+        std::memcpy(to, rows, static_cast<std::size_t>(pPosInfo->parsed(number).orginalSize));
+    } else {
+        makeBlock(number, fCompressed, to, false);
+    }
 }
 
-const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number, unsigned char* own) {
+const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number, const orva::blockBuffer& own) {
     if (const unsigned char* rows = readAhead(number)) return rows;
-    makeBlock(number, fCompressed, own, false);
-    return own;
+    makeBlock(number, fCompressed, own.get(), false);
+    return own.get();
 }
 
 // Null: nobody has begun it.

@@ -4,6 +4,7 @@
 #include "part/zcmpsPreIOThread.h"
 
 #include <cstring>
+#include <utility>
 
 PreIOThread_R_D::PreIOThread_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize)
     : pFile(file), pPosInfo(index), pDecompressBuffer(blockSize), pCompressBuffer(blockSize) {}
@@ -19,11 +20,21 @@ std::uint32_t PreIOThread_R_D::getBlock(void* buffer, std::uint32_t size, std::i
     return size;
 }
 
-// The slot knows blocks by their numbers.
 void PreIOThread_R_D::load(std::uint32_t number, unsigned char* to) {
+    serve(number, to, [&] { std::memcpy(to, pDecompressBuffer.get(), fSlot.stCurSize); });
+}
+
+const unsigned char* PreIOThread_R_D::lend(std::uint32_t number, orva::blockBuffer& own) {
+    serve(number, own.get(), [&] { std::swap(own, pDecompressBuffer); });
+    return own.get();
+}
+
+// The slot knows blocks by their numbers.
+template <class Take>
+void PreIOThread_R_D::serve(std::uint32_t number, unsigned char* to, Take takeMade) {
     orva::readAheadSlot::request turn(fSlot);
     if (turn.hits(number)) {
-        std::memcpy(to, pDecompressBuffer.get(), fSlot.stCurSize);
+        takeMade();
     } else {
         readAndDecompress(to, number, false);
     }

@@ -104,7 +104,7 @@ public:
     // getBlock without the look-up.
     void load(std::uint32_t number, unsigned char* to);
     // The block's rows where they were read ahead, until the next request, or else in `own`.
-    const unsigned char* lend(std::uint32_t number, unsigned char* own);
+    const unsigned char* lend(std::uint32_t number, const orva::blockBuffer& own);
 
 private:
     enum class state : std::uint8_t { empty, busy, ready };

@@ -32,12 +32,12 @@ public:
     std::int32_t readLoopStep() override;
     // getBlock without the look-up.
     void load(std::uint32_t number, unsigned char* to);
-    const unsigned char* lend(std::uint32_t number, unsigned char* own) {
-        load(number, own);
-        return own;
-    }
+    // The block's rows in `own`, which may be other memory then: a block made ahead comes with the worker's.
+    const unsigned char* lend(std::uint32_t number, orva::blockBuffer& own);
 
 private:
+    template <class Take>
+    void serve(std::uint32_t number, unsigned char* to, Take takeMade);
     std::uint32_t readAndDecompress(unsigned char* dest, std::uint32_t number, bool ahead);
 
     orva::readAheadSlot fSlot;
