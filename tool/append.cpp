@@ -5,7 +5,6 @@
 #include "part.h"
 #include "progress.h"
 #include "signals.h"
-#include "system.h"
 #include "text.h"
 #include "threads.h"
 #include "verbs.h"
@@ -14,8 +13,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cerrno>
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -28,45 +27,27 @@ struct appendOptions {
     progressOptions progress;
 };
 
-// A file that stays the same whatever happens to its name.
-class heldFile {
-public:
-    explicit heldFile(std::string name)
-        : fName(std::move(name)), fDescriptor(platform::openShared(fName.c_str(), platform::_O_RDONLY, 0, 0)) {
-        if (fDescriptor < 0) throwReadFailed(fName);
-    }
-    heldFile(const heldFile&) = delete;
-    heldFile& operator=(const heldFile&) = delete;
-    ~heldFile() { platform::closeAnyway(fDescriptor); }
-
-    bool isNamed() const { return platform::sameFile(fDescriptor, fName.c_str()); }
-
-private:
-    const std::string fName;
-    const int fDescriptor;
-};
-
 class appendRun {
 public:
-    explicit appendRun(appendOptions options) : fOptions(std::move(options)), fBuffer(new transferBuffer) {}
+    explicit appendRun(appendOptions options) : fOptions(std::move(options)), fFirst(1 << 18) {}
 
     int run() {
         checkInput();
         input from(fOptions.in);
         // Rows first, so that an input that fails at once, or has none, touches nothing.
-        std::uint32_t count = from.read(fBuffer->bytes, kPiece);
-        if (count != 0) rollBackInterrupted();
-        const locatedPart located = locatePart(fOptions.part);
-        noteFound("append", fOptions.part, located);
+        fFirst.resize(from.read(fFirst.data(), static_cast<std::uint32_t>(fFirst.size())));
+        if (!fFirst.empty()) rollBackInterrupted();
+        const shownFile file = openFile("append", fOptions.part);
         progress bar(fOptions.progress, "append", knownSize(fOptions.in).value_or(-1));
-        count != 0 ? append(located, from, count, bar) : requireSound(located);
-        bar.finish(shownName(fOptions.part.file) + ": " + humanSize(static_cast<double>(fRowBytes)) + " of rows added");
+        const std::int64_t added = fFirst.empty() ? requireSound(file) : append(file, from, bar);
+        bar.finish(shownName(file.name) + ": " + humanSize(static_cast<double>(added)) + " of rows added");
         return kAllWell;
     }
 
 private:
     void checkInput() const {
-        openPart(fOptions.part.file);
+        requireName(fOptions.part.file);
+        checkReadable(fOptions.part.file);
         const bool named = fOptions.in != "-";
         if (named) checkReadable(fOptions.in);
         if (platform::sameFile(named ? fOptions.in.c_str() : "/dev/stdin", fOptions.part.file.c_str())) {
@@ -76,16 +57,16 @@ private:
 
     void rollBackInterrupted() const {
         const char* ending = nullptr;
-        switch (orva::rollBack(fOptions.part.file)) {
-            case orva::rollBackResult::nothingToDo:
+        switch (orva::roll_back(fOptions.part.file)) {
+            case orva::RollBack::nothing:
                 return;
-            case orva::rollBackResult::rolledBack:
+            case orva::RollBack::undone:
                 ending = "it was undone, the rows from before it are all there";
                 break;
-            case orva::rollBackResult::sideFileStale:
+            case orva::RollBack::whole:
                 ending = "the file is whole as it stands, and its rows stay";
                 break;
-            case orva::rollBackResult::completed:
+            case orva::RollBack::completed:
                 ending = "its rows were all there, and it was completed";
                 break;
         }
@@ -93,54 +74,44 @@ private:
     }
 
     // What an append would have refused.
-    static void requireSound(const locatedPart& located) {
-        orva::finishedPart part(located.file, located.part);
-        part.verifyIndex();
-        if (part.blockCount() != 0) part.verifyBlock(part.blockCount() - 1);
+    static std::int64_t requireSound(const shownFile& file) {
+        const orva::VerifyReport report =
+            orva::verify(file.name, {.row0 = file.info.row0, .first_block = std::ssize(file.info.blocks) - 1});
+        const std::string& wrong = report.bad.empty() ? report.index : report.bad.front().text;
+        if (!report.sound()) throw toolFailure(kDamaged, file.name, failureText(wrong, file.name));
+        return 0;
     }
 
-    void append(const locatedPart& located, input& from, std::uint32_t count, progress& bar) {
-        const orva::foundPart& part = located.part;
-        const orva::finishedPart old(located.file, part);
-        const std::int64_t end = part.row0Pos + old.dataSize();
-        choiceOptions choices = fOptions.choices;
-        choices.block = old.chosenLength();
-        const namedStream source(fOptions.part.file);
-        const heldFile held(fOptions.part.file);
-        zcmpsFilestr rows(source);
+    // Gives the bytes added. From its last row on nothing ends it.
+    std::int64_t append(const shownFile& file, input& from, progress& bar) const {
         const signalDeferral deferral;
+        orva::Writer rows = begin(file);
+        const std::int64_t before = rows.size();
+        rows.write(fFirst);
+        bar.advance(std::ssize(fFirst));
+        from.readInto(rows, [&](std::int64_t size) { bar.advance(size); });
+        throwIfEndAsked();
+        rows.finish();
+        return rows.size() - before;
+    }
+
+    orva::Writer begin(const shownFile& file) const {
         try {
-            rows.setThreadCount(fOptions.threads.besideThisOne());
-            choices.take(rows);
-            rows.readFilePosInfo(part.row0Pos, part.swapped);
-            rows.Seek(end, ORVA_StrBaseIO::SeekFromStart);
-            rows.setSafeAppend(!fOptions.noSync);
-            rows.setFileToAppend(end, part.swapped);
-            const auto passed = [&](std::int64_t size) {
-                fRowBytes += size;
-                bar.advance(size);
-            };
-            rows.Write(fBuffer->bytes, count);
-            passed(count);
-            from.readInto(rows, fOptions.threads.count() > 1, passed);
-            throwIfEndAsked();
-            rows.Close();
-        } catch (const FileError& e) {
-            rows.abandon();
-            if (e.code().value() != ENAMETOOLONG) throw;
-            throw e.withOutcome("--no-sync does without this file, and a shorter name leaves room for it");
-        } catch (...) {
-            rows.abandon();
-            throw;
+            return orva::Writer::append(file.name, {.row0 = file.info.row0,
+                                                    .threads = fOptions.threads.count(),
+                                                    .durable = !fOptions.noSync,
+                                                    .level = fOptions.choices.level,
+                                                    .any_order = true});
+        } catch (const orva::SystemError& e) {
+            if (e.code() != std::errc::filename_too_long) throw;
+            throw toolFailure(kOutputUnwritable, file.name,
+                              failureText(e.what(), file.name) +
+                                  "; --no-sync does without this file, and a shorter name leaves room for it");
         }
-        if (held.isNamed()) return;
-        throw toolFailure(kOutputUnwritable, fOptions.part.file,
-                          "another file took its name while rows were added: they stand in a file without that name");
     }
 
     const appendOptions fOptions;
-    const std::unique_ptr<transferBuffer> fBuffer;
-    std::int64_t fRowBytes = 0;
+    std::vector<std::byte> fFirst;
 };
 
 }  // namespace

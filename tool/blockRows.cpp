@@ -2,40 +2,41 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <utility>
 
-std::uint32_t blockAt(const orva::finishedPart& part, std::int64_t offset) {
-    std::uint32_t low = 0;
-    std::uint32_t high = part.blockCount();
-    while (high - low > 1) {
-        const std::uint32_t middle = low + (high - low) / 2;
-        (blockBegin(part, middle) <= offset ? low : high) = middle;
-    }
-    return low;
+std::size_t blockAt(const std::vector<orva::Block>& blocks, std::int64_t offset) {
+    const auto behind =
+        std::ranges::upper_bound(blocks, offset, {}, [](const orva::Block& block) { return block.rows.offset; });
+    return static_cast<std::size_t>(behind - blocks.begin()) - 1;
 }
 
-std::int64_t blockBegin(const orva::finishedPart& part, std::uint32_t number) {
-    if (number == part.blockCount()) return part.dataSize();
-    return part.block(number).orginalPos - part.heading()._caseStartPos;
+std::shared_ptr<std::byte> blockMemory() {
+    constexpr std::align_val_t hugePage{std::size_t{2} << 20};
+    constexpr std::size_t size = std::size_t{4} << 20;
+    std::shared_ptr<std::byte> memory(static_cast<std::byte*>(::operator new(size, hugePage)),
+                                      [](std::byte* bytes) { ::operator delete(bytes, hugePage); });
+    platform::preferHugePages(memory.get(), size);
+    return memory;
 }
 
 void blockRows::load(std::int64_t offset) {
-    if (offset >= fCurrent.begin && offset < fCurrent.end) return;
+    if (fCurrent.holds(offset)) return;
     std::swap(fCurrent, fBefore);
-    if (offset >= fCurrent.begin && offset < fCurrent.end) return;
-    if (!fCurrent.rows) fCurrent.rows = std::make_unique_for_overwrite<unsigned char[]>(kBlockSize);
-    fCurrent.end = fCurrent.begin;
-    const std::uint32_t number = blockAt(fPart, offset);
-    fPart.readBlock(number, fCurrent.rows.get());
+    if (fCurrent.holds(offset)) return;
+    if (!fCurrent.rows) fCurrent.rows = blockMemory();
+    fCurrent.held = {};
+    const orva::Range block = fFile.info.blocks[blockAt(fFile.info.blocks, offset)].rows;
+    fFile.reader.read_at(block.offset, {fCurrent.rows.get(), static_cast<std::size_t>(block.length)});
     ++fInflated;
-    fCurrent.begin = blockBegin(fPart, number);
-    fCurrent.end = blockBegin(fPart, number + 1);
+    fCurrent.held = block;
 }
 
 std::string_view blockRows::from(std::int64_t offset) {
     load(offset);
     const auto* rows = reinterpret_cast<const char*>(fCurrent.rows.get());
-    return {rows + (offset - fCurrent.begin), static_cast<std::size_t>(fCurrent.end - offset)};
+    const std::int64_t into = offset - fCurrent.held.offset;
+    return {rows + into, static_cast<std::size_t>(fCurrent.held.length - into)};
 }
 
 void blockRows::copy(std::int64_t offset, std::size_t size, void* to) {

@@ -2,28 +2,28 @@
 // asked for, and the last two are kept, so that what lies across a border costs no block twice.
 //
 // Units:   offsets in bytes from the first byte of rows.
-// Owner:   two blocks of memory, and the part with its file.
-// Failure: FileError (1003); DamagedFileError for a block that is not what its record says.
+// Owner:   two blocks of memory.
+// Failure: as orva::Reader::read_at.
 #pragma once
 
-#include <orva/orva.h>
+#include "part.h"
 
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <string_view>
+#include <vector>
 
 // The number of the block that holds the byte at `offset`, which is one of the rows.
-std::uint32_t blockAt(const orva::finishedPart& part, std::int64_t offset);
-// Where block `number` begins; the end of the rows for the number behind the last.
-std::int64_t blockBegin(const orva::finishedPart& part, std::uint32_t number);
+std::size_t blockAt(const std::vector<orva::Block>& blocks, std::int64_t offset);
+
+// For the rows of a block: on huge pages where there are such, since a first touch costs by the page.
+std::shared_ptr<std::byte> blockMemory();
 
 class blockRows {
 public:
-    blockRows(const std::string& file, const orva::finishedPart& part) : fFile(file), fPart(part) {}
+    explicit blockRows(const shownFile& file) : fFile(file) {}
 
-    const std::string& file() const { return fFile; }
-    const orva::finishedPart& part() const { return fPart; }
+    const shownFile& file() const { return fFile; }
     // From the byte at `offset` to the end of its block. Valid until a third block is asked for.
     std::string_view from(std::int64_t offset);
     // The `size` bytes from `offset` on, all of them rows.
@@ -33,14 +33,13 @@ public:
 
 private:
     struct slot {
-        std::int64_t begin = 0;
-        std::int64_t end = 0;  // begin: empty
-        std::unique_ptr<unsigned char[]> rows;
+        orva::Range held;  // nothing at first
+        std::shared_ptr<std::byte> rows;
+        bool holds(std::int64_t offset) const { return offset >= held.offset && offset < held.offset + held.length; }
     };
     void load(std::int64_t offset);
 
-    const std::string fFile;
-    orva::finishedPart fPart;
+    const shownFile& fFile;
     slot fCurrent;
     slot fBefore;
     std::int64_t fInflated = 0;

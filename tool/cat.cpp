@@ -39,17 +39,14 @@ struct catOptions {
 
 class catRun {
 public:
-    explicit catRun(catOptions options)
-        : fOptions(std::move(options)), fLocated(locatePart(fOptions.part)), fPart(fLocated.file, fLocated.part) {
-        noteFound("cat", fOptions.part, fLocated);
-    }
+    explicit catRun(catOptions options) : fOptions(std::move(options)), fFile(openFile("cat", fOptions.part)) {}
 
     int run() {
         const std::vector<span> spans = wantedSpans();
         std::int64_t total = 0;
         for (const span& wanted : spans) total += wanted.length;
         refuseSameFile();
-        output out(fOptions.out, fOptions.output, {fOptions.part.file});
+        output out(fOptions.out, fOptions.output, fOptions.part.file);
         progress bar(fOptions.progress, "cat", total);
         copyPieces(piecesOf(spans), out, bar);
         out.finish();
@@ -64,10 +61,10 @@ public:
 
     int runWhere() {
         const keyRange range(fOptions.where);
-        blockRows rows(fOptions.part.file, fPart);
+        blockRows rows(fFile);
         recordSearch search(rows, range, fOptions.recordSize);
         refuseSameFile();
-        output out(fOptions.out, fOptions.output, {fOptions.part.file});
+        output out(fOptions.out, fOptions.output, fOptions.part.file);
         progress bar(fOptions.progress, "cat", -1);
         const std::int64_t first = search.first();
         const std::int64_t searched = rows.inflated();
@@ -82,7 +79,7 @@ private:
     // All of them are held against the rows before the first is written, so that a bad one leaves no half answer.
     std::vector<span> wantedSpans() const {
         const std::string& file = fOptions.part.file;
-        const std::int64_t dataSize = fPart.dataSize();
+        const std::int64_t dataSize = fFile.info.size;
         std::vector<span> spans;
         for (const std::string& text : fOptions.ranges) spans.push_back(parseRange(text, file, dataSize));
         for (const std::string& text : fOptions.records) {
@@ -108,16 +105,17 @@ private:
 
     // What one block has of one span.
     struct piece {
-        std::uint32_t number;
+        std::size_t number;
         span rows;
     };
+    const orva::Range& block(std::size_t number) const { return fFile.info.blocks[number].rows; }
     std::vector<piece> piecesOf(const std::vector<span>& spans) const {
         std::vector<piece> pieces;
         for (const span& wanted : spans) {
             const std::int64_t end = wanted.offset + wanted.length;
             for (std::int64_t at = wanted.offset; at < end; at += pieces.back().rows.length) {
-                const std::uint32_t number = blockAt(fPart, at);
-                pieces.push_back({number, {at, std::min(end, blockBegin(fPart, number + 1)) - at}});
+                const std::size_t number = blockAt(fFile.info.blocks, at);
+                pieces.push_back({number, {at, std::min(end, block(number).offset + block(number).length) - at}});
             }
         }
         return pieces;
@@ -136,47 +134,46 @@ private:
         const auto threads =
             static_cast<std::int32_t>(std::min(works.size(), static_cast<std::size_t>(fOptions.threads.count())));
         runInOrder(threads, works.size(), [&] {
-            return [&, part = orva::finishedPart(fPart)](std::size_t number) mutable {
-                const inflated block = inflate(part, works[number].front().number);
-                return [&, block, number] {
-                    for (const piece& one : works[number]) copyPiece(one, block, out, bar);
+            return [&, memory = blockMemory()](std::size_t number) {
+                const orva::Range& wanted = block(works[number].front().number);
+                const std::exception_ptr failure = inflate(wanted, memory.get());
+                return [&, failure, number, rows = memory.get(), begin = wanted.offset] {
+                    for (const piece& one : works[number])
+                        copyPiece(one.rows, rows + (one.rows.offset - begin), failure, out, bar);
                     return out.open();
                 };
             };
         });
     }
 
-    struct inflated {
-        const unsigned char* rows = nullptr;
-        std::exception_ptr failure;
-    };
-    static inflated inflate(orva::finishedPart& part, std::uint32_t number) {
+    // Null where the rows are there.
+    std::exception_ptr inflate(const orva::Range& wanted, std::byte* to) const {
         try {
-            return {part.rowsOf(number), nullptr};
+            fFile.reader.read_at(wanted.offset, {to, static_cast<std::size_t>(wanted.length)});
+            return nullptr;
         } catch (...) {
-            return {nullptr, std::current_exception()};
+            return std::current_exception();
         }
     }
 
-    void copyPiece(const piece& wanted, const inflated& block, output& out, progress& bar) {
-        const auto [offset, length] = wanted.rows;
+    void copyPiece(const span& wanted, const std::byte* rows, const std::exception_ptr& failure, output& out,
+                   progress& bar) {
         try {
-            if (block.failure != nullptr) std::rethrow_exception(block.failure);
-            out.write(block.rows + (offset - blockBegin(fPart, wanted.number)), static_cast<std::size_t>(length));
-        } catch (const DamagedFileError& e) {
-            lose(wanted.rows, std::current_exception(), e, out);
+            if (failure != nullptr) std::rethrow_exception(failure);
+            out.write(rows, static_cast<std::size_t>(wanted.length));
+        } catch (const orva::DamagedFileError& e) {
+            if (fOptions.damaged == "stop") throw;
+            lose(wanted, e, out);
         }
-        bar.advance(length);
+        bar.advance(wanted.length);
     }
 
-    // A file that has changed has lost nothing: its rows stand elsewhere now.
-    void lose(const span& lost, const std::exception_ptr& failure, const DamagedFileError& damage, output& out) {
-        const bool changed = dynamic_cast<const FileChangedError*>(&damage) != nullptr;
-        if (fOptions.damaged == "stop" || changed) std::rethrow_exception(failure);
+    void lose(const span& lost, const orva::DamagedFileError& damage, output& out) {
         ++fLostRanges;
+        const std::string why = failureText(damage.what(), fOptions.part.file);
         note("cat", fOptions.part.file,
              "bytes " + std::to_string(lost.offset) + " to " + std::to_string(lost.offset + lost.length) +
-                 " of the rows are lost: " + failureText(damage, fOptions.part.file));
+                 " of the rows are lost: " + why.substr(0, why.find("; 'orva recover")));
         if (fOptions.damaged == "skip") return;
         const std::vector<char> zeros(static_cast<std::size_t>(lost.length));
         out.write(zeros.data(), zeros.size());
@@ -201,8 +198,7 @@ private:
     }
 
     const catOptions fOptions;
-    const locatedPart fLocated;
-    const orva::finishedPart fPart;
+    const shownFile fFile;
     std::int64_t fLostRanges = 0;
 };
 

@@ -20,8 +20,3 @@ void choiceOptions::addLevelTo(CLI::App& command) {
     command.add_option("--level", level, "1, as without it, compresses fastest; a higher level better and slower")
         ->check(CLI::Range(std::int32_t{1}, zcmpsFilestr::bestCompressionLevel()));
 }
-
-void choiceOptions::take(zcmpsFilestr& rows) const {
-    rows.setBlockLength(block);
-    rows.setCompressionLevel(level);
-}

@@ -15,6 +15,4 @@ struct choiceOptions {
 
     void addBlockTo(CLI::App& command);
     void addLevelTo(CLI::App& command);
-    // Before the stream begins to write.
-    void take(zcmpsFilestr& rows) const;
 };

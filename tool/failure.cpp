@@ -1,6 +1,5 @@
 #include "failure.h"
 
-#include "appendState.h"
 #include "signals.h"
 #include "text.h"
 
@@ -37,12 +36,6 @@ int report(const std::string& verbName, exitCode code, const std::string& file, 
     return code;
 }
 
-// Readers, too, meet an append half-way.
-int reportDamage(const std::string& verbName, const std::string& file, const std::string& text) {
-    const std::string append = appendState(file);
-    return report(verbName, kDamaged, file, append.empty() ? text : text + "; " + append);
-}
-
 exitCode codeOf(const FileError& failure) {
     return failure.messageCode() == kReading ? kInputUnreadable : kOutputUnwritable;
 }
@@ -63,30 +56,53 @@ void throwWriteFailed(const std::string& file) {
     ThrowError::StringSys(kCatalog, kWriting, file.c_str());
 }
 
-FileError asFileError(const std::system_error& failure, const std::string& file) {
-    return {failure.code().value(), kCatalog, kWriting, file.c_str()};
-}
-
-std::string failureText(const std::exception& failure, const std::string& file) {
-    std::string text = failure.what();
+// The names of options are the flags' ones.
+std::string failureText(std::string text, const std::string& file) {
     text = withoutFirst(text, " (" + std::string(kCatalog) + ' ' + std::to_string(kReading) + ')');
     text = withoutFirst(text, " (" + std::string(kCatalog) + ' ' + std::to_string(kWriting) + ')');
-    text = withoutFirst(text, "\"" + file + "\" is ");  // damaged
-    return withoutFirst(text, " \"" + file + '"');
+    for (const char* const behind : {"\" is ", "\": ", "\" "}) {
+        if (text.starts_with('"' + file + behind)) text.erase(0, file.size() + 1 + std::strlen(behind));
+    }
+    if (const auto at = text.find(" row0"); at != std::string::npos) text.insert(at + 1, "--");
+    if (const auto at = text.find(" \"" + file + "\": "); at != std::string::npos) text.erase(at, file.size() + 3);
+    return text;
 }
+
+namespace {
+
+int reportNoThread(const std::string& verbName, const std::string& subject, const std::string& why) {
+    return report(verbName, kOtherFailure, subject,
+                  "cannot start a thread: " + why + "; give a smaller -T, or raise the limits on processes and memory");
+}
+
+int report(const std::string& verbName, const std::string& subject, const orva::Error& failure) {
+    const std::string file = failure.path().string();
+    const std::string text = failureText(failure.what(), file);
+    if (dynamic_cast<const orva::UsageError*>(&failure) != nullptr) return report(verbName, kUsage, file, text);
+    const auto* system = dynamic_cast<const orva::SystemError*>(&failure);
+    if (system == nullptr) return report(verbName, kDamaged, file, text);
+    if (!system->writing()) {
+        if (system->code() != std::errc::resource_unavailable_try_again) {
+            return report(verbName, kInputUnreadable, file, text);
+        }
+        return reportNoThread(verbName, subject, system->code().message());
+    }
+    const bool taken = system->code() == std::errc::file_exists;
+    return report(verbName, kOutputUnwritable, file,
+                  taken ? "already exists: use -f to replace it, or -o to name another file" : text);
+}
+
+}  // namespace
 
 int reportFailure(const std::string& verbName, const std::string& subject, const std::exception_ptr& failure) {
     try {
         std::rethrow_exception(failure);
     } catch (const toolFailure& e) {
-        if (e.code() == kDamaged) return reportDamage(verbName, e.file(), e.what());
         return report(verbName, e.code(), e.file(), e.what());
+    } catch (const orva::Error& e) {
+        return report(verbName, subject, e);
     } catch (const FileError& e) {
-        return report(verbName, codeOf(e), e.fileName(), failureText(e, e.fileName()));
-    } catch (const DamagedFileError& e) {
-        return reportDamage(verbName, e.fileName(), failureText(e, e.fileName()));
-    } catch (const FileReopenError& e) {
-        return reportFailure(verbName, subject, std::make_exception_ptr(asFileError(e, e.fileName())));
+        return report(verbName, codeOf(e), e.fileName(), failureText(e.what(), e.fileName()));
     } catch (const std::bad_alloc& e) {
         const std::string outcome = std::strchr(e.what(), ';') != nullptr ? std::strchr(e.what(), ';') : "";
         return report(verbName, kOtherFailure, subject,
@@ -94,9 +110,7 @@ int reportFailure(const std::string& verbName, const std::string& subject, const
     } catch (const std::filesystem::filesystem_error& e) {
         return report(verbName, kOtherFailure, e.path1().string(), e.code().message());
     } catch (const std::system_error& e) {
-        return report(verbName, kOtherFailure, subject,
-                      std::string("cannot start a thread: ") + e.what() +
-                          "; give a smaller -T, or raise the limits on processes and memory");
+        return reportNoThread(verbName, subject, e.what());
     } catch (const std::exception& e) {
         return report(verbName, kOtherFailure, subject, e.what());
     } catch (const endedBySignal& e) {

@@ -37,15 +37,12 @@ private:
 [[noreturn]] void throwReadFailed(const std::string& file);
 [[noreturn]] void throwWriteFailed(const std::string& file);
 
-// A file that could not be opened again, told as one that cannot be written, under the name that the user knows it by.
-FileError asFileError(const std::system_error& failure, const std::string& file);
-
 // Prints "orva: VERB: FILE: text" for the exception to standard error and gives its exit code. `subject`: the file that
 // the verb is about, for what does not say which file it was.
 int reportFailure(const std::string& verbName, const std::string& subject, const std::exception_ptr& failure);
 
 // The text of a failure without the file's name, which stands in front of it or is known.
-std::string failureText(const std::exception& failure, const std::string& file);
+std::string failureText(std::string text, const std::string& file);
 
 // A line on standard error that is no failure.
 void note(const std::string& verbName, const std::string& file, const std::string& text);

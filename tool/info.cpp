@@ -33,10 +33,7 @@ const char* orderName(bool swapped) {
 
 class infoRun {
 public:
-    explicit infoRun(const infoOptions& options)
-        : fOptions(options), fLocated(locatePart(options.part)), fPart(fLocated.file, fLocated.part) {
-        for (std::uint32_t i = 0; i < fPart.blockCount(); ++i) fStored += fPart.block(i).translateSize;
-    }
+    explicit infoRun(const infoOptions& options) : fOptions(options), fInfo(openFile(options.part).info) {}
 
     int run() {
         output out;
@@ -61,45 +58,45 @@ private:
         return counted(bytes, "byte") + (bytes < 1024 ? "" : " (" + humanSize(static_cast<double>(bytes)) + ")");
     }
 
-    std::int64_t row0Pos() const { return fPart.heading()._caseStartPos; }
-
     std::string summary() const {
-        const compressionHeading& heading = fPart.heading();
-        return shownName(fOptions.part.file) + '\n' + field("rows", sized(fPart.dataSize())) +
-               field("stored", sized(fStored) + " in " + counted(fPart.blockCount(), "block") +
-                                   (fStored == 0 ? "" : ", " + ratioText(fPart.dataSize(), fStored))) +
+        return shownName(fOptions.part.file) + '\n' + field("rows", sized(fInfo.size)) +
+               field("stored", sized(fInfo.stored) + " in " + counted(std::ssize(fInfo.blocks), "block") +
+                                   (fInfo.stored == 0 ? "" : ", " + ratioText(fInfo.size, fInfo.stored))) +
                field("dictionary", dictionary()) +
-               field("heading", "at " + grouped(row0Pos()) + ", " + orderName(fPart.swapped()) + "-endian" + found()) +
-               field("index", "at " + grouped(heading._indexPos) + ", " + counted(heading._size, "byte") +
-                                  ", for blocks of " + grouped(fPart.blockSize())) +
-               field("file", sized(fPart.fileSize()) + fileRatio());
+               field("heading", "at " + grouped(fInfo.row0) + ", " + orderName(fInfo.swapped) + "-endian" + found()) +
+               field("index", "at " + grouped(fInfo.index.offset) + ", " + counted(fInfo.index.length, "byte") +
+                                  ", for blocks of " + grouped(fInfo.block_size)) +
+               field("file", sized(fInfo.file_size) + fileRatio());
     }
 
     std::string fileRatio() const {
-        return fPart.dataSize() == 0 ? "" : ", " + ratioText(fPart.dataSize(), fPart.fileSize()) + " in all";
+        return fInfo.size == 0 ? "" : ", " + ratioText(fInfo.size, fInfo.file_size) + " in all";
     }
 
     std::string dictionary() const {
-        std::string text = counted(row0Pos(), "byte");
-        if (!fLocated.dictionary) return text;
+        std::string text = counted(fInfo.row0, "byte");
+        if (!fInfo.text) return text;
         text += ", made by orva pack";
-        if (!fLocated.dictionary->source.empty()) text += " from " + shownName(fLocated.dictionary->source);
-        if (fLocated.dictionary->size) text += " of " + counted(*fLocated.dictionary->size, "byte");
+        if (!fInfo.text->source.empty()) text += " from " + shownName(fInfo.text->source);
+        if (fInfo.text->size) text += " of " + counted(*fInfo.text->size, "byte");
         return text;
     }
 
-    std::string found() const { return fLocated.how == locatedPart::bySearch ? ", found by looking for it" : ""; }
+    std::string found() const {
+        return fInfo.found_by == orva::FileInfo::FoundBy::search ? ", found by looking for it" : "";
+    }
 
     void writeBlocks(output& out) const {
         std::string text = "\n     block            offset       size       file offset     stored     ratio\n";
-        for (std::uint32_t i = 0; i < fPart.blockCount() && out.open(); ++i) {
-            const filePosRecord& block = fPart.block(i);
+        long long number = 0;
+        for (const auto& [rows, place, stored] : fInfo.blocks) {
             char line[160];
-            std::snprintf(line, sizeof line, "%10u %17lld %10d %17lld %10d %9s\n", i,
-                          static_cast<long long>(block.orginalPos - row0Pos()), block.orginalSize,
-                          static_cast<long long>(block.translatePos), block.translateSize,
-                          ratioText(block.orginalSize, block.translateSize).c_str());
+            std::snprintf(line, sizeof line, "%10lld %17lld %10lld %17lld %10lld %9s\n", number++,
+                          static_cast<long long>(rows.offset), static_cast<long long>(rows.length),
+                          static_cast<long long>(place), static_cast<long long>(stored),
+                          ratioText(rows.length, stored).c_str());
             text += line;
+            if (!out.open()) return;
             if (text.size() < kFlushAt) continue;
             out.write(text);
             text.clear();
@@ -109,35 +106,30 @@ private:
 
     nlohmann::ordered_json report() const {
         const char* const ways[] = {"option", "dictionary", "search"};
-        nlohmann::ordered_json json = {
-            {"schema", kJsonSchema},
-            {"file", fOptions.part.file},
-            {"fileSize", fPart.fileSize()},
-            {"row0", row0Pos()},
-            {"foundBy", ways[fLocated.how]},
-            {"byteOrder", orderName(fPart.swapped())},
-            {"swapped", fPart.swapped()},
-            {"dataSize", fPart.dataSize()},
-            {"storedSize", fStored},
-            {"blocks", fPart.blockCount()},
-            {"blockSize", fPart.blockSize()},
-            {"index", {{"offset", fPart.heading()._indexPos}, {"size", fPart.heading()._size}}}};
+        nlohmann::ordered_json json = {{"schema", kJsonSchema},
+                                       {"file", fOptions.part.file},
+                                       {"fileSize", fInfo.file_size},
+                                       {"row0", fInfo.row0},
+                                       {"foundBy", ways[static_cast<std::size_t>(fInfo.found_by)]},
+                                       {"byteOrder", orderName(fInfo.swapped)},
+                                       {"swapped", fInfo.swapped},
+                                       {"dataSize", fInfo.size},
+                                       {"storedSize", fInfo.stored},
+                                       {"blocks", fInfo.blocks.size()},
+                                       {"blockSize", fInfo.block_size},
+                                       {"index", {{"offset", fInfo.index.offset}, {"size", fInfo.index.length}}}};
         if (fOptions.blocks) json["blockList"] = blockList();
         return json;
     }
 
     nlohmann::ordered_json blockList() const {
         nlohmann::ordered_json list = nlohmann::ordered_json::array();
-        for (std::uint32_t i = 0; i < fPart.blockCount(); ++i) {
-            list.push_back(blockJson(i, fPart.block(i), row0Pos()));
-        }
+        for (const orva::Block& block : fInfo.blocks) list.push_back(blockJson(std::ssize(list), block));
         return list;
     }
 
     const infoOptions& fOptions;
-    const locatedPart fLocated;
-    const orva::finishedPart fPart;
-    std::int64_t fStored = 0;
+    const orva::FileInfo fInfo;
 };
 
 }  // namespace

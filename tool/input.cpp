@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "signals.h"
 #include "system.h"
+#include "text.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -11,11 +12,32 @@
 
 namespace fs = std::filesystem;
 
-namedStream::namedStream(const std::string& name) {
-    if (Open(name.c_str(), "rb") == 1) return;
-    platform::setErrno(GetFile().OpenErrno());
-    throwReadFailed(name);
-}
+// A file from where it stands to the end that it has now.
+class input::rest final : public orva::ByteSource {
+public:
+    rest(const input& from, std::int64_t end, const std::function<void(std::int64_t)>& passed)
+        : fFrom(from), fSize(end - from.fPlace), fPassed(passed) {}
+
+    std::int64_t size() const override { return fSize; }
+    std::size_t read_at(std::int64_t offset, orva::Bytes to) const override {
+        throwIfEndAsked();
+        const auto size = static_cast<unsigned int>(to.size());
+        const int count = platform::readAt(fFrom.fDescriptor, to.data(), size, fFrom.fPlace + offset);
+        if (count < 0) throwReadFailed(fFrom.fName);
+        if (static_cast<std::size_t>(count) != to.size()) {
+            throw toolFailure(kInputUnreadable, fFrom.fName, "changed while it was read: try again");
+        }
+        const std::lock_guard guard(fLock);
+        fPassed(count);
+        return to.size();
+    }
+
+private:
+    const input& fFrom;
+    const std::int64_t fSize;
+    const std::function<void(std::int64_t)>& fPassed;
+    mutable std::mutex fLock;  // of what fPassed changes
+};
 
 // Rows pass once, so that a buffer on the way would only add a copy.
 input::input(const std::string& name)
@@ -35,34 +57,31 @@ std::uint32_t input::read(void* buffer, std::uint32_t size) {
     return static_cast<std::uint32_t>(count);
 }
 
-void input::readAt(std::int64_t offset, std::span<unsigned char> to) const {
-    throwIfEndAsked();
-    const int count = platform::readAt(fDescriptor, to.data(), static_cast<unsigned int>(to.size()), offset);
-    if (count < 0) throwReadFailed(fName);
-    if (static_cast<std::size_t>(count) == to.size()) return;
-    throw toolFailure(kInputUnreadable, fName, "changed while it was read: try again");
-}
-
 // What has been added to a file since its size was asked is read on the second road.
-void input::readInto(zcmpsFilestr& rows, bool threads, const std::function<void(std::int64_t)>& passed) {
-    const std::int64_t begin = fPlace;
-    if (const auto size = knownSize(fName); threads && size.value_or(0) > begin) {
-        std::mutex lock;  // guards what `passed` changes
-        const auto source = [&](std::int64_t offset, std::span<unsigned char> to) {
-            readAt(begin + offset, to);
-            const std::lock_guard guard(lock);
-            passed(static_cast<std::int64_t>(to.size()));
-        };
-        rows.writeFrom(source, *size - begin);
+void input::readInto(orva::Writer& rows, const std::function<void(std::int64_t)>& passed) {
+    if (const auto size = knownSize(fName); fDescriptor != 0 && size.value_or(0) > fPlace) {
+        rows.write_from(rest(*this, *size, passed));
         fPlace = platform::_lseeki64(fDescriptor, *size, SEEK_SET);
     }
     for (;;) {
-        const std::span<unsigned char> room = rows.room();
+        const orva::Bytes room = rows.room();
         const std::uint32_t count = read(room.data(), static_cast<std::uint32_t>(room.size()));
         if (count == 0) return;
         rows.wrote(count);
         passed(count);
     }
+}
+
+std::vector<std::byte> input::readAll() {
+    constexpr std::uint32_t piece = 1 << 18;
+    std::vector<std::byte> bytes;
+    std::size_t size = 0;
+    do {
+        bytes.resize(size + piece);
+        size += read(bytes.data() + size, piece);
+    } while (size == bytes.size());
+    bytes.resize(size);
+    return bytes;
 }
 
 void checkReadable(const std::string& name) {
@@ -74,6 +93,14 @@ void checkReadable(const std::string& name) {
     const int descriptor = platform::openShared(name.c_str(), platform::_O_RDONLY, 0, 0);
     if (descriptor < 0) throwReadFailed(name);
     platform::_close(descriptor);
+}
+
+std::vector<std::byte> readDictionary(const std::string& name) {
+    std::vector<std::byte> bytes = input(name).readAll();
+    if (bytes.empty()) {
+        usageError("the dictionary part \"" + shownName(name) + "\" is empty: rows begin behind at least one byte");
+    }
+    return bytes;
 }
 
 std::optional<std::int64_t> knownSize(const std::string& name) {

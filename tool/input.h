@@ -8,20 +8,8 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <span>
 #include <string>
-
-// Bytes on their way through the tool where no stream lends memory for them.
-constexpr std::int64_t kPiece = kBlockSize / 16;
-struct transferBuffer {
-    alignas(kBufferAlignment) unsigned char bytes[kPiece];
-};
-
-// A stream that is open on the file, or FileError.
-class namedStream : public ORVA_FileStream {
-public:
-    explicit namedStream(const std::string& name);
-};
+#include <vector>
 
 class input {
 public:
@@ -35,10 +23,11 @@ public:
     std::uint32_t read(void* buffer, std::uint32_t size);
     // All that is left goes behind the rows of the writer, read into its memory, a regular file's by as many threads as
     // the writer has. `passed` is told of bytes on their way, on one thread at a time.
-    void readInto(zcmpsFilestr& rows, bool threads, const std::function<void(std::int64_t)>& passed);
+    void readInto(orva::Writer& rows, const std::function<void(std::int64_t)>& passed);
+    std::vector<std::byte> readAll();
 
 private:
-    void readAt(std::int64_t offset, std::span<unsigned char> to) const;
+    class rest;
 
     const std::string fName;
     const int fDescriptor;
@@ -48,6 +37,9 @@ private:
 // Throws what opening the file for reading would meet, before anything is begun. A pipe is not opened: that would
 // consume it.
 void checkReadable(const std::string& name);
+
+// The dictionary part that a file is to have: all bytes of another one, of which there is one at least.
+std::vector<std::byte> readDictionary(const std::string& name);
 
 // The size of a regular file; nothing for what has none, or none that stays.
 std::optional<std::int64_t> knownSize(const std::string& name);

@@ -1,9 +1,8 @@
 // join: the rows of finished files one behind the other, their compressed blocks copied as they are.
-#include "dictionary.h"
 #include "failure.h"
 #include "input.h"
+#include "output.h"
 #include "part.h"
-#include "pendingFile.h"
 #include "progress.h"
 #include "text.h"
 #include "threads.h"
@@ -13,15 +12,11 @@
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
-#include <atomic>
 #include <limits>
 #include <memory>
 #include <vector>
 
 namespace {
-
-constexpr std::int64_t kLongestOwnDictionary = 1 << 20;
 
 struct joinRunOptions {
     std::vector<std::string> inputs;
@@ -40,25 +35,23 @@ public:
 
     int run() {
         checkUsage();
-        for (const std::string& name : fOptions.inputs) locate(name);
-        if (!fOptions.dict.empty()) checkReadable(fOptions.dict);
-        if (fOptions.check) checkBlocks();
-        pendingFile pending(fOptions.out, fOptions.output, fOptions.inputs);
+        for (const std::string& name : fOptions.inputs) openFile("join", {name, fOptions.row0, false});
+        const partOptions place{{}, fOptions.row0, false};
+        orva::JoinOptions options{
+            .row0 = place.place(), .durable = !fOptions.output.noSync, .replace = fOptions.output.force};
+        if (!fOptions.dict.empty()) options.dictionary = readDictionary(fOptions.dict);
+        if (fOptions.check) checkBlocks(place.place());
         progress bar(fOptions.progress, "join", storedSize());
-        orva::joinReport report;
-        bool hidden = false;
-        pending.during([&] {
-            report = write(pending.temporaryName(), bar);
-            hidden = needsRow0(pending.temporaryName(), report.part.row0Pos);
-            pending.commit();
-        });
-        if (hidden) {
-            note("join", fOptions.out,
-                 "its dictionary part looks like another compressed part: the rows are found by --row0 " +
-                     std::to_string(report.part.row0Pos));
-        }
+        std::int64_t before = 0;
+        options.progress = [&](std::int64_t done, std::int64_t) {
+            bar.advance(done - before);
+            before = done;
+        };
+        const std::vector<orva::Path> inputs(fOptions.inputs.begin(), fOptions.inputs.end());
+        const orva::JoinReport report = orva::join(inputs, fOptions.out, options);
+        if (!fOptions.dict.empty() || fOptions.row0 != 0) noteHidden("join", fOptions.out, report.row0);
         bar.finish(shownName(fOptions.out) + ": " + counted(report.blocks, "block") + ", " +
-                   humanSize(static_cast<double>(report.rows)) + " of rows in " +
+                   humanSize(static_cast<double>(report.size)) + " of rows in " +
                    humanSize(static_cast<double>(report.stored)));
         return kAllWell;
     }
@@ -73,34 +66,12 @@ private:
         }
     }
 
-    void locate(const std::string& name) {
-        const partOptions part{name, fOptions.row0, false};
-        const locatedPart located = locatePart(part);
-        noteFound("join", part, located);
-        if (fInputs.empty()) {
-            bOwnDictionary = located.how == locatedPart::byDictionary;
-        } else if (located.part.swapped != fInputs[0].part.swapped) {
-            usageError(
-                "\"" + shownName(fInputs[0].name) + "\" and \"" + shownName(name) +
-                "\" have different byte orders, and a file has one: join them apart, or pack the rows of one anew");
-        }
-        fInputs.push_back({name, located.part});
-    }
-
-    // Each thread takes the next block that nobody has taken.
-    void checkBlocks() const {
-        for (const orva::joinInput& input : fInputs) {
-            orva::finishedPart whole(input.name, input.part);
-            whole.verifyIndex();
-            const std::uint32_t blocks = whole.blockCount();
-            std::atomic<std::uint32_t> next{0};
-            const auto work = [&] {
-                orva::finishedPart part(whole);
-                for (std::uint32_t number = next++; number < blocks; number = next++) part.verifyBlock(number);
-            };
-            runOnThreads(static_cast<std::int32_t>(
-                             std::min<std::uint32_t>(static_cast<std::uint32_t>(fOptions.threads.count()), blocks)),
-                         work);
+    void checkBlocks(std::optional<std::int64_t> row0) const {
+        for (const std::string& name : fOptions.inputs) {
+            const orva::VerifyReport report = orva::verify(name, {.row0 = row0, .threads = fOptions.threads.count()});
+            if (report.sound()) continue;
+            const std::string& wrong = report.bad.empty() ? report.index : report.bad.front().text;
+            throw toolFailure(kDamaged, name, failureText(wrong, name));
         }
     }
 
@@ -110,43 +81,7 @@ private:
         return size;
     }
 
-    orva::joinReport write(const std::string& name, progress& bar) const {
-        orva::joinOptions options;
-        options.row0Pos = writeDictionary(name);
-        options.copied = [&](std::int64_t bytes) { bar.advance(bytes); };
-        return orva::join(fInputs, name, options);
-    }
-
-    // The dictionary part where it is not the first input's as it stands there. Gives its length, or 0.
-    std::int64_t writeDictionary(const std::string& name) const {
-        const std::int64_t row0Pos = fInputs[0].part.row0Pos;
-        const bool outlived = bOwnDictionary && fInputs.size() > 1 && row0Pos <= kLongestOwnDictionary;
-        if (fOptions.dict.empty() && !outlived) return 0;
-        ORVA_FileStream file(name.c_str(), "r+b");
-        if (file.Good() == 0) throwWriteFailed(name);
-        if (fOptions.dict.empty()) {
-            const std::string text = joinedDictionary(fInputs[0].name, row0Pos);
-            file.Write(text.data(), static_cast<std::uint32_t>(text.size()));
-        } else {
-            copyDictionary(file);
-        }
-        const std::int64_t length = file.Tell();
-        file.Close();
-        return length;
-    }
-
-    void copyDictionary(ORVA_FileStream& file) const {
-        const std::unique_ptr<transferBuffer> buffer(new transferBuffer);
-        input from(fOptions.dict);
-        while (const std::uint32_t count = from.read(buffer->bytes, kPiece)) file.Write(buffer->bytes, count);
-        if (file.Tell() != 0) return;
-        usageError("the dictionary part \"" + shownName(fOptions.dict) +
-                   "\" is empty: rows begin behind at least one byte");
-    }
-
     const joinRunOptions fOptions;
-    std::vector<orva::joinInput> fInputs;
-    bool bOwnDictionary = false;
 };
 
 }  // namespace

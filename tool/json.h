@@ -1,7 +1,7 @@
 // What the verbs' JSON has in common. Field names and meanings stay as long as the schema's number does.
 #pragma once
 
-#include <orva/compressedLayout.h>
+#include <orva/reader.h>
 
 #include <nlohmann/json.hpp>
 
@@ -17,10 +17,10 @@ inline std::string jsonText(const nlohmann::ordered_json& value, std::size_t fil
 }
 
 // `offset` counts from the first byte of rows.
-inline nlohmann::ordered_json blockJson(std::uint32_t number, const filePosRecord& record, std::int64_t row0Pos) {
+inline nlohmann::ordered_json blockJson(std::int64_t number, const orva::Block& block) {
     return {{"block", number},
-            {"offset", record.orginalPos - row0Pos},
-            {"size", record.orginalSize},
-            {"fileOffset", record.translatePos},
-            {"fileSize", record.translateSize}};
+            {"offset", block.rows.offset},
+            {"size", block.rows.length},
+            {"fileOffset", block.file_offset},
+            {"fileSize", block.stored}};
 }

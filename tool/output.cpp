@@ -3,6 +3,8 @@
 #include "failure.h"
 #include "system.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
@@ -23,16 +25,21 @@ bool isDeviceOrPipe(const std::string& name) {
 
 }  // namespace
 
+void outputOptions::addTo(CLI::App& app) {
+    app.add_flag("-f,--force", force, "Replace an existing output");
+    app.add_flag("--no-sync", noSync, "Leave it to the system when the output reaches the disk");
+}
+
 output::output() : fName("standard output"), fDescriptor(kStandardOutput) {}
 
-output::output(const std::string& name, const outputOptions& options, const std::vector<std::string>& inputs)
-    : output() {
+output::output(const std::string& name, const outputOptions& options, const orva::Path& input) : output() {
     if (name == "-") return;
     fName = name;
     if (isDeviceOrPipe(name)) {
         openFile(name.c_str());
     } else {
-        fPending = std::make_unique<pendingFile>(name, options, inputs);
+        fPending = std::make_unique<orva::pendingFile>(name, options.force, orva::commonPermissions({&input, 1}));
+        bDurable = !options.noSync;
         openFile(fPending->temporaryName().c_str());
     }
 }
@@ -65,5 +72,7 @@ void output::finish() {
     if (fDescriptor <= kStandardOutput) return;
     if (platform::_close(fDescriptor) != 0) throwWriteFailed(fName);
     fDescriptor = -1;
-    if (fPending) fPending->commit();
+    if (!fPending) return;
+    if (bDurable) fPending->sync();
+    fPending->commit(bDurable);
 }

@@ -1,23 +1,32 @@
 // Where a verb's bytes go: standard output, or a file that appears under its name when it is complete.
 //
-// Failure: FileError (1002). A reader that has gone is no failure: `open` tells of it.
+// Failure: FileError (1002); SystemError of the face. A reader that has gone is no failure: `open` tells of it.
 #pragma once
 
-#include "pendingFile.h"
+#include <orva/orva.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
+
+namespace CLI {
+class App;
+}
+
+struct outputOptions {
+    bool force = false;
+    bool noSync = false;
+
+    void addTo(CLI::App& app);
+};
 
 class output {
 public:
     // Standard output.
     output();
-    // The file `name`, for whoever may use all of `inputs`; "-" is standard output. A device or a pipe is written to as
-    // it is.
-    output(const std::string& name, const outputOptions& options, const std::vector<std::string>& inputs);
+    // The file `name`, for whoever may use `input`; "-" is standard output. A device or a pipe is written to as it is.
+    output(const std::string& name, const outputOptions& options, const orva::Path& input);
     output(const output&) = delete;
     output& operator=(const output&) = delete;
     ~output();
@@ -35,8 +44,9 @@ private:
     void openFile(const char* name);
 
     std::string fName;
-    std::unique_ptr<pendingFile> fPending;
+    std::unique_ptr<orva::pendingFile> fPending;
     int fDescriptor;
+    bool bDurable = true;
     bool bReaderGone = false;
     std::int64_t fWritten = 0;
 };

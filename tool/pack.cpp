@@ -1,10 +1,9 @@
 // pack: rows in, a finished file out.
 #include "choices.h"
-#include "dictionary.h"
 #include "failure.h"
 #include "input.h"
+#include "output.h"
 #include "part.h"
-#include "pendingFile.h"
 #include "progress.h"
 #include "text.h"
 #include "threads.h"
@@ -17,9 +16,8 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <span>
 #include <vector>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -35,26 +33,29 @@ struct packOptions {
 
 class packRun {
 public:
-    explicit packRun(packOptions options) : fOptions(std::move(options)), fBuffer(new transferBuffer) {}
+    explicit packRun(packOptions options) : fOptions(std::move(options)) {}
 
     int run() {
         chooseOutput();
         checkInputs();
-        pendingFile pending(fOptions.out, fOptions.output, fOptions.inputs);
+        const std::vector<std::byte> dictionary = dictionaryPart();
         progress bar(fOptions.progress, "pack", totalSize());
-        pending.during([&] {
-            writeFile(pending.temporaryName(), bar);
-            if (!fOptions.dict.empty()) bHidden = needsRow0(pending.temporaryName(), fRow0Pos);
-            fPackedSize = static_cast<std::int64_t>(fs::file_size(pending.temporaryName()));
-            pending.commit();
-        });
-        if (bHidden) {
-            note("pack", fOptions.out,
-                 "its dictionary part looks like another compressed part: the rows are found by --row0 " +
-                     std::to_string(fRow0Pos));
+        orva::Writer rows(fOptions.out, {.dictionary = dictionary,
+                                         .threads = fOptions.threads.count(),
+                                         .durable = !fOptions.output.noSync,
+                                         .replace = fOptions.output.force,
+                                         .level = fOptions.choices.level,
+                                         .block = fOptions.choices.block,
+                                         .permissions = orva::commonPermissions(
+                                             std::vector<orva::Path>(fOptions.inputs.begin(), fOptions.inputs.end()))});
+        for (const std::string& name : fOptions.inputs) {
+            input(name).readInto(rows, [&](std::int64_t count) { bar.advance(count); });
         }
-        bar.finish(shownName(fOptions.out) + ": " + humanSize(static_cast<double>(fRowBytes)) + " to " +
-                   humanSize(static_cast<double>(fPackedSize)) + ", " + ratioText(fRowBytes, fPackedSize));
+        rows.finish();
+        if (!fOptions.dict.empty()) noteHidden("pack", fOptions.out, std::ssize(dictionary));
+        const auto packed = static_cast<std::int64_t>(std::filesystem::file_size(fOptions.out));
+        bar.finish(shownName(fOptions.out) + ": " + humanSize(static_cast<double>(rows.size())) + " to " +
+                   humanSize(static_cast<double>(packed)) + ", " + ratioText(rows.size(), packed));
         return kAllWell;
     }
 
@@ -94,56 +95,18 @@ private:
         return total;
     }
 
-    void writeFile(const std::string& name, progress& bar) {
-        ORVA_FileStream file(name.c_str(), "r+b");
-        if (file.Good() == 0) throwWriteFailed(name);
-        fRow0Pos = writeDictionary(file);
-        file.Close();
-        zcmpsFilestr rows(file);
-        try {
-            rows.setThreadCount(fOptions.threads.besideThisOne());
-            fOptions.choices.take(rows);
-            rows.setRow0Pos(fRow0Pos);
-            rows.Seek(fRow0Pos, ORVA_StrBaseIO::SeekFromStart);
-            for (const std::string& input : fOptions.inputs) copyRows(input, rows, bar);
-            rows.Close();
-        } catch (...) {
-            rows.abandon();
-            throw;
-        }
-    }
-
-    // Gives the row-0 position, which is its length.
-    std::int64_t writeDictionary(ORVA_FileStream& file) {
-        if (fOptions.dict.empty()) {
-            const std::string source = oneNamedInput() ? fOptions.inputs[0] : "";
-            const std::string text = makeDictionary(source, source.empty() ? std::nullopt : knownSize(source));
-            file.Write(text.data(), static_cast<std::uint32_t>(text.size()));
-        } else {
-            input from(fOptions.dict);
-            while (const std::uint32_t count = from.read(fBuffer->bytes, kPiece)) file.Write(fBuffer->bytes, count);
-            if (file.Tell() == 0) {
-                usageError("the dictionary part \"" + shownName(fOptions.dict) +
-                           "\" is empty: rows begin behind at least one byte");
-            }
-        }
-        return file.Tell();
-    }
-
-    void copyRows(const std::string& name, zcmpsFilestr& rows, progress& bar) {
-        input from(name);
-        from.readInto(rows, fOptions.threads.count() > 1, [&](std::int64_t count) {
-            fRowBytes += count;
-            bar.advance(count);
-        });
+    std::vector<std::byte> dictionaryPart() const {
+        if (!fOptions.dict.empty()) return readDictionary(fOptions.dict);
+        constexpr std::size_t longestName = 300;
+        const std::string source = oneNamedInput() ? fOptions.inputs[0] : "";
+        const std::string name = std::filesystem::path(source).filename().string();
+        const std::string text = orva::makeDictionaryText(shownName(name).substr(0, longestName),
+                                                          source.empty() ? std::nullopt : knownSize(source));
+        const auto bytes = std::as_bytes(std::span(text));
+        return {bytes.begin(), bytes.end()};
     }
 
     packOptions fOptions;
-    const std::unique_ptr<transferBuffer> fBuffer;
-    std::int64_t fRow0Pos = 0;
-    std::int64_t fRowBytes = 0;
-    std::int64_t fPackedSize = 0;
-    bool bHidden = false;  // another part is found first
 };
 
 }  // namespace

@@ -1,15 +1,12 @@
-// Finds the compressed part of a file: by the user's word, by the tool's own dictionary part, or by looking for it.
+// FILE on the command line, and where its rows begin: by the user's word, by its own, or found by looking for them.
 //
-// Failure: FileError (1003); toolFailure with kDamaged when there is none.
+// Failure: the face's errors (orva/error.h); toolFailure.
 #pragma once
-
-#include "dictionary.h"
 
 #include <orva/orva.h>
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,32 +24,28 @@ struct partOptions {
     void addTo(CLI::App& app);
     // --row0 and --swap, and any number of files.
     void addTo(CLI::App& app, std::vector<std::string>& files);
+    std::optional<std::int64_t> place() const { return row0 == 0 ? std::nullopt : std::optional(row0); }
 };
 
-struct locatedPart {
-    enum way { byUser, byDictionary, bySearch };
-
-    std::shared_ptr<ORVA_File> file;  // open for reading, so that who goes on with it reads the same one
-    orva::foundPart part;
-    way how;
-    std::optional<orva::dictionaryText> dictionary;
+// A finished file as it was when it was opened.
+struct shownFile {
+    std::string name;
+    orva::Reader reader;
+    orva::FileInfo info;
 };
 
-// The file, open for reading. Refuses what cannot be read at any place, and never waits for a pipe.
-std::shared_ptr<ORVA_File> openPart(const std::string& file);
+// Refuses a file in which two parts fit, unless the user says which.
+shownFile openFile(const partOptions& options);
+// The same; where a search has found the part is told on standard error.
+shownFile openFile(const std::string& verbName, const partOptions& options);
 
-// Refuses a file in which two parts fit, unless the user says which. Opens it once.
-locatedPart locatePart(const partOptions& options);
+// A name of standard input, which cannot be read at any place, is a usage error.
+void requireName(const std::string& file);
 
-// Whether that of `row0Pos` is not the part that is found without the user's word.
-bool needsRow0(const std::string& file, std::int64_t row0Pos);
+// Tells on standard error if that of `row0` is not the part that is found in the file without the user's word.
+void noteHidden(const std::string& verbName, const std::string& file, std::int64_t row0);
 
 // Runs `work` for one file after the other; failures are reported where they happen. The exit code: of those of the
 // files the first in 5, 3, 4, 1, 7, 0.
 int forEachFile(const std::string& verbName, const std::vector<std::string>& files,
                 const std::function<int(const std::string&)>& work);
-
-// "heading found at offset 1,000, in the other byte order"
-std::string foundText(const locatedPart& located);
-// Tells on standard error where a part was found by search.
-void noteFound(const std::string& verbName, const partOptions& options, const locatedPart& located);

@@ -132,7 +132,7 @@ bool keyRange::isBeyond(std::uint64_t rank) const {
 }
 
 recordSearch::recordSearch(blockRows& rows, const keyRange& range, std::int64_t recordSize)
-    : fRows(rows), fRange(range), fRecordSize(recordSize), fRecords(rows.part().dataSize() / recordSize) {
+    : fRows(rows), fRange(range), fRecordSize(recordSize), fRecords(rows.file().info.size / recordSize) {
     if (range.offset() > recordSize - static_cast<std::int64_t>(range.width())) {
         usageError("the key does not lie inside a record of " + counted(recordSize, "byte"));
     }
@@ -141,12 +141,12 @@ recordSearch::recordSearch(blockRows& rows, const keyRange& range, std::int64_t 
 // Records that one block tells of: those whose keys it holds, of the block in the middle. Keys that lie across a border
 // count for the block in which they end; when nothing else is left, one of them.
 recordSearch::stretch recordSearch::probe(stretch left) const {
-    const orva::finishedPart& part = fRows.part();
-    const std::uint32_t low = blockAt(part, keyEnd(left.begin) - 1);
-    const std::uint32_t high = blockAt(part, keyEnd(left.end - 1) - 1);
-    const std::uint32_t middle = low + (high - low) / 2;
-    const std::int64_t from = blockBegin(part, middle) - fRange.offset();
-    const std::int64_t to = blockBegin(part, middle + 1) - static_cast<std::int64_t>(fRange.width()) - fRange.offset();
+    const std::vector<orva::Block>& blocks = fRows.file().info.blocks;
+    const std::size_t low = blockAt(blocks, keyEnd(left.begin) - 1);
+    const std::size_t high = blockAt(blocks, keyEnd(left.end - 1) - 1);
+    const orva::Range middle = blocks[low + (high - low) / 2].rows;
+    const std::int64_t from = middle.offset - fRange.offset();
+    const std::int64_t to = from + middle.length - static_cast<std::int64_t>(fRange.width());
     const std::int64_t begin = from <= 0 ? 0 : (from - 1) / fRecordSize + 1;
     const std::int64_t end = to < 0 ? 0 : to / fRecordSize + 1;
     const stretch inside{std::max(left.begin, begin), std::min(left.end, end)};
@@ -183,8 +183,9 @@ std::int64_t recordSearch::first() {
 }
 
 std::int64_t recordSearch::countFrom(std::int64_t record) {
-    const orva::finishedPart& part = fRows.part();
-    const std::int64_t blockEnd = blockBegin(part, blockAt(part, record * fRecordSize) + 1);
+    const std::vector<orva::Block>& blocks = fRows.file().info.blocks;
+    const orva::Range block = blocks[blockAt(blocks, record * fRecordSize)].rows;
+    const std::int64_t blockEnd = block.offset + block.length;
     const std::int64_t end = std::min(fRecords, std::max(record + 1, blockEnd / fRecordSize));
     for (std::int64_t i = record; i < end; ++i) {
         fLastRank = rankOf(i, fLastRank);
@@ -196,13 +197,13 @@ std::int64_t recordSearch::countFrom(std::int64_t record) {
 std::uint64_t recordSearch::rankOf(std::int64_t record, std::uint64_t before) {
     unsigned char key[8];
     fRows.copy(keyPlace(record), fRange.width(), key);
-    const auto rank = fRange.rank(key, fRows.part().swapped());
+    const auto rank = fRange.rank(key, fRows.file().info.swapped);
     if (!rank || *rank < before) refuse(record);
     return *rank;
 }
 
 void recordSearch::refuse(std::int64_t record) const {
-    throw toolFailure(kDamaged, fRows.file(),
+    throw toolFailure(kDamaged, fRows.file().name,
                       "the key of record " + grouped(record) +
                           " does not ascend: a search needs rows that are sorted by it, or --records-where names "
                           "another key than theirs");

@@ -1,11 +1,8 @@
 // recover: what can be read of a damaged or unfinished file, as a new finished one.
-#include "appendState.h"
-#include "dictionary.h"
 #include "failure.h"
 #include "json.h"
 #include "output.h"
 #include "part.h"
-#include "pendingFile.h"
 #include "text.h"
 #include "verbs.h"
 
@@ -34,17 +31,15 @@ public:
 
     int run() {
         checkUsage();
+        requireName(fOptions.part.file);
         if (fOptions.rollBack) return rollBack();
-        openPart(fOptions.part.file);
-        if (const std::string append = appendState(fOptions.part.file); !append.empty()) {
-            note("recover", fOptions.part.file, append);
-        }
-        pendingFile pending(fOptions.out, fOptions.output, {fOptions.part.file});
-        pending.during([&] {
-            fReport = orva::recover(fOptions.part.file, pending.temporaryName(),
-                                    {knownPart(), fOptions.committed, fOptions.drop});
-            pending.commit();
-        });
+        noteAppend();
+        fReport = orva::recover(fOptions.part.file, fOptions.out,
+                                {.row0 = fOptions.part.place(),
+                                 .committed = fOptions.committed,
+                                 .drop_lost = fOptions.drop,
+                                 .durable = !fOptions.output.noSync,
+                                 .replace = fOptions.output.force});
         tell();
         if (fReport.lost.empty()) return kAllWell;
         throw toolFailure(kPartial, fOptions.part.file,
@@ -65,28 +60,29 @@ private:
 
     int rollBack() const {
         const std::string& file = fOptions.part.file;
-        switch (orva::rollBack(file)) {
-            case orva::rollBackResult::rolledBack:
+        switch (orva::roll_back(file)) {
+            case orva::RollBack::undone:
                 note("recover", file, "the interrupted append was undone: the rows from before it are all there");
                 break;
-            case orva::rollBackResult::sideFileStale:
+            case orva::RollBack::whole:
                 note("recover", file, "it is whole as it stands, and its rows stay; the side file was removed");
                 break;
-            case orva::rollBackResult::completed:
+            case orva::RollBack::completed:
                 note("recover", file,
                      "the append was complete but for its heading, which was written: all rows are there");
                 break;
-            case orva::rollBackResult::nothingToDo:
+            case orva::RollBack::nothing:
                 note("recover", file, "no append to undo: it has no side file");
                 break;
         }
         return kAllWell;
     }
 
-    // Without the user's word or the tool's own dictionary part, the library looks further than for a heading.
-    std::optional<orva::foundPart> knownPart() const {
-        if (fOptions.part.row0 == 0 && !readDictionary(*openPart(fOptions.part.file))) return {};
-        return locatePart(fOptions.part).part;
+    // An append that is at work, or was interrupted, may be all that is wrong with the file.
+    void noteAppend() const {
+        const std::string& file = fOptions.part.file;
+        const std::string append = orva::append_state(file);
+        if (!append.empty()) note("recover", file, append);
     }
 
     // What was lost is told whatever becomes of standard output: nothing else shows it.
@@ -97,63 +93,62 @@ private:
             out.finish();
         } catch (const FileError& e) {
             if (fReport.lost.empty()) throw e.withOutcome("\"" + fOptions.out + "\" is complete");
-            for (const orva::lostRange& lost : fReport.lost) note("recover", fOptions.part.file, line(lost));
-            note("recover", e.fileName(), failureText(e, e.fileName()));
+            for (const orva::LostRows& lost : fReport.lost) note("recover", fOptions.part.file, line(lost));
+            note("recover", e.fileName(), failureText(e.what(), e.fileName()));
         }
     }
 
     std::string asText() const {
         const std::string file = shownName(fOptions.part.file) + ": ";
-        std::string text = file + counted(fReport.blocks, "block") + " with " + grouped(fReport.rows) +
+        std::string text = file + counted(fReport.blocks, "block") + " with " + grouped(fReport.size) +
                            " bytes of rows recovered into " + shownName(fOptions.out) + '\n';
-        if (!fReport.hadHeading) {
+        if (!fReport.had_heading) {
             text += file + "no heading: the file was never finished, or its heading is damaged\n";
-        } else if (!fReport.hadIndex) {
+        } else if (!fReport.had_index) {
             text += file + "no index: the blocks were found one behind the other\n";
         }
-        if (fReport.hadHeading && fReport.rows > fReport.committedRows) {
-            text += file + "rows from byte " + std::to_string(fReport.committedRows) +
+        if (fReport.had_heading && fReport.size > fReport.committed) {
+            text += file + "rows from byte " + std::to_string(fReport.committed) +
                     " on come from an append that was not finished\n";
         }
-        if (fReport.lastRewritten) {
+        if (fReport.last_rewritten) {
             text += file + "the last block before them was already rewritten and may hold such rows too\n";
         }
-        for (const orva::lostRange& lost : fReport.lost) text += file + line(lost) + '\n';
+        for (const orva::LostRows& lost : fReport.lost) text += file + line(lost) + '\n';
         return text;
     }
 
-    std::string line(const orva::lostRange& lost) const {
-        const std::int64_t row0 = fReport.part.row0Pos;
-        return "bytes " + std::to_string(lost.begin - row0) + " to " + std::to_string(lost.end - row0) +
-               " of the rows are lost" + (lost.estimated ? " (a guess)" : "") + ": " + lost.why;
+    static std::string line(const orva::LostRows& lost) {
+        return "bytes " + std::to_string(lost.rows.offset) + " to " +
+               std::to_string(lost.rows.offset + lost.rows.length) + " of the rows are lost" +
+               (lost.estimated ? " (a guess)" : "") + ": " + lost.text;
     }
 
     nlohmann::ordered_json asJson() const {
-        const std::int64_t row0 = fReport.part.row0Pos;
         nlohmann::ordered_json list = nlohmann::ordered_json::array();
-        for (const orva::lostRange& lost : fReport.lost) {
-            list.push_back({{"offset", lost.begin - row0},
-                            {"size", lost.end - lost.begin},
-                            {"fileOffset", lost.place},
+        for (const orva::LostRows& lost : fReport.lost) {
+            list.push_back({{"offset", lost.rows.offset},
+                            {"size", lost.rows.length},
+                            {"fileOffset", lost.file_offset},
                             {"estimated", lost.estimated},
-                            {"why", lost.why}});
+                            {"why", lost.text}});
         }
         return {{"schema", kJsonSchema},
                 {"file", fOptions.part.file},
                 {"output", fOptions.out},
-                {"row0", row0},
-                {"swapped", fReport.part.swapped},
-                {"hadHeading", fReport.hadHeading},
-                {"hadIndex", fReport.hadIndex},
+                {"row0", fReport.row0},
+                {"swapped", fReport.swapped},
+                {"hadHeading", fReport.had_heading},
+                {"hadIndex", fReport.had_index},
                 {"blocks", fReport.blocks},
-                {"recoveredSize", fReport.rows},
-                {"committedSize", fReport.committedRows},
-                {"lastBlockRewritten", fReport.lastRewritten},
+                {"recoveredSize", fReport.size},
+                {"committedSize", fReport.committed},
+                {"lastBlockRewritten", fReport.last_rewritten},
                 {"lost", std::move(list)}};
     }
 
     const recoverRunOptions fOptions;
-    orva::recoverReport fReport;
+    orva::RecoverReport fReport;
 };
 
 }  // namespace

@@ -14,10 +14,6 @@
 
 namespace {
 
-// The name that the handler removes. Written while the flag is 0, read by the handler only while it is 1.
-char gTemporary[4096];
-volatile std::sig_atomic_t gArmed = 0;
-
 // What a deferral is asked, and the pipe that wakes who waits for input. Closed exactly when -1.
 volatile std::sig_atomic_t gAsked = 0;
 volatile std::sig_atomic_t gWake[2] = {-1, -1};
@@ -30,7 +26,7 @@ extern "C" void onSignal(int signal) {
         platform::setErrno(error);
         return;
     }
-    if (gArmed != 0) platform::removeFile(gTemporary);
+    orva::remove_unfinished();
     std::signal(signal, SIG_DFL);
     std::raise(signal);
 }
@@ -42,13 +38,6 @@ void handleSignals() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU}) {
         if (std::signal(signal, onSignal) == SIG_IGN) std::signal(signal, SIG_IGN);  // as under nohup
     }
-}
-
-void removeOnSignal(const std::string& name) {
-    gArmed = 0;
-    if (name.empty() || name.size() >= sizeof gTemporary) return;
-    std::memcpy(gTemporary, name.c_str(), name.size() + 1);
-    gArmed = 1;
 }
 
 signalDeferral::signalDeferral() {

@@ -1,15 +1,10 @@
-// Signals that end the process: the temporary file goes first, or an append puts back what it found.
+// Signals that end the process: what is not finished goes first, and an append puts back what it found.
 //
-// Threads: the main one. One temporary and one deferral at a time, for the handler knows one of each.
+// Threads: the main one. One deferral at a time, for the handler knows one.
 #pragma once
-
-#include <string>
 
 // A closed pipe, or a file that reaches its limit, is an error of writing from here on, not a signal.
 void handleSignals();
-
-// The file that a signal removes; none with an empty name.
-void removeOnSignal(const std::string& name);
 
 // While one lives, a signal only asks for the end: who reads, or looks, meets it as endedBySignal.
 class signalDeferral {

@@ -1,10 +1,10 @@
 // splits: ranges of rows for engines that read a file in parallel. Each begins where a block does, so that no block is
 // inflated for two of them; with --record-size or --delimiter at the first record from there on, so that none is cut.
 #include "blockRows.h"
+#include "failure.h"
 #include "json.h"
 #include "output.h"
 #include "part.h"
-#include "span.h"
 #include "verbs.h"
 
 #include <orva/orva.h>
@@ -50,12 +50,11 @@ public:
     explicit splitsRun(const splitsOptions& options)
         : fOptions(options),
           fDelimiter(parseByte(options.delimiter)),
-          fLocated(locatePart(options.part)),
-          fRows(options.part.file, orva::finishedPart(fLocated.file, fLocated.part)) {}
+          fFile(openFile("splits", options.part)),
+          fRows(fFile) {}
 
     int run() {
-        noteFound("splits", fOptions.part, fLocated);
-        const std::vector<span> list = splits();
+        const std::vector<orva::Range> list = splits();
         output out;
         out.write(fOptions.json ? jsonText(report(list)) : lines(list));
         out.finish();
@@ -63,21 +62,16 @@ public:
     }
 
 private:
-    const orva::finishedPart& part() const { return fRows.part(); }
-
-    // Where the first record from the beginning of block `number` on begins; the end of the rows where none does. None
-    // begins before `least`.
-    std::int64_t border(std::uint32_t number, std::int64_t least) {
-        const std::int64_t offset = std::max(blockBegin(part(), number), least);
-        if (offset == least) return least;
+    // Where the first record from the offset on begins; the end of the rows where none does.
+    std::int64_t border(std::int64_t offset) {
         if (fDelimiter) return behindDelimiter(offset);
         const std::int64_t into = offset % fOptions.recordSize;
-        const std::int64_t rest = part().dataSize() - offset;
+        const std::int64_t rest = fFile.info.size - offset;
         return into == 0 ? offset : offset + std::min(fOptions.recordSize - into, rest);
     }
 
     std::int64_t behindDelimiter(std::int64_t offset) {
-        while (offset < part().dataSize()) {
+        while (offset < fFile.info.size) {
             const std::string_view rows = fRows.from(offset);
             const auto at = rows.find(*fDelimiter);
             if (at != std::string_view::npos) return offset + static_cast<std::int64_t>(at) + 1;
@@ -86,40 +80,42 @@ private:
         return offset;
     }
 
-    std::vector<span> splits() {
-        const std::int64_t blocks = part().blockCount();
-        const std::int64_t count = fOptions.count == 0 ? blocks : std::min(fOptions.count, blocks);
-        std::vector<span> list;
+    std::vector<orva::Range> splits() {
+        constexpr std::int64_t most = std::numeric_limits<int>::max();
+        const std::int64_t count = fOptions.count == 0 ? most : std::min(fOptions.count, most);
+        std::vector<orva::Range> list;
         std::int64_t begin = 0;
-        for (std::int64_t i = 1; i <= count; ++i) {
-            const std::int64_t end = border(static_cast<std::uint32_t>(blocks * i / count), begin);
-            if (end == begin) continue;  // no record begins there
+        for (const orva::Range& blocks : fFile.reader.splits(static_cast<int>(count))) {
+            const std::int64_t next = blocks.offset + blocks.length;
+            if (next <= begin) continue;  // no record begins there
+            const std::int64_t end = border(next);
             list.push_back({begin, end - begin});
             begin = end;
         }
         return list;
     }
 
-    static std::string lines(const std::vector<span>& list) {
+    static std::string lines(const std::vector<orva::Range>& list) {
         std::string text;
-        for (const span& range : list) {
+        for (const orva::Range& range : list) {
             text += std::to_string(range.offset) + '\t' + std::to_string(range.length) + '\n';
         }
         return text;
     }
 
-    nlohmann::ordered_json report(const std::vector<span>& list) const {
+    nlohmann::ordered_json report(const std::vector<orva::Range>& list) const {
         nlohmann::ordered_json json = {
-            {"schema", kJsonSchema}, {"file", fOptions.part.file}, {"dataSize", part().dataSize()}};
+            {"schema", kJsonSchema}, {"file", fOptions.part.file}, {"dataSize", fFile.info.size}};
         if (fOptions.recordSize != 1) json["recordSize"] = fOptions.recordSize;
         json["splits"] = nlohmann::ordered_json::array();
-        for (const span& range : list) json["splits"].push_back({{"offset", range.offset}, {"size", range.length}});
+        for (const orva::Range& range : list)
+            json["splits"].push_back({{"offset", range.offset}, {"size", range.length}});
         return json;
     }
 
     const splitsOptions& fOptions;
     const std::optional<char> fDelimiter;
-    const locatedPart fLocated;
+    const shownFile fFile;
     blockRows fRows;
 };
 

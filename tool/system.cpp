@@ -2,9 +2,6 @@
 
 #include "signals.h"
 
-#include <orva/orva.h>
-
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -55,21 +52,6 @@ int writeWaiting(int descriptor, const void* buffer, unsigned int count) {
     const auto* from = static_cast<const char*>(buffer);
     return moved(descriptor, POLLOUT, count,
                  [&](unsigned int done, unsigned int left) { return ::write(descriptor, from + done, left); });
-}
-
-int lockAgainstWriters(const std::string& name) {
-    const int descriptor = ::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (descriptor < 0 || platform::lockAgainstWriters(descriptor) == 0 || errno != EWOULDBLOCK) return descriptor;
-    ::close(descriptor);
-    platform::setErrno(EWOULDBLOCK);
-    return -1;
-}
-
-bool hasWriter(const std::string& name) {
-    const int descriptor = lockAgainstWriters(name);
-    if (descriptor < 0) return errno == EWOULDBLOCK;
-    ::close(descriptor);
-    return false;
 }
 
 int terminalWidth() {

@@ -51,6 +51,18 @@ private:
     std::size_t fEnded = 0;
 };
 
+// Runs `work` on this thread and on `threads - 1` more at once, or on as many as can be started. Throws the first
+// failure once all have ended.
+void runOnThreads(std::int32_t threads, const std::function<void()>& work) {
+    std::vector<std::future<void>> others;
+    try {
+        for (std::int32_t i = 1; i < threads; ++i) others.push_back(std::async(std::launch::async, work));
+    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): the others do its work
+    }
+    work();
+    for (std::future<void>& other : others) other.get();
+}
+
 }  // namespace
 
 void threadOptions::addTo(CLI::App& command) {
@@ -62,16 +74,6 @@ void threadOptions::addTo(CLI::App& command) {
 
 std::int32_t threadOptions::count() const {
     return wanted != 0 ? wanted : std::clamp(cores(), 1, kMostThreads);
-}
-
-void runOnThreads(std::int32_t threads, const std::function<void()>& work) {
-    std::vector<std::future<void>> others;
-    try {
-        for (std::int32_t i = 1; i < threads; ++i) others.push_back(std::async(std::launch::async, work));
-    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): the others do its work
-    }
-    work();
-    for (std::future<void>& other : others) other.get();
 }
 
 void runInOrder(std::int32_t threads, std::size_t count, const std::function<orderedWorker()>& makeWorker) {

@@ -14,13 +14,7 @@ struct threadOptions {
 
     void addTo(CLI::App& command);
     std::int32_t count() const;
-    // For setThreadCount.
-    std::int32_t besideThisOne() const { return count() - 1; }
 };
-
-// Runs `work` on this thread and on `threads - 1` more at once, or on as many as can be started. Throws the first
-// failure once all have ended.
-void runOnThreads(std::int32_t threads, const std::function<void()>& work);
 
 // Work in `count` numbered pieces, of which each thread takes the next one that nobody has. `makeWorker` gives what a
 // thread does with a number: the first half of the work, beside all others. What comes back is its second half, which

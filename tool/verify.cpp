@@ -13,10 +13,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
-#include <atomic>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace {
@@ -29,127 +26,80 @@ struct verifyOptions {
     progressOptions progress;
 };
 
-struct badBlock {
-    std::uint32_t number;
-    filePosRecord record;
-    std::string error;
-};
-
-struct findings {
-    std::vector<badBlock> blocks;
-    std::string index;  // what is wrong with its records as a whole; empty: nothing
-
-    bool good() const { return blocks.empty() && index.empty(); }
-};
-
 class verifyRun {
 public:
-    explicit verifyRun(verifyOptions options) : fOptions(std::move(options)) {}
+    explicit verifyRun(const verifyOptions& options) : fOptions(options), fFile(openFile("verify", options.part)) {}
 
     int run() {
-        const locatedPart located = locatePart(fOptions.part);
-        noteFound("verify", fOptions.part, located);
-        orva::finishedPart part(located.file, located.part);
-        progress bar(fOptions.progress, "verify", part.dataSize());
-        const findings found{badBlocks(part, bar), indexError(part)};
-        bar.finish(shownName(fOptions.part.file) + ": " + counted(part.blockCount(), "block") + ", " +
-                   humanSize(static_cast<double>(part.dataSize())) + " of rows, " + verdict(found));
-        print(part, found);
-        if (found.good()) return kAllWell;
-        throw toolFailure(kDamaged, fOptions.part.file, summary(part, found));
+        progress bar(fOptions.progress, "verify", fFile.info.size);
+        std::int64_t before = 0;
+        const auto advance = [&](std::int64_t done, std::int64_t) {
+            bar.advance(done - before);
+            before = done;
+        };
+        fReport = orva::verify(fFile.name,
+                               {.row0 = fFile.info.row0, .threads = fOptions.threads.count(), .progress = advance});
+        bar.finish(shownName(fFile.name) + ": " + counted(fReport.blocks, "block") + ", " +
+                   humanSize(static_cast<double>(fFile.info.size)) + " of rows, " + verdict());
+        print();
+        if (fReport.sound()) return kAllWell;
+        throw toolFailure(kDamaged, fFile.name, summary());
     }
 
 private:
-    static std::string verdict(const findings& found) {
-        if (found.good()) return "all good";
-        const auto count = static_cast<std::int64_t>(found.blocks.size());
-        return (count == 0 ? "" : grouped(count) + " bad") + (count == 0 || found.index.empty() ? "" : ", ") +
-               (found.index.empty() ? "" : "the index damaged");
+    std::string verdict() const {
+        if (fReport.sound()) return "all good";
+        const auto count = std::ssize(fReport.bad);
+        return (count == 0 ? "" : grouped(count) + " bad") + (count == 0 || fReport.index.empty() ? "" : ", ") +
+               (fReport.index.empty() ? "" : "the index damaged");
     }
 
-    static std::string summary(const orva::finishedPart& part, const findings& found) {
-        if (found.blocks.empty()) return found.index + ": 'orva recover' makes a new file of its rows";
-        return grouped(static_cast<std::int64_t>(found.blocks.size())) + " of " + counted(part.blockCount(), "block") +
+    std::string summary() const {
+        if (fReport.bad.empty()) return indexError() + ": 'orva recover' makes a new file of its rows";
+        return grouped(std::ssize(fReport.bad)) + " of " + counted(fReport.blocks, "block") +
                " damaged: get the file from its source again; 'orva recover' makes a new one with the rows of the "
                "others";
     }
 
-    std::string indexError(orva::finishedPart& part) const {
-        try {
-            part.verifyIndex();
-        } catch (const DamagedFileError& e) {
-            return failureText(e, fOptions.part.file);
-        }
-        return {};
-    }
+    std::string indexError() const { return failureText(fReport.index, fFile.name); }
 
-    // Each thread takes the next block that nobody has taken.
-    std::vector<badBlock> badBlocks(const orva::finishedPart& whole, progress& bar) const {
-        const std::uint32_t blocks = whole.blockCount();
-        std::atomic<std::uint32_t> next{0};
-        std::vector<badBlock> bad;
-        std::mutex lock;  // guards bad and bar
-        const auto work = [&] {
-            orva::finishedPart part(whole);
-            for (std::uint32_t number = next++; number < blocks; number = next++) {
-                const std::string error = errorOf(part, number);
-                const std::lock_guard guard(lock);
-                if (!error.empty()) bad.push_back({number, part.block(number), error});
-                bar.advance(part.block(number).orginalSize);
-            }
-        };
-        runOnThreads(std::min<std::int32_t>(fOptions.threads.count(), static_cast<std::int32_t>(blocks)), work);
-        std::sort(bad.begin(), bad.end(), [](const badBlock& a, const badBlock& b) { return a.number < b.number; });
-        return bad;
-    }
-
-    // A block that the disk cannot give is as lost to the reader as one that does not inflate, so the walk goes on.
-    std::string errorOf(orva::finishedPart& part, std::uint32_t number) const {
-        try {
-            part.verifyBlock(number);
-        } catch (const DamagedFileError& e) {
-            return failureText(e, fOptions.part.file);
-        } catch (const FileError& e) {
-            return failureText(e, fOptions.part.file);
-        }
-        return {};
-    }
-
-    void print(const orva::finishedPart& part, const findings& found) const {
+    void print() const {
         output out;
         if (fOptions.json) {
-            out.write(jsonText(report(part, found), fOptions.files.size()));
+            out.write(jsonText(json(), fOptions.files.size()));
         } else {
-            for (const badBlock& block : found.blocks) out.write(line(part, block));
+            for (const orva::BadBlock& bad : fReport.bad) out.write(line(bad));
             // Alone it is told as the failure.
-            if (!found.blocks.empty() && !found.index.empty()) {
-                out.write(shownName(fOptions.part.file) + ": " + found.index + '\n');
+            if (!fReport.bad.empty() && !fReport.index.empty()) {
+                out.write(shownName(fFile.name) + ": " + indexError() + '\n');
             }
         }
         out.finish();
     }
 
-    std::string line(const orva::finishedPart& part, const badBlock& bad) const {
-        const std::int64_t from = bad.record.orginalPos - part.heading()._caseStartPos;
-        return shownName(fOptions.part.file) + ": bytes " + std::to_string(from) + " to " +
-               std::to_string(from + bad.record.orginalSize) + " of the rows are lost: " + bad.error + '\n';
+    std::string line(const orva::BadBlock& bad) const {
+        return shownName(fFile.name) + ": bytes " + std::to_string(bad.rows.offset) + " to " +
+               std::to_string(bad.rows.offset + bad.rows.length) +
+               " of the rows are lost: " + failureText(bad.text, fFile.name) + '\n';
     }
 
-    nlohmann::ordered_json report(const orva::finishedPart& part, const findings& found) const {
+    nlohmann::ordered_json json() const {
         nlohmann::ordered_json list = nlohmann::ordered_json::array();
-        for (const badBlock& block : found.blocks) {
-            auto entry = blockJson(block.number, block.record, part.heading()._caseStartPos);
-            entry["error"] = block.error;
+        for (const orva::BadBlock& bad : fReport.bad) {
+            auto entry = blockJson(bad.block, fFile.info.blocks[static_cast<std::size_t>(bad.block)]);
+            entry["error"] = failureText(bad.text, fFile.name);
             list.push_back(std::move(entry));
         }
-        nlohmann::ordered_json json = {{"schema", kJsonSchema},       {"file", fOptions.part.file},
-                                       {"good", found.good()},        {"blocks", part.blockCount()},
-                                       {"dataSize", part.dataSize()}, {"badBlocks", std::move(list)}};
-        if (!found.index.empty()) json["indexError"] = found.index;
+        nlohmann::ordered_json json = {{"schema", kJsonSchema},       {"file", fFile.name},
+                                       {"good", fReport.sound()},     {"blocks", fReport.blocks},
+                                       {"dataSize", fFile.info.size}, {"badBlocks", std::move(list)}};
+        if (!fReport.index.empty()) json["indexError"] = indexError();
         return json;
     }
 
-    const verifyOptions fOptions;
+    const verifyOptions& fOptions;
+    const shownFile fFile;
+    orva::VerifyReport fReport;
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 // What tests of the face share: finished files made by the streams below it, and what a call throws.
 #pragma once
 
+#include "support/byteOrder.h"
 #include "support/tempDir.h"
 
 #include <orva/orva.h>

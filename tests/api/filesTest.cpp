@@ -13,6 +13,7 @@ TEST_F(Files, TellWhatAFileHolds) {
     const orva::FileInfo info = orva::info(finished("rows", Bytes(2 * kBlock + 10)));
     EXPECT_EQ(info.found_by, orva::FileInfo::FoundBy::dictionary);
     EXPECT_EQ(info.row0, 512);
+    EXPECT_TRUE(info.text.has_value());
     EXPECT_EQ(info.size, i64{2 * kBlock + 10});
     ASSERT_EQ(info.blocks.size(), 3U);
     EXPECT_EQ(info.blocks[2].rows, (orva::Range{2 * kBlock, 10}));
@@ -36,10 +37,12 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     ASSERT_EQ(report.bad.size(), 2U);
     EXPECT_EQ(report.bad[0].rows, blocks[1].rows);
     EXPECT_EQ(report.bad[1].block, 3);
+    EXPECT_EQ(orva::verify(name, {.first_block = 2}).bad.size(), 1U);
     EXPECT_EQ(last, std::ssize(rows));
     const auto stop = [](i64, i64) { throw std::domain_error("enough"); };
     EXPECT_THROW(orva::verify(name, {.progress = stop}), std::domain_error);
 
+    std::filesystem::permissions(name, std::filesystem::perms{0600});
     EXPECT_THROW(orva::recover(name, path("none"), {.progress = stop}), std::domain_error);
     std::vector<i64> told;
     const orva::RecoverReport saved = orva::recover(name, path("saved"), {.progress = [&](i64 done, i64 total) {
@@ -48,6 +51,7 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
                                                     }});
     EXPECT_TRUE(std::ranges::is_sorted(told));
     EXPECT_EQ(told.back(), last);
+    EXPECT_EQ(std::filesystem::status(path("saved")).permissions(), std::filesystem::perms{0600});
     EXPECT_EQ(saved.blocks, 2);
     ASSERT_FALSE(saved.lost.empty());
     EXPECT_EQ(saved.lost[0].rows, blocks[1].rows);

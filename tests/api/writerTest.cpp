@@ -52,6 +52,37 @@ TEST_F(Writer, TakesRowsInAnySizesAndWays) {
     }
 }
 
+TEST_F(Writer, TakesTheRowsOfASource) {
+    struct source final : orva::ByteSource {
+        i64 size() const override { return std::ssize(rows); }
+        std::size_t read_at(i64 offset, orva::Bytes to) const override {
+            if (offset >= fails) throw std::domain_error("mine");
+            const Bytes found = support::slice(rows, static_cast<std::size_t>(offset), to.size());
+            std::ranges::copy(bytesOf(found), to.begin());
+            return offset >= ends ? 0 : found.size();
+        }
+        Bytes rows;
+        i64 fails = INT64_MAX, ends = INT64_MAX;
+    };
+    source from;
+    from.rows = RandomBytes(18).rows(3 * kBlock);
+    for (const int threads : {1, 3}) {
+        orva::Writer writer(path("rows"), {.threads = threads, .replace = true});
+        writer.write(bytesOf(Bytes(10)));
+        writer.write_from(from);
+        writer.write_from(source());
+        writer.finish();
+        EXPECT_TRUE(sameBytes(rowsOf("rows"), Bytes(10) + from.rows));
+        source failing = from, ending = from;
+        failing.fails = ending.ends = 2 * kBlock;
+        EXPECT_THROW(orva::Writer(path("none"), {.threads = threads}).write_from(failing), std::domain_error);
+        EXPECT_EQ(thrownBy([&] { orva::Writer::append(path("rows"), {.threads = threads}).write_from(ending); }),
+                  "FileChangedError");
+        EXPECT_TRUE(sameBytes(rowsOf("rows"), Bytes(10) + from.rows));
+    }
+    EXPECT_EQ(names(), std::vector<std::string>{"rows"});
+}
+
 TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {
     if (support::kSanitized) GTEST_SKIP() << "takes a minute";
     const std::size_t size = (std::size_t{1} << 32) + 100;
@@ -97,6 +128,7 @@ TEST_F(Writer, RefusesWhatCannotBeMeant) {
     const std::string dictionary = orva::makeDictionaryText();
     made("unfinished", Bytes(dictionary.begin(), dictionary.end()));
     made("foreign", Bytes(5'000));
+    std::filesystem::create_symlink("/dev/full", path("device"));
     const auto before = names();
     struct Case {
         const char* name;
@@ -107,6 +139,7 @@ TEST_F(Writer, RefusesWhatCannotBeMeant) {
     const Case cases[] = {
         {"Taken", "old", {}, "SystemError EEXIST"},
         {"Directory", "directory", {.replace = true}, "SystemError EISDIR"},
+        {"Device", "device", {.replace = true}, "SystemError EINVAL"},
         {"NoSuchDirectory", "none/file", {}, "SystemError ENOENT"},
         {"ThreadsBelowZero", "new", {.threads = -1}, "UsageError"},
         {"LevelZero", "new", {.level = 0}, "UsageError"},
@@ -151,6 +184,8 @@ TEST_F(Writer, KeepsTheModeOfWhatItReplacesAndTheDictionary) {
     umask(mask);
     EXPECT_EQ(status.st_mode & 0777, 0666 & ~mask);
     ASSERT_EQ(chmod(name.c_str(), 0440), 0);
+    written("secret", {}, {.permissions = std::filesystem::perms{0400}});
+    EXPECT_EQ(std::filesystem::status(path("secret")).permissions(), std::filesystem::perms{0400});
     std::filesystem::create_symlink("rows", path("link"));
     const std::vector<std::byte> dictionary(1'234, std::byte{7});
     written("link", Bytes(200), {.dictionary = dictionary, .replace = true});
@@ -177,6 +212,38 @@ TEST_F(Writer, AppendsBehindTheRows) {
         EXPECT_EQ(orva::Reader(path("rows")).blocks()[3].rows.length, 300'000);
     }
     EXPECT_EQ(names(), std::vector<std::string>{"rows"});
+}
+
+TEST_F(Writer, AppendsToTheOtherByteOrder) {
+    const std::string name = written("rows", Bytes(100'000, 'a'));
+    support::writeBytes(name, support::swapped(support::readBytes(name), 512));
+    EXPECT_EQ(thrownBy([&] { orva::Writer::append(name); }), "UsageError");
+    orva::Writer writer = orva::Writer::append(name, {.any_order = true});
+    EXPECT_EQ(thrownBy([&] { writer.write_rows(std::vector<int>(1)); }), "UsageError");
+    writer.write(bytesOf(Bytes(kBlock, 'b')));
+    writer.finish();
+    EXPECT_TRUE(sameBytes(rowsOf("rows"), Bytes(100'000, 'a') + Bytes(kBlock, 'b')));
+}
+
+TEST_F(Writer, SaysThatAnotherFileTookTheName) {
+    orva::Writer writer = orva::Writer::append(written("rows", Bytes(10)));
+    std::filesystem::rename(written("other", Bytes(10)), path("rows"));
+    writer.write(bytesOf(Bytes(10)));
+    EXPECT_EQ(thrownBy([&] { writer.finish(); }), "SystemError ESTALE");
+}
+
+// As a handler of signals does.
+TEST_F(Writer, WhatIsUnfinishedCanBeRemovedAtAnyInstant) {
+    orva::Writer writer(path("mine"));
+    support::expectInChild([&] {
+        const orva::Writer one(path("one")), two(path("two"));
+        orva::remove_unfinished();
+        _exit(0);  // without destructors
+    });
+    EXPECT_EQ(names().size(), 1U);
+    writer.finish();
+    orva::remove_unfinished();
+    EXPECT_EQ(names(), std::vector<std::string>{"mine"});
 }
 
 TEST_F(Writer, FlushedRowsStay) {

@@ -23,8 +23,8 @@ std::optional<i64> Error::block() const noexcept {
     return fDetails->block;
 }
 
-SystemError::SystemError(std::error_code code, const std::string& text, const Path& path)
-    : Error(text, path), fCode(code) {}
+SystemError::SystemError(std::error_code code, const std::string& text, const Path& path, bool writing)
+    : Error(text, path), fCode(code), bWriting(writing) {}
 
 SystemError::~SystemError() = default;
 DamagedFileError::~DamagedFileError() = default;

@@ -54,7 +54,7 @@ private:
 
 class ORVA_API SystemError : public Error {
 public:
-    SystemError(std::error_code code, const std::string& text, const Path& path);
+    SystemError(std::error_code code, const std::string& text, const Path& path, bool writing = false);
     SystemError(const SystemError&) noexcept = default;
     SystemError& operator=(const SystemError&) noexcept = default;
     ~SystemError() override;
@@ -62,9 +62,12 @@ public:
     // Compares with std::errc: ENOENT no such file, EEXIST it is there already, EWOULDBLOCK another writer is at work
     // on it, ENOSPC the disk is full.
     std::error_code code() const noexcept { return fCode; }
+    // The file was to be made, written or replaced, and not read.
+    bool writing() const noexcept { return bWriting; }
 
 private:
     std::error_code fCode;
+    bool bWriting;
 };
 
 class ORVA_API DamagedFileError : public Error {

@@ -1,5 +1,4 @@
 #include "api/callThreads.h"
-#include "api/pendingFile.h"
 #include "api/shownPart.h"
 #include "api/translated.h"
 #include "base/blockBuffer.h"
@@ -13,6 +12,7 @@
 #include <orva/files.h>
 #include <orva/inspect.h>
 #include <orva/join.h>
+#include <orva/pendingFile.h>
 #include <orva/platform.h>
 
 #include <algorithm>
@@ -58,46 +58,25 @@ auto blaming(std::span<const Path> inputs, Work work) {
     }
 }
 
-// A new file that `make` writes under the name that it is given.
+// A new file that `make` writes under the name that it is given, for whoever may use all of `inputs`.
 template <class Make>
-auto made(const Path& to, bool replace, bool durable, Make make) {
-    std::string workName;
+auto made(const Path& to, std::span<const Path> inputs, bool replace, bool durable, Make make) {
+    pendingFile pending(to, replace, commonPermissions(inputs));
     return translated(
         to,
         [&] {
-            pendingFile pending(to, replace);
-            workName = pending.temporaryName();
             auto report = make(pending.temporaryName());
-            if (durable) {
-                ORVA_File file;
-                openOrThrow(file, pending.temporaryName(), "r+b", kWriteFailed);
-                file.Sync();
-            }
+            if (durable) pending.sync();
             pending.commit(durable);
             return report;
         },
-        workName);
+        pending.temporaryName());
 }
 
 }  // namespace
 
 FileInfo info(const Path& path, std::optional<i64> row0) {
-    const shownPart part = opened(path, row0);
-    const compressionHeading& heading = part.found().heading;
-    FileInfo found;
-    found.found_by = part.found().by;
-    found.swapped = part.swapped();
-    found.row0 = part.row0();
-    found.size = part.size();
-    found.file_size = part.fileSize();
-    found.block_size = part.indexBlockSize();
-    found.index = {heading._indexPos, heading._size};
-    found.blocks.reserve(part.blockCount());
-    for (std::uint32_t i = 0; i < part.blockCount(); ++i) {
-        found.blocks.push_back(part.block(i));
-        found.stored += found.blocks.back().stored;
-    }
-    return found;
+    return info(Reader(path, {.row0 = row0}));
 }
 
 namespace {
@@ -105,12 +84,16 @@ namespace {
 // Inflates the blocks of a part one after the other, shared out among threads.
 class verifier {
 public:
-    verifier(const shownPart& part, const Progress& progress) : fPart(part), fProgress(progress) {}
+    verifier(const shownPart& part, const VerifyOptions& options)
+        : fPart(part),
+          fProgress(options.progress),
+          fFirst(static_cast<std::uint32_t>(std::clamp<i64>(options.first_block, 0, part.blockCount()))),
+          fDone(part.begin(fFirst)) {}
 
     VerifyReport run(std::uint32_t threads) {
         fReport.blocks = fPart.blockCount();
         checkIndex();
-        shareOut(threads, fPart.blockCount(), [this](bool caller) { return worker(caller); });
+        shareOut(threads, fPart.blockCount() - fFirst, [this](bool caller) { return worker(caller); });
         std::ranges::sort(fReport.bad, {}, &BadBlock::block);
         told(fProgress, fPart.size(), fPart.size());
         return std::move(fReport);
@@ -131,7 +114,7 @@ private:
             blockBuffer rows{kBlockSize};
         };
         return [this, caller, own = std::make_shared<memory>()](std::size_t number) {
-            const auto block = static_cast<std::uint32_t>(number);
+            const std::uint32_t block = fFirst + static_cast<std::uint32_t>(number);
             verify(block, own->compressed.get(), own->rows.get());
             fDone += fPart.block(block).rows.length;
             if (caller) told(fProgress, fDone, fPart.size());
@@ -142,14 +125,21 @@ private:
         try {
             fPart.read(number, compressed, rows);
         } catch (const DamagedFileError& damage) {
-            const std::lock_guard guard(fLock);
-            fReport.bad.push_back({number, fPart.block(number).rows, damage.what()});
+            add(number, withoutAdvice(damage));
+        } catch (const SystemError& failure) {  // the rows are as lost to who wants them, and the others are not
+            add(number, failure.what());
         }
+    }
+
+    void add(std::uint32_t number, const std::string& text) {
+        const std::lock_guard guard(fLock);
+        fReport.bad.push_back({number, fPart.block(number).rows, text});
     }
 
     const shownPart& fPart;
     const Progress& fProgress;
-    std::atomic<i64> fDone{0};
+    const std::uint32_t fFirst;
+    std::atomic<i64> fDone;
     std::mutex fLock;  // of the report's bad blocks
     VerifyReport fReport;
 };
@@ -159,17 +149,22 @@ private:
 VerifyReport verify(const Path& path, const VerifyOptions& options) {
     const std::uint32_t threads = threadsAtWork(options.threads, path);
     const shownPart part = opened(path, options.row0);
-    return translated(path, [&] { return verifier(part, options.progress).run(threads); });
+    return translated(path, [&] { return verifier(part, options).run(threads); });
 }
 
 namespace {
 
-// Where the caller says that it is, in the byte order that the heading shows there, if one does.
+// Where the caller or the file itself says that it is, in the byte order that the heading shows there, if one does.
 std::optional<foundPart> toldPart(const Path& path, const std::string& place, std::optional<i64> row0) {
+    const openedFile file(path.string(), place);
+    if (!row0) {
+        std::string first(static_cast<std::size_t>(std::min<i64>(file.length(), kDictionaryTextSize)), '\0');
+        file.read(first.data(), first.size(), 0);
+        if (const auto text = parseDictionaryText(first)) row0 = text->row0Pos;
+    }
     if (!row0) return {};
     require(*row0 >= 1, path, "no rows begin before offset 1");
     try {
-        const openedFile file(path.string(), place);
         return foundPart{*row0, findHeading(file, row0, path, place).swapped};
     } catch (const Error&) {
         return foundPart{*row0, false};
@@ -184,21 +179,31 @@ RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& op
                            from, [&] { return toldPart(from, place, options.row0); }, place),
                        options.committed, options.drop_lost};
     if (options.progress) how.tell = [&](i64 done, i64 total) { told(options.progress, done, total); };
-    const recoverReport found = made(to, options.replace, options.durable, [&](const std::string& output) {
-        return blaming({&from, 1}, [&] { return recover(place, output, how); });
-    });
-    RecoverReport report{found.blocks, found.rows, {}};
+    const auto write = [&](const std::string& output) {
+        try {
+            return blaming({&from, 1}, [&] { return recover(place, output, how); });
+        } catch (const DamagedFileError& damage) {
+            throw DamagedFileError(withoutAdvice(damage), from);
+        }
+    };
+    const recoverReport found = made(to, {&from, 1}, options.replace, options.durable, write);
+    RecoverReport report{found.part.row0Pos,  found.part.swapped,  found.hadHeading,
+                         found.hadIndex,      found.blocks,        found.rows,
+                         found.committedRows, found.lastRewritten, {}};
     for (const lostRange& lost : found.lost) {
-        const i64 begin = lost.begin - found.part.row0Pos;
-        report.lost.push_back({{begin, lost.end - lost.begin}, lost.estimated, lost.why});
+        const i64 begin = lost.begin - report.row0;
+        report.lost.push_back({{begin, lost.end - lost.begin}, lost.place, lost.estimated, lost.why});
     }
     return report;
 }
 
 RollBack roll_back(const Path& path) {
     const std::string place = fullName(path);
-    switch (translated(
-        path, [&] { return rollBack(place); }, place)) {
+    const auto work = [&] {
+        refusePipe(path.string(), place);
+        return rollBack(place);
+    };
+    switch (translated(path, work, place)) {
         case rollBackResult::rolledBack:
             return RollBack::undone;
         case rollBackResult::sideFileStale:
@@ -210,32 +215,104 @@ RollBack roll_back(const Path& path) {
     }
 }
 
-JoinReport join(std::span<const Path> from, const Path& to, const JoinOptions& options) {
-    require(!from.empty(), to, "no file to join");
-    std::vector<joinInput> inputs;
-    i64 total = 0;  // bytes to copy
-    for (const Path& path : from) {
-        const shownPart part = opened(path, {});
-        if (inputs.empty() && options.dictionary.empty()) total = part.row0();
-        require(!platform::sameFile(fullName(path).c_str(), fullName(to).c_str()), to,
-                "it is one of the files to join");
-        inputs.push_back({fullName(path), {part.row0(), part.swapped()}});
-        for (std::uint32_t i = 0; i < part.blockCount(); ++i) total += part.block(i).stored;
+namespace {
+
+// The text in front of the first of several files, as long, without the lines that tell where its rows came from.
+std::string outlivedText(const shownPart& first) {
+    const std::vector<std::byte> bytes = first.dictionary();
+    std::string text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    for (const std::string key : {"\nsource=", "\nsize="}) {
+        const auto from = text.find(key);
+        if (from == std::string::npos) continue;
+        text.erase(from, std::min(text.find('\n', from + 1), text.size() - 1) - from);
     }
-    i64 done = 0;
-    joinOptions how;
-    how.copied = [&](i64 count) { told(options.progress, done += count, total); };
-    how.row0Pos = std::ssize(options.dictionary);
-    const joinReport report = made(to, options.replace, options.durable, [&](const std::string& output) {
+    text.resize(bytes.size() - 1, ' ');
+    return text + '\n';
+}
+
+class joining {
+public:
+    joining(std::span<const Path> from, const Path& to, const JoinOptions& options)
+        : fFrom(from),
+          fOptions(options),
+          fDictionary(reinterpret_cast<const char*>(options.dictionary.data()), options.dictionary.size()) {
+        require(!from.empty(), to, "no file to join");
+        for (const Path& path : from) add(path, to);
+    }
+
+    JoinReport write(const std::string& output) {
+        joinOptions how;
+        how.row0Pos = std::ssize(fDictionary);
+        i64 done = how.row0Pos;
+        how.copied = [&](i64 count) { told(fOptions.progress, done += count, fTotal); };
         if (how.row0Pos != 0) {
             ORVA_File file;
             openOrThrow(file, output, "r+b", kWriteFailed);
-            writeAll(file, options.dictionary.data(), options.dictionary.size(), 0);
+            writeAll(file, fDictionary.data(), fDictionary.size(), 0);
             file.Close();
         }
-        return blaming(from, [&] { return join(inputs, output, how); });
-    });
-    return {report.blocks, report.rows};
+        const joinReport report = blaming(fFrom, [&] { return join(fInputs, output, how); });
+        checkLastBlocks(output, report);
+        return {report.part.row0Pos, report.blocks, report.rows, report.stored};
+    }
+
+private:
+    void add(const Path& path, const Path& to) {
+        const std::string place = fullName(path);
+        const shownPart part = opened(path, fOptions.row0);
+        require(!platform::sameFile(place.c_str(), fullName(to).c_str()), to, "it is one of the files to join");
+        if (fInputs.empty()) {
+            const bool text = part.found().by == FileInfo::FoundBy::dictionary && part.row0() <= kLongestText;
+            if (fDictionary.empty() && text && fFrom.size() > 1) fDictionary = outlivedText(part);
+            fTotal = fDictionary.empty() ? part.row0() : std::ssize(fDictionary);
+        } else if (part.swapped() != fInputs.front().part.swapped) {
+            throw UsageError('"' + fFrom.front().string() + "\" and \"" + path.string() +
+                                 "\" have different byte orders, and a file has one: join them apart, or pack the rows "
+                                 "of one anew",
+                             path);
+        }
+        fInputs.push_back({place, {part.row0(), part.swapped()}});
+        for (std::uint32_t i = 0; i < part.blockCount(); ++i) fTotal += part.block(i).stored;
+        fEnds.push_back(part.size());
+    }
+
+    // Of an append without a side file that has begun to rewrite a last block, only that block shows something, while
+    // heading and index are still the old ones.
+    void checkLastBlocks(const std::string& output, const joinReport& report) const {
+        const shownPart joined(output, output, report.part.row0Pos);
+        blockBuffer compressed(kBlockSize);
+        blockBuffer rows(kBlockSize);
+        i64 end = 0;
+        for (std::size_t i = 0; i < fFrom.size(); ++i) {
+            if (fEnds[i] == 0) continue;
+            end += fEnds[i];
+            try {
+                joined.read(joined.blockAt(end - 1), compressed.get(), rows.get());
+            } catch (const DamagedFileError&) {
+                const shownPart input = opened(fFrom[i], fOptions.row0);
+                input.read(input.blockCount() - 1, compressed.get(), rows.get());
+                throw FileChangedError('"' + fFrom[i].string() + "\" was written to while it was joined: try again",
+                                       fFrom[i]);
+            }
+        }
+    }
+
+    static constexpr i64 kLongestText = 1 << 20;
+
+    const std::span<const Path> fFrom;
+    const JoinOptions& fOptions;
+    std::string fDictionary;  // empty: as it stands in the first file
+    std::vector<joinInput> fInputs;
+    std::vector<i64> fEnds;  // of their rows
+    i64 fTotal = 0;          // bytes of the output, without its heading and index
+};
+
+}  // namespace
+
+JoinReport join(std::span<const Path> from, const Path& to, const JoinOptions& options) {
+    joining work(from, to, options);
+    return made(to, from, options.replace, options.durable,
+                [&](const std::string& output) { return work.write(output); });
 }
 
 }  // namespace orva

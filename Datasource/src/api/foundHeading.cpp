@@ -26,6 +26,10 @@ public:
 
     foundHeading at(i64 row0) const {
         if (row0 < 1) throw UsageError(name() + ": no rows begin at offset " + std::to_string(row0), fPath);
+        if (fLength > 0 && row0 >= fLength && !isTold(row0)) {
+            refuse("has no offset " + std::to_string(row0) + ", for it ends at " + std::to_string(fLength) +
+                   ": check row0, or leave it out to have the rows looked for");
+        }
         return headingAt(FileInfo::FoundBy::option, row0);
     }
 
@@ -43,7 +47,8 @@ private:
 
     std::int64_t searched() const {
         if (const auto part = findPart(fPlace)) return part->row0Pos;
-        if (fLength == 0) refuse("is empty: check that it is the file you mean");
+        if (fLength == 0)
+            refuse("is empty, so it holds no finished compressed part: check that it is the file you mean");
         refuse(
             "holds no finished compressed part: check that it is the file you mean and that its writer finished, or "
             "give row0");
@@ -54,11 +59,20 @@ private:
         foundHeading found{by, {}, {}, false, fText};
         if (!readRaw(place, found.raw)) refuseNone(place);
         found.heading = std::bit_cast<compressionHeading>(found.raw);
-        if (found.heading._caseStartPos == place) return found;
+        if (found.heading._caseStartPos == place && !isTurned(found.heading)) return found;
         swapHeading(found.heading);
         found.swapped = true;
         if (found.heading._caseStartPos != place) refuseNone(place);
         return found;
+    }
+
+    // An offset that reads the same both ways shows no order. The index then does, by where it would stand.
+    bool isTurned(compressionHeading heading) const {
+        if (swapBytes(heading._caseStartPos) != heading._caseStartPos) return false;
+        const auto fits = [&] { return heading._indexPos > heading._caseStartPos && heading._indexPos < fLength; };
+        const bool own = fits();
+        swapHeading(heading);
+        return !own && fits();
     }
 
     bool readRaw(std::int64_t place, rawHeading& raw) const {
@@ -68,11 +82,13 @@ private:
         return true;
     }
 
+    bool isTold(std::int64_t place) const { return fText && fText->row0Pos == place; }
+
     [[noreturn]] void refuseNone(std::int64_t place) const {
         const std::string where = "offset " + std::to_string(place);
-        if (fText && fText->row0Pos == place) {
-            throw UnfinishedFileError(name() + " is not finished: its rows begin at " + where +
-                                          ", where no heading stands yet. If its writer is gone, 'orva recover " +
+        if (isTold(place)) {
+            throw UnfinishedFileError(name() + " is not finished: there is no heading at " + where +
+                                          ", where its rows begin. If its writer is gone, 'orva recover " +
                                           fPath.string() + " -o OUT' gets the rows that are there",
                                       fPath);
         }

@@ -30,7 +30,8 @@ void refusePipe(const std::string& name, const std::string& place) {
     std::error_code unknown;
     const fs::file_status status = fs::status(place, unknown);
     const bool waits = fs::exists(status) && !fs::is_regular_file(status) && !fs::is_block_file(status);
-    if (waits && !fs::is_directory(status)) throwFileError(ESPIPE, kReadFailed, name);
+    if (!waits || fs::is_directory(status)) return;
+    throwFileError(ESPIPE, kReadFailed, name, "it is a pipe or a device: put its bytes into a file first");
 }
 
 openedFile::openedFile(std::string name, const std::string& place)

@@ -7,6 +7,7 @@
 
 #include "format/storedBytes.h"
 
+#include <orva/platform.h>
 #include <orva/reader.h>
 
 #include <memory>
@@ -29,6 +30,7 @@ public:
     const std::string& name() const override { return fName; }
     std::int64_t length() const override;
     bool read(void* to, std::uint64_t size, std::int64_t place) const override;
+    bool isNamed(const std::string& place) const { return platform::sameFile(fDescriptor, place.c_str()); }
     // A writer holds its lock.
     bool isBeingWritten() const;
 

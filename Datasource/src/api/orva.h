@@ -18,7 +18,7 @@
 #include <orva/ktthread.h>
 #include <orva/lz4Compress.h>
 #include <orva/orvaApi.h>
-#include <orva/outputName.h>
+#include <orva/pendingFile.h>
 #include <orva/platform.h>
 #include <orva/reader.h>
 #include <orva/refCntObject.h>

@@ -1,41 +1,150 @@
-#include "api/pendingFile.h"
-
+#include "api/translated.h"
 #include "base/fileError.h"
 #include "file/namedFile.h"
 
-#include <orva/outputName.h>
+#include <orva/pendingFile.h>
+#include <orva/platform.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <random>
 
 namespace fs = std::filesystem;
 
 namespace orva {
 
-pendingFile::pendingFile(const Path& path, bool replace)
-    : fPath(path), fTarget(outputTarget(fs::absolute(path).string())), bReplace(replace) {
-    refuseIfTaken();
+namespace {
+
+constexpr fs::perms kOwners = fs::perms::owner_read | fs::perms::owner_write;
+
+// Where links lead to: replacing a link would leave the file that it names as it was, and put a file where there was a
+// link. What the last one names need not exist.
+std::string outputTarget(const std::string& name) {
+    constexpr int mostLinks = 40;
+    fs::path target = name;
+    std::error_code none;
+    for (int links = 0; fs::is_symlink(fs::symlink_status(target, none)); ++links) {
+        if (links == mostLinks) throwFileError(ELOOP, kWriteFailed, name);
+        target = target.parent_path() / fs::read_symlink(target, none);
+    }
+    return target.string();
+}
+
+// A name in the directory of `target` that no other process has. Cut, so that a long name does not make it too long for
+// the system.
+std::string hiddenNameBeside(const std::string& target) {
+    constexpr std::size_t longest = 200;
+    const fs::path path = target;
+    std::random_device random;
+    char mark[16];
+    std::snprintf(mark, sizeof mark, "%08x", random());
+    const std::string base = path.filename().string().substr(0, longest);
+    return (path.parent_path() / ('.' + base + '.' + mark + ".tmp")).string();
+}
+
+}  // namespace
+
+// A name that a handler of signals can read at any instant. It is written between unused and shown, and read by who has
+// taken it from shown. Once made it stays, for the next file.
+struct hiddenName {
+    enum state : int { unused, beingWritten, shown, beingRemoved };
+    bool take(state from, state to) { return fState.compare_exchange_strong(from, to); }
+
+    std::atomic<state> fState{beingWritten};
+    char fName[platform::kLongestName + 1];
+    std::int64_t fProcess;
+    hiddenName* fNext;
+};
+
+namespace {
+
+std::atomic<hiddenName*> gHiddenNames{nullptr};
+
+// Null for a name that is too long to be one.
+hiddenName* show(const std::string& name) {
+    if (name.size() > platform::kLongestName) return nullptr;
+    hiddenName* place = gHiddenNames;
+    while (place != nullptr && !place->take(hiddenName::unused, hiddenName::beingWritten)) place = place->fNext;
+    if (place == nullptr) {
+        place = new hiddenName;
+        place->fNext = gHiddenNames;
+        while (!gHiddenNames.compare_exchange_weak(place->fNext, place)) {
+        }
+    }
+    std::memcpy(place->fName, name.c_str(), name.size() + 1);
+    place->fProcess = platform::processId();
+    place->fState = hiddenName::shown;
+    return place;
+}
+
+}  // namespace
+
+void remove_unfinished() noexcept {
+    const std::int64_t process = platform::processId();
+    for (hiddenName* one = gHiddenNames; one != nullptr; one = one->fNext) {
+        if (!one->take(hiddenName::shown, hiddenName::beingRemoved)) continue;
+        if (one->fProcess == process) platform::removeFile(one->fName);
+    }
+}
+
+void pendingFile::forgetName() {
+    if (fShown != nullptr) fShown->take(hiddenName::shown, hiddenName::unused);
+    fShown = nullptr;
+}
+
+fs::perms commonPermissions(std::span<const Path> files) {
+    fs::perms common{0666};
+    std::error_code none;
+    for (const Path& file : files) {
+        const fs::file_status status = fs::status(file, none);
+        if (fs::is_regular_file(status)) common &= status.permissions();
+    }
+    return common;
+}
+
+pendingFile::pendingFile(const Path& path, bool replace, fs::perms permissions)
+    : fPath(path), bReplace(replace), fPermissions(permissions), fProcess(platform::processId()) {
     try {
-        holdReplaced();
-        create();
+        translated(
+            fPath,
+            [&] {
+                const std::string full = fs::absolute(path).string();
+                fTarget = full;
+                fTarget = outputTarget(full);
+                begin();
+            },
+            fTarget);
     } catch (...) {
+        forgetName();
         if (fReplaced >= 0) platform::closeAnyway(fReplaced);
         throw;
     }
 }
 
+void pendingFile::begin() {
+    refuseIfTaken();
+    holdReplaced();
+    create();
+}
+
 pendingFile::~pendingFile() {
     if (!bCommitted && fProcess == platform::processId()) platform::removeFile(fTemporary.c_str());
+    forgetName();
     if (fReplaced >= 0) platform::closeAnyway(fReplaced);
 }
 
 void pendingFile::refuseIfTaken() const {
     std::error_code none;
     const fs::file_status status = fs::status(fTarget, none);
-    if (fs::is_directory(status)) throwFileError(EISDIR, kWriteFailed, fTarget);
     if (!fs::exists(status) || (bReplace && fs::is_regular_file(status))) return;
-    const char* what = fs::is_regular_file(status) ? "\" exists already: name another file, or have it replaced"
-                                                   : "\" exists and is no file that can be replaced: name another one";
-    throw SystemError(std::error_code(EEXIST, std::generic_category()), '"' + fPath.string() + what, fPath);
+    const auto refuse = [&](int error, const char* what) {
+        throw SystemError(std::error_code(error, std::generic_category()), '"' + fPath.string() + what, fPath, true);
+    };
+    if (fs::is_regular_file(status)) refuse(EEXIST, "\" already exists: name another file, or have it replaced");
+    refuse(fs::is_directory(status) ? EISDIR : EINVAL,
+           "\" is not a regular file: name one that can be made or replaced");
 }
 
 // Whoever appends to the old file would add to one that nobody can find any more. To hold it takes no right to write: a
@@ -53,28 +162,51 @@ void pendingFile::holdReplaced() {
 void pendingFile::create() {
     std::error_code none;
     const fs::file_status old = fs::status(fTarget, none);
-    if (fs::is_regular_file(old)) fPermissions = old.permissions();
-    const fs::perms meanwhile = fPermissions | fs::perms::owner_read | fs::perms::owner_write;
+    if (fs::is_regular_file(old)) fOldPermissions = old.permissions();
+    const fs::perms meanwhile = fOldPermissions.value_or(fPermissions) | kOwners;
     int descriptor = -1;
     do {
+        forgetName();
         fTemporary = hiddenNameBeside(fTarget);
+        fShown = show(fTemporary);
         constexpr int mode = platform::_O_WRONLY | platform::_O_CREAT | platform::_O_EXCL;
         descriptor = platform::openShared(fTemporary.c_str(), mode, 0, static_cast<int>(meanwhile & fs::perms::all));
     } while (descriptor < 0 && errno == EEXIST);
     if (descriptor < 0) throwFileError(errno, kWriteFailed, fTarget);
     platform::closeAnyway(descriptor);
-    if (fs::is_regular_file(old)) fs::permissions(fTemporary, meanwhile, none);
+    if (fOldPermissions) fs::permissions(fTemporary, meanwhile, none);
+}
+
+void pendingFile::sync() const {
+    translated(
+        fPath,
+        [&] {
+            ORVA_File file;
+            openOrThrow(file, fTemporary, "r+b", kWriteFailed);
+            file.Sync();
+        },
+        fTemporary);
 }
 
 void pendingFile::commit(bool durable) {
-    refuseIfTaken();  // by somebody else, meanwhile
-    holdReplaced();
-    std::error_code none;
-    if (fs::is_regular_file(fs::status(fTarget, none))) fs::permissions(fTemporary, fPermissions, none);
-    const auto rename = bReplace ? &platform::renameFile : &platform::renameNew;
-    if (rename(fTemporary.c_str(), fTarget.c_str()) != 0) throwFileError(errno, kWriteFailed, fTarget);
-    bCommitted = true;
-    if (durable) syncName(fTarget);
+    translated(
+        fPath,
+        [&] {
+            refuseIfTaken();  // by somebody else, meanwhile
+            holdReplaced();
+            std::error_code none;
+            if (fOldPermissions) {
+                fs::permissions(fTemporary, *fOldPermissions, none);
+            } else if (const fs::perms surplus = kOwners & ~fPermissions; surplus != fs::perms::none) {
+                fs::permissions(fTemporary, surplus, fs::perm_options::remove, none);
+            }
+            const auto rename = bReplace ? &platform::renameFile : &platform::renameNew;
+            if (rename(fTemporary.c_str(), fTarget.c_str()) != 0) throwFileError(errno, kWriteFailed, fTarget);
+            bCommitted = true;
+            forgetName();
+            if (durable) syncName(fTarget);
+        },
+        fTarget);
 }
 
 }  // namespace orva

@@ -3,6 +3,7 @@
 #include "api/shownPart.h"
 #include "api/translated.h"
 
+#include <orva/files.h>
 #include <orva/platform.h>
 #include <orva/reader.h>
 
@@ -114,18 +115,11 @@ bool Reader::swapped() const {
 }
 
 std::vector<std::byte> Reader::dictionary() const {
-    const State::partPtr part = fState->shown();
-    std::vector<std::byte> bytes(static_cast<std::size_t>(part->row0()));
-    const bool whole = translated(path(), [&] { return part->bytes().read(bytes.data(), bytes.size(), 0); });
-    if (!whole) throw FileChangedError('"' + path().string() + "\" has become shorter since it was opened", path());
-    return bytes;
+    return fState->shown()->dictionary();
 }
 
 std::vector<Block> Reader::blocks() const {
-    const State::partPtr part = fState->shown();
-    std::vector<Block> blocks(part->blockCount());
-    for (std::uint32_t i = 0; i < part->blockCount(); ++i) blocks[i] = part->block(i);
-    return blocks;
+    return fState->shown()->blocks();
 }
 
 std::vector<Range> Reader::splits(int count, i64 record_size) const {
@@ -189,6 +183,22 @@ void Reader::read_ranges(std::span<ReadRequest> requests) const {
 
 void Reader::refresh() {
     fState->refresh();
+}
+
+FileInfo info(const Reader& reader) {
+    const Reader::State::partPtr part = reader.fState->shown();
+    FileInfo found;
+    found.found_by = part->found().by;
+    found.swapped = part->swapped();
+    found.row0 = part->row0();
+    if (const auto& text = part->found().text; text && text->row0Pos == found.row0) found.text = text;
+    found.size = part->size();
+    found.file_size = part->fileSize();
+    found.block_size = part->indexBlockSize();
+    found.index = {part->found().heading._indexPos, part->found().heading._size};
+    found.blocks = part->blocks();
+    for (const Block& block : found.blocks) found.stored += block.stored;
+    return found;
 }
 
 i64 Reader::end_of_block(i64 offset) const {

@@ -65,6 +65,8 @@ struct ReaderOptions {
     int cached_blocks = 1;      // kept inflated, up to 4 MiB each: at least one a thread that reads in small pieces
 };
 
+struct FileInfo;  // files.h
+
 class ORVA_API Reader {
 public:
     // Opens a finished file: at `row0`, else where the first line of a dictionary part made by Writer or `orva pack`
@@ -110,6 +112,7 @@ public:
 private:
     template <class T>
     friend class Rows;
+    friend ORVA_API FileInfo info(const Reader& reader);
     const Path& path() const noexcept;
 
     struct ORVA_LOCAL State;

@@ -38,11 +38,27 @@ std::optional<keptTail> keptBeside(const std::string& place, const storedBytes& 
 
 }  // namespace
 
-std::string interruptedText(const Path& path) {
-    return '"' + path.string() +
-           "\" is not finished: an append to it is at work or was interrupted. Wait for it, or have it undone by 'orva "
-           "recover --roll-back " +
-           path.string() + '\'';
+namespace {
+
+std::string stateText(const std::string& name, bool alive) {
+    if (alive) return "an append, or another writer, is at work on it: try again when that has ended";
+    return "an append to it was interrupted, which has left \"" + sideFileName(name) +
+           "\": 'orva recover --roll-back " + name + "' ends it without a loss";
+}
+
+}  // namespace
+
+UnfinishedFileError unfinished(const Path& path, bool alive) {
+    const std::string name = path.string();
+    return {'"' + name + "\" is not finished: " + stateText(name, alive), path};
+}
+
+std::string append_state(const Path& path) {
+    const std::string name = path.string();
+    return translated(path, [&] {
+        if (openedFile(name, name).isBeingWritten()) return stateText(name, true);
+        return platform::isNameTaken(sideFileName(name).c_str()) ? stateText(name, false) : std::string();
+    });
 }
 
 shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked)
@@ -51,13 +67,14 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
     fFile = file.get();
     fBytes = std::move(file);
     fFound = findHeading(*fBytes, row0, fPath, fPlace);
-    if (keptBeside(fPlace, *fBytes, fFound)) throw UnfinishedFileError(interruptedText(fPath), fPath);
+    const auto alive = [&] { return !locked && fFile->isBeingWritten(); };
+    if (keptBeside(fPlace, *fBytes, fFound)) throw unfinished(fPath, alive());
     try {
         load();
     } catch (const ::DamagedFileError&) {
-        const bool interrupted = platform::isNameTaken(sideFileName(fPlace).c_str());
-        if (!interrupted && (locked || !fFile->isBeingWritten())) throw;
-        throw UnfinishedFileError(interruptedText(fPath), fPath);
+        if (alive()) throw unfinished(fPath, true);
+        if (!platform::isNameTaken(sideFileName(fPlace).c_str())) throw;
+        throw unfinished(fPath, false);
     }
 }
 
@@ -93,6 +110,19 @@ std::uint32_t shownPart::blockAt(std::int64_t offset) const {
 Block shownPart::block(std::uint32_t number) const {
     const filePosRecord& r = fRecords[number];
     return {{r.orginalPos - row0(), r.orginalSize}, r.translatePos, r.translateSize};
+}
+
+std::vector<std::byte> shownPart::dictionary() const {
+    std::vector<std::byte> all(static_cast<std::size_t>(row0()));
+    const bool whole = translated(fPath, [&] { return fBytes->read(all.data(), all.size(), 0); });
+    if (!whole) throw FileChangedError('"' + fPath.string() + "\" has become shorter since it was opened", fPath);
+    return all;
+}
+
+std::vector<Block> shownPart::blocks() const {
+    std::vector<Block> all(blockCount());
+    for (std::uint32_t i = 0; i < blockCount(); ++i) all[i] = block(i);
+    return all;
 }
 
 void shownPart::read(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {

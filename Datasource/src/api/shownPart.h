@@ -49,6 +49,8 @@ public:
     // The block that holds the offset, which lies in the rows.
     std::uint32_t blockAt(std::int64_t offset) const;
     Block block(std::uint32_t number) const;
+    std::vector<Block> blocks() const;
+    std::vector<std::byte> dictionary() const;
 
     // The rows of the block into `to`, which has room for kBlockSize bytes, or for the block's where that can be true.
     // `compressed` has kBlockSize bytes.
@@ -72,7 +74,7 @@ private:
     std::vector<filePosRecord> fRecords;
 };
 
-// What UnfinishedFileError says of a file to which an append is at work or was interrupted.
-std::string interruptedText(const Path& path);
+// Of a file to which an append is at work (`alive`) or was interrupted.
+UnfinishedFileError unfinished(const Path& path, bool alive);
 
 }  // namespace orva

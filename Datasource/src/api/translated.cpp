@@ -1,5 +1,7 @@
 #include "api/translated.h"
 
+#include "base/fileError.h"
+
 #include <orva/errors.h>
 #include <orva/errtext.h>
 
@@ -22,24 +24,39 @@ std::string quoted(const std::string& name) {
     return '"' + name + '"';
 }
 
+// Under the name that the caller knows.
+std::string renamed(std::string text, const Path& path, const std::string& workName) {
+    if (workName.empty() || workName == path.string()) return text;
+    for (std::size_t at = 0; (at = text.find(quoted(workName), at)) != std::string::npos;) {
+        text.replace(at, quoted(workName).size(), quoted(path.string()));
+    }
+    return text;
+}
+
 // Under the name that the caller knows, without the number that a catalog is searched by.
 std::string textOf(const FileError& failure, const Path& path, const std::string& workName) {
     const std::string number = " (" + failure.catalog() + ' ' + std::to_string(failure.messageCode()) + ')';
-    std::string text = without(failure.what(), number);
-    const auto at = workName.empty() ? std::string::npos : text.find(quoted(workName));
-    if (at != std::string::npos) text.replace(at, quoted(workName).size(), quoted(path.string()));
-    return text;
+    return renamed(without(failure.what(), number), path, workName);
 }
 
 std::string textOf(const std::system_error& failure, const Path& path) {
     return "cannot go on with " + quoted(path.string()) + ": " + failure.code().message();
 }
 
+std::string recoverAdvice(const Path& path) {
+    return path.empty() ? "" : "; 'orva recover " + path.string() + " -o OUT' gets the rows that are sound";
+}
+
 }  // namespace
 
-std::string textOf(const ::DamagedFileError& damage, const Path& path) {
-    if (path.empty()) return damage.what();
-    return damage.what() + ("; 'orva recover " + path.string() + " -o OUT' gets the rows that are sound");
+std::string textOf(const ::DamagedFileError& damage, const Path& path, const std::string& workName) {
+    const bool isSideFile = damage.fileName() != path.string() && damage.fileName() != workName;
+    return renamed(damage.what(), path, workName) + (isSideFile ? "" : recoverAdvice(path));
+}
+
+std::string withoutAdvice(const DamagedFileError& damage) {
+    const std::string text = damage.what();
+    return text.substr(0, text.rfind(recoverAdvice(damage.path())));
 }
 
 void require(bool fulfilled, const Path& path, const char* what) {
@@ -62,13 +79,13 @@ void rethrowTranslated(const Path& path, const std::string& workName) {
     } catch (const Error&) {
         throw;
     } catch (const FileError& failure) {
-        throw SystemError(failure.code(), textOf(failure, path, workName), path);
+        throw SystemError(failure.code(), textOf(failure, path, workName), path, failure.messageCode() == kWriteFailed);
     } catch (const FileReopenError& failure) {
-        throw SystemError(failure.code(), textOf(failure, path), path);
+        throw SystemError(failure.code(), textOf(failure, path), path, true);
     } catch (const ::FileChangedError& change) {
-        throw FileChangedError(change.what(), path, {}, change.place().block);
+        throw FileChangedError(renamed(change.what(), path, workName), path, {}, change.place().block);
     } catch (const ::DamagedFileError& damage) {
-        throw DamagedFileError(textOf(damage, path), path, {}, damage.place().block);
+        throw DamagedFileError(textOf(damage, path, workName), path, {}, damage.place().block);
     } catch (const std::system_error& failure) {  // of a thread that could not be started, or of a name
         throw SystemError(failure.code(), textOf(failure, path), path);
     } catch (const std::logic_error& breach) {

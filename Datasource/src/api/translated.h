@@ -45,7 +45,9 @@ void require(bool fulfilled, const Path& path, const char* what);
 // As many as there are cores for 0. UsageError below that.
 std::uint32_t threadsAtWork(int threads, const Path& path);
 
-// "NAME" is damaged: WHERE AND WHAT, without the parts that mean nothing to a caller, and what can be done.
-std::string textOf(const ::DamagedFileError& damage, const Path& path);
+// "NAME" is damaged: WHERE AND WHAT, and what can be done.
+std::string textOf(const ::DamagedFileError& damage, const Path& path, const std::string& workName = {});
+// Such a text without what can be done, for who is doing it or tells of many blocks.
+std::string withoutAdvice(const DamagedFileError& damage);
 
 }  // namespace orva

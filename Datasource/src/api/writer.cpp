@@ -1,4 +1,4 @@
-#include "api/pendingFile.h"
+#include "api/openedFile.h"
 #include "api/shownPart.h"
 #include "api/translated.h"
 #include "base/fileError.h"
@@ -8,6 +8,7 @@
 
 #include <orva/dictionaryText.h>
 #include <orva/inspect.h>
+#include <orva/pendingFile.h>
 #include <orva/platformOwner.h>
 #include <orva/sideFile.h>
 #include <orva/writer.h>
@@ -61,7 +62,7 @@ struct Writer::State {
     }
 
     void beginNew(const WriterOptions& options) {
-        fPending = std::make_unique<pendingFile>(fPath, options.replace);
+        fPending = std::make_unique<pendingFile>(fPath, options.replace, options.permissions);
         openOrThrow(*fOpened, fPending->temporaryName(), "r+b", kWriteFailed);
         const std::string text = options.dictionary.empty() ? makeDictionaryText() : "";
         const void* bytes = text.empty() ? static_cast<const void*>(options.dictionary.data()) : text.data();
@@ -76,20 +77,23 @@ struct Writer::State {
         if (options.roll_back) rollBack(fPlace);
         openOrThrow(*fOpened, fPlace, "r+b", kWriteFailed);
         if (platform::isNameTaken(sideFileName(fPlace).c_str())) {
-            throw UnfinishedFileError(interruptedText(fPath), fPath);
+            throw unfinished(fPath, false);
         }
         const shownPart found(fPath, fPlace, options.row0, true);
-        require(!found.swapped(), fPath, "its rows have the other byte order, in which nothing is written here");
+        bOtherOrder = found.swapped();
+        require(!bOtherOrder || options.any_order, fPath,
+                "its rows have the other byte order: any_order adds bytes to them as they are");
         if (options.block == 0) fChoices.blockLength = static_cast<std::uint32_t>(chosenLength(found.records()));
         fRow0 = found.row0();
         fSize = found.size();
+        fNamed = std::make_unique<openedFile>(fPath.string(), fPlace);
         resume();
     }
 
     void resume() {
         const i64 end = fRow0 + fSize;
-        fPart =
-            std::make_unique<partWriter>(*fOpened, fRow0, resumePoint{false, end, end, {}}, fRoads, bDurable, fChoices);
+        fPart = std::make_unique<partWriter>(*fOpened, fRow0, resumePoint{bOtherOrder, end, end, {}}, fRoads, bDurable,
+                                             fChoices);
     }
 
     i64 size() const { return fPart != nullptr ? fPart->end() - fRow0 : fSize; }
@@ -115,6 +119,12 @@ struct Writer::State {
             fPending.reset();
         }
         if (!staysOpen) fOpened->Close();
+        if (fNamed == nullptr || fNamed->isNamed(fPlace)) return;
+        throw SystemError(std::error_code(ESTALE, std::generic_category()),
+                          '"' + fPath.string() +
+                              "\" is another file by now, which took the name while rows were added: they stand in a "
+                              "file without that name",
+                          fPath, true);
     }
 
     const Path fPath;  // as the caller wrote it
@@ -128,6 +138,8 @@ struct Writer::State {
     std::string fPlace;                     // the full name of a file that is under it
     std::unique_ptr<pendingFile> fPending;  // until the file is under its name
     std::unique_ptr<ORVA_File> fOpened = std::make_unique<ORVA_File>();
+    std::unique_ptr<const openedFile> fNamed;  // the file that rows are added to, by which it is known under its name
+    bool bOtherOrder = false;                  // of that file
     std::unique_ptr<partWriter> fPart;
     Bytes fRoom;             // what write() fills without a call
     std::size_t fGiven = 0;  // by room()
@@ -146,9 +158,12 @@ Writer Writer::append(const Path& path, const AppendOptions& options) {
     return Writer(std::move(state));
 }
 
-Writer::Writer(std::unique_ptr<State> state) noexcept : fState(std::move(state)) {}
+Writer::Writer(std::unique_ptr<State> state) noexcept : fState(std::move(state)), bOtherOrder(fState->bOtherOrder) {}
 Writer::Writer(Writer&& from) noexcept
-    : fState(std::move(from.fState)), fNext(std::exchange(from.fNext, nullptr)), fLeft(std::exchange(from.fLeft, 0)) {}
+    : fState(std::move(from.fState)),
+      fNext(std::exchange(from.fNext, nullptr)),
+      fLeft(std::exchange(from.fLeft, 0)),
+      bOtherOrder(from.bOtherOrder) {}
 Writer::~Writer() = default;
 
 // The state of a Writer that can take rows, which has those that write() has put into its room.
@@ -193,6 +208,24 @@ void Writer::wrote(std::size_t count) {
     State& s = settled();
     require(count <= given, s.fPath, "room() has not given as much room as that");
     if (count != 0) s.step([&] { s.part().wrote(static_cast<std::uint32_t>(count)); });
+}
+
+void Writer::write_from(const ByteSource& source) {
+    State& s = settled();
+    s.step([&] {
+        const i64 size = callersOwn([&] { return source.size(); });
+        const rowSource read = [&](std::int64_t offset, std::span<unsigned char> to) {
+            if (callersOwn([&] { return source.read_at(offset, std::as_writable_bytes(to)); }) == to.size()) return;
+            throw FileChangedError("the source of the rows for \"" + s.fPath.string() + "\" has become shorter",
+                                   s.fPath);
+        };
+        s.part().writeFrom(read, size);
+    });
+}
+
+void Writer::refuse_values() const {
+    require(false, fState != nullptr ? fState->fPath : Path(), "its rows have the other byte order: add their bytes");
+    std::abort();
 }
 
 i64 Writer::size() const {

@@ -17,9 +17,11 @@
 
 #include <orva/error.h>
 #include <orva/orvaApi.h>
+#include <orva/reader.h>
 
 #include <algorithm>
 #include <cstddef>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <ranges>
@@ -37,6 +39,7 @@ struct WriterOptions {
     bool replace = false;                 // a file that has the name, once this one is finished
     int level = 1;                        // of compression, 1 to 12; without the fast engines to 9
     i64 block = 0;                        // bytes of rows in a full block, 65,536 to 4,190,208; 0: the latter
+    std::filesystem::perms permissions{0666};  // of the file, less the umask
 };
 
 struct AppendOptions {
@@ -46,6 +49,8 @@ struct AppendOptions {
     int level = 1;
     i64 block = 0;           // 0: as long as the file's own
     bool roll_back = false;  // what an interrupted append has left is undone first, or completed where it was all there
+    bool any_order = false;  // takes a file of the other byte order too: rows are bytes as they are to stand in
+                             // it, and heading and index get this machine's order
 };
 
 class ORVA_API Writer {
@@ -55,7 +60,8 @@ public:
     explicit Writer(const Path& path, const WriterOptions& options = {});
     // Goes on behind the rows of a finished file. SystemError: ENOENT, EWOULDBLOCK while another writer is at work;
     // UnfinishedFileError for a file that is unfinished, or whose last append was interrupted; DamagedFileError;
-    // UsageError for options outside their ranges and for a file of the other byte order. The file is as it was then.
+    // UsageError for options outside their ranges and, without `any_order`, for a file of the other byte order. The
+    // file is as it was then.
     static Writer append(const Path& path, const AppendOptions& options = {});
     Writer(Writer&& from) noexcept;  // `from` has ended then
     Writer& operator=(Writer&&) = delete;
@@ -71,6 +77,7 @@ public:
     template <std::ranges::contiguous_range R>
     void write_rows(const R& rows) {
         static_assert(std::is_trivially_copyable_v<std::ranges::range_value_t<R>>);
+        if (bOtherOrder) refuse_values();
         write(std::as_bytes(std::span(std::ranges::data(rows), std::ranges::size(rows))));
     }
 
@@ -78,25 +85,33 @@ public:
     // `count` bytes; UsageError for more than room() gave.
     Bytes room();
     void wrote(std::size_t count);
+    // All bytes of a source, read by the threads that compress them, each into the memory of its block: several at once
+    // and in any order. Rows that come from a file cost no copy so. What the source throws comes out unchanged, as the
+    // Writer's failure; it is not asked any more once this returns or throws. FileChangedError if it is shorter than
+    // its size().
+    void write_from(const ByteSource& source);
 
     // Bytes of rows in the file, those of before an append included.
     i64 size() const;
     // Makes a finished file of the rows so far, as finish() does, and goes on behind them: they stay, whatever comes.
     // Ends a block short if rows came since the last one.
     void flush_rows();
-    // The file is complete and under its name when this returns, with mode 0666 less the umask or that of the file that
-    // it replaces. A second finish() does nothing.
+    // The file is complete and under its name when this returns, with mode `permissions` less the umask or that of the
+    // file that it replaces. A second finish() does nothing. SystemError, ESTALE: another file has taken the name of
+    // one to which rows were added, so that they stand in a file without that name; flush_rows() as well.
     void finish();
 
 private:
     struct ORVA_LOCAL State;
     ORVA_LOCAL explicit Writer(std::unique_ptr<State> state) noexcept;
     void write_on(std::span<const std::byte> rows);
+    [[noreturn]] void refuse_values() const;
     ORVA_LOCAL State& settled();
 
     std::unique_ptr<State> fState;
     std::byte* fNext = nullptr;  // where write() puts rows without a call, in the room of the current block
     std::size_t fLeft = 0;       // how many go there
+    bool bOtherOrder = false;    // of the file
 };
 
 }  // namespace orva
