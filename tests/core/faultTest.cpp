@@ -128,7 +128,8 @@ TEST_F(Faults, H2_H4_M3_ANewFile) {
     });
 }
 
-// A Writer that flushes, a join and a Reader: each file is there whole or not at all, and what did not fail goes on.
+// Writers that flush and append, a join and a Reader: each file is there whole or not at all, and what did not fail
+// goes on.
 TEST_F(Faults, TheFace) {
     const Bytes rows = fBlocks[0];
     const auto bytes = std::as_bytes(std::span(rows));
@@ -154,8 +155,10 @@ TEST_F(Faults, TheFace) {
             orva::Writer writer(one, {.threads = threads, .block = 65'536});
             writer.write(bytes);
             writer.flush_rows();
-            writer.write(bytes);
             writer.finish();
+            orva::Writer more = orva::Writer::append(one, {.threads = threads});
+            more.write(bytes);
+            more.finish();
             done = 1;
             const orva::Path twice[] = {one, one};
             orva::join(twice, both);

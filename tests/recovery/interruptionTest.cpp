@@ -1,6 +1,10 @@
 // A process that is killed at any of its file calls, and a loss of power: what recover and roll-back make of the files.
 #include "recoveryTest.h"
 
+#include <orva/files.h>
+#include <orva/reader.h>
+#include <orva/writer.h>
+
 #include <fcntl.h>
 
 #include <mutex>
@@ -29,11 +33,15 @@ public:
         if (step.call == Call::Open || step.call == Call::Duplicate) fNames[static_cast<int>(step.result)] = name;
         const bool creates = step.call == Call::Open && (step.flags & O_CREAT) != 0;
         const bool counts = step.call == Call::Write || step.call == Call::Sync || step.call == Call::Truncate;
-        if (!creates && !counts && step.call != Call::Unlink) return;
+        const bool renames = step.call == Call::Rename;
+        if (renames) {
+            for (auto& [descriptor, held] : fNames) held = held == step.name ? step.newName : held;
+        }
+        if (!creates && !counts && !renames && step.call != Call::Unlink) return;
         const auto* data = static_cast<const unsigned char*>(step.data);
         Bytes bytes(data, step.call == Call::Write ? data + step.result : data);
         const auto at = step.call == Call::Truncate ? static_cast<std::int64_t>(step.size) : step.offset;
-        fChanges.push_back({step.call, name, at, std::move(bytes)});
+        fChanges.push_back({step.call, renames ? step.newName : name, at, std::move(bytes), renames ? name : ""});
     }
 
     std::size_t changes() const { return fChanges.size(); }
@@ -49,6 +57,9 @@ public:
             } else if (change.call != Call::Sync && kept()) {
                 if (change.call == Call::Open) files[change.name];
                 if (change.call == Call::Unlink) files.erase(change.name);
+                if (change.call == Call::Rename && files.count(change.oldName) != 0) {
+                    files[change.name] = files.extract(change.oldName).mapped();
+                }
                 if (change.call == Call::Truncate && files.count(change.name) != 0) {
                     files[change.name].resize(static_cast<std::size_t>(change.at));
                 }
@@ -63,11 +74,13 @@ private:
         std::string name;
         std::int64_t at;  // where the bytes stand, or the new length
         Bytes bytes;
+        std::string oldName;  // of a rename
     };
 
     // A name by its directory, bytes and length by their file.
     bool isSynced(std::size_t change, std::size_t count) const {
-        const bool isName = fChanges[change].call == Call::Open || fChanges[change].call == Call::Unlink;
+        const Call call = fChanges[change].call;
+        const bool isName = call == Call::Open || call == Call::Unlink || call == Call::Rename;
         const std::filesystem::path name = fChanges[change].name;
         const std::string synced = isName ? name.parent_path().string() : name.string();
         return std::any_of(&fChanges[change], fChanges.data() + count,
@@ -199,6 +212,62 @@ TEST_F(InterruptionTest, ANewFileKeepsItsCompleteBlocksAndIsFinishedOnceItSaysSo
                   durable);
     }
     EXPECT_GT(fKills, 100);
+}
+
+// Nothing, or the rows of each flush_rows, and at the end all of them.
+TEST_F(InterruptionTest, WhatTheFaceMakesIsWholeOrAsItWas) {
+    const Bytes rows[] = {support::RandomBytes(71).rows(700), Bytes(90'000, 'b'),
+                          support::RandomBytes(72).rows(70'000)};
+    const auto write = [](orva::Writer writer, std::span<const Bytes> pieces) {
+        for (const Bytes& piece : pieces) {
+            writer.write(std::as_bytes(std::span(piece)));
+            &piece == &pieces.back() ? writer.finish() : writer.flush_rows();
+        }
+    };
+    write(orva::Writer(fFile), std::span(rows, 1));
+    const Files old = present();
+    using Found = std::optional<Bytes>;
+    struct Case {
+        const char* name;
+        bool isThere;
+        std::string made;
+        std::function<void()> run;
+        std::vector<Found> steps;
+    };
+    const std::span<const Bytes> all(rows), more = all.subspan(1);
+    const Bytes two = rows[0] + rows[1], three = two + rows[2];
+    const orva::Path twice[] = {fFile, fFile};
+    // At another place of a page: what the system copies by itself, an imagined disk does not see.
+    const orva::JoinOptions elsewhere{.dictionary = std::vector<std::byte>(100, std::byte{1})};
+    const Case cases[] = {
+        {"ANewFile", false, fFile, [&] { write(orva::Writer(fFile), all); }, {Found(), rows[0], two, three}},
+        {"Another",
+         true,
+         fFile,
+         [&] { write(orva::Writer(fFile, {.replace = true}), more); },
+         {rows[0], rows[1], rows[1] + rows[2]}},
+        {"AnAppend", true, fFile, [&] { write(orva::Writer::append(fFile), more); }, {rows[0], two, three}},
+        {"AJoin", true, fOut, [&] { orva::join(twice, fOut, elsewhere); }, {Found(), rows[0] + rows[0]}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto holds = [&](bool ended) {
+            Found found;
+            const std::string failure = failureOf([&] {
+                if (!std::filesystem::exists(c.made)) return;
+                orva::roll_back(c.made);
+                const orva::Reader reader{orva::Path(c.made)};
+                found.emplace(static_cast<std::size_t>(reader.size()));
+                reader.read_at(0, std::as_writable_bytes(std::span(*found)));
+            });
+            EXPECT_EQ(failure, "");
+            return ended ? found == c.steps.back() : std::ranges::find(c.steps, found) != c.steps.end();
+        };
+        const Files before = c.isThere ? old : Files{};
+        killEverywhere(before, c.run, [&] { EXPECT_TRUE(holds(false)); });
+        EXPECT_EQ(lose(before, c.run, holds), 0);
+    }
+    EXPECT_GT(fKills, 200);
 }
 
 INSTANTIATE_TEST_SUITE_P(, InterruptionTest, testing::Range(0, kEnding));

@@ -124,7 +124,7 @@ protected:
     Bytes bytes() const { return support::readBytes(fFile); }
     Files present() const { return recovery::present(fFile); }
     void lay(const Files& files) const {
-        for (const std::string& name : {fFile, fSide}) std::filesystem::remove(name);
+        for (const std::string& name : {fFile, fSide, fOut}) std::filesystem::remove(name);
         for (const auto& [name, content] : files) support::writeBytes(name, content);
     }
     // What is there before the end of an append, which is abandoned then.
