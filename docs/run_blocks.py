@@ -3,18 +3,21 @@
 Each page gets a fresh directory, and its blocks run in their order:
   console  the lines behind `$ ` in one bash; what stands below each is what it prints, `...` any lines
   cpp      a program if it has a main: compiled, run, and the block `text` right behind it is what it prints
-  python   one after the other in one interpreter
+  python   one after the other in one interpreter; one that begins with `# NAME.py` is that file, for lines behind it
+  r        a program, where R is installed
 Others are there to be read. Needs orva on PATH, the module on PYTHONPATH, and pkg-config to find the library.
 Exit code: 0 all as shown; 1 something differs.
 """
 
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
 from pathlib import Path
 
+NAMED = re.compile(r"# (\w+\.py)\n")
 LIMIT = 120  # seconds that one block may take
 
 
@@ -53,11 +56,15 @@ def failures(page: Path) -> list[str]:
     with tempfile.TemporaryDirectory() as directory:
         pairs = []
         for (language, block), (follower, shown) in zip(blocks, [*blocks[1:], ("", "")]):
-            if language == "console":
+            if named := NAMED.match(block):
+                (Path(directory) / named[1]).write_text(block)
+            elif language == "r" and shutil.which("Rscript"):
+                pairs.append((shown if follower == "text" else "", run(["Rscript", "-"], directory, block)))
+            elif language == "console":
                 pairs += console(block, directory)
             elif language == "cpp" and "int main(" in block:
                 pairs.append((shown if follower == "text" else "", program(block, directory)))
-        code = "".join(block for language, block in blocks if language == "python")
+        code = "".join(block for language, block in blocks if language == "python" and not NAMED.match(block))
         if code:
             pairs.append(("", run([sys.executable, "-c", code], directory)))
         wrong = [f"{page}: shown:\n{shown}said:\n{said}" for shown, said in pairs if differs(shown, said)]

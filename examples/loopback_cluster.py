@@ -17,8 +17,8 @@ QUIET = {"DASK_LOGGING__DISTRIBUTED": "error", "PYTHONWARNINGS": "ignore::Future
 
 
 class LoopbackCluster:
-    """A scheduler with `workers` workers of one thread each, and `client`, which is connected to it. All of them are
-    ended with the `with` statement, and after LONGEST seconds whatever happens to this process."""
+    """A scheduler with `workers` workers of one thread each, and `client`, which is connected to it. They end with the
+    `with` statement, with this process however it ends, and after LONGEST seconds at the latest."""
 
     client: Any
 
@@ -27,7 +27,7 @@ class LoopbackCluster:
         self._where = os.path.join(self._home, "scheduler.json")
         self._processes: list[subprocess.Popen[bytes]] = []
         try:
-            self._start("dask-scheduler", "--host", "127.0.0.1", "--port", "0", "--no-dashboard")
+            self._start("dask-scheduler", "--port", "0", "--dashboard-address", "127.0.0.1:0")
             self.client = Client(scheduler_file=self._where, timeout=60)
             self.add_workers(workers)
         except BaseException:
@@ -35,17 +35,20 @@ class LoopbackCluster:
             raise
 
     def _start(self, program: str, *options: str) -> None:
-        command = ["timeout", "-k", "10", str(LONGEST), program, "--scheduler-file", self._where, *options]
+        # setpriv ends it with this process, timeout after LONGEST seconds whatever happens.
+        bounded = ["setpriv", "--pdeathsig", "TERM", "timeout", "-k", "10", str(LONGEST)]
+        command = [*bounded, program, "--host", "127.0.0.1", "--scheduler-file", self._where, *options]
         self._processes.append(subprocess.Popen(command, cwd=self._home, env=os.environ | QUIET))
 
     def add_workers(self, count: int) -> None:
+        wanted = len(self.workers()) + count
         for _ in range(count):
             # Without a nanny, who would start a killed worker again.
             self._start(
-                "dask-worker", "--host", "127.0.0.1", "--nthreads", "1", "--no-nanny", "--no-dashboard",
-                "--death-timeout", "60", "--local-directory", self._home,
+                "dask-worker", "--nthreads", "1", "--no-nanny", "--no-dashboard", "--death-timeout", "60",
+                "--local-directory", self._home,
             )  # fmt: skip
-        self.client.wait_for_workers(len(self.workers()) + count, timeout=60)
+        self.client.wait_for_workers(wanted, timeout=60)
 
     def workers(self) -> dict[str, int]:
         """Addresses of the workers, and their processes."""

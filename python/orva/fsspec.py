@@ -108,6 +108,9 @@ class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
         found = [self._entry(entry, None) for entry in entries]
         return found if detail else [entry["name"] for entry in found]
 
+    def glob(self, path: str, **kwargs: Any) -> Any:
+        return super().glob(self._path(path), **kwargs)
+
     def exists(self, path: str, **kwargs: Any) -> bool:
         return bool(self._target.exists(self._path(path), **kwargs))
 
