@@ -24,6 +24,7 @@ from dask.delayed import delayed
 from dask.highlevelgraph import HighLevelGraph
 from dask.utils import is_dataframe_like
 
+from . import _dtype
 from ._errors import FileChangedError
 from ._files import join
 from ._frame import frame_of
@@ -213,6 +214,7 @@ def to_rows(collection: Array | DataFrame, path: PathLike) -> None:
     target = os.path.abspath(path_of(path))
     parts = target + ".parts"
     pieces, dtype, within = _pieces(collection)
+    _dtype.checked(dtype)  # before anything is computed
     os.mkdir(parts)
     try:
         task = delayed(_write_part, pure=False)
