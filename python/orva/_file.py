@@ -10,27 +10,27 @@ from types import TracebackType
 from typing import Any, Literal, NoReturn
 
 from . import _orva
-from ._source import Opened, PathLike, Source, block_of, path_of
+from ._source import NEW_BLOCKS, Opened, PathLike, Source, block_of, path_of
 
 Mode = Literal["rb", "wb", "xb", "ab"]
 _CLOSED = "I/O operation on closed file"
 
 
 def _begin(path: PathLike, mode: str, row0: int | None, threads: int, level: int, block: int | None) -> _orva.Writer:
-    name, length = os.fsencode(path_of(path)), block_of(block)
+    name, length = os.fsencode(path_of(path)), block_of(block, NEW_BLOCKS)
     if mode != "ab":
         if row0 is not None:
             raise ValueError("row0 tells of a file that there is, and this one is new")
         return _orva.create(name, b"", threads, mode == "wb", level, length)
     try:
-        return _orva.append(name, row0, threads, level, length, False)
+        return _orva.append(name, row0, threads, level, block_of(block, 0), False)
     except FileNotFoundError:
         if row0 is not None:
             raise
     try:
         return _orva.create(name, b"", threads, False, level, length)
     except FileExistsError:  # somebody was quicker
-        return _orva.append(name, row0, threads, level, length, False)
+        return _orva.append(name, row0, threads, level, block_of(block, 0), False)
 
 
 class File(io.RawIOBase):
@@ -217,8 +217,8 @@ def open(
     path: a path; for "rb" also a seekable binary file object, which is read under a lock.
     row0: where heading and rows begin in the file, if the file does not say so itself; in bytes.
     threads: that inflate or compress at a time, the caller's counted; 0 for one a core.
-    level: of compression, 1 to 12. block: bytes of rows in a full block, 65,536 to 4,190,208, which is also the default
-        for new files; an append goes on with the file's own.
+    level: of compression, 1 to 12. block: bytes of rows in a full block, 65,536 to 4,190,208; without it 1 MiB in a new
+        file, and an append goes on with the file's own.
 
     Errors: OSError as the system tells (FileNotFoundError, BlockingIOError while another writer is at work, ...);
     DamagedFileError; UnfinishedFileError; ValueError for options outside their ranges.

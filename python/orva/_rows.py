@@ -3,7 +3,8 @@
 from __future__ import annotations
 
 import operator
-from collections.abc import Iterator
+import os
+from collections.abc import Iterable, Iterator
 from types import TracebackType
 from typing import Any, Literal
 
@@ -20,7 +21,7 @@ def _bytes_of(array: npt.NDArray[Any]) -> npt.NDArray[np.uint8]:
     return array.reshape(-1).view(np.uint8)
 
 
-def _merged(ranges: Lost) -> Lost:
+def _merged(ranges: Iterable[tuple[int, int]]) -> Lost:
     merged: Lost = []
     for first, end in sorted(ranges):
         if merged and first <= merged[-1][1]:
@@ -54,7 +55,6 @@ class Rows:
     shape: tuple[int, ...]
     ndim: int
     nbytes: int
-    lost: Lost
 
     def __init__(
         self, path: Source, dtype: npt.DTypeLike, damaged: Literal["raise", "mask"], row0: int | None, threads: int
@@ -72,7 +72,8 @@ class Rows:
         self._row, self._mask = row, damaged == "mask"
         self.dtype, within = (row, ()) if row.subdtype is None else row.subdtype
         self.shape = (self._reader.size // row.itemsize, *within)
-        self.ndim, self.nbytes, self.lost = len(self.shape), self._reader.size, []
+        self.ndim, self.nbytes = len(self.shape), self._reader.size
+        self._lost: set[tuple[int, int]] = set()  # grows from any thread
 
     def _row_of(self, given: np.dtype[Any] | None) -> np.dtype[Any]:
         name = f'"{self._opened.name}"'
@@ -85,10 +86,8 @@ class Rows:
                 raise
             row = None
         if row is not None and given is not None and row.itemsize != given.itemsize:
-            raise ValueError(
-                f"{name} has rows of {row.itemsize} bytes, as {row}, and {given} has {given.itemsize}"
-            )
-        row = given or row
+            raise ValueError(f"{name} has rows of {row.itemsize} bytes, as {row}, and {given} has {given.itemsize}")
+        row = row if given is None else given
         if row is None:
             raise ValueError(f"{name} does not say of what dtype its rows are: give one")
         if self._reader.size % row.itemsize != 0:
@@ -110,9 +109,12 @@ class Rows:
         """Damaged blocks, which the reader tells in bytes, as rows. Those of two blocks are lost with either."""
         size = self._row.itemsize
         rows = [(begin // size, -(-(begin + length) // size)) for begin, length in found]
-        if rows:
-            self.lost = _merged(self.lost + rows)
+        self._lost.update(rows)
         return _merged(rows)
+
+    @property
+    def lost(self) -> Lost:
+        return _merged(self._lost.copy())
 
     def _masked(self, values: npt.NDArray[Any], lost: npt.NDArray[np.bool_]) -> npt.NDArray[Any]:
         mask: Any = np.ma.make_mask_none(values.shape, values.dtype)  # type: ignore[no-untyped-call]
@@ -223,7 +225,7 @@ class Rows:
     def _border(self, first: int) -> int:
         """The first row that begins at or behind the border of blocks that `first` row's threads get to."""
         at = first * self._row.itemsize
-        for _ in range(max(self._opened.threads, 1)):
+        for _ in range(self._opened.threads or os.cpu_count() or 1):
             at = self._reader.end_of_block(at)
         return -(-at // self._row.itemsize)
 
@@ -257,9 +259,7 @@ class Rows:
             raise ValueError("rows count from 0")
         count = max(min(len(out), len(self) - first), 0)
         found: Lost = []
-        self._reader.read_at(
-            first * self._row.itemsize, _bytes_of(out[:count]), found if self._mask else None
-        )
+        self._reader.read_at(first * self._row.itemsize, _bytes_of(out[:count]), found if self._mask else None)
         self._noted(found)
         return count
 

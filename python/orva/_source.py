@@ -10,6 +10,7 @@ from typing import Any, Union
 from . import _orva
 
 PathLike = Union[str, "os.PathLike[str]"]
+NEW_BLOCKS = 1 << 20  # bytes of rows in a full block, as the command's own
 Source = Union[str, "os.PathLike[str]", io.RawIOBase, io.BufferedIOBase]
 
 
@@ -23,9 +24,9 @@ def path_of(path: PathLike) -> str:
     return name
 
 
-def block_of(length: int | None) -> int:
-    """A block's length for the extension, whose 0 means that none was given."""
-    return 0 if length is None else length or -1
+def block_of(length: int | None, default: int) -> int:
+    """A block's length for the extension, whose 0 means the longest, or the file's own."""
+    return default if length is None else length or -1
 
 
 class SourceObject:

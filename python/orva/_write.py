@@ -9,7 +9,7 @@ import numpy as np
 import numpy.typing as npt
 
 from . import _dtype, _orva
-from ._source import PathLike, block_of, path_of
+from ._source import NEW_BLOCKS, PathLike, block_of, path_of
 
 _PIECE = 4_190_208  # bytes of rows that are copied at a time where an array is in pieces
 
@@ -42,7 +42,7 @@ def write(
     """
     values, row = _rows_of(array)
     name = os.fsencode(path_of(path))
-    writer = _orva.create(name, _dtype.to_dictionary(row), threads, True, level, block_of(block))
+    writer = _orva.create(name, _dtype.to_dictionary(row), threads, True, level, block_of(block, NEW_BLOCKS))
     try:
         _write(writer, values, row)
     finally:

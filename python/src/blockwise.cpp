@@ -42,11 +42,12 @@ void blockwise::readAroundDamage() {
             const i64 begin = *damage.offset();
             const i64 end = fReader.end_of_block(begin);
             fLost->push_back({begin, end - begin});
-            const auto sound = std::ranges::partition(fRequests, [&](const orva::ReadRequest& request) {
+            const auto lost = std::partition(fRequests.begin(), fRequests.end(), [&](const orva::ReadRequest& request) {
                 return request.offset < begin || request.offset >= end;
             });
-            for (const orva::ReadRequest& request : sound) std::ranges::fill(request.to, std::byte());
-            fRequests.erase(sound.begin(), sound.end());
+            std::for_each(lost, fRequests.end(),
+                          [](const orva::ReadRequest& request) { std::ranges::fill(request.to, std::byte()); });
+            fRequests.erase(lost, fRequests.end());
         }
     }
 }

@@ -14,8 +14,8 @@
 class blockwise {
 public:
     // `blocks`: at a time. `lost`: takes the blocks that are damaged, whose rows are then zeros; null: they are errors.
-    blockwise(orva::Reader reader, int blocks, std::vector<orva::Range>* lost)
-        : fReader(std::move(reader)), fBlocks(blocks), fLost(lost) {}
+    blockwise(const orva::Reader& reader, int blocks, std::vector<orva::Range>* lost)
+        : fReader(reader), fBlocks(blocks), fLost(lost) {}
 
     // Wishes for these rows, which lie behind all of before or in the same block. They exist.
     void want(orva::i64 offset, orva::Bytes to);

@@ -5,6 +5,7 @@
 #include <pybind11/stl.h>
 
 #include <exception>
+#include <utility>
 
 namespace py = pybind11;
 
@@ -29,7 +30,7 @@ void set(const orva::SystemError& error) {
 
 void translate(std::exception_ptr thrown) {
     try {
-        std::rethrow_exception(thrown);
+        std::rethrow_exception(std::move(thrown));
     } catch (const orva::SystemError& error) {
         set(error);
     } catch (const orva::DamagedFileError& error) {

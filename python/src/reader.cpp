@@ -45,11 +45,11 @@ public:
 
     py::bytes readBytes(i64 offset, i64 size) const {
         const orva::Reader reader = get();
-        const i64 left = std::max<i64>(reader.size() - offset, 0);
-        const auto rows = py::reinterpret_steal<py::bytes>(PyBytes_FromStringAndSize(nullptr, std::min(size, left)));
+        const i64 count = std::clamp<i64>(reader.size() - offset, 0, size);
+        auto rows = py::reinterpret_steal<py::bytes>(PyBytes_FromStringAndSize(nullptr, count));
         if (!rows) throw py::error_already_set();
-        read(reader, offset,
-             std::as_writable_bytes(std::span(PyBytes_AS_STRING(rows.ptr()), PyBytes_GET_SIZE(rows.ptr()))), {});
+        const std::span memory(PyBytes_AS_STRING(rows.ptr()), static_cast<std::size_t>(count));
+        read(reader, offset, std::as_writable_bytes(memory), {});
         return rows;
     }
 

@@ -40,9 +40,6 @@ def two_writers() -> None:
 UNSUPPORTED = io.UnsupportedOperation
 BAD: dict[str, tuple[Callable[[], Any], type[BaseException], str]] = {
     "missing": (lambda: orva.open("none.orva"), FileNotFoundError, 'cannot read "none.orva".*check the name'),
-    "rows of a missing file": (lambda: orva.rows("none.orva"), FileNotFoundError, "none.orva"),
-    "verify a missing file": (lambda: orva.verify("none.orva"), FileNotFoundError, "none.orva"),
-    "append to a missing file": (lambda: orva.append("none.orva", ROWS), FileNotFoundError, "none.orva"),
     "in a missing directory": (lambda: orva.open("none/new.orva", "ab"), FileNotFoundError, "none/new.orva"),
     "a directory": (lambda: orva.open("."), IsADirectoryError, '"."'),
     "a pipe": (lambda: os.mkfifo("pipe") or orva.open("pipe"), OSError, "pipe"),
@@ -51,13 +48,11 @@ BAD: dict[str, tuple[Callable[[], Any], type[BaseException], str]] = {
     "an object of another kind": (lambda: orva.open(io.BytesIO(b"x")), orva.DamagedFileError, "give row0"),
     "a name with a zero": (lambda: orva.open("a\0b"), ValueError, "embedded null character"),
     "bytes for a path": (lambda: orva.open(b"bytes.orva"), TypeError, "a path is str or os.PathLike.* not bytes"),
-    "an int for a path": (lambda: orva.write(3, ROWS), TypeError, "not int"),
     "an object to write to": (lambda: orva.open(io.BytesIO(), "wb"), TypeError, "BytesIO"),
     "no such mode": (lambda: orva.open("bytes.orva", "r+b"), ValueError, "a mode is 'rb'.*not 'r\\+b'"),
     "a name that is taken": (lambda: orva.open("bytes.orva", "xb"), FileExistsError, "exists already"),
     "another writer": (two_writers, BlockingIOError, "bytes.orva"),
     "negative threads": (lambda: orva.rows("trades.orva", threads=-1), ValueError, "number of threads"),
-    "threads in words": (lambda: orva.open("bytes.orva", threads="2"), TypeError, "str"),
     "level 0": (lambda: writer(level=0), ValueError, "levels of compression are 1 to"),
     "block too short": (lambda: writer(block=65_535), ValueError, "65,536 to 4,190,208"),
     "block of no bytes": (lambda: writer(block=0), ValueError, "65,536 to 4,190,208"),
@@ -65,13 +60,10 @@ BAD: dict[str, tuple[Callable[[], Any], type[BaseException], str]] = {
     "row0 elsewhere": (lambda: orva.open("bytes.orva", row0=9), orva.DamagedFileError, "no heading at offset 9"),
     "row0 of a new file": (lambda: writer(row0=512), ValueError, "row0"),
     "no descriptor": (lambda: orva.open("bytes.orva").fileno(), UNSUPPORTED, "fileno"),
-    "truncate": (lambda: orva.open("bytes.orva").truncate(0), UNSUPPORTED, "truncate"),
     "write to a reader": (lambda: orva.open("bytes.orva").write(b"x"), UNSUPPORTED, "write"),
     "read from a writer": (lambda: writer().read(), UNSUPPORTED, "read"),
-    "fill from a writer": (lambda: writer().readinto(bytearray(1)), UNSUPPORTED, "read"),
     "seek in a writer": (lambda: writer().seek(0), UNSUPPORTED, "seek"),
     "seek before the rows": (lambda: orva.open("bytes.orva").seek(-10, 2), ValueError, "negative seek position -1"),
-    "seek from nowhere": (lambda: orva.open("bytes.orva").seek(0, 3), ValueError, "invalid whence"),
     "fill what is read-only": (lambda: orva.open("bytes.orva").readinto(b"12"), TypeError, "writable.*'bytes'"),
     "fill pieces": (lambda: orva.open("bytes.orva").readinto(np.zeros(4, "u1")[::2]), TypeError, "in one piece"),
     "write text": (lambda: writer().write("text"), TypeError, "bytes-like object.*'str'"),
@@ -80,12 +72,9 @@ BAD: dict[str, tuple[Callable[[], Any], type[BaseException], str]] = {
     "rows that do not divide": (lambda: orva.rows("bytes.orva", "i2"), ValueError, "9 bytes are no whole number.* of 2"),
     "dtype of another length": (lambda: orva.rows("trades.orva", "i8"), ValueError, "rows of 21 bytes.*int64 has 8"),
     "dtype of objects": (lambda: orva.rows("trades.orva", [("a", object)]), ValueError, "no bytes that a file"),
-    "dtype of no bytes": (lambda: orva.rows("trades.orva", "S0"), ValueError, "have no bytes"),
-    "no such dtype": (lambda: orva.rows("trades.orva", "nope"), TypeError, "nope"),
     "damaged in words": (lambda: orva.rows("trades.orva", damaged="drop"), ValueError, "'raise' or 'mask'"),
     "write objects": (lambda: orva.write("new.orva", [None]), ValueError, "no bytes that a file"),
     "write no axis": (lambda: orva.write("new.orva", 3.0), ValueError, "of no axis"),
-    "write empty elements": (lambda: orva.write("new.orva", np.zeros(3, "V0")), ValueError, "have no bytes"),
     "write empty rows": (lambda: orva.write("new.orva", np.zeros((3, 0))), ValueError, "have no bytes"),
     "append another dtype": (lambda: orva.append("numbers.orva", [1]), ValueError, "rows of float64, not of int64"),
     "append to a remainder": (lambda: orva.append("bytes.orva", [1.0]), ValueError, "not filled by rows of float64"),
@@ -96,26 +85,18 @@ BAD: dict[str, tuple[Callable[[], Any], type[BaseException], str]] = {
     "chunks of no rows": (lambda: orva.rows("numbers.orva").iter_chunks(0), ValueError, "1 row or more"),
     "no splits": (lambda: orva.rows("numbers.orva").splits(0), ValueError, "1 range or more"),
     "search no field": (lambda: orva.rows("trades.orva").search("nope", 1, 2), ValueError, "no field"),
-    "search among none": (lambda: orva.rows("numbers.orva").search("time", 1, 2), IndexError, "only integers"),
     "frame without fields": (lambda: orva.to_frame("numbers.orva"), ValueError, "no fields to be columns"),
     "frame of no such column": (lambda: orva.to_frame("trades.orva", ["nope"]), ValueError, "no field 'nope'"),
     "frame of arrays": (lambda: orva.to_frame("trades.orva"), ValueError, "'flags'.*is no column"),
     "join nothing": (lambda: orva.join([], "new.orva"), ValueError, "no file to join"),
     "join into itself": (lambda: orva.join(["bytes.orva"], "bytes.orva"), ValueError, "one of the files"),
-    "join damage": (lambda: orva.join(["other"], "new.orva"), orva.DamagedFileError, "other"),
     "recover nothing": (lambda: orva.recover("other", "new.orva"), orva.DamagedFileError, "no block"),
     "a damaged block": (lambda: orva.open("bad.orva").read(), orva.DamagedFileError, "bad.orva.* is damaged"),
     "read, closed": (lambda: closed("rb").read(1), ValueError, "closed file"),
-    "fill, closed": (lambda: closed("rb").readinto(bytearray(1)), ValueError, "closed file"),
-    "seek, closed": (lambda: closed("rb").seek(0), ValueError, "closed file"),
     "tell, closed": (lambda: closed("rb").tell(), ValueError, "closed file"),
-    "readable, closed": (lambda: closed("rb").readable(), ValueError, "closed file"),
-    "pickle, closed": (lambda: closed("rb").__reduce__(), ValueError, "closed file"),
     "write, closed": (lambda: closed("wb").write(b""), ValueError, "closed file"),
     "row, closed": (lambda: closed_rows()[0], ValueError, "closed file"),
-    "rows, closed": (lambda: closed_rows()[[1, 2]], ValueError, "closed file"),
     "chunks, closed": (lambda: closed_rows().iter_chunks(), ValueError, "closed file"),
-    "with, closed": (lambda: closed_rows().__enter__(), ValueError, "closed file"),
 }
 
 
@@ -131,11 +112,3 @@ def test_bad_input(here: Path, call: Any, kind: type[BaseException], text: str) 
     del caught  # and with it what the failing call has made
     left = set(os.listdir()) - {"pipe", *([] if "closed" not in text else ["new.orva"])}
     assert left == set(before), "what failed has left something behind"
-
-
-def test_errors_pickle() -> None:
-    import pickle
-
-    error = pickle.loads(pickle.dumps(orva.DamagedFileError("text", "path", 3, 4)))
-    assert (str(error), error.path, error.offset, error.block) == ("text", "path", 3, 4)
-    assert repr(error) == "DamagedFileError('text')"

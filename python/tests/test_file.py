@@ -97,6 +97,8 @@ def test_pickles(here: Path) -> None:
     file.seek(4)
     with open("bytes.orva", "rb") as plain:
         of_object = orva.open(io.BytesIO(plain.read()))
+    error = pickle.loads(pickle.dumps(orva.DamagedFileError("text", "path", 3, 4)))
+    assert (str(error), error.path, error.offset, error.block) == ("text", "path", 3, 4)
     os.chdir("/")
     assert pickle.loads(pickle.dumps(file)).read() == b"56789"
     assert pickle.loads(pickle.dumps(of_object)).read() == b"123456789"

@@ -1,0 +1,175 @@
+"""What the Python package costs beside its peers: one array of rows of 24 bytes, written by each as it does by default.
+
+Rounds alternate between all of a table's entries; a figure is the median of wall time, or of processor time where that
+is said. Every result is held against the array. Run by scripts/bench-python.
+"""
+
+import argparse
+import gzip
+import io
+import os
+import resource
+import statistics
+import subprocess
+import time
+from pathlib import Path
+from typing import Any, Callable
+
+import h5py
+import indexed_gzip
+import numcodecs
+import numpy as np
+import zarr
+
+import orva
+
+TRADE = np.dtype([("time", "<i8"), ("price", "<f8"), ("volume", "<i4"), ("venue", "<i4")])
+
+
+def trades(count: int) -> Any:
+    random = np.random.default_rng(1)
+    rows = np.empty(count, TRADE)
+    rows["time"] = 1_600_000_000_000 + np.cumsum(random.integers(1, 2_000, count))
+    rows["price"] = 100 + np.cumsum(random.integers(-5, 6, count)) / 100
+    rows["volume"] = random.geometric(0.01, count) * 100
+    rows["venue"] = random.integers(0, 12, count)
+    return rows
+
+
+def prepare(rows: Any) -> None:
+    orva.write("rows.orva", rows)
+    orva.write("short.orva", rows, block=1 << 18)
+    rows.tofile("rows.bin")
+    subprocess.run("gzip -kf rows.bin", shell=True, check=True)
+    with indexed_gzip.IndexedGzipFile("rows.bin.gz") as file:
+        file.build_full_index()
+        file.export_index("rows.index")
+    with h5py.File("rows.h5", "w") as file:
+        file.create_dataset("rows", data=rows, compression="gzip")
+    zarr.save_array("rows.zarr", rows, compressor=numcodecs.Zlib())
+
+
+def indexed() -> Any:
+    return indexed_gzip.IndexedGzipFile("rows.bin.gz", index_file="rows.index")
+
+
+def read_indexed() -> Any:
+    with indexed() as file:
+        return np.frombuffer(file.read(), TRADE)
+
+
+def read_gzip() -> Any:
+    with gzip.open("rows.bin.gz") as file:
+        return np.frombuffer(file.read(), TRADE)
+
+
+def read_h5py() -> Any:
+    with h5py.File("rows.h5") as file:
+        return file["rows"][:]
+
+
+def by_row(rows: Any, numbers: Any) -> Any:
+    return np.array([rows[number] for number in numbers], TRADE)
+
+
+def rows_of_orva(path: str, numbers: Any) -> Any:
+    with orva.rows(path) as rows:
+        return by_row(rows, numbers)
+
+
+def rows_of_indexed(numbers: Any) -> Any:
+    found = np.empty(len(numbers), TRADE)
+    with indexed() as file:
+        for i, number in enumerate(numbers):
+            file.seek(number * TRADE.itemsize)
+            found[i] = np.frombuffer(file.read(TRADE.itemsize), TRADE)[0]
+    return found
+
+
+def rows_of_h5py(numbers: Any) -> Any:
+    with h5py.File("rows.h5") as file:
+        return by_row(file["rows"], numbers)
+
+
+def in_sequence(raw: Any) -> Any:
+    file = io.BufferedReader(raw)
+    read, count = file.read, 0
+    while read(24):
+        count += 1
+    return count
+
+
+def cat() -> None:
+    with open(os.devnull, "wb") as nowhere:
+        subprocess.run(["orva", "cat", "-T", "1", "rows.orva"], check=True, stdout=nowhere)
+
+
+def processor() -> float:
+    return sum(
+        usage.ru_utime + usage.ru_stime
+        for usage in (resource.getrusage(resource.RUSAGE_SELF), resource.getrusage(resource.RUSAGE_CHILDREN))
+    )
+
+
+def medians(
+    works: dict[str, Callable[[], Any]], wanted: Any, rounds: int, clock: Callable[[], float] = time.perf_counter
+) -> dict[str, float]:
+    took: dict[str, list[float]] = {name: [] for name in works}
+    for number in range(rounds + 1):
+        for name, work in works.items():
+            begin = clock()
+            found = work()
+            if number > 0:  # the first round reads the files into memory
+                took[name].append(clock() - begin)
+            assert found is None or np.array_equal(found, wanted), name
+            del found
+    return {name: statistics.median(times) for name, times in took.items()}
+
+
+def measure(rows: Any, rounds: int) -> None:
+    numbers = np.random.default_rng(2).integers(0, len(rows), 100)
+    whole = {
+        "gzip.open, frombuffer": read_gzip,
+        "indexed_gzip": read_indexed,
+        "h5py, gzip": read_h5py,
+        "zarr, zlib": lambda: zarr.load("rows.zarr"),
+    }
+    hundred = {
+        "indexed_gzip, index": lambda: rows_of_indexed(numbers),
+        "zarr, zlib": lambda: by_row(zarr.open("rows.zarr", "r"), numbers),
+        "h5py, gzip": lambda: rows_of_h5py(numbers),
+    }
+    tables: list[tuple[str, dict[str, Callable[[], Any]], Callable[[], Any], Any, Callable[[], float]]] = [
+        ("all rows into numpy, processor time", {"orva cat -T 1": cat}, lambda: orva.rows("rows.orva")[:], rows, processor),
+        ("all rows into numpy", whole, lambda: orva.rows("rows.orva")[:], rows, time.perf_counter),
+        ("100 rows anywhere", hundred, lambda: rows_of_orva("rows.orva", numbers), rows[numbers], time.perf_counter),
+        ("the same, blocks of 256 KiB", hundred, lambda: rows_of_orva("short.orva", numbers), rows[numbers], time.perf_counter),
+        (
+            "24 bytes at a time, BufferedReader",
+            {"a plain file": lambda: in_sequence(open("rows.bin", "rb", buffering=0))},
+            lambda: in_sequence(orva.open("rows.orva")),
+            len(rows),
+            time.perf_counter,
+        ),
+    ]
+    print("| | orva | beside | takes | orva takes of it |\n|---|---|---|---|---|")
+    for name, peers, own, wanted, clock in tables:
+        took = medians({"orva": own, **peers}, wanted, rounds, clock)
+        for peer in peers:
+            ratio = took["orva"] / took[peer]
+            print(f"| {name} | {took['orva']:.3f} s | {peer} | {took[peer]:.3f} s | {ratio:.2f} |", flush=True)
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("directory")
+    parser.add_argument("--megabytes", type=int, default=128)
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--prepare", action="store_true")
+    options = parser.parse_args()
+    os.chdir(options.directory)
+    made = trades(options.megabytes * 1_000_000 // TRADE.itemsize)
+    if options.prepare or not Path("rows.bin").exists() or Path("rows.bin").stat().st_size != made.nbytes:
+        prepare(made)
+    if not options.prepare:
+        measure(made, options.rounds)
