@@ -50,7 +50,7 @@ BAD: dict[str, tuple[Callable[[], Any], type[BaseException], str]] = {
     "bytes for a path": (lambda: orva.open(b"bytes.orva"), TypeError, "a path is str or os.PathLike.* not bytes"),
     "an object to write to": (lambda: orva.open(io.BytesIO(), "wb"), TypeError, "BytesIO"),
     "no such mode": (lambda: orva.open("bytes.orva", "r+b"), ValueError, "a mode is 'rb'.*not 'r\\+b'"),
-    "a name that is taken": (lambda: orva.open("bytes.orva", "xb"), FileExistsError, "exists already"),
+    "a name that is taken": (lambda: orva.open("bytes.orva", "xb"), FileExistsError, "already exists"),
     "another writer": (two_writers, BlockingIOError, "bytes.orva"),
     "negative threads": (lambda: orva.rows("trades.orva", threads=-1), ValueError, "number of threads"),
     "level 0": (lambda: writer(level=0), ValueError, "levels of compression are 1 to"),
