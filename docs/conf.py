@@ -22,8 +22,8 @@ html_show_sphinx = False
 
 # The public headers in the order in which a reader needs them.
 HEADERS = """
-    api/reader.h api/rows.h api/writer.h api/iostream.h api/files.h api/error.h api/dictionaryText.h api/version.h
-    part/zcmpsFilestr.h stream/filestr.h file/file.h recovery/inspect.h recovery/join.h part/sideFile.h base/errors.h
+    api/reader.h api/rows.h api/writer.h api/iostream.h api/files.h api/error.h api/dictionaryText.h api/pendingFile.h
+    api/version.h part/zcmpsFilestr.h stream/filestr.h file/file.h recovery/inspect.h recovery/join.h part/sideFile.h base/errors.h
     format/compressedLayout.h sortTemp/zlibCompress.h sortTemp/lz4Compress.h
 """.split()
 
