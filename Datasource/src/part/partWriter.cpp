@@ -122,15 +122,13 @@ void partWriter::writeFrom(const rowSource& source, std::int64_t size) {
 }
 
 std::span<unsigned char> partWriter::room() {
-    if (fBuffer == nullptr) guarded([this] { fBuffer = fSink->room(); });
-    if (fBuffer == nullptr) fBuffer = ownRoom();
+    if (fBuffer == nullptr) guarded([this] { fBuffer = newRoom(); });
     return {fBuffer + (fChosen.blockLength - availBuffSize), availBuffSize};
 }
 
-unsigned char* partWriter::ownRoom() {
-    guarded([this] {
-        if (!fRows) fRows = blockBuffer(fChosen.blockLength);
-    });
+unsigned char* partWriter::newRoom() {
+    if (unsigned char* const rows = fSink->room()) return rows;
+    if (!fRows) fRows = blockBuffer(fChosen.blockLength);
     return fRows.get();
 }
 

@@ -81,7 +81,7 @@ private:
     [[noreturn]] void fail();
     void endSink(bool drop);
     sinkPlace next() { return {fFile, fIndex, fChosen, fpos, fIndex.writtenEnd(fRow0Pos + kHeadingSize)}; }
-    unsigned char* ownRoom();
+    unsigned char* newRoom();
     void endBlock();
     void send(const unsigned char* rows, std::uint32_t size);
     bool sendFrom(const rowSource& source, std::int64_t offset);

@@ -57,13 +57,13 @@ bool partSurvey::run(const recoverOptions& options) {
     fWindow.onMove([this](std::int64_t place) { tell(place, false); });
     const std::optional<foundPart> found = locate(options);
     if (!found) return false;
-    part = *found;
-    if (part.row0Pos <= 0 || part.row0Pos > fWindow.fileSize() - kHeadingSize) return false;
+    report.part = *found;
+    if (report.part.row0Pos <= 0 || report.part.row0Pos > fWindow.fileSize() - kHeadingSize) return false;
     takeHeading();
     walk();
-    segments = withSizes(segments, fIndex, part.row0Pos);
+    segments = withSizes(segments, fIndex, report.part.row0Pos);
     commit(options.onlyCommitted);
-    if (segments.empty()) return hadIndex || fCount == 0;
+    if (segments.empty()) return report.hadIndex || fCount == 0;
     return std::any_of(segments.begin(), segments.end(), [](const surveySegment& s) { return s.length != 0; });
 }
 
@@ -77,20 +77,20 @@ std::optional<foundPart> partSurvey::locate(const recoverOptions& options) {
 
 void partSurvey::takeHeading() {
     try {
-        fHeading = readHeading(fFile, part.row0Pos, part.swapped, "Analyze dictionary part error!");
+        fHeading = readHeading(fFile, report.part.row0Pos, report.part.swapped, "Analyze dictionary part error!");
     } catch (const DamagedFileError&) {
         return;
     }
-    hadHeading = breachOf(fHeading) == nullptr;
-    if (!hadHeading) return;
+    report.hadHeading = breachOf(fHeading) == nullptr;
+    if (!report.hadHeading) return;
     fLimit = fHeading._indexPos;
     const std::int64_t count = fHeading._size / kRecordSize - 1;
-    if (count <= (fLimit - part.row0Pos - kHeadingSize) / kShortestStream) fCount = count;
-    takeIndex(fHeading, part.swapped);
+    if (count <= (fLimit - report.part.row0Pos - kHeadingSize) / kShortestStream) fCount = count;
+    takeIndex(fHeading, report.part.swapped);
 }
 
 void partSurvey::walk() {
-    fPlace = fNextPlace = part.row0Pos + kHeadingSize;
+    fPlace = fNextPlace = report.part.row0Pos + kHeadingSize;
     while (fPlace < fWindow.fileSize() && !allSeen()) {
         tell(fPlace, false);
         if (const std::optional<stream> found = streamAt(fPlace, fPatience)) {
@@ -102,7 +102,7 @@ void partSurvey::walk() {
 }
 
 bool partSurvey::allSeen() const {
-    return hadIndex && (fIndex.empty() || bLastAsRecorded || endOf(fIndex.size() - 1) == fPlace);
+    return report.hadIndex && (fIndex.empty() || bLastAsRecorded || endOf(fIndex.size() - 1) == fPlace);
 }
 
 // Length or rows as recorded: one of the two can lie. A last block with other ones was rewritten by an append, which
@@ -116,7 +116,7 @@ void partSurvey::takeBlock(const stream& found) {
         fNextPlace = fPlace + record.translateSize;
         const bool asRecorded = record.orginalSize == segments.back().size || fNextPlace == fPlace + found.length;
         bLastAsRecorded = asRecorded && fNext + 1 == fIndex.size();
-        lastRewritten = !asRecorded && fNext + 1 == fIndex.size();
+        report.lastRewritten = !asRecorded && fNext + 1 == fIndex.size();
     }
     ++fNext;
     fPlace += found.length;
@@ -126,9 +126,9 @@ void partSurvey::takeBlock(const stream& found) {
 
 // Over what is no whole stream to the next one that is. False at the end of what there is.
 bool partSurvey::bridge() {
-    if (!hadIndex && !bLookedForIndex) findLaterIndex();
-    if (fPlace >= fLimit || (hadIndex && (allSeen() || fNext >= fIndex.size()))) return false;
-    const std::int64_t end = hadIndex ? fLimit : fWindow.fileSize();
+    if (!report.hadIndex && !bLookedForIndex) findLaterIndex();
+    if (fPlace >= fLimit || (report.hadIndex && (allSeen() || fNext >= fIndex.size()))) return false;
+    const std::int64_t end = report.hadIndex ? fLimit : fWindow.fileSize();
     const std::optional<std::size_t> number = numberHere();
     auto [next, sure] = resumeByIndex(number.has_value());
     fWindow.newlyPassed();
@@ -139,12 +139,12 @@ bool partSurvey::bridge() {
         }
     }
     const bool givenUp = !next && fPatience.exhausted();
-    if (!next && !hadIndex && !givenUp) return false;
+    if (!next && !report.hadIndex && !givenUp) return false;
     const std::int64_t most = mostRowsOf(next.value_or(end) - fPlace - fWindow.newlyPassed());
     segments.push_back({std::min<std::int64_t>(kBlockSize, most), fPlace, number, 0, true,
-                        givenUp    ? kGivenUp
-                        : hadIndex ? kDamaged
-                                   : kDamagedUntold,
+                        givenUp           ? kGivenUp
+                        : report.hadIndex ? kDamaged
+                                          : kDamagedUntold,
                         most});
     fPlace = next.value_or(fPlace);
     return next.has_value();
@@ -170,7 +170,7 @@ partSurvey::resumption partSurvey::resumeByIndex(bool inStep) {
         if (resumes(end, i + 1)) return {end, inStep};
         earnByLoss(place, end);
     }
-    return {std::nullopt, inStep && hadIndex && !fIndexPatience.exhausted()};
+    return {std::nullopt, inStep && report.hadIndex && !fIndexPatience.exhausted()};
 }
 
 // A lost block that is passed earns too, once and not in a hole. To look at its record costs a little.
@@ -189,10 +189,10 @@ bool partSurvey::takeIndex(const compressionHeading& heading, bool swapped) {
         fIndex = std::move(index);
         fLimit = heading._indexPos;
         fNext = segments.size();
-        hadIndex = true;
+        report.hadIndex = true;
     } catch (const DamagedFileError&) {
     }
-    return hadIndex;
+    return report.hadIndex;
 }
 
 // The heading may be lost or point elsewhere, and an index stand further on.
@@ -211,7 +211,7 @@ bool partSurvey::takeLaterIndex(std::int64_t place, const unsigned char* bytes) 
     if (!swapped && first.orginalPos != kFirstRecordMark) return false;
     if (swapped) swapRecord(first);
     const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
-    if (takeIndex({part.row0Pos, place, size}, swapped)) return true;
+    if (takeIndex({report.part.row0Pos, place, size}, swapped)) return true;
     fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
     fPatience.spend(2 * kTrial);
     return false;
@@ -250,19 +250,19 @@ std::optional<std::size_t> partSurvey::numberHere() {
 
 // The heading of a part whose index is gone still tells where the index stood and how many blocks it had.
 void partSurvey::commit(bool onlyCommitted) {
-    if (hadHeading && fCount && !hadIndex) addMissing(*fCount);
+    if (report.hadHeading && fCount && !report.hadIndex) addMissing(*fCount);
     const std::size_t committed = committedSegments();
-    for (std::size_t i = 0; i < committed; ++i) committedRows += segments[i].size;
+    for (std::size_t i = 0; i < committed; ++i) report.committedRows += segments[i].size;
     if (committed != 0 && segments[committed - 1].length != 0) {
         const surveySegment& last = segments[committed - 1];
         const bool goesOn = committed < segments.size() && segments[committed].place < fHeading._indexPos;
-        lastRewritten = lastRewritten || goesOn || last.place + last.length > fHeading._indexPos;
+        report.lastRewritten = report.lastRewritten || goesOn || last.place + last.length > fHeading._indexPos;
     }
     if (onlyCommitted) segments.resize(committed);
 }
 
 std::size_t partSurvey::committedSegments() const {
-    if (!hadHeading) return 0;
+    if (!report.hadHeading) return 0;
     const auto isGuess = [](const surveySegment& segment) { return segment.estimated; };
     if (fCount && std::none_of(segments.begin(), segments.end(), isGuess)) {
         return std::min(static_cast<std::size_t>(*fCount), segments.size());
@@ -287,7 +287,8 @@ void partSurvey::addMissing(std::int64_t count) {
 }
 
 std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place, patience& left) {
-    if (place < part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || left.exhausted()) return std::nullopt;
+    if (place < report.part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || left.exhausted())
+        return std::nullopt;
     const std::int64_t before = fRead;
     const blockOutcome outcome = inflateAt(place, fUsualLength + fUsualLength / 4);
     if (outcome.end == blockOutcome::complete && outcome.produced != 0) {

@@ -39,11 +39,7 @@ public:
     // for the rows.
     void tell(std::int64_t place, bool again);
 
-    foundPart part{};
-    bool hadHeading = false;
-    bool hadIndex = false;
-    bool lastRewritten = false;
-    std::int64_t committedRows = 0;
+    recoverReport report;  // what is recovered and lost is for the caller to fill in
     std::vector<surveySegment> segments;
 
 private:

@@ -43,8 +43,8 @@ void makeOutput(ORVA_File& input, const std::string& output, std::int64_t dictio
 // Writes the rows of a survey, one after the other, and keeps the account of them.
 class rowWriter {
 public:
-    rowWriter(partSurvey& survey, zcmpsFilestr& output, recoverReport& report, bool dropLost)
-        : fSurvey(survey), fOutput(output), fReport(report), bDropLost(dropLost), fPos(report.part.row0Pos) {}
+    rowWriter(partSurvey& survey, zcmpsFilestr& output, bool dropLost)
+        : fSurvey(survey), fOutput(output), bDropLost(dropLost), fPos(survey.report.part.row0Pos) {}
 
     // `trailing`: no rows come behind it, so a guess at its size would move no position, and is not filled in.
     void take(const surveySegment& segment, bool trailing) {
@@ -52,8 +52,8 @@ public:
         const unsigned char* rows = segment.length == 0 ? nullptr : fSurvey.rowsOf(segment);
         if (rows != nullptr) {
             fOutput.Write(rows, static_cast<std::uint32_t>(segment.size));
-            ++fReport.blocks;
-            fReport.rows += segment.size;
+            ++fSurvey.report.blocks;
+            fSurvey.report.rows += segment.size;
         } else {
             lose(segment, bDropLost || (trailing && segment.estimated));
         }
@@ -63,7 +63,7 @@ public:
 private:
     void lose(const surveySegment& segment, bool drop) {
         const std::string why = segment.why == nullptr ? "its block could not be read again" : segment.why;
-        fReport.lost.push_back({fPos, fPos + segment.size, segment.place, segment.estimated, why});
+        fSurvey.report.lost.push_back({fPos, fPos + segment.size, segment.place, segment.estimated, why});
         if (drop) return;
         if (!fZeros) fZeros = std::make_unique<unsigned char[]>(kBlockSize);
         for (std::int64_t left = segment.size; left > 0;) {
@@ -76,20 +76,19 @@ private:
 
     partSurvey& fSurvey;
     zcmpsFilestr& fOutput;
-    recoverReport& fReport;
     const bool bDropLost;
     std::int64_t fPos;
     std::unique_ptr<unsigned char[]> fZeros;
 };
 
-void writeRecovered(partSurvey& survey, ORVA_File& input, const std::string& output, recoverReport& report,
-                    bool dropLost) {
-    makeOutput(input, output, report.part.row0Pos);
+void writeRecovered(partSurvey& survey, ORVA_File& input, const std::string& output, bool dropLost) {
+    const std::int64_t row0Pos = survey.report.part.row0Pos;
+    makeOutput(input, output, row0Pos);
     zcmpsFilestr rows(ORVA_FileStream(output.c_str(), "r+b"));
-    rows.setRow0Pos(report.part.row0Pos);
-    rows.Seek(report.part.row0Pos, ORVA_StrBaseIO::SeekFromStart);
+    rows.setRow0Pos(row0Pos);
+    rows.Seek(row0Pos, ORVA_StrBaseIO::SeekFromStart);
     try {
-        rowWriter writer(survey, rows, report, dropLost);
+        rowWriter writer(survey, rows, dropLost);
         for (const surveySegment& segment : survey.segments) writer.take(segment, &segment == &survey.segments.back());
         survey.tell(input.Size(), true);
         rows.Close();
@@ -105,19 +104,13 @@ recoverReport recover(const std::string& name, const std::string& output, const 
     ORVA_File input;
     openOrThrow(input, name, "rb", kReadFailed);
     partSurvey survey(input);
-    recoverReport report;
     if (!survey.run(options)) {
         throw DamagedFileError(name, "a complete block",
                                options.onlyCommitted ? "it holds no rows that were ever finished"
                                                      : "no block of compressed rows can be found in it");
     }
-    report.part = survey.part;
-    report.hadHeading = survey.hadHeading;
-    report.hadIndex = survey.hadIndex;
-    report.committedRows = survey.committedRows;
-    report.lastRewritten = survey.lastRewritten;
-    writeRecovered(survey, input, output, report, options.dropLost);
-    return report;
+    writeRecovered(survey, input, output, options.dropLost);
+    return survey.report;
 }
 
 }  // namespace orva
