@@ -1,4 +1,4 @@
-"""What the Python package costs beside its peers: one array of rows of 24 bytes, written by each as it does by default.
+"""What the Python package costs beside its peers: one array, written by each as it does by default.
 
 Rounds alternate between all of a table's entries; a figure is the median of wall time, or of processor time where that
 is said. Every result is held against the array. Run by scripts/bench-python.
@@ -23,16 +23,31 @@ import zarr
 
 import orva
 
-TRADE = np.dtype([("time", "<i8"), ("price", "<f8"), ("volume", "<i4"), ("venue", "<i4")])
 
 
-def trades(count: int) -> Any:
+def trades(size: int) -> Any:
+    """Rows of 24 bytes, which deflate to two fifths."""
     random = np.random.default_rng(1)
-    rows = np.empty(count, TRADE)
+    count = size // 24
+    rows = np.empty(count, [("time", "<i8"), ("price", "<f8"), ("volume", "<i4"), ("venue", "<i4")])
     rows["time"] = 1_600_000_000_000 + np.cumsum(random.integers(1, 2_000, count))
     rows["price"] = 100 + np.cumsum(random.integers(-5, 6, count)) / 100
     rows["volume"] = random.geometric(0.01, count) * 100
     rows["venue"] = random.integers(0, 12, count)
+    return rows
+
+
+def survey(size: int) -> Any:
+    """Answers of people, 320 bytes each, as docs/performance.md measures: a number, age, weight and codes, some missing."""
+    random = np.random.default_rng(1)
+    count = size // 320
+    rows = np.empty(count, [(f"v{i}", "<f8") for i in range(40)])
+    rows["v0"] = np.arange(count)
+    rows["v1"] = 18 + random.integers(0, 70, count)
+    rows["v2"] = random.integers(5_000, 15_000, count) / 10_000
+    for i in range(3, 40):
+        codes = random.integers(0, 2 + i % 6, (2, count)).min(0)
+        rows[f"v{i}"] = np.where(random.integers(0, 12, count) == 0, -np.finfo(float).max, 1 + codes)
     return rows
 
 
@@ -53,14 +68,9 @@ def indexed() -> Any:
     return indexed_gzip.IndexedGzipFile("rows.bin.gz", index_file="rows.index")
 
 
-def read_indexed() -> Any:
-    with indexed() as file:
-        return np.frombuffer(file.read(), TRADE)
-
-
-def read_gzip() -> Any:
-    with gzip.open("rows.bin.gz") as file:
-        return np.frombuffer(file.read(), TRADE)
+def read_all(file: Any, dtype: Any) -> Any:
+    with file:
+        return np.frombuffer(file.read(), dtype)
 
 
 def read_h5py() -> Any:
@@ -69,7 +79,7 @@ def read_h5py() -> Any:
 
 
 def by_row(rows: Any, numbers: Any) -> Any:
-    return np.array([rows[number] for number in numbers], TRADE)
+    return np.array([rows[number] for number in numbers], rows.dtype)
 
 
 def rows_of_orva(path: str, numbers: Any) -> Any:
@@ -77,12 +87,12 @@ def rows_of_orva(path: str, numbers: Any) -> Any:
         return by_row(rows, numbers)
 
 
-def rows_of_indexed(numbers: Any) -> Any:
-    found = np.empty(len(numbers), TRADE)
+def rows_of_indexed(numbers: Any, dtype: Any) -> Any:
+    found = np.empty(len(numbers), dtype)
     with indexed() as file:
         for i, number in enumerate(numbers):
-            file.seek(number * TRADE.itemsize)
-            found[i] = np.frombuffer(file.read(TRADE.itemsize), TRADE)[0]
+            file.seek(number * dtype.itemsize)
+            found[i] = np.frombuffer(file.read(dtype.itemsize), dtype)[0]
     return found
 
 
@@ -129,26 +139,26 @@ def medians(
 def measure(rows: Any, rounds: int) -> None:
     numbers = np.random.default_rng(2).integers(0, len(rows), 100)
     whole = {
-        "gzip.open, frombuffer": read_gzip,
-        "indexed_gzip": read_indexed,
+        "gzip.open, frombuffer": lambda: read_all(gzip.open("rows.bin.gz"), rows.dtype),
+        "indexed_gzip": lambda: read_all(indexed(), rows.dtype),
         "h5py, gzip": read_h5py,
         "zarr, zlib": lambda: zarr.load("rows.zarr"),
     }
     hundred = {
-        "indexed_gzip, index": lambda: rows_of_indexed(numbers),
+        "indexed_gzip, index": lambda: rows_of_indexed(numbers, rows.dtype),
         "zarr, zlib": lambda: by_row(zarr.open("rows.zarr", "r"), numbers),
         "h5py, gzip": lambda: rows_of_h5py(numbers),
     }
     tables: list[tuple[str, dict[str, Callable[[], Any]], Callable[[], Any], Any, Callable[[], float]]] = [
         ("all rows into numpy, processor time", {"orva cat -T 1": cat}, lambda: orva.rows("rows.orva")[:], rows, processor),
         ("all rows into numpy", whole, lambda: orva.rows("rows.orva")[:], rows, time.perf_counter),
-        ("100 rows anywhere", hundred, lambda: rows_of_orva("rows.orva", numbers), rows[numbers], time.perf_counter),
+        ("100 rows anywhere, one by one", hundred, lambda: rows_of_orva("rows.orva", numbers), rows[numbers], time.perf_counter),
         ("the same, blocks of 256 KiB", hundred, lambda: rows_of_orva("short.orva", numbers), rows[numbers], time.perf_counter),
         (
             "24 bytes at a time, BufferedReader",
             {"a plain file": lambda: in_sequence(open("rows.bin", "rb", buffering=0))},
             lambda: in_sequence(orva.open("rows.orva")),
-            len(rows),
+            rows.nbytes // 24,
             time.perf_counter,
         ),
     ]
@@ -165,10 +175,13 @@ if __name__ == "__main__":
     parser.add_argument("directory")
     parser.add_argument("--megabytes", type=int, default=128)
     parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--data", choices=["survey", "trades"], default="survey")
     parser.add_argument("--prepare", action="store_true")
     options = parser.parse_args()
-    os.chdir(options.directory)
-    made = trades(options.megabytes * 1_000_000 // TRADE.itemsize)
+    home = Path(options.directory, options.data)
+    home.mkdir(parents=True, exist_ok=True)
+    os.chdir(home)
+    made = {"survey": survey, "trades": trades}[options.data](options.megabytes * 1_000_000)
     if options.prepare or not Path("rows.bin").exists() or Path("rows.bin").stat().st_size != made.nbytes:
         prepare(made)
     if not options.prepare:

@@ -14,6 +14,7 @@ from ._source import NEW_BLOCKS, Opened, PathLike, Source, block_of, path_of
 
 Mode = Literal["rb", "wb", "xb", "ab"]
 _CLOSED = "I/O operation on closed file"
+_FARTHEST = (1 << 63) - 1
 
 
 def _begin(path: PathLike, mode: str, row0: int | None, threads: int, level: int, block: int | None) -> _orva.Writer:
@@ -76,12 +77,9 @@ class File(io.RawIOBase):
     def __repr__(self) -> str:
         return f"<orva.File name={self.name!r} mode={self.mode!r}>"
 
-    def _reader(self, what: str) -> _orva.Reader:
-        if self.closed:
-            raise ValueError(_CLOSED)
-        if self._opened is None:
-            raise io.UnsupportedOperation(what)
-        return self._opened.reader
+    def _no_reader(self, what: str) -> NoReturn:
+        self._open()
+        raise io.UnsupportedOperation(what)
 
     def _writer(self, what: str) -> _orva.Writer:
         if self.closed:
@@ -112,26 +110,29 @@ class File(io.RawIOBase):
 
     def seek(self, offset: int, whence: int = os.SEEK_SET) -> int:
         """Moves to a byte of the rows, also behind them. ValueError for one before them."""
-        reader = self._reader("seek")
+        self._open()
+        reader = (self._opened or self._no_reader("seek")).reader
         if whence not in (os.SEEK_SET, os.SEEK_CUR, os.SEEK_END):
             raise ValueError(f"invalid whence ({whence}, should be 0, 1 or 2)")
         to = offset + (0, self._pos, reader.size)[whence]
         if to < 0:
             raise ValueError(f"negative seek position {to}")
+        if to > _FARTHEST:
+            raise OverflowError(f"no place in a file is as far as {to}")
         self._pos = to
         return to
 
     def readinto(self, buffer: Any) -> int:
         """Fills `buffer` and gives the count of bytes, which is less only where the rows end."""
-        reader = self._reader("read")
-        got = reader.read_at(min(self._pos, reader.size), buffer)
+        opened = self._opened or self._no_reader("read")
+        got = opened.reader.read_at(self._pos, buffer)
         self._pos += got
         return got
 
     def read(self, size: int | None = -1) -> bytes:
-        reader = self._reader("read")
+        reader = (self._opened or self._no_reader("read")).reader
         left = max(reader.size - self._pos, 0)
-        rows = reader.read_bytes(min(self._pos, reader.size), left if size is None or size < 0 else min(size, left))
+        rows = reader.read_bytes(self._pos, left if size is None or size < 0 else min(size, left))
         self._pos += len(rows)
         return rows
 

@@ -18,6 +18,7 @@ using orva::i64;
 
 namespace {
 
+constexpr std::size_t kSmallRead = 65'536;  // lies in two blocks at most, as a rule
 constexpr const char* kClosed = "I/O operation on closed file";
 
 // A Reader that can be closed. A call that is under way then ends with a Reader of its own.
@@ -105,6 +106,10 @@ private:
         if (offset < 0) throw py::value_error("rows begin at offset 0");
         const i64 left = std::max<i64>(reader.size() - offset, 0);
         const orva::Bytes wanted = to.first(std::min(to.size(), static_cast<std::size_t>(left)));
+        if (!lost && wanted.size() <= kSmallRead) {
+            const py::gil_scoped_release others;
+            return reader.read_at(offset, wanted);
+        }
         collecting(lost, [&](std::vector<orva::Range>* found) {
             blockwise reads(reader, fBlocks, found);
             reads.want(offset, wanted);
