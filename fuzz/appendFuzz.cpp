@@ -34,8 +34,8 @@ public:
             require(stream->Close() == 1, "an append ends");
             return requireAdded(from, added);
         }
-        const Bytes during = getFile(name);
-        const Bytes side = getFile(sideName);
+        const Bytes during = readBytes(name);
+        const Bytes side = readBytes(sideName);
         stream->abandon();
         stream.reset();  // and with it the writer's lock
         requireRestored();
@@ -90,8 +90,8 @@ private:
         return side;
     }
     void rollBack(const Bytes& during, const Bytes& side, bool isChanged) const {
-        putFile(name, during);
-        putFile(sideName, side);
+        writeBytes(name, during);
+        writeBytes(sideName, side);
         auto result = orva::rollBackResult::nothingToDo;
         const bool believed = soundFor([&] { result = orva::rollBack(name); });
         const bool ends = result == orva::rollBackResult::rolledBack || result == orva::rollBackResult::sideFileStale;
@@ -105,12 +105,12 @@ private:
     }
 
     void requireLeft(const Bytes& data, const Bytes& side) const {
-        require(getFile(name) == data, "what is refused, or had written nothing, changes nothing");
-        require(getFile(sideName) == side, "a side file stays exactly where it is refused");
+        require(readBytes(name) == data, "what is refused, or had written nothing, changes nothing");
+        require(readBytes(sideName) == side, "a side file stays exactly where it is refused");
     }
     // But for bytes in a gap before the index and behind it, which mean nothing.
     void requireRestored() const {
-        const Bytes now = getFile(name);
+        const Bytes now = readBytes(name);
         const auto same = [&](auto at, auto size) { return slice(now, at, size) == slice(file, at, size); };
         require(now.size() == file.size(), "the file has its old length");
         require(same(0, old.blocksEnd), "heading and blocks are the old ones");
@@ -118,7 +118,7 @@ private:
         require(!std::filesystem::exists(sideName), "no side file is left");
     }
     void requireAdded(std::int64_t from, const Bytes& added) const {
-        const Bytes now = getFile(name);
+        const Bytes now = readBytes(name);
         const Part part(now, kRow0, false);
         require(slice(now, 0, kRow0) == slice(file, 0, kRow0), "the dictionary part stays");
         require(!std::filesystem::exists(sideName), "no side file is left");

@@ -13,23 +13,21 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <optional>
-#include <string>
-#include <vector>
 
 namespace fuzz {
 
-using Bytes = std::vector<unsigned char>;
+using support::Bytes;
 using support::byZlib;
 using support::Inflated;
+using support::readBytes;
+using support::slice;
+using support::writeBytes;
+using support::operator+;
 
 constexpr std::int64_t kRow0 = 64;  // of every file of the corpora
 constexpr std::size_t kSteps = 48;  // bytes of steering
@@ -55,21 +53,6 @@ inline std::string pathOf(const char* name) {
     return (std::filesystem::temp_directory_path() / (std::to_string(getpid()) + '-' + name)).string();
 }
 
-inline void putFile(const std::string& name, const Bytes& bytes) {
-    std::ofstream file(name, std::ios::binary);
-    file.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes)).flush();
-    require(file.good(), "a file can be written");
-}
-// Empty where there is none.
-inline Bytes getFile(const std::string& name) {
-    std::ifstream file(name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-inline Bytes slice(const Bytes& bytes, std::int64_t at, std::int64_t size) {
-    return {bytes.begin() + at, bytes.begin() + at + size};
-}
-
 // Rows that compress well and differ from block to block.
 inline Bytes rowsOf(std::size_t size, unsigned seed) {
     Bytes rows(size);
@@ -84,7 +67,7 @@ struct Input {
     Input(const std::uint8_t* data, std::size_t size)
         : file(data, data + (size - std::min(size, kSteps))), steps(data + file.size(), size - file.size()) {
         swap = steps.ConsumeBool();
-        putFile(name, file);
+        writeBytes(name, file);
     }
     const std::string name = pathOf("file");
     const Bytes file;

@@ -56,14 +56,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     orva::recoverReport report;
     const bool recovers = soundFor([&] { report = orva::recover(in.name, output, options); });
-    require(getFile(in.name) == in.file, "the input stays as it is");
+    require(readBytes(in.name) == in.file, "the input stays as it is");
     const Part before(in.file, kRow0, in.swap);
     const bool whole = options.part && before.sound;
     require(recovers || !whole, "a sound file recovers");
     if (!recovers) return 0;
 
     const std::int64_t row0 = report.part.row0Pos;
-    const Bytes result = getFile(output);
+    const Bytes result = readBytes(output);
     const Part after(result, row0, false);
     require(after.sound, "what was recovered verifies clean");
     require(slice(result, 0, row0) == slice(in.file, 0, row0), "the dictionary part is a copy");

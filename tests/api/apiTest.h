@@ -1,4 +1,4 @@
-// What tests of the face share: finished files made by the streams below it, and what a call throws.
+// What tests of the face share: finished files, and what a call throws.
 #pragma once
 
 #include "support/byteOrder.h"
@@ -63,7 +63,7 @@ struct memory final : orva::ByteSource {
     i64 size() const override { return std::ssize(bytes); }
     std::size_t read_at(i64 offset, orva::Bytes to) const override {
         ++reads;
-        const Bytes found = support::slice(bytes, static_cast<std::size_t>(offset), to.size());
+        const Bytes found = support::slice(bytes, offset, to.size());
         std::ranges::copy(bytesOf(found), to.begin());
         return found.size();
     }
@@ -73,19 +73,16 @@ struct memory final : orva::ByteSource {
 
 class FaceTest : public support::TempDir {
 protected:
-    // A finished file of the rows behind `dictionary`.
-    std::string finished(const std::string& name, const Bytes& rows, const std::string& dictionary) const {
-        ORVA_FileStream file(path(name).c_str(), "wb");
-        file.Write(dictionary.data(), static_cast<std::uint32_t>(dictionary.size()));
-        zcmpsFilestr writer(file);
-        writer.setRow0Pos(std::ssize(dictionary));
-        writer.Seek(std::ssize(dictionary), ORVA_StrBaseIO::SeekFromStart);
-        writer.Write(rows.data(), static_cast<std::uint32_t>(rows.size()));
-        writer.Close();
+    // A finished file of the rows; its name.
+    std::string written(const std::string& name, const Bytes& rows, const orva::WriterOptions& options = {}) const {
+        orva::Writer writer(path(name), options);
+        writer.write(bytesOf(rows));
+        writer.finish();
         return path(name);
     }
-    std::string finished(const std::string& name, const Bytes& rows) const {
-        return finished(name, rows, orva::makeDictionaryText());
+    std::string behind(const Bytes& dictionary, const std::string& name, const Bytes& rows) const {
+        const auto bytes = bytesOf(dictionary);
+        return written(name, rows, {.dictionary = {bytes.begin(), bytes.end()}});
     }
     // The names in the directory, but for files that `finish` and tests have made.
     std::vector<std::string> names() const {

@@ -10,7 +10,7 @@ namespace {
 class Files : public FaceTest {};
 
 TEST_F(Files, TellWhatAFileHolds) {
-    const orva::FileInfo info = orva::info(finished("rows", Bytes(2 * kBlock + 10)));
+    const orva::FileInfo info = orva::info(written("rows", Bytes(2 * kBlock + 10)));
     EXPECT_EQ(info.found_by, orva::FileInfo::FoundBy::dictionary);
     EXPECT_EQ(info.row0, 512);
     EXPECT_TRUE(info.text.has_value());
@@ -24,7 +24,7 @@ TEST_F(Files, TellWhatAFileHolds) {
 
 TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     const Bytes rows = RandomBytes(21).rows(4 * kBlock);
-    const std::string name = finished("rows", rows);
+    const std::string name = written("rows", rows);
     EXPECT_TRUE(orva::verify(name, {.threads = 2}).sound());
     const std::vector<orva::Block> blocks = orva::Reader(name).blocks();
     for (const int bad : {1, 3}) {
@@ -41,6 +41,15 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     EXPECT_EQ(last, std::ssize(rows));
     const auto stop = [](i64, i64) { throw std::domain_error("enough"); };
     EXPECT_THROW(orva::verify(name, {.progress = stop}), std::domain_error);
+    const orva::Reader reader(name, {.threads = 2});
+    try {
+        all(reader);
+        FAIL() << "the damage went unnoticed";
+    } catch (const orva::DamagedFileError& e) {
+        EXPECT_EQ(std::pair(e.block(), e.offset()), std::pair(std::optional<i64>(1), std::optional<i64>(kBlock)));
+        EXPECT_NE(std::string(e.what()).find("orva recover"), std::string::npos) << e.what();
+    }
+    EXPECT_TRUE(sameBytes(read(reader, 2 * kBlock, kBlock), support::slice(rows, 2 * kBlock, kBlock)));
 
     std::filesystem::permissions(name, std::filesystem::perms{0600});
     EXPECT_THROW(orva::recover(name, path("none"), {.progress = stop}), std::domain_error);
@@ -72,7 +81,7 @@ TEST_F(Files, JoinRows) {
     RandomBytes random(22);
     const Bytes a = random.rows(kBlock + 5);
     const Bytes b = random.rows(100);
-    const orva::Path parts[] = {finished("a", a), finished("b", b, "another dictionary")};
+    const orva::Path parts[] = {written("a", a), behind(Bytes(20, 'd'), "b", b)};
     i64 last = 0;
     const orva::JoinReport report = orva::join(parts, path("all"), {.progress = [&](i64 done, i64) { last = done; }});
     EXPECT_EQ(report.size, std::ssize(a) + 100);
@@ -91,20 +100,6 @@ TEST_F(Files, JoinRows) {
     const orva::Path missing[] = {parts[0], path("missing")};
     EXPECT_EQ(thrownBy([&] { orva::join(missing, path("none")); }), "SystemError ENOENT");
     EXPECT_EQ(names(), before);
-}
-
-TEST_F(Files, RollAnInterruptedAppendBack) {
-    const Bytes rows = RandomBytes(23).rows(100'000);
-    const std::string name = finished("rows", rows);
-    EXPECT_EQ(orva::roll_back(name), orva::RollBack::nothing);
-    EXPECT_EQ(thrownBy([&] { orva::roll_back(path("none")); }), "SystemError ENOENT");
-    support::expectInChild([&] {
-        orva::Writer writer = orva::Writer::append(name);
-        writer.write(bytesOf(Bytes(2 * kBlock, 'x')));
-        _exit(0);  // without destructors, as a crash
-    });
-    EXPECT_EQ(orva::roll_back(name), orva::RollBack::undone);
-    EXPECT_TRUE(sameBytes(all(orva::Reader(orva::Path(name))), rows));
 }
 
 }  // namespace

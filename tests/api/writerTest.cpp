@@ -4,8 +4,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-#include <set>
-
 using namespace api;
 using support::RandomBytes;
 using support::sameBytes;
@@ -14,42 +12,42 @@ namespace {
 
 class Writer : public FaceTest {
 protected:
-    std::string written(const std::string& name, const Bytes& rows, const orva::WriterOptions& options = {}) const {
-        orva::Writer writer(path(name), options);
-        writer.write(bytesOf(rows));
-        writer.finish();
-        return path(name);
-    }
     Bytes rowsOf(const std::string& name) const { return all(orva::Reader(path(name))); }
 };
 
-TEST_F(Writer, TakesRowsInAnySizesAndWays) {
+TEST_F(Writer, TakesRowsInAnySizesAndWaysIntoANewFileAndBehindItsRows) {
     RandomBytes random(11);
     const Bytes rows = random.rows(3 * kBlock + 12'345);
     for (const int threads : {1, 3}) {
-        orva::Writer writer(path("rows"), {.threads = threads, .replace = true, .level = 2, .block = 1'000'000});
-        for (std::size_t at = 0; at < rows.size();) {
-            const std::size_t sizes[] = {0, random.below(20), random.below(100'000), random.below(2 * kBlock)};
-            const Bytes piece = support::slice(rows, at, sizes[random.below(4)]);
-            if (random.oneIn(3)) {
-                const orva::Bytes room = writer.room();
-                const Bytes fits = support::slice(piece, 0, room.size());
-                std::ranges::copy(bytesOf(fits), room.begin());
-                writer.wrote(fits.size());
-                at += fits.size();
-            } else {
-                random.oneIn(2) ? writer.write(bytesOf(piece)) : writer.write_rows(piece);
-                at += piece.size();
+        for (const i64 old : {i64{0}, std::ssize(rows)}) {
+            const orva::WriterOptions fresh{.threads = threads, .replace = true, .level = 2, .block = 1'000'000};
+            orva::Writer writer =
+                old == 0 ? orva::Writer(path("rows"), fresh) : orva::Writer::append(path("rows"), {.threads = threads});
+            for (std::size_t at = 0; at < rows.size();) {
+                ASSERT_EQ(writer.size(), old + static_cast<i64>(at));
+                const std::size_t sizes[] = {0, random.below(20), random.below(100'000), random.below(2 * kBlock)};
+                const Bytes piece = support::slice(rows, at, sizes[random.below(4)]);
+                if (random.oneIn(3)) {
+                    const orva::Bytes room = writer.room();
+                    const Bytes fits = support::slice(piece, 0, room.size());
+                    std::ranges::copy(bytesOf(fits), room.begin());
+                    writer.wrote(fits.size());
+                    at += fits.size();
+                } else {
+                    random.oneIn(2) ? writer.write(bytesOf(piece)) : writer.write_rows(piece);
+                    at += piece.size();
+                }
             }
-            ASSERT_EQ(writer.size(), static_cast<i64>(at));
+            EXPECT_TRUE(old == 0 || thrownBy([&] { orva::Reader(path("rows")); }) == "UnfinishedFileError");
+            writer.finish();
+            writer.finish();
+            EXPECT_EQ(writer.size(), old + std::ssize(rows));
+            EXPECT_EQ(thrownBy([&] { writer.write(bytesOf(rows)); }), "UsageError");
+            EXPECT_TRUE(sameBytes(rowsOf("rows"), old == 0 ? rows : Bytes(rows) + rows));
+            EXPECT_EQ(orva::Reader(path("rows")).blocks()[old == 0 ? 0 : 20].rows.length, 1'000'000) << "as it was";
         }
-        writer.finish();
-        writer.finish();
-        EXPECT_EQ(writer.size(), std::ssize(rows));
-        EXPECT_TRUE(sameBytes(rowsOf("rows"), rows));
-        EXPECT_EQ(orva::Reader(path("rows")).blocks()[0].rows.length, 1'000'000);
-        EXPECT_EQ(thrownBy([&] { writer.write(bytesOf(rows)); }), "UsageError");
     }
+    EXPECT_EQ(names(), std::vector<std::string>{"rows"});
 }
 
 TEST_F(Writer, TakesTheRowsOfASource) {
@@ -196,24 +194,6 @@ TEST_F(Writer, KeepsTheModeOfWhatItReplacesAndTheDictionary) {
     EXPECT_EQ(reader.size(), 200);
 }
 
-TEST_F(Writer, AppendsBehindTheRows) {
-    RandomBytes random(12);
-    Bytes rows = random.rows(700'000);
-    written("rows", rows, {.block = 300'000});
-    for (const int threads : {1, 2}) {
-        const Bytes more = random.rows(2 * kBlock + 5);
-        orva::Writer writer = orva::Writer::append(path("rows"), {.threads = threads});
-        EXPECT_EQ(writer.size(), std::ssize(rows));
-        writer.write(bytesOf(more));
-        EXPECT_EQ(thrownBy([&] { orva::Reader(path("rows")); }), "UnfinishedFileError");
-        writer.finish();
-        rows = std::move(rows) + more;
-        EXPECT_TRUE(sameBytes(rowsOf("rows"), rows));
-        EXPECT_EQ(orva::Reader(path("rows")).blocks()[3].rows.length, 300'000);
-    }
-    EXPECT_EQ(names(), std::vector<std::string>{"rows"});
-}
-
 TEST_F(Writer, AppendsToTheOtherByteOrder) {
     const std::string name = written("rows", Bytes(100'000, 'a'));
     support::writeBytes(name, support::swapped(support::readBytes(name), 512));
@@ -273,12 +253,20 @@ TEST_F(Writer, FlushedRowsStay) {
 TEST_F(Writer, RollsAnInterruptedAppendBackWhenAsked) {
     const Bytes rows = RandomBytes(14).rows(100'000);
     const std::string name = written("rows", rows);
-    support::expectInChild([&] {
-        orva::Writer writer = orva::Writer::append(name);
-        writer.write(bytesOf(Bytes(2 * kBlock, 'x')));
-        _exit(0);  // without destructors, as a crash
-    });
-    EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(name)}; }), "UnfinishedFileError");
+    const auto interrupt = [&] {
+        support::expectInChild([&] {
+            orva::Writer writer = orva::Writer::append(name);
+            writer.write(bytesOf(Bytes(2 * kBlock, 'x')));
+            _exit(0);  // without destructors, as a crash
+        });
+        EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(name)}; }), "UnfinishedFileError");
+    };
+    EXPECT_EQ(orva::roll_back(name), orva::RollBack::nothing);
+    EXPECT_EQ(thrownBy([&] { orva::roll_back(path("none")); }), "SystemError ENOENT");
+    interrupt();
+    EXPECT_EQ(orva::roll_back(name), orva::RollBack::undone);
+    EXPECT_TRUE(sameBytes(rowsOf("rows"), rows));
+    interrupt();
     try {
         orva::Writer::append(name);
         FAIL();
@@ -338,48 +326,6 @@ TEST_F(Writer, AForkedChildWritesAndRemovesNothing) {
     more->finish();
     EXPECT_EQ(rowsOf("fresh").size(), 3 * kBlock);
     EXPECT_EQ(rowsOf("old").size(), 3 * kBlock + 100'000);
-}
-
-// Whatever call fails, the file is there whole or not at all, an append is whole or undone, and the failure is told.
-TEST_F(Writer, AnyFailingCallLeavesAllOrNothing) {
-    const Bytes rows = RandomBytes(16).rows(kBlock / 2);
-    int leftBehind = 0;  // a side file that could not be removed
-    for (const bool appends : {false, true}) {
-        for (std::uint64_t failing = 1;; ++failing) {
-            std::filesystem::remove(path("rows"));
-            if (appends) written("rows", rows);
-            std::string thrown;
-            std::uint64_t calls = 0;
-            {
-                support::CallHook hook([&](const support::Step&, std::uint64_t number) {
-                    return number == failing ? support::Verdict::fail(ENOSPC) : support::Verdict::goOn();
-                });
-                thrown = thrownBy([&] {
-                    orva::Writer writer = appends ? orva::Writer::append(path("rows")) : orva::Writer(path("rows"));
-                    writer.write(bytesOf(rows));
-                    writer.write(bytesOf(rows));
-                    writer.finish();
-                });
-                calls = hook.count;
-            }
-            const std::string which = "call " + std::to_string(failing) + (appends ? " of an append" : "");
-            const bool there = std::filesystem::exists(path("rows"));
-            if (thrown.empty()) {
-                EXPECT_TRUE(sameBytes(rowsOf("rows"), appends ? support::joined({rows, rows, rows}) : rows + rows))
-                    << which;
-            } else {
-                EXPECT_EQ(thrown, "SystemError ENOSPC") << which;
-            }
-            if (there && orva::roll_back(path("rows")) != orva::RollBack::nothing) ++leftBehind;
-            if (there) {
-                EXPECT_TRUE(std::set({1, 2, 3}).contains(static_cast<int>(rowsOf("rows").size() / rows.size())))
-                    << which;
-            }
-            EXPECT_EQ(names(), there ? std::vector<std::string>{"rows"} : std::vector<std::string>{}) << which;
-            if (calls < failing) break;
-        }
-    }
-    EXPECT_LE(leftBehind, 3);
 }
 
 TEST_F(Writer, ServesStandardStreams) {

@@ -6,8 +6,6 @@
 #include <orva/lz4Compress.h>
 #include <orva/zlibCompress.h>
 
-#include <gmock/gmock.h>
-
 namespace core {
 namespace {
 
@@ -148,6 +146,10 @@ TEST(Lz4Codec, CompressesByLevelAndReportsWhatDoesNotFit) {
         EXPECT_TRUE(lz4(block, out, 100'000, back) == 100'000 && out == kRows);
         EXPECT_GE(lz4(block, out, 99'999, back), failed);
         EXPECT_GE(lz4(support::slice(block, 0, block.size() - 3), out, 100'000, back), failed);
+        for (std::size_t i = 0; i < block.size(); i += 97) {
+            const std::uint32_t count = lz4(support::with(block, i, {0xFF}), out, 100'000, back);
+            EXPECT_TRUE(count <= 100'000 || count >= failed) << "byte " << i;
+        }
     }
     EXPECT_EQ(lz4(kRows, out, static_cast<std::uint32_t>(packed[0].size()) - 1, 0), 0u);
     EXPECT_EQ(lz4(kRows, out, 100, 1), 0u);

@@ -1,10 +1,7 @@
-// Writing: the blocks that writes and flushes make, the finished file, the texts of breaches, and how a writer stands
-// after its end. Reading: what needs no file, and how a damaged file or block is refused. What rows they hold is
-// modelTest.cpp's; lies of heading and index are told in recovery/damageTest.cpp.
+// Writing: choices, cuts, the texts of breaches, and how a writer stands after its end. Reading: what needs no file,
+// and how a damaged file or block is refused. Which blocks and rows writes make is modelTest.cpp's; lies of heading and
+// index are told in recovery/damageTest.cpp.
 #include "coreTest.h"
-#include "support/secondReader.h"
-
-#include <gmock/gmock.h>
 
 #include <chrono>
 #include <thread>
@@ -21,122 +18,33 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(Roads, CompressedWrite, testing::Values(0, 1, kSeveral), testing::PrintToStringParamName());
 
-// All rules of a finished file, without the library.
-void expectFinished(const Bytes& file, const Bytes& rows, const std::vector<std::int32_t>& sizes) {
-    const support::secondReader part(file, kRow0, false);
-    const Layout layout(file);
-    EXPECT_EQ(support::slice(file, 0, kRow0), Bytes(kRow0, 0xD5)) << "the dictionary part";
-    EXPECT_EQ(bytesOf(layout.first), bytesOf(filePosRecord{-100, 0, kBlock, static_cast<std::int32_t>(sizes.size())}));
-    EXPECT_EQ(layout.sizes(), sizes);
-    EXPECT_TRUE(part.sound && support::sameBytes(*part.allRows(), rows));
-    EXPECT_EQ(layout.heading._indexPos, part.blocksEnd);
-    EXPECT_EQ(std::ssize(file), part.blocksEnd + layout.heading._size);
-}
-
-TEST_P(CompressedWrite, MakesTheseBlocks) {
-    constexpr std::int64_t kFlush = -1;
-    const struct {
-        const char* name;
-        std::vector<std::int64_t> steps;  // sizes of writes, or kFlush
-        std::vector<std::int32_t> sizes;  // of the blocks
-    } cases[] = {
-        {"Nothing", {kFlush, 0, kFlush}, {}},
-        {"ExactlyABlock", {kBlock}, {kBlock}},
-        {"BlockInTwoWrites", {1'000, kBlock - 1'000, kFlush}, {kBlock}},
-        {"ThreeBlocksInOneWrite", {3 * kBlock}, {kBlock, kBlock, kBlock}},
-        {"TwoBlocksAndAThird", {5'000'000, 3'480'416}, {kBlock, kBlock, 100'000}},
-        {"FlushesInMidWrite", {kFlush, 10, kFlush, kFlush, 20, 5, kFlush, 1}, {10, 25, 1}},
-    };
-    const Bytes all = support::RandomBytes(21).rows(3 * kBlock);
-    const std::function<void(zcmpsFilestr&, const Bytes&)> ways[] = {write, writeInPlace, writeFrom};
-    for (std::size_t i = 0; i < std::size(cases) * std::size(ways); ++i) {
-        const auto& c = cases[i / std::size(ways)];
-        SCOPED_TRACE(c.name);
-        const auto stream = started();
-        std::int64_t at = 0;
-        for (const std::int64_t step : c.steps) {
-            if (step == kFlush) {
-                EXPECT_EQ(stream->Flush(), 1);
-                continue;
-            }
-            const auto size = static_cast<std::size_t>(step);
-            ways[i % std::size(ways)](*stream, support::slice(all, static_cast<std::size_t>(at), size));
-            at += step;
-            EXPECT_EQ(stream->Tell(), kRow0 + at);
-        }
-        EXPECT_EQ(stream->Close(), 1);
-        EXPECT_TRUE(stream->EndOfFile() == 0 && stream->Name() == fName);
-        expectFinished(support::readBytes(fName), support::slice(all, 0, static_cast<std::size_t>(at)), c.sizes);
-        EXPECT_EQ(ORVA_FileStream(fName.c_str(), "r+b").Good(), 1) << "the writer's lock is gone";
-    }
-}
-
-// A new part and an append to it; 0: nothing is chosen.
-TEST_P(CompressedWrite, FullBlocksHaveTheLengthThatWasChosen) {
-    constexpr std::int64_t least = 65'536;
-    const struct {
-        const char* name;
-        std::int64_t length, rows, appendLength, added;
-        std::vector<std::int32_t> sizes;
-    } cases[] = {
-        {"TheLeast", least, 200'000, least, 70'000, {least, least, least, least, 7'856}},
-        {"TheMost", kBlock, kBlock + 1, kBlock, 9, {kBlock, 10}},
-        {"AnyOther", 100'001, 200'003, 100'001, 0, {100'001, 100'001, 1}},
-        {"AnAppendChoosesForItself", least, 70'000, 0, kBlock, {least, kBlock, 4'464}},
-        {"TheLastBlockIsLonger", 0, 300'000, least, 65'537, {300'000, least, 1}},
-        {"TheLastBlockIsAsLong", 0, least, least, 1, {least, 1}},
-        {"TheLastBlockIsShorter", 0, 5, least, least, {least, 5}},
-    };
-    const Bytes all = support::RandomBytes(23).rows(2 * kBlock);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const auto made = freshStream(fName, GetParam());
-        if (c.length != 0) made->setBlockLength(c.length);
-        beginRows(*made);
-        write(*made, support::slice(all, 0, static_cast<std::size_t>(c.rows)));
-        EXPECT_EQ(made->Close(), 1);
-        const Reader added(fName, GetParam() == 1 ? 0 : GetParam(), kRow0);
-        if (c.appendLength != 0) added->setBlockLength(c.appendLength);
-        added->Seek(kRow0 + c.rows, ORVA_StrBaseIO::SeekFromStart);
-        added->setFileToAppend(kRow0 + c.rows, false);
-        write(*added, support::slice(all, static_cast<std::size_t>(c.rows), static_cast<std::size_t>(c.added)));
-        EXPECT_EQ(added->Close(), 1);
-        const Bytes rows = support::slice(all, 0, static_cast<std::size_t>(c.rows + c.added));
-        expectFinished(support::readBytes(fName), rows, c.sizes);
-        EXPECT_TRUE(support::sameBytes(Reader(fName, 2, kRow0).read(rows.size() + 1), rows));
-    }
-}
-
 TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
-    const std::string length = "other the length of a block is 65536 to 4190208, ";
-    const std::string level =
-        "other a compression level is 1 to " + std::to_string(zcmpsFilestr::bestCompressionLevel()) + ", ";
-    const auto refused = [&](zcmpsFilestr& stream, std::int64_t bytes, std::int32_t number, const std::string& why) {
-        EXPECT_EQ(failureOf([&] { stream.setBlockLength(bytes); }),
-                  length + (why.empty() ? "not " + std::to_string(bytes) : why));
-        EXPECT_EQ(failureOf([&] { stream.setCompressionLevel(number); }),
-                  level + (why.empty() ? "not " + std::to_string(number) : why));
-    };
+    const std::int32_t best = zcmpsFilestr::bestCompressionLevel();
     const auto stream = freshStream(fName, GetParam());
+    const auto refused = [&](std::int64_t length, std::int32_t level, const std::string& why) {
+        EXPECT_EQ(failureOf([&] { stream->setBlockLength(length); }),
+                  "other the length of a block is 65536 to 4190208, " +
+                      (why.empty() ? "not " + std::to_string(length) : why));
+        EXPECT_EQ(failureOf([&] { stream->setCompressionLevel(level); }),
+                  "other a compression level is 1 to " + std::to_string(best) + ", " +
+                      (why.empty() ? "not " + std::to_string(level) : why));
+    };
     stream->setBlockLength(70'000);
-    for (const auto& [bytes, number] : {std::pair<std::int64_t, std::int32_t>{65'535, 0},
-                                        {kBlock + 1, zcmpsFilestr::bestCompressionLevel() + 1},
-                                        {-1, -1},
-                                        {INT64_MAX, INT32_MAX}})
-        refused(*stream, bytes, number, "");
+    refused(65'535, 0, "");
+    refused(kBlock + 1, best + 1, "");
+    refused(INT64_MAX, -1, "");
     beginRows(*stream);
-    refused(*stream, kBlock, 2, "and is chosen before the stream writes");
-    const Bytes rows(100'000, 'x');
-    write(*stream, rows);
-    refused(*stream, 0, 0, "and is chosen before the stream writes");
+    refused(kBlock, 2, "and is chosen before the stream writes");
+    write(*stream, Bytes(100'000, 'x'));
+    refused(0, 0, "and is chosen before the stream writes");
     EXPECT_EQ(stream->Close(), 1);
-    expectFinished(support::readBytes(fName), rows, {70'000, 30'000});
+    expectFinished(support::readBytes(fName), Bytes(100'000, 'x'), {70'000, 30'000});
 }
 
 TEST_P(CompressedWrite, CutsABlockThatDeflateCannotFitAtAnyLevel) {
     support::RandomBytes random(22);
     const Bytes rows = joined({random.noise(kBlock), random.rows(5'000)});
-    for (const int level : {1, 2, 6, zcmpsFilestr::bestCompressionLevel()}) {
+    for (const int level : {1, 2, zcmpsFilestr::bestCompressionLevel()}) {
         const auto stream = freshStream(fName, GetParam());
         stream->setCompressionLevel(level);
         beginRows(*stream);
@@ -327,8 +235,7 @@ TEST_P(CompressedRead, AnAppendBesideTheReaderIsNoDamage) {
     const Bytes added(50'000, 'y');
     const std::int64_t end = row(5) + 100;
     Reader other(fName, 0, kRow0);
-    other->Seek(end, ORVA_StrBaseIO::SeekFromStart);
-    other->setFileToAppend(end, false);
+    resume(*other, end);
     write(*other, added);
     for (const bool finished : {false, true}) {
         finished ? other->Close() : other->Flush();

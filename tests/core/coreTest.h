@@ -3,6 +3,7 @@
 #pragma once
 
 #include "support/byteOrder.h"
+#include "support/secondReader.h"
 #include "support/tempDir.h"
 
 #include <orva/compressedLayout.h>
@@ -11,6 +12,7 @@
 #include <orva/filestr.h>
 #include <orva/zcmpsFilestr.h>
 
+#include <gmock/gmock.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -75,6 +77,12 @@ inline std::unique_ptr<zcmpsFilestr> freshStream(const std::string& name, int ro
 inline void beginRows(zcmpsFilestr& stream, std::int64_t row0 = kRow0) {
     stream.setRow0Pos(row0);
     stream.Seek(row0, ORVA_StrBaseIO::SeekFromStart);
+}
+
+// To add rows at `end`.
+inline void resume(zcmpsFilestr& stream, std::int64_t end, bool swap = false) {
+    stream.Seek(end, ORVA_StrBaseIO::SeekFromStart);
+    stream.setFileToAppend(end, swap);
 }
 
 inline std::unique_ptr<zcmpsFilestr> startedWriter(const std::string& name, int road, std::int64_t row0 = kRow0) {
@@ -155,6 +163,7 @@ public:
     }
     zcmpsFilestr* operator->() const { return fStream.get(); }
     zcmpsFilestr& operator*() const { return *fStream; }
+    std::unique_ptr<zcmpsFilestr> release() { return std::move(fStream); }
     Bytes read(std::size_t size) const {
         Bytes bytes(size);
         bytes.resize(fStream->Read(bytes.data(), static_cast<std::uint32_t>(size)));
@@ -188,7 +197,7 @@ struct Layout {
         copy(file, heading._indexPos + kRecordSize, records.data(), records.size() * sizeof(filePosRecord));
     }
     static void copy(const Bytes& file, std::int64_t offset, void* to, std::size_t size) {
-        const Bytes bytes = support::slice(file, static_cast<std::size_t>(offset), size);
+        const Bytes bytes = support::slice(file, offset, size);
         if (bytes.size() != size) throw std::runtime_error("no such bytes in the file");
         if (size != 0) std::memcpy(to, bytes.data(), size);
     }
@@ -203,16 +212,28 @@ struct Layout {
     std::vector<filePosRecord> records;
 };
 
-// A file with heading and index in the other byte order.
-inline Bytes swapped(Bytes file) {
-    return support::swapped(std::move(file), kRow0);
-}
-
 template <class Struct>
 Bytes bytesOf(const Struct& value) {
     Bytes bytes(sizeof value);
     std::memcpy(bytes.data(), &value, sizeof value);
     return bytes;
+}
+
+// All rules of a finished file, without the library.
+inline void expectFinished(const Bytes& file, const Bytes& rows, const std::vector<std::int32_t>& sizes) {
+    const support::secondReader part(file, kRow0, false);
+    const Layout layout(file);
+    EXPECT_EQ(support::slice(file, 0, kRow0), Bytes(kRow0, 0xD5)) << "the dictionary part";
+    EXPECT_EQ(bytesOf(layout.first), bytesOf(filePosRecord{-100, 0, kBlock, static_cast<std::int32_t>(sizes.size())}));
+    EXPECT_EQ(layout.sizes(), sizes);
+    EXPECT_TRUE(part.sound && support::sameBytes(*part.allRows(), rows));
+    EXPECT_EQ(layout.heading._indexPos, part.blocksEnd);
+    EXPECT_EQ(std::ssize(file), part.blocksEnd + layout.heading._size);
+}
+
+// A file with heading and index in the other byte order.
+inline Bytes swapped(Bytes file) {
+    return support::swapped(std::move(file), kRow0);
 }
 
 // Transfers of one kind that begin in a range of the file fail, as on a disk with a bad spot or no room.

@@ -1,13 +1,11 @@
 // The numbered rules of the workers, by their numbers (H, R, T, M and A in zcmpsPreIOThread.h, readAheadSlot.h and
-// zcmpsMultiThread.h), and their starts and stops. H2, H4 and M3 are told in faultTest.cpp, M6 in compressedTest.cpp.
+// zcmpsMultiThread.h), and their starts and stops. H1, H3, M1, M4 and M6 are told in modelTest.cpp, H2, H4
+// and M3 in faultTest.cpp, M5 in compressedTest.cpp.
 #include "coreTest.h"
 #include "format/indexTransfer.h"
 #include "part/zcmpsMultiThread.h"
 #include "part/zcmpsPreIOThread.h"
 
-#include <gmock/gmock.h>
-
-#include <array>
 #include <chrono>
 #include <thread>
 
@@ -105,29 +103,6 @@ TEST_F(Writers, M2_NoThreadWaitsForTheOneThatWritesAndNobodyReads) {
     }
 }
 
-TEST_F(Writers, H1_H3_M1_M4_BlocksAreInOrderAndRecordedWhenTheEndRequestReturns) {
-    const auto end = static_cast<std::size_t>(Layout(fFile).heading._indexPos);
-    for (int round = 0; round < 200; ++round) {
-        support::overwriteBytes(fName, kRow0 + 24, Bytes(fFile.size() - kRow0 - 24, 0));
-        filePosInfo index(kBlock);
-        PreIOThreadBase* worker = nullptr;
-        if (round % 2 == 0) worker = new PreIOThread_W_C(&fOpened, &index, kBlock, kRow0, kRow0 + 24);
-        if (round % 2 == 1) worker = new PreIOThread_Multi_W_C(&fOpened, &index, kBlock, kRow0, kRow0 + 24, 3);
-        const Running<PreIOThreadBase> running(worker, false);
-        for (Bytes block : fBlocks) {
-            const auto size = static_cast<std::uint32_t>(block.size());
-            EXPECT_EQ(worker->putBlock(block.data(), size, 0), size);
-            std::fill(block.begin(), block.end(), 0xFF);
-        }
-        EXPECT_EQ(worker->putBlock(nullptr, 0, 0), 0u);
-        std::uint32_t length = 0;
-        const unsigned char* bytes = index.serialize(length);
-        EXPECT_EQ(Bytes(bytes, bytes + length), support::slice(fFile, end, length));
-        EXPECT_TRUE(
-            support::sameBytes(support::slice(support::readBytes(fName), 0, end), support::slice(fFile, 0, end)));
-    }
-}
-
 // The reading workers. All make the same promises to their caller.
 template <class Worker>
 class ReadWorker : public Rules<Worker> {};
@@ -179,7 +154,7 @@ TYPED_TEST(ReadWorker, R2_R4_T2_T3_A1_A3_AnyRequestIsServedOrFailsWhateverWentBe
     }
 }
 
-TYPED_TEST(ReadWorker, R5_A4_StopsInEachState) {
+TYPED_TEST(ReadWorker, R5_T4_A4_StopsInEachState) {
     support::RandomBytes random(46);
     for (int i = 0; i < 100; ++i) {
         Running<TypeParam> worker(this->reader());
@@ -204,38 +179,6 @@ TYPED_TEST(ReadWorker, R5_A4_StopsInEachState) {
     release.join();
 }
 
-// The read thread waits before its step until the stop request has been made; meanwhile the decompress thread waits for
-// the block that was posted to it.
-class HeldBeforeReading : public PreIOThread_Tri_R_D {
-public:
-    using PreIOThread_Tri_R_D::PreIOThread_Tri_R_D;
-    std::uint32_t putBlock(const void*, std::uint32_t, std::int64_t) override { return 0; }
-    std::int32_t writeLoopStep() override { return 1; }
-    std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override {
-        const std::uint32_t count = PreIOThread_Tri_R_D::getBlock(buffer, size, position);
-        if (size == 0) fStopping.postSemaphore();
-        return count;
-    }
-    std::int32_t readLoopStep() override {
-        fStopping.waitSemaphore();
-        fStopping.postSemaphore();
-        return PreIOThread_Tri_R_D::readLoopStep();
-    }
-
-private:
-    ktSemaphore fStopping{0};
-};
-
-using TwoThreads = Rules<HeldBeforeReading>;
-TEST_F(TwoThreads, T4_StopsWhileAReadIsPostedButNotBegun) {
-    for (int round = 0; round < 20; ++round) {
-        Running<HeldBeforeReading> worker(this->reader());
-        EXPECT_EQ(this->request(*worker, 0), this->fBlocks[0]);
-        // Any moment will do; most often the decompress thread is in its wait by then.
-        std::this_thread::sleep_for(std::chrono::milliseconds(round % 3));
-    }
-}
-
 TYPED_TEST(ReadWorker, RefusesToWrite) {
     const std::unique_ptr<TypeParam> worker(this->reader());
     EXPECT_ASSERTION(worker->putBlock("x", 1, 1), ": 0\n");
@@ -243,42 +186,6 @@ TYPED_TEST(ReadWorker, RefusesToWrite) {
     if (std::is_same_v<TypeParam, PreIOThread_Tri_Reader>) {
         EXPECT_ASSERTION(worker->initThreads(false), "bRead == true");
     }
-}
-
-// Lives of streams with threads: opened, asked a little, some of it in vain, and ended at any point.
-TEST_F(ShortBlocks, TenThousandLivesEnd) {
-    const std::vector<filePosRecord> records = Layout(fFile).records;
-    support::RandomBytes random(48);
-    std::atomic<std::int64_t> left{0};  // transfers until one fails
-    const CallHook hook([&](const Step& step, std::uint64_t) {
-        const bool transfers = step.call == Call::Read || step.call == Call::Write;
-        return transfers && --left == 0 ? Verdict::fail(EIO) : Verdict::goOn();
-    });
-    const auto writes = [&](int road) {
-        auto stream = startedWriter(path("new"), road);
-        for (std::uint64_t n = random.below(4); n > 0; --n) write(*stream, fBlocks[n]), stream->Flush();
-        if (random.oneIn(3)) stream->abandon();
-        if (random.oneIn(2)) stream->Close();
-        delete stream.release();  // which may throw
-    };
-    const auto reads = [&](int road) {
-        const Reader reader(fName, road, kRow0);
-        for (std::uint64_t n = random.below(4); n > 0; --n) {
-            const std::size_t i = random.below(fBlocks.size());
-            EXPECT_EQ(reader.readAt(records[i].orginalPos, fBlocks[i].size()), fBlocks[i]);
-        }
-    };
-    constexpr int lives = support::kSanitized ? 2'000 : 10'000;
-    int failed = 0;
-    for (int i = 0; i < lives && !HasFailure(); ++i) {
-        left = random.oneIn(2) ? static_cast<std::int64_t>(1 + random.below(12)) : -1;
-        const int road = std::array{1, 2, kOneOfSeveral, kTwo}[random.below(4)];
-        const bool writer = road == 1 || (road != 2 && random.oneIn(2));
-        const std::string failure = failureOf([&] { writer ? writes(road) : reads(road); });
-        EXPECT_THAT(failure, testing::AnyOf("", fileError(1002, EIO, path("new")), fileError(1003, EIO, fName)));
-        failed += failure.empty() ? 0 : 1;
-    }
-    EXPECT_GT(failed, lives / 10);
 }
 
 }  // namespace

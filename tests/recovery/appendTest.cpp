@@ -123,7 +123,7 @@ TEST_F(AppendTest, WhatIsNotFinishedIsUndoneAndAFailureIsFinal) {
             failure = failureOf([&] { core::writeBlocks(*stream, blocksOf(append.added)); });
         }
         EXPECT_EQ(failure, core::fileError(1002, ENOSPC, fFile));
-        EXPECT_EQ(failureOf([&] { append.begin(stream, append.keptEnd()); }), failure);
+        EXPECT_EQ(failureOf([&] { core::resume(*stream, append.keptEnd()); }), failure);
         EXPECT_EQ(failureOf([&] { stream->setRow0Pos(kRow0); }), failure);
         EXPECT_EQ(present(), before);
         stream->readFilePosInfo(kRow0, false);
@@ -146,13 +146,10 @@ TEST_F(AppendTest, TheEndIsTheCallersDutyInAShortBlockAndTheFilesBehindAFullOne)
     {
         const core::Reader stale(fFile, 0, kRow0);
         kAppends[0].run(fFile);
-        stale->Seek(kRow0 + 800, ORVA_StrBaseIO::SeekFromStart);
-        EXPECT_THAT(failureOf([&] { stale->setFileToAppend(kRow0 + 800, false); }), elsewhere);
+        EXPECT_THAT(failureOf([&] { core::resume(*stale, kRow0 + 800); }), elsewhere);
         // It is taken where it ends now.
         const Bytes before = rowsOf(fFile);
-        const std::int64_t end = kRow0 + std::ssize(before);
-        stale->Seek(end, ORVA_StrBaseIO::SeekFromStart);
-        stale->setFileToAppend(end, false);
+        core::resume(*stale, kRow0 + std::ssize(before));
         core::write(*stale, Bytes(10, 'x'));
         EXPECT_EQ(stale->Close(), 1);
         EXPECT_EQ(rowsOf(fFile), before + Bytes(10, 'x'));
@@ -162,7 +159,7 @@ TEST_F(AppendTest, TheEndIsTheCallersDutyInAShortBlockAndTheFilesBehindAFullOne)
         makeFile(fFile, {});
         EXPECT_THAT(failureOf([&] { stale->setFileToAppend(kRow0 + 800, false); }), elsewhere);
     }
-    makeFile(fFile, blocksOf({kBlock}));
+    makeFile(fFile, {Bytes(kBlock, 1)});
     EXPECT_THAT(failureOf([&] { begin(5, 5); }), elsewhere);
 }
 

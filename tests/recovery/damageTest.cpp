@@ -133,8 +133,7 @@ protected:
                 const core::Reader stream(fFile, 0, kRow0);
                 const std::int64_t end = kRow0 + orva::finishedPart(fFile, kPart).dataSize();
                 support::writeBytes(fFile, file);
-                stream->Seek(end, ORVA_StrBaseIO::SeekFromStart);
-                stream->setFileToAppend(end, false);
+                core::resume(*stream, end);
                 core::writeBlocks(*stream, fBlocks);
                 stream->abandon();
             });
@@ -349,8 +348,7 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
     const auto costs = [&](const std::vector<std::pair<std::int64_t, Bytes>>& pieces, const std::string& lost) {
         support::writeBytes(fFile, {});
         std::filesystem::resize_file(fFile, 1ULL << 60);
-        for (const auto& [place, bytes] : pieces)
-            support::overwriteBytes(fFile, static_cast<std::uint64_t>(place), bytes);
+        for (const auto& [place, bytes] : pieces) support::overwriteBytes(fFile, place, bytes);
         support::expectInChild([&] {
             const auto peak = [] {
                 rusage usage{};
@@ -370,8 +368,7 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
     const Bytes mark = core::bytesOf(filePosRecord{-100, 0, 1, static_cast<std::int32_t>(kBlocks)});
     const compressionHeading heading{kRow0, kFar, (kBlocks + 1) * kRecordSize};
     const Bytes file = with(unfinished(fBytes), kRow0, core::bytesOf(heading));
-    const Bytes block =
-        support::slice(fBytes, kRow0 + kHeadingSize, static_cast<std::size_t>(fLayout.records[0].translateSize));
+    const Bytes block = support::slice(fBytes, kRow0 + kHeadingSize, fLayout.records[0].translateSize);
     costs({{0, file}, {kFar, mark}}, "its blocks are gone, and no index tells their size");
     costs({{0, file}, {kFar, mark}, {kFar / 2, block}}, "its block is damaged, and no index tells its size");
     // The dictionary part can be one as well.
@@ -388,37 +385,34 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
     costs({{kFar, core::bytesOf(moved.heading) + blocks + part}, {0, {1}}}, "");
 }
 
-// Each gap is searched from where it is, and not with a window of its own.
-TEST_F(DamageTest, ManyGapsAreReadOnce) {
+// Each gap is searched from where it is, and not with a window of its own. Nor does an index whose records all point
+// behind each of many gaps, to where nothing stands, cost a trial a record and gap.
+TEST_F(DamageTest, ManyGapsAreReadOnceAndManyRecordsEndInTime) {
+    Bytes file = support::slice(unfinished(fBytes), 0, kRow0 + kHeadingSize);
+    const Bytes block = support::slice(fBytes, kRow0 + kHeadingSize, fLayout.records[0].translateSize);
+    const auto addGaps = [&](int count) {
+        for (int i = 0; i < count; ++i) file = std::move(file) + block + Bytes{1};
+    };
+    addGaps(3'000);
     std::uint64_t bytesRead = 0;
-    const core::CallHook reads([&](const Step& step, std::uint64_t) {
-        bytesRead += step.call == Call::Read ? step.size : 0;
-        return Verdict::goOn();
-    });
-    const Bytes block =
-        support::slice(fBytes, kRow0 + kHeadingSize, static_cast<std::size_t>(fLayout.records[0].translateSize));
-    Bytes file = support::slice(fBytes, 0, kRow0 + kHeadingSize);
-    for (int i = 0; i < 3'000; ++i) file = file + block + Bytes{1};
-    recover(with(file, kRow0, Bytes(kHeadingSize)), {kPart, false, true});
+    {
+        const core::CallHook reads([&](const Step& step, std::uint64_t) {
+            bytesRead += step.call == Call::Read ? step.size : 0;
+            return Verdict::goOn();
+        });
+        recover(file, {kPart, false, true});
+    }
     EXPECT_EQ(fReport.blocks, 3'000);
     EXPECT_LT(bytesRead, 100'000'000);
-}
 
-// Nor does an index whose records all point behind each of many gaps, to where nothing stands, cost a trial a record
-// and gap.
-TEST_F(DamageTest, ManyRecordsAtManyGapsEndInTime) {
-    const Bytes block =
-        support::slice(fBytes, kRow0 + kHeadingSize, static_cast<std::size_t>(fLayout.records[0].translateSize));
-    Bytes file = support::slice(fBytes, 0, kRow0 + kHeadingSize);
-    for (int i = 0; i < 20'000; ++i) file = std::move(file) + block + Bytes{1};
+    addGaps(17'000);
     const std::int64_t end = std::ssize(file);
     file.resize(static_cast<std::size_t>(end) + 1'000'000, 1);
     const compressionHeading heading{kRow0, std::ssize(file), 100'001 * kRecordSize};
     file = with(std::move(file), kRow0, core::bytesOf(heading)) +
            core::bytesOf(filePosRecord{kFirstRecordMark, 0, kBlock, 100'000});
     for (std::int64_t i = 0; i < 100'000; ++i) {
-        const Bytes record = core::bytesOf(filePosRecord{kRow0 + i, end + i * 7, 1, 4'000'000});
-        file.insert(file.end(), record.begin(), record.end());
+        file = std::move(file) + core::bytesOf(filePosRecord{kRow0 + i, end + i * 7, 1, 4'000'000});
     }
     lay({{fFile, file}});
     support::expectInChild([&] { EXPECT_EQ(orva::recover(fFile, fOut, {kPart, false, true}).blocks, 20'000); });
@@ -431,7 +425,7 @@ TEST_F(DamageTest, ASearchThatIsGivenUpSaysSo) {
     ASSERT_EQ(compress(stream.data(), &size, Bytes(kBlock).data(), kBlock), Z_OK);
     stream.resize(size);
     stream.back() ^= 1;
-    Bytes file = support::slice(fBytes, 0, static_cast<std::size_t>(fLayout.records[1].translatePos));
+    Bytes file = support::slice(fBytes, 0, fLayout.records[1].translatePos);
     for (int i = 0; i < 80; ++i) file.insert(file.end(), stream.begin(), stream.end());
     const compressionHeading heading{kRow0, std::ssize(file), 9 * kRecordSize};
     EXPECT_THAT(recover(with(file, kRow0, core::bytesOf(heading)), {kPart, true}),
@@ -455,9 +449,9 @@ TEST_F(DamageTest, AnInterruptedAppendIsToldApart) {
             EXPECT_EQ(recover(file), "");
             EXPECT_TRUE(sameBytes(fRows, append.newRows()));
             EXPECT_EQ(fReport.committedRows, committed);
-            EXPECT_EQ(fReport.lastRewritten, committed != 0 && append.old.back() < kBlock);
+            EXPECT_EQ(fReport.lastRewritten, committed != 0 && append.old.back() < kFull);
             EXPECT_EQ(recover(file, {kPart, true}), "");
-            EXPECT_TRUE(sameBytes(fRows, support::slice(append.newRows(), 0, static_cast<std::size_t>(committed))));
+            EXPECT_TRUE(sameBytes(fRows, support::slice(append.newRows(), 0, committed)));
         }
     }
 }
@@ -492,7 +486,7 @@ TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
     const Bytes side = during.at(fSide);
     // Over a file that an append has changed any damage is refused, and stays for a second look.
     for (std::size_t at = 0; at < side.size(); ++at) {
-        refused(data, with(side, static_cast<std::int64_t>(at), {static_cast<unsigned char>(side[at] ^ 0x20)}), "");
+        refused(data, with(side, at, {static_cast<unsigned char>(side[at] ^ 0x20)}), "");
         refused(data, support::slice(side, 0, at), "");
     }
     // A right checksum does not make its numbers true: mark, row 0, old length, end of what was not touched, checksum

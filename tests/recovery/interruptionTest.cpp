@@ -97,7 +97,7 @@ private:
             const std::int64_t torn = kept() ? next : at;
             const bool tears = torn == next && !kept() && random.oneIn(2);
             const auto size = static_cast<std::size_t>((tears ? random.between(at, next) : torn) - at);
-            const Bytes part = support::slice(change.bytes, static_cast<std::size_t>(at - change.at), size);
+            const Bytes part = support::slice(change.bytes, at - change.at, size);
             if (size != 0 && files.count(change.name) != 0) files[change.name] = with(files[change.name], at, part);
         }
     }
@@ -193,23 +193,21 @@ TEST_F(InterruptionTest, ANewFileKeepsItsCompleteBlocksAndIsFinishedOnceItSaysSo
     const std::vector<Bytes> blocks = blocksOf({300, 500, 400});
     const Files empty{{fFile, {}}};
     for (const bool durable : {false, true}) {
-        for (const int thread : {0, 1}) {
-            killEverywhere(
-                empty, [&] { makeFile(fFile, blocks, kRow0, thread, durable); }, [&] { expectCompleteBlocks(); });
-        }
+        int road = 1;
+        const auto run = [&] { makeFile(fFile, blocks, kRow0, road, durable); };
+        killEverywhere(empty, run, [&] { expectCompleteBlocks(); });
+        road = 0;
+        killEverywhere(empty, run, [&] { expectCompleteBlocks(); });
         const auto finishedWhole = [&](bool ended) {
             const std::optional<Bytes> found = rowsIfFinished();
             if (found) return *found == support::joined(blocks);
             // A heading that is there may not come before what it points to.
-            const Bytes file = std::filesystem::exists(fFile) ? bytes() : Bytes();
-            const Bytes heading = support::slice(file, kRow0, kHeadingSize);
+            const Bytes heading = support::slice(bytes(), kRow0, kHeadingSize);
             const bool whole = heading.size() == kHeadingSize && heading[0] != 0 && heading[kHeadingSize - 8] != 0;
             return !ended && !(durable && whole);
         };
         // Without the setting the heading may reach the disk first: this disk can tell the two apart.
-        EXPECT_EQ(lose(
-                      {}, [&] { makeFile(fFile, blocks, kRow0, 0, durable); }, finishedWhole) == 0,
-                  durable);
+        EXPECT_EQ(lose({}, run, finishedWhole) == 0, durable);
     }
     EXPECT_GT(fKills, 100);
 }
@@ -294,13 +292,11 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     append.road = 1;
     killEverywhere(old, run, [&] { EXPECT_TRUE(allOrNothing(false)); });
     EXPECT_EQ(lose(old, run, allOrNothing), 0);
-    EXPECT_EQ(lose(
-                  swappedOld, [&] { append.run(fFile, true); }, allOrNothing),
-              0);
+    const auto runSwapped = [&] { append.run(fFile, true); };
+    EXPECT_EQ(lose(swappedOld, runSwapped, allOrNothing), 0);
     const auto oldRows = [&](bool) { return orva::rollBack(fFile), rowsIfFinished() == append.oldRows(); };
-    EXPECT_EQ(lose(
-                  old, [&] { interrupted(append); }, oldRows),
-              0);
+    const auto abandon = [&] { interrupted(append); };
+    EXPECT_EQ(lose(old, abandon, oldRows), 0);
 
     // An append that hears so late of a failing disk that its heading may have reached it is undone all the same.
     const auto fail = [&] {

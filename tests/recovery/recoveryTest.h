@@ -8,8 +8,6 @@
 
 #include <orva/inspect.h>
 
-#include <gmock/gmock.h>
-
 #include <map>
 
 namespace recovery {
@@ -33,13 +31,14 @@ constexpr std::uint64_t kTorn = 12;  // bytes that a torn write gets done: half 
 
 // Blocks of these sizes. A full one is of one value, so that it stays small in the file; others are all different.
 // Those of kNoise bytes do not shrink: one takes as many bytes in the file as another.
+constexpr std::size_t kFull = 65'536;  // the least that a writer can choose
 constexpr std::size_t kNoise = 6000;
 inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsigned char seed = 0) {
     std::vector<Bytes> blocks;
     for (const std::size_t size : sizes) {
         ++seed;
         support::RandomBytes random(seed);
-        blocks.push_back(size == kBlock ? Bytes(size, seed) : size == kNoise ? random.noise(size) : random.rows(size));
+        blocks.push_back(size == kFull ? Bytes(size, seed) : size == kNoise ? random.noise(size) : random.rows(size));
     }
     return blocks;
 }
@@ -79,9 +78,9 @@ struct Append {
     void begin(const core::Reader& stream, std::int64_t end, bool swap = false) const {
         stream->setThreadCount(road / 2);
         stream->setSafeAppend((road & 1) != 0);
+        stream->setBlockLength(kFull);
         stream->readFilePosInfo(kRow0, swap);
-        stream->Seek(end, ORVA_StrBaseIO::SeekFromStart);
-        stream->setFileToAppend(end, swap);
+        core::resume(*stream, end, swap);
     }
     void run(const std::string& file, bool swap = false) const {
         const core::Reader stream(file);
@@ -96,14 +95,14 @@ constexpr int kEnding = 9;   // and these end in different ways
 inline const Append kAppends[] = {
     {"RowsJoinShortBlock", {300, 500}, 0, {200, 90}, {300, 700, 90}},
     {"CutThenAdded", {300, 500}, 450, {20, 90}, {300, 70, 90}},
-    {"RowsBehindFullBlock", {300, kBlock}, 0, {200, 90}, {300, kBlock, 200, 90}},
+    {"RowsBehindFullBlock", {300, kFull}, 0, {200, 90}, {300, kFull, 200, 90}},
     {"FirstRows", {}, 0, {200, 90}, {200, 90}},
     {"NothingToShortBlock", {300, 500}, 0, {}, {300, 500}},
     {"CutInsideLastBlock", {300, 500}, 450, {}, {300, 50}},
     {"CutToBlockStart", {300, 500}, 500, {}, {300}, BehindOldBlock},
-    {"NothingToFullBlock", {300, kBlock}, 0, {}, {300, kBlock}, BehindOldIndex},
+    {"NothingToFullBlock", {300, kFull}, 0, {}, {300, kFull}, BehindOldIndex},
     {"CutAndAsManyRows", {300, kNoise}, kNoise, {kNoise}, {300, kNoise}},
-    {"RowsFillShortBlock", {300}, 0, {kBlock}, {kBlock, 300}},
+    {"RowsFillShortBlock", {300}, 0, {kFull}, {kFull, 300}},
     {"CutToNothing", {300}, 300, {}, {}, BehindOldBlock},
     {"CutToNothingThenAdded", {300}, 300, {40}, {40}},
     {"NothingToNothing", {}, 0, {}, {}, BehindOldIndex},

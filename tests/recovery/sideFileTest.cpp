@@ -25,10 +25,8 @@ protected:
     static core::Reader appending(const std::string& name, const std::vector<Bytes>& added,
                                   std::size_t kept = kOldSize) {
         core::Reader stream(name, 0, kRow0);
-        const std::int64_t end = kRow0 + static_cast<std::int64_t>(kept);
         stream->setSafeAppend(true);
-        stream->Seek(end, ORVA_StrBaseIO::SeekFromStart);
-        stream->setFileToAppend(end, false);
+        core::resume(*stream, kRow0 + static_cast<std::int64_t>(kept));
         core::writeBlocks(*stream, added);
         return stream;
     }

@@ -106,22 +106,6 @@ TEST_F(File, FailedCloseIsThrownAndLeavesItOpenButADestructorLetsGo) {
     EXPECT_EQ(file.Read(bytes, 1, 9) + file.Write(bytes, 1, 9) + file.Size(), 0);
 }
 
-TEST_F(File, ATransferIsOneCallOfTheSystem) {
-    for (const bool enciphered : {false, true}) {
-        SetKeepEncrypt(enciphered);
-        ORVA_File own(true);
-        SetKeepEncrypt(false);
-        ASSERT_TRUE(open("blocks", own, "w+b"));
-        char block[16] = "";
-        own.Write(block, 16, 0);  // An enciphered file asks for its end once.
-        const support::CallHook calls;
-        for (int i = 0; i < 10; ++i) own.Write(block, 16, i % 3 * 16);
-        EXPECT_EQ(calls.count, 10U);
-        for (int i = 0; i < 10; ++i) own.Read(block, 16, i % 3 * 16);
-        EXPECT_EQ(calls.count, 20U);
-    }
-}
-
 TEST_F(File, BreachesOfACallersDutyEndTheProgram) {
     EXPECT_DEATH(ORVA_File copy(file), "file.cpp:[0-9]+: 0 && \"can't copy an ORVA_File\"\n");
     EXPECT_DEATH(file.Read(bytes, 0x80000000U, 0), "byteSize <= INT_MAX");
@@ -203,31 +187,27 @@ struct Counted : ORVA_RefCntObject {
 };
 
 TEST(RefCounted, HoldersShareTheLastOneDeletesAndSomeGetFreshCopies) {
-    {
-        RefCountPtr<Counted> first(new Counted), second;
-        first = first.get();
-        EXPECT_EQ(Counted::alive, 1) << "the pointer it has already";
-        second = new Counted;
-        second = first;
-        EXPECT_EQ(Counted::alive, 1) << "the old object is gone";
-        EXPECT_TRUE(first->IsShared() == 1 && first == second && first == second.get() && !(first != second) &&
-                    !(first != second.get()));
-        Counted* object = first.get();
-        object->refusesCopies = true;
-        EXPECT_THROW(second.Unshared(), const char*);
-        EXPECT_TRUE(second == object && object->IsShared() == 1) << "as before";
-        object->refusesCopies = false;
-        Counted* own = second.Unshared();
-        EXPECT_TRUE(own != object && second.Unshared() == own && object->IsShared() == 0 && own->IsShared() == 0);
-        object->MarkUnshareable();
-        second = first;
-        EXPECT_TRUE(second != object && second->IsShareable() == 1U && second->IsShared() == 0);
-        object->refusesCopies = true;
-        EXPECT_THROW(second = first, const char*);
-        first = nullptr;
-        EXPECT_TRUE(first.IsValid() == 0 && second.IsValid() == 0 && Counted::alive == 0);
-    }
-    EXPECT_EQ(Counted::alive, 0);
+    RefCountPtr<Counted> first(new Counted), second;
+    first = first.get();
+    EXPECT_EQ(Counted::alive, 1) << "the pointer it has already";
+    second = new Counted;
+    second = first;
+    EXPECT_EQ(Counted::alive, 1) << "the old object is gone";
+    EXPECT_TRUE(first->IsShared() == 1 && first == second && !(first != second.get()));
+    Counted* object = first.get();
+    object->refusesCopies = true;
+    EXPECT_THROW(second.Unshared(), const char*);
+    EXPECT_TRUE(second == object && object->IsShared() == 1) << "as before";
+    object->refusesCopies = false;
+    Counted* own = second.Unshared();
+    EXPECT_TRUE(own != object && second.Unshared() == own && object->IsShared() == 0 && own->IsShared() == 0);
+    object->MarkUnshareable();
+    second = first;
+    EXPECT_TRUE(second != object && second->IsShareable() == 1U && second->IsShared() == 0);
+    object->refusesCopies = true;
+    EXPECT_THROW(second = first, const char*);
+    first = nullptr;
+    EXPECT_TRUE(first.IsValid() == 0 && second.IsValid() == 0 && Counted::alive == 0);
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ public:
             bytes.resize(static_cast<std::size_t>(fStream->Tell() - fPosition));
             size = bytes.size();
         }
-        EXPECT_TRUE(sameBytes(bytes, slice(fContent, static_cast<std::size_t>(fPosition), size)));
+        EXPECT_TRUE(sameBytes(bytes, slice(fContent, fPosition, size)));
         moveTo(fPosition + std::ssize(bytes));
     }
     void write(const Bytes& bytes) {
@@ -159,9 +159,13 @@ struct Script {
 
 class ScriptTest : public TempDir {
 protected:
+    static const Bytes& noise() {
+        static const Bytes bytes = RandomBytes(17).noise(35'000'000);
+        return bytes;
+    }
     void open(std::size_t fileSize, const char* mode = "r+b", bool encrypted = false) {
         SetKeepEncrypt(encrypted);
-        content = random.noise(fileSize);
+        content = slice(noise(), 0, fileSize);
         model = std::make_unique<ModelStream>(made("data", content), mode, content, encrypted);
     }
     void close(bool encrypted = false) {
@@ -205,7 +209,7 @@ protected:
         {'m', [&](auto n) { model->seek(n, ORVA_StrBaseIO::SeekFromCurrent); }},
         {'e', [&](auto n) { model->seek(n, ORVA_StrBaseIO::SeekFromEnd); }},
         {'r', [&](auto n) { model->read(static_cast<std::size_t>(n)); }},
-        {'w', [&](auto n) { model->write(random.noise(static_cast<std::size_t>(n))); }},
+        {'w', [&](auto n) { model->write(slice(noise(), written += 1'009, n)); }},
         {'f', [&](auto) { EXPECT_EQ(s().Flush(), 1); }},
         {'c', [&](auto) { model->close(); }},
         {'g', [&](auto good) { EXPECT_EQ(s().Good(), good); }},
@@ -225,7 +229,7 @@ protected:
         {'I', [](auto) {}},
         {'A', [&](auto) { calls->fail(Call::Read, EIO, true); }},
     };
-    RandomBytes random{17};
+    std::int64_t written = 0;  // where in there the bytes of the last write stand
     Bytes content;
     std::unique_ptr<ModelStream> model;
     FileCalls* calls = nullptr;

@@ -1,16 +1,16 @@
 // Files of the other byte order, made past the library. Needs no test framework, so that corpora are made by it too.
 #pragma once
 
+#include "support/bytes.h"
+
 #include <orva/compressedLayout.h>
 
-#include <algorithm>
 #include <cstring>
-#include <vector>
 
 namespace support {
 
 // A little-endian file with a finished part at `row0`, with every field of heading and index in the other byte order.
-inline std::vector<unsigned char> swapped(std::vector<unsigned char> file, std::int64_t row0) {
+inline Bytes swapped(Bytes file, std::int64_t row0) {
     compressionHeading heading{};
     std::memcpy(&heading, &file.at(static_cast<std::size_t>(row0)), sizeof heading);
     const auto turn = [&](std::int64_t at, int width) { std::reverse(file.begin() + at, file.begin() + at + width); };

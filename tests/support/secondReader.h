@@ -2,23 +2,20 @@
 // test framework, so that fuzz targets use it too.
 #pragma once
 
+#include "support/bytes.h"
+
 #include <orva/blockSize.h>
 #include <orva/compressedLayout.h>
 
 #include <zlib.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <limits>
 #include <optional>
-#include <utility>
-#include <vector>
 
 namespace support {
-
-using Bytes = std::vector<unsigned char>;
 
 // What zlib alone makes of bytes, and how many of them it takes.
 struct Inflated {

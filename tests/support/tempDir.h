@@ -1,6 +1,8 @@
-// What tests share: a fresh directory, files made, read and damaged by plain calls past the library, random bytes from
-// a seed that a failure prints, a hook for system calls, and bodies run in a forked child.
+// What tests share: a fresh directory, random bytes from a seed that a failure prints, a hook for system calls, and
+// bodies run in a forked child.
 #pragma once
+
+#include "support/bytes.h"
 
 #include <orva/platformFaults.h>
 
@@ -8,21 +10,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <random>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 // There in a build that counts what is reached.
 extern "C" void __gcov_dump() __attribute__((weak));
@@ -36,7 +31,6 @@ inline constexpr bool kSanitized = true;
 inline constexpr bool kSanitized = false;
 #endif
 
-using Bytes = std::vector<unsigned char>;
 using platform::faults::Call;
 using platform::faults::Step;
 using platform::faults::Verdict;
@@ -74,49 +68,11 @@ private:
     testing::ScopedTrace fTrace;
 };
 
-// Over what stands there, the rest of the file stays.
-inline void overwriteBytes(const std::string& file, std::uint64_t offset, const Bytes& bytes) {
-    std::fstream stream(file, std::ios::binary | std::ios::in | std::ios::out);
-    stream.seekp(static_cast<std::streamoff>(offset));
-    stream.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
-    if (!stream.flush()) throw std::runtime_error("cannot write " + file);
-}
-inline void writeBytes(const std::string& file, const Bytes& bytes) {
-    std::ofstream(file, std::ios::trunc).close();
-    overwriteBytes(file, 0, bytes);
-}
-inline Bytes readBytes(const std::string& file) {
-    Bytes bytes(std::filesystem::file_size(file));
-    std::ifstream(file, std::ios::binary).read(reinterpret_cast<char*>(bytes.data()), std::ssize(bytes));
-    return bytes;
-}
-
 // Compares without printing megabytes: the first difference is what helps.
 inline testing::AssertionResult sameBytes(const Bytes& found, const Bytes& expected) {
     if (found == expected) return testing::AssertionSuccess();
     const auto at = std::mismatch(found.begin(), found.end(), expected.begin(), expected.end()).first;
     return testing::AssertionFailure() << "first difference at " << at - found.begin() << " of " << found.size();
-}
-
-inline Bytes slice(const Bytes& bytes, std::size_t offset, std::size_t size) {
-    offset = std::min(offset, bytes.size());
-    return {bytes.data() + offset, bytes.data() + offset + std::min(size, bytes.size() - offset)};
-}
-
-// `bytes` with others from `at` on, made longer where they reach further.
-inline Bytes with(Bytes bytes, std::int64_t at, const Bytes& others) {
-    bytes.resize(std::max(bytes.size(), static_cast<std::size_t>(at) + others.size()));
-    std::copy(others.begin(), others.end(), bytes.begin() + at);
-    return bytes;
-}
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-inline Bytes joined(const std::vector<Bytes>& parts) {
-    Bytes all;
-    for (const Bytes& part : parts) all = std::move(all) + part;
-    return all;
 }
 
 // A hook made of one function, which is asked before each raw call while this lives. Counts the calls.

@@ -1,0 +1,57 @@
+// Bytes, and files made, read and damaged by plain calls past the library. Needs no test framework, so that fuzz
+// targets use it too.
+#pragma once
+
+#include <algorithm>
+#include <concepts>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace support {
+
+using Bytes = std::vector<unsigned char>;
+
+// Over what stands there, the rest of the file stays.
+inline void overwriteBytes(const std::string& file, std::integral auto offset, const Bytes& bytes) {
+    std::fstream stream(file, std::ios::binary | std::ios::in | std::ios::out);
+    stream.seekp(static_cast<std::streamoff>(offset));
+    stream.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
+    if (!stream.flush()) throw std::runtime_error("cannot write " + file);
+}
+inline void writeBytes(const std::string& file, const Bytes& bytes) {
+    std::ofstream(file, std::ios::trunc).close();
+    overwriteBytes(file, 0, bytes);
+}
+// None where there is no file.
+inline Bytes readBytes(const std::string& file) {
+    Bytes bytes(std::filesystem::exists(file) ? std::filesystem::file_size(file) : 0);
+    std::ifstream(file, std::ios::binary).read(reinterpret_cast<char*>(bytes.data()), std::ssize(bytes));
+    return bytes;
+}
+
+inline Bytes slice(const Bytes& bytes, std::integral auto offset, std::integral auto size) {
+    const std::size_t from = std::min(static_cast<std::size_t>(offset), bytes.size());
+    return {bytes.data() + from, bytes.data() + from + std::min(static_cast<std::size_t>(size), bytes.size() - from)};
+}
+
+// `bytes` with others from `at` on, made longer where they reach further.
+inline Bytes with(Bytes bytes, std::integral auto at, const Bytes& others) {
+    bytes.resize(std::max(bytes.size(), static_cast<std::size_t>(at) + others.size()));
+    std::copy(others.begin(), others.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
+    return bytes;
+}
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+inline Bytes joined(const std::vector<Bytes>& parts) {
+    Bytes all;
+    for (const Bytes& part : parts) all = std::move(all) + part;
+    return all;
+}
+
+}  // namespace support
