@@ -85,7 +85,7 @@ TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
 // A compressed stream opens the file object again, from which the thread of the stream below reads meanwhile.
 TEST_F(StreamBuffer, ReadsAheadWhileAPartOverItReopensTheFile) {
     open(2 * kBlock + 1'000);
-    for (int round = 0; round < 150 && !HasFailure(); ++round) {
+    for (int round = 0; round < (support::kSanitized ? 50 : 150) && !HasFailure(); ++round) {
         model = nullptr;
         model = std::make_unique<support::ModelStream>(path("data"), "r+b", content);
         run("t1 r1");
