@@ -158,12 +158,9 @@ Writer Writer::append(const Path& path, const AppendOptions& options) {
     return Writer(std::move(state));
 }
 
-Writer::Writer(std::unique_ptr<State> state) noexcept : fState(std::move(state)), bOtherOrder(fState->bOtherOrder) {}
+Writer::Writer(std::unique_ptr<State> state) noexcept : fState(std::move(state)) {}
 Writer::Writer(Writer&& from) noexcept
-    : fState(std::move(from.fState)),
-      fNext(std::exchange(from.fNext, nullptr)),
-      fLeft(std::exchange(from.fLeft, 0)),
-      bOtherOrder(from.bOtherOrder) {}
+    : fState(std::move(from.fState)), fNext(std::exchange(from.fNext, nullptr)), fLeft(std::exchange(from.fLeft, 0)) {}
 Writer::~Writer() = default;
 
 // The state of a Writer that can take rows, which has those that write() has put into its room.
@@ -183,15 +180,16 @@ Writer::State& Writer::settled() {
     return s;
 }
 
-void Writer::write_on(std::span<const std::byte> rows) {
+void Writer::write_on(std::span<const std::byte> rows, bool values) {
     State& s = settled();
+    require(!values || !s.bOtherOrder, s.fPath, "its rows have the other byte order: add their bytes");
     if (rows.empty()) return;
+    const bool staysSmall = rows.size() < kSmallWrite && !s.bOtherOrder;
     s.step([&] {
         s.part().write(reinterpret_cast<const unsigned char*>(rows.data()), rows.size());
-        if (rows.size() >= kSmallWrite) return;
-        s.fRoom = std::as_writable_bytes(s.part().room());
+        if (staysSmall) s.fRoom = std::as_writable_bytes(s.part().room());
     });
-    if (rows.size() >= kSmallWrite) return;
+    if (!staysSmall) return;
     fNext = s.fRoom.data();
     fLeft = s.fRoom.size();
 }
@@ -221,11 +219,6 @@ void Writer::write_from(const ByteSource& source) {
         };
         s.part().writeFrom(read, size);
     });
-}
-
-void Writer::refuse_values() const {
-    require(false, fState != nullptr ? fState->fPath : Path(), "its rows have the other byte order: add their bytes");
-    std::abort();
 }
 
 i64 Writer::size() const {

@@ -69,16 +69,14 @@ public:
     ~Writer();
 
     void write(std::span<const std::byte> rows) {
-        if (rows.size() >= fLeft) return write_on(rows);
-        fNext = std::copy_n(rows.data(), rows.size(), fNext);
-        fLeft -= rows.size();
+        if (!put(rows)) write_on(rows, false);
     }
     // Values of any type that is stored as its bytes. UsageError on a file of the other byte order.
     template <std::ranges::contiguous_range R>
     void write_rows(const R& rows) {
         static_assert(std::is_trivially_copyable_v<std::ranges::range_value_t<R>>);
-        if (bOtherOrder) refuse_values();
-        write(std::as_bytes(std::span(std::ranges::data(rows), std::ranges::size(rows))));
+        const auto bytes = std::as_bytes(std::span(std::ranges::data(rows), std::ranges::size(rows)));
+        if (!put(bytes)) write_on(bytes, true);
     }
 
     // Room for the next rows, to be filled in place: at least one byte, until the next call. wrote() takes its first
@@ -104,14 +102,18 @@ public:
 private:
     struct ORVA_LOCAL State;
     ORVA_LOCAL explicit Writer(std::unique_ptr<State> state) noexcept;
-    void write_on(std::span<const std::byte> rows);
-    [[noreturn]] void refuse_values() const;
+    bool put(std::span<const std::byte> rows) {
+        if (rows.size() >= fLeft) return false;
+        fNext = std::copy_n(rows.data(), rows.size(), fNext);
+        fLeft -= rows.size();
+        return true;
+    }
+    void write_on(std::span<const std::byte> rows, bool values);
     ORVA_LOCAL State& settled();
 
     std::unique_ptr<State> fState;
     std::byte* fNext = nullptr;  // where write() puts rows without a call, in the room of the current block
-    std::size_t fLeft = 0;       // how many go there
-    bool bOtherOrder = false;    // of the file
+    std::size_t fLeft = 0;       // how many go there; none of a file of the other byte order
 };
 
 }  // namespace orva
