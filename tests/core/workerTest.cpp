@@ -136,7 +136,7 @@ TEST_F(ShortBlocks, A2_ThreadsReadAheadOfAStreamThatCopiesOutOfTheirBlocks) {
     }
 }
 
-TYPED_TEST(ReadWorker, R2_R4_T2_T3_A1_A3_AnyRequestIsServedOrFailsWhateverWentBefore) {
+TYPED_TEST(ReadWorker, R2_R4_T2_T3_A1_A3_A5_AnyRequestIsServedOrFailsWhateverWentBefore) {
     const auto end = static_cast<std::size_t>(this->fIndex.parsed(3).translatePos);
     support::overwriteBytes(this->fName, end - 1, {static_cast<unsigned char>(this->fFile[end - 1] ^ 8)});
     const CallHook bad(
@@ -146,6 +146,18 @@ TYPED_TEST(ReadWorker, R2_R4_T2_T3_A1_A3_AnyRequestIsServedOrFailsWhateverWentBe
     for (int i = 0; i < 600; ++i) {
         const auto number = static_cast<std::uint32_t>(random.below(this->kBlocks));
         Bytes rows;
+        if constexpr (std::is_same_v<TypeParam, PreIOThread_Multi_R_D>) {
+            const auto count = i % 8 == 0 ? 1 + static_cast<std::uint32_t>(random.below(this->kBlocks - number)) : 0;
+            Bytes several(count * std::size_t{kBlockSize});
+            const std::uint32_t came = count == 0 ? 0 : (*worker).loadSeveral(number, count, several.data());
+            ASSERT_EQ(came, std::min(count, number > 4 ? count : (number > 2 ? 4 : 2) - number)) << "run " << i;
+            std::size_t place = 0;
+            for (std::uint32_t n = 0; n < came; ++n) {
+                const Bytes& block = this->fBlocks[number + n];
+                ASSERT_EQ(support::slice(several, place, block.size()), block) << "run " << i;
+                place += block.size();
+            }
+        }
         const std::string failure = failureOf([&] { rows = this->request(*worker, number); });
         const bool right = number == 2   ? failure.find("block 2") != std::string::npos
                            : number == 4 ? failure == fileError(1003, EIO, this->fName)

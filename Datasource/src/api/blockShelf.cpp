@@ -1,5 +1,7 @@
 #include "api/blockShelf.h"
 
+#include "format/blockTransfer.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -19,7 +21,7 @@ blockShelf::entry& blockShelf::oldest() {
     return *std::ranges::min_element(fEntries, {}, &entry::lastUse);
 }
 
-blockShelf::rows blockShelf::memory() {
+blockShelf::rows blockShelf::memory(const shownPart& part) {
     {
         const std::lock_guard guard(fLock);
         if (!fEntries.empty() && oldest().kept.use_count() == 1) {
@@ -27,7 +29,7 @@ blockShelf::rows blockShelf::memory() {
             return std::exchange(oldest().kept, nullptr);
         }
     }
-    return std::make_shared<blockBuffer>(kBlockSize);
+    return std::make_shared<blockBuffer>(rowRoom(part.records()));
 }
 
 void blockShelf::keep(std::uint64_t part, std::uint32_t number, rows kept) {
@@ -40,7 +42,7 @@ void blockShelf::clear() {
     std::ranges::fill(fEntries, entry{});
 }
 
-blockBuffer blockShelf::takeScratch() {
+blockBuffer blockShelf::takeScratch(const shownPart& part) {
     {
         const std::lock_guard guard(fLock);
         if (!fScratch.empty()) {
@@ -49,7 +51,7 @@ blockBuffer blockShelf::takeScratch() {
             return scratch;
         }
     }
-    return blockBuffer(kBlockSize);
+    return compressedRoom(part.records());
 }
 
 void blockShelf::putBack(blockBuffer scratch) {

@@ -7,6 +7,7 @@
 // Failure: bad_alloc.
 #pragma once
 
+#include "api/shownPart.h"
 #include "base/blockBuffer.h"
 
 #include <cstddef>
@@ -25,13 +26,13 @@ public:
 
     // The rows of that block of the part with that id; null where they are not kept.
     rows find(std::uint64_t part, std::uint32_t number);
-    // Memory for a block, of the entry that has to make room if nobody copies from it.
-    rows memory();
+    // Memory for a block of the part, of the entry that has to make room if nobody copies from it.
+    rows memory(const shownPart& part);
     void keep(std::uint64_t part, std::uint32_t number, rows kept);
     void clear();
 
     // Memory for compressed bytes, as much of it as was needed at once.
-    blockBuffer takeScratch();
+    blockBuffer takeScratch(const shownPart& part);
     void putBack(blockBuffer scratch);
 
 private:

@@ -21,7 +21,7 @@ public:
         const std::uint32_t block = pieces.front().block;
         if (const blockShelf::rows kept = fShelf.find(fPart.id(), block)) return copy(pieces, *kept);
         if (pieces.size() == 1 && isWhole(pieces.front())) return inflate(block, pieces.front().to);
-        const blockShelf::rows rows = fShelf.memory();
+        const blockShelf::rows rows = fShelf.memory(fPart);
         inflate(block, rows->get());
         copy(pieces, *rows);
         fShelf.keep(fPart.id(), block, rows);
@@ -33,7 +33,7 @@ private:
     }
 
     void inflate(std::uint32_t block, void* to) {
-        blockBuffer scratch = fShelf.takeScratch();
+        blockBuffer scratch = fShelf.takeScratch(fPart);
         fPart.read(block, scratch.get(), static_cast<unsigned char*>(to));
         fShelf.putBack(std::move(scratch));
     }

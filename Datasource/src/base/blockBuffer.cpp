@@ -2,6 +2,8 @@
 
 #include <orva/platform.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <new>
 
 #ifdef __SSE2__
@@ -14,6 +16,7 @@ namespace {
 
 // Of x86-64 and of arm64 with small pages of 4 KiB. Where it is another size, the advice helps less.
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
+constexpr std::size_t kWorthOne = kHugePage / 4;
 
 unsigned char* allocate(std::size_t size, std::size_t alignment) {
     return static_cast<unsigned char*>(::operator new (size, std::align_val_t{alignment}));
@@ -26,8 +29,8 @@ void blockBuffer::release::operator()(unsigned char* bytes) const {
 }
 
 // Alignment costs address space, which may be limited, so it is given up first.
-blockBuffer::blockBuffer(std::size_t size) {
-    if (size >= kHugePage) {
+blockBuffer::blockBuffer(std::size_t size, std::size_t used) {
+    if (std::min(size, used) >= kWorthOne) {
         const std::size_t whole = (size + kHugePage - 1) / kHugePage * kHugePage;
         try {
             fBytes = {allocate(whole, kHugePage), {kHugePage}};
@@ -42,7 +45,8 @@ blockBuffer::blockBuffer(std::size_t size) {
 void regain(unsigned char* bytes, std::size_t size) {
 #ifdef __SSE2__
     const __m128i none = _mm_setzero_si128();
-    for (std::size_t at = 0; at + sizeof none <= size; at += sizeof none) {
+    for (std::size_t at = -reinterpret_cast<std::uintptr_t>(bytes) % sizeof none; at + sizeof none <= size;
+         at += sizeof none) {
         _mm_stream_si128(reinterpret_cast<__m128i*>(bytes + at), none);
     }
     _mm_sfence();

@@ -143,6 +143,14 @@ void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64
     if (!whole) throwClosed(file, kWriteFailed);
 }
 
+blockBuffer compressedRoom(std::span<const filePosRecord> records) {
+    return {kBlockSize, longest(records, &filePosRecord::translateSize)};
+}
+
+blockBuffer rowRoom(std::span<const filePosRecord> records) {
+    return {kBlockSize, longest(records, &filePosRecord::orginalSize)};
+}
+
 blockPlace placeOf(std::span<const filePosRecord> records, std::uint32_t number, std::int64_t fileEnd) {
     const allBlocks all{records, fileEnd};
     const std::int64_t n = number;

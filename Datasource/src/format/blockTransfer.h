@@ -8,6 +8,7 @@
 //          codec finds no memory.
 #pragma once
 
+#include "base/blockBuffer.h"
 #include "format/filePosInfo.h"
 #include "format/storedBytes.h"
 
@@ -70,6 +71,10 @@ struct readRoad {
     unsigned char* compressed;
     bool ahead = false;  // nobody has asked for the block yet: ORVA_File::ReadAhead
 };
+
+// Memory for the compressed bytes of any block of that index, and for the rows of one.
+blockBuffer compressedRoom(std::span<const filePosRecord> records);
+blockBuffer rowRoom(std::span<const filePosRecord> records);
 
 // A record together with what it is held against.
 struct blockPlace {

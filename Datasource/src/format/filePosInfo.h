@@ -34,6 +34,9 @@ void checkAscends(const filePosRecord* before, const filePosRecord& record, std:
 // block alone may be a short one: unless it is longer than the command's are, it passes for one of those.
 std::int64_t chosenLength(std::span<const filePosRecord> records);
 
+// The greatest of these sizes of the blocks, 0 without any. One that cannot be true counts as well.
+std::size_t longest(std::span<const filePosRecord> records, std::int32_t filePosRecord::*size);
+
 }  // namespace orva
 
 class filePosInfo {

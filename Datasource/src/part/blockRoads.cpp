@@ -102,15 +102,14 @@ private:
 
 class inlineSource final : public blockSource {
 public:
-    inlineSource(ORVA_File& file, const filePosInfo& index) : fFile(file), fIndex(index) {}
+    inlineSource(ORVA_File& file, const filePosInfo& index) : blockSource(index), fFile(file) {}
     void read(std::uint32_t number, unsigned char* to) override {
-        if (!fCompressedBuffer) fCompressedBuffer = blockBuffer(kBlockSize);
+        if (!fCompressedBuffer) fCompressedBuffer = compressedRoom(fIndex.records());
         readBlock({fFile, fCompressor, fCompressedBuffer.get()}, placeOf(fIndex, number), to);
     }
 
 private:
     ORVA_File& fFile;
-    const filePosInfo& fIndex;
     zlibCompressBlock fCompressor;
     blockBuffer fCompressedBuffer;
 };
@@ -120,10 +119,14 @@ class workerSource final : public blockSource {
 public:
     template <class... Arguments>
     workerSource(atWork kind, ORVA_File& file, const filePosInfo& index, Arguments... more)
-        : fWorker(kind, true,
-                  [=, &file, &index] { return std::make_unique<Worker>(&file, &index, kBlockSize, more...); }) {}
+        : blockSource(index), fWorker(kind, true, [=, &file, &index] {
+              return std::make_unique<Worker>(&file, &index, kBlockSize, more...);
+          }) {}
     const unsigned char* lend(std::uint32_t number) override { return (*fWorker).lend(number, own()); }
     void read(std::uint32_t number, unsigned char* to) override { (*fWorker).load(number, to); }
+    std::uint32_t readSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to) override {
+        return (*fWorker).loadSeveral(first, count, to);
+    }
     atWork threads() const override { return fWorker.threads(); }
 
 private:
@@ -133,13 +136,13 @@ private:
 class cachedSource final : public blockSource {
 public:
     cachedSource(std::unique_ptr<blockSource> source, const filePosInfo& index, std::uint32_t blocks)
-        : fSource(std::move(source)), fIndex(index), fBlocks(blocks) {}
+        : blockSource(index), fSource(std::move(source)), fBlocks(blocks) {}
     const unsigned char* lend(std::uint32_t number) override {
         if (const unsigned char* held = find(number)) return held;
         entry& oldest = *std::min_element(fBlocks.begin(), fBlocks.end(),
                                           [](const entry& a, const entry& b) { return a.lastUse < b.lastUse; });
         oldest.number = kNone;
-        if (!oldest.rows) oldest.rows = blockBuffer(kBlockSize);
+        if (!oldest.rows) oldest.rows = rowRoom(fIndex.records());
         fSource->read(number, oldest.rows.get());
         oldest.number = number;
         oldest.lastUse = ++fClock;
@@ -168,7 +171,6 @@ private:
     }
 
     const std::unique_ptr<blockSource> fSource;
-    const filePosInfo& fIndex;
     std::vector<entry> fBlocks;
     std::uint64_t fClock = 0;
 };
@@ -176,7 +178,7 @@ private:
 }  // namespace
 
 blockBuffer& blockSource::own() {
-    if (!fBuffer) fBuffer = blockBuffer(kBlockSize);
+    if (!fBuffer) fBuffer = rowRoom(fIndex.records());
     return fBuffer;
 }
 

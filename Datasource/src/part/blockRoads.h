@@ -73,16 +73,23 @@ std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken, boo
 // Gives blocks by their numbers: whole, inflated and checked.
 class blockSource {
 public:
+    // `index` is parsed, and outlives the source.
+    explicit blockSource(const filePosInfo& index) : fIndex(index) {}
     virtual ~blockSource() = default;
     // The rows of the block, in memory of the source until the next call.
     virtual const unsigned char* lend(std::uint32_t number);
     // The rows of the block into the caller's memory.
     virtual void read(std::uint32_t number, unsigned char* to) = 0;
+    // The rows of so many blocks, which lie one behind the other, by several threads at once: how many of them, from
+    // the first on, are there. None from a source without such threads, or where the first one fails: `read` tells why.
+    virtual std::uint32_t readSeveral(std::uint32_t, std::uint32_t, unsigned char*) { return 0; }
     virtual atWork threads() const { return atWork::none; }
 
 protected:
     // Memory for one block.
     blockBuffer& own();
+
+    const filePosInfo& fIndex;
 
 private:
     blockBuffer fBuffer;

@@ -1,5 +1,6 @@
 #include "part/partReader.h"
 
+#include "format/blockTransfer.h"
 #include "format/indexTransfer.h"
 
 #include <orva/blockSize.h>
@@ -75,6 +76,7 @@ std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint6
         const filePosRecord& record = fIndex.parsed(*number);
         const auto whole = static_cast<std::uint64_t>(record.orginalSize);
         if (record.orginalPos == pos && whole < size) {
+            if (const std::uint64_t several = readSeveral(*number, to, size)) return several;
             fSource->read(*number, to);
             return whole;
         }
@@ -83,6 +85,24 @@ std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint6
     const std::span<const unsigned char> rows = held(pos, size);
     std::copy(rows.begin(), rows.end(), to);
     return rows.size();
+}
+
+// The bytes of the blocks from there on that the request covers, less its last one, as far as they came at once.
+std::uint64_t partReader::readSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size) {
+    const std::span<const filePosRecord> records = fIndex.records().subspan(first);
+    std::int64_t end = records.front().orginalPos;
+    const std::int64_t last = end + static_cast<std::int64_t>(size);
+    std::uint32_t count = 0;
+    for (const filePosRecord& record : records) {
+        if (record.orginalPos != end || !isBlockSize(record.orginalSize) || end + record.orginalSize >= last) break;
+        end += record.orginalSize;
+        ++count;
+    }
+    if (count < 2) return 0;
+    const std::uint32_t came = fSource->readSeveral(first, count, to);
+    if (came == 0) return 0;
+    const filePosRecord& lastOne = records[came - 1];
+    return static_cast<std::uint64_t>(lastOne.orginalPos + lastOne.orginalSize - records.front().orginalPos);
 }
 
 // None if the one in hand has the position, or no block has.

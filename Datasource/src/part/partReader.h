@@ -47,6 +47,7 @@ private:
     template <class Steps>
     auto guarded(Steps steps);
     std::uint64_t readOn(std::int64_t pos, unsigned char* to, std::uint64_t size);
+    std::uint64_t readSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size);
     std::optional<std::uint32_t> blockToLoad(std::int64_t pos);
     void hold(std::uint32_t number);
     std::span<const unsigned char> held(std::int64_t pos, std::uint64_t size) const;

@@ -93,7 +93,9 @@ private:
 // A2 Only a sequential run is read ahead, twice as far with each request; after a jump nothing is wanted any more.
 // A3 A failed read-ahead is no read-ahead: the request makes the block itself and meets the failure.
 // A4 The stop request lets running steps finish; nothing waits for what they make.
-// A5 Rows that the caller has read stand in its core's cache. Another thread regains their memory before it inflates
+// A5 A request of several blocks is shared out: each thread, the caller's too, inflates whole blocks straight into the
+//    caller's memory; only what was read ahead is copied there. It ends before a block that fails (A3).
+// A6 Rows that the caller has read stand in its core's cache. Another thread regains their memory before it inflates
 //    there.
 class PreIOThread_Multi_R_D final : public readingWorker<PreIOThreadSeveral> {
 public:
@@ -103,6 +105,8 @@ public:
     std::int32_t readLoopStep() override;
     // getBlock without the look-up.
     void load(std::uint32_t number, unsigned char* to);
+    // So many blocks, which lie one behind the other, at once: how many of them, from the first on, are there.
+    std::uint32_t loadSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to);
     // The block's rows where they were read ahead, until the next request, or else in `own`.
     const unsigned char* lend(std::uint32_t number, const orva::blockBuffer& own);
 
@@ -115,21 +119,39 @@ private:
         state is = state::empty;
     };
 
+    // Blocks on their way straight into the caller's memory.
+    struct run {
+        std::vector<std::uint32_t> numbers;  // ascending
+        std::size_t taken = 0;               // of these, by a thread
+        std::uint32_t atWork = 0;            // threads
+        std::uint32_t end = 0;               // the first block that failed, or the one behind the run
+        unsigned char* to = nullptr;
+        std::int64_t begin = 0;  // the logical position of `to`
+    };
+
     const unsigned char* readAhead(std::uint32_t number);
+    unsigned char* placeInRun(std::int64_t number) const;
+    bool isWanted(std::int64_t number) const { return number >= fCurrent && number <= fCurrent + fAhead; }
+    void takeHeld(guard& lock, std::uint32_t number);
+    bool makeOfRun(guard& lock, bool byCaller);
+    orva::blockBuffer scratch();
     void planAhead(std::int64_t number);
     slot* find(std::int64_t number);
     slot* freeSlot();
     bool makeNext(guard& lock, bool byCaller);
+    // The bytes of its rows. A size that cannot be true is refused before memory is touched.
+    std::size_t rowsOf(std::int64_t number) const;
     void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest, bool ahead);
 
     ORVA_File* const pFile;
     const filePosInfo* const pPosInfo;
-    const std::uint32_t fBlockSize;
     orva::blockBuffer fCompressed;  // the caller's
     // Shared. A busy slot's buffers are its thread's alone.
     std::vector<slot> fSlots;
     std::int64_t fCurrent = -1;  // the last request
     std::int64_t fAhead = 0;
     std::int64_t fNext = 0;  // the first block that nobody has begun
+    run fRun;
+    std::vector<orva::blockBuffer> fScratch;  // the threads', between their steps in a run
     bool bStop = false;
 };

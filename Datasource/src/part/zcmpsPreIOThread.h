@@ -34,6 +34,8 @@ public:
     void load(std::uint32_t number, unsigned char* to);
     // The block's rows in `own`, which may be other memory then: a block made ahead comes with the worker's.
     const unsigned char* lend(std::uint32_t number, orva::blockBuffer& own);
+    // It is one thread.
+    static std::uint32_t loadSeveral(std::uint32_t, std::uint32_t, unsigned char*) { return 0; }
 
 private:
     template <class Take>

@@ -133,7 +133,7 @@ void finishedPart::verifyIndex() {
 // Damage that another process's append explains is told as that.
 template <class Read>
 auto finishedPart::reading(std::uint32_t number, Read read) {
-    if (!fMemory->compressed) fMemory->compressed = blockBuffer(kBlockSize);
+    if (!fMemory->compressed) fMemory->compressed = compressedRoom(fContent->fIndex.records);
     try {
         return read(readRoad{file(), fMemory->codec, fMemory->compressed.get()},
                     placeOf(fContent->fIndex.records, number, fContent->fFileSize));
@@ -159,7 +159,7 @@ void finishedPart::readBlock(std::uint32_t number, unsigned char* rows) {
 }
 
 const unsigned char* finishedPart::rowsOf(std::uint32_t number) {
-    if (!fMemory->rows) fMemory->rows = blockBuffer(kBlockSize);
+    if (!fMemory->rows) fMemory->rows = rowRoom(fContent->fIndex.records);
     readBlock(number, fMemory->rows.get());
     return fMemory->rows.get();
 }
