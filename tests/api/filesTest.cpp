@@ -67,6 +67,7 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     EXPECT_TRUE(
         sameBytes(read(orva::Reader(path("saved")), 2 * kBlock, kBlock), support::slice(rows, 2 * kBlock, kBlock)));
     EXPECT_EQ(thrownBy([&] { orva::recover(name, path("saved")); }), "SystemError EEXIST");
+    EXPECT_EQ(thrownBy([&] { orva::recover(name, name, {.replace = true}); }), "UsageError");
     made("noise", Bytes(10'000, 1));
     EXPECT_EQ(thrownBy([&] { orva::recover(path("noise"), path("none")); }), "DamagedFileError");
     try {

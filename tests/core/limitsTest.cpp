@@ -115,6 +115,26 @@ TEST_F(Limits, NoDescriptorIsAFailureThatPasses) {
     });
 }
 
+// The descriptor's own place belongs to both.
+TEST_F(Limits, AReaderOpenedBeforeAForkReadsRightInParentAndChildAtOnce) {
+    const Bytes rows = support::RandomBytes(3).rows(9'000'000);
+    makeFile(fName, {rows});
+    const Reader packed(fName, 0, kRow0);
+    ORVA_FileStream plain(made("plain", Bytes(kRow0) + rows).c_str(), "rb");
+    const auto readAll = [&](std::uint64_t seed) {
+        support::RandomBytes places(seed);
+        for (int i = 0; i < 300 && !HasFailure(); ++i) {
+            ORVA_StrBaseIO& from = i % 10 == 0 ? static_cast<ORVA_StrBaseIO&>(*packed) : plain;
+            const std::size_t at = places.below(rows.size());
+            Bytes found(100);
+            from.Seek(kRow0 + static_cast<std::int64_t>(at), ORVA_StrBaseIO::SeekFromStart);
+            found.resize(from.Read(found.data(), 100));
+            EXPECT_TRUE(support::sameBytes(found, support::slice(rows, at, 100))) << "read " << i;
+        }
+    };
+    support::expectInChild([&] { readAll(2); }, [&] { readAll(1); });
+}
+
 // A child has none of its parent's threads, so it must not wait for one, nor end the parent's file.
 TEST_F(Limits, AForkWhileWorkersLive) {
 #ifdef __SANITIZE_THREAD__

@@ -200,5 +200,41 @@ TYPED_TEST(ReadWorker, RefusesToWrite) {
     }
 }
 
+// Lives of streams with threads: opened, asked a little, some of it in vain, and ended at any point.
+TEST_F(ShortBlocks, TenThousandLivesEnd) {
+    const std::vector<filePosRecord> records = Layout(fFile).records;
+    support::RandomBytes random(48);
+    std::atomic<std::int64_t> left{0};  // transfers until one fails
+    const CallHook hook([&](const Step& step, std::uint64_t) {
+        const bool transfers = step.call == Call::Read || step.call == Call::Write;
+        return transfers && --left == 0 ? Verdict::fail(EIO) : Verdict::goOn();
+    });
+    const auto writes = [&](int road) {
+        auto stream = startedWriter(path("new"), road);
+        for (std::uint64_t n = random.below(4); n > 0; --n) write(*stream, fBlocks[n]), stream->Flush();
+        if (random.oneIn(3)) stream->abandon();
+        if (random.oneIn(2)) stream->Close();
+        delete stream.release();  // which may throw
+    };
+    const auto reads = [&](int road) {
+        const Reader reader(fName, road, kRow0);
+        for (std::uint64_t n = random.below(4); n > 0; --n) {
+            const std::size_t i = random.below(fBlocks.size());
+            EXPECT_EQ(reader.readAt(records[i].orginalPos, fBlocks[i].size()), fBlocks[i]);
+        }
+    };
+    constexpr int lives = support::kSanitized ? 2'000 : 10'000;
+    int failed = 0;
+    for (int i = 0; i < lives && !HasFailure(); ++i) {
+        left = random.oneIn(2) ? static_cast<std::int64_t>(1 + random.below(12)) : -1;
+        const int road = std::array{1, 2, kOneOfSeveral, kTwo}[random.below(4)];
+        const bool writer = road == 1 || (road != 2 && random.oneIn(2));
+        const std::string failure = failureOf([&] { writer ? writes(road) : reads(road); });
+        EXPECT_THAT(failure, testing::AnyOf("", fileError(1002, EIO, path("new")), fileError(1003, EIO, fName)));
+        failed += failure.empty() ? 0 : 1;
+    }
+    EXPECT_GT(failed, lives / 10);
+}
+
 }  // namespace
 }  // namespace core

@@ -175,6 +175,7 @@ std::optional<foundPart> toldPart(const Path& path, const std::string& place, st
 
 RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& options) {
     const std::string place = fullName(from);
+    require(!platform::sameFile(place.c_str(), fullName(to).c_str()), to, "it is the file to recover from");
     recoverOptions how{translated(
                            from, [&] { return toldPart(from, place, options.row0); }, place),
                        options.committed, options.drop_lost};
