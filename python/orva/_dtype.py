@@ -8,6 +8,7 @@ dtype=[["time", "<i8"]]                 numpy.lib.format.dtype_to_descr as JSON,
 from __future__ import annotations
 
 import json
+import re
 from typing import Any
 
 import numpy as np
@@ -20,6 +21,8 @@ from ._errors import DamagedFileError
 _FIRST = "orva dictionary 1 row0="
 _STEP = 512
 _LONGEST = 1 << 20  # a longer part is another program's
+# What dtype_to_descr makes of a dtype without fields. numpy takes more for one, and some of that ends the process.
+_PLAIN = re.compile(r"[<>|=][?a-zA-Z]\d*(\[\d*[a-zA-Z]+\])?")
 
 
 def checked(dtype: npt.DTypeLike) -> np.dtype[Any]:
@@ -46,6 +49,8 @@ def to_dictionary(dtype: np.dtype[Any]) -> bytes:
 def _tuples(descr: Any) -> Any:
     """What JSON made lists of: a list of fields stays one, each field, shape and (dtype, shape) was a tuple."""
     if not isinstance(descr, list):
+        if not _PLAIN.fullmatch(descr):
+            raise ValueError(f"{descr!r} is not how a dtype is told")
         return descr
     if len(descr) == 2 and isinstance(descr[1], list) and all(isinstance(n, int) for n in descr[1]):
         return _tuples(descr[0]), tuple(descr[1])
@@ -62,7 +67,7 @@ def of_dictionary(part: bytes, path: str) -> np.dtype[Any] | None:
         return None
     try:
         return checked(descr_to_dtype(_tuples(json.loads(lines[1][6:]))))  # type: ignore[no-untyped-call]
-    except (ValueError, TypeError, KeyError, IndexError) as error:
+    except (ValueError, TypeError, KeyError, IndexError, RecursionError) as error:
         raise DamagedFileError(f'"{path}" is damaged: it tells a dtype that is none: {error}', path) from None
 
 

@@ -32,6 +32,11 @@ def frozen(array: Any) -> Any:
     return array
 
 
+def told_to_be(dtype: str) -> io.BytesIO:
+    was = b'"<f8"'.ljust(40).replace(b" ", b"\n", 1)
+    return io.BytesIO(Path("numbers.orva").read_bytes().replace(was, dtype.ljust(40).replace(" ", "\n", 1).encode()))
+
+
 def two_writers() -> None:
     with orva.open("bytes.orva", "ab"):
         orva.open("bytes.orva", "ab")
@@ -91,6 +96,7 @@ BAD: dict[str, tuple[Callable[[], Any], type[BaseException], str]] = {
     "join nothing": (lambda: orva.join([], "new.orva"), ValueError, "no file to join"),
     "join into itself": (lambda: orva.join(["bytes.orva"], "bytes.orva"), ValueError, "one of the files"),
     "recover nothing": (lambda: orva.recover("other", "new.orva"), orva.DamagedFileError, "no block"),
+    "a dtype that ends numpy": (lambda: orva.rows(told_to_be('"<M8[ns/0]"')), orva.DamagedFileError, "a dtype that is none"),
     "a damaged block": (lambda: orva.open("bad.orva").read(), orva.DamagedFileError, "bad.orva.* is damaged"),
     "read, closed": (lambda: closed("rb").read(1), ValueError, "closed file"),
     "tell, closed": (lambda: closed("rb").tell(), ValueError, "closed file"),
