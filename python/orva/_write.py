@@ -16,7 +16,10 @@ _PIECE = 4_190_208  # bytes of rows that are copied at a time where an array is 
 
 def _rows_of(array: npt.ArrayLike) -> tuple[npt.NDArray[Any], np.dtype[Any]]:
     """An array, and the dtype of a row of it."""
-    values = np.asarray(array)
+    values = np.asanyarray(array)
+    if np.ma.is_masked(values):  # type: ignore[no-untyped-call]
+        raise ValueError("rows that are masked have no values that a file could hold: fill or leave them out")
+    values = np.asarray(values)
     if values.ndim == 0:
         raise ValueError("an array of no axis has no rows")
     row = _dtype.checked(values.dtype)

@@ -179,7 +179,7 @@ def _frame(parts: list[_Part], name: str) -> DataFrame:
 
 def _write_part(values: Any, name: str, dtype: np.dtype[Any], within: tuple[int, ...]) -> str:
     """Harmless when repeated, even at a time: who comes last replaces the same rows."""
-    rows = values.to_records(index=False) if hasattr(values, "to_records") else np.asarray(values)
+    rows = values.to_records(index=False) if hasattr(values, "to_records") else np.asanyarray(values)
     if rows.dtype != dtype or rows.shape[1:] != within:
         raise ValueError(
             f"a partition has rows of {rows.dtype} and {rows.shape[1:]}, and its collection is of {dtype} and {within}"
