@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import io
+import operator
 import os
 import threading
 import warnings
@@ -114,7 +115,7 @@ class File(io.RawIOBase):
         reader = (self._opened or self._no_reader("seek")).reader
         if whence not in (os.SEEK_SET, os.SEEK_CUR, os.SEEK_END):
             raise ValueError(f"invalid whence ({whence}, should be 0, 1 or 2)")
-        to = offset + (0, self._pos, reader.size)[whence]
+        to = operator.index(offset) + (0, self._pos, reader.size)[whence]
         if to < 0:
             raise ValueError(f"negative seek position {to}")
         if to > _FARTHEST:
@@ -140,10 +141,16 @@ class File(io.RawIOBase):
         return self.read()
 
     def write(self, rows: Any) -> int:
-        """Takes all bytes of `rows`, and gives their count."""
+        """Takes all bytes of `rows`, and gives their count. Whatever stops it but a TypeError abandons the file."""
         writer = self._writer("write")
-        with self._lock:
-            return writer.write(rows)
+        try:
+            with self._lock:
+                return writer.write(rows)
+        except TypeError:  # of which nothing was taken
+            raise
+        except BaseException:  # a signal's, too: how much was taken is not told, and io's wrappers would write it again
+            writer.drop()
+            raise
 
     def truncate(self, size: int | None = None) -> NoReturn:
         self._open()
@@ -181,13 +188,15 @@ class File(io.RawIOBase):
     def _dealloc_warn(self, source: object) -> None:
         # What io's wrappers call when they are collected without having been closed, before they close this.
         if self._writing is not None and not self.closed:
+            self._let_go()  # first: a warning may be an error, which the wrappers pass over, and then they close this
             warnings.warn(f"{self!r} was not closed: its rows are abandoned", ResourceWarning, 2, source)
-            self._let_go()
 
     def __del__(self) -> None:
         if hasattr(self, "_writing"):
-            self._dealloc_warn(self)
-            self._let_go()
+            try:
+                self._dealloc_warn(self)
+            finally:
+                self._let_go()
 
     def __reduce__(self) -> Any:
         if self._opened is None:

@@ -4,6 +4,8 @@ import gc
 import io
 import os
 import pickle
+import signal
+import warnings
 from pathlib import Path
 from typing import Any
 
@@ -70,16 +72,34 @@ def leave(file: orva.File) -> None:
         raise KeyError
 
 
+def interrupt(file: orva.File) -> None:
+    signal.signal(signal.SIGALRM, lambda *_: {}["signal"])
+    signal.setitimer(signal.ITIMER_REAL, 0.001)
+    try:
+        file.write(bytes(1 << 26))
+    finally:
+        with pytest.raises(ValueError, match="closed file"):
+            file.close()
+
+
+def leave_where_warnings_are_errors(file: orva.File) -> None:
+    warnings.simplefilter("error")
+    io.BufferedWriter(file).write(b"x" * 9)
+    raise KeyError
+
+
 @pytest.mark.parametrize("mode", ["wb", "ab"])
 @pytest.mark.parametrize(
     "end, warns",
     [
         (leave, False),
+        (interrupt, False),
+        (leave_where_warnings_are_errors, False),
         (lambda file: None, True),
         (lambda file: io.BufferedWriter(file).write(b"x" * 9), True),
         (lambda file: io.TextIOWrapper(io.BufferedWriter(file)).write("x"), True),
     ],
-    ids=["exception", "collected", "buffer collected", "text collected"],
+    ids=["exception", "signal", "warning", "collected", "buffer collected", "text collected"],
 )
 def test_what_is_not_closed_never_appears(here: Path, mode: Any, end: Any, warns: bool) -> None:
     before = {name.name: name.read_bytes() for name in here.iterdir()}
