@@ -156,7 +156,9 @@ class Rows:
     def _slice(self, key: slice) -> npt.NDArray[Any]:
         first, end, step = key.indices(len(self))
         rows = range(first, end, step)
-        if step == 1 or len(rows) == 0:
+        if len(rows) == 0:
+            return self._read(0, 0)
+        if step == 1:
             return self._read(first, len(rows))
         if step == -1:
             return self._read(rows[-1], len(rows))[::-1]
@@ -257,7 +259,8 @@ class Rows:
             raise ValueError("rows go into an array in one piece that can be written to")
         if operator.index(first) < 0:
             raise ValueError("rows count from 0")
-        count = max(min(len(out), len(self) - first), 0)
+        first = min(operator.index(first), len(self))
+        count = min(len(out), len(self) - first)
         found: Lost = []
         self._reader.read_at(first * self._row.itemsize, _bytes_of(out[:count]), found if self._mask else None)
         self._noted(found)
@@ -291,7 +294,7 @@ class Rows:
         """All rows in `count` slices or fewer, one behind the other, of about equal length: they begin where a block does
         as far as rows allow, so that nearly no block is inflated for two of them. ValueError below 1."""
         size = self._row.itemsize
-        ranges = self._reader.splits(operator.index(count), size)
+        ranges = self._reader.splits(min(operator.index(count), len(self) + 1), size)
         return [slice(begin // size, (begin + length) // size) for begin, length in ranges]
 
     def _open(self) -> None:

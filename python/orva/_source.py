@@ -55,6 +55,8 @@ class SourceObject:
                     raise BlockingIOError("a source has to wait for its bytes")
                 if count == 0:
                     break
+                if not 0 < count <= len(to) - got:
+                    raise OSError(f"a source tells {count} bytes, and was asked for {len(to) - got}")
                 got += count
             return got
 
