@@ -31,10 +31,11 @@ def block_of(length: int | None, default: int) -> int:
 
 class SourceObject:
     """A file that is an object: one thread at a time seeks and reads. A forked child has a lock of its own, since its
-    parent's may be held by a thread that the child does not have."""
+    parent's may be held by a thread that the child does not have. But both have one position in a file of the system's,
+    and each would read where the other seeks: so a plain file is read without it, and another one not after a fork."""
 
     def __init__(self, file: io.RawIOBase | io.BufferedIOBase) -> None:
-        self._file = file
+        self._file, self._process = file, os.getpid()
         self._locks: dict[int, threading.Lock] = {}
 
     def _lock(self) -> threading.Lock:
@@ -44,13 +45,27 @@ class SourceObject:
         with self._lock():
             return self._file.seek(0, os.SEEK_END)
 
+    def _has_descriptor(self) -> bool:
+        try:
+            return self._file.fileno() >= 0
+        except (AttributeError, io.UnsupportedOperation):
+            return False
+
+    def _read_some(self, offset: int, to: memoryview) -> int | None:
+        raw = self._file.raw if type(self._file) is io.BufferedReader else self._file
+        if type(raw) is io.FileIO:
+            return os.preadv(raw.fileno(), [to], offset)
+        if self._process != os.getpid() and self._has_descriptor():
+            raise ValueError("a file object that is no plain file cannot be read after a fork: open it by its path")
+        self._file.seek(offset)
+        return self._file.readinto(to)
+
     def read_at(self, offset: int, to: memoryview) -> int:
         with self._lock():
-            self._file.seek(offset)
             got = 0
             while got < len(to):
                 with to[got:] as rest:
-                    count = self._file.readinto(rest)
+                    count = self._read_some(offset + got, rest)
                 if count is None:
                     raise BlockingIOError("a source has to wait for its bytes")
                 if count == 0:

@@ -93,10 +93,11 @@ def test_other_threads_run_while_one_reads(zeros: str) -> None:
     counter.join()
 
 
-@pytest.mark.parametrize("opened", ["path", "object"])
+@pytest.mark.parametrize("opened", ["path", "object", "file"])
 def test_a_fork_while_threads_read(shared: Path, opened: str) -> None:
     name = shared / "trades.orva"
-    rows = orva.rows(name if opened == "path" else io.BytesIO(name.read_bytes()), threads=2)
+    source: Any = {"path": name, "object": io.BytesIO(name.read_bytes()), "file": open(name, "rb")}[opened]
+    rows = orva.rows(source, threads=2)
     ended = threading.Event()
 
     def read() -> None:
