@@ -17,7 +17,8 @@ _PIECE = 4_190_208  # bytes of rows that are copied at a time where an array is 
 def _rows_of(array: npt.ArrayLike) -> tuple[npt.NDArray[Any], np.dtype[Any]]:
     """An array, and the dtype of a row of it."""
     values = np.asanyarray(array)
-    if np.ma.is_masked(values):  # type: ignore[no-untyped-call]
+    mask: Any = np.ma.getmask(values)  # type: ignore[no-untyped-call]
+    if np.ascontiguousarray(mask).view(np.bool_).any():  # also of fields
         raise ValueError("rows that are masked have no values that a file could hold: fill or leave them out")
     values = np.asarray(values)
     if values.ndim == 0:

@@ -80,7 +80,7 @@ BAD: dict[str, tuple[Callable[[], Any], type[BaseException], str]] = {
     "damaged in words": (lambda: orva.rows("trades.orva", damaged="drop"), ValueError, "'raise' or 'mask'"),
     "write objects": (lambda: orva.write("new.orva", [None]), ValueError, "no bytes that a file"),
     "write no axis": (lambda: orva.write("new.orva", 3.0), ValueError, "of no axis"),
-    "write masked": (lambda: orva.write("new.orva", np.ma.masked_less([1, 2], 2)), ValueError, "masked have no values"),
+    "write masked": (lambda: orva.write("new.orva", orva.rows("bad.orva", damaged="mask")), ValueError, "masked have no values"),
     "write empty rows": (lambda: orva.write("new.orva", np.zeros((3, 0))), ValueError, "have no bytes"),
     "append another dtype": (lambda: orva.append("numbers.orva", [1]), ValueError, "rows of float64, not of int64"),
     "append to a remainder": (lambda: orva.append("bytes.orva", [1.0]), ValueError, "not filled by rows of float64"),
