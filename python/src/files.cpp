@@ -1,4 +1,5 @@
 #include "errors.h"
+#include "gil.h"
 #include "module.h"
 #include "signals.h"
 
@@ -34,7 +35,7 @@ const char* told(orva::FileInfo::FoundBy by) {
 py::tuple info(const std::string& path, std::optional<i64> row0) {
     orva::FileInfo found;
     {
-        const py::gil_scoped_release others;
+        const gil::released others;
         found = orva::info(path, row0);
     }
     py::list blocks;
@@ -54,7 +55,7 @@ public:
         return [this](i64 done, i64 total) {
             checkSignals();
             if (!fCall) return;
-            const py::gil_scoped_acquire python;
+            const gil::held python;
             (*fCall)(done, total);
         };
     }
@@ -68,7 +69,7 @@ py::tuple verify(const std::string& path, std::optional<i64> row0, int threads,
     const reporter report(progress);
     orva::VerifyReport found;
     {
-        const py::gil_scoped_release others;
+        const gil::released others;
         found = orva::verify(path, {.row0 = row0, .threads = threads, .progress = report.progress()});
     }
     py::list bad;
@@ -83,7 +84,7 @@ py::tuple recover(const std::string& from, const std::string& to, std::optional<
     const reporter report(progress);
     orva::RecoverReport found;
     {
-        const py::gil_scoped_release others;
+        const gil::released others;
         found = orva::recover(from, to,
                               {.row0 = row0,
                                .committed = committed,
@@ -99,7 +100,7 @@ py::tuple recover(const std::string& from, const std::string& to, std::optional<
 }
 
 const char* rollBack(const std::string& path) {
-    const py::gil_scoped_release others;
+    const gil::released others;
     switch (orva::roll_back(path)) {
         case orva::RollBack::undone:
             return "undone";
@@ -118,7 +119,7 @@ py::tuple join(const std::vector<std::string>& from, const std::string& to, bool
     const std::vector<orva::Path> paths(from.begin(), from.end());
     orva::JoinReport found;
     {
-        const py::gil_scoped_release others;
+        const gil::released others;
         found = orva::join(paths, to, {.replace = replace, .progress = report.progress()});
     }
     return py::make_tuple(found.blocks, found.size);

@@ -1,5 +1,6 @@
 #include "blockwise.h"
 #include "buffer.h"
+#include "gil.h"
 #include "module.h"
 #include "source.h"
 
@@ -81,7 +82,7 @@ private:
     template <class Open>
     closableReader(int threads, Open open)
         : fBlocks(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency())) {
-        const py::gil_scoped_release others;
+        const gil::released others;
         fReader = open();
     }
 
@@ -95,7 +96,7 @@ private:
     static void collecting(const std::optional<py::list>& lost, Read read) {
         std::vector<orva::Range> found;
         {
-            const py::gil_scoped_release others;
+            const gil::released others;
             read(lost ? &found : nullptr);
         }
         for (const orva::Range& range : found) py::list(*lost).append(py::make_tuple(range.offset, range.length));
@@ -107,7 +108,7 @@ private:
         const i64 left = std::max<i64>(reader.size() - offset, 0);
         const orva::Bytes wanted = to.first(std::min(to.size(), static_cast<std::size_t>(left)));
         if (!lost && wanted.size() <= kSmallRead) {
-            const py::gil_scoped_release others;
+            const gil::released others;
             return reader.read_at(offset, wanted);
         }
         collecting(lost, [&](std::vector<orva::Range>* found) {
@@ -126,7 +127,7 @@ py::bytes dictionary(const closableReader& reader) {
     std::vector<std::byte> bytes;
     {
         const orva::Reader own = reader.get();
-        const py::gil_scoped_release others;
+        const gil::released others;
         bytes = own.dictionary();
     }
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};

@@ -1,5 +1,7 @@
 #include "signals.h"
 
+#include "gil.h"
+
 #include <pybind11/pybind11.h>
 
 #include <atomic>
@@ -14,7 +16,7 @@ std::atomic<unsigned long> mainThread{0};
 
 void checkSignals() {
     if (PyThread_get_thread_ident() != mainThread) return;
-    const py::gil_scoped_acquire python;
+    const gil::held python;
     if (PyErr_CheckSignals() != 0) throw py::error_already_set();
 }
 

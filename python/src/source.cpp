@@ -1,20 +1,22 @@
 #include "source.h"
 
+#include "gil.h"
+
 namespace py = pybind11;
 
 // The last one that lets go need not hold the GIL.
 pythonSource::~pythonSource() {
-    const py::gil_scoped_acquire python;
+    const gil::held python;
     fSource.release().dec_ref();
 }
 
 orva::i64 pythonSource::size() const {
-    const py::gil_scoped_acquire python;
+    const gil::held python;
     return fSource.attr("size")().cast<orva::i64>();
 }
 
 std::size_t pythonSource::read_at(orva::i64 offset, orva::Bytes to) const {
-    const py::gil_scoped_acquire python;
+    const gil::held python;
     const py::memoryview view = py::memoryview::from_memory(to.data(), static_cast<py::ssize_t>(to.size()));
     const auto got = fSource.attr("read_at")(offset, view).cast<std::size_t>();
     view.attr("release")();  // or who has kept it would reach memory that is gone

@@ -1,4 +1,5 @@
 #include "buffer.h"
+#include "gil.h"
 #include "module.h"
 #include "signals.h"
 
@@ -27,7 +28,7 @@ public:
         constexpr std::size_t piece = 4'190'208;  // a block; signals act between them
         const std::shared_ptr<orva::Writer> writer = get();
         const heldBuffer buffer(rows, heldBuffer::access::read);
-        const py::gil_scoped_release others;
+        const gil::released others;
         for (std::span<const std::byte> left = buffer.bytes(); !left.empty();) {
             const std::size_t size = std::min(left.size(), piece);
             writer->write(left.first(size));
@@ -41,14 +42,14 @@ public:
 
     void finish() {
         const std::shared_ptr<orva::Writer> writer = get();
-        const py::gil_scoped_release others;
+        const gil::released others;
         writer->finish();
     }
 
     // What is not finished is gone, threads have ended and the file is closed.
     void drop() {
         std::shared_ptr<orva::Writer> writer = std::move(fWriter);
-        const py::gil_scoped_release others;
+        const gil::released others;
         writer.reset();
     }
 
@@ -69,7 +70,7 @@ std::unique_ptr<droppableWriter> create(const std::string& path, const std::stri
                                       .replace = replace,
                                       .level = level,
                                       .block = block};
-    const py::gil_scoped_release others;
+    const gil::released others;
     return std::make_unique<droppableWriter>(orva::Writer(path, options));
 }
 
@@ -77,7 +78,7 @@ std::unique_ptr<droppableWriter> append(const std::string& path, std::optional<i
                                         i64 block, bool rollBack) {
     const orva::AppendOptions options{
         .row0 = row0, .threads = threads, .level = level, .block = block, .roll_back = rollBack};
-    const py::gil_scoped_release others;
+    const gil::released others;
     return std::make_unique<droppableWriter>(orva::Writer::append(path, options));
 }
 

@@ -4,6 +4,8 @@ import concurrent.futures
 import io
 import os
 import signal
+import subprocess
+import sys
 import threading
 import time
 from pathlib import Path
@@ -91,6 +93,22 @@ def test_other_threads_run_while_one_reads(zeros: str) -> None:
     assert turns - before > 5
     ended.set()
     counter.join()
+
+
+DAEMONS = """
+import sys, threading, time, orva
+def read(file):
+    while True:
+        file.seek(0)
+        file.read(1 << 21)
+for _ in range(2):
+    threading.Thread(target=read, args=(orva.open(sys.argv[1]),), daemon=True).start()
+time.sleep(0.1)
+"""
+
+
+def test_daemon_threads_end_with_the_process(zeros: str) -> None:
+    assert subprocess.run([sys.executable, "-c", DAEMONS, zeros]).returncode == 0
 
 
 @pytest.mark.parametrize("opened", ["path", "object", "file"])

@@ -1,0 +1,51 @@
+// Without and with the interpreter's lock, also by daemon threads when the interpreter ends: it then ends, by
+// unwinding, each thread that asks for the lock, and unwinding through a destructor or the library's own frames ends
+// the process by abort. So such a thread waits for the process to end, and lets nothing go.
+//
+// Threads: released is made with the lock, held on any thread. Failure: none.
+#pragma once
+
+#include <cxxabi.h>
+#include <pybind11/pybind11.h>
+#include <unistd.h>
+
+#include <optional>
+
+namespace gil {
+
+template <class Take>
+void takeOrWait(Take take) noexcept {
+    try {
+        take();
+    } catch (abi::__forced_unwind&) {
+        for (;;) pause();
+    }
+}
+
+class released {
+public:
+    released() : fState(PyEval_SaveThread()) {}
+    released(const released&) = delete;
+    released& operator=(const released&) = delete;
+    ~released() {
+        takeOrWait([&] { PyEval_RestoreThread(fState); });
+    }
+
+private:
+    PyThreadState* const fState;
+};
+
+class held {
+public:
+    held() {
+        takeOrWait([&] { fLock.emplace(); });
+    }
+    held(const held&) = delete;
+    held& operator=(const held&) = delete;
+    ~held() = default;
+
+private:
+    std::optional<pybind11::gil_scoped_acquire> fLock;
+};
+
+}  // namespace gil
