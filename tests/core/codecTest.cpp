@@ -100,6 +100,19 @@ TEST(ZlibCodec, TellsHowTheStreamEnded) {
     EXPECT_GT(fullLength, 300) << "the length alone tells too often for this test to show anything";
 }
 
+// Whoever has the compressed bytes from elsewhere than the file.
+TEST(ZlibCodec, InflatesNoBlockLongerThanItsMemory) {
+    ORVA_File file;
+    zlibCompressBlock codec;
+    Bytes from = deflated(Bytes(kBlock + 1));
+    const filePosRecord lie{1, 25, kBlock + 1, static_cast<std::int32_t>(from.size())};
+    Bytes rows(kBlock + 1);
+    EXPECT_THAT(failureOf([&] {
+                    orva::inflateBlock({file, codec, from.data()}, {lie, 0, {}, 0}, rows.data());
+                }),
+                testing::HasSubstr("orginalSize in 1.."));
+}
+
 // Blocks of noise are stored without trying; what is noise in part only loses at most a hundredth of its ratio.
 TEST(ZlibCodec, NoiseInPartCostsNoRatio) {
     const struct {

@@ -71,10 +71,15 @@ struct allBlocks {
     }
 };
 
+// Memory for rows is as long as a block can be.
+void checkRows(const readRoad& road, const blockPlace& block) {
+    if (isBlockSize(block.record.orginalSize)) return;
+    refuse(road, block, "orginalSize in 1..4190208", "has a record with an impossible size");
+}
+
 void checkRecord(const readRoad& road, const blockPlace& block) {
     const filePosRecord& r = block.record;
-    if (!isBlockSize(r.orginalSize))
-        refuse(road, block, "orginalSize in 1..4190208", "has a record with an impossible size");
+    checkRows(road, block);
     if (!isBlockSize(r.translateSize)) {
         refuse(road, block, "translateSize in 1..4190208",
                "has a record with the compressed size " + std::to_string(r.translateSize));
@@ -174,6 +179,7 @@ void readCompressed(const readRoad& road, const blockPlace& block) {
 }
 
 std::uint32_t inflateBlock(const readRoad& road, const blockPlace& block, unsigned char* dest) {
+    checkRows(road, block);
     const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
     const auto size = static_cast<std::uint32_t>(block.record.orginalSize);
     const blockOutcome outcome = road.codec.inflateWhole(road.compressed, deflated, dest, size);

@@ -98,8 +98,9 @@ std::uint32_t blockAt(const filePosInfo& index, std::int64_t pos);
 // is touched.
 void readCompressed(const readRoad& road, const blockPlace& block);
 
-// Inflates what readCompressed brought into `dest`, which has room for orginalSize. The block is good only when its
-// zlib stream ended, with its checksum, exactly at its last byte and at orginalSize bytes. Gives orginalSize.
+// Inflates what readCompressed brought, or bytes from elsewhere, into `dest`, which has room for orginalSize, at most
+// for kBlockSize: a record that claims more is refused. The block is good only when its zlib stream ended, with its
+// checksum, exactly at its last byte and at orginalSize bytes. Gives orginalSize.
 std::uint32_t inflateBlock(const readRoad& road, const blockPlace& block, unsigned char* dest);
 
 // Both.
