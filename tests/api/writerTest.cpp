@@ -201,8 +201,11 @@ TEST_F(Writer, AppendsToTheOtherByteOrder) {
     orva::Writer writer = orva::Writer::append(name, {.any_order = true});
     EXPECT_EQ(thrownBy([&] { writer.write_rows(std::vector<int>(1)); }), "UsageError");
     writer.write(bytesOf(Bytes(kBlock, 'b')));
+    writer.flush_rows();
+    EXPECT_EQ(thrownBy([&] { writer.write_rows(std::vector<int>(1)); }), "UsageError");
+    writer.write(bytesOf(Bytes(10, 'c')));
     writer.finish();
-    EXPECT_TRUE(sameBytes(rowsOf("rows"), Bytes(100'000, 'a') + Bytes(kBlock, 'b')));
+    EXPECT_TRUE(sameBytes(rowsOf("rows"), Bytes(100'000, 'a') + Bytes(kBlock, 'b') + Bytes(10, 'c')));
 }
 
 TEST_F(Writer, SaysThatAnotherFileTookTheName) {

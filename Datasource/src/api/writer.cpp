@@ -87,20 +87,21 @@ struct Writer::State {
         fRow0 = found.row0();
         fSize = found.size();
         fNamed = std::make_unique<openedFile>(fPath.string(), fPlace);
-        resume();
+        resume(bOtherOrder);
     }
 
-    void resume() {
+    // `swap`: heading and index have the other byte order. What a part has finished has this machine's.
+    void resume(bool swap) {
         const i64 end = fRow0 + fSize;
-        fPart = std::make_unique<partWriter>(*fOpened, fRow0, resumePoint{bOtherOrder, end, end, {}}, fRoads, bDurable,
-                                             fChoices);
+        fPart =
+            std::make_unique<partWriter>(*fOpened, fRow0, resumePoint{swap, end, end, {}}, fRoads, bDurable, fChoices);
     }
 
     i64 size() const { return fPart != nullptr ? fPart->end() - fRow0 : fSize; }
 
     // The part that takes rows: after flush_rows() the next one, so that nothing is at work before they come.
     partWriter& part() {
-        if (fPart == nullptr) resume();
+        if (fPart == nullptr) resume(false);
         return *fPart;
     }
 
@@ -139,7 +140,7 @@ struct Writer::State {
     std::unique_ptr<pendingFile> fPending;  // until the file is under its name
     std::unique_ptr<ORVA_File> fOpened = std::make_unique<ORVA_File>();
     std::unique_ptr<const openedFile> fNamed;  // the file that rows are added to, by which it is known under its name
-    bool bOtherOrder = false;                  // of that file
+    bool bOtherOrder = false;                  // of its rows
     std::unique_ptr<partWriter> fPart;
     Bytes fRoom;             // what write() fills without a call
     std::size_t fGiven = 0;  // by room()
