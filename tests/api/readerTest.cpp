@@ -88,6 +88,7 @@ TEST_F(Reader, SaysWhatIsWrongWithAFile) {
         {"FirstLineAndZeros", made("zeros", dictionary + Bytes(5'000)), {}, "UnfinishedFileError"},
         {"FirstLineAndItsPlace", made("line2", dictionary), {.row0 = 512}, "UnfinishedFileError"},
         {"IndexCutOff", made("cut", support::slice(whole, 0, whole.size() - 10)), {}, "DamagedFileError"},
+        {"IndexFarAway", made("far", support::with(whole, 520, Bytes(16, 0x7F))), {}, "DamagedFileError"},
         {"AnotherPlace", path("whole"), {.row0 = 513}, "DamagedFileError"},
         {"PlaceBelowOne", path("whole"), {.row0 = 0}, "UsageError"},
         {"ThreadsBelowZero", path("whole"), {.threads = -1}, "UsageError"},

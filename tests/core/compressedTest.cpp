@@ -258,6 +258,9 @@ TEST_P(CompressedRead, APositionThatNoBlockHoldsIsDamageNotTheEnd) {
     const Reader reader(fName, GetParam(), row0);
     EXPECT_THAT(failureOf([&] { reader.readAt(row0 + 26'000, 1); }), HasSubstr("bInfo.orginalPos != -200"));
     EXPECT_EQ(reader.readAt(row0 + 23'001, 700), fBlocks[3]);
+    const std::int64_t last = INT64_MAX - 100;
+    support::overwriteBytes(fName, index + 6 * kRecordSize, bytesOf(last));
+    EXPECT_EQ(Reader(fName, GetParam(), row0).readAt(last, 1'000), fBlocks[5]);
     std::filesystem::resize_file(fName, row0 + 30);
     EXPECT_THAT(failureOf([&] { reader.readAt(row0 + 10, 1); }), HasSubstr("ret == bInfo.translateSize"));
 }

@@ -108,9 +108,9 @@ private:
     // was taken for a dictionary part stands before it.
     void refuseSecond(const foundHeading& found) const {
         const foundPart first{found.heading._caseStartPos, found.swapped};
-        const std::int64_t end = found.heading._indexPos + found.heading._size;
-        if (end <= first.row0Pos || end > fLength - kHeadingSize) return;
-        const auto second = findPart(fPlace, end);
+        const auto& [row0, indexPos, size] = found.heading;
+        if (indexPos <= row0 || indexPos > fLength || size < 0 || size > fLength - kHeadingSize - indexPos) return;
+        const auto second = findPart(fPlace, indexPos + size);
         if (!second || !isSound(fPlace, *second) || !isSound(fPlace, first)) return;
         throw UsageError(name() + " holds two compressed parts, at offset " + std::to_string(first.row0Pos) +
                              " and at " + std::to_string(second->row0Pos) + ": say by row0 which one you mean",

@@ -91,11 +91,13 @@ std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint6
 std::uint64_t partReader::readSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size) {
     const std::span<const filePosRecord> records = fIndex.records().subspan(first);
     std::int64_t end = records.front().orginalPos;
-    const std::int64_t last = end + static_cast<std::int64_t>(size);
+    std::uint64_t left = size;
     std::uint32_t count = 0;
     for (const filePosRecord& record : records) {
-        if (record.orginalPos != end || !isBlockSize(record.orginalSize) || end + record.orginalSize >= last) break;
+        const auto rows = static_cast<std::uint64_t>(record.orginalSize);
+        if (record.orginalPos != end || !isBlockSize(record.orginalSize) || rows >= left) break;
         end += record.orginalSize;
+        left -= rows;
         ++count;
     }
     if (count < 2) return 0;
