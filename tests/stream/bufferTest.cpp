@@ -122,8 +122,11 @@ TEST(ReadAheadSlot, R2_R3_R4_R5_EveryTurnGivesTheTokenBackAndAFailedOneForgetsTh
     EXPECT_EQ(slot.step(fails), 0);
     EXPECT_FALSE(hit()) << "R4";
     readAheadSlot::request(slot).readAhead(100);
+    slot.step([](std::int64_t) { return 9U; });
+    readAheadSlot::request(slot).readAhead(200);
     slot.requestStop();
     EXPECT_EQ(slot.step(fails), 1) << "R5: before the block that was asked for";
+    EXPECT_FALSE(hit()) << "R5: the block before that one is given back";
 }
 
 struct WrittenCase {

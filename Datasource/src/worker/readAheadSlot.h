@@ -9,8 +9,7 @@
 //    block read ahead, so a later request is a miss that is served.
 // R4 A failed read-ahead is no read-ahead: the next request is a miss, which meets the failure on the caller's thread.
 // R5 The stop request is written at any moment and seen at the thread's next wait, which then ends in a post of
-// nothing: a
-//    request that waits for a block asked for before is a miss that is served.
+//    nothing: a request that waits for a block asked for before is a miss that is served.
 // R6 A block that was written over since it was asked for is no hit, nor is one that ended with the file if bytes were
 //    written behind it since: noteWritten takes the caller's turn and forgets it.
 #pragma once
@@ -40,7 +39,7 @@ struct readAheadSlot {
         bool hits(std::int64_t position) const { return bTaken && position == fSlot.fpPreReadPos; }
         // Ends the turn: the thread reads the block at `nextPos` now.
         void readAhead(std::int64_t nextPos) {
-            fSlot.stCurSize = 0;
+            fSlot.forget();  // a loop that ends before it leaves no block
             fSlot.fpNextPos = nextPos;
             bHandedOver = true;
             fSlot.semFilledSlot.postSemaphore();
