@@ -93,12 +93,12 @@ private:
 };
 
 // Two blocks, each handed over by a slot of its own (readAheadSlot.h): the read thread reads ahead for whoever
-// inflates, the decompress thread inflates ahead for the caller. T1 decompress runs in the turn of fInflated's owner,
-// so never on two threads at once. T2 It asks for the next block to be read before its own turn ends: so one block is
-// read while another is inflated. T3 A failed step forgets its block; the next request is a miss, which meets the
-// failure on the caller's thread. T4 A decompress step that waits for a read which will not come any more, since the
-// read thread has been told to stop,
-//    gets its turn from that thread's last post, reads for itself and finishes its block.
+// inflates, the decompress thread inflates ahead for the caller.
+// T1 decompress runs in the turn of fInflated's owner, so never on two threads at once.
+// T2 It asks for the next block to be read before its own turn ends: so one block is read while another is inflated.
+// T3 A failed step forgets its block; the next request is a miss, which meets the failure on the caller's thread.
+// T4 A decompress step that waits for a read which will not come any more, since the read thread has been told to
+//    stop, gets its turn from that thread's last post, reads for itself and finishes its block.
 class PreIOThread_Tri_R_D : public PreIOThreadBase {
 public:
     class newThreadForDecompress;
