@@ -39,7 +39,7 @@ def console(block: str, directory: str) -> list[tuple[str, str]]:
     mark = "-- end of a command --"
     after = f"said() {{ local code=$?; [ $code = 0 ] || echo exit code $code; echo '{mark}'; }}\n"
     said = run(["bash"], directory, after + "".join(f"{step[0]}\nsaid\n" for step in steps)).split(f"{mark}\n")
-    return [(step[1] if len(step) > 1 else "", found) for step, found in zip(steps, said)]
+    return [(step[1] if len(step) > 1 else "", found) for step, found in zip(steps, said[:-1], strict=True)]
 
 
 def program(block: str, directory: str) -> str:
@@ -52,7 +52,6 @@ def program(block: str, directory: str) -> str:
 
 def failures(page: Path) -> list[str]:
     blocks = re.findall(r"^```(\w+)\n(.*?)^```$", page.read_text(), re.MULTILINE | re.DOTALL)
-    wrong = []
     with tempfile.TemporaryDirectory() as directory:
         pairs = []
         for (language, block), (follower, shown) in zip(blocks, [*blocks[1:], ("", "")]):
