@@ -113,6 +113,6 @@ def the_side_file() -> Picture:
 
 if __name__ == "__main__":
     directory = Path(sys.argv[1]) if len(sys.argv) > 1 else here / "pictures"
-    directory.mkdir(exist_ok=True)
+    directory.mkdir(parents=True, exist_ok=True)
     for name, draw in {"file": the_file, "roads": the_roads, "sideFile": the_side_file}.items():
         draw().save(directory / f"{name}.svg")

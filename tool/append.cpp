@@ -120,11 +120,11 @@ verb addAppend(CLI::App& app) {
     auto options = std::make_shared<appendOptions>();
     CLI::App* command = app.add_subcommand("append", "Add rows to a finished file; a failure leaves it as it was");
     options->part.addTo(*command);
-    command->add_option("IN", options->in, "A file of rows; standard input (-) without one");
+    command->add_option("IN", options->in, "A file of rows; - or nothing is standard input");
     command->add_flag(
         "--no-sync", options->noSync,
-        "Leave it to the system when the rows reach the disk, and do without the side file that undoes an "
-        "append which a crash ends");
+        "Leave it to the system when the rows reach the disk, and do without the side file by which an append that a "
+        "crash has ended is undone");
     options->choices.addLevelTo(*command);
     options->threads.addTo(*command);
     options->progress.addTo(*command);

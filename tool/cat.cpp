@@ -208,21 +208,26 @@ verb addCat(CLI::App& app) {
     auto options = std::make_shared<catOptions>();
     CLI::App* command = app.add_subcommand("cat", "Write rows to standard output, whole or in ranges");
     options->part.addTo(*command);
-    CLI::Option* range =
-        command->add_option("--range", options->ranges, "OFF:LEN: bytes of rows, or -N: the last N; may be repeated");
-    CLI::Option* records = command->add_option(
-        "--records", options->records, "A:B: records of rows, B exclusive, or -N: (the last N); may be repeated");
+    CLI::Option* range = command->add_option("--range", options->ranges,
+                                             "So many bytes of rows from this offset on, or -N, the last N; may be "
+                                             "repeated");
+    CLI::Option* records = command->add_option("--records", options->records,
+                                               "Records of --record-size from A up to B, which is not one of them, or "
+                                               "-N:, the last N; may be repeated");
     CLI::Option* where = command->add_option("--records-where", options->where,
-                                             "OFFSET:TYPE>=VALUE (> <= < ==): records of rows that ascend by this key");
+                                             "Records whose number at this offset is so large (also > <= < ==); they "
+                                             "ascend by that number");
     CLI::Option* recordSize = command->add_option("--record-size", options->recordSize, "The bytes of one record");
-    CLI::Option* damaged = command->add_option(
-        "--damaged", options->damaged, "At a damaged block: stop, or go on with zeros (zero) or without (skip)");
-    range->allow_extra_args(false)->excludes(records);
-    records->allow_extra_args(false)->needs(recordSize);
-    where->expected(1, 2)->needs(recordSize)->excludes(range)->excludes(records)->excludes(damaged);
-    recordSize->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
-    damaged->check(CLI::IsMember({"stop", "zero", "skip"}));
-    command->add_option("-o,--output", options->out, "Write to this file instead");
+    CLI::Option* damaged = command->add_option("--damaged", options->damaged,
+                                               "At a damaged block stop, as without it, or go on with zeros (zero) or "
+                                               "without its rows (skip)");
+    range->option_text("OFF:LEN")->allow_extra_args(false)->excludes(records);
+    records->option_text("A:B")->allow_extra_args(false)->needs(recordSize);
+    where->option_text("'OFFSET:TYPE>=VALUE'")->expected(1, 2)->needs(recordSize);
+    where->excludes(range)->excludes(records)->excludes(damaged);
+    recordSize->option_text("N")->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
+    damaged->option_text("HOW")->check(CLI::IsMember({"stop", "zero", "skip"}));
+    command->add_option("-o,--output", options->out, "Write to this file instead")->option_text("FILE");
     options->output.addTo(*command);
     options->threads.addTo(*command);
     options->progress.addTo(*command);

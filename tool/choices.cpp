@@ -8,15 +8,19 @@
 void choiceOptions::addBlockTo(CLI::App& command) {
     command
         .add_option("--block", block,
-                    "Rows of one block in bytes, or with K or M behind the number, 1M without it; shorter blocks cost "
-                    "ratio and "
-                    "make reading at any place faster")
+                    "Bytes of rows in a block, 65,536 to 4,190,208, or as 256K; 1M without it. Shorter blocks make "
+                    "reading a few rows faster and the file larger")
+        ->option_text("LEN")
         ->transform(
             CLI::AsNumberWithUnit(std::map<std::string, std::int64_t>{{"k", 1 << 10}, {"m", 1 << 20}}).description(""))
         ->check(CLI::Range(std::int64_t{kShortestBlockLength}, std::int64_t{kBlockSize}));
 }
 
 void choiceOptions::addLevelTo(CLI::App& command) {
-    command.add_option("--level", level, "1, as without it, compresses fastest; a higher level better and slower")
+    command
+        .add_option("--level", level,
+                    "Of compression: 1, as without it, is the fastest, " +
+                        std::to_string(zcmpsFilestr::bestCompressionLevel()) + " the smallest")
+        ->option_text("N")
         ->check(CLI::Range(std::int32_t{1}, zcmpsFilestr::bestCompressionLevel()));
 }

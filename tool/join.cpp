@@ -91,9 +91,13 @@ verb addJoin(CLI::App& app) {
     CLI::App* command = app.add_subcommand("join", "Put the rows of finished files into one, without inflating them");
     command->add_option("FILE", options->inputs, "Finished files, one behind the other")->required();
     command->add_option("--row0", options->row0, "The file offset where the compressed part begins in each of them")
+        ->option_text("S")
         ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
-    command->add_option("-o,--output", options->out, "The file to make")->required();
-    command->add_option("--dict", options->dict, "The dictionary part to put in front; the first file's without it");
+    command->add_option("-o,--output", options->out, "The file to make; cannot be left out")
+        ->option_text("FILE")
+        ->required();
+    command->add_option("--dict", options->dict, "The dictionary part to put in front; without it the first file's")
+        ->option_text("FILE");
     command->add_flag("--check", options->check, "Inflate every block first, and make nothing if one is damaged");
     options->output.addTo(*command);
     options->threads.addTo(*command);

@@ -1,5 +1,6 @@
 // orva: packs rows into compressed data files, reads them back, and looks into such files.
 #include "failure.h"
+#include "help.h"
 #include "output.h"
 #include "signals.h"
 #include "text.h"
@@ -95,16 +96,19 @@ std::string subjectOf(const CLI::App& command) {
 }
 
 int runTool(int argc, char** argv, std::string& verbName, std::string& subject) {
-    CLI::App app{"Compressed data files: rows in blocks, with an index for reading any part of them.", "orva"};
-    app.set_version_flag("--version", versionText());
+    CLI::App app{"Files of rows, compressed in blocks, any part of which can be read by itself.", "orva"};
+    app.formatter(helpLayout());
+    app.set_help_flag("-h,--help", "Tell what you are reading");
+    app.set_version_flag("--version", versionText(), "Tell the version and the codecs in use");
     app.require_subcommand(0, 1);
     app.footer(
-        "'orva VERB --help' tells the flags of a verb. Exit codes: 0 all well, 1 other failure, 2 usage,\n"
-        "3 an input cannot be read, 4 the output cannot be written, 5 damaged or unfinished data, 7 done in part.");
+        "'orva VERB --help' tells the options of a verb, 'man orva' everything.\n"
+        "Exit codes: 0 all well, 1 other failure, 2 usage, 3 an input cannot be read,\n"
+        "4 the output cannot be written, 5 damaged or unfinished data, 7 done in part.");
     std::vector<std::pair<CLI::App*, verb>> verbs;
     for (const namedVerb& one : verbsFor(argc > 1 ? argv[1] : "")) {
         verb run = one.add(app);
-        verbs.emplace_back(app.get_subcommands({}).back(), std::move(run));
+        verbs.emplace_back(app.get_subcommands({}).back()->group("Verbs"), std::move(run));
         checkValues(*verbs.back().first);
     }
     try {

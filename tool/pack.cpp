@@ -115,8 +115,10 @@ verb addPack(CLI::App& app) {
     auto options = std::make_shared<packOptions>();
     CLI::App* command = app.add_subcommand("pack", "Compress rows into a finished file");
     command->add_option("IN", options->inputs, "Files of rows, one behind the other; - is standard input")->required();
-    command->add_option("-o,--output", options->out, "The file to make; IN.orva where there is one IN");
-    command->add_option("--dict", options->dict, "The dictionary part to put in front, byte for byte");
+    command->add_option("-o,--output", options->out, "The file to make; without it IN.orva, if there is one IN")
+        ->option_text("FILE");
+    command->add_option("--dict", options->dict, "The dictionary part to put in front, byte for byte")
+        ->option_text("FILE");
     options->choices.addLevelTo(*command);
     options->choices.addBlockTo(*command);
     options->output.addTo(*command);

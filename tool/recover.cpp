@@ -157,14 +157,16 @@ verb addRecover(CLI::App& app) {
     auto options = std::make_shared<recoverRunOptions>();
     CLI::App* command = app.add_subcommand("recover", "Rebuild a finished file from a damaged or unfinished one");
     options->part.addTo(*command);
-    command->add_option("-o,--output", options->out, "The file to make");
+    command->add_option("-o,--output", options->out, "The file to make; needed unless --roll-back is given")
+        ->option_text("FILE");
     command->add_flag("--committed", options->committed,
                       "Leave out the blocks that an append which was not finished has added; a last block that it has "
                       "rewritten stays, new rows included");
     command->add_flag("--drop", options->drop, "Close the gaps of lost rows instead of filling them with zeros");
     command->add_flag("--json", options->json, "Write the report as JSON");
-    CLI::Option* rollBack = command->add_flag("--roll-back", options->rollBack,
-                                              "End an interrupted append in FILE itself, by its side file");
+    CLI::Option* rollBack =
+        command->add_flag("--roll-back", options->rollBack,
+                          "End an interrupted append in FILE itself by its side file; goes with no other option");
     options->output.addTo(*command);
     for (const char* other : {"--row0", "--swap", "--committed", "--drop", "--json", "--force", "--no-sync"}) {
         rollBack->excludes(command->get_option(other));

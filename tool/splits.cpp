@@ -128,11 +128,13 @@ verb addSplits(CLI::App& app) {
     command->add_flag("--json", options->json, "Write them as JSON, not one a line as offset, tab and length");
     const auto atLeastOne = CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max());
     command->add_option("--count", options->count, "So many ranges at most; without it one for each block")
+        ->option_text("N")
         ->check(atLeastOne);
     CLI::Option* recordSize =
         command->add_option("--record-size", options->recordSize, "The bytes of one record; no range cuts one");
-    recordSize->check(atLeastOne);
+    recordSize->option_text("N")->check(atLeastOne);
     command->add_option("--delimiter", options->delimiter, "The byte behind each record, as '\\n'; no range cuts one")
+        ->option_text("C")
         ->check([](const std::string& text) { return parseByte(text) ? "" : "is not one byte, as x, \\n or \\x1e"; })
         ->excludes(recordSize);
     return [options] { return splitsRun(*options).run(); };
