@@ -175,8 +175,10 @@ private:
              "bytes " + std::to_string(lost.offset) + " to " + std::to_string(lost.offset + lost.length) +
                  " of the rows are lost: " + why.substr(0, why.find("; 'orva recover")));
         if (fOptions.damaged == "skip") return;
-        const std::vector<char> zeros(static_cast<std::size_t>(lost.length));
-        out.write(zeros.data(), zeros.size());
+        constexpr std::int64_t most = 1 << 20;
+        const std::vector<char> zeros(static_cast<std::size_t>(std::min(lost.length, most)));
+        for (std::int64_t left = lost.length; left > 0 && out.open(); left -= most)
+            out.write(zeros.data(), static_cast<std::size_t>(std::min(left, most)));
     }
 
     // Gives the number of records from `first` on that lie in the range.

@@ -109,7 +109,7 @@ std::uint32_t shownPart::blockAt(std::int64_t offset) const {
 
 Block shownPart::block(std::uint32_t number) const {
     const filePosRecord& r = fRecords[number];
-    return {{r.orginalPos - row0(), r.orginalSize}, r.translatePos, r.translateSize};
+    return {{begin(number), begin(number + 1) - begin(number)}, r.translatePos, r.translateSize};
 }
 
 std::vector<std::byte> shownPart::dictionary() const {

@@ -48,6 +48,7 @@ public:
     std::int64_t begin(std::uint32_t number) const;
     // The block that holds the offset, which lies in the rows.
     std::uint32_t blockAt(std::int64_t offset) const;
+    // Its rows end where the next block's begin, whatever the record says: blocks cover all rows, each once.
     Block block(std::uint32_t number) const;
     std::vector<Block> blocks() const;
     std::vector<std::byte> dictionary() const;
