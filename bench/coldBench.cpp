@@ -5,6 +5,7 @@
 
 #include <orva/compressedLayout.h>
 #include <orva/filestr.h>
+#include <orva/reader.h>
 #include <orva/zcmpsFilestr.h>
 #include <orva/zlibCompress.h>
 
@@ -13,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -47,12 +49,6 @@ double inFreshProcess(const std::string& work, const std::string& file) {
     return seconds;
 }
 
-std::unique_ptr<zcmpsFilestr> opened(const std::string& name) {
-    auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"));
-    stream->readFilePosInfo(kRow0, false);
-    return stream;
-}
-
 void makePart(const std::string& name, const unsigned char* rows, std::size_t size, std::int32_t threads) {
     ORVA_FileStream dictionary(name.c_str(), "w+b");
     const Bytes bytes(kRow0);
@@ -65,11 +61,11 @@ void makePart(const std::string& name, const unsigned char* rows, std::size_t si
     stream.Close();
 }
 
-// Rows from behind S on, in place.
-double reading(const std::string& name, std::uint32_t size) {
+// Rows from behind S on.
+double reading(const std::string& name, std::size_t size) {
     return wallSeconds([&] {
-        const auto stream = opened(name);
-        require(stream->readInPlace(size).size() == size, "short");
+        const std::unique_ptr<std::byte[]> to(new std::byte[size]);
+        require(orva::Reader(name, {.row0 = kRow0}).read_at(0, {to.get(), size}) == size, "short");
     });
 }
 

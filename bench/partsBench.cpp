@@ -5,11 +5,9 @@
 #include "paired.h"
 
 #include <orva/blockSize.h>
-#include <orva/filestr.h>
 #include <orva/ktthread.h>
 #include <orva/reader.h>
 #include <orva/writer.h>
-#include <orva/zcmpsFilestr.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -25,6 +23,7 @@
 #include <span>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -65,6 +64,7 @@ private:
 
 // Bytes in memory, as far away as a file in the page cache.
 struct Stored final : orva::ByteSource {
+    explicit Stored(Bytes rows) : bytes(std::move(rows)) {}
     explicit Stored(const std::string& name) : bytes(std::filesystem::file_size(name)) {
         BareFile(name, O_RDONLY).read(bytes.data(), bytes.size());
     }
@@ -109,22 +109,13 @@ Pair reading(Rows make) {
 }
 
 Pair writing(Rows make) {
-    const auto rows = std::make_shared<Bytes>(make(kBlocks * kBlock));
+    const auto rows = std::make_shared<Stored>(make(kBlocks * kBlock));
     const auto scratch = std::make_shared<Scratch>();
     return bothThreads([=](const std::shared_ptr<Laps>& laps) {
-        ORVA_FileStream dictionary(scratch->path("made").c_str(), "w+b");
-        dictionary.Write("d", 1);
-        zcmpsFilestr writer(dictionary);
-        writer.setThreadCount(1);
-        writer.setBlockLength(kBlock);
-        writer.setRow0Pos(1);
-        writer.Seek(1, ORVA_StrBaseIO::SeekFromStart);
-        const auto source = [&](std::int64_t offset, std::span<unsigned char> block) {
-            laps->lap();
-            std::copy_n(rows->begin() + offset, block.size(), block.begin());
-        };
-        writer.writeFrom(source, std::ssize(*rows));
-        writer.Close();
+        rows->laps = laps;
+        orva::Writer writer(scratch->path("made"), {.threads = 2, .durable = false, .replace = true, .block = kBlock});
+        writer.write_from(*rows);
+        writer.finish();
     });
 }
 

@@ -65,9 +65,6 @@ TEST_P(CompressedWrite, BreachesEndInAssertions) {
     EXPECT_ASSERTION((stream->Seek(1, ORVA_StrBaseIO::SeekFromStart), stream->Write("x", 1)),
                      "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && "
                      "\"Jumped write in zcmpsFilestr::Data::Write\"");
-    EXPECT_ASSERTION((stream->Flush(), stream->wrote(1)), "count <= availBuffSize");
-    EXPECT_ASSERTION(stream->wrote(static_cast<std::uint32_t>(stream->room().size() + 1)), "count <= availBuffSize");
-    EXPECT_ASSERTION(stream->writeFrom({}, -1), "size >= 0");
     if (GetParam() == 1) EXPECT_ASSERTION(stream->setMultiThread(0), "fData->fpIOThread == 0");
     EXPECT_EQ(stream->Close(), 1);
     EXPECT_ASSERTION(stream->Write("x", 1), "fData->bClosed == false");
@@ -93,16 +90,6 @@ TEST_P(CompressedWrite, StatesAfterTheEnd) {
     } cases[] = {
         {"Closed", [](zcmpsFilestr& s) { s.Close(); }, "", "1", "1", true},
         {"Abandoned", [](zcmpsFilestr& s) { s.abandon(); }, "", "1", "0", false},
-        {"ASourceOfRowsThatFails",
-         [&](zcmpsFilestr& s) {
-             const auto source = [](std::int64_t offset, std::span<unsigned char>) {
-                 if (offset > kBlock) throw std::runtime_error("no rows");
-             };
-             EXPECT_EQ(failureOf([&] { s.writeFrom(source, 3 * kBlock); }), "other no rows");
-             EXPECT_EQ(s.Tell(), kRow0 + 10);
-             s.Close();
-         },
-         "other no rows", "other no rows", "0", false},
         {"NotReopened", [&](zcmpsFilestr& s) { std::filesystem::remove(fName), s.Close(); }, lost, lost, "1", true},
     };
     for (const auto& c : cases) {

@@ -16,10 +16,8 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <memory>
-#include <span>
 
 namespace core {
 
@@ -95,26 +93,6 @@ inline void write(ORVA_StrBaseIO& stream, const Bytes& bytes) {
     EXPECT_EQ(stream.Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
 }
 
-// The same by the stream's own asking, which ends with the call.
-inline void writeFrom(zcmpsFilestr& stream, const Bytes& bytes) {
-    const auto over = std::make_shared<std::atomic<bool>>(false);
-    const auto source = [=, &bytes](std::int64_t offset, std::span<unsigned char> to) {
-        EXPECT_FALSE(*over) << "rows were asked for when nobody has them any more";
-        std::copy_n(bytes.begin() + offset, to.size(), to.begin());
-    };
-    stream.writeFrom(source, std::ssize(bytes));
-    *over = true;
-}
-inline void writeInPlace(zcmpsFilestr& stream, const Bytes& bytes) {
-    for (std::size_t done = 0; done < bytes.size();) {
-        const std::span<unsigned char> to = stream.room();
-        const std::size_t count = std::min(to.size(), bytes.size() - done);
-        std::copy_n(bytes.data() + done, count, to.begin());
-        stream.wrote(static_cast<std::uint32_t>(count));
-        done += count;
-    }
-}
-
 // Blocks of these, apart from what deflate cuts.
 inline void writeBlocks(zcmpsFilestr& stream, const std::vector<Bytes>& blocks) {
     for (const Bytes& block : blocks) {
@@ -167,15 +145,6 @@ public:
     Bytes read(std::size_t size) const {
         Bytes bytes(size);
         bytes.resize(fStream->Read(bytes.data(), static_cast<std::uint32_t>(size)));
-        return bytes;
-    }
-    Bytes readInPlace(std::size_t size) const {
-        Bytes bytes;
-        while (bytes.size() < size) {
-            const auto rows = fStream->readInPlace(static_cast<std::uint32_t>(size - bytes.size()));
-            if (rows.empty()) break;
-            bytes.insert(bytes.end(), rows.begin(), rows.end());
-        }
         return bytes;
     }
     Bytes readAt(std::int64_t position, std::size_t size) const {

@@ -182,10 +182,7 @@ protected:
             const auto blocks = static_cast<std::size_t>(random.between(1, 2) * fLength + random.between(-1, 1));
             const bool wholeOnes = random.oneIn(40) && blocks < fPool.size();
             const Bytes rows = someRows(random, random.oneIn(9) ? 0 : wholeOnes ? blocks : anySize(random));
-            const std::uint64_t how = random.below(3);
-            if (how == 0) write(stream, rows);
-            if (how == 1) writeInPlace(stream, rows);
-            if (how == 2) writeFrom(stream, rows);
+            write(stream, rows);
             fRows = std::move(fRows) + rows;
             expectInBlocks(std::ssize(rows));
             if (random.oneIn(3)) {
@@ -266,7 +263,7 @@ protected:
             const bool inside = at >= kRow0 && at < end();
             const Bytes expected = inside ? support::slice(fRows, at - kRow0, size) : Bytes();
             reader->Seek(at, ORVA_StrBaseIO::SeekFromStart);
-            const Bytes found = random.oneIn(2) ? reader.read(size) : reader.readInPlace(size);
+            const Bytes found = reader.read(size);
             EXPECT_TRUE(support::sameBytes(found, expected)) << "at " << at;
             at += std::ssize(expected);
             EXPECT_EQ(reader->Tell(), at);

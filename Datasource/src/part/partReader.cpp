@@ -37,36 +37,18 @@ void partReader::remake(const roads& taken, std::uint32_t cachedBlocks) {
 }
 
 // A block that is not what its record says may be another process's doing.
-template <class Steps>
-auto partReader::guarded(Steps steps) {
-    try {
-        return steps();
-    } catch (const DamagedFileError& damage) {
-        if (changedSince(fFile, fHeading, bSwap, fIndex.records())) throw FileChangedError(damage);
-        throw;
+std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64_t size) try {
+    std::uint64_t done = 0;
+    while (done < size) {
+        const std::uint64_t count = readOn(pos, to + done, size - done);
+        if (count == 0) break;
+        done += count;
+        pos += static_cast<std::int64_t>(count);
     }
-}
-
-std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64_t size) {
-    return guarded([&] {
-        std::uint64_t done = 0;
-        while (done < size) {
-            const std::uint64_t count = readOn(pos, to + done, size - done);
-            if (count == 0) break;
-            done += count;
-            pos += static_cast<std::int64_t>(count);
-        }
-        return done;
-    });
-}
-
-std::span<const unsigned char> partReader::lend(std::int64_t& pos, std::uint64_t size) {
-    return guarded([&] {
-        if (const std::optional<std::uint32_t> number = blockToLoad(pos)) hold(*number);
-        const std::span<const unsigned char> rows = held(pos, size);
-        pos += std::ssize(rows);
-        return rows;
-    });
+    return done;
+} catch (const DamagedFileError& damage) {
+    if (changedSince(fFile, fHeading, bSwap, fIndex.records())) throw FileChangedError(damage);
+    throw;
 }
 
 // What the block at `pos` has of them, 0 where there is none. Blocks that the request covers go straight into the
@@ -82,9 +64,10 @@ std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint6
         }
         hold(*number);
     }
-    const std::span<const unsigned char> rows = held(pos, size);
-    std::copy(rows.begin(), rows.end(), to);
-    return rows.size();
+    if (!holds(pos)) return 0;
+    const std::uint64_t count = std::min(size, static_cast<std::uint64_t>(fpos + fSize - pos));
+    std::copy_n(fBuffer + (pos - fpos), count, to);
+    return count;
 }
 
 // The bytes of the blocks from there on that the request covers, less its last one, as far as they came at once.
@@ -119,11 +102,6 @@ void partReader::hold(std::uint32_t number) {
     fBuffer = fSource->lend(number);
     fpos = fIndex.parsed(number).orginalPos;
     fSize = fIndex.parsed(number).orginalSize;
-}
-
-std::span<const unsigned char> partReader::held(std::int64_t pos, std::uint64_t size) const {
-    if (!holds(pos)) return {};
-    return {fBuffer + (pos - fpos), std::min(size, static_cast<std::uint64_t>(fpos + fSize - pos))};
 }
 
 std::optional<std::uint32_t> partReader::numberAt(std::int64_t pos) const {

@@ -18,7 +18,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <span>
 
 namespace orva {
 
@@ -32,8 +31,6 @@ public:
     // Up to `size` rows from `pos` on, which moves on as they come; the count. Fewer: the rows end there, or `pos` lies
     // outside them. A position inside them that no block holds is damage.
     std::uint64_t read(std::int64_t& pos, unsigned char* to, std::uint64_t size);
-    // The same rows where they stand, up to the end of their block; until the next call.
-    std::span<const unsigned char> lend(std::int64_t& pos, std::uint64_t size);
     // From now on blocks come by these threads. If that throws, nothing has changed.
     void take(const roads& taken) { remake(taken, fCachedBlocks); }
     // Keeps up to so many blocks beside the one in hand. Forgets those that it holds.
@@ -44,13 +41,10 @@ public:
 
 private:
     bool holds(std::int64_t pos) const { return fBuffer != nullptr && pos >= fpos && pos - fpos < fSize; }
-    template <class Steps>
-    auto guarded(Steps steps);
     std::uint64_t readOn(std::int64_t pos, unsigned char* to, std::uint64_t size);
     std::uint64_t readSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size);
     std::optional<std::uint32_t> blockToLoad(std::int64_t pos);
     void hold(std::uint32_t number);
-    std::span<const unsigned char> held(std::int64_t pos, std::uint64_t size) const;
     std::optional<std::uint32_t> numberAt(std::int64_t pos) const;
     void remake(const roads& taken, std::uint32_t cachedBlocks);
 

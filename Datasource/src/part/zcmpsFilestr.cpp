@@ -240,70 +240,30 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
     }
 }
 
-orva::partReader& zcmpsFilestr::openReader() const {
-    if (fData->fLife != life::failed || fData->fReader == nullptr) fData->throwFailure();
-    ORVA_ASSERT(fData->fReader != nullptr, "pInfoBuffer != 0");
-    return *fData->fReader;
-}
-
 std::uint32_t zcmpsFilestr::Read(void* buffer, std::uint32_t size) {
     ORVA_ASSERT(!bIsWriting, "bIsWriting == false");
     if (size == 0) return 0;
-    return static_cast<std::uint32_t>(openReader().read(fFilePos, static_cast<unsigned char*>(buffer), size));
+    if (fData->fLife != life::failed || fData->fReader == nullptr) fData->throwFailure();
+    ORVA_ASSERT(fData->fReader != nullptr, "pInfoBuffer != 0");
+    return static_cast<std::uint32_t>(fData->fReader->read(fFilePos, static_cast<unsigned char*>(buffer), size));
 }
 
-std::span<const unsigned char> zcmpsFilestr::readInPlace(std::uint32_t size) {
-    ORVA_ASSERT(!bIsWriting, "bIsWriting == false");
-    if (size == 0) return {};
-    return openReader().lend(fFilePos, size);
-}
-
-void zcmpsFilestr::requireWriter() const {
+std::uint32_t zcmpsFilestr::Write(const void* buffer, std::uint32_t size) {
     ORVA_ASSERT(bIsWriting, "bIsWriting == true");
     fData->throwFailure();
     ORVA_ASSERT(!fData->isClosed(), "fData->bClosed == false");
-}
-
-// Steps that take `size` rows, or lead to them.
-template <class Steps>
-auto zcmpsFilestr::atTheEnd(std::int64_t size, Steps steps) {
+    if (size == 0) return 0;
     if (fFilePos > std::numeric_limits<std::int64_t>::max() - size) fData->pRealFile.refuseWrite(EFBIG);
     ORVA_ASSERT(fFilePos == fData->fWriter->end(),
                 "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && "
                 "\"Jumped write in zcmpsFilestr::Data::Write\"");
     try {
-        return steps(*fData->fWriter);
+        fData->fWriter->write(static_cast<const unsigned char*>(buffer), size);
     } catch (...) {
         fData->fail(life::failed);
     }
-}
-
-std::uint32_t zcmpsFilestr::Write(const void* buffer, std::uint32_t size) {
-    requireWriter();
-    if (size == 0) return 0;
-    atTheEnd(size, [&](orva::partWriter& to) { to.write(static_cast<const unsigned char*>(buffer), size); });
     fFilePos += size;
     return size;
-}
-
-std::span<unsigned char> zcmpsFilestr::room() {
-    requireWriter();
-    return atTheEnd(1, [](orva::partWriter& to) { return to.room(); });
-}
-
-void zcmpsFilestr::wrote(std::uint32_t count) {
-    requireWriter();
-    if (count == 0) return;
-    atTheEnd(count, [&](orva::partWriter& to) { to.wrote(count); });
-    fFilePos += count;
-}
-
-void zcmpsFilestr::writeFrom(const rowSource& source, std::int64_t size) {
-    requireWriter();
-    ORVA_ASSERT(size >= 0, "size >= 0");
-    if (size == 0) return;
-    atTheEnd(size, [&](orva::partWriter& to) { to.writeFrom(source, size); });
-    fFilePos += size;
 }
 
 // A closed stream's last rows stay as they are.

@@ -24,9 +24,7 @@
 #include <orva/orvaApi.h>
 
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <span>
 
 namespace orva {
 class partReader;
@@ -98,22 +96,8 @@ public:
 
     // The bytes delivered; fewer than asked: the rows end there, or the position lies outside them.
     std::uint32_t Read(void* buffer, std::uint32_t size) override;
-    // The same rows where they stand: up to `size` of them and up to the end of their block, so that nothing is copied.
-    // Empty where Read gives 0. The memory is the stream's, until the next call to it.
-    std::span<const unsigned char> readInPlace(std::uint32_t size);
     // Takes all bytes, strictly in sequence: a Seek to anywhere but the end of the rows before it is a breach.
     std::uint32_t Write(const void* buffer, std::uint32_t size) override;
-    // Memory of the current block for the next rows, at least one byte, to be filled in place until the next call to
-    // the stream. `wrote` takes the first `count` bytes of it as Write does: more than the room has, or without a room,
-    // is a breach. Both need what Write needs, and fail as it does.
-    std::span<unsigned char> room();
-    void wrote(std::uint32_t count);
-    // Fills all of `to` with the rows at that offset of the source, or throws. With setThreadCount the stream's threads
-    // call it, several at once and in any order: each reads the rows that it deflates.
-    using rowSource = std::function<void(std::int64_t offset, std::span<unsigned char> to)>;
-    // As Write of the source's first `size` rows, 0 or more. What the source throws is the writer's first failure. It
-    // is not called any more once this returns or throws.
-    void writeFrom(const rowSource& source, std::int64_t size);
     // Always 0; only moves a number, saturating at the ends of the 64-bit range. Not from the end.
     std::int32_t Seek(std::int64_t offset, SeekDirection direction) override;
     std::int64_t Tell() const override;
@@ -135,10 +119,6 @@ private:
     struct ORVA_LOCAL Data;
 
     ORVA_LOCAL void refuseWithWorker() const;
-    ORVA_LOCAL void requireWriter() const;
-    template <class Steps>
-    ORVA_LOCAL auto atTheEnd(std::int64_t size, Steps steps);
-    ORVA_LOCAL orva::partReader& openReader() const;
     ORVA_LOCAL void refuseEncrypted(long code);
     ORVA_LOCAL void requireChoice(const char* what, std::int64_t given, std::int64_t least, std::int64_t most) const;
     template <class Make>
