@@ -19,26 +19,28 @@ RECORD = int(constant("format/compressedLayout.h", r"sizeof\(filePosRecord\) == 
 HEADING = int(constant("format/compressedLayout.h", r"sizeof\(compressionHeading\) == (\d+)"))
 SUFFIX = constant("part/heldSideFile.cpp", r'"(\.orva-[a-z]+)"')
 
+WIDTH = 520  # so that a telephone's 400 points leave letters of 10
 STYLE = """
   text { font: 13px system-ui, sans-serif; fill: #24292f; }
-  .small { font-size: 11.5px; fill: #424a53; } .mid { text-anchor: middle; } .bold { font-weight: 600; }
-  rect { stroke: #57606a; stroke-width: 1; rx: 3; }
+  .small { font-size: 12px; fill: #424a53; } .mid { text-anchor: middle; } .bold { font-weight: 600; }
+  rect { stroke: #57606a; stroke-width: 1; rx: 3; } .paper { fill: #fff; stroke: none; }
   .host { fill: #eaeef2; } .mark { fill: #ffd8b5; } .block { fill: #b6e3ff; } .index { fill: #d8f5c8; } .risk { fill: #ffd7d5; }
   path { fill: none; stroke: #57606a; stroke-width: 1.3; marker-end: url(#tip); } .faint { stroke-dasharray: 4 3; }
   #tip path { fill: #57606a; stroke: none; marker-end: none; }
   @media (prefers-color-scheme: dark) {
-    text { fill: #e6edf3; } .small { fill: #c0c8d0; } rect, path { stroke: #9da7b3; } #tip path { fill: #9da7b3; }
+    .paper { fill: #131416; } text { fill: #e6edf3; } .small { fill: #c0c8d0; }
+    rect, path { stroke: #9da7b3; } #tip path { fill: #9da7b3; }
     .host { fill: #30363d; } .mark { fill: #7a4a1e; } .block { fill: #1b4b72; } .index { fill: #2f5a26; } .risk { fill: #7d2b2b; }
   }"""
 
 
 class Picture:
-    def __init__(self, title: str, width: int, height: int) -> None:
+    def __init__(self, title: str, height: int) -> None:
         self.parts = [
-            f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" width="{width}" role="img">',
+            f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height}" width="{WIDTH}" role="img">',
             f"<title>{title}</title><style>{STYLE}\n</style>",
             '<defs><marker id="tip" viewBox="0 0 8 8" refX="7" refY="4" markerWidth="7" markerHeight="7" orient="auto">'
-            '<path d="M0 0 8 4 0 8z"/></marker></defs>',
+            f'<path d="M0 0 8 4 0 8z"/></marker></defs><rect class="paper" width="{WIDTH}" height="{height}"/>',
         ]
 
     def text(self, x: float, y: float, text: str, kind: str = "") -> None:
@@ -58,56 +60,58 @@ class Picture:
 
 
 def the_file() -> Picture:
-    p = Picture("The parts of a file and what points to what", 760, 200)
-    y, high = 70, 52
-    p.box(10, y, 110, high, "host", "dictionary", "the host's own")
-    p.box(120, y, 84, high, "mark", "heading", f"{HEADING} bytes")
-    for i, (x, name) in enumerate([(204, "block 0"), (314, "block 1"), (454, "block n")]):
-        p.box(x, y, 110, high, "block", name, "a zlib stream")
-    p.text(439, y + 30, "…", "mid")
-    p.box(564, y, 186, high, "index", "index", f"{RECORD} bytes a block, and {RECORD}")
-    p.arrow(f"M162 {y} C 162 20, 600 20, 600 {y - 2}")
-    p.text(380, 24, "written last of all: a file without it is unfinished", "small mid")
-    for x, start in [(259, 640), (369, 670), (509, 700)]:
-        p.arrow(f"M{start} {y + high} C {start} 172, {x} 172, {x} {y + high + 2}", "faint")
-    p.text(120, y + high + 20, "S, where row 0 begins", "small")
-    p.text(480, 190, f"up to {BLOCK:,} bytes of rows a block; any block inflates by itself", "small mid")
+    p = Picture("The parts of a file and what points to what", 196)
+    y, high = 66, 56
+    p.box(5, y, 92, high, "host", "dictionary", "any bytes")
+    p.box(97, y, 72, high, "mark", "heading", f"{HEADING} bytes")
+    for x, name in [(169, "block 0"), (253, "block 1"), (357, "block n")]:
+        p.box(x, y, 84, high, "block", name, "zlib stream")
+    p.text(347, y + 32, "…", "mid")
+    p.box(441, y, 74, high, "index", "index", f"{RECORD} bytes", "a block")
+    p.arrow(f"M133 {y} C 133 22, 478 22, 478 {y - 2}")
+    p.text(306, 20, "The heading is written last: a file without it is unfinished.", "mid")
+    for x, start in [(211, 460), (295, 478), (399, 496)]:
+        p.arrow(f"M{start} {y + high} C {start} 168, {x} 168, {x} {y + high + 2}", "faint")
+    p.text(5, 186, f"A block holds up to {BLOCK:,} bytes of rows and inflates by itself.")
     return p
 
 
 def the_roads() -> Picture:
-    p = Picture("The road of rows into a file and out of it", 760, 236)
-    stops = [(10, "your rows"), (206, "block memory"), (402, "deflate"), (598, "file")]
-    for row, (y, title) in enumerate([(42, "Writing"), (152, "Reading")]):
-        p.text(10, y - 12, title, "bold")
-        names = [n for _, n in stops] if row == 0 else ["your rows", "the call's memory", "inflate", "file"]
-        notes = ["write, write_rows", f"{BLOCK:,} bytes", "your thread, or several", "one write a block"]
-        if row == 1:
-            notes = ["read_at, take", "whole blocks directly", "a block a thread", "one read a block"]
-        for (x, _), name, note, kind in zip(stops, names, notes, ["host", "block", "mark", "index"]):
-            p.box(x, y, 152, 50, kind, name, note)
-        for x, _ in stops[:-1]:
-            p.arrow(f"M{x + 152} {y + 25} h42" if row == 0 else f"M{x + 194} {y + 25} h-42")
-    p.text(10, 225, "A block that is read in part is kept, so that the next row of it costs a copy.", "small")
+    p = Picture("The road of rows into a file and out of it", 282)
+    roads = {
+        "Writing": [("your rows", "write", "write_rows"), ("a block", f"{BLOCK:,}", "bytes at most"),
+                    ("deflate", "your thread,", "or several"), ("file", "one write", "a block")],
+        "Reading": [("your rows", "read_at", "take"), ("memory", "the call's, or", "a kept block"),
+                    ("inflate", "a block", "a thread"), ("file", "one read", "a block")],
+    }
+    for y, (title, stops) in zip((36, 160), roads.items()):
+        p.text(5, y - 12, title, "bold")
+        for i, (stop, kind) in enumerate(zip(stops, ["host", "block", "mark", "index"])):
+            p.box(5 + 136 * i, y, 102, 66, kind, *stop)
+            if i < 3:
+                p.arrow(f"M{107 + 136 * i} {y + 33} h32" if title == "Writing" else f"M{141 + 136 * i} {y + 33} h-32")
+    p.text(5, 260, "A block of which a part was read is kept: its next row costs a copy.")
     return p
 
 
 def the_side_file() -> Picture:
-    p = Picture("What stands on the disk during an append, and what a crash then leads to", 760, 250)
+    p = Picture("What stands on the disk during an append, and what a crash then leads to", 272)
     steps = [
-        ("host", "finished", "old rows"), ("mark", "side file", "old tail kept"), ("risk", "blocks, index", "tail overwritten"),
-        ("index", "heading", "new rows count"), ("host", "finished", "side file gone"),
+        ("host", "finished", "old rows"), ("mark", "side file", "keeps the", "old end"),
+        ("risk", "blocks,", "index", "over it"), ("index", "heading", "new rows", "count"),
+        ("host", "finished", "side file", "gone"),
     ]
-    p.text(10, 22, f"An append with its side file, NAME{SUFFIX}: each step is on the disk before the next begins", "bold")
+    p.text(5, 20, "An append: each step is on the disk before the next begins", "bold")
+    p.text(5, 38, f"The side file is NAME{SUFFIX}")
     for i, (kind, *lines) in enumerate(steps):
-        p.box(10 + 152 * i, 44, 122, 50, kind, *lines)
+        p.box(5 + 107 * i, 54, 82, 66, kind, *lines)
         if i < 4:
-            p.arrow(f"M{132 + 152 * i} 69 h28")
-    p.text(10, 160, "After a crash:", "bold")
-    p.box(86, 176, 274, 50, "mark", "roll-back", "the file is byte for byte what it was")
-    p.box(466, 176, 274, 50, "index", "history", "all new rows stand, the side file goes")
-    for x, to in [(223, 200), (375, 290), (527, 540)]:
-        p.arrow(f"M{x} 96 C {x} 140, {to} 130, {to} 174", "faint")
+            p.arrow(f"M{87 + 107 * i} 87 h23")
+    p.text(5, 160, "After a crash", "bold")
+    p.box(100, 196, 206, 66, "mark", "undone", "the file is, byte for byte,", "what it was")
+    p.box(314, 196, 201, 66, "index", "completed", "all new rows stand,", "the side file goes")
+    for x, to in [(153, 165), (260, 245), (367, 400)]:
+        p.arrow(f"M{x} 122 C {x} 160, {to} 160, {to} 194", "faint")
     return p
 
 
