@@ -14,7 +14,7 @@ struct Trade {
 void store(const std::vector<Trade>& trades) {
     orva::Writer writer("trades.orva", {.threads = 2, .replace = true});
     writer.write_rows(trades);
-    writer.finish();  // there is no file before this, nor after an exception
+    writer.finish();  // now the file is there, whole; an exception before leaves nothing of it
 }
 
 double sumOfPrices(const orva::Rows<Trade>& trades) {  // by two threads
@@ -28,7 +28,7 @@ double sumOfPrices(const orva::Rows<Trade>& trades) {  // by two threads
 }
 
 void addDay(const std::vector<Trade>& trades) {
-    auto writer = orva::Writer::append("trades.orva", {.roll_back = true});  // of a day that a crash has ended
+    auto writer = orva::Writer::append("trades.orva", {.roll_back = true});  // undoes first what a crash has cut off
     writer.write_rows(trades);
     writer.finish();
 }
