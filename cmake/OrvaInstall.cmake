@@ -25,7 +25,7 @@ install(FILES ${PROJECT_BINARY_DIR}/orva.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/
 # The documents that the headers point to, laid out as in the source tree, so that their links hold.
 install(FILES README.md CHANGELOG.md SECURITY.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
-    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN _static EXCLUDE PATTERN security.md EXCLUDE
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN _static EXCLUDE PATTERN _made EXCLUDE PATTERN security.md EXCLUDE
     PATTERN contributing.md EXCLUDE)
 install(FILES examples/rows.cpp DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
 install(DIRECTORY examples/consumer DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
