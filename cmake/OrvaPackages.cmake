@@ -23,9 +23,9 @@ macro(orva_package component name section summary text)
     set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
     set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
     set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}
-orva stores rows in blocks of 4 MiB, each compressed by itself, with an index
-behind them: any range is read by inflating only the blocks it lies in. Damage
-is found, named and survived.
+orva stores rows in blocks of up to 4 MiB, each compressed by itself, with an
+index behind them: any range is read by inflating only the blocks it lies in.
+Damage is found, named and survived.
 
 ${text}")
 endmacro()
