@@ -97,10 +97,6 @@ TEST_F(Writers, M2_NoThreadWaitsForTheOneThatWritesAndNobodyReads) {
     one.drop();
     EXPECT_EQ(one.writeLoopStep(), 0);
     EXPECT_EQ(index.recordCount(), 2u) << "H5";
-    for (PreIOThreadBase* writer : {static_cast<PreIOThreadBase*>(&worker), static_cast<PreIOThreadBase*>(&one)}) {
-        EXPECT_ASSERTION(writer->getBlock(nullptr, 1, 1), ": 0\n");
-        EXPECT_ASSERTION(writer->readLoopStep(), ": 0\n");
-    }
 }
 
 // The reading workers. All make the same promises to their caller.
@@ -190,15 +186,6 @@ TYPED_TEST(ReadWorker, R5_T4_A4_StopsInEachState) {
     }
     worker.stop();
     release.join();
-}
-
-TYPED_TEST(ReadWorker, RefusesToWrite) {
-    const std::unique_ptr<TypeParam> worker(this->reader());
-    EXPECT_ASSERTION(worker->putBlock("x", 1, 1), ": 0\n");
-    EXPECT_ASSERTION(worker->writeLoopStep(), ": 0\n");
-    if (std::is_same_v<TypeParam, PreIOThread_Tri_Reader>) {
-        EXPECT_ASSERTION(worker->initThreads(false), "bRead == true");
-    }
 }
 
 // Lives of streams with threads: opened, asked a little, some of it in vain, and ended at any point.

@@ -116,6 +116,7 @@ public:
     }
     Verdict before(const platform::faults::Step& step) override {
         const std::lock_guard guard(fLock);
+        ++count;
         const bool counts = step.call == fFails && onOtherThread() == fFailsOthers;
         if (counts && fPart != 0) return Verdict::atMost(std::exchange(fPart, 0));
         return Verdict::fail(counts ? std::exchange(fError, 0) : 0);
@@ -132,6 +133,8 @@ public:
         fTransfers += (onOtherThread() ? "rw" : "RW")[step.call == Call::Write ? 1 : 0];
         fTransfers += ' ' + std::to_string(offset) + '+' + std::to_string(step.size);
     }
+
+    std::atomic<int> count{0};
 
 private:
     bool onOtherThread() const { return std::this_thread::get_id() != fTestThread; }
