@@ -17,129 +17,104 @@ std::uint64_t told(const char* variable, std::uint64_t otherwise) {
 constexpr std::uint64_t kManyOfStreams = support::kSanitized ? 30'000 : 400'000;
 constexpr std::uint64_t kManyOfParts = support::kSanitized ? 1'500 : 6'000;
 
-class Model : public support::TempDir {
-protected:
-    // Rounds of `round(random, number)`, which counts its operations, until there are enough or one failed.
-    template <class Round>
-    void rounds(std::uint64_t quick, Round round) {
-        const std::uint64_t enough = told("ORVA_MODEL_OPERATIONS", quick);
-        for (std::uint64_t seed = told("ORVA_MODEL_SEED", 1); fOperations < enough && !HasFailure(); ++seed) {
-            support::RandomBytes random(seed);
-            round(random, seed);
-        }
-        std::printf("%llu operations\n", static_cast<unsigned long long>(fOperations));
+// Rounds of `round(random, number)`, which gives its operations, until there are enough or one failed.
+template <class Round>
+void rounds(std::uint64_t quick, Round round) {
+    const std::uint64_t enough = told("ORVA_MODEL_OPERATIONS", quick);
+    std::uint64_t operations = 0;
+    for (std::uint64_t seed = told("ORVA_MODEL_SEED", 1); operations < enough && !testing::Test::HasFailure(); ++seed) {
+        support::RandomBytes random(seed);
+        operations += round(random, seed);
     }
-    // Mostly small, now and then around the sizes at which a path ends or begins.
-    static std::size_t anySize(support::RandomBytes& random) {
-        if (random.oneIn(400)) return static_cast<std::size_t>(kBlock + random.between(-513, 513));
-        if (random.oneIn(20)) return static_cast<std::size_t>(random.between(509, 515));
-        return random.below(random.oneIn(5) ? 20'000 : 200);
-    }
-    Bytes someRows(support::RandomBytes& random, std::size_t size) const {
-        return support::slice(fPool, random.below(fPool.size() - size), size);
-    }
-
-    const std::string fName = path("file");
-    const Bytes fPool = support::RandomBytes(5).rows(3 * kBlock);
-    std::uint64_t fOperations = 0;
-};
+    std::printf("%llu operations\n", static_cast<unsigned long long>(operations));
+}
+// Mostly small, now and then around the sizes at which a path ends or begins.
+std::size_t anySize(support::RandomBytes& random) {
+    if (random.oneIn(400)) return static_cast<std::size_t>(kBlock + random.between(-513, 513));
+    if (random.oneIn(20)) return static_cast<std::size_t>(random.between(509, 515));
+    return random.below(random.oneIn(5) ? 20'000 : 200);
+}
+Bytes someRows(support::RandomBytes& random, std::size_t size) {
+    static const Bytes pool = support::RandomBytes(5).rows(3 * kBlock);
+    return support::slice(pool, random.below(pool.size() - size), size);
+}
 
 // Streams of every mode, plain and enciphered.
-class StreamModel : public Model {
+class StreamModel : public support::StreamTest {
 protected:
-    StreamModel() { SetKeepEncrypt(true); }
-    ~StreamModel() override { SetKeepEncrypt(false); }
     // After a failure what still waits may not be written: nothing is to be thrown from here.
     void TearDown() override {
-        if (fStream != nullptr) fStream->stream().ClearAndReset();
+        if (model != nullptr) s().ClearAndReset();
     }
-
     void makeAnew(support::RandomBytes& random, const std::string& mode) {
-        std::filesystem::remove(fName);
-        fContent = mode[0] == 'w' ? Bytes() : someRows(random, random.below(2 * kBlock) / 16 * 16);
-        if (mode[0] != 'w') {
-            ORVA_FileStream maker(fName.c_str(), "wb", fEncrypted);
-            maker.Write(fContent.data(), static_cast<std::uint32_t>(fContent.size()));
-            maker.Close();
+        model = nullptr;
+        SetKeepEncrypt(fEncrypted);
+        content = mode[0] == 'w' ? Bytes() : someRows(random, random.below(2 * kBlock) / 16 * 16);
+        {
+            ORVA_FileStream maker(path("data").c_str(), "wb", fEncrypted);
+            write(maker, content);
         }
-        fStream = std::make_unique<support::ModelStream>(fName, mode.c_str(), fContent, fEncrypted);
+        openModel(mode.c_str(), fEncrypted);
         fPreReading = true;
         fFinished = false;
     }
     void readSome(support::RandomBytes& random) {
         std::size_t size = anySize(random);
         if (fEncrypted && !fPreReading) {  // the caller's duty
-            fStream->seek(fStream->position() / 16 * 16);
+            model->seek(model->position() / 16 * 16);
             size = size / 16 * 16;
         }
-        fStream->read(size);
+        model->read(size);
     }
     // Enciphered bytes may be refused only where they would need others that this mode can't read or not write again.
     void writeSome(support::RandomBytes& random) {
-        if (fStream->position() > 16'000'000) fStream->seek(0);
-        if (fStream->appends() && random.oneIn(2)) fStream->seek(0, ORVA_StrBaseIO::SeekFromEnd);
-        if (fContent.size() > 20'000'000 && fStream->appends()) return;
-        const std::int64_t at = fStream->position();
+        if (model->position() > 16'000'000) model->seek(0);
+        if (model->appends() && random.oneIn(2)) model->seek(0, ORVA_StrBaseIO::SeekFromEnd);
+        if (content.size() > 20'000'000 && model->appends()) return;
+        const std::int64_t at = model->position();
         const Bytes bytes = someRows(random, anySize(random));
-        const bool inSequence = at == std::ssize(fContent) && !fFinished;
+        const bool inSequence = at == std::ssize(content) && !fFinished;
         try {
-            fStream->write(bytes);
-            if (at + std::ssize(bytes) == std::ssize(fContent) && !bytes.empty()) fFinished = false;
+            model->write(bytes);
+            if (at + std::ssize(bytes) == std::ssize(content) && !bytes.empty()) fFinished = false;
         } catch (const FileError& error) {
             EXPECT_TRUE(error.messageCode() == 1002 && error.code().value() == EINVAL) << error.what();
-            EXPECT_TRUE(fEncrypted && !inSequence && (fStream->appends() || !fStream->reads())) << at;
+            EXPECT_TRUE(fEncrypted && !inSequence && (model->appends() || !model->reads())) << at;
             EXPECT_NE(std::string(error.what()).find("multiple of 16"), std::string::npos) << error.what();
-            EXPECT_EQ(fStream->stream().Tell(), at);
+            EXPECT_EQ(s().Tell(), at);
         }
     }
+    void finish(bool reopens) {
+        reopens ? model->reopen() : model->close();
+        fFinished = true;
+    }
     void operate(support::RandomBytes& random, bool writes) {
-        ORVA_FileStream& s = fStream->stream();
         const std::uint64_t kind = random.below(2'000);
-        if (kind < 800 || (kind < 1'400 && !writes)) {
-            readSome(random);
-        } else if (kind < 1'400) {
-            writeSome(random);
-        } else if (kind < 1'960) {
-            fStream->seek(random.between(-700, 700), ORVA_StrBaseIO::SeekFromCurrent);
-        } else if (kind < 1'968) {
-            fStream->seek(random.between(0, 3) * kBlock + static_cast<std::int64_t>(anySize(random)));
-        } else if (kind < 1'976) {
-            fStream->seek(random.between(-900, 900), ORVA_StrBaseIO::SeekFromEnd);
-        } else if (kind < 1'984) {
-            fPreReading = !random.oneIn(3);
-            fPreReading ? s.EnablePreReading() : s.DisablePreReading();
-        } else if (kind < 1'990) {
-            random.oneIn(3) ? s.DisableMultiThreadReading() : s.EnableMultiThreadReading();
-        } else if (kind < 1'993) {
-            EXPECT_EQ(s.Flush(), 1);
-        } else if (kind < 1'995) {
-            fStream->close();
-            fFinished = true;
-        } else if (kind < 1'996) {
-            fStream->reopen();
-            fFinished = true;
-        } else if (kind < 1'998) {
-            fStream = std::make_unique<support::ModelStream>(*fStream);
-            fFinished = true;
-        } else {
-            s.Flush(), fStream->reset();
-        }
+        if (kind < 800 || (kind < 1'400 && !writes)) return readSome(random);
+        if (kind < 1'400) return writeSome(random);
+        if (kind < 1'960) return model->seek(random.between(-700, 700), ORVA_StrBaseIO::SeekFromCurrent);
+        if (kind < 1'968) return model->seek(random.between(0, 3) * kBlock + std::int64_t(anySize(random)));
+        if (kind < 1'976) return model->seek(random.between(-900, 900), ORVA_StrBaseIO::SeekFromEnd);
+        if (kind < 1'984) return step('p', fPreReading = !random.oneIn(3));
+        if (kind < 1'990) return step('t', !random.oneIn(3));
+        if (kind < 1'993) return step('f');
+        if (kind < 1'996) return finish(kind == 1'995);
+        if (kind < 1'998) return step('k'), void(fFinished = true);
+        s().Flush(), model->reset();
     }
     // Past the stream: enciphered bytes by another one, which has the pad for data.
     void expectFile() {
-        fStream.reset();
-        Bytes found(fContent.size() + 16);
-        ORVA_FileStream reader(fName.c_str(), "rb", fEncrypted);
+        model = nullptr;
+        Bytes found(content.size() + 16);
+        ORVA_FileStream reader(path("data").c_str(), "rb", fEncrypted);
         found.resize(reader.Read(found.data(), static_cast<std::uint32_t>(found.size())));
-        if (fEncrypted) fContent.resize((fContent.size() + 15) / 16 * 16);
-        EXPECT_TRUE(support::sameBytes(found, fContent));
+        if (fEncrypted) content.resize((content.size() + 15) / 16 * 16);
+        EXPECT_TRUE(support::sameBytes(found, content));
     }
 
     static constexpr const char* kModes[] = {"r+b", "w+b", "a+b", "rb", "wb", "ab"};
     bool fEncrypted = false, fPreReading = true;
     bool fFinished = false;  // the file's end may be padded
-    Bytes fContent;
-    std::unique_ptr<support::ModelStream> fStream;
 };
 
 TEST_F(StreamModel, GivesAndKeepsTheBytesThatItTookInEveryMode) {
@@ -148,15 +123,17 @@ TEST_F(StreamModel, GivesAndKeepsTheBytesThatItTookInEveryMode) {
         fEncrypted = seed / std::size(kModes) % 2 != 0;
         const testing::ScopedTrace trace(__FILE__, __LINE__, mode + (fEncrypted ? " enciphered" : ""));
         makeAnew(random, mode);
-        for (int i = 0; i < 1'000 && !HasFailure(); ++i, ++fOperations) {
-            SCOPED_TRACE("operation " + std::to_string(i));
+        int count = 0;
+        for (; count < 1'000 && !HasFailure(); ++count) {
+            SCOPED_TRACE("operation " + std::to_string(count));
             EXPECT_NO_THROW(operate(random, mode != "rb"));
         }
         if (!HasFailure()) expectFile();
+        return count;
     });
 }
 
-class CompressedModel : public Model {
+class CompressedModel : public support::TempDir {
 protected:
     static constexpr int kRoads[] = {0, 1, 2, kOneOfSeveral, kTwo, kSeveral};
 
@@ -180,7 +157,7 @@ protected:
     void writeSome(support::RandomBytes& random, zcmpsFilestr& stream) {
         for (std::uint64_t i = random.below(30); i > 0; --i, ++fOperations) {
             const auto blocks = static_cast<std::size_t>(random.between(1, 2) * fLength + random.between(-1, 1));
-            const bool wholeOnes = random.oneIn(40) && blocks < fPool.size();
+            const bool wholeOnes = random.oneIn(40) && blocks < 3 * kBlock;
             const Bytes rows = someRows(random, random.oneIn(9) ? 0 : wholeOnes ? blocks : anySize(random));
             write(stream, rows);
             fRows = std::move(fRows) + rows;
@@ -272,6 +249,8 @@ protected:
     }
     std::int64_t end() const { return kRow0 + std::ssize(fRows); }
 
+    const std::string fName = path("file");
+    std::uint64_t fOperations = 0;
     Bytes fRows;
     std::vector<std::int32_t> fSizes;  // of the blocks
     std::int64_t fLength = kBlock;     // of a full one
@@ -282,12 +261,14 @@ TEST_F(CompressedModel, H1_H3_M1_M4_BlocksAndRowsAreThoseThatWereWritten) {
     rounds(kManyOfParts, [&](support::RandomBytes& random, std::uint64_t seed) {
         const int road = kRoads[seed % std::size(kRoads)];
         SCOPED_TRACE("road " + std::to_string(road));
+        fOperations = 0;
         makeAnew(random, road);
         for (int session = 0; session < 6 && !HasFailure(); ++session) {
             readSome(random, road);
             if (end() < 3 * kBlock) append(random, road);
         }
         readSome(random, 0);
+        return fOperations;
     });
 }
 

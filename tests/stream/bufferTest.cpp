@@ -64,7 +64,7 @@ const support::Script kScripts[] = {
      "R 0, r 4190208, W 12570624+9, R 4190208, r 8380416"},
 };
 
-using StreamBuffer = support::ScriptTest;
+using StreamBuffer = support::StreamTest;
 
 TEST_F(StreamBuffer, BytesFileCallsAndEnd) {
     for (const support::Script& script : kScripts) check(script);
@@ -87,7 +87,7 @@ TEST_F(StreamBuffer, ReadsAheadWhileAPartOverItReopensTheFile) {
     open(2 * kBlock + 1'000);
     for (int round = 0; round < (support::kSanitized ? 50 : 150) && !HasFailure(); ++round) {
         model = nullptr;
-        model = std::make_unique<support::ModelStream>(path("data"), "r+b", content);
+        openModel("r+b");
         run("t1 r1");
         zcmpsFilestr part(s());
         part.setRow0Pos(std::ssize(content));
@@ -108,51 +108,26 @@ TEST_F(StreamBuffer, ForkedChildLeavesTheFileAlone) {
     close();
 }
 
-// Both sides on one thread, which no rule forbids: each turn has ended before the other begins.
-TEST(ReadAheadSlot, R2_R3_R4_R5_EveryTurnGivesTheTokenBackAndAFailedOneForgetsTheBlock) {
-    readAheadSlot slot;
-    const auto fails = [](std::int64_t) -> std::uint32_t { throw std::runtime_error("read"); };
-    const auto hit = [&] { return readAheadSlot::request(slot).hits(100); };
-    EXPECT_FALSE(hit()) << "nothing is read ahead";
-    readAheadSlot::request(slot).readAhead(100);
-    EXPECT_EQ(slot.step([](std::int64_t) { return 9U; }), 0);
-    EXPECT_TRUE(hit());
-    EXPECT_FALSE(hit()) << "R3: the request before set off no read-ahead";
-    readAheadSlot::request(slot).readAhead(100);
-    EXPECT_EQ(slot.step(fails), 0);
-    EXPECT_FALSE(hit()) << "R4";
-    readAheadSlot::request(slot).readAhead(100);
-    slot.step([](std::int64_t) { return 9U; });
-    readAheadSlot::request(slot).readAhead(200);
-    slot.requestStop();
-    EXPECT_EQ(slot.step(fails), 1) << "R5: before the block that was asked for";
-    EXPECT_FALSE(hit()) << "R5: the block before that one is given back";
-}
-
-struct WrittenCase {
-    std::int64_t begin, end;
-    std::uint32_t count;  // bytes that were read ahead at 1,000, of blocks of 100
-    bool hit;
-};
-constexpr WrittenCase kWritten[] = {
-    {900, 1'000, 100, true}, {900, 1'001, 100, false},  {1'099, 1'200, 100, false}, {1'100, 1'200, 100, true},
-    {0, 9'000, 100, false},  {5'000, 5'001, 30, false}, {5'000, 5'001, 0, false},   {900, 1'000, 30, true},
-};
-
 TEST(ReadAheadSlot, R6_BlockWrittenOverSinceIsNoHit) {
+    const struct {
+        std::int64_t begin, end;
+        std::uint32_t count;  // bytes that were read ahead at 1,000, of blocks of 100
+        bool hit;
+    } cases[] = {{900, 1'000, 100, true},   {900, 1'001, 100, false}, {1'099, 1'200, 100, false},
+                 {1'100, 1'200, 100, true}, {0, 9'000, 100, false},   {5'000, 5'001, 30, false},
+                 {5'000, 5'001, 0, false},  {900, 1'000, 30, true}};
     readAheadSlot slot;
-    for (const WrittenCase& c : kWritten) {
+    for (const auto& c : cases) {
         for (const bool whileRead : {false, true}) {
             SCOPED_TRACE(testing::Message() << c.begin << " to " << c.end << ", of " << c.count << ' ' << whileRead);
-            const auto write = [&] { slot.noteWritten(c.begin, c.end, 100); };
             std::jthread other;  // a write beside the read-ahead waits for its end
+            const auto write = [&] { slot.noteWritten(c.begin, c.end, 100); };
             readAheadSlot::request(slot).readAhead(1'000);
             slot.step([&](std::int64_t) {
                 if (whileRead) other = std::jthread(write);
                 return c.count;
             });
-            if (whileRead) other.join();
-            if (!whileRead) write();
+            whileRead ? other.join() : write();
             EXPECT_EQ(readAheadSlot::request(slot).hits(1'000), c.hit);
         }
     }

@@ -160,24 +160,30 @@ struct Script {
     bool encrypted = false;
 };
 
-class ScriptTest : public TempDir {
+// A file, a stream over it beside the content that it should have, and steps with them.
+class StreamTest : public TempDir {
 protected:
+    ~StreamTest() override { SetKeepEncrypt(false); }
     static const Bytes& noise() {
         static const Bytes bytes = RandomBytes(17).noise(35'000'000);
         return bytes;
     }
+    void openModel(const char* mode, bool encrypted = false) {
+        model = std::make_unique<ModelStream>(path("data"), mode, content, encrypted);
+    }
     void open(std::size_t fileSize, const char* mode = "r+b", bool encrypted = false) {
         SetKeepEncrypt(encrypted);
         content = slice(noise(), 0, fileSize);
-        model = std::make_unique<ModelStream>(made("data", content), mode, content, encrypted);
+        made("data", content);
+        openModel(mode, encrypted);
     }
     void close(bool encrypted = false) {
         if (encrypted) model->seek(0), model->read(content.size() + 1);
         model = nullptr;
         EXPECT_TRUE(encrypted || sameBytes(readBytes(path("data")), content));
-        SetKeepEncrypt(false);
     }
     ORVA_FileStream& s() { return model->stream(); }
+    void step(char kind, std::int64_t number = 0) { kinds.at(kind)(number); }
     void run(const std::string& script) {
         static const std::map<char, int> errors{{'R', EIO}, {'W', ENOSPC}, {'P', ENOSPC}, {'B', EFBIG}, {'I', EINVAL}};
         std::istringstream steps(script);
@@ -188,7 +194,7 @@ protected:
             SCOPED_TRACE(step + " at " + std::to_string(model->position()));
             int failed = 0;
             try {
-                kinds.at(step[0])(std::atoll(step.c_str() + 1));
+                this->step(step[0], std::atoll(step.c_str() + 1));
             } catch (const FileError& error) {
                 failed = error.code().value();
                 EXPECT_EQ(s().Tell(), model->position());
