@@ -26,8 +26,7 @@ public:
         const std::int64_t from = old.end - chooseCut();
         stream->Seek(from, ORVA_StrBaseIO::SeekFromStart);
         const bool begins = soundFor([&] { stream->setFileToAppend(from, swap); });
-        require(begins == (old.contiguous && (!lastIsShort || old.blocks.back().rows)),
-                "an append begins exactly where blocks and index allow it");
+        require(begins == takesRows, "an append begins exactly where blocks and index allow it");
         if (!begins) return requireLeft(file, {});
         const Bytes added = addRows(*stream);
         if (way == 3) {
@@ -53,8 +52,7 @@ private:
             writer.write(std::as_bytes(std::span(added)));
             if (finishes) writer.finish();
         });
-        require(took == (old.contiguous && (!lastIsShort || old.blocks.back().rows)),
-                "a Writer appends exactly where blocks and index allow it");
+        require(took == takesRows, "a Writer appends exactly where blocks and index allow it");
         if (!took) return requireLeft(file, {});
         finishes ? requireAdded(old.end, added) : requireRestored();
     }
@@ -132,6 +130,7 @@ private:
     const Part old{file, kRow0, swap};
     const std::int32_t blockLength = steps.ConsumeIntegralInRange<std::int32_t>(kShortestBlockLength, kBlockSize);
     const bool lastIsShort = !old.blocks.empty() && old.blocks.back().record.orginalSize < blockLength;
+    const bool takesRows = old.contiguous && (!lastIsShort || old.blocks.back().rows);
 };
 
 }  // namespace

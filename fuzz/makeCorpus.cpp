@@ -46,12 +46,6 @@ Bytes withHeading(const Bytes& other, Bytes file) {
     return file;
 }
 
-Bytes withDamage(Bytes file, std::size_t block) {
-    const filePosRecord record = Part(file, kRow0, false).blocks[block].record;
-    file[static_cast<std::size_t>(record.translatePos + record.translateSize / 2)] ^= 0x10;
-    return file;
-}
-
 Files makeFiles() {
     const Bytes plain = finished({300, 500, 70});
     const Bytes none(kRow0 + kHeadingSize);
@@ -63,14 +57,10 @@ Files makeFiles() {
         {"storedHalves", finished({kBlockSize, 90}, false)},
         {"manyBlocks", finished({9, 1, 30, 2, 14, 7, 7, 7, 40, 3, 1, 1, 25, 60, 5, 8, 11, 2, 2, 31})},
         {"unfinished", withHeading(none, withoutIndex(plain))},
-        {"headingLost", withHeading(none, plain)},
-        {"damagedFirst", withDamage(plain, 0)},
-        {"damagedMiddle", withDamage(plain, 1)},
-        {"damagedUnfinished", withHeading(none, withoutIndex(withDamage(plain, 1)))},
         {"interruptedAppend", withHeading(plain, withoutIndex(finished({300, 500, 70, 200, 90, 40})))},
         {"interruptedCut", withHeading(plain, withoutIndex(finished({300, 500, 20, 300})))},
     };
-    for (const char* name : {"shortBlocks", "noRows", "fullAndShort", "storedHalves", "damagedMiddle"}) {
+    for (const char* name : {"shortBlocks", "noRows", "fullAndShort", "storedHalves"}) {
         files[std::string("swapped-") + name] = support::swapped(files[name], kRow0);
     }
     return files;

@@ -72,24 +72,8 @@ TEST(ZlibCodec, AnswersByTheBytesProducedAndHowTheStreamEnded) {
 }
 
 TEST(ZlibCodec, AHigherLevelIsWorthItsTime) {
-    const int best = zlibCompressBlock::bestLevel();
-    EXPECT_TRUE(deflated(kRows).size() > deflated(kRows, 2).size());
-    EXPECT_TRUE(deflated(kRows, 2).size() > deflated(kRows, best).size());
-    for (int level = 1; level <= best; ++level) {
-        const Bytes packed = deflated(kRows, level);
-        EXPECT_EQ(support::byZlib(packed.data(), packed.size()).rows, kRows) << level;
-    }
-}
-
-// Whoever has the compressed bytes from elsewhere than the file.
-TEST(ZlibCodec, InflatesNoBlockLongerThanItsMemory) {
-    ORVA_File file;
-    zlibCompressBlock codec;
-    Bytes rows(kBlock + 1);
-    Bytes from = deflated(rows);
-    const filePosRecord lie{1, 25, kBlock + 1, static_cast<std::int32_t>(from.size())};
-    const auto run = [&] { orva::inflateBlock({file, codec, from.data()}, {lie, 0, {}, 0}, rows.data()); };
-    EXPECT_THAT(failureOf(run), testing::HasSubstr("orginalSize in 1.."));
+    EXPECT_GT(deflated(kRows).size(), deflated(kRows, 2).size());
+    EXPECT_GT(deflated(kRows, 2).size(), deflated(kRows, zlibCompressBlock::bestLevel()).size());
 }
 
 // Blocks of noise are stored without trying; what is noise in part only loses at most a hundredth of its ratio.

@@ -22,35 +22,32 @@ protected:
     }
     const std::string fName = path("rows.orva");
     const Bytes fRows = Bytes(10, 'x');
+    const int kBestLevel = zcmpsFilestr::bestCompressionLevel();
 };
 INSTANTIATE_TEST_SUITE_P(Roads, CompressedWrite, testing::Values(0, 1, kSeveral), testing::PrintToStringParamName());
 
 TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
-    const std::int32_t best = zcmpsFilestr::bestCompressionLevel();
     const auto stream = freshStream(fName, GetParam());
-    const auto refused = [&](std::int64_t length, std::int32_t level, bool late) {
-        const auto why = [&](auto value) {
-            return late ? "and is chosen before the stream writes" : "not " + std::to_string(value);
-        };
-        EXPECT_EQ(failureOf([&] { stream->setBlockLength(length); }),
-                  "other the length of a block is 65536 to 4190208, " + why(length));
-        EXPECT_EQ(failureOf([&] { stream->setCompressionLevel(level); }),
-                  "other a compression level is 1 to " + std::to_string(best) + ", " + why(level));
-    };
+    const std::string length = "other the length of a block is 65536 to 4190208, ";
+    const std::string level = "other a compression level is 1 to " + std::to_string(kBestLevel) + ", ";
+    const std::string late = "and is chosen before the stream writes";
+    const auto lengthFails = [&](std::int64_t n) { return failureOf([&] { stream->setBlockLength(n); }); };
+    const auto levelFails = [&](int n) { return failureOf([&] { stream->setCompressionLevel(n); }); };
     stream->setBlockLength(70'000);
-    refused(65'535, 0, false);
-    refused(kBlock + 1, best + 1, false);
-    refused(INT64_MAX, -1, false);
+    for (const std::int64_t n : {65'535L, kBlock + 1, INT64_MAX}) {
+        EXPECT_EQ(lengthFails(n), length + "not " + std::to_string(n));
+    }
+    for (const int n : {-1, 0, kBestLevel + 1}) EXPECT_EQ(levelFails(n), level + "not " + std::to_string(n));
     beginRows(*stream);
-    refused(kBlock, 2, true);
+    EXPECT_EQ(lengthFails(kBlock) + levelFails(2), length + late + level + late);
     finish(*stream, Bytes(100'000, 'x'));
     expectFinished(support::readBytes(fName), Bytes(100'000, 'x'), {70'000, 30'000});
 }
 
 TEST_P(CompressedWrite, CutsABlockThatDeflateCannotFitAtAnyLevel) {
     support::RandomBytes random(22);
-    const Bytes rows = joined({random.noise(kBlock), random.rows(5'000)});
-    for (const int level : {1, 2, zcmpsFilestr::bestCompressionLevel()}) {
+    const Bytes rows = random.noise(kBlock) + random.rows(5'000);
+    for (const int level : {1, 2, kBestLevel}) {
         const auto stream = freshStream(fName, GetParam());
         stream->setCompressionLevel(level);
         beginRows(*stream);

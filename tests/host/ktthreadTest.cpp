@@ -52,23 +52,6 @@ TEST(KtThread, NoPostIsLostAndTheMutexKeepsItsHoldersApart) {
     EXPECT_FALSE(semaphore.tryWaitSemaphore() || semaphore.waitSemaphore(1)) << "a post counted twice";
 }
 
-TEST(KtThreadPool, RunsAsManyCallbacksAtOnceAsItHasThreadsHoweverSoonItStops) {
-    for (int round = 0; round < 200; ++round) {
-        ktSemaphore semaphores[] = {ktSemaphore(0), ktSemaphore(0)};
-        std::atomic<int> met{0};
-        StartedPool pool(2);
-        for (const int i : {0, 1}) {
-            pool.run([&, i](void* data) {
-                semaphores[i].postSemaphore();
-                if (semaphores[1 - i].waitSemaphore(20'000) && data == &pool) ++met;
-            });
-        }
-        pool.stopAll();
-        ASSERT_EQ(met, 2) << "round " << round;
-        ASSERT_EQ(Task::alive, 0);
-    }
-}
-
 TEST(KtThreadPool, ThreadsOutliveErrorsTakeNoSignalsAndDisposeOfWhatNeverRan) {
     const auto unexpected = [](void*) { ADD_FAILURE() << "ran"; };
     ktThreadPool(1, 0).runCallBack(new Task(unexpected), nullptr, 1);  // never started

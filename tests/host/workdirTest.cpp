@@ -59,17 +59,13 @@ TEST(Workdir, GivesThePublishedVectorsUnderAKeyThatIsFixedOnceUsed) {
 
 TEST(Workdir, ThreadsShareOneRandomKeyFromFirstUseOn) {
     support::expectInChild([] {
-        const auto work = [](std::uint64_t seed) {
-            support::RandomBytes random(seed);
-            for (int round = 0; round < 50; ++round) {
-                const Bytes plain = random.noise(16 * (1 + random.below(500)));
-                EXPECT_EQ(through(workdir::Decrypt, through(workdir::Encrypt, plain)), plain);
-            }
-        };
-        std::vector<std::thread> threads;
-        for (std::uint64_t seed = 1; seed <= 4; ++seed) threads.emplace_back(work, seed);
-        for (std::thread& thread : threads) thread.join();
-        EXPECT_NE(through(workdir::Encrypt, Bytes(16)), kZeros) << "the key was never drawn";
+        std::vector<Bytes> ciphers(4);
+        std::vector<std::jthread> threads;
+        for (Bytes& cipher : ciphers) threads.emplace_back([&] { cipher = through(workdir::Encrypt, Bytes(16)); });
+        threads.clear();
+        EXPECT_THAT(ciphers, testing::Each(testing::AllOf(ciphers[0], testing::Ne(kZeros))))
+            << "the key was never drawn";
+        EXPECT_EQ(through(workdir::Decrypt, ciphers[0]), Bytes(16));
     });
 }
 

@@ -35,18 +35,10 @@ const support::Script kScripts[] = {
      "R 4992+16, W 0+4992, W 96+16, W 96+128, R 4992+16, W 4976+16, R 8992+16, R 8992+16, W 4992+16, R "
      "4608",
      "w+b", true},
-    {"EncipheredBytesOutlastAFullDisk", 0, "w4190213 w100 P16 f P5 f f w9 f",
-     "W 0, R 4190304+16, W 4190208+96, R 4190304+16, W 4190208+96, R 4190304+16, W 4190208+96, R 4190320+16, W "
-     "4190304+16",
-     "w+b", true},
-    {"EncipheredGapBehindAPaddedBlockBegunAnew", 0, "w9 c w2 s200 w8 f s0 r300",
-     "R 0+16, W 0+16, R 0+16, R 192+16, W 0+16, W 192+16, R 0", "w+b", true},
     {"CopyReadsAsItsSourceDid", 1'000, "p0 w3 k r9", "W 0+3, R 0+9"},
     {"ResetDropsPendingBytesForGood", 1'000, "r5 d7 r9 f", "R 0, R 0"},
     {"FailedOpenOrCopyKeepsTheStream", 9, "w3 W o W k f", "W 0+3, W 0+3, W 0+3"},
     {"FailedFlushKeepsTheBytes", kLarge, "w9 W f s5000000 W w1 W r1 r1", "W 0+9, W 0+9, W 0+9, W 0+9, R 4999680"},
-    {"FailedReadCanBeRepeated", 9, "p0 r2 R r3 r3", "R 0+2, R 2+3, R 2+3"},
-    {"FailedRefillLeavesNoBytes", kLarge, "r10 s5000000 R r9 s0 r9", "R 0, R 4999680, R 0"},
     {"FailedDirectWriteDropsTheBuffer", kLarge, "s1000 w9 f s0 W w4190208 s1000 r9", "W 1000+9, W 0, R 512"},
     {"EveryBlockButTheFirstIsAHit", 2 * kBlock + 512, "t1 t1 r4000000 r10000000 a4",
      "R 0, r 4190208, r 8380416, r 12570624, R 8380928, r 12571136, end"},

@@ -220,7 +220,6 @@ protected:
         {'r', [&](auto n) { model->read(static_cast<std::size_t>(n)); }},
         {'w', [&](auto n) { model->write(slice(noise(), written += 1'009, n)); }},
         {'f', [&](auto) { EXPECT_EQ(s().Flush(), 1); }},
-        {'c', [&](auto) { model->close(); }},
         {'g', [&](auto good) { EXPECT_EQ(s().Good(), good); }},
         {'G', [&](auto) { s().Clear(); }},
         {'d', [&](auto n) { s().Write("dropped", static_cast<std::uint32_t>(n)), model->reset(); }},
