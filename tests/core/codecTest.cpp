@@ -22,30 +22,23 @@ Bytes deflated(const Bytes& rows, int level = 1) {
     out.resize(outcome.produced);
     return out;
 }
-blockOutcome inflate(const Bytes& block, Bytes& out) {
-    return zlibCompressBlock().inflateWhole(block.data(), sizeOf(block), out.data(), sizeOf(out));
-}
-
-// The public operations tell how many bytes came out, and 0 for a call that zlib refuses; the library's own, whether
-// the stream came to its end.
-TEST(ZlibCodec, AnswersByTheBytesProducedAndHowTheStreamEnded) {
+// The public operations tell how many bytes came out, and 0 for a call that zlib refuses. How a stream ended is held
+// against zlib by the fuzz target of the codec, and told of blocks in recovery/damageTest.cpp.
+TEST(ZlibCodec, AnswersByTheBytesProduced) {
     const Bytes packed = deflated(kRows);
     const struct {
         const char* name;
         bool compress;
         Bytes from;
         std::uint32_t room, lowest, highest;
-        bool whole;
     } cases[] = {
-        {"Whole", false, packed, 100'000, 100'000, 100'000, true},
-        {"WholeWithBytesBehind", false, packed + Bytes{0}, 120'000, 100'000, 100'000, true},
-        {"WholeBlockOfNoise", false, deflated(kNoise), kBlock, kBlock, kBlock, true},
-        {"WholeTheOtherWay", true, kRows, 120'000, 1'000, 99'999, true},
-        {"TooLittleRoomToInflateGivesTheRoom", false, packed, 99'999, 99'999, 99'999, false},
-        {"TooLittleRoomToDeflateGivesTheRoom", true, kNoise, 100'000, 100'000, 100'000, false},
-        {"NoZlibDataGivesNothing", false, Bytes(1'000, 'x'), 1'000, 0, 0, false},
-        {"ACutStreamGivesItsPart", false, support::slice(packed, 0, packed.size() / 2), 100'000, 10'000, 99'999, false},
-        {"ALostLastByte", false, support::slice(packed, 0, packed.size() - 1), 100'000, 100'000, 100'000, false},
+        {"Whole", false, packed, 100'000, 100'000, 100'000},
+        {"WholeBlockOfNoise", false, deflated(kNoise), kBlock, kBlock, kBlock},
+        {"WholeTheOtherWay", true, kRows, 120'000, 1'000, 99'999},
+        {"TooLittleRoomToInflateGivesTheRoom", false, packed, 99'999, 99'999, 99'999},
+        {"TooLittleRoomToDeflateGivesTheRoom", true, kNoise, 100'000, 100'000, 100'000},
+        {"NoZlibDataGivesNothing", false, Bytes(1'000, 'x'), 1'000, 0, 0},
+        {"ACutStreamGivesItsPart", false, support::slice(packed, 0, packed.size() / 2), 100'000, 10'000, 99'999},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -62,12 +55,6 @@ TEST(ZlibCodec, AnswersByTheBytesProducedAndHowTheStreamEnded) {
         EXPECT_EQ(to[c.room], 0xEE);
         outCount = 500;
         EXPECT_TRUE(run(nullptr, outCount) == 0 && outCount == 500) << "no destination";
-        if (c.compress) continue;
-        Bytes rows(c.room);
-        const blockOutcome outcome = inflate(c.from, rows);
-        EXPECT_EQ(outcome.end == blockOutcome::complete, c.whole);
-        EXPECT_TRUE(outcome.produced == result && support::slice(rows, 0, result) == support::slice(to, 0, result));
-        EXPECT_TRUE(c.room < 100'000 || c.room == kBlock || !c.whole || outcome.consumed == packed.size());
     }
 }
 
