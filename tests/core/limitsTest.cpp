@@ -13,8 +13,7 @@ protected:
 TEST_F(Limits, PlacesBeyond4GiB) {
     constexpr std::int64_t row0 = (std::int64_t{5} << 30) + 7;
     ORVA_FileStream file(fName.c_str(), "w+b");
-    const auto seek = [&] { file.Seek(row0 - 100'000, ORVA_StrBaseIO::SeekFromStart); };
-    seek();
+    file.Seek(row0 - 100'000, ORVA_StrBaseIO::SeekFromStart);
     write(file, fRows);
     for (const int road : {0, 1, kTwo}) {
         auto rows = std::make_unique<zcmpsFilestr>(file);
@@ -31,7 +30,7 @@ TEST_F(Limits, PlacesBeyond4GiB) {
     }
     Bytes found(100'000);
     file.Open(fName.c_str(), "rb");
-    seek();
+    file.Seek(row0 - 100'000, ORVA_StrBaseIO::SeekFromStart);
     EXPECT_EQ(file.Read(found.data(), 100'000), 100'000U);
     EXPECT_TRUE(support::sameBytes(found, fRows));
 }

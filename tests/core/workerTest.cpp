@@ -32,21 +32,18 @@ struct Transfers : CallHook {
 template <class Worker>
 class Running {
 public:
-    explicit Running(Worker* worker)
-        : fWorker(worker), fOwner(startedWorker(std::unique_ptr<PreIOThreadBase>(worker), true)) {}
-    ~Running() {
-        stop();
-        fOwner->destroyThreads();
-    }
+    explicit Running(std::unique_ptr<Worker> worker) : fWorker(startedWorker(std::move(worker), true)) {}
+    ~Running() { stop(); }
     void stop() {
-        if (!std::exchange(fStopped, true)) fOwner->stopThreads();
+        if (fWorker == nullptr) return;
+        fWorker->stopThreads();
+        fWorker->destroyThreads();
+        fWorker = nullptr;
     }
     Worker& operator*() const { return *fWorker; }
 
 private:
-    Worker* const fWorker;
-    const std::unique_ptr<PreIOThreadBase> fOwner;
-    bool fStopped = false;
+    std::unique_ptr<Worker> fWorker;
 };
 
 // The file opened, with its index.
@@ -59,9 +56,12 @@ protected:
         EXPECT_TRUE(fOpened.Open(fFileName, "r+b"));
         fIndex.parseForRead(orva::readIndex(fOpened, orva::readHeading(fOpened, kRow0, false, ""), false).get(), false);
     }
-    Worker* reader() {
-        if constexpr (std::is_base_of_v<PreIOThreadSeveral, Worker>) return new Worker(&fOpened, &fIndex, kBlock, 3);
-        if constexpr (!std::is_base_of_v<PreIOThreadSeveral, Worker>) return new Worker(&fOpened, &fIndex, kBlock);
+    std::unique_ptr<Worker> reader() {
+        if constexpr (std::is_base_of_v<PreIOThreadSeveral, Worker>) {
+            return std::make_unique<Worker>(&fOpened, &fIndex, kBlock, 3);
+        } else {
+            return std::make_unique<Worker>(&fOpened, &fIndex, kBlock);
+        }
     }
     Bytes request(Worker& worker, std::uint32_t number) {
         Bytes rows(fBlocks[number].size());
@@ -169,20 +169,18 @@ TYPED_TEST(ReadWorker, R5_T4_A4_StopsInEachState) {
             ASSERT_EQ(this->request(*worker, number), this->fBlocks[number]) << "cycle " << i;
         }
     }
-    // While the worker is reading: its step ends, and then its loop.
+    // While the worker is reading: its step ends, and then its loop; in time, as the caller may want to read meanwhile.
     ktSemaphore stopping(0);
     Transfers reads(Call::Read, [&](int n) {
         if (n > 1) stopping.waitSemaphore(), stopping.postSemaphore();
     });
-    // In time, since the caller may want to read meanwhile.
-    std::thread release([&] { std::this_thread::sleep_for(std::chrono::milliseconds(30)), stopping.postSemaphore(); });
+    std::jthread release([&] { std::this_thread::sleep_for(std::chrono::milliseconds(30)), stopping.postSemaphore(); });
     Running<TypeParam> worker(this->reader());
     for (const std::uint32_t number : {0u, 1u}) {
         EXPECT_EQ(this->request(*worker, number), this->fBlocks[number]);
         reads.await(static_cast<int>(number) + 2);
     }
     worker.stop();
-    release.join();
 }
 
 // Lives of streams with threads: opened, asked a little, some of it in vain, and ended at any point.

@@ -149,9 +149,8 @@ TEST_F(File, ACopyOfAStreamSharesTheFileUntilOneGoesOn) {
     stream.Write("abc", 3);
     ORVA_FileStream copy(stream);
     EXPECT_TRUE(copy.Tell() == 0 && stream.Tell() == 3 && copy.IsShared() && stream.IsShared());
-    copy.Open(made("other", {'p'}).c_str(), "r");
+    for (ORVA_FileStream* goesOn : {&copy, &stream}) goesOn->Open(made("other", {'p'}).c_str(), "r");
     EXPECT_FALSE(stream.IsShared());
-    stream.Open(path("other").c_str(), "r");
     EXPECT_EQ(ORVA_FileStream(fHello.c_str(), "r+").Good(), 1) << "closed with the last one";
 }
 
@@ -166,11 +165,11 @@ TEST_F(File, AStreamsDestructorThrowsUnlessAFlightBeganSinceItsConstruction) {
     };
     EXPECT_THROW(end(false), FileError);
     EXPECT_THROW(end(true), int);
-    try {
-        const std::shared_ptr<void> atUnwinding(nullptr, [&](auto) { EXPECT_THROW(end(false), FileError); });
+    const auto whileUnwinding = [&] {
+        const std::shared_ptr<void> last(nullptr, [&](auto) { EXPECT_THROW(end(false), FileError); });
         throw 7;
-    } catch (int) {
-    }
+    };
+    EXPECT_THROW(whileUnwinding(), int);
     EXPECT_EQ(ORVA_FileStream(fHello.c_str(), "r+").Good(), 1) << "closed and unlocked all the same";
     EXPECT_EQ(support::readBytes(fHello)[0], 'h');
 }
