@@ -122,17 +122,6 @@ TYPED_TEST(ReadWorker, R1_R3_T1_A2_OnlyASequentialRunIsReadBesideTheCaller) {
     EXPECT_EQ(reads.all, 11) << "nothing ahead of a jump";
 }
 
-// Blocks lent in one piece, the first of which nobody has made ahead.
-TEST_F(ShortBlocks, A2_ThreadsReadAheadOfAStreamThatCopiesOutOfTheirBlocks) {
-    const Transfers reads(Call::Read);  // it outlives the threads that it counts
-    const Reader reader(fName, kTwo, kRow0);
-    const int before = reads.all;
-    for (const std::size_t i : {0, 1, 2}) {
-        EXPECT_EQ(reader.read(fBlocks[i].size()), fBlocks[i]);
-        reads.await(before + static_cast<int>(2 * i + 2));
-    }
-}
-
 TYPED_TEST(ReadWorker, R2_R4_T2_T3_A1_A3_A5_AnyRequestIsServedOrFailsWhateverWentBefore) {
     const auto end = static_cast<std::size_t>(this->fIndex.parsed(3).translatePos);
     support::overwriteBytes(this->fName, end - 1, {static_cast<unsigned char>(this->fFile[end - 1] ^ 8)});
