@@ -122,7 +122,7 @@ TEST_F(StreamModel, GivesAndKeepsTheBytesThatItTookInEveryMode) {
         fEncrypted = seed / std::size(kModes) % 2 != 0;
         const testing::ScopedTrace trace(__FILE__, __LINE__, mode + (fEncrypted ? " enciphered" : ""));
         makeAnew(random, mode);
-        int count = 0;
+        std::uint64_t count = 0;
         for (; count < 1'000 && !HasFailure(); ++count) {
             SCOPED_TRACE("operation " + std::to_string(count));
             EXPECT_NO_THROW(operate(random, mode != "rb"));
