@@ -1,4 +1,4 @@
-// What tests of the face share: finished files, and what a call throws.
+// What tests of the face share: finished files, sources, and what a call throws.
 #pragma once
 
 #include "support/byteOrder.h"
@@ -6,10 +6,13 @@
 
 #include <orva/orva.h>
 
+#include <cxxabi.h>
 #include <gtest/gtest.h>
 
-#include <map>
+#include <atomic>
+#include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <typeinfo>
 #include <vector>
@@ -18,6 +21,8 @@ namespace api {
 
 using orva::i64;
 using support::Bytes;
+using support::RandomBytes;
+using support::sameBytes;
 using support::operator+;
 
 constexpr std::size_t kBlock = kBlockSize;
@@ -44,30 +49,26 @@ std::string thrownBy(Call call) {
         return "";
     } catch (const orva::SystemError& e) {
         return "SystemError " + std::string(strerrorname_np(e.code().value()));
-    } catch (const orva::DamagedFileError&) {
-        return "DamagedFileError";
-    } catch (const orva::UnfinishedFileError&) {
-        return "UnfinishedFileError";
-    } catch (const orva::FileChangedError&) {
-        return "FileChangedError";
-    } catch (const orva::UsageError&) {
-        return "UsageError";
     } catch (const std::exception& e) {
-        return std::string("other: ") + e.what();
+        const std::unique_ptr<char, decltype(&std::free)> name(
+            abi::__cxa_demangle(typeid(e).name(), nullptr, nullptr, nullptr), &std::free);
+        return std::string(name.get()).substr(std::string(name.get()).rfind(':') + 1);
     }
 }
 
-// A source of bytes in memory that counts its reads.
-struct memory final : orva::ByteSource {
-    explicit memory(Bytes from) : bytes(std::move(from)) {}
+// A source of bytes in memory that counts its reads. From `fails` on it throws, and from `ends` on it has none.
+struct source final : orva::ByteSource {
+    explicit source(Bytes from = {}) : bytes(std::move(from)) {}
     i64 size() const override { return std::ssize(bytes); }
     std::size_t read_at(i64 offset, orva::Bytes to) const override {
         ++reads;
+        if (offset >= fails) throw std::domain_error("mine");
         const Bytes found = support::slice(bytes, offset, to.size());
         std::ranges::copy(bytesOf(found), to.begin());
-        return found.size();
+        return offset >= ends ? 0 : found.size();
     }
-    Bytes bytes;
+    const Bytes bytes;
+    i64 fails = INT64_MAX, ends = INT64_MAX;
     mutable std::atomic<int> reads{0};
 };
 
@@ -84,14 +85,16 @@ protected:
         const auto bytes = bytesOf(dictionary);
         return written(name, rows, {.dictionary = {bytes.begin(), bytes.end()}});
     }
-    // The names in the directory, but for files that `finish` and tests have made.
-    std::vector<std::string> names() const {
-        std::vector<std::string> found;
+    Bytes rowsOf(const std::string& name) const { return all(orva::Reader(path(name))); }
+    // The names in the directory, in a line.
+    std::string names() const {
+        std::set<std::string> found;
         for (const auto& entry : std::filesystem::directory_iterator(fDirectory)) {
-            found.push_back(entry.path().filename().string());
+            found.insert(entry.path().filename().string());
         }
-        std::ranges::sort(found);
-        return found;
+        std::string line;
+        for (const std::string& name : found) line += (line.empty() ? "" : " ") + name;
+        return line;
     }
 };
 
