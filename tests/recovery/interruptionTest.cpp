@@ -100,8 +100,17 @@ private:
 
 class InterruptionTest : public FileTest {
 protected:
+    using Run = std::function<void()>;
+    using Holds = std::function<bool(bool ended)>;
+
+    // Wherever `run`, begun on these files, is killed, and whatever a loss of power leaves of it.
+    void expectHeld(const Files& files, const Run& run, const Holds& holds) {
+        killEverywhere(files, run, [&] { EXPECT_TRUE(holds(false)); });
+        EXPECT_EQ(lose(files, run, holds), 0);
+    }
+
     // Kills `run`, begun on these files, before each of its calls and in the midst of each of its writes.
-    void killEverywhere(const Files& files, const std::function<void()>& run, const std::function<void()>& check) {
+    void killEverywhere(const Files& files, const Run& run, const Run& check) {
         constexpr int kNoWrite = 3;
         for (std::uint64_t step = 2;; ++step) {
             SCOPED_TRACE("killed at half-call " + std::to_string(step));
@@ -130,8 +139,7 @@ protected:
 
     // Loses the power behind each change that `run` makes, with all that was not synced, nothing of it, and what chance
     // leaves. How many of the states of the disk did not hold?
-    int lose(const Files& files, const std::function<void()>& run, const std::function<bool(bool ended)>& holds,
-             bool failsHeading = false) {
+    int lose(const Files& files, const Run& run, const Holds& holds, bool failsHeading = false) {
         constexpr std::uint64_t kChances = support::kSanitized ? 4 : 24;
         lay(files);
         ImaginedDisk disk(files);
@@ -181,11 +189,10 @@ protected:
 
 TEST_F(InterruptionTest, ANewFileKeepsItsCompleteBlocksAndIsFinishedOnceItSaysSo) {
     const std::vector<Bytes> blocks = blocksOf({300, 500, 400});
-    const Files empty{{fFile, {}}};
     for (const bool durable : {false, true}) {
-        int road = 1;
+        int road = 0;
         const auto run = [&] { makeFile(fFile, blocks, kRow0, road, durable); };
-        for (; road >= 0; --road) killEverywhere(empty, run, [&] { expectCompleteBlocks(); });
+        for (road = 1; road >= 0; --road) killEverywhere({{fFile, {}}}, run, [&] { expectCompleteBlocks(); });
         road = 0;
         const auto finishedWhole = [&](bool ended) {
             const std::optional<Bytes> found = rowsIfFinished();
@@ -211,49 +218,34 @@ TEST_F(InterruptionTest, WhatTheFaceMakesIsWholeOrAsItWas) {
             &piece == &pieces.back() ? writer.finish() : writer.flush_rows();
         }
     };
-    write(orva::Writer(fFile), std::span(rows, 1));
-    const Files old = present();
     using Found = std::optional<Bytes>;
-    struct Case {
-        const char* name;
-        bool isThere;
-        std::string made;
-        std::function<void()> run;
-        std::vector<Found> steps;
-    };
-    const std::span<const Bytes> all(rows), more = all.subspan(1);
-    const Bytes two = rows[0] + rows[1], three = two + rows[2];
-    const orva::Path twice[] = {fFile, fFile};
-    // At another place of a page: what the system copies by itself, an imagined disk does not see.
-    const orva::JoinOptions elsewhere{.dictionary = std::vector<std::byte>(100, std::byte{1})};
-    const Case cases[] = {
-        {"ANewFile", false, fFile, [&] { write(orva::Writer(fFile), all); }, {Found(), rows[0], two, three}},
-        {"Another",
-         true,
-         fFile,
-         [&] { write(orva::Writer(fFile, {.replace = true}), more); },
-         {rows[0], rows[1], rows[1] + rows[2]}},
-        {"AnAppend", true, fFile, [&] { write(orva::Writer::append(fFile), more); }, {rows[0], two, three}},
-        {"AJoin", true, fOut, [&] { orva::join(twice, fOut, elsewhere); }, {Found(), rows[0] + rows[0]}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const auto holds = [&](bool ended) {
+    const auto expectSteps = [&](const Files& before, const std::string& made, const Run& run,
+                                 const std::vector<Found>& steps) {
+        expectHeld(before, run, [&](bool ended) {
             Found found;
             const std::string failure = failureOf([&] {
-                if (!std::filesystem::exists(c.made)) return;
-                orva::roll_back(c.made);
-                const orva::Reader reader{orva::Path(c.made)};
+                if (!std::filesystem::exists(made)) return;
+                orva::roll_back(made);
+                const orva::Reader reader{orva::Path(made)};
                 found.emplace(static_cast<std::size_t>(reader.size()));
                 reader.read_at(0, std::as_writable_bytes(std::span(*found)));
             });
             EXPECT_EQ(failure, "");
-            return ended ? found == c.steps.back() : std::ranges::find(c.steps, found) != c.steps.end();
-        };
-        const Files before = c.isThere ? old : Files{};
-        killEverywhere(before, c.run, [&] { EXPECT_TRUE(holds(false)); });
-        EXPECT_EQ(lose(before, c.run, holds), 0);
-    }
+            return ended ? found == steps.back() : std::ranges::find(steps, found) != steps.end();
+        });
+    };
+    const std::span<const Bytes> all(rows), more = all.subspan(1);
+    const Bytes two = rows[0] + rows[1], three = two + rows[2];
+    write(orva::Writer(fFile), all.first(1));
+    const Files old = present();
+    expectSteps({}, fFile, [&] { write(orva::Writer(fFile), all); }, {Found(), rows[0], two, three});
+    expectSteps(old, fFile, [&] { write(orva::Writer::append(fFile), more); }, {rows[0], two, three});
+    const auto replace = [&] { write(orva::Writer(fFile, {.replace = true}), more); };
+    expectSteps(old, fFile, replace, {rows[0], rows[1], rows[1] + rows[2]});
+    const orva::Path twice[] = {fFile, fFile};
+    // At another place of a page: what the system copies by itself, an imagined disk does not see.
+    const orva::JoinOptions elsewhere{.dictionary = std::vector<std::byte>(100, std::byte{1})};
+    expectSteps(old, fOut, [&] { orva::join(twice, fOut, elsewhere); }, {Found(), rows[0] + rows[0]});
     EXPECT_GT(fKills, 200);
 }
 
@@ -275,17 +267,16 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     });
     // The same disk costs an append that is not safe its old rows.
     EXPECT_TRUE(lose(old, run, allOrNothing) > 0 || GetParam() >= kWriting);
-    const Files swappedOld{{fFile, swapped(old.at(fFile))}};
     append.road = kSafeBySeveral;
     EXPECT_EQ(lose(old, run, allOrNothing), 0);
     append.road = 1;
-    killEverywhere(old, run, [&] { EXPECT_TRUE(allOrNothing(false)); });
-    EXPECT_EQ(lose(old, run, allOrNothing), 0);
+    expectHeld(old, run, allOrNothing);
     const auto runSwapped = [&] { append.run(fFile, true); };
-    EXPECT_EQ(lose(swappedOld, runSwapped, allOrNothing), 0);
+    EXPECT_EQ(lose({{fFile, swapped(old.at(fFile))}}, runSwapped, allOrNothing), 0);
     const auto oldRows = [&](bool) { return orva::rollBack(fFile), rowsIfFinished() == append.oldRows(); };
-    const auto abandon = [&] { interrupted(append); };
-    EXPECT_EQ(lose(old, abandon, oldRows), 0);
+    EXPECT_EQ(lose(
+                  old, [&] { interrupted(append); }, oldRows),
+              0);
 
     // An append that hears so late of a failing disk that its heading may have reached it is undone all the same.
     const auto fail = [&] {
@@ -296,13 +287,9 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     EXPECT_EQ(lose(old, fail, undone, true), 0);
 
     lay(old);
-    const Files during = interrupted(append);
+    const auto asItWas = [&](bool) { return orva::rollBack(fFile), present() == old; };
     const auto rollBack = [&] { orva::rollBack(fFile); };
-    killEverywhere(during, rollBack, [&] {
-        rollBack();
-        EXPECT_EQ(present(), old);
-    });
-    EXPECT_EQ(lose(during, rollBack, oldRows), 0);
+    expectHeld(interrupted(append), rollBack, asItWas);
     EXPECT_GT(fKills, 80);
     EXPECT_GT(fReplays, 10);
 }
