@@ -28,8 +28,9 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     const orva::Reader reader(path("whole"));
     const orva::Rows<char> values(reader);
     std::array<std::byte, 10> to{};
-    orva::ReadRequest request{-1, to, 0};
+    std::vector<orva::ReadRequest> requests{{-1, to, 0}};
     std::array<char, 2> two{};
+    const std::vector<i64> atTheEnd{0, 100'000};
     orva::Writer writer(path("new"));
     std::optional<orva::Writer> more(orva::Writer::append(path("whole")));
     orva::Writer fresh(path("late")), other(std::move(fresh));
@@ -41,7 +42,6 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     } rows[] = {
         {"Missing", [&] { orva::Reader(path("none")); }, "SystemError ENOENT"},
         {"Directory", [&] { orva::Reader(path("dir")); }, "SystemError EISDIR"},
-        {"BehindAFile", [&] { orva::Reader(path("whole/x")); }, "SystemError ENOTDIR"},
         {"Empty", [&] { orva::Reader(path("empty")); }, "DamagedFileError"},
         {"OfAnotherKind", [&] { orva::Reader(path("kind")); }, "DamagedFileError"},
         {"FirstLineAlone", [&] { orva::Reader(path("line")); }, "UnfinishedFileError"},
@@ -58,11 +58,7 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
         {"NoSource", [] { orva::Reader(std::shared_ptr<const orva::ByteSource>()); }, "UsageError"},
 
         {"RowsBelowZero", [&] { reader.read_at(-1, to); }, "UsageError"},
-        {"RangesBelowZero",
-         [&] {
-             reader.read_ranges({&request, 1});
-         },
-         "UsageError"},
+        {"RangesBelowZero", [&] { reader.read_ranges(requests); }, "UsageError"},
         {"NoSplits", [&] { (void)reader.splits(0); }, "UsageError"},
         {"RecordsOfNoBytes", [&] { (void)reader.splits(1, 0); }, "UsageError"},
         {"RecordsThatDoNotDivideTheRows", [&] { (void)reader.splits(1, 3); }, "UsageError"},
@@ -71,23 +67,17 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
         {"ValueAtTheEnd", [&] { (void)values[100'000]; }, "UsageError"},
         {"ValuesBelowZero", [&] { (void)values.read(-1, two); }, "UsageError"},
         {"MoreValuesThanNumbers", [&] { values.take(std::vector<i64>(1), two); }, "UsageError"},
-        {"TakenAtTheEnd",
-         [&] {
-             values.take(std::vector<i64>{0, 100'000}, two);
-         },
-         "UsageError"},
+        {"TakenAtTheEnd", [&] { values.take(atTheEnd, two); }, "UsageError"},
 
         {"Taken", [&] { orva::Writer(path("whole")); }, "SystemError EEXIST"},
         {"ReplacedDirectory", [&] { orva::Writer(path("dir"), {.replace = true}); }, "SystemError EISDIR"},
         {"ReplacedDevice", [&] { orva::Writer(path("device"), {.replace = true}); }, "SystemError EINVAL"},
         {"ReplacedBesideItsWriter", [&] { orva::Writer(path("whole"), {.replace = true}); }, "SystemError EAGAIN"},
-        {"NoSuchDirectory", [&] { orva::Writer(path("none/file")); }, "SystemError ENOENT"},
         {"ThreadsBelowZero", [&] { orva::Writer(path("none"), {.threads = -1}); }, "UsageError"},
         {"LevelZero", [&] { orva::Writer(path("none"), {.level = 0}); }, "UsageError"},
         {"ShortBlock", [&] { orva::Writer(path("none"), {.block = 65'535}); }, "UsageError"},
         {"LongBlock", [&] { orva::Writer(path("none"), {.block = i64{kBlock} + 1}); }, "UsageError"},
         {"AppendToNone", [&] { orva::Writer::append(path("none")); }, "SystemError ENOENT"},
-        {"AppendToADirectory", [&] { orva::Writer::append(path("dir")); }, "SystemError EISDIR"},
         {"AppendToAnUnfinishedFile", [&] { orva::Writer::append(path("line")); }, "UnfinishedFileError"},
         {"AppendToAnotherKind", [&] { orva::Writer::append(path("kind")); }, "DamagedFileError"},
         {"AppendBesideAnother", [&] { orva::Writer::append(path("whole")); }, "SystemError EAGAIN"},
@@ -99,7 +89,6 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
         {"FinishOfAMovedOne", [&] { fresh.finish(); }, "UsageError"},
         {"TheNameTakenMeanwhile", [&] { other.finish(); }, "SystemError EEXIST"},
 
-        {"InfoOfNone", [&] { orva::info(path("none")); }, "SystemError ENOENT"},
         {"RollBackOfNone", [&] { orva::roll_back(path("none")); }, "SystemError ENOENT"},
         {"RecoverTaken", [&] { orva::recover(path("cut"), path("whole")); }, "SystemError EEXIST"},
         {"RecoverInPlace", [&] { orva::recover(path("cut"), path("cut"), {.replace = true}); }, "UsageError"},
