@@ -203,6 +203,29 @@ TEST_F(Writer, AnAppendLeavesTheRowsOfALiveReader) {
     EXPECT_TRUE(sameBytes(all(reader), rows));
 }
 
+// Before the read of that number.
+struct AppendsBefore : platform::faults::Hook {
+    AppendsBefore(std::string to, int read) : name(std::move(to)), left(read) {}
+    platform::faults::Verdict before(const platform::faults::Step& step) override {
+        if (step.call != platform::faults::Call::Read || left-- != 0) return {};
+        orva::Writer writer = orva::Writer::append(name, {.durable = false});
+        writer.write(bytesOf(RandomBytes(16).noise(kBlock)));
+        writer.finish();
+        return {};
+    }
+    const std::string name;
+    int left;
+};
+
+TEST_F(Writer, AnAppendThatEndsMeanwhileIsNoDamageToWhoOpensTheFile) {
+    orva::Reader reader(written("rows", Bytes(10)));
+    for (const int read : {0, 1}) {
+        AppendsBefore hook(path("rows"), read);
+        const platform::faults::Installed installed(hook);
+        EXPECT_EQ(thrownBy([&] { reader.refresh(); }), "") << read;
+    }
+}
+
 TEST_F(Writer, AForkedChildWritesAndRemovesNothing) {
     written("old", Bytes(100'000, 'a'));
     std::optional<orva::Writer> fresh(std::in_place, path("fresh"), orva::WriterOptions{.threads = 2});

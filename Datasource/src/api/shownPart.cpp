@@ -66,15 +66,20 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
     auto file = std::make_unique<openedFile>(path.string(), fPlace);
     fFile = file.get();
     fBytes = std::move(file);
-    fFound = findHeading(*fBytes, row0, fPath, fPlace);
     const auto alive = [&] { return !locked && fFile->isBeingWritten(); };
-    if (keptBeside(fPlace, *fBytes, fFound)) throw unfinished(fPath, alive());
-    try {
-        load();
-    } catch (const ::DamagedFileError&) {
-        if (alive()) throw unfinished(fPath, true);
-        if (!platform::isNameTaken(sideFileName(fPlace).c_str())) throw;
-        throw unfinished(fPath, false);
+    for (rawHeading tried{};;) {
+        fFound = findHeading(*fBytes, row0, fPath, fPlace);
+        if (keptBeside(fPlace, *fBytes, fFound)) throw unfinished(fPath, alive());
+        try {
+            load();
+            return;
+        } catch (const ::DamagedFileError&) {
+            if (alive()) throw unfinished(fPath, true);
+            // An append that has ended by now may have written over the index of before it.
+            if (std::exchange(tried, fFound.raw) != fFound.raw) continue;
+            if (!platform::isNameTaken(sideFileName(fPlace).c_str())) throw;
+            throw unfinished(fPath, false);
+        }
     }
 }
 
