@@ -42,6 +42,12 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     }
     const Bytes sound = support::slice(rows, 2 * kBlock, kBlock);
     EXPECT_TRUE(sameBytes(read(reader, 2 * kBlock, kBlock), sound));
+    auto row = orva::Rows<std::array<char, 64>>(reader).begin();
+    EXPECT_EQ(thrownBy([&] {
+                  while (row != std::default_sentinel) ++row;
+              }),
+              "DamagedFileError");
+    EXPECT_TRUE(row == std::default_sentinel);
     const orva::RecoverReport saved = orva::recover(name, path("saved"), {.progress = told()});
     EXPECT_EQ(fLast.first, fLast.second);
     EXPECT_EQ(saved.blocks, 2);

@@ -50,7 +50,8 @@ public:
     template <class Key, class Projection = std::identity>
     i64 lower_bound(const Key& key, Projection projection = {}) const;
 
-    // From the first row on, a block at a time, past the cache. The iterator gives values.
+    // From the first row on, a block at a time, past the cache. The iterator gives values. One that has failed is at
+    // the end.
     class iterator;
     iterator begin() const { return iterator(fReader); }
     std::default_sentinel_t end() const { return {}; }
@@ -89,6 +90,7 @@ public:
     }
 
 private:
+    static constexpr i64 kMost = i64{1} << 22;  // at a time: a damaged index may claim longer blocks than there can be
     // A row that lies across the border needs the next block too.
     void load();
 
@@ -128,6 +130,7 @@ void Rows<T>::take(std::span<const i64> rows, std::span<T> to) const {
         requests[i] = {rows[i] * kSize, std::as_writable_bytes(to.subspan(i, 1))};
     }
     fReader.read_ranges(requests);
+    for (const ReadRequest& request : requests) require(request.got == sizeof(T), "there is no such row");
 }
 
 template <class T>
@@ -149,10 +152,15 @@ void Rows<T>::iterator::load() {
     fAt = 0;
     while (fBytes.size() < sizeof(T)) {
         const std::size_t kept = fBytes.size();
-        const i64 end = fReader->end_of_block(fNext);
+        const i64 end = std::min(fReader->end_of_block(fNext), fNext + kMost);
         if (end == fNext) return;
         fBytes.resize(kept + static_cast<std::size_t>(end - fNext));
-        fBytes.resize(kept + fReader->read_at(fNext, std::span(fBytes).subspan(kept)));
+        try {
+            fBytes.resize(kept + fReader->read_at(fNext, std::span(fBytes).subspan(kept)));
+        } catch (...) {
+            fBytes.resize(kept);  // what has not come is no row
+            throw;
+        }
         fNext = end;
     }
 }
