@@ -56,10 +56,11 @@ std::string thrownBy(Call call) {
     }
 }
 
-// A source of bytes in memory that counts its reads. From `fails` on it throws, and from `ends` on it has none.
+// A source of bytes in memory that counts its reads. From `fails` on it throws, and from `ends` on it has none. Below 0,
+// `fails` is its size.
 struct source final : orva::ByteSource {
     explicit source(Bytes from = {}) : bytes(std::move(from)) {}
-    i64 size() const override { return std::ssize(bytes); }
+    i64 size() const override { return fails < 0 ? fails : std::ssize(bytes); }
     std::size_t read_at(i64 offset, orva::Bytes to) const override {
         ++reads;
         if (offset >= fails) throw std::domain_error("mine");

@@ -57,6 +57,9 @@ TEST_F(Writer, EndsWithTheSourceThatFailsOrEndsEarly) {
     written("rows", rows, {.block = 1'000'000});
     source failing(rows), ending(rows);
     failing.fails = ending.ends = 2 * kBlock;
+    source unknown(rows);
+    unknown.fails = -1;
+    EXPECT_EQ(thrownBy([&] { orva::Writer(path("none")).write_from(unknown); }), "UsageError");
     for (const int threads : {1, 3}) {
         EXPECT_EQ(thrownBy([&] { orva::Writer(path("none"), {.threads = threads}).write_from(failing); }),
                   "domain_error");

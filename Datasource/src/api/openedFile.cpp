@@ -34,6 +34,12 @@ void refusePipe(const std::string& name, const std::string& place) {
     throwFileError(ESPIPE, kReadFailed, name, "it is a pipe or a device: put its bytes into a file first");
 }
 
+std::int64_t sizeOf(const ByteSource& source) {
+    const std::int64_t size = callersOwn([&] { return source.size(); });
+    require(size >= 0, {}, "the size of a source is 0 or more");
+    return size;
+}
+
 openedFile::openedFile(std::string name, const std::string& place)
     : fName(std::move(name)), fDescriptor(openAtAnyPlace(fName, place)) {}
 
@@ -61,7 +67,7 @@ bool openedFile::isBeingWritten() const {
 }
 
 std::int64_t sourceBytes::length() const {
-    return callersOwn([&] { return fSource->size(); });
+    return sizeOf(*fSource);
 }
 
 bool sourceBytes::read(void* to, std::uint64_t size, std::int64_t place) const {

@@ -18,6 +18,9 @@ namespace orva {
 // FileError for what can't be read at any place. Nobody is waited for at the other end of a pipe.
 void refusePipe(const std::string& name, const std::string& place);
 
+// Asks the caller's own. UsageError for what is below 0: no size, but an error that the source may have met.
+std::int64_t sizeOf(const ByteSource& source);
+
 class openedFile final : public storedBytes {
 public:
     // `name` is for messages, `place` its full name. FileError if it cannot be opened, or read at any place: nobody is

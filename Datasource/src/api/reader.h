@@ -54,7 +54,7 @@ struct ORVA_API ByteSource {
     ByteSource(const ByteSource&) = default;
     ByteSource& operator=(const ByteSource&) = default;
     virtual ~ByteSource();
-    virtual i64 size() const = 0;
+    virtual i64 size() const = 0;  // 0 or more
     // The bytes that there are from the offset on, as many as fit: fewer only at the end.
     virtual std::size_t read_at(i64 offset, Bytes to) const = 0;
 };

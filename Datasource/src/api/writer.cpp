@@ -212,7 +212,7 @@ void Writer::wrote(std::size_t count) {
 void Writer::write_from(const ByteSource& source) {
     State& s = settled();
     s.step([&] {
-        const i64 size = callersOwn([&] { return source.size(); });
+        const i64 size = sizeOf(source);
         const rowSource read = [&](std::int64_t offset, std::span<unsigned char> to) {
             if (callersOwn([&] { return source.read_at(offset, std::as_writable_bytes(to)); }) == to.size()) return;
             throw FileChangedError("the source of the rows for \"" + s.fPath.string() + "\" has become shorter",
