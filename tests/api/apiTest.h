@@ -56,8 +56,8 @@ std::string thrownBy(Call call) {
     }
 }
 
-// A source of bytes in memory that counts its reads. From `fails` on it throws, and from `ends` on it has none. Below 0,
-// `fails` is its size.
+// A source of bytes in memory that counts its reads. From `fails` on it throws, and from `ends` on it has none. Below
+// 0, `fails` is its size.
 struct source final : orva::ByteSource {
     explicit source(Bytes from = {}) : bytes(std::move(from)) {}
     i64 size() const override { return fails < 0 ? fails : std::ssize(bytes); }

@@ -77,6 +77,7 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
         {"LevelZero", [&] { orva::Writer(path("none"), {.level = 0}); }, "UsageError"},
         {"ShortBlock", [&] { orva::Writer(path("none"), {.block = 65'535}); }, "UsageError"},
         {"LongBlock", [&] { orva::Writer(path("none"), {.block = i64{kBlock} + 1}); }, "UsageError"},
+        {"LongName", [&] { orva::Writer(path(std::string(256, 'x'))); }, "SystemError ENAMETOOLONG"},
         {"AppendToNone", [&] { orva::Writer::append(path("none")); }, "SystemError ENOENT"},
         {"AppendToAnUnfinishedFile", [&] { orva::Writer::append(path("line")); }, "UnfinishedFileError"},
         {"AppendToAnotherKind", [&] { orva::Writer::append(path("kind")); }, "DamagedFileError"},
@@ -89,6 +90,7 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
         {"FinishOfAMovedOne", [&] { fresh.finish(); }, "UsageError"},
         {"TheNameTakenMeanwhile", [&] { other.finish(); }, "SystemError EEXIST"},
 
+        {"NoName", [&] { orva::verify(""); }, "SystemError ENOENT"},
         {"RollBackOfNone", [&] { orva::roll_back(path("none")); }, "SystemError ENOENT"},
         {"RecoverTaken", [&] { orva::recover(path("cut"), path("whole")); }, "SystemError EEXIST"},
         {"RecoverInPlace", [&] { orva::recover(path("cut"), path("cut"), {.replace = true}); }, "UsageError"},

@@ -90,6 +90,20 @@ TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {
     EXPECT_EQ(read(reader, static_cast<i64>(size) - 10, 20), Bytes(10));
 }
 
+// As a handler of signals does that a second one interrupts.
+[[noreturn]] void endAsSignalled() {
+    struct SecondSignal : platform::faults::Hook {
+        platform::faults::Verdict before(const platform::faults::Step&) override {
+            if (!std::exchange(came, true)) orva::remove_unfinished(), _exit(0);
+            return {};
+        }
+        bool came = false;
+    } signal;
+    const platform::faults::Installed installed(signal);
+    orva::remove_unfinished();
+    _exit(0);
+}
+
 // Of a process that ends while it writes.
 TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     RandomBytes random(14);
@@ -102,7 +116,7 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
         std::ptrdiff_t left;  // files, with the three above and the one that was flushed
     } endings[] = {
         {"AnException", [] { throw std::domain_error("the caller's own"); }, 4},
-        {"AHandlerOfSignals", [] { orva::remove_unfinished(), _exit(0); }, 6},
+        {"TwoSignals", endAsSignalled, 6},
         {"ACrash", [] { _exit(0); }, 9},
     };
     for (const auto& ending : endings) {

@@ -25,12 +25,8 @@ namespace orva {
 
 namespace {
 
-std::string fullName(const Path& path) {
-    return std::filesystem::absolute(path).string();
-}
-
 shownPart opened(const Path& path, std::optional<i64> row0) {
-    const std::string place = fullName(path);
+    const std::string place = fullName(path.string());
     return translated(
         path, [&] { return shownPart(path, place, row0); }, place);
 }
@@ -44,7 +40,7 @@ template <class Work>
 auto blaming(std::span<const Path> inputs, Work work) {
     const auto blame = [&](const std::string& name) {
         for (const Path& input : inputs) {
-            if (fullName(input) == name) rethrowTranslated(input, name);
+            if (fullName(input.string()) == name) rethrowTranslated(input, name);
         }
     };
     try {
@@ -174,8 +170,8 @@ std::optional<foundPart> toldPart(const Path& path, const std::string& place, st
 }  // namespace
 
 RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& options) {
-    const std::string place = fullName(from);
-    require(!platform::sameFile(place.c_str(), fullName(to).c_str()), to, "it is the file to recover from");
+    const std::string place = fullName(from.string());
+    require(!platform::sameFile(place.c_str(), fullName(to.string()).c_str()), to, "it is the file to recover from");
     recoverOptions how{translated(
                            from, [&] { return toldPart(from, place, options.row0); }, place),
                        options.committed, options.drop_lost};
@@ -199,7 +195,7 @@ RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& op
 }
 
 RollBack roll_back(const Path& path) {
-    const std::string place = fullName(path);
+    const std::string place = fullName(path.string());
     const auto work = [&] {
         refusePipe(path.string(), place);
         return rollBack(place);
@@ -259,9 +255,10 @@ public:
 
 private:
     void add(const Path& path, const Path& to) {
-        const std::string place = fullName(path);
+        const std::string place = fullName(path.string());
         const shownPart part = opened(path, fOptions.row0);
-        require(!platform::sameFile(place.c_str(), fullName(to).c_str()), to, "it is one of the files to join");
+        require(!platform::sameFile(place.c_str(), fullName(to.string()).c_str()), to,
+                "it is one of the files to join");
         if (fInputs.empty()) {
             const bool text = part.found().by == FileInfo::FoundBy::dictionary && part.row0() <= kLongestText;
             if (fDictionary.empty() && text && fFrom.size() > 1) fDictionary = outlivedText(part);

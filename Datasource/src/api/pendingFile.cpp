@@ -84,7 +84,10 @@ hiddenName* show(const std::string& name) {
 void remove_unfinished() noexcept {
     const std::int64_t process = platform::processId();
     for (hiddenName* one = gHiddenNames; one != nullptr; one = one->fNext) {
-        if (!one->take(hiddenName::shown, hiddenName::beingRemoved)) continue;
+        // Also what a handler is about to remove: this one may have interrupted it, and end the process before it goes
+        // on.
+        if (!one->take(hiddenName::shown, hiddenName::beingRemoved) && one->fState != hiddenName::beingRemoved)
+            continue;
         if (one->fProcess == process) platform::removeFile(one->fName);
     }
 }
@@ -110,7 +113,7 @@ pendingFile::pendingFile(const Path& path, bool replace, fs::perms permissions)
         translated(
             fPath,
             [&] {
-                const std::string full = fs::absolute(path).string();
+                const std::string full = fullName(path.string());
                 fTarget = full;
                 fTarget = outputTarget(full);
                 begin();
@@ -136,8 +139,11 @@ pendingFile::~pendingFile() {
 }
 
 void pendingFile::refuseIfTaken() const {
-    std::error_code none;
-    const fs::file_status status = fs::status(fTarget, none);
+    std::error_code unknown;
+    const fs::file_status status = fs::status(fTarget, unknown);
+    if (fTarget.empty()) throwFileError(ENOENT, kWriteFailed, fTarget);
+    // As for a name that is too long: the hidden one is not.
+    if (!fs::status_known(status)) throwFileError(unknown.value(), kWriteFailed, fTarget);
     if (!fs::exists(status) || (bReplace && fs::is_regular_file(status))) return;
     const auto refuse = [&](int error, const char* what) {
         throw SystemError(std::error_code(error, std::generic_category()), '"' + fPath.string() + what, fPath, true);

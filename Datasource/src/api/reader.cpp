@@ -2,6 +2,7 @@
 #include "api/rowsRead.h"
 #include "api/shownPart.h"
 #include "api/translated.h"
+#include "file/namedFile.h"
 
 #include <orva/files.h>
 #include <orva/platform.h>
@@ -22,7 +23,7 @@ struct Reader::State {
 
     State(Path path, std::shared_ptr<const ByteSource> source, const ReaderOptions& given)
         : fPath(std::move(path)),
-          fPlace(fPath.empty() ? fPath : std::filesystem::absolute(fPath)),
+          fPlace(fullName(fPath.string())),
           fSource(std::move(source)),
           fOptions(given),
           fThreads(threadsAtWork(given.threads, fPath)) {

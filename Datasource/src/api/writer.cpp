@@ -72,7 +72,7 @@ struct Writer::State {
     }
 
     void beginAppend(const AppendOptions& options) {
-        fPlace = std::filesystem::absolute(fPath).string();
+        fPlace = fullName(fPath.string());
         refusePipe(fPath.string(), fPlace);
         if (options.roll_back) rollBack(fPlace);
         openOrThrow(*fOpened, fPlace, "r+b", kWriteFailed);

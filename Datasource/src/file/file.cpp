@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <filesystem>
-#include <system_error>
 #include <utility>
 
 template class RefCountPtr<ORVA_File>;
@@ -47,13 +45,6 @@ int OpenDescriptor(const ExtNameStr& name, const char* mode) {
     return name.Sopen(flags, kShareReadOnly, kOwnerReadWrite);
 }
 
-// The working directory may be another one when the file closes.
-std::string fullName(const std::string& name) {
-    std::error_code unknown;
-    const std::filesystem::path full = std::filesystem::absolute(name, unknown);
-    return unknown ? name : full.string();
-}
-
 }  // namespace
 
 ORVA_File::ORVA_File() : ORVA_File(false) {}
@@ -76,7 +67,8 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     ExtNameStr newName(name);
     std::string newMode(mode);
-    std::string temporaryName = ModeHasChar(mode, 'D') ? fullName(name.GetGeneric()) : std::string();
+    // The working directory may be another one when the file closes.
+    std::string temporaryName = ModeHasChar(mode, 'D') ? orva::fullName(name.GetGeneric()) : std::string();
     if (IsOpen()) Close();
     std::swap(fName, newName);
     fMode.swap(newMode);

@@ -3,8 +3,16 @@
 #include <orva/platform.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 
 namespace orva {
+
+std::string fullName(const std::string& name) {
+    std::error_code unknown;
+    const std::filesystem::path full = std::filesystem::absolute(name, unknown);
+    return unknown ? name : full.string();
+}
 
 void throwClosed(const ORVA_File& file, long code) {
     throwFileError(file.OpenErrno() != 0 ? file.OpenErrno() : EBADF, code, file.GetNameStr().GetGeneric());

@@ -9,6 +9,10 @@
 
 namespace orva {
 
+// From the root on; `name` itself where there is no such name, as in a directory that was removed: who uses it meets
+// why.
+std::string fullName(const std::string& name);
+
 // For a file that is not open: with the errno of the Open that failed, or EBADF where somebody has closed it since.
 [[noreturn]] void throwClosed(const ORVA_File& file, long code);
 
