@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <memory>
 #include <span>
+#include <system_error>
 #include <vector>
 
 namespace {
@@ -53,7 +54,8 @@ public:
         }
         rows.finish();
         if (!fOptions.dict.empty()) noteHidden("pack", fOptions.out, std::ssize(dictionary));
-        const auto packed = static_cast<std::int64_t>(std::filesystem::file_size(fOptions.out));
+        std::error_code moved;  // by somebody who has waited for it
+        const auto packed = static_cast<std::int64_t>(std::filesystem::file_size(fOptions.out, moved));
         bar.finish(shownName(fOptions.out) + ": " + humanSize(static_cast<double>(rows.size())) + " to " +
                    humanSize(static_cast<double>(packed)) + ", " + ratioText(rows.size(), packed));
         return kAllWell;

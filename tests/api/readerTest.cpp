@@ -101,7 +101,8 @@ TEST_F(Reader, CostsNoMemoryBeforeItReads) {
     const auto inUse = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
     std::vector<orva::Reader> readers;
     const std::size_t before = inUse();
-    for (int i = 0; i < 100; ++i) readers.emplace_back(orva::Path(name));
+    const orva::ReaderOptions options{.cached_blocks = 1'000'000};
+    for (int i = 0; i < 100; ++i) readers.emplace_back(orva::Path(name), options);
     EXPECT_LT((inUse() - before) / 100, std::size_t{1} << 20);
 }
 

@@ -24,7 +24,7 @@ blockShelf::entry& blockShelf::oldest() {
 blockShelf::rows blockShelf::memory(const shownPart& part) {
     {
         const std::lock_guard guard(fLock);
-        if (!fEntries.empty() && oldest().kept.use_count() == 1) {
+        if (fMost != 0 && fEntries.size() == fMost && oldest().kept.use_count() == 1) {
             oldest().part = 0;
             return std::exchange(oldest().kept, nullptr);
         }
@@ -34,12 +34,13 @@ blockShelf::rows blockShelf::memory(const shownPart& part) {
 
 void blockShelf::keep(std::uint64_t part, std::uint32_t number, rows kept) {
     const std::lock_guard guard(fLock);
-    if (!fEntries.empty()) oldest() = {part, number, ++fClock, std::move(kept)};
+    if (fMost == 0) return;
+    (fEntries.size() < fMost ? fEntries.emplace_back() : oldest()) = {part, number, ++fClock, std::move(kept)};
 }
 
 void blockShelf::clear() {
     const std::lock_guard guard(fLock);
-    std::ranges::fill(fEntries, entry{});
+    fEntries.clear();
 }
 
 blockBuffer blockShelf::takeScratch(const shownPart& part) {

@@ -22,7 +22,7 @@ class blockShelf {
 public:
     using rows = std::shared_ptr<blockBuffer>;
 
-    explicit blockShelf(int most) : fEntries(static_cast<std::size_t>(most)) {}
+    explicit blockShelf(int most) : fMost(static_cast<std::size_t>(most)) {}
 
     // The rows of that block of the part with that id; null where they are not kept.
     rows find(std::uint64_t part, std::uint32_t number);
@@ -44,8 +44,10 @@ private:
     };
     entry& oldest();
 
+    const std::size_t fMost;
+
     std::mutex fLock;
-    std::vector<entry> fEntries;
+    std::vector<entry> fEntries;  // up to fMost
     std::vector<blockBuffer> fScratch;
     std::uint64_t fClock = 0;
 };

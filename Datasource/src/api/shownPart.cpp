@@ -156,6 +156,8 @@ bool shownPart::readKept(std::uint32_t number, const readRoad& road, unsigned ch
         return true;
     } catch (const ::DamagedFileError&) {
         return false;
+    } catch (const FileError&) {  // the block is damaged, whatever else fails
+        return false;
     }
 }
 

@@ -55,8 +55,8 @@ struct allBlocks {
     int looseEnds(std::int64_t number, const filePosRecord& r) const {
         const std::optional<filePosRecord> before = credible(number - 1);
         const std::optional<filePosRecord> behind = credible(number + 1);
-        const std::int64_t begin = before ? before->translatePos + before->translateSize : r.orginalPos + kHeadingSize;
-        const bool looseBegin = (before || number == 0) && r.translatePos != begin;
+        const bool looseBegin = before ? r.translatePos != before->translatePos + before->translateSize
+                                       : number == 0 && r.translatePos - kHeadingSize != r.orginalPos;
         return (looseBegin ? 1 : 0) + (behind && r.translatePos + r.translateSize != behind->translatePos ? 1 : 0);
     }
     // Of two records with bytes in common one lies: the one that fits less well between its neighbours, or else the one
