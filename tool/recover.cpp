@@ -34,12 +34,7 @@ public:
         requireName(fOptions.part.file);
         if (fOptions.rollBack) return rollBack();
         noteAppend();
-        fReport = orva::recover(fOptions.part.file, fOptions.out,
-                                {.row0 = fOptions.part.place(),
-                                 .committed = fOptions.committed,
-                                 .drop_lost = fOptions.drop,
-                                 .durable = !fOptions.output.noSync,
-                                 .replace = fOptions.output.force});
+        fReport = recovered();
         tell();
         if (fReport.lost.empty()) return kAllWell;
         throw toolFailure(kPartial, fOptions.part.file,
@@ -48,6 +43,19 @@ public:
     }
 
 private:
+    orva::RecoverReport recovered() const {
+        try {
+            return orva::recover(fOptions.part.file, fOptions.out,
+                                 {.row0 = fOptions.part.place(),
+                                  .committed = fOptions.committed,
+                                  .drop_lost = fOptions.drop,
+                                  .durable = !fOptions.output.noSync,
+                                  .replace = fOptions.output.force});
+        } catch (const orva::UsageError& twoParts) {
+            throw toolFailure(kOtherFailure, fOptions.part.file, failureText(twoParts.what(), fOptions.part.file));
+        }
+    }
+
     void checkUsage() const {
         if (fOptions.rollBack != fOptions.out.empty()) {
             usageError("name the file to make with -o, or undo an interrupted append in place with --roll-back");

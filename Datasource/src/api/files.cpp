@@ -153,18 +153,20 @@ namespace {
 // Where the caller or the file itself says that it is, in the byte order that the heading shows there, if one does.
 std::optional<foundPart> toldPart(const Path& path, const std::string& place, std::optional<i64> row0) {
     const openedFile file(path.string(), place);
+    try {
+        const foundHeading found = findHeading(file, row0, path, place);
+        return foundPart{found.heading._caseStartPos, found.swapped};
+    } catch (const UsageError&) {
+        throw;
+    } catch (const Error&) {  // NOLINT(bugprone-empty-catch): it is to be recovered
+    }
     if (!row0) {
         std::string first(static_cast<std::size_t>(std::min<i64>(file.length(), kDictionaryTextSize)), '\0');
         file.read(first.data(), first.size(), 0);
         if (const auto text = parseDictionaryText(first)) row0 = text->row0Pos;
     }
     if (!row0) return {};
-    require(*row0 >= 1, path, "no rows begin before offset 1");
-    try {
-        return foundPart{*row0, findHeading(file, row0, path, place).swapped};
-    } catch (const Error&) {
-        return foundPart{*row0, false};
-    }
+    return foundPart{*row0, false};
 }
 
 }  // namespace
