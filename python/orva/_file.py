@@ -11,7 +11,7 @@ from types import TracebackType
 from typing import Any, Literal, NoReturn
 
 from . import _orva
-from ._source import NEW_BLOCKS, Opened, PathLike, Source, block_of, path_of
+from ._source import NEW_BLOCKS, Opened, PathLike, Source, block_of, path_of, row0_of, threads_of, whole
 
 Mode = Literal["rb", "wb", "xb", "ab"]
 _CLOSED = "I/O operation on closed file"
@@ -20,6 +20,7 @@ _FARTHEST = (1 << 63) - 1
 
 def _begin(path: PathLike, mode: str, row0: int | None, threads: int, level: int, block: int | None) -> _orva.Writer:
     name, length = os.fsencode(path_of(path)), block_of(block, NEW_BLOCKS)
+    threads, level, row0 = threads_of(threads), whole(level, "level", 32), row0_of(row0)
     if mode != "ab":
         if row0 is not None:
             raise ValueError("row0 tells of a file that there is, and this one is new")
@@ -133,7 +134,8 @@ class File(io.RawIOBase):
     def read(self, size: int | None = -1) -> bytes:
         reader = (self._opened or self._no_reader("read")).reader
         left = max(reader.size - self._pos, 0)
-        rows = reader.read_bytes(self._pos, left if size is None or size < 0 else min(size, left))
+        wanted = -1 if size is None else operator.index(size)
+        rows = reader.read_bytes(self._pos, left if wanted < 0 else min(wanted, left))
         self._pos += len(rows)
         return rows
 

@@ -11,7 +11,7 @@ from dataclasses import dataclass
 from typing import Any, Literal, Optional
 
 from . import _orva
-from ._source import PathLike, path_of
+from ._source import PathLike, path_of, paths_of, row0_of, threads_of
 
 Progress = Optional[Callable[[int, int], object]]
 
@@ -84,10 +84,16 @@ def _name(path: PathLike) -> bytes:
     return os.fsencode(path_of(path))
 
 
+def _called(progress: Progress) -> Progress:
+    if progress is not None and not callable(progress):
+        raise TypeError(f"progress is called with two numbers, and {progress!r} cannot be called")
+    return progress
+
+
 def info(path: PathLike, *, row0: int | None = None) -> FileInfo:
     """What heading and index of a finished file tell. Errors: as `orva.open`."""
     told: list[Any]
-    *told, index, blocks = _orva.info(_name(path), row0)
+    *told, index, blocks = _orva.info(_name(path), row0_of(row0))
     told += [Range(*index), [Block(Range(*rows), *where) for rows, *where in blocks]]
     return FileInfo(*told)
 
@@ -96,7 +102,7 @@ def verify(
     path: PathLike, *, row0: int | None = None, threads: int = 1, progress: Progress = None
 ) -> VerifyReport:
     """Inflates every block, and goes on behind a damaged one. threads and errors: as `orva.open`."""
-    blocks, bad, index = _orva.verify(_name(path), row0, threads, progress)
+    blocks, bad, index = _orva.verify(_name(path), row0_of(row0), threads_of(threads), _called(progress))
     return VerifyReport(blocks, [BadBlock(block, Range(*rows), text) for block, rows, text in bad], index)
 
 
@@ -115,7 +121,8 @@ def recover(
     committed: without what an interrupted append has added. drop_lost: closes gaps, where zeros stand otherwise.
     replace: a file that has the name, else FileExistsError. DamagedFileError if not one block can be found.
     """
-    blocks, size, lost = _orva.recover(_name(source), _name(target), row0, committed, drop_lost, replace, progress)
+    how = row0_of(row0), bool(committed), bool(drop_lost), bool(replace), _called(progress)
+    blocks, size, lost = _orva.recover(_name(source), _name(target), *how)
     return RecoverReport(blocks, size, [LostRows(Range(*rows), *rest) for rows, *rest in lost])
 
 
@@ -130,4 +137,5 @@ def join(
 ) -> JoinReport:
     """The rows of finished files, one behind the other, in the new file `target`, which keeps the first one's dtype.
     Blocks are copied as they stand. ValueError for no file, and if `target` is one of them."""
-    return JoinReport(*_orva.join([_name(path) for path in sources], _name(target), replace, progress))
+    names = [os.fsencode(path) for path in paths_of(sources)]
+    return JoinReport(*_orva.join(names, _name(target), bool(replace), _called(progress)))

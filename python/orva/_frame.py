@@ -24,6 +24,8 @@ def frame_of(
     fields = rows.dtype.names
     if fields is None or rows.ndim != 1:
         raise ValueError(f"rows of {rows.dtype} have no fields to be columns")
+    if isinstance(columns, str):
+        raise TypeError(f"columns are a list of names, not {columns!r}")
     wanted = list(fields if columns is None else columns)
     parts: dict[str, npt.NDArray[Any]] = {}
     for name in wanted:
@@ -44,8 +46,9 @@ def frame_of(
 def to_frame(path: Source, columns: Sequence[str] | None = None, dtype: npt.DTypeLike = None) -> pandas.DataFrame:
     """A frame of the fields of a file's rows, a column each, in this machine's byte order.
 
-    columns: the fields wanted, in this order; memory is taken for them only. dtype: as for `orva.rows`. Errors: as there,
-    and ValueError for a field that is not there, or has values of more than one part.
+    columns: the fields wanted, in this order; memory is taken for them only. dtype: as for `orva.rows`. Errors: as there;
+    DamagedFileError for rows that are lost, which a frame cannot show: `orva.rows` masks them; ValueError for a field
+    that is not there, or has values of more than one part.
     """
     with Rows(path, dtype, "raise", None, 1) as rows:
         return frame_of(rows, columns, 0, len(rows))

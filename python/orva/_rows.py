@@ -15,6 +15,7 @@ from . import _dtype
 from ._source import Opened, Source
 
 Lost = list[tuple[int, int]]
+_MOST_SPLITS = (1 << 31) - 1
 
 
 def _bytes_of(array: npt.NDArray[Any]) -> npt.NDArray[np.uint8]:
@@ -269,32 +270,50 @@ class Rows:
     def search(self, field: str | None, low: Any, high: Any) -> slice:
         """The rows whose key is `low` or above and below `high`: rows ascend by it. `field`: that holds the keys; None:
         the rows are keys themselves. Inflates about as many blocks as the count of blocks has binary digits, and reads
-        no row that it need not; rows[rows.search(...)] reads those that are found."""
-        self._empty(0)[field or ...]
+        no row that it need not; rows[rows.search(...)] reads those that are found.
+
+        DamagedFileError where a row that it looks at is lost; with damaged="mask" the rows around tell, and lost ones
+        that may be meant are among those found. ValueError for a field that is not there or holds no single value."""
+        self._check_key(field)
         value = self._empty(1)
 
-        def is_below(row: int, key: Any) -> bool:
-            self._reader.read_at(row * self._row.itemsize, _bytes_of(value))
-            return bool((value[0] if field is None else value[field][0]) < key)
+        def is_below(row: int, key: Any, aside: int) -> bool:
+            """Of a lost row: what the next sound one tells, behind it (`aside` is 1) or before it (-1). Where there is
+            none, it may be meant."""
+            while 0 <= row < len(self):
+                found: Lost | None = [] if self._mask else None
+                self._reader.read_at(row * self._row.itemsize, _bytes_of(value), found)
+                if not found:
+                    return bool((value[0] if field is None else value[field][0]) < key)
+                begin, end = self._noted(found)[0]
+                row = end if aside > 0 else begin - 1
+            return aside < 0
 
-        def bound(key: Any, first: int, end: int) -> int:
+        def bound(key: Any, first: int, end: int, aside: int) -> int:
             while first < end:
                 middle = (first + end) // 2
-                first, end = (middle + 1, end) if is_below(middle, key) else (first, middle)
+                first, end = (middle + 1, end) if is_below(middle, key, aside) else (first, middle)
             return first
 
-        first = bound(low, 0, len(self))
+        first = bound(low, 0, len(self), 1)
         # The other end is near, as a rule, and so in the same block or the next ones.
         near, step = first, 1
-        while near + step < len(self) and is_below(near + step, high):
+        while near + step < len(self) and is_below(near + step, high, -1):
             near, step = near + step, 2 * step
-        return slice(first, bound(high, near, min(near + step, len(self))))
+        return slice(first, bound(high, near, min(near + step, len(self)), -1))
+
+    def _check_key(self, field: str | None) -> None:
+        if field is not None and not (isinstance(field, str) and field in (self.dtype.fields or {})):
+            raise ValueError(f"rows of {self._row} have no field {field!r}")
+        key = self._row if field is None else self.dtype[field]
+        if key.names is not None or key.subdtype is not None:
+            raise ValueError(f"values of {key} are no keys: name a field that holds one number or text")
 
     def splits(self, count: int) -> list[slice]:
         """All rows in `count` slices or fewer, one behind the other, of about equal length: they begin where a block does
         as far as rows allow, so that nearly no block is inflated for two of them. ValueError below 1."""
         size = self._row.itemsize
-        ranges = self._reader.splits(min(operator.index(count), len(self) + 1), size)
+        ranges = self._reader.splits(min(max(operator.index(count), 0), _MOST_SPLITS), size)
         return [slice(begin // size, (begin + length) // size) for begin, length in ranges]
 
     def _open(self) -> None:

@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 import io
+import operator
 import os
 import threading
+from collections.abc import Iterable
 from typing import Any, Union
 
 from . import _orva
@@ -16,7 +18,7 @@ Source = Union[str, "os.PathLike[str]", io.RawIOBase, io.BufferedIOBase]
 
 def path_of(path: PathLike) -> str:
     """As the caller names it."""
-    name = os.fspath(path)
+    name = os.fspath(path) if isinstance(path, (str, os.PathLike)) else None
     if not isinstance(name, str):
         raise TypeError(f"a path is str or os.PathLike[str], not {type(path).__name__}")
     if "\0" in name:
@@ -24,9 +26,34 @@ def path_of(path: PathLike) -> str:
     return name
 
 
+def paths_of(paths: Iterable[PathLike]) -> list[str]:
+    if isinstance(paths, (str, bytes, os.PathLike)) or not isinstance(paths, Iterable):
+        raise TypeError(f"several paths are wanted, as a list, not {paths!r}")
+    return [path_of(path) for path in paths]
+
+
+def whole(value: int, what: str, bits: int = 64) -> int:
+    """A number that the extension can take; it looks itself whether it makes sense."""
+    try:
+        number = operator.index(value)
+    except TypeError:
+        raise TypeError(f"{what} is a whole number, not {value!r}") from None
+    if not -1 << (bits - 1) <= number < 1 << (bits - 1):
+        raise ValueError(f"{what} cannot be {number}")
+    return number
+
+
+def threads_of(threads: int) -> int:
+    return whole(threads, "threads", 32)
+
+
+def row0_of(row0: int | None) -> int | None:
+    return None if row0 is None else whole(row0, "row0")
+
+
 def block_of(length: int | None, default: int) -> int:
     """A block's length for the extension, whose 0 means the longest, or the file's own."""
-    return default if length is None else length or -1
+    return default if length is None else whole(length, "block") or -1
 
 
 class SourceObject:
@@ -80,14 +107,20 @@ class Opened:
     """A reader, and what opens it again in another process."""
 
     def __init__(self, source: Source | _orva.Source, row0: int | None, threads: int) -> None:
-        self.row0, self.threads = row0, threads
+        self.row0, self.threads = row0_of(row0), threads_of(threads)
         self.again: Any = source
         self.name = str(getattr(source, "name", ""))
-        if hasattr(source, "read_at"):
-            self.reader = _orva.Reader(source, row0, threads)  # type: ignore[arg-type]
-        elif hasattr(source, "readinto") and not isinstance(source, (str, os.PathLike)):
-            self.reader = _orva.Reader(SourceObject(source), row0, threads)
-        else:
+        how = self.row0, self.threads
+        if isinstance(source, (str, os.PathLike)):
             self.name = path_of(source)
             self.again = os.path.abspath(self.name)
-            self.reader = _orva.Reader(os.fsencode(self.name), row0, threads)
+            self.reader = _orva.Reader(os.fsencode(self.name), *how)
+        elif hasattr(source, "read_at"):
+            self.reader = _orva.Reader(source, *how)  # type: ignore[arg-type]
+        elif hasattr(source, "readinto"):
+            if not getattr(source, "readable", lambda: True)():
+                raise io.UnsupportedOperation("not readable")
+            self.reader = _orva.Reader(SourceObject(source), *how)
+        else:
+            given = type(source).__name__
+            raise TypeError(f"rows come from a path, str or os.PathLike[str], or a binary file object, not {given}")

@@ -9,7 +9,7 @@ import numpy as np
 import numpy.typing as npt
 
 from . import _dtype, _orva
-from ._source import NEW_BLOCKS, PathLike, block_of, path_of
+from ._source import NEW_BLOCKS, PathLike, block_of, path_of, threads_of, whole
 
 _PIECE = 4_190_208  # bytes of rows that are copied at a time where an array is in pieces
 
@@ -46,7 +46,8 @@ def write(
     """
     values, row = _rows_of(array)
     name = os.fsencode(path_of(path))
-    writer = _orva.create(name, _dtype.to_dictionary(row), threads, True, level, block_of(block, NEW_BLOCKS))
+    options = threads_of(threads), True, whole(level, "level", 32), block_of(block, NEW_BLOCKS)
+    writer = _orva.create(name, _dtype.to_dictionary(row), *options)
     try:
         _write(writer, values, row)
     finally:
@@ -62,7 +63,7 @@ def append(path: PathLike, array: npt.ArrayLike, *, roll_back: bool = False) -> 
     """
     values, row = _rows_of(array)
     name = os.fsencode(path_of(path))
-    writer = _orva.append(name, None, 1, 1, 0, roll_back)  # holds others off while the dtype is looked at
+    writer = _orva.append(name, None, 1, 1, 0, bool(roll_back))  # holds others off while the dtype is looked at
     try:
         told = _dtype.of_file(path_of(path))
         if told is not None and told != row:

@@ -126,6 +126,7 @@ def test_pieces_are_all_rows(shared: Path) -> None:
     assert rows.search("time", 5.5, 70) == slice(6, 70)
     assert rows.search("time", 30_000, 5) == slice(20_000, 20_000)
     assert orva.rows(shared / "numbers.orva").search(None, 2, 100) == slice(2, 10)
+    assert [part.stop for part in rows.splits(1 << 70)][-1] == 20_000 and len(rows.splits(1 << 70)) == 7
 
 
 @pytest.mark.parametrize("threads", [1, 2])
@@ -144,6 +145,28 @@ def test_lost_rows_are_masked(shared: Path, threads: int) -> None:
         times = values if values.dtype.names is None else values["time"]
         assert np.array_equal(times.compressed(), numbers[sound[numbers]])
     assert rows.lost == [(DAMAGED.start, DAMAGED.stop)]
+
+
+@pytest.mark.parametrize(
+    "low, high, found",
+    [
+        *((9_000, 9_361, (9_000, 9_361)), (12_485, 13_000, (12_485, 13_000)), (9_000, 13_000, (9_000, 13_000))),
+        *((9_400, 9_401, (9_362, 12_484)), (9_361, 10_000, (9_361, 12_484)), (12_000, 12_485, (9_362, 12_485))),
+        *((0, 9_362, (0, 12_484)), (12_484, 13_000, (9_362, 13_000))),  # keys may come more than once
+    ],
+)
+def test_a_search_goes_around_lost_rows(shared: Path, low: int, high: int, found: tuple[int, int]) -> None:
+    assert orva.rows(shared / "bad.orva", damaged="mask").search("time", low, high) == slice(*found)
+
+
+@pytest.mark.parametrize("blocks, found", [((0, 1), (0, 6_242)), ((5, 6), (15_603, 20_000)), (range(7), (0, 20_000))])
+def test_a_search_where_blocks_are_lost_up_to_an_end(here: Path, blocks: Any, found: tuple[int, int]) -> None:
+    bad = bytearray((here / "trades.orva").read_bytes())
+    for block in (orva.info("trades.orva").blocks[number] for number in blocks):
+        bad[block.file_offset + 99 : block.file_offset + 107] = b"\xff" * 8
+    (here / "worse.orva").write_bytes(bad)
+    rows = orva.rows("worse.orva", damaged="mask")
+    assert rows.search("time", found[0] + 5, found[0] + 9) == slice(*found) and rows.lost == [found]
 
 
 def test_frames(here: Path) -> None:
