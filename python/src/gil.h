@@ -2,8 +2,13 @@
 // unwinding, each thread that asks for the lock, and unwinding through a destructor or the library's own frames ends
 // the process by abort. So such a thread waits for the process to end, and lets nothing go.
 //
+// A thread of the library's that takes the lock for the first time is made known to the interpreter, which takes a lock
+// of the interpreter's own. No fork happens meanwhile: the child would find it taken, and wait for ever.
+//
 // Threads: released is made with the lock, held on any thread. Failure: none.
 #pragma once
+
+#include <orva/platform.h>
 
 #include <cxxabi.h>
 #include <pybind11/pybind11.h>
@@ -38,6 +43,7 @@ private:
 class held {
 public:
     held() {
+        if (PyGILState_GetThisThreadState() == nullptr) makeKnown();
         takeOrWait([&] { fLock.emplace(); });
     }
     held(const held&) = delete;
@@ -45,6 +51,13 @@ public:
     ~held() = default;
 
 private:
+    // Until fLock goes, which counts its users.
+    static void makeKnown() {
+        const platform::noFork whole;
+        PyThreadState* const state = PyThreadState_New(PyInterpreterState_Main());
+        if (state != nullptr) state->gilstate_counter = 0;
+    }
+
     std::optional<pybind11::gil_scoped_acquire> fLock;
 };
 
