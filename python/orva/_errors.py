@@ -36,6 +36,6 @@ class UnfinishedFileError(Error, ValueError):
 
 
 class FileChangedError(Error, RuntimeError):
-    """The file was written to since it was opened: opening it again shows it as it is now."""
+    """The file was written to since it was opened, or its partitions were made: doing that again shows it as it is now."""
 
     __module__ = "orva"

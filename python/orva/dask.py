@@ -8,9 +8,12 @@ docs/many-machines.md is the guide.
 
 from __future__ import annotations
 
+import hashlib
+import operator
 import os
 import shutil
 import uuid
+import zlib
 from collections.abc import Iterator, Sequence
 from dataclasses import dataclass, field
 from functools import lru_cache
@@ -29,7 +32,7 @@ from ._errors import FileChangedError
 from ._files import join
 from ._frame import frame_of
 from ._rows import Rows
-from ._source import PathLike, path_of
+from ._source import PathLike, path_of, paths_of
 from ._write import write
 from .fsspec import source
 
@@ -39,6 +42,17 @@ if TYPE_CHECKING:
 
 Paths = Union[PathLike, Sequence[PathLike]]
 _OPEN_FILES = 16  # in each process
+_SAMPLES = 16
+
+
+@dataclass(frozen=True)
+class _Seen:
+    """What a file was when its partitions were made, so that a worker knows it again, also with rows behind it."""
+
+    size: int
+    blocks: int
+    begins: str  # of the blocks' rows and of their bytes in the file, hashed
+    sums: tuple[bytes, ...]  # Adler-32 of some blocks' rows, which their streams end with; at last, the last block's
 
 
 @dataclass(frozen=True)
@@ -47,6 +61,7 @@ class _File:
 
     url: str
     dtype: np.dtype[Any] | None
+    seen: _Seen
     token: str
     options: dict[str, Any] = field(compare=False)
 
@@ -65,32 +80,61 @@ def _target(url: str, options: dict[str, Any]) -> Any:
     return fsspec.core.url_to_fs(url, **options) if "://" in url else (fsspec.filesystem("file"), url)
 
 
-def _file(path: PathLike, dtype: npt.DTypeLike, options: dict[str, Any]) -> _File:
-    url = path_of(path)
-    if "://" not in url:
-        url = os.path.abspath(url)
+def _index(rows: Rows) -> npt.NDArray[np.int64]:
+    """Offset and length of each block's rows, and of its bytes in the file."""
+    return np.frombuffer(rows._reader.blocks(), np.int64).reshape(-1, 4)
+
+
+def _seen(rows: Rows, fs: Any, name: str, blocks: int | None = None) -> _Seen:
+    """Of the first `blocks` of a file. What is read for it are the last 4 bytes of some of them."""
+    index = _index(rows)[:blocks]
+    count = len(index)
+    some = np.unique([*np.linspace(0, max(count - 2, 0), _SAMPLES).astype(int), max(count - 1, 0)])[:count]
+    ends = index[some, 2:].sum(axis=1).tolist()
+    sums = fs.cat_ranges([name] * len(ends), [end - 4 for end in ends], ends)
+    for failed in (found for found in sums if isinstance(found, Exception)):  # which some file systems give back
+        raise failed
+    begins = hashlib.sha256(np.ascontiguousarray(index[:, [0, 2]]).tobytes()).hexdigest()
+    return _Seen(rows.nbytes, count, begins, tuple(sums))
+
+
+def _is_still(was: _Seen, rows: Rows, fs: Any, name: str) -> bool:
+    """Whether the rows that were seen are those that begin the file now."""
+    now = _seen(rows, fs, name, was.blocks)
+    if now.size < was.size or now.begins != was.begins:
+        return False
+    if now.size == was.size:
+        return now.sums == was.sums
+    if was.size == 0:
+        return True
+    begin = int(_index(rows)[was.blocks - 1, 0])  # of the block that an append may have written again, with more rows
+    last = zlib.adler32(rows._reader.read_bytes(begin, was.size - begin)).to_bytes(4, "big")
+    return (*now.sums[:-1], last) == was.sums
+
+
+def _file(path: str, dtype: npt.DTypeLike, options: dict[str, Any]) -> tuple[_File, Rows]:
+    url = path if "://" in path else os.path.abspath(path)
     fs, name = _target(url, options)
-    return _File(url, None if dtype is None else np.dtype(dtype), fs.ukey(name), options)
+    token = fs.ukey(name)
+    rows = Rows(source(fs, name), dtype, "raise", None, 1)
+    given = None if dtype is None else np.dtype(dtype)
+    return _File(url, given, _seen(rows, fs, name), token, options), rows
 
 
 @lru_cache(maxsize=_OPEN_FILES)
 def _rows(file: _File) -> Rows:
     """Open in a worker for its later tasks, which then read no index."""
-    return Rows(source(*_target(file.url, file.options)), file.dtype, "raise", None, 1)
-
-
-def _rows_of(part: _Part) -> Rows:
-    rows = _rows(part.file)
-    if len(rows) < part.stop:
+    fs, name = _target(file.url, file.options)
+    rows = Rows(source(fs, name), file.dtype, "raise", None, 1)
+    if not _is_still(file.seen, rows, fs, name):
         raise FileChangedError(
-            f'"{part.file.url}" has {len(rows)} rows, and had {part.stop} or more when its partitions were made',
-            part.file.url,
+            f'"{file.url}" has other rows than when its partitions were made: make them again by from_rows', file.url
         )
     return rows
 
 
 def _read(part: _Part) -> Any:
-    return _rows_of(part)[part.first : part.stop]
+    return _rows(part.file)[part.first : part.stop]
 
 
 class _ReadFrame:
@@ -104,19 +148,12 @@ class _ReadFrame:
 
     def __call__(self, part: _Part) -> Any:
         numbers = range(part.number, part.number + part.stop - part.first)
-        return frame_of(_rows_of(part), self.columns, part.first, part.stop, numbers)
+        return frame_of(_rows(part.file), self.columns, part.first, part.stop, numbers)
 
 
-def _parts(files: list[_File], partition_bytes: int) -> Iterator[_Part]:
-    number = 0
-    row = _rows(files[0])._row
-    for file in files:
-        rows = _rows(file)
-        if rows._row != row:
-            raise ValueError(f'"{file.url}" has rows of {rows._row}, and "{files[0].url}" of {row}')
-        for part in rows.splits(max(round(rows.nbytes / partition_bytes), 1)):
-            yield _Part(file, part.start, part.stop, number)
-            number += part.stop - part.start
+def _parts(file: _File, rows: Rows, partition_bytes: int, number: int) -> Iterator[_Part]:
+    for part in rows.splits(max(round(rows.nbytes / partition_bytes), 1)):
+        yield _Part(file, part.start, part.stop, number + part.start)
 
 
 def from_rows(
@@ -132,7 +169,8 @@ def from_rows(
 
     A partition ends where a block does, or with the row that goes on into the next one: so a block is inflated by two
     partitions at most, which share a row of it. Tasks hold a path and a range of rows. A worker opens a file once, for its
-    24 bytes a block of index, and keeps some open: a file that is replaced is freed when they are closed.
+    24 bytes a block of index and for 4 bytes each of up to 17 blocks, by which it knows the file again, and keeps some open:
+    a file that is replaced is freed when they are closed.
 
     paths: that each worker has under the same names, or URLs of fsspec's file systems, for which `storage_options` are.
     dtype: as for `orva.rows`; without it the files' own.
@@ -140,35 +178,45 @@ def from_rows(
         it has blocks.
 
     Errors: those of `orva.rows` here; ValueError for no file, and for files of different dtypes. Of the tasks: OSError;
-    DamagedFileError; FileChangedError for a file that has become shorter, or of which an append has rewritten a block.
+    DamagedFileError; FileChangedError for a file that was replaced by one with other rows, and for a block that an append
+    has rewritten since the worker opened the file. Rows that were added meanwhile are not seen.
     """
-    if partition_bytes < 1:
+    if operator.index(partition_bytes) < 1:
         raise ValueError("a partition has 1 byte or more")
-    listed = [paths] if isinstance(paths, (str, os.PathLike)) else paths
-    files = [_file(path, dtype, storage_options or {}) for path in listed]
-    if not files:
+    listed = [path_of(paths)] if isinstance(paths, (str, os.PathLike)) else paths_of(paths)
+    if not listed:
         raise ValueError("there is no file to read rows from")
-    parts = list(_parts(files, partition_bytes)) or [_Part(files[0], 0, 0, 0)]
-    ranges = [(part.file.token, part.first, part.stop) for part in parts]
-    name = f"orva-rows-{tokenize(ranges, _rows(files[0])._row, frame)}"  # type: ignore[no-untyped-call]
-    return _frame(parts, name) if frame else _array(parts, name)
+    parts: list[_Part] = []
+    first: Rows | None = None
+    number = 0
+    for path in listed:
+        file, rows = _file(path, dtype, storage_options or {})
+        first = first or rows
+        if rows._row != first._row:
+            raise ValueError(f'"{file.url}" has rows of {rows._row}, and "{listed[0]}" of {first._row}')
+        parts += _parts(file, rows, partition_bytes, number)
+        number += len(rows)
+    assert first is not None
+    parts = parts or [_Part(file, 0, 0, 0)]
+    ranges = [(part.file.token, part.file.seen, part.first, part.stop) for part in parts]
+    name = f"orva-rows-{tokenize(ranges, first._row, frame)}"  # type: ignore[no-untyped-call]
+    return _frame(parts, name, first) if frame else _array(parts, name, first)
 
 
-def _array(parts: list[_Part], name: str) -> Array:
+def _array(parts: list[_Part], name: str, like: Rows) -> Array:
     from dask.array.core import Array
 
-    rows = _rows(parts[0].file)
-    within = rows.shape[1:]
+    within = like.shape[1:]
     layer = {(name, i, *(0 for _ in within)): (_read, part) for i, part in enumerate(parts)}
     graph = HighLevelGraph.from_collections(name, layer)  # type: ignore[no-untyped-call]
     chunks = tuple(part.stop - part.first for part in parts), *((length,) for length in within)
-    return Array(graph, name, chunks, rows.dtype)  # type: ignore[no-untyped-call]
+    return Array(graph, name, chunks, like.dtype)  # type: ignore[no-untyped-call]
 
 
-def _frame(parts: list[_Part], name: str) -> DataFrame:
+def _frame(parts: list[_Part], name: str, like: Rows) -> DataFrame:
     from dask.dataframe.io.io import from_map
 
-    meta = frame_of(_rows(parts[0].file), None, 0, 0, range(0))
+    meta = frame_of(like, None, 0, 0, range(0))
     end = parts[-1].number + parts[-1].stop - parts[-1].first
     divisions = (*(part.number for part in parts), max(end - 1, 0))
     label, token = name.rsplit("-", 1)

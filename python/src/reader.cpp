@@ -133,6 +133,13 @@ py::bytes dictionary(const closableReader& reader) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
+// Four int64 a block: offset and length of its rows, where its compressed bytes stand in the file, and their count.
+py::bytes blocks(const closableReader& reader) {
+    static_assert(sizeof(orva::Block) == 4 * sizeof(i64));
+    const std::vector<orva::Block> all = reader.get().blocks();
+    return {reinterpret_cast<const char*>(all.data()), all.size() * sizeof(orva::Block)};
+}
+
 std::vector<std::pair<i64, i64>> splits(const closableReader& reader, int count, i64 recordSize) {
     std::vector<std::pair<i64, i64>> ranges;
     for (const orva::Range& range : reader.get().splits(count, recordSize)) {
@@ -153,6 +160,7 @@ void bindReader(py::module_& module) {
         .def_property_readonly("row0", [](const closableReader& reader) { return reader.get().row0(); })
         .def_property_readonly("swapped", [](const closableReader& reader) { return reader.get().swapped(); })
         .def("dictionary", &dictionary)
+        .def("blocks", &blocks)
         .def("end_of_block", [](const closableReader& reader, i64 offset) { return reader.get().end_of_block(offset); })
         .def("splits", &splits, "count"_a, "record_size"_a)
         .def("read_at", &closableReader::readAt, "offset"_a, "to"_a, "lost"_a = py::none())

@@ -3,7 +3,7 @@
 import pickle
 import subprocess
 from pathlib import Path
-from typing import Any
+from typing import Any, Callable
 
 import dask.array as da
 import dask.dataframe as dd
@@ -59,10 +59,43 @@ def test_frames_number_rows_and_read_the_columns_that_are_wanted(tmp_path: Path)
     assert frame.price.sum().compute() == pytest.approx(both.price.sum())
     orva.append(tmp_path / "a", ROWS[:5])
     assert len(orva.dask.from_rows(str(tmp_path / "a"), frame=True)) == len(ROWS) + 5
-    orva.write(tmp_path / "b", ROWS[:1_000])
-    with pytest.raises(orva.FileChangedError, match="has 1000 rows"):
-        orva.dask._rows.cache_clear()
-        frame.compute()
+
+
+RANDOM = np.random.default_rng(2).integers(0, 1 << 63, 100_000)  # every block takes as many bytes, whatever is in it
+CHANGES: dict[str, tuple[Any, Callable[[str], object], bool]] = {
+    "rows added": (RANDOM, lambda path: orva.append(path, RANDOM), True),
+    "rows added to one block": (RANDOM[:9], lambda path: orva.append(path, RANDOM[:9]), True),
+    "rows added to none": (RANDOM[:0], lambda path: orva.append(path, RANDOM), True),
+    "nothing added": (RANDOM, lambda path: orva.append(path, RANDOM[:0]), True),
+    "written again": (RANDOM, lambda path: orva.write(path, RANDOM, block=BLOCK), True),
+    "other rows": (RANDOM, lambda path: orva.write(path, RANDOM + 1, block=BLOCK), False),
+    "one row": (RANDOM, lambda path: orva.write(path, np.where(np.arange(len(RANDOM)) == 50_000, 1, RANDOM), block=BLOCK), False),
+    "the last row": (RANDOM, lambda path: orva.write(path, [*RANDOM[:-1], 1], block=BLOCK), False),
+    "the last row, and one more": (RANDOM, lambda path: orva.write(path, [*RANDOM[:-1], 1, 1], block=BLOCK), False),
+    "one of one block, and one more": (RANDOM[:9], lambda path: orva.write(path, RANDOM[5:15], block=BLOCK), False),
+    "fewer rows": (RANDOM, lambda path: orva.write(path, RANDOM[:-1], block=BLOCK), False),
+    "other blocks": (RANDOM, lambda path: orva.write(path, RANDOM), False),
+}
+
+
+@pytest.mark.parametrize(("rows", "change", "same"), CHANGES.values(), ids=CHANGES)
+@pytest.mark.parametrize("store", ["", "memory://"])
+def test_a_partition_is_never_of_other_rows(tmp_path: Path, store: str, rows: Any, change: Any, same: bool) -> None:
+    path = str(tmp_path / "a")
+
+    def changed(change: Callable[[str], object]) -> None:
+        change(path)
+        MemoryFileSystem().pipe(path, Path(path).read_bytes())
+
+    changed(lambda path: orva.write(path, rows, block=BLOCK))
+    array: Any = orva.dask.from_rows(store + path, partition_bytes=BLOCK)
+    changed(change)
+    if same:
+        assert np.array_equal(array.compute(), rows)
+    else:
+        with pytest.raises(orva.FileChangedError, match="other rows than when its partitions were made") as caught:
+            array.compute()
+        assert caught.value.path == store + path
 
 
 NUMBERS = da.arange(100, chunks=10)
