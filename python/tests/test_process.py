@@ -203,5 +203,5 @@ def test_nothing_is_left_of_many_files(shared: Path, work: Any, times: int) -> N
 
     growth(times // 10)
     descriptors = os.listdir("/proc/self/fd")
-    assert growth(times) < 1 << 20 or growth(times) < 1 << 20  # the allocator may take a piece once
+    assert any(growth(times) < 1 << 20 for _ in range(4))  # the allocator takes a piece now and then, a leak grows always
     assert len(os.listdir("/proc/self/fd")) == len(descriptors)
