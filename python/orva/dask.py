@@ -12,6 +12,7 @@ import hashlib
 import operator
 import os
 import shutil
+import threading
 import uuid
 import zlib
 from collections.abc import Iterator, Sequence
@@ -112,20 +113,38 @@ def _is_still(was: _Seen, rows: Rows, fs: Any, name: str) -> bool:
     return (*now.sums[:-1], last) == was.sums
 
 
+def _opened(fs: Any, name: str, dtype: npt.DTypeLike) -> tuple[Rows, Any, str]:
+    """And where the file's bytes are, which may be a copy that fsspec keeps."""
+    found = source(fs, name)
+    rows = Rows(found, dtype, "raise", None, 1)
+    return (rows, fsspec.filesystem("file"), found) if isinstance(found, str) else (rows, fs, name)
+
+
 def _file(path: str, dtype: npt.DTypeLike, options: dict[str, Any]) -> tuple[_File, Rows]:
     url = path if "://" in path else os.path.abspath(path)
     fs, name = _target(url, options)
     token = fs.ukey(name)
-    rows = Rows(source(fs, name), dtype, "raise", None, 1)
+    rows, fs, name = _opened(fs, name, dtype)
     given = None if dtype is None else np.dtype(dtype)
     return _File(url, given, _seen(rows, fs, name), token, options), rows
 
 
-@lru_cache(maxsize=_OPEN_FILES)
+@lru_cache(maxsize=1024)
+def _opening(file: _File) -> threading.Lock:
+    """So that the tasks of several threads do not all read one index."""
+    return threading.Lock()
+
+
 def _rows(file: _File) -> Rows:
+    with _opening(file):
+        return _kept(file)
+
+
+@lru_cache(maxsize=_OPEN_FILES)
+def _kept(file: _File) -> Rows:
     """Open in a worker for its later tasks, which then read no index."""
     fs, name = _target(file.url, file.options)
-    rows = Rows(source(fs, name), file.dtype, "raise", None, 1)
+    rows, fs, name = _opened(fs, name, file.dtype)
     if not _is_still(file.seen, rows, fs, name):
         raise FileChangedError(
             f'"{file.url}" has other rows than when its partitions were made: make them again by from_rows', file.url

@@ -38,7 +38,7 @@ class _Ranges:
             return 0
         found = self._fs.cat_file(self.name, start=offset, end=end)
         if len(found) > end - offset:
-            raise OSError(f"{self.name}: its file system gives more than the range that it is asked for")
+            raise OSError(f"{self.name}: its store gives more than the range asked for; simplecache:: copies whole files")
         to[: len(found)] = found
         return len(found)
 
@@ -47,6 +47,9 @@ def source(fs: AbstractFileSystem, path: str) -> Any:
     """What orva reads a file of a file system from, at one request to the store a read."""
     if isinstance(fs, LocalFileSystem):
         return fs._strip_protocol(path)
+    if getattr(type(fs), "local_file", False):  # a cache of whole files
+        with fs.open(path, "rb") as copy:
+            return copy.name
     if getattr(fs.cat_file, "__func__", None) is not AbstractFileSystem.cat_file:
         return _Ranges(fs, path)
     file = fs.open(path, "rb")
@@ -118,7 +121,11 @@ class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
         return bool(self._target.isfile(self._path(path)))
 
     def isdir(self, path: str) -> bool:
-        return bool(self._target.isdir(self._path(path)))
+        # Not by the target's isdir: HTTP's fetches the whole file to look for links.
+        try:
+            return bool(self._target.info(self._path(path))["type"] == "directory")
+        except FileNotFoundError:
+            return False
 
     def ukey(self, path: str) -> str:
         return str(self._target.ukey(self._path(path)))

@@ -1,7 +1,14 @@
-"""orva:// over file systems of three kinds: local, with ranged reads of their own, and with buffered files only."""
+"""orva:// over file systems of several kinds: local, with ranged reads of their own, with buffered files only, the web's."""
 
+from __future__ import annotations
+
+import functools
+import http.server
 import io
+import pathlib
 import pickle
+import threading
+from collections.abc import Iterator
 from typing import Any
 
 import dask.dataframe as dd
@@ -13,6 +20,7 @@ from fsspec.implementations.memory import MemoryFileSystem
 from fsspec.spec import AbstractBufferedFile, AbstractFileSystem
 
 import orva
+import orva.dask
 
 BLOCK = 131_072
 CSV = pd.DataFrame({"n": np.arange(40_000), "x": np.random.default_rng(1).normal(size=40_000)}).to_csv(index=False).encode()
@@ -103,6 +111,60 @@ def test_paths_are_the_targets_and_sizes_are_of_rows(protocol: str, home: str) -
     Ranges.reads.clear()
     assert {entry["size"] for entry in fs.ls(home)} == {None}  # of local ones, one has no rows
     assert fs.glob(f"{home}/[ab].csv.*") == [a, f"{home}/b.csv.orva"] and Ranges.reads == []
+
+
+class Server(http.server.SimpleHTTPRequestHandler):
+    """With ranges, as stores give them; under /whole/ without."""
+
+    protocol_version = "HTTP/1.1"
+    reads: list[str | None] = []
+
+    def log_message(self, *told: Any) -> None:
+        pass
+
+    def translate_path(self, path: str) -> str:
+        return super().translate_path(path.removeprefix("/whole"))
+
+    def do_GET(self) -> None:
+        self.reads.append(self.headers["Range"])
+        if self.headers["Range"] is None or self.path.startswith("/whole"):
+            return super().do_GET()
+        begin, last = map(int, self.headers["Range"].removeprefix("bytes=").split("-"))
+        rows = pathlib.Path(self.translate_path(self.path)).read_bytes()[begin : last + 1]
+        self.send_response(206)
+        self.send_header("Content-Length", str(len(rows)))
+        self.end_headers()
+        self.wfile.write(rows)
+
+
+@pytest.fixture
+def url(home: str) -> Iterator[str]:
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), functools.partial(Server, directory=home)) as server:
+        threading.Thread(target=server.serve_forever).start()
+        Server.reads.clear()
+        yield f"http://127.0.0.1:{server.server_port}"
+        server.shutdown()
+
+
+def test_a_web_server(home: str, url: str, tmp_path: pathlib.Path) -> None:
+    assert pd.read_csv(f"orva://::{url}/a.csv.orva").equals(FRAME)
+    many = dd.read_csv(f"orva://{url}/*[ab].csv.orva", blocksize=200_000, storage_options={"target_protocol": "http"})
+    assert many.compute().equals(dd.concat([dd.read_csv(f"orva::{url}/a.csv.orva", blocksize=200_000)] * 2).compute())
+    assert Server.reads.count(None) <= 4  # of the list of files: none of a file
+    Server.reads.clear()
+    rows: Any = orva.dask.from_rows(f"{url}/a.csv.orva", "u1", partition_bytes=BLOCK)
+    opened, client = len(Server.reads), len(Server.reads) - BLOCKS
+    assert rows.compute(num_workers=8).tobytes() == CSV and client <= 3
+    assert len(Server.reads) - opened <= opened + BLOCKS, "a file is opened once by all threads"
+    Server.reads.clear()
+    for whole in (f"{url}/b.csv.orva", f"{url}/whole/a.csv.orva"):
+        cached = {"simplecache": {"cache_storage": str(tmp_path)}}
+        assert fsspec.open(f"orva::simplecache::{whole}", **cached).open().read() == CSV
+        rows = orva.dask.from_rows(f"simplecache::{whole}", "u1", storage_options=cached)
+        assert rows.compute().tobytes() == CSV
+    assert Server.reads == [None, None]
+    with pytest.raises(OSError, match="more than the range.*simplecache::"):
+        orva.dask.from_rows(f"{url}/whole/a.csv.orva", "u1")
 
 
 REFUSED = {"a": ("wb", OSError), "c": ("rb", orva.DamagedFileError), "d": ("rb", FileNotFoundError)}
