@@ -47,7 +47,7 @@ const unsigned char* PreIOThread_Multi_R_D::readAhead(std::uint32_t number) {
         const slot* held = find(number);
         if (held == nullptr) return nullptr;
         if (held->is == state::ready) return held->rows.get();
-        if (!makeNext(lock, true)) await(lock);
+        if (!bCallerHelps || !makeNext(lock, true)) await(lock);
     }
 }
 

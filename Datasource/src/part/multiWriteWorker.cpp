@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize,
@@ -18,7 +17,6 @@ PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index
       pFile(file),
       pPosInfo(index),
       fLevel(level),
-      bCallerHelps(threads < std::thread::hardware_concurrency()),
       fSlots(threads + 2),
       fpBlockPos(firstPos),
       fpWritePos(firstFilePos) {

@@ -73,7 +73,6 @@ private:
     ORVA_File* const pFile;
     filePosInfo* const pPosInfo;
     const std::int32_t fLevel;
-    const bool bCallerHelps;  // there is a core for it; else it would only keep the threads from theirs
     // Shared. A slot's buffers and result belong to whoever fills, deflates or writes it at the moment.
     std::vector<slot> fSlots;
     std::uint64_t fFilled = 0;   // blocks handed over
@@ -89,7 +88,7 @@ private:
 
 // Slots for the blocks of a sequential run that lie before the caller: the numbers fCurrent to fCurrent + fAhead.
 // A1 A request takes a ready block, and makes one that nobody has begun itself. While its block is being made, it makes
-//    others that are wanted rather than wait.
+//    others that are wanted rather than wait, if there is a core for it.
 // A2 Only a sequential run is read ahead, twice as far with each request; after a jump nothing is wanted any more.
 // A3 A failed read-ahead is no read-ahead: the request makes the block itself and meets the failure.
 // A4 The stop request lets running steps finish; nothing waits for what they make.

@@ -24,6 +24,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -96,7 +97,8 @@ private:
 // behind.
 class PreIOThreadSeveral : public PreIOThreadBase {
 protected:
-    using PreIOThreadBase::PreIOThreadBase;
+    explicit PreIOThreadSeveral(std::uint32_t threads)
+        : PreIOThreadBase(threads), bCallerHelps(threads < std::thread::hardware_concurrency()) {}
     ~PreIOThreadSeveral() override {
         if (!isMakers()) static_cast<void>(fShared.release());
     }
@@ -115,6 +117,9 @@ protected:
         if (fShared->awaited) fShared->changed.notify_all();
     }
     bool isMakers() const { return fMaker == platform::processId(); }
+
+    // There is a core for a caller who would have to wait; else its help would only keep the threads from theirs.
+    const bool bCallerHelps;
 
 private:
     struct shared {
