@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <iterator>
 #include <memory>
 #include <new>
 
@@ -54,6 +55,34 @@ std::optional<fastResult> byLibdeflate(std::int32_t level, const unsigned char* 
     return fastResult{static_cast<std::uint32_t>(produced), size};
 }
 
+constexpr unsigned char kZlibHeader[] = {0x78, 0x01};  // a window of 32 KiB, the fastest level
+constexpr std::uint32_t kChecksum = 4;
+
+// The bytes that ISA-L makes of a zlib stream; only the checksum is libdeflate's, which takes a fifth of the time.
+std::optional<fastResult> byIsal(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                 std::uint32_t room) noexcept {
+    const threadEngines* engines = ownEngines();
+    if (engines == nullptr || engines->deflating == nullptr || room < sizeof kZlibHeader + kChecksum) {
+        return std::nullopt;
+    }
+    isal_zstream& stream = engines->deflating->stream;
+    isal_deflate_stateless_init(&stream);
+    stream.level = 1;
+    stream.level_buf = engines->deflating->tables;
+    stream.level_buf_size = sizeof engines->deflating->tables;
+    stream.gzip_flag = IGZIP_DEFLATE;
+    stream.flush = NO_FLUSH;
+    stream.end_of_stream = 1;
+    stream.next_in = const_cast<unsigned char*>(from);  // read only
+    stream.avail_in = size;
+    stream.next_out = std::copy(std::begin(kZlibHeader), std::end(kZlibHeader), to);
+    stream.avail_out = room - static_cast<std::uint32_t>(sizeof kZlibHeader) - kChecksum;
+    const std::uint32_t checksum = libdeflate_adler32(1, from, size);
+    if (isal_deflate_stateless(&stream) != COMP_OK || stream.avail_in != 0) return std::nullopt;
+    for (int shift = 24; shift >= 0; shift -= 8) *stream.next_out++ = static_cast<unsigned char>(checksum >> shift);
+    return fastResult{static_cast<std::uint32_t>(stream.next_out - to), size};
+}
+
 // A hundredth of a block that is no noise meets a sample, so what lies between them wins less.
 constexpr std::uint32_t kSample = 256;
 constexpr std::uint32_t kSamples = 128;
@@ -80,29 +109,14 @@ bool shrinks(const unsigned char* from, std::uint32_t size, unsigned char* scrat
 
 constexpr std::uint32_t kStoredBlock = 65'535;
 constexpr std::uint32_t kStoredBlockHead = 5;
-constexpr std::uint32_t kStreamEnds = 2 + 4 + 10;  // zlib's header and checksum, and what closes the last block
+constexpr std::uint32_t kStreamEnds = sizeof kZlibHeader + kChecksum + 10;  // and what closes the last block
 
 }  // namespace
 
 std::optional<fastResult> fastDeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
                                       unsigned char* to, std::uint32_t room) noexcept {
-    if (level > 1) return byLibdeflate(level == 2 ? 1 : level, from, size, to, room);
-    const threadEngines* engines = ownEngines();
-    if (engines == nullptr || engines->deflating == nullptr) return std::nullopt;
-    isal_zstream& stream = engines->deflating->stream;
-    isal_deflate_stateless_init(&stream);
-    stream.level = 1;
-    stream.level_buf = engines->deflating->tables;
-    stream.level_buf_size = sizeof engines->deflating->tables;
-    stream.gzip_flag = IGZIP_ZLIB;
-    stream.flush = NO_FLUSH;
-    stream.end_of_stream = 1;
-    stream.next_in = const_cast<unsigned char*>(from);  // read only
-    stream.avail_in = size;
-    stream.next_out = to;
-    stream.avail_out = room;
-    if (isal_deflate_stateless(&stream) != COMP_OK || stream.avail_in != 0) return std::nullopt;
-    return fastResult{stream.total_out, size};
+    if (level == 1) return byIsal(from, size, to, room);
+    return byLibdeflate(level == 2 ? 1 : level, from, size, to, room);
 }
 
 bool fastSeesNoise(const unsigned char* from, std::uint32_t size, unsigned char* scratch) noexcept {
