@@ -220,26 +220,32 @@ TEST_F(Writer, AnAppendLeavesTheRowsOfALiveReader) {
     EXPECT_TRUE(sameBytes(all(reader), rows));
 }
 
-// Before the read of that number.
-struct AppendsBefore : platform::faults::Hook {
-    AppendsBefore(std::string to, int read) : name(std::move(to)), left(read) {}
+// Does something before the call of that kind and number.
+struct Meanwhile : platform::faults::Hook {
+    Meanwhile(platform::faults::Call kind, int number, std::function<void()> what)
+        : call(kind), left(number), act(std::move(what)) {}
     platform::faults::Verdict before(const platform::faults::Step& step) override {
-        if (step.call != platform::faults::Call::Read || left-- != 0) return {};
-        orva::Writer writer = orva::Writer::append(name, {.durable = false});
-        writer.write(bytesOf(RandomBytes(16).noise(kBlock)));
-        writer.finish();
+        if (step.call == call && left-- == 0) act();
         return {};
     }
-    const std::string name;
+    const platform::faults::Call call;
     int left;
+    const std::function<void()> act;
 };
 
 TEST_F(Writer, AnAppendThatEndsMeanwhileIsNoDamageToWhoOpensTheFile) {
     orva::Reader reader(written("rows", Bytes(10)));
-    for (const int read : {0, 1}) {
-        AppendsBefore hook(path("rows"), read);
+    for (const int number : {0, 1, 2}) {
+        const bool durable = number == 2;  // its side file is seen, and its lock is not held any more
+        orva::Writer writer = orva::Writer::append(path("rows"), {.durable = durable});
+        const auto end = [&] {
+            writer.write(bytesOf(RandomBytes(16).noise(kBlock)));
+            writer.finish();
+        };
+        Meanwhile hook(durable ? platform::faults::Call::Lock : platform::faults::Call::Read, durable ? 0 : number,
+                       end);
         const platform::faults::Installed installed(hook);
-        EXPECT_EQ(thrownBy([&] { reader.refresh(); }), "") << read;
+        EXPECT_EQ(thrownBy([&] { reader.refresh(); }), "") << number;
     }
 }
 

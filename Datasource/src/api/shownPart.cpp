@@ -69,7 +69,12 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
     const auto alive = [&] { return !locked && fFile->isBeingWritten(); };
     for (rawHeading tried{};;) {
         fFound = findHeading(*fBytes, row0, fPath, fPlace);
-        if (keptBeside(fPlace, *fBytes, fFound)) throw unfinished(fPath, alive());
+        if (keptBeside(fPlace, *fBytes, fFound)) {
+            const bool atWork = alive();
+            const bool isOver = !atWork && !platform::isNameTaken(sideFileName(fPlace).c_str());
+            if (!isOver) throw unfinished(fPath, atWork);
+            continue;
+        }
         try {
             load();
             return;
