@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <bit>
 #include <cstdio>
 #include <memory>
@@ -61,12 +62,18 @@ private:
     std::string summary() const {
         return shownName(fOptions.part.file) + '\n' + field("rows", sized(fInfo.size)) +
                field("stored", sized(fInfo.stored) + " in " + counted(std::ssize(fInfo.blocks), "block") +
-                                   (fInfo.stored == 0 ? "" : ", " + ratioText(fInfo.size, fInfo.stored))) +
+                                   (fInfo.stored == 0 ? "" : longest() + ratioText(fInfo.size, fInfo.stored))) +
                field("dictionary", dictionary()) +
                field("heading", "at " + grouped(fInfo.row0) + ", " + orderName(fInfo.swapped) + "-endian" + found()) +
-               field("index", "at " + grouped(fInfo.index.offset) + ", " + counted(fInfo.index.length, "byte") +
-                                  ", for blocks of " + grouped(fInfo.block_size)) +
+               field("index", "at " + grouped(fInfo.index.offset) + ", " + counted(fInfo.index.length, "byte")) +
                field("file", sized(fInfo.file_size) + fileRatio());
+    }
+
+    // The block size that the index tells is the same in all files, whatever length their writer chose.
+    std::string longest() const {
+        const auto shorter = [](const orva::Block& a, const orva::Block& b) { return a.rows.length < b.rows.length; };
+        const auto found = std::max_element(fInfo.blocks.begin(), fInfo.blocks.end(), shorter);
+        return " of up to " + counted(found->rows.length, "byte") + ", ";
     }
 
     std::string fileRatio() const {
@@ -76,7 +83,7 @@ private:
     std::string dictionary() const {
         std::string text = counted(fInfo.row0, "byte");
         if (!fInfo.text) return text;
-        text += ", made by orva pack";
+        text += ", made by orva";
         if (!fInfo.text->source.empty()) text += " from " + shownName(fInfo.text->source);
         if (fInfo.text->size) text += " of " + counted(*fInfo.text->size, "byte");
         return text;
