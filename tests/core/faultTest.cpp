@@ -93,7 +93,7 @@ protected:
     }
     // If it failed, then once more, with enough of everything.
     template <class Body>
-    void done(Scarcity& s, Body body) const {
+    void untilDone(Scarcity& s, Body body) const {
         if (!tried(s, body).empty()) body();
     }
 };
@@ -218,10 +218,10 @@ TEST_F(Faults, AReaderOfBlocks) {
     const std::vector<filePosRecord> records = Layout(fFile).records;
     everywhere({0, 2, kOneOfSeveral, kTwo}, [&](int road, Scarcity& s) {
         std::unique_ptr<Reader> reader;
-        done(s, [&] { reader = std::make_unique<Reader>(fName, road, kRow0); });
+        untilDone(s, [&] { reader = std::make_unique<Reader>(fName, road, kRow0); });
         for (const std::size_t i : {0u, 1u, 2u, 3u, 5u, 0u, 4u}) {
             Bytes rows;
-            done(s, [&] { rows = reader->readAt(records[i].orginalPos, fBlocks[i].size()); });
+            untilDone(s, [&] { rows = reader->readAt(records[i].orginalPos, fBlocks[i].size()); });
             EXPECT_EQ(rows, fBlocks[i]) << "block " << i;
         }
     });
@@ -245,7 +245,7 @@ TEST_F(StreamFaults, AStreamThatIsWritten) {
     everywhere({0, 4}, [&](int road, Scarcity& s) {
         std::unique_ptr<ORVA_FileStream> stream;
         std::filesystem::remove(fName);
-        done(s, [&] { open(stream, fName, "w+b", road); });
+        untilDone(s, [&] { open(stream, fName, "w+b", road); });
         std::size_t end = 0;
         const auto goOn = [&] {
             const auto at = static_cast<std::size_t>(stream->Tell());
@@ -305,11 +305,11 @@ TEST_F(StreamFaults, AStreamThatIsRead) {
         made.reset();
         everywhere(cipher == 0 ? std::vector{0, 1, 2} : std::vector{4, 5}, [&](int road, Scarcity& s) {
             std::unique_ptr<ORVA_FileStream> stream;
-            done(s, [&] { open(stream, fName, "rb", road); });
+            untilDone(s, [&] { open(stream, fName, "rb", road); });
             for (const auto& request : requests) {
                 Bytes found(request.second);
                 std::uint32_t count = 0;
-                done(s, [&] {
+                untilDone(s, [&] {
                     stream->Clear();
                     stream->Seek(request.first, ORVA_StrBaseIO::SeekFromStart);
                     count = stream->Read(found.data(), static_cast<std::uint32_t>(found.size()));
