@@ -89,6 +89,11 @@ inline std::unique_ptr<zcmpsFilestr> startedWriter(const std::string& name, int 
     return stream;
 }
 
+inline Bytes read(ORVA_StrBaseIO& stream, std::size_t size) {
+    Bytes bytes(size);
+    bytes.resize(stream.Read(bytes.data(), static_cast<std::uint32_t>(size)));
+    return bytes;
+}
 inline void write(ORVA_StrBaseIO& stream, const Bytes& bytes) {
     EXPECT_EQ(stream.Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
 }
@@ -142,11 +147,7 @@ public:
     zcmpsFilestr* operator->() const { return fStream.get(); }
     zcmpsFilestr& operator*() const { return *fStream; }
     std::unique_ptr<zcmpsFilestr> release() { return std::move(fStream); }
-    Bytes read(std::size_t size) const {
-        Bytes bytes(size);
-        bytes.resize(fStream->Read(bytes.data(), static_cast<std::uint32_t>(size)));
-        return bytes;
-    }
+    Bytes read(std::size_t size) const { return core::read(*fStream, size); }
     Bytes readAt(std::int64_t position, std::size_t size) const {
         fStream->Seek(position, ORVA_StrBaseIO::SeekFromStart);
         return read(size);

@@ -261,9 +261,8 @@ TEST_F(StreamFaults, AStreamThatIsWritten) {
             EXPECT_EQ(failureOf(goOn), "");
         }
         const auto expectContent = [&] {
-            Bytes found(fContent.size() + 16);
             stream->Seek(0, ORVA_StrBaseIO::SeekFromStart);
-            found.resize(stream->Read(found.data(), static_cast<std::uint32_t>(found.size())));
+            Bytes found = read(*stream, fContent.size() + 16);
             EXPECT_LE(found.size(), end + 15) << "a pad at most";
             found.resize(end);
             EXPECT_TRUE(support::sameBytes(found, support::slice(fContent, 0, end)));
@@ -289,8 +288,7 @@ TEST_F(StreamFaults, WithoutAThreadAnOpenReadsOnAndAPartFinishes) {
     EXPECT_FALSE(none.reached()) << "the base of a part reads nothing ahead";
     EXPECT_EQ(none.heard([&] { EXPECT_EQ(stream.Open(fName.c_str(), "rb"), 1); }), "");
     EXPECT_TRUE(none.reached());
-    Bytes found(kRow0);
-    EXPECT_EQ(stream.Read(found.data(), kRow0), kRow0);
+    EXPECT_EQ(read(stream, kRow0).size(), kRow0);
     EXPECT_NE(none.heard([&] { stream.EnableMultiThreadReading(); }), "") << "who asks for it hears of it";
 }
 
@@ -307,14 +305,12 @@ TEST_F(StreamFaults, AStreamThatIsRead) {
             std::unique_ptr<ORVA_FileStream> stream;
             untilDone(s, [&] { open(stream, fName, "rb", road); });
             for (const auto& request : requests) {
-                Bytes found(request.second);
-                std::uint32_t count = 0;
+                Bytes found;
                 untilDone(s, [&] {
                     stream->Clear();
                     stream->Seek(request.first, ORVA_StrBaseIO::SeekFromStart);
-                    count = stream->Read(found.data(), static_cast<std::uint32_t>(found.size()));
+                    found = read(*stream, request.second);
                 });
-                found.resize(count);
                 EXPECT_EQ(stream->Good(), 1);
                 EXPECT_TRUE(support::sameBytes(found, support::slice(fContent, request.first, request.second)));
             }

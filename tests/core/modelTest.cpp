@@ -104,9 +104,8 @@ protected:
     // Past the stream: enciphered bytes by another one, which has the pad for data.
     void expectFile() {
         model = nullptr;
-        Bytes found(content.size() + 16);
         ORVA_FileStream reader(path("data").c_str(), "rb", fEncrypted);
-        found.resize(reader.Read(found.data(), static_cast<std::uint32_t>(found.size())));
+        const Bytes found = read(reader, content.size() + 16);
         if (fEncrypted) content.resize((content.size() + 15) / 16 * 16);
         EXPECT_TRUE(support::sameBytes(found, content));
     }
