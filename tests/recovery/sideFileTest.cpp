@@ -160,37 +160,33 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     EXPECT_EQ(heading(noise), heading(noise2)) << "else row 11 shows nothing";
 }
 
-TEST_F(SideFileTest, IsBelievedOnlyWhereNobodyElseCanHaveMadeIt) {
+TEST(SideFile, IsBelievedOnlyWhereNobodyElseCanHaveMadeIt) {
     constexpr std::uint32_t owner = 1, caller = 2, member = 3;
-    const struct {
-        const char* name;
-        bool believed;
-        std::uint64_t links;
-        std::uint32_t user, group, mode;
-        bool regular = true;
-        std::uint32_t dataMode = 0664;
-        std::uint32_t directoryMode = 0775;
-    } rows[] = {
-        {"RootsOwn", true, 1, 0, 0, 0600},
-        {"TheCallers", true, 1, caller, 99, 0600},
-        {"TheDataOwners", true, 1, owner, 99, 0600},
-        {"AGroupMembers", true, 1, member, 10, 0664},
-        {"OfAnotherGroup", false, 1, member, 99, 0644},
-        {"WhereTheGroupMayNotWrite", false, 1, member, 10, 0644, true, 0644},
-        {"WhereTheDirectoryGivesTheGroup", false, 1, member, 10, 0664, true, 0664, 02775},
-        {"WhereAllMayPutFiles", false, 1, member, 10, 0664, true, 0664, 01777},
-        {"WritableByAll", false, 1, owner, 10, 0666},
-        {"WritableByAllLikeTheData", true, 1, owner, 10, 0666, true, 0666},
-        {"WritableByAnotherGroup", false, 1, owner, 99, 0660},
-        {"WithASecondName", false, 2, owner, 10, 0664},
-        {"NoRegularFile", false, 1, owner, 10, 0664, false},
+    std::uint32_t dataMode = 0664, directoryMode = 0775;
+    const auto believes = [&](std::uint32_t user, std::uint32_t group, std::uint32_t mode, std::uint64_t links = 1,
+                              bool regular = true) {
+        const platform::fileAccess side{1, 1, links, user, group, mode, regular};
+        const platform::fileAccess data{1, 2, 1, owner, 10, dataMode, true};
+        const platform::fileAccess directory{1, 3, 2, owner, 10, directoryMode, false};
+        return orva::canBeTrusted(side, data, directory, caller);
     };
-    for (const auto& row : rows) {
-        const platform::fileAccess data{1, 2, 1, owner, 10, row.dataMode, true};
-        const platform::fileAccess directory{1, 3, 2, owner, 10, row.directoryMode, false};
-        const platform::fileAccess side{1, 1, row.links, row.user, row.group, row.mode, row.regular};
-        EXPECT_EQ(orva::canBeTrusted(side, data, directory, caller), row.believed) << row.name;
+    EXPECT_TRUE(believes(0, 0, 0600)) << "root's own";
+    EXPECT_TRUE(believes(caller, 99, 0600)) << "the caller's";
+    EXPECT_TRUE(believes(owner, 99, 0600)) << "the data owner's";
+    EXPECT_TRUE(believes(member, 10, 0664)) << "a group member's";
+    EXPECT_FALSE(believes(member, 99, 0644)) << "of another group";
+    EXPECT_FALSE(believes(owner, 10, 0666)) << "writable by all";
+    EXPECT_FALSE(believes(owner, 99, 0660)) << "writable by another group";
+    EXPECT_FALSE(believes(owner, 10, 0664, 2)) << "with a second name";
+    EXPECT_FALSE(believes(owner, 10, 0664, 1, false)) << "no regular file";
+    for (const std::uint32_t mode : {02775, 01777}) {
+        directoryMode = mode;
+        EXPECT_FALSE(believes(member, 10, 0664)) << "where the directory gives the group, or all may put files";
     }
+    directoryMode = 0775, dataMode = 0644;
+    EXPECT_FALSE(believes(member, 10, 0644)) << "where the group may not write";
+    dataMode = 0666;
+    EXPECT_TRUE(believes(owner, 10, 0666)) << "writable by all, like the data";
 }
 
 }  // namespace recovery
