@@ -92,14 +92,11 @@ TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {
 
 // As a handler of signals does that a second one interrupts.
 [[noreturn]] void endAsSignalled() {
-    struct SecondSignal : platform::faults::Hook {
-        platform::faults::Verdict before(const platform::faults::Step&) override {
-            if (!std::exchange(came, true)) orva::remove_unfinished(), _exit(0);
-            return {};
-        }
-        bool came = false;
-    } signal;
-    const platform::faults::Installed installed(signal);
+    bool came = false;
+    const support::CallHook second([&](const support::Step&, std::uint64_t) {
+        if (!std::exchange(came, true)) orva::remove_unfinished(), _exit(0);
+        return support::Verdict::goOn();
+    });
     orva::remove_unfinished();
     _exit(0);
 }
@@ -220,32 +217,21 @@ TEST_F(Writer, AnAppendLeavesTheRowsOfALiveReader) {
     EXPECT_TRUE(sameBytes(all(reader), rows));
 }
 
-// Does something before the call of that kind and number.
-struct Meanwhile : platform::faults::Hook {
-    Meanwhile(platform::faults::Call kind, int number, std::function<void()> what)
-        : call(kind), left(number), act(std::move(what)) {}
-    platform::faults::Verdict before(const platform::faults::Step& step) override {
-        if (step.call == call && left-- == 0) act();
-        return {};
-    }
-    const platform::faults::Call call;
-    int left;
-    const std::function<void()> act;
-};
-
 TEST_F(Writer, AnAppendThatEndsMeanwhileIsNoDamageToWhoOpensTheFile) {
     orva::Reader reader(written("rows", Bytes(10)));
     for (const int number : {0, 1, 2}) {
         const bool durable = number == 2;  // its side file is seen, and its lock is not held any more
         orva::Writer writer = orva::Writer::append(path("rows"), {.durable = durable});
-        const auto end = [&] {
-            writer.write(bytesOf(RandomBytes(16).noise(kBlock)));
-            writer.finish();
-        };
-        Meanwhile hook(durable ? platform::faults::Call::Lock : platform::faults::Call::Read, durable ? 0 : number,
-                       end);
-        const platform::faults::Installed installed(hook);
+        int left = durable ? 0 : number;
+        const support::CallHook meanwhile([&](const support::Step& step, std::uint64_t) {
+            if (step.call == (durable ? support::Call::Lock : support::Call::Read) && left-- == 0) {
+                writer.write(bytesOf(RandomBytes(16).noise(kBlock)));
+                writer.finish();
+            }
+            return support::Verdict::goOn();
+        });
         EXPECT_EQ(thrownBy([&] { reader.refresh(); }), "") << number;
+        EXPECT_LT(left, 0) << "nothing was appended meanwhile";
     }
 }
 
