@@ -39,10 +39,6 @@ std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int
 std::optional<foundPart> findPart(const std::string& name, std::int64_t from) {
     ORVA_File file;
     openOrThrow(file, name, "rb", kReadFailed);
-    return findPart(file, from);
-}
-
-std::optional<foundPart> findPart(ORVA_File& file, std::int64_t from) {
     fileWindow window(file);
     std::optional<foundPart> best;
     window.find(from, window.fileSize(), kHeadingSize,
@@ -59,117 +55,67 @@ std::optional<foundPart> findPart(ORVA_File& file, std::int64_t from) {
     return best;
 }
 
-namespace {
-
-std::shared_ptr<ORVA_File> openForReading(const std::string& name) {
-    auto file = std::make_shared<ORVA_File>();
-    openOrThrow(*file, name, "rb", kReadFailed);
-    return file;
-}
-
-}  // namespace
-
-// What copies share, read only.
 struct finishedPart::content {
-    content(const std::shared_ptr<ORVA_File>& file, foundPart part)
-        : fFile(file),
-          bSwapped(part.swapped),
-          fHeading(readHeading(*file, part.row0Pos, bSwapped, "Analyze dictionary part error!")),
-          fFileSize(lengthOf(*file)),
-          fIndex(readRecords(*file, fHeading, bSwapped)) {}
+    content(const std::string& name, foundPart part) : swapped(part.swapped) {
+        openOrThrow(file, name, "rb", kReadFailed);
+        heading = readHeading(file, part.row0Pos, swapped, "Analyze dictionary part error!");
+        fileSize = lengthOf(file);
+        records = readRecords(file, heading, swapped).records;
+    }
 
-    const std::shared_ptr<ORVA_File> fFile;
-    const bool bSwapped;
-    const compressionHeading fHeading;
-    const std::int64_t fFileSize;
-    const indexContent fIndex;
-};
-
-struct finishedPart::memory {
+    ORVA_File file;
+    const bool swapped;
+    compressionHeading heading{};
+    std::int64_t fileSize = 0;
+    std::vector<filePosRecord> records;
+    // To verify blocks.
     zlibCompressBlock codec;
     blockBuffer compressed;
     blockBuffer rows;
 };
 
-finishedPart::finishedPart(const std::string& name, foundPart part) : finishedPart(openForReading(name), part) {}
-finishedPart::finishedPart(const std::shared_ptr<ORVA_File>& file, foundPart part)
-    : fContent(std::make_shared<const content>(file, part)), fMemory(new memory) {}
-finishedPart::finishedPart(const finishedPart& other) : fContent(other.fContent), fMemory(new memory) {}
+finishedPart::finishedPart(const std::string& name, foundPart part) : fContent(new content(name, part)) {}
 finishedPart::~finishedPart() = default;
 
 const compressionHeading& finishedPart::heading() const {
-    return fContent->fHeading;
-}
-bool finishedPart::swapped() const {
-    return fContent->bSwapped;
-}
-std::int64_t finishedPart::fileSize() const {
-    return fContent->fFileSize;
-}
-std::uint32_t finishedPart::blockSize() const {
-    return fContent->fIndex.blockSize;
+    return fContent->heading;
 }
 std::uint32_t finishedPart::blockCount() const {
-    return static_cast<std::uint32_t>(fContent->fIndex.records.size());
+    return static_cast<std::uint32_t>(fContent->records.size());
 }
 const filePosRecord& finishedPart::block(std::uint32_t number) const {
-    return fContent->fIndex.records[number];
+    return fContent->records[number];
 }
 
 std::int64_t finishedPart::dataSize() const {
     if (blockCount() == 0) return 0;
-    const filePosRecord& last = fContent->fIndex.records.back();
-    return last.orginalPos + last.orginalSize - fContent->fHeading._caseStartPos;
-}
-
-std::int64_t finishedPart::chosenLength() const {
-    return orva::chosenLength(fContent->fIndex.records);
+    const filePosRecord& last = fContent->records.back();
+    return last.orginalPos + last.orginalSize - fContent->heading._caseStartPos;
 }
 
 void finishedPart::verifyIndex() {
-    checkContiguous(file(), heading(), fContent->fIndex.records);
+    checkContiguous(file(), heading(), fContent->records);
 }
 
 // Damage that another process's append explains is told as that.
-template <class Read>
-auto finishedPart::reading(std::uint32_t number, Read read) {
-    if (!fMemory->compressed) fMemory->compressed = compressedRoom(fContent->fIndex.records);
+void finishedPart::verifyBlock(std::uint32_t number) {
+    content& c = *fContent;
+    if (!c.compressed) c.compressed = compressedRoom(c.records);
+    if (!c.rows) c.rows = rowRoom(c.records);
     try {
-        return read(readRoad{file(), fMemory->codec, fMemory->compressed.get()},
-                    placeOf(fContent->fIndex.records, number, fContent->fFileSize));
+        readBlock({c.file, c.codec, c.compressed.get()}, placeOf(c.records, number, c.fileSize), c.rows.get());
     } catch (const DamagedFileError& damage) {
-        if (isChangedIn(file())) throw FileChangedError(damage);
+        if (isChangedIn(c.file)) throw FileChangedError(damage);
         throw;
     }
 }
 
-const unsigned char* finishedPart::compressedBlock(std::uint32_t number) {
-    return reading(number, [](const readRoad& road, const blockPlace& block) {
-        readCompressed(road, block);
-        return road.compressed;
-    });
-}
-
-void finishedPart::verifyBlock(std::uint32_t number) {
-    rowsOf(number);
-}
-
-void finishedPart::readBlock(std::uint32_t number, unsigned char* rows) {
-    reading(number, [&](const readRoad& road, const blockPlace& block) { return orva::readBlock(road, block, rows); });
-}
-
-const unsigned char* finishedPart::rowsOf(std::uint32_t number) {
-    if (!fMemory->rows) fMemory->rows = rowRoom(fContent->fIndex.records);
-    readBlock(number, fMemory->rows.get());
-    return fMemory->rows.get();
-}
-
 ORVA_File& finishedPart::file() {
-    return *fContent->fFile;
+    return fContent->file;
 }
 
 bool finishedPart::isChangedIn(ORVA_File& now) const {
-    return changedSince(now, heading(), swapped(), fContent->fIndex.records);
+    return changedSince(now, heading(), fContent->swapped, fContent->records);
 }
 
 }  // namespace orva

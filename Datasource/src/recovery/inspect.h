@@ -1,9 +1,8 @@
 // Looking into files with a compressed part without being their host: find the part, read its index, verify its blocks.
 //
 // Units:   bytes; logical positions begin at the row-0 position.
-// Owner:   a finishedPart shares its open file and its index with its copies, and has a block of memory of its own once
-//          it reads blocks, and a second one for their rows.
-// Threads: findPart has no state. A finishedPart is used by one thread at a time; each further thread takes a copy.
+// Owner:   a finishedPart owns its open file, its index, and two blocks of memory once it verifies blocks.
+// Threads: findPart has no state. A finishedPart is used by one thread at a time.
 // Failure: FileError from the disk, also when a file cannot be opened (1003; 1002 for what is written to);
 //          DamagedFileError for bytes that cannot be true, FileChangedError where heading or index have been written
 //          since a finishedPart read them.
@@ -33,43 +32,27 @@ struct foundPart {
 // that points to where an index could have stood, so that opening it tells what is wrong; else nothing. Looks from the
 // file offset `from` on, and reads the file from there to the heading.
 ORVA_API std::optional<foundPart> findPart(const std::string& name, std::int64_t from = 1);
-ORVA_API std::optional<foundPart> findPart(ORVA_File& file, std::int64_t from = 1);
 
 class ORVA_API finishedPart {
 public:
     finishedPart(const std::string& name, foundPart part);
-    // In a file that is open for reading.
-    finishedPart(const std::shared_ptr<ORVA_File>& file, foundPart part);
-    finishedPart(const finishedPart& other);
+    finishedPart(const finishedPart&) = delete;
     finishedPart& operator=(const finishedPart&) = delete;
     ~finishedPart();
 
     const compressionHeading& heading() const;
-    bool swapped() const;
-    std::int64_t fileSize() const;
-    // As the index tells it; other values than 4,190,208 are legal and change nothing.
-    std::uint32_t blockSize() const;
     std::uint32_t blockCount() const;
     // `number` counts from 0 and is below blockCount().
     const filePosRecord& block(std::uint32_t number) const;
     // Bytes of rows.
     std::int64_t dataSize() const;
-    // Of full blocks, as their writer had chosen it, as far as they tell: what an append goes on with.
-    std::int64_t chosenLength() const;
     // Holds all records against each other, beyond what reading needs: throws unless every one can be true and the
     // blocks follow each other without gaps, in positions and in the file, from the heading to the index. Records that
     // were exchanged show nowhere else.
     void verifyIndex();
-    // A block's bytes as they stand in the file, block(number).translateSize of them, valid until the next call. Holds
-    // only the record against what can be true; verifyBlock tells whether the stream is whole.
-    const unsigned char* compressedBlock(std::uint32_t number);
     // Reads and inflates a block and holds it against its record. Throws what is wrong with it; the others can still be
     // verified then.
     void verifyBlock(std::uint32_t number);
-    // The same, and leaves the block's rows in `rows`, which has room for kBlockSize bytes.
-    void readBlock(std::uint32_t number, unsigned char* rows);
-    // The block's rows in memory of this object, as many as its record says, until the next call.
-    const unsigned char* rowsOf(std::uint32_t number);
     // For what copies blocks as they stand in it.
     ORVA_LOCAL ORVA_File& file();
     // Heading or index are others in `now`, which may be this file opened again.
@@ -77,12 +60,7 @@ public:
 
 private:
     struct ORVA_LOCAL content;
-    struct ORVA_LOCAL memory;
-    template <class Read>
-    ORVA_LOCAL auto reading(std::uint32_t number, Read read);
-
-    const std::shared_ptr<const content> fContent;
-    const std::unique_ptr<memory> fMemory;
+    const std::unique_ptr<content> fContent;
 };
 
 struct recoverOptions {
