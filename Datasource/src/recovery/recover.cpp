@@ -1,14 +1,13 @@
 // Rebuilding a finished file from a damaged or unfinished one.
 #include "base/fileError.h"
 #include "file/namedFile.h"
+#include "part/partWriter.h"
 #include "recovery/partSurvey.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
-#include <orva/filestr.h>
 #include <orva/inspect.h>
 #include <orva/platform.h>
-#include <orva/zcmpsFilestr.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -29,21 +28,10 @@ void copyDictionary(ORVA_File& from, ORVA_File& to, std::int64_t size) {
     }
 }
 
-// Never in place: opening the output for writing would empty the input.
-void makeOutput(ORVA_File& input, const std::string& output, std::int64_t dictionarySize) {
-    if (platform::sameFile(input.GetNameStr().GetGeneric().c_str(), output.c_str())) {
-        throwFileError(EINVAL, kWriteFailed, output, "recovered rows go to another file than the damaged one");
-    }
-    ORVA_File file;
-    openOrThrow(file, output, "w+b", kWriteFailed);
-    copyDictionary(input, file, dictionarySize);
-    file.Close();
-}
-
 // Writes the rows of a survey, one after the other, and keeps the account of them.
 class rowWriter {
 public:
-    rowWriter(partSurvey& survey, zcmpsFilestr& output, bool dropLost)
+    rowWriter(partSurvey& survey, partWriter& output, bool dropLost)
         : fSurvey(survey), fOutput(output), bDropLost(dropLost), fPos(survey.report.part.row0Pos) {}
 
     // `trailing`: no rows come behind it, so a guess at its size would move no position, and is not filled in.
@@ -51,7 +39,7 @@ public:
         fSurvey.tell(segment.place, true);
         const unsigned char* rows = segment.length == 0 ? nullptr : fSurvey.rowsOf(segment);
         if (rows != nullptr) {
-            fOutput.Write(rows, static_cast<std::uint32_t>(segment.size));
+            fOutput.write(rows, static_cast<std::uint64_t>(segment.size));
             ++fSurvey.report.blocks;
             fSurvey.report.rows += segment.size;
         } else {
@@ -68,34 +56,33 @@ private:
         if (!fZeros) fZeros = std::make_unique<unsigned char[]>(kBlockSize);
         for (std::int64_t left = segment.size; left > 0;) {
             fSurvey.tell(segment.place, true);
-            const auto piece = static_cast<std::uint32_t>(std::min<std::int64_t>(left, kBlockSize));
-            fOutput.Write(fZeros.get(), piece);
+            const std::int64_t piece = std::min<std::int64_t>(left, kBlockSize);
+            fOutput.write(fZeros.get(), static_cast<std::uint64_t>(piece));
             left -= piece;
         }
     }
 
     partSurvey& fSurvey;
-    zcmpsFilestr& fOutput;
+    partWriter& fOutput;
     const bool bDropLost;
     std::int64_t fPos;
     std::unique_ptr<unsigned char[]> fZeros;
 };
 
+// Never in place: opening the output for writing would empty the input.
 void writeRecovered(partSurvey& survey, ORVA_File& input, const std::string& output, bool dropLost) {
-    const std::int64_t row0Pos = survey.report.part.row0Pos;
-    makeOutput(input, output, row0Pos);
-    zcmpsFilestr rows(ORVA_FileStream(output.c_str(), "r+b"));
-    rows.setRow0Pos(row0Pos);
-    rows.Seek(row0Pos, ORVA_StrBaseIO::SeekFromStart);
-    try {
-        rowWriter writer(survey, rows, dropLost);
-        for (const surveySegment& segment : survey.segments) writer.take(segment, &segment == &survey.segments.back());
-        survey.tell(input.Size(), true);
-        rows.Close();
-    } catch (...) {
-        rows.abandon();
-        throw;
+    if (platform::sameFile(input.GetNameStr().GetGeneric().c_str(), output.c_str())) {
+        throwFileError(EINVAL, kWriteFailed, output, "recovered rows go to another file than the damaged one");
     }
+    ORVA_File file;
+    openOrThrow(file, output, "w+b", kWriteFailed);
+    const std::int64_t row0Pos = survey.report.part.row0Pos;
+    copyDictionary(input, file, row0Pos);
+    partWriter rows(file, row0Pos, roads());
+    rowWriter writer(survey, rows, dropLost);
+    for (const surveySegment& segment : survey.segments) writer.take(segment, &segment == &survey.segments.back());
+    survey.tell(input.Size(), true);
+    rows.finish(false);
 }
 
 }  // namespace
