@@ -21,19 +21,14 @@ namespace {
 // What an append at work, or interrupted, has kept of the file that `bytes` are of; nothing where there is none that
 // can be read and believed.
 std::optional<keptTail> keptBeside(const std::string& place, const storedBytes& bytes, const foundHeading& found) {
-    if (place.empty() || !platform::isNameTaken(sideFileName(place).c_str())) return {};
+    if (place.empty()) return {};
     try {
         heldSideFile side(place);
-        keptTail kept;
-        if (!side.open() || !side.isTrusted()) return {};
-        if (parse(side.read(bytes.length() + kSideFileOverhead), kept) != sideFileState::whole) return {};
-        if (kept.row0Pos != found.heading._caseStartPos || kept.heading != found.raw) return {};
-        return kept;
-    } catch (const ::DamagedFileError&) {
-        return {};
-    } catch (const FileError&) {
-        return {};
+        const std::optional<keptTail> kept = keptIn(side, bytes);
+        if (kept && kept->row0Pos == found.heading._caseStartPos && kept->heading == found.raw) return kept;
+    } catch (const FileError&) {  // NOLINT(bugprone-empty-catch): what cannot be read tells nothing
     }
+    return {};
 }
 
 }  // namespace

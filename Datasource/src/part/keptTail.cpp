@@ -3,6 +3,9 @@
 #include "format/blockTransfer.h"
 #include "format/indexTransfer.h"
 
+#include <orva/errors.h>
+#include <orva/platformOwner.h>
+
 #include <zlib.h>
 
 #include <algorithm>
@@ -99,6 +102,17 @@ sideFileState parse(const fileBytes& bytes, keptTail& tail) {
     if (tail.mark != kSideFileMark || sum != checksum(bytes.data(), summed)) return sideFileState::torn;
     const fileBytes rest(bytes.begin() + sizeof(sideFileHead), bytes.end() - sizeof sum);
     return takePlaces(rest, tail) ? sideFileState::whole : sideFileState::torn;
+}
+
+std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data) {
+    if (!platform::isNameTaken(side.name().c_str())) return {};  // takes no descriptor, of which none may be left
+    try {
+        keptTail kept;
+        if (!side.open() || !side.isTrusted()) return {};
+        if (parse(side.read(data.length() + kSideFileOverhead), kept) == sideFileState::whole) return kept;
+    } catch (const DamagedFileError&) {  // NOLINT(bugprone-empty-catch): it is none of an append
+    }
+    return {};
 }
 
 }  // namespace orva

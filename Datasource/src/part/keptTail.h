@@ -7,6 +7,7 @@
 #pragma once
 
 #include "format/storedBytes.h"
+#include "part/heldSideFile.h"
 #include "part/soundIndex.h"
 
 #include <orva/file.h>
@@ -57,5 +58,8 @@ enum class sideFileState : std::uint8_t {
 
 // Believes no place: all of them follow from the saved heading and index, or the file is not whole.
 sideFileState parse(const fileBytes& bytes, keptTail& tail);
+
+// What the side file of `data` keeps; nothing where there is none that can be believed. `side` holds it open then.
+std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data);
 
 }  // namespace orva

@@ -137,18 +137,9 @@ void refuseSideFile(const std::string& dataName) {
 }
 
 void dropSideFile(ORVA_File& file) {
-    const std::string& name = file.GetNameStr().GetGeneric();
-    if (!platform::isNameTaken(sideFileName(name).c_str()))
-        return;  // looking takes no descriptor, of which none may be left
-    heldSideFile side(name);
-    keptTail kept;
-    try {
-        if (!side.open() || !side.isTrusted()) return;
-        if (parse(side.read(lengthOf(file) + kSideFileOverhead), kept) != sideFileState::whole) return;
-    } catch (const DamagedFileError&) {
-        return;
-    }
-    if (rawHeadingAt(file, kept.row0Pos) == kept.heading) side.remove();
+    heldSideFile side(file.GetNameStr().GetGeneric());
+    const std::optional<keptTail> kept = keptIn(side, file);
+    if (kept && rawHeadingAt(file, kept->row0Pos) == kept->heading) side.remove();
 }
 
 }  // namespace orva
