@@ -75,6 +75,7 @@ void heldSideFile::fill(const fileBytes& bytes) {
     const auto write = [&](const unsigned char* from, std::uint32_t piece, std::int64_t place) {
         return static_cast<std::uint32_t>(platform::writeAt(fDescriptor, from, piece, place));
     };
+    platform::setErrno(0);  // whose access could not be given tells nothing of a write
     if (!inPieces(bytes.data(), bytes.size(), 0, write) || platform::syncData(fDescriptor) != 0)
         throwFileError(errno, kWriteFailed, fName);
 }
