@@ -163,7 +163,6 @@ struct ORVA_API ORVA_FileStream::Data {
     explicit Data(bool encrypted);
     Data(const Data&) = delete;
     Data& operator=(const Data&) = delete;
-    // The worker reads through a plain pointer to the file, so it goes first.
     ~Data();
 
     // Writes what the buffer took since it was written last, as one range; on an enciphered file widened to whole
@@ -179,7 +178,10 @@ private:
     ORVA_LOCAL void ReadFromBuffer(ReadRequest& request);
     ORVA_LOCAL void ReadBuffered(ReadRequest& request);
     ORVA_LOCAL void ReadDirect(ReadRequest& request);
+    ORVA_LOCAL void readPast(ReadRequest& request, std::uint32_t size);
     ORVA_LOCAL std::uint32_t refill(std::int64_t block);
+    ORVA_LOCAL void emptyBuffer();
+    ORVA_LOCAL void placeBlock(std::int64_t block, std::uint32_t count);
     ORVA_LOCAL void ReadThreaded(ReadRequest& request);
     ORVA_LOCAL void copyThreaded(ReadRequest& request);
     ORVA_LOCAL void LoadBlock(std::int64_t position);
@@ -233,5 +235,6 @@ private:
     // File offsets of the first byte that was written since the last flush, and past the last one; -1 without such.
     std::int64_t fDirtyBegin = -1;
     std::int64_t fDirtyEnd = -1;
+    // Reads through a plain pointer to the file: it goes first, as the last field.
     RefCountPtr<multiThreadForFilestr> fpIOThread;
 };

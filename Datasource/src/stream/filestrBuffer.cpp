@@ -51,10 +51,7 @@ inline void copyFew(void* dest, const void* source, std::uint32_t size) {
 
 ORVA_FileStream::Data::Data(bool encrypted) : bEncrypted(encrypted) {}
 
-ORVA_FileStream::Data::~Data() {
-    fpIOThread = nullptr;
-    pRealFile = nullptr;
-}
+ORVA_FileStream::Data::~Data() = default;
 
 void ORVA_FileStream::Data::dropBuffer() {
     fBufferEnd = fBuffer;
@@ -113,8 +110,13 @@ std::uint32_t ORVA_FileStream::writeRequest(const void* buffer, std::uint32_t si
 }
 
 void ORVA_FileStream::Data::ReadDirect(ReadRequest& request) {
+    readPast(request, request._size);
+}
+
+// Past the buffer, which stays as it is.
+void ORVA_FileStream::Data::readPast(ReadRequest& request, std::uint32_t size) {
     Flush();
-    const std::uint32_t count = pRealFile->Read(request._buffer, request._size, request._pos);
+    const std::uint32_t count = pRealFile->Read(request._buffer, size, request._pos);
     fIOPos = request._pos + count;
     bEndOfFile = count == 0;
     request.Advance(count);
@@ -158,14 +160,10 @@ void ORVA_FileStream::Data::copyThreaded(ReadRequest& request) {
 }
 
 void ORVA_FileStream::Data::LoadBlock(std::int64_t position) {
-    Flush();
-    dropBuffer();  // no old range stands if the request throws
+    emptyBuffer();
     const std::int64_t block = sectorFloor(position);
-    const std::uint32_t count = fpIOThread->getBlock(fBuffer, kBlockSize, block);
-    fpos = block;
+    placeBlock(block, fpIOThread->getBlock(fBuffer, kBlockSize, block));
     fIOPos = block;
-    fBufferEnd = fBuffer + count;
-    bEndOfFile = count == 0;
 }
 
 void ORVA_FileStream::Data::ReadUnbuffered(ReadRequest& request) {
@@ -176,41 +174,36 @@ void ORVA_FileStream::Data::ReadUnbuffered(ReadRequest& request) {
     const std::int64_t reach =
         std::min<std::int64_t>(request._size, std::numeric_limits<std::int64_t>::max() - request._pos);
     const std::int64_t end = sectorFloor(request._pos + reach);
-    if (end <= request._pos) return;
-    Flush();
-    const std::uint32_t count =
-        pRealFile->Read(request._buffer, static_cast<std::uint32_t>(end - request._pos), request._pos);
-    fIOPos = request._pos + count;
-    bEndOfFile = count == 0;
-    request.Advance(count);
+    if (end > request._pos) readPast(request, static_cast<std::uint32_t>(end - request._pos));
 }
 
 void ORVA_FileStream::Data::ReadBuffered(ReadRequest& request) {
     while (request._size > 0) {
-        const std::int64_t block = sectorFloor(request._pos);
-        Flush();
-        const std::uint32_t count = refill(block);
+        const std::uint32_t count = refill(sectorFloor(request._pos));
         if (count == 0) return;
         ReadFromBuffer(request);
         if (count < kBlockSize) return;
     }
 }
 
-// A read that fails half-way leaves bytes of two places in the buffer, so no range stands after it.
 std::uint32_t ORVA_FileStream::Data::refill(std::int64_t block) {
-    std::uint32_t count = 0;
-    try {
-        count = pRealFile->Read(fBuffer, kBlockSize, block);
-    } catch (...) {
-        dropBuffer();
-        throw;
-    }
+    emptyBuffer();
+    const std::uint32_t count = pRealFile->Read(fBuffer, kBlockSize, block);
+    placeBlock(block, count);
     fIOPos = block + count;
-    bEndOfFile = count == 0;
-    fBufferEnd = fBuffer + count;
-    fpos = block;
-    markClean();  // bytes that ClearAndReset dropped do not count
     return count;
+}
+
+// A read that fails half-way leaves bytes of two places in the buffer, so no range stands after it.
+void ORVA_FileStream::Data::emptyBuffer() {
+    Flush();
+    dropBuffer();
+}
+
+void ORVA_FileStream::Data::placeBlock(std::int64_t block, std::uint32_t count) {
+    fpos = block;
+    fBufferEnd = fBuffer + count;
+    bEndOfFile = count == 0;
 }
 
 // What is left of a request once it has filled the buffer goes on behind it.
