@@ -138,41 +138,37 @@ public:
     cachedSource(std::unique_ptr<blockSource> source, const filePosInfo& index, std::uint32_t blocks)
         : blockSource(index), fSource(std::move(source)), fBlocks(blocks) {}
     const unsigned char* lend(std::uint32_t number) override {
-        if (const unsigned char* held = find(number)) return held;
-        entry& oldest = *std::min_element(fBlocks.begin(), fBlocks.end(),
-                                          [](const entry& a, const entry& b) { return a.lastUse < b.lastUse; });
-        oldest.number = kNone;
-        if (!oldest.rows) oldest.rows = rowRoom(fIndex.records());
-        fSource->read(number, oldest.rows.get());
-        oldest.number = number;
-        oldest.lastUse = ++fClock;
-        return oldest.rows.get();
+        if (!comesFirst(number)) {
+            entry& last = fBlocks.back();
+            last.number = -1;
+            if (!last.rows) last.rows = rowRoom(fIndex.records());
+            fSource->read(number, last.rows.get());
+            last.number = number;
+            comesFirst(number);
+        }
+        return fBlocks.front().rows.get();
     }
     void read(std::uint32_t number, unsigned char* to) override {
-        const unsigned char* held = find(number);
-        if (held == nullptr) return fSource->read(number, to);
-        std::memcpy(to, held, static_cast<std::size_t>(fIndex.parsed(number).orginalSize));
+        if (!comesFirst(number)) return fSource->read(number, to);
+        std::memcpy(to, fBlocks.front().rows.get(), static_cast<std::size_t>(fIndex.parsed(number).orginalSize));
     }
     atWork threads() const override { return fSource->threads(); }
 
 private:
-    static constexpr std::int64_t kNone = -1;
     struct entry {
         blockBuffer rows;
-        std::int64_t number = kNone;
-        std::uint64_t lastUse = 0;
+        std::int64_t number = -1;
     };
-    const unsigned char* find(std::uint32_t number) {
-        const auto held =
-            std::find_if(fBlocks.begin(), fBlocks.end(), [=](const entry& e) { return e.number == number; });
-        if (held == fBlocks.end()) return nullptr;
-        held->lastUse = ++fClock;
-        return held->rows.get();
+    // A block that is kept goes to the front; false for another one.
+    bool comesFirst(std::uint32_t number) {
+        const auto held = std::ranges::find(fBlocks, std::int64_t{number}, &entry::number);
+        if (held == fBlocks.end()) return false;
+        std::rotate(fBlocks.begin(), held, held + 1);
+        return true;
     }
 
     const std::unique_ptr<blockSource> fSource;
-    std::vector<entry> fBlocks;
-    std::uint64_t fClock = 0;
+    std::vector<entry> fBlocks;  // the one used last in front
 };
 
 }  // namespace
