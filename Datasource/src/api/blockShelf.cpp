@@ -38,6 +38,11 @@ void blockShelf::keep(std::uint64_t part, std::uint32_t number, rows kept) {
     (fEntries.size() < fMost ? fEntries.emplace_back() : oldest()) = {part, number, ++fClock, std::move(kept)};
 }
 
+void blockShelf::putBack(rows copied) {
+    const std::lock_guard guard(fLock);
+    copied.reset();
+}
+
 void blockShelf::clear() {
     const std::lock_guard guard(fLock);
     fEntries.clear();

@@ -24,8 +24,10 @@ public:
 
     explicit blockShelf(int most) : fMost(static_cast<std::size_t>(most)) {}
 
-    // The rows of that block of the part with that id; null where they are not kept.
+    // The rows of that block of the part with that id, to be put back; null where they are not kept.
     rows find(std::uint64_t part, std::uint32_t number);
+    // Lets go of them under the lock, so that all reads of them come before memory() gives them to be written.
+    void putBack(rows copied);
     // Memory for a block of the part, of the entry that has to make room if nobody copies from it.
     rows memory(const shownPart& part);
     void keep(std::uint64_t part, std::uint32_t number, rows kept);

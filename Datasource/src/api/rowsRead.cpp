@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace orva {
@@ -19,12 +20,15 @@ public:
     // The pieces of one block.
     void readBlock(pieceSpan pieces) {
         const std::uint32_t block = pieces.front().block;
-        if (const blockShelf::rows kept = fShelf.find(fPart.id(), block)) return copy(pieces, *kept);
+        if (blockShelf::rows kept = fShelf.find(fPart.id(), block)) {
+            copy(pieces, *kept);
+            return fShelf.putBack(std::move(kept));
+        }
         if (pieces.size() == 1 && isWhole(pieces.front())) return inflate(block, pieces.front().to);
-        const blockShelf::rows rows = fShelf.memory(fPart);
+        blockShelf::rows rows = fShelf.memory(fPart);
         inflate(block, rows->get());
         copy(pieces, *rows);
-        fShelf.keep(fPart.id(), block, rows);
+        fShelf.keep(fPart.id(), block, std::move(rows));
     }
 
 private:
