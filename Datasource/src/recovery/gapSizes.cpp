@@ -19,14 +19,18 @@ public:
 
     segmentList run() {
         for (auto segment = fSegments.begin(); segment != fSegments.end(); ++segment) {
-            segment->length == 0 ? takeGap(segment) : fSized.push_back(*segment);
-            for (; fTaken < fSized.size(); ++fTaken) fPos += fSized[fTaken].size;
+            segment->length == 0 ? takeGap(segment) : take(*segment);
         }
         return std::move(fSized);
     }
 
 private:
     using iterator = segmentList::const_iterator;
+
+    void take(const surveySegment& segment) {
+        fSized.push_back(segment);
+        fPos += segment.size;
+    }
 
     void takeGap(iterator gap) {
         const std::int64_t byRecords = fPos + sumOfRecords(gap);
@@ -44,12 +48,12 @@ private:
     void takeWhole(surveySegment gap, std::int64_t size, bool estimated) {
         gap.size = size;
         gap.estimated = estimated;
-        fSized.push_back(gap);
+        take(gap);
     }
     void takeRecords(iterator gap) {
         for (std::size_t i = *gap->number; i < numberBehind(gap); ++i) {
-            fSized.push_back({fIndex[i].orginalSize, i == *gap->number ? gap->place : fIndex[i].translatePos, i, 0,
-                              false, gap->why, gap->most});
+            take({fIndex[i].orginalSize, i == *gap->number ? gap->place : fIndex[i].translatePos, i, 0, false, gap->why,
+                  gap->most});
         }
     }
 
@@ -86,8 +90,7 @@ private:
     const segmentList& fSegments;
     const std::vector<filePosRecord>& fIndex;
     segmentList fSized;
-    std::size_t fTaken = 0;  // of them, up to fPos
-    std::int64_t fPos;       // logical
+    std::int64_t fPos;  // logical, behind them
 };
 
 }  // namespace
