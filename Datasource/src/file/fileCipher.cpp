@@ -94,7 +94,10 @@ unsigned int ORVA_File::Cipher::overlayWaiting(unsigned char* bytes, unsigned in
 void ORVA_File::Cipher::write(const unsigned char* data, unsigned int size, std::int64_t byteOffset) {
     if (size == 0) return;
     if (!mayWrite(size, byteOffset)) fFile.fail(kWriteFailed, EINVAL);
-    const EndOfFile end(*this);
+    orEndAsBefore([&] { writeWhole(data, size, byteOffset); });
+}
+
+void ORVA_File::Cipher::writeWhole(const unsigned char* data, unsigned int size, std::int64_t byteOffset) {
     unsigned int joined = 0;
     if (continuesWaiting(byteOffset)) {
         joined = std::min(size, static_cast<unsigned int>(CIPHER_BLOCK_SIZE - fFile.fRemainderSize));
@@ -167,14 +170,6 @@ unsigned int ORVA_File::Cipher::writeBlocks(const unsigned char* data, unsigned 
     return enciphered.size > 0 ? writeCiphertext(enciphered.data, enciphered.size, byteOffset) : 0;
 }
 
-// A failed write may have made the file longer, by a part of a block even: that goes again, so that the end stays where
-// an appending write has to begin and a padded block is the last one.
-ORVA_File::Cipher::EndOfFile::~EndOfFile() {
-    if (std::uncaught_exceptions() == fUncaught) return;
-    if (fCipher.fFile.Size() > fBefore) platform::truncateFile(fCipher.fFile.fDescriptor, fBefore);
-    fCipher.fFileEnd = -1;
-}
-
 unsigned int ORVA_File::Cipher::writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset) {
     const std::int64_t end = fileEnd();
     const int count = fFile.writeDescriptor(bytes, static_cast<unsigned int>(size), byteOffset);
@@ -193,10 +188,10 @@ unsigned int ORVA_File::Cipher::finish() {
 // The pad is zeros: whatever lay behind the waiting bytes in memory is plaintext of earlier blocks.
 unsigned int ORVA_File::Cipher::writePaddedBlock() {
     if (fFile.fAppends && fTailPos != fileEnd()) fFile.fail(kWriteFailed, EINVAL);
-    const EndOfFile end(*this);
     const int pad = CIPHER_BLOCK_SIZE - fFile.fRemainderSize;
     std::memset(fFile.fRemainder.get() + fFile.fRemainderSize, 0, static_cast<std::size_t>(pad));
-    const unsigned int count = writeBlocks(fFile.fRemainder.get(), CIPHER_BLOCK_SIZE, fTailPos);
+    unsigned int count = 0;
+    orEndAsBefore([&] { count = writeBlocks(fFile.fRemainder.get(), CIPHER_BLOCK_SIZE, fTailPos); });
     fFile.fRemainderSize = 0;
     fFile.fPadSize = pad;
     return count;

@@ -12,9 +12,9 @@
 #include "base/fileError.h"
 
 #include <orva/file.h>
+#include <orva/platform.h>
 
 #include <cstdint>
-#include <exception>
 
 class ORVA_LOCAL ORVA_File::Cipher {
 public:
@@ -34,26 +34,25 @@ public:
     std::int64_t waitingEnd() const { return waits() ? fTailPos + fFile.fRemainderSize : 0; }
 
 private:
-    // What the file ends in while something is written: as before, if that is ended by an exception.
-    class EndOfFile {
-    public:
-        explicit EndOfFile(Cipher& cipher)
-            : fCipher(cipher), fBefore(cipher.fileEnd()), fUncaught(std::uncaught_exceptions()) {}
-        EndOfFile(const EndOfFile&) = delete;
-        EndOfFile& operator=(const EndOfFile&) = delete;
-        ~EndOfFile();
-
-    private:
-        Cipher& fCipher;
-        const std::int64_t fBefore;
-        const int fUncaught;
-    };
-
     bool waits() const { return fFile.fRemainderSize > 0; }
     bool continuesWaiting(std::int64_t byteOffset) const { return waits() && byteOffset == waitingEnd(); }
     unsigned int decipher(unsigned char* bytes, unsigned int size, unsigned int pad);
     unsigned int overlayWaiting(unsigned char* bytes, unsigned int size, unsigned int count, std::int64_t byteOffset);
     bool mayWrite(unsigned int size, std::int64_t byteOffset);
+    void writeWhole(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
+    // A failed write may have made the file longer, by a part of a block even: that goes again, so that the end stays
+    // where an appending write has to begin and a padded block is the last one.
+    template <class Write>
+    void orEndAsBefore(Write write) {
+        const std::int64_t before = fileEnd();
+        try {
+            write();
+        } catch (...) {
+            if (fFile.Size() > before) platform::truncateFile(fFile.fDescriptor, before);
+            fFileEnd = -1;
+            throw;
+        }
+    }
     int heldIn(std::int64_t block);
     void closeGap(std::int64_t byteOffset);
     bool joinWaiting(const unsigned char* data, unsigned int size);
