@@ -1,7 +1,5 @@
 #include "worker/preIOThread.h"
 
-#include <orva/platform.h>
-
 class PreIOThreadBase::newThreadForRead : public CallBackObject {
 public:
     newThreadForRead() : CallBackObject(nullptr) {}
@@ -36,7 +34,6 @@ bool PreIOThreadBase::initThreads(bool bRead) {
 
 void PreIOThreadBase::makePool(bool bRead) {
     bWrite = !bRead;
-    fProcess = platform::processId();
     pThreadPool = new ktThreadPool(static_cast<int>(fLoops.size()), 0);
     pThreadPool->init();
 }
@@ -52,19 +49,15 @@ bool PreIOThreadBase::noOperation() {
 }
 
 bool PreIOThreadBase::stopThreads() {
-    if (pThreadPool == nullptr || !inOwnProcess()) return true;
+    if (pThreadPool == nullptr || !isMakers()) return true;
     if (!bWrite) getBlock(nullptr, 0, 0);
     pThreadPool->stopAll();
     return true;
 }
 
 bool PreIOThreadBase::destroyThreads() {
-    if (inOwnProcess()) delete pThreadPool;
+    if (isMakers()) delete pThreadPool;
     return true;
-}
-
-bool PreIOThreadBase::inOwnProcess() const {
-    return fProcess == platform::processId();
 }
 
 void startWorker(PreIOThreadBase& worker, bool bRead) {

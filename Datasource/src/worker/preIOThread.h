@@ -9,7 +9,7 @@
 // Failure: nothing leaves a loop step. A failed read-ahead is no read-ahead; a writing worker keeps its first failure
 //          for its caller. A thread that cannot start is startThreads' std::system_error, and the worker may be
 //          deleted.
-// Fork:    in another process than the one that started it a worker has no threads: stopThreads and destroyThreads do
+// Fork:    in another process than the one that made it a worker has no threads: stopThreads and destroyThreads do
 //          nothing there, on purpose.
 #pragma once
 
@@ -69,7 +69,8 @@ protected:
     void addLoop(std::unique_ptr<CallBackObject> loop) { fLoops.push_back(std::move(loop)); }
     // The direction, and the pool with a thread for each loop; nothing runs yet.
     void makePool(bool bRead);
-    bool inOwnProcess() const;
+    // False in a forked child, where the threads are not.
+    bool isMakers() const { return fProcess == platform::processId(); }
     // What a callback runs: one step of the worker that `prtData` is, until that gives nonzero.
     template <class Worker>
     static int runLoop(void* prtData, std::int32_t (Worker::*step)()) {
@@ -84,7 +85,7 @@ protected:
     const std::uint32_t fThreads = 1;
     ktThreadPool* pThreadPool = nullptr;
     bool bWrite = false;
-    std::int64_t fProcess = 0;
+    const std::int64_t fProcess = platform::processId();
     // Guarded as the derived class tells.
     std::exception_ptr fFailure;
 
@@ -116,7 +117,6 @@ protected:
     void tellCaller() const {
         if (fShared->awaited) fShared->changed.notify_all();
     }
-    bool isMakers() const { return fMaker == platform::processId(); }
 
     // There is a core for a caller who would have to wait; else its help would only keep the threads from theirs.
     const bool bCallerHelps;
@@ -128,7 +128,6 @@ private:
         bool awaited = false;
     };
     std::unique_ptr<shared> fShared = std::make_unique<shared>();
-    const std::int64_t fMaker = platform::processId();
 };
 
 // A worker that only reads, or only writes: the operations of the other direction are breaches.
