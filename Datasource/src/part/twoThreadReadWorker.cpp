@@ -5,12 +5,6 @@
 
 #include <cstring>
 
-class PreIOThread_Tri_R_D::newThreadForDecompress : public CallBackObject {
-public:
-    newThreadForDecompress() : CallBackObject(nullptr) {}
-    int onCallBack(void* prtData) override { return runLoop(prtData, &PreIOThread_Tri_R_D::decompressLoopStep); }
-};
-
 PreIOThread_Tri_R_D::PreIOThread_Tri_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize)
     : pPosInfo(index), pFile(file), pCompressBuffer(blockSize), pDecompressBuffer(blockSize), stBlockSize(blockSize) {}
 

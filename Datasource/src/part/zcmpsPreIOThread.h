@@ -101,14 +101,13 @@ private:
 //    stop, gets its turn from that thread's last post, reads for itself and finishes its block.
 class PreIOThread_Tri_R_D : public PreIOThreadBase {
 public:
-    class newThreadForDecompress;
-
     PreIOThread_Tri_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize);
 
     bool initThreads(bool bRead) override;
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t readLoopStep() override;
     virtual std::int32_t decompressLoopStep();
+    using newThreadForDecompress = workerLoop<PreIOThread_Tri_R_D, &PreIOThread_Tri_R_D::decompressLoopStep>;
 
 private:
     std::uint32_t decompress(std::int64_t number, bool ahead);

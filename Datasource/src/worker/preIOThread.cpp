@@ -1,17 +1,5 @@
 #include "worker/preIOThread.h"
 
-class PreIOThreadBase::newThreadForRead : public CallBackObject {
-public:
-    newThreadForRead() : CallBackObject(nullptr) {}
-    int onCallBack(void* prtData) override { return runLoop(prtData, &PreIOThreadBase::readLoopStep); }
-};
-
-class PreIOThreadBase::newThreadForWrite : public CallBackObject {
-public:
-    newThreadForWrite() : CallBackObject(nullptr) {}
-    int onCallBack(void* prtData) override { return runLoop(prtData, &PreIOThreadBase::writeLoopStep); }
-};
-
 PreIOThreadBase::PreIOThreadBase(const PreIOThreadBase& other)
     : ORVA_RefCntObject(other),
       fThreads(other.fThreads),

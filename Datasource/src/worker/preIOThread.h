@@ -28,11 +28,24 @@
 #include <utility>
 #include <vector>
 
+class PreIOThreadBase;
+
+// What a pool thread runs: one step of the worker that it is given, until that gives nonzero.
+template <class Worker, std::int32_t (Worker::*step)()>
+class workerLoop final : public CallBackObject {
+public:
+    workerLoop() : CallBackObject(nullptr) {}
+    int onCallBack(void* prtData) override {
+        ORVA_ASSERT(prtData != nullptr, "prtData!=0");
+        auto* pParent = static_cast<Worker*>(static_cast<PreIOThreadBase*>(prtData));
+        while ((pParent->*step)() == 0) {
+        }
+        return 0;
+    }
+};
+
 class PreIOThreadBase : public ORVA_RefCntObject {
 public:
-    class newThreadForRead;
-    class newThreadForWrite;
-
     PreIOThreadBase() = default;
     // Shares the pool with its source, and runs no loop of its own.
     PreIOThreadBase(const PreIOThreadBase&);
@@ -56,6 +69,8 @@ public:
     // Nonzero ends the loop.
     virtual std::int32_t writeLoopStep() = 0;
     virtual std::int32_t readLoopStep() = 0;
+    using newThreadForWrite = workerLoop<PreIOThreadBase, &PreIOThreadBase::writeLoopStep>;
+    using newThreadForRead = workerLoop<PreIOThreadBase, &PreIOThreadBase::readLoopStep>;
 
     // A writing worker's first failure, or null. Caller side, once the thread has stopped.
     const std::exception_ptr& failure() const { return fFailure; }
@@ -71,15 +86,6 @@ protected:
     void makePool(bool bRead);
     // False in a forked child, where the threads are not.
     bool isMakers() const { return fProcess == platform::processId(); }
-    // What a callback runs: one step of the worker that `prtData` is, until that gives nonzero.
-    template <class Worker>
-    static int runLoop(void* prtData, std::int32_t (Worker::*step)()) {
-        ORVA_ASSERT(prtData != nullptr, "prtData!=0");
-        auto* pParent = static_cast<Worker*>(static_cast<PreIOThreadBase*>(prtData));
-        while ((pParent->*step)() == 0) {
-        }
-        return 0;
-    }
 
     // Written before startThreads, then only read.
     const std::uint32_t fThreads = 1;
