@@ -183,14 +183,13 @@ const unsigned char* blockSource::lend(std::uint32_t number) {
     return own().get();
 }
 
-std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken, bool begun) {
+std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken) {
     if (taken.threadCount != 0) {
         return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(atWork::several, at, taken.threadCount,
                                                                    at.chosen.level);
     }
     if (taken.multiThread == 0) return std::make_unique<inlineSink>(at);
-    if (taken.multiThread == 1 && !begun)
-        return std::make_unique<workerSink<PreIOThread_W_C>>(atWork::one, at, at.chosen.level);
+    if (taken.multiThread == 1) return std::make_unique<workerSink<PreIOThread_W_C>>(atWork::one, at, at.chosen.level);
     return std::make_unique<missingSink>(at);
 }
 

@@ -66,9 +66,8 @@ struct sinkPlace {
     std::int64_t place;  // file offset
 };
 
-// Starts the one thread at once, several with the first block. `begun`: the setting came after the writer's beginning,
-// when no thread is made for setMultiThread any more.
-std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken, bool begun);
+// Starts the one thread at once, several with the first block.
+std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken);
 
 // Gives blocks by their numbers: whole, inflated and checked.
 class blockSource {

@@ -38,14 +38,14 @@ partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const choices& cho
 partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, const choices& chosen)
     : partWriter(file, row0Pos, chosen) {
     bNewPart = true;
-    fSink = makeSink(next(), taken, false);
+    fSink = makeSink(next(), taken);
 }
 
 partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const resumePoint& from, const roads& taken, bool safe,
                        const choices& chosen)
     : partWriter(file, row0Pos, chosen) {
     const tailPlan plan = resume(from);
-    fSink = makeSink(next(), taken, false);
+    fSink = makeSink(next(), taken);
     fTail = std::make_unique<savedTail>(fFile, plan, safe);
 }
 

@@ -70,8 +70,9 @@ public:
     // fails. Nothing to do on one that is finished.
     void abandon();
 
-    // For settings that come after the beginning. Needs that no thread is at work.
-    void take(const roads& taken) { fSink = makeSink(next(), taken, true); }
+    // For settings that come after the beginning, when no thread is made for setMultiThread any more. Needs that none
+    // is at work.
+    void take(const roads& taken) { fSink = makeSink(next(), {taken.multiThread == 0 ? 0 : -1, taken.threadCount}); }
     atWork threads() const { return fSink != nullptr ? fSink->threads() : atWork::none; }
 
 private:

@@ -9,10 +9,8 @@
 #include <limits>
 
 ORVA_StrBaseIO::ORVA_StrBaseIO() = default;
-ORVA_StrBaseIO::ORVA_StrBaseIO(const ORVA_StrBaseIO&) {}
-ORVA_StrBaseIO& ORVA_StrBaseIO::operator=(const ORVA_StrBaseIO&) {
-    return *this;
-}  // NOLINT: nothing to copy
+ORVA_StrBaseIO::ORVA_StrBaseIO(const ORVA_StrBaseIO&) = default;
+ORVA_StrBaseIO& ORVA_StrBaseIO::operator=(const ORVA_StrBaseIO&) = default;
 ORVA_StrBaseIO::~ORVA_StrBaseIO() noexcept(false) = default;
 
 ORVA_FileStream::ORVA_FileStream() : ORVA_FileStream(false) {}
@@ -39,10 +37,8 @@ ORVA_FileStream::ORVA_FileStream(const ORVA_FileStream& source)
 }
 
 ORVA_FileStream::~ORVA_FileStream() noexcept(false) {
-    if (!inOwnProcess()) return;
     try {
-        fData->Flush();
-        finishFile();
+        ORVA_FileStream::Close();
     } catch (...) {
         if (mayThrowNow()) throw;
     }
