@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -42,21 +43,21 @@ public:
 };
 
 // A worker whose threads start when it is first asked for, and end with this.
-template <class Worker>
+template <class Worker, bool bRead>
 class lazyWorker {
 public:
-    lazyWorker(atWork kind, bool bRead, std::function<std::unique_ptr<Worker>()> make)
-        : fKind(kind), fRead(bRead), fMake(std::move(make)) {
-        if (kind == atWork::one) **this;
+    explicit lazyWorker(std::function<std::unique_ptr<Worker>()> make) : fMake(std::move(make)) {
+        if (kKind == atWork::one) **this;
     }
     Worker& operator*() {
-        if (fWorker == nullptr) fWorker.reset(startedWorker(fMake(), fRead).release());
+        if (fWorker == nullptr) fWorker.reset(startedWorker(fMake(), bRead).release());
         return *fWorker;
     }
     Worker* get() const { return fWorker.get(); }
-    atWork threads() const { return fWorker != nullptr ? fKind : atWork::none; }
+    atWork threads() const { return fWorker != nullptr ? kKind : atWork::none; }
 
 private:
+    static constexpr atWork kKind = std::is_base_of_v<PreIOThreadSeveral, Worker> ? atWork::several : atWork::one;
     struct stop {
         void operator()(Worker* worker) const {
             worker->stopThreads();
@@ -64,8 +65,6 @@ private:
             delete worker;
         }
     };
-    const atWork fKind;
-    const bool fRead;
     const std::function<std::unique_ptr<Worker>()> fMake;
     std::unique_ptr<Worker, stop> fWorker;
 };
@@ -74,8 +73,8 @@ template <class Worker>
 class workerSink final : public blockSink {
 public:
     template <class... Arguments>
-    workerSink(atWork kind, const sinkPlace& at, Arguments... more)
-        : fWorker(kind, false, [=] {
+    explicit workerSink(const sinkPlace& at, Arguments... more)
+        : fWorker([=] {
               return std::make_unique<Worker>(&at.file, &at.index, at.chosen.blockLength, at.pos, at.place, more...);
           }) {}
     unsigned char* room() override { return (*fWorker).lendRows(); }
@@ -97,7 +96,7 @@ public:
     atWork threads() const override { return fWorker.threads(); }
 
 private:
-    lazyWorker<Worker> fWorker;
+    lazyWorker<Worker, false> fWorker;
 };
 
 class inlineSource final : public blockSource {
@@ -118,10 +117,9 @@ template <class Worker>
 class workerSource final : public blockSource {
 public:
     template <class... Arguments>
-    workerSource(atWork kind, ORVA_File& file, const filePosInfo& index, Arguments... more)
-        : blockSource(index), fWorker(kind, true, [=, &file, &index] {
-              return std::make_unique<Worker>(&file, &index, kBlockSize, more...);
-          }) {}
+    workerSource(ORVA_File& file, const filePosInfo& index, Arguments... more)
+        : blockSource(index),
+          fWorker([=, &file, &index] { return std::make_unique<Worker>(&file, &index, kBlockSize, more...); }) {}
     const unsigned char* lend(std::uint32_t number) override { return (*fWorker).lend(number, own()); }
     void read(std::uint32_t number, unsigned char* to) override { (*fWorker).load(number, to); }
     std::uint32_t readSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to) override {
@@ -130,7 +128,7 @@ public:
     atWork threads() const override { return fWorker.threads(); }
 
 private:
-    lazyWorker<Worker> fWorker;
+    lazyWorker<Worker, true> fWorker;
 };
 
 class cachedSource final : public blockSource {
@@ -185,11 +183,10 @@ const unsigned char* blockSource::lend(std::uint32_t number) {
 
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken) {
     if (taken.threadCount != 0) {
-        return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(atWork::several, at, taken.threadCount,
-                                                                   at.chosen.level);
+        return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(at, taken.threadCount, at.chosen.level);
     }
     if (taken.multiThread == 0) return std::make_unique<inlineSink>(at);
-    if (taken.multiThread == 1) return std::make_unique<workerSink<PreIOThread_W_C>>(atWork::one, at, at.chosen.level);
+    if (taken.multiThread == 1) return std::make_unique<workerSink<PreIOThread_W_C>>(at, at.chosen.level);
     return std::make_unique<missingSink>(at);
 }
 
@@ -197,9 +194,9 @@ std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& inde
                                         std::uint32_t cachedBlocks) {
     std::unique_ptr<blockSource> source;
     if (taken.threadCount != 0) {
-        source = std::make_unique<workerSource<PreIOThread_Multi_R_D>>(atWork::several, file, index, taken.threadCount);
+        source = std::make_unique<workerSource<PreIOThread_Multi_R_D>>(file, index, taken.threadCount);
     } else if (taken.multiThread >= 2) {
-        source = std::make_unique<workerSource<PreIOThread_R_D>>(atWork::one, file, index);
+        source = std::make_unique<workerSource<PreIOThread_R_D>>(file, index);
     } else {
         source = std::make_unique<inlineSource>(file, index);
     }
