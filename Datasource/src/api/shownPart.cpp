@@ -7,7 +7,6 @@
 
 #include <orva/errors.h>
 #include <orva/errtext.h>
-#include <orva/platformOwner.h>
 #include <orva/sideFile.h>
 
 #include <algorithm>
@@ -21,7 +20,7 @@ namespace {
 // What an append at work, or interrupted, has kept of the file that `bytes` are of; nothing where there is none that
 // can be read and believed.
 std::optional<keptTail> keptBeside(const std::string& place, const storedBytes& bytes, const foundHeading& found) {
-    if (place.empty()) return {};
+    if (place.empty() || !hasSideFile(place)) return {};
     try {
         heldSideFile side(place);
         const std::optional<keptTail> kept = keptIn(side, bytes);
@@ -52,7 +51,7 @@ std::string append_state(const Path& path) {
     const std::string name = path.string();
     return translated(path, [&] {
         if (openedFile(name, name).isBeingWritten()) return stateText(name, true);
-        return platform::isNameTaken(sideFileName(name).c_str()) ? stateText(name, false) : std::string();
+        return hasSideFile(name) ? stateText(name, false) : std::string();
     });
 }
 
@@ -66,7 +65,7 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
         fFound = findHeading(*fBytes, row0, fPath, fPlace);
         if (keptBeside(fPlace, *fBytes, fFound)) {
             const bool atWork = alive();
-            const bool isOver = !atWork && !platform::isNameTaken(sideFileName(fPlace).c_str());
+            const bool isOver = !atWork && !hasSideFile(fPlace);
             if (!isOver) throw unfinished(fPath, atWork);
             continue;
         }
@@ -77,7 +76,7 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
             if (alive()) throw unfinished(fPath, true);
             // An append that has ended by now may have written over the index of before it.
             if (std::exchange(tried, fFound.raw) != fFound.raw) continue;
-            if (!platform::isNameTaken(sideFileName(fPlace).c_str())) throw;
+            if (!hasSideFile(fPlace)) throw;
             throw unfinished(fPath, false);
         }
     }

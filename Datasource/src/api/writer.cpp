@@ -4,13 +4,13 @@
 #include "base/fileError.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
+#include "part/heldSideFile.h"
 #include "part/partWriter.h"
 
 #include <orva/dictionaryText.h>
 #include <orva/inspect.h>
 #include <orva/pendingFile.h>
-#include <orva/platformOwner.h>
-#include <orva/sideFile.h>
+#include <orva/platform.h>
 #include <orva/writer.h>
 
 #include <cerrno>
@@ -76,9 +76,7 @@ struct Writer::State {
         refusePipe(fPath.string(), fPlace);
         if (options.roll_back) rollBack(fPlace);
         openOrThrow(*fOpened, fPlace, "r+b", kWriteFailed);
-        if (platform::isNameTaken(sideFileName(fPlace).c_str())) {
-            throw unfinished(fPath, false);
-        }
+        if (hasSideFile(fPlace)) throw unfinished(fPath, false);
         const shownPart found(fPath, fPlace, options.row0, true);
         bOtherOrder = found.swapped();
         require(!bOtherOrder || options.any_order, fPath,

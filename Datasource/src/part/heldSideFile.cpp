@@ -36,6 +36,10 @@ std::string sideFileName(const std::string& dataName) {
     return (platform::linkTarget(dataName.c_str(), target) ? target : dataName) + ".orva-undo";
 }
 
+bool hasSideFile(const std::string& dataName) {
+    return platform::isNameTaken(sideFileName(dataName).c_str());
+}
+
 // Group and directory together prove membership: nobody gives a file to a group that he is not in, but a directory with
 // set-group-id does, and in one that all may write to, anybody's file can be put under the name.
 bool canBeTrusted(const platform::fileAccess& side, const platform::fileAccess& data,

@@ -49,6 +49,9 @@ private:
     int fDescriptor = -1;
 };
 
+// Something stands under the name of the side file. Looking takes no descriptor, of which none may be left.
+bool hasSideFile(const std::string& dataName);
+
 // Whether a side file that `side` tells of is one that those made who may write the data file, root, or the caller.
 bool canBeTrusted(const platform::fileAccess& side, const platform::fileAccess& data,
                   const platform::fileAccess& directory, std::uint32_t caller);

@@ -4,7 +4,6 @@
 #include "format/indexTransfer.h"
 
 #include <orva/errors.h>
-#include <orva/platformOwner.h>
 
 #include <zlib.h>
 
@@ -105,7 +104,6 @@ sideFileState parse(const fileBytes& bytes, keptTail& tail) {
 }
 
 std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data) {
-    if (!platform::isNameTaken(side.name().c_str())) return {};  // takes no descriptor, of which none may be left
     try {
         keptTail kept;
         if (!side.open() || !side.isTrusted()) return {};

@@ -59,7 +59,7 @@ enum class sideFileState : std::uint8_t {
 // Believes no place: all of them follow from the saved heading and index, or the file is not whole.
 sideFileState parse(const fileBytes& bytes, keptTail& tail);
 
-// What the side file of `data` keeps; nothing where there is none that can be believed. `side` holds it open then.
+// What the side file of `data` keeps, if there is one that can be believed; `side` holds it open then.
 std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data);
 
 }  // namespace orva

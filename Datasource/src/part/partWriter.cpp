@@ -7,7 +7,6 @@
 
 #include <orva/errors.h>
 #include <orva/errtext.h>
-#include <orva/sideFile.h>
 #include <orva/zlibCompress.h>
 
 #include <algorithm>

@@ -6,7 +6,6 @@
 
 #include <orva/errors.h>
 #include <orva/errtext.h>
-#include <orva/platformOwner.h>
 #include <orva/sideFile.h>
 
 #include <bit>
@@ -130,14 +129,15 @@ void savedTail::commit() {
 }
 
 void refuseSideFile(const std::string& dataName) {
-    const std::string name = sideFileName(dataName);
-    if (!platform::isNameTaken(name.c_str())) return;
-    throwFileError(EEXIST, kWriteFailed, name,
+    if (!hasSideFile(dataName)) return;
+    throwFileError(EEXIST, kWriteFailed, sideFileName(dataName),
                    "an append to \"" + dataName + "\" was interrupted and has to be rolled back first");
 }
 
 void dropSideFile(ORVA_File& file) {
-    heldSideFile side(file.GetNameStr().GetGeneric());
+    const std::string& name = file.GetNameStr().GetGeneric();
+    if (!hasSideFile(name)) return;
+    heldSideFile side(name);
     const std::optional<keptTail> kept = keptIn(side, file);
     if (kept && rawHeadingAt(file, kept->row0Pos) == kept->heading) side.remove();
 }

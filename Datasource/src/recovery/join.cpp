@@ -2,12 +2,11 @@
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
 #include "format/filePosInfo.h"
+#include "part/heldSideFile.h"
 
 #include <orva/errors.h>
 #include <orva/join.h>
 #include <orva/platform.h>
-#include <orva/platformOwner.h>
-#include <orva/sideFile.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -22,7 +21,7 @@ constexpr std::int64_t kCopyAtOnce = 1 << 26;  // so that progress is told
 // Whatever its side file is good for, its presence means that the file's last block and index may not be what they
 // were.
 void refuseInterrupted(const std::string& name) {
-    if (!platform::isNameTaken(sideFileName(name).c_str())) return;
+    if (!hasSideFile(name)) return;
     throw DamagedFileError(name, "no side file",
                            "an append to it is at work or was interrupted: wait for it, or undo it by 'orva recover "
                            "--roll-back'");
