@@ -67,12 +67,14 @@ void partWriter::guarded(Steps steps) {
 
 // What a failed append has overwritten is put back before anybody hears of it, once no thread writes any more.
 void partWriter::fail() {
-    std::exception_ptr failure = std::current_exception();
-    if (fProcess == platform::processId()) {
-        endSink(true);
-        if (fTail != nullptr) failure = std::exchange(fTail, nullptr)->undo(failure);
-    }
-    std::rethrow_exception(failure);
+    const std::exception_ptr failure = std::current_exception();
+    std::rethrow_exception(fProcess == platform::processId() ? undone(failure) : failure);
+}
+
+// Gives the failure with what became of the file in its text, or why it could not be undone.
+std::exception_ptr partWriter::undone(const std::exception_ptr& failure) {
+    endSink(true);
+    return fTail != nullptr ? std::exchange(fTail, nullptr)->undo(failure) : failure;
 }
 
 void partWriter::endSink(bool drop) {
@@ -80,10 +82,7 @@ void partWriter::endSink(bool drop) {
 }
 
 void partWriter::abandon() {
-    endSink(true);
-    if (fTail == nullptr) return;
-    const std::exception_ptr failure = std::exchange(fTail, nullptr)->undo(nullptr);
-    if (failure != nullptr) std::rethrow_exception(failure);
+    if (const std::exception_ptr failure = undone(nullptr)) std::rethrow_exception(failure);
 }
 
 void partWriter::write(const unsigned char* rows, std::uint64_t size) {

@@ -80,6 +80,7 @@ private:
     template <class Steps>
     void guarded(Steps steps);
     [[noreturn]] void fail();
+    std::exception_ptr undone(const std::exception_ptr& failure);
     void endSink(bool drop);
     sinkPlace next() { return {fFile, fIndex, fChosen, fpos, fIndex.writtenEnd(fRow0Pos + kHeadingSize)}; }
     unsigned char* newRoom();
