@@ -6,14 +6,17 @@
 #include <cstring>
 
 PreIOThread_Tri_R_D::PreIOThread_Tri_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize)
-    : pPosInfo(index), pFile(file), pCompressBuffer(blockSize), pDecompressBuffer(blockSize), stBlockSize(blockSize) {}
+    : PreIOThreadBase(2),
+      pPosInfo(index),
+      pFile(file),
+      pCompressBuffer(blockSize),
+      pDecompressBuffer(blockSize),
+      stBlockSize(blockSize) {}
 
-bool PreIOThread_Tri_R_D::initThreads(bool bRead) {
+std::unique_ptr<CallBackObject> PreIOThread_Tri_R_D::newLoop(bool bRead, std::uint32_t number) {
     ORVA_ASSERT(bRead, "bRead == true");
-    addLoop(newLoop(bRead));
-    addLoop(std::make_unique<newThreadForDecompress>());
-    makePool(bRead);
-    return true;
+    if (number == 0) return PreIOThreadBase::newLoop(bRead, number);
+    return std::make_unique<newThreadForDecompress>();
 }
 
 std::uint32_t PreIOThread_Tri_R_D::getBlock(void* buffer, std::uint32_t size, std::int64_t position) {

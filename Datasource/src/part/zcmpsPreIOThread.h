@@ -22,6 +22,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 
 // Hand-over and its rules: readAheadSlot.h.
 class PreIOThread_R_D : public readingWorker<PreIOThreadBase> {
@@ -103,13 +104,13 @@ class PreIOThread_Tri_R_D : public PreIOThreadBase {
 public:
     PreIOThread_Tri_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize);
 
-    bool initThreads(bool bRead) override;
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t readLoopStep() override;
     virtual std::int32_t decompressLoopStep();
     using newThreadForDecompress = workerLoop<PreIOThread_Tri_R_D, &PreIOThread_Tri_R_D::decompressLoopStep>;
 
 private:
+    std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number) override;
     std::uint32_t decompress(std::int64_t number, bool ahead);
     std::uint32_t readCompressed(std::int64_t number, bool ahead);
     orva::readRoad road(bool ahead);

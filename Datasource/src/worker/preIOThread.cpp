@@ -9,21 +9,17 @@ PreIOThreadBase::PreIOThreadBase(const PreIOThreadBase& other)
 
 PreIOThreadBase::~PreIOThreadBase() = default;
 
-std::unique_ptr<CallBackObject> PreIOThreadBase::newLoop(bool bRead) {
+std::unique_ptr<CallBackObject> PreIOThreadBase::newLoop(bool bRead, std::uint32_t) {
     if (bRead) return std::make_unique<newThreadForRead>();
     return std::make_unique<newThreadForWrite>();
 }
 
 bool PreIOThreadBase::initThreads(bool bRead) {
-    for (std::uint32_t i = 0; i < fThreads; ++i) addLoop(newLoop(bRead));
-    makePool(bRead);
-    return true;
-}
-
-void PreIOThreadBase::makePool(bool bRead) {
+    for (std::uint32_t i = 0; i < fThreads; ++i) fLoops.push_back(newLoop(bRead, i));
     bWrite = !bRead;
-    pThreadPool = new ktThreadPool(static_cast<int>(fLoops.size()), 0);
+    pThreadPool = new ktThreadPool(static_cast<int>(fThreads), 0);
     pThreadPool->init();
+    return true;
 }
 
 bool PreIOThreadBase::startThreads() {

@@ -76,14 +76,10 @@ public:
     const std::exception_ptr& failure() const { return fFailure; }
 
 protected:
-    // One loop on each of so many pool threads.
+    // A loop on each of so many pool threads.
     explicit PreIOThreadBase(std::uint32_t threads) : fThreads(threads) {}
-    // A loop over readLoopStep or writeLoopStep.
-    static std::unique_ptr<CallBackObject> newLoop(bool bRead);
-    // One more loop that startThreads starts; before makePool.
-    void addLoop(std::unique_ptr<CallBackObject> loop) { fLoops.push_back(std::move(loop)); }
-    // The direction, and the pool with a thread for each loop; nothing runs yet.
-    void makePool(bool bRead);
+    // The loop of the thread of that number, from 0: over readLoopStep or writeLoopStep.
+    virtual std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number);
     // False in a forked child, where the threads are not.
     bool isMakers() const { return fProcess == platform::processId(); }
 
