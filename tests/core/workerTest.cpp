@@ -1,6 +1,6 @@
 // The numbered rules of the workers, by their numbers (H, R, T, M and A in zcmpsPreIOThread.h, readAheadSlot.h and
-// zcmpsMultiThread.h), and their starts and stops. H1, H3, M1, M4 and M6 are told in modelTest.cpp, H2, H4
-// and M3 in faultTest.cpp, M5 in compressedTest.cpp.
+// zcmpsMultiThread.h), and their starts and stops. H1, H3, M1 and M4 are told in modelTest.cpp, H2, H4 and M3 in
+// faultTest.cpp, M5 in compressedTest.cpp, M6 in ../api/writerTest.cpp.
 #include "coreTest.h"
 #include "format/indexTransfer.h"
 #include "part/zcmpsMultiThread.h"
