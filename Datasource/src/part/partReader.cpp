@@ -62,7 +62,9 @@ std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint6
             fSource->read(*number, to);
             return whole;
         }
-        hold(*number);
+        fBuffer = fSource->lend(*number);
+        fpos = record.orginalPos;
+        fSize = record.orginalSize;
     }
     if (!holds(pos)) return 0;
     const std::uint64_t count = std::min(size, static_cast<std::uint64_t>(fpos + fSize - pos));
@@ -95,16 +97,6 @@ std::optional<std::uint32_t> partReader::blockToLoad(std::int64_t pos) {
     if (holds(pos)) return std::nullopt;
     fBuffer = nullptr;
     if (fSource == nullptr) remake(fTaken, fCachedBlocks);
-    return numberAt(pos);
-}
-
-void partReader::hold(std::uint32_t number) {
-    fBuffer = fSource->lend(number);
-    fpos = fIndex.parsed(number).orginalPos;
-    fSize = fIndex.parsed(number).orginalSize;
-}
-
-std::optional<std::uint32_t> partReader::numberAt(std::int64_t pos) const {
     const std::optional<std::uint32_t> number = fIndex.find(pos);
     if (number || pos < fHeading._caseStartPos || pos >= end()) return number;
     throw DamagedFileError(fFile.GetNameStr().GetGeneric(), "bInfo.orginalPos != -200",

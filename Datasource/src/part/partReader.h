@@ -44,8 +44,6 @@ private:
     std::uint64_t readOn(std::int64_t pos, unsigned char* to, std::uint64_t size);
     std::uint64_t readSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size);
     std::optional<std::uint32_t> blockToLoad(std::int64_t pos);
-    void hold(std::uint32_t number);
-    std::optional<std::uint32_t> numberAt(std::int64_t pos) const;
     void remake(const roads& taken, std::uint32_t cachedBlocks);
 
     ORVA_File& fFile;
