@@ -50,6 +50,8 @@ TEST(KtThread, NoPostIsLostAndTheMutexKeepsItsHoldersApart) {
     for (std::thread& thread : threads) thread.join();  // hangs if a post was lost
     EXPECT_EQ(count, 40'000);
     EXPECT_FALSE(semaphore.tryWaitSemaphore() || semaphore.waitSemaphore(1)) << "a post counted twice";
+    semaphore.postSemaphore();
+    EXPECT_TRUE(semaphore.waitSemaphore(20'000));
 }
 
 TEST(KtThreadPool, ThreadsOutliveErrorsTakeNoSignalsAndDisposeOfWhatNeverRan) {
