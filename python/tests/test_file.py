@@ -51,8 +51,7 @@ def test_wrappers_read(shared: Path, tmp_path: Path) -> None:
         lines.seek(0)
         assert lines.readline() == "línea 0\n"
     buffered = io.BufferedReader(orva.open(shared / "trades.orva"))
-    assert b"".join(iter(lambda: buffered.read(21), b"")) == BYTES
-    buffered.seek(-21, os.SEEK_END)
+    assert b"".join(iter(lambda: buffered.read(21), b"")) == BYTES and buffered.seek(-21, os.SEEK_END)
     assert buffered.read() == BYTES[-21:]
 
 
@@ -63,6 +62,7 @@ def test_modes(here: Path) -> None:
             assert file.write(rows[-3:]) == 3 and file.tell() == len(rows)
             assert (file.name, file.mode) == ("new.orva", mode)
         assert orva.open("new.orva").read() == rows
+        pytest.raises(ValueError, file.write, b"").match("closed file")
     with orva.open("new.orva", "ab") as file:
         assert file.write(ROWS["time"].astype("M8[s]")) == 160_000
 
@@ -78,8 +78,7 @@ def interrupt(file: orva.File) -> None:
     try:
         file.write(bytes(1 << 26))
     finally:
-        with pytest.raises(ValueError, match="closed file"):
-            file.close()
+        pytest.raises(ValueError, file.close).match("closed file")
 
 
 def leave_where_warnings_are_errors(file: orva.File) -> None:
@@ -88,24 +87,21 @@ def leave_where_warnings_are_errors(file: orva.File) -> None:
     raise KeyError
 
 
+FAILED = [leave, interrupt, leave_where_warnings_are_errors]
+COLLECTED: list[Any] = [
+    lambda file: None,
+    lambda file: io.BufferedWriter(file).write(b"x" * 9),
+    lambda file: io.TextIOWrapper(io.BufferedWriter(file)).write("x"),
+]
+
+
 @pytest.mark.parametrize("mode", ["wb", "ab"])
-@pytest.mark.parametrize(
-    "end, warns",
-    [
-        (leave, False),
-        (interrupt, False),
-        (leave_where_warnings_are_errors, False),
-        (lambda file: None, True),
-        (lambda file: io.BufferedWriter(file).write(b"x" * 9), True),
-        (lambda file: io.TextIOWrapper(io.BufferedWriter(file)).write("x"), True),
-    ],
-    ids=["exception", "signal", "warning", "collected", "buffer collected", "text collected"],
-)
-def test_what_is_not_closed_never_appears(here: Path, mode: Any, end: Any, warns: bool) -> None:
+@pytest.mark.parametrize("end", FAILED + COLLECTED)
+def test_what_is_not_closed_never_appears(here: Path, mode: Any, end: Any) -> None:
     before = {name.name: name.read_bytes() for name in here.iterdir()}
     file = orva.open("bytes.orva", mode)
     file.write(BYTES)
-    with pytest.warns(ResourceWarning, match="abandoned") if warns else pytest.raises(KeyError):
+    with pytest.raises(KeyError) if end in FAILED else pytest.warns(ResourceWarning, match="abandoned"):
         end(file)
         del file
         gc.collect()
@@ -115,8 +111,7 @@ def test_what_is_not_closed_never_appears(here: Path, mode: Any, end: Any, warns
 def test_pickles(here: Path) -> None:
     file, rows = orva.open("bytes.orva"), orva.rows("trades.orva", damaged="mask", threads=2)
     file.seek(4)
-    with open("bytes.orva", "rb") as plain:
-        of_object = orva.open(io.BytesIO(plain.read()))
+    of_object = orva.open(io.BytesIO(Path("bytes.orva").read_bytes()))
     error = pickle.loads(pickle.dumps(orva.DamagedFileError("text", "path", 3, 4)))
     assert (str(error), error.path, error.offset, error.block) == ("text", "path", 3, 4)
     os.chdir("/")
@@ -143,14 +138,9 @@ def test_whole_files(here: Path) -> None:
     assert orva.join(["trades.orva"] * 2, "all.orva", progress=progress).size == 2 * len(BYTES)
     assert len(orva.rows("all.orva")) == 2 * len(ROWS)
 
-    def stop(done: int, total: int) -> None:
-        raise ZeroDivisionError
 
-    for work in (
-        lambda: orva.verify("trades.orva", progress=stop),
-        lambda: orva.recover("bad.orva", "none.orva", progress=stop),
-        lambda: orva.join(["trades.orva"], "none.orva", progress=stop),
-    ):
-        with pytest.raises(ZeroDivisionError):
-            work()
-    assert not os.path.exists("none.orva")
+@pytest.mark.parametrize("work, names", [(orva.verify, ["bad.orva"]), (orva.recover, ["bad.orva", "a"]), (orva.join, [["bad.orva"], "a"])])
+def test_progress_stops_the_work(here: Path, work: Any, names: Any) -> None:
+    with pytest.raises(ZeroDivisionError):
+        work(*names, progress=lambda done, total: done // 0)
+    assert not os.path.exists("a")
