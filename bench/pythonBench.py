@@ -24,7 +24,6 @@ import zarr
 import orva
 
 
-
 def trades(size: int) -> Any:
     """Rows of 24 bytes, which deflate to two fifths."""
     random = np.random.default_rng(1)
@@ -136,7 +135,7 @@ def medians(
     return {name: statistics.median(times) for name, times in took.items()}
 
 
-def measure(rows: Any, rounds: int) -> None:
+def measure(rows: Any, rounds: int, part: str | None) -> None:
     numbers = np.random.default_rng(2).integers(0, len(rows), 100)
     whole = {
         "gzip.open, frombuffer": lambda: read_all(gzip.open("rows.bin.gz"), rows.dtype),
@@ -149,21 +148,25 @@ def measure(rows: Any, rounds: int) -> None:
         "zarr, zlib": lambda: by_row(zarr.open("rows.zarr", "r"), numbers),
         "h5py, gzip": lambda: rows_of_h5py(numbers),
     }
-    tables: list[tuple[str, dict[str, Callable[[], Any]], Callable[[], Any], Any, Callable[[], float]]] = [
-        ("all rows into numpy, processor time", {"orva cat -T 1": cat}, lambda: orva.rows("rows.orva")[:], rows, processor),
-        ("all rows into numpy", whole, lambda: orva.rows("rows.orva")[:], rows, time.perf_counter),
-        ("100 rows anywhere, one by one", hundred, lambda: rows_of_orva("rows.orva", numbers), rows[numbers], time.perf_counter),
-        ("the same, blocks of 256 KiB", hundred, lambda: rows_of_orva("short.orva", numbers), rows[numbers], time.perf_counter),
+    wall, all_rows = time.perf_counter, lambda: orva.rows("rows.orva")[:]
+    tables: list[tuple[str, str, dict[str, Callable[[], Any]], Callable[[], Any], Any, Callable[[], float]]] = [
+        ("whole", "all rows into numpy, processor time", {"orva cat -T 1": cat}, all_rows, rows, processor),
+        ("whole", "all rows into numpy", whole, all_rows, rows, wall),
+        ("anywhere", "100 rows anywhere, one by one", hundred, lambda: rows_of_orva("rows.orva", numbers), rows[numbers], wall),
+        ("anywhere", "the same, blocks of 256 KiB", hundred, lambda: rows_of_orva("short.orva", numbers), rows[numbers], wall),
         (
+            "sequence",
             "24 bytes at a time, BufferedReader",
             {"a plain file": lambda: in_sequence(open("rows.bin", "rb", buffering=0))},
             lambda: in_sequence(orva.open("rows.orva")),
             -(-rows.nbytes // 24),
-            time.perf_counter,
+            wall,
         ),
     ]
     print("| | orva | beside | takes | orva takes of it |\n|---|---|---|---|---|")
-    for name, peers, own, wanted, clock in tables:
+    for of, name, peers, own, wanted, clock in tables:
+        if part not in (None, of):
+            continue
         took = medians({"orva": own, **peers}, wanted, rounds, clock)
         for peer in peers:
             ratio = took["orva"] / took[peer]
@@ -176,6 +179,7 @@ if __name__ == "__main__":
     parser.add_argument("--megabytes", type=int, default=128)
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--data", choices=["survey", "trades"], default="survey")
+    parser.add_argument("--part", choices=["whole", "anywhere", "sequence"])
     parser.add_argument("--prepare", action="store_true")
     options = parser.parse_args()
     home = Path(options.directory, options.data)
@@ -185,4 +189,4 @@ if __name__ == "__main__":
     if options.prepare or not Path("rows.bin").exists() or Path("rows.bin").stat().st_size != made.nbytes:
         prepare(made)
     if not options.prepare:
-        measure(made, options.rounds)
+        measure(made, options.rounds, options.part)
