@@ -7,8 +7,6 @@
 
 #include <orva/version.h>
 
-namespace py = pybind11;
-
 PYBIND11_MODULE(_orva, module) {
     bindErrors();
     bindReader(module);

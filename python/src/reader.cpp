@@ -81,10 +81,11 @@ public:
 private:
     template <class Open>
     closableReader(int threads, Open open)
-        : fBlocks(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency())) {
-        const gil::released others;
-        fReader = open();
-    }
+        : fReader([&] {
+              const gil::released others;
+              return open();
+          }()),
+          fBlocks(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency())) {}
 
     static orva::ReaderOptions optionsOf(std::optional<i64> row0, int threads) {
         // Two blocks: a search that ends at the border of two looks into them by turns.

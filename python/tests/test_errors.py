@@ -5,10 +5,15 @@ import os
 from pathlib import Path
 from typing import Any
 
+import dask.array as da
+import dask.dataframe as dd
+import fsspec
 import numpy as np
+import pandas as pd
 import pytest
 
 import orva
+import orva.dask
 
 
 def writer(**options: Any) -> orva.File:
@@ -46,6 +51,14 @@ def rows(name: str = "numbers", **options: Any) -> orva.Rows:
 
 def read() -> orva.File:
     return orva.open("bytes.orva")
+
+
+def to_rows(collection: Any) -> None:
+    orva.dask.to_rows(collection, "new.orva")
+
+
+def frame(**columns: Any) -> Any:
+    return dd.from_pandas(pd.DataFrame(columns), npartitions=1)
 
 
 OVERLAPPING = np.dtype({"names": ["a", "b"], "formats": ["<i4", "<i4"], "offsets": [0, 2]})
@@ -134,6 +147,18 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "no fields to be columns", lambda: orva.to_frame("numbers.orva")),
     (ValueError, "'flags'.*is no column", lambda: orva.to_frame("trades.orva")),
     (TypeError, "a list of names, not 'time'", lambda: orva.to_frame("trades.orva", "time")),
+    # Engines.
+    (UNSUPPORTED, "only reads", lambda: fsspec.filesystem("orva").open("bytes.orva", "wb")),
+    (orva.DamagedFileError, "other", lambda: fsspec.filesystem("orva").open("other")),
+    (FileNotFoundError, "none.orva", lambda: fsspec.filesystem("orva").open("none.orva")),
+    (ValueError, "opens one file", lambda: fsspec.open_files(["orva::file://other", "orva::file://empty"])),
+    (ValueError, "no file to read", lambda: orva.dask.from_rows([])),
+    (ValueError, "numbers.orva\" has rows of float64", lambda: orva.dask.from_rows(["trades.orva", "numbers.orva"])),
+    (ValueError, "1 byte or more", lambda: orva.dask.from_rows("numbers.orva", partition_bytes=0)),
+    (TypeError, "several paths", lambda: orva.dask.from_rows(b"numbers.orva"), lambda: orva.dask.from_rows(None)),
+    (ValueError, "no bytes that a file", lambda: to_rows(frame(s=["a", "b"]))),
+    (ValueError, "its collection is of", lambda: to_rows(da.ones(4, chunks=2).map_blocks(lambda x: x > 0, dtype="f8"))),
+    (TypeError, "rows come from a dask", lambda: to_rows(da.ones(4).sum()), lambda: to_rows(np.ones(4)), lambda: to_rows(frame(s=[1]).s)),
 ]
 
 

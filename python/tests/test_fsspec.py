@@ -80,7 +80,7 @@ def homes(tmp_path_factory: pytest.TempPathFactory) -> Iterator[dict[str, str]]:
     for name in "ab":
         with orva.open(path / f"{name}.csv.orva", "wb", block=BLOCK) as file:
             file.write(CSV)
-    (path / "c.csv.orva").write_text("no rows")
+    (path / "c.orva").write_text("no rows")
     with http.server.ThreadingHTTPServer(("127.0.0.1", 0), functools.partial(Server, directory=str(path))) as server:
         threading.Thread(target=server.serve_forever).start()
         yield {"file": str(path), "buffered": str(path), "http": f"http://127.0.0.1:{server.server_port}"}
@@ -149,15 +149,3 @@ def test_partitions_over_a_store(homes: dict[str, str], tmp_path: pathlib.Path) 
     assert READS == [None, None]
     with pytest.raises(OSError, match="more than the range.*simplecache::"):
         orva.dask.from_rows(whole, "u1")
-
-
-REFUSED = {"a": ("wb", OSError), "c": ("rb", orva.DamagedFileError), "d": ("rb", FileNotFoundError)}
-
-
-@pytest.mark.parametrize("name", REFUSED)
-def test_what_is_no_file_of_rows(name: str, homes: dict[str, str]) -> None:
-    mode, error = REFUSED[name]
-    with pytest.raises(error):
-        fsspec.filesystem("orva").open(f"{homes['file']}/{name}.csv.orva", mode)
-    with pytest.raises(ValueError, match="opens one file"):
-        fsspec.open_files([f"orva::file://{homes['file']}/{name}", "orva::file:///other"])
