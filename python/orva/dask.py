@@ -102,7 +102,7 @@ def _seen(rows: Rows, fs: Any, name: str, blocks: int | None = None) -> _Seen:
 def _is_still(was: _Seen, rows: Rows, fs: Any, name: str) -> bool:
     """Whether the rows that were seen are those that begin the file now."""
     now = _seen(rows, fs, name, was.blocks)
-    if now.size < was.size or now.begins != was.begins:
+    if now.begins != was.begins:
         return False
     if now.size == was.size:
         return now.sums == was.sums
