@@ -23,7 +23,7 @@ std::optional<keptTail> keptBeside(const std::string& place, const storedBytes& 
     if (place.empty() || !hasSideFile(place)) return {};
     try {
         heldSideFile side(place);
-        const std::optional<keptTail> kept = keptIn(side, bytes);
+        std::optional<keptTail> kept = keptIn(side, bytes);
         if (kept && kept->row0Pos == found.heading._caseStartPos && kept->heading == found.raw) return kept;
     } catch (const FileError&) {  // NOLINT(bugprone-empty-catch): what cannot be read tells nothing
     }
