@@ -73,10 +73,14 @@ def leave(file: orva.File) -> None:
 
 
 def interrupt(file: orva.File) -> None:
-    signal.signal(signal.SIGALRM, lambda *_: {}["signal"])
+    rows = bytes(1 << 26)
+    signal.signal(signal.SIGALRM, lambda *_: {}[file.tell()])
     signal.setitimer(signal.ITIMER_REAL, 0.001)
     try:
-        file.write(bytes(1 << 26))
+        file.write(rows)
+    except KeyError as stopped:
+        assert stopped.args[0] < len(rows), "not within a block"
+        raise
     finally:
         pytest.raises(ValueError, file.close).match("closed file")
 

@@ -118,7 +118,7 @@ def test_pieces_are_all_rows(shared: Path) -> None:
     assert [part.stop for part in rows.splits(1 << 70)][-1] == 20_000 and len(rows.splits(1 << 70)) == 7
 
 
-@pytest.mark.parametrize("threads", [1, 2])
+@pytest.mark.parametrize("threads", [1, 3])
 def test_lost_rows_are_masked(shared: Path, threads: int) -> None:
     with pytest.raises(orva.DamagedFileError) as caught:
         np.asarray(orva.rows(shared / "bad.orva", threads=threads))
