@@ -36,6 +36,12 @@ def _is_int(key: Any) -> bool:
     return isinstance(key, (int, np.integer)) and not isinstance(key, (bool, np.bool_))
 
 
+def _exact(number: Any) -> Any:
+    """Python's own of numpy's number. numpy compares whole numbers of 64 bits as float64 where only one has a sign, and
+    takes near ones for equal."""
+    return number.item() if isinstance(number, (np.generic, np.ndarray)) and number.dtype.kind in "iuf" else number
+
+
 class Rows:
     """The rows of a file as an array of one axis, or of more where rows are arrays themselves; `orva.rows` gives it.
 
@@ -235,10 +241,11 @@ class Rows:
     def iter_chunks(self, rows: int | None = None) -> Iterator[npt.NDArray[Any]]:
         """Arrays of `rows` rows each, the last of those that are left; without it of as many as stand in a block, or in
         as many blocks as there are threads. ValueError below 1."""
-        if rows is not None and operator.index(rows) < 1:
+        count = None if rows is None else operator.index(rows)
+        if count is not None and count < 1:
             raise ValueError("a chunk has 1 row or more")
         self._open()
-        return self._chunks(0, len(self), rows)
+        return self._chunks(0, len(self), count)
 
     def _chunks(self, first: int, stop: int, rows: int | None = None) -> Iterator[npt.NDArray[Any]]:
         while first < stop:
@@ -284,7 +291,7 @@ class Rows:
                 found: Lost | None = [] if self._mask else None
                 self._reader.read_at(row * self._row.itemsize, _bytes_of(value), found)
                 if not found:
-                    return bool((value[0] if field is None else value[field][0]) < key)
+                    return bool(_exact(value[0] if field is None else value[field][0]) < key)
                 begin, end = self._noted(found)[0]
                 row = end if aside > 0 else begin - 1
             return aside < 0
@@ -295,6 +302,7 @@ class Rows:
                 first, end = (middle + 1, end) if is_below(middle, key, aside) else (first, middle)
             return first
 
+        low, high = _exact(low), _exact(high)
         first = bound(low, 0, len(self), 1)
         # The other end is near, as a rule, and so in the same block or the next ones.
         near, step = first, 1

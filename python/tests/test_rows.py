@@ -106,7 +106,7 @@ def test_each_block_is_inflated_once(shared: Path, threads: int, read: Any, bloc
 
 def test_pieces_are_all_rows(shared: Path) -> None:
     rows = orva.rows(shared / "trades.orva", threads=2)
-    for chunks in (rows.iter_chunks(), rows.iter_chunks(777), [rows[part] for part in rows.splits(3)]):
+    for chunks in (rows.iter_chunks(), rows.iter_chunks(np.uint64(777)), [rows[part] for part in rows.splits(3)]):
         assert np.array_equal(np.concatenate(list(chunks)), ROWS)
     assert all(one == other for one, other in zip(rows, ROWS)) and len(list(rows)) == len(ROWS)
     out = np.zeros(9, TRADE)
@@ -151,6 +151,12 @@ def test_a_search_goes_around_lost_rows(here: Path, blocks: Any, low: int, high:
     for block in (orva.info("trades.orva").blocks[number] for number in blocks):
         bad[block.file_offset + 99 : block.file_offset + 107] = b"\xff" * 8
     assert orva.rows(io.BytesIO(bad), damaged="mask").search("time", low, high) == slice(*found)
+
+
+@pytest.mark.parametrize("stored, asked", [("u8", int), ("u8", np.int64), ("i8", np.uint64), ("f8", int)])
+def test_a_search_tells_near_numbers_apart(here: Path, stored: str, asked: Any) -> None:
+    orva.write("near.orva", (np.arange(99) * 2 + (1 << 53)).astype(stored))
+    assert orva.rows("near.orva").search(None, asked((1 << 53) + 7), asked((1 << 53) + 9)) == slice(4, 5)
 
 
 def test_frames(here: Path) -> None:
