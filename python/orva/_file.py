@@ -143,15 +143,17 @@ class File(io.RawIOBase):
         return self.read()
 
     def write(self, rows: Any) -> int:
-        """Takes all bytes of `rows`, and gives their count. Whatever stops it but a TypeError abandons the file."""
+        """Takes all bytes of `rows`, and gives their count. Whatever stops it abandons the file, but for a
+        TypeError of which nothing was taken."""
         writer = self._writer("write")
+        before = writer.size
         try:
             with self._lock:
                 return writer.write(rows)
-        except TypeError:  # of which nothing was taken
-            raise
-        except BaseException:  # a signal's, too: how much was taken is not told, and io's wrappers would write it again
-            writer.drop()
+        except BaseException as error:
+            # A signal's, too: how much was taken is not told, and io's wrappers would write it again.
+            if not isinstance(error, TypeError) or writer.size != before:
+                writer.drop()
             raise
 
     def truncate(self, size: int | None = None) -> NoReturn:
