@@ -8,6 +8,7 @@ import os
 import threading
 from collections.abc import Iterable
 from typing import Any, Union
+from weakref import WeakKeyDictionary
 
 from . import _orva
 
@@ -56,14 +57,22 @@ def block_of(length: int | None, default: int) -> int:
     return default if length is None else whole(length, "block") or -1
 
 
+# By process, of each object that is read from.
+_LOCKS: WeakKeyDictionary[Any, dict[int, threading.Lock]] = WeakKeyDictionary()
+
+
 class SourceObject:
-    """A file that is an object: one thread at a time seeks and reads. A forked child has a lock of its own, since its
-    parent's may be held by a thread that the child does not have. But both have one position in a file of the system's,
-    and each would read where the other seeks: so a plain file is read without it, and another one not after a fork."""
+    """A file that is an object: one thread at a time seeks and reads, whichever reader of the object it uses. A forked
+    child has a lock of its own, since its parent's may be held by a thread that the child does not have. But both have
+    one position in a file of the system's, and each would read where the other seeks: so a plain file is read without
+    it, and another one not after a fork."""
 
     def __init__(self, file: io.RawIOBase | io.BufferedIOBase) -> None:
         self._file, self._process = file, os.getpid()
-        self._locks: dict[int, threading.Lock] = {}
+        try:
+            self._locks = _LOCKS.setdefault(file, {})
+        except TypeError:  # a class of the caller's without hash or weak references
+            self._locks = {}
 
     def _lock(self) -> threading.Lock:
         return self._locks.setdefault(os.getpid(), threading.Lock())
