@@ -16,7 +16,7 @@ if TYPE_CHECKING:
 
 
 def frame_of(
-    rows: Rows, columns: Sequence[str] | None, first: int, stop: int, index: Any = None
+    rows: Rows, columns: Sequence[str] | None, first: int, stop: int, index: Any
 ) -> pandas.DataFrame:
     """The fields of the rows from `first` to before `stop` as columns."""
     import pandas
@@ -51,4 +51,4 @@ def to_frame(path: Source, columns: Sequence[str] | None = None, dtype: npt.DTyp
     that is not there, or has values of more than one part.
     """
     with Rows(path, dtype, "raise", None, 1) as rows:
-        return frame_of(rows, columns, 0, len(rows))
+        return frame_of(rows, columns, 0, len(rows), range(len(rows)))

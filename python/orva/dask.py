@@ -130,13 +130,14 @@ def _file(path: str, dtype: npt.DTypeLike, options: dict[str, Any]) -> tuple[_Fi
 
 
 @lru_cache(maxsize=1024)
-def _opening(file: _File) -> threading.Lock:
-    """So that the tasks of several threads do not all read one index."""
+def _opening(file: _File, process: int) -> threading.Lock:
+    """So that the tasks of several threads do not all read one index. A forked child has a lock of its own, since its
+    parent's may be held by a thread that the child does not have."""
     return threading.Lock()
 
 
 def _rows(file: _File) -> Rows:
-    with _opening(file):
+    with _opening(file, os.getpid()):
         return _kept(file)
 
 

@@ -16,6 +16,7 @@ import pytest
 from conftest import ROWS
 
 import orva
+import orva.dask
 
 ZEROS = 1 << 28
 
@@ -128,6 +129,18 @@ def test_a_fork_while_threads_read(shared: Path, opened: Any) -> None:
         finally:
             ended.set()
     assert [reader.result() for reader in readers] == [None] * 8
+
+
+def test_a_fork_while_a_task_opens_its_file(shared: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    array, kept = orva.dask.from_rows(shared / "trades.orva"), orva.dask._kept
+
+    def opened(file: Any) -> orva.Rows:
+        monkeypatch.undo()
+        assert ends_well_in_a_child(lambda: array.compute(scheduler="sync"))
+        return kept(file)
+
+    monkeypatch.setattr(orva.dask, "_kept", opened)
+    assert np.array_equal(array.compute(scheduler="sync"), ROWS)
 
 
 def test_a_writers_child_writes_nothing(tmp_path: Path) -> None:
