@@ -106,6 +106,7 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     RandomBytes random(14);
     const Bytes rows = random.rows(100'000), more = random.rows(3 * kBlock);
     const std::string old = written("old", rows), other = written("other", rows);
+    const Bytes before = support::readBytes(old);
     orva::Writer mine(path("mine"));
     const struct {
         const char* name;
@@ -139,6 +140,8 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
         const char* refused = ending.left == 4 ? "" : "UnfinishedFileError";
         EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(old)}; }), refused);
         EXPECT_EQ(thrownBy([&] { orva::Writer::append(old); }), refused);
+        support::overwriteBytes(old, 0, before);  // as if it had changed nothing yet
+        EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(old)}; }), refused);
         orva::Writer::append(old, {.roll_back = true}).finish();
         orva::roll_back(path("flushed"));
         EXPECT_TRUE(sameBytes(rowsOf("flushed"), rows + more));

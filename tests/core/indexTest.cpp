@@ -3,6 +3,7 @@
 // deflated to 1,500,000, 1,400,000 and 40,000 bytes.
 #include "coreTest.h"
 #include "format/filePosInfo.h"
+#include "format/storedBytes.h"
 
 #include <sstream>
 
@@ -56,6 +57,19 @@ TEST(Layout, HeadingAndIndexAreWrittenAndReadAsDocumentedInBothByteOrders) {
     }
     Bytes none = bytesOf(filePosRecord{-100, 0, kBlock, 0});
     EXPECT_EQ(filePosInfo(1).parseForAppend(none.data(), false).orginalPos, -100);
+}
+
+// An index can be longer than what a file takes at a time.
+TEST(StoredBytes, MoveInPiecesOneBehindTheOther) {
+    const char* const base = "";
+    std::int64_t next = 0;
+    const auto transfer = [&](const char* bytes, std::uint32_t count, std::int64_t place) {
+        EXPECT_TRUE(bytes == base + next && place == next);
+        next += count;
+        return count;
+    };
+    EXPECT_TRUE(orva::inPieces(base, 2 * orva::kLongestTransfer + 1, 0, transfer));
+    EXPECT_EQ(next, 2 * std::int64_t{orva::kLongestTransfer} + 1);
 }
 
 }  // namespace

@@ -58,6 +58,8 @@ const LieCase kLies[] = {
     {"NoBytes", [](Layout& l) { l.records[1].translateSize = 0; }, 2, kFollow, kBytes},
     {"BytesAboveABlock", [](Layout& l) { l.records[1].translateSize = kBlock + 1; }, 2, kFollow, kBytes},
     {"BytesBehindFile", [](Layout& l) { l.records[1].translateSize = kBlock; }, 2, kFollow, kInside},
+    {"PlaceInAnotherAndBytesBehindFile",
+     [](Layout& l) { --l.records[2].translatePos, l.records[2].translateSize = kBlock; }, 2, kFollow, kInside},
     {"BytesTooMany", [](Layout& l) { l.records[2].translateSize += 1; }, 2, "_indexPos behind the last block", kEnd},
     {"BytesTooFew", [](Layout& l) { l.records[2].translateSize -= 1; }, 2, kEnd, kEnd},
     {"PlaceMost", [](Layout& l) { l.records[1].translatePos = INT64_MAX; }, 2, kFollow, kInside},
@@ -258,6 +260,16 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     const Bytes stream = support::slice(fBytes, kRow0 + kHeadingSize, 60);
     const Bytes two = with(with(damaged(1), 0, stream), index + kRecordSize + 15, {0x40});
     expectRecovered(with(two, second + 4, Bytes(9)), kLost[0] + kLost[1], rowsWithout(3));
+    // Nor is a heading that points to no index, where another one does.
+    expectRecovered(with(fBytes, 100, core::bytesOf(compressionHeading{100, 500, kRecordSize})), "", fAll, {});
+    EXPECT_EQ(fReport.part.row0Pos, kRow0);
+    // Wherever the block behind the damage stands in what is searched at a time.
+    const Bytes head = support::slice(unfinished(fBytes), 0, second);
+    const Bytes tail = support::slice(fBytes, second, fLayout.records[1].translateSize);
+    for (std::size_t gap = (1U << 18) - 24; gap < (1U << 18) + 2; ++gap) {
+        expectRecovered(head + Bytes(gap, 1) + tail, "~30-[0-9]+ its block is damaged, .*", fBlocks[0] + fBlocks[1],
+                        {kPart, false, true});
+    }
     // Behind the place of a lost index counts what joins on alone.
     expectRecovered(with(fBytes, index, {1}) + stream, "", fAll);
     expectRecovered(unfinished(fBytes), "", fAll, {});
@@ -280,12 +292,16 @@ TEST_F(DamageTest, WhatLooksLikeBlocksOrIndexesIsTriedForAWhile) {
     uLongf size = stream.size();
     ASSERT_EQ(compress(stream.data(), &size, Bytes(kBlock).data(), kBlock), Z_OK);
     stream.resize(size);
+    const Bytes block = stream;
     stream.back() ^= 1;
-    Bytes file = support::slice(fBytes, 0, fLayout.records[1].translatePos);
+    Bytes file = support::slice(fBytes, 0, fLayout.records[1].translatePos), mixed = unfinished(file);
     for (int i = 0; i < 80; ++i) file = std::move(file) + stream;
+    for (int i = 0; i < 24; ++i) mixed = std::move(mixed) + block + stream + stream + stream;
     const compressionHeading heading{kRow0, std::ssize(file), 9 * kRecordSize};
     expectRecovered(with(file, kRow0, core::bytesOf(heading)), "~30-[0-9]+ the search was given up here: .*",
                     fBlocks[0], {kPart, true});
+    recover(mixed, {kPart, false, true});
+    EXPECT_EQ(fReport.blocks, 25) << "each of them pays for more";
 }
 
 // Whatever the records claim, every block that is whole comes back; and in its place as long as what they claim of rows
