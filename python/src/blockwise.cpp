@@ -10,10 +10,13 @@ void blockwise::want(i64 offset, orva::Bytes to) {
     while (!to.empty()) {
         if (offset >= fBlockEnd) {
             if (fBegun == fBlocks) finish();
+            fBlockFirst = offset;
             fBlockEnd = fReader.end_of_block(offset);
             ++fBegun;
         }
-        const auto size = std::min(to.size(), static_cast<std::size_t>(fBlockEnd - offset));
+        // Rows that go on across a border, wished for again, begin in a block before.
+        const i64 end = offset >= fBlockFirst ? fBlockEnd : fReader.end_of_block(offset);
+        const auto size = std::min(to.size(), static_cast<std::size_t>(end - offset));
         fRequests.push_back({offset, to.first(size)});
         offset += static_cast<i64>(size);
         to = to.subspan(size);

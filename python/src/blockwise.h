@@ -17,7 +17,7 @@ public:
     blockwise(const orva::Reader& reader, int blocks, std::vector<orva::Range>* lost)
         : fReader(reader), fBlocks(blocks), fLost(lost) {}
 
-    // Wishes for these rows, which lie behind all of before or in the same block. They exist.
+    // Wishes for these rows, which begin where those of before do, or behind. They exist.
     void want(orva::i64 offset, orva::Bytes to);
     // Reads what is still wished for. Needed at the end.
     void finish();
@@ -29,6 +29,7 @@ private:
     const int fBlocks;
     std::vector<orva::Range>* const fLost;
     std::vector<orva::ReadRequest> fRequests;
-    orva::i64 fBlockEnd = 0;  // of the last wish
-    int fBegun = 0;           // blocks that fRequests lie in
+    orva::i64 fBlockFirst = 0;  // wished for in the last block, which ends at
+    orva::i64 fBlockEnd = 0;
+    int fBegun = 0;  // blocks that fRequests lie in
 };
