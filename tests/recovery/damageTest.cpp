@@ -154,7 +154,8 @@ protected:
     Bytes damaged(unsigned damage) const {
         Bytes file = fBytes;
         for (std::size_t i = 0; i < fBlocks.size(); ++i) {
-            file[static_cast<std::size_t>(fLayout.records[i].translatePos) + 4] ^= damage >> i & 1U ? 0x10 : 0;
+            auto& byte = file[static_cast<std::size_t>(fLayout.records[i].translatePos) + 4];
+            if ((damage >> i & 1U) != 0) byte = static_cast<unsigned char>(byte ^ 0x10);
         }
         return file;
     }
