@@ -21,13 +21,7 @@
 
 namespace fuzz {
 
-using support::Bytes;
-using support::byZlib;
-using support::Inflated;
-using support::readBytes;
-using support::slice;
-using support::writeBytes;
-using support::operator+;
+using namespace support;
 
 constexpr std::int64_t kRow0 = 64;  // of every file of the corpora
 constexpr std::size_t kSteps = 48;  // bytes of steering
@@ -119,7 +113,7 @@ inline Inflated inflated(const unsigned char* from, std::size_t size, std::size_
 }
 
 // The second reader, by streams as the library's codec takes them.
-struct Part : support::secondReader {
+struct Part : secondReader {
     Part(const Bytes& from, std::int64_t at, bool swap)
         : secondReader(from, at, swap,
                        [](const unsigned char* bytes, std::size_t size) { return inflated(bytes, size); }) {}

@@ -61,7 +61,7 @@ Files makeFiles() {
         {"interruptedCut", withHeading(plain, withoutIndex(finished({300, 500, 20, 300})))},
     };
     for (const char* name : {"shortBlocks", "noRows", "fullAndShort", "storedHalves"}) {
-        files[std::string("swapped-") + name] = support::swapped(files[name], kRow0);
+        files[std::string("swapped-") + name] = swapped(files[name], kRow0);
     }
     return files;
 }

@@ -20,10 +20,7 @@
 namespace api {
 
 using orva::i64;
-using support::Bytes;
-using support::RandomBytes;
-using support::sameBytes;
-using support::operator+;
+using namespace support;
 
 constexpr std::size_t kBlock = kBlockSize;
 
@@ -64,7 +61,7 @@ struct source final : orva::ByteSource {
     std::size_t read_at(i64 offset, orva::Bytes to) const override {
         ++reads;
         if (offset >= fails) throw std::domain_error("mine");
-        const Bytes found = support::slice(bytes, offset, to.size());
+        const Bytes found = slice(bytes, offset, to.size());
         std::ranges::copy(bytesOf(found), to.begin());
         return offset >= ends ? 0 : found.size();
     }
@@ -73,7 +70,7 @@ struct source final : orva::ByteSource {
     mutable std::atomic<int> reads{0};
 };
 
-class FaceTest : public support::TempDir {
+class FaceTest : public TempDir {
 protected:
     // A finished file of the rows; its name.
     std::string written(const std::string& name, const Bytes& rows, const orva::WriterOptions& options = {}) const {

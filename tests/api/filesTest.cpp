@@ -25,7 +25,7 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     EXPECT_EQ(info.stored, info.index.offset - 512 - 24);
     ASSERT_EQ(info.blocks.size(), 4U);
     for (const std::size_t bad : {1U, 3U}) {
-        support::overwriteBytes(name, info.blocks[bad].file_offset + 4, Bytes(3, 0xff));
+        overwriteBytes(name, info.blocks[bad].file_offset + 4, Bytes(3, 0xff));
     }
     const orva::VerifyReport report = orva::verify(name, {.threads = 3, .progress = told()});
     EXPECT_EQ(fLast.first, std::ssize(rows));
@@ -40,7 +40,7 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     } catch (const orva::DamagedFileError& e) {
         EXPECT_EQ(std::pair(e.block(), e.offset()), std::pair(std::optional<i64>(1), std::optional<i64>(kBlock)));
     }
-    const Bytes sound = support::slice(rows, 2 * kBlock, kBlock);
+    const Bytes sound = slice(rows, 2 * kBlock, kBlock);
     EXPECT_TRUE(sameBytes(read(reader, 2 * kBlock, kBlock), sound));
     auto row = orva::Rows<std::array<char, 2>>(reader).begin();
     EXPECT_EQ(thrownBy([&] {

@@ -32,7 +32,7 @@ TEST_F(Reader, GivesTheRowsOfAnyRangesInAnyOrder) {
         }
         reader.read_ranges(requests);
         for (const orva::ReadRequest& request : requests) {
-            const Bytes expected = support::slice(rows, request.offset, request.to.size());
+            const Bytes expected = slice(rows, request.offset, request.to.size());
             EXPECT_TRUE(std::ranges::equal(request.to.first(request.got), bytesOf(expected)));
             EXPECT_TRUE(sameBytes(read(reader, request.offset, request.to.size()), expected));
         }
@@ -41,9 +41,9 @@ TEST_F(Reader, GivesTheRowsOfAnyRangesInAnyOrder) {
 
 TEST_F(Reader, ReadsASourceInThreeReadsAtMostAndPassesWhatItThrows) {
     const Bytes rows = RandomBytes(3).rows(2 * kBlock);
-    const auto near = std::make_shared<source>(support::readBytes(written("rows", rows)));
+    const auto near = std::make_shared<source>(readBytes(written("rows", rows)));
     const std::string other = behind(Bytes(10'000, 'x'), "other", rows);
-    const auto far = std::make_shared<source>(support::readBytes(other));
+    const auto far = std::make_shared<source>(readBytes(other));
     EXPECT_EQ(thrownBy([&] { orva::Reader{far}; }), "DamagedFileError");
     far->reads = 0;
     for (const auto& [from, row0] :
@@ -73,12 +73,12 @@ TEST_F(Reader, SplitsAtBlocksAndRecords) {
 
 TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
     const Bytes rows = RandomBytes(6).rows(2'000'777);
-    orva::Reader reader(written("rows", rows, {.block = 65'536}), {.threads = support::kSanitized ? 1 : 2});
+    orva::Reader reader(written("rows", rows, {.block = 65'536}), {.threads = kSanitized ? 1 : 2});
     const auto reads = [&](std::uint64_t seed, int count) {
         std::mt19937_64 places(seed);  // no lock of the test's framework, which the child would find taken
         for (int i = 0; i < count; ++i) {
             const std::size_t at = places() % rows.size();
-            EXPECT_TRUE(sameBytes(read(reader, static_cast<i64>(at), 500), support::slice(rows, at, 500)));
+            EXPECT_TRUE(sameBytes(read(reader, static_cast<i64>(at), 500), slice(rows, at, 500)));
         }
         EXPECT_TRUE(sameBytes(all(reader), rows));
     };
@@ -90,13 +90,13 @@ TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
             while (!end) work();
         }));
     }
-    for (std::uint64_t i = 0; i < 6; ++i) support::expectInChild([&] { reads(i, 300); });
+    for (std::uint64_t i = 0; i < 6; ++i) expectInChild([&] { reads(i, 300); });
     reads(7, 300);
     end = true;
 }
 
 TEST_F(Reader, CostsNoMemoryBeforeItReads) {
-    if (support::kSanitized) GTEST_SKIP() << "counts the allocator's bytes";
+    if (kSanitized) GTEST_SKIP() << "counts the allocator's bytes";
     const std::string name = written("rows", Bytes(kBlock));
     const auto inUse = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
     std::vector<orva::Reader> readers;

@@ -9,7 +9,7 @@ class Refusals : public FaceTest {};
 
 TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     RandomBytes random(4);
-    const Bytes whole = support::readBytes(written("whole", random.rows(100'000)));
+    const Bytes whole = readBytes(written("whole", random.rows(100'000)));
     const std::string text = orva::makeDictionaryText();
     const Bytes line(text.begin(), text.end());
     behind(whole, "two", random.rows(10'000));
@@ -17,9 +17,9 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     made("kind", random.noise(9'000));
     made("line", line);
     made("zeros", line + Bytes(5'000));
-    made("cut", support::slice(whole, 0, whole.size() - 10));
-    made("far", support::with(whole, 520, Bytes(16, 0x7F)));
-    made("swapped", support::swapped(whole, 512));
+    made("cut", slice(whole, 0, whole.size() - 10));
+    made("far", with(whole, 520, Bytes(16, 0x7F)));
+    made("swapped", swapped(whole, 512));
     std::filesystem::create_directory(path("dir"));
     std::filesystem::create_symlink("/dev/full", path("device"));
     const std::string before = names();
@@ -105,7 +105,7 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     more.reset();
     { const orva::Writer gone(std::move(writer)), goneToo(std::move(other)); }
     EXPECT_EQ(names(), before);
-    EXPECT_EQ(support::readBytes(path("whole")), whole);
+    EXPECT_EQ(readBytes(path("whole")), whole);
 
     try {
         orva::recover(path("none"), path("to"));

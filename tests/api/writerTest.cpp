@@ -21,7 +21,7 @@ TEST_F(Writer, TakesRowsInAnySizesAndWaysIntoANewFileAndBehindItsRows) {
             for (std::size_t at = 0; at < rows.size();) {
                 ASSERT_EQ(writer.size(), old + static_cast<i64>(at));
                 const std::size_t sizes[] = {0, random.below(20), random.below(100'000), random.below(2 * kBlock)};
-                Bytes piece = support::slice(rows, at, sizes[random.below(4)]);
+                Bytes piece = slice(rows, at, sizes[random.below(4)]);
                 switch (random.below(4)) {
                     case 0: {
                         const orva::Bytes room = writer.room();
@@ -77,7 +77,7 @@ TEST_F(Writer, EndsWithTheSourceThatFailsOrEndsEarly) {
 }
 
 TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {
-    if (support::kSanitized) GTEST_SKIP() << "takes a minute";
+    if (kSanitized) GTEST_SKIP() << "takes a minute";
     const std::size_t size = (std::size_t{1} << 32) + 100;
     void* zeros = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(zeros, MAP_FAILED);
@@ -93,9 +93,9 @@ TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {
 // As a handler of signals does that a second one interrupts.
 [[noreturn]] void endAsSignalled() {
     bool came = false;
-    const support::CallHook second([&](const support::Step&, std::uint64_t) {
+    const CallHook second([&](const Step&, std::uint64_t) {
         if (!std::exchange(came, true)) orva::remove_unfinished(), _exit(0);
-        return support::Verdict::goOn();
+        return Verdict::goOn();
     });
     orva::remove_unfinished();
     _exit(0);
@@ -106,7 +106,7 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     RandomBytes random(14);
     const Bytes rows = random.rows(100'000), more = random.rows(3 * kBlock);
     const std::string old = written("old", rows), other = written("other", rows);
-    const Bytes before = support::readBytes(old);
+    const Bytes before = readBytes(old);
     orva::Writer mine(path("mine"));
     const struct {
         const char* name;
@@ -119,7 +119,7 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     };
     for (const auto& ending : endings) {
         SCOPED_TRACE(ending.name);
-        support::expectInChild([&] {
+        expectInChild([&] {
             const auto write = [&] {
                 orva::Writer fresh(path("fresh")), instead(other, {.replace = true});
                 orva::Writer behind = orva::Writer::append(old);
@@ -140,7 +140,7 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
         const char* refused = ending.left == 4 ? "" : "UnfinishedFileError";
         EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(old)}; }), refused);
         EXPECT_EQ(thrownBy([&] { orva::Writer::append(old); }), refused);
-        support::overwriteBytes(old, 0, before);  // as if it had changed nothing yet
+        overwriteBytes(old, 0, before);  // as if it had changed nothing yet
         EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(old)}; }), refused);
         orva::Writer::append(old, {.roll_back = true}).finish();
         orva::roll_back(path("flushed"));
@@ -172,7 +172,7 @@ TEST_F(Writer, KeepsTheModeOfWhatItReplacesAndTheDictionary) {
 
 TEST_F(Writer, AppendsToTheOtherByteOrder) {
     const std::string name = written("rows", Bytes(100'000, 'a'));
-    support::writeBytes(name, support::swapped(support::readBytes(name), 512));
+    writeBytes(name, swapped(readBytes(name), 512));
     orva::Writer writer = orva::Writer::append(name, {.any_order = true});
     Bytes rows(100'000, 'a');
     for (const Bytes& more : {Bytes(kBlock, 'b'), Bytes(10, 'c')}) {
@@ -204,7 +204,7 @@ TEST_F(Writer, AnAppendLeavesTheRowsOfALiveReader) {
         EXPECT_TRUE(sameBytes(all(reader), rows));  // by the side file
         std::filesystem::rename(side, name + ".hidden");
         EXPECT_EQ(thrownBy([&] { all(reader); }), "FileChangedError");
-        EXPECT_TRUE(sameBytes(read(reader, 0, kBlock), support::slice(rows, 0, kBlock)));
+        EXPECT_TRUE(sameBytes(read(reader, 0, kBlock), slice(rows, 0, kBlock)));
         std::filesystem::rename(name + ".hidden", side);
         EXPECT_EQ(thrownBy([&] { copy.refresh(); }), "UnfinishedFileError");
         EXPECT_TRUE(sameBytes(all(reader), rows));
@@ -226,12 +226,12 @@ TEST_F(Writer, AnAppendThatEndsMeanwhileIsNoDamageToWhoOpensTheFile) {
         const bool durable = number == 2;  // its side file is seen, and its lock is not held any more
         orva::Writer writer = orva::Writer::append(path("rows"), {.durable = durable});
         int left = durable ? 0 : number;
-        const support::CallHook meanwhile([&](const support::Step& step, std::uint64_t) {
-            if (step.call == (durable ? support::Call::Lock : support::Call::Read) && left-- == 0) {
+        const CallHook meanwhile([&](const Step& step, std::uint64_t) {
+            if (step.call == (durable ? Call::Lock : Call::Read) && left-- == 0) {
                 writer.write(bytesOf(RandomBytes(16).noise(kBlock)));
                 writer.finish();
             }
-            return support::Verdict::goOn();
+            return Verdict::goOn();
         });
         EXPECT_EQ(thrownBy([&] { reader.refresh(); }), "") << number;
         EXPECT_LT(left, 0) << "nothing was appended meanwhile";
@@ -243,7 +243,7 @@ TEST_F(Writer, AForkedChildWritesAndRemovesNothing) {
     std::optional<orva::Writer> fresh(std::in_place, path("fresh"), orva::WriterOptions{.threads = 2});
     std::optional<orva::Writer> more(orva::Writer::append(path("old")));
     for (auto* writer : {&fresh, &more}) (*writer)->write(bytesOf(Bytes(3 * kBlock, 'b')));
-    support::expectInChild([&] {
+    expectInChild([&] {
         for (auto* writer : {&fresh, &more}) {
             EXPECT_EQ(thrownBy([&] { (*writer)->write(bytesOf(Bytes(100'000))); }), "UsageError");
             EXPECT_EQ(thrownBy([&] { (*writer)->flush_rows(); }), "UsageError");
@@ -279,7 +279,7 @@ TEST_F(Writer, ServesStandardStreams) {
         EXPECT_EQ(in.get(), rows[static_cast<std::size_t>(at)]) << at;
     }
     EXPECT_EQ(in.seekg(-1, std::ios::end).get(), rows.back());
-    support::overwriteBytes(path("rows"), 2'000, Bytes(8, 0xff));
+    overwriteBytes(path("rows"), 2'000, Bytes(8, 0xff));
     EXPECT_EQ(thrownBy([&] { orva::istream(path("rows")).get(); }), "DamagedFileError");
 }
 

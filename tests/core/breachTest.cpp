@@ -17,7 +17,7 @@ void expectDeaths(const std::vector<Breach>& breaches) {
     for (const Breach& breach : breaches) EXPECT_ASSERTION(breach.call(), breach.text);
 }
 
-using Breaches = support::TempDir;
+using Breaches = TempDir;
 
 TEST_F(Breaches, OfAStream) {
     const auto fresh = freshStream(path("fresh"), 0);

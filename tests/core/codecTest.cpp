@@ -8,8 +8,8 @@
 namespace core {
 namespace {
 
-const Bytes kRows = support::RandomBytes(7).rows(100'000);
-const Bytes kNoise = support::RandomBytes(8).noise(kBlock);
+const Bytes kRows = RandomBytes(7).rows(100'000);
+const Bytes kNoise = RandomBytes(8).noise(kBlock);
 
 std::uint32_t sizeOf(const Bytes& bytes) {
     return static_cast<std::uint32_t>(bytes.size());
@@ -38,7 +38,7 @@ TEST(ZlibCodec, AnswersByTheBytesProduced) {
         {"TooLittleRoomToInflateGivesTheRoom", false, packed, 99'999, 99'999, 99'999},
         {"TooLittleRoomToDeflateGivesTheRoom", true, kNoise, 100'000, 100'000, 100'000},
         {"NoZlibDataGivesNothing", false, Bytes(1'000, 'x'), 1'000, 0, 0},
-        {"ACutStreamGivesItsPart", false, support::slice(packed, 0, packed.size() / 2), 100'000, 10'000, 99'999},
+        {"ACutStreamGivesItsPart", false, slice(packed, 0, packed.size() / 2), 100'000, 10'000, 99'999},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

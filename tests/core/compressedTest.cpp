@@ -13,7 +13,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-class CompressedWrite : public support::TempDir, public testing::WithParamInterface<int> {
+class CompressedWrite : public TempDir, public testing::WithParamInterface<int> {
 protected:
     std::unique_ptr<zcmpsFilestr> started() const { return startedWriter(fName, GetParam()); }
     static void finish(zcmpsFilestr& stream, const Bytes& rows) {
@@ -41,18 +41,18 @@ TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
     beginRows(*stream);
     EXPECT_EQ(lengthFails(kBlock) + levelFails(2), length + late + level + late);
     finish(*stream, Bytes(100'000, 'x'));
-    expectFinished(support::readBytes(fName), Bytes(100'000, 'x'), {70'000, 30'000});
+    expectFinished(readBytes(fName), Bytes(100'000, 'x'), {70'000, 30'000});
 }
 
 TEST_P(CompressedWrite, CutsABlockThatDeflateCannotFitAtAnyLevel) {
-    support::RandomBytes random(22);
+    RandomBytes random(22);
     const Bytes rows = random.noise(kBlock) + random.rows(5'000);
     for (const int level : {1, 2, kBestLevel}) {
         const auto stream = freshStream(fName, GetParam());
         stream->setCompressionLevel(level);
         beginRows(*stream);
         finish(*stream, rows);
-        expectFinished(support::readBytes(fName), rows, {kBlock / 2, kBlock / 2, 5'000});
+        expectFinished(readBytes(fName), rows, {kBlock / 2, kBlock / 2, 5'000});
     }
 }
 
@@ -87,7 +87,7 @@ TEST_P(CompressedWrite, CannotBeginWithoutRoomForABlockOrTheFileAndMayTryAgain) 
     std::filesystem::rename(path("elsewhere"), fName);
     beginRows(*stream);
     finish(*stream, fRows);
-    expectFinished(support::readBytes(fName), fRows, {10});
+    expectFinished(readBytes(fName), fRows, {10});
 }
 
 TEST_P(CompressedWrite, DestructorThrowsOnlyWhatNobodyHeard) {
@@ -115,8 +115,8 @@ TEST_P(CompressedRead, WhatIsLoadedOrCachedCostsNoFileCall) {
     reader.readAt(row(5) + 20, 60);  // the last block, behind which nothing is read ahead
     const CallHook calls;
     reader->Seek(-10, ORVA_StrBaseIO::SeekFromCurrent);
-    EXPECT_EQ(reader.read(20), support::slice(fBlocks[5], 70, 20));
-    EXPECT_EQ(reader.readAt(row(5), 5), support::slice(fBlocks[5], 0, 5));
+    EXPECT_EQ(reader.read(20), slice(fBlocks[5], 70, 20));
+    EXPECT_EQ(reader.readAt(row(5), 5), slice(fBlocks[5], 0, 5));
     EXPECT_EQ(reader.readAt(row(0), 0), Bytes());
     for (int i = 0; i < 2; ++i) reader->Seek(INT64_MAX, ORVA_StrBaseIO::SeekFromCurrent);
     EXPECT_EQ(reader->Tell(), INT64_MAX);
@@ -142,9 +142,9 @@ TEST_P(CompressedRead, WhatIsLoadedOrCachedCostsNoFileCall) {
 TEST_P(CompressedRead, ADamagedBlockOrAGapIsRefusedAndTheOthersStayReadable) {
     constexpr std::int64_t row0 = 9'000'000;
     makeFile(fName, fBlocks, row0);
-    const Layout layout(support::readBytes(fName), row0);
+    const Layout layout(readBytes(fName), row0);
     const auto lie = [&](std::int64_t record, std::int64_t field, const Bytes& value) {
-        support::overwriteBytes(fName, layout.heading._indexPos + record * kRecordSize + field, value);
+        overwriteBytes(fName, layout.heading._indexPos + record * kRecordSize + field, value);
     };
     lie(3, 20, bytesOf(layout.records[2].translateSize - 1));
     lie(5, 16, bytesOf(1'500));
@@ -183,7 +183,7 @@ TEST_P(CompressedRead, AnAppendBesideTheReaderIsNoDamage) {
     }
     reader->Close();
     reader->readFilePosInfo(kRow0, false);
-    EXPECT_TRUE(support::sameBytes(reader.read(100'000), joined(fBlocks) + added));
+    EXPECT_TRUE(sameBytes(reader.read(100'000), joined(fBlocks) + added));
 }
 
 }  // namespace

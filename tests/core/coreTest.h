@@ -21,13 +21,7 @@
 
 namespace core {
 
-using support::Bytes;
-using support::Call;
-using support::CallHook;
-using support::joined;
-using support::operator+;
-using support::Step;
-using support::Verdict;
+using namespace support;
 
 inline constexpr std::int64_t kRow0 = 1'000;
 inline constexpr std::int64_t kBlock = 4'190'208;
@@ -66,7 +60,7 @@ inline void takeRoad(zcmpsFilestr& stream, int road) {
 
 // A stream over a new file that holds a dictionary part only.
 inline std::unique_ptr<zcmpsFilestr> freshStream(const std::string& name, int road, std::int64_t row0 = kRow0) {
-    support::writeBytes(name, Bytes(static_cast<std::size_t>(row0), 0xD5));
+    writeBytes(name, Bytes(static_cast<std::size_t>(row0), 0xD5));
     auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "r+b"));
     takeRoad(*stream, road);
     return stream;
@@ -120,13 +114,13 @@ inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, 
 }
 
 // A finished file of six short blocks.
-class ShortBlocks : public support::TempDir {
+class ShortBlocks : public TempDir {
 protected:
     ShortBlocks() {
-        support::RandomBytes random(41);
+        RandomBytes random(41);
         for (const std::size_t size : {3'000u, 1u, 20'000u, 700u, 5'000u, 100u}) fBlocks.push_back(random.rows(size));
         makeFile(fName, fBlocks);
-        fFile = support::readBytes(fName);
+        fFile = readBytes(fName);
     }
     const std::string fName = path("rows.orva");
     std::vector<Bytes> fBlocks;
@@ -167,7 +161,7 @@ struct Layout {
         copy(file, heading._indexPos + kRecordSize, records.data(), records.size() * sizeof(filePosRecord));
     }
     static void copy(const Bytes& file, std::int64_t offset, void* to, std::size_t size) {
-        const Bytes bytes = support::slice(file, offset, size);
+        const Bytes bytes = slice(file, offset, size);
         if (bytes.size() != size) throw std::runtime_error("no such bytes in the file");
         if (size != 0) std::memcpy(to, bytes.data(), size);
     }
@@ -191,19 +185,14 @@ Bytes bytesOf(const Struct& value) {
 
 // All rules of a finished file, without the library.
 inline void expectFinished(const Bytes& file, const Bytes& rows, const std::vector<std::int32_t>& sizes) {
-    const support::secondReader part(file, kRow0, false);
+    const secondReader part(file, kRow0, false);
     const Layout layout(file);
-    EXPECT_EQ(support::slice(file, 0, kRow0), Bytes(kRow0, 0xD5)) << "the dictionary part";
+    EXPECT_EQ(slice(file, 0, kRow0), Bytes(kRow0, 0xD5)) << "the dictionary part";
     EXPECT_EQ(bytesOf(layout.first), bytesOf(filePosRecord{-100, 0, kBlock, static_cast<std::int32_t>(sizes.size())}));
     EXPECT_EQ(layout.sizes(), sizes);
-    EXPECT_TRUE(part.sound && support::sameBytes(*part.allRows(), rows));
+    EXPECT_TRUE(part.sound && sameBytes(*part.allRows(), rows));
     EXPECT_EQ(layout.heading._indexPos, part.blocksEnd);
     EXPECT_EQ(std::ssize(file), part.blocksEnd + layout.heading._size);
-}
-
-// A file with heading and index in the other byte order.
-inline Bytes swapped(Bytes file) {
-    return support::swapped(std::move(file), kRow0);
 }
 
 // Transfers of one kind that begin in a range of the file fail, as on a disk with a bad spot or no room.

@@ -101,7 +101,7 @@ protected:
 TEST_F(Faults, H2_H4_M3_ANewFile) {
     const Bytes rows = joined(fBlocks);
     everywhere({0, 1, kOneOfSeveral, kTwo}, [&](int road, Scarcity& s) {
-        support::writeBytes(fName, Bytes(kRow0, 0xD5));
+        writeBytes(fName, Bytes(kRow0, 0xD5));
         std::unique_ptr<zcmpsFilestr> stream;
         bool isWriter = false;
         std::int32_t closed = 0, finished = 0;
@@ -202,7 +202,7 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
     constexpr std::int64_t kSizes[] = {24, 24 * (std::int64_t{1} << 26), 178'956'970LL * 24, INT64_MAX / 24 * 24};
     for (const std::int64_t size : kSizes) {
         for (const std::int64_t place : {sound._indexPos, std::int64_t{kRow0 + 24}, INT64_MAX - size}) {
-            support::overwriteBytes(fName, kRow0, bytesOf(compressionHeading{kRow0, place, size}));
+            overwriteBytes(fName, kRow0, bytesOf(compressionHeading{kRow0, place, size}));
             for (const int road : {0, 2, kTwo}) {
                 takePeakOfMemory();
                 EXPECT_THAT(failureOf([&] { Reader(fName, road, kRow0); }), StartsWith("DamagedFileError"));
@@ -238,7 +238,7 @@ protected:
         if ((road & 1) != 0) stream->EnableMultiThreadReading();
         if ((road & 2) != 0) stream->DisablePreReading();
     }
-    const Bytes fContent = support::RandomBytes(7).noise(kBlock + 40'960);
+    const Bytes fContent = RandomBytes(7).noise(kBlock + 40'960);
 };
 
 TEST_F(StreamFaults, AStreamThatIsWritten) {
@@ -265,7 +265,7 @@ TEST_F(StreamFaults, AStreamThatIsWritten) {
             Bytes found = read(*stream, fContent.size() + 16);
             EXPECT_LE(found.size(), end + 15) << "a pad at most";
             found.resize(end);
-            EXPECT_TRUE(support::sameBytes(found, support::slice(fContent, 0, end)));
+            EXPECT_TRUE(sameBytes(found, slice(fContent, 0, end)));
         };
         std::int32_t closed = 0;
         const auto close = [&] { closed = stream->Close(); };
@@ -314,7 +314,7 @@ TEST_F(StreamFaults, AStreamThatIsRead) {
                 });
                 found.resize(count);
                 EXPECT_EQ(stream->Good(), 1);
-                EXPECT_TRUE(support::sameBytes(found, support::slice(fContent, request.first, request.second)));
+                EXPECT_TRUE(sameBytes(found, slice(fContent, request.first, request.second)));
             }
         });
     }
@@ -341,7 +341,7 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
         everywhere(first ? std::vector{0, 1, 2, 3, 5} : std::vector{0, 5}, [&](int road, core::Scarcity& s) {
             append.road = road;
             std::filesystem::remove(side);
-            support::writeBytes(fName, old.at(fName));
+            writeBytes(fName, old.at(fName));
             std::unique_ptr<core::Reader> stream;
             std::int32_t closed = 0;
             const std::string failure = tried(s, [&] {
@@ -370,7 +370,7 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
                 });
                 const std::size_t kept = torn ? (append.old.empty() ? 0 : append.old[0]) : append.keptRows().size();
                 EXPECT_TRUE(failed.empty() || kept == 0) << failed;
-                EXPECT_TRUE(sameBytes(support::slice(found, 0, kept), support::slice(append.oldRows(), 0, kept)));
+                EXPECT_TRUE(sameBytes(slice(found, 0, kept), slice(append.oldRows(), 0, kept)));
             } else {
                 // Without memory there is no text that says so, nor whether it came to its end. A disk that fails for
                 // good may keep a heading that could not be synced: its rows are all there then.

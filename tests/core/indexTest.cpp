@@ -36,13 +36,13 @@ TEST(Layout, HeadingAndIndexAreWrittenAndReadAsDocumentedInBothByteOrders) {
     std::uint32_t length = 0;
     const unsigned char* serialized = written.serialize(length);
     EXPECT_EQ(Bytes(serialized, serialized + length), fromHex(kIndex));
-    const Bytes file = support::with(support::with({}, 1'000, fromHex(kHeading)), 2'941'024, fromHex(kIndex));
+    const Bytes file = with(with({}, 1'000, fromHex(kHeading)), 2'941'024, fromHex(kIndex));
     for (const bool swap : {false, true}) {
-        const Bytes bytes = swap ? swapped(file) : file;
+        const Bytes bytes = swap ? swapped(file, kRow0) : file;
         compressionHeading heading{1'000, 2'941'024, 96};
         if (swap) orva::swapHeading(heading);
-        EXPECT_EQ(bytesOf(heading), support::slice(bytes, 1'000, kHeadingSize));
-        Bytes stored = support::slice(bytes, 2'941'024, 96);
+        EXPECT_EQ(bytesOf(heading), slice(bytes, 1'000, kHeadingSize));
+        Bytes stored = slice(bytes, 2'941'024, 96);
         filePosInfo index(1);
         index.parseForRead(stored.data(), swap);
         index.parseForRead(nullptr, swap);  // changes nothing

@@ -4,10 +4,10 @@
 namespace core {
 namespace {
 
-class Limits : public support::TempDir {
+class Limits : public TempDir {
 protected:
     const std::string fName = path("file");
-    const Bytes fRows = support::RandomBytes(3).rows(100'000);
+    const Bytes fRows = RandomBytes(3).rows(100'000);
 };
 
 TEST_F(Limits, PlacesBeyond4GiB) {
@@ -26,11 +26,11 @@ TEST_F(Limits, PlacesBeyond4GiB) {
         resume(*rows, row0 + 100'000);
         write(*rows, fRows);
         rows.reset();
-        EXPECT_TRUE(support::sameBytes(Reader(fName, road, row0).read(300'000), fRows + fRows));
+        EXPECT_TRUE(sameBytes(Reader(fName, road, row0).read(300'000), fRows + fRows));
     }
     file.Open(fName.c_str(), "rb");
     file.Seek(row0 - 100'000, ORVA_StrBaseIO::SeekFromStart);
-    EXPECT_TRUE(support::sameBytes(read(file, 100'000), fRows));
+    EXPECT_TRUE(sameBytes(read(file, 100'000), fRows));
 }
 
 // A child has none of its parent's threads, so it must not wait for one, nor end the parent's file.
@@ -45,19 +45,19 @@ TEST_F(Limits, AForkWhileWorkersLive) {
         writeBlocks(*writer, {fRows});
         Reader reader(other, road == 1 ? 2 : road, kRow0);
         reader.read(100'001);
-        support::expectInChild([&] {
+        expectInChild([&] {
             EXPECT_EQ(ORVA_FileStream(fName.c_str(), "r+b").Good(), 0) << "a second writer in another process";
             EXPECT_EQ(writer->Close() + reader->Close(), 0);
             writer->abandon();
             writer.reset();
             reader.release().reset();
-            EXPECT_TRUE(support::sameBytes(Reader(other, road, kRow0).read(300'000), fRows + fRows));
+            EXPECT_TRUE(sameBytes(Reader(other, road, kRow0).read(300'000), fRows + fRows));
         });
-        support::expectInChild([&] { execl("/bin/true", "true", nullptr); });
+        expectInChild([&] { execl("/bin/true", "true", nullptr); });
         EXPECT_EQ(reader.readAt(kRow0 + 99'999, 3).size(), 3U);
         write(*writer, fRows);
         EXPECT_EQ(writer->Close(), 1);
-        EXPECT_TRUE(support::sameBytes(Reader(fName, 0, kRow0).read(300'000), fRows + fRows));
+        EXPECT_TRUE(sameBytes(Reader(fName, 0, kRow0).read(300'000), fRows + fRows));
     }
 }
 

@@ -13,8 +13,8 @@ std::uint64_t told(const char* variable, std::uint64_t otherwise) {
     return value != nullptr ? std::strtoull(value, nullptr, 10) : otherwise;
 }
 
-constexpr std::uint64_t kManyOfStreams = support::kSanitized ? 30'000 : 400'000;
-constexpr std::uint64_t kManyOfParts = support::kSanitized ? 1'500 : 6'000;
+constexpr std::uint64_t kManyOfStreams = kSanitized ? 30'000 : 400'000;
+constexpr std::uint64_t kManyOfParts = kSanitized ? 1'500 : 6'000;
 
 // Rounds of `round(random, number)`, which gives its operations, until there are enough or one failed.
 template <class Round>
@@ -22,30 +22,30 @@ void rounds(std::uint64_t quick, Round round) {
     const std::uint64_t enough = told("ORVA_MODEL_OPERATIONS", quick);
     std::uint64_t operations = 0;
     for (std::uint64_t seed = told("ORVA_MODEL_SEED", 1); operations < enough && !testing::Test::HasFailure(); ++seed) {
-        support::RandomBytes random(seed);
+        RandomBytes random(seed);
         operations += round(random, seed);
     }
     std::printf("%llu operations\n", static_cast<unsigned long long>(operations));
 }
 // Mostly small, now and then around the sizes at which a path ends or begins.
-std::size_t anySize(support::RandomBytes& random) {
+std::size_t anySize(RandomBytes& random) {
     if (random.oneIn(400)) return static_cast<std::size_t>(kBlock + random.between(-513, 513));
     if (random.oneIn(20)) return static_cast<std::size_t>(random.between(509, 515));
     return random.below(random.oneIn(5) ? 20'000 : 200);
 }
-Bytes someRows(support::RandomBytes& random, std::size_t size) {
-    static const Bytes pool = support::RandomBytes(5).rows(3 * kBlock);
-    return support::slice(pool, random.below(pool.size() - size), size);
+Bytes someRows(RandomBytes& random, std::size_t size) {
+    static const Bytes pool = RandomBytes(5).rows(3 * kBlock);
+    return slice(pool, random.below(pool.size() - size), size);
 }
 
 // Streams of every mode, plain and enciphered.
-class StreamModel : public support::StreamTest {
+class StreamModel : public StreamTest {
 protected:
     // After a failure what still waits may not be written: nothing is to be thrown from here.
     void TearDown() override {
         if (model != nullptr) s().ClearAndReset();
     }
-    void makeAnew(support::RandomBytes& random, const std::string& mode) {
+    void makeAnew(RandomBytes& random, const std::string& mode) {
         model = nullptr;
         SetKeepEncrypt(fEncrypted);
         content = mode[0] == 'w' ? Bytes() : someRows(random, random.below(2 * kBlock) / 16 * 16);
@@ -57,7 +57,7 @@ protected:
         fPreReading = true;
         fFinished = false;
     }
-    void readSome(support::RandomBytes& random) {
+    void readSome(RandomBytes& random) {
         std::size_t size = anySize(random);
         if (fEncrypted && !fPreReading) {  // the caller's duty
             model->seek(model->position() / 16 * 16);
@@ -66,7 +66,7 @@ protected:
         model->read(size);
     }
     // Enciphered bytes may be refused only where they would need others that this mode can't read or not write again.
-    void writeSome(support::RandomBytes& random) {
+    void writeSome(RandomBytes& random) {
         if (model->position() > 16'000'000) model->seek(0);
         if (model->appends() && random.oneIn(2)) model->seek(0, ORVA_StrBaseIO::SeekFromEnd);
         if (content.size() > 20'000'000 && model->appends()) return;
@@ -87,7 +87,7 @@ protected:
         reopens ? model->reopen() : model->close();
         fFinished = true;
     }
-    void operate(support::RandomBytes& random, bool writes) {
+    void operate(RandomBytes& random, bool writes) {
         const std::uint64_t kind = random.below(2'000);
         if (kind < 800 || (kind < 1'400 && !writes)) return readSome(random);
         if (kind < 1'400) return writeSome(random);
@@ -107,7 +107,7 @@ protected:
         ORVA_FileStream reader(path("data").c_str(), "rb", fEncrypted);
         const Bytes found = read(reader, content.size() + 16);
         if (fEncrypted) content.resize((content.size() + 15) / 16 * 16);
-        EXPECT_TRUE(support::sameBytes(found, content));
+        EXPECT_TRUE(sameBytes(found, content));
     }
 
     static constexpr const char* kModes[] = {"r+b", "w+b", "a+b", "rb", "wb", "ab"};
@@ -116,7 +116,7 @@ protected:
 };
 
 TEST_F(StreamModel, GivesAndKeepsTheBytesThatItTookInEveryMode) {
-    rounds(kManyOfStreams, [&](support::RandomBytes& random, std::uint64_t seed) {
+    rounds(kManyOfStreams, [&](RandomBytes& random, std::uint64_t seed) {
         const std::string mode = kModes[seed % std::size(kModes)];
         fEncrypted = seed / std::size(kModes) % 2 != 0;
         const testing::ScopedTrace trace(__FILE__, __LINE__, mode + (fEncrypted ? " enciphered" : ""));
@@ -131,11 +131,11 @@ TEST_F(StreamModel, GivesAndKeepsTheBytesThatItTookInEveryMode) {
     });
 }
 
-class CompressedModel : public support::TempDir {
+class CompressedModel : public TempDir {
 protected:
     static constexpr int kRoads[] = {0, 1, 2, kOneOfSeveral, kTwo, kSeveral};
 
-    void choose(support::RandomBytes& random, zcmpsFilestr& stream) {
+    void choose(RandomBytes& random, zcmpsFilestr& stream) {
         if (random.oneIn(3))
             stream.setCompressionLevel(
                 static_cast<std::int32_t>(random.between(1, zcmpsFilestr::bestCompressionLevel())));
@@ -154,7 +154,7 @@ protected:
             size -= taken;
         }
     }
-    void writeSome(support::RandomBytes& random, zcmpsFilestr& stream) {
+    void writeSome(RandomBytes& random, zcmpsFilestr& stream) {
         for (std::uint64_t i = random.below(30); i > 0; --i, ++fOperations) {
             const auto blocks = static_cast<std::size_t>(random.between(1, 2) * fLength + random.between(-1, 1));
             const bool wholeOnes = random.oneIn(40) && blocks < 3 * kBlock;
@@ -170,29 +170,29 @@ protected:
         }
     }
     // The destructor may do so too.
-    void finish(support::RandomBytes& random, std::unique_ptr<zcmpsFilestr> stream) {
+    void finish(RandomBytes& random, std::unique_ptr<zcmpsFilestr> stream) {
         EXPECT_TRUE(random.oneIn(3) || (stream->Close() == 1 && stream->Flush() == 1 && stream->Close() == 1));
         stream.reset();
         EXPECT_EQ(ORVA_FileStream(fName.c_str(), "r+b").Good(), 1) << "the writer's lock is gone";
-        const Bytes file = support::readBytes(fName);
+        const Bytes file = readBytes(fName);
         EXPECT_EQ(Layout(file).sizes(), fSizes);
-        EXPECT_TRUE(support::secondReader(file, kRow0, false).sound);
+        EXPECT_TRUE(secondReader(file, kRow0, false).sound);
     }
-    void makeAnew(support::RandomBytes& random, int road) {
+    void makeAnew(RandomBytes& random, int road) {
         auto stream = freshStream(fName, road == 2 ? 0 : road);
         choose(random, *stream);
         beginRows(*stream);
         fRows.clear(), fSizes.clear(), fOpen = false;
         writeSome(random, *stream);
         finish(random, std::move(stream));
-        expectFinished(support::readBytes(fName), fRows, fSizes);
+        expectFinished(readBytes(fName), fRows, fSizes);
     }
-    void append(support::RandomBytes& random, int road) {
-        const Bytes file = support::readBytes(fName);
+    void append(RandomBytes& random, int road) {
+        const Bytes file = readBytes(fName);
         const std::vector<std::int32_t> sizesBefore = fSizes;
         const Bytes before = fRows;
         const bool swap = random.oneIn(3);
-        if (swap) support::writeBytes(fName, swapped(file));
+        if (swap) writeBytes(fName, swapped(file, kRow0));
         auto stream = Reader(fName, road == 1 || road > 100 ? road : 0, kRow0, swap).release();
         choose(random, *stream);
         // A short last block is taken back, cut or not.
@@ -211,16 +211,16 @@ protected:
             EXPECT_TRUE(stream->Flush() == 1 && stream->Close() == 0);
             fRows = before, fSizes = sizesBefore;
             // What no block and no index holds may differ.
-            EXPECT_TRUE(support::sameBytes(Reader(fName, 0, kRow0, swap).read(fRows.size() + 1), fRows));
-            if (swap) support::writeBytes(fName, file);
+            EXPECT_TRUE(sameBytes(Reader(fName, 0, kRow0, swap).read(fRows.size() + 1), fRows));
+            if (swap) writeBytes(fName, file);
         } else {
             finish(random, std::move(stream));
         }
     }
-    void readSome(support::RandomBytes& random, int road) {
+    void readSome(RandomBytes& random, int road) {
         const bool swap = random.oneIn(3);
-        const Bytes file = support::readBytes(fName);
-        if (swap) support::writeBytes(fName, swapped(file));
+        const Bytes file = readBytes(fName);
+        if (swap) writeBytes(fName, swapped(file, kRow0));
         const std::vector<filePosRecord> records = Layout(file).records;
         const Reader reader(fName, road, kRow0, swap);
         std::int64_t at = kRow0;
@@ -239,14 +239,14 @@ protected:
             if (kind == 7 && (road == 0 || road > 100)) reader->readFilePosInfo(kRow0, swap);
             if (kind == 8) reader->Close();
             const bool inside = at >= kRow0 && at < end();
-            const Bytes expected = inside ? support::slice(fRows, at - kRow0, size) : Bytes();
+            const Bytes expected = inside ? slice(fRows, at - kRow0, size) : Bytes();
             reader->Seek(at, ORVA_StrBaseIO::SeekFromStart);
             const Bytes found = reader.read(size);
-            EXPECT_TRUE(support::sameBytes(found, expected)) << "at " << at;
+            EXPECT_TRUE(sameBytes(found, expected)) << "at " << at;
             at += std::ssize(expected);
             EXPECT_EQ(reader->Tell(), at);
         }
-        if (swap) support::writeBytes(fName, file);
+        if (swap) writeBytes(fName, file);
     }
     std::int64_t end() const { return kRow0 + std::ssize(fRows); }
 
@@ -259,7 +259,7 @@ protected:
 };
 
 TEST_F(CompressedModel, H1_H3_M1_M4_BlocksAndRowsAreThoseThatWereWritten) {
-    rounds(kManyOfParts, [&](support::RandomBytes& random, std::uint64_t seed) {
+    rounds(kManyOfParts, [&](RandomBytes& random, std::uint64_t seed) {
         const int road = kRoads[seed % std::size(kRoads)];
         SCOPED_TRACE("road " + std::to_string(road));
         fOperations = 0;

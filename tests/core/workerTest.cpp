@@ -124,11 +124,11 @@ TYPED_TEST(ReadWorker, R1_R3_T1_A2_OnlyASequentialRunIsReadBesideTheCaller) {
 
 TYPED_TEST(ReadWorker, R2_R4_T2_T3_A1_A3_A5_AnyRequestIsServedOrFailsWhateverWentBefore) {
     const auto end = static_cast<std::size_t>(this->fIndex.parsed(3).translatePos);
-    support::overwriteBytes(this->fName, end - 1, {static_cast<unsigned char>(this->fFile[end - 1] ^ 8)});
+    overwriteBytes(this->fName, end - 1, {static_cast<unsigned char>(this->fFile[end - 1] ^ 8)});
     const CallHook bad(
         badPlace(Call::Read, EIO, this->fIndex.parsed(4).translatePos, this->fIndex.parsed(5).translatePos));
     Running<TypeParam> worker(this->reader());
-    support::RandomBytes random(45);
+    RandomBytes random(45);
     for (int i = 0; i < 600; ++i) {
         const auto number = static_cast<std::uint32_t>(random.below(this->kBlocks));
         Bytes rows;
@@ -139,7 +139,7 @@ TYPED_TEST(ReadWorker, R2_R4_T2_T3_A1_A3_A5_AnyRequestIsServedOrFailsWhateverWen
             ASSERT_EQ(came, std::min(count, number > 4 ? count : (number > 2 ? 4 : 2) - number)) << "run " << i;
             const auto first = this->fBlocks.begin() + number;
             const Bytes expected = joined({first, first + came});
-            ASSERT_EQ(support::slice(several, 0, expected.size()), expected) << "run " << i;
+            ASSERT_EQ(slice(several, 0, expected.size()), expected) << "run " << i;
         }
         const std::string failure = failureOf([&] { rows = this->request(*worker, number); });
         const bool right = number == 2   ? failure.find("block 2") != std::string::npos
@@ -150,7 +150,7 @@ TYPED_TEST(ReadWorker, R2_R4_T2_T3_A1_A3_A5_AnyRequestIsServedOrFailsWhateverWen
 }
 
 TYPED_TEST(ReadWorker, R5_T4_A4_StopsInEachState) {
-    support::RandomBytes random(46);
+    RandomBytes random(46);
     for (int i = 0; i < 100; ++i) {
         Running<TypeParam> worker(this->reader());
         auto number = static_cast<std::uint32_t>(random.below(8));
@@ -175,7 +175,7 @@ TYPED_TEST(ReadWorker, R5_T4_A4_StopsInEachState) {
 // Lives of streams with threads: opened, asked a little, some of it in vain, and ended at any point.
 TEST_F(ShortBlocks, TenThousandLivesEnd) {
     const std::vector<filePosRecord> records = Layout(fFile).records;
-    support::RandomBytes random(48);
+    RandomBytes random(48);
     std::atomic<std::int64_t> left{0};  // transfers until one fails
     const CallHook hook([&](const Step& step, std::uint64_t) {
         const bool transfers = step.call == Call::Read || step.call == Call::Write;
@@ -195,7 +195,7 @@ TEST_F(ShortBlocks, TenThousandLivesEnd) {
             EXPECT_EQ(reader.readAt(records[i].orginalPos, fBlocks[i].size()), fBlocks[i]);
         }
     };
-    constexpr int lives = support::kSanitized ? 2'000 : 10'000;
+    constexpr int lives = kSanitized ? 2'000 : 10'000;
     int failed = 0;
     for (int i = 0; i < lives && !HasFailure(); ++i) {
         left = random.oneIn(2) ? static_cast<std::int64_t>(1 + random.below(12)) : -1;

@@ -11,6 +11,8 @@
 #define __has_feature(feature) 0
 #endif
 
+using namespace support;
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -92,7 +94,7 @@ TEST(KtThreadPool, ForkedChildWaitsForNobody) {
     });
     entered.waitSemaphore();
     std::this_thread::sleep_for(20ms);
-    support::expectInChild([&] {
+    expectInChild([&] {
         EXPECT_FALSE(pool->run([](void*) {}));
         EXPECT_FALSE(leave->waitSemaphore() || leave->waitSemaphore(1) || leave->postSemaphore());
         pool.reset();

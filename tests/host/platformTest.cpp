@@ -11,8 +11,7 @@
 
 namespace {
 
-using support::Call;
-using support::Verdict;
+using namespace support;
 
 constexpr int kWrite = platform::_O_RDWR | platform::_O_CREAT;
 constexpr int kAppend = kWrite | platform::_O_APPEND;
@@ -123,7 +122,7 @@ const CallCase kCalls[] = {
     {"Truncation", kWrite, [](int d) { return platform::truncateFile(d, 4); }, "O L T4=EINTR T4 ", 0, "0123"},
 };
 
-using PlatformTest = support::TempDir;
+using PlatformTest = TempDir;
 
 TEST_F(PlatformTest, CallsAreWholeOrFailed) {
     for (const CallCase& row : kCalls) {
@@ -154,7 +153,7 @@ TEST_F(PlatformTest, NeitherANameWithAZeroByteNorADirectoryOpens) {
 TEST_F(PlatformTest, AWriterLocksTheFileThatItsNameLeadsTo) {
     const std::string name = made("data", {});
     int times = 3;
-    const support::CallHook hook([&](const support::Step& step, std::uint64_t) {
+    const CallHook hook([&](const Step& step, std::uint64_t) {
         if (step.call == Call::Lock && times-- > 0) {
             std::ofstream(name + "2") << kDigits;
             std::filesystem::rename(name + "2", name);

@@ -15,7 +15,7 @@
 
 namespace {
 
-using support::Bytes;
+using namespace support;
 using Operation = int (*)(unsigned char**, int*, const unsigned char*, int) noexcept;
 
 // The result's bytes; empty if the operation failed, which leaves nothing to release.
@@ -38,7 +38,7 @@ const Bytes kZeros{0xdc, 0x95, 0xc0, 0x78, 0xa2, 0x40, 0x89, 0x89, 0xad, 0x48, 0
 
 TEST(Workdir, GivesThePublishedVectorsUnderAKeyThatIsFixedOnceUsed) {
     for (const Operation first : {workdir::Encrypt, workdir::Decrypt}) {
-        support::expectInChild([first] {
+        expectInChild([first] {
             const Bytes other(32, 1);
             Bytes key(32), plain(32), cipher(kBlock);
             cipher.insert(cipher.end(), kBlock.begin(), kBlock.end());
@@ -58,7 +58,7 @@ TEST(Workdir, GivesThePublishedVectorsUnderAKeyThatIsFixedOnceUsed) {
 }
 
 TEST(Workdir, ThreadsShareOneRandomKeyFromFirstUseOn) {
-    support::expectInChild([] {
+    expectInChild([] {
         std::vector<Bytes> ciphers(4);
         std::vector<std::jthread> threads;
         for (Bytes& cipher : ciphers) threads.emplace_back([&] { cipher = through(workdir::Encrypt, Bytes(16)); });
@@ -71,15 +71,15 @@ TEST(Workdir, ThreadsShareOneRandomKeyFromFirstUseOn) {
 
 // The thread is at work on the key when the process forks: the child, which has no such thread, ends all the same.
 TEST(Workdir, AForkWhileTheKeyIsMadeLetsTheChildEnd) {
-    if (support::kSanitized) GTEST_SKIP() << "what the lost thread held counts as leaked when the child ends";
+    if (kSanitized) GTEST_SKIP() << "what the lost thread held counts as leaked when the child ends";
     for (int i = 0; i < 60 && !HasFailure(); ++i) {
-        support::expectInChild([i] {
+        expectInChild([i] {
             std::atomic<bool> begun{false};
             std::jthread maker([&] { begun = true, through(workdir::Encrypt, kBlock); });
             while (!begun) std::this_thread::yield();
             const auto moment = std::chrono::steady_clock::now() + i * std::chrono::microseconds(20);
             while (std::chrono::steady_clock::now() < moment) continue;
-            support::expectInChild([] { alarm(3), std::exit(0); });
+            expectInChild([] { alarm(3), std::exit(0); });
         });
     }
 }
@@ -87,7 +87,7 @@ TEST(Workdir, AForkWhileTheKeyIsMadeLetsTheChildEnd) {
 // A process that may open nothing more cannot load it either.
 TEST(Workdir, ALibcryptoThatCannotBeLoadedIsNamedAndTriedAgain) {
     for (const Operation first : {workdir::Encrypt, workdir::Decrypt}) {
-        support::expectInChild([first] {
+        expectInChild([first] {
             rlimit limit{};
             getrlimit(RLIMIT_NOFILE, &limit);
             const rlimit none{0, limit.rlim_max};

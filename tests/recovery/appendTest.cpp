@@ -36,12 +36,12 @@ TEST_F(AppendTest, TheSameFileOnEveryRoadWithItsIndexBehindTheBlocks) {
 
 TEST_F(AppendTest, OneAtATime) {
     makeFile(fFile, blocksOf(kAppends[0].old));
-    const core::Reader first(fFile), second(fFile, 0, kRow0);
+    const Reader first(fFile), second(fFile, 0, kRow0);
     kAppends[0].write(first);
     EXPECT_EQ(failureOf([&] { second->setFileToAppend(kRow0, false); }),
               "SystemFileException 1201 fData->pRealFile.Open(GetNameStr(),\"r+b\") errno 11 " + fFile);
-    support::writeBytes(fSide, {'.', 'O', 'R'});
-    EXPECT_EQ(failureOf([&] { orva::rollBack(fFile); }), core::fileError(1002, EWOULDBLOCK, fFile));
+    writeBytes(fSide, {'.', 'O', 'R'});
+    EXPECT_EQ(failureOf([&] { orva::rollBack(fFile); }), fileError(1002, EWOULDBLOCK, fFile));
 }
 
 // Whatever else a stream that appends is told to do, the rows are there again first, or the failure stays the last
@@ -52,13 +52,13 @@ TEST_F(AppendTest, WhatIsNotFinishedIsUndoneAndAFailureIsFinal) {
     const Files before = present();
     for (append.road = 0; append.road < 2; ++append.road) {
         {
-            const core::Reader stream(fFile);
+            const Reader stream(fFile);
             append.write(stream);
             stream->setRow0Pos(kRow0);
             stream->abandon();
         }
         EXPECT_EQ(present(), before);
-        const core::Reader stream(fFile);
+        const Reader stream(fFile);
         const auto expectOld = [&] {
             stream->readFilePosInfo(kRow0, false);
             EXPECT_EQ(present(), before);
@@ -70,13 +70,13 @@ TEST_F(AppendTest, WhatIsNotFinishedIsUndoneAndAFailureIsFinal) {
         std::string failure;
         {
             int left = 1;
-            const core::CallHook full([&](const Step& step, std::uint64_t) {
+            const CallHook full([&](const Step& step, std::uint64_t) {
                 return step.call == Call::Write && left-- > 0 ? Verdict::fail(ENOSPC) : Verdict::goOn();
             });
-            failure = failureOf([&] { core::writeBlocks(*stream, blocksOf(append.added)); });
+            failure = failureOf([&] { writeBlocks(*stream, blocksOf(append.added)); });
         }
-        EXPECT_EQ(failure, core::fileError(1002, ENOSPC, fFile));
-        EXPECT_EQ(failureOf([&] { core::resume(*stream, append.keptEnd()); }), failure);
+        EXPECT_EQ(failure, fileError(1002, ENOSPC, fFile));
+        EXPECT_EQ(failureOf([&] { resume(*stream, append.keptEnd()); }), failure);
         EXPECT_EQ(failureOf([&] { stream->setRow0Pos(kRow0); }), failure);
         expectOld();
     }
@@ -84,7 +84,7 @@ TEST_F(AppendTest, WhatIsNotFinishedIsUndoneAndAFailureIsFinal) {
 
 TEST_F(AppendTest, TheEndIsTheCallersDutyInAShortBlockAndTheFilesBehindAFullOne) {
     const auto begin = [&](std::int64_t at, std::int64_t end) {
-        const core::Reader stream(fFile, 0, kRow0);
+        const Reader stream(fFile, 0, kRow0);
         stream->Seek(kRow0 + at, ORVA_StrBaseIO::SeekFromStart);
         stream->setFileToAppend(kRow0 + end, false);
     };
@@ -95,12 +95,12 @@ TEST_F(AppendTest, TheEndIsTheCallersDutyInAShortBlockAndTheFilesBehindAFullOne)
     EXPECT_ASSERTION(begin(800, 799), "fFilePos == endpos");
     for (const std::int64_t at : {801, 299}) EXPECT_ASSERTION(begin(at, at), "endpos inside the last block");
     // Nor is it a breach if another process has appended since the index was read, or has begun anew.
-    const core::Reader stale(fFile, 0, kRow0), emptied(fFile, 0, kRow0);
+    const Reader stale(fFile, 0, kRow0), emptied(fFile, 0, kRow0);
     kAppends[0].run(fFile);
-    EXPECT_THAT(failureOf([&] { core::resume(*stale, kRow0 + 800); }), elsewhere);
+    EXPECT_THAT(failureOf([&] { resume(*stale, kRow0 + 800); }), elsewhere);
     // It is taken where it ends now.
     const Bytes before = rowsOf(fFile);
-    core::resume(*stale, kRow0 + std::ssize(before));
+    resume(*stale, kRow0 + std::ssize(before));
     core::write(*stale, Bytes(10, 'x'));
     EXPECT_EQ(stale->Close(), 1);
     EXPECT_EQ(rowsOf(fFile), before + Bytes(10, 'x'));

@@ -47,7 +47,7 @@ public:
     std::size_t changes() const { return fChanges.size(); }
     // What can be found when the power goes behind the first `count` changes, in pieces of `piece` bytes. `chance`: of
     // each piece that was not synced to be there, in quarters.
-    Files found(std::size_t count, std::int64_t piece, std::uint64_t chance, support::RandomBytes& random) const {
+    Files found(std::size_t count, std::int64_t piece, std::uint64_t chance, RandomBytes& random) const {
         Files files = fOld;
         for (std::size_t i = 0; i < count; ++i) {
             const Change& change = fChanges[i];
@@ -61,7 +61,7 @@ public:
                     const std::int64_t whole = kept() ? next : at;
                     const bool tears = whole == next && !kept() && random.oneIn(2);
                     const std::int64_t size = (tears ? random.between(at, next) : whole) - at;
-                    const Bytes part = support::slice(change.bytes, at - change.at, size);
+                    const Bytes part = slice(change.bytes, at - change.at, size);
                     if (there && size != 0) files[change.name] = with(files[change.name], at, part);
                 }
             } else if (change.call != Call::Sync && kept()) {
@@ -117,7 +117,7 @@ protected:
             lay(files);
             const pid_t child = ::fork();
             if (child == 0) {
-                const support::CallHook hook([=](const Step& called, std::uint64_t number) {
+                const CallHook hook([=](const Step& called, std::uint64_t number) {
                     const bool tears = 2 * number + 1 == step;
                     if (tears && called.call != Call::Write) ::_exit(kNoWrite);
                     if (number == (step + 1) / 2) ::kill(::getpid(), SIGKILL);
@@ -140,7 +140,7 @@ protected:
     // Loses the power behind each change that `run` makes, with all that was not synced, nothing of it, and what chance
     // leaves. How many of the states of the disk did not hold?
     int lose(const Files& files, const Run& run, const Holds& holds, bool failsHeading = false) {
-        constexpr std::uint64_t kChances = support::kSanitized ? 4 : 24;
+        constexpr std::uint64_t kChances = kSanitized ? 4 : 24;
         lay(files);
         ImaginedDisk disk(files);
         disk.failsHeading = failsHeading;
@@ -148,7 +148,7 @@ protected:
             const platform::faults::Installed installed(disk);
             run();
         }
-        support::RandomBytes random(61);
+        RandomBytes random(61);
         std::set<Files> seen;
         int failures = 0;
         for (std::size_t count = 0; count <= disk.changes(); ++count) {
@@ -180,7 +180,7 @@ protected:
     void expectCompleteBlocks() const {
         Bytes recovered;  // nothing where nothing can be found
         failureOf([&] { orva::recover(fFile, fOut, {kPart, false, true}), recovered = rowsOf(fOut); });
-        EXPECT_TRUE(sameBytes(recovered, support::standingRows(bytes(), kRow0 + kHeadingSize)));
+        EXPECT_TRUE(sameBytes(recovered, standingRows(bytes(), kRow0 + kHeadingSize)));
     }
 
     int fKills = 0;
@@ -196,9 +196,9 @@ TEST_F(InterruptionTest, ANewFileKeepsItsCompleteBlocksAndIsFinishedOnceItSaysSo
         road = 0;
         const auto finishedWhole = [&](bool ended) {
             const std::optional<Bytes> found = rowsIfFinished();
-            if (found) return *found == support::joined(blocks);
+            if (found) return *found == joined(blocks);
             // A heading that is there may not come before what it points to.
-            const Bytes heading = support::slice(bytes(), kRow0, kHeadingSize);
+            const Bytes heading = slice(bytes(), kRow0, kHeadingSize);
             const bool whole = heading.size() == kHeadingSize && heading[0] != 0 && heading[kHeadingSize - 8] != 0;
             return !ended && !(durable && whole);
         };
@@ -210,8 +210,7 @@ TEST_F(InterruptionTest, ANewFileKeepsItsCompleteBlocksAndIsFinishedOnceItSaysSo
 
 // Nothing, or the rows of each flush_rows, and at the end all of them.
 TEST_F(InterruptionTest, WhatTheFaceMakesIsWholeOrAsItWas) {
-    const Bytes rows[] = {support::RandomBytes(71).rows(700), Bytes(90'000, 'b'),
-                          support::RandomBytes(72).rows(70'000)};
+    const Bytes rows[] = {RandomBytes(71).rows(700), Bytes(90'000, 'b'), RandomBytes(72).rows(70'000)};
     const auto write = [](orva::Writer writer, std::span<const Bytes> pieces) {
         for (const Bytes& piece : pieces) {
             writer.write(std::as_bytes(std::span(piece)));
@@ -272,7 +271,7 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     append.road = 1;
     expectHeld(old, run, allOrNothing);
     const auto runSwapped = [&] { append.run(fFile, true); };
-    EXPECT_EQ(lose({{fFile, swapped(old.at(fFile))}}, runSwapped, allOrNothing), 0);
+    EXPECT_EQ(lose({{fFile, swapped(old.at(fFile), kRow0)}}, runSwapped, allOrNothing), 0);
     const auto oldRows = [&](bool) { return orva::rollBack(fFile), rowsIfFinished() == append.oldRows(); };
     EXPECT_EQ(lose(
                   old, [&] { interrupted(append); }, oldRows),
@@ -280,7 +279,7 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
 
     // An append that hears so late of a failing disk that its heading may have reached it is undone all the same.
     const auto fail = [&] {
-        const core::Reader stream(fFile);
+        const Reader stream(fFile);
         EXPECT_THAT(failureOf([&] { append.write(stream), stream->Close(); }), testing::HasSubstr(" errno 5 "));
     };
     const auto undone = [&](bool ended) { return allOrNothing(false) && (!ended || oldRows(true)); };

@@ -12,19 +12,7 @@
 
 namespace recovery {
 
-using core::failureOf;
-using core::kBlock;
-using core::kRow0;
-using core::Layout;
-using core::makeFile;
-using core::swapped;
-using support::Bytes;
-using support::Call;
-using support::sameBytes;
-using support::Step;
-using support::with;
-using support::operator+;
-using support::Verdict;
+using namespace core;
 
 inline const orva::foundPart kPart{kRow0, false};
 constexpr std::uint64_t kTorn = 12;  // bytes that a torn write gets done: half a heading
@@ -37,7 +25,7 @@ inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsign
     std::vector<Bytes> blocks;
     for (const std::size_t size : sizes) {
         ++seed;
-        support::RandomBytes random(seed);
+        RandomBytes random(seed);
         blocks.push_back(size == kFull ? Bytes(size, seed) : size == kNoise ? random.noise(size) : random.rows(size));
     }
     return blocks;
@@ -47,7 +35,7 @@ inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsign
 inline Bytes rowsOf(const std::string& file, bool swap = false) {
     orva::finishedPart part(file, {kRow0, swap});
     part.verifyIndex();
-    return core::Reader(file, 0, kRow0, swap).read(static_cast<std::size_t>(part.dataSize()));
+    return Reader(file, 0, kRow0, swap).read(static_cast<std::size_t>(part.dataSize()));
 }
 
 // Where the new index stands: behind the last block if one was written, else where the last transfer ended.
@@ -63,27 +51,27 @@ struct Append {
     IndexPlace indexPlace = BehindBlocks;
     int road = 0;  // 1 if it is safe, and twice the number of several threads
 
-    Bytes oldRows() const { return support::joined(blocksOf(old)); }
-    Bytes keptRows() const { return support::slice(oldRows(), 0, oldRows().size() - cut); }
-    Bytes addedRows() const { return support::joined(blocksOf(added, 100)); }
+    Bytes oldRows() const { return joined(blocksOf(old)); }
+    Bytes keptRows() const { return slice(oldRows(), 0, oldRows().size() - cut); }
+    Bytes addedRows() const { return joined(blocksOf(added, 100)); }
     Bytes newRows() const { return keptRows() + addedRows(); }
 
     std::int64_t keptEnd() const { return kRow0 + std::ssize(keptRows()); }
 
     // On a stream that has read nothing yet. To finish it is left to the caller.
-    void write(const core::Reader& stream, bool swap = false) const {
+    void write(const Reader& stream, bool swap = false) const {
         begin(stream, keptEnd(), swap);
-        core::writeBlocks(*stream, blocksOf(added, 100));
+        writeBlocks(*stream, blocksOf(added, 100));
     }
-    void begin(const core::Reader& stream, std::int64_t end, bool swap = false) const {
+    void begin(const Reader& stream, std::int64_t end, bool swap = false) const {
         stream->setThreadCount(road / 2);
         stream->setSafeAppend((road & 1) != 0);
         stream->setBlockLength(kFull);
         stream->readFilePosInfo(kRow0, swap);
-        core::resume(*stream, end, swap);
+        resume(*stream, end, swap);
     }
     void run(const std::string& file, bool swap = false) const {
-        const core::Reader stream(file);
+        const Reader stream(file);
         write(stream, swap);
         EXPECT_EQ(stream->Close(), 1);
     }
@@ -113,22 +101,22 @@ using Files = std::map<std::string, Bytes>;  // what the directory holds, by nam
 inline Files present(const std::string& file) {
     Files files;
     for (const std::string& name : {file, orva::sideFileName(file)}) {
-        if (std::filesystem::exists(name)) files[name] = support::readBytes(name);
+        if (std::filesystem::exists(name)) files[name] = readBytes(name);
     }
     return files;
 }
 
-class FileTest : public support::TempDir, public testing::WithParamInterface<int> {
+class FileTest : public TempDir, public testing::WithParamInterface<int> {
 protected:
-    Bytes bytes() const { return support::readBytes(fFile); }
+    Bytes bytes() const { return readBytes(fFile); }
     Files present() const { return recovery::present(fFile); }
     void lay(const Files& files) const {
         for (const std::string& name : {fFile, fSide, fOut}) std::filesystem::remove(name);
-        for (const auto& [name, content] : files) support::writeBytes(name, content);
+        for (const auto& [name, content] : files) writeBytes(name, content);
     }
     // What is there before the end of an append, which is abandoned then.
     Files interrupted(const Append& append) const {
-        const core::Reader stream(fFile);
+        const Reader stream(fFile);
         append.write(stream);
         Files files = present();
         stream->abandon();

@@ -19,15 +19,15 @@ protected:
     const Blocks fOldBlocks = blocksOf({300, 500}), fMore = blocksOf({200}, 100);
 
     // A safe append of `added` behind the first `kept` bytes of rows, not yet finished.
-    static core::Reader appending(const std::string& name, const Blocks& added, std::int64_t kept = 800) {
-        core::Reader stream(name, 0, kRow0);
+    static Reader appending(const std::string& name, const Blocks& added, std::int64_t kept = 800) {
+        Reader stream(name, 0, kRow0);
         stream->setSafeAppend(true);
-        core::resume(*stream, kRow0 + kept);
-        core::writeBlocks(*stream, added);
+        resume(*stream, kRow0 + kept);
+        writeBlocks(*stream, added);
         return stream;
     }
     // Leaves what a kill of this append leaves.
-    void kill(const core::Reader& stream) const {
+    void kill(const Reader& stream) const {
         const Files files = present();
         stream->abandon();
         lay(files);
@@ -37,10 +37,10 @@ protected:
         return [=, this] {
             make();
             for (const bool safe : {false, true}) {
-                const core::Reader stream(fFile, 0, kRow0);
+                const Reader stream(fFile, 0, kRow0);
                 stream->setSafeAppend(safe);
-                const std::string failure = core::fileError(1002, EEXIST, fSide);
-                EXPECT_EQ(failureOf([&] { core::resume(*stream, kRow0 + 800); }), failure);
+                const std::string failure = fileError(1002, EEXIST, fSide);
+                EXPECT_EQ(failureOf([&] { resume(*stream, kRow0 + 800); }), failure);
                 EXPECT_EQ(failureOf([&] { stream.read(1); }), failure) << "and again, with nothing to finish";
                 EXPECT_EQ(stream->Close(), 1);
             }
@@ -56,7 +56,7 @@ protected:
 };
 
 TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
-    const Bytes old = support::joined(fOldBlocks), oldAndMore = old + fMore[0];
+    const Bytes old = joined(fOldBlocks), oldAndMore = old + fMore[0];
     const Blocks shorter = blocksOf({300}, 7), longer = blocksOf({70'000}, 7);
     // Files of such blocks differ in nothing but the rows.
     const Blocks noise = blocksOf({kNoise, kNoise}, 10), noise2 = blocksOf({kNoise, kNoise}, 20);
@@ -70,25 +70,23 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     };
     const auto created = [](auto name, auto blocks) { return [=] { makeFile(name, blocks); }; };
     const auto moved = [](auto from, auto to) { return [=] { fs::rename(from, to); }; };
-    const auto overwritten = [](auto name, auto at, auto bytes) {
-        return [=] { support::overwriteBytes(name, at, bytes); };
-    };
+    const auto overwritten = [](auto name, auto at, auto bytes) { return [=] { overwriteBytes(name, at, bytes); }; };
     const auto owned = [=](auto name, uid_t user, gid_t group) {
         return [=] { EXPECT_TRUE(!isRoot || ::chown(name.c_str(), user, group) == 0); };
     };
     const char* const stranger = "no append has made it";
     const Deed liveBesideARenamedOne = [&] {
-        const core::Reader first = appending(fFile, fMore);
+        const Reader first = appending(fFile, fMore);
         fs::rename(fFile, other);
         fs::rename(fSide, other + ".orva-undo");
         makeFile(fFile, fOldBlocks);
-        const core::Reader live = appending(fFile, fMore);
+        const Reader live = appending(fFile, fMore);
         EXPECT_EQ(first->Close(), 1);
         kill(live);
     };
     const Deed appendedByWhoMay = [&] {
         ::chmod(fFile.c_str(), 0664);
-        const core::Reader stream = appending(fFile, fMore);
+        const Reader stream = appending(fFile, fMore);
         struct stat data {};
         struct stat side {};
         EXPECT_TRUE(::stat(fFile.c_str(), &data) == 0 && ::stat(fSide.c_str(), &side) == 0);
@@ -99,7 +97,7 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     };
     const Deed newPart = [&] {
         zcmpsFilestr stream(ORVA_FileStream(fFile.c_str(), "r+b"));
-        core::beginRows(stream);
+        beginRows(stream);
         core::write(stream, Bytes(10));
         EXPECT_TRUE(fs::exists(fSide));
         stream.Flush();
@@ -126,22 +124,22 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     expect("3 an append by another hard link", "kept as it is", oldAndMore,
            {killed(), [&] { fs::create_hard_link(fFile, other); }, appended(other, fMore)});
     expect("4 rewritten in place by plain calls", "kept as it is", shorter[0],
-           {killed(), created(other, shorter), [&] { overwritten(fFile, 0, support::readBytes(other))(); }});
+           {killed(), created(other, shorter), [&] { overwritten(fFile, 0, readBytes(other))(); }});
     expect("5 the host changes its dictionary part", "undone", old,
            {killed(fMore), overwritten(fFile, 0, Bytes(kRow0, 0x11))});
     expect("6 a writer whose file was renamed ends beside a live append", "undone", old, {liveBesideARenamedOne});
     expect("7 moved away, a new part under its name, moved back", "undone", old,
            {killed(fMore), moved(fFile, other), created(fFile, shorter), moved(other, fFile)});
-    expect("8 a text file", stranger, old, {foreign([&] { support::writeBytes(fSide, Bytes(60, 'a')); })});
+    expect("8 a text file", stranger, old, {foreign([&] { writeBytes(fSide, Bytes(60, 'a')); })});
     expect("8 a pipe", stranger, old, {foreign([&] { ASSERT_EQ(::mkfifo(fSide.c_str(), 0600), 0); })});
     expect("8 a link that leads nowhere", stranger, old, {foreign([&] { fs::create_symlink(other, fSide); })});
     expect("8 a directory", stranger, old, {foreign([&] { fs::create_directory(fSide); })});
-    expect("11 another file with the same heading and index", "kept as it is", support::joined(noise2),
+    expect("11 another file with the same heading and index", "kept as it is", joined(noise2),
            {created(fFile, noise), killed(fMore, 2 * kNoise), created(other, noise2), moved(other, fFile)});
     expect("12 a cut and as many new rows, finished", "kept as it is", noise[0] + noise2[1],
            {created(fFile, noise), killed({noise2[1]}, kNoise), moved(fSide, kept), created(fFile, noise),
             appended(fFile, {noise2[1]}, kNoise), moved(kept, fSide)});
-    expect("12 a cut and as many new rows, interrupted", "undone", support::joined(noise),
+    expect("12 a cut and as many new rows, interrupted", "undone", joined(noise),
            {created(fFile, noise), killed({noise2[1]}, kNoise)});
     expect("13 planted by another user", isRoot ? "FileError 1003 errno 1 " : "undone", isRoot ? Bytes() : old,
            {killed(fMore), owned(fSide, 4711, 4711)});
@@ -152,10 +150,10 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
             overwritten(fFile, kRow0, Bytes(kHeadingSize, 0x77)), moved(kept, fSide)});
     expect("A new part takes the place of the rows that it brings back", "nothing", {}, {killed(), newPart});
     expect("Another file has begun anew", "kept as it is", shorter[0], {killed(), created(fFile, shorter)});
-    expect("The append had not begun", "kept as it is", old, {[&] { support::writeBytes(fSide, {'.', 'O', 'R'}); }});
+    expect("The append had not begun", "kept as it is", old, {[&] { writeBytes(fSide, {'.', 'O', 'R'}); }});
     const auto heading = [&](const Blocks& blocks) {
         makeFile(fFile, blocks);
-        return support::slice(bytes(), kRow0, kHeadingSize);
+        return slice(bytes(), kRow0, kHeadingSize);
     };
     EXPECT_EQ(heading(noise), heading(noise2)) << "else row 11 shows nothing";
 }

@@ -9,12 +9,12 @@
 namespace {
 
 using orva::readAheadSlot;
-using support::Bytes;
+using namespace support;
 
 constexpr std::int64_t kBlock = kBlockSize;
 constexpr std::size_t kLarge = 15'000'000;
 
-const support::Script kScripts[] = {
+const Script kScripts[] = {
     {"SmallReadsShareOneFileCall", 1'000, "r100 r500 r400 r0", "R 0"},
     {"DirectReadFromAnOddPosition", kLarge, "s7 r4190800 r1", "R 7+4190713, R 4190720"},
     {"DirectReadKeepsTheBuffer", kLarge, "r1 s5000000 r5000384 s5 r9", "R 0, R 5000000+5000384"},
@@ -56,18 +56,18 @@ const support::Script kScripts[] = {
      "R 0, r 4190208, W 12570624+9, R 4190208, r 8380416"},
 };
 
-using StreamBuffer = support::StreamTest;
+using StreamBuffer = StreamTest;
 
 TEST_F(StreamBuffer, BytesFileCallsAndEnd) {
-    for (const support::Script& script : kScripts) check(script);
+    for (const Script& script : kScripts) check(script);
 }
 
 // What one reads ahead never reaches the other's buffer half-done or at the wrong place.
 TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
     open(8 * kBlock);
     run("t1");
-    support::ModelStream copy(*model);
-    const auto readAll = [](support::ModelStream& stream, std::size_t size) {
+    ModelStream copy(*model);
+    const auto readAll = [](ModelStream& stream, std::size_t size) {
         while (stream.position() < 8 * kBlock) stream.read(size);
     };
     const std::jthread other(readAll, std::ref(copy), 777'777);
@@ -77,7 +77,7 @@ TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
 // A compressed stream opens the file object again, from which the thread of the stream below reads meanwhile.
 TEST_F(StreamBuffer, ReadsAheadWhileAPartOverItReopensTheFile) {
     open(2 * kBlock + 1'000);
-    for (int round = 0; round < (support::kSanitized ? 50 : 150) && !HasFailure(); ++round) {
+    for (int round = 0; round < (kSanitized ? 50 : 150) && !HasFailure(); ++round) {
         model = nullptr;
         openModel("r+b");
         run("t1 r1");
@@ -87,7 +87,7 @@ TEST_F(StreamBuffer, ReadsAheadWhileAPartOverItReopensTheFile) {
         EXPECT_EQ(part.Close(), 1);
     }
     model = nullptr;
-    EXPECT_TRUE(support::sameBytes(support::slice(support::readBytes(path("data")), 0, content.size()), content));
+    EXPECT_TRUE(sameBytes(slice(readBytes(path("data")), 0, content.size()), content));
 }
 
 TEST_F(StreamBuffer, ForkedChildLeavesTheFileAlone) {
@@ -96,7 +96,7 @@ TEST_F(StreamBuffer, ForkedChildLeavesTheFileAlone) {
     run("t1 r10 w3");
     EXPECT_EXIT(::alarm(30); const auto closed = s().Close(); model.reset();
                 _exit(closed), testing::ExitedWithCode(0), "");
-    EXPECT_EQ(support::readBytes(path("data")), before);
+    EXPECT_EQ(readBytes(path("data")), before);
     close();
 }
 

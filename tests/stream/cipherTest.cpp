@@ -9,12 +9,9 @@
 
 namespace {
 
-using support::Bytes;
-using support::Call;
-using support::FileCalls;
-using support::slice;
+using namespace support;
 
-class Cipher : public support::TempDir {
+class Cipher : public TempDir {
 protected:
     Cipher() {
         SetKeepEncrypt(true);
@@ -43,7 +40,7 @@ protected:
         const std::int64_t behind = offset + size;
         EXPECT_EQ(fFile->Tell(), behind);
         if (size == 0) return;
-        fBytes = support::with(std::move(fBytes), offset, data);
+        fBytes = with(std::move(fBytes), offset, data);
         if (behind == end()) fWaits = behind % 16 != 0;
         if (behind / 16 * 16 > offset) fDisk = std::max(fDisk, behind / 16 * 16);
     }
@@ -51,7 +48,7 @@ protected:
         Bytes bytes(size);
         bytes.resize(fFile->Read(bytes.data(), size, offset));
         const Bytes expected = slice(fBytes, offset, size);
-        EXPECT_TRUE(support::sameBytes(bytes, expected)) << offset << '+' << size;
+        EXPECT_TRUE(sameBytes(bytes, expected)) << offset << '+' << size;
         EXPECT_EQ(fFile->Tell(), offset + std::ssize(expected));
     }
     // But for a part of a block, which no reader sees.
@@ -71,9 +68,9 @@ protected:
     // A refusal changes nothing.
     void expectRefusal(std::int64_t offset, unsigned int size) {
         const std::int64_t tell = fFile->Tell();
-        const Bytes before = support::readBytes(fPath);
+        const Bytes before = readBytes(fPath);
         EXPECT_EQ(errorOf([&] { write(offset, size); }), EINVAL) << offset << '+' << size;
-        EXPECT_TRUE(fFile->Tell() == tell && support::readBytes(fPath) == before);
+        EXPECT_TRUE(fFile->Tell() == tell && readBytes(fPath) == before);
     }
     // The disk is full for a moment, half-way: the file is no longer than before.
     template <class Body>
@@ -120,7 +117,7 @@ protected:
         EXPECT_EQ(sizeOnDisk(), fDisk);
     }
 
-    support::RandomBytes fRandom{1};
+    RandomBytes fRandom{1};
     const std::string fPath = path("f");
     ExtNameStr fName;
     RefCountPtr<ORVA_File> fFile;
@@ -138,7 +135,7 @@ TEST_F(Cipher, FileHoldsTheBytesOfEveryWriteItTook) {
         for (int i = 0; i < 60 && !HasFailure(); ++i) operate();
         expectRead(0, 65'536);
     }
-    EXPECT_NE(slice(support::readBytes(fPath), 0, 64), slice(fBytes, 0, 64)) << "the ciphertext";
+    EXPECT_NE(slice(readBytes(fPath), 0, 64), slice(fBytes, 0, 64)) << "the ciphertext";
     const auto breach = testing::HasSubstr("&& \"byteOffset and byteSize shoule be multiple of 16.\"");
     EXPECT_DEATH(expectRead(0, 8), breach);
     EXPECT_DEATH(expectRead(8, 16), breach);
@@ -184,11 +181,11 @@ TEST_F(Cipher, CompressedStreamIsRefused) {
     ORVA_FileStream stream(fPath.c_str(), "w+b", true);
     stream.Write("0123456789", 10);
     zcmpsFilestr compressed(stream);
-    const Bytes before = support::readBytes(fPath);
+    const Bytes before = readBytes(fPath);
     EXPECT_THROW(compressed.setRow0Pos(112), FileError);
     EXPECT_THROW(compressed.readFilePosInfo(112, false), FileError);
     EXPECT_EQ(stream.Tell(), 10);
-    EXPECT_EQ(support::readBytes(fPath), before);
+    EXPECT_EQ(readBytes(fPath), before);
 }
 
 }  // namespace

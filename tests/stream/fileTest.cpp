@@ -8,11 +8,9 @@
 
 namespace {
 
-using support::Bytes;
-using support::Call;
-using support::FileCalls;
+using namespace support;
 
-class File : public support::TempDir {
+class File : public TempDir {
 protected:
     bool open(const std::string& name, const char* mode) { return open(name, file, mode); }
     bool open(const std::string& name, ORVA_File& as, const char* mode) {
@@ -73,7 +71,7 @@ TEST_F(File, ATemporaryFileIsItsOwnersAloneAndGoesWhenThatProcessCloses) {
     std::filesystem::current_path(before);
     const std::string data = path("data");
     EXPECT_EQ(std::filesystem::status(data).permissions(), std::filesystem::perms(0600));
-    support::expectInChild([&] {
+    expectInChild([&] {
         ORVA_File own;
         EXPECT_FALSE(open("data", own, "w+b")) << "the lock is the parent's";
         EXPECT_EQ(file.Close(), 1);
@@ -171,7 +169,7 @@ TEST_F(File, AStreamsDestructorThrowsUnlessAFlightBeganSinceItsConstruction) {
     };
     EXPECT_THROW(whileUnwinding(), int);
     EXPECT_EQ(ORVA_FileStream(fHello.c_str(), "r+").Good(), 1) << "closed and unlocked all the same";
-    EXPECT_EQ(support::readBytes(fHello)[0], 'h');
+    EXPECT_EQ(readBytes(fHello)[0], 'h');
 }
 
 struct Counted : ORVA_RefCntObject {
