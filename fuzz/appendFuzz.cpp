@@ -3,6 +3,7 @@
 // behind them, or just the old ones.
 #include "fuzzTarget.h"
 #include "part/keptTail.h"
+#include "support/readerRows.h"
 
 #include <orva/writer.h>
 
@@ -46,10 +47,10 @@ private:
     // orva::Writer appends in this machine's byte order alone.
     void byWriter() {
         const bool finishes = steps.ConsumeBool();
-        const Bytes added = rowsOf(steps.ConsumeIntegralInRange<std::size_t>(1, 3 * kBlockSize), 1);
+        const Bytes added = SeededBytes(1).rows(steps.ConsumeIntegralInRange<std::size_t>(1, 3 * kBlockSize));
         const bool took = soundFor<orva::Error>([&] {
             auto writer = orva::Writer::append(name, {.row0 = kRow0, .block = blockLength});
-            writer.write(std::as_bytes(std::span(added)));
+            writer.write(spanOf(added));
             if (finishes) writer.finish();
         });
         require(took == takesRows, "a Writer appends exactly where blocks and index allow it");
@@ -68,7 +69,7 @@ private:
         Bytes added;
         for (int left = steps.ConsumeIntegralInRange(0, 7); left != 0; --left) {
             const auto size = steps.ConsumeIntegralInRange<std::uint32_t>(0, 2 * kBlockSize);
-            const Bytes rows = rowsOf(size, steps.ConsumeIntegral<std::uint8_t>());
+            const Bytes rows = SeededBytes(steps.ConsumeIntegral<std::uint8_t>()).rows(size);
             require(stream.Write(rows.data(), size) == size, "rows are taken");
             added.insert(added.end(), rows.begin(), rows.end());
             if (size % 3 == 0) stream.Flush();

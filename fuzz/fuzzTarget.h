@@ -47,15 +47,6 @@ inline std::string pathOf(const char* name) {
     return (std::filesystem::temp_directory_path() / (std::to_string(getpid()) + '-' + name)).string();
 }
 
-// Rows that compress well and differ from block to block.
-inline Bytes rowsOf(std::size_t size, unsigned seed) {
-    Bytes rows(size);
-    for (std::size_t i = 0; i < size; ++i) {
-        rows[i] = static_cast<unsigned char>(seed + i / (3 + seed % 7) % (5 + seed % 11));
-    }
-    return rows;
-}
-
 // An input: a file, and behind it the numbers that steer what is done to it.
 struct Input {
     Input(const std::uint8_t* data, std::size_t size)

@@ -4,7 +4,6 @@
 #include "support/byteOrder.h"
 
 #include <map>
-#include <random>
 
 using namespace fuzz;
 
@@ -12,12 +11,7 @@ namespace {
 
 using Files = std::map<std::string, Bytes>;
 
-Bytes noise(std::size_t size) {
-    static std::mt19937 engine(1);
-    Bytes bytes(size);
-    for (auto& byte : bytes) byte = static_cast<unsigned char>(engine());
-    return bytes;
-}
+SeededBytes any(1);
 
 Bytes finished(const std::vector<std::size_t>& sizes, bool shrinking = true) {
     const std::string name = pathOf("file");
@@ -27,7 +21,8 @@ Bytes finished(const std::vector<std::size_t>& sizes, bool shrinking = true) {
     stream.Seek(kRow0, ORVA_StrBaseIO::SeekFromStart);
     unsigned seed = 0;
     for (const std::size_t size : sizes) {
-        const Bytes rows = shrinking ? rowsOf(size, ++seed) : noise(size);
+        SeededBytes random(++seed);  // so that files begin alike
+        const Bytes rows = shrinking ? random.rows(size) : random.noise(size);
         stream.Write(rows.data(), static_cast<std::uint32_t>(size));
         stream.Flush();
     }
@@ -68,7 +63,7 @@ Files makeFiles() {
 
 // With numbers behind it that steer: `last` is the one taken first.
 void put(const std::string& directory, const std::string& name, Bytes input, unsigned char last = 0) {
-    const Bytes steering = noise(kSteps);
+    const Bytes steering = any.noise(kSteps);
     input.insert(input.end(), steering.begin(), steering.end());
     input.back() = last;
     std::filesystem::create_directories(directory);
@@ -88,7 +83,7 @@ int main(int count, char** arguments) {
     }
     // codecFuzz takes 5 bytes of steering, and the others as rows.
     for (const std::size_t size : std::vector<std::size_t>{1, 200, 900, 2700, kBlockSize - kSteps + 5}) {
-        put(directory + "/codecFuzz", "rows" + std::to_string(size), rowsOf(size, static_cast<unsigned>(size)));
-        put(directory + "/codecFuzz", "noise" + std::to_string(size), noise(size));
+        put(directory + "/codecFuzz", "rows" + std::to_string(size), any.rows(size));
+        put(directory + "/codecFuzz", "noise" + std::to_string(size), any.noise(size));
     }
 }

@@ -3,9 +3,9 @@
 // sound. Each read gives what the other one gives, byte for byte, or DamagedFileError where that one meets damage; the
 // stream stays usable for the rest. And joining it to itself.
 #include "fuzzTarget.h"
+#include "support/readerRows.h"
 
 #include <orva/files.h>
-#include <orva/reader.h>
 
 #include <array>
 
@@ -58,10 +58,6 @@ void readByStream(zcmpsFilestr& stream, const Part& reference, FuzzedDataProvide
     });
 }
 
-std::size_t readAt(const orva::Reader& reader, std::int64_t offset, Bytes& rows) {
-    return reader.read_at(offset, std::as_writable_bytes(std::span(rows)));
-}
-
 // orva::Reader finds out the byte order by itself.
 void readByPlace(const Input& in, FuzzedDataProvider& steps) {
     const Part native(in.file, kRow0, false);
@@ -74,15 +70,10 @@ void readByPlace(const Input& in, FuzzedDataProvider& steps) {
     for (int i = 0; opens && i < 4; ++i) {
         const std::int64_t offset = steps.ConsumeIntegral<std::uint16_t>();
         const auto size = steps.ConsumeIntegralInRange<std::uint32_t>(0, 3 * kBlockSize);
-        readAsTheOther<orva::DamagedFileError>(reference, kRow0 + offset, size,
-                                               [&](Bytes& rows) { return readAt(*reader, offset, rows); });
+        readAsTheOther<orva::DamagedFileError>(reference, kRow0 + offset, size, [&](Bytes& rows) {
+            return (rows = rowsAt(*reader, offset, size)).size();
+        });
     }
-}
-
-Bytes allRows(const orva::Reader& reader) {
-    Bytes rows(static_cast<std::size_t>(reader.size()));
-    rows.resize(readAt(reader, 0, rows));
-    return rows;
 }
 
 void joinTwice(const std::string& name) {

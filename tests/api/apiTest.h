@@ -2,6 +2,7 @@
 #pragma once
 
 #include "support/byteOrder.h"
+#include "support/readerRows.h"
 #include "support/tempDir.h"
 
 #include <orva/orva.h>
@@ -23,20 +24,6 @@ using orva::i64;
 using namespace support;
 
 constexpr std::size_t kBlock = kBlockSize;
-
-inline std::span<const std::byte> bytesOf(const Bytes& rows) {
-    return std::as_bytes(std::span(rows));
-}
-
-// The rows at `offset`, as many as there are.
-inline Bytes read(const orva::Reader& reader, i64 offset, std::size_t size) {
-    Bytes rows(size);
-    rows.resize(reader.read_at(offset, std::as_writable_bytes(std::span(rows))));
-    return rows;
-}
-inline Bytes all(const orva::Reader& reader) {
-    return read(reader, 0, static_cast<std::size_t>(reader.size()));
-}
 
 // The name of the class that `call` throws, with the errno of a SystemError; empty if it throws nothing.
 template <class Call>
@@ -62,7 +49,7 @@ struct source final : orva::ByteSource {
         ++reads;
         if (offset >= fails) throw std::domain_error("mine");
         const Bytes found = slice(bytes, offset, to.size());
-        std::ranges::copy(bytesOf(found), to.begin());
+        std::ranges::copy(spanOf(found), to.begin());
         return offset >= ends ? 0 : found.size();
     }
     const Bytes bytes;
@@ -75,15 +62,15 @@ protected:
     // A finished file of the rows; its name.
     std::string written(const std::string& name, const Bytes& rows, const orva::WriterOptions& options = {}) const {
         orva::Writer writer(path(name), options);
-        writer.write(bytesOf(rows));
+        writer.write(spanOf(rows));
         writer.finish();
         return path(name);
     }
     std::string behind(const Bytes& dictionary, const std::string& name, const Bytes& rows) const {
-        const auto bytes = bytesOf(dictionary);
+        const auto bytes = spanOf(dictionary);
         return written(name, rows, {.dictionary = {bytes.begin(), bytes.end()}});
     }
-    Bytes rowsOf(const std::string& name) const { return all(orva::Reader(path(name))); }
+    Bytes rowsOf(const std::string& name) const { return allRows(orva::Reader(path(name))); }
     // The names in the directory, in a line.
     std::string names() const {
         std::set<std::string> found;

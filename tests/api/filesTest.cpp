@@ -35,13 +35,13 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     EXPECT_EQ(orva::verify(name, {.first_block = 2}).bad.size(), 1U);
     const orva::Reader reader(name, {.threads = 2});
     try {
-        all(reader);
+        allRows(reader);
         FAIL() << "the damage went unnoticed";
     } catch (const orva::DamagedFileError& e) {
         EXPECT_EQ(std::pair(e.block(), e.offset()), std::pair(std::optional<i64>(1), std::optional<i64>(kBlock)));
     }
     const Bytes sound = slice(rows, 2 * kBlock, kBlock);
-    EXPECT_TRUE(sameBytes(read(reader, 2 * kBlock, kBlock), sound));
+    EXPECT_TRUE(sameBytes(rowsAt(reader, 2 * kBlock, kBlock), sound));
     auto row = orva::Rows<std::array<char, 2>>(reader).begin();
     EXPECT_EQ(thrownBy([&] {
                   while (row != std::default_sentinel) ++row;
@@ -52,7 +52,7 @@ TEST_F(Files, NameEveryBadBlockAndSaveTheOthers) {
     EXPECT_EQ(fLast.first, fLast.second);
     EXPECT_EQ(saved.blocks, 2);
     EXPECT_EQ(saved.lost.at(0).rows, info.blocks[1].rows);
-    EXPECT_TRUE(sameBytes(read(orva::Reader(path("saved")), 2 * kBlock, kBlock), sound));
+    EXPECT_TRUE(sameBytes(rowsAt(orva::Reader(path("saved")), 2 * kBlock, kBlock), sound));
 }
 
 TEST_F(Files, EndWhereTheirProgressThrows) {

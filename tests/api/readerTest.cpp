@@ -21,9 +21,9 @@ TEST_F(Reader, GivesTheRowsOfAnyRangesInAnyOrder) {
         const orva::Reader reader(name, {.threads = threads});
         EXPECT_EQ(reader.row0(), 512);
         EXPECT_EQ(reader.dictionary().size(), 512U);
-        EXPECT_TRUE(sameBytes(all(reader), rows));
-        EXPECT_EQ(read(reader, std::ssize(rows) - 5, 10).size(), 5U);
-        for (const i64 behind : {std::ssize(rows), i64{INT64_MAX}}) EXPECT_EQ(read(reader, behind, 10).size(), 0U);
+        EXPECT_TRUE(sameBytes(allRows(reader), rows));
+        EXPECT_EQ(rowsAt(reader, std::ssize(rows) - 5, 10).size(), 5U);
+        for (const i64 behind : {std::ssize(rows), i64{INT64_MAX}}) EXPECT_EQ(rowsAt(reader, behind, 10).size(), 0U);
         std::vector<Bytes> memory;
         std::vector<orva::ReadRequest> requests;
         for (int i = 0; i < 50; ++i) memory.emplace_back(random.below(i % 20 == 7 ? 2 * kBlock : 300'000));
@@ -33,8 +33,8 @@ TEST_F(Reader, GivesTheRowsOfAnyRangesInAnyOrder) {
         reader.read_ranges(requests);
         for (const orva::ReadRequest& request : requests) {
             const Bytes expected = slice(rows, request.offset, request.to.size());
-            EXPECT_TRUE(std::ranges::equal(request.to.first(request.got), bytesOf(expected)));
-            EXPECT_TRUE(sameBytes(read(reader, request.offset, request.to.size()), expected));
+            EXPECT_TRUE(std::ranges::equal(request.to.first(request.got), spanOf(expected)));
+            EXPECT_TRUE(sameBytes(rowsAt(reader, request.offset, request.to.size()), expected));
         }
     }
 }
@@ -50,7 +50,7 @@ TEST_F(Reader, ReadsASourceInThreeReadsAtMostAndPassesWhatItThrows) {
          {std::pair(near, std::optional<i64>()), std::pair(far, std::optional<i64>(10'000))}) {
         const orva::Reader reader(from, {.row0 = row0});
         EXPECT_LE(from->reads, 3);
-        EXPECT_TRUE(sameBytes(all(reader), rows));
+        EXPECT_TRUE(sameBytes(allRows(reader), rows));
     }
     EXPECT_TRUE(sameBytes(rowsOf("other"), rows));  // by a search
     near->fails = 0;
@@ -78,9 +78,9 @@ TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
         std::mt19937_64 places(seed);  // no lock of the test's framework, which the child would find taken
         for (int i = 0; i < count; ++i) {
             const std::size_t at = places() % rows.size();
-            EXPECT_TRUE(sameBytes(read(reader, static_cast<i64>(at), 500), slice(rows, at, 500)));
+            EXPECT_TRUE(sameBytes(rowsAt(reader, static_cast<i64>(at), 500), slice(rows, at, 500)));
         }
-        EXPECT_TRUE(sameBytes(all(reader), rows));
+        EXPECT_TRUE(sameBytes(allRows(reader), rows));
     };
     std::atomic<bool> end = false;
     std::vector<std::future<void>> others;

@@ -26,12 +26,12 @@ TEST_F(Writer, TakesRowsInAnySizesAndWaysIntoANewFileAndBehindItsRows) {
                     case 0: {
                         const orva::Bytes room = writer.room();
                         piece.resize(std::min(piece.size(), room.size()));
-                        std::ranges::copy(bytesOf(piece), room.begin());
+                        std::ranges::copy(spanOf(piece), room.begin());
                         writer.wrote(piece.size());
                         break;
                     }
                     case 1:
-                        writer.write(bytesOf(piece));
+                        writer.write(spanOf(piece));
                         break;
                     case 2:
                         writer.write_rows(piece);
@@ -45,7 +45,7 @@ TEST_F(Writer, TakesRowsInAnySizesAndWaysIntoANewFileAndBehindItsRows) {
             writer.finish();
             writer.finish();
             EXPECT_EQ(writer.size(), old + std::ssize(rows));
-            EXPECT_EQ(thrownBy([&] { writer.write(bytesOf(rows)); }), "UsageError");
+            EXPECT_EQ(thrownBy([&] { writer.write(spanOf(rows)); }), "UsageError");
             EXPECT_TRUE(sameBytes(rowsOf("rows"), old == 0 ? rows : rows + rows));
         }
     }
@@ -69,7 +69,7 @@ TEST_F(Writer, EndsWithTheSourceThatFailsOrEndsEarly) {
     }
     {
         orva::Writer more = orva::Writer::append(path("rows"));
-        more.write(bytesOf(rows));
+        more.write(spanOf(rows));
         more.finish();
     }
     EXPECT_EQ(orva::Reader(path("rows")).blocks()[20].rows.length, 1'000'000) << "as the file's own";
@@ -87,7 +87,7 @@ TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {
     munmap(zeros, size);
     const orva::Reader reader(path("rows"));
     EXPECT_EQ(reader.size(), static_cast<i64>(size));
-    EXPECT_EQ(read(reader, static_cast<i64>(size) - 10, 20), Bytes(10));
+    EXPECT_EQ(rowsAt(reader, static_cast<i64>(size) - 10, 20), Bytes(10));
 }
 
 // As a handler of signals does that a second one interrupts.
@@ -127,11 +127,11 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
                 orva::ostream stream(path("stream"));
                 stream << "rows";
                 for (const Bytes& piece : {Bytes(), rows, Bytes(), more}) {
-                    flushed.write(bytesOf(piece));
+                    flushed.write(spanOf(piece));
                     flushed.flush_rows();
                 }
                 EXPECT_TRUE(sameBytes(rowsOf("flushed"), rows + more));
-                for (auto* writer : {&fresh, &instead, &flushed, &behind}) writer->write(bytesOf(more));
+                for (auto* writer : {&fresh, &instead, &flushed, &behind}) writer->write(spanOf(more));
                 ending.end();
             };
             EXPECT_EQ(thrownBy(write), "domain_error");
@@ -177,7 +177,7 @@ TEST_F(Writer, AppendsToTheOtherByteOrder) {
     Bytes rows(100'000, 'a');
     for (const Bytes& more : {Bytes(kBlock, 'b'), Bytes(10, 'c')}) {
         EXPECT_EQ(thrownBy([&] { writer.write_rows(std::vector<int>(1)); }), "UsageError");
-        writer.write(bytesOf(more));
+        writer.write(spanOf(more));
         writer.flush_rows();
         rows = std::move(rows) + more;
     }
@@ -188,7 +188,7 @@ TEST_F(Writer, AppendsToTheOtherByteOrder) {
 TEST_F(Writer, SaysThatAnotherFileTookTheName) {
     orva::Writer writer = orva::Writer::append(written("rows", Bytes(10)));
     std::filesystem::rename(written("other", Bytes(10)), path("rows"));
-    writer.write(bytesOf(Bytes(10)));
+    writer.write(spanOf(Bytes(10)));
     EXPECT_EQ(thrownBy([&] { writer.finish(); }), "SystemError ESTALE");
 }
 
@@ -200,24 +200,24 @@ TEST_F(Writer, AnAppendLeavesTheRowsOfALiveReader) {
     orva::Reader copy(reader);
     {
         orva::Writer writer = orva::Writer::append(name);
-        writer.write(bytesOf(more));
-        EXPECT_TRUE(sameBytes(all(reader), rows));  // by the side file
+        writer.write(spanOf(more));
+        EXPECT_TRUE(sameBytes(allRows(reader), rows));  // by the side file
         std::filesystem::rename(side, name + ".hidden");
-        EXPECT_EQ(thrownBy([&] { all(reader); }), "FileChangedError");
-        EXPECT_TRUE(sameBytes(read(reader, 0, kBlock), slice(rows, 0, kBlock)));
+        EXPECT_EQ(thrownBy([&] { allRows(reader); }), "FileChangedError");
+        EXPECT_TRUE(sameBytes(rowsAt(reader, 0, kBlock), slice(rows, 0, kBlock)));
         std::filesystem::rename(name + ".hidden", side);
         EXPECT_EQ(thrownBy([&] { copy.refresh(); }), "UnfinishedFileError");
-        EXPECT_TRUE(sameBytes(all(reader), rows));
+        EXPECT_TRUE(sameBytes(allRows(reader), rows));
         writer.finish();
     }
     EXPECT_EQ(reader.size(), std::ssize(rows));
-    EXPECT_EQ(thrownBy([&] { all(reader); }), "FileChangedError");
+    EXPECT_EQ(thrownBy([&] { allRows(reader); }), "FileChangedError");
     copy.refresh();
-    EXPECT_TRUE(sameBytes(all(reader), rows + more));
+    EXPECT_TRUE(sameBytes(allRows(reader), rows + more));
     written("rows", rows, {.replace = true});
-    EXPECT_TRUE(sameBytes(all(reader), rows + more));  // of the file that had the name
+    EXPECT_TRUE(sameBytes(allRows(reader), rows + more));  // of the file that had the name
     copy.refresh();
-    EXPECT_TRUE(sameBytes(all(reader), rows));
+    EXPECT_TRUE(sameBytes(allRows(reader), rows));
 }
 
 TEST_F(Writer, AnAppendThatEndsMeanwhileIsNoDamageToWhoOpensTheFile) {
@@ -228,7 +228,7 @@ TEST_F(Writer, AnAppendThatEndsMeanwhileIsNoDamageToWhoOpensTheFile) {
         int left = durable ? 0 : number;
         const CallHook meanwhile([&](const Step& step, std::uint64_t) {
             if (step.call == (durable ? Call::Lock : Call::Read) && left-- == 0) {
-                writer.write(bytesOf(RandomBytes(16).noise(kBlock)));
+                writer.write(spanOf(RandomBytes(16).noise(kBlock)));
                 writer.finish();
             }
             return Verdict::goOn();
@@ -242,10 +242,10 @@ TEST_F(Writer, AForkedChildWritesAndRemovesNothing) {
     written("old", Bytes(100'000, 'a'));
     std::optional<orva::Writer> fresh(std::in_place, path("fresh"), orva::WriterOptions{.threads = 2});
     std::optional<orva::Writer> more(orva::Writer::append(path("old")));
-    for (auto* writer : {&fresh, &more}) (*writer)->write(bytesOf(Bytes(3 * kBlock, 'b')));
+    for (auto* writer : {&fresh, &more}) (*writer)->write(spanOf(Bytes(3 * kBlock, 'b')));
     expectInChild([&] {
         for (auto* writer : {&fresh, &more}) {
-            EXPECT_EQ(thrownBy([&] { (*writer)->write(bytesOf(Bytes(100'000))); }), "UsageError");
+            EXPECT_EQ(thrownBy([&] { (*writer)->write(spanOf(Bytes(100'000))); }), "UsageError");
             EXPECT_EQ(thrownBy([&] { (*writer)->flush_rows(); }), "UsageError");
             EXPECT_EQ(thrownBy([&] { (*writer)->finish(); }), "UsageError");
             writer->reset();

@@ -1,14 +1,13 @@
-// What the tests of the compressed layers share: compressed files made through the library and looked at past it, what
-// an operation threw as a text that can be compared, and hooks for system calls.
+// What the tests of the compressed layers share: compressed files made through the library and looked at past it, and
+// hooks for system calls.
 #pragma once
 
 #include "support/byteOrder.h"
+#include "support/failure.h"
 #include "support/secondReader.h"
 #include "support/tempDir.h"
 
 #include <orva/compressedLayout.h>
-#include <orva/errors.h>
-#include <orva/errtext.h>
 #include <orva/filestr.h>
 #include <orva/zcmpsFilestr.h>
 
@@ -25,32 +24,6 @@ using namespace support;
 
 inline constexpr std::int64_t kRow0 = 1'000;
 inline constexpr std::int64_t kBlock = 4'190'208;
-
-// "" when `body` came to its end, else what left it. A DamagedFileError tells its whole message.
-template <class Body>
-std::string failureOf(Body body) {
-    try {
-        body();
-        return {};
-    } catch (const FileError& error) {
-        return "FileError " + std::to_string(error.messageCode()) + " errno " + std::to_string(error.code().value()) +
-               " " + error.fileName();
-    } catch (const DamagedFileError& error) {
-        return std::string("DamagedFileError ") + error.what();
-    } catch (const FileReopenError& error) {
-        return "SystemFileException " + std::to_string(error.fCode) + " " + error.fExpression +
-               (error.fFlag ? "" : " without its flag") + " errno " + std::to_string(error.code().value()) + " " +
-               error.fileName();
-    } catch (const SystemFileException& error) {
-        return "SystemFileException " + std::to_string(error.fCode) + " " + error.fExpression;
-    } catch (const std::exception& error) {
-        return std::string("other ") + error.what();
-    }
-}
-
-inline std::string fileError(long code, int error, const std::string& name) {
-    return "FileError " + std::to_string(code) + " errno " + std::to_string(error) + " " + name;
-}
 
 // A road: a setting of setMultiThread, or 100 and the number of several threads at once.
 inline constexpr int kOneOfSeveral = 101, kTwo = 102, kSeveral = 103;

@@ -3,9 +3,9 @@
 // everything again, the stream goes on or the file is as it was found.
 #include "recovery/recoveryTest.h"
 #include "scarcity.h"
+#include "support/readerRows.h"
 
 #include <orva/files.h>
-#include <orva/reader.h>
 #include <orva/workdir.h>
 #include <orva/writer.h>
 
@@ -139,7 +139,7 @@ TEST_F(Faults, H2_H4_M3_ANewFile) {
 // is whole or undone, and what did not fail goes on.
 TEST_F(Faults, TheFace) {
     const Bytes rows = fBlocks[0];
-    const auto bytes = std::as_bytes(std::span(rows));
+    const auto bytes = spanOf(rows);
     everywhere({1, 2}, [&](int threads, Scarcity& s) {
         const std::string one = path("face/one");
         const std::string both = path("face/both");

@@ -70,7 +70,10 @@ const LieCase kLies[] = {
 
 class DamageTest : public FileTest {
 protected:
-    DamageTest() {
+    DamageTest() { begin({30, 50, 40}); }
+    void begin(const std::vector<std::size_t>& sizes) {
+        fBlocks = blocksOf(sizes);
+        fAll = joined(fBlocks);
         makeFile(fFile, fBlocks);
         fBytes = bytes();
         fLayout = Layout(fBytes);
@@ -170,9 +173,8 @@ protected:
         return with(slice(file, 0, fLayout.heading._indexPos), kRow0, Bytes(kHeadingSize));
     }
 
-    std::vector<Bytes> fBlocks = blocksOf({30, 50, 40});
-    Bytes fAll = joined(fBlocks);
-    Bytes fBytes, fRows;
+    std::vector<Bytes> fBlocks;
+    Bytes fAll, fBytes, fRows;
     Layout fLayout;
     orva::recoverReport fReport;
     std::string fOpens, fReads, fAppends;
@@ -317,10 +319,7 @@ TEST_F(DamageTest, NoLieOfTheIndexCostsAWholeBlock) {
                          {[](filePosRecord& r) { r.translatePos ^= std::int64_t{1} << 62; }, true},
                          {[](filePosRecord& r) { r.orginalSize += 5; }, false},
                          {[](filePosRecord& r) { r.translateSize ^= 0x20; }, true}};
-    fBlocks = blocksOf({30, 50, 40, 60});
-    makeFile(fFile, fBlocks);
-    fBytes = bytes();
-    fLayout = Layout(fBytes);
+    begin({30, 50, 40, 60});
     // Lies are numbered by kind and record.
     const auto expectWalk = [&](const std::vector<std::size_t>& lies, unsigned damage) {
         SCOPED_TRACE("damaged " + std::to_string(damage) + "; " + testing::PrintToString(lies));

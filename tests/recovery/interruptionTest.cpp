@@ -1,8 +1,8 @@
 // A process that is killed at any of its file calls, and a loss of power: what recover and roll-back make of the files.
 #include "recoveryTest.h"
+#include "support/readerRows.h"
 
 #include <orva/files.h>
-#include <orva/reader.h>
 #include <orva/writer.h>
 
 #include <fcntl.h>
@@ -213,7 +213,7 @@ TEST_F(InterruptionTest, WhatTheFaceMakesIsWholeOrAsItWas) {
     const Bytes rows[] = {RandomBytes(71).rows(700), Bytes(90'000, 'b'), RandomBytes(72).rows(70'000)};
     const auto write = [](orva::Writer writer, std::span<const Bytes> pieces) {
         for (const Bytes& piece : pieces) {
-            writer.write(std::as_bytes(std::span(piece)));
+            writer.write(spanOf(piece));
             &piece == &pieces.back() ? writer.finish() : writer.flush_rows();
         }
     };
@@ -225,9 +225,7 @@ TEST_F(InterruptionTest, WhatTheFaceMakesIsWholeOrAsItWas) {
             const std::string failure = failureOf([&] {
                 if (!std::filesystem::exists(made)) return;
                 orva::roll_back(made);
-                const orva::Reader reader{orva::Path(made)};
-                found.emplace(static_cast<std::size_t>(reader.size()));
-                reader.read_at(0, std::as_writable_bytes(std::span(*found)));
+                found = allRows(orva::Reader{orva::Path(made)});
             });
             EXPECT_EQ(failure, "");
             return ended ? found == steps.back() : std::ranges::find(steps, found) != steps.end();

@@ -53,23 +53,19 @@ protected:
     }
     // But for a part of a block, which no reader sees.
     std::int64_t sizeOnDisk() const { return static_cast<std::int64_t>(std::filesystem::file_size(fPath)) / 16 * 16; }
-    // The error of a call, which leaves the file open and may be repeated.
-    template <class Call>
-    int errorOf(Call call) {
-        try {
-            call();
-            return 0;
-        } catch (const FileError& error) {
-            EXPECT_TRUE(error.messageCode() == 1002 && fFile->IsOpen() && !fFile->Good());
-            fFile->Clear();
-            return error.code().value();
-        }
+    // What a call throws, which leaves the file open and may be repeated.
+    template <class Body>
+    std::string failed(Body call) {
+        const std::string failure = failureOf(call);
+        EXPECT_TRUE(failure.empty() || (fFile->IsOpen() && !fFile->Good()));
+        fFile->Clear();
+        return failure;
     }
     // A refusal changes nothing.
     void expectRefusal(std::int64_t offset, unsigned int size) {
         const std::int64_t tell = fFile->Tell();
         const Bytes before = readBytes(fPath);
-        EXPECT_EQ(errorOf([&] { write(offset, size); }), EINVAL) << offset << '+' << size;
+        EXPECT_EQ(failed([&] { write(offset, size); }), fileError(1002, EINVAL, fPath)) << offset << '+' << size;
         EXPECT_TRUE(fFile->Tell() == tell && readBytes(fPath) == before);
     }
     // The disk is full for a moment, half-way: the file is no longer than before.
@@ -77,9 +73,9 @@ protected:
     void onAFullDisk(Body call) {
         FileCalls disk;
         disk.fail(Call::Write, ENOSPC, false, fRandom.below(150));
-        const int error = errorOf(call);
-        if (error == 0) return;
-        EXPECT_TRUE(error == ENOSPC && sizeOnDisk() == fDisk);
+        const std::string failure = failed(call);
+        if (failure.empty()) return;
+        EXPECT_TRUE(failure == fileError(1002, ENOSPC, fPath) && sizeOnDisk() == fDisk) << failure;
         disk.fail(Call::Write, 0);
         if (fWaits && fAppends) expectRead(0, 65'536);
         call();

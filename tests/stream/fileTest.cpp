@@ -125,12 +125,7 @@ TEST_F(File, AStreamWithoutAnOpenFileAnswersByResult) {
         EXPECT_TRUE(stream->Close() == 0 && stream->Flush() == 1 && stream->Tell() == 0 && !stream->IsShared());
     }
     zcmpsFilestr packed(failed);
-    try {
-        packed.readFilePosInfo(1, false);
-        ADD_FAILURE() << "read what is not there";
-    } catch (const FileError& error) {
-        EXPECT_EQ(error.code().value(), ENOENT);
-    }
+    EXPECT_EQ(failureOf([&] { packed.readFilePosInfo(1, false); }), fileError(1003, ENOENT, path("none")));
 }
 
 TEST_F(File, APipeIsAppendedTo) {

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <concepts>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -53,5 +55,36 @@ inline Bytes joined(const std::vector<Bytes>& parts) {
     for (const Bytes& part : parts) all = std::move(all) + part;
     return all;
 }
+
+// Bytes of a seed.
+class SeededBytes {
+public:
+    explicit SeededBytes(std::uint64_t seed) : fEngine(seed) {}
+
+    // Bytes that do not compress.
+    Bytes noise(std::size_t size) {
+        Bytes bytes(size);
+        for (auto& byte : bytes) byte = static_cast<unsigned char>(fEngine());
+        return bytes;
+    }
+    // Bytes that look like rows: few values in runs, so that they compress well and no two blocks are alike.
+    Bytes rows(std::size_t size) {
+        Bytes bytes;
+        while (bytes.size() < size) bytes.insert(bytes.end(), 1 + below(24), static_cast<unsigned char>(below(16)));
+        bytes.resize(size);
+        return bytes;
+    }
+
+    // 0 to `bound` - 1.
+    std::uint64_t below(std::uint64_t bound) { return fEngine() % bound; }
+    // `low` to `high`, both included.
+    std::int64_t between(std::int64_t low, std::int64_t high) {
+        return low + static_cast<std::int64_t>(below(static_cast<std::uint64_t>(high - low) + 1));
+    }
+    bool oneIn(std::uint64_t n) { return below(n) == 0; }
+
+private:
+    std::mt19937_64 fEngine;
+};
 
 }  // namespace support

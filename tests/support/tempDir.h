@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
-#include <random>
 
 // There in a build that counts what is reached.
 extern "C" void __gcov_dump() __attribute__((weak));
@@ -35,36 +34,13 @@ using platform::faults::Call;
 using platform::faults::Step;
 using platform::faults::Verdict;
 
-// Bytes of a seed. While one lives, a failure in its scope prints the seed.
-class RandomBytes {
+// While one lives, a failure in its scope prints the seed.
+class RandomBytes : public SeededBytes {
 public:
     explicit RandomBytes(std::uint64_t seed)
-        : fEngine(seed), fTrace(__FILE__, __LINE__, "seed " + std::to_string(seed)) {}
-
-    // Bytes that do not compress.
-    Bytes noise(std::size_t size) {
-        Bytes bytes(size);
-        for (auto& byte : bytes) byte = static_cast<unsigned char>(fEngine());
-        return bytes;
-    }
-    // Bytes that look like rows: few values in runs, so that they compress well and no two blocks are alike.
-    Bytes rows(std::size_t size) {
-        Bytes bytes;
-        while (bytes.size() < size) bytes.insert(bytes.end(), 1 + below(24), static_cast<unsigned char>(below(16)));
-        bytes.resize(size);
-        return bytes;
-    }
-
-    // 0 to `bound` - 1.
-    std::uint64_t below(std::uint64_t bound) { return fEngine() % bound; }
-    // `low` to `high`, both included.
-    std::int64_t between(std::int64_t low, std::int64_t high) {
-        return low + static_cast<std::int64_t>(below(static_cast<std::uint64_t>(high - low) + 1));
-    }
-    bool oneIn(std::uint64_t n) { return below(n) == 0; }
+        : SeededBytes(seed), fTrace(__FILE__, __LINE__, "seed " + std::to_string(seed)) {}
 
 private:
-    std::mt19937_64 fEngine;
     testing::ScopedTrace fTrace;
 };
 
