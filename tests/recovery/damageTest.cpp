@@ -157,8 +157,7 @@ protected:
     Bytes damaged(unsigned damage) const {
         Bytes file = fBytes;
         for (std::size_t i = 0; i < fBlocks.size(); ++i) {
-            auto& byte = file[static_cast<std::size_t>(fLayout.records[i].translatePos) + 4];
-            if ((damage >> i & 1U) != 0) byte = static_cast<unsigned char>(byte ^ 0x10);
+            if ((damage >> i & 1U) != 0) file[static_cast<std::size_t>(fLayout.records[i].translatePos) + 4] ^= 0x10;
         }
         return file;
     }
