@@ -65,9 +65,8 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
         fFound = findHeading(*fBytes, row0, fPath, fPlace);
         if (keptBeside(fPlace, *fBytes, fFound)) {
             const bool atWork = alive();
-            const bool isOver = !atWork && !hasSideFile(fPlace);
-            if (!isOver) throw unfinished(fPath, atWork);
-            continue;
+            if (atWork || hasSideFile(fPlace)) throw unfinished(fPath, atWork);
+            continue;  // it is over by now
         }
         try {
             load();
