@@ -152,6 +152,7 @@ def measure(rows: Any, rounds: int, part: str | None) -> None:
     tables: list[tuple[str, str, dict[str, Callable[[], Any]], Callable[[], Any], Any, Callable[[], float]]] = [
         ("whole", "all rows into numpy, processor time", {"orva cat -T 1": cat}, all_rows, rows, processor),
         ("whole", "all rows into numpy", whole, all_rows, rows, wall),
+        ("whole", "the same, two threads", whole, lambda: orva.rows("rows.orva", threads=2)[:], rows, wall),
         ("anywhere", "100 rows anywhere, one by one", hundred, lambda: rows_of_orva("rows.orva", numbers), rows[numbers], wall),
         ("anywhere", "the same, blocks of 256 KiB", hundred, lambda: rows_of_orva("short.orva", numbers), rows[numbers], wall),
         (

@@ -35,7 +35,7 @@ void blockwise::finish() {
     checkSignals();
 }
 
-// Each round finds one more damaged block, and asks no more for its rows.
+// Each round ends at the next damaged block, and what was wished for before it has been read.
 void blockwise::readAroundDamage() {
     while (!fRequests.empty()) {
         try {
@@ -45,12 +45,10 @@ void blockwise::readAroundDamage() {
             const i64 begin = *damage.offset();
             const i64 end = fReader.end_of_block(begin);
             fLost->push_back({begin, end - begin});
-            const auto lost = std::partition(fRequests.begin(), fRequests.end(), [&](const orva::ReadRequest& request) {
-                return request.offset < begin || request.offset >= end;
-            });
-            std::for_each(lost, fRequests.end(),
-                          [](const orva::ReadRequest& request) { std::ranges::fill(request.to, std::byte()); });
-            fRequests.erase(lost, fRequests.end());
+            for (const orva::ReadRequest& request : fRequests) {
+                if (request.offset >= begin && request.offset < end) std::ranges::fill(request.to, std::byte());
+            }
+            std::erase_if(fRequests, [&](const orva::ReadRequest& request) { return request.offset < end; });
         }
     }
 }

@@ -85,12 +85,15 @@ private:
               const gil::released others;
               return open();
           }()),
-          fBlocks(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency())) {}
+          fBlocks(blocksAtATime(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency()))) {}
 
     static orva::ReaderOptions optionsOf(std::optional<i64> row0, int threads) {
         // Two blocks: a search that ends at the border of two looks into them by turns.
         return {.row0 = row0, .threads = threads, .cached_blocks = 2};
     }
+
+    // Threads end with each call, and wait there for the last: many blocks each make little of that.
+    static int blocksAtATime(int threads) { return threads == 1 ? 1 : 16 * threads; }
 
     // Runs `read` without the GIL; the damaged blocks that it finds are told by `lost`, where that is wanted.
     template <class Read>
@@ -121,7 +124,7 @@ private:
     }
 
     std::optional<orva::Reader> fReader;
-    const int fBlocks;  // at a time: one a thread
+    const int fBlocks;  // at a time
 };
 
 py::bytes dictionary(const closableReader& reader) {

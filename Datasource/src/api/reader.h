@@ -102,7 +102,8 @@ public:
     // `to` undefined. UsageError for an offset below 0.
     std::size_t read_at(i64 offset, Bytes to) const;
     // As read_at for each request, in any order, but inflates each block once for all of them. The requests may not
-    // share memory. Sets their `got`; a failure leaves memory and counts undefined.
+    // share memory. Sets their `got`; a failure leaves memory and counts undefined, but for what lies before the
+    // offset() of a DamagedFileError: that has been read.
     void read_ranges(std::span<ReadRequest> requests) const;
 
     // Looks at the name, or the source, again: reads that begin later, by this Reader and its copies, show the rows as
