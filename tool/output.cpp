@@ -4,6 +4,7 @@
 #include "system.h"
 
 #include <CLI/CLI.hpp>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,7 +14,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int kStandardOutput = 1;
 // What a pipe holds as a rule: of a larger piece nobody could tell how much went out before the reader left.
 constexpr std::size_t kLargestWrite = 1U << 16;
 
@@ -23,6 +23,10 @@ bool isDeviceOrPipe(const std::string& name) {
     return fs::exists(status) && !fs::is_regular_file(status) && !fs::is_directory(status);
 }
 
+int openToWrite(const std::string& name) {
+    return platform::openShared(name.c_str(), platform::_O_WRONLY, platform::_SH_DENYWR, 0);
+}
+
 }  // namespace
 
 void outputOptions::addTo(CLI::App& app) {
@@ -30,27 +34,25 @@ void outputOptions::addTo(CLI::App& app) {
     app.add_flag("--no-sync", noSync, "Leave it to the system when the output reaches the disk");
 }
 
-output::output() : fName("standard output"), fDescriptor(kStandardOutput) {}
+output::output() : output("-", {}, {}) {}
 
-output::output(const std::string& name, const outputOptions& options, const orva::Path& input) : output() {
-    if (name == "-") return;
-    fName = name;
-    if (isDeviceOrPipe(name)) {
-        openFile(name.c_str());
+output::output(const std::string& name, const outputOptions& options, const orva::Path& input) : fName(name) {
+    if (name == "-") {
+        // A duplicate, to be closed: some systems tell only then that bytes did not reach their place.
+        fName = "standard output";
+        fDescriptor = dup(STDOUT_FILENO);
+    } else if (isDeviceOrPipe(name)) {
+        fDescriptor = openToWrite(name);
     } else {
         fPending = std::make_unique<orva::pendingFile>(name, options.force, orva::commonPermissions({&input, 1}));
         bDurable = !options.noSync;
-        openFile(fPending->temporaryName().c_str());
+        fDescriptor = openToWrite(fPending->temporaryName());
     }
+    if (fDescriptor < 0) throwWriteFailed(fName);
 }
 
 output::~output() {
-    if (fDescriptor > kStandardOutput) platform::_close(fDescriptor);
-}
-
-void output::openFile(const char* name) {
-    fDescriptor = platform::openShared(name, platform::_O_WRONLY, platform::_SH_DENYWR, 0);
-    if (fDescriptor < 0) throwWriteFailed(fName);
+    if (fDescriptor >= 0) platform::_close(fDescriptor);
 }
 
 void output::write(const void* bytes, std::size_t size) {
@@ -69,7 +71,6 @@ void output::write(const void* bytes, std::size_t size) {
 }
 
 void output::finish() {
-    if (fDescriptor <= kStandardOutput) return;
     if (platform::_close(fDescriptor) != 0) throwWriteFailed(fName);
     fDescriptor = -1;
     if (!fPending) return;

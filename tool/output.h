@@ -41,11 +41,9 @@ public:
     void finish();
 
 private:
-    void openFile(const char* name);
-
     std::string fName;
     std::unique_ptr<orva::pendingFile> fPending;
-    int fDescriptor;
+    int fDescriptor = -1;
     bool bDurable = true;
     bool bReaderGone = false;
     std::int64_t fWritten = 0;
