@@ -25,7 +25,8 @@ using namespace support;
 
 constexpr std::size_t kBlock = kBlockSize;
 
-// The name of the class that `call` throws, with the errno of a SystemError; empty if it throws nothing.
+// The name of the class that `call` throws, with the errno of a SystemError and the block that is damaged; empty if it
+// throws nothing.
 template <class Call>
 std::string thrownBy(Call call) {
     try {
@@ -36,7 +37,11 @@ std::string thrownBy(Call call) {
     } catch (const std::exception& e) {
         const std::unique_ptr<char, decltype(&std::free)> name(
             abi::__cxa_demangle(typeid(e).name(), nullptr, nullptr, nullptr), &std::free);
-        return std::string(name.get()).substr(std::string(name.get()).rfind(':') + 1);
+        const auto* damage = dynamic_cast<const orva::DamagedFileError*>(&e);
+        const bool tells = damage != nullptr && damage->block() && damage->offset();
+        return std::string(name.get()).substr(std::string(name.get()).rfind(':') + 1) +
+               (tells ? " of block " + std::to_string(*damage->block()) + " at " + std::to_string(*damage->offset())
+                      : "");
     }
 }
 

@@ -32,16 +32,14 @@ public:
         const bool opens = step.call == Call::Open, renames = step.call == Call::Rename;
         const std::string name = step.name != nullptr ? step.name : fNames[step.descriptor];
         if (opens || step.call == Call::Duplicate) fNames[static_cast<int>(step.result)] = name;
-        if (renames) {
-            for (auto& [descriptor, held] : fNames) held = held == name ? step.newName : held;
-        }
-        Change change{step.call, name, renames ? step.newName : "", step.offset, {}};
-        if (step.call == Call::Truncate) change.at = static_cast<std::int64_t>(step.size);
+        for (auto& [descriptor, held] : fNames) held = renames && held == name ? step.newName : held;
+        const bool cuts = step.call == Call::Truncate, writes = step.call == Call::Write;
         const auto* data = static_cast<const unsigned char*>(step.data);
-        if (step.call == Call::Write) change.bytes.assign(data, data + step.result);
-        const Call calls[] = {Call::Write, Call::Sync, Call::Truncate, Call::Rename, Call::Unlink};
-        const bool counts = std::ranges::find(calls, step.call) != std::end(calls);
-        if (counts || (opens && (step.flags & O_CREAT) != 0)) fChanges.push_back(std::move(change));
+        const bool counts = cuts || writes || renames || step.call == Call::Sync || step.call == Call::Unlink;
+        if (!counts && !(opens && (step.flags & O_CREAT) != 0)) return;
+        fChanges.push_back({step.call, name, renames ? step.newName : "",
+                            cuts ? static_cast<std::int64_t>(step.size) : step.offset,
+                            writes ? Bytes(data, data + step.result) : Bytes()});
     }
 
     std::size_t changes() const { return fChanges.size(); }
@@ -55,14 +53,12 @@ public:
             const auto kept = [&] { return isSynced(i, count) || random.below(4) < chance; };
             if (change.call == Call::Write) {
                 const std::int64_t end = change.at + std::ssize(change.bytes);
-                for (std::int64_t at = change.at, next = 0; at < end; at = next) {
+                for (std::int64_t at = change.at, next = 0; there && at < end; at = next) {
                     next = std::min(end, (at / piece + 1) * piece);
-                    // One in eight of those that are there is torn.
-                    const std::int64_t whole = kept() ? next : at;
-                    const bool tears = whole == next && !kept() && random.oneIn(2);
-                    const std::int64_t size = (tears ? random.between(at, next) : whole) - at;
-                    const Bytes part = slice(change.bytes, at - change.at, size);
-                    if (there && size != 0) files[change.name] = with(files[change.name], at, part);
+                    if (!kept()) continue;
+                    // Of those that are there some are torn.
+                    const std::int64_t size = (kept() || random.oneIn(2) ? next : random.between(at + 1, next)) - at;
+                    files[change.name] = with(files[change.name], at, slice(change.bytes, at - change.at, size));
                 }
             } else if (change.call != Call::Sync && kept()) {
                 if (change.call == Call::Open) files[change.name];
@@ -271,9 +267,8 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     const auto runSwapped = [&] { append.run(fFile, true); };
     EXPECT_EQ(lose({{fFile, swapped(old.at(fFile), kRow0)}}, runSwapped, allOrNothing), 0);
     const auto oldRows = [&](bool) { return orva::rollBack(fFile), rowsIfFinished() == append.oldRows(); };
-    EXPECT_EQ(lose(
-                  old, [&] { interrupted(append); }, oldRows),
-              0);
+    const auto interrupt = [&] { interrupted(append); };
+    EXPECT_EQ(lose(old, interrupt, oldRows), 0);
 
     // An append that hears so late of a failing disk that its heading may have reached it is undone all the same.
     const auto fail = [&] {
