@@ -4,8 +4,8 @@
 #include <malloc.h>
 
 #include <array>
-#include <future>
 #include <random>
+#include <thread>
 
 using namespace api;
 
@@ -60,25 +60,23 @@ TEST_F(Reader, ReadsASourceInThreeReadsAtMostAndPassesWhatItThrows) {
 TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
     const Bytes rows = RandomBytes(6).rows(2'000'777);
     orva::Reader reader(written("rows", rows, {.block = 65'536}), {.threads = kSanitized ? 1 : 2});
-    const auto reads = [&](std::uint64_t seed, int count) {
-        std::mt19937_64 places(seed);  // no lock of the test's framework, which the child would find taken
+    const auto reads = [&](int seed, int count) {
+        std::mt19937_64 places(
+            static_cast<std::uint64_t>(seed));  // no lock of the test's framework, which the child would find taken
         for (int i = 0; i < count; ++i) {
             const std::size_t at = places() % rows.size();
             EXPECT_TRUE(sameBytes(rowsAt(reader, static_cast<i64>(at), 500), slice(rows, at, 500)));
         }
         EXPECT_TRUE(sameBytes(allRows(reader), rows));
     };
-    std::atomic<bool> end = false;
-    std::vector<std::future<void>> others;
-    for (const std::function<void()>& work :
-         {std::function<void()>([&] { reads(1, 1); }), {[&] { reads(2, 1); }}, {[&] { reader.refresh(); }}}) {
-        others.push_back(std::async(std::launch::async, [&end, work] {
-            while (!end) work();
-        }));
+    std::vector<std::jthread> others;
+    for (const int other : {0, 1, 2}) {
+        others.emplace_back([&, other](const std::stop_token& end) {
+            while (!end.stop_requested()) other == 0 ? reader.refresh() : reads(other, 1);
+        });
     }
-    for (std::uint64_t i = 0; i < 6; ++i) expectInChild([&] { reads(i, 300); });
+    for (int i = 0; i < 6; ++i) expectInChild([&] { reads(i, 300); });
     reads(7, 300);
-    end = true;
 }
 
 TEST_F(Reader, CostsNoMemoryBeforeItReads) {

@@ -38,9 +38,6 @@ inline Bytes rowsOf(const std::string& file, bool swap = false) {
     return Reader(file, 0, kRow0, swap).read(static_cast<std::size_t>(part.dataSize()));
 }
 
-// Where the new index stands: behind the last block if one was written, else where the last transfer ended.
-enum IndexPlace { BehindBlocks, BehindOldIndex, BehindOldBlock };
-
 // An append to a finished file of blocks of `old` bytes: the last `cut` bytes of rows go, `added` blocks come.
 struct Append {
     const char* name;
@@ -48,8 +45,7 @@ struct Append {
     std::size_t cut;
     std::vector<std::size_t> added;
     std::vector<std::int32_t> sizes{};  // of the blocks afterwards
-    IndexPlace indexPlace = BehindBlocks;
-    int road = 0;  // 1 if it is safe, and twice the number of several threads
+    int road = 0;                       // 1 if it is safe, and twice the number of several threads
 
     Bytes oldRows() const { return joined(blocksOf(old)); }
     Bytes keptRows() const { return slice(oldRows(), 0, oldRows().size() - cut); }
@@ -87,13 +83,13 @@ inline const Append kAppends[] = {
     {"FirstRows", {}, 0, {200, 90}, {200, 90}},
     {"NothingToShortBlock", {300, 500}, 0, {}, {300, 500}},
     {"CutInsideLastBlock", {300, 500}, 450, {}, {300, 50}},
-    {"CutToBlockStart", {300, 500}, 500, {}, {300}, BehindOldBlock},
-    {"NothingToFullBlock", {300, kFull}, 0, {}, {300, kFull}, BehindOldIndex},
+    {"CutToBlockStart", {300, 500}, 500, {}, {300}},
+    {"NothingToFullBlock", {300, kFull}, 0, {}, {300, kFull}},
     {"CutAndAsManyRows", {300, kNoise}, kNoise, {kNoise}, {300, kNoise}},
     {"RowsFillShortBlock", {300}, 0, {kFull}, {kFull, 300}},
-    {"CutToNothing", {300}, 300, {}, {}, BehindOldBlock},
+    {"CutToNothing", {300}, 300, {}},
     {"CutToNothingThenAdded", {300}, 300, {40}, {40}},
-    {"NothingToNothing", {}, 0, {}, {}, BehindOldIndex},
+    {"NothingToNothing", {}, 0, {}},
 };
 
 using Files = std::map<std::string, Bytes>;  // what the directory holds, by name
