@@ -21,10 +21,7 @@ using testing::StartsWith;
 constexpr Fault kFaults[] = {
     {"EioOnce", Fault::Calls, EIO},
     {"EioFromThenOn", Fault::Calls, EIO, true},
-    {"FullFromThenOn", Fault::Calls, ENOSPC, true},
     {"FullAfterAPart", Fault::Calls, ENOSPC, true, true},
-    {"InterruptedOnce", Fault::Calls, EINTR},
-    {"ShortFromThenOn", Fault::Calls, 0, true, true},
     {"NoMemoryOnce", Fault::Memory},
     {"NoMemoryFromThenOn", Fault::Memory, 0, true},
     {"NoCodecFromThenOn", Fault::Codecs, 0, true},
@@ -32,12 +29,6 @@ constexpr Fault kFaults[] = {
     {"NoThreadFromThenOn", Fault::Threads, 0, true},
     {"NoCipherOnce", Fault::Cipher},
 };
-
-#ifdef __SANITIZE_THREAD__
-constexpr std::uint64_t kStep = 3;  // ten times as slow
-#else
-constexpr std::uint64_t kStep = 1;
-#endif
 
 class Faults : public ShortBlocks {
 protected:
@@ -48,10 +39,8 @@ protected:
         for (const int road : roads) {
             for (const Fault& fault : kFaults) {
                 bool reached = true;
-                for (std::uint64_t k = 1; reached && !HasFailure(); k += kStep) {
-                    const std::string name =
-                        std::string(fault.name) + ", k " + std::to_string(k) + ", road " + std::to_string(road);
-                    SCOPED_TRACE(name);
+                for (std::uint64_t k = 1; reached && !HasFailure(); ++k) {
+                    SCOPED_TRACE(fault.name + (", k " + std::to_string(k)) + ", road " + std::to_string(road));
                     Scarcity scarcity(fault, k);
                     body(road, scarcity);
                     reached = scarcity.reached();
@@ -69,7 +58,7 @@ protected:
     // What was heard names what was refused.
     void expectRight(const std::string& failure, const Scarcity& s) const {
         if (failure.empty()) return;
-        EXPECT_TRUE(s.refused()) << failure << " out of nothing";
+        EXPECT_TRUE(s.reached()) << failure << " out of nothing";
         const int error = s.fault.error;
         const char* opens = "SystemFileException 1201 ";
         const std::string side = fName + ".orva-undo";
@@ -98,13 +87,14 @@ protected:
     }
 };
 
-TEST_F(Faults, H2_H4_M3_ANewFile) {
-    const Bytes rows = joined(fBlocks);
+// A new file, and then its blocks, each of them read until it is there.
+TEST_F(Faults, H2_H4_M3_ANewFileAndItsReader) {
+    const std::vector<filePosRecord> records = Layout(fFile).records;
     everywhere({0, 1, kOneOfSeveral, kTwo}, [&](int road, Scarcity& s) {
         writeBytes(fName, Bytes(kRow0, 0xD5));
         std::unique_ptr<zcmpsFilestr> stream;
         bool isWriter = false;
-        std::int32_t closed = 0, finished = 0;
+        std::int32_t closed = 0;
         std::string heard = tried(s, [&] {
             stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(fName.c_str(), "r+b"));
             takeRoad(*stream, road);
@@ -114,24 +104,32 @@ TEST_F(Faults, H2_H4_M3_ANewFile) {
             writeBlocks(*stream, fBlocks);
         });
         if (stream != nullptr) {
-            const std::string atClose = s.heard([&] { closed = stream->Close(); });
+            const std::string atClose = tried(s, [&] { closed = stream->Close(); });
+            EXPECT_EQ(closed == 1, atClose.empty());
             // The first failure is final; a stream that never was a writer has nothing to finish.
             EXPECT_TRUE(heard.empty() || atClose == (isWriter ? heard : "")) << atClose << " after " << heard;
-            if (heard.empty()) expectRight(atClose, s), heard = atClose;
+            if (heard.empty()) heard = atClose;
             if (!heard.empty() && isWriter) {
                 EXPECT_EQ(failureOf([&] { stream->Write("z", 1); }), heard);
-                finished = stream->Close();
+                closed = stream->Close();
             }
         }
-        EXPECT_EQ(closed == 1 && isWriter, heard.empty());
         EXPECT_EQ(s.heard([&] { stream.reset(); }), "") << "told before";
-        Bytes found;
-        const std::string back = failureOf([&] { found = Reader(fName, 0, kRow0).read(rows.size() + 1); });
-        EXPECT_TRUE(back.empty() ? found == rows : back.starts_with("DamagedFileError")) << back;
-        EXPECT_TRUE((!heard.empty() && finished == 0) || back.empty()) << "Close gave 1: " << back;
-        EXPECT_TRUE(s.bHeading || !back.empty()) << "finished without a heading";
         EXPECT_FALSE(s.bBehindHeading) << "the heading is written last";
         EXPECT_FALSE(s.bBehindFailure) << "what comes after a failed block is dropped";
+        if (closed == 0 || !isWriter) {
+            Bytes found;
+            const std::string back = failureOf([&] { found = Reader(fName, 0, kRow0).read(100'000); });
+            EXPECT_TRUE(back.empty() ? found == joined(fBlocks) : back.starts_with("DamagedFileError")) << back;
+            return;
+        }
+        std::unique_ptr<Reader> reader;
+        untilDone(s, [&] { reader = std::make_unique<Reader>(fName, road == 1 ? 2 : road, kRow0); });
+        for (const std::size_t i : {0u, 1u, 2u, 3u, 5u, 0u, 4u}) {
+            Bytes rows;
+            untilDone(s, [&] { rows = reader->readAt(records[i].orginalPos, fBlocks[i].size()); });
+            EXPECT_EQ(rows, fBlocks[i]) << "block " << i;
+        }
     });
 }
 
@@ -139,60 +137,56 @@ TEST_F(Faults, H2_H4_M3_ANewFile) {
 // is whole or undone, and what did not fail goes on.
 TEST_F(Faults, TheFace) {
     const Bytes rows = fBlocks[0];
-    const auto bytes = spanOf(rows);
+    const std::string directory = path("face"), one = path("face/one"), both = path("face/both");
     everywhere({1, 2}, [&](int threads, Scarcity& s) {
-        const std::string one = path("face/one");
-        const std::string both = path("face/both");
-        std::filesystem::remove_all(path("face"));
-        std::filesystem::create_directory(path("face"));
+        std::filesystem::remove_all(directory);
+        std::filesystem::create_directory(directory);
         int done = 0;  // files, or times that the rows are in one
         std::optional<orva::Reader> reader;
-        const auto matches = [&] {
+        const auto expectRows = [&] {
             Bytes found(rows.size() * 6);
             const auto to = std::as_writable_bytes(std::span(found));
             const std::size_t half = to.size() / 2;
             std::vector<orva::ReadRequest> halves{{std::ssize(to) / 2, to.subspan(half)}, {0, to.first(half)}};
             reader->read_ranges(halves);
-            return found == joined(std::vector(6, rows));
+            EXPECT_EQ(found, joined(std::vector(6, rows)));
         };
         const std::string heard = s.heard([&] {
             orva::Writer writer(one, {.threads = threads, .block = 65'536});
-            writer.write(bytes);
+            writer.write(spanOf(rows));
             writer.flush_rows();
             done = 1;
-            writer.write(bytes);
+            writer.write(spanOf(rows));
             writer.finish();
             done = 2;
             orva::Writer more = orva::Writer::append(one, {.threads = threads});
-            more.write(bytes);
+            more.write(spanOf(rows));
             more.finish();
             done = 3;
             const orva::Path twice[] = {one, one};
             orva::join(twice, both);
             done = 4;
             reader.emplace(orva::Path(both), orva::ReaderOptions{.threads = threads});
-            EXPECT_TRUE(matches());
+            expectRows();
         });
-        EXPECT_TRUE(heard.empty() || s.refused()) << heard << " out of nothing";
         const bool ofCalls = s.fault.kind == Fault::Calls;
         const char* cause = ofCalls ? std::strerror(s.fault.error) : s.fault.kind == Fault::Threads ? "" : "bad_alloc";
-        const bool told =
-            heard.find(cause) != std::string::npos || heard.find("Cannot allocate memory") != std::string::npos;
-        EXPECT_TRUE(heard.empty() || told) << heard;
-        for (const auto& entry : std::filesystem::directory_iterator(path("face"))) {
-            const std::string name = entry.path().filename().string();
-            EXPECT_TRUE(name == "one" || name == "both" || ofCalls) << name;  // which cannot remove it
+        EXPECT_THAT(heard, AnyOf("", HasSubstr(cause), HasSubstr("Cannot allocate memory")));
+        EXPECT_TRUE(heard.empty() || s.reached()) << heard << " out of nothing";
+        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+            // Calls that fail cannot remove it either.
+            EXPECT_TRUE(entry.path() == one || entry.path() == both || ofCalls) << entry.path();
         }
+        EXPECT_TRUE(done < 1 || std::filesystem::exists(one));
+        EXPECT_TRUE(done < 4 || std::filesystem::exists(both));
         if (std::filesystem::exists(one)) {
             orva::roll_back(one);
             const orva::i64 times = orva::Reader(orva::Path(one)).size() / std::ssize(rows);
             // What was finished before it failed to say so is there as well.
             EXPECT_TRUE(times == std::min(done, 3) || times == std::min(done, 2) + 1) << times << " after " << done;
         }
-        EXPECT_TRUE(done < 1 || std::filesystem::exists(one));
-        EXPECT_TRUE(done < 4 || std::filesystem::exists(both));
         if (std::filesystem::exists(both) && !reader) reader.emplace(orva::Path(both));
-        EXPECT_TRUE(!reader || matches());
+        if (reader) expectRows();
     });
 }
 
@@ -214,19 +208,6 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
     }
 }
 
-TEST_F(Faults, AReaderOfBlocks) {
-    const std::vector<filePosRecord> records = Layout(fFile).records;
-    everywhere({0, 2, kOneOfSeveral, kTwo}, [&](int road, Scarcity& s) {
-        std::unique_ptr<Reader> reader;
-        untilDone(s, [&] { reader = std::make_unique<Reader>(fName, road, kRow0); });
-        for (const std::size_t i : {0u, 1u, 2u, 3u, 5u, 0u, 4u}) {
-            Bytes rows;
-            untilDone(s, [&] { rows = reader->readAt(records[i].orginalPos, fBlocks[i].size()); });
-            EXPECT_EQ(rows, fBlocks[i]) << "block " << i;
-        }
-    });
-}
-
 // A plain stream, of its bits: 1 read-ahead, 2 requests go straight to the file, 4 enciphered.
 class StreamFaults : public Faults {
 protected:
@@ -241,19 +222,19 @@ protected:
     const Bytes fContent = RandomBytes(7).noise(kBlock + 40'960);
 };
 
-TEST_F(StreamFaults, AStreamThatIsWritten) {
-    everywhere({0, 4}, [&](int road, Scarcity& s) {
+TEST_F(StreamFaults, AStreamThatIsWrittenAndRead) {
+    everywhere({1, 2, 5}, [&](int road, Scarcity& s) {
         std::unique_ptr<ORVA_FileStream> stream;
         std::filesystem::remove(fName);
         untilDone(s, [&] { open(stream, fName, "w+b", road); });
-        std::size_t end = 0;
+        std::int64_t end = 0;
+        // What was not taken, or waits, is written by the next attempt.
         const auto goOn = [&] {
-            const auto at = static_cast<std::size_t>(stream->Tell());
+            const std::int64_t at = stream->Tell();
             stream->Write(fContent.data() + at, static_cast<std::uint32_t>(end - at));
             stream->Flush();
         };
-        // What was not taken, or waits, is written by the next attempt.
-        for (const std::size_t piece : {100UL, 900UL, fContent.size() - 40'000, 38'995UL}) {
+        for (const std::int64_t piece : {100L, 900L, kBlock + 960, 38'995L}) {
             end += piece;
             if (tried(s, goOn).empty()) continue;
             EXPECT_TRUE(s.fault.kind != Fault::Calls || stream->Good() == 0);
@@ -261,11 +242,19 @@ TEST_F(StreamFaults, AStreamThatIsWritten) {
             EXPECT_EQ(failureOf(goOn), "");
         }
         const auto expectContent = [&] {
-            stream->Seek(0, ORVA_StrBaseIO::SeekFromStart);
-            Bytes found = read(*stream, fContent.size() + 16);
-            EXPECT_LE(found.size(), end + 15) << "a pad at most";
-            found.resize(end);
-            EXPECT_TRUE(sameBytes(found, slice(fContent, 0, end)));
+            const std::pair<std::int64_t, std::int64_t> requests[] = {
+                {0, 1'600}, {512, 160}, {kBlock - 512, 4'800}, {1'024, kBlock + 40'960}, {end - 155, 320}, {0, 32}};
+            for (const auto& [at, size] : requests) {
+                Bytes found;
+                untilDone(s, [&] {
+                    stream->Clear();
+                    stream->Seek(at, ORVA_StrBaseIO::SeekFromStart);
+                    found = read(*stream, static_cast<std::size_t>(size));
+                });
+                EXPECT_EQ(stream->Good(), 1);
+                EXPECT_LE(std::ssize(found), end + 15 - at) << "a pad at most";
+                EXPECT_TRUE(sameBytes(slice(found, 0, end - at), slice(fContent, at, std::min(size, end - at))));
+            }
         };
         std::int32_t closed = 0;
         const auto close = [&] { closed = stream->Close(); };
@@ -274,7 +263,7 @@ TEST_F(StreamFaults, AStreamThatIsWritten) {
         if (!atOnce) close();
         EXPECT_EQ(closed, 1);
         EXPECT_EQ(s.heard([&] { stream.reset(); }), "");
-        open(stream, fName, "rb", road);
+        untilDone(s, [&] { open(stream, fName, "rb", road); });
         expectContent();
     });
 }
@@ -290,34 +279,6 @@ TEST_F(StreamFaults, WithoutAThreadAnOpenReadsOnAndAPartFinishes) {
     EXPECT_TRUE(none.reached());
     EXPECT_EQ(read(stream, kRow0).size(), kRow0);
     EXPECT_NE(none.heard([&] { stream.EnableMultiThreadReading(); }), "") << "who asks for it hears of it";
-}
-
-TEST_F(StreamFaults, AStreamThatIsRead) {
-    const auto end = static_cast<std::int64_t>(fContent.size());
-    const std::pair<std::int64_t, std::size_t> requests[] = {
-        {0, 1'600}, {512, 160}, {kBlock - 512, 4'800}, {1'024, kBlock + 512}, {end - 160, 320}, {0, 32}};
-    for (const int cipher : {0, 4}) {
-        std::unique_ptr<ORVA_FileStream> made;
-        open(made, fName, "w+b", cipher);
-        write(*made, fContent);
-        made.reset();
-        everywhere(cipher == 0 ? std::vector{0, 1, 2} : std::vector{4, 5}, [&](int road, Scarcity& s) {
-            std::unique_ptr<ORVA_FileStream> stream;
-            untilDone(s, [&] { open(stream, fName, "rb", road); });
-            for (const auto& request : requests) {
-                Bytes found(request.second);
-                std::uint32_t count = 0;
-                untilDone(s, [&] {
-                    stream->Clear();
-                    stream->Seek(request.first, ORVA_StrBaseIO::SeekFromStart);
-                    count = stream->Read(found.data(), static_cast<std::uint32_t>(found.size()));
-                });
-                found.resize(count);
-                EXPECT_EQ(stream->Good(), 1);
-                EXPECT_TRUE(sameBytes(found, slice(fContent, request.first, request.second)));
-            }
-        });
-    }
 }
 
 }  // namespace
@@ -336,8 +297,8 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
         const Files old = present(fName);
         const std::vector<Bytes> added = blocksOf(append.added, 100);
         const std::int64_t end = append.keptEnd();
-        int undone = 0;
         const bool first = append.name == kAppends[0].name;
+        int undone = 0;
         everywhere(first ? std::vector{0, 1, 2, 3, 5} : std::vector{0, 5}, [&](int road, core::Scarcity& s) {
             append.road = road;
             std::filesystem::remove(side);
@@ -356,30 +317,25 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
             const bool complete = says("the append itself is complete") || failure.find("\"rb\")") != std::string::npos;
             EXPECT_EQ(s.heard([&] { stream.reset(); }), "") << "told before";
             undone += says("holds the rows that it held before") ? 1 : 0;
+            const bool left = std::filesystem::exists(side);
+            // Without memory there is no text that says so, nor whether it came to its end. A disk that fails for good
+            // may keep a heading that could not be synced: its rows are all there then.
+            const bool mute = s.fault.kind != Fault::Calls || s.fault.lasting;
             if (failure.empty() || complete) {
                 EXPECT_TRUE(sameBytes(rowsOf(fName), append.newRows()));
-                EXPECT_TRUE(!std::filesystem::exists(side) || says("remove this file"));
+                EXPECT_TRUE(!left || says("remove this file"));
             } else if (says("'orva recover' gets them")) {
                 // A torn block, with nothing else going any more, costs the rows of the one that it stands on.
                 const bool torn = s.fault.afterAPart;
-                Bytes found;
-                const std::string failed = failureOf([&] {
-                    EXPECT_TRUE(append.road % 2 == 0 &&
-                                (orva::recover(fName, path("out"), {kPart}).lost.empty() || torn));
-                    found = rowsOf(path("out"));
-                });
+                EXPECT_EQ(append.road % 2, 0);
+                EXPECT_TRUE(orva::recover(fName, path("out"), {kPart}).lost.empty() || torn);
                 const std::size_t kept = torn ? (append.old.empty() ? 0 : append.old[0]) : append.keptRows().size();
-                EXPECT_TRUE(failed.empty() || kept == 0) << failed;
-                EXPECT_TRUE(sameBytes(slice(found, 0, kept), slice(append.oldRows(), 0, kept)));
+                EXPECT_TRUE(kept == 0 ||
+                            sameBytes(slice(rowsOf(path("out")), 0, kept), slice(append.oldRows(), 0, kept)));
             } else {
-                // Without memory there is no text that says so, nor whether it came to its end. A disk that fails for
-                // good may keep a heading that could not be synced: its rows are all there then.
-                const bool mute = s.fault.kind != Fault::Calls;
-                const bool left = std::filesystem::exists(side);
-                EXPECT_TRUE(!left || says("--roll-back") || mute || s.fault.lasting) << text;
+                EXPECT_TRUE(!left || says("--roll-back") || mute) << text;
                 if (left || says("--roll-back")) orva::rollBack(fName);
-                EXPECT_TRUE(present(fName) == old || ((mute || s.fault.lasting) && rowsOf(fName) == append.newRows()))
-                    << failure << ": " << text;
+                EXPECT_TRUE(present(fName) == old || (mute && rowsOf(fName) == append.newRows())) << text;
             }
         });
         EXPECT_GT(undone, 15);

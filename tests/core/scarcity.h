@@ -21,7 +21,7 @@ struct Fault {
     enum Kind { Calls, Memory, Codecs, Threads, Cipher, Kinds };
     const char* name;
     Kind kind;
-    int error = 0;            // 0: the call is only cut short
+    int error = 0;
     bool lasting = false;     // else once
     bool afterAPart = false;  // a transfer first moves some bytes, and the next call fails
 };
@@ -48,47 +48,35 @@ void* allocated(std::size_t size, std::size_t alignment) noexcept {
     for (std::size_t before = peak; before < now && !peak.compare_exchange_weak(before, now);) continue;
     return bytes;
 }
-void* allocatedOrThrow(std::size_t size, std::size_t alignment) {
-    void* bytes = allocated(size, alignment);
-    return bytes != nullptr ? bytes : throw std::bad_alloc();
-}
-void released(void* bytes) noexcept {
-    used -= malloc_usable_size(bytes);
-    std::free(bytes);
-}
 
 }  // namespace
 
 // The forms that do not throw too: a sanitizer's own do not call these.
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    void* bytes = allocated(size, static_cast<std::size_t>(alignment));
+    return bytes != nullptr ? bytes : throw std::bad_alloc();
+}
 void* operator new(std::size_t size) {
-    return allocatedOrThrow(size, 16);
+    return operator new (size, std::align_val_t{16});
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return allocated(size, 16);
-}
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    return allocatedOrThrow(size, static_cast<std::size_t>(alignment));
 }
 void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
     return allocated(size, static_cast<std::size_t>(alignment));
 }
 void operator delete(void* bytes) noexcept {
-    released(bytes);
+    used -= malloc_usable_size(bytes);
+    std::free(bytes);
 }
 void operator delete(void* bytes, std::size_t) noexcept {
-    released(bytes);
-}
-void operator delete(void* bytes, const std::nothrow_t&) noexcept {
-    released(bytes);
-}
-void operator delete(void* bytes, std::align_val_t, const std::nothrow_t&) noexcept {
-    released(bytes);
+    operator delete(bytes);
 }
 void operator delete(void* bytes, std::align_val_t) noexcept {
-    released(bytes);
+    operator delete(bytes);
 }
 void operator delete(void* bytes, std::size_t, std::align_val_t) noexcept {
-    released(bytes);
+    operator delete(bytes);
 }
 
 // Found before the system's own, by the standard library too.
@@ -102,10 +90,6 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 // The linker leads the library's calls here (--wrap).
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-int __real_deflateInit_(z_stream* stream, int level, const char* version, int size);
-int __wrap_deflateInit_(z_stream* stream, int level, const char* version, int size) {
-    return strikes(Fault::Codecs) ? Z_MEM_ERROR : __real_deflateInit_(stream, level, version, size);
-}
 int __real_inflateInit_(z_stream* stream, const char* version, int size);
 int __wrap_inflateInit_(z_stream* stream, const char* version, int size) {
     return strikes(Fault::Codecs) ? Z_MEM_ERROR : __real_inflateInit_(stream, version, size);
@@ -128,8 +112,8 @@ namespace core {
 class Scarcity : public platform::faults::Hook, public workdir::faults::Hook {
 public:
     Scarcity(const Fault& what, std::uint64_t k) : fault(what) {
-        // A call that is cut short counts as the k-th, and the next one fails.
-        first = k + (fault.afterAPart && fault.error != 0 ? 1 : 0);
+        // A call that is cut short counts as the k-th.
+        first = k + (fault.afterAPart ? 1 : 0);
         last = fault.lasting ? UINT64_MAX : first.load();
         kind = fault.kind;
         count = 0;
@@ -145,43 +129,34 @@ public:
     // something was thrown.
     template <class Body>
     std::string heard(Body body) {
-        struct Striking {
-            Striking() { striking = true; }
-            ~Striking() { striking = false; }
-        };
         text.clear();
-        return failureOf([&] {
+        striking = true;
+        const std::string failure = failureOf([&] {
             try {
-                const Striking now;
                 body();
             } catch (const std::exception& error) {
+                striking = false;
                 text = error.what();
                 throw;
             }
         });
+        striking = false;
+        return failure;
     }
     // There was a k-th piece.
     bool reached() const { return count >= first; }
-    // It was refused. Other calls go on after they were cut short or interrupted.
-    bool refused() const {
-        return reached() && (fault.kind != Fault::Calls || (fault.error != 0 && fault.error != EINTR));
-    }
 
     bool fails(workdir::faults::Call) noexcept override { return strikes(Fault::Cipher); }
-    Verdict before(const platform::faults::Step& step) override {
-        const bool strikesNow = strikes(Fault::Calls);
-        const bool transfers = step.call == Call::Read || step.call == Call::Write;
-        const Verdict part = transfers ? Verdict::atMost(step.size / 2 + 1) : Verdict::goOn();
-        if (!strikesNow) return fault.afterAPart && striking && count + 1 == first ? part : Verdict::goOn();
-        const bool neverInterrupted =
-            step.call == Call::Seek || step.call == Call::Duplicate || step.call >= Call::Rename;
-        if (fault.error == EINTR && neverInterrupted) return Verdict::goOn();
-        return fault.error == 0 ? part : Verdict::fail(fault.error);
+    Verdict before(const Step& step) override {
+        if (strikes(Fault::Calls)) return Verdict::fail(fault.error);
+        const bool cut =
+            fault.afterAPart && count + 1 == first && (step.call == Call::Read || step.call == Call::Write);
+        return cut ? Verdict::atMost(step.size / 2 + 1) : Verdict::goOn();
     }
-    void after(const platform::faults::Step& step) override {
+    void after(const Step& step) override {
         if (step.call != Call::Write) return;
         if (bWriteFailed && step.result > 0) bBehindFailure = true;
-        if (step.result < 0 && step.error != EINTR) bWriteFailed = true;
+        if (step.result < 0) bWriteFailed = true;
         if (step.result <= 0) return;
         const bool heading = step.offset >= kRow0 && step.offset < kRow0 + kHeadingSize;
         if (bHeading && !heading) bBehindHeading = true;
@@ -198,8 +173,7 @@ public:
 inline std::size_t takePeakOfMemory() {
     static std::size_t base = 0;
     const std::size_t most = peak - base;
-    base = used;
-    peak = base;
+    peak = base = used;
     return most;
 }
 
