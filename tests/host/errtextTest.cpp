@@ -4,23 +4,19 @@
 
 namespace {
 
-struct TextCase {
-    int error;
-    long code;
-    const char* file;
-    const char* text;
-};
-constexpr TextCase kTexts[] = {
-    {ENOSPC, 1002, "x.dat",
-     "cannot write \"x.dat\": No space left on device (datasrc.err 1002); free "
-     "some space and try again"},
-    {EINVAL, 1003, "a b", "cannot read \"a b\": Invalid argument (datasrc.err 1003)"},
-    {0, 1003, "x", "cannot read \"x\": unknown error (datasrc.err 1003)"},
-    {EINVAL, 7, nullptr, "cannot use \"\": Invalid argument (datasrc.err 7)"},
-};
-
 TEST(ThrowError, TellsProgramsAndPersonsWhatFailed) {
-    for (const TextCase& row : kTexts) {
+    const struct {
+        int error;
+        long code;
+        const char* file;
+        const char* text;
+    } rows[] = {
+        {ENOSPC, 1002, "x",
+         "cannot write \"x\": No space left on device (datasrc.err 1002); free some space and try again"},
+        {0, 1003, "a b", "cannot read \"a b\": unknown error (datasrc.err 1003)"},
+        {EINVAL, 7, nullptr, "cannot use \"\": Invalid argument (datasrc.err 7)"},
+    };
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
         FileError copy(EIO, "", 0, "");  // outlives the failure that it is given
         errno = row.error;
