@@ -8,18 +8,9 @@
 namespace core {
 namespace {
 
-struct Breach {
-    std::string text;
-    std::function<void()> call;
-};
-
-void expectDeaths(const std::vector<Breach>& breaches) {
-    for (const Breach& breach : breaches) EXPECT_ASSERTION(breach.call(), breach.text);
-}
-
 using Breaches = TempDir;
 
-TEST_F(Breaches, OfAStream) {
+TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
     const auto fresh = freshStream(path("fresh"), 0);
     const auto stream = startedWriter(path("rows.orva"), 1);
     const auto closed = startedWriter(path("closed"), 0);
@@ -29,9 +20,17 @@ TEST_F(Breaches, OfAStream) {
         write(*wrong, Bytes(10, 'x'));
         wrong->Flush();
     };
-    const std::string jump = "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && ";
     write(*stream, Bytes(10, 'x'));
-    expectDeaths({
+    filePosInfo unread(kBlock), lies(kBlock);
+    Bytes index = bytesOf(filePosRecord{-100, 0, kBlock, 1}) + bytesOf(filePosRecord{0, 24, kBlock, 1'000});
+    lies.parseForRead(index.data(), false);
+    std::uint32_t none = 0;
+    char b[8] = {};
+    const std::string jump = "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && ";
+    const struct {
+        std::string text;
+        std::function<void()> call;
+    } breaches[] = {
         {"bIsWriting == true", [&] { fresh->Write("x", 1); }},
         {"bIsWriting == false", [&] { stream->Read(nullptr, 1); }},
         {"seek from end with zcmpsFilestr::Seek", [&] { stream->Seek(0, ORVA_StrBaseIO::SeekFromEnd); }},
@@ -43,25 +42,15 @@ TEST_F(Breaches, OfAStream) {
         {"fData->bClosed == false", [&] { closed->readFilePosInfo(kRow0, false); }},
         {"fpIOThread != 0", [&] { flushedBy(2); }},
         {"fpIOThread != 0", [&] { flushedBy(-1); }},
-    });
-    EXPECT_EQ(stream->Close(), 1);
-}
-
-TEST_F(Breaches, OfIndexAndCodecs) {
-    filePosInfo fresh(kBlock), lies(kBlock);
-    Bytes index = bytesOf(filePosRecord{-100, 0, kBlock, 1}) + bytesOf(filePosRecord{0, 24, kBlock, 1'000});
-    lies.parseForRead(index.data(), false);
-    std::uint32_t none = 0;
-    char b[8] = {};
-    const std::string arguments = "souce && dest && outCount && inCount";
-    expectDeaths({
-        {"pInfoBuffer != 0", [&] { fresh.findRecord(1); }},
-        {"buff != 0", [&] { fresh.parseForAppend(nullptr, false); }},
+        {"pInfoBuffer != 0", [&] { unread.findRecord(1); }},
+        {"buff != 0", [&] { unread.parseForAppend(nullptr, false); }},
         {"pInfoBuffer->orginalPos != 0", [&] { lies.findRecord(1); }},
         {"souce||dest||outCount||inCount", [&] { zlibCompressBlock().compressBlock(nullptr, 0, nullptr, none); }},
-        {arguments, [&] { lz4CompressBlock::compressBlock(nullptr, 8, b, 8, 0); }},
-        {arguments, [&] { lz4CompressBlock::decompressBlock(b, 0, b, 8); }},
-    });
+        {"souce && dest && outCount && inCount", [&] { lz4CompressBlock::compressBlock(nullptr, 8, b, 8, 0); }},
+        {"souce && dest && outCount && inCount", [&] { lz4CompressBlock::decompressBlock(b, 0, b, 8); }},
+    };
+    for (const auto& breach : breaches) EXPECT_ASSERTION(breach.call(), breach.text);
+    EXPECT_EQ(stream->Close(), 1);
 }
 
 }  // namespace

@@ -16,16 +16,18 @@ TEST_F(Limits, PlacesBeyond4GiB) {
     file.Seek(row0 - 100'000, ORVA_StrBaseIO::SeekFromStart);
     write(file, fRows);
     for (const int road : {0, 1, kTwo}) {
-        auto rows = std::make_unique<zcmpsFilestr>(file);
-        takeRoad(*rows, road);
-        beginRows(*rows, row0);
-        write(*rows, fRows);
-        rows.reset();
-        rows = Reader(fName, 0, row0).release();
-        rows->setSafeAppend(true);
-        resume(*rows, row0 + 100'000);
-        write(*rows, fRows);
-        rows.reset();
+        {
+            zcmpsFilestr rows(file);
+            takeRoad(rows, road);
+            beginRows(rows, row0);
+            write(rows, fRows);
+        }
+        {
+            const Reader rows(fName, 0, row0);
+            rows->setSafeAppend(true);
+            resume(*rows, row0 + 100'000);
+            write(*rows, fRows);
+        }
         EXPECT_TRUE(sameBytes(Reader(fName, road, row0).read(300'000), fRows + fRows));
     }
     file.Open(fName.c_str(), "rb");
