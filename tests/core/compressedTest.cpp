@@ -1,7 +1,11 @@
-// Writing: choices, cuts, beginnings and ends. Reading: what needs no file, and how a damaged file or
-// block is refused. Which blocks and rows writes make is modelTest.cpp's; lies of heading and index are told in
-// recovery/damageTest.cpp, breaches in breachTest.cpp.
+// Writing: choices, cuts, beginnings and ends. Reading: what needs no file, and how a damaged file or block is refused.
+// Then breaches of a caller's duty, large files, which are cheap since they have holes, and forks. Which blocks and
+// rows writes make is modelTest.cpp's; lies of heading and index are told in recovery/damageTest.cpp.
 #include "coreTest.h"
+#include "format/filePosInfo.h"
+
+#include <orva/lz4Compress.h>
+#include <orva/zlibCompress.h>
 
 #include <chrono>
 #include <thread>
@@ -184,6 +188,114 @@ TEST_P(CompressedRead, AnAppendBesideTheReaderIsNoDamage) {
     reader->Close();
     reader->readFilePosInfo(kRow0, false);
     EXPECT_TRUE(sameBytes(reader.read(100'000), joined(fBlocks) + added));
+}
+
+using Breaches = TempDir;
+
+TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
+    const auto fresh = freshStream(path("fresh"), 0);
+    const auto stream = startedWriter(path("rows.orva"), 1);
+    const auto closed = startedWriter(path("closed"), 0);
+    closed->Close();
+    const auto flushedBy = [&](int withoutWorker) {
+        const auto wrong = startedWriter(path("other"), withoutWorker);
+        write(*wrong, Bytes(10, 'x'));
+        wrong->Flush();
+    };
+    write(*stream, Bytes(10, 'x'));
+    filePosInfo unread(kBlock), lies(kBlock);
+    Bytes index = bytesOf(filePosRecord{-100, 0, kBlock, 1}) + bytesOf(filePosRecord{0, 24, kBlock, 1'000});
+    lies.parseForRead(index.data(), false);
+    std::uint32_t none = 0;
+    char b[8] = {};
+    const std::string jump = "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && ";
+    const struct {
+        std::string text;
+        std::function<void()> call;
+    } breaches[] = {
+        {"bIsWriting == true", [&] { fresh->Write("x", 1); }},
+        {"bIsWriting == false", [&] { stream->Read(nullptr, 1); }},
+        {"seek from end with zcmpsFilestr::Seek", [&] { stream->Seek(0, ORVA_StrBaseIO::SeekFromEnd); }},
+        {jump + "\"Jumped write in zcmpsFilestr::Data::Write\"",
+         [&] { stream->Seek(1, ORVA_StrBaseIO::SeekFromStart), stream->Write("x", 1); }},
+        {"fData->fpIOThread == 0", [&] { stream->setMultiThread(0); }},
+        {"fData->bClosed == false", [&] { closed->Write("x", 1); }},
+        {"fData->bClosed == false", [&] { closed->setRow0Pos(kRow0); }},
+        {"fData->bClosed == false", [&] { closed->readFilePosInfo(kRow0, false); }},
+        {"fpIOThread != 0", [&] { flushedBy(2); }},
+        {"fpIOThread != 0", [&] { flushedBy(-1); }},
+        {"pInfoBuffer != 0", [&] { unread.findRecord(1); }},
+        {"buff != 0", [&] { unread.parseForAppend(nullptr, false); }},
+        {"pInfoBuffer->orginalPos != 0", [&] { lies.findRecord(1); }},
+        {"souce||dest||outCount||inCount", [&] { zlibCompressBlock().compressBlock(nullptr, 0, nullptr, none); }},
+        {"souce && dest && outCount && inCount", [&] { lz4CompressBlock::compressBlock(nullptr, 8, b, 8, 0); }},
+        {"souce && dest && outCount && inCount", [&] { lz4CompressBlock::decompressBlock(b, 0, b, 8); }},
+    };
+    for (const auto& breach : breaches) EXPECT_ASSERTION(breach.call(), breach.text);
+    EXPECT_EQ(stream->Close(), 1);
+}
+
+class Limits : public TempDir {
+protected:
+    const std::string fName = path("file");
+    const Bytes fRows = RandomBytes(3).rows(100'000);
+};
+
+TEST_F(Limits, PlacesBeyond4GiB) {
+    constexpr std::int64_t row0 = (std::int64_t{5} << 30) + 7;
+    ORVA_FileStream file(fName.c_str(), "w+b");
+    file.Seek(row0 - 100'000, ORVA_StrBaseIO::SeekFromStart);
+    write(file, fRows);
+    for (const int road : {0, 1, kTwo}) {
+        {
+            zcmpsFilestr rows(file);
+            takeRoad(rows, road);
+            beginRows(rows, row0);
+            write(rows, fRows);
+        }
+        {
+            const Reader rows(fName, 0, row0);
+            rows->setSafeAppend(true);
+            resume(*rows, row0 + 100'000);
+            write(*rows, fRows);
+        }
+        EXPECT_TRUE(sameBytes(Reader(fName, road, row0).read(300'000), fRows + fRows));
+    }
+    file.Open(fName.c_str(), "rb");
+    file.Seek(row0 - 100'000, ORVA_StrBaseIO::SeekFromStart);
+    EXPECT_TRUE(sameBytes(read(file, 100'000), fRows));
+}
+
+// A child has none of its parent's threads, so it must not wait for one, nor end the parent's file.
+TEST_F(Limits, AForkWhileWorkersLive) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "a child of several threads cannot start threads there";
+#endif
+    const std::string other = path("other");
+    makeFile(other, {fRows, fRows});
+    ORVA_FileStream plain(path("plain").c_str(), "w+b");
+    plain.EnableMultiThreadReading();
+    write(plain, fRows);
+    for (const int road : {0, 1, kTwo}) {
+        auto writer = startedWriter(fName, road);
+        writeBlocks(*writer, {fRows});
+        Reader reader(other, road == 1 ? 2 : road, kRow0);
+        reader.read(100'001);
+        expectInChild([&] {
+            EXPECT_EQ(ORVA_FileStream(fName.c_str(), "r+b").Good(), 0) << "a second writer in another process";
+            EXPECT_EQ(writer->Close() + reader->Close() + plain.Close(), 0);
+            writer->abandon();
+            writer.reset();
+            reader.release().reset();
+            EXPECT_TRUE(sameBytes(Reader(other, road, kRow0).read(300'000), fRows + fRows));
+        });
+        EXPECT_EQ(readBytes(path("plain")), Bytes());
+        expectInChild([&] { execl("/bin/true", "true", nullptr); });
+        EXPECT_EQ(reader.readAt(kRow0 + 99'999, 3).size(), 3U);
+        write(*writer, fRows);
+        EXPECT_EQ(writer->Close(), 1);
+        EXPECT_TRUE(sameBytes(Reader(fName, 0, kRow0).read(300'000), fRows + fRows));
+    }
 }
 
 }  // namespace
