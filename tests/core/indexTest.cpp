@@ -45,6 +45,7 @@ TEST(Layout, HeadingAndIndexAreWrittenAndReadAsDocumentedInBothByteOrders) {
         index.parseForRead(stored.data(), swap);
         index.parseForRead(nullptr, swap);  // changes nothing
         ASSERT_EQ(index.parsedCount(), 3u);
+        EXPECT_EQ(index.blockSize(), kBlock);
         for (std::uint32_t i = 0; i < 3; ++i) EXPECT_EQ(bytesOf(index.parsed(i)), bytesOf(kExample[i]));
         EXPECT_EQ(bytesOf(appended.parseForAppend(stored.data(), swap)), bytesOf(kExample[2]));
         EXPECT_TRUE(appended.recordCount() == 2 && appended.writtenEnd(0) == 2'901'024) << "the last is the caller's";
