@@ -19,13 +19,12 @@ using testing::StartsWith;
 
 class CompressedWrite : public TempDir, public testing::WithParamInterface<int> {
 protected:
-    std::unique_ptr<zcmpsFilestr> started() const { return startedWriter(fName, GetParam()); }
-    static void finish(zcmpsFilestr& stream, const Bytes& rows) {
+    void finish(zcmpsFilestr& stream, const Bytes& rows, const std::vector<std::int32_t>& sizes) const {
         write(stream, rows);
         EXPECT_EQ(stream.Close(), 1);
+        expectFinished(readBytes(fName), rows, sizes);
     }
     const std::string fName = path("rows.orva");
-    const Bytes fRows = Bytes(10, 'x');
     const int kBestLevel = zcmpsFilestr::bestCompressionLevel();
 };
 INSTANTIATE_TEST_SUITE_P(Roads, CompressedWrite, testing::Values(0, 1, kSeveral), testing::PrintToStringParamName());
@@ -44,25 +43,22 @@ TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
     for (const int n : {-1, 0, kBestLevel + 1}) EXPECT_EQ(levelFails(n), level + "not " + std::to_string(n));
     beginRows(*stream);
     EXPECT_EQ(lengthFails(kBlock) + levelFails(2), length + late + level + late);
-    finish(*stream, Bytes(100'000, 'x'));
-    expectFinished(readBytes(fName), Bytes(100'000, 'x'), {70'000, 30'000});
+    finish(*stream, Bytes(100'000, 'x'), {70'000, 30'000});
 }
 
 TEST_P(CompressedWrite, CutsABlockThatDeflateCannotFitAtAnyLevel) {
-    RandomBytes random(22);
-    const Bytes rows = random.noise(kBlock) + random.rows(5'000);
+    const Bytes rows = RandomBytes(22).noise(kBlock) + Bytes(5'000, 'x');
     for (const int level : {1, 2, kBestLevel}) {
         const auto stream = freshStream(fName, GetParam());
         stream->setCompressionLevel(level);
         beginRows(*stream);
-        finish(*stream, rows);
-        expectFinished(readBytes(fName), rows, {kBlock / 2, kBlock / 2, 5'000});
+        finish(*stream, rows, {kBlock / 2, kBlock / 2, 5'000});
     }
 }
 
 // The thread that writes the first block is held there until the stream is being abandoned.
 TEST_P(CompressedWrite, AbandonGivesUpTheBlocksThatWait) {
-    const auto stream = started();
+    const auto stream = startedWriter(fName, GetParam());
     std::atomic<bool> abandoning{false};
     std::atomic<int> writes{0};
     const CallHook hook([&](const Step& step, std::uint64_t) {
@@ -90,15 +86,14 @@ TEST_P(CompressedWrite, CannotBeginWithoutRoomForABlockOrTheFileAndMayTryAgain) 
     EXPECT_EQ(failureOf([&] { stream->Read(nullptr, 1); }), failure);
     std::filesystem::rename(path("elsewhere"), fName);
     beginRows(*stream);
-    finish(*stream, fRows);
-    expectFinished(readBytes(fName), fRows, {10});
+    finish(*stream, Bytes(10, 'x'), {10});
 }
 
 TEST_P(CompressedWrite, DestructorThrowsOnlyWhatNobodyHeard) {
     const auto fails = [&](bool beside) {
         const CallHook disk(badPlace(Call::Write, EIO));
-        auto stream = started();
-        write(*stream, fRows);
+        auto stream = startedWriter(fName, GetParam());
+        write(*stream, Bytes(10, 'x'));
         if (beside) throw std::runtime_error("first");
         delete stream.release();
     };
@@ -108,14 +103,13 @@ TEST_P(CompressedWrite, DestructorThrowsOnlyWhatNobodyHeard) {
 
 class CompressedRead : public ShortBlocks, public testing::WithParamInterface<int> {
 protected:
-    Reader opened() const { return Reader(fName, GetParam(), kRow0); }
     std::int64_t row(std::size_t block) const { return fLayout.records[block].orginalPos; }
     const Layout fLayout{fFile};
 };
 INSTANTIATE_TEST_SUITE_P(Roads, CompressedRead, testing::Values(0, 2, kSeveral), testing::PrintToStringParamName());
 
 TEST_P(CompressedRead, WhatIsLoadedOrCachedCostsNoFileCall) {
-    Reader reader = opened();
+    Reader reader(fName, GetParam(), kRow0);
     reader.readAt(row(5) + 20, 60);  // the last block, behind which nothing is read ahead
     const CallHook calls;
     reader->Seek(-10, ORVA_StrBaseIO::SeekFromCurrent);
@@ -172,7 +166,7 @@ TEST_P(CompressedRead, ADamagedBlockOrAGapIsRefusedAndTheOthersStayReadable) {
 }
 
 TEST_P(CompressedRead, AnAppendBesideTheReaderIsNoDamage) {
-    const Reader reader = opened();
+    const Reader reader(fName, GetParam(), kRow0);
     EXPECT_EQ(reader.readAt(row(0), 3'000), fBlocks[0]);
     const Bytes added(50'000, 'y');
     Reader other(fName, 0, kRow0);

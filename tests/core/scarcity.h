@@ -8,7 +8,6 @@
 #include <orva/workdirFaults.h>
 
 #include <dlfcn.h>
-#include <malloc.h>
 #include <pthread.h>
 
 #include <new>
@@ -32,7 +31,7 @@ namespace {
 std::atomic<bool> striking{false};
 std::atomic<Fault::Kind> kind{};
 std::atomic<std::uint64_t> first{0}, last{0}, count{0};
-std::atomic<std::size_t> used{0}, peak{0};
+std::atomic<std::size_t> mostAtOnce{SIZE_MAX};  // of memory, above which there is none
 
 bool strikes(Fault::Kind what) noexcept {
     if (!striking || kind != what) return false;
@@ -42,11 +41,8 @@ bool strikes(Fault::Kind what) noexcept {
 
 void* allocated(std::size_t size, std::size_t alignment) noexcept {
     void* bytes = nullptr;
-    if (strikes(Fault::Memory)) return nullptr;
-    if (posix_memalign(&bytes, std::max(alignment, sizeof(void*)), std::max<std::size_t>(size, 1)) != 0) return nullptr;
-    const std::size_t now = used += malloc_usable_size(bytes);
-    for (std::size_t before = peak; before < now && !peak.compare_exchange_weak(before, now);) continue;
-    return bytes;
+    if (size > mostAtOnce || strikes(Fault::Memory)) return nullptr;
+    return posix_memalign(&bytes, alignment, std::max<std::size_t>(size, 1)) == 0 ? bytes : nullptr;
 }
 
 }  // namespace
@@ -66,7 +62,6 @@ void* operator new(std::size_t size, std::align_val_t alignment, const std::noth
     return allocated(size, static_cast<std::size_t>(alignment));
 }
 void operator delete(void* bytes) noexcept {
-    used -= malloc_usable_size(bytes);
     std::free(bytes);
 }
 void operator delete(void* bytes, std::size_t) noexcept {
@@ -94,16 +89,6 @@ int __real_inflateInit_(z_stream* stream, const char* version, int size);
 int __wrap_inflateInit_(z_stream* stream, const char* version, int size) {
     return strikes(Fault::Codecs) ? Z_MEM_ERROR : __real_inflateInit_(stream, version, size);
 }
-#if ORVA_FAST_CODEC
-libdeflate_compressor* __real_libdeflate_alloc_compressor(int level);
-libdeflate_compressor* __wrap_libdeflate_alloc_compressor(int level) {
-    return strikes(Fault::Codecs) ? nullptr : __real_libdeflate_alloc_compressor(level);
-}
-libdeflate_decompressor* __real_libdeflate_alloc_decompressor();
-libdeflate_decompressor* __wrap_libdeflate_alloc_decompressor() {
-    return strikes(Fault::Codecs) ? nullptr : __real_libdeflate_alloc_decompressor();
-}
-#endif
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 }
 
@@ -117,6 +102,10 @@ public:
         last = fault.lasting ? UINT64_MAX : first.load();
         kind = fault.kind;
         count = 0;
+#if ORVA_FAST_CODEC
+        libdeflate_set_memory_allocator(
+            [](std::size_t size) { return strikes(Fault::Codecs) ? nullptr : std::malloc(size); }, std::free);
+#endif
         platform::faults::install(this);
         workdir::faults::install(this);
     }
@@ -144,9 +133,13 @@ public:
         return failure;
     }
     // There was a k-th piece.
-    bool reached() const { return count >= first; }
+    bool reached() const {
+        return count >= first;
+    }
 
-    bool fails(workdir::faults::Call) noexcept override { return strikes(Fault::Cipher); }
+    bool fails(workdir::faults::Call) noexcept override {
+        return strikes(Fault::Cipher);
+    }
     Verdict before(const Step& step) override {
         if (strikes(Fault::Calls)) return Verdict::fail(fault.error);
         const bool cut =
@@ -168,13 +161,5 @@ public:
     std::atomic<bool> bHeading{false}, bBehindHeading{false};  // bytes were written there
     std::atomic<bool> bWriteFailed{false}, bBehindFailure{false};
 };
-
-// The most memory of operator new since the last time, above what was in use then.
-inline std::size_t takePeakOfMemory() {
-    static std::size_t base = 0;
-    const std::size_t most = peak - base;
-    peak = base = used;
-    return most;
-}
 
 }  // namespace core
