@@ -68,7 +68,6 @@ TEST(ZlibCodec, NoiseInPartCostsNoRatio) {
         const char* name;
         std::size_t begin, count, every;  // of each so many bytes behind `begin`, up to `count`, the first repeats
     } cases[] = {
-        {"AllNoise", 0, 0, 1},
         {"AHundredthAndAHalfAtSomePlace", 1'234'567, kBlock / 64, 1},
         {"AByteOfThirty", 0, kBlock, 30},
         {"AllButTheBeginning", 3'000'000, kBlock - 3'000'000, 2},
@@ -76,29 +75,27 @@ TEST(ZlibCodec, NoiseInPartCostsNoRatio) {
     Bytes scratch(orva::deflateRoom());
     zlibCompressBlock codec;
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
         Bytes block = kNoise;
         for (std::size_t i = 0; i < c.count; i += c.every) block[c.begin + i] = 7;
         const orva::deflatedBlock made = orva::deflateBlock(codec, 1, block.data(), kBlock, scratch.data());
-        EXPECT_LE(made.length + made.secondLength, 1.01 * static_cast<double>(deflated(block).size()));
-        EXPECT_TRUE(c.count != 0 || made.secondRows == kBlock / 2);
+        const auto without = static_cast<double>(deflated(block).size());
+        EXPECT_LE(made.length + made.secondLength, 1.01 * without) << c.name;
     }
 }
 
 TEST(Lz4Codec, CompressesByLevelAndReportsWhatDoesNotFit) {
-    const auto chars = [](Bytes& bytes) { return reinterpret_cast<char*>(bytes.data()); };
     constexpr std::uint32_t failed = 1U << 31;  // and above
     Bytes rows = kRows, packed(120'000), back(100'000);
+    char* const from = reinterpret_cast<char*>(rows.data());
+    char* const to = reinterpret_cast<char*>(packed.data());
+    const auto unpack = [&](std::uint32_t size, std::uint32_t room) {
+        return lz4CompressBlock::decompressBlock(to, size, reinterpret_cast<char*>(back.data()), room);
+    };
     std::vector<std::uint32_t> sizes;
     for (const int level : {0, 1, 12}) {
-        const auto pack = [&](std::uint32_t room) {
-            return lz4CompressBlock::compressBlock(chars(rows), 100'000, chars(packed), room, level);
-        };
-        const auto unpack = [&](std::uint32_t size, std::uint32_t room) {
-            return lz4CompressBlock::decompressBlock(chars(packed), size, chars(back), room);
-        };
-        EXPECT_EQ(pack(level == 0 ? 20'000 : 100), 0U);
-        const std::uint32_t size = sizes.emplace_back(pack(120'000));
+        EXPECT_EQ(lz4CompressBlock::compressBlock(from, 100'000, to, level == 0 ? 20'000 : 100, level), 0U);
+        const std::uint32_t size =
+            sizes.emplace_back(lz4CompressBlock::compressBlock(from, 100'000, to, 120'000, level));
         EXPECT_TRUE(unpack(size, 100'000) == 100'000 && back == kRows);
         EXPECT_TRUE(unpack(size, 99'999) >= failed && unpack(size - 3, 100'000) >= failed);
     }

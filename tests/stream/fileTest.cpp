@@ -178,12 +178,10 @@ struct Counted : ORVA_RefCntObject {
 };
 
 TEST(RefCounted, HoldersShareTheLastOneDeletesAndSomeGetFreshCopies) {
-    RefCountPtr<Counted> first(new Counted), second;
+    RefCountPtr<Counted> first(new Counted), second(new Counted);
     first = first.get();
-    EXPECT_EQ(Counted::alive, 1) << "the pointer it has already";
-    second = new Counted;
     second = first;
-    EXPECT_EQ(Counted::alive, 1) << "the old object is gone";
+    EXPECT_EQ(Counted::alive, 1) << "the pointer it has already, and the old object is gone";
     EXPECT_TRUE(first->IsShared() == 1 && first == second && !(first != second.get()));
     Counted* object = first.get();
     object->refusesCopies = true;
