@@ -239,7 +239,8 @@ TEST_F(StreamFaults, AStreamThatIsWrittenAndRead) {
         const auto expectContent = [&] {
             const std::pair<std::int64_t, std::int64_t> requests[] = {
                 {0, 1'600}, {512, 160}, {kBlock - 512, 4'800}, {1'024, kBlock + 40'960}, {end - 155, 320}, {0, 32}};
-            for (const auto& [at, size] : requests) {
+            for (const auto& request : requests) {
+                const std::int64_t at = request.first, size = request.second;
                 Bytes found;
                 untilDone(s, [&] {
                     stream->Clear();
