@@ -1,6 +1,8 @@
-"""Files that the tests share."""
+# Files that the tests share.
 
-import os
+import io
+import shutil
+import time
 from pathlib import Path
 from typing import Any
 
@@ -11,41 +13,44 @@ import orva
 
 TRADE = np.dtype([("time", "<i8"), ("price", "<f8"), ("flags", "u1", (3,)), ("name", "S2")])  # 21 bytes
 BLOCK = 65_536
-DAMAGED = slice(9_362, 12_484)  # the rows that the fourth block has bytes of
+# Seven blocks, whose borders lie in rows.
+ROWS = np.array([(number, number % 7_919 / 7, (1, 2, 3), b"ab") for number in range(20_000)], TRADE)
+BYTES = ROWS.tobytes()
 
 
-def trades(count: int) -> Any:
-    rows = np.zeros(count, TRADE)
-    rows["time"] = np.arange(count)
-    rows["price"] = np.random.default_rng(1).normal(size=count)
-    rows["name"] = b"ab"
-    return rows
+class Slow(io.BytesIO):
+    reads = 0
+
+    def readinto(self, to: Any) -> int:
+        self.reads += 1
+        time.sleep(0)  # lets other threads in, between seek and this
+        return super().readinto(to)
 
 
-ROWS = trades(20_000)  # seven blocks, whose borders lie in rows
+# A file's bytes, with damage in these blocks.
+def damaged(path: Path, *blocks: int) -> bytes:
+    bad = bytearray(path.read_bytes())
+    for block in (orva.info(path).blocks[number] for number in blocks):
+        bad[block.file_offset + 99 : block.file_offset + 107] = b"\xff" * 8
+    return bytes(bad)
 
 
+# A directory with trades.orva, which holds ROWS, bad.orva, whose fourth block is damaged, zeros.orva, whose reading takes a
+# while, and others.
 @pytest.fixture(scope="session")
 def shared(tmp_path_factory: pytest.TempPathFactory) -> Path:
-    """A directory with trades.orva, which holds ROWS, bad.orva, whose fourth block is damaged, and others."""
     home = tmp_path_factory.mktemp("shared")
     orva.write(home / "trades.orva", ROWS, block=BLOCK)
-    block = orva.info(home / "trades.orva").blocks[3]
-    bad = bytearray((home / "trades.orva").read_bytes())
-    bad[block.file_offset + 99 : block.file_offset + 107] = b"\xff" * 8
-    (home / "bad.orva").write_bytes(bad)
+    (home / "bad.orva").write_bytes(damaged(home / "trades.orva", 3))
     with orva.open(home / "bytes.orva", "wb") as file:
         file.write(b"123456789")
     orva.write(home / "numbers.orva", np.arange(10.0))
-    (home / "empty").write_bytes(b"")
-    (home / "other").write_bytes(b"no rows at all")
+    orva.write(home / "zeros.orva", np.zeros(1 << 25))
     return home
 
 
+# The working directory: a new one, with those files in it.
 @pytest.fixture
 def here(shared: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
-    """The working directory: a new one, with those files in it."""
-    for file in shared.iterdir():
-        os.link(file, tmp_path / file.name)
-    monkeypatch.chdir(tmp_path)
+    monkeypatch.chdir(shutil.copytree(shared, tmp_path, dirs_exist_ok=True))
     return tmp_path
