@@ -34,7 +34,8 @@ def frame_of(
         field = rows.dtype[name]
         if field.subdtype is not None or field.names is not None:
             raise ValueError(f"field {name!r} of {field} is no column")
-        parts[name] = np.empty(stop - first, field.newbyteorder("="))
+        # pandas has no columns of bytes: it would keep these as they are, and fail where it looks for missing values.
+        parts[name] = np.empty(stop - first, object if field.kind in "SV" else field.newbyteorder("="))
     done = 0
     for chunk in rows._chunks(first, stop):
         for name, part in parts.items():
@@ -44,7 +45,7 @@ def frame_of(
 
 
 def to_frame(path: Source, columns: Sequence[str] | None = None, dtype: npt.DTypeLike = None) -> pandas.DataFrame:
-    """A frame of the fields of a file's rows, a column each, in this machine's byte order.
+    """A frame of the fields of a file's rows, a column each, in this machine's byte order; bytes become objects.
 
     columns: the fields wanted, in this order; memory is taken for them only. dtype: as for `orva.rows`. Errors: as there;
     DamagedFileError for rows that are lost, which a frame cannot show: `orva.rows` masks them; ValueError for a field

@@ -185,7 +185,7 @@ def from_rows(
     storage_options: dict[str, Any] | None = None,
 ) -> Any:
     """The rows of files, one behind the other, as a Dask array, or as a dataframe with a column for each field, whose
-    index numbers the rows from 0.
+    index numbers the rows from 0. Fields of bytes are columns of objects, which `to_rows` refuses: there arrays go on.
 
     A partition ends where a block does, or with the row that goes on into the next one: so a block is inflated by two
     partitions at most, which share a row of it. Tasks hold a path and a range of rows. A worker opens a file once, for its

@@ -131,7 +131,7 @@ def test_a_search_tells_near_numbers_apart(here: Path) -> None:
 def test_frames(here: Path) -> None:
     orva.write("plain.orva", np.array([(1, 0.5), (2, 1.5)], [("time", ">i8"), ("price", "<f8")]))
     assert orva.to_frame("plain.orva").equals(pd.DataFrame({"time": [1, 2], "price": [0.5, 1.5]}))
-    some = {name: ROWS[name] for name in ("price", "time")}
+    some = {name: ROWS[name] for name in ("price", "name")}
     assert orva.to_frame("trades.orva", tuple(some)).equals(pd.DataFrame(some))
     assert orva.to_frame("numbers.orva", dtype=[("low", "<i4"), ("high", "<i4")]).shape == (10, 2)
 
