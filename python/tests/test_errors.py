@@ -79,7 +79,7 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "9 bytes are no whole number.* of 2", lambda: orva.rows("bytes.orva", "i2")),
     (ValueError, "rows of 21 bytes.*int64 has 8", lambda: trades("i8")),
     (ValueError, "no bytes that a file", lambda: rows([("a", object)]), lambda: write([None]), lambda: to_rows(OBJECTS)),
-    (ValueError, "have no bytes", lambda: write(np.zeros((3, 0))), lambda: rows("V0")),
+    (ValueError, "have no bytes", lambda: write(np.zeros((3, 0))), lambda: rows("V0"), lambda: to_rows(OBJECTS[[]])),
     (ValueError, "of no axis", lambda: write(3.0)),
     (ValueError, "overlap", lambda: write(np.zeros(2, OVERLAPPING))),
     (ValueError, "masked have no values", lambda: write(orva.rows("bad.orva", damaged="mask"))),
