@@ -28,7 +28,7 @@ void set(const orva::SystemError& error) {
     PyErr_SetObject(PyExc_OSError, told.ptr());
 }
 
-void translate(std::exception_ptr thrown) {
+void raise(std::exception_ptr thrown) {
     try {
         std::rethrow_exception(std::move(thrown));
     } catch (const orva::SystemError& error) {
@@ -41,6 +41,15 @@ void translate(std::exception_ptr thrown) {
         set("FileChangedError", error);
     } catch (const orva::Error& error) {
         PyErr_SetObject(PyExc_ValueError, decoded(error.what()).ptr());
+    }
+}
+
+// A signal's handler may run, and raise, while the exception is made: then that is what is raised.
+void translate(std::exception_ptr thrown) {
+    try {
+        raise(std::move(thrown));
+    } catch (py::error_already_set& raised) {
+        raised.restore();
     }
 }
 

@@ -119,6 +119,7 @@ LONG: dict[str, Callable[[str, int, Any], object]] = {
     "read": lambda name, threads, out: orva.open(name, threads=threads).readinto(out),
     "every seventh row": lambda name, threads, out: orva.rows(name, threads=threads)[::-7],
     "verify": lambda name, threads, out: orva.verify(name, threads=threads),
+    "search for a heading, in vain": lambda name, threads, out: orva.open("foreign"),
     "write": lambda name, threads, out: orva.write("new.orva", out, threads=threads, level=6),
 }
 
@@ -126,7 +127,9 @@ LONG: dict[str, Callable[[str, int, Any], object]] = {
 @pytest.mark.parametrize("threads", [1, 2])
 @pytest.mark.parametrize("work", LONG.values(), ids=LONG)
 def test_signals_act_within_a_block(here: Path, work: Any, threads: int) -> None:
-    out, before = np.ones(1 << 28, "u1"), sorted(os.listdir())
+    out = np.ones(1 << 28, "u1")
+    out[: 1 << 24].tofile("foreign")
+    before = sorted(os.listdir())
     signal.signal(signal.SIGALRM, lambda *_: 1 // 0)
     with pytest.raises(ZeroDivisionError):
         signal.setitimer(signal.ITIMER_REAL, 0.01)

@@ -118,8 +118,8 @@ OTHERS = [(range(7), 5, 9, 0, 20_000), ((0, 1), 5, 9, 0, 6_242), ((5, 6), 15_609
 
 @pytest.mark.parametrize("blocks, low, high, first, end", [((3,), *row) for row in FOURTH] + OTHERS)
 def test_a_search_goes_around_lost_rows(shared: Path, blocks: Any, low: int, high: int, first: int, end: int) -> None:
-    rows = orva.rows(io.BytesIO(damaged(shared / "trades.orva", *blocks)), damaged="mask")
-    assert rows.search("time", low, high) == slice(first, end)
+    source = io.BytesIO(damaged(shared / "trades.orva", *blocks))
+    assert orva.rows(source, damaged="mask").search("time", low, high) == slice(first, end)
 
 
 def test_a_search_tells_near_numbers_apart(here: Path) -> None:
