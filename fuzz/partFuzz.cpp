@@ -86,8 +86,7 @@ void joinTwice(const std::string& name) {
     soundFor<orva::Error>([&] { sound = orva::verify(name).sound(); });
     require(joined || !sound, "what is sound can be joined");
     if (!joined) return;
-    const orva::Reader once(name);
-    const orva::Reader twice(to);
+    const orva::Reader once(name), twice(to);
     require(twice.size() == 2 * once.size() && orva::verify(to).sound() == sound,
             "as many rows of each, as sound as they were");
     require(!sound || allRows(twice) == allRows(once) + allRows(once), "the rows of one behind those of the other");

@@ -62,6 +62,8 @@ struct source final : orva::ByteSource {
     mutable std::atomic<int> reads{0};
 };
 
+using Names = std::set<std::string>;
+
 class FaceTest : public TempDir {
 protected:
     // A finished file of the rows; its name.
@@ -76,15 +78,11 @@ protected:
         return written(name, rows, {.dictionary = {bytes.begin(), bytes.end()}});
     }
     Bytes rowsOf(const std::string& name) const { return allRows(orva::Reader(path(name))); }
-    // The names in the directory, in a line.
-    std::string names() const {
-        std::set<std::string> found;
-        for (const auto& entry : std::filesystem::directory_iterator(fDirectory)) {
-            found.insert(entry.path().filename().string());
-        }
-        std::string line;
-        for (const std::string& name : found) line += (line.empty() ? "" : " ") + name;
-        return line;
+    // The names in the directory.
+    Names names() const {
+        Names found;
+        for (const auto& entry : std::filesystem::directory_iterator(fDirectory)) found.insert(entry.path().filename());
+        return found;
     }
 };
 

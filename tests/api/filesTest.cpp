@@ -57,7 +57,7 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
         more.finish();
     };
     EXPECT_EQ(thrownBy([&] { orva::join(parts, path("none"), {.progress = grow}); }), "FileChangedError");
-    EXPECT_EQ(names(), "a all b");
+    EXPECT_EQ(names(), (Names{"a", "all", "b"}));
 }
 
 }  // namespace

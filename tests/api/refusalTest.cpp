@@ -23,7 +23,7 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     std::filesystem::create_directory(path("dir"));
     std::filesystem::create_symlink("/dev/full", path("device"));
     written("renamed", Bytes(10));
-    const std::string before = names();
+    const Names before = names();
 
     orva::Writer renamed = orva::Writer::append(path("renamed"));
     std::filesystem::rename(written("another", Bytes(10)), path("renamed"));
