@@ -177,7 +177,7 @@ TEST(SideFile, IsBelievedOnlyWhereNobodyElseCanHaveMadeIt) {
     EXPECT_FALSE(believes(owner, 99, 0660)) << "writable by another group";
     EXPECT_FALSE(believes(owner, 10, 0664, 2)) << "with a second name";
     EXPECT_FALSE(believes(owner, 10, 0664, 1, false)) << "no regular file";
-    for (const std::uint32_t mode : {02775, 01777}) {
+    for (const std::uint32_t mode : {02775U, 01777U}) {
         directoryMode = mode;
         EXPECT_FALSE(believes(member, 10, 0664)) << "where the directory gives the group, or all may put files";
     }
