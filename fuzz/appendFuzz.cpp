@@ -34,13 +34,11 @@ public:
             require(stream->Close() == 1, "an append ends");
             return requireAdded(from, added);
         }
-        const Bytes during = readBytes(name);
-        const Bytes side = readBytes(sideName);
+        const Bytes during = readBytes(name), side = readBytes(sideName);
         stream->abandon();
         stream.reset();  // and with it the writer's lock
         requireRestored();
-        if (way == 0) rollBack(during, side, false);
-        if (way == 1) rollBack(during, changed(side), true);
+        if (way < 2) rollBack(during, way == 1 ? changed(side) : side, way == 1);
     }
 
 private:
@@ -71,7 +69,7 @@ private:
             const auto size = steps.ConsumeIntegralInRange<std::uint32_t>(0, 2 * kBlockSize);
             const Bytes rows = SeededBytes(steps.ConsumeIntegral<std::uint8_t>()).rows(size);
             require(stream.Write(rows.data(), size) == size, "rows are taken");
-            added.insert(added.end(), rows.begin(), rows.end());
+            added = std::move(added) + rows;
             if (size % 3 == 0) stream.Flush();
         }
         return added;

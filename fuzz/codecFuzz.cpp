@@ -19,15 +19,10 @@ std::uint32_t sizeOf(const Bytes& bytes) {
 Bytes withChecksum(const Bytes& raw) {
     static libdeflate_decompressor* const engine = libdeflate_alloc_decompressor();
     Bytes rows(kBlockSize);
-    std::size_t taken = 0;
-    std::size_t produced = 0;
+    std::size_t taken = 0, produced = 0;
     libdeflate_deflate_decompress_ex(engine, raw.data(), raw.size(), rows.data(), rows.size(), &taken, &produced);
     rows.resize(produced);
-    const Bytes sum = checksumOf(rows);
-    Bytes stream{0x78, 0x01};
-    stream.insert(stream.end(), raw.begin(), raw.begin() + static_cast<std::ptrdiff_t>(taken));
-    stream.insert(stream.end(), sum.begin(), sum.end());
-    return stream;
+    return Bytes{0x78, 0x01} + slice(raw, 0, taken) + checksumOf(rows);
 }
 
 Bytes rowsOfWhole(const unsigned char* stream, std::uint32_t length) {
@@ -47,10 +42,7 @@ Bytes deflateRoundTrip(const Bytes& block) {
     });
     require(orva::isBlockSize(made.length) && made.secondLength <= kBlockSize, "a stream fits a block");
     Bytes rows = rowsOfWhole(streams.data(), made.length);
-    if (made.secondRows != 0) {
-        const Bytes rest = rowsOfWhole(streams.data() + made.length, made.secondLength);
-        rows.insert(rows.end(), rest.begin(), rest.end());
-    }
+    if (made.secondRows != 0) rows = std::move(rows) + rowsOfWhole(streams.data() + made.length, made.secondLength);
     require(rows == block, "a block comes back as it was");
     return streams;
 }
@@ -80,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         hostile[place % hostile.size()] ^= damage;
         hostile.push_back(damage);  // behind the stream's end, if it still has one
         inflated(hostile.data(), hostile.size(), room);
-        const Bytes own = withChecksum({hostile.begin() + std::min(std::ssize(hostile), kHeader), hostile.end()});
+        const Bytes own = withChecksum(slice(hostile, kHeader, hostile.size()));
         inflated(own.data(), own.size(), room);
     }
     return 0;

@@ -30,15 +30,13 @@ Bytes finished(const std::vector<std::size_t>& sizes, bool shrinking = true) {
     return readBytes(name);
 }
 
-Bytes withoutIndex(Bytes file) {
-    file.resize(static_cast<std::size_t>(Part(file, kRow0, false).blocksEnd));
-    return file;
+Bytes withoutIndex(const Bytes& file) {
+    return slice(file, 0, Part(file, kRow0, false).blocksEnd);
 }
 
 // An append leaves the heading of the file before; a new part, none.
-Bytes withHeading(const Bytes& other, Bytes file) {
-    std::copy_n(other.begin() + kRow0, kHeadingSize, file.begin() + kRow0);
-    return file;
+Bytes withHeading(const Bytes& other, const Bytes& file) {
+    return with(file, kRow0, slice(other, kRow0, kHeadingSize));
 }
 
 Files makeFiles() {
@@ -63,8 +61,7 @@ Files makeFiles() {
 
 // With numbers behind it that steer: `last` is the one taken first.
 void put(const std::string& directory, const std::string& name, Bytes input, unsigned char last = 0) {
-    const Bytes steering = any.noise(kSteps);
-    input.insert(input.end(), steering.begin(), steering.end());
+    input = std::move(input) + any.noise(kSteps);
     input.back() = last;
     std::filesystem::create_directories(directory);
     writeBytes(directory + '/' + name, input);
