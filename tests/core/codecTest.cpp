@@ -69,6 +69,7 @@ TEST(ZlibCodec, NoiseInPartCostsNoRatio) {
         std::size_t begin, count, every;  // of each so many bytes behind `begin`, up to `count`, the first repeats
     } cases[] = {
         {"AHundredthAndAHalfAtSomePlace", 1'234'567, kBlock / 64, 1},
+        {"AByteOfEight", 0, kBlock, 8},
         {"AByteOfThirty", 0, kBlock, 30},
         {"AllButTheBeginning", 3'000'000, kBlock - 3'000'000, 2},
     };

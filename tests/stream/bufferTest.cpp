@@ -15,16 +15,13 @@ constexpr std::int64_t kBlock = kBlockSize;
 constexpr std::size_t kLarge = 15'000'000;
 
 const Script kScripts[] = {
-    {"SmallReadsShareOneFileCall", 1'000, "r100 r500 r400 r0", "R 0"},
     {"DirectReadFromAnOddPosition", kLarge, "s7 r4190800 r1", "R 7+4190713, R 4190720"},
-    {"DirectReadKeepsTheBuffer", kLarge, "r1 s5000000 r5000384 s5 r9", "R 0, R 5000000+5000384"},
     {"EndOnASector", 1'024, "r2000 r1 w9 f", "R 0, R 1024, W 1024+9, end"},
     {"ExactReads", 1'000, "r3 w2 p0 r10 p1 s900 r10 p0 s1000 r1", "R 0, W 3+2, R 5+10, R 1000+1, end"},
     {"WritesIntoABlockJustReadWriteWhatChanged", kBlock, "r1 s5 w9 s90 w9 s20 w9 f s99 w9 f s4190200 w7 w1",
      "R 0, W 5+94, W 99+9, W 4190200+8"},
     {"FullBufferIsFlushedAtOnce", 0, "w4190207 w1 s5 r9 w9 s4190208 w7 f", "W 0, W 14+9, W 4190208+7"},
     {"LargeRestIsDirect", 0, "w100 w8380416 s50 r9", "W 0, W 4190208+4190308"},
-    {"DirectWriteOverItsFirstByte", kLarge, "s4190208 w9 s1 w4190208 s4190208 r9", "W 4190208+9, W 1, R 4190208"},
     {"AppendedBytesLieBehindEachOther", 1'000, "s0 w50 s0 w50 s40 w50 w9 e0 r1 s1000 r50 w3",
      "W 1000+50, W 1050+50, W 1100+59, R 1024, R 512", "a+b"},
     {"EncipheredBlocksAreWrittenWhole", 0, "w5000 f s100 w9 f w100 f s4990 w9 s9000 w1 s5000 r9",
@@ -39,7 +36,6 @@ const Script kScripts[] = {
      "R 0, r 4190208, R 8380928, r 12571136, r 16761344"},
     {"SwitchedOffItStaysIdleAndGoesOnWhenOn", 3 * kBlock, "t1 r1 a1 t0 s8380416 r1 p0 t1 r2 p1 s4190208 r1 a2",
      "R 0, r 4190208, R 8380416, R 8380417+2, r 8380416"},
-    {"SecondOpenMakesANewWorker", 2 * kBlock, "t1 r1 a1 o r1 a2", "R 0, r 4190208, R 0, r 4190208"},
     {"CopyKeepsTheWorker", 2 * kBlock, "t1 r1 a1 k s4190208 r1 a2", "R 0, r 4190208, r 8380416"},
     {"R6_PendingBytesInTheBlock", 3 * kBlock, "t1 r1 a1 s4190308 w9 s4190208 r4190208 a2",
      "R 0, r 4190208, W 4190308+9, R 4190208, r 8380416"},

@@ -96,6 +96,14 @@ TEST_F(Cipher, AFileTakesWhatNeedsNoOtherBytesOfABlock) {
         EXPECT_TRUE(sameBytes(read(0, 256), expected));
     }
     EXPECT_NE(slice(readBytes(fPath), 0, 16), slice(fNoise, 0, 16)) << "the ciphertext";
+    // Part of a block, which a dead process has left, is no data, and nothing in a gap.
+    file->Close();
+    std::filesystem::resize_file(fPath, 41);
+    open("r+b");
+    const Bytes whole = read(0, 256);
+    EXPECT_EQ(whole.size(), 32U);
+    write(slice(fNoise, 0, 16), 64);
+    EXPECT_TRUE(sameBytes(read(0, 256), with(whole, 64, slice(fNoise, 0, 16))));
     const auto breach = testing::HasSubstr("&& \"byteOffset and byteSize shoule be multiple of 16.\"");
     EXPECT_DEATH(read(0, 8), breach);
     EXPECT_DEATH(read(8, 16), breach);

@@ -210,7 +210,6 @@ protected:
         {'w', [&](auto n) { model->write(slice(noise(), written += 1'009, n)); }},
         {'f', [&](auto) { EXPECT_EQ(s().Flush(), 1); }},
         {'d', [&](auto n) { s().Write("dropped", static_cast<std::uint32_t>(n)), model->reset(); }},
-        {'o', [&](auto) { model->reopen(); }},
         {'k', [&](auto) { model = std::make_unique<ModelStream>(*model); }},  // goes on with a copy
         {'p', [&](auto on) { on ? s().EnablePreReading() : s().DisablePreReading(); }},
         {'t', [&](auto on) { on ? s().EnableMultiThreadReading() : s().DisableMultiThreadReading(); }},
