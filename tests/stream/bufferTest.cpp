@@ -59,6 +59,16 @@ TEST_F(StreamBuffer, PositionsEndWhereTheSystemsDo) {
     close();
 }
 
+TEST_F(StreamBuffer, AFailedDirectWriteIsNotRead) {
+    open(kLarge);
+    run("s1000 w9 f s0");
+    FileCalls disk;
+    disk.fail(Call::Write, ENOSPC);
+    EXPECT_EQ(failureOf([&] { s().Write(noise().data(), kBlockSize); }), fileError(1002, ENOSPC, path("data")));
+    run("s1000 r9");
+    close();
+}
+
 // What one reads ahead never reaches the other's buffer half-done or at the wrong place.
 TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
     open(8 * kBlock);
