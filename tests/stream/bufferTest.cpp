@@ -22,6 +22,7 @@ const Script kScripts[] = {
      "R 0, W 5+94, W 99+9, W 4190200+8"},
     {"FullBufferIsFlushedAtOnce", 0, "w4190207 w1 s5 r9 w9 s4190208 w7 f", "W 0, W 14+9, W 4190208+7"},
     {"LargeRestIsDirect", 0, "w100 w8380416 s50 r9", "W 0, W 4190208+4190308"},
+    {"DirectWriteOverItsFirstByte", kLarge, "s4190208 w9 s1 w4190208 s4190208 r9", "W 4190208+9, W 1, R 4190208"},
     {"AppendedBytesLieBehindEachOther", 1'000, "s0 w50 s0 w50 s40 w50 w9 e0 r1 s1000 r50 w3",
      "W 1000+50, W 1050+50, W 1100+59, R 1024, R 512", "a+b"},
     {"EncipheredBlocksAreWrittenWhole", 0, "w5000 f s100 w9 f w100 f s4990 w9 s9000 w1 s5000 r9",

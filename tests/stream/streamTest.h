@@ -53,10 +53,15 @@ public:
         EXPECT_TRUE(sameBytes(bytes, slice(fContent, fPosition, size)));
         moveTo(fPosition + std::ssize(bytes));
     }
+    // One that fails has taken the bytes before the position.
     void write(const Bytes& bytes) {
-        EXPECT_EQ(fStream->Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
-        if (!bytes.empty()) fContent = with(std::move(fContent), appends() ? end() : fPosition, bytes);
-        moveTo(fPosition + std::ssize(bytes));
+        try {
+            EXPECT_EQ(fStream->Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
+        } catch (const FileError&) {
+            took(slice(bytes, 0, fStream->Tell() - fPosition));
+            throw;
+        }
+        took(bytes);
     }
     void seek(std::int64_t offset, ORVA_StrBaseIO::SeekDirection direction = ORVA_StrBaseIO::SeekFromStart) {
         const std::int64_t bases[] = {0, fPosition, end()};
@@ -86,6 +91,10 @@ public:
     void moveTo(std::int64_t position) { EXPECT_EQ(fStream->Tell(), fPosition = position); }
 
 private:
+    void took(const Bytes& bytes) {
+        if (!bytes.empty()) fContent = with(std::move(fContent), appends() ? end() : fPosition, bytes);
+        moveTo(fPosition + std::ssize(bytes));
+    }
     std::int64_t padded() const { return (std::ssize(fContent) + 15) / 16 * 16; }
 
     std::unique_ptr<ORVA_FileStream> fStream;
