@@ -70,6 +70,16 @@ TEST_F(StreamBuffer, AFailedDirectWriteIsNotRead) {
     close();
 }
 
+TEST_F(StreamBuffer, AppendedBytesOfAFailedFlushStandThereOnce) {
+    open(9, "a+b");
+    run("w50 w50");
+    FileCalls disk;
+    disk.fail(Call::Write, ENOSPC, 16);
+    EXPECT_EQ(failureOf([&] { s().Flush(); }), fileError(1002, ENOSPC, path("data")));
+    run("f e0 w9 f");
+    close();
+}
+
 // What one reads ahead never reaches the other's buffer half-done or at the wrong place.
 TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
     open(8 * kBlock);
