@@ -7,8 +7,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -16,95 +14,56 @@ namespace orva {
 
 namespace {
 
-class inlineSink : public blockSink {
+class inlineSink final : public blockSink {
 public:
-    explicit inlineSink(const sinkPlace& at) : fAt(at), fpos(at.pos), fCompressedPos(at.place) {}
+    // `breach`: a setting has promised a thread, and there is none.
+    inlineSink(const sinkPlace& at, bool breach) : fAt(at), bBreach(breach) {}
     void put(const unsigned char* rows, std::uint32_t size) override {
+        ORVA_ASSERT(!bBreach, "fpIOThread != 0");
         if (!fDeflated) fDeflated = blockBuffer(deflateRoom(fAt.chosen.blockLength));
-        fCompressedPos = writeBlock({fAt.file, fAt.index, fCompressor, fDeflated.get(), fAt.chosen.level}, rows, size,
-                                    fpos, fCompressedPos);
-        fpos += size;
+        fAt.place = writeBlock({fAt.file, fAt.index, fCompressor, fDeflated.get(), fAt.chosen.level}, rows, size,
+                               fAt.pos, fAt.place);
+        fAt.pos += size;
     }
-    void end(bool) override {}
 
 private:
-    const sinkPlace fAt;
-    std::int64_t fpos;
-    std::int64_t fCompressedPos;
+    sinkPlace fAt;
+    const bool bBreach;
     zlibCompressBlock fCompressor;
     blockBuffer fDeflated;
 };
 
-// What a setting that promises a thread leads to where there is none.
-class missingSink final : public inlineSink {
+// A worker whose threads end with it.
+template <class Worker>
+class road : public Worker {
 public:
-    using inlineSink::inlineSink;
-    void put(const unsigned char*, std::uint32_t) override { ORVA_ASSERT(false, "fpIOThread != 0"); }
-};
-
-// A worker whose threads start when it is first asked for, and end with this.
-template <class Worker, bool bRead>
-class lazyWorker {
-public:
-    explicit lazyWorker(std::function<std::unique_ptr<Worker>()> make) : fMake(std::move(make)) {
-        if (kKind == atWork::one) **this;
+    using Worker::Worker;
+    ~road() override {
+        this->stopThreads();
+        this->destroyThreads();
     }
-    Worker& operator*() {
-        if (fWorker == nullptr) fWorker.reset(startedWorker(fMake(), bRead).release());
-        return *fWorker;
-    }
-    Worker* get() const { return fWorker.get(); }
-    atWork threads() const { return fWorker != nullptr ? kKind : atWork::none; }
-
-private:
-    static constexpr atWork kKind = std::is_base_of_v<PreIOThreadSeveral, Worker> ? atWork::several : atWork::one;
-    struct stop {
-        void operator()(Worker* worker) const {
-            worker->stopThreads();
-            worker->destroyThreads();
-            delete worker;
-        }
-    };
-    const std::function<std::unique_ptr<Worker>()> fMake;
-    std::unique_ptr<Worker, stop> fWorker;
+    bool hasThreads() const override { return this->pThreadPool != nullptr; }
 };
 
 template <class Worker>
-class workerSink final : public blockSink {
+class sinkRoad final : public road<Worker> {
 public:
-    template <class... Arguments>
-    explicit workerSink(const sinkPlace& at, Arguments... more)
-        : fWorker([=] {
-              return std::make_unique<Worker>(&at.file, &at.index, at.chosen.blockLength, at.pos, at.place, more...);
-          }) {}
-    unsigned char* room() override { return (*fWorker).lendRows(); }
-    void put(const unsigned char* rows, std::uint32_t size) override { (*fWorker).putBlock(rows, size, 0); }
-    bool putFrom(const rowSource& source, std::int64_t offset, std::uint32_t size) override {
-        return (*fWorker).putFrom(source, offset, size);
-    }
-    void awaitRows() override {
-        if (Worker* worker = fWorker.get()) worker->awaitRows();
-    }
+    explicit sinkRoad(const sinkPlace& at, auto... threads)
+        : road<Worker>(&at.file, &at.index, at.chosen.blockLength, at.pos, at.place, threads..., at.chosen.level) {}
     void end(bool drop) override {
-        Worker* worker = fWorker.get();
-        if (worker == nullptr) return;
-        if (drop) worker->drop();
-        worker->putBlock(nullptr, 0, 0);
-        worker->stopThreads();
-        if (!drop && worker->failure() != nullptr) std::rethrow_exception(worker->failure());
+        if (drop) this->drop();
+        this->putBlock(nullptr, 0, 0);
+        this->stopThreads();
+        if (!drop && this->failure() != nullptr) std::rethrow_exception(this->failure());
     }
-    atWork threads() const override { return fWorker.threads(); }
-
-private:
-    lazyWorker<Worker, false> fWorker;
 };
 
 class inlineSource final : public blockSource {
 public:
-    inlineSource(ORVA_File& file, const filePosInfo& index) : blockSource(index), fFile(file) {}
-    void read(std::uint32_t number, unsigned char* to) override {
-        if (!fCompressedBuffer) fCompressedBuffer = compressedRoom(fIndex.records());
-        readBlock({fFile, fCompressor, fCompressedBuffer.get()}, placeOf(fIndex, number), to);
+    inlineSource(ORVA_File& file, const filePosInfo& index) : blockSource(&index), fFile(file) {}
+    void load(std::uint32_t number, unsigned char* to) override {
+        if (!fCompressedBuffer) fCompressedBuffer = compressedRoom(pPosInfo->records());
+        readBlock({fFile, fCompressor, fCompressedBuffer.get()}, placeOf(*pPosInfo, number), to);
     }
 
 private:
@@ -113,44 +72,26 @@ private:
     blockBuffer fCompressedBuffer;
 };
 
-template <class Worker>
-class workerSource final : public blockSource {
-public:
-    template <class... Arguments>
-    workerSource(ORVA_File& file, const filePosInfo& index, Arguments... more)
-        : blockSource(index),
-          fWorker([=, &file, &index] { return std::make_unique<Worker>(&file, &index, kBlockSize, more...); }) {}
-    const unsigned char* lend(std::uint32_t number) override { return (*fWorker).lend(number, own()); }
-    void read(std::uint32_t number, unsigned char* to) override { (*fWorker).load(number, to); }
-    std::uint32_t readSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to) override {
-        return (*fWorker).loadSeveral(first, count, to);
-    }
-    atWork threads() const override { return fWorker.threads(); }
-
-private:
-    lazyWorker<Worker, true> fWorker;
-};
-
 class cachedSource final : public blockSource {
 public:
     cachedSource(std::unique_ptr<blockSource> source, const filePosInfo& index, std::uint32_t blocks)
-        : blockSource(index), fSource(std::move(source)), fBlocks(blocks) {}
+        : blockSource(&index), fSource(std::move(source)), fBlocks(blocks) {}
     const unsigned char* lend(std::uint32_t number) override {
         if (!comesFirst(number)) {
             entry& last = fBlocks.back();
             last.number = -1;
-            if (!last.rows) last.rows = rowRoom(fIndex.records());
-            fSource->read(number, last.rows.get());
+            if (!last.rows) last.rows = rowRoom(pPosInfo->records());
+            fSource->load(number, last.rows.get());
             last.number = number;
             comesFirst(number);
         }
         return fBlocks.front().rows.get();
     }
-    void read(std::uint32_t number, unsigned char* to) override {
-        if (!comesFirst(number)) return fSource->read(number, to);
-        std::memcpy(to, fBlocks.front().rows.get(), static_cast<std::size_t>(fIndex.parsed(number).orginalSize));
+    void load(std::uint32_t number, unsigned char* to) override {
+        if (!comesFirst(number)) return fSource->load(number, to);
+        std::memcpy(to, fBlocks.front().rows.get(), static_cast<std::size_t>(pPosInfo->parsed(number).orginalSize));
     }
-    atWork threads() const override { return fSource->threads(); }
+    bool hasThreads() const override { return fSource->hasThreads(); }
 
 private:
     struct entry {
@@ -172,31 +113,28 @@ private:
 }  // namespace
 
 blockBuffer& blockSource::own() {
-    if (!fBuffer) fBuffer = rowRoom(fIndex.records());
+    if (!fBuffer) fBuffer = rowRoom(pPosInfo->records());
     return fBuffer;
 }
 
 const unsigned char* blockSource::lend(std::uint32_t number) {
-    read(number, own().get());
+    load(number, own().get());
     return own().get();
 }
 
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken) {
-    if (taken.threadCount != 0) {
-        return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(at, taken.threadCount, at.chosen.level);
-    }
-    if (taken.multiThread == 0) return std::make_unique<inlineSink>(at);
-    if (taken.multiThread == 1) return std::make_unique<workerSink<PreIOThread_W_C>>(at, at.chosen.level);
-    return std::make_unique<missingSink>(at);
+    if (taken.threadCount != 0) return std::make_unique<sinkRoad<PreIOThread_Multi_W_C>>(at, taken.threadCount);
+    if (taken.multiThread == 1) return startedWorker(std::make_unique<sinkRoad<PreIOThread_W_C>>(at), false);
+    return std::make_unique<inlineSink>(at, taken.multiThread != 0);
 }
 
 std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& index, const roads& taken,
                                         std::uint32_t cachedBlocks) {
     std::unique_ptr<blockSource> source;
     if (taken.threadCount != 0) {
-        source = std::make_unique<workerSource<PreIOThread_Multi_R_D>>(file, index, taken.threadCount);
+        source = std::make_unique<road<PreIOThread_Multi_R_D>>(&file, &index, kBlockSize, taken.threadCount);
     } else if (taken.multiThread >= 2) {
-        source = std::make_unique<workerSource<PreIOThread_R_D>>(file, index);
+        source = startedWorker(std::make_unique<road<PreIOThread_R_D>>(&file, &index, kBlockSize), true);
     } else {
         source = std::make_unique<inlineSource>(file, index);
     }

@@ -33,9 +33,6 @@ struct choices {
     std::int32_t level = zlibCompressBlock::kFastestLevel;
 };
 
-// The threads that a stream has made.
-enum class atWork : std::uint8_t { none, one, several };
-
 // Fills all of `to` with the rows at that offset of a source, or throws. Called on several threads at once.
 using rowSource = std::function<void(std::int64_t offset, std::span<unsigned char> to)>;
 
@@ -53,8 +50,9 @@ public:
     virtual void awaitRows() {}
     // Once, and nothing after it: every block is in the file and in the index on return, or, with `drop`, what had not
     // begun is given up. Throws a failure that no call has thrown, unless it is to drop.
-    virtual void end(bool drop) = 0;
-    virtual atWork threads() const { return atWork::none; }
+    virtual void end(bool) {}
+    // It has made threads.
+    virtual bool hasThreads() const { return false; }
 };
 
 // Where the next block goes.
@@ -73,22 +71,23 @@ std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken);
 class blockSource {
 public:
     // `index` is parsed, and outlives the source.
-    explicit blockSource(const filePosInfo& index) : fIndex(index) {}
+    explicit blockSource(const filePosInfo* index) : pPosInfo(index) {}
     virtual ~blockSource() = default;
     // The rows of the block, in memory of the source until the next call.
     virtual const unsigned char* lend(std::uint32_t number);
     // The rows of the block into the caller's memory.
-    virtual void read(std::uint32_t number, unsigned char* to) = 0;
+    virtual void load(std::uint32_t number, unsigned char* to) = 0;
     // The rows of so many blocks, which lie one behind the other, by several threads at once: how many of them, from
-    // the first on, are there. None from a source without such threads, or where the first one fails: `read` tells why.
-    virtual std::uint32_t readSeveral(std::uint32_t, std::uint32_t, unsigned char*) { return 0; }
-    virtual atWork threads() const { return atWork::none; }
+    // the first on, are there. None from a source without such threads, or where the first one fails: `load` tells why.
+    virtual std::uint32_t loadSeveral(std::uint32_t, std::uint32_t, unsigned char*) { return 0; }
+    // It has made threads.
+    virtual bool hasThreads() const { return false; }
 
 protected:
     // Memory for one block.
     blockBuffer& own();
 
-    const filePosInfo& fIndex;
+    const filePosInfo* const pPosInfo;
 
 private:
     blockBuffer fBuffer;

@@ -9,9 +9,7 @@
 
 PreIOThread_Multi_R_D::PreIOThread_Multi_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t,
                                              std::uint32_t threads)
-    : readingWorker(threads), pFile(file), pPosInfo(index), fSlots(threads + 2) {
-    fScratch.reserve(threads);
-}
+    : readingWorker(threads), blockSource(index), pFile(file), fSlots(threads + 2) {}
 
 std::uint32_t PreIOThread_Multi_R_D::getBlock(void* buffer, std::uint32_t size, std::int64_t position) {
     if (size == 0 && position == 0) {
@@ -32,153 +30,115 @@ void PreIOThread_Multi_R_D::load(std::uint32_t number, unsigned char* to) {
     }
 }
 
-const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number, const orva::blockBuffer& own) {
+const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number) {
     if (const unsigned char* rows = readAhead(number)) return rows;
-    makeBlock(number, fCompressed, own.get(), false);
-    return own.get();
+    makeBlock(number, fCompressed, own().get(), false);
+    return own().get();
 }
 
 // Null: nobody has begun it.
 const unsigned char* PreIOThread_Multi_R_D::readAhead(std::uint32_t number) {
     if (!isMakers()) return nullptr;
+    startOnce(true);
     guard lock = locked();
     planAhead(number);
     for (;;) {
-        const slot* held = find(number);
+        const slot* held = holding(number);
         if (held == nullptr) return nullptr;
         if (held->is == state::ready) return held->rows.get();
         if (!bCallerHelps || !makeNext(lock, true)) await(lock);
     }
 }
 
+// What was lent before is no hit any more, even for the same block.
+void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
+    if (slot* lent = holding(fCurrent); lent != nullptr && lent->is == state::ready) lent->is = state::empty;
+    const bool sequential = number == fCurrent + 1;
+    const std::int64_t ahead = std::clamp<std::int64_t>(2 * (fWantedEnd - number), 1, std::ssize(fSlots) - 1);
+    fCurrent = number;
+    fWantedEnd = number + 1 + (sequential ? ahead : 0);
+    fNext = std::max(sequential ? fNext : 0, number + 1);
+    if (fNext < std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) tellThreads();
+}
+
 std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to) {
     if (!isMakers()) return 0;
-    run blocks;
-    blocks.end = first + count;
-    blocks.to = to;
-    blocks.begin = pPosInfo->parsed(first).orginalPos;
-    std::vector<std::uint32_t> held;
+    startOnce(true);
     guard lock = locked();
-    for (std::uint32_t number = first; number != blocks.end; ++number) {
-        (isWanted(number) && find(number) != nullptr ? held : blocks.numbers).push_back(number);
-    }
-    fNext = std::max<std::int64_t>(fNext, blocks.end);
-    fRun = std::move(blocks);
+    fRun = to;
+    fCurrent = fNext = first;
+    while (holding(fNext) != nullptr) ++fNext;
+    fWantedEnd = fFailed = first + std::int64_t{count};
     tellThreads();
-    while (makeOfRun(lock, true)) {
+    for (;;) {
+        const auto oneThatIs = [this](state is) {
+            return find([=, this](const slot& block) { return block.is == is && isAhead(block.number); });
+        };
+        if (slot* held = oneThatIs(state::ready)) {
+            lock.unlock();
+            std::memcpy(placeInRun(held->number), held->rows.get(), rowsOf(held->number));
+            lock.lock();
+            held->is = state::empty;
+            tellThreads();
+        } else if (!makeNext(lock, true)) {
+            if (oneThatIs(state::busy) == nullptr) break;
+            await(lock);
+        }
     }
-    for (const std::uint32_t number : held) takeHeld(lock, number);
-    while (fRun.atWork != 0) await(lock);
-    fCurrent = fRun.end - std::int64_t{1};
-    fAhead = std::ssize(fSlots) - 1;
-    return fRun.end - first;
+    fRun = nullptr;
+    fCurrent = fFailed - 1;
+    fWantedEnd = fCurrent + std::ssize(fSlots);
+    return static_cast<std::uint32_t>(fFailed - first);
 }
 
 unsigned char* PreIOThread_Multi_R_D::placeInRun(std::int64_t number) const {
-    return fRun.to + (pPosInfo->parsed(static_cast<std::uint32_t>(number)).orginalPos - fRun.begin);
+    const auto begin = [this](std::int64_t of) { return pPosInfo->parsed(static_cast<std::uint32_t>(of)).orginalPos; };
+    return fRun + (begin(number) - begin(fCurrent));
 }
 
-// A block that a thread has read ahead, or is at work on.
-void PreIOThread_Multi_R_D::takeHeld(guard& lock, std::uint32_t number) {
-    const slot* block = find(number);
-    while (block != nullptr && block->is == state::busy) {
-        await(lock);
-        block = find(number);
-    }
-    if (block == nullptr) {
-        fRun.end = std::min(fRun.end, number);
-        return;
-    }
-    lock.unlock();
-    std::memcpy(placeInRun(number), block->rows.get(), rowsOf(number));
-    lock.lock();
+template <class Test>
+PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::find(Test test) {
+    const auto found = std::find_if(fSlots.begin(), fSlots.end(), test);
+    return found != fSlots.end() ? &*found : nullptr;
 }
 
-// Any thread's step, the caller's too. False if no block of the run is left.
-bool PreIOThread_Multi_R_D::makeOfRun(guard& lock, bool byCaller) {
-    if (fRun.taken == fRun.numbers.size()) return false;
-    const std::uint32_t number = fRun.numbers[fRun.taken++];
-    unsigned char* const dest = placeInRun(number);
-    orva::blockBuffer compressed = byCaller ? std::move(fCompressed) : scratch();
-    ++fRun.atWork;
-    lock.unlock();
-    bool good = true;
-    try {
-        if (!byCaller) orva::regain(dest, rowsOf(number));
-        makeBlock(number, compressed, dest, true);
-    } catch (...) {
-        good = false;
-    }
-    lock.lock();
-    (byCaller ? fCompressed : fScratch.emplace_back()) = std::move(compressed);
-    if (!good) {
-        fRun.end = std::min(fRun.end, number);
-        fRun.taken = fRun.numbers.size();
-    }
-    --fRun.atWork;
-    tellCaller();
-    return true;
-}
-
-orva::blockBuffer PreIOThread_Multi_R_D::scratch() {
-    if (fScratch.empty()) return {};
-    orva::blockBuffer last = std::move(fScratch.back());
-    fScratch.pop_back();
-    return last;
-}
-
-// What was lent before is no hit any more, even for the same block.
-void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
-    if (slot* lent = find(fCurrent); lent != nullptr && lent->is == state::ready)
-        *lent = {std::move(lent->compressed), std::move(lent->rows)};
-    const auto window = static_cast<std::int64_t>(fSlots.size());
-    const bool sequential = number == fCurrent + 1;
-    fAhead = sequential ? std::min(std::max<std::int64_t>(2 * fAhead, 1), window - 1) : 0;
-    fCurrent = number;
-    fNext = std::max(sequential ? fNext : 0, number + 1);
-    if (fNext <= fCurrent + fAhead && fNext < pPosInfo->parsedCount()) tellThreads();
-}
-
-PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::find(std::int64_t number) {
-    const auto held = std::find_if(fSlots.begin(), fSlots.end(), [=](const slot& block) {
-        return block.is != state::empty && block.number == number;
-    });
-    return held != fSlots.end() ? &*held : nullptr;
-}
-
-// One that nobody is at work on and whose block, if it has one, lies outside of the run.
-PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::freeSlot() {
-    const auto free = std::find_if(fSlots.begin(), fSlots.end(), [this](const slot& block) {
-        return block.is == state::empty || (block.is == state::ready && !isWanted(block.number));
-    });
-    return free != fSlots.end() ? &*free : nullptr;
+PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::holding(std::int64_t number) {
+    return find([=](const slot& block) { return block.is != state::empty && block.number == number; });
 }
 
 std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
     guard lock = locked();
-    while (!bStop && !makeOfRun(lock, false) && !makeNext(lock, false)) wait(lock);
+    while (!bStop && !makeNext(lock, false)) wait(lock);
     return bStop ? 1 : 0;
 }
 
 // Any thread's step, the caller's too. False if nothing is wanted, or there is no slot for it.
 bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
-    while (find(fNext) != nullptr) ++fNext;
-    if (fNext > fCurrent + fAhead || fNext >= pPosInfo->parsedCount()) return false;
-    slot* block = freeSlot();
+    while (holding(fNext) != nullptr) ++fNext;
+    if (fNext >= std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) return false;
+    slot* const block =
+        find([this](const slot& s) { return s.is == state::empty || (s.is == state::ready && !isAhead(s.number)); });
     if (block == nullptr) return false;
-    block->number = fNext++;
+    const std::int64_t number = block->number = fNext++;
     block->is = state::busy;
+    const state made = fRun != nullptr ? state::empty : state::ready;
+    unsigned char* dest = fRun != nullptr ? placeInRun(number) : block->rows.get();
     lock.unlock();
-    state result = state::ready;
+    bool good = true;
     try {
-        if (block->rows && !byCaller) orva::regain(block->rows.get(), rowsOf(block->number));
-        if (!block->rows) block->rows = orva::rowRoom(pPosInfo->records());
-        makeBlock(block->number, block->compressed, block->rows.get(), true);
+        if (dest == nullptr) {
+            block->rows = orva::rowRoom(pPosInfo->records());
+            dest = block->rows.get();
+        } else if (!byCaller) {
+            orva::regain(dest, rowsOf(number));
+        }
+        makeBlock(number, block->compressed, dest, true);
     } catch (...) {
-        result = state::empty;
+        good = false;
     }
     lock.lock();
-    block->is = result;
+    block->is = good ? made : state::empty;
+    if (!good) fFailed = std::min(fFailed, number);
     tellCaller();
     return true;
 }

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <system_error>
-#include <utility>
 
 PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize,
                                              std::int64_t firstPos, std::int64_t firstFilePos, std::uint32_t threads,
@@ -16,31 +15,28 @@ PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index
     : writingWorker(threads),
       pFile(file),
       pPosInfo(index),
+      stBlockSize(blockSize),
       fLevel(level),
       fSlots(threads + 2),
       fpBlockPos(firstPos),
-      fpWritePos(firstFilePos) {
-    for (slot& block : fSlots) {
-        block.rows = orva::blockBuffer(blockSize);
-        block.scratch = orva::blockBuffer(orva::deflateRoom(blockSize));
-    }
+      fpWritePos(firstFilePos) {}
+
+unsigned char* PreIOThread_Multi_W_C::room() {
+    return freeSlot().rows.get();
 }
 
-unsigned char* PreIOThread_Multi_W_C::lendRows() {
-    guard lock = locked();
-    return freeSlot(lock).rows.get();
+void PreIOThread_Multi_W_C::put(const unsigned char* rows, std::uint32_t size) {
+    startOnce(false);
+    putBlock(rows, size, 0);
 }
 
-// The next block's, once it is free.
-PreIOThread_Multi_W_C::slot& PreIOThread_Multi_W_C::freeSlot(guard& lock) {
-    if (!isMakers()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
-    while (fFilled - fWritten == fSlots.size()) helpOrAwait(lock);
-    if (fFailure != nullptr) std::rethrow_exception(fFailure);
-    return at(fFilled);
-}
-
-void PreIOThread_Multi_W_C::helpOrAwait(guard& lock) {
-    if (!bCallerHelps || !takeBlock(lock)) await(lock);
+bool PreIOThread_Multi_W_C::putFrom(const orva::rowSource& source, std::int64_t offset, std::uint32_t size) {
+    startOnce(false);
+    slot& block = freeSlot();
+    block.source = &source;
+    block.offset = offset;
+    handOver(block, size);
+    return true;
 }
 
 std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t size, std::int64_t) {
@@ -48,26 +44,32 @@ std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t 
         endLoops();
         return 0;
     }
-    unsigned char* rows = lendRows();
-    if (buffer != rows) std::memcpy(rows, buffer, size);
-    const guard lock = locked();
-    handOver(at(fFilled), size);
+    slot& block = freeSlot();
+    if (buffer != block.rows.get()) std::memcpy(block.rows.get(), buffer, size);
+    handOver(block, size);
     return size;
+}
+
+// The next block's. It is the caller's until he hands it over.
+PreIOThread_Multi_W_C::slot& PreIOThread_Multi_W_C::freeSlot() {
+    if (!isMakers()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
+    guard lock = locked();
+    while (fFilled - fWritten == fSlots.size()) helpOrAwait(lock);
+    if (fFailure != nullptr) std::rethrow_exception(fFailure);
+    slot& block = at(fFilled);
+    if (!block.rows) block.rows = orva::blockBuffer(stBlockSize);
+    return block;
 }
 
 void PreIOThread_Multi_W_C::handOver(slot& block, std::uint32_t size) {
     block.size = size;
+    const guard lock = locked();
     ++fFilled;
     tellThread();
 }
 
-bool PreIOThread_Multi_W_C::putFrom(const orva::rowSource& source, std::int64_t offset, std::uint32_t size) {
-    guard lock = locked();
-    slot& block = freeSlot(lock);
-    block.source = &source;
-    block.offset = offset;
-    handOver(block, size);
-    return true;
+void PreIOThread_Multi_W_C::helpOrAwait(guard& lock) {
+    if (!bCallerHelps || !takeBlock(lock)) await(lock);
 }
 
 void PreIOThread_Multi_W_C::awaitRows() {
@@ -103,10 +105,9 @@ std::int32_t PreIOThread_Multi_W_C::writeLoopStep() {
 bool PreIOThread_Multi_W_C::takeBlock(guard& lock) {
     if (fTaken == fFilled) return false;
     slot& block = at(fTaken++);
-    if (fFailure == nullptr && !bDropping) {
-        getRows(lock, block);
+    if (!bDropping) {
         lock.unlock();
-        deflate(block);
+        make(block);
         lock.lock();
     }
     block.bDeflated = true;
@@ -115,41 +116,33 @@ bool PreIOThread_Multi_W_C::takeBlock(guard& lock) {
 }
 
 // A source that fails stays with its block until it is the block's turn to be written.
-void PreIOThread_Multi_W_C::getRows(guard& lock, slot& block) {
-    if (block.source == nullptr) return;
-    lock.unlock();
-    try {
+void PreIOThread_Multi_W_C::make(slot& block) try {
+    if (block.source != nullptr) {
         (*block.source)(block.offset, {block.rows.get(), block.size});
-    } catch (...) {
-        block.failure = std::current_exception();
+        const guard lock = locked();
+        block.source = nullptr;
+        tellCaller();
     }
-    lock.lock();
-    if (block.failure == nullptr) block.source = nullptr;
-    tellCaller();
-}
-
-void PreIOThread_Multi_W_C::deflate(slot& block) {
-    if (block.failure != nullptr) return;
+    if (!block.scratch) block.scratch = orva::blockBuffer(orva::deflateRoom(stBlockSize));
     zlibCompressBlock codec;
-    try {
-        block.result = orva::deflateBlock(codec, fLevel, block.rows.get(), block.size, block.scratch.get());
-    } catch (...) {
-        block.failure = std::current_exception();
-    }
+    block.result = orva::deflateBlock(codec, fLevel, block.rows.get(), block.size, block.scratch.get());
+} catch (...) {
+    block.failure = std::current_exception();
 }
 
 // Whoever completes the next block in order writes it, and all that are complete behind it.
 void PreIOThread_Multi_W_C::writeInOrder(guard& lock) {
     while (!bWriting && at(fWritten).bDeflated) {
         slot& block = at(fWritten);
-        if (fFailure == nullptr && !bDropping) {
+        if (!bDropping && block.failure == nullptr) {
             bWriting = true;
             lock.unlock();
             writeOut(block);
             lock.lock();
             bWriting = false;
-            fFailure = block.failure;
         }
+        if (!bDropping) fFailure = block.failure;
+        bDropping = bDropping || fFailure != nullptr;
         block.failure = nullptr;
         block.source = nullptr;
         block.bDeflated = false;
@@ -158,12 +151,9 @@ void PreIOThread_Multi_W_C::writeInOrder(guard& lock) {
     }
 }
 
-void PreIOThread_Multi_W_C::writeOut(slot& block) {
-    if (block.failure != nullptr) return;
-    try {
-        fpWritePos = orva::writeDeflated(*pFile, *pPosInfo, block.result, block.scratch.get(), fpBlockPos, fpWritePos);
-        fpBlockPos += block.size;
-    } catch (...) {
-        block.failure = std::current_exception();
-    }
+void PreIOThread_Multi_W_C::writeOut(slot& block) try {
+    fpWritePos = orva::writeDeflated(*pFile, *pPosInfo, block.result, block.scratch.get(), fpBlockPos, fpWritePos);
+    fpBlockPos += block.size;
+} catch (...) {
+    block.failure = std::current_exception();
 }

@@ -58,8 +58,8 @@ std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint6
         const filePosRecord& record = fIndex.parsed(*number);
         const auto whole = static_cast<std::uint64_t>(record.orginalSize);
         if (record.orginalPos == pos && whole < size) {
-            if (const std::uint64_t several = readSeveral(*number, to, size)) return several;
-            fSource->read(*number, to);
+            if (const std::uint64_t several = loadSeveral(*number, to, size)) return several;
+            fSource->load(*number, to);
             return whole;
         }
         fBuffer = fSource->lend(*number);
@@ -73,7 +73,7 @@ std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint6
 }
 
 // The bytes of the blocks from there on that the request covers, less its last one, as far as they came at once.
-std::uint64_t partReader::readSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size) {
+std::uint64_t partReader::loadSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size) {
     const std::span<const filePosRecord> records = fIndex.records().subspan(first);
     std::int64_t end = records.front().orginalPos;
     std::uint64_t left = size;
@@ -86,7 +86,7 @@ std::uint64_t partReader::readSeveral(std::uint32_t first, unsigned char* to, st
         ++count;
     }
     if (count < 2) return 0;
-    const std::uint32_t came = fSource->readSeveral(first, count, to);
+    const std::uint32_t came = fSource->loadSeveral(first, count, to);
     if (came == 0) return 0;
     const filePosRecord& lastOne = records[came - 1];
     return static_cast<std::uint64_t>(lastOne.orginalPos + lastOne.orginalSize - records.front().orginalPos);

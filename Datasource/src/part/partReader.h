@@ -37,12 +37,12 @@ public:
     void keep(std::uint32_t blocks) { remake(fTaken, blocks); }
     // It goes on without threads.
     void endThreads() noexcept;
-    atWork threads() const { return fSource != nullptr ? fSource->threads() : atWork::none; }
+    bool hasThreads() const { return fSource != nullptr && fSource->hasThreads(); }
 
 private:
     bool holds(std::int64_t pos) const { return fBuffer != nullptr && pos >= fpos && pos - fpos < fSize; }
     std::uint64_t readOn(std::int64_t pos, unsigned char* to, std::uint64_t size);
-    std::uint64_t readSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size);
+    std::uint64_t loadSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size);
     std::optional<std::uint32_t> blockToLoad(std::int64_t pos);
     void remake(const roads& taken, std::uint32_t cachedBlocks);
 

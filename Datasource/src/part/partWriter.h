@@ -73,7 +73,7 @@ public:
     // For settings that come after the beginning, when no thread is made for setMultiThread any more. Needs that none
     // is at work.
     void take(const roads& taken) { fSink = makeSink(next(), {taken.multiThread == 0 ? 0 : -1, taken.threadCount}); }
-    atWork threads() const { return fSink != nullptr ? fSink->threads() : atWork::none; }
+    bool hasThreads() const { return fSink != nullptr && fSink->hasThreads(); }
 
 private:
     partWriter(ORVA_File& file, std::int64_t row0Pos, const choices& chosen);

@@ -7,7 +7,7 @@
 #include <utility>
 
 PreIOThread_R_D::PreIOThread_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize)
-    : pFile(file), pPosInfo(index), pDecompressBuffer(blockSize), pCompressBuffer(blockSize) {}
+    : blockSource(index), pFile(file), pDecompressBuffer(blockSize), pCompressBuffer(blockSize) {}
 
 std::uint32_t PreIOThread_R_D::getBlock(void* buffer, std::uint32_t size, std::int64_t position) {
     if (size == 0 && position == 0) {
@@ -24,9 +24,9 @@ void PreIOThread_R_D::load(std::uint32_t number, unsigned char* to) {
     serve(number, to, [&] { std::memcpy(to, pDecompressBuffer.get(), fSlot.stCurSize); });
 }
 
-const unsigned char* PreIOThread_R_D::lend(std::uint32_t number, orva::blockBuffer& own) {
-    serve(number, own.get(), [&] { std::swap(own, pDecompressBuffer); });
-    return own.get();
+const unsigned char* PreIOThread_R_D::lend(std::uint32_t number) {
+    serve(number, own().get(), [&] { std::swap(own(), pDecompressBuffer); });
+    return own().get();
 }
 
 // The slot knows blocks by their numbers.

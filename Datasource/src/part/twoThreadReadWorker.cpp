@@ -39,31 +39,25 @@ std::uint32_t PreIOThread_Tri_R_D::getBlock(void* buffer, std::uint32_t size, st
 }
 
 std::int32_t PreIOThread_Tri_R_D::decompressLoopStep() {
-    return fInflated.step([this](std::int64_t number) { return decompress(number, true); });
+    return fInflated.step([this](std::int64_t number) { return decompress(static_cast<std::uint32_t>(number), true); });
 }
 
 std::int32_t PreIOThread_Tri_R_D::readLoopStep() {
-    return fCompressed.step([this](std::int64_t number) { return readCompressed(number, true); });
+    return fCompressed.step([this](std::int64_t number) {
+        return readCompressed(orva::placeOf(*pPosInfo, static_cast<std::uint32_t>(number)), true);
+    });
 }
 
-std::uint32_t PreIOThread_Tri_R_D::decompress(std::int64_t number, bool ahead) {
+std::uint32_t PreIOThread_Tri_R_D::decompress(std::uint32_t number, bool ahead) {
+    const orva::blockPlace block = orva::placeOf(*pPosInfo, number);
     orva::readAheadSlot::request turn(fCompressed);
-    if (!turn.hits(number)) readCompressed(number, ahead);
-    const std::uint32_t size = orva::inflateBlock(road(ahead), placeOf(number), pDecompressBuffer.get());
+    if (!turn.hits(number)) readCompressed(block, ahead);
+    const std::uint32_t size = orva::inflateBlock(road(ahead), block, pDecompressBuffer.get());
     if (number + 1 < pPosInfo->parsedCount()) turn.readAhead(number + 1);
     return size;
 }
 
-std::uint32_t PreIOThread_Tri_R_D::readCompressed(std::int64_t number, bool ahead) {
-    const orva::blockPlace block = placeOf(number);
+std::uint32_t PreIOThread_Tri_R_D::readCompressed(const orva::blockPlace& block, bool ahead) {
     orva::readCompressed(road(ahead), block);
     return static_cast<std::uint32_t>(block.record.translateSize);
-}
-
-orva::readRoad PreIOThread_Tri_R_D::road(bool ahead) {
-    return {*pFile, fCompressor, pCompressBuffer.get(), ahead};
-}
-
-orva::blockPlace PreIOThread_Tri_R_D::placeOf(std::int64_t number) const {
-    return orva::placeOf(*pPosInfo, static_cast<std::uint32_t>(number));
 }

@@ -59,13 +59,14 @@ struct zcmpsFilestr::Data {
     void endReading() {
         if (fReader != nullptr) fReader->endThreads();
     }
-    orva::atWork threads() const {
-        if (fWriter != nullptr) return fWriter->threads();
-        return fReader != nullptr ? fReader->threads() : orva::atWork::none;
+    bool hasThreads() const {
+        return fWriter != nullptr ? fWriter->hasThreads() : fReader != nullptr && fReader->hasThreads();
     }
+    // The one thread of setMultiThread, since the setting of several can't be changed while threads are there.
+    bool hasOneThread() const { return hasThreads() && fRoads.threadCount == 0; }
     // A setting that comes late. No thread is made for setMultiThread any more.
     void takeRoads() {
-        if (threads() != orva::atWork::none) return;
+        if (hasThreads()) return;
         if (fWriter != nullptr) fWriter->take(fRoads);
         if (fReader != nullptr) fReader->take({0, fRoads.threadCount});
     }
@@ -98,14 +99,14 @@ zcmpsFilestr::~zcmpsFilestr() noexcept(false) {
 }
 
 void zcmpsFilestr::setMultiThread(std::int32_t setting) {
-    ORVA_ASSERT(fData->threads() != orva::atWork::one, "fData->fpIOThread == 0");
+    ORVA_ASSERT(!fData->hasOneThread(), "fData->fpIOThread == 0");
     fData->fRoads.multiThread = setting;
     fData->takeRoads();
 }
 
 void zcmpsFilestr::setThreadCount(std::int32_t threads) {
     ORVA_ASSERT(threads >= 0, "threads >= 0");
-    ORVA_ASSERT(fData->threads() == orva::atWork::none, "fData->fpIOThread == 0");
+    ORVA_ASSERT(!fData->hasThreads(), "fData->fpIOThread == 0");
     fData->fRoads.threadCount = static_cast<std::uint32_t>(threads);
     fData->takeRoads();
 }
@@ -164,9 +165,7 @@ std::int64_t zcmpsFilestr::Tell() const {
 // A told worker keeps the stream to what it was made for; so do several threads that write. Those that read only end.
 void zcmpsFilestr::refuseWithWorker() const {
     ORVA_ASSERT(!fData->isClosed(), "fData->bClosed == false");
-    const orva::atWork threads = fData->threads();
-    const bool writes = bIsWriting && threads == orva::atWork::several;
-    ORVA_ASSERT(threads != orva::atWork::one && !writes, "fData->fpIOThread == 0");
+    ORVA_ASSERT(!(bIsWriting ? fData->hasThreads() : fData->hasOneThread()), "fData->fpIOThread == 0");
 }
 
 // Blocks and heading stand at any offset, the cipher's data only at multiples of 16.

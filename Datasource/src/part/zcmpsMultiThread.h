@@ -3,8 +3,9 @@
 //   PreIOThread_Multi_R_D  inflates several blocks ahead of a sequential reader
 //
 // Requests are those of the workers in zcmpsPreIOThread.h, and so are files, bytes and errors: only the time differs.
+// As sink and source they start their threads with the first block.
 //
-// Memory: two blocks a slot, threads + 2 slots; to read, one block more.
+// Memory: two blocks a slot, as far as it is used, threads + 2 slots; to read, one block more.
 #pragma once
 
 #include "base/blockBuffer.h"
@@ -16,6 +17,7 @@
 #include <orva/file.h>
 #include <orva/zlibCompress.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <exception>
 #include <vector>
@@ -31,19 +33,17 @@
 // M5 After drop(), at any moment, no further block is deflated or written.
 // M6 Rows of a source are got by the thread that deflates them, so they come from its own cache. No source is asked any
 //    more when awaitRows returns, or the end request.
-class PreIOThread_Multi_W_C final : public writingWorker<PreIOThreadSeveral> {
+class PreIOThread_Multi_W_C : public writingWorker<PreIOThreadSeveral>, public orva::blockSink {
 public:
     PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
                           std::int64_t firstFilePos, std::uint32_t threads,
                           std::int32_t level = zlibCompressBlock::kFastestLevel);
 
-    // The memory of the next block's rows, to be filled in place: the next putBlock of it copies nothing. Throws the
-    // kept failure, as putBlock does.
-    unsigned char* lendRows();
+    unsigned char* room() override;
+    void put(const unsigned char* rows, std::uint32_t size) override;
+    bool putFrom(const orva::rowSource& source, std::int64_t offset, std::uint32_t size) override;
+    void awaitRows() override;
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
-    // A block whose rows stand at that offset of the source. Always true.
-    bool putFrom(const orva::rowSource& source, std::int64_t offset, std::uint32_t size);
-    void awaitRows();
     std::int32_t writeLoopStep() override;
     void drop();
 
@@ -60,18 +60,18 @@ private:
     };
 
     slot& at(std::uint64_t number) { return fSlots[number % fSlots.size()]; }
-    slot& freeSlot(guard& lock);
+    slot& freeSlot();
     void handOver(slot& block, std::uint32_t size);
     void helpOrAwait(guard& lock);
     void endLoops();
     bool takeBlock(guard& lock);
-    void getRows(guard& lock, slot& block);
-    void deflate(slot& block);
+    void make(slot& block);
     void writeInOrder(guard& lock);
     void writeOut(slot& block);
 
     ORVA_File* const pFile;
     filePosInfo* const pPosInfo;
+    const std::uint32_t stBlockSize;
     const std::int32_t fLevel;
     // Shared. A slot's buffers and result belong to whoever fills, deflates or writes it at the moment.
     std::vector<slot> fSlots;
@@ -79,14 +79,14 @@ private:
     std::uint64_t fTaken = 0;    // of these taken up by a thread
     std::uint64_t fWritten = 0;  // and done with, in order
     bool bWriting = false;       // somebody is the writer
-    bool bDropping = false;
+    bool bDropping = false;      // told to, or since fFailure
     bool bEnd = false;
     // The writer's.
     std::int64_t fpBlockPos;
     std::int64_t fpWritePos;
 };
 
-// Slots for the blocks of a sequential run that lie before the caller: the numbers fCurrent to fCurrent + fAhead.
+// Slots for the blocks that are wanted before the caller asks for them, or in a run that he asks for at once.
 // A1 A request takes a ready block, and makes one that nobody has begun itself. While its block is being made, it makes
 //    others that are wanted rather than wait, if there is a core for it.
 // A2 Only a sequential run is read ahead, twice as far with each request; after a jump nothing is wanted any more.
@@ -96,61 +96,46 @@ private:
 //    caller's memory; only what was read ahead is copied there. It ends before a block that fails (A3).
 // A6 Rows that the caller has read stand in its core's cache. Another thread regains their memory before it inflates
 //    there.
-class PreIOThread_Multi_R_D final : public readingWorker<PreIOThreadSeveral> {
+class PreIOThread_Multi_R_D : public readingWorker<PreIOThreadSeveral>, public orva::blockSource {
 public:
     PreIOThread_Multi_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize, std::uint32_t threads);
 
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t readLoopStep() override;
-    // getBlock without the look-up.
-    void load(std::uint32_t number, unsigned char* to);
-    // So many blocks, which lie one behind the other, at once: how many of them, from the first on, are there.
-    std::uint32_t loadSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to);
-    // The block's rows where they were read ahead, until the next request, or else in `own`.
-    const unsigned char* lend(std::uint32_t number, const orva::blockBuffer& own);
+    void load(std::uint32_t number, unsigned char* to) override;
+    std::uint32_t loadSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to) override;
+    const unsigned char* lend(std::uint32_t number) override;
 
 private:
     enum class state : std::uint8_t { empty, busy, ready };
     struct slot {
         orva::blockBuffer compressed;
-        orva::blockBuffer rows;
+        orva::blockBuffer rows;  // not those of a block that goes into the caller's memory
         std::int64_t number = -1;
         state is = state::empty;
     };
 
-    // Blocks on their way straight into the caller's memory.
-    struct run {
-        std::vector<std::uint32_t> numbers;  // ascending
-        std::size_t taken = 0;               // of these, by a thread
-        std::uint32_t atWork = 0;            // threads
-        std::uint32_t end = 0;               // the first block that failed, or the one behind the run
-        unsigned char* to = nullptr;
-        std::int64_t begin = 0;  // the logical position of `to`
-    };
-
     const unsigned char* readAhead(std::uint32_t number);
-    unsigned char* placeInRun(std::int64_t number) const;
-    bool isWanted(std::int64_t number) const { return number >= fCurrent && number <= fCurrent + fAhead; }
-    void takeHeld(guard& lock, std::uint32_t number);
-    bool makeOfRun(guard& lock, bool byCaller);
-    orva::blockBuffer scratch();
     void planAhead(std::int64_t number);
-    slot* find(std::int64_t number);
-    slot* freeSlot();
+    // It is wanted, and somebody has begun it.
+    bool isAhead(std::int64_t number) const { return number >= fCurrent && number < std::min(fNext, fWantedEnd); }
+    unsigned char* placeInRun(std::int64_t number) const;
+    template <class Test>
+    slot* find(Test test);
+    slot* holding(std::int64_t number);
     bool makeNext(guard& lock, bool byCaller);
     // The bytes of its rows. A size that cannot be true is refused before memory is touched.
     std::size_t rowsOf(std::int64_t number) const;
     void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest, bool ahead);
 
     ORVA_File* const pFile;
-    const filePosInfo* const pPosInfo;
     orva::blockBuffer fCompressed;  // the caller's
     // Shared. A busy slot's buffers are its thread's alone.
     std::vector<slot> fSlots;
-    std::int64_t fCurrent = -1;  // the last request
-    std::int64_t fAhead = 0;
-    std::int64_t fNext = 0;  // the first block that nobody has begun
-    run fRun;
-    std::vector<orva::blockBuffer> fScratch;  // the threads', between their steps in a run
+    std::int64_t fCurrent = -1;     // the last request
+    std::int64_t fWantedEnd = 0;    // the blocks from there on before this one are wanted
+    std::int64_t fNext = 0;         // the first block that nobody has begun
+    unsigned char* fRun = nullptr;  // where those that are wanted go, in the caller's memory
+    std::int64_t fFailed = 0;       // the first one of a run that failed
     bool bStop = false;
 };

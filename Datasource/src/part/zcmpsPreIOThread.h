@@ -4,7 +4,8 @@
 //   PreIOThread_Tri_R_D  reads on one thread, inflates on a second, beside the caller
 //
 // Requests carry whole blocks: the orginalSize and orginalPos of a block's record. A request at a reading worker is
-// answered by a copy of a block made ahead, or on the caller's own thread.
+// answered by a copy of a block made ahead, or on the caller's own thread. As sink and source (blockRoads.h) a worker
+// takes and gives the same blocks, by their numbers.
 //
 // Owner:   the stream owns the worker; file and index are the stream's and outlive it.
 // Failure: a request throws what the inline road would throw, and the worker goes on serving.
@@ -25,18 +26,14 @@
 #include <memory>
 
 // Hand-over and its rules: readAheadSlot.h.
-class PreIOThread_R_D : public readingWorker<PreIOThreadBase> {
+class PreIOThread_R_D : public readingWorker<PreIOThreadBase>, public orva::blockSource {
 public:
     PreIOThread_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize);
 
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t readLoopStep() override;
-    // getBlock without the look-up.
-    void load(std::uint32_t number, unsigned char* to);
-    // The block's rows in `own`, which may be other memory then: a block made ahead comes with the worker's.
-    const unsigned char* lend(std::uint32_t number, orva::blockBuffer& own);
-    // It is one thread.
-    static std::uint32_t loadSeveral(std::uint32_t, std::uint32_t, unsigned char*) { return 0; }
+    void load(std::uint32_t number, unsigned char* to) override;
+    const unsigned char* lend(std::uint32_t number) override;
 
 private:
     template <class Take>
@@ -45,10 +42,9 @@ private:
 
     orva::readAheadSlot fSlot;
     ORVA_File* const pFile;
-    const filePosInfo* const pPosInfo;
     // In the owner's turn.
     zlibCompressBlock fCompressor;
-    orva::blockBuffer pDecompressBuffer;
+    orva::blockBuffer pDecompressBuffer;  // a block that is lent goes with it: the caller's own takes its place
     orva::blockBuffer pCompressBuffer;
 };
 
@@ -60,19 +56,16 @@ private:
 // H3 The end request (size 0) comes once and last. It posts nothing.
 // H4 The first failure is kept; later blocks are taken and dropped; the next putBlock or Close throws it.
 // H5 After drop(), at any moment, no further block is begun.
-class PreIOThread_W_C : public writingWorker<PreIOThreadBase> {
+class PreIOThread_W_C : public writingWorker<PreIOThreadBase>, public orva::blockSink {
 public:
     PreIOThread_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
                     std::int64_t firstFilePos, std::int32_t level = zlibCompressBlock::kFastestLevel);
 
+    void put(const unsigned char* rows, std::uint32_t size) override { putBlock(rows, size, 0); }
     // `position` is not used: blocks come in stream order.
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t writeLoopStep() override;
     void drop() { bDropped = true; }
-    // Its caller fills memory of his own.
-    static unsigned char* lendRows() { return nullptr; }
-    static bool putFrom(const orva::rowSource&, std::int64_t, std::uint32_t) { return false; }
-    static void awaitRows() {}
 
 private:
     void writeOut();
@@ -111,10 +104,9 @@ public:
 
 private:
     std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number) override;
-    std::uint32_t decompress(std::int64_t number, bool ahead);
-    std::uint32_t readCompressed(std::int64_t number, bool ahead);
-    orva::readRoad road(bool ahead);
-    orva::blockPlace placeOf(std::int64_t number) const;
+    std::uint32_t decompress(std::uint32_t number, bool ahead);
+    std::uint32_t readCompressed(const orva::blockPlace& block, bool ahead);
+    orva::readRoad road(bool ahead) { return {*pFile, fCompressor, pCompressBuffer.get(), ahead}; }
 
     const filePosInfo* const pPosInfo;
     ORVA_File* const pFile;

@@ -40,7 +40,7 @@ bool PreIOThreadBase::stopThreads() {
 }
 
 bool PreIOThreadBase::destroyThreads() {
-    if (isMakers()) delete pThreadPool;
+    if (isMakers()) delete std::exchange(pThreadPool, nullptr);
     return true;
 }
 

@@ -59,7 +59,7 @@ public:
     virtual bool noOperation();
     // Ends a reading worker's loop by the stop request; a writing worker's has ended by its end request.
     virtual bool stopThreads();
-    // Once, after stopThreads.
+    // After stopThreads.
     virtual bool destroyThreads();
 
     // A block into `buffer`; the bytes delivered. Size and position 0: the stop request.
@@ -95,6 +95,15 @@ private:
     std::vector<std::unique_ptr<CallBackObject>> fLoops;  // not yet the pool's
 };
 
+// Starts a new worker. One that cannot start may be deleted.
+void startWorker(PreIOThreadBase& worker, bool bRead);
+// And gives it back. One that cannot start is gone when the error leaves.
+template <class Worker>
+std::unique_ptr<Worker> startedWorker(std::unique_ptr<Worker> worker, bool bRead) {
+    startWorker(*worker, bRead);
+    return worker;
+}
+
 // The base of workers that run their loop on several threads at once. What these share is under its mutex; one
 // condition tells them of every change. In a forked child nobody waits, and what a thread may have been holding is left
 // behind.
@@ -104,6 +113,10 @@ protected:
         : PreIOThreadBase(threads), bCallerHelps(threads < std::thread::hardware_concurrency()) {}
     ~PreIOThreadSeveral() override {
         if (!isMakers()) static_cast<void>(fShared.release());
+    }
+    // For a worker whose threads start with its first block.
+    void startOnce(bool bRead) {
+        if (pThreadPool == nullptr && isMakers()) startWorker(*this, bRead);
     }
     using guard = std::unique_lock<std::mutex>;
     guard locked() const { return guard(fShared->mutex); }
@@ -160,12 +173,3 @@ public:
         return 1;
     }
 };
-
-// Starts a new worker. One that cannot start may be deleted.
-void startWorker(PreIOThreadBase& worker, bool bRead);
-// And gives it back. One that cannot start is gone when the error leaves.
-template <class Worker>
-std::unique_ptr<Worker> startedWorker(std::unique_ptr<Worker> worker, bool bRead) {
-    startWorker(*worker, bRead);
-    return worker;
-}
