@@ -19,16 +19,6 @@ namespace {
 
 constexpr int kOwnerReadWrite = platform::_S_IREAD | platform::_S_IWRITE;
 
-// A name too long for the system is one that no side file can have.
-bool isAbsence(int error) {
-    return error == ENOENT || error == ENAMETOOLONG;
-}
-
-// A link, a directory, a socket.
-bool isOtherKind(int error) {
-    return error == ELOOP || error == EISDIR || error == ENXIO;
-}
-
 }  // namespace
 
 std::string sideFileName(const std::string& dataName) {
@@ -91,10 +81,17 @@ bool heldSideFile::open() {
         if (!own.regular) refuseForeign();
         return true;
     }
-    const int error = errno;
-    if (isAbsence(error)) return false;
-    if (isOtherKind(error)) refuseForeign();
-    throwFileError(error, kReadFailed, fName);
+    switch (const int error = errno) {
+        case ENOENT:
+        case ENAMETOOLONG:
+            return false;  // no side file can have such a name
+        case ELOOP:
+        case EISDIR:
+        case ENXIO:
+            refuseForeign();  // a link, a directory, a socket
+        default:
+            throwFileError(error, kReadFailed, fName);
+    }
 }
 
 bool heldSideFile::isTrusted() const {

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
 namespace orva {
 
@@ -26,49 +27,25 @@ void append(fileBytes& bytes, const void* from, std::size_t size) {
     bytes.insert(bytes.end(), begin, begin + size);
 }
 
-// A loss of power may have cost it its first bytes and left others: then zeros stand in the place of the mark.
-bool isForeign(const fileBytes& bytes) {
-    constexpr unsigned char lost[sizeof kSideFileMark] = {};
-    const std::size_t marked = std::min(bytes.size(), sizeof kSideFileMark);
-    return marked != 0 && std::memcmp(bytes.data(), &kSideFileMark, marked) != 0 &&
-           std::memcmp(bytes.data(), lost, marked) != 0;
-}
-
-// The bytes behind the head, without the checksum at the end, are the index and then the block.
-bool takePlaces(const fileBytes& rest, keptTail& tail) {
-    const auto inside = [&](std::int64_t, std::size_t size) {
-        return fileBytes(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(std::min(size, rest.size())));
-    };
-    const std::optional<soundIndex> index = soundIndexOf(tail.heading, tail.row0Pos, tail.fileSize, inside);
-    if (!index) return false;
-    const std::int64_t behindHeading = tail.row0Pos + kHeadingSize;
-    const filePosRecord last = index->records.empty() ? filePosRecord{0, behindHeading, 0, 0} : index->records.back();
-    tail.indexPos = index->heading._indexPos;
-    tail.index.assign(rest.begin(), rest.begin() + index->heading._size);
-    tail.block.assign(rest.begin() + index->heading._size, rest.end());
-    if (tail.block.empty()) return tail.untouchedEnd == last.translatePos + last.translateSize;
-    return tail.untouchedEnd == last.translatePos && std::ssize(tail.block) == last.translateSize;
-}
-
 }  // namespace
 
-fileBytes bytesAt(bytesFrom file, std::int64_t place, std::size_t size) {
-    if (place > file.length() - static_cast<std::int64_t>(size)) return {};
-    fileBytes bytes(size);
-    if (!file.read(bytes.data(), size, place)) bytes.clear();
+fileBytes bytesAt(bytesFrom file, std::int64_t place, std::int64_t size) {
+    if (place > file.length() - size) return {};
+    fileBytes bytes(static_cast<std::size_t>(size));
+    if (!file.read(bytes.data(), bytes.size(), place)) bytes.clear();
     return bytes;
 }
 
 rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos) {
     rawHeading heading{};
-    const fileBytes bytes = bytesAt(file, row0Pos, heading.size());
+    const fileBytes bytes = bytesAt(file, row0Pos, kHeadingSize);
     std::copy(bytes.begin(), bytes.end(), heading.begin());
     return heading;
 }
 
 std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, std::int64_t untouchedEnd) {
     const std::int64_t begin = std::max(row0Pos + kHeadingSize, untouchedEnd - kSummedBytes);
-    const fileBytes bytes = bytesAt(file, begin, static_cast<std::size_t>(untouchedEnd - begin));
+    const fileBytes bytes = bytesAt(file, begin, untouchedEnd - begin);
     if (std::ssize(bytes) != untouchedEnd - begin) return {};
     return checksum(bytes.data(), bytes.size());
 }
@@ -91,23 +68,42 @@ fileBytes serialize(const keptTail& tail) {
     return bytes;
 }
 
-sideFileState parse(const fileBytes& bytes, keptTail& tail) {
-    if (isForeign(bytes)) return sideFileState::foreign;
+// A loss of power may have cost it its first bytes and left others: then zeros stand in the place of the mark.
+bool isForeign(const fileBytes& sideFile) {
+    constexpr unsigned char lost[sizeof kSideFileMark] = {};
+    const std::size_t marked = std::min(sideFile.size(), sizeof kSideFileMark);
+    return marked != 0 && std::memcmp(sideFile.data(), &kSideFileMark, marked) != 0 &&
+           std::memcmp(sideFile.data(), lost, marked) != 0;
+}
+
+// Behind the head stand the index and then the block, and a checksum of all at the end.
+std::optional<keptTail> parse(const fileBytes& sideFile) {
+    keptTail tail;
     std::int64_t sum = 0;
-    if (bytes.size() < sizeof(sideFileHead) + sizeof sum) return sideFileState::torn;
-    const std::size_t summed = bytes.size() - sizeof sum;
-    std::memcpy(static_cast<sideFileHead*>(&tail), bytes.data(), sizeof(sideFileHead));
-    std::memcpy(&sum, bytes.data() + summed, sizeof sum);
-    if (tail.mark != kSideFileMark || sum != checksum(bytes.data(), summed)) return sideFileState::torn;
-    const fileBytes rest(bytes.begin() + sizeof(sideFileHead), bytes.end() - sizeof sum);
-    return takePlaces(rest, tail) ? sideFileState::whole : sideFileState::torn;
+    if (sideFile.size() < sizeof(sideFileHead) + sizeof sum) return {};
+    const std::size_t summed = sideFile.size() - sizeof sum;
+    std::memcpy(static_cast<sideFileHead*>(&tail), sideFile.data(), sizeof(sideFileHead));
+    std::memcpy(&sum, sideFile.data() + summed, sizeof sum);
+    if (tail.mark != kSideFileMark || sum != checksum(sideFile.data(), summed)) return {};
+    const std::span<const unsigned char> rest(sideFile.data() + sizeof(sideFileHead), sideFile.data() + summed);
+    const auto indexAt = [&](std::int64_t, std::size_t size) {
+        return fileBytes(rest.begin(), rest.begin() + std::min(std::ssize(rest), static_cast<std::ptrdiff_t>(size)));
+    };
+    const std::optional<soundIndex> index = soundIndexOf(tail.heading, tail.row0Pos, tail.fileSize, indexAt);
+    if (!index) return {};
+    const std::int64_t behindHeading = tail.row0Pos + kHeadingSize;
+    const filePosRecord last = index->records.empty() ? filePosRecord{0, behindHeading, 0, 0} : index->records.back();
+    tail.indexPos = index->heading._indexPos;
+    tail.index.assign(rest.begin(), rest.begin() + index->heading._size);
+    tail.block.assign(rest.begin() + index->heading._size, rest.end());
+    const bool meets = tail.untouchedEnd + std::ssize(tail.block) == last.translatePos + last.translateSize;
+    if (!meets || (!tail.block.empty() && tail.untouchedEnd != last.translatePos)) return {};
+    return tail;
 }
 
 std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data) {
     try {
-        keptTail kept;
-        if (!side.open() || !side.isTrusted()) return {};
-        if (parse(side.read(data.length() + kSideFileOverhead), kept) == sideFileState::whole) return kept;
+        if (side.open() && side.isTrusted()) return parse(side.read(data.length() + kSideFileOverhead));
     } catch (const DamagedFileError&) {  // NOLINT(bugprone-empty-catch): it is none of an append
     }
     return {};

@@ -35,7 +35,7 @@ struct keptTail : sideFileHead {
 };
 
 // The `size` bytes at `place`; none if the file ends before.
-fileBytes bytesAt(bytesFrom file, std::int64_t place, std::size_t size);
+fileBytes bytesAt(bytesFrom file, std::int64_t place, std::int64_t size);
 // The 24 bytes at `row0Pos`; zeros where the file ends before.
 rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos);
 
@@ -50,14 +50,11 @@ fileBytes serialize(const keptTail& tail);
 // A side file is longer than the file before the append by no more than this.
 inline constexpr std::int64_t kSideFileOverhead = 4096;
 
-enum class sideFileState : std::uint8_t {
-    foreign,  // not begun by any append
-    torn,     // cut short, or changed since
-    whole,
-};
-
-// Believes no place: all of them follow from the saved heading and index, or the file is not whole.
-sideFileState parse(const fileBytes& bytes, keptTail& tail);
+// A side file that no append has begun.
+bool isForeign(const fileBytes& sideFile);
+// Nothing for one that was cut short, or changed since. Believes no place: all of them follow from the saved heading
+// and index, or the file is not whole.
+std::optional<keptTail> parse(const fileBytes& sideFile);
 
 // What the side file of `data` keeps, if there is one that can be believed; `side` holds it open then.
 std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data);

@@ -226,7 +226,7 @@ tailPlan partWriter::resume(const resumePoint& from) {
     const auto count = static_cast<std::uint32_t>(chInfo._size / kRecordSize - 1);
     checkContiguous(fFile, chInfo, {reinterpret_cast<const filePosRecord*>(bytes.get() + kRecordSize), count});
 
-    tailPlan plan{0, 0, chInfo, from.swap, false};
+    tailPlan plan{0, 0, chInfo, false};
     fTransferEnd = chInfo._indexPos + chInfo._size;
     if (bInfo.orginalPos == kFirstRecordMark) {
         if (knowsOtherRows(from, fRow0Pos)) refuseEnd(fRow0Pos, from);

@@ -8,7 +8,6 @@
 #include <orva/errtext.h>
 #include <orva/sideFile.h>
 
-#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <new>
@@ -39,11 +38,11 @@ private:
     char fText[256];
 };
 
-// The first of the two that can say more than it does, with the outcome in its text.
-std::exception_ptr withOutcome(const std::exception_ptr& failure, const std::exception_ptr& otherwise,
-                               const char* outcome) {
+// The failure with the outcome in its text; null for one that cannot say more than it does.
+std::exception_ptr withOutcome(const std::exception_ptr& failure, const char* outcome) {
+    if (failure == nullptr) return nullptr;
     try {
-        std::rethrow_exception(failure != nullptr ? failure : otherwise);
+        std::rethrow_exception(failure);
     } catch (const FileError& error) {
         return std::make_exception_ptr(error.withOutcome(outcome));
     } catch (const std::system_error& error) {  // of a thread that could not be started
@@ -51,36 +50,23 @@ std::exception_ptr withOutcome(const std::exception_ptr& failure, const std::exc
     } catch (const std::bad_alloc& error) {
         return std::make_exception_ptr(withText(error, outcome));
     } catch (...) {
-        if (failure == nullptr || otherwise == nullptr) return std::current_exception();
+        return nullptr;
     }
-    return withOutcome(nullptr, otherwise, outcome);
-}
-
-fileBytes neededBytes(ORVA_File& file, std::int64_t place, std::int64_t size) {
-    fileBytes bytes = bytesAt(file, place, static_cast<std::size_t>(size));
-    if (std::ssize(bytes) == size) return bytes;
-    throw DamagedFileError(file.GetNameStr().GetGeneric(), "ret == size",
-                           "it ends before offset " + std::to_string(place + size));
 }
 
 keptTail keptOf(ORVA_File& file, const tailPlan& plan) {
-    compressionHeading heading = plan.heading;
-    if (plan.swap) swapHeading(heading);
-    const std::int64_t row0Pos = plan.heading._caseStartPos;
-    return {{.row0Pos = row0Pos,
-             .fileSize = lengthOf(file),
-             .untouchedEnd = plan.untouchedEnd,
-             .untouchedSum = untouchedSum(file, row0Pos, plan.untouchedEnd).value_or(0),
-             .heading = std::bit_cast<rawHeading>(heading)},
-            plan.heading._indexPos,
-            neededBytes(file, plan.heading._indexPos, plan.heading._size),
-            neededBytes(file, plan.untouchedEnd, plan.rewrittenBlock)};
-}
-
-void blotMark(ORVA_File& file, std::int64_t indexPos) {
-    constexpr std::int64_t blot = 0;
-    writeAll(file, &blot, sizeof blot, indexPos);
-    file.Sync();
+    const auto& [row0Pos, indexPos, indexSize] = plan.heading;
+    keptTail kept{{.row0Pos = row0Pos,
+                   .fileSize = lengthOf(file),
+                   .untouchedEnd = plan.untouchedEnd,
+                   .untouchedSum = untouchedSum(file, row0Pos, plan.untouchedEnd).value_or(0),
+                   .heading = rawHeadingAt(file, row0Pos)},
+                  indexPos,
+                  bytesAt(file, indexPos, indexSize),
+                  bytesAt(file, plan.untouchedEnd, plan.rewrittenBlock)};
+    if (std::ssize(kept.index) == indexSize && kept.block.size() == plan.rewrittenBlock) return kept;
+    throw DamagedFileError(file.GetNameStr().GetGeneric(), "ret == size",
+                           "it ends before offset " + std::to_string(indexPos + indexSize));
 }
 
 }  // namespace
@@ -90,7 +76,10 @@ savedTail::savedTail(ORVA_File& file, const tailPlan& plan, bool safe)
     if (!safe) return;
     fSide.make(serialize(fKept));
     try {
-        if (plan.cutsRows) blotMark(file, fKept.indexPos);
+        if (!plan.cutsRows) return;
+        constexpr std::int64_t blot = 0;
+        writeAll(file, &blot, sizeof blot, fKept.indexPos);
+        file.Sync();
     } catch (...) {
         std::rethrow_exception(undo(std::current_exception()));
     }
@@ -98,12 +87,16 @@ savedTail::savedTail(ORVA_File& file, const tailPlan& plan, bool safe)
 
 std::exception_ptr savedTail::undo(const std::exception_ptr& failure) {
     const char* outcome = bSafe ? kRollBack : kRecover;
+    std::exception_ptr otherwise;
     try {
         putBack(outcome);
-        return failure == nullptr ? nullptr : withOutcome(failure, nullptr, outcome);
     } catch (...) {
-        return withOutcome(failure, std::current_exception(), outcome);
+        otherwise = std::current_exception();
     }
+    for (const std::exception_ptr& first : {failure, otherwise}) {
+        if (std::exception_ptr told = withOutcome(first, outcome)) return told;
+    }
+    return failure != nullptr ? failure : otherwise;
 }
 
 // The heading first: from there on the file says by itself that it has to become what it was.

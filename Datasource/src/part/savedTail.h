@@ -25,7 +25,6 @@ struct tailPlan {
     std::int64_t untouchedEnd;     // where the first new block goes
     std::uint32_t rewrittenBlock;  // bytes of the old last block that stands there and is written anew, or 0
     compressionHeading heading;    // the old one, in host order
-    bool swap;                     // heading and index in the file have the other byte order
     bool cutsRows;                 // rows of the old last block are dropped
 };
 

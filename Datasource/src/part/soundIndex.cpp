@@ -21,7 +21,7 @@ bool canBeTrue(const compressionHeading& h, std::int64_t row0Pos, std::int64_t f
 
 std::optional<soundIndex> inOrder(bool swap, const rawHeading& raw, std::int64_t row0Pos, std::int64_t fileSize,
                                   const indexReader& read) {
-    soundIndex index{std::bit_cast<compressionHeading>(raw), swap, {}};
+    soundIndex index{std::bit_cast<compressionHeading>(raw), {}};
     if (swap) swapHeading(index.heading);
     if (!canBeTrue(index.heading, row0Pos, fileSize)) return {};
     const auto size = static_cast<std::size_t>(index.heading._size);

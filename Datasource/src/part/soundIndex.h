@@ -20,7 +20,6 @@ using rawHeading = std::array<unsigned char, kHeadingSize>;  // as it stands in 
 
 struct soundIndex {
     compressionHeading heading;  // in host order, as the records
-    bool swap;                   // the file has the other one
     std::vector<filePosRecord> records;
 };
 

@@ -30,9 +30,10 @@ public:
         if (!fSide.open()) return rollBackResult::nothingToDo;
         fSide.requireTrusted();
         fSize = lengthOf(fFile);
-        const sideFileState found = parse(fSide.read(fSize + kSideFileOverhead), fKept);
-        if (found == sideFileState::foreign) fSide.refuseForeign();
-        const rollBackResult result = found == sideFileState::whole ? settle() : settleTorn();
+        const fileBytes sideFile = fSide.read(fSize + kSideFileOverhead);
+        if (isForeign(sideFile)) fSide.refuseForeign();
+        fKept = parse(sideFile);
+        const rollBackResult result = fKept ? settle() : settleTorn();
         fSide.remove();
         fFile.Close();
         return result;
@@ -41,14 +42,14 @@ public:
 private:
     // A part that is whole by its heading is history: of this append, of a later one, or of another file.
     rollBackResult settle() {
-        const rawHeading heading = rawHeadingAt(fFile, fKept.row0Pos);
-        const bool isSaved = heading == fKept.heading;
+        const rawHeading heading = rawHeadingAt(fFile, fKept->row0Pos);
+        const bool isSaved = heading == fKept->heading;
         const std::optional<soundIndex> index = indexOf(heading);
         if (index && (!isSaved || tailInflates(*index))) return rollBackResult::sideFileStale;
-        const bool untouched = untouchedSum(fFile, fKept.row0Pos, fKept.untouchedEnd) == fKept.untouchedSum;
+        const bool untouched = untouchedSum(fFile, fKept->row0Pos, fKept->untouchedEnd) == fKept->untouchedSum;
         if (!untouched) refuse("neither whole nor what the append has found");
         if (isSaved) {
-            restoreTail(fFile, fKept, true);
+            restoreTail(fFile, *fKept, true);
             return rollBackResult::rolledBack;
         }
         if (!mayBeTorn(heading) || !completeHeading()) refuse("neither whole nor what the append has left");
@@ -71,7 +72,7 @@ private:
     }
 
     std::optional<soundIndex> indexOf(const rawHeading& heading) {
-        return soundIndexOf(heading, fKept.row0Pos, fSize,
+        return soundIndexOf(heading, fKept->row0Pos, fSize,
                             [&](std::int64_t place, std::size_t size) { return bytesAt(fFile, place, size); });
     }
 
@@ -81,7 +82,7 @@ private:
             const readRoad road{fFile, fCodec, fCompressed.get()};
             for (std::uint32_t i = 0; i < index.records.size(); ++i) {
                 const filePosRecord& r = index.records[i];
-                if (r.translatePos + r.translateSize < fKept.untouchedEnd) continue;
+                if (r.translatePos + r.translateSize < fKept->untouchedEnd) continue;
                 readBlock(road, {r, i, std::nullopt, fSize}, fRows.get());
             }
             return true;
@@ -92,7 +93,7 @@ private:
 
     // The bytes that say where the heading stands are the same in every heading at this place.
     bool mayBeTorn(const rawHeading& heading) const {
-        const auto place = std::bit_cast<std::array<unsigned char, sizeof fKept.row0Pos>>(fKept.row0Pos);
+        const auto place = std::bit_cast<std::array<unsigned char, sizeof(std::int64_t)>>(fKept->row0Pos);
         for (std::size_t i = 0; i < place.size(); ++i) {
             if (heading[i] != place[i] && heading[i] != place[place.size() - 1 - i]) return false;
         }
@@ -109,12 +110,12 @@ private:
             if (bytes.empty()) return false;
             std::memcpy(&first, bytes.data(), sizeof first);
             if (swap) swapRecord(first);
-            compressionHeading heading{fKept.row0Pos, end, (first.translateSize + std::int64_t{1}) * kRecordSize};
+            compressionHeading heading{fKept->row0Pos, end, (first.translateSize + std::int64_t{1}) * kRecordSize};
             if (swap) swapHeading(heading);
             const rawHeading raw = std::bit_cast<rawHeading>(heading);
             const std::optional<soundIndex> index = indexOf(raw);
             if (!index || !tailInflates(*index)) continue;
-            writeAll(fFile, raw.data(), raw.size(), fKept.row0Pos);
+            writeAll(fFile, raw.data(), raw.size(), fKept->row0Pos);
             fFile.Sync();
             return true;
         }
@@ -122,7 +123,7 @@ private:
     }
 
     std::int64_t streamsEnd() {
-        for (std::int64_t at = fKept.untouchedEnd;;) {
+        for (std::int64_t at = fKept->untouchedEnd;;) {
             const std::uint32_t count = fFile.Read(fCompressed.get(), kBlockSize, at);
             const blockOutcome outcome = fCodec.inflateWhole(fCompressed.get(), count, fRows.get(), kBlockSize);
             if (outcome.end != blockOutcome::complete) return at;
@@ -140,7 +141,7 @@ private:
     ORVA_File fFile;  // with the writer's lock
     heldSideFile fSide;
     std::int64_t fSize = 0;
-    keptTail fKept;
+    std::optional<keptTail> fKept;
     zlibCompressBlock fCodec;
     const blockBuffer fCompressed{kBlockSize};
     const blockBuffer fRows{kBlockSize};
