@@ -58,20 +58,6 @@ public:
     }
 };
 
-class inlineSource final : public blockSource {
-public:
-    inlineSource(ORVA_File& file, const filePosInfo& index) : blockSource(&index), fFile(file) {}
-    void load(std::uint32_t number, unsigned char* to) override {
-        if (!fCompressedBuffer) fCompressedBuffer = compressedRoom(pPosInfo->records());
-        readBlock({fFile, fCompressor, fCompressedBuffer.get()}, placeOf(*pPosInfo, number), to);
-    }
-
-private:
-    ORVA_File& fFile;
-    zlibCompressBlock fCompressor;
-    blockBuffer fCompressedBuffer;
-};
-
 class cachedSource final : public blockSource {
 public:
     cachedSource(std::unique_ptr<blockSource> source, const filePosInfo& index, std::uint32_t blocks)
@@ -117,11 +103,6 @@ blockBuffer& blockSource::own() {
     return fBuffer;
 }
 
-const unsigned char* blockSource::lend(std::uint32_t number) {
-    load(number, own().get());
-    return own().get();
-}
-
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken) {
     if (taken.threadCount != 0) return std::make_unique<sinkRoad<PreIOThread_Multi_W_C>>(at, taken.threadCount);
     if (taken.multiThread == 1) return startedWorker(std::make_unique<sinkRoad<PreIOThread_W_C>>(at), false);
@@ -131,12 +112,10 @@ std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken) {
 std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& index, const roads& taken,
                                         std::uint32_t cachedBlocks) {
     std::unique_ptr<blockSource> source;
-    if (taken.threadCount != 0) {
-        source = std::make_unique<road<PreIOThread_Multi_R_D>>(&file, &index, kBlockSize, taken.threadCount);
-    } else if (taken.multiThread >= 2) {
+    if (taken.threadCount == 0 && taken.multiThread >= 2) {
         source = startedWorker(std::make_unique<road<PreIOThread_R_D>>(&file, &index, kBlockSize), true);
     } else {
-        source = std::make_unique<inlineSource>(file, index);
+        source = std::make_unique<road<PreIOThread_Multi_R_D>>(&file, &index, kBlockSize, taken.threadCount);
     }
     if (cachedBlocks != 0) source = std::make_unique<cachedSource>(std::move(source), index, cachedBlocks);
     return source;

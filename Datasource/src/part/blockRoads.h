@@ -74,7 +74,7 @@ public:
     explicit blockSource(const filePosInfo* index) : pPosInfo(index) {}
     virtual ~blockSource() = default;
     // The rows of the block, in memory of the source until the next call.
-    virtual const unsigned char* lend(std::uint32_t number);
+    virtual const unsigned char* lend(std::uint32_t number) = 0;
     // The rows of the block into the caller's memory.
     virtual void load(std::uint32_t number, unsigned char* to) = 0;
     // The rows of so many blocks, which lie one behind the other, by several threads at once: how many of them, from

@@ -26,20 +26,19 @@ void PreIOThread_Multi_R_D::load(std::uint32_t number, unsigned char* to) {
     if (const unsigned char* rows = readAhead(number)) {
         std::memcpy(to, rows, rowsOf(number));
     } else {
-        makeBlock(number, fCompressed, to, false);
+        makeBlock(number, fCompressedBuffer, to, false);
     }
 }
 
 const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number) {
     if (const unsigned char* rows = readAhead(number)) return rows;
-    makeBlock(number, fCompressed, own().get(), false);
+    makeBlock(number, fCompressedBuffer, own().get(), false);
     return own().get();
 }
 
 // Null: nobody has begun it.
 const unsigned char* PreIOThread_Multi_R_D::readAhead(std::uint32_t number) {
-    if (!isMakers()) return nullptr;
-    startOnce(true);
+    if (!startOnce(true)) return nullptr;
     guard lock = locked();
     planAhead(number);
     for (;;) {
@@ -62,8 +61,7 @@ void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
 }
 
 std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to) {
-    if (!isMakers()) return 0;
-    startOnce(true);
+    if (!startOnce(true)) return 0;
     guard lock = locked();
     fRun = to;
     fCurrent = fNext = first;

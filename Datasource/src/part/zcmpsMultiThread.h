@@ -1,6 +1,6 @@
 // The workers of the compressed stream over several threads, for zcmpsFilestr::setThreadCount.
 //   PreIOThread_Multi_W_C  deflates several blocks at once, writes and records them in order
-//   PreIOThread_Multi_R_D  inflates several blocks ahead of a sequential reader
+//   PreIOThread_Multi_R_D  inflates several blocks ahead of a sequential reader; without threads, what is asked for
 //
 // Requests are those of the workers in zcmpsPreIOThread.h, and so are files, bytes and errors: only the time differs.
 // As sink and source they start their threads with the first block.
@@ -129,7 +129,7 @@ private:
     void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest, bool ahead);
 
     ORVA_File* const pFile;
-    orva::blockBuffer fCompressed;  // the caller's
+    orva::blockBuffer fCompressedBuffer;  // the caller's
     // Shared. A busy slot's buffers are its thread's alone.
     std::vector<slot> fSlots;
     std::int64_t fCurrent = -1;     // the last request

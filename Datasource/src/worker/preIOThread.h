@@ -114,9 +114,12 @@ protected:
     ~PreIOThreadSeveral() override {
         if (!isMakers()) static_cast<void>(fShared.release());
     }
-    // For a worker whose threads start with its first block.
-    void startOnce(bool bRead) {
-        if (pThreadPool == nullptr && isMakers()) startWorker(*this, bRead);
+    // For a worker whose threads start with its first block. False where there are none: of no threads, or in a forked
+    // child.
+    bool startOnce(bool bRead) {
+        if (fThreads == 0 || !isMakers()) return false;
+        if (pThreadPool == nullptr) startWorker(*this, bRead);
+        return true;
     }
     using guard = std::unique_lock<std::mutex>;
     guard locked() const { return guard(fShared->mutex); }
