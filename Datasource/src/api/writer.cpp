@@ -91,8 +91,8 @@ struct Writer::State {
     // `swap`: heading and index have the other byte order. What a part has finished has this machine's.
     void resume(bool swap) {
         const i64 end = fRow0 + fSize;
-        fPart =
-            std::make_unique<partWriter>(*fOpened, fRow0, resumePoint{swap, end, end, {}}, fRoads, bDurable, fChoices);
+        const resumePoint from{swap, end, end, {}, bDurable};
+        fPart = std::make_unique<partWriter>(*fOpened, fRow0, fRoads, fChoices, from);
     }
 
     i64 size() const { return fPart != nullptr ? fPart->end() - fRow0 : fSize; }

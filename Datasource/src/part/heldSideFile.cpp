@@ -81,17 +81,10 @@ bool heldSideFile::open() {
         if (!own.regular) refuseForeign();
         return true;
     }
-    switch (const int error = errno) {
-        case ENOENT:
-        case ENAMETOOLONG:
-            return false;  // no side file can have such a name
-        case ELOOP:
-        case EISDIR:
-        case ENXIO:
-            refuseForeign();  // a link, a directory, a socket
-        default:
-            throwFileError(error, kReadFailed, fName);
-    }
+    const int error = errno;
+    if (error == ENOENT || error == ENAMETOOLONG) return false;  // a name too long is one that no side file can have
+    if (error == ELOOP || error == EISDIR || error == ENXIO) refuseForeign();  // a link, a directory, a socket
+    throwFileError(error, kReadFailed, fName);
 }
 
 bool heldSideFile::isTrusted() const {

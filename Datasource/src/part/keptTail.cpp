@@ -38,9 +38,7 @@ fileBytes bytesAt(bytesFrom file, std::int64_t place, std::int64_t size) {
 
 rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos) {
     rawHeading heading{};
-    const fileBytes bytes = bytesAt(file, row0Pos, kHeadingSize);
-    std::copy(bytes.begin(), bytes.end(), heading.begin());
-    return heading;
+    return file.read(heading.data(), heading.size(), row0Pos) ? heading : rawHeading{};
 }
 
 std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, std::int64_t untouchedEnd) {

@@ -16,41 +16,24 @@
 
 namespace orva {
 
-namespace {
-
-// The caller means other rows than those that the file holds now, which end at `end`: they are neither cut nor joined.
-bool knowsOtherRows(const resumePoint& from, std::int64_t end) {
-    return from.endpos != end && from.seenEnd.value_or(end) != end;
-}
-
-}  // namespace
-
-partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const choices& chosen)
+// The 24 bytes of the heading are reserved by nothing but the first block's place behind them.
+partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, const choices& chosen,
+                       const std::optional<resumePoint>& from)
     : fFile(file),
       fRow0Pos(row0Pos),
       fChosen(chosen),
       fIndex(kBlockSize, file.GetNameStr().GetGeneric()),
       fpos(row0Pos),
-      availBuffSize(chosen.blockLength) {}
-
-// The 24 bytes of the heading are reserved by nothing but the first block's place behind them.
-partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, const choices& chosen)
-    : partWriter(file, row0Pos, chosen) {
-    bNewPart = true;
+      availBuffSize(chosen.blockLength),
+      bNewPart(!from) {
+    const tailPlan plan = from ? resume(*from) : tailPlan{};
     fSink = makeSink(next(), taken);
-}
-
-partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const resumePoint& from, const roads& taken, bool safe,
-                       const choices& chosen)
-    : partWriter(file, row0Pos, chosen) {
-    const tailPlan plan = resume(from);
-    fSink = makeSink(next(), taken);
-    fTail = std::make_unique<savedTail>(fFile, plan, safe);
+    if (from) fTail = std::make_unique<savedTail>(fFile, plan, from->safe);
 }
 
 partWriter::~partWriter() {
     try {
-        if (fProcess == platform::processId()) abandon();
+        abandon();
     } catch (...) {  // whoever wants to hear of it abandons before
     }
 }
@@ -61,18 +44,15 @@ void partWriter::guarded(Steps steps) {
     try {
         steps();
     } catch (...) {
-        fail();
+        std::rethrow_exception(ended(std::current_exception()));
     }
 }
 
-// What a failed append has overwritten is put back before anybody hears of it, once no thread writes any more.
-void partWriter::fail() {
-    const std::exception_ptr failure = std::current_exception();
-    std::rethrow_exception(fProcess == platform::processId() ? undone(failure) : failure);
-}
-
-// Gives the failure with what became of the file in its text, or why it could not be undone.
-std::exception_ptr partWriter::undone(const std::exception_ptr& failure) {
+// What a failed append has overwritten is put back before anybody hears of it, once no thread writes any more. Gives
+// the failure with what became of the file in its text, or why it could not be undone. A forked child leaves the file
+// alone.
+std::exception_ptr partWriter::ended(const std::exception_ptr& failure) {
+    if (fProcess != platform::processId()) return failure;
     endSink(true);
     return fTail != nullptr ? std::exchange(fTail, nullptr)->undo(failure) : failure;
 }
@@ -82,7 +62,7 @@ void partWriter::endSink(bool drop) {
 }
 
 void partWriter::abandon() {
-    if (const std::exception_ptr failure = undone(nullptr)) std::rethrow_exception(failure);
+    if (const std::exception_ptr failure = ended(nullptr)) std::rethrow_exception(failure);
 }
 
 void partWriter::write(const unsigned char* rows, std::uint64_t size) {
@@ -229,9 +209,11 @@ tailPlan partWriter::resume(const resumePoint& from) {
     tailPlan plan{0, 0, chInfo, false};
     fTransferEnd = chInfo._indexPos + chInfo._size;
     if (bInfo.orginalPos == kFirstRecordMark) {
-        if (knowsOtherRows(from, fRow0Pos)) refuseEnd(fRow0Pos, from);
+        requireEnd(fRow0Pos, from, false);
     } else if (bInfo.orginalSize >= static_cast<std::int64_t>(fChosen.blockLength)) {
-        resumeBehind(bInfo, from);
+        fIndex.addRecord(bInfo.orginalPos, bInfo.translatePos, bInfo.orginalSize, bInfo.translateSize);
+        fpos = bInfo.orginalPos + bInfo.orginalSize;
+        requireEnd(fpos, from, true);
     } else {
         ORVA_ASSERT(from.filePos == from.endpos, "fFilePos == endpos");
         resumeInBlock(bInfo, count - 1, from);
@@ -242,19 +224,13 @@ tailPlan partWriter::resume(const resumePoint& from) {
     return plan;
 }
 
-void partWriter::resumeBehind(const filePosRecord& bInfo, const resumePoint& from) {
-    fIndex.addRecord(bInfo.orginalPos, bInfo.translatePos, bInfo.orginalSize, bInfo.translateSize);
-    fpos = bInfo.orginalPos + bInfo.orginalSize;
-    if (fpos != from.endpos) refuseEnd(fpos, from);
-}
-
 void partWriter::resumeInBlock(const filePosRecord& bInfo, std::uint32_t number, const resumePoint& from) {
     const std::int64_t end = bInfo.orginalPos + bInfo.orginalSize;
     zlibCompressBlock fCompressor;
     const blockBuffer compressed(kBlockSize);
     fRows = blockBuffer(fChosen.blockLength);
     readBlock({fFile, fCompressor, compressed.get()}, {bInfo, number, std::nullopt, lengthOf(fFile)}, fRows.get());
-    if (knowsOtherRows(from, end)) refuseEnd(end, from);
+    requireEnd(end, from, false);
     ORVA_ASSERT(from.endpos >= bInfo.orginalPos && from.endpos <= end, "endpos inside the last block");
     fBuffer = fRows.get();
     fpos = bInfo.orginalPos;
@@ -262,12 +238,15 @@ void partWriter::resumeInBlock(const filePosRecord& bInfo, std::uint32_t number,
     fTransferEnd = bInfo.translatePos + bInfo.translateSize;
 }
 
-// Another process may have written since the caller read the index, so this is no breach.
-void partWriter::refuseEnd(std::int64_t end, const resumePoint& from) const {
+// Another process may have written since the caller read the index: he means other rows then, which are neither cut nor
+// joined, and it is no breach of his.
+void partWriter::requireEnd(std::int64_t end, const resumePoint& from, bool goesOnThere) const {
+    const bool otherRows = from.endpos != end && from.seenEnd.value_or(end) != end;
+    if (!otherRows && (!goesOnThere || from.endpos == end)) return;
     const DamagedFileError damage(
         fFile.GetNameStr().GetGeneric(), "fData->fpos == endpos",
         "its rows end at logical position " + std::to_string(end) + " instead of " + std::to_string(from.endpos));
-    if (knowsOtherRows(from, end)) throw FileChangedError(damage);
+    if (otherRows) throw FileChangedError(damage);
     throw damage;
 }
 

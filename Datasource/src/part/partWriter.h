@@ -34,17 +34,16 @@ struct resumePoint {
     std::int64_t endpos;                  // where the rows go on: their end, or a place in a short last block
     std::int64_t filePos;                 // where the caller is going to write; has to be endpos if that block is short
     std::optional<std::int64_t> seenEnd;  // where the rows ended when the caller read the index
+    bool safe;                            // what is going to be overwritten stands in a side file first
 };
 
 class partWriter {
 public:
     // Begins a new part at file offset `row0Pos`, 1 to kLastRow0Pos. Nothing is written until the first block; a side
-    // file of the part's former life goes then.
-    partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, const choices& chosen = {});
-    // Resumes the finished part there. `safe`: what is going to be overwritten stands in a side file first.
-    // DamagedFileError too if the rows do not end where the caller takes them to.
-    partWriter(ORVA_File& file, std::int64_t row0Pos, const resumePoint& from, const roads& taken, bool safe,
-               const choices& chosen = {});
+    // file of the part's former life goes then. With `from` it resumes the finished part there. DamagedFileError then
+    // too if the rows do not end where the caller takes them to.
+    partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, const choices& chosen = {},
+               const std::optional<resumePoint>& from = {});
     partWriter(const partWriter&) = delete;
     partWriter& operator=(const partWriter&) = delete;
     // Abandons what is not finished, and swallows what that meets.
@@ -76,11 +75,9 @@ public:
     bool hasThreads() const { return fSink != nullptr && fSink->hasThreads(); }
 
 private:
-    partWriter(ORVA_File& file, std::int64_t row0Pos, const choices& chosen);
     template <class Steps>
     void guarded(Steps steps);
-    [[noreturn]] void fail();
-    std::exception_ptr undone(const std::exception_ptr& failure);
+    std::exception_ptr ended(const std::exception_ptr& failure);
     void endSink(bool drop);
     sinkPlace next() { return {fFile, fIndex, fChosen, fpos, fIndex.writtenEnd(fRow0Pos + kHeadingSize)}; }
     unsigned char* newRoom();
@@ -92,9 +89,8 @@ private:
     void commit(bool durable, bool staysOpen);
     compressionHeading writeIndex();
     tailPlan resume(const resumePoint& from);
-    void resumeBehind(const filePosRecord& last, const resumePoint& from);
     void resumeInBlock(const filePosRecord& last, std::uint32_t number, const resumePoint& from);
-    [[noreturn]] void refuseEnd(std::int64_t end, const resumePoint& from) const;
+    void requireEnd(std::int64_t end, const resumePoint& from, bool goesOnThere) const;
 
     ORVA_File& fFile;
     const std::int64_t fRow0Pos;
@@ -105,7 +101,7 @@ private:
     unsigned char* fBuffer = nullptr;  // the current block's rows, in memory of the sink or of fRows
     std::uint32_t availBuffSize;       // free bytes of it
     blockBuffer fRows;
-    bool bNewPart = false;  // nothing of a new part is in the file yet
+    bool bNewPart;  // nothing of a new part is in the file yet
     bool bFinished = false;
     std::unique_ptr<savedTail> fTail;  // of an append that is not through
     std::unique_ptr<blockSink> fSink;  // none once the writer has ended or failed

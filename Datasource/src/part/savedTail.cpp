@@ -112,7 +112,6 @@ void savedTail::putBack(const char*& outcome) {
 }
 
 void savedTail::commit() {
-    if (!bSafe) return;
     try {
         fSide.remove();
     } catch (const FileError& error) {

@@ -41,8 +41,7 @@ public:
     // text, or where that could not be done and there was none, why; null for a null failure and a success. Once, and
     // nothing after it.
     std::exception_ptr undo(const std::exception_ptr& failure);
-    // The new heading is durable: the side file goes. Once, and nothing after it. Nothing to do for an append that is
-    // not safe.
+    // The new heading of a safe append is durable: the side file goes. Once, and nothing after it.
     void commit();
 
 private:

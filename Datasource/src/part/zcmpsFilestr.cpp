@@ -214,9 +214,9 @@ void zcmpsFilestr::setFileToAppend(std::int64_t endpos, bool swap) {
     beginWriting("fData->pRealFile.Open(GetNameStr(),\"r+b\")", __LINE__, [&] {
         std::optional<std::int64_t> seenEnd;
         if (fData->fReader != nullptr) seenEnd = fData->fReader->end();
+        const orva::resumePoint from{swap, endpos, fFilePos, seenEnd, fData->bSafeAppend};
         auto writer = std::make_unique<orva::partWriter>(
-            fData->pRealFile, fData->fRow0Pos, orva::resumePoint{swap, endpos, fFilePos, seenEnd},
-            orva::roads{0, fData->fRoads.threadCount}, fData->bSafeAppend, fData->fChosen);
+            fData->pRealFile, fData->fRow0Pos, orva::roads{0, fData->fRoads.threadCount}, fData->fChosen, from);
         fData->fRoads.multiThread = 0;
         return writer;
     });
