@@ -34,8 +34,8 @@ constexpr const char* kDamagedUntold = "its block is damaged, and no index tells
 constexpr const char* kGivenUp =
     "the search was given up here: what stands here could be taken for blocks again and again";
 
-std::int64_t workOf(std::uint32_t rows, std::uint32_t length) {
-    return kTrial + rows + length;
+std::int64_t workOf(const blockOutcome& trial) {
+    return kTrial + trial.produced + trial.consumed;
 }
 
 std::int64_t mostRowsOf(std::int64_t bytes) {
@@ -93,7 +93,7 @@ void partSurvey::walk() {
     fPlace = fNextPlace = report.part.row0Pos + kHeadingSize;
     while (fPlace < fWindow.fileSize() && !allSeen()) {
         tell(fPlace, false);
-        if (const std::optional<stream> found = streamAt(fPlace, fPatience)) {
+        if (const std::optional<blockOutcome> found = streamAt(fPlace, fPatience)) {
             takeBlock(*found);
         } else if (!bridge()) {
             return;
@@ -107,21 +107,21 @@ bool partSurvey::allSeen() const {
 
 // Length or rows as recorded: one of the two can lie. A last block with other ones was rewritten by an append, which
 // may have added more.
-void partSurvey::takeBlock(const stream& found) {
+void partSurvey::takeBlock(const blockOutcome& found) {
     const std::optional<std::size_t> number = numberHere();
-    segments.push_back({found.rows, fPlace, number, found.length});
+    segments.push_back({found.produced, fPlace, number, found.consumed});
     if (number) {
         const filePosRecord& record = fIndex[*number];
         fNext = *number;
         fNextPlace = fPlace + record.translateSize;
-        const bool asRecorded = record.orginalSize == segments.back().size || fNextPlace == fPlace + found.length;
+        const bool asRecorded = record.orginalSize == segments.back().size || fNextPlace == fPlace + found.consumed;
         bLastAsRecorded = asRecorded && fNext + 1 == fIndex.size();
         report.lastRewritten = !asRecorded && fNext + 1 == fIndex.size();
     }
     ++fNext;
-    fPlace += found.length;
-    fPatience.earn(kEarnedByBlock * workOf(found.rows, found.length));
-    fUsualLength = found.length;
+    fPlace += found.consumed;
+    fPatience.earn(kEarnedByBlock * workOf(found));
+    fUsualLength = found.consumed;
 }
 
 // Over what is no whole stream to the next one that is. False at the end of what there is.
@@ -286,15 +286,13 @@ void partSurvey::addMissing(std::int64_t count) {
         {missing * kBlockSize, fPlace, {}, 0, true, "its blocks are gone, and no index tells their size"});
 }
 
-std::optional<partSurvey::stream> partSurvey::streamAt(std::int64_t place, patience& left) {
+std::optional<blockOutcome> partSurvey::streamAt(std::int64_t place, patience& left) {
     if (place < report.part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || left.exhausted())
         return std::nullopt;
     const std::int64_t before = fRead;
     const blockOutcome outcome = inflateAt(place, fUsualLength + fUsualLength / 4);
-    if (outcome.end == blockOutcome::complete && outcome.produced != 0) {
-        return stream{outcome.produced, outcome.consumed};
-    }
-    left.spend(workOf(outcome.produced, outcome.consumed) + fRead - before);
+    if (outcome.end == blockOutcome::complete && outcome.produced != 0) return outcome;
+    left.spend(workOf(outcome) + fRead - before);
     return std::nullopt;
 }
 
@@ -318,7 +316,7 @@ std::optional<std::int64_t> partSurvey::nextStream(std::int64_t from, std::int64
         fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
         const blockOutcome glance = fCodec.inflateWhole(bytes, count, fRows.get(), kBlockSize);
         if (glance.end == blockOutcome::complete) return glance.produced != 0;
-        fPatience.spend(workOf(glance.produced, glance.consumed));
+        fPatience.spend(workOf(glance));
         return glance.consumed == count && streamAt(place, fPatience).has_value();
     };
     return fWindow.find(from, end, 2, isStream);

@@ -43,10 +43,6 @@ public:
     std::vector<surveySegment> segments;
 
 private:
-    struct stream {
-        std::uint32_t rows;
-        std::uint32_t length;
-    };
     struct resumption {
         std::optional<std::int64_t> place;
         bool sure;  // no block before it was overlooked
@@ -57,7 +53,7 @@ private:
     // The walk.
     void walk();
     bool allSeen() const;
-    void takeBlock(const stream& found);
+    void takeBlock(const blockOutcome& found);
     bool bridge();
     resumption resumeByIndex(bool inStep);
     void earnByLoss(std::int64_t place, std::int64_t end);
@@ -74,7 +70,7 @@ private:
     std::size_t committedSegments() const;
     void addMissing(std::int64_t count);
     // Single streams.
-    std::optional<stream> streamAt(std::int64_t place, patience& left);
+    std::optional<blockOutcome> streamAt(std::int64_t place, patience& left);
     blockOutcome inflateAt(std::int64_t place, std::uint32_t firstRead);
     std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end);
 

@@ -11,7 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
+#include <span>
 
 namespace orva {
 
@@ -28,46 +28,38 @@ void copyDictionary(ORVA_File& from, ORVA_File& to, std::int64_t size) {
     }
 }
 
+void writeZeros(partSurvey& survey, const surveySegment& lost, partWriter& output) {
+    for (std::int64_t left = lost.size; left > 0;) {
+        survey.tell(lost.place, true);
+        const std::span<unsigned char> room = output.room();
+        const auto count = std::min(std::ssize(room), left);
+        std::fill_n(room.begin(), count, '\0');
+        output.wrote(static_cast<std::uint32_t>(count));
+        left -= count;
+    }
+}
+
 // Writes the rows of a survey, one after the other, and keeps the account of them.
-class rowWriter {
-public:
-    rowWriter(partSurvey& survey, partWriter& output, bool dropLost)
-        : fSurvey(survey), fOutput(output), bDropLost(dropLost), fPos(survey.report.part.row0Pos) {}
-
-    // `trailing`: no rows come behind it, so a guess at its size would move no position, and is not filled in.
-    void take(const surveySegment& segment, bool trailing) {
-        fSurvey.tell(segment.place, true);
-        const unsigned char* rows = segment.length == 0 ? nullptr : fSurvey.rowsOf(segment);
+void writeRows(partSurvey& survey, partWriter& output, bool dropLost) {
+    recoverReport& report = survey.report;
+    std::int64_t pos = report.part.row0Pos;
+    for (const surveySegment& segment : survey.segments) {
+        survey.tell(segment.place, true);
+        const unsigned char* rows = segment.length == 0 ? nullptr : survey.rowsOf(segment);
         if (rows != nullptr) {
-            fOutput.write(rows, static_cast<std::uint64_t>(segment.size));
-            ++fSurvey.report.blocks;
-            fSurvey.report.rows += segment.size;
+            output.write(rows, static_cast<std::uint64_t>(segment.size));
+            ++report.blocks;
+            report.rows += segment.size;
         } else {
-            lose(segment, bDropLost || (trailing && segment.estimated));
+            const std::string why = segment.why == nullptr ? "its block could not be read again" : segment.why;
+            report.lost.push_back({pos, pos + segment.size, segment.place, segment.estimated, why});
+            // Where no rows come behind it, a guess at its size would move no position, and is not filled in.
+            const bool trailing = &segment == &survey.segments.back();
+            if (!dropLost && !(trailing && segment.estimated)) writeZeros(survey, segment, output);
         }
-        fPos += segment.size;
+        pos += segment.size;
     }
-
-private:
-    void lose(const surveySegment& segment, bool drop) {
-        const std::string why = segment.why == nullptr ? "its block could not be read again" : segment.why;
-        fSurvey.report.lost.push_back({fPos, fPos + segment.size, segment.place, segment.estimated, why});
-        if (drop) return;
-        if (!fZeros) fZeros = std::make_unique<unsigned char[]>(kBlockSize);
-        for (std::int64_t left = segment.size; left > 0;) {
-            fSurvey.tell(segment.place, true);
-            const std::int64_t piece = std::min<std::int64_t>(left, kBlockSize);
-            fOutput.write(fZeros.get(), static_cast<std::uint64_t>(piece));
-            left -= piece;
-        }
-    }
-
-    partSurvey& fSurvey;
-    partWriter& fOutput;
-    const bool bDropLost;
-    std::int64_t fPos;
-    std::unique_ptr<unsigned char[]> fZeros;
-};
+}
 
 // Never in place: opening the output for writing would empty the input.
 void writeRecovered(partSurvey& survey, ORVA_File& input, const std::string& output, bool dropLost) {
@@ -79,8 +71,7 @@ void writeRecovered(partSurvey& survey, ORVA_File& input, const std::string& out
     const std::int64_t row0Pos = survey.report.part.row0Pos;
     copyDictionary(input, file, row0Pos);
     partWriter rows(file, row0Pos, roads());
-    rowWriter writer(survey, rows, dropLost);
-    for (const surveySegment& segment : survey.segments) writer.take(segment, &segment == &survey.segments.back());
+    writeRows(survey, rows, dropLost);
     survey.tell(input.Size(), true);
     rows.finish(false);
 }

@@ -44,8 +44,9 @@ private:
     rollBackResult settle() {
         const rawHeading heading = rawHeadingAt(fFile, fKept->row0Pos);
         const bool isSaved = heading == fKept->heading;
-        const std::optional<soundIndex> index = indexOf(heading);
-        if (index && (!isSaved || tailInflates(*index))) return rollBackResult::sideFileStale;
+        const std::optional<soundIndex> index = indexOf(heading, fKept->row0Pos);
+        // Every block that the append can have touched, and the one before them.
+        if (index && (!isSaved || tailInflates(*index, fKept->untouchedEnd))) return rollBackResult::sideFileStale;
         const bool untouched = untouchedSum(fFile, fKept->row0Pos, fKept->untouchedEnd) == fKept->untouchedSum;
         if (!untouched) refuse("neither whole nor what the append has found");
         if (isSaved) {
@@ -59,30 +60,28 @@ private:
     // An append begins only once its side file is whole and durable, so beside one cut short the data stand as they
     // stood. Where they don't, the side file was damaged later, and must not be taken for one cut short.
     rollBackResult settleTorn() {
-        try {
-            if (const std::optional<foundPart> part = findPart(fName)) {
-                finishedPart opened(fName, *part);
-                opened.verifyIndex();
-                if (opened.blockCount() != 0) opened.verifyBlock(opened.blockCount() - 1);
-                return rollBackResult::sideFileStale;
-            }
-        } catch (const DamagedFileError&) {  // NOLINT(bugprone-empty-catch): told below
+        if (const std::optional<foundPart> part = findPart(fName)) {
+            const std::optional<soundIndex> index = indexOf(rawHeadingAt(fFile, part->row0Pos), part->row0Pos);
+            const auto lastPlace = [](const auto& records) {
+                return records.empty() ? 0 : records.back().translatePos;
+            };
+            if (index && tailInflates(*index, lastPlace(index->records) + 1)) return rollBackResult::sideFileStale;
         }
         refuse("not whole, and neither is the side file");
     }
 
-    std::optional<soundIndex> indexOf(const rawHeading& heading) {
-        return soundIndexOf(heading, fKept->row0Pos, fSize,
+    std::optional<soundIndex> indexOf(const rawHeading& heading, std::int64_t row0Pos) {
+        return soundIndexOf(heading, row0Pos, fSize,
                             [&](std::int64_t place, std::size_t size) { return bytesAt(fFile, place, size); });
     }
 
-    // Every block that the append can have touched, and the one before them.
-    bool tailInflates(const soundIndex& index) {
+    // Every block that ends there or behind it.
+    bool tailInflates(const soundIndex& index, std::int64_t from) {
         try {
             const readRoad road{fFile, fCodec, fCompressed.get()};
             for (std::uint32_t i = 0; i < index.records.size(); ++i) {
                 const filePosRecord& r = index.records[i];
-                if (r.translatePos + r.translateSize < fKept->untouchedEnd) continue;
+                if (r.translatePos + r.translateSize < from) continue;
                 readBlock(road, {r, i, std::nullopt, fSize}, fRows.get());
             }
             return true;
@@ -113,8 +112,8 @@ private:
             compressionHeading heading{fKept->row0Pos, end, (first.translateSize + std::int64_t{1}) * kRecordSize};
             if (swap) swapHeading(heading);
             const rawHeading raw = std::bit_cast<rawHeading>(heading);
-            const std::optional<soundIndex> index = indexOf(raw);
-            if (!index || !tailInflates(*index)) continue;
+            const std::optional<soundIndex> index = indexOf(raw, fKept->row0Pos);
+            if (!index || !tailInflates(*index, fKept->untouchedEnd)) continue;
             writeAll(fFile, raw.data(), raw.size(), fKept->row0Pos);
             fFile.Sync();
             return true;
