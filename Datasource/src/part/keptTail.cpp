@@ -84,8 +84,8 @@ std::optional<keptTail> parse(const fileBytes& sideFile) {
     std::memcpy(&sum, sideFile.data() + summed, sizeof sum);
     if (tail.mark != kSideFileMark || sum != checksum(sideFile.data(), summed)) return {};
     const std::span<const unsigned char> rest(sideFile.data() + sizeof(sideFileHead), sideFile.data() + summed);
-    const auto indexAt = [&](std::int64_t, std::size_t size) {
-        return fileBytes(rest.begin(), rest.begin() + std::min(std::ssize(rest), static_cast<std::ptrdiff_t>(size)));
+    const auto indexAt = [&](std::int64_t, std::int64_t size) {
+        return fileBytes(rest.begin(), rest.begin() + std::min(std::ssize(rest), size));
     };
     const std::optional<soundIndex> index = soundIndexOf(tail.heading, tail.row0Pos, tail.fileSize, indexAt);
     if (!index) return {};

@@ -24,11 +24,10 @@ std::optional<soundIndex> inOrder(bool swap, const rawHeading& raw, std::int64_t
     soundIndex index{std::bit_cast<compressionHeading>(raw), {}};
     if (swap) swapHeading(index.heading);
     if (!canBeTrue(index.heading, row0Pos, fileSize)) return {};
-    const auto size = static_cast<std::size_t>(index.heading._size);
-    const fileBytes bytes = read(index.heading._indexPos, size);
-    if (bytes.size() != size) return {};
-    index.records.resize(size / kRecordSize);
-    std::memcpy(index.records.data(), bytes.data(), size);
+    const fileBytes bytes = read(index.heading._indexPos, index.heading._size);
+    if (std::ssize(bytes) != index.heading._size) return {};
+    index.records.resize(bytes.size() / kRecordSize);
+    std::memcpy(index.records.data(), bytes.data(), bytes.size());
     if (swap) std::ranges::for_each(index.records, swapRecord);
     const filePosRecord first = index.records.front();
     index.records.erase(index.records.begin());

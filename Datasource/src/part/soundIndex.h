@@ -24,7 +24,7 @@ struct soundIndex {
 };
 
 // Gives `size` bytes from the file offset `place` on, or none if they are not there.
-using indexReader = std::function<fileBytes(std::int64_t place, std::size_t size)>;
+using indexReader = std::function<fileBytes(std::int64_t place, std::int64_t size)>;
 
 std::optional<soundIndex> soundIndexOf(const rawHeading& raw, std::int64_t row0Pos, std::int64_t fileSize,
                                        const indexReader& read);

@@ -72,7 +72,7 @@ private:
 
     std::optional<soundIndex> indexOf(const rawHeading& heading, std::int64_t row0Pos) {
         return soundIndexOf(heading, row0Pos, fSize,
-                            [&](std::int64_t place, std::size_t size) { return bytesAt(fFile, place, size); });
+                            [&](std::int64_t place, std::int64_t size) { return bytesAt(fFile, place, size); });
     }
 
     // Every block that ends there or behind it.
