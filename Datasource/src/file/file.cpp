@@ -18,6 +18,10 @@ namespace {
 constexpr int kShareReadOnly = 0x20;
 constexpr int kOwnerReadWrite = 0x180;
 
+// What helps where an enciphered write is refused.
+constexpr const char* kWholeBlocks =
+    "write whole blocks of 16 bytes from a multiple of 16 on, or use a mode that can read and write anywhere";
+
 bool ModeHasChar(const char* mode, char c) {
     return std::strchr(mode, c) != nullptr;
 }
@@ -89,8 +93,8 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
     return IsOpen();
 }
 
-bool ORVA_File::Reads() const {
-    return (accessFlags(fMode.c_str()) & platform::_O_WRONLY) == 0;
+bool ORVA_File::Rewrites() const {
+    return (accessFlags(fMode.c_str()) & (platform::_O_WRONLY | platform::_O_APPEND)) == 0;
 }
 
 const char* ORVA_File::nameToDelete() const {
@@ -162,9 +166,14 @@ unsigned int ORVA_File::FinishEncryption() {
     return fCipher->finish();
 }
 
-std::int64_t ORVA_File::waitingEnd() const {
+std::int64_t ORVA_File::dataEnd() const {
     const ktGuard guard(fMutex, ktMutex::Recursive);
-    return fEncrypted ? fCipher->waitingEnd() : 0;
+    return fEncrypted ? fCipher->dataEnd() : 0;
+}
+
+std::uint32_t ORVA_File::completeBlock(unsigned char* block, std::uint32_t count, std::int64_t byteOffset) {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    return fCipher->completeBlock(block, count, byteOffset);
 }
 
 std::int64_t ORVA_File::Size() const {
@@ -217,5 +226,7 @@ void ORVA_File::refuseWrite(int error) {
 
 void ORVA_File::fail(long code, int error) {
     if (!fReadsAhead) fGood.store(false, std::memory_order_relaxed);
+    if (fEncrypted && code == kWriteFailed && error == EINVAL)
+        orva::throwFileError(error, code, fName.GetGeneric(), kWholeBlocks);
     orva::throwFileError(error, code, fName.GetGeneric());
 }

@@ -82,10 +82,16 @@ public:
     const ExtNameStr& GetNameStr() const { return fName; }
     bool IsEncrypted() const { return fEncrypted; }
     bool Appends() const { return fAppends; }
-    // The mode lets bytes be read.
-    ORVA_LOCAL bool Reads() const;
-    // Where the bytes end that wait for the rest of their block; 0 when none do.
-    ORVA_LOCAL std::int64_t waitingEnd() const;
+    // Bytes in the file can be read and written again where they stand.
+    ORVA_LOCAL bool Rewrites() const;
+    // What is written again begins and ends on multiples of this, or with the data.
+    std::uint32_t granule() const { return fEncrypted ? CIPHER_BLOCK_SIZE : 1; }
+    // Where the data of an enciphered file end: behind the bytes that wait, else with the pad. Part of a block, from a
+    // write that failed, is nothing. 0 for other files.
+    ORVA_LOCAL std::int64_t dataEnd() const;
+    // `block` has the first `count` bytes of the cipher block at `byteOffset`, and gets those that the file has behind
+    // them, so that all can be written again; the count of what it has then. EINVAL where the mode gives none of them.
+    ORVA_LOCAL std::uint32_t completeBlock(unsigned char* block, std::uint32_t count, std::int64_t byteOffset);
     // The errno of the last failed Open, for the message of whoever reports it.
     int OpenErrno() const { return fOpenErrno; }
     // Pads and enciphers the waiting tail and ends the cipher run; the count of the last write it made. Nothing to do

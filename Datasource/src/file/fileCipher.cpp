@@ -61,7 +61,7 @@ void ORVA_File::Cipher::beginFile() {
 
 // A part of a block at the end is what a process that died in the middle of a write has left, and no data.
 unsigned int ORVA_File::Cipher::read(unsigned char* bytes, unsigned int size, std::int64_t byteOffset) {
-    unsigned int count = wholeBlocks(fFile.readDescriptor(bytes, size, byteOffset));
+    unsigned int count = inMemory(byteOffset) ? 0 : wholeBlocks(fFile.readDescriptor(bytes, size, byteOffset));
     const bool padded = byteOffset + count == fTailPos + CIPHER_BLOCK_SIZE && endsPadded(kReadFailed);
     if (count != 0) count = decipher(bytes, count, padded ? static_cast<unsigned int>(fFile.fPadSize) : 0);
     return overlayWaiting(bytes, size, count, byteOffset);
@@ -126,6 +126,19 @@ int ORVA_File::Cipher::heldIn(std::int64_t block) {
     if (waits() && block <= fTailPos) return block == fTailPos ? fFile.fRemainderSize : CIPHER_BLOCK_SIZE;
     if (block + CIPHER_BLOCK_SIZE > fileEnd()) return 0;  // what stands there of a block holds nothing
     return block == fTailPos && endsPadded() ? CIPHER_BLOCK_SIZE - fFile.fPadSize : CIPHER_BLOCK_SIZE;
+}
+
+std::int64_t ORVA_File::Cipher::dataEnd() {
+    return waits() ? waitingEnd() : wholeBlocks(fileEnd());
+}
+
+std::uint32_t ORVA_File::Cipher::completeBlock(unsigned char* block, std::uint32_t count, std::int64_t byteOffset) {
+    if (heldIn(byteOffset) <= static_cast<int>(count)) return count;
+    if (!inMemory(byteOffset) && !fFile.Rewrites()) fFile.fail(kWriteFailed, EINVAL);
+    unsigned char whole[CIPHER_BLOCK_SIZE];
+    const std::uint32_t behind = std::max(count, read(whole, sizeof whole, byteOffset));
+    std::copy(whole + count, whole + behind, block + count);
+    return behind;
 }
 
 // Between the data and a write behind them the system keeps zeros, which are read as zeros. So part of a block, which a

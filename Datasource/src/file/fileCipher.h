@@ -30,11 +30,15 @@ public:
     unsigned int finish();
     // Writes what the cipher gives at the end of a run; the count of it.
     unsigned int endRun();
-    // Where the bytes end that wait; 0 when none do.
-    std::int64_t waitingEnd() const { return waits() ? fTailPos + fFile.fRemainderSize : 0; }
+    // As ORVA_File's.
+    std::int64_t dataEnd();
+    std::uint32_t completeBlock(unsigned char* block, std::uint32_t count, std::int64_t byteOffset);
 
 private:
     bool waits() const { return fFile.fRemainderSize > 0; }
+    std::int64_t waitingEnd() const { return fTailPos + fFile.fRemainderSize; }
+    // No byte of the data from there on is in the file.
+    bool inMemory(std::int64_t byteOffset) const { return waits() && byteOffset >= fTailPos; }
     bool continuesWaiting(std::int64_t byteOffset) const { return waits() && byteOffset == waitingEnd(); }
     unsigned int decipher(unsigned char* bytes, unsigned int size, unsigned int pad);
     unsigned int overlayWaiting(unsigned char* bytes, unsigned int size, unsigned int count, std::int64_t byteOffset);

@@ -74,8 +74,7 @@ std::int32_t ORVA_FileStream::Seek(std::int64_t offset, SeekDirection direction)
     if (direction == SeekFromCurrent) base = fStreamPos;
     if (direction == SeekFromEnd) {
         fData->fIOPos = fData->pRealFile->Size();
-        base = fData->fIOPos;
-        base = std::max(base, fData->pRealFile->waitingEnd());
+        base = std::max(fData->fIOPos, fData->pRealFile->dataEnd());
         if (fData->holdsAppended()) {
             base += fData->fDirtyEnd - fData->fDirtyBegin;
         } else if (fData->bDirty) {
@@ -101,16 +100,11 @@ std::int32_t ORVA_FileStream::Open(const ExtNameStr& name, const ExtNameStr&, co
     const bool opened = file->Open(copy, mode);
     fData->fIOPos = file->Tell();
     fStreamPos = fData->fIOPos;
-    if (opened) renewWorker();
-    return opened ? 1 : 0;
-}
-
-// A file without its read-ahead thread is read all the same.
-void ORVA_FileStream::renewWorker() {
     try {
         if (fMultiThreadReading > 0) EnableMultiThreadReading();
-    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): it is read without its thread all the same
     }
+    return opened ? 1 : 0;
 }
 
 std::int32_t ORVA_FileStream::Open(const char* name, const char* password, const char* mode) {
@@ -133,9 +127,7 @@ void ORVA_FileStream::ClearAndReset() {
     Seek(0, SeekFromStart);
     fData->fIOPos = 0;
     fStreamPos = 0;
-    fData->fBufferEnd = fData->fBuffer;
-    fData->fDirtyBegin = -1;
-    fData->fDirtyEnd = -1;
+    fData->dropBuffer();
 }
 
 const ExtNameStr& ORVA_FileStream::GetNameStr() const {
@@ -154,7 +146,7 @@ std::uint32_t ORVA_FileStream::Footprint() const {
 std::int32_t ORVA_FileStream::Close() const {
     if (!inOwnProcess() || !DataReady()) return 0;
     if (fData->bDirty) Flush();
-    finishFile();
+    fData->pRealFile->FinishEncryption();
     return 1;
 }
 
@@ -165,10 +157,6 @@ std::int32_t ORVA_FileStream::Close() {
 std::int32_t ORVA_FileStream::Flush() const {
     fData->Flush();
     return 1;
-}
-
-void ORVA_FileStream::finishFile() const {
-    if (DataReady()) fData->pRealFile->FinishEncryption();
 }
 
 bool ORVA_FileStream::DataReady() const {

@@ -143,8 +143,6 @@ protected:
     bool mayThrowNow() const;
 
 private:
-    ORVA_LOCAL void finishFile() const;
-    ORVA_LOCAL void renewWorker();
     // What Read and Write do beyond a copy within the buffer. Kept out of them, so that the copy saves no registers.
     [[gnu::noinline]] ORVA_LOCAL std::uint32_t readRequest(void* buffer, std::uint32_t size);
     [[gnu::noinline]] ORVA_LOCAL std::uint32_t writeRequest(const void* buffer, std::uint32_t size);
@@ -175,15 +173,12 @@ struct ORVA_API ORVA_FileStream::Data {
 private:
     friend class ORVA_FileStream;
 
-    ORVA_LOCAL void ReadFromBuffer(ReadRequest& request);
+    ORVA_LOCAL std::uint32_t ReadFromBuffer(ReadRequest& request);
     ORVA_LOCAL void ReadBuffered(ReadRequest& request);
-    ORVA_LOCAL void ReadDirect(ReadRequest& request);
-    ORVA_LOCAL void readPast(ReadRequest& request, std::uint32_t size);
-    ORVA_LOCAL std::uint32_t refill(std::int64_t block);
+    ORVA_LOCAL void ReadDirect(ReadRequest& request, std::uint32_t size);
     ORVA_LOCAL void emptyBuffer();
     ORVA_LOCAL void placeBlock(std::int64_t block, std::uint32_t count);
     ORVA_LOCAL void ReadThreaded(ReadRequest& request);
-    ORVA_LOCAL void copyThreaded(ReadRequest& request);
     ORVA_LOCAL void LoadBlock(std::int64_t position);
     ORVA_LOCAL void Write(WriteRequest& request);
     ORVA_LOCAL bool joinsBuffer(std::int64_t position) const;
@@ -191,14 +186,8 @@ private:
     ORVA_LOCAL std::uint32_t sizePastBuffer(const WriteRequest& request);
     ORVA_LOCAL void writeDirect(WriteRequest& request, std::uint32_t size);
     ORVA_LOCAL void startBuffer(std::int64_t position);
-    ORVA_LOCAL void append(const unsigned char* bytes, std::uint32_t size);
     ORVA_LOCAL std::uint32_t writeFile(const unsigned char* bytes, std::uint32_t size, std::int64_t position);
-    // Enciphered files.
-    ORVA_LOCAL bool takesUpBlocks() const;
-    ORVA_LOCAL std::int64_t dataEnd() const;
-    ORVA_LOCAL void widenToBlocks();
     ORVA_LOCAL void fillGap(std::int64_t position);
-    ORVA_LOCAL void writeZeros(std::int64_t begin, std::int64_t end);
 
     // The buffered range: file offsets fpos up to fpos + buffered().
     std::uint32_t buffered() const { return static_cast<std::uint32_t>(fBufferEnd - fBuffer); }

@@ -13,16 +13,8 @@ namespace {
 
 constexpr std::int64_t kSector = 512;
 
-// What helps where an enciphered write is refused.
-constexpr const char* kWholeBlocks =
-    "write whole blocks of 16 bytes from a multiple of 16 on, or use a mode that can read and write anywhere";
-
 constexpr std::int64_t sectorFloor(std::int64_t position) {
     return position / kSector * kSector;
-}
-
-constexpr std::int64_t wholeBlocks(std::int64_t position) {
-    return position / CIPHER_BLOCK_SIZE * CIPHER_BLOCK_SIZE;
 }
 
 template <std::size_t Size>
@@ -79,7 +71,7 @@ std::uint32_t ORVA_FileStream::readRequest(void* buffer, std::uint32_t size) {
     if (fData->holdsAppended()) fData->Flush();
     ReadRequest request{static_cast<unsigned char*>(buffer), size, fStreamPos};
     if (fPreReading == 0) {
-        fData->ReadDirect(request);
+        fData->ReadDirect(request, size);
     } else if (fMultiThreadReading > 0 && fData->fpIOThread.IsValid() != 0) {
         fData->ReadThreaded(request);
     } else {
@@ -109,12 +101,8 @@ std::uint32_t ORVA_FileStream::writeRequest(const void* buffer, std::uint32_t si
     return size - request._size;
 }
 
-void ORVA_FileStream::Data::ReadDirect(ReadRequest& request) {
-    readPast(request, request._size);
-}
-
 // Past the buffer, which stays as it is.
-void ORVA_FileStream::Data::readPast(ReadRequest& request, std::uint32_t size) {
+void ORVA_FileStream::Data::ReadDirect(ReadRequest& request, std::uint32_t size) {
     Flush();
     const std::uint32_t count = pRealFile->Read(request._buffer, size, request._pos);
     fIOPos = request._pos + count;
@@ -122,12 +110,12 @@ void ORVA_FileStream::Data::readPast(ReadRequest& request, std::uint32_t size) {
     request.Advance(count);
 }
 
-void ORVA_FileStream::Data::ReadFromBuffer(ReadRequest& request) {
-    if (!holds(request._pos)) return;
+std::uint32_t ORVA_FileStream::Data::ReadFromBuffer(ReadRequest& request) {
+    if (!holds(request._pos)) return 0;
     const unsigned char* source = fBuffer + offsetOf(request._pos);
     const std::uint32_t count = std::min(request._size, static_cast<std::uint32_t>(fBufferEnd - source));
     std::memcpy(request._buffer, source, count);
-    request.Advance(count);
+    return request.Advance(count);
 }
 
 void ORVA_FileStream::EnableMultiThreadReading() {
@@ -145,18 +133,13 @@ void ORVA_FileStream::DisableMultiThreadReading() {
 
 // Every file read of this path goes through the worker, so a request of a block or more passes the buffer too.
 void ORVA_FileStream::Data::ReadThreaded(ReadRequest& request) {
-    copyThreaded(request);
+    fIOPos += ReadFromBuffer(request);
     while (request._size > 0) {
         LoadBlock(request._pos);
-        if (!holds(request._pos)) return;
-        copyThreaded(request);
+        const std::uint32_t count = ReadFromBuffer(request);
+        if (count == 0) return;
+        fIOPos += count;
     }
-}
-
-void ORVA_FileStream::Data::copyThreaded(ReadRequest& request) {
-    const std::uint32_t before = request._size;
-    ReadFromBuffer(request);
-    fIOPos += before - request._size;
 }
 
 void ORVA_FileStream::Data::LoadBlock(std::int64_t position) {
@@ -169,29 +152,23 @@ void ORVA_FileStream::Data::LoadBlock(std::int64_t position) {
 void ORVA_FileStream::Data::ReadUnbuffered(ReadRequest& request) {
     if (request._size < kBlockSize) return;
     // Behind the buffered end of an enciphered file no block begins: the read through the buffer is left with the rest.
-    if (pRealFile->IsEncrypted() && request._pos % CIPHER_BLOCK_SIZE != 0) return;
+    if (request._pos % pRealFile->granule() != 0) return;
     // The read stops on a multiple of 512, so that the block read after it starts there.
     const std::int64_t reach =
         std::min<std::int64_t>(request._size, std::numeric_limits<std::int64_t>::max() - request._pos);
     const std::int64_t end = sectorFloor(request._pos + reach);
-    if (end > request._pos) readPast(request, static_cast<std::uint32_t>(end - request._pos));
+    if (end > request._pos) ReadDirect(request, static_cast<std::uint32_t>(end - request._pos));
 }
 
 void ORVA_FileStream::Data::ReadBuffered(ReadRequest& request) {
     while (request._size > 0) {
-        const std::uint32_t count = refill(sectorFloor(request._pos));
-        if (count == 0) return;
+        emptyBuffer();
+        const std::int64_t block = sectorFloor(request._pos);
+        placeBlock(block, pRealFile->Read(fBuffer, kBlockSize, block));
+        fIOPos = block + buffered();
         ReadFromBuffer(request);
-        if (count < kBlockSize) return;
+        if (buffered() < kBlockSize) return;
     }
-}
-
-std::uint32_t ORVA_FileStream::Data::refill(std::int64_t block) {
-    emptyBuffer();
-    const std::uint32_t count = pRealFile->Read(fBuffer, kBlockSize, block);
-    placeBlock(block, count);
-    fIOPos = block + count;
-    return count;
 }
 
 // A read that fails half-way leaves bytes of two places in the buffer, so no range stands after it.
@@ -207,7 +184,7 @@ void ORVA_FileStream::Data::placeBlock(std::int64_t block, std::uint32_t count) 
 }
 
 // What is left of a request once it has filled the buffer goes on behind it.
-void ORVA_FileStream::Data::Write(WriteRequest& request) try {
+void ORVA_FileStream::Data::Write(WriteRequest& request) {
     while (request._size > 0) {
         if (!joinsBuffer(request._pos)) {
             Flush();
@@ -220,9 +197,6 @@ void ORVA_FileStream::Data::Write(WriteRequest& request) try {
         }
         copyIn(request);
     }
-} catch (const FileError& error) {
-    if (!pRealFile->IsEncrypted() || error.code().value() != EINVAL) throw;
-    throw error.withOutcome(kWholeBlocks);
 }
 
 // A write may begin among the valid bytes or exactly at their end, so that the buffer never holds a gap. Bytes that are
@@ -245,34 +219,19 @@ void ORVA_FileStream::Data::copyIn(WriteRequest& request) {
     if (target + count == fBuffer + kBlockSize) Flush();
 }
 
-// How many of the request's bytes go to the file at once; 0: they start the buffer. The buffer of an enciphered file
-// starts on a cipher block. Where the mode can't read the bytes of that block which stand in the file already, or can't
-// write them again, what is left of it goes past the buffer: the file takes that behind bytes that wait, or refuses it.
-// What is appended may only name the end of the data, where it will stand.
+// How many of the request's bytes go to the file at once; 0: they start the buffer. What is appended may only name the
+// end of the data, where it will stand, and a block that waits there takes its rest at once, before a copy of the
+// stream can pad it. Over data that the mode can't read to complete them, bytes are the file's to take or to refuse.
 std::uint32_t ORVA_FileStream::Data::sizePastBuffer(const WriteRequest& request) {
-    const bool large = request._size >= kBlockSize;
-    if (!pRealFile->IsEncrypted()) return large ? request._size : 0;
-    const auto inBlock = static_cast<std::uint32_t>(request._pos % CIPHER_BLOCK_SIZE);
-    if (!takesUpBlocks()) {
-        const std::int64_t end = dataEnd();
-        if (pRealFile->Appends() && request._pos != end && end >= 0) pRealFile->refuseWrite(EINVAL);
-        if (inBlock > 0) return std::min(request._size, CIPHER_BLOCK_SIZE - inBlock);
-        if (request._pos < end) return request._size;
+    const std::uint32_t granule = pRealFile->granule();
+    const auto inBlock = static_cast<std::uint32_t>(request._pos % granule);
+    if (pRealFile->IsEncrypted() && !pRealFile->Rewrites()) {
+        const std::int64_t end = pRealFile->dataEnd();
+        if (pRealFile->Appends() && request._pos != end) pRealFile->refuseWrite(EINVAL);
+        if (pRealFile->Appends() && inBlock > 0) return std::min(request._size, granule - inBlock);
+        if (inBlock == 0 && request._pos < end) return request._size;
     }
-    return large && inBlock == 0 ? request._size - request._size % CIPHER_BLOCK_SIZE : 0;
-}
-
-bool ORVA_FileStream::Data::takesUpBlocks() const {
-    return pRealFile->Reads() && !pRealFile->Appends();
-}
-
-// Where the data of an enciphered file end: behind the bytes that wait, which may be fewer than stand in their block on
-// disk, else with the pad. Part of a block, from a write that failed, is nothing. -1 if the system can't tell.
-std::int64_t ORVA_FileStream::Data::dataEnd() const {
-    const std::int64_t waiting = pRealFile->waitingEnd();
-    if (waiting > 0) return waiting;
-    const std::int64_t size = pRealFile->Size();
-    return size < 0 ? size : wholeBlocks(size);
+    return inBlock == 0 && request._size >= kBlockSize ? request._size - request._size % granule : 0;
 }
 
 // Past the buffer. Buffered bytes that the write covers are dropped first: they may neither be served to a later read
@@ -280,85 +239,55 @@ std::int64_t ORVA_FileStream::Data::dataEnd() const {
 // more.
 void ORVA_FileStream::Data::writeDirect(WriteRequest& request, std::uint32_t size) {
     const std::int64_t begin = request._pos;
-    const bool encrypted = pRealFile->IsEncrypted();
     const bool overlaps = begin < fpos + buffered() && fpos < begin + size;
-    if (overlaps || (encrypted && buffered() % CIPHER_BLOCK_SIZE != 0)) dropBuffer();
-    if (encrypted) fillGap(begin);
+    if (overlaps || buffered() % pRealFile->granule() != 0) dropBuffer();
     const std::uint32_t count = writeFile(request._buffer, size, begin);
     fIOPos = begin + count;
     request.Advance(count);
 }
 
-// Empty, or with what the file holds of the cipher block that `position` lies in.
+// The buffer begins on a multiple of the granule: with what the file holds before `position`, and zeros in a gap.
 void ORVA_FileStream::Data::startBuffer(std::int64_t position) {
     dropBuffer();
-    const auto inBlock =
-        pRealFile->IsEncrypted() ? static_cast<std::uint32_t>(position % CIPHER_BLOCK_SIZE) : std::uint32_t{0};
+    const auto inBlock = static_cast<std::uint32_t>(position % pRealFile->granule());
     if (inBlock > 0) {
-        const std::uint32_t count = pRealFile->Read(fBuffer, CIPHER_BLOCK_SIZE, position - inBlock);
+        const std::uint32_t count = pRealFile->completeBlock(fBuffer, 0, position - inBlock);
         if (count < inBlock) std::memset(fBuffer + count, 0, inBlock - count);
         fBufferEnd = fBuffer + std::max(count, inBlock);
     }
     fpos = position - inBlock;
 }
 
+// Whole blocks, or up to where the data end: the file may have more of the last block than the buffer. What a failed
+// write has appended all the same must not be appended again.
 void ORVA_FileStream::Data::Flush() {
     if (fBufferEnd == fBuffer || !bDirty || !pRealFile->IsOpen()) return;
-    if (pRealFile->IsEncrypted()) widenToBlocks();
-    const auto size = static_cast<std::uint32_t>(fDirtyEnd - fDirtyBegin);
-    const unsigned char* const bytes = fBuffer + offsetOf(fDirtyBegin);
-    if (!pRealFile->Appends()) {
-        fIOPos = fDirtyBegin + writeFile(bytes, size, fDirtyBegin);
-        markClean();
-    } else {
-        append(bytes, size);
-        dropBuffer();
-    }
-}
-
-// What a failed write has appended all the same must not be appended again.
-void ORVA_FileStream::Data::append(const unsigned char* bytes, std::uint32_t size) {
-    const std::int64_t before = pRealFile->Size();
+    const std::uint32_t granule = pRealFile->granule();
+    const bool appends = pRealFile->Appends();
+    const unsigned char* const from = fBuffer + offsetOf(fDirtyBegin) / granule * granule;
+    unsigned char* const last = fBuffer + (offsetOf(fDirtyEnd) - 1) / granule * granule;
+    const auto held = static_cast<std::uint32_t>(fBufferEnd - last);
+    if (held < granule) fBufferEnd = last + pRealFile->completeBlock(last, held, fpos + (last - fBuffer));
+    const auto size = static_cast<std::uint32_t>(std::min<const unsigned char*>(fBufferEnd, last + granule) - from);
+    const std::int64_t begin = fpos + (from - fBuffer);
+    const std::int64_t before = appends ? pRealFile->Size() : 0;
     try {
-        fIOPos = fDirtyBegin + writeFile(bytes, size, fDirtyBegin);
+        fIOPos = begin + writeFile(from, size, begin);
     } catch (...) {
-        const std::int64_t grown = pRealFile->Size() - before;
+        const std::int64_t grown = appends ? pRealFile->Size() - before : 0;
         if (grown > 0 && grown < size) fDirtyBegin += grown;
         throw;
     }
+    appends ? dropBuffer() : markClean();
 }
 
-// Makes what is flushed whole cipher blocks, or what the data end with. The file may hold more of the last block than
-// the buffer.
-void ORVA_FileStream::Data::widenToBlocks() {
-    const std::int64_t end = fpos + buffered();
-    fDirtyBegin = wholeBlocks(fDirtyBegin);
-    fDirtyEnd = std::min(end, wholeBlocks(fDirtyEnd + CIPHER_BLOCK_SIZE - 1));
-    const auto inBlock = static_cast<std::uint32_t>(fDirtyEnd % CIPHER_BLOCK_SIZE);
-    if (inBlock > 0 && takesUpBlocks()) {
-        unsigned char block[CIPHER_BLOCK_SIZE];
-        const std::uint32_t count = pRealFile->Read(block, sizeof block, end - inBlock);
-        if (count > inBlock) {
-            fBufferEnd = std::copy(block + inBlock, block + count, fBufferEnd);
-            fDirtyEnd += count - inBlock;
-        }
-    }
-    if (fDirtyBegin == fpos) fillGap(fpos);
-}
-
-// A gap needs no bytes: the file gives zeros for what nobody wrote. Only the cipher blocks at its two ends are filled
-// up: the first may wait for the rest of its bytes, and in the last a write may begin past the start.
+// A gap needs no bytes: the file gives zeros for what nobody wrote. Only those that wait for the rest of their block
+// get it.
 void ORVA_FileStream::Data::fillGap(std::int64_t position) {
-    const std::int64_t begin = pRealFile->Appends() ? position : dataEnd();
-    if (begin < 0 || begin >= position) return;
-    const std::int64_t firstEnd = std::min(position, wholeBlocks(begin + CIPHER_BLOCK_SIZE - 1));
-    writeZeros(begin, firstEnd);
-    writeZeros(std::max(firstEnd, wholeBlocks(position)), position);
-}
-
-void ORVA_FileStream::Data::writeZeros(std::int64_t begin, std::int64_t end) {
     static constexpr unsigned char zeros[CIPHER_BLOCK_SIZE] = {};
-    if (begin < end) writeFile(zeros, static_cast<std::uint32_t>(end - begin), begin);
+    const std::int64_t end = pRealFile->dataEnd();
+    const std::int64_t rest = std::min(position - end, CIPHER_BLOCK_SIZE - end % CIPHER_BLOCK_SIZE);
+    if (rest > 0 && end % CIPHER_BLOCK_SIZE != 0) pRealFile->Write(zeros, static_cast<std::uint32_t>(rest), end);
 }
 
 // A block read ahead that the write touches is out of date, also when the write fails half-way.
@@ -370,6 +299,7 @@ std::uint32_t ORVA_FileStream::Data::writeFile(const unsigned char* bytes, std::
             if (worker != nullptr) worker->noteWritten(begin, end);
         }
     };
+    fillGap(position);
     const note written{fpIOThread.get(), position, position + size};
     return pRealFile->Write(bytes, size, position);
 }
