@@ -1,16 +1,14 @@
 #include "libcrypto.h"
 
+#include <orva/platform.h>
 #include <orva/workdir.h>
 #include <orva/workdirFaults.h>
-
-#include <pthread.h>
 
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <utility>
 
@@ -24,8 +22,8 @@ constexpr std::size_t kAlignment = 64;
 
 enum class KeyState { Unset, Chosen, InUse, Gone };
 
-// Once in use, key and library never change until the process ends, and are read without the lock.
-std::mutex gKeyLock;
+// Once in use, key and library never change until the process ends, and are read without a lock. Until then they change
+// while no fork is under way, which keeps threads apart too: a child would find a lock that nobody gives back.
 std::atomic<KeyState> gKeyState{KeyState::Unset};
 std::array<unsigned char, kKeySize> gKey;
 libcrypto gCrypto;
@@ -36,19 +34,10 @@ void erase(void* memory, std::size_t size) {
     asm volatile("" : : "r"(memory) : "memory");
 }
 
-// A fork waits until no thread has the lock: in the child nobody would be there to give it back.
-void holdKeyLock() {
-    gKeyLock.lock();
-}
-void releaseKeyLock() {
-    gKeyLock.unlock();
-}
-
 // Erases the key at the end. A thread that is still at work then meets a failure, not a key of zeros.
 struct KeyEraser {
-    KeyEraser() { pthread_atfork(holdKeyLock, releaseKeyLock, releaseKeyLock); }
     ~KeyEraser() {
-        const std::lock_guard guard(gKeyLock);
+        const platform::noFork guard;
         gKeyState = KeyState::Gone;
         erase(gKey.data(), gKey.size());
     }
@@ -57,7 +46,7 @@ const KeyEraser gKeyEraser;
 
 bool takeKeyIntoUse() {
     if (gKeyState.load(std::memory_order_acquire) == KeyState::InUse) return true;
-    const std::lock_guard guard(gKeyLock);
+    const platform::noFork guard;
     if (gKeyState == KeyState::InUse) return true;
     if (gKeyState == KeyState::Gone || !gCrypto.load()) return false;
     if (gKeyState == KeyState::Unset && gCrypto.RAND_bytes(gKey.data(), kKeySize) != 1) return false;
@@ -183,7 +172,7 @@ int FreeOutData(unsigned char* data) noexcept {
 
 int setKey(const unsigned char* key, int length) noexcept {
     if (key == nullptr || length != kKeySize) return 0;
-    const std::lock_guard guard(gKeyLock);
+    const platform::noFork guard;
     if (gKeyState == KeyState::InUse || gKeyState == KeyState::Gone) return 0;
     std::memcpy(gKey.data(), key, gKey.size());
     gKeyState = KeyState::Chosen;
