@@ -59,9 +59,14 @@ struct ktSemaphore::State {
 
     bool isInherited() const { return process != platform::processId(); }
 
-    bool takeIf(bool available) {
-        if (available) --count;
-        return available;
+    // Takes one once `comes`, given a lock and the condition, says that there is one.
+    template <class Comes>
+    bool take(Comes comes) {
+        if (isInherited()) return false;
+        std::unique_lock guard(lock);
+        const bool taken = comes(guard, [this] { return count > 0; });
+        if (taken) --count;
+        return taken;
     }
 
     // Destroying a condition variable waits for its waiters, and a child has none that could ever leave.
@@ -87,23 +92,16 @@ bool ktSemaphore::postSemaphore() {
 }
 
 bool ktSemaphore::waitSemaphore(int milliseconds) {
-    if (fState->isInherited()) return false;
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(milliseconds, 0));
-    std::unique_lock guard(fState->lock);
-    return fState->takeIf(fState->posted.wait_until(guard, end, [this] { return fState->count > 0; }));
+    return fState->take([&](auto& guard, auto some) { return fState->posted.wait_until(guard, end, some); });
 }
 
 bool ktSemaphore::waitSemaphore() {
-    if (fState->isInherited()) return false;
-    std::unique_lock guard(fState->lock);
-    fState->posted.wait(guard, [this] { return fState->count > 0; });
-    return fState->takeIf(true);
+    return fState->take([&](auto& guard, auto some) { return fState->posted.wait(guard, some), true; });
 }
 
 bool ktSemaphore::tryWaitSemaphore() {
-    if (fState->isInherited()) return false;
-    const std::lock_guard guard(fState->lock);
-    return fState->takeIf(fState->count > 0);
+    return waitSemaphore(0);
 }
 
 bool ktSemaphore::sleepSemaphore(ktMutex& mutex) {
