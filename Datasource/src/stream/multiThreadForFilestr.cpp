@@ -7,8 +7,7 @@
 multiThreadForFilestr::multiThreadForFilestr(ORVA_File* file, std::uint32_t blockSize, bool ownThreads)
     : pFile(file), stBlockSize(blockSize), bOwnThreads(ownThreads), pReadBuffer(blockSize) {}
 
-multiThreadForFilestr::multiThreadForFilestr(const multiThreadForFilestr& other)
-    : readingWorker(other), pFile(other.pFile), stBlockSize(other.stBlockSize), bOwnThreads(false) {
+multiThreadForFilestr::multiThreadForFilestr(const multiThreadForFilestr&) : multiThreadForFilestr(nullptr, 0, false) {
     ORVA_ASSERT(false, "0 && \"can't copy a multiThreadForFilestr\"");
 }
 

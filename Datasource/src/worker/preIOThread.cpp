@@ -1,12 +1,5 @@
 #include "worker/preIOThread.h"
 
-PreIOThreadBase::PreIOThreadBase(const PreIOThreadBase& other)
-    : ORVA_RefCntObject(other),
-      fThreads(other.fThreads),
-      pThreadPool(other.pThreadPool),
-      bWrite(other.bWrite),
-      fProcess(other.fProcess) {}
-
 PreIOThreadBase::~PreIOThreadBase() = default;
 
 std::unique_ptr<CallBackObject> PreIOThreadBase::newLoop(bool bRead, std::uint32_t) {

@@ -47,8 +47,7 @@ public:
 class PreIOThreadBase : public ORVA_RefCntObject {
 public:
     PreIOThreadBase() = default;
-    // Shares the pool with its source, and runs no loop of its own.
-    PreIOThreadBase(const PreIOThreadBase&);
+    PreIOThreadBase(const PreIOThreadBase&) = delete;
     PreIOThreadBase& operator=(const PreIOThreadBase&) = delete;
     // Stops nothing and frees nothing: run stopThreads and destroyThreads before.
     ~PreIOThreadBase() override;

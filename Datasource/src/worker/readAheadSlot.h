@@ -56,19 +56,13 @@ struct readAheadSlot {
     std::int32_t step(Read read) {
         semFilledSlot.waitSemaphore();
         const bool end = bStop;
-        if (!end) fill(read);
-        semEmptySlot.postSemaphore();
-        return end ? 1 : 0;
-    }
-
-    template <class Read>
-    void fill(Read read) {
-        fpPreReadPos = fpNextPos;
         try {
-            stCurSize = read(fpPreReadPos);
+            if (!end) stCurSize = read(fpPreReadPos = fpNextPos);
         } catch (...) {
             forget();
         }
+        semEmptySlot.postSemaphore();
+        return end ? 1 : 0;
     }
 
     void requestStop() {
