@@ -126,8 +126,7 @@ deflatedBlock deflateBlock(zlibCompressBlock& codec, std::int32_t level, const u
 std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBlock& deflated,
                            const unsigned char* scratch, std::int64_t pos, std::int64_t place) {
     const std::int64_t secondPlace = place + deflated.length;
-    writeAll(file, scratch, deflated.length, place);
-    if (deflated.secondRows != 0) writeAll(file, scratch + deflated.length, deflated.secondLength, secondPlace);
+    writeAll(file, scratch, deflated.length + deflated.secondLength, place);
     addRecord(index, pos, place, deflated.rows, deflated.length);
     if (deflated.secondRows != 0) {
         addRecord(index, pos + deflated.rows, secondPlace, deflated.secondRows, deflated.secondLength);
