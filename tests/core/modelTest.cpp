@@ -105,11 +105,11 @@ protected:
         if (kind < 1'998) return step('k'), void(fFinished = true);
         s().Flush(), model->reset();
     }
-    // For a moment, half-way. The same again loses nothing, and writes nothing twice.
+    // For a moment, half-way. The same again, of what was not taken, loses nothing and writes nothing twice.
     void onAFullDisk(RandomBytes& random, bool writes) {
         const std::uint64_t seed = random.below(1'000'000);
         RandomBytes first(seed), again(seed);
-        fPart = model->appends() ? 0 : random.below(150);  // of a large append that fails the file keeps a part
+        fPart = random.below(150);
         fFull = true;
         try {
             operate(first, writes);

@@ -25,6 +25,8 @@ const Script kScripts[] = {
     {"DirectWriteOverItsFirstByte", kLarge, "s4190208 w9 s1 w4190208 s4190208 r9", "W 4190208+9, W 1, R 4190208"},
     {"AppendedBytesLieBehindEachOther", 1'000, "s0 w50 s0 w50 s40 w50 w9 e0 r1 s1000 r50 w3",
      "W 1000+50, W 1050+50, W 1100+59, R 1024, R 512", "a+b"},
+    {"AppendedBytesWhereTheEndWasReadAhead", kBlock, "t1 s0 r1 a1 w100 s4190208 r100 a2",
+     "R 0, r 4190208, W 4190208+100, R 4190208, r 8380416", "a+b"},
     {"EncipheredBlocksAreWrittenWhole", 0, "w5000 f s100 w9 f w100 f s4990 w9 s9000 w1 s50 w1 s5000 r9",
      "W 0+4992, W 96+16, W 96+128, W 4976+16, W 4992+16, R 48+16, W 48+16, R 4608", "w+b", true},
     {"CopyReadsAsItsSourceDid", 1'000, "p0 w3 k r9", "W 0+3, R 0+9"},
@@ -52,8 +54,10 @@ TEST_F(StreamBuffer, PositionsEndWhereTheSystemsDo) {
     open(100);
     run("s30 s-1 m-31 e-101 s9223372036854775807 m1 m-9223372036854775807 s9223372036854775805");
     EXPECT_EQ(failureOf([&] { s().Write("abc", 3); }), fileError(1002, EFBIG, path("data")));
-    run("s9223372036854775707");
-    EXPECT_EQ(failureOf([&] { model->read(5'000'000); }), fileError(1003, EINVAL, path("data")));
+    run("s9223372036854775707 r5000000 r9");
+    FileCalls disk;
+    disk.fail(Call::Seek, EIO);
+    EXPECT_EQ(s().Seek(0, ORVA_StrBaseIO::SeekFromEnd), -1);
     EXPECT_EQ(s().Tell(), INT64_MAX - 100);
     close();
 }
@@ -68,14 +72,34 @@ TEST_F(StreamBuffer, AFailedDirectWriteIsNotRead) {
     close();
 }
 
-TEST_F(StreamBuffer, AppendedBytesOfAFailedFlushStandThereOnce) {
-    open(9, "a+b");
-    run("w50 w50");
-    FileCalls disk;
-    disk.fail(Call::Write, ENOSPC, 16);
-    EXPECT_EQ(failureOf([&] { s().Flush(); }), fileError(1002, ENOSPC, path("data")));
-    run("f e0 w9 f");
-    close();
+TEST_F(StreamBuffer, AFailedAppendIsTakenAsFarAsTheFileGrew) {
+    for (const std::size_t size : {std::size_t{1'000}, kLarge}) {
+        for (const bool tellsSize : {true, false}) {
+            SCOPED_TRACE(testing::Message() << size << ' ' << tellsSize);
+            open(50, "ab");
+            {
+                bool asked = false, wrote = !tellsSize;
+                const CallHook disk([&](const Step& called, std::uint64_t) {
+                    if (called.call == Call::Seek && !tellsSize && !std::exchange(asked, true))
+                        return Verdict::fail(EIO);
+                    if (called.call != Call::Write) return Verdict::goOn();
+                    return std::exchange(wrote, true) ? Verdict::fail(ENOSPC) : Verdict::atMost(10);
+                });
+                EXPECT_NE(failureOf([&] { model->write(slice(noise(), 0, size)), s().Flush(); }), "");
+            }
+            run("w9");
+            close();
+        }
+    }
+}
+
+TEST_F(StreamBuffer, WhatCanNotReachAnEncipheredFileIsNotTaken) {
+    open(0, "wb", true);
+    run("w1600 s3200 w4190208 s1600");
+    EXPECT_NE(failureOf([&] { model->write(slice(noise(), 0, 5)); }), "");
+    EXPECT_EQ(s().Flush(), 1);
+    run("w1600");
+    model = nullptr;
 }
 
 // What one reads ahead never reaches the other's buffer half-done or at the wrong place.

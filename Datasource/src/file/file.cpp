@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 template class RefCountPtr<ORVA_File>;
@@ -206,7 +207,10 @@ void ORVA_File::beginTransfer(std::int64_t byteOffset, long code) {
     platform::setErrno(0);
 }
 
+// The system refuses to read beyond the last place that there can be.
 unsigned int ORVA_File::readDescriptor(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    constexpr std::int64_t last = std::numeric_limits<std::int64_t>::max();
+    if (byteOffset > last - byteSize) byteSize = static_cast<unsigned int>(last - byteOffset);
     const int count = fHasPlaces ? platform::readAt(fDescriptor, buffer, byteSize, byteOffset)
                                  : platform::_read(fDescriptor, buffer, byteSize);
     if (count == -1) fail(kReadFailed, errno);

@@ -74,6 +74,7 @@ std::int32_t ORVA_FileStream::Seek(std::int64_t offset, SeekDirection direction)
     if (direction == SeekFromCurrent) base = fStreamPos;
     if (direction == SeekFromEnd) {
         fData->fIOPos = fData->pRealFile->Size();
+        if (fData->fIOPos < 0) return -1;
         base = std::max(fData->fIOPos, fData->pRealFile->dataEnd());
         if (fData->holdsAppended()) {
             base += fData->fDirtyEnd - fData->fDirtyBegin;

@@ -85,9 +85,9 @@ public:
     std::int32_t Good() override;
 
     std::uint32_t Read(void* buffer, std::uint32_t size) override;
-    // In an `a` mode the bytes go to the end of the file, whatever the position; a Read flushes them first. An
-    // enciphered file refuses what its mode cannot keep in place: FileError with EINVAL, nothing changed
-    // (docs/cipher.md).
+    // After a failure Tell() says how many were taken. In an `a` mode the bytes go to the end of the file, whatever the
+    // position; a Read flushes them first. An enciphered file refuses what its mode cannot keep in place: FileError
+    // with EINVAL, nothing changed (docs/cipher.md).
     std::uint32_t Write(const void* buffer, std::uint32_t size) override;
     // Flushes nothing. A target below 0 or past the 64-bit range: -1, nothing moves. From the end: unflushed bytes
     // count as part of the file.
@@ -186,7 +186,7 @@ private:
     ORVA_LOCAL std::uint32_t sizePastBuffer(const WriteRequest& request);
     ORVA_LOCAL void writeDirect(WriteRequest& request, std::uint32_t size);
     ORVA_LOCAL void startBuffer(std::int64_t position);
-    ORVA_LOCAL std::uint32_t writeFile(const unsigned char* bytes, std::uint32_t size, std::int64_t position);
+    ORVA_LOCAL void writeFile(WriteRequest& request, std::uint32_t size);
     ORVA_LOCAL void fillGap(std::int64_t position);
 
     // The buffered range: file offsets fpos up to fpos + buffered().

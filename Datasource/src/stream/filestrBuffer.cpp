@@ -235,15 +235,13 @@ std::uint32_t ORVA_FileStream::Data::sizePastBuffer(const WriteRequest& request)
 }
 
 // Past the buffer. Buffered bytes that the write covers are dropped first: they may neither be served to a later read
-// nor written back over the new ones. So is a buffer that ends within a cipher block, of which others may now hold
-// more.
+// nor written back over the new ones. So is the buffer of an enciphered file, behind which data may stand now that the
+// mode can't read to complete a block that grows into them.
 void ORVA_FileStream::Data::writeDirect(WriteRequest& request, std::uint32_t size) {
     const std::int64_t begin = request._pos;
     const bool overlaps = begin < fpos + buffered() && fpos < begin + size;
-    if (overlaps || buffered() % pRealFile->granule() != 0) dropBuffer();
-    const std::uint32_t count = writeFile(request._buffer, size, begin);
-    fIOPos = begin + count;
-    request.Advance(count);
+    if (overlaps || pRealFile->IsEncrypted()) dropBuffer();
+    writeFile(request, size);
 }
 
 // The buffer begins on a multiple of the granule: with what the file holds before `position`, and zeros in a gap.
@@ -258,27 +256,19 @@ void ORVA_FileStream::Data::startBuffer(std::int64_t position) {
     fpos = position - inBlock;
 }
 
-// Whole blocks, or up to where the data end: the file may have more of the last block than the buffer. What a failed
-// write has appended all the same must not be appended again.
+// Whole blocks, or up to where the data end: the file may have more of the last block than the buffer.
 void ORVA_FileStream::Data::Flush() {
     if (fBufferEnd == fBuffer || !bDirty || !pRealFile->IsOpen()) return;
     const std::uint32_t granule = pRealFile->granule();
-    const bool appends = pRealFile->Appends();
-    const unsigned char* const from = fBuffer + offsetOf(fDirtyBegin) / granule * granule;
+    fDirtyBegin -= static_cast<std::int64_t>(offsetOf(fDirtyBegin) % granule);
+    const unsigned char* const from = fBuffer + offsetOf(fDirtyBegin);
     unsigned char* const last = fBuffer + (offsetOf(fDirtyEnd) - 1) / granule * granule;
     const auto held = static_cast<std::uint32_t>(fBufferEnd - last);
     if (held < granule) fBufferEnd = last + pRealFile->completeBlock(last, held, fpos + (last - fBuffer));
     const auto size = static_cast<std::uint32_t>(std::min<const unsigned char*>(fBufferEnd, last + granule) - from);
-    const std::int64_t begin = fpos + (from - fBuffer);
-    const std::int64_t before = appends ? pRealFile->Size() : 0;
-    try {
-        fIOPos = begin + writeFile(from, size, begin);
-    } catch (...) {
-        const std::int64_t grown = appends ? pRealFile->Size() - before : 0;
-        if (grown > 0 && grown < size) fDirtyBegin += grown;
-        throw;
-    }
-    appends ? dropBuffer() : markClean();
+    WriteRequest pending{from, size, fDirtyBegin};
+    writeFile(pending, size);
+    pRealFile->Appends() ? dropBuffer() : markClean();
 }
 
 // A gap needs no bytes: the file gives zeros for what nobody wrote. Only those that wait for the rest of their block
@@ -290,8 +280,9 @@ void ORVA_FileStream::Data::fillGap(std::int64_t position) {
     if (rest > 0 && end % CIPHER_BLOCK_SIZE != 0) pRealFile->Write(zeros, static_cast<std::uint32_t>(rest), end);
 }
 
-// A block read ahead that the write touches is out of date, also when the write fails half-way.
-std::uint32_t ORVA_FileStream::Data::writeFile(const unsigned char* bytes, std::uint32_t size, std::int64_t position) {
+// A block read ahead that the write touches is out of date, also when the write fails half-way; what is appended goes
+// to the end, wherever that is. What a failed write has appended all the same must not be appended again.
+void ORVA_FileStream::Data::writeFile(WriteRequest& request, std::uint32_t size) {
     struct note {
         multiThreadForFilestr* worker;
         std::int64_t begin, end;
@@ -299,7 +290,18 @@ std::uint32_t ORVA_FileStream::Data::writeFile(const unsigned char* bytes, std::
             if (worker != nullptr) worker->noteWritten(begin, end);
         }
     };
-    fillGap(position);
-    const note written{fpIOThread.get(), position, position + size};
-    return pRealFile->Write(bytes, size, position);
+    fillGap(request._pos);
+    const bool appends = pRealFile->Appends();
+    const std::int64_t before = appends ? pRealFile->Size() : -1;
+    const note written{fpIOThread.get(), appends ? 0 : request._pos,
+                       appends ? std::numeric_limits<std::int64_t>::max() : request._pos + size};
+    try {
+        const std::uint32_t count = pRealFile->Write(request._buffer, size, request._pos);
+        fIOPos = request._pos + count;
+        request.Advance(count);
+    } catch (...) {
+        const std::int64_t grown = before < 0 ? 0 : pRealFile->Size() - before;
+        if (grown > 0 && grown < size) request.Advance(static_cast<std::uint32_t>(grown));
+        throw;
+    }
 }
