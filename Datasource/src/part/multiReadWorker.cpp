@@ -90,8 +90,10 @@ std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint3
 }
 
 unsigned char* PreIOThread_Multi_R_D::placeInRun(std::int64_t number) const {
-    const auto begin = [this](std::int64_t of) { return pPosInfo->parsed(static_cast<std::uint32_t>(of)).orginalPos; };
-    return fRun + (begin(number) - begin(fCurrent));
+    const auto placeOf = [this](std::int64_t of) {
+        return pPosInfo->parsed(static_cast<std::uint32_t>(of)).orginalPos;
+    };
+    return fRun + (placeOf(number) - placeOf(fCurrent));
 }
 
 template <class Test>
