@@ -10,11 +10,6 @@
 namespace core {
 namespace {
 
-std::uint64_t told(const char* variable, std::uint64_t otherwise) {
-    const char* value = std::getenv(variable);
-    return value != nullptr ? std::strtoull(value, nullptr, 10) : otherwise;
-}
-
 constexpr std::uint64_t kManyOfStreams = kSanitized ? 30'000 : 400'000;
 constexpr std::uint64_t kManyOfParts = kSanitized ? 1'500 : 6'000;
 

@@ -136,7 +136,7 @@ protected:
     // Loses the power behind each change that `run` makes, with all that was not synced, nothing of it, and what chance
     // leaves. How many of the states of the disk did not hold?
     int lose(const Files& files, const Run& run, const Holds& holds, bool failsHeading = false) {
-        constexpr std::uint64_t kChances = kSanitized ? 4 : 24;
+        static const std::uint64_t chances = told("ORVA_REPLAY_CHANCES", kSanitized ? 4 : 24);
         lay(files);
         ImaginedDisk disk(files);
         disk.failsHeading = failsHeading;
@@ -150,7 +150,7 @@ protected:
         for (std::size_t count = 0; count <= disk.changes(); ++count) {
             const bool ended = count == disk.changes();
             for (const std::int64_t piece : {std::int64_t{512}, std::int64_t{4096}}) {
-                for (std::uint64_t chance = 0; chance < kChances + 2; ++chance) {
+                for (std::uint64_t chance = 0; chance < chances + 2; ++chance) {
                     const std::uint64_t quarters = chance < 2 ? 4 * chance : 1 + chance % 3;
                     const Files state = disk.found(count, piece, quarters, random);
                     if (!ended && !seen.insert(state).second) continue;

@@ -51,6 +51,12 @@ inline testing::AssertionResult sameBytes(const Bytes& found, const Bytes& expec
     return testing::AssertionFailure() << "first difference at " << at - found.begin() << " of " << found.size();
 }
 
+// A number from the environment, for longer runs.
+inline std::uint64_t told(const char* variable, std::uint64_t otherwise) {
+    const char* value = std::getenv(variable);
+    return value != nullptr ? std::strtoull(value, nullptr, 10) : otherwise;
+}
+
 // A hook made of one function, which is asked before each raw call while this lives. Counts the calls.
 class CallHook : public platform::faults::Hook {
 public:
