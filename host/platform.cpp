@@ -163,9 +163,16 @@ bool refusesOffset(std::int64_t offset) {
     return true;
 }
 
+// The lock belongs to all copies of the descriptor, which children have from a fork until they end or run another
+// program: closing this one alone would leave the file locked by them.
+void unlockAndClose(int descriptor) {
+    ::flock(descriptor, LOCK_UN);
+    rawClose(descriptor);
+}
+
 // Closes on a failing path, where the failure told is the one that came first.
 int closedWith(int descriptor, int error) {
-    rawClose(descriptor);
+    unlockAndClose(descriptor);
     errno = error;
     return -1;
 }
@@ -301,6 +308,10 @@ int _close(int descriptor, const char* temporaryName) noexcept {
 // took the name over in the meantime is somebody else's and stays.
 void closeAnyway(int descriptor, const char* temporaryName) noexcept {
     if (temporaryName != nullptr && sameFile(descriptor, temporaryName)) rawUnlink(temporaryName);
+    unlockAndClose(descriptor);
+}
+
+void closeInherited(int descriptor) noexcept {
     rawClose(descriptor);
 }
 

@@ -41,10 +41,11 @@ inline constexpr int _S_IREAD = 0x100;
 // Opens `name` and gives its descriptor, which no program started later inherits. A directory is EISDIR.
 //   _O_TEMPORARY  nothing here: whoever opened the file knows its name, its process and when it is to go, and hands the
 //                 name to _close.
-//   _SH_DENYWR    a writer of a regular file holds a lock as long as the descriptor (and what a fork made of it) lives;
-//                 a second writer, in this process or another, gets EWOULDBLOCK and leaves the file as it was. Readers
-//                 take no lock. Where the file system has none, the writer goes on without. The file locked is the one
-//                 that the name leads to then; a name that leads to another one each time it is tried is EWOULDBLOCK.
+//   _SH_DENYWR    a writer of a regular file holds a lock until _close or closeAnyway, or until its process and all
+//                 children that were forked meanwhile have ended or run another program; a second writer, in this
+//                 process or another, gets EWOULDBLOCK and leaves the file as it was. Readers take no lock. Where the
+//                 file system has none, the writer goes on without. The file locked is the one that the name leads to
+//                 then; a name that leads to another one each time it is tried is EWOULDBLOCK.
 //   _O_EXCL       with _O_CREAT: EEXIST if the name is taken, by a link that leads nowhere too.
 //   _O_NOFOLLOW   a link is ELOOP, and nobody is waited for at the other end of a pipe.
 // Text mode is binary. The hints on access are ignored: the one that fits here best, random, would switch off the
@@ -52,7 +53,7 @@ inline constexpr int _S_IREAD = 0x100;
 ORVA_HOST_API int openShared(const char* name, int oflag, int shflag, int pmode) noexcept;
 
 // Takes the writer's lock on an open file, which needs no right to write: for who is going to replace it. 0, or -1 with
-// EWOULDBLOCK while a writer has it. Held as long as the descriptor.
+// EWOULDBLOCK while a writer has it. Held as openShared tells.
 ORVA_HOST_API int lockAgainstWriters(int descriptor) noexcept;
 // A writer has it. Takes it for a moment, in which a writer that comes is refused.
 ORVA_HOST_API bool hasWriter(int descriptor) noexcept;
@@ -85,6 +86,9 @@ ORVA_HOST_API int _close(int descriptor, const char* temporaryName = nullptr) no
 
 // Closes without asking the system whether everything was stored: for a descriptor whose _close has failed.
 ORVA_HOST_API void closeAnyway(int descriptor, const char* temporaryName = nullptr) noexcept;
+
+// Closes a descriptor that a forked child has from its parent, whose lock stays: the calls above would end it.
+ORVA_HOST_API void closeInherited(int descriptor) noexcept;
 
 // 0 once the data of the file, and its length, would survive a loss of power. A file that cannot be made durable by
 // its nature, such as a pipe, counts as durable. After a failure the data is in doubt for good: a second call proves

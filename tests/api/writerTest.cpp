@@ -95,16 +95,17 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     const Bytes rows = random.rows(100'000), more = random.rows(3 * kBlock);
     const std::string old = written("old", rows), other = written("other", rows);
     const Bytes before = readBytes(old);
-    orva::Writer mine(path("mine"), {.threads = 2}), mineToo(orva::Writer::append(written("mineToo", rows)));
+    orva::Writer mine(written("mine", rows), {.threads = 2, .replace = true}),
+        mineToo(orva::Writer::append(written("mineToo", rows)));
     for (auto* writer : {&mine, &mineToo}) writer->write(spanOf(more));
     const struct {
         const char* name;
         void (*end)();
-        std::size_t left;  // files, with the five above and the one that was flushed
+        std::size_t left;  // files, with the six above and the one that was flushed
     } endings[] = {
-        {"AnException", [] { throw std::domain_error("the caller's own"); }, 6},
-        {"TwoSignals", endAsSignalled, 8},
-        {"ACrash", [] { _exit(0); }, 11},
+        {"AnException", [] { throw std::domain_error("the caller's own"); }, 7},
+        {"TwoSignals", endAsSignalled, 9},
+        {"ACrash", [] { _exit(0); }, 12},
     };
     for (const auto& ending : endings) {
         SCOPED_TRACE(ending.name);
@@ -115,10 +116,12 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
                 EXPECT_EQ(thrownBy([&] { writer->finish(); }), "UsageError");
                 const orva::Writer gone(std::move(*writer));
             }
+            for (const char* name : {"mine", "mineToo"})
+                EXPECT_EQ(thrownBy([&] { orva::Writer::append(path(name)); }), "SystemError EAGAIN");
             const auto write = [&] {
                 orva::Writer fresh(path("fresh")), instead(other, {.replace = true});
                 orva::Writer behind = orva::Writer::append(old);
-                orva::Writer flushed(path("flushed"), {.durable = ending.left != 6, .replace = true});
+                orva::Writer flushed(path("flushed"), {.durable = ending.left != 7, .replace = true});
                 orva::ostream stream(path("stream"));
                 stream << "rows";
                 for (const Bytes& piece : {Bytes(), rows, Bytes(), more}) {
@@ -132,7 +135,7 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
             EXPECT_EQ(thrownBy(write), "domain_error");
         });
         EXPECT_EQ(names().size(), ending.left) << testing::PrintToString(names());
-        const char* refused = ending.left == 6 ? "" : "UnfinishedFileError";
+        const char* refused = ending.left == 7 ? "" : "UnfinishedFileError";
         EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(old)}; }), refused);
         EXPECT_EQ(thrownBy([&] { orva::Writer::append(old); }), refused);
         overwriteBytes(old, 0, before);  // as if it had changed nothing yet

@@ -4,6 +4,7 @@
 #include <orva/platform.h>
 
 #include <fcntl.h>
+#include <sys/file.h>
 
 #include <map>
 #include <sstream>
@@ -78,6 +79,19 @@ int closeTemporary(int descriptor) {
     return platform::_close(descriptor, std::filesystem::read_symlink(link).c_str());
 }
 
+int openedAnew(int descriptor) {
+    return ::open(("/proc/self/fd/" + std::to_string(descriptor)).c_str(), O_RDWR);
+}
+// What a second writer finds then. A forked child has a copy of the descriptor.
+template <auto close>
+int lockedAfter(int descriptor) {
+    const int copy = ::dup(descriptor), second = openedAnew(descriptor);
+    close(descriptor);
+    const int result = ::flock(second, LOCK_EX | LOCK_NB);
+    ::close(copy), ::close(second);
+    return result;
+}
+
 // Opens a file of the digits, and does one thing with it.
 struct CallCase {
     const char* name;
@@ -99,6 +113,9 @@ const CallCase kCalls[] = {
     {"ATakenNameIsNotMadeAnew", kWrite | platform::_O_EXCL, nullptr, "O ", EEXIST, kDigits},
     {"LocksBeforeItTruncates", kTruncate, nullptr, "O L=EINTR L T ", 0, ""},
     {"GoesOnWithoutLocks", kTruncate, nullptr, "O L=ENOLCK T ", 0, ""},
+    {"ACloseUnlocksTheCopies", kWrite, lockedAfter<closeFile>, "O L D c C ", 0, kDigits},
+    {"AFailedCloseKeepsTheLock", kWrite, lockedAfter<closeFile>, "O L D c=EIO ", EAGAIN, kDigits},
+    {"ACopysCloseKeepsTheLock", kWrite, lockedAfter<platform::closeInherited>, "O L C ", EAGAIN, kDigits},
     {"FailedLock", kTruncate, nullptr, "O L=EIO C ", EIO, kDigits},
     {"FailedTruncation", kTruncate, nullptr, "O L T=EIO C ", EIO, kDigits},
     {"TemporaryGoesUnderItsLock", kWrite, closeTemporary, "O L D c=EINTR D c U C ", 0, ""},

@@ -72,8 +72,8 @@ TEST_F(File, ATemporaryFileIsItsOwnersAloneAndGoesWhenThatProcessCloses) {
     EXPECT_EQ(std::filesystem::status(data).permissions(), std::filesystem::perms(0600));
     expectInChild([&] {
         ORVA_File own;
-        EXPECT_FALSE(open("data", own, "w+b")) << "the lock is the parent's";
         EXPECT_EQ(file.Close(), 1);
+        EXPECT_FALSE(open("data", own, "w+b")) << "the lock is the parent's";
         EXPECT_TRUE(open("own", own, "w+bD"));
     });
     EXPECT_TRUE(std::filesystem::exists(data)) << "deleted by a process that did not open it";

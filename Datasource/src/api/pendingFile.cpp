@@ -133,9 +133,15 @@ void pendingFile::begin() {
 }
 
 pendingFile::~pendingFile() {
-    if (!bCommitted && fProcess == platform::processId()) platform::removeFile(fTemporary.c_str());
+    const bool mine = fProcess == platform::processId();
+    if (!bCommitted && mine) platform::removeFile(fTemporary.c_str());
     forgetName();
-    if (fReplaced >= 0) platform::closeAnyway(fReplaced);
+    if (fReplaced < 0) return;
+    if (mine) {
+        platform::closeAnyway(fReplaced);
+    } else {
+        platform::closeInherited(fReplaced);
+    }
 }
 
 void pendingFile::refuseIfTaken() const {

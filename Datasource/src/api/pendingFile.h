@@ -4,7 +4,7 @@
 //
 // Owner:   the hidden file, which goes on every failing path.
 // Threads: one at a time.
-// Fork:    a child removes nothing.
+// Fork:    a child removes and unlocks nothing.
 // Failure: SystemError.
 #pragma once
 

@@ -59,11 +59,15 @@ ORVA_File::ORVA_File(const ORVA_File& other) : ORVA_RefCntObject(other), fEncryp
 }
 
 ORVA_File::~ORVA_File() {
+    if (isInherited()) {  // closes without the mutex
+        if (IsOpen()) platform::closeInherited(fDescriptor);
+        return;
+    }
     try {
-        if (fProcess == platform::processId()) Close();
+        Close();
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell.
     }
-    // A failed close leaves the descriptor, and the writer's lock with it. A forked child closes without the mutex.
+    // A failed close leaves the descriptor, and the writer's lock with it.
     if (IsOpen()) platform::closeAnyway(fDescriptor, nameToDelete());
 }
 
@@ -98,8 +102,12 @@ bool ORVA_File::Rewrites() const {
     return (accessFlags(fMode.c_str()) & (platform::_O_WRONLY | platform::_O_APPEND)) == 0;
 }
 
+bool ORVA_File::isInherited() const {
+    return fProcess != platform::processId();
+}
+
 const char* ORVA_File::nameToDelete() const {
-    return !fTemporaryName.empty() && fProcess == platform::processId() ? fTemporaryName.c_str() : nullptr;
+    return fTemporaryName.empty() ? nullptr : fTemporaryName.c_str();
 }
 
 void ORVA_File::Renamed(const ExtNameStr& name) {
@@ -112,7 +120,11 @@ int ORVA_File::Close() {
     if (!IsOpen()) return 0;
     if (fEncrypted && fEncryptStarted) fCipher->endRun();
     platform::setErrno(0);
-    if (platform::_close(fDescriptor, nameToDelete()) != 0) fail(kWriteFailed, errno);
+    if (isInherited()) {
+        platform::closeInherited(fDescriptor);
+    } else if (platform::_close(fDescriptor, nameToDelete()) != 0) {
+        fail(kWriteFailed, errno);
+    }
     fDescriptor = -1;
     return 1;
 }
