@@ -214,6 +214,36 @@ TEST_F(Writer, AnAppendThatEndsMeanwhileIsNoDamageToWhoOpensTheFile) {
     }
 }
 
+// A new index can stand so that its records go on behind the first ones of the old one.
+TEST_F(Writer, AnAppendBetweenTwoReadsOfAnIndexShowsNoMixtureOfTwo) {
+    const Bytes rows(1'100 * std::size_t{65'536});
+    const std::string name = written("rows", rows, {.block = 65'536});
+    const Bytes before = readBytes(name);
+    const i64 secondPiece = orva::info(name).index.offset + 24 * i64{1'024};
+    for (const bool atWork : {false, true}) {
+        for (std::size_t size = 100; size < 124; ++size) {  // one shifts it by whole records
+            writeBytes(name, before);
+            std::optional<orva::Writer> writer;
+            bool came = false;
+            const CallHook meanwhile([&](const Step& step, std::uint64_t) {
+                if (step.call != Call::Read || step.offset != secondPiece || std::exchange(came, true)) {
+                    return Verdict::goOn();
+                }
+                writer.emplace(orva::Writer::append(name));
+                writer->write(spanOf(RandomBytes(19).noise(size)));
+                writer->flush_rows();
+                if (!atWork) writer.reset();
+                return Verdict::goOn();
+            });
+            std::size_t found = rows.size() + size;
+            const std::string failure =
+                thrownBy([&] { found = static_cast<std::size_t>(orva::Reader(orva::Path(name)).size()); });
+            EXPECT_TRUE(came && (failure.empty() || (atWork && failure == "UnfinishedFileError"))) << failure;
+            EXPECT_EQ(found, rows.size() + size) << atWork;
+        }
+    }
+}
+
 TEST_F(Writer, ServesStandardStreams) {
     const Bytes rows = RandomBytes(17).rows(kBlock + 100'000);
     const auto* from = reinterpret_cast<const char*>(rows.data());

@@ -30,9 +30,12 @@ std::optional<keptTail> keptBeside(const std::string& place, const storedBytes& 
     return {};
 }
 
-}  // namespace
-
-namespace {
+// What a look at a file that may be changing has found: no records where they could not be believed.
+struct seen {
+    rawHeading heading;
+    std::vector<filePosRecord> records;
+    bool operator==(const seen&) const = default;
+};
 
 std::string stateText(const std::string& name, bool alive) {
     if (alive) return "an append, or another writer, is at work on it: try again when that has ended";
@@ -61,23 +64,29 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
     fFile = file.get();
     fBytes = std::move(file);
     const auto alive = [&] { return !locked && fFile->isBeingWritten(); };
-    for (rawHeading tried{};;) {
+    for (std::optional<seen> before;;) {
         fFound = findHeading(*fBytes, row0, fPath, fPlace);
         if (keptBeside(fPlace, *fBytes, fFound)) {
             const bool atWork = alive();
             if (atWork || hasSideFile(fPlace)) throw unfinished(fPath, atWork);
             continue;  // it is over by now
         }
+        std::optional<::DamagedFileError> damage;
+        fRecords.clear();
         try {
             load();
-            return;
-        } catch (const ::DamagedFileError&) {
-            if (alive()) throw unfinished(fPath, true);
-            // An append that has ended by now may have written over the index of before it.
-            if (std::exchange(tried, fFound.raw) != fFound.raw) continue;
-            if (!hasSideFile(fPlace)) throw;
-            throw unfinished(fPath, false);
+            if (isOfOneMoment()) return;
+        } catch (const ::DamagedFileError& met) {
+            damage = met;
         }
+        if (alive()) throw unfinished(fPath, true);
+        // An append that has ended by now may have written over the index of before it, between two reads too. What two
+        // looks find is the file's own.
+        const std::optional<seen> earlier = std::exchange(before, seen{fFound.raw, fRecords});
+        if (earlier != before) continue;
+        if (!damage) return;
+        if (hasSideFile(fPlace)) throw unfinished(fPath, false);
+        throw ::DamagedFileError(*damage);
     }
 }
 
@@ -97,6 +106,12 @@ void shownPart::load() {
     indexContent content = readRecords(*fBytes, fFound.heading, fFound.swapped, fFile == nullptr);
     fBlockSize = content.blockSize;
     fRecords = std::move(content.records);
+}
+
+// A mixture of two indexes seldom goes without gaps, and where it does the heading has changed.
+bool shownPart::isOfOneMoment() const {
+    rawHeading now{};
+    return fBytes->read(now.data(), now.size(), row0()) && now == fFound.raw && !firstGap(fFound.heading, fRecords);
 }
 
 std::int64_t shownPart::begin(std::uint32_t number) const {

@@ -60,6 +60,7 @@ public:
 private:
     static std::uint64_t nextId();
     void load();
+    bool isOfOneMoment() const;
     bool readKept(std::uint32_t number, const readRoad& road, unsigned char* to) const;
     [[noreturn]] void fail(std::uint32_t number, const ::DamagedFileError& damage) const;
     bool hasChanged(std::uint32_t number) const;
