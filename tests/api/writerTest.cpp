@@ -244,6 +244,43 @@ TEST_F(Writer, AnAppendBetweenTwoReadsOfAnIndexShowsNoMixtureOfTwo) {
     }
 }
 
+TEST_F(Writer, AnAppendUndoneWhileABlockIsReadIsNoDamage) {
+    RandomBytes random(20);
+    const Bytes rows = random.rows(100'000), more = random.noise(200'000);
+    const std::string name = written("rows", rows);
+    for (const bool durable : {false, true}) {
+        for (const bool plain : {false, true}) {
+            const orva::Reader reader(name);
+            const i64 last = reader.blocks().back().file_offset;
+            ORVA_FileStream file(name.c_str(), "rb");
+            zcmpsFilestr stream(file);
+            stream.readFilePosInfo(512, false);
+            std::optional<orva::Writer> writer;
+            enum { expected, beginning, begun, undone } append = expected;
+            const CallHook meanwhile([&](const Step& step, std::uint64_t) {
+                if (append == begun) {
+                    append = undone;
+                    writer.reset();
+                } else if (append == expected && step.call == Call::Read && step.offset == last) {
+                    append = beginning;
+                    writer.emplace(orva::Writer::append(name, {.durable = durable, .block = 150'000}));
+                    writer->write(spanOf(more));
+                    append = begun;
+                }
+                return Verdict::goOn();
+            });
+            Bytes found(rows.size());
+            const auto read = [&] {
+                plain ? stream.Read(found.data(), 100'000)
+                      : reader.read_at(0, std::as_writable_bytes(std::span(found)));
+            };
+            EXPECT_EQ(thrownBy(read), "");
+            EXPECT_EQ(append, undone);
+            EXPECT_TRUE(sameBytes(found, rows));
+        }
+    }
+}
+
 TEST_F(Writer, ServesStandardStreams) {
     const Bytes rows = RandomBytes(17).rows(kBlock + 100'000);
     const auto* from = reinterpret_cast<const char*>(rows.data());

@@ -144,14 +144,25 @@ std::vector<Block> shownPart::blocks() const {
 }
 
 void shownPart::read(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {
+    try {
+        readSurely([&] { readOld(number, compressed, to); }, [&] { return hasChanged(number); });
+    } catch (const ::FileChangedError& change) {
+        throw FileChangedError(change.what(), fPath, begin(number), number);
+    } catch (const ::DamagedFileError& damage) {
+        throw DamagedFileError(textOf(damage, fPath), fPath, begin(number), number);
+    } catch (...) {
+        rethrowTranslated(fPath);
+    }
+}
+
+// From the file, or as an append under way has kept it.
+void shownPart::readOld(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {
     zlibCompressBlock codec;
     const readRoad road{*fBytes, codec, compressed};
     try {
         readBlock(road, placeOf(fRecords, number, fFileSize), to);
-    } catch (const ::DamagedFileError& damage) {
-        if (!readKept(number, road, to)) fail(number, damage);
-    } catch (...) {
-        rethrowTranslated(fPath);
+    } catch (const ::DamagedFileError&) {
+        if (!readKept(number, road, to)) throw;
     }
 }
 
@@ -172,11 +183,6 @@ bool shownPart::readKept(std::uint32_t number, const readRoad& road, unsigned ch
     } catch (const FileError&) {  // the block is damaged, whatever else fails
         return false;
     }
-}
-
-void shownPart::fail(std::uint32_t number, const ::DamagedFileError& damage) const {
-    if (hasChanged(number)) throw FileChangedError(::FileChangedError(damage).what(), fPath, begin(number), number);
-    throw DamagedFileError(textOf(damage, fPath), fPath, begin(number), number);
 }
 
 // An append writes over the last block before index and heading tell of it.

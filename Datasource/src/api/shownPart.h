@@ -61,8 +61,8 @@ private:
     static std::uint64_t nextId();
     void load();
     bool isOfOneMoment() const;
+    void readOld(std::uint32_t number, unsigned char* compressed, unsigned char* to) const;
     bool readKept(std::uint32_t number, const readRoad& road, unsigned char* to) const;
-    [[noreturn]] void fail(std::uint32_t number, const ::DamagedFileError& damage) const;
     bool hasChanged(std::uint32_t number) const;
 
     const std::uint64_t fId = nextId();

@@ -3,7 +3,6 @@
 #include "format/blockTransfer.h"
 
 #include <orva/blockSize.h>
-#include <orva/errors.h>
 
 #include <algorithm>
 #include <cstring>

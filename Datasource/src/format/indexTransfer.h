@@ -9,6 +9,7 @@
 #include "format/storedBytes.h"
 
 #include <orva/compressedLayout.h>
+#include <orva/errors.h>
 
 #include <cstdint>
 #include <memory>
@@ -50,6 +51,20 @@ indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool
 // Heading or index do not stand there any more as they were read: somebody has written to the file since. A file that
 // can't be read now tells nothing.
 bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, std::span<const filePosRecord> records);
+
+// Calls `read`, which reads a block. Damage is what it meets twice, with a look in between that has shown no change: an
+// append that is undone meanwhile has put the block back, and leaves no other trace.
+template <class Read, class Changed>
+auto readSurely(Read read, Changed changed) {
+    for (bool again = false;; again = true) {
+        try {
+            return read();
+        } catch (const ::DamagedFileError& damage) {
+            if (changed()) throw ::FileChangedError(damage);
+            if (again) throw;
+        }
+    }
+}
 
 // The first block whose record cannot be true, or that does not stand right behind the one before it, or the heading,
 // in logical positions and in the file; the number of blocks where the last reaches into the index; nothing where all

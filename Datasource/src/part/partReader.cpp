@@ -37,18 +37,16 @@ void partReader::remake(const roads& taken, std::uint32_t cachedBlocks) {
 }
 
 // A block that is not what its record says may be another process's doing.
-std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64_t size) try {
+std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64_t size) {
     std::uint64_t done = 0;
     while (done < size) {
-        const std::uint64_t count = readOn(pos, to + done, size - done);
+        const std::uint64_t count = readSurely([&] { return readOn(pos, to + done, size - done); },
+                                               [&] { return changedSince(fFile, fHeading, bSwap, fIndex.records()); });
         if (count == 0) break;
         done += count;
         pos += static_cast<std::int64_t>(count);
     }
     return done;
-} catch (const DamagedFileError& damage) {
-    if (changedSince(fFile, fHeading, bSwap, fIndex.records())) throw FileChangedError(damage);
-    throw;
 }
 
 // What the block at `pos` has of them, 0 where there is none. Blocks that the request covers go straight into the

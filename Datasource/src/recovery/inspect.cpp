@@ -102,12 +102,9 @@ void finishedPart::verifyBlock(std::uint32_t number) {
     content& c = *fContent;
     if (!c.compressed) c.compressed = compressedRoom(c.records);
     if (!c.rows) c.rows = rowRoom(c.records);
-    try {
-        readBlock({c.file, c.codec, c.compressed.get()}, placeOf(c.records, number, c.fileSize), c.rows.get());
-    } catch (const DamagedFileError& damage) {
-        if (isChangedIn(c.file)) throw FileChangedError(damage);
-        throw;
-    }
+    const readRoad road{c.file, c.codec, c.compressed.get()};
+    readSurely([&] { readBlock(road, placeOf(c.records, number, c.fileSize), c.rows.get()); },
+               [&] { return isChangedIn(c.file); });
 }
 
 ORVA_File& finishedPart::file() {
