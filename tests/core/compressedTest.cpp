@@ -3,6 +3,7 @@
 // rows writes make is modelTest.cpp's; lies of heading and index are told in recovery/damageTest.cpp.
 #include "coreTest.h"
 #include "format/filePosInfo.h"
+#include "part/zcmpsPreIOThread.h"
 
 #include <orva/lz4Compress.h>
 #include <orva/zlibCompress.h>
@@ -221,6 +222,8 @@ TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
         {"pInfoBuffer != 0", [&] { unread.findRecord(1); }},
         {"buff != 0", [&] { unread.parseForAppend(nullptr, false); }},
         {"pInfoBuffer->orginalPos != 0", [&] { lies.findRecord(1); }},
+        {"prtData!=0", [] { PreIOThread_Tri_R_D::newThreadForRead().onCallBack(nullptr); }},
+        {"pParent!=0", [] { PreIOThread_Tri_R_D::newThreadForDecompress().onCallBack(nullptr); }},
         {"souce||dest||outCount||inCount", [&] { zlibCompressBlock().compressBlock(nullptr, 0, nullptr, none); }},
         {"souce && dest && outCount && inCount", [&] { lz4CompressBlock::compressBlock(nullptr, 8, b, 8, 0); }},
         {"souce && dest && outCount && inCount", [&] { lz4CompressBlock::decompressBlock(b, 0, b, 8); }},

@@ -100,7 +100,9 @@ public:
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t readLoopStep() override;
     virtual std::int32_t decompressLoopStep();
-    using newThreadForDecompress = workerLoop<PreIOThread_Tri_R_D, &PreIOThread_Tri_R_D::decompressLoopStep>;
+    static constexpr char kParentGiven[] = "pParent!=0";
+    using newThreadForDecompress =
+        workerLoop<PreIOThread_Tri_R_D, &PreIOThread_Tri_R_D::decompressLoopStep, kParentGiven>;
 
 private:
     std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number) override;

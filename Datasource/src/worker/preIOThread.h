@@ -30,13 +30,16 @@
 
 class PreIOThreadBase;
 
-// What a pool thread runs: one step of the worker that it is given, until that gives nonzero.
-template <class Worker, std::int32_t (Worker::*step)()>
+inline constexpr char kWorkerGiven[] = "prtData!=0";
+
+// What a pool thread runs: one step of the worker that it is given, until that gives nonzero. `invariant`: what it
+// states of the worker.
+template <class Worker, std::int32_t (Worker::*step)(), const char* invariant = kWorkerGiven>
 class workerLoop final : public CallBackObject {
 public:
     workerLoop() : CallBackObject(nullptr) {}
     int onCallBack(void* prtData) override {
-        ORVA_ASSERT(prtData != nullptr, "prtData!=0");
+        ORVA_ASSERT(prtData != nullptr, invariant);
         auto* pParent = static_cast<Worker*>(static_cast<PreIOThreadBase*>(prtData));
         while ((pParent->*step)() == 0) {
         }
