@@ -108,6 +108,11 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     EXPECT_EQ(readBytes(path("whole")), whole);
 
     try {
+        orva::Reader{std::make_shared<source>(line)};
+    } catch (const orva::Error& e) {
+        EXPECT_STREQ(e.what(), "the source is not finished: there is no heading at offset 512, where its rows begin");
+    }
+    try {
         orva::recover(path("none"), path("to"));
     } catch (const orva::Error& e) {
         EXPECT_EQ(e.path(), path("none"));

@@ -87,10 +87,12 @@ private:
     [[noreturn]] void refuseNone(std::int64_t place) const {
         const std::string where = "offset " + std::to_string(place);
         if (isTold(place)) {
-            throw UnfinishedFileError(name() + " is not finished: there is no heading at " + where +
-                                          ", where its rows begin. If its writer is gone, 'orva recover " +
-                                          fPath.string() + " -o OUT' gets the rows that are there",
-                                      fPath);
+            const std::string advice = fPath.empty() ? ""
+                                                     : ". If its writer is gone, 'orva recover " + fPath.string() +
+                                                           " -o OUT' gets the rows that are there";
+            throw UnfinishedFileError(
+                name() + " is not finished: there is no heading at " + where + ", where its rows begin" + advice,
+                fPath);
         }
         refuse("has no heading at " + where + ": check row0, and that its writer has finished");
     }
