@@ -57,7 +57,20 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
         more.finish();
     };
     EXPECT_EQ(thrownBy([&] { orva::join(parts, path("none"), {.progress = grow}); }), "FileChangedError");
-    EXPECT_EQ(names(), (Names{"a", "all", "b"}));
+    // Whether an input has changed must be known: each look at its heading that fails ends the join.
+    bool failed = true;
+    for (int reads = 0; failed; ++reads) {
+        failed = false;
+        int left = reads;
+        const CallHook disk([&](const Step& step, std::uint64_t) {
+            const bool heading = step.call == Call::Read && step.offset == 512 && step.size == 24;
+            failed = failed || (heading && left-- == 0);
+            return failed && heading ? Verdict::fail(EIO) : Verdict::goOn();
+        });
+        const std::string thrown = thrownBy([&] { orva::join(parts, path("none"), {.replace = true}); });
+        EXPECT_EQ(thrown, failed ? "SystemError EIO" : "") << reads;
+    }
+    EXPECT_EQ(names(), (Names{"a", "all", "b", "none"}));
 }
 
 }  // namespace

@@ -136,8 +136,6 @@ bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap,
         return now != heading || !std::ranges::equal(readRecords(file, now, swap).records, records);
     } catch (const DamagedFileError&) {
         return true;
-    } catch (...) {
-        return false;
     }
 }
 

@@ -48,19 +48,25 @@ struct indexContent {
 // gigabytes of a hole is refused at the first record that cannot be true. `atOnce`: in one read, where each costs much.
 indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce = false);
 
-// Heading or index do not stand there any more as they were read: somebody has written to the file since. A file that
-// can't be read now tells nothing.
+// Heading or index do not stand there any more as they were read: somebody has written to the file since.
 bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, std::span<const filePosRecord> records);
 
 // Calls `read`, which reads a block. Damage is what it meets twice, with a look in between that has shown no change: an
-// append that is undone meanwhile has put the block back, and leaves no other trace.
+// append that is undone meanwhile has put the block back, and leaves no other trace. A look that fails tells nothing.
 template <class Read, class Changed>
 auto readSurely(Read read, Changed changed) {
+    const auto shown = [&] {
+        try {
+            return changed();
+        } catch (...) {
+            return false;
+        }
+    };
     for (bool again = false;; again = true) {
         try {
             return read();
         } catch (const ::DamagedFileError& damage) {
-            if (changed()) throw ::FileChangedError(damage);
+            if (shown()) throw ::FileChangedError(damage);
             if (again) throw;
         }
     }
