@@ -55,7 +55,7 @@ ORVA_HOST_API int openShared(const char* name, int oflag, int shflag, int pmode)
 // Takes the writer's lock on an open file, which needs no right to write: for who is going to replace it. 0, or -1 with
 // EWOULDBLOCK while a writer has it. Held as openShared tells.
 ORVA_HOST_API int lockAgainstWriters(int descriptor) noexcept;
-// A writer has it. Takes it for a moment, in which a writer that comes is refused.
+// A writer has it. Takes a shared one for a moment, in which others may ask too; a writer that comes waits for its end.
 ORVA_HOST_API bool hasWriter(int descriptor) noexcept;
 
 // `origin`: 0 from the start, 1 from where it stands, 2 from the end. The new position.

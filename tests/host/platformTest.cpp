@@ -30,8 +30,8 @@ class Script : public platform::faults::Hook {
 public:
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
     Verdict before(const platform::faults::Step& /*step*/) override {
-        static const std::map<std::string, int> errors{
-            {"=EINTR", EINTR}, {"=EIO", EIO}, {"=EINVAL", EINVAL}, {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE}};
+        static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},       {"=EINVAL", EINVAL},
+                                                       {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE}, {"=EAGAIN", EAGAIN}};
         std::string word;
         fDialogue >> word;
         fAnswer = word.substr(std::min(word.find('='), word.size()));
@@ -91,6 +91,12 @@ int lockedAfter(int descriptor) {
     ::close(copy), ::close(second);
     return result;
 }
+int askedBesideAnother(int descriptor) {
+    const int other = openedAnew(descriptor);
+    const bool found = ::flock(other, LOCK_SH) != 0 || platform::hasWriter(descriptor);
+    ::close(other);
+    return found ? 1 : 0;
+}
 
 // Opens a file of the digits, and does one thing with it.
 struct CallCase {
@@ -113,6 +119,9 @@ const CallCase kCalls[] = {
     {"ATakenNameIsNotMadeAnew", kWrite | platform::_O_EXCL, nullptr, "O ", EEXIST, kDigits},
     {"LocksBeforeItTruncates", kTruncate, nullptr, "O L=EINTR L T ", 0, ""},
     {"GoesOnWithoutLocks", kTruncate, nullptr, "O L=ENOLCK T ", 0, ""},
+    {"WhoAsksForAWriterIsNone", kTruncate, nullptr, "O L=EAGAIN L L T ", 0, ""},
+    {"AWriterIsNotWaitedFor", kTruncate, nullptr, "O L=EAGAIN L=EAGAIN C ", EAGAIN, kDigits},
+    {"OthersMayAskAtOnce", platform::_O_RDONLY, askedBesideAnother, "O L ", 0, kDigits},
     {"ACloseUnlocksTheCopies", kWrite, lockedAfter<closeFile>, "O L D c C ", 0, kDigits},
     {"AFailedCloseKeepsTheLock", kWrite, lockedAfter<closeFile>, "O L D c=EIO ", EAGAIN, kDigits},
     {"ACopysCloseKeepsTheLock", kWrite, lockedAfter<platform::closeInherited>, "O L C ", EAGAIN, kDigits},
