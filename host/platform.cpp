@@ -195,7 +195,8 @@ bool hasNoLocks(int error) {
 }
 
 // Who only asks for a writer holds the lock for microseconds, or longer if its thread loses the core just then: that is
-// waited for. Behind a writer the refusal comes at once, behind anybody else who shares the lock in a tenth of a second.
+// waited for. Behind a writer the refusal comes at once, behind anybody else who shares the lock in a tenth of a
+// second.
 int lockForWriting(int descriptor) {
     constexpr int tries = 100;
     constexpr std::chrono::milliseconds pause(1);
