@@ -44,16 +44,20 @@ void* allocated(std::size_t size, std::size_t alignment) noexcept {
     if (size > mostAtOnce || strikes(Fault::Memory)) return nullptr;
     return posix_memalign(&bytes, alignment, std::max<std::size_t>(size, 1)) == 0 ? bytes : nullptr;
 }
+// Each new calls this, and none another new, which some compilers take for what its delete belongs to.
+void* allocatedOrThrow(std::size_t size, std::size_t alignment) {
+    void* bytes = allocated(size, alignment);
+    return bytes != nullptr ? bytes : throw std::bad_alloc();
+}
 
 }  // namespace
 
 // The forms that do not throw too: a sanitizer's own do not call these.
 void* operator new(std::size_t size, std::align_val_t alignment) {
-    void* bytes = allocated(size, static_cast<std::size_t>(alignment));
-    return bytes != nullptr ? bytes : throw std::bad_alloc();
+    return allocatedOrThrow(size, static_cast<std::size_t>(alignment));
 }
 void* operator new(std::size_t size) {
-    return operator new (size, std::align_val_t{16});
+    return allocatedOrThrow(size, 16);
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return allocated(size, 16);
