@@ -94,9 +94,9 @@ std::optional<keptTail> parse(const fileBytes& sideFile) {
     tail.indexPos = index->heading._indexPos;
     tail.index.assign(rest.begin(), rest.begin() + index->heading._size);
     tail.block.assign(rest.begin() + index->heading._size, rest.end());
-    const bool meets = tail.untouchedEnd + std::ssize(tail.block) == last.translatePos + last.translateSize;
-    if (!meets || (!tail.block.empty() && tail.untouchedEnd != last.translatePos)) return {};
-    return tail;
+    const std::int32_t kept = tail.block.empty() ? 0 : last.translateSize;
+    const bool meets = tail.untouchedEnd == last.translatePos + last.translateSize - kept;
+    return meets && std::ssize(tail.block) == kept ? std::optional(tail) : std::nullopt;
 }
 
 std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data) {
