@@ -138,7 +138,7 @@ bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
     }
     lock.lock();
     block->is = good ? made : state::empty;
-    if (!good) fFailed = std::min(fFailed, number);
+    if (!good && number >= fCurrent) fFailed = std::min(fFailed, number);  // one before a run may end during it
     tellCaller();
     return true;
 }
