@@ -38,9 +38,8 @@ output::output() : output("-", {}, {}) {}
 
 output::output(const std::string& name, const outputOptions& options, const orva::Path& input) : fName(name) {
     if (name == "-") {
-        // A duplicate, to be closed: some systems tell only then that bytes did not reach their place.
         fName = "standard output";
-        fDescriptor = dup(STDOUT_FILENO);
+        fDescriptor = STDOUT_FILENO;
     } else if (isDeviceOrPipe(name)) {
         fDescriptor = openToWrite(name);
     } else {
@@ -52,7 +51,7 @@ output::output(const std::string& name, const outputOptions& options, const orva
 }
 
 output::~output() {
-    if (fDescriptor >= 0) platform::_close(fDescriptor);
+    if (fDescriptor > STDOUT_FILENO) platform::_close(fDescriptor);
 }
 
 void output::write(const void* bytes, std::size_t size) {
@@ -70,8 +69,11 @@ void output::write(const void* bytes, std::size_t size) {
     }
 }
 
+// Some systems tell only at a close that bytes did not reach their place. Of standard output a duplicate is closed, by
+// the plain call: _close would end a lock that whoever started the command has on it.
 void output::finish() {
-    if (platform::_close(fDescriptor) != 0) throwWriteFailed(fName);
+    const bool isStandard = fDescriptor == STDOUT_FILENO;
+    if ((isStandard ? close(dup(fDescriptor)) : platform::_close(fDescriptor)) != 0) throwWriteFailed(fName);
     fDescriptor = -1;
     if (!fPending) return;
     if (bDurable) fPending->sync();
