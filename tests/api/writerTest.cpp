@@ -290,6 +290,8 @@ TEST_F(Writer, ServesStandardStreams) {
     out.write(from + 11, std::ssize(rows) - 11);
     out.close();
     EXPECT_EQ(out.tellp(), std::ssize(rows));
+    out.close();
+    EXPECT_EQ(thrownBy([&] { out.flush().put('x'); }), "UsageError");
     orva::istream in(path("rows"));
     std::string found(rows.size(), '\0');
     in.read(found.data(), 5).read(&found[5], 200'000).read(&found[200'005], std::ssize(rows) - 200'005);

@@ -76,8 +76,10 @@ class ostream::Buffer final : public std::streambuf {
 public:
     explicit Buffer(Writer&& writer) : fWriter(std::move(writer)), fBytes(kBuffer) { empty(); }
 
+    // Bytes that come behind it go to the Writer at once, which refuses them.
     void finish() {
-        pass();
+        sync();
+        setp(nullptr, nullptr);
         fWriter.finish();
     }
 
@@ -94,7 +96,7 @@ protected:
         return count;
     }
     int sync() override {
-        pass();
+        if (pptr() != pbase()) pass();
         return 0;
     }
     pos_type seekoff(off_type offset, std::ios_base::seekdir from, std::ios_base::openmode) override {
@@ -106,8 +108,9 @@ private:
     void empty() { setp(fBytes.data(), fBytes.data() + fBytes.size()); }
     void pass() {
         const std::span waiting(pbase(), static_cast<std::size_t>(pptr() - pbase()));
+        setp(nullptr, nullptr);
+        fWriter.write(std::as_bytes(waiting));
         empty();
-        if (!waiting.empty()) fWriter.write(std::as_bytes(waiting));
     }
 
     Writer fWriter;
