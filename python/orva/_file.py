@@ -50,6 +50,7 @@ class File(io.RawIOBase):
     __module__ = "orva"
     name: str
     mode: str
+    closed = False  # no property, since io's wrappers look at it before each of their reads
 
     def __init__(
         self,
@@ -174,6 +175,7 @@ class File(io.RawIOBase):
 
     def _let_go(self) -> None:
         super().close()
+        self.closed = True
         if self._opened is not None:
             self._opened.reader.close()
         if self._writing is not None:
