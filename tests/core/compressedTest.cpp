@@ -44,7 +44,11 @@ TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
     for (const int n : {-1, 0, kBestLevel + 1}) EXPECT_EQ(levelFails(n), level + "not " + std::to_string(n));
     beginRows(*stream);
     EXPECT_EQ(lengthFails(kBlock) + levelFails(2), length + late + level + late);
-    finish(*stream, Bytes(100'000, 'x'), {70'000, 30'000});
+    write(*stream, Bytes(10, 'x'));
+    if (GetParam() != 1) takeRoad(*stream, kTwo);  // not too late: no thread is there yet
+    write(*stream, Bytes(99'990, 'x'));
+    EXPECT_EQ(stream->Close(), 1);
+    expectFinished(readBytes(fName), Bytes(100'000, 'x'), {70'000, 30'000});
 }
 
 TEST_P(CompressedWrite, CutsABlockThatDeflateCannotFitAtAnyLevel) {

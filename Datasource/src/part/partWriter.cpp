@@ -104,6 +104,17 @@ std::span<unsigned char> partWriter::room() {
     return {fBuffer + (fChosen.blockLength - availBuffSize), availBuffSize};
 }
 
+// The rows in hand may stand in memory of the sink that goes.
+void partWriter::take(const roads& taken) {
+    std::unique_ptr<blockSink> sink = makeSink(next(), {taken.multiThread == 0 ? 0 : -1, taken.threadCount});
+    if (fBuffer != nullptr) {
+        if (!fRows) fRows = blockBuffer(fChosen.blockLength);
+        std::memmove(fRows.get(), fBuffer, fChosen.blockLength - availBuffSize);
+        fBuffer = fRows.get();
+    }
+    fSink = std::move(sink);
+}
+
 unsigned char* partWriter::newRoom() {
     if (unsigned char* const rows = fSink->room()) return rows;
     if (!fRows) fRows = blockBuffer(fChosen.blockLength);

@@ -70,8 +70,8 @@ public:
     void abandon();
 
     // For settings that come after the beginning, when no thread is made for setMultiThread any more. Needs that none
-    // is at work.
-    void take(const roads& taken) { fSink = makeSink(next(), {taken.multiThread == 0 ? 0 : -1, taken.threadCount}); }
+    // is at work. If that throws, nothing has changed.
+    void take(const roads& taken);
     bool hasThreads() const { return fSink != nullptr && fSink->hasThreads(); }
 
 private:
