@@ -54,7 +54,7 @@ TEST_F(StreamBuffer, PositionsEndWhereTheSystemsDo) {
     open(100);
     run("s30 s-1 m-31 e-101 s9223372036854775807 m1 m-9223372036854775807 s9223372036854775805");
     EXPECT_EQ(failureOf([&] { s().Write("abc", 3); }), fileError(1002, EFBIG, path("data")));
-    run("s9223372036854775707 r5000000 r9");
+    run("s9223372036854775707 r5000000 r9 t1 r9 s9223372036850585088 r1 s9 w9 f t0 s9223372036854775707");
     FileCalls disk;
     disk.fail(Call::Seek, EIO);
     EXPECT_EQ(s().Seek(0, ORVA_StrBaseIO::SeekFromEnd), -1);

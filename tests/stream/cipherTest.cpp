@@ -50,7 +50,7 @@ struct WriteCase {
 };
 constexpr WriteCase kWrites[] = {
     {"BelowTheFile", 32, -16, 16, false},
-    {"BehindTheLastPlace", 32, INT64_MAX - 15, 16, false},
+    {"InABlockThatCannotEnd", 32, INT64_MAX - 15, 8, false},
     {"FromInsideABlock", 40, 8, 24, false},
     {"ToInsideABlock", 40, 16, 8, false},
     {"OverSomeOfWhatWaits", 40, 32, 4, false},

@@ -112,7 +112,9 @@ void ORVA_File::Cipher::writeWhole(const unsigned char* data, unsigned int size,
 }
 
 bool ORVA_File::Cipher::mayWrite(unsigned int size, std::int64_t byteOffset) {
-    if (byteOffset < 0 || byteOffset > std::numeric_limits<std::int64_t>::max() - size) return false;
+    // The block that the data end in has to end in front of the last place that there can be.
+    constexpr std::int64_t last = wholeBlocks(std::numeric_limits<std::int64_t>::max());
+    if (byteOffset < 0 || byteOffset > last - size) return false;
     const bool continues = continuesWaiting(byteOffset);
     if (fFile.fAppends && (continues ? fTailPos : byteOffset) != fileEnd()) return false;
     if (continues) return true;
@@ -124,7 +126,7 @@ bool ORVA_File::Cipher::mayWrite(unsigned int size, std::int64_t byteOffset) {
 // How many bytes of data the block at `block` holds, which a write that ends inside it has to cover.
 int ORVA_File::Cipher::heldIn(std::int64_t block) {
     if (waits() && block <= fTailPos) return block == fTailPos ? fFile.fRemainderSize : CIPHER_BLOCK_SIZE;
-    if (block + CIPHER_BLOCK_SIZE > fileEnd()) return 0;  // what stands there of a block holds nothing
+    if (block > fileEnd() - CIPHER_BLOCK_SIZE) return 0;  // what stands there of a block holds nothing
     return block == fTailPos && endsPadded() ? CIPHER_BLOCK_SIZE - fFile.fPadSize : CIPHER_BLOCK_SIZE;
 }
 

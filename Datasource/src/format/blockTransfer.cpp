@@ -125,8 +125,8 @@ deflatedBlock deflateBlock(zlibCompressBlock& codec, std::int32_t level, const u
 
 std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBlock& deflated,
                            const unsigned char* scratch, std::int64_t pos, std::int64_t place) {
-    const std::int64_t secondPlace = place + deflated.length;
     writeAll(file, scratch, deflated.length + deflated.secondLength, place);
+    const std::int64_t secondPlace = place + deflated.length;
     addRecord(index, pos, place, deflated.rows, deflated.length);
     if (deflated.secondRows != 0) {
         addRecord(index, pos + deflated.rows, secondPlace, deflated.secondRows, deflated.secondLength);

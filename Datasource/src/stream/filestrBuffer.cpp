@@ -133,12 +133,11 @@ void ORVA_FileStream::DisableMultiThreadReading() {
 
 // Every file read of this path goes through the worker, so a request of a block or more passes the buffer too.
 void ORVA_FileStream::Data::ReadThreaded(ReadRequest& request) {
-    fIOPos += ReadFromBuffer(request);
+    ReadFromBuffer(request);
     while (request._size > 0) {
         LoadBlock(request._pos);
-        const std::uint32_t count = ReadFromBuffer(request);
-        if (count == 0) return;
-        fIOPos += count;
+        if (ReadFromBuffer(request) == 0) return;
+        fIOPos = request._pos;
     }
 }
 

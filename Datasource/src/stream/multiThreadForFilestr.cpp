@@ -3,6 +3,7 @@
 #include "base/assertion.h"
 
 #include <cstring>
+#include <limits>
 
 multiThreadForFilestr::multiThreadForFilestr(ORVA_File* file, std::uint32_t blockSize, bool ownThreads)
     : pFile(file), stBlockSize(blockSize), bOwnThreads(ownThreads), pReadBuffer(blockSize) {}
@@ -29,7 +30,8 @@ std::uint32_t multiThreadForFilestr::getBlock(void* buffer, std::uint32_t size, 
     } else {
         count = pFile->Read(buffer, stBlockSize, position);
     }
-    turn.readAhead(position + size);
+    // No block begins past the last place that there can be.
+    if (position <= std::numeric_limits<std::int64_t>::max() - size) turn.readAhead(position + size);
     return count;
 }
 
