@@ -99,6 +99,22 @@ TYPED_TEST(ReadWorker, R2_R4_R5_T2_T3_T4_A1_A3_A4_A5_AnyRequestIsServedOrFailsAn
     }
 }
 
+// Without the thread, which has read block 2 ahead, nobody but the caller looks which blocks are there.
+using ReadSeveral = ReadWorker<PreIOThread_Multi_R_D>;
+TEST_F(ReadSeveral, A5_ARunTakesWhatWasReadAheadOfIt) {
+    const CallHook reads;
+    auto made = std::make_unique<PreIOThread_Multi_R_D>(&fOpened, &fIndex, kBlock, 1);
+    const std::unique_ptr<PreIOThread_Multi_R_D, Stop> worker(startedWorker(std::move(made), true).release());
+    for (const std::uint32_t number : {0u, 1u}) {
+        EXPECT_EQ(request(*worker, number), fBlocks[number]);
+        while (reads.count < number + 2) std::this_thread::yield();
+    }
+    worker->stopThreads();
+    Bytes several(3 * std::size_t{kBlockSize});
+    EXPECT_EQ(worker->loadSeveral(0, 3, several.data()), 3U);
+    EXPECT_EQ(slice(several, 0, 23'001), joined({fBlocks[0], fBlocks[1], fBlocks[2]}));
+}
+
 // Lives of streams with threads: opened, asked a little, some of it in vain, and ended at any point.
 TEST_F(ShortBlocks, TenThousandLivesEnd) {
     const std::vector<filePosRecord> records = Layout(fFile).records;

@@ -57,6 +57,7 @@ void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
     fCurrent = number;
     fWantedEnd = number + 1 + (sequential ? ahead : 0);
     fNext = std::max(sequential ? fNext : 0, number + 1);
+    passHeld();
     if (fNext < std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) tellThreads();
 }
 
@@ -65,7 +66,7 @@ std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint3
     guard lock = locked();
     fRun = to;
     fCurrent = fNext = first;
-    while (holding(fNext) != nullptr) ++fNext;
+    passHeld();
     fWantedEnd = fFailed = first + std::int64_t{count};
     tellThreads();
     for (;;) {
@@ -106,6 +107,11 @@ PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::holding(std::int64_t number)
     return find([=](const slot& block) { return block.is != state::empty && block.number == number; });
 }
 
+// Blocks from there on that somebody has begun in an earlier run.
+void PreIOThread_Multi_R_D::passHeld() {
+    while (holding(fNext) != nullptr) ++fNext;
+}
+
 std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
     guard lock = locked();
     while (!bStop && !makeNext(lock)) wait(lock);
@@ -114,13 +120,13 @@ std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
 
 // Any thread's step, the caller's too. False if nothing is wanted, or there is no slot for it.
 bool PreIOThread_Multi_R_D::makeNext(guard& lock) {
-    while (holding(fNext) != nullptr) ++fNext;
     if (fNext >= std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) return false;
     slot* const block =
         find([this](const slot& s) { return s.is == state::empty || (s.is == state::ready && !isAhead(s.number)); });
     if (block == nullptr) return false;
-    const std::int64_t number = block->number = fNext++;
+    const std::int64_t number = block->number = fNext;
     block->is = state::busy;
+    passHeld();
     const state made = fRun != nullptr ? state::empty : state::ready;
     unsigned char* dest = fRun != nullptr ? placeInRun(number) : block->rows.get();
     lock.unlock();

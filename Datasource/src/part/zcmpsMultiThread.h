@@ -121,6 +121,7 @@ private:
     template <class Test>
     slot* find(Test test);
     slot* holding(std::int64_t number);
+    void passHeld();
     bool makeNext(guard& lock);
     // The bytes of its rows. A size that cannot be true is refused before memory is touched.
     std::size_t rowsOf(std::int64_t number) const;
