@@ -251,6 +251,12 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
         expectRecovered(unfinished(file), guesses[i], dropped, {kPart, false, true});
         expectRecovered(swapped(file, kRow0), kLost[i], rows, {});
         EXPECT_TRUE(fReport.part.swapped);
+        // Bytes that are lost from it, or come into it, move what stands behind, the index too.
+        const auto at = static_cast<std::size_t>(fLayout.records[i].translatePos) + 5;
+        for (const std::size_t from : {at - 2, at + 1, at + 7}) {
+            expectRecovered(slice(fBytes, 0, at) + slice(fBytes, from, fBytes.size()), kLost[i], rows);
+            EXPECT_FALSE(fReport.lastRewritten);
+        }
     }
     // The record behind it can lie about where its block stands, and its own about where its rows begin.
     const std::int64_t index = fLayout.heading._indexPos, second = fLayout.records[1].translatePos;

@@ -151,10 +151,11 @@ bool partSurvey::bridge() {
 }
 
 // The first place behind this one that a record names and where a whole stream stands. Where all records up to there
-// name one place behind the other, nothing was overlooked.
+// name one place behind the other, nothing was overlooked; but for blocks between two places where bytes came or went.
 partSurvey::resumption partSurvey::resumeByIndex(bool inStep) {
     std::int64_t end = inStep ? fPlace : kNowhere;  // of the record before
     std::int64_t tried = fPlace;
+    const std::size_t next = fNext + 1;
     const auto resumes = [&](std::int64_t place, std::size_t number) {
         const bool isNew = place > fPlace && place < fLimit && std::exchange(tried, place) != place;
         if (!isNew || number == fIndex.size() || !streamAt(place, fIndexPatience)) return false;
@@ -162,15 +163,18 @@ partSurvey::resumption partSurvey::resumeByIndex(bool inStep) {
         fNextPlace = place;
         return true;
     };
+    const auto sure = [&](std::size_t number) { return inStep && (fMoved == 0 || number <= next); };
     for (std::size_t i = fNext; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
         const std::int64_t place = placeOf(i);
-        if (resumes(place, i)) return {place, inStep};
+        if (resumes(place, i)) return {place, sure(i)};
+        const std::int64_t moved = fMoved == 0 ? kNowhere : placeOf(i, fMoved);
+        if (resumes(moved, i)) return {moved, sure(i)};
         inStep = inStep && (place == end || end == fPlace);
         end = (end == fPlace ? fPlace : place) + fIndex[i].translateSize;
-        if (resumes(end, i + 1)) return {end, inStep};
+        if (resumes(end, i + 1)) return {end, sure(i + 1)};
         earnByLoss(place, end);
     }
-    return {std::nullopt, inStep && report.hadIndex && !fIndexPatience.exhausted()};
+    return {std::nullopt, sure(fIndex.size()) && report.hadIndex && !fIndexPatience.exhausted()};
 }
 
 // A lost block that is passed earns too, once and not in a hole. To look at its record costs a little.
@@ -187,6 +191,7 @@ bool partSurvey::takeIndex(const compressionHeading& heading, bool swapped) {
         std::vector<filePosRecord> index = readRecords(fFile, heading, swapped).records;
         if (bLookedForIndex && !tellsOfBlocksSeen(index, heading._indexPos)) return false;
         fIndex = std::move(index);
+        if (bLookedForIndex && !fIndex.empty()) seeIfMoved(heading._indexPos);
         fLimit = heading._indexPos;
         fNext = segments.size();
         report.hadIndex = true;
@@ -217,6 +222,15 @@ bool partSurvey::takeLaterIndex(std::int64_t place, const unsigned char* bytes) 
     return false;
 }
 
+// Bytes that came into the file, or are lost from it, have moved all that stands behind them by as many. An index that
+// no heading points to shows how many: it stands where the last block ends.
+void partSurvey::seeIfMoved(std::int64_t place) {
+    const filePosRecord& last = fIndex.back();
+    if (last.translatePos < 0 || last.translatePos - kBlockSize > fWindow.fileSize()) return;
+    fMoved = place - last.translatePos - last.translateSize;
+    if (fMoved != 0) fHeading._indexPos = place;
+}
+
 // One that no heading points to is believed if it says of all blocks seen what they said themselves.
 bool partSurvey::tellsOfBlocksSeen(const std::vector<filePosRecord>& index, std::int64_t place) const {
     const auto same = [](const surveySegment& seen, const filePosRecord& record) {
@@ -229,9 +243,9 @@ bool partSurvey::tellsOfBlocksSeen(const std::vector<filePosRecord>& index, std:
     return !segments.empty() || place == fPlace;
 }
 
-std::int64_t partSurvey::placeOf(std::size_t number) const {
+std::int64_t partSurvey::placeOf(std::size_t number, std::int64_t moved) const {
     const std::int64_t place = fIndex[number].translatePos;
-    return place <= fWindow.fileSize() ? place : kNowhere;
+    return place >= 0 && place <= fWindow.fileSize() - moved ? place + moved : kNowhere;
 }
 std::int64_t partSurvey::endOf(std::size_t number) const {
     return placeOf(number) + fIndex[number].translateSize;

@@ -62,7 +62,8 @@ private:
     void findLaterIndex();
     bool takeLaterIndex(std::int64_t place, const unsigned char* bytes);
     bool tellsOfBlocksSeen(const std::vector<filePosRecord>& index, std::int64_t place) const;
-    std::int64_t placeOf(std::size_t number) const;
+    void seeIfMoved(std::int64_t place);
+    std::int64_t placeOf(std::size_t number, std::int64_t moved = 0) const;
     std::int64_t endOf(std::size_t number) const;
     std::optional<std::size_t> numberHere();
     // What the heading vouches for.
@@ -81,6 +82,7 @@ private:
     compressionHeading fHeading{};
     std::optional<std::int64_t> fCount;  // blocks that the heading vouches for
     std::vector<filePosRecord> fIndex;
+    std::int64_t fMoved = 0;       // bytes by which blocks may stand behind the places that the index tells
     std::int64_t fLimit;           // what stands from here on is there only as far as it joins on
     std::int64_t fPlace = 0;       // behind the block taken last, where the next one begins
     std::size_t fNext = 0;         // the number of that one, as far as an index knows it
