@@ -22,9 +22,10 @@ constexpr std::int64_t kCopyAtOnce = 1 << 26;  // so that progress is told
 // were.
 void refuseInterrupted(const std::string& name) {
     if (!hasSideFile(name)) return;
-    throw DamagedFileError(name, "no side file",
-                           "an append to it is at work or was interrupted: wait for it, or undo it by 'orva recover "
-                           "--roll-back'");
+    throw FileChangedError(
+        DamagedFileError(name, "no side file",
+                         "an append to it is at work or was interrupted: wait for it, or undo it by 'orva recover "
+                         "--roll-back'"));
 }
 
 class joiner {
