@@ -60,8 +60,9 @@ public:
 
 class cachedSource final : public blockSource {
 public:
+    // More than the index has are never kept.
     cachedSource(std::unique_ptr<blockSource> source, const filePosInfo& index, std::uint32_t blocks)
-        : blockSource(&index), fSource(std::move(source)), fBlocks(blocks) {}
+        : blockSource(&index), fSource(std::move(source)), fBlocks(std::min(blocks, index.parsedCount())) {}
     const unsigned char* lend(std::uint32_t number) override {
         if (!comesFirst(number)) {
             entry& last = fBlocks.back();
