@@ -93,6 +93,22 @@ TEST_F(StreamBuffer, AFailedAppendIsTakenAsFarAsTheFileGrew) {
     }
 }
 
+TEST_F(StreamBuffer, CopiesThatAppendLoseNothingOfEachOther) {
+    for (const std::uint32_t size : {5u, 40u}) {
+        for (const bool encrypted : {false, true}) {
+            open(0, "a+b", encrypted);
+            ORVA_FileStream copy(s());
+            EXPECT_EQ(s().Write("waiting", 7) + copy.Write(noise().data(), size), 7 + size);
+            copy.Flush();
+            s().Flush();
+            Bytes found(100);
+            found.resize((copy.ClearAndReset(), copy.Read(found.data(), 100)));
+            EXPECT_EQ(found, slice(noise(), 0, size) + Bytes({'w', 'a', 'i', 't', 'i', 'n', 'g'}));
+            model = nullptr;
+        }
+    }
+}
+
 TEST_F(StreamBuffer, WhatCanNotReachAnEncipheredFileIsNotTaken) {
     open(0, "wb", true);
     run("w1600 s3200 w4190208 s1600");

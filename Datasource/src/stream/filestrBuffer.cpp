@@ -255,19 +255,22 @@ void ORVA_FileStream::Data::startBuffer(std::int64_t position) {
     fpos = position - inBlock;
 }
 
-// Whole blocks, or up to where the data end: the file may have more of the last block than the buffer.
+// Whole blocks, or up to where the data end: the file may have more of the last block than the buffer. What is appended
+// goes to the end, where a copy of the stream may have appended meanwhile; an enciphered file wants that place named.
 void ORVA_FileStream::Data::Flush() {
     if (fBufferEnd == fBuffer || !bDirty || !pRealFile->IsOpen()) return;
+    const bool appends = pRealFile->Appends();
     const std::uint32_t granule = pRealFile->granule();
     fDirtyBegin -= static_cast<std::int64_t>(offsetOf(fDirtyBegin) % granule);
     const unsigned char* const from = fBuffer + offsetOf(fDirtyBegin);
     unsigned char* const last = fBuffer + (offsetOf(fDirtyEnd) - 1) / granule * granule;
     const auto held = static_cast<std::uint32_t>(fBufferEnd - last);
-    if (held < granule) fBufferEnd = last + pRealFile->completeBlock(last, held, fpos + (last - fBuffer));
+    if (held < granule && !appends) fBufferEnd = last + pRealFile->completeBlock(last, held, fpos + (last - fBuffer));
     const auto size = static_cast<std::uint32_t>(std::min<const unsigned char*>(fBufferEnd, last + granule) - from);
-    WriteRequest pending{from, size, fDirtyBegin};
+    std::int64_t end = pRealFile->dataEnd();
+    WriteRequest pending{from, size, appends && granule > 1 ? end : fDirtyBegin};
     writeFile(pending, size);
-    pRealFile->Appends() ? dropBuffer() : markClean();
+    appends ? dropBuffer() : markClean();
 }
 
 // A gap needs no bytes: the file gives zeros for what nobody wrote. Only those that wait for the rest of their block
