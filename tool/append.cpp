@@ -75,8 +75,7 @@ private:
 
     // What an append would have refused.
     static std::int64_t requireSound(const shownFile& file) {
-        const orva::VerifyReport report =
-            orva::verify(file.name, {.row0 = file.info.row0, .first_block = std::ssize(file.info.blocks) - 1});
+        const orva::VerifyReport report = orva::verify(file.reader, {.first_block = std::ssize(file.info.blocks) - 1});
         const std::string& wrong = report.bad.empty() ? report.index : report.bad.front().text;
         if (!report.sound()) throw toolFailure(kDamaged, file.name, failureText(wrong, file.name));
         return 0;

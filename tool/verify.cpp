@@ -37,8 +37,7 @@ public:
             bar.advance(done - before);
             before = done;
         };
-        fReport = orva::verify(fFile.name,
-                               {.row0 = fFile.info.row0, .threads = fOptions.threads.count(), .progress = advance});
+        fReport = orva::verify(fFile.reader, {.threads = fOptions.threads.count(), .progress = advance});
         bar.finish(shownName(fFile.name) + ": " + counted(fReport.blocks, "block") + ", " +
                    humanSize(static_cast<double>(fFile.info.size)) + " of rows, " + verdict());
         print();

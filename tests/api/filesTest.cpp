@@ -38,6 +38,8 @@ TEST_F(Files, SayWhichBlockIsBad) {
     EXPECT_TRUE(row == std::default_sentinel);
     EXPECT_EQ(orva::recover(name, path("saved"), {.progress = told()}).lost.at(0).rows, bad.rows);
     EXPECT_EQ(fLast.first, fLast.second);
+    std::filesystem::rename(path("saved"), name);
+    EXPECT_EQ(orva::verify(reader).bad.size(), 1U) << "it tells of the file that was opened";
 }
 
 TEST_F(Files, EndWhereTheirProgressThrows) {

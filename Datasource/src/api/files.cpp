@@ -71,6 +71,22 @@ auto made(const Path& to, std::span<const Path> inputs, bool replace, bool durab
 
 }  // namespace
 
+FileInfo info(const Reader& reader) {
+    const std::shared_ptr<const shownPart> part = partOf(reader);
+    FileInfo found;
+    found.found_by = part->found().by;
+    found.swapped = part->swapped();
+    found.row0 = part->row0();
+    if (const auto& text = part->found().text; text && text->row0Pos == found.row0) found.text = text;
+    found.size = part->size();
+    found.file_size = part->fileSize();
+    found.block_size = part->indexBlockSize();
+    found.index = {part->found().heading._indexPos, part->found().heading._size};
+    found.blocks = part->blocks();
+    for (const Block& block : found.blocks) found.stored += block.stored;
+    return found;
+}
+
 FileInfo info(const Path& path, std::optional<i64> row0) {
     return info(Reader(path, {.row0 = row0}));
 }
@@ -142,10 +158,14 @@ private:
 
 }  // namespace
 
+VerifyReport verify(const Reader& reader, const VerifyOptions& options) {
+    const std::shared_ptr<const shownPart> part = partOf(reader);
+    const std::uint32_t threads = threadsAtWork(options.threads, part->path());
+    return translated(part->path(), [&] { return verifier(*part, options).run(threads); });
+}
+
 VerifyReport verify(const Path& path, const VerifyOptions& options) {
-    const std::uint32_t threads = threadsAtWork(options.threads, path);
-    const shownPart part = opened(path, options.row0);
-    return translated(path, [&] { return verifier(part, options).run(threads); });
+    return verify(Reader(path, {.row0 = options.row0, .threads = options.threads}), options);
 }
 
 namespace {

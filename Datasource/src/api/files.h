@@ -64,6 +64,8 @@ struct VerifyReport {
 
 // Inflates every block, and goes on behind a damaged one. Fails as opening a Reader does.
 ORVA_API VerifyReport verify(const Path& path, const VerifyOptions& options = {});
+// Of the file that a Reader shows, whatever has its name by now; row0 means nothing.
+ORVA_API VerifyReport verify(const Reader& reader, const VerifyOptions& options = {});
 
 struct RecoverOptions {
     std::optional<i64> row0{};

@@ -4,7 +4,6 @@
 #include "api/translated.h"
 #include "file/namedFile.h"
 
-#include <orva/files.h>
 #include <orva/platform.h>
 #include <orva/reader.h>
 
@@ -186,20 +185,8 @@ void Reader::refresh() {
     fState->refresh();
 }
 
-FileInfo info(const Reader& reader) {
-    const Reader::State::partPtr part = reader.fState->shown();
-    FileInfo found;
-    found.found_by = part->found().by;
-    found.swapped = part->swapped();
-    found.row0 = part->row0();
-    if (const auto& text = part->found().text; text && text->row0Pos == found.row0) found.text = text;
-    found.size = part->size();
-    found.file_size = part->fileSize();
-    found.block_size = part->indexBlockSize();
-    found.index = {part->found().heading._indexPos, part->found().heading._size};
-    found.blocks = part->blocks();
-    for (const Block& block : found.blocks) found.stored += block.stored;
-    return found;
+std::shared_ptr<const shownPart> partOf(const Reader& reader) {
+    return reader.fState->shown();
 }
 
 i64 Reader::end_of_block(i64 offset) const {

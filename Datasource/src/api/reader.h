@@ -65,7 +65,7 @@ struct ReaderOptions {
     int cached_blocks = 1;      // kept inflated, up to 4 MiB each: at least one a thread that reads in small pieces
 };
 
-struct FileInfo;  // files.h
+class shownPart;
 
 class ORVA_API Reader {
 public:
@@ -113,7 +113,7 @@ public:
 private:
     template <class T>
     friend class Rows;
-    friend ORVA_API FileInfo info(const Reader& reader);
+    friend std::shared_ptr<const shownPart> partOf(const Reader& reader);
     const Path& path() const noexcept;
 
     struct ORVA_LOCAL State;

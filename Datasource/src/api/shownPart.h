@@ -76,6 +76,9 @@ private:
     std::vector<filePosRecord> fRecords;
 };
 
+// What a Reader shows just now.
+std::shared_ptr<const shownPart> partOf(const Reader& reader);
+
 // Of a file to which an append is at work (`alive`) or was interrupted.
 UnfinishedFileError unfinished(const Path& path, bool alive);
 
