@@ -293,7 +293,6 @@ private:
         }
         fInputs.push_back({place, {part.row0(), part.swapped()}});
         for (std::uint32_t i = 0; i < part.blockCount(); ++i) fTotal += part.block(i).stored;
-        fEnds.push_back(part.size());
     }
 
     // Of an append without a side file that has begun to rewrite a last block, only that block shows something, while
@@ -302,15 +301,14 @@ private:
         const shownPart joined(output, output, report.part.row0Pos);
         blockBuffer compressed(kBlockSize);
         blockBuffer rows(kBlockSize);
-        i64 end = 0;
+        std::uint32_t end = 0;
         for (std::size_t i = 0; i < fFrom.size(); ++i) {
-            if (fEnds[i] == 0) continue;
-            end += fEnds[i];
+            if (std::exchange(end, report.ends[i]) == report.ends[i]) continue;
             try {
-                joined.read(joined.blockAt(end - 1), compressed.get(), rows.get());
+                joined.read(end - 1, compressed.get(), rows.get());
             } catch (const DamagedFileError&) {
                 const shownPart input = opened(fFrom[i], fOptions.row0);
-                input.read(input.blockCount() - 1, compressed.get(), rows.get());
+                if (input.blockCount() != 0) input.read(input.blockCount() - 1, compressed.get(), rows.get());
                 throw FileChangedError('"' + fFrom[i].string() + "\" was written to while it was joined: try again",
                                        fFrom[i]);
             }
@@ -323,8 +321,7 @@ private:
     const JoinOptions& fOptions;
     std::string fDictionary;  // empty: as it stands in the first file
     std::vector<joinInput> fInputs;
-    std::vector<i64> fEnds;  // of their rows
-    i64 fTotal = 0;          // bytes of the output, without its heading and index
+    i64 fTotal = 0;  // bytes of the output, without its heading and index
 };
 
 }  // namespace

@@ -87,6 +87,7 @@ private:
         copy(part.file(), from, stored, place());
         refuseIfChanged(input, part);
         fReport.blocks += part.blockCount();
+        fReport.ends.push_back(fReport.blocks);
         fReport.stored += stored;
     }
 

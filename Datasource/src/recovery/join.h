@@ -35,8 +35,9 @@ struct joinOptions {
 struct joinReport {
     foundPart part{};  // of the output
     std::uint32_t blocks = 0;
-    std::int64_t rows = 0;    // bytes
-    std::int64_t stored = 0;  // bytes of blocks
+    std::vector<std::uint32_t> ends{};  // of each input, the blocks up to its last one
+    std::int64_t rows = 0;              // bytes
+    std::int64_t stored = 0;            // bytes of blocks
 };
 
 // Inputs have one byte order, which the output gets, whatever this machine's is. Each index is held to account
