@@ -281,6 +281,30 @@ TEST_F(Writer, AnAppendUndoneWhileABlockIsReadIsNoDamage) {
     }
 }
 
+// A copy takes the name of the file between two looks at it.
+TEST_F(Writer, AnAppendIsInTheFileThatHasTheNameOrFails) {
+    for (int looks = 0; looks < 4; ++looks) {
+        for (const char* name : {"rows", "copy"}) written(name, Bytes(100, 'a'), {.replace = true});
+        int left = looks;
+        const std::string thrown = thrownBy([&] {
+            const CallHook disk([&](const Step& step, std::uint64_t) {
+                if (step.call == Call::Open && path("rows") == step.name && left-- == 0)
+                    std::filesystem::rename(path("copy"), path("rows"));
+                return Verdict::goOn();
+            });
+            orva::Writer writer = orva::Writer::append(path("rows"));
+            writer.write(spanOf(Bytes(10, 'b')));
+            writer.finish();
+        });
+        EXPECT_EQ(thrown, rowsOf("rows").size() == 110 ? "" : "SystemError ESTALE") << looks;
+    }
+    orva::Writer writer(path("new"));
+    writer.flush_rows();
+    std::filesystem::rename(path("rows"), path("new"));
+    writer.write(spanOf(Bytes(10, 'b')));
+    EXPECT_EQ(thrownBy([&] { writer.finish(); }), "SystemError ESTALE");
+}
+
 TEST_F(Writer, ServesStandardStreams) {
     const Bytes rows = RandomBytes(17).rows(kBlock + 100'000);
     const auto* from = reinterpret_cast<const char*>(rows.data());

@@ -64,6 +64,7 @@ struct Writer::State {
     void beginNew(const WriterOptions& options) {
         fPending = std::make_unique<pendingFile>(fPath, options.replace, options.permissions);
         openOrThrow(*fOpened, fPending->temporaryName(), "r+b", kWriteFailed);
+        fNamed = std::make_unique<openedFile>(fPath.string(), fPending->temporaryName());
         const std::string text = options.dictionary.empty() ? makeDictionaryText() : "";
         const void* bytes = text.empty() ? static_cast<const void*>(options.dictionary.data()) : text.data();
         fRow0 = static_cast<i64>(text.size() + options.dictionary.size());
@@ -75,7 +76,10 @@ struct Writer::State {
         fPlace = fullName(fPath.string());
         refusePipe(fPath.string(), fPlace);
         if (options.roll_back) rollBack(fPlace);
-        openOrThrow(*fOpened, fPlace, "r+b", kWriteFailed);
+        do {
+            openOrThrow(*fOpened, fPlace, "r+b", kWriteFailed);
+            fNamed = std::make_unique<openedFile>(fPath.string(), fPlace);
+        } while (!fOpened->isNamed(fPlace) || !fNamed->isNamed(fPlace));
         if (hasSideFile(fPlace)) throw unfinished(fPath, false);
         const shownPart found(fPath, fPlace, options.row0, true);
         bOtherOrder = found.swapped();
@@ -84,7 +88,6 @@ struct Writer::State {
         if (options.block == 0) fChoices.blockLength = static_cast<std::uint32_t>(chosenLength(found.records()));
         fRow0 = found.row0();
         fSize = found.size();
-        fNamed = std::make_unique<openedFile>(fPath.string(), fPlace);
         resume(bOtherOrder);
     }
 
@@ -104,6 +107,7 @@ struct Writer::State {
     }
 
     void complete(bool staysOpen) {
+        const bool adds = fPending == nullptr && fPart != nullptr;
         if (fPart != nullptr) {
             fSize = size();
             fPart->finish(bDurable, staysOpen);
@@ -118,7 +122,7 @@ struct Writer::State {
             fPending.reset();
         }
         if (!staysOpen) fOpened->Close();
-        if (fNamed == nullptr || fNamed->isNamed(fPlace)) return;
+        if (!adds || fNamed->isNamed(fPlace)) return;
         throw SystemError(std::error_code(ESTALE, std::generic_category()),
                           '"' + fPath.string() +
                               "\" is another file by now, which took the name while rows were added: they stand in a "
@@ -137,7 +141,7 @@ struct Writer::State {
     std::string fPlace;                     // the full name of a file that is under it
     std::unique_ptr<pendingFile> fPending;  // until the file is under its name
     std::unique_ptr<ORVA_File> fOpened = std::make_unique<ORVA_File>();
-    std::unique_ptr<const openedFile> fNamed;  // the file that rows are added to, by which it is known under its name
+    std::unique_ptr<const openedFile> fNamed;  // the same file, by which it is known under its name once it is closed
     bool bOtherOrder = false;                  // of its rows
     std::unique_ptr<partWriter> fPart;
     Bytes fRoom;             // what write() fills without a call

@@ -110,6 +110,11 @@ const char* ORVA_File::nameToDelete() const {
     return fTemporaryName.empty() ? nullptr : fTemporaryName.c_str();
 }
 
+bool ORVA_File::isNamed(const std::string& name) const {
+    const ktGuard guard(fMutex, ktMutex::Recursive);
+    return platform::sameFile(fDescriptor, name.c_str());
+}
+
 void ORVA_File::Renamed(const ExtNameStr& name) {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     fName = name;

@@ -69,6 +69,8 @@ public:
     // number when there is none.
     ORVA_LOCAL std::int64_t nextStored(std::int64_t byteOffset) const;
 
+    // The name leads to the open file.
+    ORVA_LOCAL bool isNamed(const std::string& name) const;
     // The open file has another name by now.
     ORVA_LOCAL void Renamed(const ExtNameStr& name);
 
