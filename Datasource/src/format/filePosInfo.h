@@ -24,11 +24,10 @@ namespace orva {
 inline constexpr std::int64_t kMostRecords = 178'956'969;
 static_assert((kMostRecords + 1) * kRecordSize <= UINT32_MAX && (kMostRecords + 2) * kRecordSize > UINT32_MAX);
 
-// Throw DamagedFileError, which names the file, unless an index's first record, or record `number` behind the one
-// before (null for record 0), can be true by itself.
+// Throw DamagedFileError, which names the file, unless an index's first record, or the record of a block behind the one
+// before, can be true by itself.
 void checkFirstRecord(const filePosRecord& first, const std::string& fileName);
-void checkAscends(const filePosRecord* before, const filePosRecord& record, std::uint32_t number,
-                  const std::string& fileName);
+void checkAscends(std::span<const filePosRecord> records, std::size_t number, const std::string& fileName);
 
 // The length of full blocks that the writer of these had chosen, as far as they tell: that of all but the last. One
 // block alone may be a short one: unless it is longer than the command's are, it passes for one of those.
@@ -81,10 +80,10 @@ public:
 private:
     // The records of an index, checked and in host order; takes its block size.
     std::vector<filePosRecord> taken(const unsigned char* buff, bool swap);
-    std::int64_t likelyNumber(std::int64_t pos) const;
-    // The number of the record around the guess that holds `pos`, or -1.
-    std::int64_t searchOutward(std::int64_t guess, std::int64_t pos) const;
-    std::uint32_t answer(std::int64_t number, std::int64_t cursor) const;
+    // The number's record holds `pos`.
+    bool holds(std::uint32_t number, std::int64_t pos) const;
+    // The number of the last record that begins at `pos` or before; the first one does.
+    std::uint32_t lastUpTo(std::int64_t pos) const;
 
     std::string fFileName;
     // Write side.

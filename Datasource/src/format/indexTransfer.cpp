@@ -21,21 +21,18 @@ std::string indexSpan(const compressionHeading& heading) {
     return "its index of " + std::to_string(heading._size) + " bytes at offset " + std::to_string(heading._indexPos);
 }
 
-constexpr std::int64_t kPieceRecords = 1024;  // read at a time
+constexpr std::size_t kPieceRecords = 1024;  // read at a time
 
 constexpr const char* kWholeRecords = "_size == 24 x (n + 1)";
-constexpr const char* kBehindHeading = "_indexPos behind the heading";
 constexpr const char* kIndexFits = "ret == chInfo._size";
 
 void checkPlaces(bytesFrom file, const compressionHeading& heading, std::int64_t fileSize) {
     const char* breach = breachOf(heading);
-    if (breach == kWholeRecords) refuse(file, breach, indexSpan(heading) + " is not a whole number of records");
-    if (breach == kBehindHeading) refuse(file, breach, indexSpan(heading) + " stands before the data");
-    if (breach != nullptr || heading._indexPos > fileSize - heading._size) {
-        refuse(file, kIndexFits,
-               indexSpan(heading) + " does not fit into the file of " + std::to_string(fileSize) +
-                   " bytes; 'orva recover' may get the rows back");
-    }
+    if (breach == nullptr && heading._indexPos > fileSize - heading._size) breach = kIndexFits;
+    if (breach == nullptr) return;
+    refuse(file, breach,
+           indexSpan(heading) + " cannot stand there in a file of " + std::to_string(fileSize) +
+               " bytes; 'orva recover' may get the rows back");
 }
 
 void checkCount(bytesFrom file, const compressionHeading& heading, const filePosRecord& first) {
@@ -45,12 +42,6 @@ void checkCount(bytesFrom file, const compressionHeading& heading, const filePos
 
 [[noreturn]] void refuseCut(bytesFrom file, const compressionHeading& heading) {
     refuse(file, kIndexFits, indexSpan(heading) + " is cut short");
-}
-
-std::uint32_t checkedBlockSize(bytesFrom file, const compressionHeading& heading, const filePosRecord& first) {
-    checkFirstRecord(first, file.name());
-    checkCount(file, heading, first);
-    return static_cast<std::uint32_t>(first.orginalSize);
 }
 
 void checkBegin(bytesFrom file, const compressionHeading& heading, const filePosRecord& record) {
@@ -64,7 +55,7 @@ void checkBegin(bytesFrom file, const compressionHeading& heading, const filePos
 
 const char* breachOf(const compressionHeading& heading) {
     if (heading._size < kRecordSize || heading._size % kRecordSize != 0) return kWholeRecords;
-    if (heading._indexPos < heading._caseStartPos + kHeadingSize) return kBehindHeading;
+    if (heading._indexPos < heading._caseStartPos + kHeadingSize) return "_indexPos behind the heading";
     return heading._size > std::numeric_limits<std::uint32_t>::max() ? kIndexFits : nullptr;
 }
 
@@ -107,24 +98,25 @@ void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, fil
 
 indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce) {
     checkPlaces(file, heading, lengthOf(file));
-    const std::int64_t end = heading._indexPos + heading._size;
-    const std::string& name = file.name();
     indexContent content;
     std::vector<filePosRecord>& records = content.records;
-    const std::int64_t atATime = atOnce ? heading._size / kRecordSize : kPieceRecords;
-    std::vector<filePosRecord> piece;
-    for (std::int64_t at = heading._indexPos; at < end; at += atATime * kRecordSize) {
-        piece.resize(static_cast<std::size_t>(std::min(atATime, (end - at) / kRecordSize)));
-        if (!file.read(piece.data(), piece.size() * sizeof(filePosRecord), at)) refuseCut(file, heading);
-        if (swap) std::for_each(piece.begin(), piece.end(), swapRecord);
-        auto next = piece.begin();
-        if (at == heading._indexPos) content.blockSize = checkedBlockSize(file, heading, *next++);
-        for (; next != piece.end(); ++next) {
-            checkAscends(records.empty() ? nullptr : &records.back(), *next, static_cast<std::uint32_t>(records.size()),
-                         name);
-            records.push_back(*next);
+    const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
+    for (std::size_t known = 0; known < all; known = records.size()) {
+        records.resize(atOnce ? all : std::min(all, known + kPieceRecords));
+        const std::span piece = std::span(records).subspan(known);
+        const std::int64_t place = heading._indexPos + static_cast<std::int64_t>(known) * kRecordSize;
+        if (!file.read(piece.data(), piece.size_bytes(), place)) refuseCut(file, heading);
+        if (swap) std::ranges::for_each(piece, swapRecord);
+        if (known == 0) {
+            checkFirstRecord(records[0], file.name());
+            checkCount(file, heading, records[0]);
+            content.blockSize = static_cast<std::uint32_t>(records[0].orginalSize);
         }
+        const std::span blocks = std::span(records).subspan(1);
+        for (std::size_t i = std::max<std::size_t>(known, 1) - 1; i < blocks.size(); ++i)
+            checkAscends(blocks, i, file.name());
     }
+    records.erase(records.begin());
     if (!records.empty()) checkBegin(file, heading, records[0]);
     return content;
 }
