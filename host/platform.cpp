@@ -29,7 +29,7 @@ using faults::Step;
 constexpr unsigned int kPiece = 0x7ffff000;
 
 // In place of an offset: where the descriptor stands.
-constexpr std::int64_t kOwnPlace = -1;
+constexpr std::int64_t kOwnPlace = INT64_MIN;
 
 #ifdef ORVA_FAULT_SEAM
 std::atomic<faults::Hook*> gHook{nullptr};
@@ -101,14 +101,8 @@ int rawClose(int descriptor) {
 
 // A file needs its data and length; a directory everything, since its entries count as what describes it.
 int rawSync(int descriptor, bool isDirectory) {
-    return rawStatus(Step{.call = Call::Sync, .descriptor = descriptor}, [&] {
-#ifdef __APPLE__
-        return isDirectory ? ::fsync(descriptor)
-                           : ::fcntl(descriptor, F_FULLFSYNC);  // fsync stops at the drive's cache
-#else
-        return isDirectory ? ::fsync(descriptor) : ::fdatasync(descriptor);
-#endif
-    });
+    return rawStatus(Step{.call = Call::Sync, .descriptor = descriptor},
+                     [&] { return isDirectory ? ::fsync(descriptor) : ::fdatasync(descriptor); });
 }
 
 int rawTruncate(int descriptor, std::int64_t length) {
@@ -159,12 +153,6 @@ int writeWhole(int descriptor, const void* buffer, unsigned int count, std::int6
     return -1;
 }
 
-bool refusesOffset(std::int64_t offset) {
-    if (offset >= 0) return false;
-    errno = EINVAL;
-    return true;
-}
-
 // The lock belongs to all copies of the descriptor, which children have from a fork until they end or run another
 // program: closing this one alone would leave the file locked by them.
 void unlockAndClose(int descriptor) {
@@ -194,21 +182,6 @@ bool hasNoLocks(int error) {
     return error == ENOLCK || error == EOPNOTSUPP || error == ENOTSUP || error == ENOSYS || error == EINVAL;
 }
 
-// Who only asks for a writer holds the lock for microseconds, or longer if its thread loses the core just then: that is
-// waited for. Behind a writer the refusal comes at once, behind anybody else who shares the lock in a tenth of a
-// second.
-int lockForWriting(int descriptor) {
-    constexpr int tries = 100;
-    constexpr std::chrono::milliseconds pause(1);
-    for (int i = 0; i < tries; ++i) {
-        if (restarted([&] { return rawLock(descriptor, LOCK_EX); }) == 0 || hasNoLocks(errno)) return 0;
-        if (errno != EWOULDBLOCK || hasWriter(descriptor)) return -1;
-        std::this_thread::sleep_for(pause);
-    }
-    errno = EWOULDBLOCK;
-    return -1;
-}
-
 int systemFlags(int oflag) {
     int flags = O_CLOEXEC | O_NOCTTY;
     flags |= (oflag & _O_RDWR) != 0 ? O_RDWR : (oflag & _O_WRONLY) != 0 ? O_WRONLY : O_RDONLY;
@@ -229,7 +202,7 @@ int prepared(int descriptor, const char* name, int oflag, int shflag) {
     if (S_ISDIR(status.st_mode)) return EISDIR;
     if (S_ISREG(status.st_mode) && (oflag & (_O_WRONLY | _O_RDWR)) != 0) {
         if (shflag == _SH_DENYWR) {
-            if (lockForWriting(descriptor) != 0) return errno;
+            if (lockAgainstWriters(descriptor) != 0) return errno;
             if (!sameFile(descriptor, name)) return kNameMovedOn;
         }
         if ((oflag & _O_TRUNC) != 0 && truncateFile(descriptor, 0) != 0) return errno;
@@ -265,8 +238,19 @@ int openShared(const char* name, int oflag, int shflag, int pmode) noexcept {
     return -1;
 }
 
+// Who only asks for a writer holds the lock for microseconds, or longer if its thread loses the core just then: that is
+// waited for. Behind a writer the refusal comes at once, behind anybody else who shares the lock in a tenth of a
+// second.
 int lockAgainstWriters(int descriptor) noexcept {
-    return lockForWriting(descriptor);
+    constexpr int tries = 100;
+    constexpr std::chrono::milliseconds pause(1);
+    for (int i = 0; i < tries; ++i) {
+        if (restarted([&] { return rawLock(descriptor, LOCK_EX); }) == 0 || hasNoLocks(errno)) return 0;
+        if (errno != EWOULDBLOCK || hasWriter(descriptor)) return -1;
+        std::this_thread::sleep_for(pause);
+    }
+    errno = EWOULDBLOCK;
+    return -1;
 }
 
 // The system has no question that takes nothing: those on other kinds of locks do not see this one.
@@ -282,13 +266,9 @@ std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept
 }
 
 std::int64_t nextStored(int descriptor, std::int64_t offset) noexcept {
-#ifdef SEEK_DATA
-    const Step step{.call = Call::Seek, .descriptor = descriptor, .flags = SEEK_DATA, .offset = offset};
-    const std::int64_t found = rawCall(step, [&](std::uint64_t) { return ::lseek(descriptor, offset, SEEK_DATA); });
+    const std::int64_t found = _lseeki64(descriptor, offset, SEEK_DATA);
     if (found >= offset) return found;
-    if (errno == ENXIO) return INT64_MAX;
-#endif
-    return offset;
+    return errno == ENXIO ? INT64_MAX : offset;
 }
 
 int _read(int descriptor, void* buffer, unsigned int count) noexcept {
@@ -300,12 +280,11 @@ int _write(int descriptor, const void* buffer, unsigned int count) noexcept {
 }
 
 int readAt(int descriptor, void* buffer, unsigned int count, std::int64_t offset) noexcept {
-    if (refusesOffset(offset)) return -1;
     return completed(rawRead, descriptor, static_cast<char*>(buffer), count, offset);
 }
 
 int writeAt(int descriptor, const void* buffer, unsigned int count, std::int64_t offset) noexcept {
-    return refusesOffset(offset) ? -1 : writeWhole(descriptor, buffer, count, offset);
+    return writeWhole(descriptor, buffer, count, offset);
 }
 
 int _close(int descriptor, const char* temporaryName) noexcept {
@@ -320,7 +299,7 @@ int _close(int descriptor, const char* temporaryName) noexcept {
 // The name goes while the descriptor, and with it the lock, is still held: no other writer gets in between. A file that
 // took the name over in the meantime is somebody else's and stays.
 void closeAnyway(int descriptor, const char* temporaryName) noexcept {
-    if (temporaryName != nullptr && sameFile(descriptor, temporaryName)) rawUnlink(temporaryName);
+    if (*temporaryName != '\0' && sameFile(descriptor, temporaryName)) rawUnlink(temporaryName);
     unlockAndClose(descriptor);
 }
 
@@ -352,11 +331,9 @@ int renameFile(const char* from, const char* to) noexcept {
 }
 
 int renameNew(const char* from, const char* to) noexcept {
-#ifdef RENAME_NOREPLACE
     const Step step{.call = Call::Rename, .name = from, .newName = to};
     const int result = rawStatus(step, [&] { return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE); });
     if (result == 0 || (errno != EINVAL && errno != ENOSYS)) return result;
-#endif
     struct stat taken {};
     if (::lstat(to, &taken) != 0) return renameFile(from, to);
     errno = EEXIST;
@@ -371,19 +348,19 @@ int truncateFile(int descriptor, std::int64_t length) noexcept {
     return restarted([&] { return rawTruncate(descriptor, length); });
 }
 
+std::int64_t copyRange(int from, std::int64_t fromOffset, int to, std::int64_t toOffset, std::int64_t count) noexcept {
+    return restarted(
+        [&] { return ::copy_file_range(from, &fromOffset, to, &toOffset, static_cast<std::size_t>(count), 0); });
+}
+
 void setErrno(int error) noexcept {
     errno = error;
 }
 
 void preferHugePages(void* memory, std::size_t size) noexcept {
-#ifdef MADV_HUGEPAGE
     const int error = errno;
     ::madvise(memory, size, MADV_HUGEPAGE);
     errno = error;
-#else
-    static_cast<void>(memory);
-    static_cast<void>(size);
-#endif
 }
 
 #ifdef ORVA_FAULT_SEAM

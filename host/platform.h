@@ -82,10 +82,10 @@ ORVA_HOST_API int _write(int descriptor, const void* buffer, unsigned int count)
 // 0 and the descriptor is gone, or -1 and it is still open, with its lock, so that a caller may tell of the failure and
 // try again, or give up by closeAnyway. Costs a second descriptor for a moment. `temporaryName`, full, of a file that
 // is deleted when closed: removed with the descriptor if it still leads to this file.
-ORVA_HOST_API int _close(int descriptor, const char* temporaryName = nullptr) noexcept;
+ORVA_HOST_API int _close(int descriptor, const char* temporaryName = "") noexcept;
 
 // Closes without asking the system whether everything was stored: for a descriptor whose _close has failed.
-ORVA_HOST_API void closeAnyway(int descriptor, const char* temporaryName = nullptr) noexcept;
+ORVA_HOST_API void closeAnyway(int descriptor, const char* temporaryName = "") noexcept;
 
 // Closes a descriptor that a forked child has from its parent, whose lock stays: the calls above would end it.
 ORVA_HOST_API void closeInherited(int descriptor) noexcept;

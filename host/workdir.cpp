@@ -6,19 +6,18 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <utility>
 
 namespace workdir {
 namespace {
 
 constexpr int kKeySize = 32;
 constexpr int kBlockSize = 16;
-// The results' alignment, and the room before each for its length.
-constexpr std::size_t kAlignment = 64;
+constexpr std::align_val_t kAlignment{64};  // of results
 
 enum class KeyState { Unset, Chosen, InUse, Gone };
 
@@ -28,18 +27,12 @@ std::atomic<KeyState> gKeyState{KeyState::Unset};
 std::array<unsigned char, kKeySize> gKey;
 libcrypto gCrypto;
 
-// No compiler leaves this out because nobody reads the zeros.
-void erase(void* memory, std::size_t size) {
-    std::memset(memory, 0, size);
-    asm volatile("" : : "r"(memory) : "memory");
-}
-
 // Erases the key at the end. A thread that is still at work then meets a failure, not a key of zeros.
 struct KeyEraser {
     ~KeyEraser() {
         const platform::noFork guard;
         gKeyState = KeyState::Gone;
-        erase(gKey.data(), gKey.size());
+        ::explicit_bzero(gKey.data(), gKey.size());
     }
 };
 const KeyEraser gKeyEraser;
@@ -54,43 +47,8 @@ bool takeKeyIntoUse() {
     return true;
 }
 
-// Erases and frees `room` bytes from `memory` on, where the allocation of a result begins.
-void release(unsigned char* memory, std::size_t room) {
-    erase(memory, room);
-    ::operator delete (memory, std::align_val_t{kAlignment});
-}
-
-// A thread keeps the result it gave back last for its next one: the page faults of fresh memory cost more than the
-// cipher. What it keeps is erased when the thread ends.
-thread_local bool tSpareGone = false;  // outlives the spare, for streams that end after their thread's own objects
-struct Spare {
-    unsigned char* memory = nullptr;
-    std::size_t room = 0;
-
-    ~Spare() {
-        tSpareGone = true;
-        if (memory != nullptr) release(memory, kAlignment + room);
-    }
-};
-thread_local Spare tSpare;
-constexpr std::size_t kLargestSpare = std::size_t{8} << 20;
-
-unsigned char* newResult(int size) {
-    std::size_t room = static_cast<std::size_t>(size);
-    void* memory = nullptr;
-    if (!tSpareGone && tSpare.room >= room) {
-        room = std::exchange(tSpare.room, 0);
-        memory = std::exchange(tSpare.memory, nullptr);
-    } else {
-        memory = ::operator new (kAlignment + room, std::align_val_t{kAlignment}, std::nothrow);
-    }
-    if (memory == nullptr) return nullptr;
-    std::memcpy(memory, &room, sizeof room);
-    return static_cast<unsigned char*>(memory) + kAlignment;
-}
-
 struct ResultDeleter {
-    void operator()(unsigned char* data) const { FreeOutData(data); }
+    void operator()(unsigned char* data) const { ::operator delete(data, kAlignment); }
 };
 
 struct ContextDeleter {
@@ -113,7 +71,9 @@ int transform(bool encrypting, unsigned char** outData, int* outLen, const unsig
     *outData = nullptr;
     *outLen = 0;
     if (inData == nullptr || inLen <= 0 || inLen % kBlockSize != 0 || !takeKeyIntoUse()) return 0;
-    std::unique_ptr<unsigned char, ResultDeleter> result(newResult(inLen));
+    void* const memory = ::operator new(static_cast<std::size_t>(inLen), kAlignment, std::nothrow);
+    std::unique_ptr<unsigned char, ResultDeleter> result(static_cast<unsigned char*>(memory));
+    if (result == nullptr) errno = ENOMEM;
     if (result == nullptr || !runCipher(encrypting, result.get(), inData, inLen)) return 0;
     *outData = result.release();
     *outLen = inLen;
@@ -158,15 +118,7 @@ int Decrypt(unsigned char** outData, int* outLen, const unsigned char* inData, i
 }
 
 int FreeOutData(unsigned char* data) noexcept {
-    if (data == nullptr) return 1;
-    unsigned char* memory = data - kAlignment;
-    std::size_t room = 0;
-    std::memcpy(&room, memory, sizeof room);
-    if (!tSpareGone && room > tSpare.room && room <= kLargestSpare) {
-        std::swap(memory, tSpare.memory);
-        std::swap(room, tSpare.room);
-    }
-    if (memory != nullptr) release(memory, kAlignment + room);
+    ResultDeleter()(data);
     return 1;
 }
 

@@ -30,8 +30,7 @@ ORVA_HOST_API int EndEncrypt(unsigned char** outData, int* outLen) noexcept;
 // As Encrypt. Each call stands alone, from any block on, in any order.
 ORVA_HOST_API int Decrypt(unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) noexcept;
 
-// Takes a result back, whichever thread made it; 1. The thread keeps one, up to 8 MiB, with its bytes as they are, for
-// its next call, and erases it when the thread ends; others are erased at once. Null is fine.
+// Takes a result back, whichever thread made it; 1. Its bytes are not erased. Null is fine.
 ORVA_HOST_API int FreeOutData(unsigned char* data) noexcept;
 
 // A key of the host's own, 32 bytes, copied. Refused once Encrypt or Decrypt has run: what they wrote would be lost.

@@ -68,7 +68,8 @@ protected:
         } else {
             const bool threads = s.fault.kind == Fault::Threads;
             const char* what = threads ? "other Resource temporarily unavailable" : "other std::bad_alloc";
-            EXPECT_THAT(failure, AnyOf(StartsWith(what), StartsWith(fileError(1002, ENOMEM, fName))));
+            EXPECT_THAT(failure, AnyOf(StartsWith(what), StartsWith(fileError(1002, ENOMEM, fName)),
+                                       StartsWith(fileError(1003, ENOMEM, fName))));
         }
     }
     template <class Body>

@@ -68,7 +68,7 @@ ORVA_File::~ORVA_File() {
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell.
     }
     // A failed close leaves the descriptor, and the writer's lock with it.
-    if (IsOpen()) platform::closeAnyway(fDescriptor, nameToDelete());
+    if (IsOpen()) platform::closeAnyway(fDescriptor, fTemporaryName.c_str());
 }
 
 // What may fail for want of memory comes first, so that the old file stays open then.
@@ -106,10 +106,6 @@ bool ORVA_File::isInherited() const {
     return fProcess != platform::processId();
 }
 
-const char* ORVA_File::nameToDelete() const {
-    return fTemporaryName.empty() ? nullptr : fTemporaryName.c_str();
-}
-
 bool ORVA_File::isNamed(const std::string& name) const {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     return platform::sameFile(fDescriptor, name.c_str());
@@ -127,7 +123,7 @@ int ORVA_File::Close() {
     platform::setErrno(0);
     if (isInherited()) {
         platform::closeInherited(fDescriptor);
-    } else if (platform::_close(fDescriptor, nameToDelete()) != 0) {
+    } else if (platform::_close(fDescriptor, fTemporaryName.c_str()) != 0) {
         fail(kWriteFailed, errno);
     }
     fDescriptor = -1;

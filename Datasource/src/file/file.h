@@ -115,7 +115,6 @@ private:
     ORVA_LOCAL int writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     ORVA_LOCAL unsigned int WriteEncrypted(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     ORVA_LOCAL bool isInherited() const;  // by a forked child: lock and name are its parent's
-    ORVA_LOCAL const char* nameToDelete() const;
     [[noreturn]] ORVA_LOCAL void fail(long code, int error);
 
     // Guarded by fMutex while an operation runs.
