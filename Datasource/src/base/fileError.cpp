@@ -5,14 +5,11 @@
 
 namespace orva {
 
-void throwFileError(int error, long code, const std::string& name) {
+void throwFileError(int error, long code, const std::string& name, const std::string& outcome) try {
     platform::setErrno(error);
     ThrowError::StringSys("datasrc.err", code, name.c_str());
-}
-
-void throwFileError(int error, long code, const std::string& name, const std::string& outcome) try {
-    throwFileError(error, code, name);
 } catch (const FileError& failure) {
+    if (outcome.empty()) throw;
     throw failure.withOutcome(outcome);
 }
 

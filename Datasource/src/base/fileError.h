@@ -8,8 +8,8 @@ inline constexpr long kReadFailed = 1003;
 
 namespace orva {
 
-// `error` is an errno, 0 where the cause is not known. `outcome`: what became of the file, or what to do about it.
-[[noreturn]] void throwFileError(int error, long code, const std::string& name);
-[[noreturn]] void throwFileError(int error, long code, const std::string& name, const std::string& outcome);
+// `error` is an errno, 0 where the cause is not known. `outcome`: what became of the file, or what to do about it, if
+// there is more to say than the errno does.
+[[noreturn]] void throwFileError(int error, long code, const std::string& name, const std::string& outcome = {});
 
 }  // namespace orva

@@ -97,18 +97,25 @@ void ORVA_File::Cipher::write(const unsigned char* data, unsigned int size, std:
     orEndAsBefore([&] { writeWhole(data, size, byteOffset); });
 }
 
+// The waiting bytes stay as they are until the rest of the write is in the file too.
 void ORVA_File::Cipher::writeWhole(const unsigned char* data, unsigned int size, std::int64_t byteOffset) {
-    unsigned int joined = 0;
     if (continuesWaiting(byteOffset)) {
-        joined = std::min(size, static_cast<unsigned int>(CIPHER_BLOCK_SIZE - fFile.fRemainderSize));
-        if (!joinWaiting(data, joined)) return;
+        const auto waiting = static_cast<unsigned int>(fFile.fRemainderSize);
+        const unsigned int joined = std::min(size, CIPHER_BLOCK_SIZE - waiting);
+        unsigned char block[CIPHER_BLOCK_SIZE];
+        std::memcpy(block, fFile.fRemainder.get(), waiting);
+        std::memcpy(block + waiting, data, joined);
+        if (waiting + joined < CIPHER_BLOCK_SIZE) return keepTail(block, waiting + joined, fTailPos);
+        writeBlocks(block, CIPHER_BLOCK_SIZE, fTailPos);
+        data += joined;
+        size -= joined;
+        byteOffset += joined;
     } else {
         closeGap(byteOffset);
     }
-    const unsigned int whole = wholeBlocks(size - joined);
-    const unsigned int sent = joined + whole;
-    if (whole > 0) writeBlocks(data + joined, whole, byteOffset + joined);
-    keepTail(data + sent, size - sent, byteOffset + sent);
+    const unsigned int whole = wholeBlocks(size);
+    if (whole > 0) writeBlocks(data, whole, byteOffset);
+    keepTail(data + whole, size - whole, byteOffset + whole);
 }
 
 bool ORVA_File::Cipher::mayWrite(unsigned int size, std::int64_t byteOffset) {
@@ -150,19 +157,6 @@ void ORVA_File::Cipher::closeGap(std::int64_t byteOffset) {
     if (byteOffset <= end || end == fileEnd()) return;
     if (platform::truncateFile(fFile.fDescriptor, end) != 0) fFile.fail(kWriteFailed, errno);
     fFileEnd = end;
-}
-
-// The waiting bytes and those behind them: true if they filled a block, which is in the file now. The waiting ones stay
-// as they are until the rest of the write is there too.
-bool ORVA_File::Cipher::joinWaiting(const unsigned char* data, unsigned int size) {
-    const auto waiting = static_cast<unsigned int>(fFile.fRemainderSize);
-    unsigned char block[CIPHER_BLOCK_SIZE];
-    std::memcpy(block, fFile.fRemainder.get(), waiting);
-    std::memcpy(block + waiting, data, size);
-    const bool full = waiting + size == CIPHER_BLOCK_SIZE;
-    if (full) writeBlocks(block, CIPHER_BLOCK_SIZE, fTailPos);
-    if (!full) keepTail(block, waiting + size, fTailPos);
-    return full;
 }
 
 // The end of a write, which makes void what it covers: bytes that waited, and the pad if the padded block is

@@ -59,7 +59,6 @@ private:
     }
     int heldIn(std::int64_t block);
     void closeGap(std::int64_t byteOffset);
-    bool joinWaiting(const unsigned char* data, unsigned int size);
     void keepTail(const unsigned char* tail, unsigned int size, std::int64_t place);
     unsigned int writeBlocks(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
     unsigned int writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset);

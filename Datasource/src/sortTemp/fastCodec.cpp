@@ -43,8 +43,8 @@ threadEngines* ownEngines() noexcept {
     return &own;
 }
 
-std::optional<fastResult> byLibdeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
-                                       unsigned char* to, std::uint32_t room) noexcept {
+std::optional<blockOutcome> byLibdeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
+                                         unsigned char* to, std::uint32_t room) noexcept {
     threadEngines* engines = ownEngines();
     if (engines == nullptr) return std::nullopt;
     auto& compressor = engines->compressing[level];
@@ -52,15 +52,15 @@ std::optional<fastResult> byLibdeflate(std::int32_t level, const unsigned char* 
     if (compressor == nullptr) return std::nullopt;
     const std::size_t produced = libdeflate_zlib_compress(compressor.get(), from, size, to, room);
     if (produced == 0) return std::nullopt;
-    return fastResult{static_cast<std::uint32_t>(produced), size};
+    return blockOutcome{blockOutcome::complete, static_cast<std::uint32_t>(produced), size};
 }
 
 constexpr unsigned char kZlibHeader[] = {0x78, 0x01};  // a window of 32 KiB, the fastest level
 constexpr std::uint32_t kChecksum = 4;
 
 // The bytes that ISA-L makes of a zlib stream; only the checksum is libdeflate's, which takes a fifth of the time.
-std::optional<fastResult> byIsal(const unsigned char* from, std::uint32_t size, unsigned char* to,
-                                 std::uint32_t room) noexcept {
+std::optional<blockOutcome> byIsal(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                   std::uint32_t room) noexcept {
     const threadEngines* engines = ownEngines();
     if (engines == nullptr || engines->deflating == nullptr || room < sizeof kZlibHeader + kChecksum) {
         return std::nullopt;
@@ -80,7 +80,7 @@ std::optional<fastResult> byIsal(const unsigned char* from, std::uint32_t size, 
     const std::uint32_t checksum = libdeflate_adler32(1, from, size);
     if (isal_deflate_stateless(&stream) != COMP_OK || stream.avail_in != 0) return std::nullopt;
     for (int shift = 24; shift >= 0; shift -= 8) *stream.next_out++ = static_cast<unsigned char>(checksum >> shift);
-    return fastResult{static_cast<std::uint32_t>(stream.next_out - to), size};
+    return blockOutcome{blockOutcome::complete, static_cast<std::uint32_t>(stream.next_out - to), size};
 }
 
 // A hundredth of a block that is no noise meets a sample, so what lies between them wins less.
@@ -113,8 +113,8 @@ constexpr std::uint32_t kStreamEnds = sizeof kZlibHeader + kChecksum + 10;  // a
 
 }  // namespace
 
-std::optional<fastResult> fastDeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
-                                      unsigned char* to, std::uint32_t room) noexcept {
+std::optional<blockOutcome> fastDeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
+                                        unsigned char* to, std::uint32_t room) noexcept {
     if (level == 1) return byIsal(from, size, to, room);
     return byLibdeflate(level == 2 ? 1 : level, from, size, to, room);
 }
@@ -137,13 +137,13 @@ std::uint32_t fastDeflateRoom(std::uint32_t size) noexcept {
     return std::max(stored, static_cast<std::uint32_t>(libdeflate_zlib_compress_bound(nullptr, size)));
 }
 
-std::optional<fastResult> fastStore(const unsigned char* from, std::uint32_t size, unsigned char* to,
-                                    std::uint32_t room) noexcept {
+std::optional<blockOutcome> fastStore(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                      std::uint32_t room) noexcept {
     return byLibdeflate(0, from, size, to, room);
 }
 
-std::optional<fastResult> fastInflate(const unsigned char* from, std::uint32_t size, unsigned char* to,
-                                      std::uint32_t room) noexcept {
+std::optional<blockOutcome> fastInflate(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                        std::uint32_t room) noexcept {
     const threadEngines* engines = ownEngines();
     if (engines == nullptr || engines->inflating == nullptr) return std::nullopt;
     std::size_t consumed = 0;
@@ -152,7 +152,8 @@ std::optional<fastResult> fastInflate(const unsigned char* from, std::uint32_t s
         LIBDEFLATE_SUCCESS) {
         return std::nullopt;
     }
-    return fastResult{static_cast<std::uint32_t>(produced), static_cast<std::uint32_t>(consumed)};
+    return blockOutcome{blockOutcome::complete, static_cast<std::uint32_t>(produced),
+                        static_cast<std::uint32_t>(consumed)};
 }
 
 }  // namespace orva

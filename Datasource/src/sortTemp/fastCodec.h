@@ -8,28 +8,25 @@
 //          first as much again, from 10 on 9 MB.
 #pragma once
 
+#include <orva/zlibCompress.h>
+
 #include <cstdint>
 #include <optional>
 
 namespace orva {
-
-struct fastResult {
-    std::uint32_t produced;
-    std::uint32_t consumed;
-};
 
 inline constexpr std::int32_t kBestFastLevel = 12;
 
 #if ORVA_FAST_CODEC
 
 // `level` is 1 to kBestFastLevel.
-std::optional<fastResult> fastDeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
-                                      unsigned char* to, std::uint32_t room) noexcept;
-std::optional<fastResult> fastInflate(const unsigned char* from, std::uint32_t size, unsigned char* to,
-                                      std::uint32_t room) noexcept;
+std::optional<blockOutcome> fastDeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
+                                        unsigned char* to, std::uint32_t room) noexcept;
+std::optional<blockOutcome> fastInflate(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                        std::uint32_t room) noexcept;
 // A stream of stored blocks.
-std::optional<fastResult> fastStore(const unsigned char* from, std::uint32_t size, unsigned char* to,
-                                    std::uint32_t room) noexcept;
+std::optional<blockOutcome> fastStore(const unsigned char* from, std::uint32_t size, unsigned char* to,
+                                      std::uint32_t room) noexcept;
 // Deflating the block would win less than 1% of it, as far as samples at many places show. `scratch` has
 // fastDeflateRoom(size) bytes.
 bool fastSeesNoise(const unsigned char* from, std::uint32_t size, unsigned char* scratch) noexcept;
@@ -38,14 +35,14 @@ std::uint32_t fastDeflateRoom(std::uint32_t size) noexcept;
 
 #else
 
-inline std::optional<fastResult> fastDeflate(std::int32_t, const unsigned char*, std::uint32_t, unsigned char*,
-                                             std::uint32_t) {
+inline std::optional<blockOutcome> fastDeflate(std::int32_t, const unsigned char*, std::uint32_t, unsigned char*,
+                                               std::uint32_t) {
     return std::nullopt;
 }
-inline std::optional<fastResult> fastInflate(const unsigned char*, std::uint32_t, unsigned char*, std::uint32_t) {
+inline std::optional<blockOutcome> fastInflate(const unsigned char*, std::uint32_t, unsigned char*, std::uint32_t) {
     return std::nullopt;
 }
-inline std::optional<fastResult> fastStore(const unsigned char*, std::uint32_t, unsigned char*, std::uint32_t) {
+inline std::optional<blockOutcome> fastStore(const unsigned char*, std::uint32_t, unsigned char*, std::uint32_t) {
     return std::nullopt;
 }
 inline bool fastSeesNoise(const unsigned char*, std::uint32_t, unsigned char*) {

@@ -12,16 +12,9 @@ namespace {
 constexpr unsigned char kFullWindow = 0x78;  // a zlib header's first byte
 
 blockOutcome::End endOf(int answer) {
-    switch (answer) {
-        case Z_STREAM_END:
-            return blockOutcome::complete;
-        case Z_STREAM_ERROR:
-            return blockOutcome::misused;
-        case Z_MEM_ERROR:
-            return blockOutcome::noMemory;
-        default:
-            return blockOutcome::incomplete;
-    }
+    if (answer == Z_STREAM_END) return blockOutcome::complete;
+    if (answer == Z_STREAM_ERROR) return blockOutcome::misused;
+    return answer == Z_MEM_ERROR ? blockOutcome::noMemory : blockOutcome::incomplete;
 }
 
 }  // namespace
@@ -65,10 +58,8 @@ blockOutcome zlibCompressBlock::inflateWhole(const unsigned char* from, std::uin
 blockOutcome zlibCompressBlock::storeWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                            std::uint32_t room) {
     take(from, size, to, room);
-    if (const auto result = orva::fastStore(from, size, to, room)) {
-        return {blockOutcome::complete, result->produced, result->consumed};
-    }
-    return runZlib(ORVA_FAST_CODEC ? Z_NO_COMPRESSION : Z_BEST_SPEED, deflating, Z_FINISH);
+    const std::optional<blockOutcome> outcome = orva::fastStore(from, size, to, room);
+    return outcome ? *outcome : runZlib(ORVA_FAST_CODEC ? Z_NO_COMPRESSION : Z_BEST_SPEED, deflating);
 }
 
 void zlibCompressBlock::take(const unsigned char* from, std::uint32_t size, unsigned char* to, std::uint32_t room) {
@@ -88,7 +79,7 @@ std::uint32_t zlibCompressBlock::compressRoom(std::uint32_t size) {
 
 blockOutcome zlibCompressBlock::runBlock(std::int32_t level, direction way) {
     const std::optional<blockOutcome> outcome = runFast(level, way);
-    return outcome ? *outcome : runZlib(std::min(level, Z_BEST_COMPRESSION), way, Z_FINISH);
+    return outcome ? *outcome : runZlib(std::min(level, Z_BEST_COMPRESSION), way);
 }
 
 // Only a stream of the full window goes the fast way in: for a smaller one zlib alone refuses what reaches too far
@@ -96,13 +87,11 @@ blockOutcome zlibCompressBlock::runBlock(std::int32_t level, direction way) {
 std::optional<blockOutcome> zlibCompressBlock::runFast(std::int32_t level, direction way) {
     if (souce == nullptr || dest == nullptr || inCount == 0) return std::nullopt;
     if (way == inflating && souce[0] != kFullWindow) return std::nullopt;
-    const auto result = way == deflating ? orva::fastDeflate(level, souce, inCount, dest, outCount)
-                                         : orva::fastInflate(souce, inCount, dest, outCount);
-    if (!result) return std::nullopt;
-    return blockOutcome{blockOutcome::complete, result->produced, result->consumed};
+    return way == deflating ? orva::fastDeflate(level, souce, inCount, dest, outCount)
+                            : orva::fastInflate(souce, inCount, dest, outCount);
 }
 
-blockOutcome zlibCompressBlock::runZlib(int level, direction way, int flush) {
+blockOutcome zlibCompressBlock::runZlib(int level, direction way) {
     z_stream stream{};
     if ((way == deflating ? deflateInit(&stream, level) : inflateInit(&stream)) != Z_OK) {
         return {blockOutcome::notStarted, 0, 0};
@@ -111,7 +100,7 @@ blockOutcome zlibCompressBlock::runZlib(int level, direction way, int flush) {
     stream.avail_in = inCount;
     stream.next_out = dest;
     stream.avail_out = outCount;
-    const int answer = way == deflating ? deflate(&stream, flush) : inflate(&stream, flush);
+    const int answer = way == deflating ? deflate(&stream, Z_FINISH) : inflate(&stream, Z_FINISH);
     const blockOutcome outcome{endOf(answer), outCount - stream.avail_out, inCount - stream.avail_in};
     outCount = outcome.produced;
     way == deflating ? deflateEnd(&stream) : inflateEnd(&stream);

@@ -59,7 +59,7 @@ private:
     ORVA_LOCAL void take(const unsigned char* from, std::uint32_t size, unsigned char* to, std::uint32_t room);
     ORVA_LOCAL blockOutcome runBlock(std::int32_t level, direction way);
     ORVA_LOCAL std::optional<blockOutcome> runFast(std::int32_t level, direction way);
-    ORVA_LOCAL blockOutcome runZlib(int level, direction way, int flush);
+    ORVA_LOCAL blockOutcome runZlib(int level, direction way);
 
     // One call's values.
     std::uint32_t inCount = 0;
