@@ -17,8 +17,7 @@ namespace {
 
 // Gives the length of what a codec made of a block at `to`.
 std::uint32_t wholeStream(const blockOutcome& outcome) {
-    if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
-    ORVA_ASSERT(outcome.end == blockOutcome::complete, "ret != 0");
+    ORVA_ASSERT(requireMemory(outcome).end == blockOutcome::complete, "ret != 0");
     return outcome.produced;
 }
 
@@ -97,6 +96,11 @@ void checkRecord(const readRoad& road, const blockPlace& block) {
 }
 
 }  // namespace
+
+const blockOutcome& requireMemory(const blockOutcome& outcome) {
+    if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
+    return outcome;
+}
 
 std::uint32_t deflateRoom(std::uint32_t size) {
     return std::max(zlibCompressBlock::compressRoom(size), 2 * zlibCompressBlock::compressRoom((size + 1) / 2));
@@ -181,8 +185,7 @@ std::uint32_t inflateBlock(const readRoad& road, const blockPlace& block, unsign
     checkRows(road, block);
     const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
     const auto size = static_cast<std::uint32_t>(block.record.orginalSize);
-    const blockOutcome outcome = road.codec.inflateWhole(road.compressed, deflated, dest, size);
-    if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
+    const blockOutcome outcome = requireMemory(road.codec.inflateWhole(road.compressed, deflated, dest, size));
     if (outcome.produced == 0) refuse(road, block, "ret!= 0", "does not inflate");
     if (outcome.produced != size) {
         refuse(road, block, "0: outCount == bInfo.orginalSize",

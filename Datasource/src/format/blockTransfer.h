@@ -28,6 +28,9 @@ constexpr bool isBlockSize(std::int64_t size) {
     return size >= 1 && size <= kBlockSize;
 }
 
+// Throws bad_alloc where the codec found no memory, else gives the outcome back.
+const blockOutcome& requireMemory(const blockOutcome& outcome);
+
 // Room for the longest zlib streams that a block of `size` bytes can become.
 std::uint32_t deflateRoom(std::uint32_t size = kBlockSize);
 

@@ -20,11 +20,12 @@ namespace orva {
 
 class fileWindow {
 public:
-    explicit fileWindow(ORVA_File& file) : fFile(file), fFileSize(lengthOf(file)), fBytes(kSize) {}
+    // `moved` is called with each place that it moves to; what it throws comes out of find().
+    explicit fileWindow(
+        ORVA_File& file, std::function<void(std::int64_t)> moved = [](std::int64_t) {})
+        : fFile(file), fMoved(std::move(moved)), fFileSize(lengthOf(file)), fBytes(kSize) {}
 
     std::int64_t fileSize() const { return fFileSize; }
-    // `moved` is called with each place that it moves to; what it throws comes out of find().
-    void onMove(std::function<void(std::int64_t)> moved) { fMoved = std::move(moved); }
 
     // The first place from `from` on, where `size` bytes end at `end` at the latest, that `isIt(place, bytes, count)`
     // takes. It is shown the bytes from there to the window's end, `size` or more.
@@ -57,7 +58,7 @@ private:
     std::int64_t moveTo(std::int64_t at, std::uint32_t size) {
         const std::int64_t next = std::min(fFile.nextStored(at), fFileSize);
         fAt = std::max(at, next - size + 1);
-        if (fMoved) fMoved(fAt);
+        fMoved(fAt);
         fPassed += fAt - at;
         fCount = fFile.Read(fBytes.get(), kSize, fAt);
         fRead += fCount;
@@ -65,9 +66,9 @@ private:
     }
 
     ORVA_File& fFile;
+    const std::function<void(std::int64_t)> fMoved;
     const std::int64_t fFileSize;
-    blockBuffer fBytes;
-    std::function<void(std::int64_t)> fMoved;
+    const blockBuffer fBytes;
     std::int64_t fAt = 0;
     std::int64_t fCount = 0;
     std::int64_t fRead = 0;

@@ -3,6 +3,8 @@
 #include "format/blockTransfer.h"
 
 #include <algorithm>
+#include <span>
+#include <utility>
 
 namespace orva {
 
@@ -19,7 +21,7 @@ public:
 
     segmentList run() {
         for (auto segment = fSegments.begin(); segment != fSegments.end(); ++segment) {
-            segment->length == 0 ? takeGap(segment) : take(*segment);
+            segment->isLost() ? takeGap(segment) : take(*segment);
         }
         return std::move(fSized);
     }
@@ -33,43 +35,36 @@ private:
     }
 
     void takeGap(iterator gap) {
-        const std::int64_t byRecords = fPos + sumOfRecords(gap);
+        const std::span<const filePosRecord> records = recordsOf(gap);
+        std::int64_t byRecords = fPos;
+        for (const filePosRecord& record : records) byRecords += record.orginalSize;
         std::vector<std::int64_t> ends = endsTold(gap);
         ends.insert(ends.begin(), byRecords);
         std::erase_if(ends, [&](std::int64_t end) { return end <= fPos || end - fPos > gap->most; });
-        for (auto end = ends.begin(); end != ends.end(); ++end) {
-            if (std::find(end + 1, ends.end(), *end) == ends.end()) continue;
-            if (*end == byRecords) return takeRecords(gap);
-            return takeWhole(*gap, *end - fPos, false);
+        const auto isToldAgain = [&](std::int64_t end) { return std::ranges::count(ends, end) > 1; };
+        const auto sure = std::ranges::find_if(ends, isToldAgain);
+        surveySegment lost = *gap;
+        lost.estimated = sure == ends.end();
+        if (lost.estimated || *sure != byRecords) {
+            if (!ends.empty()) lost.size = (lost.estimated ? ends.front() : *sure) - fPos;
+            return take(lost);
         }
-        takeWhole(*gap, ends.empty() ? gap->size : ends.front() - fPos, true);
-    }
-
-    void takeWhole(surveySegment gap, std::int64_t size, bool estimated) {
-        gap.size = size;
-        gap.estimated = estimated;
-        take(gap);
-    }
-    void takeRecords(iterator gap) {
-        for (std::size_t i = *gap->number; i < numberBehind(gap); ++i) {
-            take({fIndex[i].orginalSize, i == *gap->number ? gap->place : fIndex[i].translatePos, i, 0, false, gap->why,
-                  gap->most});
+        for (const filePosRecord& record : records) {
+            if (&record != &records.front()) lost.place = record.translatePos;
+            lost.size = record.orginalSize;
+            take(lost);
+            ++*lost.number;
         }
     }
 
-    // Of the record that tells of what comes behind the gap; 0 when none does.
-    std::size_t numberBehind(iterator gap) const {
-        return gap + 1 == fSegments.end() ? fIndex.size() : (gap + 1)->number.value_or(0);
-    }
-
-    // What the records of the lost blocks claim; 0 when they are not known or cannot be true.
-    std::int64_t sumOfRecords(iterator gap) const {
-        std::int64_t sum = 0;
-        for (std::size_t i = gap->number.value_or(fIndex.size()); i < numberBehind(gap); ++i) {
-            if (!isBlockSize(fIndex[i].orginalSize)) return 0;
-            sum += fIndex[i].orginalSize;
-        }
-        return sum;
+    // Of the lost blocks; none when they are not known or cannot be true.
+    std::span<const filePosRecord> recordsOf(iterator gap) const {
+        const bool isLast = gap + 1 == fSegments.end();
+        const std::size_t begin = gap->number.value_or(fIndex.size());
+        const std::size_t end = isLast ? fIndex.size() : (gap + 1)->number.value_or(0);
+        if (begin >= end) return {};
+        const auto records = std::span(fIndex).subspan(begin, end - begin);
+        return std::ranges::all_of(records, isBlockSize, &filePosRecord::orginalSize) ? records : records.first(0);
     }
 
     // Where the gap ends by the records behind it, each less the rows found in between, and by the end of all rows.
@@ -79,7 +74,7 @@ private:
         auto next = gap + 1;
         for (; next != fSegments.end() && ends.size() < kWitnesses; rows += (next++)->size) {
             if (next->number) ends.push_back(fIndex[*next->number].orginalPos - rows);
-            if (next->length == 0) return ends;
+            if (next->isLost()) return ends;
         }
         if (next == fSegments.end() && !fIndex.empty()) {
             ends.push_back(fIndex.back().orginalPos + fIndex.back().orginalSize - rows);

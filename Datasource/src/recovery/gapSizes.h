@@ -20,6 +20,8 @@ struct surveySegment {
     bool estimated = false;     // its size is a guess
     const char* why = nullptr;  // it is lost
     std::int64_t most = 0;      // rows that its bytes in the file could hold
+
+    bool isLost() const { return length == 0; }
 };
 
 // Gives each lost stretch its size, or leaves it the guess that it came with. One of several blocks whose records agree

@@ -34,7 +34,8 @@ public:
 
     joinReport run(const std::string& output) {
         checkInputs(output);
-        begin(output);
+        fReport.part = {copiesDictionary() ? fInputs[0].part.row0Pos : fOptions.row0Pos, fInputs[0].part.swapped};
+        openOrThrow(fOutput, output, copiesDictionary() ? "w+b" : "r+b", kWriteFailed);
         for (const joinInput& input : fInputs) add(input);
         finish();
         return fReport;
@@ -61,20 +62,13 @@ private:
         if (blocks > kMostRecords) throw std::length_error("more blocks than an index takes");
     }
 
-    void begin(const std::string& output) {
-        const bool copies = fOptions.row0Pos == 0;
-        openOrThrow(fOutput, output, copies ? "w+b" : "r+b", kWriteFailed);
-        fReport.part = {copies ? fInputs[0].part.row0Pos : fOptions.row0Pos, fInputs[0].part.swapped};
-        if (copies) {
-            finishedPart first(fInputs[0].name, fInputs[0].part);
-            copy(first.file(), 0, fReport.part.row0Pos, 0);
-        }
-    }
+    bool copiesDictionary() const { return fOptions.row0Pos == 0; }
 
     // The index was in order when it was looked at before, and may be another one by now.
     void add(const joinInput& input) {
         finishedPart part(input.name, input.part);
         part.verifyIndex();
+        if (copiesDictionary() && &input == &fInputs[0]) copy(part.file(), 0, fReport.part.row0Pos, 0);
         const std::int64_t from = part.heading()._caseStartPos + kHeadingSize;
         std::int64_t stored = 0;
         for (std::uint32_t i = 0; i < part.blockCount(); ++i) {

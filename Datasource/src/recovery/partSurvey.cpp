@@ -1,7 +1,7 @@
 #include "recovery/partSurvey.h"
 
-#include "format/blockTransfer.h"
 #include "format/indexTransfer.h"
+#include "recovery/fileWindow.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <new>
 #include <utility>
 
 namespace orva {
@@ -47,308 +46,330 @@ bool couldBeginStream(const unsigned char* bytes) {
     return bytes[0] == 0x78 && (bytes[0] * 256 + bytes[1]) % 31 == 0 && (bytes[1] & 0x20) == 0;
 }
 
-}  // namespace
+// How much may still be tried in vain before a file counts as made to be tried for ever, in bytes through the codec, or
+// as much work as that many would be. What is read and found earns more, so that a long file with much damage is
+// searched to its end.
+class patience {
+public:
+    void spend(std::int64_t work) { fLeft -= work; }
+    void earn(std::int64_t work) { fLeft += work; }
+    bool exhausted() const { return fLeft < 0; }
 
-partSurvey::partSurvey(ORVA_File& file)
-    : fFile(file), fWindow(file), fLimit(fWindow.fileSize()), fCompressed(kBlockSize), fRows(kBlockSize) {}
+private:
+    std::int64_t fLeft = std::int64_t{1} << 28;
+};
 
-bool partSurvey::run(const recoverOptions& options) {
-    fTell = options.tell;
-    fWindow.onMove([this](std::int64_t place) { tell(place, false); });
-    const std::optional<foundPart> found = locate(options);
-    if (!found) return false;
-    report.part = *found;
-    if (report.part.row0Pos <= 0 || report.part.row0Pos > fWindow.fileSize() - kHeadingSize) return false;
-    takeHeading();
-    walk();
-    segments = withSizes(segments, fIndex, report.part.row0Pos);
-    commit(options.onlyCommitted);
-    if (segments.empty()) return report.hadIndex || fCount == 0;
-    return std::any_of(segments.begin(), segments.end(), [](const surveySegment& s) { return s.length != 0; });
-}
+class partSurvey {
+public:
+    partSurvey(zlibStreams& streams, const recoverOptions& options, const std::function<void(std::int64_t)>& tell)
+        : fStreams(streams), fOptions(options), fTell(tell) {}
 
-std::optional<foundPart> partSurvey::locate(const recoverOptions& options) {
-    if (options.part) return options.part;
-    if (const std::optional<foundPart> found = findPart(fFile.GetNameStr().GetGeneric())) return found;
-    const std::optional<std::int64_t> first = nextStream(kHeadingSize + 1, fWindow.fileSize());
-    if (!first) return std::nullopt;
-    return foundPart{*first - kHeadingSize, false};
-}
-
-void partSurvey::takeHeading() {
-    try {
-        fHeading = readHeading(fFile, report.part.row0Pos, report.part.swapped, "Analyze dictionary part error!");
-    } catch (const DamagedFileError&) {
-        return;
+    bool run() {
+        if (!locate() || report.part.row0Pos <= 0 || report.part.row0Pos > fWindow.fileSize() - kHeadingSize)
+            return false;
+        takeHeading();
+        walk();
+        segments = withSizes(segments, fIndex, report.part.row0Pos);
+        commit();
+        if (segments.empty()) return report.hadIndex || fCount == 0;
+        return !std::ranges::all_of(segments, &surveySegment::isLost);
     }
-    report.hadHeading = breachOf(fHeading) == nullptr;
-    if (!report.hadHeading) return;
-    fLimit = fHeading._indexPos;
-    const std::int64_t count = fHeading._size / kRecordSize - 1;
-    if (count <= (fLimit - report.part.row0Pos - kHeadingSize) / kShortestStream) fCount = count;
-    takeIndex(fHeading, report.part.swapped);
-}
 
-void partSurvey::walk() {
-    fPlace = fNextPlace = report.part.row0Pos + kHeadingSize;
-    while (fPlace < fWindow.fileSize() && !allSeen()) {
-        tell(fPlace, false);
-        if (const std::optional<blockOutcome> found = streamAt(fPlace, fPatience)) {
-            takeBlock(*found);
-        } else if (!bridge()) {
+    recoverReport report;
+    std::vector<surveySegment> segments;
+
+private:
+    bool locate() {
+        std::optional<foundPart> found = fOptions.part;
+        if (!found) found = findPart(fFile.GetNameStr().GetGeneric());
+        if (!found) {
+            const std::optional<std::int64_t> first = nextStream(kHeadingSize + 1, fWindow.fileSize());
+            if (first) found = foundPart{*first - kHeadingSize, false};
+        }
+        report.part = found.value_or(foundPart{});
+        return found.has_value();
+    }
+
+    void takeHeading() {
+        try {
+            fHeading = readHeading(fFile, report.part.row0Pos, report.part.swapped, "Analyze dictionary part error!");
+        } catch (const DamagedFileError&) {
             return;
         }
+        report.hadHeading = breachOf(fHeading) == nullptr;
+        if (!report.hadHeading) return;
+        fLimit = fHeading._indexPos;
+        const std::int64_t count = fHeading._size / kRecordSize - 1;
+        if (count <= (fLimit - report.part.row0Pos - kHeadingSize) / kShortestStream) fCount = count;
+        takeIndex(fHeading, report.part.swapped);
     }
-}
 
-bool partSurvey::allSeen() const {
-    return report.hadIndex && (fIndex.empty() || bLastAsRecorded || endOf(fIndex.size() - 1) == fPlace);
-}
-
-// Length or rows as recorded: one of the two can lie. A last block with other ones was rewritten by an append, which
-// may have added more.
-void partSurvey::takeBlock(const blockOutcome& found) {
-    const std::optional<std::size_t> number = numberHere();
-    segments.push_back({found.produced, fPlace, number, found.consumed});
-    if (number) {
-        const filePosRecord& record = fIndex[*number];
-        fNext = *number;
-        fNextPlace = fPlace + record.translateSize;
-        const bool asRecorded = record.orginalSize == segments.back().size || fNextPlace == fPlace + found.consumed;
-        bLastAsRecorded = asRecorded && fNext + 1 == fIndex.size();
-        report.lastRewritten = !asRecorded && fNext + 1 == fIndex.size();
-    }
-    ++fNext;
-    fPlace += found.consumed;
-    fPatience.earn(kEarnedByBlock * workOf(found));
-    fUsualLength = found.consumed;
-}
-
-// Over what is no whole stream to the next one that is. False at the end of what there is.
-bool partSurvey::bridge() {
-    if (!report.hadIndex && !bLookedForIndex) findLaterIndex();
-    if (fPlace >= fLimit || (report.hadIndex && (allSeen() || fNext >= fIndex.size()))) return false;
-    const std::int64_t end = report.hadIndex ? fLimit : fWindow.fileSize();
-    const std::optional<std::size_t> number = numberHere();
-    auto [next, sure] = resumeByIndex(number.has_value());
-    fWindow.newlyPassed();
-    if (!sure) {
-        if (const auto earlier = nextStream(fPlace + 1, next.value_or(end))) {
-            next = earlier;
-            fNext = number.value_or(fNext) + 1;
+    void walk() {
+        fPlace = fNextPlace = report.part.row0Pos + kHeadingSize;
+        while (fPlace < fWindow.fileSize() && !allSeen()) {
+            fTell(fPlace);
+            if (const std::optional<blockOutcome> found = streamAt(fPlace, fPatience, fLikely)) {
+                takeBlock(*found);
+            } else if (!bridge()) {
+                return;
+            }
         }
     }
-    const bool givenUp = !next && fPatience.exhausted();
-    if (!next && !report.hadIndex && !givenUp) return false;
-    const std::int64_t most = mostRowsOf(next.value_or(end) - fPlace - fWindow.newlyPassed());
-    segments.push_back({std::min<std::int64_t>(kBlockSize, most), fPlace, number, 0, true,
-                        givenUp           ? kGivenUp
-                        : report.hadIndex ? kDamaged
-                                          : kDamagedUntold,
-                        most});
-    fPlace = next.value_or(fPlace);
-    return next.has_value();
-}
 
-// The first place behind this one that a record names and where a whole stream stands. Where all records up to there
-// name one place behind the other, nothing was overlooked; but for blocks between two places where bytes came or went.
-partSurvey::resumption partSurvey::resumeByIndex(bool inStep) {
-    std::int64_t end = inStep ? fPlace : kNowhere;  // of the record before
-    std::int64_t tried = fPlace;
-    const std::size_t next = fNext + 1;
-    const auto resumes = [&](std::int64_t place, std::size_t number) {
-        const bool isNew = place > fPlace && place < fLimit && std::exchange(tried, place) != place;
-        if (!isNew || number == fIndex.size() || !streamAt(place, fIndexPatience)) return false;
-        fNext = number;
-        fNextPlace = place;
-        return true;
-    };
-    const auto sure = [&](std::size_t number) { return inStep && (fMoved == 0 || number <= next); };
-    for (std::size_t i = fNext; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
-        const std::int64_t place = placeOf(i);
-        if (resumes(place, i)) return {place, sure(i)};
-        const std::int64_t moved = fMoved == 0 ? kNowhere : placeOf(i, fMoved);
-        if (resumes(moved, i)) return {moved, sure(i)};
-        inStep = inStep && (place == end || end == fPlace);
-        end = (end == fPlace ? fPlace : place) + fIndex[i].translateSize;
-        if (resumes(end, i + 1)) return {end, sure(i + 1)};
-        earnByLoss(place, end);
+    // A last block with other rows and another length than recorded was rewritten by an append, which may have added
+    // more.
+    bool allSeen() const {
+        if (!report.hadIndex) return false;
+        return fIndex.empty() || endOf(fIndex.size() - 1) == fPlace ||
+               (!segments.empty() && isLast(segments.back()) && isAsRecorded(segments.back()));
     }
-    return {std::nullopt, sure(fIndex.size()) && report.hadIndex && !fIndexPatience.exhausted()};
-}
-
-// A lost block that is passed earns too, once and not in a hole. To look at its record costs a little.
-void partSurvey::earnByLoss(std::int64_t place, std::int64_t end) {
-    fIndexPatience.spend(kRecordSize);
-    const std::int64_t from = std::max(place, fEarnedTo);
-    if (from >= end || end > fWindow.fileSize() || fFile.nextStored(from) >= end) return;
-    fIndexPatience.earn(kEarnedByBlock * (end - from));
-    fEarnedTo = end;
-}
-
-bool partSurvey::takeIndex(const compressionHeading& heading, bool swapped) {
-    try {
-        std::vector<filePosRecord> index = readRecords(fFile, heading, swapped).records;
-        if (bLookedForIndex && !tellsOfBlocksSeen(index, heading._indexPos)) return false;
-        fIndex = std::move(index);
-        if (bLookedForIndex && !fIndex.empty()) seeIfMoved(heading._indexPos);
-        fLimit = heading._indexPos;
-        fNext = segments.size();
-        report.hadIndex = true;
-    } catch (const DamagedFileError&) {
+    bool isLast(const surveySegment& taken) const {
+        return !taken.isLost() && taken.number && *taken.number + 1 == fIndex.size();
     }
-    return report.hadIndex;
-}
+    // Length or rows: one of the two can lie.
+    bool isAsRecorded(const surveySegment& taken) const {
+        const filePosRecord& record = fIndex[*taken.number];
+        return record.orginalSize == taken.size || record.translateSize == std::int64_t{taken.length};
+    }
 
-// The heading may be lost or point elsewhere, and an index stand further on.
-void partSurvey::findLaterIndex() {
-    bLookedForIndex = true;
-    fWindow.find(fPlace, fWindow.fileSize(), kRecordSize,
-                 [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
-                     return fPatience.exhausted() || takeLaterIndex(place, bytes);
-                 });
-}
+    void takeBlock(const blockOutcome& found) {
+        const std::optional<std::size_t> number = numberHere();
+        segments.push_back({found.produced, fPlace, number, found.consumed});
+        fNext = number.value_or(fNext);
+        if (number) fNextPlace = fPlace + fIndex[fNext].translateSize;
+        ++fNext;
+        fPlace += found.consumed;
+        fPatience.earn(kEarnedByBlock * workOf(found));
+        fLikely = found.consumed + found.consumed / 4;
+    }
 
-bool partSurvey::takeLaterIndex(std::int64_t place, const unsigned char* bytes) {
-    filePosRecord first;
-    std::memcpy(&first, bytes, sizeof first);
-    const bool swapped = swapBytes(first.orginalPos) == kFirstRecordMark;
-    if (!swapped && first.orginalPos != kFirstRecordMark) return false;
-    if (swapped) swapRecord(first);
-    const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
-    if (takeIndex({report.part.row0Pos, place, size}, swapped)) return true;
-    fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
-    fPatience.spend(2 * kTrial);
-    return false;
-}
+    // Over what is no whole stream to the next one that is. False at the end of what there is.
+    bool bridge() {
+        if (!report.hadIndex && !bLookedForIndex) findLaterIndex();
+        if (fPlace >= fLimit || (report.hadIndex && (allSeen() || fNext >= fIndex.size()))) return false;
+        const std::int64_t end = report.hadIndex ? fLimit : fWindow.fileSize();
+        const std::optional<std::size_t> number = numberHere();
+        auto [next, sure] = resumeByIndex(number.has_value());
+        fWindow.newlyPassed();
+        if (!sure) {
+            if (const auto earlier = nextStream(fPlace + 1, next.value_or(end))) {
+                next = earlier;
+                fNext = number.value_or(fNext) + 1;
+            }
+        }
+        const bool givenUp = !next && fPatience.exhausted();
+        if (!next && !report.hadIndex && !givenUp) return false;
+        const std::int64_t most = mostRowsOf(next.value_or(end) - fPlace - fWindow.newlyPassed());
+        segments.push_back({std::min<std::int64_t>(kBlockSize, most), fPlace, number, 0, true,
+                            givenUp           ? kGivenUp
+                            : report.hadIndex ? kDamaged
+                                              : kDamagedUntold,
+                            most});
+        fPlace = next.value_or(fPlace);
+        return next.has_value();
+    }
 
-// Bytes that came into the file, or are lost from it, have moved all that stands behind them by as many. An index that
-// no heading points to shows how many: it stands where the last block ends.
-void partSurvey::seeIfMoved(std::int64_t place) {
-    const filePosRecord& last = fIndex.back();
-    if (last.translatePos < 0 || last.translatePos - kBlockSize > fWindow.fileSize()) return;
-    fMoved = place - last.translatePos - last.translateSize;
-    if (fMoved != 0) fHeading._indexPos = place;
-}
-
-// One that no heading points to is believed if it says of all blocks seen what they said themselves.
-bool partSurvey::tellsOfBlocksSeen(const std::vector<filePosRecord>& index, std::int64_t place) const {
-    const auto same = [](const surveySegment& seen, const filePosRecord& record) {
-        return record.translatePos == seen.place && record.translateSize == std::int64_t{seen.length} &&
-               record.orginalSize == seen.size;
+    struct resumption {
+        std::optional<std::int64_t> place;
+        bool sure;  // no block before it was overlooked
     };
-    if (index.size() < segments.size() || !std::equal(segments.begin(), segments.end(), index.begin(), same))
-        return false;
-    if (index.size() > segments.size()) return index[segments.size()].translatePos == fPlace;
-    return !segments.empty() || place == fPlace;
-}
+    // The first place behind this one that a record names and where a whole stream stands. Where all records up to
+    // there name one place behind the other, nothing was overlooked; but for blocks between two places where bytes came
+    // or went.
+    resumption resumeByIndex(bool inStep) {
+        std::int64_t end = inStep ? fPlace : kNowhere;  // of the record before
+        std::int64_t tried = fPlace;
+        const std::size_t next = fNext + 1;
+        const auto resumes = [&](std::int64_t place, std::size_t number) {
+            const bool isNew = place > fPlace && place < fLimit && std::exchange(tried, place) != place;
+            if (!isNew || number == fIndex.size() || !streamAt(place, fIndexPatience, fLikely)) return false;
+            fNext = number;
+            fNextPlace = place;
+            return true;
+        };
+        const auto sure = [&](std::size_t number) { return inStep && (fMoved == 0 || number <= next); };
+        for (std::size_t i = fNext; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
+            const std::int64_t place = placeOf(i);
+            if (resumes(place, i)) return {place, sure(i)};
+            const std::int64_t moved = fMoved == 0 ? kNowhere : placeOf(i, fMoved);
+            if (resumes(moved, i)) return {moved, sure(i)};
+            inStep = inStep && (place == end || end == fPlace);
+            end = (end == fPlace ? fPlace : place) + fIndex[i].translateSize;
+            if (resumes(end, i + 1)) return {end, sure(i + 1)};
+            earnByLoss(place, end);
+        }
+        return {std::nullopt, sure(fIndex.size()) && report.hadIndex && !fIndexPatience.exhausted()};
+    }
 
-std::int64_t partSurvey::placeOf(std::size_t number, std::int64_t moved) const {
-    const std::int64_t place = fIndex[number].translatePos;
-    return place >= 0 && place <= fWindow.fileSize() - moved ? place + moved : kNowhere;
-}
-std::int64_t partSurvey::endOf(std::size_t number) const {
-    return placeOf(number) + fIndex[number].translateSize;
-}
-
-// The record that tells of the place where the walk is: the next one, by its own word or by the end of the one before;
-// else a later one.
-std::optional<std::size_t> partSurvey::numberHere() {
-    if (fNext < fIndex.size() && (fNextPlace == fPlace || placeOf(fNext) == fPlace)) return fNext;
-    for (std::size_t i = fNext; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
+    // A lost block that is passed earns too, once and not in a hole. To look at its record costs a little.
+    void earnByLoss(std::int64_t place, std::int64_t end) {
         fIndexPatience.spend(kRecordSize);
-        if (placeOf(i) == fPlace) return i;
+        const std::int64_t from = std::max(place, fEarnedTo);
+        if (from >= end || end > fWindow.fileSize() || fFile.nextStored(from) >= end) return;
+        fIndexPatience.earn(kEarnedByBlock * (end - from));
+        fEarnedTo = end;
     }
-    return std::nullopt;
-}
 
-// The heading of a part whose index is gone still tells where the index stood and how many blocks it had.
-void partSurvey::commit(bool onlyCommitted) {
-    if (report.hadHeading && fCount && !report.hadIndex) addMissing(*fCount);
-    const std::size_t committed = committedSegments();
-    for (std::size_t i = 0; i < committed; ++i) report.committedRows += segments[i].size;
-    if (committed != 0 && segments[committed - 1].length != 0) {
-        const surveySegment& last = segments[committed - 1];
-        const bool goesOn = committed < segments.size() && segments[committed].place < fHeading._indexPos;
-        report.lastRewritten = report.lastRewritten || goesOn || last.place + last.length > fHeading._indexPos;
+    bool takeIndex(const compressionHeading& heading, bool swapped) {
+        try {
+            std::vector<filePosRecord> index = readRecords(fFile, heading, swapped).records;
+            if (bLookedForIndex && !tellsOfBlocksSeen(index, heading._indexPos)) return false;
+            fIndex = std::move(index);
+            if (bLookedForIndex && !fIndex.empty()) seeIfMoved(heading._indexPos);
+            fLimit = heading._indexPos;
+            fNext = segments.size();
+            report.hadIndex = true;
+        } catch (const DamagedFileError&) {
+        }
+        return report.hadIndex;
     }
-    if (onlyCommitted) segments.resize(committed);
-}
 
-std::size_t partSurvey::committedSegments() const {
-    if (!report.hadHeading) return 0;
-    const auto isGuess = [](const surveySegment& segment) { return segment.estimated; };
-    if (fCount && std::none_of(segments.begin(), segments.end(), isGuess)) {
-        return std::min(static_cast<std::size_t>(*fCount), segments.size());
+    // The heading may be lost or point elsewhere, and an index stand further on.
+    void findLaterIndex() {
+        bLookedForIndex = true;
+        fWindow.find(fPlace, fWindow.fileSize(), kRecordSize,
+                     [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
+                         return fPatience.exhausted() || takeLaterIndex(place, bytes);
+                     });
     }
-    // How many blocks the gaps stand for is not known.
-    const auto behind = std::find_if(segments.begin(), segments.end(),
-                                     [&](const surveySegment& segment) { return segment.place >= fHeading._indexPos; });
-    return static_cast<std::size_t>(behind - segments.begin());
-}
 
-// Blocks that the walk did not see lie in the first gap, as far as it has room, or behind the last block seen.
-void partSurvey::addMissing(std::int64_t count) {
-    const std::int64_t missing = count - static_cast<std::int64_t>(segments.size());
-    if (missing <= 0) return;
-    const auto gap = std::find_if(segments.begin(), segments.end(), [](const auto& s) { return s.length == 0; });
-    if (gap != segments.end()) {
-        gap->size = std::min((missing + 1) * kBlockSize, gap->most);
-        return;
-    }
-    segments.push_back(
-        {missing * kBlockSize, fPlace, {}, 0, true, "its blocks are gone, and no index tells their size"});
-}
-
-std::optional<blockOutcome> partSurvey::streamAt(std::int64_t place, patience& left) {
-    if (place < report.part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || left.exhausted())
-        return std::nullopt;
-    const std::int64_t before = fRead;
-    const blockOutcome outcome = inflateAt(place, fUsualLength + fUsualLength / 4);
-    if (outcome.end == blockOutcome::complete && outcome.produced != 0) return outcome;
-    left.spend(workOf(outcome) + fRead - before);
-    return std::nullopt;
-}
-
-// Reads further only as far as the stream goes on: a file of very short blocks would be read many times over.
-blockOutcome partSurvey::inflateAt(std::int64_t place, std::uint32_t firstRead) {
-    for (std::uint32_t size = std::clamp(firstRead, 4096U, kBlockSize);; size = std::min(size, kBlockSize / 8) * 8) {
-        const std::uint32_t count = fFile.Read(fCompressed.get(), size, place);
-        fRead += count;
-        const blockOutcome outcome = fCodec.inflateWhole(fCompressed.get(), count, fRows.get(), kBlockSize);
-        if (outcome.end == blockOutcome::notStarted || outcome.end == blockOutcome::noMemory) throw std::bad_alloc();
-        const bool ranOut = outcome.end == blockOutcome::incomplete && outcome.consumed == count && count == size;
-        if (!ranOut || size == kBlockSize) return outcome;
-    }
-}
-
-// The first place from `from` on where a whole stream stands. A look into the window comes first: nearly all that look
-// like a stream end within some bytes.
-std::optional<std::int64_t> partSurvey::nextStream(std::int64_t from, std::int64_t end) {
-    const auto isStream = [&](std::int64_t place, const unsigned char* bytes, std::uint32_t count) {
-        if (!couldBeginStream(bytes) || fPatience.exhausted()) return false;
+    bool takeLaterIndex(std::int64_t place, const unsigned char* bytes) {
+        filePosRecord first;
+        std::memcpy(&first, bytes, sizeof first);
+        const bool swapped = swapBytes(first.orginalPos) == kFirstRecordMark;
+        if (!swapped && first.orginalPos != kFirstRecordMark) return false;
+        if (swapped) swapRecord(first);
+        const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
+        if (takeIndex({report.part.row0Pos, place, size}, swapped)) return true;
         fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
-        const blockOutcome glance = fCodec.inflateWhole(bytes, count, fRows.get(), kBlockSize);
-        if (glance.end == blockOutcome::complete) return glance.produced != 0;
-        fPatience.spend(workOf(glance));
-        return glance.consumed == count && streamAt(place, fPatience).has_value();
-    };
-    return fWindow.find(from, end, 2, isStream);
-}
+        fPatience.spend(2 * kTrial);
+        return false;
+    }
 
-// An index may send the walk back, which takes nothing from what was done.
-void partSurvey::tell(std::int64_t place, bool again) {
-    if (!fTell) return;
-    const std::int64_t size = fWindow.fileSize();
-    fDone = std::max(fDone, std::min(place, size) + (again ? size : 0));
-    fTell(fDone, 2 * size);
-}
+    // Bytes that came into the file, or are lost from it, have moved all that stands behind them by as many. An index
+    // that no heading points to shows how many: it stands where the last block ends.
+    void seeIfMoved(std::int64_t place) {
+        const filePosRecord& last = fIndex.back();
+        if (last.translatePos < 0 || last.translatePos - kBlockSize > fWindow.fileSize()) return;
+        fMoved = place - last.translatePos - last.translateSize;
+        if (fMoved != 0) fHeading._indexPos = place;
+    }
 
-const unsigned char* partSurvey::rowsOf(const surveySegment& segment) {
-    const blockOutcome found = inflateAt(segment.place, segment.length);
-    return found.end == blockOutcome::complete && found.produced == segment.size && found.consumed == segment.length
-               ? fRows.get()
-               : nullptr;
+    // One that no heading points to is believed if it says of all blocks seen what they said themselves.
+    bool tellsOfBlocksSeen(const std::vector<filePosRecord>& index, std::int64_t place) const {
+        const auto same = [](const surveySegment& seen, const filePosRecord& record) {
+            return record.translatePos == seen.place && record.translateSize == std::int64_t{seen.length} &&
+                   record.orginalSize == seen.size;
+        };
+        if (index.size() < segments.size() || !std::equal(segments.begin(), segments.end(), index.begin(), same))
+            return false;
+        if (index.size() > segments.size()) return index[segments.size()].translatePos == fPlace;
+        return !segments.empty() || place == fPlace;
+    }
+
+    std::int64_t placeOf(std::size_t number, std::int64_t moved = 0) const {
+        const std::int64_t place = fIndex[number].translatePos;
+        return place >= 0 && place <= fWindow.fileSize() - moved ? place + moved : kNowhere;
+    }
+    std::int64_t endOf(std::size_t number) const { return placeOf(number) + fIndex[number].translateSize; }
+
+    // The record that tells of the place where the walk is: the next one, by its own word or by the end of the one
+    // before; else a later one.
+    std::optional<std::size_t> numberHere() {
+        if (fNext < fIndex.size() && (fNextPlace == fPlace || placeOf(fNext) == fPlace)) return fNext;
+        for (std::size_t i = fNext; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
+            fIndexPatience.spend(kRecordSize);
+            if (placeOf(i) == fPlace) return i;
+        }
+        return std::nullopt;
+    }
+
+    // The heading of a part whose index is gone still tells where the index stood and how many blocks it had.
+    void commit() {
+        report.lastRewritten = std::ranges::any_of(
+            segments, [&](const surveySegment& segment) { return isLast(segment) && !isAsRecorded(segment); });
+        if (report.hadHeading && fCount && !report.hadIndex) addMissing(*fCount);
+        const std::size_t committed = committedSegments();
+        for (std::size_t i = 0; i < committed; ++i) report.committedRows += segments[i].size;
+        if (committed != 0 && !segments[committed - 1].isLost()) {
+            const surveySegment& last = segments[committed - 1];
+            const bool goesOn = committed < segments.size() && segments[committed].place < fHeading._indexPos;
+            report.lastRewritten = report.lastRewritten || goesOn || last.place + last.length > fHeading._indexPos;
+        }
+        if (fOptions.onlyCommitted) segments.resize(committed);
+    }
+
+    std::size_t committedSegments() const {
+        if (!report.hadHeading) return 0;
+        if (fCount && std::ranges::none_of(segments, &surveySegment::estimated)) {
+            return std::min(static_cast<std::size_t>(*fCount), segments.size());
+        }
+        // How many blocks the gaps stand for is not known.
+        const auto isBehind = [&](std::int64_t place) { return place >= fHeading._indexPos; };
+        const auto behind = std::ranges::find_if(segments, isBehind, &surveySegment::place);
+        return static_cast<std::size_t>(behind - segments.begin());
+    }
+
+    // Blocks that the walk did not see lie in the first gap, as far as it has room, or behind the last block seen.
+    void addMissing(std::int64_t count) {
+        const std::int64_t missing = count - static_cast<std::int64_t>(segments.size());
+        if (missing <= 0) return;
+        const auto gap = std::ranges::find_if(segments, &surveySegment::isLost);
+        if (gap != segments.end()) {
+            gap->size = std::min((missing + 1) * kBlockSize, gap->most);
+            return;
+        }
+        segments.push_back(
+            {missing * kBlockSize, fPlace, {}, 0, true, "its blocks are gone, and no index tells their size"});
+    }
+
+    std::optional<blockOutcome> streamAt(std::int64_t place, patience& left, std::uint32_t likely) {
+        if (place < report.part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || left.exhausted())
+            return std::nullopt;
+        const std::int64_t before = fStreams.bytesRead();
+        const blockOutcome outcome = fStreams.at(place, likely);
+        if (outcome.end == blockOutcome::complete && outcome.produced != 0) return outcome;
+        left.spend(workOf(outcome) + fStreams.bytesRead() - before);
+        return std::nullopt;
+    }
+
+    // The first place from `from` on where a whole stream stands. Nearly all that look like one end within some bytes.
+    std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end) {
+        const auto isStream = [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
+            if (!couldBeginStream(bytes) || fPatience.exhausted()) return false;
+            fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
+            return streamAt(place, fPatience, 0).has_value();
+        };
+        return fWindow.find(from, end, 2, isStream);
+    }
+
+    zlibStreams& fStreams;
+    const recoverOptions& fOptions;
+    const std::function<void(std::int64_t)>& fTell;
+    ORVA_File& fFile = fStreams.file();
+    fileWindow fWindow{fFile, fTell};
+    compressionHeading fHeading{};
+    std::optional<std::int64_t> fCount;  // blocks that the heading vouches for
+    std::vector<filePosRecord> fIndex;
+    std::int64_t fMoved = 0;                   // bytes by which blocks may stand behind the places that the index tells
+    std::int64_t fLimit = fWindow.fileSize();  // what stands from here on is there only as far as it joins on
+    std::int64_t fPlace = 0;                   // behind the block taken last, where the next one begins
+    std::size_t fNext = 0;                     // the number of that one, as far as an index knows it
+    std::int64_t fNextPlace = 0;               // where that one stands by the length of the record before
+    bool bLookedForIndex = false;
+    patience fPatience;
+    patience fIndexPatience;
+    std::int64_t fEarnedTo = 0;          // in the file, by lost blocks
+    std::uint32_t fLikely = kBlockSize;  // length of a block
+};
+
+}  // namespace
+
+std::optional<partFindings> surveyed(zlibStreams& streams, const recoverOptions& options,
+                                     const std::function<void(std::int64_t)>& tell) {
+    partSurvey survey(streams, options, tell);
+    if (!survey.run()) return std::nullopt;
+    return partFindings{std::move(survey.report), std::move(survey.segments)};
 }
 
 }  // namespace orva

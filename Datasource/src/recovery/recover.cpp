@@ -3,19 +3,24 @@
 #include "file/namedFile.h"
 #include "part/partWriter.h"
 #include "recovery/partSurvey.h"
+#include "recovery/zlibStreams.h"
 
-#include <orva/blockSize.h>
 #include <orva/errors.h>
 #include <orva/inspect.h>
 #include <orva/platform.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <span>
+#include <utility>
 
 namespace orva {
 
 namespace {
+
+// Called with what is done of going through the file twice.
+using progress = std::function<void(std::int64_t)>;
 
 // Its holes stay holes.
 void copyDictionary(ORVA_File& from, ORVA_File& to, std::int64_t size) {
@@ -28,9 +33,9 @@ void copyDictionary(ORVA_File& from, ORVA_File& to, std::int64_t size) {
     }
 }
 
-void writeZeros(partSurvey& survey, const surveySegment& lost, partWriter& output) {
+void writeZeros(const surveySegment& lost, partWriter& output, const progress& tell) {
     for (std::int64_t left = lost.size; left > 0;) {
-        survey.tell(lost.place, true);
+        tell(lost.place);
         const std::span<unsigned char> room = output.room();
         const auto count = std::min(std::ssize(room), left);
         std::fill_n(room.begin(), count, '\0');
@@ -39,13 +44,14 @@ void writeZeros(partSurvey& survey, const surveySegment& lost, partWriter& outpu
     }
 }
 
-// Writes the rows of a survey, one after the other, and keeps the account of them.
-void writeRows(partSurvey& survey, partWriter& output, bool dropLost) {
-    recoverReport& report = survey.report;
+// Writes the rows that were found, one after the other, and keeps the account of them.
+void writeRows(partFindings& found, zlibStreams& streams, partWriter& output, bool dropLost, const progress& tell) {
+    recoverReport& report = found.report;
     std::int64_t pos = report.part.row0Pos;
-    for (const surveySegment& segment : survey.segments) {
-        survey.tell(segment.place, true);
-        const unsigned char* rows = segment.length == 0 ? nullptr : survey.rowsOf(segment);
+    for (const surveySegment& segment : found.segments) {
+        tell(segment.place);
+        const unsigned char* rows =
+            segment.isLost() ? nullptr : streams.rowsAt(segment.place, segment.length, segment.size);
         if (rows != nullptr) {
             output.write(rows, static_cast<std::uint64_t>(segment.size));
             ++report.blocks;
@@ -54,41 +60,44 @@ void writeRows(partSurvey& survey, partWriter& output, bool dropLost) {
             const std::string why = segment.why == nullptr ? "its block could not be read again" : segment.why;
             report.lost.push_back({pos, pos + segment.size, segment.place, segment.estimated, why});
             // Where no rows come behind it, a guess at its size would move no position, and is not filled in.
-            const bool trailing = &segment == &survey.segments.back();
-            if (!dropLost && !(trailing && segment.estimated)) writeZeros(survey, segment, output);
+            const bool trailing = &segment == &found.segments.back();
+            if (!dropLost && !(trailing && segment.estimated)) writeZeros(segment, output, tell);
         }
         pos += segment.size;
     }
 }
 
-// Never in place: opening the output for writing would empty the input.
-void writeRecovered(partSurvey& survey, ORVA_File& input, const std::string& output, bool dropLost) {
-    if (platform::sameFile(input.GetNameStr().GetGeneric().c_str(), output.c_str())) {
-        throwFileError(EINVAL, kWriteFailed, output, "recovered rows go to another file than the damaged one");
-    }
-    ORVA_File file;
-    openOrThrow(file, output, "w+b", kWriteFailed);
-    const std::int64_t row0Pos = survey.report.part.row0Pos;
-    copyDictionary(input, file, row0Pos);
-    partWriter rows(file, row0Pos, roads());
-    writeRows(survey, rows, dropLost);
-    survey.tell(input.Size(), true);
-    rows.finish(false);
-}
-
 }  // namespace
 
+// Never in place: opening the output for writing would empty the input.
 recoverReport recover(const std::string& name, const std::string& output, const recoverOptions& options) {
     ORVA_File input;
     openOrThrow(input, name, "rb", kReadFailed);
-    partSurvey survey(input);
-    if (!survey.run(options)) {
+    const std::int64_t size = input.Size();
+    std::int64_t done = 0;
+    // An index may send the walk back, which takes nothing from what was done.
+    const progress tell = [&](std::int64_t now) {
+        done = std::clamp(now, done, 2 * size);
+        if (options.tell) options.tell(done, 2 * size);
+    };
+    zlibStreams streams(input);
+    std::optional<partFindings> found = surveyed(streams, options, tell);
+    if (!found) {
         throw DamagedFileError(name, "a complete block",
                                options.onlyCommitted ? "it holds no rows that were ever finished"
                                                      : "no block of compressed rows can be found in it");
     }
-    writeRecovered(survey, input, output, options.dropLost);
-    return survey.report;
+    if (platform::sameFile(name.c_str(), output.c_str())) {
+        throwFileError(EINVAL, kWriteFailed, output, "recovered rows go to another file than the damaged one");
+    }
+    ORVA_File file;
+    openOrThrow(file, output, "w+b", kWriteFailed);
+    copyDictionary(input, file, found->report.part.row0Pos);
+    partWriter rows(file, found->report.part.row0Pos, roads());
+    writeRows(*found, streams, rows, options.dropLost, [&](std::int64_t place) { tell(size + std::min(place, size)); });
+    tell(2 * size);
+    rows.finish(false);
+    return std::move(found->report);
 }
 
 }  // namespace orva

@@ -1,20 +1,19 @@
 // What an interrupted safe append has left: undone, taken for what it has become, or refused. Rows that anybody has
 // finished are never undone; docs/recovery.md, "Roll-back", has the rules.
-#include "base/blockBuffer.h"
 #include "base/fileError.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
 #include "format/indexTransfer.h"
 #include "part/heldSideFile.h"
 #include "part/keptTail.h"
+#include "recovery/zlibStreams.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
 #include <orva/inspect.h>
-#include <orva/zlibCompress.h>
 
+#include <algorithm>
 #include <bit>
-#include <cstring>
 
 namespace orva {
 
@@ -62,10 +61,9 @@ private:
     rollBackResult settleTorn() {
         if (const std::optional<foundPart> part = findPart(fName)) {
             const std::optional<soundIndex> index = indexOf(rawHeadingAt(fFile, part->row0Pos), part->row0Pos);
-            const auto lastPlace = [](const auto& records) {
-                return records.empty() ? 0 : records.back().translatePos;
-            };
-            if (index && tailInflates(*index, lastPlace(index->records) + 1)) return rollBackResult::sideFileStale;
+            const bool hasBlocks = index && !index->records.empty();
+            const std::int64_t lastBlock = hasBlocks ? index->records.back().translatePos : 0;
+            if (index && tailInflates(*index, lastBlock + 1)) return rollBackResult::sideFileStale;
         }
         refuse("not whole, and neither is the side file");
     }
@@ -77,17 +75,11 @@ private:
 
     // Every block that ends there or behind it.
     bool tailInflates(const soundIndex& index, std::int64_t from) {
-        try {
-            const readRoad road{fFile, fCodec, fCompressed.get()};
-            for (std::uint32_t i = 0; i < index.records.size(); ++i) {
-                const filePosRecord& r = index.records[i];
-                if (r.translatePos + r.translateSize < from) continue;
-                readBlock(road, {r, i, std::nullopt, fSize}, fRows.get());
-            }
-            return true;
-        } catch (const DamagedFileError&) {
-            return false;
-        }
+        return std::ranges::all_of(index.records, [&](const filePosRecord& r) {
+            const auto length = static_cast<std::uint32_t>(r.translateSize);
+            return r.translatePos + r.translateSize < from ||
+                   fStreams.rowsAt(r.translatePos, length, r.orginalSize) != nullptr;
+        });
     }
 
     // The bytes that say where the heading stands are the same in every heading at this place.
@@ -103,28 +95,23 @@ private:
     // whole streams.
     bool completeHeading() {
         const std::int64_t end = streamsEnd();
-        for (const bool swap : {false, true}) {
-            filePosRecord first{};
-            const fileBytes bytes = bytesAt(fFile, end, sizeof first);
-            if (bytes.empty()) return false;
-            std::memcpy(&first, bytes.data(), sizeof first);
-            if (swap) swapRecord(first);
-            compressionHeading heading{fKept->row0Pos, end, (first.translateSize + std::int64_t{1}) * kRecordSize};
-            if (swap) swapHeading(heading);
-            const rawHeading raw = std::bit_cast<rawHeading>(heading);
-            const std::optional<soundIndex> index = indexOf(raw, fKept->row0Pos);
-            if (!index || !tailInflates(*index, fKept->untouchedEnd)) continue;
-            writeAll(fFile, raw.data(), raw.size(), fKept->row0Pos);
-            fFile.Sync();
-            return true;
-        }
-        return false;
+        filePosRecord first;
+        if (fFile.Read(&first, sizeof first, end) != sizeof first) return false;
+        const bool swap = first.orginalPos != kFirstRecordMark;
+        if (swap) swapRecord(first);
+        compressionHeading heading{fKept->row0Pos, end, (first.translateSize + std::int64_t{1}) * kRecordSize};
+        if (swap) swapHeading(heading);
+        const rawHeading raw = std::bit_cast<rawHeading>(heading);
+        const std::optional<soundIndex> index = indexOf(raw, fKept->row0Pos);
+        if (!index || !tailInflates(*index, fKept->untouchedEnd)) return false;
+        writeAll(fFile, raw.data(), raw.size(), fKept->row0Pos);
+        fFile.Sync();
+        return true;
     }
 
     std::int64_t streamsEnd() {
         for (std::int64_t at = fKept->untouchedEnd;;) {
-            const std::uint32_t count = fFile.Read(fCompressed.get(), kBlockSize, at);
-            const blockOutcome outcome = fCodec.inflateWhole(fCompressed.get(), count, fRows.get(), kBlockSize);
+            const blockOutcome outcome = fStreams.at(at, kBlockSize);
             if (outcome.end != blockOutcome::complete) return at;
             at += outcome.consumed;
         }
@@ -138,12 +125,10 @@ private:
 
     const std::string fName;
     ORVA_File fFile;  // with the writer's lock
+    zlibStreams fStreams{fFile};
     heldSideFile fSide;
     std::int64_t fSize = 0;
     std::optional<keptTail> fKept;
-    zlibCompressBlock fCodec;
-    const blockBuffer fCompressed{kBlockSize};
-    const blockBuffer fRows{kBlockSize};
 };
 
 }  // namespace
