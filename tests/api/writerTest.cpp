@@ -151,18 +151,21 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     EXPECT_TRUE(rowsOf("mine") == more && rowsOf("mineToo") == rows + more);
 }
 
-TEST_F(Writer, KeepsTheModeOfWhatItReplacesAndTheDictionary) {
+TEST_F(Writer, KeepsOwnerGroupAndModeOfWhatItReplacesAndTheDictionary) {
     const std::string name = written("rows", Bytes(100));
     const auto mode = [](const std::string& file) { return std::filesystem::status(file).permissions(); };
     const mode_t mask = umask(0);
     umask(mask);
     EXPECT_EQ(mode(name), std::filesystem::perms{0666 & ~mask});
     EXPECT_EQ(mode(written("secret", {}, {.permissions = std::filesystem::perms{0400}})), std::filesystem::perms{0400});
+    const bool isRoot = chown(name.c_str(), 12'345, 23'456) == 0;
     std::filesystem::permissions(name, std::filesystem::perms{0440});
     std::filesystem::create_symlink("rows", path("link"));
     const std::vector<std::byte> dictionary(1'234, std::byte{7});
     written("link", Bytes(200), {.dictionary = dictionary, .replace = true});
     EXPECT_EQ(mode(name), std::filesystem::perms{0440});
+    struct stat now {};
+    EXPECT_TRUE(stat(name.c_str(), &now) == 0 && (!isRoot || (now.st_uid == 12'345 && now.st_gid == 23'456)));
     const orva::Reader reader(name, {.row0 = 1'234});
     EXPECT_EQ(reader.dictionary(), dictionary);
     EXPECT_EQ(reader.size(), 200);

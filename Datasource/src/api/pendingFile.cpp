@@ -4,6 +4,7 @@
 
 #include <orva/pendingFile.h>
 #include <orva/platform.h>
+#include <orva/platformOwner.h>
 
 #include <atomic>
 #include <cerrno>
@@ -30,6 +31,16 @@ std::string outputTarget(const std::string& name) {
         target = target.parent_path() / fs::read_symlink(target, none);
     }
     return target.string();
+}
+
+// Gives the file the owner and group of the one that it replaces, as far as the caller may, and tells the permissions
+// that let nobody else use it: where it has another group, those of both the old group and all others.
+fs::perms givenAccess(int descriptor, const platform::fileAccess& old) {
+    platform::giveAccess(descriptor, old);
+    platform::fileAccess own{};
+    if (platform::accessOf(descriptor, own) && own.group == old.group) return fs::perms{old.mode};
+    const std::uint32_t forAll = old.mode & (old.mode >> 3) & 07;
+    return fs::perms{(old.mode & 0700) | forAll << 3 | forAll};
 }
 
 // A name in the directory of `target` that no other process has. Cut, so that a long name does not make it too long for
@@ -172,10 +183,9 @@ void pendingFile::holdReplaced() {
 // Exclusively: in a directory that others can write to, nobody can have put a link there. Never for more people than
 // the finished file, and its user can write to it until then.
 void pendingFile::create() {
-    std::error_code none;
-    const fs::file_status old = fs::status(fTarget, none);
-    if (fs::is_regular_file(old)) fOldPermissions = old.permissions();
-    const fs::perms meanwhile = fOldPermissions.value_or(fPermissions) | kOwners;
+    platform::fileAccess old{};
+    const bool replaces = platform::accessOf(fTarget.c_str(), old) && old.regular;
+    const fs::perms meanwhile = replaces ? kOwners : fPermissions | kOwners;
     int descriptor = -1;
     do {
         forgetName();
@@ -185,8 +195,8 @@ void pendingFile::create() {
         descriptor = platform::openShared(fTemporary.c_str(), mode, 0, static_cast<int>(meanwhile & fs::perms::all));
     } while (descriptor < 0 && errno == EEXIST);
     if (descriptor < 0) throwFileError(errno, kWriteFailed, fTarget);
+    if (replaces) fOldPermissions = givenAccess(descriptor, old);
     platform::closeAnyway(descriptor);
-    if (fOldPermissions) fs::permissions(fTemporary, meanwhile, none);
 }
 
 void pendingFile::sync() const {

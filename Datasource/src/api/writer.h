@@ -94,9 +94,10 @@ public:
     // Makes a finished file of the rows so far, as finish() does, and goes on behind them: they stay, whatever comes.
     // Ends a block short if rows came since the last one.
     void flush_rows();
-    // The file is complete and under its name when this returns, with mode `permissions` less the umask or that of the
-    // file that it replaces. A second finish() does nothing. SystemError, ESTALE: another file has taken the name of
-    // one to which rows were added, so that they stand in a file without that name; flush_rows() as well.
+    // The file is complete and under its name when this returns, with mode `permissions` less the umask, or mode and
+    // group of the file that it replaces, and by root its owner. A second finish() does nothing. SystemError, ESTALE:
+    // another file has taken the name of one to which rows were added, so that they stand in a file without that name;
+    // flush_rows() as well.
     void finish();
 
 private:
