@@ -4,8 +4,10 @@
 #include <malloc.h>
 
 #include <array>
+#include <functional>
 #include <random>
 #include <thread>
+#include <utility>
 
 using namespace api;
 
@@ -77,6 +79,32 @@ TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
     }
     for (int i = 0; i < 6; ++i) expectInChild([&] { reads(i, 300); });
     reads(7, 300);
+}
+
+// As on two threads: the later one begins when the earlier one has seen the file, and ends before that one does.
+TEST_F(Reader, ShowsWhatTheLaterOfTwoRefreshesHasSeen) {
+    struct : platform::faults::Hook {
+        Verdict before(const Step&) override { return Verdict::goOn(); }
+        void after(const Step& step) override {
+            if (step.call == Call::Read && ++reads == last) meanwhile();
+        }
+        int reads = 0, last = 0;
+        std::function<void()> meanwhile;
+    } hook;
+    const platform::faults::Installed installed(hook);
+    orva::Reader reader(written("rows", Bytes(1'000))), other = reader;
+    hook.reads = 0;
+    reader.refresh();
+    hook.last = std::exchange(hook.reads, 0);
+    hook.meanwhile = [&] {
+        orva::Writer writer = orva::Writer::append(path("rows"));
+        writer.write(spanOf(Bytes(500)));
+        writer.finish();
+        other.refresh();
+        EXPECT_EQ(reader.size(), 1'500);
+    };
+    reader.refresh();
+    EXPECT_EQ(reader.size(), 1'500);
 }
 
 TEST_F(Reader, CostsNoMemoryBeforeItReads) {

@@ -57,6 +57,7 @@ struct Reader::State {
         own& mine = ofProcess();
         {
             const std::lock_guard guard(mine.lock);
+            if ((*fShown.load())->id() > (*next)->id()) return;  // of a refresh that began to look later
             const platform::noFork whole;  // or a child could know of the part, and have no descriptor of it
             next.reset(fShown.exchange(next.release()));
         }
