@@ -73,12 +73,12 @@ std::int32_t ORVA_FileStream::Seek(std::int64_t offset, SeekDirection direction)
     std::int64_t base = 0;
     if (direction == SeekFromCurrent) base = fStreamPos;
     if (direction == SeekFromEnd) {
-        const std::int64_t size = fData->pRealFile->Size();
-        if (size < 0) return -1;
-        base = std::max(size, fData->pRealFile->dataEnd());
+        fData->fIOPos = fData->pRealFile->Size();
+        if (fData->fIOPos < 0) return -1;
+        base = std::max(fData->fIOPos, fData->pRealFile->dataEnd());
         if (fData->holdsAppended()) {
             base += fData->fDirtyEnd - fData->fDirtyBegin;
-        } else if (fData->isDirty()) {
+        } else if (fData->bDirty) {
             base = std::max(base, fData->fpos + fData->buffered());
         }
     }
@@ -99,7 +99,8 @@ std::int32_t ORVA_FileStream::Open(const ExtNameStr& name, const ExtNameStr&, co
     fData->pRealFile = file;
     fProcess = platform::processId();  // what a forked child opens is its own
     const bool opened = file->Open(copy, mode);
-    fStreamPos = file->Tell();
+    fData->fIOPos = file->Tell();
+    fStreamPos = fData->fIOPos;
     try {
         if (fMultiThreadReading > 0) EnableMultiThreadReading();
     } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): it is read without its thread all the same
@@ -125,6 +126,7 @@ std::int32_t ORVA_FileStream::Open(const char* name, const char* mode) {
 
 void ORVA_FileStream::ClearAndReset() {
     Seek(0, SeekFromStart);
+    fData->fIOPos = 0;
     fStreamPos = 0;
     fData->dropBuffer();
 }
@@ -144,7 +146,7 @@ std::uint32_t ORVA_FileStream::Footprint() const {
 
 std::int32_t ORVA_FileStream::Close() const {
     if (!inOwnProcess() || !DataReady()) return 0;
-    if (fData->isDirty()) Flush();
+    if (fData->bDirty) Flush();
     fData->pRealFile->FinishEncryption();
     return 1;
 }

@@ -174,8 +174,12 @@ private:
     friend class ORVA_FileStream;
 
     ORVA_LOCAL std::uint32_t ReadFromBuffer(ReadRequest& request);
-    ORVA_LOCAL void ReadBuffered(ReadRequest& request, bool ahead);
+    ORVA_LOCAL void ReadBuffered(ReadRequest& request);
     ORVA_LOCAL void ReadDirect(ReadRequest& request, std::uint32_t size);
+    ORVA_LOCAL void emptyBuffer();
+    ORVA_LOCAL void placeBlock(std::int64_t block, std::uint32_t count);
+    ORVA_LOCAL void ReadThreaded(ReadRequest& request);
+    ORVA_LOCAL void LoadBlock(std::int64_t position);
     ORVA_LOCAL void Write(WriteRequest& request);
     ORVA_LOCAL bool joinsBuffer(std::int64_t position) const;
     ORVA_LOCAL void copyIn(WriteRequest& request);
@@ -193,10 +197,8 @@ private:
     bool holds(std::int64_t position) const { return position >= fpos && offsetOf(position) < buffered(); }
     ORVA_LOCAL void dropBuffer();
     ORVA_LOCAL void markClean();
-    // fBuffer holds bytes that the file lacks.
-    bool isDirty() const { return fDirtyBegin >= 0; }
     // The buffer's bytes are going to the end of the file, wherever that will be: they serve no read.
-    bool holdsAppended() const { return isDirty() && pRealFile->Appends(); }
+    bool holdsAppended() const { return bDirty && pRealFile->Appends(); }
     // For the requests that end in the buffer: where the first of the bytes stands, or null where more is to be done
     // than to copy them. One unsigned compare tells both sides of a range here; a size of 0 is in none.
     const unsigned char* servedFromBuffer(std::int64_t position, std::uint32_t size) const {
@@ -213,8 +215,10 @@ private:
 
     alignas(kBufferAlignment) unsigned char fBuffer[kBlockSize];
     unsigned char* fBufferEnd = fBuffer;
-    std::int64_t fpos = -1;  // file offset of fBuffer's first byte; -1 while no block was placed
+    std::int64_t fpos = -1;   // file offset of fBuffer's first byte; -1 while no block was placed
+    std::int64_t fIOPos = 0;  // file offset that the latest transfer reached
     RefCountPtr<ORVA_File> pRealFile;
+    bool bDirty = false;  // fBuffer holds bytes that the file lacks
     bool bEndOfFile = false;
     const bool bEncrypted;
     // File offsets of the first byte that was written since the last flush, and past the last one; -1 without such.

@@ -52,6 +52,7 @@ void ORVA_FileStream::Data::dropBuffer() {
 }
 
 void ORVA_FileStream::Data::markClean() {
+    bDirty = false;
     fDirtyBegin = -1;
     fDirtyEnd = -1;
 }
@@ -71,12 +72,12 @@ std::uint32_t ORVA_FileStream::readRequest(void* buffer, std::uint32_t size) {
     ReadRequest request{static_cast<unsigned char*>(buffer), size, fStreamPos};
     if (fPreReading == 0) {
         fData->ReadDirect(request, size);
+    } else if (fMultiThreadReading > 0 && fData->fpIOThread.IsValid() != 0) {
+        fData->ReadThreaded(request);
     } else {
-        // With a worker every file read goes through it, so a request of a block or more passes the buffer too.
-        const bool ahead = fMultiThreadReading > 0 && fData->fpIOThread.IsValid() != 0;
         fData->ReadFromBuffer(request);
-        if (!ahead) fData->ReadUnbuffered(request);
-        fData->ReadBuffered(request, ahead);
+        if (request._size != 0) fData->ReadUnbuffered(request);
+        if (request._size != 0) fData->ReadBuffered(request);
     }
     return size - request._size;
 }
@@ -103,7 +104,10 @@ std::uint32_t ORVA_FileStream::writeRequest(const void* buffer, std::uint32_t si
 // Past the buffer, which stays as it is.
 void ORVA_FileStream::Data::ReadDirect(ReadRequest& request, std::uint32_t size) {
     Flush();
-    bEndOfFile = request.Advance(pRealFile->Read(request._buffer, size, request._pos)) == 0;
+    const std::uint32_t count = pRealFile->Read(request._buffer, size, request._pos);
+    fIOPos = request._pos + count;
+    bEndOfFile = count == 0;
+    request.Advance(count);
 }
 
 std::uint32_t ORVA_FileStream::Data::ReadFromBuffer(ReadRequest& request) {
@@ -127,6 +131,23 @@ void ORVA_FileStream::DisableMultiThreadReading() {
     fMultiThreadReading = 0;
 }
 
+// Every file read of this path goes through the worker, so a request of a block or more passes the buffer too.
+void ORVA_FileStream::Data::ReadThreaded(ReadRequest& request) {
+    ReadFromBuffer(request);
+    while (request._size > 0) {
+        LoadBlock(request._pos);
+        if (ReadFromBuffer(request) == 0) return;
+        fIOPos = request._pos;
+    }
+}
+
+void ORVA_FileStream::Data::LoadBlock(std::int64_t position) {
+    emptyBuffer();
+    const std::int64_t block = sectorFloor(position);
+    placeBlock(block, fpIOThread->getBlock(fBuffer, kBlockSize, block));
+    fIOPos = block;
+}
+
 void ORVA_FileStream::Data::ReadUnbuffered(ReadRequest& request) {
     if (request._size < kBlockSize) return;
     // Behind the buffered end of an enciphered file no block begins: the read through the buffer is left with the rest.
@@ -138,20 +159,27 @@ void ORVA_FileStream::Data::ReadUnbuffered(ReadRequest& request) {
     if (end > request._pos) ReadDirect(request, static_cast<std::uint32_t>(end - request._pos));
 }
 
-// A read that fails half-way leaves bytes of two places in the buffer, so no range stands after it. Only without a
-// worker does a short block end the request: with one it is read once more.
-void ORVA_FileStream::Data::ReadBuffered(ReadRequest& request, bool ahead) {
-    for (bool more = true; more && request._size > 0;) {
-        Flush();
-        dropBuffer();
+void ORVA_FileStream::Data::ReadBuffered(ReadRequest& request) {
+    while (request._size > 0) {
+        emptyBuffer();
         const std::int64_t block = sectorFloor(request._pos);
-        const std::uint32_t count =
-            ahead ? fpIOThread->getBlock(fBuffer, kBlockSize, block) : pRealFile->Read(fBuffer, kBlockSize, block);
-        fpos = block;
-        fBufferEnd = fBuffer + count;
-        bEndOfFile = count == 0;
-        more = ReadFromBuffer(request) != 0 && (ahead || count == kBlockSize);
+        placeBlock(block, pRealFile->Read(fBuffer, kBlockSize, block));
+        fIOPos = block + buffered();
+        ReadFromBuffer(request);
+        if (buffered() < kBlockSize) return;
     }
+}
+
+// A read that fails half-way leaves bytes of two places in the buffer, so no range stands after it.
+void ORVA_FileStream::Data::emptyBuffer() {
+    Flush();
+    dropBuffer();
+}
+
+void ORVA_FileStream::Data::placeBlock(std::int64_t block, std::uint32_t count) {
+    fpos = block;
+    fBufferEnd = fBuffer + count;
+    bEndOfFile = count == 0;
 }
 
 // What is left of a request once it has filled the buffer goes on behind it.
@@ -183,8 +211,9 @@ void ORVA_FileStream::Data::copyIn(WriteRequest& request) {
     const std::uint32_t count = std::min(request._size, static_cast<std::uint32_t>(fBuffer + kBlockSize - target));
     std::memcpy(target, request._buffer, count);
     fBufferEnd = std::max(fBufferEnd, target + count);
-    fDirtyBegin = isDirty() ? std::min(fDirtyBegin, request._pos) : request._pos;
+    fDirtyBegin = fDirtyBegin < 0 ? request._pos : std::min(fDirtyBegin, request._pos);
     fDirtyEnd = std::max(fDirtyEnd, request._pos + count);
+    bDirty = true;
     request.Advance(count);
     if (target + count == fBuffer + kBlockSize) Flush();
 }
@@ -229,7 +258,7 @@ void ORVA_FileStream::Data::startBuffer(std::int64_t position) {
 // Whole blocks, or up to where the data end: the file may have more of the last block than the buffer. What is appended
 // goes to the end, where a copy of the stream may have appended meanwhile; an enciphered file wants that place named.
 void ORVA_FileStream::Data::Flush() {
-    if (!isDirty() || !pRealFile->IsOpen()) return;
+    if (fBufferEnd == fBuffer || !bDirty || !pRealFile->IsOpen()) return;
     const bool appends = pRealFile->Appends();
     const std::uint32_t granule = pRealFile->granule();
     fDirtyBegin -= static_cast<std::int64_t>(offsetOf(fDirtyBegin) % granule);
@@ -256,21 +285,25 @@ void ORVA_FileStream::Data::fillGap(std::int64_t position) {
 // A block read ahead that the write touches is out of date, also when the write fails half-way; what is appended goes
 // to the end, wherever that is. What a failed write has appended all the same must not be appended again.
 void ORVA_FileStream::Data::writeFile(WriteRequest& request, std::uint32_t size) {
+    struct note {
+        multiThreadForFilestr* worker;
+        std::int64_t begin, end;
+        ~note() {
+            if (worker != nullptr) worker->noteWritten(begin, end);
+        }
+    };
     fillGap(request._pos);
     const bool appends = pRealFile->Appends();
     const std::int64_t before = appends ? pRealFile->Size() : -1;
-    const std::int64_t begin = appends ? 0 : request._pos;
-    const std::int64_t end = appends ? std::numeric_limits<std::int64_t>::max() : request._pos + size;
-    const auto noteWritten = [&] {
-        if (fpIOThread.IsValid() != 0) fpIOThread->noteWritten(begin, end);
-    };
+    const note written{fpIOThread.get(), appends ? 0 : request._pos,
+                       appends ? std::numeric_limits<std::int64_t>::max() : request._pos + size};
     try {
-        request.Advance(pRealFile->Write(request._buffer, size, request._pos));
+        const std::uint32_t count = pRealFile->Write(request._buffer, size, request._pos);
+        fIOPos = request._pos + count;
+        request.Advance(count);
     } catch (...) {
-        noteWritten();
         const std::int64_t grown = before < 0 ? 0 : pRealFile->Size() - before;
         if (grown > 0 && grown < size) request.Advance(static_cast<std::uint32_t>(grown));
         throw;
     }
-    noteWritten();
 }
