@@ -29,7 +29,7 @@ using faults::Step;
 constexpr unsigned int kPiece = 0x7ffff000;
 
 // In place of an offset: where the descriptor stands.
-constexpr std::int64_t kOwnPlace = INT64_MIN;
+constexpr std::int64_t kOwnPlace = -1;
 
 #ifdef ORVA_FAULT_SEAM
 std::atomic<faults::Hook*> gHook{nullptr};
@@ -151,6 +151,12 @@ int writeWhole(int descriptor, const void* buffer, unsigned int count, std::int6
     if (written < 0 || static_cast<unsigned int>(written) == count) return written;
     errno = EIO;  // the system took nothing and gave no reason
     return -1;
+}
+
+bool refusesOffset(std::int64_t offset) {
+    if (offset >= 0) return false;
+    errno = EINVAL;
+    return true;
 }
 
 // The lock belongs to all copies of the descriptor, which children have from a fork until they end or run another
@@ -280,11 +286,12 @@ int _write(int descriptor, const void* buffer, unsigned int count) noexcept {
 }
 
 int readAt(int descriptor, void* buffer, unsigned int count, std::int64_t offset) noexcept {
+    if (refusesOffset(offset)) return -1;
     return completed(rawRead, descriptor, static_cast<char*>(buffer), count, offset);
 }
 
 int writeAt(int descriptor, const void* buffer, unsigned int count, std::int64_t offset) noexcept {
-    return writeWhole(descriptor, buffer, count, offset);
+    return refusesOffset(offset) ? -1 : writeWhole(descriptor, buffer, count, offset);
 }
 
 int _close(int descriptor, const char* temporaryName) noexcept {

@@ -34,7 +34,7 @@ struct Step {
     const char* newName = nullptr;  // Rename
     int flags = 0;                  // Open: the system's own flags. Seek: the origin
     std::int64_t offset = -1;       // Read, Write: where the bytes stand in the file; of a failed one that named no
-                                    // place below 0. Seek: what was asked for
+                                    // place -1. Seek: what was asked for
     std::int64_t result = -1;       // as the system gave it
     int error = 0;                  // errno where result is -1
 };

@@ -13,6 +13,19 @@
 
 namespace {
 
+// A record of a damaged index may reach over the start of the next one; that block is still found by its position.
+bool holds(const filePosRecord* records, std::int64_t number, std::int64_t last, std::int64_t pos) {
+    const filePosRecord& record = records[number];
+    return record.orginalPos <= pos && pos < record.orginalPos + record.orginalSize &&
+           (number == last || pos < records[number + 1].orginalPos);
+}
+
+// The first record that begins behind `pos`, or `end`.
+const filePosRecord* firstBehind(const filePosRecord* begin, const filePosRecord* end, std::int64_t pos) {
+    return std::upper_bound(begin, end, pos,
+                            [](std::int64_t p, const filePosRecord& record) { return p < record.orginalPos; });
+}
+
 constexpr filePosRecord kNothing{kNoRecord, 0, 0, 0};
 
 }  // namespace
@@ -109,6 +122,11 @@ std::int64_t filePosInfo::dataEnd(std::int64_t otherwise) const {
     return fParsed.empty() ? otherwise : fParsed.back().orginalPos + fParsed.back().orginalSize;
 }
 
+std::uint32_t filePosInfo::answer(std::int64_t number, std::int64_t cursor) const {
+    fCursor.store(static_cast<std::uint32_t>(cursor), std::memory_order_relaxed);
+    return static_cast<std::uint32_t>(number);
+}
+
 filePosRecord filePosInfo::findRecord(std::int64_t pos) const {
     const std::optional<std::uint32_t> number = find(pos);
     return number ? parsed(*number) : kNothing;
@@ -117,38 +135,51 @@ filePosRecord filePosInfo::findRecord(std::int64_t pos) const {
 std::optional<std::uint32_t> filePosInfo::find(std::int64_t pos) const {
     ORVA_ASSERT(bParsed, "pInfoBuffer != 0");
     if (fParsed.empty()) return std::nullopt;
-    ORVA_ASSERT(fParsed[0].orginalPos != 0, "pInfoBuffer->orginalPos != 0");
-    if (pos >= dataEnd(0) || pos < fParsed[0].orginalPos) return std::nullopt;
-    const std::uint32_t cursor = std::min(fCursor.load(std::memory_order_relaxed), parsedCount() - 1);
-    const std::uint32_t number = holds(cursor, pos) ? cursor : lastUpTo(pos);
-    if (!holds(number, pos)) return std::nullopt;
-    fCursor.store(number + 1, std::memory_order_relaxed);
-    return number;
+    const filePosRecord* records = fParsed.data();
+    ORVA_ASSERT(records->orginalPos != 0, "pInfoBuffer->orginalPos != 0");
+    const std::int64_t last = std::ssize(fParsed) - 1;
+    if (pos >= dataEnd(0) || pos < records[0].orginalPos) return std::nullopt;
+
+    const std::int64_t cursor = std::min<std::int64_t>(fCursor.load(std::memory_order_relaxed), last);
+    if (holds(records, cursor, last, pos)) return answer(cursor, cursor + 1);
+    if (holds(records, 0, last, pos)) return answer(0, 1);
+    if (pos >= records[last].orginalPos) return answer(last, 0);
+    // The row-0 position is not subtracted, so the guess is the right record or one that lies above it.
+    const std::int64_t guess = std::clamp<std::int64_t>(pos / static_cast<std::int64_t>(fBlockSize), 0, last);
+    if (guess < last && records[guess].orginalPos <= pos && pos < records[guess + 1].orginalPos) {
+        return answer(guess, guess + 1);
+    }
+    const std::int64_t found = searchOutward(likelyNumber(pos), pos);
+    if (found < 0) return std::nullopt;
+    return answer(found, found + 1);
 }
 
-// A record of a damaged index may reach over the start of the next one; that block is still found by its position.
-bool filePosInfo::holds(std::uint32_t number, std::int64_t pos) const {
-    const filePosRecord& record = fParsed[number];
-    return record.orginalPos <= pos && pos < record.orginalPos + record.orginalSize &&
-           (number + 1 == parsedCount() || pos < fParsed[number + 1].orginalPos);
+// Where the record would be if all blocks had one size: a better place to begin a search than the guess when the row-0
+// position is large or blocks are short.
+std::int64_t filePosInfo::likelyNumber(std::int64_t pos) const {
+    const auto before = static_cast<double>(pos - parsed(0).orginalPos);
+    const auto all = static_cast<double>(dataEnd(0) - parsed(0).orginalPos);
+    const auto number = static_cast<std::int64_t>(before / all * parsedCount());
+    return std::min<std::int64_t>(number, parsedCount() - 1);
 }
 
-// From where it would be if all blocks had one size by steps that double, then by halves.
-std::uint32_t filePosInfo::lastUpTo(std::int64_t pos) const {
-    const filePosRecord* const records = fParsed.data();
-    const std::int64_t count = std::ssize(fParsed);
-    const auto before = static_cast<double>(pos - records[0].orginalPos);
-    const auto all = static_cast<double>(dataEnd(0) - records[0].orginalPos);
-    std::int64_t low = std::min(static_cast<std::int64_t>(before / all * static_cast<double>(count)), count - 1);
-    std::int64_t high = low + 1;
-    for (std::int64_t step = 1; records[low].orginalPos > pos; step *= 2) {
-        high = low;
-        low = std::max<std::int64_t>(low - step, 0);
+// From the guess, in the one direction that the ascending order leaves, by steps that double; then by halves.
+std::int64_t filePosInfo::searchOutward(std::int64_t guess, std::int64_t pos) const {
+    const filePosRecord* records = fParsed.data();
+    const std::int64_t last = std::ssize(fParsed) - 1;
+    std::int64_t low = guess;
+    std::int64_t high = guess;
+    if (records[guess].orginalPos <= pos) {
+        for (std::int64_t step = 1; high <= last && records[high].orginalPos <= pos; step *= 2) {
+            low = high;
+            high = std::min(guess + step, last + 1);
+        }
+    } else {
+        for (std::int64_t step = 1; records[low].orginalPos > pos; step *= 2) {
+            high = low;
+            low = std::max<std::int64_t>(guess - step, 0);
+        }
     }
-    for (std::int64_t step = 1; high < count && records[high].orginalPos <= pos; step *= 2) {
-        low = high;
-        high = std::min(high + step, count);
-    }
-    const auto begins = [](std::int64_t p, const filePosRecord& record) { return p < record.orginalPos; };
-    return static_cast<std::uint32_t>(std::upper_bound(records + low, records + high, pos, begins) - records - 1);
+    low = firstBehind(records + low, records + high, pos) - records - 1;
+    return holds(records, low, last, pos) ? low : -1;
 }

@@ -80,10 +80,10 @@ public:
 private:
     // The records of an index, checked and in host order; takes its block size.
     std::vector<filePosRecord> taken(const unsigned char* buff, bool swap);
-    // The number's record holds `pos`.
-    bool holds(std::uint32_t number, std::int64_t pos) const;
-    // The number of the last record that begins at `pos` or before; the first one does.
-    std::uint32_t lastUpTo(std::int64_t pos) const;
+    std::int64_t likelyNumber(std::int64_t pos) const;
+    // The number of the record around the guess that holds `pos`, or -1.
+    std::int64_t searchOutward(std::int64_t guess, std::int64_t pos) const;
+    std::uint32_t answer(std::int64_t number, std::int64_t cursor) const;
 
     std::string fFileName;
     // Write side.
