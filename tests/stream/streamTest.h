@@ -19,22 +19,16 @@ namespace support {
 class ModelStream {
 public:
     ModelStream(const std::string& file, const char* mode, Bytes& content, bool encrypted = false)
-        : fStream(new ORVA_FileStream(file.c_str(), mode, encrypted)),
-          fContent(content),
-          fMode(mode),
-          fEncrypted(encrypted) {
-        fPadded = padded();
-        moveTo(appends() ? std::ssize(content) : 0);
+        : fStream(file.c_str(), mode, encrypted), fContent(content), fMode(mode), fEncrypted(encrypted) {
+        begin(appends());
     }
-    // A copy: at position 0, sharing the file and so the content.
-    ModelStream(const ModelStream& source)
-        : fStream(new ORVA_FileStream(*source.fStream)),
-          fContent(source.fContent),
-          fMode(source.fMode),
-          fEncrypted(source.fEncrypted),
-          fPadded(source.padded()) {}
+    // At the end, or at 0 as a copy, which shares the file and so the content.
+    void begin(bool atEnd = false) {
+        fPadded = padded();
+        moveTo(atEnd ? std::ssize(fContent) : 0);
+    }
 
-    ORVA_FileStream& stream() { return *fStream; }
+    ORVA_FileStream& stream() { return fStream; }
     std::int64_t position() const { return fPosition; }
     std::int64_t end() const { return std::max<std::int64_t>(std::ssize(fContent), fEncrypted ? fPadded : 0); }
     bool reads() const { return fMode.find_first_of("r+") != std::string::npos; }
@@ -43,11 +37,11 @@ public:
     void read(std::size_t size) {
         Bytes bytes(size);
         try {
-            bytes.resize(fStream->Read(bytes.data(), static_cast<std::uint32_t>(size)));
+            bytes.resize(fStream.Read(bytes.data(), static_cast<std::uint32_t>(size)));
         } catch (const FileError& error) {
             if (reads() || error.code().value() == ENOSPC) throw;
             EXPECT_EQ(error.code().value(), EBADF);
-            bytes.resize(static_cast<std::size_t>(fStream->Tell() - fPosition));
+            bytes.resize(static_cast<std::size_t>(fStream.Tell() - fPosition));
             size = bytes.size();
         }
         EXPECT_TRUE(sameBytes(bytes, slice(fContent, fPosition, size)));
@@ -56,9 +50,9 @@ public:
     // One that fails has taken the bytes before the position.
     void write(const Bytes& bytes) {
         try {
-            EXPECT_EQ(fStream->Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
+            EXPECT_EQ(fStream.Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
         } catch (const FileError&) {
-            took(slice(bytes, 0, fStream->Tell() - fPosition));
+            took(slice(bytes, 0, fStream.Tell() - fPosition));
             throw;
         }
         took(bytes);
@@ -67,28 +61,27 @@ public:
         const std::int64_t bases[] = {0, fPosition, end()};
         std::int64_t target = 0;
         const bool legal = !__builtin_add_overflow(bases[direction], offset, &target) && target >= 0;
-        EXPECT_EQ(fStream->Seek(offset, direction), legal ? 0 : -1);
+        EXPECT_EQ(fStream.Seek(offset, direction), legal ? 0 : -1);
         moveTo(legal ? target : fPosition);
     }
     // Bytes that wait are dropped.
     void reset() {
-        fStream->ClearAndReset();
+        fStream.ClearAndReset();
         moveTo(0);
     }
     // The file has the pad from then on; the stream itself knows which bytes are pad.
     void close() {
-        EXPECT_EQ(fStream->Close(), 1);
+        EXPECT_EQ(fStream.Close(), 1);
         fPadded = std::max(fPadded, padded());
     }
     // Its own file once more: a new object has the pad for data.
     void reopen() {
-        EXPECT_EQ(fStream->Open(fStream->GetNameStr(), fMode.c_str()), 1);
+        EXPECT_EQ(fStream.Open(fStream.GetNameStr(), fMode.c_str()), 1);
         if (fMode[0] == 'w') fContent.clear();
         if (fEncrypted) fContent.resize(static_cast<std::size_t>(padded()));
-        fPadded = padded();
-        moveTo(appends() ? std::ssize(fContent) : 0);
+        begin(appends());
     }
-    void moveTo(std::int64_t position) { EXPECT_EQ(fStream->Tell(), fPosition = position); }
+    void moveTo(std::int64_t position) { EXPECT_EQ(fStream.Tell(), fPosition = position); }
 
 private:
     void took(const Bytes& bytes) {
@@ -97,7 +90,7 @@ private:
     }
     std::int64_t padded() const { return (std::ssize(fContent) + 15) / 16 * 16; }
 
-    std::unique_ptr<ORVA_FileStream> fStream;
+    ORVA_FileStream fStream;
     Bytes& fContent;
     const std::string fMode;
     const bool fEncrypted;
@@ -107,30 +100,18 @@ private:
 
 // Tells a call of the library as one, also where the system needed several: "R 512+1000" is a read at offset 512 that
 // asked for 1,000 bytes, "W" a write; in small letters if another thread than the test's made it.
-class FileCalls : public platform::faults::Hook {
+class FileCalls : public CallHook {
 public:
     // What was made since the last time, apart by ", ". Only with no call under way: another thread's may be missing.
     std::string transfers() {
         const std::lock_guard guard(fLock);
         return std::exchange(fTransfers, {});
     }
-    // The next such call fails, and moves `part` bytes before.
-    void fail(Call call, int error, std::uint64_t part = 0) {
-        const std::lock_guard guard(fLock);
-        fFails = call, fError = error, fPart = part;
-    }
     // Until the other threads have ended so many reads since the hook was installed.
     void awaitReads(int reads) const {
         while (fOtherReads < reads) std::this_thread::yield();
     }
-    Verdict before(const platform::faults::Step& step) override {
-        const std::lock_guard guard(fLock);
-        ++count;
-        if (step.call != fFails) return Verdict::goOn();
-        if (fPart != 0) return Verdict::atMost(std::exchange(fPart, 0));
-        return Verdict::fail(std::exchange(fError, 0));
-    }
-    void after(const platform::faults::Step& step) override {
+    void after(const Step& step) override {
         const std::lock_guard guard(fLock);
         if (step.call != Call::Read && step.call != Call::Write) return;
         const bool continues = fRest != 0 && fRest == step.size;
@@ -143,8 +124,6 @@ public:
         fTransfers += ' ' + std::to_string(offset) + '+' + std::to_string(step.size);
     }
 
-    std::atomic<int> count{0};
-
 private:
     bool onOtherThread() const { return std::this_thread::get_id() != fTestThread; }
 
@@ -153,10 +132,6 @@ private:
     std::mutex fLock;  // guards what follows
     std::string fTransfers;
     std::uint64_t fRest = 0;  // what the system left undone of the call under way
-    Call fFails{};
-    int fError = 0;
-    std::uint64_t fPart = 0;
-    platform::faults::Installed fInstalled{*this};
 };
 
 struct Script {
@@ -218,10 +193,15 @@ protected:
         {'r', [&](auto n) { model->read(static_cast<std::size_t>(n)); }},
         {'w', [&](auto n) { model->write(slice(noise(), written += 1'009, n)); }},
         {'f', [&](auto) { EXPECT_EQ(s().Flush(), 1); }},
-        {'d', [&](auto n) { s().Write("dropped", static_cast<std::uint32_t>(n)), model->reset(); }},
-        {'k', [&](auto) { model = std::make_unique<ModelStream>(*model); }},  // goes on with a copy
+        {'k', [&](auto) { model = std::make_unique<ModelStream>(*model), model->begin(); }},  // goes on with a copy
         {'p', [&](auto on) { on ? s().EnablePreReading() : s().DisablePreReading(); }},
         {'t', [&](auto on) { on ? s().EnableMultiThreadReading() : s().DisableMultiThreadReading(); }},
+        // The next write moves so many bytes at most, and fails; the next seek fails; a seek to the end and a write
+        // that fail.
+        {'x', [&](auto part) { calls->fail(Call::Write, ENOSPC, static_cast<std::uint64_t>(part)); }},
+        {'q', [&](auto error) { calls->fail(Call::Seek, static_cast<int>(error)); }},
+        {'E', [&](auto) { EXPECT_EQ(s().Seek(0, ORVA_StrBaseIO::SeekFromEnd), -1), model->moveTo(model->position()); }},
+        {'W', [&](auto n) { EXPECT_NE(failureOf([&] { model->write(slice(noise(), 0, n)), s().Flush(); }), ""); }},
         // Waits for the n-th read of another thread.
         {'a', [&](auto n) { calls->awaitReads(static_cast<int>(n)); }},
     };

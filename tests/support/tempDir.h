@@ -57,16 +57,28 @@ inline std::uint64_t told(const char* variable, std::uint64_t otherwise) {
     return value != nullptr ? std::strtoull(value, nullptr, 10) : otherwise;
 }
 
-// A hook made of one function, which is asked before each raw call while this lives. Counts the calls.
+// Asked before each raw call while this lives: one function, or else what `fail` said. Counts the calls.
 class CallHook : public platform::faults::Hook {
 public:
     using Ask = std::function<Verdict(const Step& step, std::uint64_t number)>;
-    explicit CallHook(Ask ask = [](const Step&, std::uint64_t) { return Verdict::goOn(); }) : fAsk(std::move(ask)) {}
-    Verdict before(const Step& step) override { return fAsk(step, ++count); }
+    explicit CallHook(Ask ask = nullptr) : fAsk(std::move(ask)) {}
+    // The next such call fails, and moves `part` bytes before. An error of 0 takes that back.
+    void fail(Call call, int error, std::uint64_t part = 0) { fPart = part, errorOf(call) = error; }
+    Verdict before(const Step& step) override {
+        const std::uint64_t number = ++count;
+        if (fAsk) return fAsk(step, number);
+        if (errorOf(step.call) == 0) return Verdict::goOn();
+        const std::uint64_t part = fPart.exchange(0);
+        return part != 0 ? Verdict::atMost(part) : Verdict::fail(errorOf(step.call).exchange(0));
+    }
     std::atomic<std::uint64_t> count{0};
 
 private:
+    std::atomic<int>& errorOf(Call call) { return fErrors[static_cast<std::size_t>(call)]; }
+
     const Ask fAsk;
+    std::atomic<int> fErrors[16]{};
+    std::atomic<std::uint64_t> fPart{0};
     const platform::faults::Installed fInstalled{*this};
 };
 
@@ -95,11 +107,10 @@ class TempDir : public testing::Test {
 protected:
     TempDir() {
         std::error_code none;
-        const std::filesystem::path memory = "/dev/shm";
-        const std::filesystem::space_info room = std::filesystem::space(memory, none);
-        const bool inMemory = !none && room.available > (std::uintmax_t{1} << 29);
+        const std::uintmax_t room = std::filesystem::space("/dev/shm", none).available;
+        const bool inMemory = !none && room > (std::uintmax_t{1} << 29);
         const char* parents = std::getenv(kParents);
-        const std::filesystem::path home = inMemory ? memory : std::filesystem::temp_directory_path();
+        const std::filesystem::path home = inMemory ? "/dev/shm" : std::filesystem::temp_directory_path();
         std::string pattern = ((parents != nullptr ? parents : home) / "orvaXXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make " + pattern);
         fDirectory = pattern;
