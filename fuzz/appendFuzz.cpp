@@ -111,7 +111,7 @@ private:
         const auto same = [&](auto at, auto size) { return slice(now, at, size) == slice(file, at, size); };
         require(now.size() == file.size(), "the file has its old length");
         require(same(0, old.blocksEnd), "heading and blocks are the old ones");
-        require(same(old.heading._indexPos, old.heading._size), "the index is the old one");
+        require(same(old.layout.heading._indexPos, old.layout.heading._size), "the index is the old one");
         require(!std::filesystem::exists(sideName), "no side file is left");
     }
     void requireAdded(std::int64_t from, const Bytes& added) const {

@@ -61,7 +61,7 @@ void readByStream(zcmpsFilestr& stream, const Part& reference, FuzzedDataProvide
 // orva::Reader finds out the byte order by itself.
 void readByPlace(const Input& in, FuzzedDataProvider& steps) {
     const Part native(in.file, kRow0, false), swapped(in.file, kRow0, true);
-    const Part& reference = native.heading._caseStartPos == kRow0 ? native : swapped;
+    const Part& reference = native.layout.heading._caseStartPos == kRow0 ? native : swapped;
     std::optional<orva::Reader> reader;
     const orva::ReaderOptions options{kRow0, 1, steps.ConsumeIntegralInRange(0, 2)};
     const bool opens = soundFor<orva::DamagedFileError>([&] { reader.emplace(in.name, options); });

@@ -32,8 +32,8 @@ inline void takeRoad(zcmpsFilestr& stream, int road) {
 }
 
 // A stream over a new file that holds a dictionary part only.
-inline std::unique_ptr<zcmpsFilestr> freshStream(const std::string& name, int road, std::int64_t row0 = kRow0) {
-    writeBytes(name, Bytes(static_cast<std::size_t>(row0), 0xD5));
+inline std::unique_ptr<zcmpsFilestr> freshStream(const std::string& name, int road) {
+    writeBytes(name, Bytes(kRow0, 0xD5));
     auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "r+b"));
     takeRoad(*stream, road);
     return stream;
@@ -50,9 +50,9 @@ inline void resume(zcmpsFilestr& stream, std::int64_t end, bool swap = false) {
     stream.setFileToAppend(end, swap);
 }
 
-inline std::unique_ptr<zcmpsFilestr> startedWriter(const std::string& name, int road, std::int64_t row0 = kRow0) {
-    auto stream = freshStream(name, road, row0);
-    beginRows(*stream, row0);
+inline std::unique_ptr<zcmpsFilestr> startedWriter(const std::string& name, int road) {
+    auto stream = freshStream(name, road);
+    beginRows(*stream);
     return stream;
 }
 
@@ -77,7 +77,7 @@ inline void writeBlocks(zcmpsFilestr& stream, const std::vector<Bytes>& blocks) 
 inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, std::int64_t row0 = kRow0, int road = 0,
                      bool durable = false) {
     ORVA_FileStream source(name.c_str(), "w+b");
-    write(source, Bytes(static_cast<std::size_t>(row0), 0xD5));
+    write(source, Bytes(kRow0, 0xD5));
     zcmpsFilestr stream(source);
     takeRoad(stream, road);
     stream.setDurable(durable);
@@ -103,13 +103,11 @@ protected:
 // A stream that reads a finished file.
 class Reader {
 public:
-    explicit Reader(const std::string& name, int road = 0)
+    explicit Reader(const std::string& name, int road = 0, std::int64_t row0 = 0, bool swap = false)
         : fStream(std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"))) {
         if (fStream->Good() == 0) throw SystemFileException(1201, "", "", 0, true);
         takeRoad(*fStream, road);
-    }
-    Reader(const std::string& name, int road, std::int64_t row0, bool swap = false) : Reader(name, road) {
-        fStream->readFilePosInfo(row0, swap);
+        if (row0 != 0) fStream->readFilePosInfo(row0, swap);
     }
     zcmpsFilestr* operator->() const { return fStream.get(); }
     zcmpsFilestr& operator*() const { return *fStream; }
@@ -124,31 +122,6 @@ private:
     std::unique_ptr<zcmpsFilestr> fStream;
 };
 
-// Heading and index as they stand in a file, read past the library.
-struct Layout {
-    Layout() = default;
-    explicit Layout(const Bytes& file, std::int64_t row0 = kRow0) {
-        copy(file, row0, &heading, sizeof heading);
-        copy(file, heading._indexPos, &first, sizeof first);
-        records.resize(static_cast<std::size_t>(heading._size / kRecordSize - 1));
-        copy(file, heading._indexPos + kRecordSize, records.data(), records.size() * sizeof(filePosRecord));
-    }
-    static void copy(const Bytes& file, std::int64_t offset, void* to, std::size_t size) {
-        const Bytes bytes = slice(file, offset, size);
-        if (bytes.size() != size) throw std::runtime_error("no such bytes in the file");
-        if (size != 0) std::memcpy(to, bytes.data(), size);
-    }
-    std::vector<std::int32_t> sizes() const {
-        std::vector<std::int32_t> all;
-        for (const filePosRecord& record : records) all.push_back(record.orginalSize);
-        return all;
-    }
-
-    compressionHeading heading{};
-    filePosRecord first{};
-    std::vector<filePosRecord> records;
-};
-
 template <class Struct>
 Bytes bytesOf(const Struct& value) {
     Bytes bytes(sizeof value);
@@ -159,20 +132,13 @@ Bytes bytesOf(const Struct& value) {
 // All rules of a finished file, without the library.
 inline void expectFinished(const Bytes& file, const Bytes& rows, const std::vector<std::int32_t>& sizes) {
     const secondReader part(file, kRow0, false);
-    const Layout layout(file);
     EXPECT_EQ(slice(file, 0, kRow0), Bytes(kRow0, 0xD5)) << "the dictionary part";
-    EXPECT_EQ(bytesOf(layout.first), bytesOf(filePosRecord{-100, 0, kBlock, static_cast<std::int32_t>(sizes.size())}));
-    EXPECT_EQ(layout.sizes(), sizes);
+    EXPECT_EQ(bytesOf(part.layout.first),
+              bytesOf(filePosRecord{-100, 0, kBlock, static_cast<std::int32_t>(sizes.size())}));
+    EXPECT_EQ(part.layout.sizes(), sizes);
     EXPECT_TRUE(part.sound && sameBytes(*part.allRows(), rows));
-    EXPECT_EQ(layout.heading._indexPos, part.blocksEnd);
-    EXPECT_EQ(std::ssize(file), part.blocksEnd + layout.heading._size);
-}
-
-// Transfers of one kind that begin in a range of the file fail, as on a disk with a bad spot or no room.
-inline CallHook::Ask badPlace(Call kind, int error, std::int64_t begin = 0, std::int64_t end = INT64_MAX) {
-    return [=](const Step& step, std::uint64_t) {
-        return step.call == kind && step.offset >= begin && step.offset < end ? Verdict::fail(error) : Verdict::goOn();
-    };
+    EXPECT_EQ(part.layout.heading._indexPos, part.blocksEnd);
+    EXPECT_EQ(std::ssize(file), part.blocksEnd + part.layout.heading._size);
 }
 
 // Assertion texts are looked for in the last words of a child that is started anew, since threads may be running here.

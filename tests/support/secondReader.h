@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <limits>
 #include <optional>
 
 namespace support {
@@ -51,6 +50,36 @@ inline Bytes standingRows(const Bytes& file, std::int64_t at) {
     return rows;
 }
 
+// Heading and index as they stand in a file; nothing where they can't.
+struct Layout {
+    Layout() = default;
+    explicit Layout(const Bytes& file, std::int64_t row0 = 1'000, bool swap = false) {
+        const auto inside = [&](std::int64_t at, std::int64_t size) {
+            return at > 0 && size >= kRecordSize && at <= std::ssize(file) - size;
+        };
+        if (!inside(row0, kHeadingSize)) return;
+        std::memcpy(&heading, file.data() + row0, sizeof heading);
+        if (swap) orva::swapHeading(heading);
+        whole = inside(heading._indexPos, heading._size) && heading._size % kRecordSize == 0;
+        if (!whole) return;
+        records.resize(static_cast<std::size_t>(heading._size / kRecordSize));
+        std::memcpy(records.data(), file.data() + heading._indexPos, records.size() * sizeof first);
+        if (swap) std::for_each(records.begin(), records.end(), orva::swapRecord);
+        first = records.front();
+        records.erase(records.begin());
+    }
+    std::vector<std::int32_t> sizes() const {
+        std::vector<std::int32_t> all;
+        for (const filePosRecord& record : records) all.push_back(record.orginalSize);
+        return all;
+    }
+
+    compressionHeading heading{};
+    filePosRecord first{};
+    std::vector<filePosRecord> records;
+    bool whole = false;
+};
+
 // A reader made from docs/format.md and the codec alone.
 struct secondReader {
     using Inflate = std::function<Inflated(const unsigned char* from, std::size_t size)>;
@@ -61,7 +90,7 @@ struct secondReader {
     };
     const Bytes& file;
     const std::int64_t row0;
-    compressionHeading heading{};
+    const Layout layout;
     std::vector<Block> blocks{};
     std::int64_t end = row0;                       // of the rows
     std::int64_t blocksEnd = row0 + kHeadingSize;  // of contiguous blocks in the file
@@ -71,83 +100,63 @@ struct secondReader {
 
     // `from` stays the caller's, and outlives this.
     secondReader(const Bytes& from, std::int64_t at, bool swap, const Inflate& inflate = byZlibInBlock)
-        : file(from), row0(at), opens(takeIndex(swap)) {
+        : file(from), row0(at), layout(from, at, swap), opens(takeIndex()) {
         if (!opens) blocks.clear();
-        for (std::size_t i = 0; i < blocks.size(); ++i) takeBlock(blocks[i], i + 1 == blocks.size(), inflate);
-        contiguous = opens && contiguous && (blocks.empty() || heading._indexPos >= blocksEnd);
+        for (std::size_t i = 0; i < blocks.size(); ++i) takeBlock(i, inflate);
+        contiguous = opens && contiguous && (blocks.empty() || layout.heading._indexPos >= blocksEnd);
         sound = contiguous && std::all_of(blocks.begin(), blocks.end(), [](auto& b) { return !!b.rows; });
     }
 
-    bool inside(std::int64_t at, std::int64_t size) const {
-        return at >= 0 && size >= 0 && at <= std::ssize(file) - size;
-    }
-
-    bool takeIndex(bool swap) {
-        if (row0 <= 0 || !inside(row0, kHeadingSize)) return false;
-        std::memcpy(&heading, file.data() + row0, sizeof heading);
-        if (swap) orva::swapHeading(heading);
-        if (heading._caseStartPos != row0 || heading._indexPos < row0 + 24) return false;
-        if (!inside(heading._indexPos, heading._size) || heading._size < 24 || heading._size % 24 != 0) return false;
-        std::vector<filePosRecord> records(static_cast<std::size_t>(heading._size / 24));
-        std::memcpy(records.data(), file.data() + heading._indexPos, records.size() * 24);
-        if (swap) std::for_each(records.begin(), records.end(), orva::swapRecord);
-        const filePosRecord& first = records[0];
+    bool takeIndex() {
+        const auto& [heading, first, records, whole] = layout;
+        if (!whole || heading._caseStartPos != row0 || heading._indexPos < row0 + kHeadingSize) return false;
         if (first.orginalPos != kFirstRecordMark || first.orginalSize < 1) return false;
-        if (first.translateSize != std::ssize(records) - 1) return false;
-        for (std::size_t i = 1; i < records.size(); ++i) {
-            const filePosRecord& r = records[i];
-            const bool ascends = i == 1 ? r.orginalPos == row0 : r.orginalPos > records[i - 1].orginalPos;
-            if (!ascends || r.orginalSize < 1) return false;
-            if (r.orginalPos > std::numeric_limits<std::int64_t>::max() - r.orginalSize) return false;
+        if (first.translateSize != std::ssize(records)) return false;
+        for (const filePosRecord& r : records) {
+            const bool ascends = blocks.empty() ? r.orginalPos == row0 : r.orginalPos > blocks.back().record.orginalPos;
+            if (!ascends || r.orginalSize < 1 || r.orginalPos > INT64_MAX - r.orginalSize) return false;
             blocks.push_back({r, {}});
         }
         return true;
     }
 
-    void takeBlock(Block& block, bool last, const Inflate& inflate) {
-        const filePosRecord& r = block.record;
+    void takeBlock(std::size_t number, const Inflate& inflate) {
+        const filePosRecord& r = blocks[number].record;
+        const auto i = static_cast<std::ptrdiff_t>(number);
         const std::int64_t most = kBlockSize;
         const bool fits = r.orginalSize <= most && r.translateSize >= 1 && r.translateSize <= most;
         contiguous = contiguous && fits && r.orginalPos == end && r.translatePos == blocksEnd;
         if (contiguous) blocksEnd += r.translateSize;
         end = r.orginalPos + r.orginalSize;
-        const bool touches = last || end == (&block + 1)->record.orginalPos;
-        if (!fits || !touches || !stands(&block) || yields(&block, -1) || yields(&block, 1)) return;
+        const bool touches = number + 1 == blocks.size() || end == blocks[number + 1].record.orginalPos;
+        if (!fits || !touches || !place(i) || yields(i, i - 1) || yields(i, i + 1)) return;
         const Inflated made = inflate(file.data() + r.translatePos, static_cast<std::size_t>(r.translateSize));
         const bool asRecorded = std::ssize(made.rows) == r.orginalSize && made.taken == r.translateSize;
-        if (made.whole && asRecorded) block.rows = made.rows;
+        if (made.whole && asRecorded) blocks[number].rows = made.rows;
     }
 
-    // The record that many steps behind, if there is one whose bytes can stand in the file.
-    const filePosRecord* stands(const Block* block, std::ptrdiff_t step = 0) const {
-        const std::ptrdiff_t at = block - blocks.data() + step;
-        if (at < 0 || at >= std::ssize(blocks)) return nullptr;
-        const filePosRecord& r = blocks[static_cast<std::size_t>(at)].record;
-        const bool can = r.translateSize >= 1 && r.translateSize <= std::int64_t{kBlockSize} &&
-                         inside(r.translatePos, r.translateSize);
-        return can ? &r : nullptr;
+    // Where the bytes of that block stand, if there is one and they can.
+    struct Place {
+        std::int64_t begin, end;
+    };
+    std::optional<Place> place(std::ptrdiff_t i) const {
+        if (i < 0 || i >= std::ssize(blocks)) return std::nullopt;
+        const filePosRecord& r = layout.records[static_cast<std::size_t>(i)];
+        const bool fits = r.translateSize >= 1 && r.translateSize <= std::int64_t{kBlockSize};
+        if (!fits || r.translatePos < 0 || r.translatePos > std::ssize(file) - r.translateSize) return std::nullopt;
+        return Place{r.translatePos, r.translatePos + r.translateSize};
     }
-    int looseEnds(const Block* block) const {
-        const filePosRecord& r = block->record;
-        const filePosRecord* before = stands(block, -1);
-        const filePosRecord* behind = stands(block, 1);
-        const bool first = block == blocks.data();
-        const std::int64_t begin =
-            before != nullptr ? before->translatePos + before->translateSize : row0 + kHeadingSize;
-        const bool looseBegin = (before != nullptr || first) && r.translatePos != begin;
-        const bool looseEnd = behind != nullptr && r.translatePos + r.translateSize != behind->translatePos;
-        return (looseBegin ? 1 : 0) + (looseEnd ? 1 : 0);
+    int looseEnds(std::ptrdiff_t i) const {
+        const auto before = place(i - 1), own = place(i), behind = place(i + 1);
+        const bool begin = (before || i == 0) && own->begin != (before ? before->end : row0 + kHeadingSize);
+        return (begin ? 1 : 0) + (behind && own->end != behind->begin ? 1 : 0);
     }
     // Of two neighbours with bytes in common this one is refused.
-    bool yields(const Block* block, std::ptrdiff_t step) const {
-        const filePosRecord* r = stands(block);
-        const filePosRecord* other = stands(block, step);
-        if (r == nullptr || other == nullptr) return false;
-        if (std::max(r->translatePos, other->translatePos) >=
-            std::min(r->translatePos + r->translateSize, other->translatePos + other->translateSize))
-            return false;
-        const int more = looseEnds(block) - looseEnds(block + step);
-        return more != 0 ? more > 0 : r->translatePos <= other->translatePos;
+    bool yields(std::ptrdiff_t i, std::ptrdiff_t other) const {
+        const auto own = place(i), its = place(other);
+        if (!own || !its || std::max(own->begin, its->begin) >= std::min(own->end, its->end)) return false;
+        const int more = looseEnds(i) - looseEnds(other);
+        return more != 0 ? more > 0 : own->begin <= its->begin;
     }
 
     // What a read gives: rows, or none where it meets damage.

@@ -1,9 +1,14 @@
-// The two block codecs: what comes back for whole, damaged, cut and misused blocks.
+// The two block codecs: what comes back for whole, damaged, cut and misused blocks. The bytes of heading and index;
+// their other byte order is modelTest.cpp's, lies of an index are told in recovery/damageTest.cpp.
 #include "coreTest.h"
 #include "format/blockTransfer.h"
+#include "format/filePosInfo.h"
+#include "format/storedBytes.h"
 
 #include <orva/lz4Compress.h>
 #include <orva/zlibCompress.h>
+
+#include <sstream>
 
 namespace core {
 namespace {
@@ -26,32 +31,28 @@ Bytes deflated(const Bytes& rows, int level = 1) {
 // against zlib by the fuzz target of the codec, and told of blocks in recovery/damageTest.cpp.
 TEST(ZlibCodec, AnswersByTheBytesProduced) {
     const Bytes packed = deflated(kRows);
+    constexpr auto pack = &zlibCompressBlock::compressBlock, unpack = &zlibCompressBlock::decompressBlock;
     const struct {
         const char* name;
-        bool compress;
+        decltype(pack) call;
         Bytes from;
         std::uint32_t room, lowest, highest;
     } cases[] = {
-        {"Whole", false, packed, 100'000, 100'000, 100'000},
-        {"WholeTheOtherWay", true, kRows, 120'000, 1'000, 99'999},
-        {"TooLittleRoomToInflateGivesTheRoom", false, packed, 99'999, 99'999, 99'999},
-        {"TooLittleRoomToDeflateGivesTheRoom", true, kNoise, 100'000, 100'000, 100'000},
-        {"NoZlibDataGivesNothing", false, Bytes(1'000, 'x'), 1'000, 0, 0},
-        {"ACutStreamGivesItsPart", false, slice(packed, 0, packed.size() / 2), 100'000, 10'000, 99'999},
+        {"Whole", unpack, packed, 100'000, 100'000, 100'000},
+        {"WholeTheOtherWay", pack, kRows, 120'000, 1'000, 99'999},
+        {"TooLittleRoomToInflateGivesTheRoom", unpack, packed, 99'999, 99'999, 99'999},
+        {"TooLittleRoomToDeflateGivesTheRoom", pack, kNoise, 100'000, 100'000, 100'000},
+        {"NoZlibDataGivesNothing", unpack, Bytes(1'000, 'x'), 1'000, 0, 0},
+        {"ACutStreamGivesItsPart", unpack, slice(packed, 0, packed.size() / 2), 100'000, 10'000, 99'999},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
         Bytes from = c.from, to(c.room + 1, 0xEE);
-        const auto run = [&](unsigned char* dest, std::uint32_t& room) {
-            zlibCompressBlock codec;
-            return c.compress ? codec.compressBlock(from.data(), sizeOf(from), dest, room)
-                              : codec.decompressBlock(from.data(), sizeOf(from), dest, room);
-        };
-        std::uint32_t outCount = c.room;
-        const auto result = static_cast<std::uint32_t>(run(to.data(), outCount));
-        EXPECT_TRUE(result >= c.lowest && result <= c.highest && outCount == result) << result;
-        EXPECT_EQ(to[c.room], 0xEE);
-        EXPECT_TRUE(run(nullptr, outCount) == 0 && outCount == result) << "no destination";
+        std::uint32_t outCount = c.room, none = c.room;
+        const auto result = (zlibCompressBlock().*c.call)(from.data(), sizeOf(from), to.data(), outCount);
+        EXPECT_TRUE(outCount >= c.lowest && outCount <= c.highest && result == std::int64_t{outCount}) << c.name;
+        EXPECT_EQ(to[c.room], 0xEE) << c.name;
+        EXPECT_EQ((zlibCompressBlock().*c.call)(from.data(), sizeOf(from), nullptr, none), 0) << c.name;
+        EXPECT_EQ(none, c.room) << "no destination";
     }
 }
 
@@ -101,6 +102,39 @@ TEST(Lz4Codec, CompressesByLevelAndReportsWhatDoesNotFit) {
         EXPECT_TRUE(unpack(size, 99'999) >= failed && unpack(size - 3, 100'000) >= failed);
     }
     EXPECT_TRUE(sizes[0] > sizes[1] && sizes[1] == sizes[2]);
+}
+
+Bytes fromHex(const char* digits) {
+    Bytes bytes;
+    std::istringstream stream(digits);
+    for (unsigned value = 0; stream >> std::hex >> value;) bytes.push_back(static_cast<unsigned char>(value));
+    return bytes;
+}
+
+TEST(Layout, HeadingAndIndexAreAsDocumented) {
+    filePosInfo index(kBlock);
+    EXPECT_EQ(index.writtenEnd(77), 77);
+    index.addRecord(4'191'208, 1'501'024, 4'190'208, 1'400'000);
+    std::uint32_t length = 0;
+    const unsigned char* serialized = index.serialize(length);
+    EXPECT_EQ(Bytes(serialized, serialized + length),
+              fromHex("9c ff ff ff ff ff ff ff 00 00 00 00 00 00 00 00 00 f0 3f 00 01 00 00 00 "
+                      "e8 f3 3f 00 00 00 00 00 60 e7 16 00 00 00 00 00 00 f0 3f 00 c0 5c 15 00"));
+    EXPECT_EQ(bytesOf(compressionHeading{1'000, 2'941'024, 96}),
+              fromHex("e8 03 00 00 00 00 00 00 60 e0 2c 00 00 00 00 00 60 00 00 00 00 00 00 00"));
+}
+
+// An index can be longer than what a file takes at a time.
+TEST(StoredBytes, MoveInPiecesOneBehindTheOther) {
+    const char* const base = "";
+    std::int64_t next = 0;
+    const auto transfer = [&](const char* bytes, std::uint32_t count, std::int64_t place) {
+        EXPECT_TRUE(bytes == base + next && place == next);
+        next += count;
+        return count;
+    };
+    EXPECT_TRUE(orva::inPieces(base, 2 * orva::kLongestTransfer + 1, 0, transfer));
+    EXPECT_EQ(next, 2 * std::int64_t{orva::kLongestTransfer} + 1);
 }
 
 }  // namespace
