@@ -14,9 +14,7 @@
 namespace core {
 namespace {
 
-using testing::AnyOf;
-using testing::HasSubstr;
-using testing::StartsWith;
+using testing::AnyOf, testing::HasSubstr, testing::StartsWith;
 
 constexpr Fault kFaults[] = {
     {"EioOnce", Fault::Calls, EIO},
@@ -35,7 +33,7 @@ protected:
     // Runs `body(road, scarcity)` over all faults and places.
     template <class Body>
     void everywhere(const std::vector<int>& roads, Body body) {
-        int refused[Fault::Kinds] = {};
+        std::map<std::string, int> refused;
         for (const int road : roads) {
             for (const Fault& fault : kFaults) {
                 bool reached = true;
@@ -44,38 +42,32 @@ protected:
                     Scarcity scarcity(fault, k);
                     body(road, scarcity);
                     reached = scarcity.reached();
-                    refused[fault.kind] += reached ? 1 : 0;
+                    refused[fault.name] += reached ? 1 : 0;
                     EXPECT_LT(k, 3'000U);
                 }
             }
         }
-        for (const int kind : refused) std::printf("%d ", kind);
-        std::printf("calls, allocations, codecs, threads and calls of the cipher were refused\n");
-        EXPECT_GT(refused[Fault::Calls], 20);
-        EXPECT_GT(refused[Fault::Memory], 5);
+        std::printf("%s refused\n", testing::PrintToString(refused).c_str());
+        EXPECT_TRUE(refused["EioOnce"] > 6 && refused["NoMemoryOnce"] > 2);
     }
 
-    // What was heard names what was refused.
-    void expectRight(const std::string& failure, const Scarcity& s) const {
-        if (failure.empty()) return;
-        EXPECT_TRUE(s.reached()) << failure << " out of nothing";
-        const int error = s.fault.error;
-        if (s.fault.kind == Fault::Calls || s.fault.kind == Fault::Cipher) {
-            EXPECT_THAT(failure, AnyOf(fileError(1002, error, fName), fileError(1003, error, fName),
-                                       StartsWith("SystemFileException 1201 ")));
-            if (failure.starts_with("System")) return;
-            EXPECT_THAT(s.text, HasSubstr(error != 0 ? std::strerror(error) : "unknown error"));
-        } else {
-            const bool threads = s.fault.kind == Fault::Threads;
-            const char* what = threads ? "other Resource temporarily unavailable" : "other std::bad_alloc";
-            EXPECT_THAT(failure, AnyOf(StartsWith(what), StartsWith(fileError(1002, ENOMEM, fName)),
-                                       StartsWith(fileError(1003, ENOMEM, fName))));
-        }
-    }
+    // What is heard names what was refused.
     template <class Body>
     std::string tried(Scarcity& s, Body body) const {
         const std::string failure = s.heard(body);
-        expectRight(failure, s);
+        const int error = s.fault.error;
+        EXPECT_TRUE(failure.empty() || s.reached()) << failure << " out of nothing";
+        if (s.fault.kind == Fault::Calls || s.fault.kind == Fault::Cipher) {
+            const char* const what = error != 0 ? std::strerror(error) : "unknown error";
+            EXPECT_THAT(failure, AnyOf("", fileError(1002, error, fName), fileError(1003, error, fName),
+                                       StartsWith("SystemFileException 1201 ")));
+            EXPECT_TRUE(!failure.starts_with("File") || s.text.find(what) != s.text.npos) << s.text;
+        } else {
+            const bool threads = s.fault.kind == Fault::Threads;
+            const char* const what = threads ? "other Resource temporarily unavailable" : "other std::bad_alloc";
+            EXPECT_THAT(failure, AnyOf("", StartsWith(what), StartsWith(fileError(1002, ENOMEM, fName)),
+                                       StartsWith(fileError(1003, ENOMEM, fName))));
+        }
         return failure;
     }
     // If it failed, then once more, with enough of everything.
@@ -92,7 +84,6 @@ TEST_F(Faults, H2_H4_M3_ANewFileAndItsReader) {
         writeBytes(fName, Bytes(kRow0, 0xD5));
         std::unique_ptr<zcmpsFilestr> stream;
         bool isWriter = false;
-        std::int32_t closed = 0;
         std::string heard = tried(s, [&] {
             stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(fName.c_str(), "r+b"));
             takeRoad(*stream, road);
@@ -102,20 +93,15 @@ TEST_F(Faults, H2_H4_M3_ANewFileAndItsReader) {
             writeBlocks(*stream, fBlocks);
         });
         if (stream != nullptr) {
-            const std::string atClose = tried(s, [&] { closed = stream->Close(); });
-            EXPECT_EQ(closed == 1, atClose.empty());
+            const std::string atClose = tried(s, [&] { EXPECT_EQ(stream->Close(), 1); });
             // The first failure is final; a stream that never was a writer has nothing to finish.
             EXPECT_TRUE(heard.empty() || atClose == (isWriter ? heard : "")) << atClose << " after " << heard;
             if (heard.empty()) heard = atClose;
-            if (!heard.empty() && isWriter) {
-                EXPECT_EQ(failureOf([&] { stream->Write("z", 1); }), heard);
-                closed = stream->Close();
-            }
+            EXPECT_TRUE(heard.empty() || !isWriter || failureOf([&] { stream->Write("z", 1); }) == heard);
         }
         EXPECT_EQ(s.heard([&] { stream.reset(); }), "") << "told before";
-        EXPECT_FALSE(s.bBehindHeading) << "the heading is written last";
-        EXPECT_FALSE(s.bBehindFailure) << "what comes after a failed block is dropped";
-        if (closed == 0 || !isWriter) {
+        EXPECT_FALSE(s.bBehindLast) << "the heading is written last, and nothing after a failed block";
+        if (!heard.empty()) {
             Bytes found;
             const std::string back = failureOf([&] { found = Reader(fName, 0, kRow0).read(100'000); });
             EXPECT_TRUE(back.empty() ? found == joined(fBlocks) : back.starts_with("DamagedFileError")) << back;
@@ -141,28 +127,18 @@ TEST_F(Faults, TheFace) {
         std::filesystem::create_directory(directory);
         int done = 0;  // files, or times that the rows are in one
         std::optional<orva::Reader> reader;
-        const auto expectRows = [&] {
-            Bytes found(rows.size() * 6);
-            const auto to = std::as_writable_bytes(std::span(found));
-            const std::size_t half = to.size() / 2;
-            std::vector<orva::ReadRequest> halves{{std::ssize(to) / 2, to.subspan(half)}, {0, to.first(half)}};
-            reader->read_ranges(halves);
-            EXPECT_EQ(found, joined(std::vector(6, rows)));
-        };
+        const auto expectRows = [&] { EXPECT_EQ(allRows(*reader), joined(std::vector(6, rows))); };
         const std::string heard = s.heard([&] {
             orva::Writer writer(one, {.threads = threads, .block = 65'536});
-            writer.write(spanOf(rows));
-            writer.flush_rows();
-            done = 1;
-            writer.write(spanOf(rows));
-            writer.finish();
-            done = 2;
+            for (; done < 2; ++done) {
+                writer.write(spanOf(rows));
+                done == 0 ? writer.flush_rows() : writer.finish();
+            }
             orva::Writer more = orva::Writer::append(one, {.threads = threads});
             more.write(spanOf(rows));
             more.finish();
             done = 3;
-            const orva::Path twice[] = {one, one};
-            orva::join(twice, both);
+            orva::join(std::vector<orva::Path>{one, one}, both);
             done = 4;
             reader.emplace(orva::Path(both), orva::ReaderOptions{.threads = threads});
             expectRows();
@@ -175,15 +151,13 @@ TEST_F(Faults, TheFace) {
             // Calls that fail cannot remove it either.
             EXPECT_TRUE(entry.path() == one || entry.path() == both || ofCalls) << entry.path();
         }
-        EXPECT_TRUE(done < 1 || std::filesystem::exists(one));
-        EXPECT_TRUE(done < 4 || std::filesystem::exists(both));
-        if (std::filesystem::exists(one)) {
+        if (done > 0 || std::filesystem::exists(one)) {
             orva::roll_back(one);
             const orva::i64 times = orva::Reader(orva::Path(one)).size() / std::ssize(rows);
             // What was finished before it failed to say so is there as well.
             EXPECT_TRUE(times == std::min(done, 3) || times == std::min(done, 2) + 1) << times << " after " << done;
         }
-        if (std::filesystem::exists(both) && !reader) reader.emplace(orva::Path(both));
+        if (!reader && (done == 4 || std::filesystem::exists(both))) reader.emplace(orva::Path(both));
         if (reader) expectRows();
     });
 }
@@ -205,64 +179,39 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
 }
 
 // A plain stream, of its bits: 1 read-ahead, 2 requests go straight to the file, 4 enciphered.
-class StreamFaults : public Faults {
-protected:
-    StreamFaults() { SetKeepEncrypt(true); }
-    ~StreamFaults() override { SetKeepEncrypt(false); }
-    static void open(std::unique_ptr<ORVA_FileStream>& stream, const std::string& name, const char* mode, int road) {
-        if (stream == nullptr) stream = std::make_unique<ORVA_FileStream>((road & 4) != 0);
-        if (stream->Open(name.c_str(), mode) == 0) throw SystemFileException(1201, "", "", 0, true);
-        if ((road & 1) != 0) stream->EnableMultiThreadReading();
-        if ((road & 2) != 0) stream->DisablePreReading();
-    }
-    const Bytes fContent = RandomBytes(7).noise(kBlock + 40'960);
-};
-
-TEST_F(StreamFaults, AStreamThatIsWrittenAndRead) {
+TEST_F(Faults, AStreamThatIsWrittenAndRead) {
+    const Bytes content = RandomBytes(7).noise(kBlock + 40'955);
     everywhere({1, 2, 5}, [&](int road, Scarcity& s) {
-        std::unique_ptr<ORVA_FileStream> stream;
+        SetKeepEncrypt((road & 4) != 0);
         std::filesystem::remove(fName);
-        untilDone(s, [&] { open(stream, fName, "w+b", road); });
-        std::int64_t end = 0;
-        // What was not taken, or waits, is written by the next attempt.
-        const auto goOn = [&] {
-            const std::int64_t at = stream->Tell();
-            stream->Write(fContent.data() + at, static_cast<std::uint32_t>(end - at));
-            stream->Flush();
-        };
-        for (const std::int64_t piece : {100L, 900L, kBlock + 960, 38'995L}) {
-            end += piece;
-            if (tried(s, goOn).empty()) continue;
-            EXPECT_TRUE(s.fault.kind != Fault::Calls || stream->Good() == 0);
-            stream->Clear();
-            EXPECT_EQ(failureOf(goOn), "");
+        ORVA_FileStream stream((road & 4) != 0);
+        untilDone(s, [&] {
+            if (stream.Open(fName.c_str(), "w+b") == 0) throw SystemFileException(1201, "", "", 0, true);
+            if ((road & 1) != 0) stream.EnableMultiThreadReading();
+            if ((road & 2) != 0) stream.DisablePreReading();
+        });
+        for (const std::int64_t end : {100L, 1'000L, kBlock + 1'960, kBlock + 40'955}) {
+            untilDone(s, [&] {
+                stream.Clear();
+                const std::int64_t at = stream.Tell();  // what was not taken, or waits, is written by this attempt
+                stream.Write(content.data() + at, static_cast<std::uint32_t>(end - at));
+                stream.Flush();
+            });
         }
-        const auto expectContent = [&] {
-            const std::pair<std::int64_t, std::int64_t> requests[] = {
-                {0, 1'600}, {512, 160}, {kBlock - 512, 4'800}, {1'024, kBlock + 40'960}, {end - 155, 320}, {0, 32}};
-            for (const auto& request : requests) {
-                const std::int64_t at = request.first, size = request.second;
-                Bytes found;
-                untilDone(s, [&] {
-                    stream->Clear();
-                    stream->Seek(at, ORVA_StrBaseIO::SeekFromStart);
-                    found = read(*stream, static_cast<std::size_t>(size));
-                });
-                EXPECT_EQ(stream->Good(), 1);
-                EXPECT_LE(std::ssize(found), end + 15 - at) << "a pad at most";
-                EXPECT_TRUE(sameBytes(slice(found, 0, end - at), slice(fContent, at, std::min(size, end - at))));
-            }
-        };
-        std::int32_t closed = 0;
-        const auto close = [&] { closed = stream->Close(); };
-        const bool atOnce = tried(s, close).empty();
-        if (s.fault.kind == Fault::Cipher) expectContent();  // what waits, too: the file has no torn block
-        if (!atOnce) close();
-        EXPECT_EQ(closed, 1);
-        untilDone(s, [&] { open(stream, fName, "rb", road); });
-        expectContent();
-        EXPECT_EQ(s.heard([&] { stream.reset(); }), "");
+        for (const std::int64_t at : {std::int64_t{0}, kBlock - 512}) {
+            Bytes found;
+            untilDone(s, [&] {
+                stream.Clear();
+                stream.Seek(at, ORVA_StrBaseIO::SeekFromStart);
+                found = read(stream, content.size() - static_cast<std::size_t>(at));
+            });
+            EXPECT_TRUE(sameBytes(found, slice(content, at, content.size()))) << at;
+        }
+        untilDone(s, [&] { EXPECT_EQ(stream.Close(), 1); });
+        ORVA_FileStream written(fName.c_str(), "rb", (road & 4) != 0);
+        EXPECT_TRUE(sameBytes(read(written, content.size()), content));
     });
+    SetKeepEncrypt(false);
 }
 
 }  // namespace
@@ -285,14 +234,12 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
             append.road = road;
             writeBytes(fName, old);
             std::unique_ptr<core::Reader> stream;
-            std::int32_t closed = 0;
             const std::string failure = tried(s, [&] {
                 stream = std::make_unique<core::Reader>(fName);
                 append.begin(*stream, end);
                 core::writeBlocks(**stream, added);
-                closed = (*stream)->Close();
+                EXPECT_EQ((*stream)->Close(), 1);
             });
-            EXPECT_EQ(closed == 1, failure.empty());
             const auto says = [&, text = s.text](const char* part) { return (failure + text).find(part) != text.npos; };
             EXPECT_EQ(s.heard([&] { stream.reset(); }), "") << "told before";
             undone += says("holds the rows that it held before") ? 1 : 0;

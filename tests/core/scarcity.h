@@ -17,7 +17,7 @@
 #endif
 
 struct Fault {
-    enum Kind { Calls, Memory, Codecs, Threads, Cipher, Kinds };
+    enum Kind { Calls, Memory, Codecs, Threads, Cipher };
     const char* name;
     Kind kind;
     int error = 0;
@@ -49,6 +49,13 @@ void* allocatedOrThrow(std::size_t size, std::size_t alignment) {
     void* bytes = allocated(size, alignment);
     return bytes != nullptr ? bytes : throw std::bad_alloc();
 }
+
+#if ORVA_FAST_CODEC
+void* codecMemory(std::size_t size) {
+    return strikes(Fault::Codecs) ? nullptr : std::malloc(size);
+}
+const bool isCodecMemory = (libdeflate_set_memory_allocator(codecMemory, std::free), true);
+#endif
 
 }  // namespace
 
@@ -87,14 +94,12 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 }
 
 // The linker leads the library's calls here (--wrap).
-extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-int __real_inflateInit_(z_stream* stream, const char* version, int size);
-int __wrap_inflateInit_(z_stream* stream, const char* version, int size) {
+extern "C" int __real_inflateInit_(z_stream* stream, const char* version, int size);
+extern "C" int __wrap_inflateInit_(z_stream* stream, const char* version, int size) {
     return strikes(Fault::Codecs) ? Z_MEM_ERROR : __real_inflateInit_(stream, version, size);
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-}
 
 namespace core {
 
@@ -106,17 +111,9 @@ public:
         last = fault.lasting ? UINT64_MAX : first.load();
         kind = fault.kind;
         count = 0;
-#if ORVA_FAST_CODEC
-        libdeflate_set_memory_allocator(
-            [](std::size_t size) { return strikes(Fault::Codecs) ? nullptr : std::malloc(size); }, std::free);
-#endif
-        platform::faults::install(this);
         workdir::faults::install(this);
     }
-    ~Scarcity() override {
-        platform::faults::install(nullptr);
-        workdir::faults::install(nullptr);
-    }
+    ~Scarcity() override { workdir::faults::install(nullptr); }
 
     // What failureOf says of `body`; `text` gets what a person would read. Strikes in there alone, and no more once
     // something was thrown.
@@ -137,13 +134,9 @@ public:
         return failure;
     }
     // There was a k-th piece.
-    bool reached() const {
-        return count >= first;
-    }
+    bool reached() const { return count >= first; }
 
-    bool fails(workdir::faults::Call) noexcept override {
-        return strikes(Fault::Cipher);
-    }
+    bool fails(workdir::faults::Call) noexcept override { return strikes(Fault::Cipher); }
     Verdict before(const Step& step) override {
         if (strikes(Fault::Calls)) return Verdict::fail(fault.error);
         const bool cut =
@@ -152,18 +145,17 @@ public:
     }
     void after(const Step& step) override {
         if (step.call != Call::Write) return;
-        if (bWriteFailed && step.result > 0) bBehindFailure = true;
-        if (step.result < 0) bWriteFailed = true;
-        if (step.result <= 0) return;
-        const bool heading = step.offset >= kRow0 && step.offset < kRow0 + kHeadingSize;
-        if (bHeading && !heading) bBehindHeading = true;
-        if (heading) bHeading = true;
+        const bool heading = step.result > 0 && step.offset >= kRow0 && step.offset < kRow0 + kHeadingSize;
+        if (bLast && step.result > 0 && !heading) bBehindLast = true;
+        if (heading || step.result < 0) bLast = true;
     }
 
     const Fault fault;
     std::string text;
-    std::atomic<bool> bHeading{false}, bBehindHeading{false};  // bytes were written there
-    std::atomic<bool> bWriteFailed{false}, bBehindFailure{false};
+    std::atomic<bool> bLast{false}, bBehindLast{false};  // bytes behind the heading, or behind a write that failed
+
+private:
+    const platform::faults::Installed fInstalled{*this};
 };
 
 }  // namespace core

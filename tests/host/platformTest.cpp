@@ -115,7 +115,7 @@ const CallCase kCalls[] = {
      "O L W2147479552=EINVAL ", EINVAL, kDigits},
     {"ReadAtAPlace", platform::_O_RDONLY, readDigitsAt, "O S@4 R12@1=5 R7@6=EINTR R7@6 R3@10 ", 0, kDigits},
     {"WriteAtAPlace", kWrite, writeDigitsAt, "O L W10@3=4 W6@7=EINTR W6@7 ", 0, "012" + kDigits},
-    {"NoPlaceBefore0", kWrite, [](int d) { return platform::writeAt(d, "a", 1, -1); }, "O L W1 ", EINVAL, kDigits},
+    {"NoPlaceBeforeTheFile", kWrite, [](int d) { return platform::writeAt(d, "a", 1, -1); }, "O L ", EINVAL, kDigits},
     {"ATakenNameIsNotMadeAnew", kWrite | platform::_O_EXCL, nullptr, "O ", EEXIST, kDigits},
     {"LocksBeforeItTruncates", kTruncate, nullptr, "O L=EINTR L T ", 0, ""},
     {"GoesOnWithoutLocks", kTruncate, nullptr, "O L=ENOLCK T ", 0, ""},
