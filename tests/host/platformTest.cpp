@@ -64,24 +64,16 @@ int readDigitsAt(int descriptor) {
     const int count = platform::readAt(descriptor, bytes.data(), 12, 1);
     return count - 9 + (count >= 0 && bytes.compare(0, 9, kDigits, 1) != 0);
 }
-int writeDigitsAt(int descriptor) {
-    return platform::writeAt(descriptor, kDigits.data(), 10, 3) - 10;
-}
-int writeDigits(int descriptor) {
-    return platform::_write(descriptor, kDigits.data(), 10) - 10;
-}
+constexpr auto writeDigitsAt = [](int d) { return platform::writeAt(d, kDigits.data(), 10, 3) - 10; };
+constexpr auto writeDigits = [](int d) { return platform::_write(d, kDigits.data(), 10) - 10; };
 
-int closeFile(int descriptor) {
-    return platform::_close(descriptor);
-}
+constexpr auto closeFile = [](int d) { return platform::_close(d); };
 int closeTemporary(int descriptor) {
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
     return platform::_close(descriptor, std::filesystem::read_symlink(link).c_str());
 }
 
-int openedAnew(int descriptor) {
-    return ::open(("/proc/self/fd/" + std::to_string(descriptor)).c_str(), O_RDWR);
-}
+constexpr auto openedAnew = [](int d) { return ::open(("/proc/self/fd/" + std::to_string(d)).c_str(), O_RDWR); };
 // What a second writer finds then. A forked child has a copy of the descriptor.
 template <auto close>
 int lockedAfter(int descriptor) {
@@ -122,8 +114,8 @@ const CallCase kCalls[] = {
     {"WhoAsksForAWriterIsNone", kTruncate, nullptr, "O L=EAGAIN L L T ", 0, ""},
     {"AWriterIsNotWaitedFor", kTruncate, nullptr, "O L=EAGAIN L=EAGAIN C ", EAGAIN, kDigits},
     {"OthersMayAskAtOnce", platform::_O_RDONLY, askedBesideAnother, "O L ", 0, kDigits},
-    {"ACloseUnlocksTheCopies", kWrite, lockedAfter<closeFile>, "O L D c C ", 0, kDigits},
-    {"AFailedCloseKeepsTheLock", kWrite, lockedAfter<closeFile>, "O L D c=EIO ", EAGAIN, kDigits},
+    {"ACloseUnlocksTheCopies", kWrite, lockedAfter<+closeFile>, "O L D c C ", 0, kDigits},
+    {"AFailedCloseKeepsTheLock", kWrite, lockedAfter<+closeFile>, "O L D c=EIO ", EAGAIN, kDigits},
     {"ACopysCloseKeepsTheLock", kWrite, lockedAfter<platform::closeInherited>, "O L C ", EAGAIN, kDigits},
     {"FailedLock", kTruncate, nullptr, "O L=EIO C ", EIO, kDigits},
     {"FailedTruncation", kTruncate, nullptr, "O L T=EIO C ", EIO, kDigits},
