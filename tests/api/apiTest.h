@@ -8,7 +8,7 @@
 #include <orva/orva.h>
 
 #include <cxxabi.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <memory>
