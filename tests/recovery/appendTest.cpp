@@ -10,17 +10,15 @@ class AppendTest : public FileTest {};
 TEST_F(AppendTest, TheSameFileOnEveryRoad) {
     for (Append append : kAppends) {
         SCOPED_TRACE(append.name);
-        makeFile(fFile, blocksOf(append.old));
-        const Bytes old = bytes();
-        const compressionHeading before = Layout(old).heading;
+        const Bytes old = finished(blocksOf(append.old));
         append.run(fFile);
         const Bytes appended = bytes();
-        const Layout after(appended);
+        const Layout before(old), after(appended);
         EXPECT_EQ(after.sizes(), append.sizes);
         EXPECT_TRUE(sameBytes(rowsOf(fFile), append.newRows()));
         // Where a safe one cuts rows, the old index behind the new one has no mark.
-        const bool stands = before._indexPos >= after.heading._indexPos + after.heading._size;
-        const Bytes blotted = append.cut != 0 && stands ? with(appended, before._indexPos, Bytes(8)) : appended;
+        const bool blots = append.cut != 0 && before.heading._indexPos >= after.heading._indexPos + after.heading._size;
+        const Bytes blotted = blots ? with(appended, before.heading._indexPos, Bytes(8)) : appended;
         for (append.road = 1; append.road < 6; ++append.road) {
             lay({{fFile, old}});
             append.run(fFile);
@@ -54,13 +52,12 @@ TEST_F(AppendTest, WhatIsNotFinishedIsUndoneAndAFailureIsFinal) {
                   "SystemFileException 1201 fData->pRealFile.Open(GetNameStr(),\"r+b\") errno 11 " + fFile);
         expectOld();
         append.begin(stream, append.keptEnd());
-        std::string failure;
-        {
+        const auto failure = [&] {
             const CallHook full([left = 1](const Step& step, std::uint64_t) mutable {
                 return step.call == Call::Write && left-- > 0 ? Verdict::fail(ENOSPC) : Verdict::goOn();
             });
-            failure = failureOf([&] { writeBlocks(*stream, blocksOf(append.added)); });
-        }
+            return failureOf([&] { writeBlocks(*stream, blocksOf(append.added)); });
+        }();
         EXPECT_EQ(failure, fileError(1002, ENOSPC, fFile));
         EXPECT_EQ(failureOf([&] { resume(*stream, append.keptEnd()); }), failure);
         EXPECT_EQ(failureOf([&] { stream->setRow0Pos(kRow0); }), failure);

@@ -246,8 +246,7 @@ INSTANTIATE_TEST_SUITE_P(, InterruptionTest, testing::Range(0, kEnding));
 
 TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     Append append = kAppends[GetParam()];
-    makeFile(fFile, blocksOf(append.old));
-    const Files old = present();
+    const Files old{{fFile, finished(blocksOf(append.old))}};
     const auto run = [&] { append.run(fFile); };
     const auto allOrNothing = [&](bool ended) {
         orva::rollBack(fFile);

@@ -94,18 +94,18 @@ inline const Append kAppends[] = {
 
 using Files = std::map<std::string, Bytes>;  // what the directory holds, by name
 
-inline Files present(const std::string& file) {
-    Files files;
-    for (const std::string& name : {file, orva::sideFileName(file)}) {
-        if (std::filesystem::exists(name)) files[name] = readBytes(name);
-    }
-    return files;
-}
-
 class FileTest : public TempDir, public testing::WithParamInterface<int> {
 protected:
     Bytes bytes() const { return readBytes(fFile); }
-    Files present() const { return recovery::present(fFile); }
+    // The bytes of a finished file, which is there then.
+    Bytes finished(const std::vector<Bytes>& blocks) const { return makeFile(fFile, blocks), bytes(); }
+    Files present() const {
+        Files files;
+        for (const std::string& name : {fFile, fSide}) {
+            if (std::filesystem::exists(name)) files[name] = readBytes(name);
+        }
+        return files;
+    }
     void lay(const Files& files) const {
         for (const std::string& name : {fFile, fSide, fOut}) std::filesystem::remove(name);
         for (const auto& [name, content] : files) writeBytes(name, content);

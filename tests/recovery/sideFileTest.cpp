@@ -51,7 +51,7 @@ protected:
         auto result = orva::rollBackResult::nothingToDo;
         const std::string failure = failureOf([&] { result = orva::rollBack(fFile); });
         const char* names[] = {"nothing", "undone", "kept as it is", "completed"};
-        return failure.empty() ? names[static_cast<int>(result)] : failure;
+        return failure + (failure.empty() ? names[static_cast<int>(result)] : "");
     }
 };
 
@@ -160,31 +160,34 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
 
 TEST(SideFile, IsBelievedOnlyWhereNobodyElseCanHaveMadeIt) {
     constexpr std::uint32_t owner = 1, caller = 2, member = 3;
-    std::uint32_t dataMode = 0664, directoryMode = 0775;
-    const auto believes = [&](std::uint32_t user, std::uint32_t group, std::uint32_t mode, std::uint64_t links = 1,
-                              bool regular = true) {
-        const platform::fileAccess side{1, 1, links, user, group, mode, regular};
-        const platform::fileAccess data{1, 2, 1, owner, 10, dataMode, true};
-        const platform::fileAccess directory{1, 3, 2, owner, 10, directoryMode, false};
-        return orva::canBeTrusted(side, data, directory, caller);
+    const struct {
+        const char* name;
+        bool believed;
+        std::uint32_t user, group, mode;
+        std::uint32_t dataMode = 0664, directoryMode = 0775;
+        std::uint64_t links = 1;
+        bool regular = true;
+    } rows[] = {
+        {"root's own", true, 0, 0, 0600},
+        {"the caller's", true, caller, 99, 0600},
+        {"the data owner's", true, owner, 99, 0600},
+        {"a group member's", true, member, 10, 0664},
+        {"of another group", false, member, 99, 0644},
+        {"writable by all", false, owner, 10, 0666},
+        {"writable by all, like the data", true, owner, 10, 0666, 0666},
+        {"writable by another group", false, owner, 99, 0660},
+        {"a group member's, where the group may not write", false, member, 10, 0644, 0644},
+        {"where the directory gives the group", false, member, 10, 0664, 0664, 02775},
+        {"where all may put files", false, member, 10, 0664, 0664, 01777},
+        {"with a second name", false, owner, 10, 0664, 0664, 0775, 2},
+        {"no regular file", false, owner, 10, 0664, 0664, 0775, 1, false},
     };
-    EXPECT_TRUE(believes(0, 0, 0600)) << "root's own";
-    EXPECT_TRUE(believes(caller, 99, 0600)) << "the caller's";
-    EXPECT_TRUE(believes(owner, 99, 0600)) << "the data owner's";
-    EXPECT_TRUE(believes(member, 10, 0664)) << "a group member's";
-    EXPECT_FALSE(believes(member, 99, 0644)) << "of another group";
-    EXPECT_FALSE(believes(owner, 10, 0666)) << "writable by all";
-    EXPECT_FALSE(believes(owner, 99, 0660)) << "writable by another group";
-    EXPECT_FALSE(believes(owner, 10, 0664, 2)) << "with a second name";
-    EXPECT_FALSE(believes(owner, 10, 0664, 1, false)) << "no regular file";
-    for (const std::uint32_t mode : {02775U, 01777U}) {
-        directoryMode = mode;
-        EXPECT_FALSE(believes(member, 10, 0664)) << "where the directory gives the group, or all may put files";
+    for (const auto& row : rows) {
+        const platform::fileAccess side{1, 1, row.links, row.user, row.group, row.mode, row.regular};
+        const platform::fileAccess data{1, 2, 1, owner, 10, row.dataMode, true};
+        const platform::fileAccess directory{1, 3, 2, owner, 10, row.directoryMode, false};
+        EXPECT_EQ(orva::canBeTrusted(side, data, directory, caller), row.believed) << row.name;
     }
-    directoryMode = 0775, dataMode = 0644;
-    EXPECT_FALSE(believes(member, 10, 0644)) << "where the group may not write";
-    dataMode = 0666;
-    EXPECT_TRUE(believes(owner, 10, 0666)) << "writable by all, like the data";
 }
 
 }  // namespace recovery
