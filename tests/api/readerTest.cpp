@@ -5,7 +5,6 @@
 
 #include <array>
 #include <functional>
-#include <random>
 #include <thread>
 #include <utility>
 
@@ -63,10 +62,10 @@ TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
     const Bytes rows = RandomBytes(6).rows(2'000'777);
     orva::Reader reader(written("rows", rows, {.block = 65'536}), {.threads = kSanitized ? 1 : 2});
     const auto reads = [&](int seed, int count) {
-        std::mt19937_64 places(
-            static_cast<std::uint64_t>(seed));  // no lock of the test's framework, which the child would find taken
+        SeededBytes places(
+            static_cast<std::uint64_t>(seed));  // no lock of the framework, which a child would find taken
         for (int i = 0; i < count; ++i) {
-            const std::size_t at = places() % rows.size();
+            const std::size_t at = places.below(rows.size());
             EXPECT_TRUE(sameBytes(rowsAt(reader, static_cast<i64>(at), 500), slice(rows, at, 500)));
         }
         EXPECT_TRUE(sameBytes(allRows(reader), rows));

@@ -5,6 +5,8 @@ using namespace api;
 
 namespace {
 
+using testing::Property, testing::Throws, testing::ThrowsMessage;
+
 class Refusals : public FaceTest {};
 
 TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
@@ -107,17 +109,13 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     EXPECT_EQ(names(), before);
     EXPECT_EQ(readBytes(path("whole")), whole);
 
-    try {
-        orva::Reader{std::make_shared<source>(line)};
-    } catch (const orva::Error& e) {
-        EXPECT_STREQ(e.what(), "the source is not finished: there is no heading at offset 512, where its rows begin");
-    }
-    try {
-        orva::recover(path("none"), path("to"));
-    } catch (const orva::Error& e) {
-        EXPECT_EQ(e.path(), path("none"));
-        EXPECT_EQ(e.what(), "cannot read \"" + path("none") + "\": No such file or directory; check the name");
-    }
+    EXPECT_THAT([&] { orva::Reader{std::make_shared<source>(line)}; },
+                ThrowsMessage<orva::Error>(
+                    "the source is not finished: there is no heading at offset 512, where its rows begin"));
+    const auto recover = [&] { orva::recover(path("none"), path("to")); };
+    EXPECT_THAT(recover, Throws<orva::Error>(Property(&orva::Error::path, path("none"))));
+    EXPECT_THAT(recover, ThrowsMessage<orva::Error>("cannot read \"" + path("none") +
+                                                    "\": No such file or directory; check the name"));
 }
 
 }  // namespace
