@@ -30,18 +30,14 @@ Bytes finished(const std::vector<std::size_t>& sizes, bool shrinking = true) {
     return readBytes(name);
 }
 
-Bytes withoutIndex(const Bytes& file) {
-    return slice(file, 0, Part(file, kRow0, false).blocksEnd);
-}
-
-// An append leaves the heading of the file before; a new part, none.
-Bytes withHeading(const Bytes& other, const Bytes& file) {
-    return with(file, kRow0, slice(other, kRow0, kHeadingSize));
+// Without an index. An append leaves the heading of the file before; a new part, none.
+Bytes interrupted(const Bytes& before, const Bytes& file) {
+    const Bytes heading = slice(before, kRow0, kHeadingSize);
+    return with(slice(file, 0, Part(file, kRow0, false).blocksEnd), kRow0, heading);
 }
 
 Files makeFiles() {
     const Bytes plain = finished({300, 500, 70});
-    const Bytes none(kRow0 + kHeadingSize);
     Files files{
         {"shortBlocks", plain},
         {"noRows", finished({})},
@@ -49,9 +45,9 @@ Files makeFiles() {
         {"fullLast", finished({60, kBlockSize})},
         {"storedHalves", finished({kBlockSize, 90}, false)},
         {"manyBlocks", finished({9, 1, 30, 2, 14, 7, 7, 7, 40, 3, 1, 1, 25, 60, 5, 8, 11, 2, 2, 31})},
-        {"unfinished", withHeading(none, withoutIndex(plain))},
-        {"interruptedAppend", withHeading(plain, withoutIndex(finished({300, 500, 70, 200, 90, 40})))},
-        {"interruptedCut", withHeading(plain, withoutIndex(finished({300, 500, 20, 300})))},
+        {"unfinished", interrupted(Bytes(kRow0 + kHeadingSize), plain)},
+        {"interruptedAppend", interrupted(plain, finished({300, 500, 70, 200, 90, 40}))},
+        {"interruptedCut", interrupted(plain, finished({300, 500, 20, 300}))},
     };
     for (const char* name : {"shortBlocks", "noRows", "fullAndShort", "storedHalves"}) {
         files[std::string("swapped-") + name] = swapped(files[name], kRow0);
