@@ -64,8 +64,7 @@ struct source final : orva::ByteSource {
 
 using Names = std::set<std::string>;
 
-class FaceTest : public TempDir {
-protected:
+struct FaceTest : TempDir {
     // A finished file of the rows; its name.
     std::string written(const std::string& name, const Bytes& rows, const orva::WriterOptions& options = {}) const {
         orva::Writer writer(path(name), options);

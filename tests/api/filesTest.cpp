@@ -6,8 +6,7 @@ using namespace api;
 
 namespace {
 
-class Files : public FaceTest {
-protected:
+struct Files : FaceTest {
     // The last that a `progress` was told, which never goes back, and of how much.
     std::pair<i64, i64> fLast;
     std::function<void(i64, i64)> told() {

@@ -4,7 +4,7 @@
 
 namespace recovery {
 
-class AppendTest : public FileTest {};
+using AppendTest = FileTest;
 
 // That rows and blocks are right wherever an append begins, the model in core/modelTest.cpp holds.
 TEST_F(AppendTest, TheSameFileOnEveryRoad) {

@@ -70,8 +70,7 @@ const LieCase kLies[] = {
     {"PlaceOfAnother", [](Layout& l) { l.records[1].translatePos = kRow0 + 24; }, 2, kFollow, kOverlap},
 };
 
-class DamageTest : public FileTest {
-protected:
+struct DamageTest : FileTest {
     // What is done to a file ends well, or as damage of that file, and leaves it as it was.
     std::string enter(const Bytes& file, const std::function<void()>& run) const {
         lay({{fFile, file}});

@@ -94,8 +94,7 @@ private:
     std::vector<Change> fChanges;
 };
 
-class InterruptionTest : public FileTest {
-protected:
+struct InterruptionTest : FileTest {
     using Run = std::function<void()>;
     using Holds = std::function<bool(bool ended)>;
 

@@ -94,8 +94,7 @@ inline const Append kAppends[] = {
 
 using Files = std::map<std::string, Bytes>;  // what the directory holds, by name
 
-class FileTest : public TempDir, public testing::WithParamInterface<int> {
-protected:
+struct FileTest : TempDir, testing::WithParamInterface<int> {
     Bytes bytes() const { return readBytes(fFile); }
     // The bytes of a finished file, which is there then.
     Bytes finished(const std::vector<Bytes>& blocks) const { return makeFile(fFile, blocks), bytes(); }
@@ -110,14 +109,17 @@ protected:
         for (const std::string& name : {fFile, fSide, fOut}) std::filesystem::remove(name);
         for (const auto& [name, content] : files) writeBytes(name, content);
     }
-    // What is there before the end of an append, which is abandoned then.
-    Files interrupted(const Append& append) const {
-        const Reader stream(fFile);
-        append.write(stream);
+    // What a kill of this append leaves.
+    Files afterKill(const Reader& stream) const {
         Files files = present();
         stream->abandon();
         EXPECT_EQ(stream->Close(), 0);
         return files;
+    }
+    Files interrupted(const Append& append) const {
+        const Reader stream(fFile);
+        append.write(stream);
+        return afterKill(stream);
     }
     const std::string fFile = path("file");
     const std::string fSide = orva::sideFileName(fFile);

@@ -12,8 +12,7 @@ namespace recovery {
 
 namespace fs = std::filesystem;
 
-class SideFileTest : public FileTest {
-protected:
+struct SideFileTest : FileTest {
     using Deed = std::function<void()>;
     using Blocks = std::vector<Bytes>;
     const Blocks fOldBlocks = blocksOf({300, 500}), fMore = blocksOf({200}, 100);
@@ -25,12 +24,6 @@ protected:
         resume(*stream, kRow0 + kept);
         writeBlocks(*stream, added);
         return stream;
-    }
-    // Leaves what a kill of this append leaves.
-    void kill(const Reader& stream) const {
-        const Files files = present();
-        stream->abandon();
-        lay(files);
     }
     // A file that somebody else has put in the place of the side file.
     Deed foreign(const Deed& make) const {
@@ -63,7 +56,7 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     const std::string other = path("other"), kept = path("kept");
     const bool isRoot = ::geteuid() == 0;
     const auto killed = [&](Blocks added = {}, std::int64_t rows = 800) -> Deed {
-        return [=, this] { kill(appending(fFile, added, rows)); };
+        return [=, this] { lay(afterKill(appending(fFile, added, rows))); };
     };
     const auto appended = [&](std::string name, Blocks added, std::int64_t rows = 800) -> Deed {
         return [=] { EXPECT_EQ(appending(name, added, rows)->Close(), 1); };
@@ -82,17 +75,15 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
         makeFile(fFile, fOldBlocks);
         const Reader live = appending(fFile, fMore);
         EXPECT_EQ(first->Close(), 1);
-        kill(live);
+        lay(afterKill(live));
     };
     const Deed appendedByWhoMay = [&] {
         ::chmod(fFile.c_str(), 0664);
         const Reader stream = appending(fFile, fMore);
-        struct stat data {};
-        struct stat side {};
-        EXPECT_TRUE(::stat(fFile.c_str(), &data) == 0 && ::stat(fSide.c_str(), &side) == 0);
-        EXPECT_EQ(std::tuple(side.st_mode, side.st_uid, side.st_gid),
-                  std::tuple(data.st_mode, data.st_uid, data.st_gid));
-        kill(stream);
+        platform::fileAccess data{}, side{};
+        EXPECT_TRUE(platform::accessOf(fFile.c_str(), data) && platform::accessOf(fSide.c_str(), side));
+        EXPECT_EQ(std::tuple(side.mode, side.user, side.group), std::tuple(data.mode, data.user, data.group));
+        lay(afterKill(stream));
         ::chmod(fFile.c_str(), 0664);
     };
     const Deed newPart = [&] {
