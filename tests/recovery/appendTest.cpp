@@ -6,27 +6,6 @@ namespace recovery {
 
 using AppendTest = FileTest;
 
-// That rows and blocks are right wherever an append begins, the model in core/modelTest.cpp holds.
-TEST_F(AppendTest, TheSameFileOnEveryRoad) {
-    for (Append append : kAppends) {
-        SCOPED_TRACE(append.name);
-        const Bytes old = finished(blocksOf(append.old));
-        append.run(fFile);
-        const Bytes appended = bytes();
-        const Layout before(old), after(appended);
-        EXPECT_EQ(after.sizes(), append.sizes);
-        EXPECT_TRUE(sameBytes(rowsOf(fFile), append.newRows()));
-        // Where a safe one cuts rows, the old index behind the new one has no mark.
-        const bool blots = append.cut != 0 && before.heading._indexPos >= after.heading._indexPos + after.heading._size;
-        const Bytes blotted = blots ? with(appended, before.heading._indexPos, Bytes(8)) : appended;
-        for (append.road = 1; append.road < 6; ++append.road) {
-            lay({{fFile, old}});
-            append.run(fFile);
-            EXPECT_EQ(present(), (Files{{fFile, append.road % 2 == 1 ? blotted : appended}})) << append.road;
-        }
-    }
-}
-
 // Whatever else a stream that appends is told to do, the rows are there again first, or the failure stays the last
 // word.
 TEST_F(AppendTest, WhatIsNotFinishedIsUndoneAndAFailureIsFinal) {

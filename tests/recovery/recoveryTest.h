@@ -74,8 +74,7 @@ struct Append {
 };
 
 constexpr int kSafeBySeveral = 5;
-constexpr int kWriting = 4;  // the first ones begin in different ways and write several blocks
-constexpr int kEnding = 9;   // and these end in different ways
+constexpr int kWriting = 4;  // the first ones begin in different ways and write several blocks, the others end so
 inline const Append kAppends[] = {
     {"RowsJoinShortBlock", {300, 500}, 0, {200, 90}, {300, 700, 90}},
     {"CutThenAdded", {300, 500}, 450, {20, 90}, {300, 70, 90}},
@@ -94,7 +93,7 @@ inline const Append kAppends[] = {
 
 using Files = std::map<std::string, Bytes>;  // what the directory holds, by name
 
-struct FileTest : TempDir, testing::WithParamInterface<int> {
+struct FileTest : TempDir, testing::WithParamInterface<std::size_t> {
     Bytes bytes() const { return readBytes(fFile); }
     // The bytes of a finished file, which is there then.
     Bytes finished(const std::vector<Bytes>& blocks) const { return makeFile(fFile, blocks), bytes(); }
