@@ -106,8 +106,7 @@ inline Inflated inflated(const unsigned char* from, std::size_t size, std::size_
 // The second reader, by streams as the library's codec takes them.
 struct Part : secondReader {
     Part(const Bytes& from, std::int64_t at, bool swap)
-        : secondReader(from, at, swap,
-                       [](const unsigned char* bytes, std::size_t size) { return inflated(bytes, size); }) {}
+        : secondReader(from, at, swap, [](auto* bytes, auto size) { return inflated(bytes, size); }) {}
 };
 
 }  // namespace fuzz

@@ -1,8 +1,6 @@
 // orva::Reader and Rows: every row from any thread.
 #include "api/apiTest.h"
 
-#include <malloc.h>
-
 #include <array>
 #include <functional>
 #include <thread>
@@ -104,15 +102,6 @@ TEST_F(Reader, ShowsWhatTheLaterOfTwoRefreshesHasSeen) {
     };
     reader.refresh();
     EXPECT_EQ(reader.size(), 1'500);
-}
-
-TEST_F(Reader, CostsNoMemoryBeforeItReads) {
-    if (kSanitized) GTEST_SKIP() << "counts the allocator's bytes";
-    const std::string name = written("rows", Bytes(kBlock));
-    const auto inUse = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
-    const std::size_t before = inUse();
-    const orva::Reader reader(name, {.cached_blocks = 1'000'000});
-    EXPECT_LT(inUse() - before, std::size_t{1} << 20);
 }
 
 struct Row {

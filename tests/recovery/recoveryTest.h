@@ -15,7 +15,6 @@ namespace recovery {
 using namespace core;
 
 inline const orva::foundPart kPart{kRow0, false};
-constexpr std::uint64_t kTorn = 12;  // bytes that a torn write gets done: half a heading
 
 // Blocks of these sizes. A full one is of one value, so that it stays small in the file; others are all different.
 // Those of kNoise bytes do not shrink: one takes as many bytes in the file as another.
@@ -73,7 +72,6 @@ struct Append {
     }
 };
 
-constexpr int kSafeBySeveral = 5;
 constexpr int kWriting = 4;  // the first ones begin in different ways and write several blocks, the others end so
 inline const Append kAppends[] = {
     {"RowsJoinShortBlock", {300, 500}, 0, {200, 90}, {300, 700, 90}},
