@@ -71,6 +71,8 @@ const LieCase kLies[] = {
 };
 
 struct DamageTest : FileTest {
+    explicit DamageTest(const std::vector<std::size_t>& sizes = {30, 50, 40}) : fBlocks(blocksOf(sizes)) {}
+
     // What is done to a file ends well, or as damage of that file, and leaves it as it was.
     std::string enter(const Bytes& file, const std::function<void()>& run) const {
         lay({{fFile, file}});
@@ -168,7 +170,7 @@ struct DamageTest : FileTest {
         return with(slice(file, 0, fLayout.heading._indexPos), kRow0, Bytes(kHeadingSize));
     }
 
-    const std::vector<Bytes> fBlocks = blocksOf({30, 50, 40});
+    const std::vector<Bytes> fBlocks;
     const Bytes fAll = joined(fBlocks), fBytes = finished(fBlocks);
     const Layout fLayout{fBytes};
     Bytes fRows;
@@ -308,9 +310,13 @@ TEST_F(DamageTest, WhatLooksLikeBlocksOrIndexesIsTriedForAWhile) {
     EXPECT_EQ(fReport.blocks, 31) << "each of them pays for more";
 }
 
+struct FourBlocks : DamageTest {
+    FourBlocks() : DamageTest({30, 50, 40, 60}) {}
+};
+
 // Whatever two fields of the records claim, or all of them about bytes, every block that is whole comes back; and in
 // its place where they tell the truth of rows.
-TEST_F(DamageTest, NoLieOfTheIndexCostsAWholeBlock) {
+TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
     const auto expectWhole = [&](const Layout& lie, unsigned damage, const std::string& name, bool few) {
         SCOPED_TRACE(name + ", damaged " + std::to_string(damage));
         const Bytes file = told(damaged(damage), lie);
@@ -323,15 +329,15 @@ TEST_F(DamageTest, NoLieOfTheIndexCostsAWholeBlock) {
         recover(file);
         // A gap at the very end is not filled where it is an estimate.
         const Bytes all = rowsWithout(damage);
-        EXPECT_TRUE(sameBytes(fRows, (damage & 4U) != 0 ? slice(all, 0, fRows.size()) : all));
+        EXPECT_TRUE(sameBytes(fRows, (damage & 8U) != 0 ? slice(all, 0, fRows.size()) : all));
     };
-    for (const unsigned damage : {1U, 2U, 3U, 4U, 5U, 6U}) {
+    for (const unsigned damage : {2U, 5U, 6U, 13U}) {
         for (const LieCase& one : std::span(kLies).subspan(kLiesOfAField)) {
-            for (unsigned other = 0; other < 6; ++other) {
+            for (unsigned other = 0; other < 8; ++other) {
                 Layout lie = fLayout;
                 one.tell(lie);
-                filePosRecord& record = lie.records[other % 3];
-                if (other < 3)
+                filePosRecord& record = lie.records[other % 4];
+                if (other < 4)
                     record.translatePos ^= 0x40;
                 else
                     record.translateSize ^= 0x20;
