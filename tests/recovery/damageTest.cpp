@@ -252,6 +252,9 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     const std::int64_t index = fLayout.heading._indexPos, second = fLayout.records[1].translatePos;
     expectRecovered(with(damaged(2), index + 3 * kRecordSize + 8, {1}), kLost[1], rowsWithout(2));
     expectRecovered(with(damaged(2), index + 2 * kRecordSize, {1}), kLost[1], rowsWithout(2));
+    // What the last record says of its rows' begin and of the end of all is one witness, not two.
+    const auto begin = static_cast<unsigned char>((kRow0 + 88) % 256);
+    expectRecovered(with(damaged(2), index + 3 * kRecordSize, {begin}), "~" + kLost[1], rowsWithout(2));
     // Two records of the last block are its own and the end of what it claims: nothing bears out one that claims too
     // much.
     Layout lie = fLayout;

@@ -76,7 +76,9 @@ private:
             if (next->number) ends.push_back(fIndex[*next->number].orginalPos - rows);
             if (next->isLost()) return ends;
         }
-        if (next == fSegments.end() && !fIndex.empty()) {
+        // By the last record, which may have been asked already.
+        const bool asked = gap + 1 != fSegments.end() && fSegments.back().number == fIndex.size() - 1;
+        if (next == fSegments.end() && !fIndex.empty() && !asked) {
             ends.push_back(fIndex.back().orginalPos + fIndex.back().orginalSize - rows);
         }
         return ends;
