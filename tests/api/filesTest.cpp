@@ -39,6 +39,8 @@ TEST_F(Files, SayWhichBlockIsBad) {
     EXPECT_EQ(fLast.first, fLast.second);
     std::filesystem::rename(path("saved"), name);
     EXPECT_EQ(orva::verify(reader).bad.size(), 1U) << "it tells of the file that was opened";
+    overwriteBytes(name, 29, Bytes(1, '7'));  // of the first line, which tells another place then
+    EXPECT_EQ(orva::recover(name, path("saved")).row0, 512);
 }
 
 TEST_F(Files, EndWhereTheirProgressThrows) {
