@@ -74,7 +74,7 @@ struct readAheadSlot {
     // ended before, may be older. Waits for one that is being read.
     void noteWritten(std::int64_t begin, std::int64_t end, std::uint32_t blockSize) {
         if (!semEmptySlot.waitSemaphore()) return;
-        const bool touched = begin - std::int64_t{blockSize} < fpPreReadPos && end > fpPreReadPos;
+        const bool touched = end > fpPreReadPos && begin - std::int64_t{blockSize} < fpPreReadPos;
         if (touched || (stCurSize < blockSize && end > fpPreReadPos)) forget();
         semEmptySlot.postSemaphore();
     }
