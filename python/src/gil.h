@@ -3,7 +3,8 @@
 // the process by abort. So such a thread waits for the process to end, and lets nothing go.
 //
 // A thread of the library's that takes the lock for the first time is made known to the interpreter, which takes a lock
-// of the interpreter's own. No fork happens meanwhile: the child would find it taken, and wait for ever.
+// of the interpreter's own. No fork happens meanwhile: the child would find it taken, and wait for ever. From 3.13 on
+// the interpreter's own forks begin by taking that lock, and to hold forks up as well would be to wait for each other.
 //
 // Threads: released is made with the lock, held on any thread. Failure: none.
 #pragma once
@@ -43,7 +44,7 @@ private:
 class held {
 public:
     held() {
-        if (PyGILState_GetThisThreadState() == nullptr) makeKnown();
+        if (!kForksTakeIt && PyGILState_GetThisThreadState() == nullptr) makeKnown();
         takeOrWait([&] { fLock.emplace(); });
     }
     held(const held&) = delete;
@@ -51,6 +52,7 @@ public:
     ~held() = default;
 
 private:
+    static constexpr bool kForksTakeIt = PY_VERSION_HEX >= 0x030D0000;
     // Until fLock goes, which counts its users.
     static void makeKnown() {
         const platform::noFork whole;
