@@ -108,8 +108,12 @@ class File(io.RawIOBase):
             raise ValueError(_CLOSED)
 
     def tell(self) -> int:
-        self._open()
-        return self._pos if self._writing is None else self._writing.size
+        if self._opened is not None:
+            self._open()
+            return self._pos
+        writer = self._writer("tell")
+        with self._lock:
+            return writer.size
 
     def seek(self, offset: int, whence: int = os.SEEK_SET) -> int:
         """Moves to a byte of the rows, also behind them. ValueError for one before them."""
@@ -147,15 +151,15 @@ class File(io.RawIOBase):
         """Takes all bytes of `rows`, and gives their count. Whatever stops it abandons the file, but for a
         TypeError of which nothing was taken."""
         writer = self._writer("write")
-        before = writer.size
-        try:
-            with self._lock:
+        with self._lock:
+            before = writer.size
+            try:
                 return writer.write(rows)
-        except BaseException as error:
-            # A signal's, too: how much was taken is not told, and io's wrappers would write it again.
-            if not isinstance(error, TypeError) or writer.size != before:
-                writer.drop()
-            raise
+            except BaseException as error:
+                # A signal's, too: how much was taken is not told, and io's wrappers would write it again.
+                if not isinstance(error, TypeError) or writer.size != before:
+                    writer.drop()
+                raise
 
     def truncate(self, size: int | None = None) -> NoReturn:
         self._open()

@@ -194,6 +194,14 @@ def test_a_writers_child_writes_nothing(tmp_path: Path) -> None:
     assert orva.open(tmp_path / "new.orva").read() == b"rows"
 
 
+def test_a_writer_tells_of_whole_writes_to_other_threads(tmp_path: Path) -> None:
+    rows = bytes(1 << 27)
+    with orva.open(tmp_path / "new.orva", "wb") as file, concurrent.futures.ThreadPoolExecutor(1) as pool:
+        writing = pool.submit(file.write, rows)
+        seen = {file.tell() for _ in iter(writing.done, True)}
+    assert seen <= {0, len(rows)}
+
+
 MANY: list[tuple[int, Callable[[Path], object]]] = [
     (10_000, lambda home: orva.open(home / "trades.orva").read(1)),
     (3_000, lambda home: orva.rows(io.FileIO(home / "trades.orva"))[0]),
