@@ -11,6 +11,11 @@ PreIOThread_Multi_R_D::PreIOThread_Multi_R_D(ORVA_File* file, const filePosInfo*
                                              std::uint32_t threads)
     : readingWorker(threads), blockSource(index), pFile(file), fSlots(threads + 2) {}
 
+bool PreIOThread_Multi_R_D::initThreads(bool bRead) {
+    bStop = false;
+    return PreIOThreadSeveral::initThreads(bRead);
+}
+
 std::uint32_t PreIOThread_Multi_R_D::getBlock(void* buffer, std::uint32_t size, std::int64_t position) {
     if (size == 0 && position == 0) {
         const guard lock = locked();

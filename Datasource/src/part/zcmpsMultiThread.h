@@ -98,6 +98,8 @@ class PreIOThread_Multi_R_D : public readingWorker<PreIOThreadSeveral>, public o
 public:
     PreIOThread_Multi_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize, std::uint32_t threads);
 
+    // Also after a start that failed, which has told the loops to stop.
+    bool initThreads(bool bRead) override;
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t readLoopStep() override;
     void load(std::uint32_t number, unsigned char* to) override;

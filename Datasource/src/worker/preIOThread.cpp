@@ -8,6 +8,7 @@ std::unique_ptr<CallBackObject> PreIOThreadBase::newLoop(bool bRead, std::uint32
 }
 
 bool PreIOThreadBase::initThreads(bool bRead) {
+    fLoops.clear();
     for (std::uint32_t i = 0; i < fThreads; ++i) fLoops.push_back(newLoop(bRead, i));
     bWrite = !bRead;
     pThreadPool = new ktThreadPool(static_cast<int>(fThreads), 0);
