@@ -33,7 +33,7 @@ struct LieCase {
 };
 
 // Of a file of blocks of 30, 50 and 40 bytes.
-constexpr std::size_t kLiesOfAField = 15;  // from here on it is one of a record
+constexpr std::size_t kLiesOfAField = 14;  // from here on it is one of a record
 const LieCase kLies[] = {
     {"Nothing", [](Layout&) {}, 3, ""},
     {"HeadingElsewhere", [](Layout& l) { l.heading._caseStartPos += 1; }, 0, "Analyze dictionary part error!"},

@@ -177,7 +177,7 @@ private:
     // there name one place behind the other, nothing was overlooked; but for blocks between two places where bytes came
     // or went.
     resumption resumeByIndex(bool inStep) {
-        std::int64_t end = inStep ? fPlace : kNowhere;  // of the record before
+        std::int64_t end = kNowhere;  // of the record before
         std::int64_t tried = fPlace;
         const std::size_t next = fNext + 1;
         const auto resumes = [&](std::int64_t place, std::size_t number) {
@@ -193,8 +193,9 @@ private:
             if (resumes(place, i)) return {place, sure(i)};
             const std::int64_t moved = fMoved == 0 ? kNowhere : placeOf(i, fMoved);
             if (resumes(moved, i)) return {moved, sure(i)};
-            inStep = inStep && (place == end || end == fPlace);
-            end = (end == fPlace ? fPlace : place) + fIndex[i].translateSize;
+            const bool isHere = inStep && i == fNext;  // whatever place the record names
+            inStep = isHere || (inStep && place == end);
+            end = (isHere ? fPlace : place) + fIndex[i].translateSize;
             if (resumes(end, i + 1)) return {end, sure(i + 1)};
             earnByLoss(place, end);
         }
