@@ -98,9 +98,11 @@ private:
         }
         report.hadHeading = breachOf(fHeading) == nullptr;
         if (!report.hadHeading) return;
-        fLimit = fHeading._indexPos;
         const std::int64_t count = fHeading._size / kRecordSize - 1;
-        if (count <= (fLimit - report.part.row0Pos - kHeadingSize) / kShortestStream) fCount = count;
+        if (count <= (fHeading._indexPos - report.part.row0Pos - kHeadingSize) / kShortestStream) {
+            fCount = count;
+            fLimit = fHeading._indexPos;
+        }
         takeIndex(fHeading, report.part.swapped);
     }
 
@@ -119,10 +121,12 @@ private:
     // A last block with other rows and another length than recorded was rewritten by an append, which may have added
     // more.
     bool allSeen() const {
-        if (!report.hadIndex) return false;
+        if (!report.hadIndex || isShort()) return false;
         return fIndex.empty() || endOf(fIndex.size() - 1) == fPlace ||
                (!segments.empty() && isLast(segments.back()) && isAsRecorded(segments.back()));
     }
+    // The index has fewer blocks than the heading vouches for.
+    bool isShort() const { return fCount && *fCount > std::ssize(fIndex); }
     bool isLast(const surveySegment& taken) const {
         return !taken.isLost() && taken.number && *taken.number + 1 == fIndex.size();
     }
@@ -146,7 +150,7 @@ private:
     // Over what is no whole stream to the next one that is. False at the end of what there is.
     bool bridge() {
         if (!report.hadIndex && !bLookedForIndex) findLaterIndex();
-        if (fPlace >= fLimit || (report.hadIndex && (allSeen() || fNext >= fIndex.size()))) return false;
+        if (fPlace >= fLimit || allSeen() || (report.hadIndex && !isShort() && fNext >= fIndex.size())) return false;
         const std::int64_t end = report.hadIndex ? fLimit : fWindow.fileSize();
         const std::optional<std::size_t> number = numberHere();
         auto [next, sure] = resumeByIndex(number.has_value());
@@ -199,7 +203,7 @@ private:
             if (resumes(end, i + 1)) return {end, sure(i + 1)};
             earnByLoss(place, end);
         }
-        return {std::nullopt, sure(fIndex.size()) && report.hadIndex && !fIndexPatience.exhausted()};
+        return {std::nullopt, sure(fIndex.size()) && report.hadIndex && !isShort() && !fIndexPatience.exhausted()};
     }
 
     // A lost block that is passed earns too, once and not in a hole. To look at its record costs a little.
