@@ -61,6 +61,12 @@ TEST_F(Writer, EndsWithTheSourceThatFailsOrEndsEarly) {
         EXPECT_TRUE(sameBytes(rowsOf("rows"), rows));
     }
     EXPECT_EQ(names(), Names{"rows"});
+    const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = descriptors();
+    orva::Writer failed(path("none")), finished(path("new"));
+    EXPECT_EQ(thrownBy([&] { failed.write_from(failing); }), "domain_error");
+    finished.finish();
+    EXPECT_EQ(descriptors(), before) << "the disk has its room back";
 }
 
 TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {

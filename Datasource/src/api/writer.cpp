@@ -58,6 +58,7 @@ struct Writer::State {
         fLife = life::failed;
         fPart.reset();
         fPending.reset();
+        fNamed.reset();
         fOpened = nullptr;
     }
 
@@ -238,6 +239,7 @@ void Writer::finish() {
     if (fState != nullptr && fState->fLife == State::life::finished) return;
     State& s = settled();
     s.step([&] { s.complete(false); });
+    s.fNamed.reset();
     s.fLife = State::life::finished;
 }
 
