@@ -361,7 +361,7 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
     constexpr std::int64_t kFar = std::int64_t{5} << 30, kBlocks = 178'956'969;
     const auto costs = [&](std::int64_t blocks, const std::string& lost, const std::map<std::int64_t, Bytes>& pieces) {
         writeBytes(fFile, {});
-        std::filesystem::resize_file(fFile, 1ULL << 60);
+        std::filesystem::resize_file(fFile, INT64_MAX);
         for (const auto& [place, bytes] : pieces) overwriteBytes(fFile, place, bytes);
         expectInChild([&] {
             rusage before{}, after{};
@@ -381,6 +381,10 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
     const Bytes file = with(unfinished(fBytes), kRow0, bytesOf(heading));
     costs(3, "its blocks are gone, and no index tells their size", {{0, file}, {kFar, mark}});
     costs(4, "its block is damaged, and no index tells its size", {{0, file}, {kFar, mark}, {kFar / 2, block}});
+    Layout lie = fLayout;
+    lie.records[2].translatePos = INT64_MAX - 5;
+    lie.records[2].translateSize = INT32_MAX;
+    costs(2, "its block is damaged", {{0, unfinished(damaged(2))}, {kFar, indexOf(lie)}});
     // The dictionary part can be one as well.
     Layout moved = fLayout;
     for (std::int64_t* place : {&moved.heading._caseStartPos, &moved.heading._indexPos}) *place += kFar - kRow0;

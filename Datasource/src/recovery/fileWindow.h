@@ -23,7 +23,7 @@ public:
     // `moved` is called with each place that it moves to; what it throws comes out of find().
     explicit fileWindow(
         ORVA_File& file, std::function<void(std::int64_t)> moved = [](std::int64_t) {})
-        : fFile(file), fMoved(std::move(moved)), fFileSize(lengthOf(file)), fBytes(kSize) {}
+        : fFile(file), fMoved(std::move(moved)), fFileSize(std::min(lengthOf(file), kFarthest)), fBytes(kSize) {}
 
     std::int64_t fileSize() const { return fFileSize; }
 
@@ -49,6 +49,8 @@ public:
     std::int64_t newlyPassed() { return std::exchange(fPassed, 0); }
 
 private:
+    // No disk holds more, and no sum of two places passes the 64-bit range then.
+    static constexpr std::int64_t kFarthest = std::int64_t{1} << 61;
     // Not more, since each page between two holes costs one.
     static constexpr std::uint32_t kSize = 1U << 18;
 

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <functional>
+#include <limits>
 #include <span>
 #include <utility>
 
@@ -73,7 +74,7 @@ void writeRows(partFindings& found, zlibStreams& streams, partWriter& output, bo
 recoverReport recover(const std::string& name, const std::string& output, const recoverOptions& options) {
     ORVA_File input;
     openOrThrow(input, name, "rb", kReadFailed);
-    const std::int64_t size = input.Size();
+    const std::int64_t size = std::min(input.Size(), std::numeric_limits<std::int64_t>::max() / 2);
     std::int64_t done = 0;
     // An index may send the walk back, which takes nothing from what was done.
     const progress tell = [&](std::int64_t now) {
