@@ -31,7 +31,7 @@ public:
     shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked = false);
     shownPart(std::shared_ptr<const ByteSource> source, std::optional<i64> row0);
 
-    // Of no other one in this process. Who has the greater one has looked later.
+    // Of no other one in this process. Who has the greater one has begun to look later.
     std::uint64_t id() const { return fId; }
     const Path& path() const { return fPath; }
     const foundHeading& found() const { return fFound; }
