@@ -96,9 +96,10 @@ struct RecoverReport {
 };
 
 // Writes what can be read of a damaged or unfinished file into the new file `to`; `from` stays as it is. Where its rows
-// begin tells `row0`, else the first line of its dictionary part, else a search for whatever is left of them. Who may
-// use the new file: whoever may use `from`. DamagedFileError if not one block can be found; UsageError if `to` is
-// `from`, and for a file in which two finished parts fit: `row0` says which.
+// begin tells `row0`, else the first line of its dictionary part, unless no block begins there and a sound part is
+// found elsewhere, else a search for whatever is left of them. Who may use the new file: whoever may use `from`.
+// DamagedFileError if not one block can be found; UsageError if `to` is `from`, and for a file in which two finished
+// parts fit: `row0` says which.
 ORVA_API RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& options = {});
 
 enum class RollBack : std::uint8_t {
