@@ -3,7 +3,12 @@
 #include <orva/platform.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <new>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 namespace orva {
 
@@ -35,6 +40,20 @@ blockBuffer::blockBuffer(std::size_t size, std::size_t used) {
         }
     }
     fBytes = {allocate(size, kBufferAlignment), {kBufferAlignment}};
+}
+
+void regain(unsigned char* bytes, std::size_t size) {
+#ifdef __SSE2__
+    const __m128i none = _mm_setzero_si128();
+    for (std::size_t at = -reinterpret_cast<std::uintptr_t>(bytes) % sizeof none; at + sizeof none <= size;
+         at += sizeof none) {
+        _mm_stream_si128(reinterpret_cast<__m128i*>(bytes + at), none);
+    }
+    _mm_sfence();
+#else
+    static_cast<void>(bytes);
+    static_cast<void>(size);
+#endif
 }
 
 }  // namespace orva

@@ -32,4 +32,8 @@ private:
     std::unique_ptr<unsigned char, release> fBytes;
 };
 
+// Takes the memory back from the cores that have read it, in one streaming pass, and leaves it without a meaning. What
+// stores into lines that another core holds has to win back each of them, and an inflate stores little at a time.
+void regain(unsigned char* bytes, std::size_t size);
+
 }  // namespace orva

@@ -50,7 +50,7 @@ const unsigned char* PreIOThread_Multi_R_D::readAhead(std::uint32_t number) {
         const slot* held = holding(number);
         if (held == nullptr) return nullptr;
         if (held->is == state::ready) return held->rows.get();
-        if (!bCallerHelps || !makeNext(lock)) await(lock);
+        if (!bCallerHelps || !makeNext(lock, true)) await(lock);
     }
 }
 
@@ -84,7 +84,7 @@ std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint3
             lock.lock();
             held->is = state::empty;
             tellThreads();
-        } else if (!makeNext(lock)) {
+        } else if (!makeNext(lock, true)) {
             if (oneThatIs(state::busy) == nullptr) break;
             await(lock);
         }
@@ -119,12 +119,12 @@ void PreIOThread_Multi_R_D::passHeld() {
 
 std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
     guard lock = locked();
-    while (!bStop && !makeNext(lock)) wait(lock);
+    while (!bStop && !makeNext(lock, false)) wait(lock);
     return bStop ? 1 : 0;
 }
 
 // Any thread's step, the caller's too. False if nothing is wanted, or there is no slot for it.
-bool PreIOThread_Multi_R_D::makeNext(guard& lock) {
+bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
     if (fNext >= std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) return false;
     slot* const block =
         find([this](const slot& s) { return s.is == state::empty || (s.is == state::ready && !isAhead(s.number)); });
@@ -140,6 +140,8 @@ bool PreIOThread_Multi_R_D::makeNext(guard& lock) {
         if (dest == nullptr) {
             block->rows = orva::rowRoom(pPosInfo->records());
             dest = block->rows.get();
+        } else if (!byCaller) {
+            orva::regain(dest, rowsOf(number));
         }
         makeBlock(number, block->compressed, dest, true);
     } catch (...) {

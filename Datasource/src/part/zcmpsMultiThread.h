@@ -94,6 +94,8 @@ private:
 // A4 The stop request lets running steps finish; nothing waits for what they make.
 // A5 A request of several blocks is shared out: each thread, the caller's too, inflates whole blocks straight into the
 //    caller's memory; only what was read ahead is copied there. It ends before a block that fails (A3).
+// A6 Rows that the caller has read stand in its core's cache. Another thread regains their memory before it inflates
+//    there.
 class PreIOThread_Multi_R_D : public readingWorker<PreIOThreadSeveral>, public orva::blockSource {
 public:
     PreIOThread_Multi_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize, std::uint32_t threads);
@@ -124,7 +126,7 @@ private:
     slot* find(Test test);
     slot* holding(std::int64_t number);
     void passHeld();
-    bool makeNext(guard& lock);
+    bool makeNext(guard& lock, bool byCaller);
     // The bytes of its rows. A size that cannot be true is refused before memory is touched.
     std::size_t rowsOf(std::int64_t number) const;
     void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest, bool ahead);
