@@ -170,17 +170,6 @@ VerifyReport verify(const Path& path, const VerifyOptions& options) {
 
 namespace {
 
-// Where a search finds a part that can be opened.
-std::optional<foundPart> soundPart(const std::string& place) {
-    try {
-        const std::optional<foundPart> part = findPart(place);
-        if (part) const finishedPart opened(place, *part);
-        return part;
-    } catch (const ::DamagedFileError&) {  // NOLINT(bugprone-empty-catch): it is to be recovered
-    }
-    return {};
-}
-
 // Where the caller or the file itself says that it is, in the byte order that the heading shows there, if one does.
 std::optional<foundPart> toldPart(const Path& path, const std::string& place, std::optional<i64> row0) {
     const openedFile file(path.string(), place);
@@ -199,7 +188,7 @@ std::optional<foundPart> toldPart(const Path& path, const std::string& place, st
         constexpr char streamBegin = 0x78;
         char begin = 0;
         if (row0 && !(file.read(&begin, 1, *row0 + kHeadingSize) && begin == streamBegin)) {
-            if (const auto part = soundPart(place)) return part;
+            if (const auto part = findPart(place); part && isSound(place, *part)) return part;
         }
     }
     if (!row0) return {};

@@ -1,7 +1,6 @@
 #include "api/foundHeading.h"
 
 #include <orva/errors.h>
-#include <orva/inspect.h>
 
 #include <algorithm>
 #include <bit>
@@ -97,15 +96,6 @@ private:
         refuse("has no heading at " + where + ": check row0, and that its writer has finished");
     }
 
-    static bool isSound(const std::string& file, const foundPart& part) {
-        try {
-            const finishedPart opened(file, part);
-            return true;
-        } catch (const ::DamagedFileError&) {
-            return false;
-        }
-    }
-
     // Behind the index of a part nothing needs to stand. What does may be the part that was meant: a finished file that
     // was taken for a dictionary part stands before it.
     void refuseSecond(const foundHeading& found) const {
@@ -128,6 +118,15 @@ private:
 };
 
 }  // namespace
+
+bool isSound(const std::string& file, const foundPart& part) {
+    try {
+        const finishedPart opened(file, part);
+        return true;
+    } catch (const ::DamagedFileError&) {
+        return false;
+    }
+}
 
 foundHeading findHeading(const storedBytes& bytes, std::optional<i64> row0, const Path& path,
                          const std::string& place) {

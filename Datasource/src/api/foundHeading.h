@@ -10,6 +10,7 @@
 #include <orva/dictionaryText.h>
 #include <orva/error.h>
 #include <orva/files.h>
+#include <orva/inspect.h>
 
 #include <cstdint>
 #include <optional>
@@ -27,5 +28,8 @@ struct foundHeading {
 
 // `place`: the full name, to search by; empty where there is none to search. Reads `bytes` at most twice.
 foundHeading findHeading(const storedBytes& bytes, std::optional<i64> row0, const Path& path, const std::string& place);
+
+// The part can be opened.
+bool isSound(const std::string& file, const foundPart& part);
 
 }  // namespace orva

@@ -110,8 +110,7 @@ void shownPart::load() {
 
 // A mixture of two indexes seldom goes without gaps, and where it does the heading has changed.
 bool shownPart::isOfOneMoment() const {
-    rawHeading now{};
-    return fBytes->read(now.data(), now.size(), row0()) && now == fFound.raw && !firstGap(fFound.heading, fRecords);
+    return rawHeadingAt(*fBytes, row0()) == fFound.raw && !firstGap(fFound.heading, fRecords);
 }
 
 std::int64_t shownPart::begin(std::uint32_t number) const {
