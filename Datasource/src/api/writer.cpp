@@ -65,7 +65,6 @@ struct Writer::State {
     void beginNew(const WriterOptions& options) {
         fPending = std::make_unique<pendingFile>(fPath, options.replace, options.permissions);
         openOrThrow(*fOpened, fPending->temporaryName(), "r+b", kWriteFailed);
-        fNamed = std::make_unique<openedFile>(fPath.string(), fPending->temporaryName());
         const std::string text = options.dictionary.empty() ? makeDictionaryText() : "";
         const void* bytes = text.empty() ? static_cast<const void*>(options.dictionary.data()) : text.data();
         fRow0 = static_cast<i64>(text.size() + options.dictionary.size());
@@ -115,6 +114,7 @@ struct Writer::State {
             fPart.reset();
         }
         if (fPending != nullptr) {
+            if (staysOpen) fNamed = std::make_unique<openedFile>(fPath.string(), fPending->temporaryName());
             fPending->commit(bDurable);
             fPlace = fPending->target();
             ExtNameStr name;

@@ -17,7 +17,8 @@ namespace {
 
 // Gives the length of what a codec made of a block at `to`.
 std::uint32_t wholeStream(const blockOutcome& outcome) {
-    ORVA_ASSERT(requireMemory(outcome).end == blockOutcome::complete, "ret != 0");
+    requireMemory(outcome);
+    ORVA_ASSERT(outcome.end == blockOutcome::complete, "ret != 0");
     return outcome.produced;
 }
 
