@@ -28,6 +28,14 @@ protected:
         moveTo(at + got);
         return got;
     }
+    // Asked where the buffer has nothing in front of the place: at its border, and behind a seek or a long read.
+    int_type pbackfail(int_type c) override {
+        if (seekoff(-1, std::ios_base::cur, std::ios_base::in) == pos_type(off_type(-1))) return traits_type::eof();
+        const int_type before = sgetc();
+        if (c == traits_type::eof() || c == before) return before;
+        sbumpc();
+        return traits_type::eof();
+    }
     pos_type seekoff(off_type offset, std::ios_base::seekdir from, std::ios_base::openmode) override {
         const i64 base = from == std::ios_base::beg ? 0 : from == std::ios_base::cur ? place() : fReader.size();
         i64 target = 0;
