@@ -57,9 +57,10 @@ std::uint32_t input::read(void* buffer, std::uint32_t size) {
     return static_cast<std::uint32_t>(count);
 }
 
-// What has been added to a file since its size was asked is read on the second road.
+// What has been added to a file since its size was asked is read on the second road, and so is a short file: some that
+// the system makes up have fewer bytes than the page that they tell as their size.
 void input::readInto(orva::Writer& rows, const std::function<void(std::int64_t)>& passed) {
-    if (const auto size = knownSize(fName); fDescriptor != 0 && size.value_or(0) > fPlace) {
+    if (const auto size = knownSize(fName); fDescriptor != 0 && size.value_or(0) - fPlace > kBlockSize) {
         rows.write_from(rest(*this, *size, passed));
         fPlace = platform::_lseeki64(fDescriptor, *size, SEEK_SET);
     }
