@@ -92,11 +92,21 @@ std::int64_t rawWrite(int descriptor, const char* buffer, std::uint64_t size, st
 
 int rawDuplicate(int descriptor) {
     const Step step{.call = Call::Duplicate, .descriptor = descriptor};
-    return rawStatus(step, [&] { return ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0); });
+    return rawStatus(step, [&] { return ::fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); });
 }
 
 int rawClose(int descriptor) {
     return rawStatus(Step{.call = Call::Close, .descriptor = descriptor}, [&] { return ::close(descriptor); });
+}
+
+// What anybody in the process prints to a standard stream that is closed would go into the file that has its number.
+int pastStandardStreams(int descriptor) {
+    if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
+    const int moved = rawDuplicate(descriptor);
+    const int error = errno;
+    rawClose(descriptor);
+    errno = error;
+    return moved;
 }
 
 // A file needs its data and length; a directory everything, since its entries count as what describes it.
@@ -233,8 +243,8 @@ int syncedUnlessPointless(int descriptor, bool isDirectory) {
 int openShared(const char* name, int oflag, int shflag, int pmode) noexcept {
     constexpr int tries = 10;
     for (int i = 0; i < tries; ++i) {
-        const int descriptor =
-            restarted([&] { return rawOpen(name, systemFlags(oflag), static_cast<mode_t>(pmode & 0777)); });
+        const int descriptor = pastStandardStreams(
+            restarted([&] { return rawOpen(name, systemFlags(oflag), static_cast<mode_t>(pmode & 0777)); }));
         if (descriptor < 0) return -1;
         const int error = prepared(descriptor, name, oflag, shflag);
         if (error == 0) return descriptor;

@@ -38,7 +38,8 @@ inline constexpr int _S_IWRITE = 0x80;
 inline constexpr int _S_IREAD = 0x100;
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
-// Opens `name` and gives its descriptor, which no program started later inherits. A directory is EISDIR.
+// Opens `name` and gives its descriptor, which no program started later inherits, and which is never the number of a
+// standard stream. A directory is EISDIR.
 //   _O_TEMPORARY  nothing here: whoever opened the file knows its name, its process and when it is to go, and hands the
 //                 name to _close.
 //   _SH_DENYWR    a writer of a regular file holds a lock until _close or closeAnyway, or until its process and all

@@ -39,15 +39,6 @@ std::vector<namedVerb> verbsFor(std::string_view firstWord) {
     return {std::begin(kVerbs), std::end(kVerbs)};
 }
 
-// A descriptor below 3 that is closed would be the next file's number, and messages would go into the data.
-void occupyStandardDescriptors() {
-    for (int descriptor = 0; descriptor < 3; ++descriptor) {
-        if (platform::_lseeki64(descriptor, 0, 1) >= 0 || errno != EBADF) continue;
-        const int access = descriptor == 0 ? platform::_O_WRONLY : platform::_O_RDONLY;  // using it fails as before
-        if (platform::openShared("/dev/null", access, 0, 0) < 0) return;
-    }
-}
-
 // Help and version go out through the same road as data, so that a full disk shows there too.
 int answerFromParser(const CLI::App& app, const CLI::ParseError& request, const std::string& verbName) {
     if (request.get_exit_code() != 0) {
@@ -132,7 +123,6 @@ int main(int argc, char** argv) {
     std::string verbName;
     std::string subject;
     try {
-        occupyStandardDescriptors();
         handleSignals();
         return runTool(argc, argv, verbName, subject);
     } catch (...) {

@@ -70,9 +70,11 @@ void output::write(const void* bytes, std::size_t size) {
 }
 
 // Some systems tell only at a close that bytes did not reach their place. Of standard output a duplicate is closed, by
-// the plain call: _close would end a lock that whoever started the command has on it.
+// the plain call: _close would end a lock that whoever started the command has on it. It may be closed if it got
+// nothing.
 void output::finish() {
     const bool isStandard = fDescriptor == STDOUT_FILENO;
+    if (isStandard && fWritten == 0) return;
     if ((isStandard ? close(dup(fDescriptor)) : platform::_close(fDescriptor)) != 0) throwWriteFailed(fName);
     fDescriptor = -1;
     if (!fPending) return;

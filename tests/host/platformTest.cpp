@@ -90,6 +90,15 @@ int askedBesideAnother(int descriptor) {
     return found ? 1 : 0;
 }
 
+// While the number of standard input is free.
+int openedWithoutInput(int /*descriptor*/) {
+    const int input = ::dup(0);
+    ::close(0);
+    const int other = platform::openShared("/dev/null", platform::_O_RDONLY, 0, 0);
+    ::dup2(input, 0), ::close(input), ::close(other);
+    return other > 2 ? 0 : 1;
+}
+
 // Opens a file of the digits, and does one thing with it.
 struct CallCase {
     const char* name;
@@ -109,6 +118,7 @@ const CallCase kCalls[] = {
     {"WriteAtAPlace", kWrite, writeDigitsAt, "O L W10@3=4 W6@7=EINTR W6@7 ", 0, "012" + kDigits},
     {"NoPlaceBeforeTheFile", kWrite, [](int d) { return platform::writeAt(d, "a", 1, -1); }, "O L ", EINVAL, kDigits},
     {"ATakenNameIsNotMadeAnew", kWrite | platform::_O_EXCL, nullptr, "O ", EEXIST, kDigits},
+    {"NoFileIsAStandardStream", kWrite, openedWithoutInput, "O L O D c ", 0, kDigits},
     {"LocksBeforeItTruncates", kTruncate, nullptr, "O L=EINTR L T ", 0, ""},
     {"GoesOnWithoutLocks", kTruncate, nullptr, "O L=ENOLCK T ", 0, ""},
     {"WhoAsksForAWriterIsNone", kTruncate, nullptr, "O L=EAGAIN L L T ", 0, ""},
