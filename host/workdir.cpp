@@ -27,7 +27,8 @@ std::atomic<KeyState> gKeyState{KeyState::Unset};
 std::array<unsigned char, kKeySize> gKey;
 libcrypto gCrypto;
 
-// Erases the key at the end. A thread that is still at work then meets a failure, not a key of zeros.
+// Erases the key at the end, behind all static streams, in a static link too. A thread that is still at work then meets
+// a failure, not a key of zeros.
 struct KeyEraser {
     ~KeyEraser() {
         const platform::noFork guard;
@@ -35,7 +36,7 @@ struct KeyEraser {
         ::explicit_bzero(gKey.data(), gKey.size());
     }
 };
-const KeyEraser gKeyEraser;
+[[gnu::init_priority(101)]] const KeyEraser gKeyEraser;  // made first, and so ended last
 
 bool takeKeyIntoUse() {
     if (gKeyState.load(std::memory_order_acquire) == KeyState::InUse) return true;

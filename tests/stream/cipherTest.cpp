@@ -38,6 +38,17 @@ protected:
     RefCountPtr<ORVA_File> file;
 };
 
+std::unique_ptr<ORVA_FileStream> gLast;  // ends behind objects of the library that are made later
+
+TEST_F(Cipher, AStreamEndsWholeWithItsProcess) {
+    expectInChild([&] {
+        gLast = std::make_unique<ORVA_FileStream>(fPath.c_str(), "wb", true);
+        gLast->Write(fNoise.data(), 9);
+        std::exit(0);
+    });
+    EXPECT_EQ(std::filesystem::file_size(fPath), 16U);
+}
+
 struct WriteCase {
     const char* name;
     bool taken;
