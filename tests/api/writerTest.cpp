@@ -287,6 +287,10 @@ TEST_F(Writer, AnAppendIsInTheFileThatHasTheNameOrFails) {
     std::filesystem::rename(path("rows"), path("new"));
     writer.write(spanOf(Bytes(10, 'b')));
     EXPECT_EQ(thrownBy([&] { writer.finish(); }), "SystemError ESTALE");
+    orva::Writer beginning(path("begun"));
+    beginning.flush_rows();
+    writeBytes(path("begun"), readBytes(path("new")));
+    EXPECT_EQ(thrownBy([&] { beginning.room(); }), "FileChangedError");
 }
 
 TEST_F(Writer, ServesStandardStreams) {

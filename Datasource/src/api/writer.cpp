@@ -94,7 +94,7 @@ struct Writer::State {
     // `swap`: heading and index have the other byte order. What a part has finished has this machine's.
     void resume(bool swap) {
         const i64 end = fRow0 + fSize;
-        const resumePoint from{swap, end, end, {}, bDurable};
+        const resumePoint from{swap, end, end, end, bDurable};
         fPart = std::make_unique<partWriter>(*fOpened, fRow0, fRoads, fChoices, from);
     }
 
