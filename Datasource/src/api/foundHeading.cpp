@@ -1,5 +1,7 @@
 #include "api/foundHeading.h"
 
+#include "base/fileError.h"
+
 #include <orva/errors.h>
 
 #include <algorithm>
@@ -86,9 +88,10 @@ private:
     [[noreturn]] void refuseNone(std::int64_t place) const {
         const std::string where = "offset " + std::to_string(place);
         if (isTold(place)) {
-            const std::string advice = fPath.empty() ? ""
-                                                     : ". If its writer is gone, 'orva recover " + fPath.string() +
-                                                           " -o OUT' gets the rows that are there";
+            const std::string advice = fPath.empty()
+                                           ? ""
+                                           : ". If its writer is gone, 'orva recover " + shellWord(fPath.string()) +
+                                                 " -o OUT' gets the rows that are there";
             throw UnfinishedFileError(
                 name() + " is not finished: there is no heading at " + where + ", where its rows begin" + advice,
                 fPath);

@@ -1,6 +1,7 @@
 #include "api/shownPart.h"
 
 #include "api/translated.h"
+#include "base/fileError.h"
 #include "format/indexTransfer.h"
 #include "part/heldSideFile.h"
 #include "part/keptTail.h"
@@ -40,7 +41,7 @@ struct seen {
 std::string stateText(const std::string& name, bool alive) {
     if (alive) return "an append, or another writer, is at work on it: try again when that has ended";
     return "an append to it was interrupted, which has left \"" + sideFileName(name) +
-           "\": 'orva recover --roll-back " + name + "' ends it without a loss";
+           "\": 'orva recover --roll-back " + shellWord(name) + "' ends it without a loss";
 }
 
 }  // namespace

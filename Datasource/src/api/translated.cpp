@@ -44,7 +44,7 @@ std::string textOf(const std::system_error& failure, const Path& path) {
 }
 
 std::string recoverAdvice(const Path& path) {
-    return path.empty() ? "" : "; 'orva recover " + path.string() + " -o OUT' gets the rows that are sound";
+    return path.empty() ? "" : "; 'orva recover " + shellWord(path.string()) + " -o OUT' gets the rows that are sound";
 }
 
 }  // namespace

@@ -12,4 +12,7 @@ namespace orva {
 // there is more to say than the errno does.
 [[noreturn]] void throwFileError(int error, long code, const std::string& name, const std::string& outcome = {});
 
+// `name` as a shell takes it for a file: for the commands that messages tell to run.
+std::string shellWord(const std::string& name);
+
 }  // namespace orva

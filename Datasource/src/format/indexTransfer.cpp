@@ -31,8 +31,7 @@ void checkPlaces(bytesFrom file, const compressionHeading& heading, std::int64_t
     if (breach == nullptr && heading._indexPos > fileSize - heading._size) breach = kIndexFits;
     if (breach == nullptr) return;
     refuse(file, breach,
-           indexSpan(heading) + " cannot stand there in a file of " + std::to_string(fileSize) +
-               " bytes; 'orva recover' may get the rows back");
+           indexSpan(heading) + " cannot stand there in a file of " + std::to_string(fileSize) + " bytes");
 }
 
 void checkCount(bytesFrom file, const compressionHeading& heading, const filePosRecord& first) {

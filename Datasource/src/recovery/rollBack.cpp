@@ -119,8 +119,8 @@ private:
 
     [[noreturn]] void refuse(const std::string& why) const {
         throw DamagedFileError(fSide.name(), "a state that an append leaves",
-                               "\"" + fName + "\" is " + why + "; nothing was changed: 'orva recover " + fName +
-                                   " -o OUT' gets what it holds");
+                               "\"" + fName + "\" is " + why + "; nothing was changed: 'orva recover " +
+                                   shellWord(fName) + " -o OUT' gets what it holds");
     }
 
     const std::string fName;
