@@ -39,11 +39,24 @@ std::vector<namedVerb> verbsFor(std::string_view firstWord) {
     return {std::begin(kVerbs), std::end(kVerbs)};
 }
 
+// A word that nobody knows tells more than what is missing for its sake.
+std::string refusal(const CLI::App& app, const CLI::ParseError& request, const std::string& verbName) {
+    const std::vector<std::string> unknown = app.remaining(true);
+    const std::string what = request.what();
+    if (unknown.empty()) {
+        const bool noValue = dynamic_cast<const CLI::ArgumentMismatch*>(&request) != nullptr;
+        return noValue ? what.substr(0, what.find(':')) + " is given without a value" : what;
+    }
+    const std::string& word = unknown.front();
+    if (!word.starts_with('-')) return verbName.empty() ? word + " is no verb" : what;
+    return word + " is no option" + (verbName.empty() ? "" : "; a file whose name begins with - is told as ./-NAME");
+}
+
 // Help and version go out through the same road as data, so that a full disk shows there too.
 int answerFromParser(const CLI::App& app, const CLI::ParseError& request, const std::string& verbName) {
     if (request.get_exit_code() != 0) {
         const std::string help = verbName.empty() ? "orva --help" : "orva " + verbName + " --help";
-        throw toolFailure(kUsage, {}, std::string(request.what()) + "; '" + help + "' tells more");
+        usageError(refusal(app, request, verbName) + "; '" + help + "' tells more");
     }
     std::ostringstream text;
     app.exit(request, text, text);
@@ -58,21 +71,25 @@ std::string versionText() {
 }
 
 // -N for pack's --level N, as other packers have it. The parser knows options of one letter only.
-void nameLevels(std::vector<std::string>& words) {
+void nameLevels(const CLI::App& app, std::vector<std::string>& words) {
     if (words.empty() || words.front() != "pack") return;
+    const CLI::App* pack = app.get_subcommand("pack");
     const auto end = std::find(words.begin(), words.end(), "--");
-    std::for_each(words.begin(), end, [](std::string& word) {
-        if (word.starts_with('-') && number(word.substr(1))) word = "--level=" + word.substr(1);
-    });
+    for (auto word = words.begin() + 1; word < end; ++word) {
+        if (!word->starts_with('-') || !number(word->substr(1))) continue;
+        const std::string& before = *(word - 1);
+        const CLI::Option* option = before.starts_with('-') ? pack->get_option_no_throw(before) : nullptr;
+        if (option == nullptr || option->get_items_expected_max() == 0) *word = "--level=" + word->substr(1);
+    }
 }
 
 // Last first, as the parser wants them. It would take a name in brackets for a list of names.
-std::vector<std::string> arguments(int argc, char** argv) {
+std::vector<std::string> arguments(const CLI::App& app, int argc, char** argv) {
     std::vector<std::string> words(argv + 1, argv + std::max(argc, 1));
     for (std::string& word : words) {
         if (word.starts_with('[') && word.ends_with(']')) word.insert(0, "./");
     }
-    nameLevels(words);
+    nameLevels(app, words);
     std::reverse(words.begin(), words.end());
     return words;
 }
@@ -103,7 +120,7 @@ int runTool(int argc, char** argv, std::string& verbName, std::string& subject) 
         checkValues(*verbs.back().first);
     }
     try {
-        app.parse(arguments(argc, argv));
+        app.parse(arguments(app, argc, argv));
     } catch (const CLI::ParseError& request) {
         if (const auto parsed = app.get_subcommands(); !parsed.empty()) verbName = parsed.front()->get_name();
         return answerFromParser(app, request, verbName);

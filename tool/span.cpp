@@ -38,7 +38,7 @@ span parseRange(const std::string& text, const std::string& file, std::int64_t d
         throw toolFailure(kOtherFailure, file,
                           "the range " + text + " begins before the rows, which are " + counted(dataSize, "byte"));
     }
-    const pair given = parsePair(text, "OFF:LEN or -N");
+    const pair given = parsePair(text, "OFF:LEN, OFF: or -N");
     const std::int64_t rest = dataSize - given.first;
     if (rest < 0 || given.second.value_or(0) > rest) {
         throw toolFailure(kOtherFailure, file,
@@ -50,7 +50,7 @@ span parseRange(const std::string& text, const std::string& file, std::int64_t d
 span parseRecords(const std::string& text, std::int64_t recordSize, const std::string& file, std::int64_t dataSize) {
     const std::int64_t count = dataSize / recordSize;
     const auto last = parseLast(text, ":");
-    const pair given = last ? pair{count - *last, count} : parsePair(text, "A:B or -N:");
+    const pair given = last ? pair{count - *last, count} : parsePair(text, "A:B, A: or -N:");
     const std::int64_t end = given.second.value_or(count);
     if (given.first < 0 || given.first > count || end > count) {
         throw toolFailure(kOtherFailure, file,
