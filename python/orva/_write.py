@@ -14,9 +14,14 @@ from ._source import NEW_BLOCKS, PathLike, block_of, path_of, threads_of, whole
 _PIECE = 4_190_208  # bytes of rows that are copied at a time where an array is in pieces
 
 
+def array_of(values: Any) -> Any:
+    """A frame's rows are its records, without its index: as an array all its columns would be of one dtype."""
+    return values.to_records(index=False) if hasattr(values, "to_records") else np.asanyarray(values)
+
+
 def _rows_of(array: npt.ArrayLike) -> tuple[npt.NDArray[Any], np.dtype[Any]]:
     """An array, and the dtype of a row of it."""
-    values = np.asanyarray(array)
+    values: npt.NDArray[Any] = array_of(array)
     mask: Any = np.ma.getmask(values)  # type: ignore[no-untyped-call]
     if np.ascontiguousarray(mask).view(np.bool_).any():  # also of fields
         raise ValueError("rows that are masked have no values that a file could hold: fill or leave them out")
@@ -38,8 +43,9 @@ def _write(writer: _orva.Writer, values: npt.NDArray[Any], row: np.dtype[Any]) -
 def write(
     path: PathLike, array: npt.ArrayLike, *, threads: int = 1, level: int = 1, block: int | None = None
 ) -> None:
-    """Writes an array, one row for each element of its first axis, to a new file, which replaces one of that name once
-    it is complete and on the disk. The dtype stands in it, so that `orva.rows` needs none.
+    """Writes an array, one row for each element of its first axis, or a pandas frame, one for each of its records, without
+    its index, to a new file, which replaces one of that name once it is complete and on the disk. The dtype stands in it,
+    so that `orva.rows` needs none.
 
     threads, level, block: as for `orva.open`. Errors: OSError; ValueError for arrays of objects, of no axis or of
     elements without bytes, and for options outside their ranges. Nothing is left then.

@@ -34,7 +34,7 @@ from ._files import join
 from ._frame import frame_of
 from ._rows import Rows
 from ._source import PathLike, path_of, paths_of
-from ._write import write
+from ._write import array_of, write
 from .fsspec import source
 
 if TYPE_CHECKING:
@@ -247,7 +247,7 @@ def _frame(parts: list[_Part], name: str, like: Rows) -> DataFrame:
 
 def _write_part(values: Any, name: str, dtype: np.dtype[Any], within: tuple[int, ...]) -> str:
     """Harmless when repeated, even at a time: who comes last replaces the same rows."""
-    rows = values.to_records(index=False) if hasattr(values, "to_records") else np.asanyarray(values)
+    rows = array_of(values)
     if rows.dtype != dtype or rows.shape[1:] != within:
         raise ValueError(
             f"a partition has rows of {rows.dtype} and {rows.shape[1:]}, and its collection is of {dtype} and {within}"

@@ -133,6 +133,10 @@ def test_frames(here: Path) -> None:
     assert orva.to_frame("plain.orva").equals(pd.DataFrame({"time": [1, 2], "price": [0.5, 1.5]}))
     some = {name: ROWS[name] for name in ("price", "name")}
     assert orva.to_frame("trades.orva", tuple(some)).equals(pd.DataFrame(some))
+    frame = pd.DataFrame({"time": [1, (1 << 60) + 1], "price": [0.5, 1.5]}, index=[3, 9])
+    orva.write("frame.orva", frame)
+    orva.append("frame.orva", frame)
+    assert orva.to_frame("frame.orva").equals(pd.concat([frame, frame], ignore_index=True))
     assert orva.to_frame("numbers.orva", dtype=[("low", "<i4"), ("high", "<i4")]).shape == (10, 2)
 
 
