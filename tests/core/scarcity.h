@@ -39,15 +39,13 @@ bool strikes(Fault::Kind what) noexcept {
     return number >= first && number <= last;
 }
 
-void* allocated(std::size_t size, std::size_t alignment) noexcept {
-    void* bytes = nullptr;
-    if (size > mostAtOnce || strikes(Fault::Memory)) return nullptr;
-    return posix_memalign(&bytes, alignment, std::max<std::size_t>(size, 1)) == 0 ? bytes : nullptr;
+// What stands behind one of the functions here: the system's own, or a sanitizer's.
+template <class Function>
+Function* nextOf(const char* symbol) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
 }
-// Each new calls this, and none another new, which some compilers take for what its delete belongs to.
-void* allocatedOrThrow(std::size_t size, std::size_t alignment) {
-    void* bytes = allocated(size, alignment);
-    return bytes != nullptr ? bytes : throw std::bad_alloc();
+void requireMemory(std::size_t size) {
+    if (size > mostAtOnce || strikes(Fault::Memory)) throw std::bad_alloc();
 }
 
 #if ORVA_FAST_CODEC
@@ -59,38 +57,22 @@ const bool isCodecMemory = (libdeflate_set_memory_allocator(codecMemory, std::fr
 
 }  // namespace
 
-// The forms that do not throw too: a sanitizer's own do not call these.
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    return allocatedOrThrow(size, static_cast<std::size_t>(alignment));
-}
+// Found before the system's own, by the standard library too, whose other forms of new call these. Who deletes is the
+// next one, from which the memory comes.
 void* operator new(std::size_t size) {
-    return allocatedOrThrow(size, 16);
+    static const auto next = nextOf<void*(std::size_t)>("_Znwm");
+    requireMemory(size);
+    return next(size);
 }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return allocated(size, 16);
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    static const auto next = nextOf<void*(std::size_t, std::align_val_t)>("_ZnwmSt11align_val_t");
+    requireMemory(size);
+    return next(size, alignment);
 }
-void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return allocated(size, static_cast<std::size_t>(alignment));
-}
-void operator delete(void* bytes) noexcept {
-    std::free(bytes);
-}
-void operator delete(void* bytes, std::size_t) noexcept {
-    operator delete(bytes);
-}
-void operator delete(void* bytes, std::align_val_t) noexcept {
-    operator delete(bytes);
-}
-void operator delete(void* bytes, std::size_t, std::align_val_t) noexcept {
-    operator delete(bytes);
-}
-
-// Found before the system's own, by the standard library too.
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
                               void* argument) {
-    if (strikes(Fault::Threads)) return EAGAIN;
-    static const auto next = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
-    return next(thread, attributes, run, argument);
+    static const auto next = nextOf<decltype(pthread_create)>("pthread_create");
+    return strikes(Fault::Threads) ? EAGAIN : next(thread, attributes, run, argument);
 }
 
 // The linker leads the library's calls here (--wrap).
