@@ -90,19 +90,6 @@ TEST_P(CompressedWrite, CannotBeginWithoutRoomForABlockOrTheFileAndMayTryAgain) 
     finish(*stream, Bytes(10, 'x'), {10});
 }
 
-TEST_P(CompressedWrite, DestructorThrowsOnlyWhatNobodyHeard) {
-    const auto fails = [&](bool beside) {
-        CallHook disk;
-        disk.fail(Call::Write, EIO);
-        auto stream = startedWriter(fName, GetParam());
-        write(*stream, Bytes(10, 'x'));
-        if (beside) throw std::runtime_error("first");
-        delete stream.release();
-    };
-    EXPECT_EQ(failureOf([&] { fails(false); }), fileError(1002, EIO, fName));
-    EXPECT_EQ(failureOf([&] { fails(true); }), "other first") << "silent while another exception is in flight";
-}
-
 // The rows begin behind 4 GiB, where the guess of a look-up cannot be right, so nothing but a gap answers for one.
 class CompressedRead : public ShortBlocks, public testing::WithParamInterface<int> {
 protected:

@@ -31,12 +31,9 @@ TEST_F(AppendTest, WhatIsNotFinishedIsUndoneAndAFailureIsFinal) {
                   "SystemFileException 1201 fData->pRealFile.Open(GetNameStr(),\"r+b\") errno 11 " + fFile);
         expectOld();
         append.begin(stream, append.keptEnd());
-        const auto failure = [&] {
-            const CallHook full([left = 1](const Step& step, std::uint64_t) mutable {
-                return step.call == Call::Write && left-- > 0 ? Verdict::fail(ENOSPC) : Verdict::goOn();
-            });
-            return failureOf([&] { writeBlocks(*stream, blocksOf(append.added)); });
-        }();
+        CallHook disk;
+        disk.fail(Call::Write, ENOSPC);
+        const std::string failure = failureOf([&] { writeBlocks(*stream, blocksOf(append.added)); });
         EXPECT_EQ(failure, fileError(1002, ENOSPC, fFile));
         EXPECT_EQ(failureOf([&] { resume(*stream, append.keptEnd()); }), failure);
         EXPECT_EQ(failureOf([&] { stream->setRow0Pos(kRow0); }), failure);
