@@ -2,6 +2,8 @@
 // of a sound file nothing is lost.
 #include "fuzzTarget.h"
 
+#include <set>
+
 using namespace fuzz;
 
 namespace {
@@ -19,16 +21,13 @@ std::vector<Bytes> streamsOf(const Bytes& file) {
 
 // The rows are streams, one behind the other.
 bool madeOf(const std::vector<Bytes>& streams, const Bytes& rows) {
-    std::vector<bool> reached(rows.size() + 1);
-    reached[0] = true;
-    for (std::size_t at = 0; at < rows.size(); ++at) {
-        for (std::size_t i = 0; reached[at] && i < streams.size(); ++i) {
-            const std::size_t size = streams[i].size();
-            if (size > rows.size() - at || reached[at + size]) continue;
-            reached[at + size] = std::memcmp(streams[i].data(), rows.data() + at, size) == 0;
+    std::set<std::size_t> ends{0};
+    for (const std::size_t end : ends) {
+        for (const Bytes& stream : streams) {
+            if (slice(rows, end, stream.size()) == stream) ends.insert(end + stream.size());
         }
     }
-    return reached[rows.size()];
+    return ends.count(rows.size()) != 0;
 }
 
 // Takes the zeros that stand for lost rows out again.

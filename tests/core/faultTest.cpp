@@ -252,13 +252,17 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
             append.road = road;
             writeBytes(fName, old);
             std::unique_ptr<core::Reader> stream;
+            bool writes = false;
             const std::string failure = tried(s, [&] {
                 stream = std::make_unique<core::Reader>(fName);
                 append.begin(*stream, end);
+                writes = true;
                 core::writeBlocks(**stream, added);
+                writes = false;
                 EXPECT_EQ((*stream)->Close(), 1);
             });
             const auto says = [&, text = s.text](const char* part) { return (failure + text).find(part) != text.npos; };
+            EXPECT_EQ(failureOf([&] { writes ? core::resume(**stream, end) : void(); }), writes ? failure : "");
             EXPECT_EQ(s.heard([&] { stream.reset(); }), "") << "told before";
             undone += says("holds the rows that it held before") ? 1 : 0;
             if (failure.empty() || says("the append itself is complete") || says("\"rb\")")) {

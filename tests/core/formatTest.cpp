@@ -8,8 +8,6 @@
 #include <orva/lz4Compress.h>
 #include <orva/zlibCompress.h>
 
-#include <sstream>
-
 namespace core {
 namespace {
 
@@ -104,24 +102,19 @@ TEST(Lz4Codec, CompressesByLevelAndReportsWhatDoesNotFit) {
     EXPECT_TRUE(sizes[0] > sizes[1] && sizes[1] == sizes[2]);
 }
 
-Bytes fromHex(const char* digits) {
-    Bytes bytes;
-    std::istringstream stream(digits);
-    for (unsigned value = 0; stream >> std::hex >> value;) bytes.push_back(static_cast<unsigned char>(value));
-    return bytes;
-}
-
 TEST(Layout, HeadingAndIndexAreAsDocumented) {
     filePosInfo index(kBlock);
     EXPECT_EQ(index.writtenEnd(77), 77);
     index.addRecord(4'191'208, 1'501'024, 4'190'208, 1'400'000);
     std::uint32_t length = 0;
     const unsigned char* serialized = index.serialize(length);
+    // The lowest byte of each field comes first.
     EXPECT_EQ(Bytes(serialized, serialized + length),
-              fromHex("9c ff ff ff ff ff ff ff 00 00 00 00 00 00 00 00 00 f0 3f 00 01 00 00 00 "
-                      "e8 f3 3f 00 00 00 00 00 60 e7 16 00 00 00 00 00 00 f0 3f 00 c0 5c 15 00"));
+              Bytes({0x9C, 255,  255,  255, 255, 255, 255, 255, 0,    0,    0,    0, 0,    0,    0,    0,
+                     0,    0xF0, 0x3F, 0,   1,   0,   0,   0,   0xE8, 0xF3, 0x3F, 0, 0,    0,    0,    0,
+                     0x60, 0xE7, 0x16, 0,   0,   0,   0,   0,   0,    0xF0, 0x3F, 0, 0xC0, 0x5C, 0x15, 0}));
     EXPECT_EQ(bytesOf(compressionHeading{1'000, 2'941'024, 96}),
-              fromHex("e8 03 00 00 00 00 00 00 60 e0 2c 00 00 00 00 00 60 00 00 00 00 00 00 00"));
+              Bytes({0xE8, 3, 0, 0, 0, 0, 0, 0, 0x60, 0xE0, 0x2C, 0, 0, 0, 0, 0, 96, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 // An index can be longer than what a file takes at a time.

@@ -83,10 +83,9 @@ private:
 };
 
 // Runs `body` in a forked child, which has to come to its end there without a failed expectation. One that hangs is
-// ended by the alarm. The parent does `meanwhile`.
+// ended by the alarm.
 template <class Body>
-void expectInChild(
-    Body body, const std::function<void()>& meanwhile = [] {}) {
+void expectInChild(Body body) {
     const pid_t child = fork();
     if (child == 0) {
         alarm(30);
@@ -95,7 +94,6 @@ void expectInChild(
         if (__gcov_dump != nullptr) __gcov_dump();
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
-    meanwhile();
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0) << "wait status of the child";
