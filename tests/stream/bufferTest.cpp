@@ -43,10 +43,6 @@ const Script kScripts[] = {
     {"SwitchedOffItStaysIdleAndGoesOnWhenOn", 3 * kBlock, "t1 r1 a1 t0 s8380416 r1 p0 t1 r2 p1 s4190208 r1 a2",
      "R 0, r 4190208, R 8380416, R 8380417+2, r 8380416"},
     {"CopyKeepsTheWorker", 2 * kBlock, "t1 r1 a1 k s4190208 r1 a2", "R 0, r 4190208, r 8380416"},
-    {"R6_PendingBytesInTheBlock", 3 * kBlock, "t1 r1 a1 s4190308 w9 s4190208 r4190208 a2",
-     "R 0, r 4190208, W 4190308+9, R 4190208, r 8380416"},
-    {"R6_FileThatGrewBehindItsEnd", 1'000, "t1 r1 a1 s12570624 w9 s4190208 r100 a2",
-     "R 0, r 4190208, W 12570624+9, R 4190208, r 8380416"},
 };
 
 using StreamBuffer = StreamTest;
