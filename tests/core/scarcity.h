@@ -20,7 +20,8 @@ struct Fault {
     enum Kind { Calls, Memory, Codecs, Threads, Cipher };
     const char* name;
     Kind kind;
-    int error = 0;
+    int error = 0;            // that a failing call gives, or a file's failure tells
+    const char* told = "";    // what a person reads, as a pattern
     bool lasting = false;     // else once
     bool afterAPart = false;  // a transfer first moves some bytes, and the next call fails
 };
