@@ -3,9 +3,6 @@
 // behind them, or just the old ones.
 #include "fuzzTarget.h"
 #include "part/keptTail.h"
-#include "support/readerRows.h"
-
-#include <orva/writer.h>
 
 using namespace fuzz;
 
@@ -16,8 +13,7 @@ public:
     using Input::Input;
 
     void run() {
-        const int way = steps.ConsumeIntegralInRange(0, 4);
-        if (way == 4 && !swap) return byWriter();
+        const int way = steps.ConsumeIntegralInRange(0, 3);
         auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"));
         stream->setSafeAppend(way < 2 || steps.ConsumeBool());
         stream->setThreadCount(steps.ConsumeIntegralInRange(0, 15) == 0 ? 2 : 0);
@@ -42,20 +38,6 @@ public:
     }
 
 private:
-    // orva::Writer appends in this machine's byte order alone.
-    void byWriter() {
-        const bool finishes = steps.ConsumeBool();
-        const Bytes added = SeededBytes(1).rows(steps.ConsumeIntegralInRange<std::size_t>(1, 3 * kBlockSize));
-        const bool took = soundFor<orva::Error>([&] {
-            auto writer = orva::Writer::append(name, {.row0 = kRow0, .block = blockLength});
-            writer.write(spanOf(added));
-            if (finishes) writer.finish();
-        });
-        require(took == takesRows, "a Writer appends exactly where blocks and index allow it");
-        if (!took) return requireLeft(file, {});
-        finishes ? requireAdded(old.end, added) : requireRestored();
-    }
-
     // How many rows of a short last block are cut.
     std::int64_t chooseCut() {
         const auto number = steps.ConsumeIntegral<std::uint16_t>();

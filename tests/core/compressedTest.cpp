@@ -15,8 +15,7 @@ namespace {
 
 using testing::AllOf, testing::HasSubstr, testing::StartsWith;
 
-class CompressedWrite : public TempDir, public testing::WithParamInterface<int> {
-protected:
+struct CompressedWrite : TempDir, testing::WithParamInterface<int> {
     void finish(zcmpsFilestr& stream, const Bytes& rows, const std::vector<std::int32_t>& sizes) const {
         write(stream, rows);
         EXPECT_EQ(stream.Close(), 1);
@@ -91,8 +90,7 @@ TEST_P(CompressedWrite, CannotBeginWithoutRoomForABlockOrTheFileAndMayTryAgain) 
 }
 
 // The rows begin behind 4 GiB, where the guess of a look-up cannot be right, so nothing but a gap answers for one.
-class CompressedRead : public ShortBlocks, public testing::WithParamInterface<int> {
-protected:
+struct CompressedRead : ShortBlocks, testing::WithParamInterface<int> {
     CompressedRead() { makeFile(fName, fBlocks, kFar, GetParam() == 2 ? 1 : GetParam()); }
     std::int64_t row(std::size_t block) const { return fLayout.records[block].orginalPos + kFar - kRow0; }
     static constexpr std::int64_t kFar = (std::int64_t{5} << 30) + 7;

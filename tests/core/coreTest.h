@@ -87,8 +87,7 @@ inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, 
 }
 
 // A finished file of six short blocks.
-class ShortBlocks : public TempDir {
-protected:
+struct ShortBlocks : TempDir {
     ShortBlocks() {
         RandomBytes random(41);
         for (const std::size_t size : {3'000u, 1u, 20'000u, 700u, 5'000u, 100u}) fBlocks.push_back(random.rows(size));

@@ -30,8 +30,7 @@ constexpr Fault kFaults[] = {
     {"NoCipherOnce", Fault::Cipher, 0, "unknown error"},
 };
 
-class Faults : public ShortBlocks {
-protected:
+struct Faults : ShortBlocks {
     // Runs `body(road, scarcity)` over all faults and places.
     template <class Body>
     void everywhere(const std::vector<int>& roads, Body body) {

@@ -36,8 +36,7 @@ Bytes someRows(RandomBytes& random, std::size_t size) {
 }
 
 // Streams of every mode, plain and enciphered.
-class StreamModel : public StreamTest {
-protected:
+struct StreamModel : StreamTest {
     // After a failure what still waits may not be written: nothing is to be thrown from here.
     void TearDown() override {
         if (model != nullptr) s().ClearAndReset();
@@ -142,8 +141,7 @@ TEST_F(StreamModel, GivesAndKeepsTheBytesThatItTookInEveryMode) {
     });
 }
 
-class CompressedModel : public TempDir {
-protected:
+struct CompressedModel : TempDir {
     static constexpr int kRoads[] = {0, 1, 2, kOneOfSeveral, kTwo, kSeveral};
 
     void choose(RandomBytes& random, zcmpsFilestr& stream) {

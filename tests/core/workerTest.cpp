@@ -13,8 +13,7 @@ namespace {
 
 // All make the same promises to their caller.
 template <class Worker>
-class ReadWorker : public ShortBlocks {
-protected:
+struct ReadWorker : ShortBlocks {
     static constexpr bool kIsSeveral = std::is_same_v<Worker, PreIOThread_Multi_R_D>;
     static constexpr std::uint32_t kBlocks = 6;
     ReadWorker() {

@@ -11,8 +11,7 @@ namespace {
 
 using namespace support;
 
-class Cipher : public TempDir {
-protected:
+struct Cipher : TempDir {
     Cipher() {
         SetKeepEncrypt(true);
         fName.SetGeneric(fPath);

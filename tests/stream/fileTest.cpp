@@ -10,8 +10,7 @@ namespace {
 
 using namespace support;
 
-class File : public TempDir {
-protected:
+struct File : TempDir {
     bool open(const std::string& name, const char* mode, ORVA_File* as = nullptr) {
         fName.SetGeneric(path(name));
         return (as != nullptr ? *as : file).Open(fName, mode);

@@ -144,8 +144,7 @@ struct Script {
 };
 
 // A file, a stream over it beside the content that it should have, and steps with them.
-class StreamTest : public TempDir {
-protected:
+struct StreamTest : TempDir {
     ~StreamTest() override { SetKeepEncrypt(false); }
     static const Bytes& noise() {
         static const Bytes bytes = RandomBytes(17).noise(35'000'000);
