@@ -126,16 +126,9 @@ public:
             fault.afterAPart && count + 1 == first && (step.call == Call::Read || step.call == Call::Write);
         return cut ? Verdict::atMost(step.size / 2 + 1) : Verdict::goOn();
     }
-    void after(const Step& step) override {
-        if (step.call != Call::Write) return;
-        const bool heading = step.result > 0 && step.offset >= kRow0 && step.offset < kRow0 + kHeadingSize;
-        if (bLast && step.result > 0 && !heading) bBehindLast = true;
-        if (heading || step.result < 0) bLast = true;
-    }
 
     const Fault fault;
     std::string text;
-    std::atomic<bool> bLast{false}, bBehindLast{false};  // bytes behind the heading, or behind a write that failed
 
 private:
     const platform::faults::Installed fInstalled{*this};

@@ -48,8 +48,7 @@ struct Append {
 
     Bytes oldRows() const { return joined(blocksOf(old)); }
     Bytes keptRows() const { return slice(oldRows(), 0, oldRows().size() - cut); }
-    Bytes addedRows() const { return joined(blocksOf(added, 100)); }
-    Bytes newRows() const { return keptRows() + addedRows(); }
+    Bytes newRows() const { return keptRows() + joined(blocksOf(added, 100)); }
 
     std::int64_t keptEnd() const { return kRow0 + std::ssize(keptRows()); }
 
