@@ -121,13 +121,20 @@ TEST_F(File, AStreamWithoutAnOpenFileAnswersByResult) {
     EXPECT_EQ(failureOf([&] { packed.readFilePosInfo(1, false); }), fileError(1003, ENOENT, path("none")));
 }
 
-TEST_F(File, APipeIsAppendedTo) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    ORVA_FileStream stream(("/dev/fd/" + std::to_string(ends[1])).c_str(), "a");
-    EXPECT_TRUE(stream.Tell() == 0 && stream.Write("ab", 2) == 2 && stream.Write("c", 1) == 1 && stream.Close() == 1);
-    EXPECT_EQ(read(ends[0], bytes, 3), 3);
-    close(ends[0]), close(ends[1]);
+TEST_F(File, APipeIsAppendedToAndReadToItsEnd) {
+    for (const bool ahead : {false, true}) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        const auto nameOf = [](int end) { return "/dev/fd/" + std::to_string(end); };
+        ORVA_FileStream in(nameOf(ends[0]).c_str(), "r");
+        if (ahead) in.EnableMultiThreadReading();
+        {
+            ORVA_FileStream out(nameOf(ends[1]).c_str(), "a");
+            EXPECT_TRUE(out.Tell() == 0 && out.Write("ab", 2) == 2 && out.Write("c", 1) == 1);
+        }
+        close(ends[0]), close(ends[1]);
+        EXPECT_TRUE(in.Read(bytes, 2) == 2 && in.Read(bytes, 2) == 1 && in.Read(bytes, 2) == 0 && in.EndOfFile() == 1);
+    }
 }
 
 TEST_F(File, AStreamsDestructorThrowsUnlessAFlightBeganSinceItsConstruction) {

@@ -88,6 +88,12 @@ public:
     ORVA_LOCAL bool Rewrites() const;
     // What is written again begins and ends on multiples of this, or with the data.
     std::uint32_t granule() const { return fEncrypted ? CIPHER_BLOCK_SIZE : 1; }
+    // Where a read of a whole block begins that is to hold the position: on a multiple of 512. What has no places gives
+    // only what stands behind the bytes that it has given.
+    std::int64_t readPlace(std::int64_t position) const {
+        const std::int64_t unit = fHasPlaces ? 512 : granule();
+        return position / unit * unit;
+    }
     // Where the data of an enciphered file end: behind the bytes that wait, else with the pad. Part of a block, from a
     // write that failed, is nothing. 0 for other files.
     ORVA_LOCAL std::int64_t dataEnd() const;

@@ -11,12 +11,6 @@
 
 namespace {
 
-constexpr std::int64_t kSector = 512;
-
-constexpr std::int64_t sectorFloor(std::int64_t position) {
-    return position / kSector * kSector;
-}
-
 template <std::size_t Size>
 inline void copyFixed(unsigned char* to, const unsigned char* from) {
     std::memcpy(to, from, Size);
@@ -143,7 +137,7 @@ void ORVA_FileStream::Data::ReadThreaded(ReadRequest& request) {
 
 void ORVA_FileStream::Data::LoadBlock(std::int64_t position) {
     emptyBuffer();
-    const std::int64_t block = sectorFloor(position);
+    const std::int64_t block = pRealFile->readPlace(position);
     placeBlock(block, fpIOThread->getBlock(fBuffer, kBlockSize, block));
     fIOPos = block;
 }
@@ -152,17 +146,17 @@ void ORVA_FileStream::Data::ReadUnbuffered(ReadRequest& request) {
     if (request._size < kBlockSize) return;
     // Behind the buffered end of an enciphered file no block begins: the read through the buffer is left with the rest.
     if (request._pos % pRealFile->granule() != 0) return;
-    // The read stops on a multiple of 512, so that the block read after it starts there.
+    // The read stops where the block read after it starts.
     const std::int64_t reach =
         std::min<std::int64_t>(request._size, std::numeric_limits<std::int64_t>::max() - request._pos);
-    const std::int64_t end = sectorFloor(request._pos + reach);
+    const std::int64_t end = pRealFile->readPlace(request._pos + reach);
     if (end > request._pos) ReadDirect(request, static_cast<std::uint32_t>(end - request._pos));
 }
 
 void ORVA_FileStream::Data::ReadBuffered(ReadRequest& request) {
     while (request._size > 0) {
         emptyBuffer();
-        const std::int64_t block = sectorFloor(request._pos);
+        const std::int64_t block = pRealFile->readPlace(request._pos);
         placeBlock(block, pRealFile->Read(fBuffer, kBlockSize, block));
         fIOPos = block + buffered();
         ReadFromBuffer(request);
