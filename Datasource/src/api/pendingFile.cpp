@@ -21,7 +21,7 @@ namespace {
 constexpr fs::perms kOwners = fs::perms::owner_read | fs::perms::owner_write;
 
 // Where links lead to: replacing a link would leave the file that it names as it was, and put a file where there was a
-// link. What the last one names need not exist.
+// link. What the last one names need not exist, unless the link leads to a file all the same: to one without a name.
 std::string outputTarget(const std::string& name) {
     constexpr int mostLinks = 40;
     fs::path target = name;
@@ -30,6 +30,7 @@ std::string outputTarget(const std::string& name) {
         if (links == mostLinks) throwFileError(ELOOP, kWriteFailed, name);
         target = target.parent_path() / fs::read_symlink(target, none);
     }
+    if (fs::exists(name, none) && !fs::exists(target, none)) throwFileError(ENOENT, kWriteFailed, name);
     return target.string();
 }
 
