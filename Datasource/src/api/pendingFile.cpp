@@ -26,6 +26,7 @@ std::string outputTarget(const std::string& name) {
     constexpr int mostLinks = 40;
     fs::path target = name;
     std::error_code none;
+    if (fs::is_other(fs::status(target, none))) return name;  // of a pipe the last link may name nothing
     for (int links = 0; fs::is_symlink(fs::symlink_status(target, none)); ++links) {
         if (links == mostLinks) throwFileError(ELOOP, kWriteFailed, name);
         target = target.parent_path() / fs::read_symlink(target, none);
