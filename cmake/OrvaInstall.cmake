@@ -22,7 +22,7 @@ endif()
 configure_file(cmake/orva.pc.in ${PROJECT_BINARY_DIR}/orva.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/orva.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# The documents that the headers point to, laid out as in the source tree, so that their links hold.
+# The documents that the headers point to, laid out as in the source tree, so that the links among them hold.
 install(FILES README.md CHANGELOG.md SECURITY.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
     FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN _static EXCLUDE PATTERN _made EXCLUDE PATTERN security.md EXCLUDE

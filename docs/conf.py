@@ -83,7 +83,8 @@ def make_pages(app: object) -> None:
 
 
 def link_headers(app: object, name: str, text: list[str]) -> None:
-    """Links to headers lead to their pages."""
+    """Links to headers, and to what stands above docs, lead to their pages."""
+    text[0] = text[0].replace("](../SECURITY.md)", "](security.md)")
     for header in " ".join(HEADERS.values()).split():
         source = source_of(header)
         text[0] = text[0].replace(f"](../{source.relative_to(top)})", f"](_made/{source.stem}.md)")
