@@ -140,11 +140,4 @@ inline void expectFinished(const Bytes& file, const Bytes& rows, const std::vect
     EXPECT_EQ(std::ssize(file), part.blocksEnd + part.layout.heading._size);
 }
 
-// Assertion texts are looked for in the last words of a child that is started anew, since threads may be running here.
-#define EXPECT_ASSERTION(statement, text)                  \
-    do {                                                   \
-        GTEST_FLAG_SET(death_test_style, "threadsafe");    \
-        EXPECT_DEATH(statement, testing::HasSubstr(text)); \
-    } while (false)
-
 }  // namespace core

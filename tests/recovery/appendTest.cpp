@@ -15,8 +15,9 @@ TEST_F(AppendTest, TheEndIsTheCallersDutyInAShortBlockAndTheFilesBehindAFullOne)
     makeFile(fFile, {Bytes(kBlock, 1)});
     EXPECT_THAT(failureOf([&] { begin(5, 5); }), testing::HasSubstr("fData->fpos == endpos"));
     makeFile(fFile, blocksOf({300, 500}));
-    EXPECT_ASSERTION(begin(800, 799), "fFilePos == endpos");
-    for (const std::int64_t at : {801, 299}) EXPECT_ASSERTION(begin(at, at), "endpos inside the last block");
+    EXPECT_DEATH(begin(800, 799), testing::HasSubstr("fFilePos == endpos"));
+    for (const std::int64_t at : {801, 299})
+        EXPECT_DEATH(begin(at, at), testing::HasSubstr("endpos inside the last block"));
     // Nor is it a breach if another process has appended since the index was read, or has begun anew.
     const Reader stale(fFile, 0, kRow0), emptied(fFile, 0, kRow0);
     kAppends[0].run(fFile);

@@ -100,7 +100,7 @@ void expectInChild(Body body) {
 }
 
 // A directory of the test's own, gone with it. In memory where there is room: tests sync thousands of times. A child
-// that is to die, which begins the test anew, makes its own within it.
+// that is to die, which begins the test anew since threads may be running here, makes its own within it.
 class TempDir : public testing::Test {
 protected:
     TempDir() {
@@ -113,6 +113,7 @@ protected:
         if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make " + pattern);
         fDirectory = pattern;
         setenv(kParents, pattern.c_str(), 1);
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
     }
     ~TempDir() override {
         unsetenv(kParents);
