@@ -134,7 +134,7 @@ inline void expectFinished(const Bytes& file, const Bytes& rows, const std::vect
     EXPECT_EQ(slice(file, 0, kRow0), Bytes(kRow0, 0xD5)) << "the dictionary part";
     EXPECT_EQ(bytesOf(part.layout.first),
               bytesOf(filePosRecord{-100, 0, kBlock, static_cast<std::int32_t>(sizes.size())}));
-    EXPECT_EQ(part.layout.sizes(), sizes);
+    EXPECT_EQ(part.layout.sizes, sizes);
     EXPECT_TRUE(part.sound && sameBytes(*part.allRows(), rows));
     EXPECT_EQ(part.layout.heading._indexPos, part.blocksEnd);
     EXPECT_EQ(std::ssize(file), part.blocksEnd + part.layout.heading._size);

@@ -184,7 +184,7 @@ struct CompressedModel : TempDir {
         EXPECT_EQ(ORVA_FileStream(fName.c_str(), "r+b").Good(), 1) << "the writer's lock is gone";
         const Bytes file = readBytes(fName);
         const secondReader part(file, kRow0, false);
-        EXPECT_TRUE(part.sound && part.layout.sizes() == fSizes);
+        EXPECT_TRUE(part.sound && part.layout.sizes == fSizes);
     }
     void makeAnew(RandomBytes& random, int road) {
         auto stream = freshStream(fName, road == 2 ? 0 : road);

@@ -248,7 +248,7 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     const Files old{{fFile, finished(blocksOf(append.old))}};
     const auto run = [&] { append.run(fFile); };
     run();
-    EXPECT_EQ(Layout(bytes()).sizes(), append.sizes);
+    EXPECT_EQ(Layout(bytes()).sizes, append.sizes);
     const auto allOrNothing = [&](bool ended) {
         orva::rollBack(fFile);
         const std::optional<Bytes> found = rowsIfFinished();

@@ -67,16 +67,13 @@ struct Layout {
         if (swap) std::for_each(records.begin(), records.end(), orva::swapRecord);
         first = records.front();
         records.erase(records.begin());
-    }
-    std::vector<std::int32_t> sizes() const {
-        std::vector<std::int32_t> all;
-        for (const filePosRecord& record : records) all.push_back(record.orginalSize);
-        return all;
+        for (const filePosRecord& record : records) sizes.push_back(record.orginalSize);
     }
 
     compressionHeading heading{};
     filePosRecord first{};
     std::vector<filePosRecord> records;
+    std::vector<std::int32_t> sizes;  // of the blocks' rows
     bool whole = false;
 };
 
@@ -108,7 +105,7 @@ struct secondReader {
     }
 
     bool takeIndex() {
-        const auto& [heading, first, records, whole] = layout;
+        const auto& [heading, first, records, sizes, whole] = layout;
         if (!whole || heading._caseStartPos != row0 || heading._indexPos < row0 + kHeadingSize) return false;
         if (first.orginalPos != kFirstRecordMark || first.orginalSize < 1) return false;
         if (first.translateSize != std::ssize(records)) return false;
