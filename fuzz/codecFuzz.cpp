@@ -11,10 +11,6 @@ namespace {
 
 constexpr std::ptrdiff_t kHeader = 2;  // of a zlib stream
 
-std::uint32_t sizeOf(const Bytes& bytes) {
-    return static_cast<std::uint32_t>(bytes.size());
-}
-
 // The zlib stream of raw deflate bytes, so that it is never the checksum alone which refuses them.
 Bytes withChecksum(const Bytes& raw) {
     static libdeflate_decompressor* const engine = libdeflate_alloc_decompressor();

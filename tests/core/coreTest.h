@@ -62,7 +62,7 @@ inline Bytes read(ORVA_StrBaseIO& stream, std::size_t size) {
     return bytes;
 }
 inline void write(ORVA_StrBaseIO& stream, const Bytes& bytes) {
-    EXPECT_EQ(stream.Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
+    EXPECT_EQ(stream.Write(bytes.data(), sizeOf(bytes)), bytes.size());
 }
 
 // Blocks of these, apart from what deflate cuts.

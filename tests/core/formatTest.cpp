@@ -14,9 +14,6 @@ namespace {
 const Bytes kRows = RandomBytes(7).rows(100'000);
 const Bytes kNoise = RandomBytes(8).noise(kBlock);
 
-std::uint32_t sizeOf(const Bytes& bytes) {
-    return static_cast<std::uint32_t>(bytes.size());
-}
 Bytes deflated(const Bytes& rows, int level = 1) {
     Bytes out(zlibCompressBlock::compressRoom(sizeOf(rows)));
     const blockOutcome outcome =

@@ -37,7 +37,7 @@ public:
     void read(std::size_t size) {
         Bytes bytes(size);
         try {
-            bytes.resize(fStream.Read(bytes.data(), static_cast<std::uint32_t>(size)));
+            bytes.resize(fStream.Read(bytes.data(), sizeOf(bytes)));
         } catch (const FileError& error) {
             if (reads() || error.code().value() == ENOSPC) throw;
             EXPECT_EQ(error.code().value(), EBADF);
@@ -50,7 +50,7 @@ public:
     // One that fails has taken the bytes before the position.
     void write(const Bytes& bytes) {
         try {
-            EXPECT_EQ(fStream.Write(bytes.data(), static_cast<std::uint32_t>(bytes.size())), bytes.size());
+            EXPECT_EQ(fStream.Write(bytes.data(), sizeOf(bytes)), bytes.size());
         } catch (const FileError&) {
             took(slice(bytes, 0, fStream.Tell() - fPosition));
             throw;

@@ -35,6 +35,10 @@ inline Bytes readBytes(const std::string& file) {
     return bytes;
 }
 
+// As the library counts what it moves.
+inline std::uint32_t sizeOf(const Bytes& bytes) {
+    return static_cast<std::uint32_t>(bytes.size());
+}
 inline Bytes slice(const Bytes& bytes, std::integral auto offset, std::integral auto size) {
     const std::size_t from = std::min(static_cast<std::size_t>(offset), bytes.size());
     return {bytes.data() + from, bytes.data() + from + std::min(static_cast<std::size_t>(size), bytes.size() - from)};
