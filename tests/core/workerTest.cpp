@@ -106,7 +106,8 @@ TEST_F(ShortBlocks, TenThousandLivesEnd) {
         const std::string failure = failureOf([&] {
             auto stream = startedWriter(path("new"), std::array{0, 1, kOneOfSeveral, kTwo}[random.below(4)]);
             for (const Bytes& block : fBlocks) {
-                if (goesOn()) write(*stream, block), stream->Flush();
+                if (goesOn()) write(*stream, block);
+                if (goesOn()) stream->Flush();
             }
             if (!goesOn()) throw std::runtime_error("in flight");
             if (!goesOn()) stream->abandon();
