@@ -58,6 +58,13 @@ const char* breachOf(const compressionHeading& heading) {
     return heading._size > std::numeric_limits<std::uint32_t>::max() ? kIndexFits : nullptr;
 }
 
+std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int64_t place, bool swap) {
+    compressionHeading heading;
+    std::memcpy(&heading, bytes, sizeof heading);
+    if (swap) swapHeading(heading);
+    return heading._caseStartPos == place && breachOf(heading) == nullptr ? std::optional(heading) : std::nullopt;
+}
+
 compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, const char* positionCheck) {
     const std::string place = "at offset " + std::to_string(row0Pos);
     if (row0Pos <= 0 || row0Pos > kLastRow0Pos) {

@@ -26,6 +26,8 @@ inline std::int64_t lengthOf(bytesFrom file) {
 
 // The text of the check that a heading fails whatever file it stands in; null when it could be true.
 const char* breachOf(const compressionHeading& heading);
+// The heading whose 24 bytes these are, in host order, if it repeats `place` in this byte order and could be true.
+std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int64_t place, bool swap);
 
 // Reads the heading at `row0Pos`, in host order afterwards. `positionCheck` is the caller's text of the check that the
 // heading repeats its own position.

@@ -22,6 +22,24 @@ std::int64_t checksum(const void* bytes, std::size_t size) {
     return static_cast<std::int64_t>(crc32_z(0, static_cast<const unsigned char*>(bytes), size));
 }
 
+// The data file as it was before the append, of which the index is kept; it is read at once.
+class keptIndex final : public storedBytes {
+public:
+    keptIndex(std::span<const unsigned char> bytes, std::int64_t fileSize) : fBytes(bytes), fFileSize(fileSize) {}
+    const std::string& name() const override { return fName; }
+    std::int64_t length() const override { return std::max<std::int64_t>(fFileSize, 0); }
+    bool read(void* to, std::uint64_t size, std::int64_t) const override {
+        if (size > fBytes.size()) return false;
+        std::memcpy(to, fBytes.data(), size);
+        return true;
+    }
+
+private:
+    const std::span<const unsigned char> fBytes;
+    const std::int64_t fFileSize;
+    const std::string fName;
+};
+
 void append(fileBytes& bytes, const void* from, std::size_t size) {
     const auto* begin = static_cast<const unsigned char*>(from);
     bytes.insert(bytes.end(), begin, begin + size);
@@ -84,10 +102,7 @@ std::optional<keptTail> parse(const fileBytes& sideFile) {
     std::memcpy(&sum, sideFile.data() + summed, sizeof sum);
     if (tail.mark != kSideFileMark || sum != checksum(sideFile.data(), summed)) return {};
     const std::span<const unsigned char> rest(sideFile.data() + sizeof(sideFileHead), sideFile.data() + summed);
-    const auto indexAt = [&](std::int64_t, std::int64_t size) {
-        return fileBytes(rest.begin(), rest.begin() + std::min(std::ssize(rest), size));
-    };
-    const std::optional<soundIndex> index = soundIndexOf(tail.heading, tail.row0Pos, tail.fileSize, indexAt);
+    const std::optional<soundIndex> index = soundIndexOf(tail.heading, tail.row0Pos, keptIndex(rest, tail.fileSize));
     if (!index) return {};
     const std::int64_t behindHeading = tail.row0Pos + kHeadingSize;
     const filePosRecord last = index->records.empty() ? filePosRecord{0, behindHeading, 0, 0} : index->records.back();

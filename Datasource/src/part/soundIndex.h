@@ -2,14 +2,15 @@
 // with its mark, its count and records of blocks that follow each other without gaps, inside the file.
 //
 // Threads: no state.
-// Failure: none of its own; what reads the index may throw.
+// Failure: FileError from the file.
 #pragma once
+
+#include "format/storedBytes.h"
 
 #include <orva/compressedLayout.h>
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <vector>
 
@@ -23,10 +24,7 @@ struct soundIndex {
     std::vector<filePosRecord> records;
 };
 
-// Gives `size` bytes from the file offset `place` on, or none if they are not there.
-using indexReader = std::function<fileBytes(std::int64_t place, std::int64_t size)>;
-
-std::optional<soundIndex> soundIndexOf(const rawHeading& raw, std::int64_t row0Pos, std::int64_t fileSize,
-                                       const indexReader& read);
+// By the index in `file`, which is read at once; the heading need not stand there.
+std::optional<soundIndex> soundIndexOf(const rawHeading& raw, std::int64_t row0Pos, bytesFrom file);
 
 }  // namespace orva

@@ -11,8 +11,6 @@
 #include <orva/inspect.h>
 #include <orva/zlibCompress.h>
 
-#include <cstring>
-
 namespace orva {
 
 namespace {
@@ -23,15 +21,6 @@ bool pointsToIndex(bytesFrom file, std::int64_t fileSize, const compressionHeadi
     if (!file.read(&first, sizeof first, heading._indexPos)) return false;
     if (swapped) swapRecord(first);
     return first.orginalPos == kFirstRecordMark;
-}
-
-// The heading whose bytes these are, if it repeats `place` in this byte order and could be true.
-std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int64_t place, bool swapped) {
-    compressionHeading heading;
-    std::memcpy(&heading, bytes, sizeof heading);
-    if (swapped) swapHeading(heading);
-    if (heading._caseStartPos != place || breachOf(heading) != nullptr) return std::nullopt;
-    return heading;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "recovery/partSurvey.h"
 
 #include "format/indexTransfer.h"
+#include "part/keptTail.h"
 #include "recovery/fileWindow.h"
 
 #include <orva/blockSize.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <span>
 #include <utility>
 
 namespace orva {
@@ -30,6 +32,7 @@ constexpr std::int64_t kNowhere =
 
 constexpr const char* kDamaged = "its block is damaged";
 constexpr const char* kDamagedUntold = "its block is damaged, and no index tells its size";
+constexpr const char* kGone = "its blocks are gone, and no index tells their size";
 constexpr const char* kGivenUp =
     "the search was given up here: what stands here could be taken for blocks again and again";
 
@@ -59,55 +62,57 @@ private:
     std::int64_t fLeft = std::int64_t{1} << 28;
 };
 
+// Where the block of that record stands.
+struct recordedPlace {
+    std::int64_t place;
+    std::size_t number;
+};
+
 class partSurvey {
 public:
-    partSurvey(zlibStreams& streams, const recoverOptions& options, const std::function<void(std::int64_t)>& tell)
-        : fStreams(streams), fOptions(options), fTell(tell) {}
+    partSurvey(zlibStreams& streams, const std::function<void(std::int64_t)>& tell, recoverReport& report)
+        : fStreams(streams), fTell(tell), fReport(report) {}
 
-    bool run() {
-        if (!locate() || report.part.row0Pos <= 0 || report.part.row0Pos > fWindow.fileSize() - kHeadingSize)
-            return false;
+    std::optional<surveySegments> run(const recoverOptions& options) {
+        const std::optional<foundPart> part = locate(options);
+        if (!part || part->row0Pos <= 0 || part->row0Pos > fWindow.fileSize() - kHeadingSize) return std::nullopt;
+        fReport.part = *part;
         takeHeading();
         walk();
-        segments = withSizes(segments, fIndex, report.part.row0Pos);
+        if (!fReport.hadIndex) addMissing();
+        fSegments = withSizes(fSegments, fIndex, part->row0Pos);
         commit();
-        if (segments.empty()) return report.hadIndex || fCount == 0;
-        return !std::ranges::all_of(segments, &surveySegment::isLost);
+        if (options.onlyCommitted) fSegments.resize(committedSegments());
+        const bool hasRows = fSegments.empty() ? fReport.hadIndex || fCount == 0
+                                               : !std::ranges::all_of(fSegments, &surveySegment::isLost);
+        return hasRows ? std::optional(std::move(fSegments)) : std::nullopt;
     }
 
-    recoverReport report;
-    std::vector<surveySegment> segments;
-
 private:
-    bool locate() {
-        std::optional<foundPart> found = fOptions.part;
-        if (!found) found = findPart(fFile.GetNameStr().GetGeneric());
-        if (!found) {
-            const std::optional<std::int64_t> first = nextStream(kHeadingSize + 1, fWindow.fileSize());
-            if (first) found = foundPart{*first - kHeadingSize, false};
-        }
-        report.part = found.value_or(foundPart{});
-        return found.has_value();
+    std::optional<foundPart> locate(const recoverOptions& options) {
+        if (options.part) return options.part;
+        if (const auto found = findPart(fFile.GetNameStr().GetGeneric())) return found;
+        const std::optional<std::int64_t> first = nextStream(kHeadingSize + 1, fWindow.fileSize());
+        return first ? std::optional(foundPart{*first - kHeadingSize, false}) : std::nullopt;
     }
 
     void takeHeading() {
-        try {
-            fHeading = readHeading(fFile, report.part.row0Pos, report.part.swapped, "Analyze dictionary part error!");
-        } catch (const DamagedFileError&) {
-            return;
-        }
-        report.hadHeading = breachOf(fHeading) == nullptr;
-        if (!report.hadHeading) return;
+        const auto& [row0Pos, swapped] = fReport.part;
+        const auto heading = headingOf(rawHeadingAt(fFile, row0Pos).data(), row0Pos, swapped);
+        fReport.hadHeading = heading.has_value();
+        if (!heading) return;
+        fHeading = *heading;
         const std::int64_t count = fHeading._size / kRecordSize - 1;
-        if (count <= (fHeading._indexPos - report.part.row0Pos - kHeadingSize) / kShortestStream) {
+        if (count <= (fHeading._indexPos - row0Pos - kHeadingSize) / kShortestStream) {
             fCount = count;
             fLimit = fHeading._indexPos;
         }
-        takeIndex(fHeading, report.part.swapped);
+        takeIndex(fHeading, swapped);
     }
 
     void walk() {
-        fPlace = fNextPlace = report.part.row0Pos + kHeadingSize;
+        fPlace = fReport.part.row0Pos + kHeadingSize;
+        fNext = {fPlace, 0};
         while (fPlace < fWindow.fileSize() && !allSeen()) {
             fTell(fPlace);
             if (const std::optional<blockOutcome> found = streamAt(fPlace, fPatience, fLikely)) {
@@ -121,9 +126,9 @@ private:
     // A last block with other rows and another length than recorded was rewritten by an append, which may have added
     // more.
     bool allSeen() const {
-        if (!report.hadIndex || isShort()) return false;
-        return fIndex.empty() || endOf(fIndex.size() - 1) == fPlace ||
-               (!segments.empty() && isLast(segments.back()) && isAsRecorded(segments.back()));
+        if (!fReport.hadIndex || isShort()) return false;
+        return fIndex.empty() || placeOf(fIndex.size() - 1) + fIndex.back().translateSize == fPlace ||
+               (!fSegments.empty() && isLast(fSegments.back()) && isAsRecorded(fSegments.back()));
     }
     // The index has fewer blocks than the heading vouches for.
     bool isShort() const { return fCount && *fCount > std::ssize(fIndex); }
@@ -138,10 +143,9 @@ private:
 
     void takeBlock(const blockOutcome& found) {
         const std::optional<std::size_t> number = numberHere();
-        segments.push_back({found.produced, fPlace, number, found.consumed});
-        fNext = number.value_or(fNext);
-        if (number) fNextPlace = fPlace + fIndex[fNext].translateSize;
-        ++fNext;
+        fSegments.push_back({found.produced, fPlace, number, found.consumed});
+        if (number) fNext = {fPlace + fIndex[*number].translateSize, *number};
+        ++fNext.number;
         fPlace += found.consumed;
         fPatience.earn(kEarnedByBlock * workOf(found));
         fLikely = found.consumed + found.consumed / 4;
@@ -149,61 +153,60 @@ private:
 
     // Over what is no whole stream to the next one that is. False at the end of what there is.
     bool bridge() {
-        if (!report.hadIndex && !bLookedForIndex) findLaterIndex();
-        if (fPlace >= fLimit || allSeen() || (report.hadIndex && !isShort() && fNext >= fIndex.size())) return false;
-        const std::int64_t end = report.hadIndex ? fLimit : fWindow.fileSize();
+        if (!fReport.hadIndex && !bLookedForIndex) findLaterIndex();
+        const bool noMoreTold = fReport.hadIndex && !isShort() && fNext.number >= fIndex.size();
+        if (fPlace >= fLimit || allSeen() || noMoreTold) return false;
+        const std::int64_t end = fReport.hadIndex ? fLimit : fWindow.fileSize();
         const std::optional<std::size_t> number = numberHere();
-        auto [next, sure] = resumeByIndex(number.has_value());
+        const std::optional<recordedPlace> told = resumption(number.has_value());
+        std::optional<std::int64_t> next;
+        if (told) next = told->place;
         fWindow.newlyPassed();
-        if (!sure) {
-            if (const auto earlier = nextStream(fPlace + 1, next.value_or(end))) {
-                next = earlier;
-                fNext = number.value_or(fNext) + 1;
-            }
-        }
+        const bool isSure = number && !mayBeOverlooked(told);
+        const std::optional<std::int64_t> earlier = isSure ? std::nullopt : nextStream(fPlace + 1, next.value_or(end));
+        if (earlier) next = earlier;
         const bool givenUp = !next && fPatience.exhausted();
-        if (!next && !report.hadIndex && !givenUp) return false;
+        if (!next && !fReport.hadIndex && !givenUp) return false;
         const std::int64_t most = mostRowsOf(next.value_or(end) - fPlace - fWindow.newlyPassed());
-        segments.push_back({std::min<std::int64_t>(kBlockSize, most), fPlace, number, 0, true,
-                            givenUp           ? kGivenUp
-                            : report.hadIndex ? kDamaged
-                                              : kDamagedUntold,
-                            most});
+        const char* why = givenUp ? kGivenUp : fReport.hadIndex ? kDamaged : kDamagedUntold;
+        fSegments.push_back({std::min<std::int64_t>(kBlockSize, most), fPlace, number, 0, true, why, most});
+        fNext = told.value_or(fNext);
+        if (earlier) fNext.number = number.value_or(fNext.number) + 1;
         fPlace = next.value_or(fPlace);
         return next.has_value();
     }
 
-    struct resumption {
-        std::optional<std::int64_t> place;
-        bool sure;  // no block before it was overlooked
-    };
-    // The first place behind this one that a record names and where a whole stream stands. Where all records up to
-    // there name one place behind the other, nothing was overlooked; but for blocks between two places where bytes came
-    // or went.
-    resumption resumeByIndex(bool inStep) {
-        std::int64_t end = kNowhere;  // of the record before
+    // The first place behind this one that a record names, or the end of the one before, and where a whole stream
+    // stands. `isHere`: the next record tells of this place, whatever place it names.
+    std::optional<recordedPlace> resumption(bool isHere) {
         std::int64_t tried = fPlace;
-        const std::size_t next = fNext + 1;
-        const auto resumes = [&](std::int64_t place, std::size_t number) {
-            const bool isNew = place > fPlace && place < fLimit && std::exchange(tried, place) != place;
-            if (!isNew || number == fIndex.size() || !streamAt(place, fIndexPatience, fLikely)) return false;
-            fNext = number;
-            fNextPlace = place;
-            return true;
+        const auto resumes = [&](const recordedPlace& at) {
+            return at.place > fPlace && at.place < fLimit && std::exchange(tried, at.place) != at.place &&
+                   at.number < fIndex.size() && streamAt(at.place, fIndexPatience, fLikely);
         };
-        const auto sure = [&](std::size_t number) { return inStep && (fMoved == 0 || number <= next); };
-        for (std::size_t i = fNext; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
-            const std::int64_t place = placeOf(i);
-            if (resumes(place, i)) return {place, sure(i)};
-            const std::int64_t moved = fMoved == 0 ? kNowhere : placeOf(i, fMoved);
-            if (resumes(moved, i)) return {moved, sure(i)};
-            const bool isHere = inStep && i == fNext;  // whatever place the record names
-            inStep = isHere || (inStep && place == end);
-            end = (isHere ? fPlace : place) + fIndex[i].translateSize;
-            if (resumes(end, i + 1)) return {end, sure(i + 1)};
+        for (std::size_t i = fNext.number; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
+            const std::int64_t place = std::exchange(isHere, false) ? fPlace : placeOf(i);
+            const std::int64_t end = place + fIndex[i].translateSize;
+            for (const recordedPlace& at : {recordedPlace{placeOf(i), i}, {placeOf(i, fMoved), i}, {end, i + 1}}) {
+                if (resumes(at)) return at;
+            }
             earnByLoss(place, end);
         }
-        return {std::nullopt, sure(fIndex.size()) && report.hadIndex && !isShort() && !fIndexPatience.exhausted()};
+        return std::nullopt;
+    }
+
+    // Where all records up to there name one place behind the other, nothing was overlooked; but for blocks between two
+    // places where bytes came or went.
+    bool mayBeOverlooked(const std::optional<recordedPlace>& next) const {
+        if (!next && (!fReport.hadIndex || isShort() || fIndexPatience.exhausted())) return true;
+        const std::size_t number = next ? next->number : fIndex.size();
+        if (fMoved != 0 && number > fNext.number + 1) return true;
+        std::int64_t end = fPlace;
+        for (std::size_t i = fNext.number; i < number; ++i) {
+            if (i != fNext.number && placeOf(i) != end) return true;
+            end += fIndex[i].translateSize;
+        }
+        return false;
     }
 
     // A lost block that is passed earns too, once and not in a hole. To look at its record costs a little.
@@ -220,13 +223,13 @@ private:
             std::vector<filePosRecord> index = readRecords(fFile, heading, swapped).records;
             if (bLookedForIndex && !tellsOfBlocksSeen(index, heading._indexPos)) return false;
             fIndex = std::move(index);
-            if (bLookedForIndex && !fIndex.empty()) seeIfMoved(heading._indexPos);
-            fLimit = heading._indexPos;
-            fNext = segments.size();
-            report.hadIndex = true;
         } catch (const DamagedFileError&) {
+            return false;
         }
-        return report.hadIndex;
+        if (bLookedForIndex && !fIndex.empty()) seeIfMoved(heading._indexPos);
+        fLimit = heading._indexPos;
+        fNext.number = fSegments.size();
+        return fReport.hadIndex = true;
     }
 
     // The heading may be lost or point elsewhere, and an index stand further on.
@@ -245,7 +248,7 @@ private:
         if (!swapped && first.orginalPos != kFirstRecordMark) return false;
         if (swapped) swapRecord(first);
         const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
-        if (takeIndex({report.part.row0Pos, place, size}, swapped)) return true;
+        if (takeIndex({fReport.part.row0Pos, place, size}, swapped)) return true;
         fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
         fPatience.spend(2 * kTrial);
         return false;
@@ -266,70 +269,67 @@ private:
             return record.translatePos == seen.place && record.translateSize == std::int64_t{seen.length} &&
                    record.orginalSize == seen.size;
         };
-        if (index.size() < segments.size() || !std::equal(segments.begin(), segments.end(), index.begin(), same))
-            return false;
-        if (index.size() > segments.size()) return index[segments.size()].translatePos == fPlace;
-        return !segments.empty() || place == fPlace;
+        const std::size_t seen = fSegments.size();
+        if (index.size() < seen || !std::equal(fSegments.begin(), fSegments.end(), index.begin(), same)) return false;
+        return index.size() > seen ? index[seen].translatePos == fPlace : seen != 0 || place == fPlace;
     }
 
     std::int64_t placeOf(std::size_t number, std::int64_t moved = 0) const {
         const std::int64_t place = fIndex[number].translatePos;
         return place >= 0 && place <= fWindow.fileSize() - moved ? place + moved : kNowhere;
     }
-    std::int64_t endOf(std::size_t number) const { return placeOf(number) + fIndex[number].translateSize; }
 
     // The record that tells of the place where the walk is: the next one, by its own word or by the end of the one
     // before; else a later one.
     std::optional<std::size_t> numberHere() {
-        if (fNext < fIndex.size() && (fNextPlace == fPlace || placeOf(fNext) == fPlace)) return fNext;
-        for (std::size_t i = fNext; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
+        const std::size_t next = fNext.number;
+        if (next < fIndex.size() && (fNext.place == fPlace || placeOf(next) == fPlace)) return next;
+        for (std::size_t i = next; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
             fIndexPatience.spend(kRecordSize);
             if (placeOf(i) == fPlace) return i;
         }
         return std::nullopt;
     }
 
-    // The heading of a part whose index is gone still tells where the index stood and how many blocks it had.
-    void commit() {
-        report.lastRewritten = std::ranges::any_of(
-            segments, [&](const surveySegment& segment) { return isLast(segment) && !isAsRecorded(segment); });
-        if (report.hadHeading && fCount && !report.hadIndex) addMissing(*fCount);
-        const std::size_t committed = committedSegments();
-        for (std::size_t i = 0; i < committed; ++i) report.committedRows += segments[i].size;
-        if (committed != 0 && !segments[committed - 1].isLost()) {
-            const surveySegment& last = segments[committed - 1];
-            const bool goesOn = committed < segments.size() && segments[committed].place < fHeading._indexPos;
-            report.lastRewritten = report.lastRewritten || goesOn || last.place + last.length > fHeading._indexPos;
+    // Blocks that the walk did not see, and that the heading vouches for, lie in the first gap, as far as it has room,
+    // or behind the last block seen.
+    void addMissing() {
+        const std::int64_t missing = fCount.value_or(0) - std::ssize(fSegments);
+        if (missing <= 0) return;
+        const auto gap = std::ranges::find_if(fSegments, &surveySegment::isLost);
+        if (gap != fSegments.end()) {
+            gap->size = std::min((missing + 1) * kBlockSize, gap->most);
+        } else {
+            const std::int64_t size = missing * kBlockSize;
+            fSegments.push_back({size, fPlace, {}, 0, true, kGone, size});
         }
-        if (fOptions.onlyCommitted) segments.resize(committed);
+    }
+
+    void commit() {
+        const std::int64_t indexPos = fHeading._indexPos;
+        const std::span committed = std::span(fSegments).first(committedSegments());
+        for (const surveySegment& segment : committed) fReport.committedRows += segment.size;
+        fReport.lastRewritten = std::ranges::any_of(
+            fSegments, [&](const surveySegment& segment) { return isLast(segment) && !isAsRecorded(segment); });
+        if (committed.empty() || committed.back().isLost()) return;
+        const surveySegment& last = committed.back();
+        const bool goesOn = committed.size() < fSegments.size() && fSegments[committed.size()].place < indexPos;
+        fReport.lastRewritten |= goesOn || last.place + last.length > indexPos;
     }
 
     std::size_t committedSegments() const {
-        if (!report.hadHeading) return 0;
-        if (fCount && std::ranges::none_of(segments, &surveySegment::estimated)) {
-            return std::min(static_cast<std::size_t>(*fCount), segments.size());
+        if (!fReport.hadHeading) return 0;
+        if (fCount && std::ranges::none_of(fSegments, &surveySegment::estimated)) {
+            return std::min(static_cast<std::size_t>(*fCount), fSegments.size());
         }
         // How many blocks the gaps stand for is not known.
         const auto isBehind = [&](std::int64_t place) { return place >= fHeading._indexPos; };
-        const auto behind = std::ranges::find_if(segments, isBehind, &surveySegment::place);
-        return static_cast<std::size_t>(behind - segments.begin());
-    }
-
-    // Blocks that the walk did not see lie in the first gap, as far as it has room, or behind the last block seen.
-    void addMissing(std::int64_t count) {
-        const std::int64_t missing = count - static_cast<std::int64_t>(segments.size());
-        if (missing <= 0) return;
-        const auto gap = std::ranges::find_if(segments, &surveySegment::isLost);
-        if (gap != segments.end()) {
-            gap->size = std::min((missing + 1) * kBlockSize, gap->most);
-            return;
-        }
-        segments.push_back(
-            {missing * kBlockSize, fPlace, {}, 0, true, "its blocks are gone, and no index tells their size"});
+        const auto behind = std::ranges::find_if(fSegments, isBehind, &surveySegment::place);
+        return static_cast<std::size_t>(behind - fSegments.begin());
     }
 
     std::optional<blockOutcome> streamAt(std::int64_t place, patience& left, std::uint32_t likely) {
-        if (place < report.part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || left.exhausted())
+        if (place < fReport.part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || left.exhausted())
             return std::nullopt;
         const std::int64_t before = fStreams.bytesRead();
         const blockOutcome outcome = fStreams.at(place, likely);
@@ -349,8 +349,9 @@ private:
     }
 
     zlibStreams& fStreams;
-    const recoverOptions& fOptions;
     const std::function<void(std::int64_t)>& fTell;
+    recoverReport& fReport;
+    surveySegments fSegments;
     ORVA_File& fFile = fStreams.file();
     fileWindow fWindow{fFile, fTell};
     compressionHeading fHeading{};
@@ -359,8 +360,7 @@ private:
     std::int64_t fMoved = 0;                   // bytes by which blocks may stand behind the places that the index tells
     std::int64_t fLimit = fWindow.fileSize();  // what stands from here on is there only as far as it joins on
     std::int64_t fPlace = 0;                   // behind the block taken last, where the next one begins
-    std::size_t fNext = 0;                     // the number of that one, as far as an index knows it
-    std::int64_t fNextPlace = 0;               // where that one stands by the length of the record before
+    recordedPlace fNext{};                     // of the next record, by the length that the one before tells
     bool bLookedForIndex = false;
     patience fPatience;
     patience fIndexPatience;
@@ -370,11 +370,9 @@ private:
 
 }  // namespace
 
-std::optional<partFindings> surveyed(zlibStreams& streams, const recoverOptions& options,
-                                     const std::function<void(std::int64_t)>& tell) {
-    partSurvey survey(streams, options, tell);
-    if (!survey.run()) return std::nullopt;
-    return partFindings{std::move(survey.report), std::move(survey.segments)};
+std::optional<surveySegments> surveyed(zlibStreams& streams, const recoverOptions& options,
+                                       const std::function<void(std::int64_t)>& tell, recoverReport& report) {
+    return partSurvey(streams, tell, report).run(options);
 }
 
 }  // namespace orva

@@ -35,21 +35,18 @@ void copyDictionary(ORVA_File& from, ORVA_File& to, std::int64_t size) {
 }
 
 void writeZeros(const surveySegment& lost, partWriter& output, const progress& tell) {
-    for (std::int64_t left = lost.size; left > 0;) {
+    const rowSource zeros = [&](std::int64_t, std::span<unsigned char> to) {
         tell(lost.place);
-        const std::span<unsigned char> room = output.room();
-        const auto count = std::min(std::ssize(room), left);
-        std::fill_n(room.begin(), count, '\0');
-        output.wrote(static_cast<std::uint32_t>(count));
-        left -= count;
-    }
+        std::ranges::fill(to, '\0');
+    };
+    output.writeFrom(zeros, lost.size);
 }
 
 // Writes the rows that were found, one after the other, and keeps the account of them.
-void writeRows(partFindings& found, zlibStreams& streams, partWriter& output, bool dropLost, const progress& tell) {
-    recoverReport& report = found.report;
+void writeRows(const surveySegments& found, zlibStreams& streams, partWriter& output, bool dropLost,
+               const progress& tell, recoverReport& report) {
     std::int64_t pos = report.part.row0Pos;
-    for (const surveySegment& segment : found.segments) {
+    for (const surveySegment& segment : found) {
         tell(segment.place);
         const unsigned char* rows =
             segment.isLost() ? nullptr : streams.rowsAt(segment.place, segment.length, segment.size);
@@ -61,7 +58,7 @@ void writeRows(partFindings& found, zlibStreams& streams, partWriter& output, bo
             const std::string why = segment.why == nullptr ? "its block could not be read again" : segment.why;
             report.lost.push_back({pos, pos + segment.size, segment.place, segment.estimated, why});
             // Where no rows come behind it, a guess at its size would move no position, and is not filled in.
-            const bool trailing = &segment == &found.segments.back();
+            const bool trailing = &segment == &found.back();
             if (!dropLost && !(trailing && segment.estimated)) writeZeros(segment, output, tell);
         }
         pos += segment.size;
@@ -82,7 +79,8 @@ recoverReport recover(const std::string& name, const std::string& output, const 
         if (options.tell) options.tell(done, 2 * size);
     };
     zlibStreams streams(input);
-    std::optional<partFindings> found = surveyed(streams, options, tell);
+    recoverReport report;
+    const std::optional<surveySegments> found = surveyed(streams, options, tell, report);
     if (!found) {
         throw DamagedFileError(name, "a complete block",
                                options.onlyCommitted ? "it holds no rows that were ever finished"
@@ -93,12 +91,13 @@ recoverReport recover(const std::string& name, const std::string& output, const 
     }
     ORVA_File file;
     openOrThrow(file, output, "w+b", kWriteFailed);
-    copyDictionary(input, file, found->report.part.row0Pos);
-    partWriter rows(file, found->report.part.row0Pos, roads());
-    writeRows(*found, streams, rows, options.dropLost, [&](std::int64_t place) { tell(size + std::min(place, size)); });
+    copyDictionary(input, file, report.part.row0Pos);
+    partWriter rows(file, report.part.row0Pos, roads());
+    const progress tellWritten = [&](std::int64_t place) { tell(size + std::min(place, size)); };
+    writeRows(*found, streams, rows, options.dropLost, tellWritten, report);
     tell(2 * size);
     rows.finish(false);
-    return std::move(found->report);
+    return report;
 }
 
 }  // namespace orva

@@ -28,11 +28,10 @@ public:
     rollBackResult end() {
         if (!fSide.open()) return rollBackResult::nothingToDo;
         fSide.requireTrusted();
-        fSize = lengthOf(fFile);
-        const fileBytes sideFile = fSide.read(fSize + kSideFileOverhead);
+        const fileBytes sideFile = fSide.read(lengthOf(fFile) + kSideFileOverhead);
         if (isForeign(sideFile)) fSide.refuseForeign();
-        fKept = parse(sideFile);
-        const rollBackResult result = fKept ? settle() : settleTorn();
+        const std::optional<keptTail> kept = parse(sideFile);
+        const rollBackResult result = kept ? settle(*kept) : settleTorn();
         fSide.remove();
         fFile.Close();
         return result;
@@ -40,19 +39,20 @@ public:
 
 private:
     // A part that is whole by its heading is history: of this append, of a later one, or of another file.
-    rollBackResult settle() {
-        const rawHeading heading = rawHeadingAt(fFile, fKept->row0Pos);
-        const bool isSaved = heading == fKept->heading;
-        const std::optional<soundIndex> index = indexOf(heading, fKept->row0Pos);
+    rollBackResult settle(const keptTail& kept) {
+        const rawHeading heading = rawHeadingAt(fFile, kept.row0Pos);
+        const bool isSaved = heading == kept.heading;
+        const std::optional<soundIndex> index = soundIndexOf(heading, kept.row0Pos, fFile);
         // Every block that the append can have touched, and the one before them.
-        if (index && (!isSaved || tailInflates(*index, fKept->untouchedEnd))) return rollBackResult::sideFileStale;
-        const bool untouched = untouchedSum(fFile, fKept->row0Pos, fKept->untouchedEnd) == fKept->untouchedSum;
-        if (!untouched) refuse("neither whole nor what the append has found");
+        if (index && (!isSaved || tailInflates(*index, kept.untouchedEnd))) return rollBackResult::sideFileStale;
+        if (untouchedSum(fFile, kept.row0Pos, kept.untouchedEnd) != kept.untouchedSum)
+            refuse("neither whole nor what the append has found");
         if (isSaved) {
-            restoreTail(fFile, *fKept, true);
+            restoreTail(fFile, kept, true);
             return rollBackResult::rolledBack;
         }
-        if (!mayBeTorn(heading) || !completeHeading()) refuse("neither whole nor what the append has left");
+        if (!mayBeTorn(heading, kept.row0Pos) || !completeHeading(kept))
+            refuse("neither whole nor what the append has left");
         return rollBackResult::completed;
     }
 
@@ -60,17 +60,11 @@ private:
     // stood. Where they don't, the side file was damaged later, and must not be taken for one cut short.
     rollBackResult settleTorn() {
         if (const std::optional<foundPart> part = findPart(fName)) {
-            const std::optional<soundIndex> index = indexOf(rawHeadingAt(fFile, part->row0Pos), part->row0Pos);
-            const bool hasBlocks = index && !index->records.empty();
-            const std::int64_t lastBlock = hasBlocks ? index->records.back().translatePos : 0;
-            if (index && tailInflates(*index, lastBlock + 1)) return rollBackResult::sideFileStale;
+            const auto index = soundIndexOf(rawHeadingAt(fFile, part->row0Pos), part->row0Pos, fFile);
+            if (index && (index->records.empty() || tailInflates(*index, index->records.back().translatePos + 1)))
+                return rollBackResult::sideFileStale;
         }
         refuse("not whole, and neither is the side file");
-    }
-
-    std::optional<soundIndex> indexOf(const rawHeading& heading, std::int64_t row0Pos) {
-        return soundIndexOf(heading, row0Pos, fSize,
-                            [&](std::int64_t place, std::int64_t size) { return bytesAt(fFile, place, size); });
     }
 
     // Every block that ends there or behind it.
@@ -83,8 +77,8 @@ private:
     }
 
     // The bytes that say where the heading stands are the same in every heading at this place.
-    bool mayBeTorn(const rawHeading& heading) const {
-        const auto place = std::bit_cast<std::array<unsigned char, sizeof(std::int64_t)>>(fKept->row0Pos);
+    static bool mayBeTorn(const rawHeading& heading, std::int64_t row0Pos) {
+        const auto place = std::bit_cast<std::array<unsigned char, sizeof row0Pos>>(row0Pos);
         for (std::size_t i = 0; i < place.size(); ++i) {
             if (heading[i] != place[i] && heading[i] != place[place.size() - 1 - i]) return false;
         }
@@ -93,28 +87,22 @@ private:
 
     // A heading is written once blocks and index are durable, so what it was to point to stands behind the last of the
     // whole streams.
-    bool completeHeading() {
-        const std::int64_t end = streamsEnd();
+    bool completeHeading(const keptTail& kept) {
+        std::int64_t end = kept.untouchedEnd;
+        for (blockOutcome found{}; (found = fStreams.at(end, kBlockSize)).end == blockOutcome::complete;)
+            end += found.consumed;
         filePosRecord first;
         if (fFile.Read(&first, sizeof first, end) != sizeof first) return false;
         const bool swap = first.orginalPos != kFirstRecordMark;
         if (swap) swapRecord(first);
-        compressionHeading heading{fKept->row0Pos, end, (first.translateSize + std::int64_t{1}) * kRecordSize};
+        compressionHeading heading{kept.row0Pos, end, (first.translateSize + std::int64_t{1}) * kRecordSize};
         if (swap) swapHeading(heading);
         const rawHeading raw = std::bit_cast<rawHeading>(heading);
-        const std::optional<soundIndex> index = indexOf(raw, fKept->row0Pos);
-        if (!index || !tailInflates(*index, fKept->untouchedEnd)) return false;
-        writeAll(fFile, raw.data(), raw.size(), fKept->row0Pos);
+        const std::optional<soundIndex> index = soundIndexOf(raw, kept.row0Pos, fFile);
+        if (!index || !tailInflates(*index, kept.untouchedEnd)) return false;
+        writeAll(fFile, raw.data(), raw.size(), kept.row0Pos);
         fFile.Sync();
         return true;
-    }
-
-    std::int64_t streamsEnd() {
-        for (std::int64_t at = fKept->untouchedEnd;;) {
-            const blockOutcome outcome = fStreams.at(at, kBlockSize);
-            if (outcome.end != blockOutcome::complete) return at;
-            at += outcome.consumed;
-        }
     }
 
     [[noreturn]] void refuse(const std::string& why) const {
@@ -127,8 +115,6 @@ private:
     ORVA_File fFile;  // with the writer's lock
     zlibStreams fStreams{fFile};
     heldSideFile fSide;
-    std::int64_t fSize = 0;
-    std::optional<keptTail> fKept;
 };
 
 }  // namespace
