@@ -171,6 +171,11 @@ TEST_F(Writer, KeepsOwnerGroupAndModeOfWhatItReplacesAndTheDictionary) {
     const orva::Reader reader(name, {.row0 = 1'234});
     EXPECT_EQ(reader.dictionary(), dictionary);
     EXPECT_EQ(reader.size(), 200);
+    expectInChild([&] {  // root may write to any file
+        EXPECT_TRUE(!isRoot || (chown(fDirectory.c_str(), 12'345, 23'456) == 0 && seteuid(12'345) == 0));
+        umask(0277);
+        EXPECT_EQ(mode(written("own", {})), std::filesystem::perms{0400});
+    });
 }
 
 TEST_F(Writer, AnAppendLeavesTheRowsOfALiveReader) {

@@ -183,22 +183,30 @@ void pendingFile::holdReplaced() {
 }
 
 // Exclusively: in a directory that others can write to, nobody can have put a link there. Never for more people than
-// the finished file, and its user can write to it until then.
+// the finished file, and its user can write to it until then, whatever the umask.
 void pendingFile::create() {
     platform::fileAccess old{};
     const bool replaces = platform::accessOf(fTarget.c_str(), old) && old.regular;
-    const fs::perms meanwhile = replaces ? kOwners : fPermissions | kOwners;
+    const auto mode = static_cast<int>((replaces ? kOwners : fPermissions) & fs::perms::all);
     int descriptor = -1;
+    fs::path hidden;  // once the file is there, nothing asks for memory any more
     do {
         forgetName();
-        fTemporary = hiddenNameBeside(fTarget);
+        hidden = fTemporary = hiddenNameBeside(fTarget);
         fShown = show(fTemporary);
-        constexpr int mode = platform::_O_WRONLY | platform::_O_CREAT | platform::_O_EXCL;
-        descriptor = platform::openShared(fTemporary.c_str(), mode, 0, static_cast<int>(meanwhile & fs::perms::all));
+        constexpr int flags = platform::_O_WRONLY | platform::_O_CREAT | platform::_O_EXCL;
+        descriptor = platform::openShared(fTemporary.c_str(), flags, 0, mode);
     } while (descriptor < 0 && errno == EEXIST);
     if (descriptor < 0) throwFileError(errno, kWriteFailed, fTarget);
-    if (replaces) fOldPermissions = givenAccess(descriptor, old);
+    platform::fileAccess own{};
+    if (replaces) {
+        fPermissions = givenAccess(descriptor, old);
+    } else if (platform::accessOf(descriptor, own)) {
+        fPermissions = fs::perms{own.mode};
+    }
     platform::closeAnyway(descriptor);
+    std::error_code none;
+    fs::permissions(hidden, kOwners, fs::perm_options::add, none);
 }
 
 void pendingFile::sync() const {
@@ -219,11 +227,7 @@ void pendingFile::commit(bool durable) {
             refuseIfTaken();  // by somebody else, meanwhile
             holdReplaced();
             std::error_code none;
-            if (fOldPermissions) {
-                fs::permissions(fTemporary, *fOldPermissions, none);
-            } else if (const fs::perms surplus = kOwners & ~fPermissions; surplus != fs::perms::none) {
-                fs::permissions(fTemporary, surplus, fs::perm_options::remove, none);
-            }
+            fs::permissions(fTemporary, fPermissions, none);
             const auto rename = bReplace ? &platform::renameFile : &platform::renameNew;
             if (rename(fTemporary.c_str(), fTarget.c_str()) != 0) throwFileError(errno, kWriteFailed, fTarget);
             bCommitted = true;

@@ -13,7 +13,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <optional>
 #include <span>
 #include <string>
 
@@ -52,8 +51,7 @@ private:
     const Path fPath;  // as the caller wrote it
     std::string fTarget;
     const bool bReplace;
-    const std::filesystem::perms fPermissions;
-    std::optional<std::filesystem::perms> fOldPermissions{};
+    std::filesystem::perms fPermissions;  // once the hidden file is there, as the finished one will have them
     std::string fTemporary;
     hiddenName* fShown = nullptr;  // fTemporary, for remove_unfinished
     int fReplaced = -1;            // the old file, locked; -1 if there is none that can be read
