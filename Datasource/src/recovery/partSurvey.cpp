@@ -235,23 +235,20 @@ private:
     // The heading may be lost or point elsewhere, and an index stand further on.
     void findLaterIndex() {
         bLookedForIndex = true;
-        fWindow.find(fPlace, fWindow.fileSize(), kRecordSize,
-                     [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
-                         return fPatience.exhausted() || takeLaterIndex(place, bytes);
-                     });
-    }
-
-    bool takeLaterIndex(std::int64_t place, const unsigned char* bytes) {
-        filePosRecord first;
-        std::memcpy(&first, bytes, sizeof first);
-        const bool swapped = swapBytes(first.orginalPos) == kFirstRecordMark;
-        if (!swapped && first.orginalPos != kFirstRecordMark) return false;
-        if (swapped) swapRecord(first);
-        const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
-        if (takeIndex({fReport.part.row0Pos, place, size}, swapped)) return true;
-        fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
-        fPatience.spend(2 * kTrial);
-        return false;
+        const auto isIndex = [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
+            filePosRecord first;
+            std::memcpy(&first, bytes, sizeof first);
+            const bool swapped = swapBytes(first.orginalPos) == kFirstRecordMark;
+            if (fPatience.exhausted()) return true;
+            if (!swapped && first.orginalPos != kFirstRecordMark) return false;
+            if (swapped) swapRecord(first);
+            const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
+            if (takeIndex({fReport.part.row0Pos, place, size}, swapped)) return true;
+            fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
+            fPatience.spend(2 * kTrial);
+            return false;
+        };
+        fWindow.find(fPlace, fWindow.fileSize(), kRecordSize, isIndex);
     }
 
     // Bytes that came into the file, or are lost from it, have moved all that stands behind them by as many. An index
