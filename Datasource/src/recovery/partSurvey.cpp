@@ -79,7 +79,7 @@ public:
         fReport.part = *part;
         takeHeading();
         walk();
-        if (!fReport.hadIndex) addMissing();
+        guessSizes();
         fSegments = withSizes(fSegments, fIndex, part->row0Pos);
         commit();
         if (options.onlyCommitted) fSegments.resize(committedSegments());
@@ -169,7 +169,7 @@ private:
         if (!next && !fReport.hadIndex && !givenUp) return false;
         const std::int64_t most = mostRowsOf(next.value_or(end) - fPlace - fWindow.newlyPassed());
         const char* why = givenUp ? kGivenUp : fReport.hadIndex ? kDamaged : kDamagedUntold;
-        fSegments.push_back({std::min<std::int64_t>(kBlockSize, most), fPlace, number, 0, true, why, most});
+        fSegments.push_back({0, fPlace, number, 0, true, why, most});
         fNext = told.value_or(fNext);
         if (earlier) fNext.number = number.value_or(fNext.number) + 1;
         fPlace = next.value_or(fPlace);
@@ -288,17 +288,32 @@ private:
         return std::nullopt;
     }
 
-    // Blocks that the walk did not see, and that the heading vouches for, lie in the first gap, as far as it has room,
-    // or behind the last block seen.
-    void addMissing() {
-        const std::int64_t missing = fCount.value_or(0) - std::ssize(fSegments);
-        if (missing <= 0) return;
-        const auto gap = std::ranges::find_if(fSegments, &surveySegment::isLost);
-        if (gap != fSegments.end()) {
-            gap->size = std::min((missing + 1) * kBlockSize, gap->most);
+    // Until an index tells more. A full block is as long as the longest one found. A gap without an index stands for as
+    // many as its bytes would make, of those that the heading vouches for. The rest of them lies behind the last block
+    // found, where the file is cut before the index, or where there is no gap; else in the first gap.
+    void guessSizes() {
+        std::int64_t full = 1, stored = 0, found = 0;
+        for (const surveySegment& block : fSegments) {
+            if (!block.isLost()) full = std::max(full, block.size), stored += block.length, ++found;
+        }
+        if (found == 0) return;
+        const std::int64_t usual = stored / found;
+        std::int64_t missing = fReport.hadIndex ? 0 : fCount.value_or(0) - std::ssize(fSegments);
+        missing = std::max<std::int64_t>(missing, 0);
+        surveySegment* first = nullptr;
+        for (surveySegment& gap : fSegments) {
+            if (!gap.isLost()) continue;
+            const std::int64_t more =
+                std::clamp<std::int64_t>((gap.most / kBestRatio + usual / 2) / usual - 1, 0, missing);
+            gap.size = std::min((more + 1) * full, gap.most);
+            missing -= more;
+            first = first == nullptr ? &gap : first;
+        }
+        if (missing == 0) return;
+        if (first != nullptr && fHeading._indexPos <= fWindow.fileSize()) {
+            first->size = std::min(first->size + missing * full, first->most);
         } else {
-            const std::int64_t size = missing * kBlockSize;
-            fSegments.push_back({size, fPlace, {}, 0, true, kGone, size});
+            fSegments.push_back({missing * full, fPlace, {}, 0, true, kGone, missing * full});
         }
     }
 
