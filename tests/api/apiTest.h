@@ -63,6 +63,7 @@ struct source final : orva::ByteSource {
 };
 
 using Names = std::set<std::string>;
+using Dictionary = std::vector<std::byte>;
 
 struct FaceTest : TempDir {
     // A finished file of the rows; its name.
@@ -71,10 +72,6 @@ struct FaceTest : TempDir {
         writer.write(spanOf(rows));
         writer.finish();
         return path(name);
-    }
-    std::string behind(const Bytes& dictionary, const std::string& name, const Bytes& rows) const {
-        const auto bytes = spanOf(dictionary);
-        return written(name, rows, {.dictionary = {bytes.begin(), bytes.end()}});
     }
     Bytes rowsOf(const std::string& name) const { return allRows(orva::Reader(path(name))); }
     // The names in the directory.

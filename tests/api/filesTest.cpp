@@ -44,7 +44,8 @@ TEST_F(Files, SayWhichBlockIsBad) {
 }
 
 TEST_F(Files, EndWhereTheirProgressThrows) {
-    const orva::Path parts[] = {written("a", Bytes(kBlock + 5, 'a')), behind(Bytes(20, 'd'), "b", Bytes(100, 'b'))};
+    const orva::Path parts[] = {written("a", Bytes(kBlock + 5, 'a')),
+                                written("b", Bytes(100, 'b'), {.dictionary = Dictionary(20)})};
     const orva::JoinReport report = orva::join(parts, path("all"), {.progress = told()});
     EXPECT_EQ(report.size, i64{kBlock + 105});
     EXPECT_EQ(fLast.first, orva::info(path("all")).stored + 512);
@@ -60,32 +61,29 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
         more.finish();
     };
     EXPECT_EQ(thrownBy([&] { orva::join(parts, path("none"), {.progress = grow}); }), "FileChangedError");
-    // Whether an input has changed must be known: each look at its heading that fails ends the join.
-    bool failed = true;
-    for (int reads = 0; failed; ++reads) {
-        failed = false;
-        int left = reads;
+    // What `join` throws of inputs where this becomes of so manieth a look at a heading, the first one being 0.
+    const auto joinWhere = [&](int look, std::span<const orva::Path> inputs, const std::function<Verdict()>& become) {
         const CallHook disk([&](const Step& step, std::uint64_t) {
             const bool heading = step.call == Call::Read && step.offset == 512 && step.size == 24;
-            if (!heading || left-- != 0) return Verdict::goOn();
-            failed = true;
-            return Verdict::fail(EIO);
+            return heading && look-- == 0 ? become() : Verdict::goOn();
         });
-        const std::string thrown = thrownBy([&] { orva::join(parts, path("none"), {.replace = true}); });
-        EXPECT_EQ(thrown, failed ? "SystemError EIO" : "") << reads;
+        return thrownBy([&] { orva::join(inputs, path("none"), {.replace = true}); });
+    };
+    // Whether an input has changed must be known: each look that fails ends the join.
+    bool failed = true;
+    for (int look = 0; std::exchange(failed, false); ++look) {
+        const std::string thrown = joinWhere(look, parts, [&] { return failed = true, Verdict::fail(EIO); });
+        EXPECT_EQ(thrown, failed ? "SystemError EIO" : "") << look;
     }
     // Nor is it taken for what it was where another file takes its name between two looks, one of no rows.
-    for (int reads = 0; reads < 4; ++reads) {
+    const orva::Path again[] = {path("again")};
+    for (int look = 0; look < 4; ++look) {
         written("again", Bytes(100, 'b'), {.replace = true});
         written("empty", {}, {.replace = true});
-        int left = reads;
-        const CallHook disk([&](const Step& step, std::uint64_t) {
-            const bool heading = step.call == Call::Read && step.offset == 512 && step.size == 24;
-            if (heading && left-- == 0) std::filesystem::rename(path("empty"), path("again"));
+        const std::string thrown = joinWhere(look, again, [&] {
+            std::filesystem::rename(path("empty"), again[0]);
             return Verdict::goOn();
         });
-        const orva::Path again[] = {path("again")};
-        const std::string thrown = thrownBy([&] { orva::join(again, path("none"), {.replace = true}); });
         const Bytes rows = thrown.empty() ? rowsOf("none") : Bytes();
         EXPECT_TRUE(rows.empty() || sameBytes(rows, Bytes(100, 'b')));
         EXPECT_TRUE(thrown.empty() || thrown == "FileChangedError") << thrown;
