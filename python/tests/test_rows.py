@@ -1,8 +1,6 @@
 # orva.rows against numpy's own arrays, and orva.write, append and to_frame.
 
 import io
-import os
-import shutil
 from pathlib import Path
 from typing import Any
 
@@ -140,10 +138,8 @@ def test_frames(here: Path) -> None:
     assert orva.to_frame("numbers.orva", dtype=[("low", "<i4"), ("high", "<i4")]).shape == (10, 2)
 
 
-def test_an_interrupted_append(here: Path, tmp_path_factory: pytest.TempPathFactory) -> None:
-    with orva.open("numbers.orva", "ab") as file:
-        file.write(bytes(1 << 23))
-        os.chdir(shutil.copytree(here, tmp_path_factory.mktemp("crashed"), dirs_exist_ok=True))
+def test_an_interrupted_append(here: Path) -> None:
+    Path("numbers.orva.orva-undo").touch()  # as a crash before the first change leaves it
     pytest.raises(orva.UnfinishedFileError, orva.append, "numbers.orva", [1.0]).match("orva recover --roll-back")
     orva.append("numbers.orva", [0.0, 1.0, 2.0], roll_back=True)
     assert np.array_equal(orva.rows("numbers.orva"), [*range(10), 0, 1, 2])
