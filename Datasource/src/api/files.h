@@ -44,7 +44,7 @@ ORVA_API FileInfo info(const Reader& reader);
 
 struct VerifyOptions {
     std::optional<i64> row0{};
-    int threads = 1;  // the caller's counted; 0: one a core
+    int threads = 1;  // the caller's counted, 256 at most; 0: one a core
     Progress progress{};
     i64 first_block = 0;  // those before it are passed over
 };

@@ -34,7 +34,7 @@ namespace orva {
 struct WriterOptions {
     std::vector<std::byte> dictionary{};  // stands in front of the rows, byte for byte; empty: 512 bytes of text that
                                           // say where the rows begin, so that Reader and `orva` need no row0
-    int threads = 1;                      // that compress, the caller's counted; 0: one a core
+    int threads = 1;                      // that compress, the caller's counted, 256 at most; 0: one a core
     bool durable = true;                  // finish() returns once the file would survive a loss of power
     bool replace = false;                 // a file that has the name, once this one is finished
     int level = 1;                        // of compression, 1 to 12; without the fast engines to 9
