@@ -65,37 +65,36 @@ void partWriter::abandon() {
     if (const std::exception_ptr failure = ended(nullptr)) std::rethrow_exception(failure);
 }
 
-// A whole block that begins a block needs no memory of ours: `sendWhole(offset)` may take it. All else is collected, by
-// `get(offset, to)`.
-template <class SendWhole, class Get>
-void partWriter::collect(std::uint64_t size, SendWhole sendWhole, Get get) {
-    for (std::uint64_t done = 0; done < size;) {
-        std::uint64_t count = fChosen.blockLength;
-        if (availBuffSize != count || size - done < count || !sendWhole(done)) {
-            const std::span<unsigned char> to = room();
-            count = std::min<std::uint64_t>(to.size(), size - done);
-            get(done, to.first(static_cast<std::size_t>(count)));
-            wrote(static_cast<std::uint32_t>(count));
-        }
-        done += count;
-    }
-}
-
 void partWriter::write(const unsigned char* rows, std::uint64_t size) {
-    const auto sendWhole = [&](std::uint64_t offset) {
-        send(rows + offset, fChosen.blockLength);
-        return true;
-    };
-    const auto copy = [&](std::uint64_t offset, std::span<unsigned char> to) {
-        std::memcpy(to.data(), rows + offset, to.size());
-    };
-    guarded([&] { collect(size, sendWhole, copy); });
+    guarded([&] {
+        while (size != 0) {
+            std::uint32_t count = fChosen.blockLength;
+            if (availBuffSize == fChosen.blockLength && size >= fChosen.blockLength) {
+                send(rows, count);  // a whole block needs no memory of ours
+            } else {
+                const std::span<unsigned char> to = room();
+                count = static_cast<std::uint32_t>(std::min<std::uint64_t>(to.size(), size));
+                std::memcpy(to.data(), rows, count);
+                wrote(count);
+            }
+            rows += count;
+            size -= count;
+        }
+    });
 }
 
 void partWriter::writeFrom(const rowSource& source, std::int64_t size) {
-    const auto sendWhole = [&](std::uint64_t offset) { return sendFrom(source, static_cast<std::int64_t>(offset)); };
     guarded([&] {
-        collect(static_cast<std::uint64_t>(size), sendWhole, source);
+        for (std::int64_t done = 0; done < size;) {
+            std::int64_t count = fChosen.blockLength;
+            if (size - done < count || !sendFrom(source, done)) {
+                const std::span<unsigned char> to = room();
+                count = std::min<std::int64_t>(std::ssize(to), size - done);
+                source(done, to.first(static_cast<std::size_t>(count)));
+                wrote(static_cast<std::uint32_t>(count));
+            }
+            done += count;
+        }
         fSink->awaitRows();
     });
 }
@@ -146,7 +145,8 @@ void partWriter::send(const unsigned char* rows, std::uint32_t size) {
 // A whole block, if the sink has threads that get its rows. Not the first one of a part: nothing of a former life may
 // go before there are rows.
 bool partWriter::sendFrom(const rowSource& source, std::int64_t offset) {
-    if (bNewPart || !fSink->putFrom(source, offset, fChosen.blockLength)) return false;
+    if (bNewPart || availBuffSize != fChosen.blockLength || !fSink->putFrom(source, offset, fChosen.blockLength))
+        return false;
     sent(fChosen.blockLength);
     return true;
 }

@@ -79,8 +79,6 @@ private:
     void guarded(Steps steps);
     std::exception_ptr ended(const std::exception_ptr& failure);
     void endSink(bool drop);
-    template <class SendWhole, class Get>
-    void collect(std::uint64_t size, SendWhole sendWhole, Get get);
     sinkPlace next() { return {fFile, fIndex, fChosen, fpos, fIndex.writtenEnd(fRow0Pos + kHeadingSize)}; }
     unsigned char* newRoom();
     void endBlock();
