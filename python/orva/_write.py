@@ -33,6 +33,8 @@ def _rows_of(array: npt.ArrayLike) -> tuple[npt.NDArray[Any], np.dtype[Any]]:
 
 
 def _write(writer: _orva.Writer, values: npt.NDArray[Any], row: np.dtype[Any]) -> None:
+    # As bytes: where numpy copies fields, what stands between them would be whatever was in memory.
+    values = values.view((np.void, values.itemsize))
     step = len(values) if values.flags.c_contiguous else max(_PIECE // row.itemsize, 1)
     for first in range(0, len(values), max(step, 1)):
         piece = np.ascontiguousarray(values[first : first + step])

@@ -47,6 +47,7 @@ WRITTEN: dict[str, Any] = {
     "many fields": np.zeros(3, [(f"field{i}", "<f8") for i in range(99)]),
     "no rows": ROWS[:0],
 }
+    "parts of rows that no field has": np.frombuffer(bytes(range(240)), PADDED)[::2],
 
 
 @pytest.mark.parametrize("written", WRITTEN.values(), ids=WRITTEN)
