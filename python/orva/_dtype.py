@@ -42,6 +42,8 @@ def to_dictionary(dtype: np.dtype[Any]) -> bytes:
     line = "dtype=" + json.dumps(descr) + "\n"
     first = len(_FIRST) + 11
     size = -(-(first + len(line) + 1) // _STEP) * _STEP
+    if size > _LONGEST:
+        raise ValueError(f"a dtype that takes {size:,} bytes to tell is refused: {_LONGEST:,} are the most")
     text = f"{_FIRST}{size:010d}\n{line}"
     return (text.ljust(size - 1) + "\n").encode("ascii")
 

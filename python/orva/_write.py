@@ -50,7 +50,8 @@ def write(
     so that `orva.rows` needs none.
 
     threads, level, block: as for `orva.open`. Errors: OSError; ValueError for arrays of objects, of no axis or of
-    elements without bytes, and for options outside their ranges. Nothing is left then.
+    elements without bytes, for a dtype of more than a megabyte of text, and for options outside their ranges. Nothing
+    is left then.
     """
     values, row = _rows_of(array)
     name = os.fsencode(path_of(path))

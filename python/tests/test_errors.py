@@ -81,6 +81,7 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "no bytes that a file", lambda: rows([("a", object)]), lambda: write([None]), lambda: to_rows(OBJECTS)),
     (ValueError, "have no bytes", lambda: write(np.zeros((3, 0))), lambda: rows("V0"), lambda: to_rows(OBJECTS[[]])),
     (ValueError, "of no axis", lambda: write(3.0)),
+    (ValueError, "1,062,912 bytes", lambda: write(np.zeros(1, [(f"{i:0999}", "u1") for i in range(1_050)]))),
     (ValueError, "overlap", lambda: write(np.zeros(2, OVERLAPPING))),
     (ValueError, "masked have no values", lambda: write(orva.rows("bad.orva", damaged="mask"))),
     (ValueError, "rows of float64, not of int64", lambda: orva.append("numbers.orva", [1])),
