@@ -14,6 +14,7 @@ from . import _orva
 
 PathLike = Union[str, "os.PathLike[str]"]
 NEW_BLOCKS = 1 << 20  # bytes of rows in a full block, as the command's own
+_MOST_THREADS = 256  # that the library uses
 Source = Union[str, "os.PathLike[str]", io.RawIOBase, io.BufferedIOBase]
 
 
@@ -45,7 +46,7 @@ def whole(value: int, what: str, bits: int = 64) -> int:
 
 
 def threads_of(threads: int) -> int:
-    return whole(threads, "threads", 32)
+    return min(whole(threads, "threads", 32), _MOST_THREADS)
 
 
 def row0_of(row0: int | None) -> int | None:

@@ -84,7 +84,8 @@ def test_each_block_is_inflated_once(shared: Path, threads: int, read: Any, bloc
 
 def test_pieces_are_all_rows(shared: Path) -> None:
     rows = orva.rows(shared / "trades.orva", threads=2)
-    for chunks in (rows.iter_chunks(), rows.iter_chunks(np.uint64(777)), [rows[part] for part in rows.splits(3)]):
+    many = orva.rows(shared / "trades.orva", threads=(1 << 31) - 1).iter_chunks()
+    for chunks in (rows.iter_chunks(), rows.iter_chunks(np.uint64(777)), [rows[part] for part in rows.splits(3)], many):
         assert np.array_equal(np.concatenate(list(chunks)), ROWS)
     assert list(rows) == list(ROWS)
     out = np.zeros(9, TRADE)
