@@ -125,12 +125,12 @@ class Opened:
             self.name = path_of(source)
             self.again = os.path.abspath(self.name)
             self.reader = _orva.Reader(os.fsencode(self.name), *how)
-        elif hasattr(source, "read_at"):
-            self.reader = _orva.Reader(source, *how)  # type: ignore[arg-type]
-        elif hasattr(source, "readinto"):
+        elif hasattr(source, "readinto"):  # first: other libraries' files have a read_at of other arguments too
             if not getattr(source, "readable", lambda: True)():
                 raise io.UnsupportedOperation("not readable")
-            self.reader = _orva.Reader(SourceObject(source), *how)
+            self.reader = _orva.Reader(SourceObject(source), *how)  # type: ignore[arg-type]
+        elif hasattr(source, "read_at"):
+            self.reader = _orva.Reader(source, *how)
         else:
             given = type(source).__name__
             raise TypeError(f"rows come from a path, str or os.PathLike[str], or a binary file object, not {given}")

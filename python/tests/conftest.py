@@ -20,6 +20,7 @@ BYTES = ROWS.tobytes()
 
 class Slow(io.BytesIO):
     reads = 0
+    read_at = None  # of files of other libraries, with arguments of its own
 
     def readinto(self, to: Any) -> int:
         self.reads += 1
