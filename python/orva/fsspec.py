@@ -37,8 +37,9 @@ class _Ranges:
         if end <= offset:
             return 0
         found = self._fs.cat_file(self.name, start=offset, end=end)
-        if len(found) > end - offset:
-            raise OSError(f"{self.name}: its store gives more than the range asked for; simplecache:: copies whole files")
+        if len(found) != end - offset:
+            told = f"its store gave {len(found)} bytes of a range of {end - offset}; simplecache:: copies whole files"
+            raise OSError(f"{self.name}: {told}")
         to[: len(found)] = found
         return len(found)
 
