@@ -32,8 +32,14 @@ def _merged(ranges: Iterable[tuple[int, int]]) -> Lost:
     return merged
 
 
-def _is_int(key: Any) -> bool:
-    return isinstance(key, (int, np.integer)) and not isinstance(key, (bool, np.bool_))
+def _number(key: Any) -> int | None:
+    """Of a key that is one number, which a bool and an array of one are not."""
+    if isinstance(key, (bool, np.bool_, np.ndarray)):
+        return None
+    try:
+        return operator.index(key)
+    except TypeError:
+        return None
 
 
 def _exact(number: Any) -> Any:
@@ -154,8 +160,7 @@ class Rows:
 
     # Keys.
 
-    def _index(self, key: Any) -> int:
-        row = operator.index(key)
+    def _index(self, row: int) -> int:
         if not -len(self) <= row < len(self):
             raise IndexError(f"index {row} is out of bounds for axis 0 with size {len(self)}")
         return row + len(self) if row < 0 else row
@@ -173,10 +178,8 @@ class Rows:
 
     def _chosen(self, key: Any) -> npt.NDArray[np.int64] | None:
         """Row numbers, for a key of ints or bools; None for any that is neither."""
-        if not isinstance(key, list) and not hasattr(key, "__array__"):
-            return None
         wanted = np.asarray(key)
-        if wanted.size == 0 and isinstance(key, list):
+        if wanted.size == 0 and not isinstance(key, np.ndarray):
             wanted = wanted.astype(np.int64)
         if wanted.dtype.kind == "b" and wanted.ndim == 1:
             if len(wanted) != len(self):
@@ -208,10 +211,10 @@ class Rows:
     def __getitem__(self, key: Any) -> Any:
         if isinstance(key, str):
             return self._field(key)
-        first, *behind = key if isinstance(key, tuple) and key else (key,)
+        first, *behind = (key or (...,)) if isinstance(key, tuple) else (key,)
         here: Any = 0
-        if _is_int(first):
-            values = self._read(self._index(first), 1)
+        if (row := _number(first)) is not None:
+            values = self._read(self._index(row), 1)
         elif isinstance(first, slice):
             values, here = self._slice(first), slice(None)
         elif (chosen := self._chosen(first)) is not None:

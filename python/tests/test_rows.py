@@ -12,11 +12,12 @@ from conftest import BLOCK, ROWS, TRADE, Slow, damaged
 import orva
 
 MATRIX = np.arange(12, dtype=">f4").reshape(4, 3)
-ONES = (0, -1, np.int32(7), 20_000, -20_001, True, 1.5, None, ..., "price", "flags", "nope")
+INDEX: Any = type("Index", (), {"__index__": lambda self: -5})()
+ONES = (0, INDEX, -1, np.int32(7), 20_000, -20_001, True, np.True_, 1.5, None, ..., "price", "flags", "nope")
 SLICES = (slice(3_000, 3_200), slice(None, None, -1), slice(9, 9), slice(19_990, 30_000), slice(19_000, 5, -3_121))
 LISTS = ([5, -1, 19_999, 5, 3_120], [], [1, 20_000], [1.5], [True, False], ["name", "time"])
 ARRAYS = (np.array([3, 2], np.uint16), np.array(3), np.arange(6).reshape(2, 3) * 3_000, ROWS["time"] % 777 == 3)
-TUPLES = ((), (1, 2), (slice(5, 7),), ([1, 2],), (slice(5, 7), None))
+TUPLES = ((), ((),), (range(3, -3, -1),), ((3, 2),), (1, 2), (slice(5, 7),), ([1, 2],), (slice(5, 7), None))
 INNER = (1, slice(1, 3), (slice(None), 2), ([0, 2], [1, 1]), (..., 0), (1, slice(1)), [[0], [3]])
 KEYS = [(ROWS, key) for key in (*ONES, *SLICES, *LISTS, *ARRAYS, *TUPLES)] + [(MATRIX, key) for key in INNER]
 
@@ -46,8 +47,8 @@ WRITTEN: dict[str, Any] = {
     "two fields": np.zeros(3, [("a", "<i4"), ("b", "<f4")]),
     "many fields": np.zeros(3, [(f"field{i}", "<f8") for i in range(99)]),
     "no rows": ROWS[:0],
-}
     "parts of rows that no field has": np.frombuffer(bytes(range(240)), PADDED)[::2],
+}
 
 
 @pytest.mark.parametrize("written", WRITTEN.values(), ids=WRITTEN)
@@ -64,6 +65,7 @@ def test_arrays_come_back(here: Path, written: Any) -> None:
 WISHES: dict[str, tuple[Any, int]] = {
     "permuted": (lambda rows: rows[np.random.default_rng(2).permutation(20_000)], 7),
     "steps": (lambda rows: rows[5::2_000], 6),
+    "numbers that are no list": (lambda rows: (rows[range(3)], rows[memoryview(b"12")], rows[INDEX]), 2),
     "row across a border": (lambda rows: rows[[3_120, 3_121]], 2),
     "field": (lambda rows: rows["price"], 7),
     "chunks": (lambda rows: list(rows.iter_chunks()), 7),
