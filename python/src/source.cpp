@@ -2,6 +2,8 @@
 
 #include "gil.h"
 
+#include <exception>
+
 namespace py = pybind11;
 
 // The last one that lets go need not hold the GIL.
@@ -18,7 +20,14 @@ orva::i64 pythonSource::size() const {
 std::size_t pythonSource::read_at(orva::i64 offset, orva::Bytes to) const {
     const gil::held python;
     const py::memoryview view = py::memoryview::from_memory(to.data(), static_cast<py::ssize_t>(to.size()));
-    const auto got = fSource.attr("read_at")(offset, view).cast<std::size_t>();
-    view.attr("release")();  // or who has kept it would reach memory that is gone
-    return got;
+    // Or who has kept it, as the traceback of an error does, would reach memory that is gone.
+    const auto release = [&] { view.attr("release")(); };
+    try {
+        const auto got = fSource.attr("read_at")(offset, view).cast<std::size_t>();
+        release();
+        return got;
+    } catch (const std::exception&) {
+        release();
+        throw;
+    }
 }

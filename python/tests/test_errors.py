@@ -33,6 +33,12 @@ def of_no_dtype() -> orva.Rows:
     return orva.rows(io.BytesIO(Path("numbers.orva").read_bytes().replace(b'"<f8"\n      ', b'"<M8[ns/0]"\n')))
 
 
+# The memory that a read was to fill, had from its traceback.
+def of_a_failed_read() -> bytes:
+    waiting = type("Waiting", (io.BytesIO,), {"readinto": lambda file, to: None})(b"x")
+    return bytes(pytest.raises(BlockingIOError, orva.open, waiting).traceback[-1].locals["to"])
+
+
 def to_rows(collection: Any) -> None:
     orva.dask.to_rows(collection, "new.orva")
 
@@ -50,6 +56,7 @@ BAD: list[tuple[Any, ...]] = [
     (orva.DamagedFileError, "bad.orva.* is damaged", lambda: orva.open("bad.orva").read(), lambda: orva.rows("bad.orva")["time"]),
     (orva.DamagedFileError, "is damaged", lambda: orva.rows("bad.orva").search("time", 0, 2), lambda: orva.to_frame("bad.orva", ["time"])),
     (orva.FileChangedError, "numbers.orva.* has changed since", lambda: [rows(), orva.append("numbers.orva", [1.0])][0][:]),
+    (ValueError, "released memoryview", of_a_failed_read),
     # Paths.
     (ValueError, "embedded null character", lambda: orva.open("a\0b")),
     (TypeError, "a path, str or os.PathLike.*, or a binary file object, not bytes", lambda: orva.open(b"a")),
