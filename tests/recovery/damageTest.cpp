@@ -50,7 +50,7 @@ const LieCase kLies[] = {
     {"CountThatWrapsAround", [](Layout& l) { l.first.translateSize = 178956970 + 3; }, 0, kWhole},
     {"PlaceInAnotherAndBytesBehindFile",
      [](Layout& l) { --l.records[2].translatePos, l.records[2].translateSize = kBlock; }, 2, kFollow, kInside},
-    {"NoBytes", [](Layout& l) { l.records[1].translateSize = 0; }, 2, kFollow, kBytes},
+    {"NoBytes", [](Layout& l) { l.records[2].translateSize = 0; }, 2, kFollow, kBytes},
     {"RowsBeginElsewhere", [](Layout& l) { --l.records[0].orginalPos; }, 0, "record 0 at the row-0 position"},
     {"PositionsEqual", [](Layout& l) { l.records[2].orginalPos = l.records[1].orginalPos; }, 0, "orginalPos ascends"},
     {"PositionOverflows", [](Layout& l) { l.records[2].orginalPos = INT64_MAX; }, 0, "orginalSize >= 1"},

@@ -127,7 +127,7 @@ private:
     // more.
     bool allSeen() const {
         if (!fReport.hadIndex || isShort()) return false;
-        return fIndex.empty() || placeOf(fIndex.size() - 1) + fIndex.back().translateSize == fPlace ||
+        return fIndex.empty() ||
                (!fSegments.empty() && isLast(fSegments.back()) && isAsRecorded(fSegments.back()));
     }
     // The index has fewer blocks than the heading vouches for.
