@@ -360,6 +360,34 @@ TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
     }
 }
 
+// Rows that do not shrink stand in their block as they are. Files of this kind among them are not taken for the one
+// that they are in, nor do their blocks cost one of its own.
+TEST_F(DamageTest, RowsThatAreFilesTakeNoBlocksPlace) {
+    Layout layout;
+    std::vector<Bytes> blocks;
+    Bytes file(kRow0 + kHeadingSize);
+    for (const unsigned char seed : Bytes{0, 3, 6, 9}) {
+        const Bytes rows = finished(blocksOf({30, 50, 40}, seed));
+        uLongf size = rows.size() + 100;
+        Bytes stored(size);
+        ASSERT_EQ(compress2(stored.data(), &size, rows.data(), rows.size(), Z_NO_COMPRESSION), Z_OK);
+        layout.records.push_back({kRow0 + std::ssize(joined(blocks)), std::ssize(file),
+                                  static_cast<std::int32_t>(rows.size()), static_cast<std::int32_t>(size)});
+        file = std::move(file) + slice(stored, 0, size);
+        blocks.push_back(rows);
+    }
+    const std::int64_t index = std::ssize(file);
+    layout.first = {kFirstRecordMark, 0, kBlock, 4};
+    file = with(std::move(file) + indexOf(layout), layout.records[0].translatePos + 4, Bytes(3));
+    const Bytes kept = blocks[2] + blocks[3];
+    recover(file, {kPart, false, true});
+    EXPECT_TRUE(sameBytes(fRows, blocks[1] + kept));
+    file = with(std::move(file), kRow0, bytesOf(compressionHeading{kRow0, index, 5 * kRecordSize}));
+    file = with(with(std::move(file), layout.records[1].translatePos + 4, Bytes(3)), index + kRecordSize + 23, {1});
+    recover(file, {kPart, false, true});
+    EXPECT_TRUE(sameBytes(slice(fRows, fRows.size() - kept.size(), kept.size()), kept));
+}
+
 // A file of some pages in holes of gigabytes costs what the pages hold: in memory, in the output, and in time.
 TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
     constexpr std::int64_t kFar = std::int64_t{5} << 30, kBlocks = 178'956'969;

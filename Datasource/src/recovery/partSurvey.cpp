@@ -127,8 +127,7 @@ private:
     // more.
     bool allSeen() const {
         if (!fReport.hadIndex || isShort()) return false;
-        return fIndex.empty() ||
-               (!fSegments.empty() && isLast(fSegments.back()) && isAsRecorded(fSegments.back()));
+        return fIndex.empty() || (!fSegments.empty() && isLast(fSegments.back()) && isAsRecorded(fSegments.back()));
     }
     // The index has fewer blocks than the heading vouches for.
     bool isShort() const { return fCount && *fCount > std::ssize(fIndex); }
@@ -144,8 +143,7 @@ private:
     void takeBlock(const blockOutcome& found) {
         const std::optional<std::size_t> number = numberHere();
         fSegments.push_back({found.produced, fPlace, number, found.consumed});
-        if (number) fNext = {fPlace + fIndex[*number].translateSize, *number};
-        ++fNext.number;
+        if (number) fNext = {fPlace + fIndex[*number].translateSize, *number + 1};
         fPlace += found.consumed;
         fPatience.earn(kEarnedByBlock * workOf(found));
         fLikely = found.consumed + found.consumed / 4;
@@ -170,8 +168,8 @@ private:
         const std::int64_t most = mostRowsOf(next.value_or(end) - fPlace - fWindow.newlyPassed());
         const char* why = givenUp ? kGivenUp : fReport.hadIndex ? kDamaged : kDamagedUntold;
         fSegments.push_back({0, fPlace, number, 0, true, why, most});
-        fNext = told.value_or(fNext);
-        if (earlier) fNext.number = number.value_or(fNext.number) + 1;
+        if (earlier && number) fNext.number = *number + 1;
+        if (!earlier) fNext = told.value_or(fNext);
         fPlace = next.value_or(fPlace);
         return next.has_value();
     }
@@ -222,17 +220,21 @@ private:
         try {
             std::vector<filePosRecord> index = readRecords(fFile, heading, swapped).records;
             if (bLookedForIndex && !tellsOfBlocksSeen(index, heading._indexPos)) return false;
+            const std::int64_t moved = bLookedForIndex ? movedBy(index, heading._indexPos) : 0;
+            if (moved != 0 && !bTakesMoved) return false;
+            if (moved != 0) fHeading._indexPos = heading._indexPos;
+            fMoved = moved;
             fIndex = std::move(index);
         } catch (const DamagedFileError&) {
             return false;
         }
-        if (bLookedForIndex && !fIndex.empty()) seeIfMoved(heading._indexPos);
         fLimit = heading._indexPos;
         fNext.number = fSegments.size();
         return fReport.hadIndex = true;
     }
 
-    // The heading may be lost or point elsewhere, and an index stand further on.
+    // The heading may be lost or point elsewhere, and an index stand further on: at the end of its last block, or else
+    // elsewhere, as that of a file does whose bytes are rows of this one.
     void findLaterIndex() {
         bLookedForIndex = true;
         const auto isIndex = [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
@@ -248,16 +250,16 @@ private:
             fPatience.spend(2 * kTrial);
             return false;
         };
-        fWindow.find(fPlace, fWindow.fileSize(), kRecordSize, isIndex);
+        for (bTakesMoved = false; !fWindow.find(fPlace, fWindow.fileSize(), kRecordSize, isIndex) && !bTakesMoved;)
+            bTakesMoved = true;
     }
 
     // Bytes that came into the file, or are lost from it, have moved all that stands behind them by as many. An index
     // that no heading points to shows how many: it stands where the last block ends.
-    void seeIfMoved(std::int64_t place) {
-        const filePosRecord& last = fIndex.back();
-        if (last.translatePos < 0 || last.translatePos - kBlockSize > fWindow.fileSize()) return;
-        fMoved = place - last.translatePos - last.translateSize;
-        if (fMoved != 0) fHeading._indexPos = place;
+    std::int64_t movedBy(const std::vector<filePosRecord>& index, std::int64_t place) const {
+        const std::int64_t last = index.empty() ? -1 : index.back().translatePos;
+        const bool isTold = last >= 0 && last - kBlockSize <= fWindow.fileSize();
+        return isTold ? place - last - index.back().translateSize : 0;
     }
 
     // One that no heading points to is believed if it says of all blocks seen what they said themselves.
@@ -374,6 +376,7 @@ private:
     std::int64_t fPlace = 0;                   // behind the block taken last, where the next one begins
     recordedPlace fNext{};                     // of the next record, by the length that the one before tells
     bool bLookedForIndex = false;
+    bool bTakesMoved = false;
     patience fPatience;
     patience fIndexPatience;
     std::int64_t fEarnedTo = 0;          // in the file, by lost blocks
