@@ -136,11 +136,16 @@ TEST_P(CompressedRead, ADamagedBlockOrAGapIsRefusedAndTheOthersStayReadable) {
     lie(5, 16, bytesOf(1'500));
     lie(6, 0, bytesOf(INT64_MAX - 100));
     const Reader reader(fName, GetParam(), kFar);
+    auto look = std::make_unique<CallHook>([](const Step& step, std::uint64_t) {
+        return step.size == kHeadingSize ? Verdict::fail(EIO) : Verdict::goOn();
+    });
     EXPECT_THAT(failureOf([&] { reader.readAt(kFar + 500, 9'000); }),
                 AllOf(StartsWith("DamagedFileError"), HasSubstr(fName + "\" is damaged"),
                       HasSubstr("block 2 (logical positions 5368712128 to 5368732128, "),
                       HasSubstr("[0: Z_STREAM_END at the last byte]")));
     EXPECT_EQ(reader->Tell(), row(2)) << "behind the last byte delivered";
+    EXPECT_EQ(reader->Good(), 1) << "what a look for changes meets is no failure of the caller's";
+    look.reset();
     EXPECT_THAT(failureOf([&] { reader.readAt(kFar + 26'000, 1); }), HasSubstr("bInfo.orginalPos != -200"));
     EXPECT_EQ(reader.readAt(row(3), 700), fBlocks[3]);
     EXPECT_EQ(reader.readAt(kFar, 3'001), fBlocks[0] + fBlocks[1]);
