@@ -39,17 +39,18 @@ std::vector<namedVerb> verbsFor(std::string_view firstWord) {
     return {std::begin(kVerbs), std::end(kVerbs)};
 }
 
-// A word that nobody knows tells more than what is missing for its sake.
+// An unknown word is told, and not what is missing because of it.
 std::string refusal(const CLI::App& app, const CLI::ParseError& request, const std::string& verbName) {
     const std::vector<std::string> unknown = app.remaining(true);
     const std::string what = request.what();
     if (unknown.empty()) {
-        const bool noValue = dynamic_cast<const CLI::ArgumentMismatch*>(&request) != nullptr;
-        return noValue ? what.substr(0, what.find(':')) + " is given without a value" : what;
+        if (dynamic_cast<const CLI::ArgumentMismatch*>(&request) == nullptr) return request.what();
+        const bool tooMany = what.find(": At Most ") != std::string::npos;
+        return what.substr(0, what.find(':')) + (tooMany ? " is given too many values" : " is given without a value");
     }
     const std::string& word = unknown.front();
     if (!word.starts_with('-')) return verbName.empty() ? word + " is no verb" : what;
-    return word + " is no option" + (verbName.empty() ? "" : "; a file whose name begins with - is told as ./-NAME");
+    return word + " is no option" + (verbName.empty() ? "" : "; a file whose name begins with - is given as ./-NAME");
 }
 
 // Help and version go out through the same road as data, so that a full disk shows there too.
