@@ -4,7 +4,6 @@
 #include "text.h"
 
 #include <optional>
-#include <utility>
 
 namespace {
 

@@ -12,7 +12,6 @@
 
 #include <atomic>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <typeinfo>

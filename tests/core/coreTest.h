@@ -14,7 +14,6 @@
 #include <gmock/gmock.h>
 #include <zlib.h>
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -58,7 +57,7 @@ inline std::unique_ptr<zcmpsFilestr> startedWriter(const std::string& name, int 
 
 inline Bytes read(ORVA_StrBaseIO& stream, std::size_t size) {
     Bytes bytes(size);
-    bytes.resize(stream.Read(bytes.data(), static_cast<std::uint32_t>(size)));
+    bytes.resize(stream.Read(bytes.data(), sizeOf(bytes)));
     return bytes;
 }
 inline void write(ORVA_StrBaseIO& stream, const Bytes& bytes) {

@@ -31,7 +31,7 @@ struct ReadWorker : ShortBlocks {
     }
     Bytes request(Worker& worker, std::uint32_t number) {
         Bytes rows(fBlocks[number].size());
-        worker.getBlock(rows.data(), static_cast<std::uint32_t>(rows.size()), fIndex.parsed(number).orginalPos);
+        worker.getBlock(rows.data(), sizeOf(rows), fIndex.parsed(number).orginalPos);
         return rows;
     }
     ORVA_File fOpened;

@@ -10,7 +10,6 @@
 #include <orva/errtext.h>
 #include <orva/sideFile.h>
 
-#include <algorithm>
 #include <atomic>
 #include <utility>
 

@@ -9,7 +9,6 @@
 #include <new>
 #include <stdexcept>
 #include <thread>
-#include <utility>
 
 namespace orva {
 
