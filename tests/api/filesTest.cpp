@@ -61,11 +61,11 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
         more.finish();
     };
     EXPECT_EQ(thrownBy([&] { orva::join(parts, path("none"), {.progress = grow}); }), "FileChangedError");
-    // What `join` throws of inputs where this becomes of so manieth a look at a heading, the first one being 0.
-    const auto joinWhere = [&](int look, std::span<const orva::Path> inputs, const std::function<Verdict()>& become) {
+    // What `join` throws where `answer` is what becomes of a look at a heading; the first one has number 0.
+    const auto joinWhere = [&](int look, std::span<const orva::Path> inputs, const std::function<Verdict()>& answer) {
         const CallHook disk([&](const Step& step, std::uint64_t) {
             const bool heading = step.call == Call::Read && step.offset == 512 && step.size == 24;
-            return heading && look-- == 0 ? become() : Verdict::goOn();
+            return heading && look-- == 0 ? answer() : Verdict::goOn();
         });
         return thrownBy([&] { orva::join(inputs, path("none"), {.replace = true}); });
     };

@@ -1,6 +1,6 @@
 // Scarcity: of what the code under test needs, the k-th piece is not to be had: a file call, an allocation, the memory
 // of a codec, a thread, a call of the cipher. It strikes while a body runs that is heard, on whichever thread. For one
-// program alone: it replaces operator new and more.
+// program alone: it stands in front of operator new and more.
 #pragma once
 
 #include "coreTest.h"
@@ -58,8 +58,8 @@ const bool isCodecMemory = (libdeflate_set_memory_allocator(codecMemory, std::fr
 
 }  // namespace
 
-// Found before the system's own, by the standard library too, whose other forms of new call these. Who deletes is the
-// next one, from which the memory comes.
+// Found before the system's own, by the standard library too, whose other forms of new call these. The memory comes
+// from the next one, whose delete takes it back.
 void* operator new(std::size_t size) {
     static const auto next = nextOf<void*(std::size_t)>("_Znwm");
     requireMemory(size);

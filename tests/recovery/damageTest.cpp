@@ -231,7 +231,7 @@ TEST_F(DamageTest, AFileCutShortKeepsItsCompleteBlocks) {
 // held.
 TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     const std::string untold = " its block is damaged, and no index tells its size;";
-    const std::string guesses[] = {"~0-50" + untold, "~30-70" + untold, ""};  // as many as the longest block found
+    const std::string guesses[] = {"~0-50" + untold, "~30-70" + untold, ""};  // as long as the longest block found
     for (const unsigned i : {0U, 1U, 2U}) {
         SCOPED_TRACE("block " + std::to_string(i));
         const Bytes rows = rowsWithout(1U << i), dropped = rowsWithout(1U << i, true);
