@@ -504,10 +504,18 @@ TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
         {0, 7},          {8, 0},     {8, INT64_MAX}, {16, 40}, {16, INT64_MIN}, {24, kRow0 - 1}, {24, kRow0 + 24},
         {24, INT64_MAX}, {32, 5},    {40, 12},       {48, -1}, {48, 1L << 40},  {56, 0},         {56, 48},
         {56, INT64_MAX}, {64, -101}, {80, 3},        {112, 0}, {120, 1L << 40}, {128, 99}};
-    for (const auto& [at, value] : lies) {
-        const Bytes forged = slice(with(side, at, bytesOf(value)), 0, side.size() - 8);
+    const auto refusedLie = [&](const Bytes& lie) {
+        const Bytes forged = slice(lie, 0, side.size() - 8);
         refused(data, forged + bytesOf(std::uint64_t{crc32_z(0, forged.data(), forged.size())}));
-    }
+    };
+    for (const auto& [at, value] : lies) refusedLie(with(side, at, bytesOf(value)));
+    // Nor does an index take memory that is claimed and not there.
+    expectInChild([&] {
+        refusedLie(with(with(side, 16, bytesOf(1L << 60)), 56, bytesOf(kRecordSize * 100'000'000)));
+        rusage used{};
+        getrusage(RUSAGE_SELF, &used);
+        EXPECT_LT(used.ru_maxrss, 1'000'000) << "KiB";
+    });
     refused(data, Bytes(1 << 20), "longer than");
     refused(with(data, kRow0 + 30, {1}), side, "neither whole nor what the append has found");
 }

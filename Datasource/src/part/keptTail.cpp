@@ -22,15 +22,17 @@ std::int64_t checksum(const void* bytes, std::size_t size) {
     return static_cast<std::int64_t>(crc32_z(0, static_cast<const unsigned char*>(bytes), size));
 }
 
-// The data file as it was before the append, of which the index is kept; it is read at once.
+// The data file as it was before the append, of which the index is kept; it is read from its first record on.
 class keptIndex final : public storedBytes {
 public:
     keptIndex(std::span<const unsigned char> bytes, std::int64_t fileSize) : fBytes(bytes), fFileSize(fileSize) {}
     const std::string& name() const override { return fName; }
     std::int64_t length() const override { return std::max<std::int64_t>(fFileSize, 0); }
-    bool read(void* to, std::uint64_t size, std::int64_t) const override {
-        if (size > fBytes.size()) return false;
-        std::memcpy(to, fBytes.data(), size);
+    bool read(void* to, std::uint64_t size, std::int64_t place) const override {
+        if (fBegin == 0) fBegin = place;
+        const auto from = static_cast<std::uint64_t>(place - fBegin);
+        if (from > fBytes.size() || size > fBytes.size() - from) return false;
+        std::memcpy(to, fBytes.data() + from, size);
         return true;
     }
 
@@ -38,6 +40,7 @@ private:
     const std::span<const unsigned char> fBytes;
     const std::int64_t fFileSize;
     const std::string fName;
+    mutable std::int64_t fBegin = 0;  // where the index stood
 };
 
 void append(fileBytes& bytes, const void* from, std::size_t size) {

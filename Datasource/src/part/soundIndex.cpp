@@ -19,7 +19,7 @@ std::optional<soundIndex> soundIndexOf(const rawHeading& raw, std::int64_t row0P
         const std::optional<compressionHeading> heading = headingOf(raw.data(), row0Pos, swap);
         if (!heading) continue;
         try {
-            soundIndex index{*heading, readRecords(file, *heading, swap, true).records};
+            soundIndex index{*heading, readRecords(file, *heading, swap).records};
             if (!firstGap(*heading, index.records)) return index;
         } catch (const DamagedFileError&) {  // NOLINT(bugprone-empty-catch): it cannot be believed
         }

@@ -24,7 +24,7 @@ struct soundIndex {
     std::vector<filePosRecord> records;
 };
 
-// By the index in `file`, which is read at once; the heading need not stand there.
+// By the index in `file`, read from its first record on; the heading need not stand there.
 std::optional<soundIndex> soundIndexOf(const rawHeading& raw, std::int64_t row0Pos, bytesFrom file);
 
 }  // namespace orva
