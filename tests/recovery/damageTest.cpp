@@ -277,6 +277,10 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     expectRecovered(slice(damaged(1), 0, fLayout.records[2].translatePos),
                     guesses[0] + "~100-150 its blocks are gone, and no index tells their size;",
                     Bytes(50) + fBlocks[1]);
+    // An index that stands where its last block should tells of that one, and alone it is no part without rows.
+    const Bytes records = slice(fBytes, index, 4 * kRecordSize);
+    expectRecovered(slice(fBytes, 0, fLayout.records[2].translatePos) + records, kLost[2], rowsWithout(4));
+    EXPECT_THAT(recover(slice(fBytes, 0, kRow0 + kHeadingSize) + records), HasSubstr("no block of compressed rows"));
     // Behind the place of a lost index counts what joins on alone, and no index of blocks at other places, another
     // file's.
     expectRecovered(with(fBytes, index, {1}) + stream, "", fAll);

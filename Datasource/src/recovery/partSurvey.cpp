@@ -83,7 +83,7 @@ public:
         fSegments = withSizes(fSegments, fIndex, part->row0Pos);
         commit();
         if (options.onlyCommitted) fSegments.resize(committedSegments());
-        const bool hasRows = fSegments.empty() ? fReport.hadIndex || fCount == 0
+        const bool hasRows = fSegments.empty() ? fCount == 0 || (fReport.hadIndex && fIndex.empty())
                                                : !std::ranges::all_of(fSegments, &surveySegment::isLost);
         return hasRows ? std::optional(std::move(fSegments)) : std::nullopt;
     }
@@ -311,11 +311,14 @@ private:
             missing -= more;
             first = first == nullptr ? &gap : first;
         }
+        if (fReport.hadIndex && first == nullptr) missing = std::max<std::int64_t>(std::ssize(fIndex) - found, 0);
         if (missing == 0) return;
         if (first != nullptr && fHeading._indexPos <= fWindow.fileSize()) {
             first->size = std::min(first->size + missing * full, first->most);
         } else {
-            fSegments.push_back({missing * full, fPlace, {}, 0, true, kGone, missing * full});
+            const char* why = fReport.hadIndex ? kDamaged : kGone;
+            const auto number = fNext.number < fIndex.size() ? std::optional(fNext.number) : std::nullopt;
+            fSegments.push_back({missing * full, fPlace, number, 0, true, why, missing * kBlockSize});
         }
     }
 
