@@ -271,7 +271,8 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     const Bytes head = slice(unfinished(fBytes), 0, second);
     const Bytes tail = slice(fBytes, second, fLayout.records[1].translateSize);
     for (std::size_t gap = (1U << 18) - 24; gap < (1U << 18) + 2; ++gap) {
-        expectRecovered(head + Bytes(gap, 1) + tail, "~30-80" + untold, fBlocks[0] + fBlocks[1], {kPart, false, true});
+        expectRecovered(head + Bytes(gap, 1) + tail, "~30-6[89][0-9]{4}" + untold, fBlocks[0] + fBlocks[1],
+                        {kPart, false, true});
     }
     // What a file has lost with its end lies there, and not in a gap before it.
     expectRecovered(slice(damaged(1), 0, fLayout.records[2].translatePos),

@@ -291,7 +291,7 @@ private:
     }
 
     // Until an index tells more. A full block is as long as the longest one found. A gap without an index stands for as
-    // many as its bytes would make, of those that the heading vouches for. The rest of them lies behind the last block
+    // many as its bytes would make, of those that a heading vouches for. The rest of them lies behind the last block
     // found, where the file is cut before the index, or where there is no gap; else in the first gap.
     void guessSizes() {
         std::int64_t full = 1, stored = 0, found = 0;
@@ -299,22 +299,23 @@ private:
             if (!block.isLost()) full = std::max(full, block.size), stored += block.length, ++found;
         }
         if (found == 0) return;
-        const std::int64_t usual = stored / found;
-        std::int64_t missing = fReport.hadIndex ? 0 : fCount.value_or(0) - std::ssize(fSegments);
-        missing = std::max<std::int64_t>(missing, 0);
-        surveySegment* first = nullptr;
+        const std::int64_t usual = stored / found, seen = std::ssize(fSegments);
+        const bool hasGap = found != seen;
+        std::optional<std::int64_t> told = fCount;
+        if (fReport.hadIndex) told = hasGap ? seen : std::ssize(fIndex);  // of a gap it tells by itself
+        std::int64_t missing =
+            std::max<std::int64_t>(told.value_or(std::numeric_limits<std::int64_t>::max()) - seen, 0);
         for (surveySegment& gap : fSegments) {
             if (!gap.isLost()) continue;
-            const std::int64_t more =
-                std::clamp<std::int64_t>((gap.most / kBestRatio + usual / 2) / usual - 1, 0, missing);
+            const std::int64_t blocks = std::min((gap.most / kBestRatio + usual / 2) / usual, gap.most / full);
+            const std::int64_t more = std::clamp<std::int64_t>(blocks - 1, 0, missing);
             gap.size = std::min((more + 1) * full, gap.most);
             missing -= more;
-            first = first == nullptr ? &gap : first;
         }
-        if (fReport.hadIndex && first == nullptr) missing = std::max<std::int64_t>(std::ssize(fIndex) - found, 0);
-        if (missing == 0) return;
-        if (first != nullptr && fHeading._indexPos <= fWindow.fileSize()) {
-            first->size = std::min(first->size + missing * full, first->most);
+        if (!told || missing == 0) return;
+        if (hasGap && fHeading._indexPos <= fWindow.fileSize()) {
+            surveySegment& first = *std::ranges::find_if(fSegments, &surveySegment::isLost);
+            first.size = std::min(first.size + missing * full, first.most);
         } else {
             const char* why = fReport.hadIndex ? kDamaged : kGone;
             const auto number = fNext.number < fIndex.size() ? std::optional(fNext.number) : std::nullopt;

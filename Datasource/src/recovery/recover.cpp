@@ -14,7 +14,6 @@
 #include <functional>
 #include <limits>
 #include <span>
-#include <utility>
 
 namespace orva {
 
