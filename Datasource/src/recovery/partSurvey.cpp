@@ -107,7 +107,7 @@ private:
             fCount = count;
             fLimit = fHeading._indexPos;
         }
-        takeIndex(fHeading, swapped);
+        if (std::optional<foundIndex> index = indexAt(fHeading, swapped)) take(std::move(*index));
     }
 
     void walk() {
@@ -216,27 +216,34 @@ private:
         fEarnedTo = end;
     }
 
-    bool takeIndex(const compressionHeading& heading, bool swapped) {
+    struct foundIndex {
+        std::int64_t place;
+        std::vector<filePosRecord> records;
+        std::int64_t moved;  // bytes by which blocks may stand behind the places that it tells
+    };
+
+    std::optional<foundIndex> indexAt(const compressionHeading& heading, bool swapped) {
         try {
-            std::vector<filePosRecord> index = readRecords(fFile, heading, swapped).records;
-            if (bLookedForIndex && !tellsOfBlocksSeen(index, heading._indexPos)) return false;
-            const std::int64_t moved = bLookedForIndex ? movedBy(index, heading._indexPos) : 0;
-            if (moved != 0 && !bTakesMoved) return false;
-            if (moved != 0) fHeading._indexPos = heading._indexPos;
-            fMoved = moved;
-            fIndex = std::move(index);
+            return foundIndex{heading._indexPos, readRecords(fFile, heading, swapped).records, 0};
         } catch (const DamagedFileError&) {
-            return false;
+            return std::nullopt;
         }
-        fLimit = heading._indexPos;
+    }
+
+    void take(foundIndex index) {
+        fIndex = std::move(index.records);
+        fMoved = index.moved;
+        if (fMoved != 0) fHeading._indexPos = index.place;
+        fLimit = index.place;
         fNext.number = fSegments.size();
-        return fReport.hadIndex = true;
+        fReport.hadIndex = true;
     }
 
     // The heading may be lost or point elsewhere, and an index stand further on: at the end of its last block, or else
     // elsewhere, as that of a file does whose bytes are rows of this one.
     void findLaterIndex() {
         bLookedForIndex = true;
+        std::optional<foundIndex> elsewhere;  // the first one
         const auto isIndex = [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
             filePosRecord first;
             std::memcpy(&first, bytes, sizeof first);
@@ -245,13 +252,17 @@ private:
             if (!swapped && first.orginalPos != kFirstRecordMark) return false;
             if (swapped) swapRecord(first);
             const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
-            if (takeIndex({fReport.part.row0Pos, place, size}, swapped)) return true;
+            std::optional<foundIndex> index = indexAt({fReport.part.row0Pos, place, size}, swapped);
+            if (index && tellsOfBlocksSeen(index->records, place)) {
+                index->moved = movedBy(index->records, place);
+                if (index->moved == 0) return take(std::move(*index)), true;
+                if (!elsewhere) elsewhere = std::move(index);
+            }
             fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
             fPatience.spend(2 * kTrial);
             return false;
         };
-        for (bTakesMoved = false; !fWindow.find(fPlace, fWindow.fileSize(), kRecordSize, isIndex) && !bTakesMoved;)
-            bTakesMoved = true;
+        if (!fWindow.find(fPlace, fWindow.fileSize(), kRecordSize, isIndex) && elsewhere) take(std::move(*elsewhere));
     }
 
     // Bytes that came into the file, or are lost from it, have moved all that stands behind them by as many. An index
@@ -375,12 +386,11 @@ private:
     compressionHeading fHeading{};
     std::optional<std::int64_t> fCount;  // blocks that the heading vouches for
     std::vector<filePosRecord> fIndex;
-    std::int64_t fMoved = 0;                   // bytes by which blocks may stand behind the places that the index tells
+    std::int64_t fMoved = 0;                   // of that index
     std::int64_t fLimit = fWindow.fileSize();  // what stands from here on is there only as far as it joins on
     std::int64_t fPlace = 0;                   // behind the block taken last, where the next one begins
     recordedPlace fNext{};                     // of the next record, by the length that the one before tells
     bool bLookedForIndex = false;
-    bool bTakesMoved = false;
     patience fPatience;
     patience fIndexPatience;
     std::int64_t fEarnedTo = 0;          // in the file, by lost blocks
