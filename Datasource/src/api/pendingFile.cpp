@@ -206,7 +206,7 @@ void pendingFile::create() {
     }
     platform::closeAnyway(descriptor);
     std::error_code none;
-    fs::permissions(hidden, kOwners, fs::perm_options::add, none);
+    if ((fPermissions & kOwners) != kOwners) fs::permissions(hidden, kOwners, fs::perm_options::add, none);
 }
 
 void pendingFile::sync() const {
