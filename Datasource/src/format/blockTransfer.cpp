@@ -177,7 +177,7 @@ std::uint32_t blockAt(const filePosInfo& index, std::int64_t pos) {
 void readCompressed(const readRoad& road, const blockPlace& block) {
     checkRecord(road, block);
     const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
-    if (!road.file.read(road.compressed, deflated, block.record.translatePos)) {
+    if (!road.file.read(road.compressed, deflated, block.record.translatePos, road.ahead)) {
         refuse(road, block, "ret == bInfo.translateSize", "is cut short by the end of the file");
     }
 }

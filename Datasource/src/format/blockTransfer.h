@@ -72,6 +72,7 @@ struct readRoad {
     bytesFrom file;
     zlibCompressBlock& codec;
     unsigned char* compressed;
+    bool ahead = false;  // nobody has asked for the block yet: ORVA_File::ReadAhead
 };
 
 // Memory for the compressed bytes of any block of that index, and for the rows of one.

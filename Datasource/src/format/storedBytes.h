@@ -44,20 +44,17 @@ public:
 
 class bytesFrom {
 public:
-    // `ahead`: nobody has asked for what is read (ORVA_File::ReadAhead).
-    bytesFrom(ORVA_File& file, bool ahead = false)  // NOLINT(google-explicit-constructor): a reference
-        : fFile(&file), bAhead(ahead) {}
+    bytesFrom(ORVA_File& file) : fFile(&file) {}             // NOLINT(google-explicit-constructor): a reference
     bytesFrom(const storedBytes& other) : fOther(&other) {}  // NOLINT(google-explicit-constructor): of another kind
 
     const std::string& name() const;
     std::int64_t length() const;
-    // All of them, or false: the file ends before.
-    bool read(void* to, std::uint64_t size, std::int64_t place) const;
+    // All of them, or false: the file ends before. `ahead`: nobody has asked for them yet (ORVA_File::ReadAhead).
+    bool read(void* to, std::uint64_t size, std::int64_t place, bool ahead = false) const;
 
 private:
     ORVA_File* fFile = nullptr;
     const storedBytes* fOther = nullptr;
-    bool bAhead = false;
 };
 
 }  // namespace orva

@@ -12,6 +12,24 @@
 
 namespace orva {
 
+namespace {
+
+// A file that is looked at though nobody has asked: what fails there is no failure of the caller's.
+class lookedAt final : public storedBytes {
+public:
+    explicit lookedAt(ORVA_File& file) : fFile(file) {}
+    const std::string& name() const override { return fFile.name(); }
+    std::int64_t length() const override { return fFile.length(); }
+    bool read(void* to, std::uint64_t size, std::int64_t place) const override {
+        return fFile.read(to, size, place, true);
+    }
+
+private:
+    const bytesFrom fFile;
+};
+
+}  // namespace
+
 partReader::partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const roads& taken, std::uint32_t cachedBlocks)
     : fFile(file),
       fHeading(
@@ -36,10 +54,9 @@ void partReader::remake(const roads& taken, std::uint32_t cachedBlocks) {
     fCachedBlocks = cachedBlocks;
 }
 
-// A block that is not what its record says may be another process's doing. That look nobody has asked for: what fails
-// there is no failure of the caller's.
+// A block that is not what its record says may be another process's doing.
 std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64_t size) {
-    const bytesFrom look(fFile, true);
+    const lookedAt look(fFile);
     std::uint64_t done = 0;
     while (done < size) {
         const std::uint64_t count = readSurely([&] { return readOn(pos, to + done, size - done); },
