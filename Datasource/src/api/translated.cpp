@@ -26,8 +26,9 @@ std::string quoted(const std::string& name) {
 // Under the name that the caller knows.
 std::string renamed(std::string text, const Path& path, const std::string& workName) {
     if (workName.empty() || workName == path.string()) return text;
-    for (std::size_t at = 0; (at = text.find(quoted(workName), at)) != std::string::npos;) {
-        text.replace(at, quoted(workName).size(), quoted(path.string()));
+    const std::string name = quoted(path.string());
+    for (std::size_t at = 0; (at = text.find(quoted(workName), at)) != std::string::npos; at += name.size()) {
+        text.replace(at, quoted(workName).size(), name);
     }
     return text;
 }
