@@ -63,8 +63,8 @@ std::string failureText(std::string text, const std::string& file) {
     for (const char* const behind : {"\" is ", "\": ", "\" "}) {
         if (text.starts_with('"' + file + behind)) text.erase(0, file.size() + 1 + std::strlen(behind));
     }
-    if (const auto at = text.find(" row0"); at != std::string::npos) text.insert(at + 1, "--");
     if (const auto at = text.find(" \"" + file + "\": "); at != std::string::npos) text.erase(at, file.size() + 3);
+    if (const auto at = text.find(" row0"); at != std::string::npos) text.insert(at + 1, "--");
     return text;
 }
 
