@@ -18,46 +18,46 @@
 
 namespace {
 
-struct appendOptions {
-    partOptions part;
-    std::string in = "-";
-    bool noSync = false;
-    choiceOptions choices;
-    threadOptions threads;
-    progressOptions progress;
-};
-
-class appendRun {
+class appendVerb final : public verb {
 public:
-    explicit appendRun(appendOptions options) : fOptions(std::move(options)), fFirst(1 << 18) {}
+    void addOptions(CLI::App& command) override {
+        fPart.addTo(command);
+        command.add_option("IN", fIn, "A file of rows; - or nothing is standard input");
+        command.add_flag("--no-sync", fNoSync,
+                         "Leave it to the system when the rows reach the disk, and do without the side file by which "
+                         "an append that a crash has ended is undone");
+        fChoices.addLevelTo(command);
+        fThreads.addTo(command);
+        fProgress.addTo(command);
+    }
 
-    int run() {
+    int run() override {
         checkInput();
-        input from(fOptions.in);
+        input from(fIn);
         // Rows first, so that an input that fails at once, or has none, touches nothing.
         fFirst.resize(from.read(fFirst.data(), static_cast<std::uint32_t>(fFirst.size())));
         if (!fFirst.empty()) rollBackInterrupted();
-        const shownFile file = openFile("append", fOptions.part);
-        progress bar(fOptions.progress, "append", knownSize(fOptions.in).value_or(-1));
-        const std::int64_t added = fFirst.empty() ? requireSound(file) : append(file, from, bar);
+        const shownFile file = openFile("append", fPart);
+        progress bar(fProgress, "append", knownSize(fIn).value_or(-1));
+        const std::int64_t added = fFirst.empty() ? addNothing(file) : append(file, from, bar);
         bar.finish(shownName(file.name) + ": " + humanSize(static_cast<double>(added)) + " of rows added");
         return kAllWell;
     }
 
 private:
     void checkInput() const {
-        requireName(fOptions.part.file);
-        checkReadable(fOptions.part.file);
-        const bool named = fOptions.in != "-";
-        if (named) checkReadable(fOptions.in);
-        if (platform::sameFile(named ? fOptions.in.c_str() : "/dev/stdin", fOptions.part.file.c_str())) {
-            usageError("\"" + shownName(fOptions.part.file) + "\" cannot be added to itself");
+        requireName(fPart.file);
+        checkReadable(fPart.file);
+        const bool named = fIn != "-";
+        if (named) checkReadable(fIn);
+        if (platform::sameFile(named ? fIn.c_str() : "/dev/stdin", fPart.file.c_str())) {
+            usageError("\"" + shownName(fPart.file) + "\" cannot be added to itself");
         }
     }
 
     void rollBackInterrupted() const {
         const char* ending = nullptr;
-        switch (orva::roll_back(fOptions.part.file)) {
+        switch (orva::roll_back(fPart.file)) {
             case orva::RollBack::nothing:
                 return;
             case orva::RollBack::undone:
@@ -70,14 +70,12 @@ private:
                 ending = "its rows were all there, and it was completed";
                 break;
         }
-        note("append", fOptions.part.file, std::string("an append before this one was interrupted: ") + ending);
+        note("append", fPart.file, std::string("an append before this one was interrupted: ") + ending);
     }
 
-    // What an append would have refused.
-    static std::int64_t requireSound(const shownFile& file) {
-        const orva::VerifyReport report = orva::verify(file.reader, {.first_block = std::ssize(file.info.blocks) - 1});
-        const std::string& wrong = report.bad.empty() ? report.index : report.bad.front().text;
-        if (!report.sound()) throw toolFailure(kDamaged, file.name, failureText(wrong, file.name));
+    // Refuses what an append would have refused.
+    static std::int64_t addNothing(const shownFile& file) {
+        requireSound(file.name, orva::verify(file.reader, {.first_block = std::ssize(file.info.blocks) - 1}));
         return 0;
     }
 
@@ -97,9 +95,9 @@ private:
     orva::Writer begin(const shownFile& file) const {
         try {
             return orva::Writer::append(file.name, {.row0 = file.info.row0,
-                                                    .threads = fOptions.threads.count(),
-                                                    .durable = !fOptions.noSync,
-                                                    .level = fOptions.choices.level,
+                                                    .threads = fThreads.count(),
+                                                    .durable = !fNoSync,
+                                                    .level = fChoices.level,
                                                     .any_order = true});
         } catch (const orva::SystemError& e) {
             if (e.code() != std::errc::filename_too_long) throw;
@@ -109,23 +107,17 @@ private:
         }
     }
 
-    const appendOptions fOptions;
-    std::vector<std::byte> fFirst;
+    partOptions fPart;
+    std::string fIn = "-";
+    bool fNoSync = false;
+    choiceOptions fChoices;
+    threadOptions fThreads;
+    progressOptions fProgress;
+    std::vector<std::byte> fFirst{std::size_t{1} << 18};  // rows of the input
 };
 
 }  // namespace
 
-verb addAppend(CLI::App& app) {
-    auto options = std::make_shared<appendOptions>();
-    CLI::App* command = app.add_subcommand("append", "Add rows to a finished file; a failure leaves it as it was");
-    options->part.addTo(*command);
-    command->add_option("IN", options->in, "A file of rows; - or nothing is standard input");
-    command->add_flag(
-        "--no-sync", options->noSync,
-        "Leave it to the system when the rows reach the disk, and do without the side file by which an append that a "
-        "crash has ended is undone");
-    options->choices.addLevelTo(*command);
-    options->threads.addTo(*command);
-    options->progress.addTo(*command);
-    return [options] { return appendRun(*options).run(); };
+std::unique_ptr<verb> makeAppend() {
+    return std::make_unique<appendVerb>();
 }

@@ -4,8 +4,8 @@
 #include "output.h"
 #include "part.h"
 #include "progress.h"
+#include "range.h"
 #include "recordSearch.h"
-#include "span.h"
 #include "text.h"
 #include "threads.h"
 #include "verbs.h"
@@ -24,98 +24,111 @@
 
 namespace {
 
-struct catOptions {
-    partOptions part;
-    std::vector<std::string> ranges;
-    std::vector<std::string> records;
-    std::vector<std::string> where;
-    std::int64_t recordSize = 0;
-    std::string damaged = "stop";
-    std::string out = "-";
-    outputOptions output;
-    threadOptions threads;
-    progressOptions progress;
-};
-
-class catRun {
+class catVerb final : public verb {
 public:
-    explicit catRun(catOptions options) : fOptions(std::move(options)), fFile(openFile("cat", fOptions.part)) {}
-
-    int run() {
-        const std::vector<span> spans = wantedSpans();
-        std::int64_t total = 0;
-        for (const span& wanted : spans) total += wanted.length;
-        refuseSameFile();
-        output out(fOptions.out, fOptions.output, fOptions.part.file);
-        progress bar(fOptions.progress, "cat", total);
-        copyPieces(piecesOf(spans), out, bar);
-        out.finish();
-        bar.finish(summary(out, total));
-        if (fLostRanges != 0) {
-            throw toolFailure(kPartial, fOptions.part.file,
-                              counted(fLostRanges, "range") + " of rows lost" +
-                                  (fOptions.damaged == "zero" ? "; zeros stand in their place" : " and left out"));
-        }
-        return kAllWell;
+    void addOptions(CLI::App& command) override {
+        fPart.addTo(command);
+        CLI::Option* range = command.add_option(
+            "--range", fRanges, "So many bytes of rows from this offset on, or -N, the last N; may be repeated");
+        CLI::Option* records = command.add_option("--records", fRecords,
+                                                  "Records of --record-size from A up to B, which is not one of them, "
+                                                  "or -N:, the last N; may be repeated");
+        CLI::Option* where = command.add_option("--records-where", fWhere,
+                                                "Records whose number at this offset is so large (also > <= < ==); "
+                                                "they ascend by that number");
+        CLI::Option* recordSize = command.add_option("--record-size", fRecordSize, "The bytes of one record");
+        CLI::Option* damaged = command.add_option("--damaged", fDamaged,
+                                                  "At a damaged block stop, as without it, or go on with zeros (zero) "
+                                                  "or without its rows (skip)");
+        range->option_text("OFF:LEN")->allow_extra_args(false)->excludes(records);
+        records->option_text("A:B")->allow_extra_args(false)->needs(recordSize);
+        where->option_text("'OFFSET:TYPE>=VALUE'")->expected(1, 2)->needs(recordSize);
+        where->excludes(range)->excludes(records)->excludes(damaged);
+        recordSize->option_text("N")->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
+        damaged->option_text("HOW")->check(CLI::IsMember({"stop", "zero", "skip"}));
+        command.add_option("-o,--output", fOut, "Write to this file instead")->option_text("FILE");
+        fOutput.addTo(command);
+        fThreads.addTo(command);
+        fProgress.addTo(command);
     }
 
-    int runWhere() {
-        const keyRange range(fOptions.where);
-        blockRows rows(fFile);
-        recordSearch search(rows, range, fOptions.recordSize);
-        refuseSameFile();
-        output out(fOptions.out, fOptions.output, fOptions.part.file);
-        progress bar(fOptions.progress, "cat", -1);
-        const std::int64_t first = search.first();
-        const std::int64_t searched = rows.inflated();
-        const std::int64_t found = copyRecords(search, first, rows, out, bar);
-        out.finish();
-        bar.finish(summary(out, found * fOptions.recordSize) + " in " + counted(found, "record") + "; " +
-                   counted(rows.inflated(), "block") + " inflated, " + grouped(searched) + " to find the first record");
+    int run() override {
+        if (fRecordSize != 0 && fRecords.empty() && fWhere.empty()) {
+            usageError("--record-size goes with --records or --records-where");
+        }
+        const shownFile file = openFile("cat", fPart);
+        if (fWhere.empty()) {
+            copyRanges(file);
+        } else {
+            copyFound(file);
+        }
         return kAllWell;
     }
 
 private:
-    // All of them are held against the rows before the first is written, so that a bad one leaves no half answer.
-    std::vector<span> wantedSpans() const {
-        const std::string& file = fOptions.part.file;
-        const std::int64_t dataSize = fFile.info.size;
-        std::vector<span> spans;
-        for (const std::string& text : fOptions.ranges) spans.push_back(parseRange(text, file, dataSize));
-        for (const std::string& text : fOptions.records) {
-            spans.push_back(parseRecords(text, fOptions.recordSize, file, dataSize));
-        }
-        if (spans.empty()) spans.push_back({0, dataSize});
-        return spans;
+    void copyRanges(const shownFile& file) {
+        const std::vector<orva::Range> ranges = wantedRanges(file.info.size);
+        std::int64_t total = 0;
+        for (const orva::Range& wanted : ranges) total += wanted.length;
+        requireOtherFile(fOut, {&fPart.file, 1});
+        output out(fOut, fOutput, fPart.file);
+        progress bar(fProgress, "cat", total);
+        copyPieces(file, piecesOf(file, ranges), out, bar);
+        out.finish();
+        bar.finish(summary(out, total));
+        if (fLostRanges == 0) return;
+        throw toolFailure(kPartial, fPart.file,
+                          counted(fLostRanges, "range") + " of rows lost" +
+                              (fDamaged == "zero" ? "; zeros stand in their place" : " and left out"));
     }
 
-    void refuseSameFile() const {
-        if (fOptions.out != "-" && platform::sameFile(fOptions.part.file.c_str(), fOptions.out.c_str())) {
-            usageError("\"" + shownName(fOptions.out) + "\" is input and output: name another output with -o");
+    void copyFound(const shownFile& file) {
+        const keyRange range(fWhere);
+        blockRows rows(file);
+        recordSearch search(rows, range, fRecordSize);
+        requireOtherFile(fOut, {&fPart.file, 1});
+        output out(fOut, fOutput, fPart.file);
+        progress bar(fProgress, "cat", -1);
+        const std::int64_t first = search.first();
+        const std::int64_t searched = rows.inflated();
+        const std::int64_t found = copyRecords(search, first, rows, out, bar);
+        out.finish();
+        bar.finish(summary(out, found * fRecordSize) + " in " + counted(found, "record") + "; " +
+                   counted(rows.inflated(), "block") + " inflated, " + grouped(searched) + " to find the first record");
+    }
+
+    // All of them are held against the rows before the first is written, so that a bad one leaves no half answer.
+    std::vector<orva::Range> wantedRanges(std::int64_t dataSize) const {
+        std::vector<orva::Range> ranges;
+        for (const std::string& text : fRanges) ranges.push_back(parseRange(text, fPart.file, dataSize));
+        for (const std::string& text : fRecords) {
+            ranges.push_back(parseRecords(text, fRecordSize, fPart.file, dataSize));
         }
+        if (ranges.empty()) ranges.push_back({0, dataSize});
+        return ranges;
     }
 
     std::string summary(const output& out, std::int64_t total) const {
         const std::string all = humanSize(static_cast<double>(total));
-        return shownName(fOptions.part.file) + ": " +
+        return shownName(fPart.file) + ": " +
                (out.open()
                     ? all
                     : humanSize(static_cast<double>(out.written())) + " of " + all + " written, then nobody read on");
     }
 
-    // What one block has of one span.
+    // What one block has of one range.
     struct piece {
         std::size_t number;
-        span rows;
+        orva::Range rows;
     };
-    const orva::Range& block(std::size_t number) const { return fFile.info.blocks[number].rows; }
-    std::vector<piece> piecesOf(const std::vector<span>& spans) const {
+    static std::vector<piece> piecesOf(const shownFile& file, const std::vector<orva::Range>& ranges) {
         std::vector<piece> pieces;
-        for (const span& wanted : spans) {
+        for (const orva::Range& wanted : ranges) {
             const std::int64_t end = wanted.offset + wanted.length;
             for (std::int64_t at = wanted.offset; at < end; at += pieces.back().rows.length) {
-                const std::size_t number = blockAt(fFile.info.blocks, at);
-                pieces.push_back({number, {at, std::min(end, block(number).offset + block(number).length) - at}});
+                const std::size_t number = blockAt(file.info.blocks, at);
+                const orva::Range& block = file.info.blocks[number].rows;
+                pieces.push_back({number, {at, std::min(end, block.offset + block.length) - at}});
             }
         }
         return pieces;
@@ -123,7 +136,7 @@ private:
 
     // The pieces of one block that follow each other are one piece of work. Each thread writes what it has inflated: a
     // core that reads what another one wrote takes its memory's cache lines away, which that one has to win back.
-    void copyPieces(const std::vector<piece>& pieces, output& out, progress& bar) {
+    void copyPieces(const shownFile& file, const std::vector<piece>& pieces, output& out, progress& bar) {
         std::vector<std::span<const piece>> works;
         for (auto at = pieces.begin(); at != pieces.end();) {
             const auto next =
@@ -132,11 +145,11 @@ private:
             at = next;
         }
         const auto threads =
-            static_cast<std::int32_t>(std::min(works.size(), static_cast<std::size_t>(fOptions.threads.count())));
+            static_cast<std::int32_t>(std::min(works.size(), static_cast<std::size_t>(fThreads.count())));
         runInOrder(threads, works.size(), [&] {
             return [&, memory = blockMemory()](std::size_t number) {
-                const orva::Range& wanted = block(works[number].front().number);
-                const std::exception_ptr failure = inflate(wanted, memory.get());
+                const orva::Range& wanted = file.info.blocks[works[number].front().number].rows;
+                const std::exception_ptr failure = inflate(file.reader, wanted, memory.get());
                 return [&, failure, number, rows = memory.get(), begin = wanted.offset] {
                     for (const piece& one : works[number])
                         copyPiece(one.rows, rows + (one.rows.offset - begin), failure, out, bar);
@@ -147,34 +160,32 @@ private:
     }
 
     // Null where the rows are there.
-    std::exception_ptr inflate(const orva::Range& wanted, std::byte* to) const {
+    static std::exception_ptr inflate(const orva::Reader& reader, const orva::Range& wanted, std::byte* to) {
         try {
-            fFile.reader.read_at(wanted.offset, {to, static_cast<std::size_t>(wanted.length)});
+            reader.read_at(wanted.offset, {to, static_cast<std::size_t>(wanted.length)});
             return nullptr;
         } catch (...) {
             return std::current_exception();
         }
     }
 
-    void copyPiece(const span& wanted, const std::byte* rows, const std::exception_ptr& failure, output& out,
+    void copyPiece(const orva::Range& wanted, const std::byte* rows, const std::exception_ptr& failure, output& out,
                    progress& bar) {
         try {
             if (failure != nullptr) std::rethrow_exception(failure);
             out.write(rows, static_cast<std::size_t>(wanted.length));
         } catch (const orva::DamagedFileError& e) {
-            if (fOptions.damaged == "stop") throw;
+            if (fDamaged == "stop") throw;
             lose(wanted, e, out);
         }
         bar.advance(wanted.length);
     }
 
-    void lose(const span& lost, const orva::DamagedFileError& damage, output& out) {
+    void lose(const orva::Range& lost, const orva::DamagedFileError& damage, output& out) {
         ++fLostRanges;
-        const std::string why = failureText(damage.what(), fOptions.part.file);
-        note("cat", fOptions.part.file,
-             "bytes " + std::to_string(lost.offset) + " to " + std::to_string(lost.offset + lost.length) +
-                 " of the rows are lost: " + why.substr(0, why.find("; 'orva recover")));
-        if (fOptions.damaged == "skip") return;
+        const std::string why = failureText(damage.what(), fPart.file);
+        note("cat", fPart.file, lostText(lost) + ": " + why.substr(0, why.find("; 'orva recover")));
+        if (fDamaged == "skip") return;
         constexpr std::int64_t most = 1 << 20;
         const std::vector<char> zeros(static_cast<std::size_t>(std::min(lost.length, most)));
         for (std::int64_t left = lost.length; left > 0 && out.open(); left -= most)
@@ -187,57 +198,33 @@ private:
         while (record < search.records() && out.open()) {
             const std::int64_t count = search.countFrom(record);
             if (count == 0) break;
-            std::int64_t at = record * fOptions.recordSize;
+            std::int64_t at = record * fRecordSize;
             record += count;
-            for (const std::int64_t end = record * fOptions.recordSize; at < end;) {
+            for (const std::int64_t end = record * fRecordSize; at < end;) {
                 const std::string_view bytes = rows.from(at).substr(0, static_cast<std::size_t>(end - at));
                 out.write(bytes.data(), bytes.size());
                 at += static_cast<std::int64_t>(bytes.size());
             }
-            bar.advance(count * fOptions.recordSize);
+            bar.advance(count * fRecordSize);
         }
         return record - first;
     }
 
-    const catOptions fOptions;
-    const shownFile fFile;
+    partOptions fPart;
+    std::vector<std::string> fRanges;
+    std::vector<std::string> fRecords;
+    std::vector<std::string> fWhere;
+    std::int64_t fRecordSize = 0;  // 0: not given
+    std::string fDamaged = "stop";
+    std::string fOut = "-";
+    outputOptions fOutput;
+    threadOptions fThreads;
+    progressOptions fProgress;
     std::int64_t fLostRanges = 0;
 };
 
 }  // namespace
 
-verb addCat(CLI::App& app) {
-    auto options = std::make_shared<catOptions>();
-    CLI::App* command = app.add_subcommand("cat", "Write rows to standard output, whole or in ranges");
-    options->part.addTo(*command);
-    CLI::Option* range = command->add_option("--range", options->ranges,
-                                             "So many bytes of rows from this offset on, or -N, the last N; may be "
-                                             "repeated");
-    CLI::Option* records = command->add_option("--records", options->records,
-                                               "Records of --record-size from A up to B, which is not one of them, or "
-                                               "-N:, the last N; may be repeated");
-    CLI::Option* where = command->add_option("--records-where", options->where,
-                                             "Records whose number at this offset is so large (also > <= < ==); they "
-                                             "ascend by that number");
-    CLI::Option* recordSize = command->add_option("--record-size", options->recordSize, "The bytes of one record");
-    CLI::Option* damaged = command->add_option("--damaged", options->damaged,
-                                               "At a damaged block stop, as without it, or go on with zeros (zero) or "
-                                               "without its rows (skip)");
-    range->option_text("OFF:LEN")->allow_extra_args(false)->excludes(records);
-    records->option_text("A:B")->allow_extra_args(false)->needs(recordSize);
-    where->option_text("'OFFSET:TYPE>=VALUE'")->expected(1, 2)->needs(recordSize);
-    where->excludes(range)->excludes(records)->excludes(damaged);
-    recordSize->option_text("N")->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
-    damaged->option_text("HOW")->check(CLI::IsMember({"stop", "zero", "skip"}));
-    command->add_option("-o,--output", options->out, "Write to this file instead")->option_text("FILE");
-    options->output.addTo(*command);
-    options->threads.addTo(*command);
-    options->progress.addTo(*command);
-    return [options, recordSize] {
-        if (!recordSize->empty() && options->records.empty() && options->where.empty()) {
-            usageError("--record-size goes with --records or --records-where");
-        }
-        catRun run(*options);
-        return options->where.empty() ? run.run() : run.runWhere();
-    };
+std::unique_ptr<verb> makeCat() {
+    return std::make_unique<catVerb>();
 }

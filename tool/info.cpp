@@ -18,13 +18,6 @@
 
 namespace {
 
-struct infoOptions {
-    partOptions part;
-    std::vector<std::string> files;
-    bool blocks = false;
-    bool json = false;
-};
-
 constexpr std::size_t kFlushAt = 1 << 16;
 
 const char* orderName(bool swapped) {
@@ -32,23 +25,33 @@ const char* orderName(bool swapped) {
     return little ? "little" : "big";
 }
 
-class infoRun {
+class infoVerb final : public verb {
 public:
-    explicit infoRun(const infoOptions& options) : fOptions(options), fInfo(openFile(options.part).info) {}
+    void addOptions(CLI::App& command) override {
+        fPart.addTo(command, fFiles);
+        command.add_flag("--blocks", fBlocks, "List every block");
+        command.add_flag("--json", fJson, "Write it as JSON");
+    }
 
-    int run() {
-        output out;
-        if (fOptions.json) {
-            out.write(jsonText(report(), fOptions.files.size()));
-        } else {
-            out.write(summary());
-            if (fOptions.blocks) writeBlocks(out);
-        }
-        out.finish();
-        return kAllWell;
+    int run() override {
+        return forEachFile("info", fPart, fFiles, [this] {
+            fInfo = openFile(fPart).info;
+            tell();
+        });
     }
 
 private:
+    void tell() const {
+        output out;
+        if (fJson) {
+            out.write(jsonText(report(), fFiles.size()));
+        } else {
+            out.write(summary());
+            if (fBlocks) writeBlocks(out);
+        }
+        out.finish();
+    }
+
     static std::string field(const char* name, const std::string& value) {
         char head[24];
         std::snprintf(head, sizeof head, "  %-12s", name);
@@ -60,7 +63,7 @@ private:
     }
 
     std::string summary() const {
-        return shownName(fOptions.part.file) + '\n' + field("rows", sized(fInfo.size)) +
+        return shownName(fPart.file) + '\n' + field("rows", sized(fInfo.size)) +
                field("stored", sized(fInfo.stored) + " in " + counted(std::ssize(fInfo.blocks), "block") +
                                    (fInfo.stored == 0 ? "" : longest() + ratioText(fInfo.size, fInfo.stored))) +
                field("dictionary", dictionary()) +
@@ -114,7 +117,7 @@ private:
     nlohmann::ordered_json report() const {
         const char* const ways[] = {"option", "dictionary", "search"};
         nlohmann::ordered_json json = {{"schema", kJsonSchema},
-                                       {"file", fOptions.part.file},
+                                       {"file", fPart.file},
                                        {"fileSize", fInfo.file_size},
                                        {"row0", fInfo.row0},
                                        {"foundBy", ways[static_cast<std::size_t>(fInfo.found_by)]},
@@ -125,7 +128,7 @@ private:
                                        {"blocks", fInfo.blocks.size()},
                                        {"blockSize", fInfo.block_size},
                                        {"index", {{"offset", fInfo.index.offset}, {"size", fInfo.index.length}}}};
-        if (fOptions.blocks) json["blockList"] = blockList();
+        if (fBlocks) json["blockList"] = blockList();
         return json;
     }
 
@@ -135,22 +138,15 @@ private:
         return list;
     }
 
-    const infoOptions& fOptions;
-    const orva::FileInfo fInfo;
+    partOptions fPart;
+    std::vector<std::string> fFiles;
+    bool fBlocks = false;
+    bool fJson = false;
+    orva::FileInfo fInfo;
 };
 
 }  // namespace
 
-verb addInfo(CLI::App& app) {
-    auto options = std::make_shared<infoOptions>();
-    CLI::App* command = app.add_subcommand("info", "Tell what a file holds");
-    options->part.addTo(*command, options->files);
-    command->add_flag("--blocks", options->blocks, "List every block");
-    command->add_flag("--json", options->json, "Write it as JSON");
-    return [options] {
-        return forEachFile("info", options->files, [&](const std::string& file) {
-            options->part.file = file;
-            return infoRun(*options).run();
-        });
-    };
+std::unique_ptr<verb> makeInfo() {
+    return std::make_unique<infoVerb>();
 }

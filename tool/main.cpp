@@ -22,12 +22,20 @@
 namespace {
 
 struct namedVerb {
-    std::string_view name;
-    addVerb* add;
+    const char* name;
+    const char* help;
+    makeVerb* make;
 };
-constexpr namedVerb kVerbs[] = {{"pack", addPack},       {"join", addJoin},    {"cat", addCat},
-                                {"append", addAppend},   {"info", addInfo},    {"verify", addVerify},
-                                {"recover", addRecover}, {"splits", addSplits}};
+constexpr namedVerb kVerbs[] = {
+    {"pack", "Compress rows into a finished file", makePack},
+    {"join", "Put the rows of finished files into one, without inflating them", makeJoin},
+    {"cat", "Write rows to standard output, whole or in ranges", makeCat},
+    {"append", "Add rows to a finished file; a failure leaves it as it was", makeAppend},
+    {"info", "Tell what a file holds", makeInfo},
+    {"verify", "Inflate every block and name the bad ones", makeVerify},
+    {"recover", "Rebuild a finished file from a damaged or unfinished one", makeRecover},
+    {"splits", "List ranges of rows that can be read in parallel", makeSplits},
+};
 
 // To set all of them up costs as much as to start the process, so a command that begins with a verb gets that one, and
 // one that asks for the version none.
@@ -114,11 +122,12 @@ int runTool(int argc, char** argv, std::string& verbName, std::string& subject) 
         "'orva VERB --help' tells the options of a verb, 'man orva' everything.\n"
         "Exit codes: 0 all well, 1 other failure, 2 usage, 3 an input cannot be read,\n"
         "4 the output cannot be written, 5 damaged or unfinished data, 7 done in part.");
-    std::vector<std::pair<CLI::App*, verb>> verbs;
+    std::vector<std::pair<CLI::App*, std::unique_ptr<verb>>> verbs;
     for (const namedVerb& one : verbsFor(argc > 1 ? argv[1] : "")) {
-        verb run = one.add(app);
-        verbs.emplace_back(app.get_subcommands({}).back()->group("Verbs"), std::move(run));
-        checkValues(*verbs.back().first);
+        const auto& [command, made] =
+            verbs.emplace_back(app.add_subcommand(one.name, one.help)->group("Verbs"), one.make());
+        made->addOptions(*command);
+        checkValues(*command);
     }
     try {
         app.parse(arguments(app, argc, argv));
@@ -126,11 +135,11 @@ int runTool(int argc, char** argv, std::string& verbName, std::string& subject) 
         if (const auto parsed = app.get_subcommands(); !parsed.empty()) verbName = parsed.front()->get_name();
         return answerFromParser(app, request, verbName);
     }
-    for (const auto& [command, run] : verbs) {
+    for (const auto& [command, parsed] : verbs) {
         if (!command->parsed()) continue;
         verbName = command->get_name();
         subject = subjectOf(*command);
-        return run();
+        return parsed->run();
     }
     usageError("name what to do; 'orva --help' lists the verbs");
 }

@@ -2,6 +2,7 @@
 
 #include "failure.h"
 #include "system.h"
+#include "text.h"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -32,6 +33,17 @@ int openToWrite(const std::string& name) {
 void outputOptions::addTo(CLI::App& app) {
     app.add_flag("-f,--force", force, "Replace an existing output");
     app.add_flag("--no-sync", noSync, "Leave it to the system when the output reaches the disk");
+}
+
+void requireFileName(const std::string& out) {
+    if (out == "-") usageError("a finished file needs a name, for its heading is written last: -o FILE");
+}
+
+void requireOtherFile(const std::string& out, std::span<const std::string> inputs) {
+    for (const std::string& name : inputs) {
+        if (out == "-" || name == "-" || !platform::sameFile(name.c_str(), out.c_str())) continue;
+        usageError("\"" + shownName(name) + "\" is input and output: name another output with -o");
+    }
 }
 
 output::output() : output("-", {}, {}) {}

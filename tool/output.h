@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 
 namespace CLI {
@@ -20,6 +21,10 @@ struct outputOptions {
 
     void addTo(CLI::App& app);
 };
+
+// Usage errors: standard output for a finished file, and an output that is one of the inputs.
+void requireFileName(const std::string& out);
+void requireOtherFile(const std::string& out, std::span<const std::string> inputs);
 
 class output {
 public:

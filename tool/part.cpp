@@ -59,6 +59,11 @@ shownFile openFile(const std::string& verbName, const partOptions& options) {
     return file;
 }
 
+void requireSound(const std::string& file, const orva::VerifyReport& found) {
+    if (found.sound()) return;
+    throw toolFailure(kDamaged, file, failureText(found.bad.empty() ? found.index : found.bad.front().text, file));
+}
+
 void noteHidden(const std::string& verbName, const std::string& file, std::int64_t row0) {
     try {
         if (orva::Reader(file).row0() == row0) return;
@@ -69,17 +74,19 @@ void noteHidden(const std::string& verbName, const std::string& file, std::int64
         "its dictionary part looks like another compressed part: the rows are found by --row0 " + std::to_string(row0));
 }
 
-int forEachFile(const std::string& verbName, const std::vector<std::string>& files,
-                const std::function<int(const std::string&)>& work) {
-    constexpr int order[] = {kDamaged, kInputUnreadable, kOutputUnwritable, kOtherFailure, kPartial};
+int forEachFile(const std::string& verbName, partOptions& part, const std::vector<std::string>& files,
+                const std::function<void()>& work) {
     std::set<int> met;
     for (const std::string& file : files) {
+        part.file = file;
         try {
-            met.insert(work(file));
+            work();
         } catch (...) {
             met.insert(reportFailure(verbName, file, std::current_exception()));
         }
     }
-    const auto* worst = std::find_if(std::begin(order), std::end(order), [&](int code) { return met.contains(code); });
-    return met.contains(kUsage) ? kUsage : worst == std::end(order) ? kAllWell : *worst;
+    for (const int code : {kUsage, kDamaged, kInputUnreadable, kOutputUnwritable, kOtherFailure, kPartial}) {
+        if (met.contains(code)) return code;
+    }
+    return kAllWell;
 }

@@ -42,10 +42,13 @@ shownFile openFile(const std::string& verbName, const partOptions& options);
 // A name of standard input, which cannot be read at any place, is a usage error.
 void requireName(const std::string& file);
 
+// Throws what was found to be wrong first.
+void requireSound(const std::string& file, const orva::VerifyReport& found);
+
 // Tells on standard error if that of `row0` is not the part that is found in the file without the user's word.
 void noteHidden(const std::string& verbName, const std::string& file, std::int64_t row0);
 
-// Runs `work` for one file after the other; failures are reported where they happen. The exit code: of those of the
-// files the first in 5, 3, 4, 1, 7, 0.
-int forEachFile(const std::string& verbName, const std::vector<std::string>& files,
-                const std::function<int(const std::string&)>& work);
+// Runs `work` for one of the files after the other, as the one of `part`; failures are reported where they happen. The
+// exit code: of those of the files the first in 5, 3, 4, 1, 7, 0.
+int forEachFile(const std::string& verbName, partOptions& part, const std::vector<std::string>& files,
+                const std::function<void()>& work);

@@ -1,6 +1,8 @@
 // A bar on standard error for work that a person waits for: only on a terminal, and only once half a second has passed.
 #pragma once
 
+#include <orva/files.h>
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -26,6 +28,10 @@ public:
     ~progress();
 
     void advance(std::int64_t bytes);
+    // For work that tells by itself what it has done.
+    orva::Progress follower() {
+        return [this](std::int64_t done, std::int64_t) { advance(done - fDone); };
+    }
     // Takes the bar away and, if there was one or the user asked for it, prints "orva: LABEL: summary, time, speed".
     void finish(const std::string& summary);
 

@@ -15,59 +15,65 @@
 
 namespace {
 
-struct recoverRunOptions {
-    partOptions part;
-    std::string out;
-    bool committed = false;
-    bool drop = false;
-    bool rollBack = false;
-    bool json = false;
-    outputOptions output;
-};
-
-class recoverRun {
+class recoverVerb final : public verb {
 public:
-    explicit recoverRun(recoverRunOptions options) : fOptions(std::move(options)) {}
+    void addOptions(CLI::App& command) override {
+        fPart.addTo(command);
+        command.add_option("-o,--output", fOut, "The file to make; needed unless --roll-back is given")
+            ->option_text("FILE");
+        command.add_flag("--committed", fCommitted,
+                         "Leave out the blocks that an append which was not finished has added; a last block that it "
+                         "has rewritten stays, new rows included");
+        command.add_flag("--drop", fDrop, "Close the gaps of lost rows instead of filling them with zeros");
+        command.add_flag("--json", fJson, "Write the report as JSON");
+        CLI::Option* rollBack =
+            command.add_flag("--roll-back", fRollBack,
+                             "End an interrupted append in FILE itself by its side file; goes with no other option");
+        fOutput.addTo(command);
+        for (const char* other : {"--row0", "--swap", "--committed", "--drop", "--json", "--force", "--no-sync"}) {
+            rollBack->excludes(command.get_option(other));
+        }
+    }
 
-    int run() {
+    int run() override {
         checkUsage();
-        requireName(fOptions.part.file);
-        if (fOptions.rollBack) return rollBack();
+        requireName(fPart.file);
+        if (fRollBack) return rollBack();
         noteAppend();
         fReport = recovered();
         tell();
         if (fReport.lost.empty()) return kAllWell;
-        throw toolFailure(kPartial, fOptions.part.file,
+        throw toolFailure(kPartial, fPart.file,
                           counted(static_cast<std::int64_t>(fReport.lost.size()), "range") + " of rows lost; \"" +
-                              shownName(fOptions.out) + "\" holds the others");
+                              shownName(fOut) + "\" holds the others");
     }
 
 private:
     orva::RecoverReport recovered() const {
         try {
-            return orva::recover(fOptions.part.file, fOptions.out,
-                                 {.row0 = fOptions.part.place(),
-                                  .committed = fOptions.committed,
-                                  .drop_lost = fOptions.drop,
-                                  .durable = !fOptions.output.noSync,
-                                  .replace = fOptions.output.force});
+            return orva::recover(fPart.file, fOut,
+                                 {.row0 = fPart.place(),
+                                  .committed = fCommitted,
+                                  .drop_lost = fDrop,
+                                  .durable = !fOutput.noSync,
+                                  .replace = fOutput.force});
         } catch (const orva::UsageError& twoParts) {
-            throw toolFailure(kOtherFailure, fOptions.part.file, failureText(twoParts.what(), fOptions.part.file));
+            throw toolFailure(kOtherFailure, fPart.file, failureText(twoParts.what(), fPart.file));
         }
     }
 
     void checkUsage() const {
-        if (fOptions.rollBack != fOptions.out.empty()) {
+        if (fRollBack != fOut.empty()) {
             usageError("name the file to make with -o, or undo an interrupted append in place with --roll-back");
         }
-        if (fOptions.out == "-") usageError("a finished file needs a name, for its heading is written last: -o FILE");
-        if (platform::sameFile(fOptions.part.file.c_str(), fOptions.out.c_str())) {
+        requireFileName(fOut);
+        if (platform::sameFile(fPart.file.c_str(), fOut.c_str())) {
             usageError("rows are never recovered in place: name another file with -o");
         }
     }
 
     int rollBack() const {
-        const std::string& file = fOptions.part.file;
+        const std::string& file = fPart.file;
         switch (orva::roll_back(file)) {
             case orva::RollBack::undone:
                 note("recover", file, "the interrupted append was undone: the rows from before it are all there");
@@ -88,7 +94,7 @@ private:
 
     // An append that is at work, or was interrupted, may be all that is wrong with the file.
     void noteAppend() const {
-        const std::string& file = fOptions.part.file;
+        const std::string& file = fPart.file;
         const std::string append = orva::append_state(file);
         if (!append.empty()) note("recover", file, append);
     }
@@ -97,19 +103,19 @@ private:
     void tell() const {
         try {
             output out;
-            out.write(fOptions.json ? jsonText(asJson()) : asText());
+            out.write(fJson ? jsonText(asJson()) : asText());
             out.finish();
         } catch (const FileError& e) {
-            if (fReport.lost.empty()) throw e.withOutcome("\"" + fOptions.out + "\" is complete");
-            for (const orva::LostRows& lost : fReport.lost) note("recover", fOptions.part.file, line(lost));
+            if (fReport.lost.empty()) throw e.withOutcome("\"" + fOut + "\" is complete");
+            for (const orva::LostRows& lost : fReport.lost) note("recover", fPart.file, line(lost));
             note("recover", e.fileName(), failureText(e.what(), e.fileName()));
         }
     }
 
     std::string asText() const {
-        const std::string file = shownName(fOptions.part.file) + ": ";
+        const std::string file = shownName(fPart.file) + ": ";
         std::string text = file + counted(fReport.blocks, "block") + " with " + grouped(fReport.size) +
-                           " bytes of rows recovered into " + shownName(fOptions.out) + '\n';
+                           " bytes of rows recovered into " + shownName(fOut) + '\n';
         if (!fReport.had_heading) {
             text += file + "no heading: the file was never finished, or its heading is damaged\n";
         } else if (!fReport.had_index) {
@@ -127,9 +133,7 @@ private:
     }
 
     static std::string line(const orva::LostRows& lost) {
-        return "bytes " + std::to_string(lost.rows.offset) + " to " +
-               std::to_string(lost.rows.offset + lost.rows.length) + " of the rows are lost" +
-               (lost.estimated ? " (a guess)" : "") + ": " + lost.text;
+        return lostText(lost.rows) + (lost.estimated ? " (a guess)" : "") + ": " + lost.text;
     }
 
     nlohmann::ordered_json asJson() const {
@@ -142,8 +146,8 @@ private:
                             {"why", lost.text}});
         }
         return {{"schema", kJsonSchema},
-                {"file", fOptions.part.file},
-                {"output", fOptions.out},
+                {"file", fPart.file},
+                {"output", fOut},
                 {"row0", fReport.row0},
                 {"swapped", fReport.swapped},
                 {"hadHeading", fReport.had_heading},
@@ -155,29 +159,18 @@ private:
                 {"lost", std::move(list)}};
     }
 
-    const recoverRunOptions fOptions;
+    partOptions fPart;
+    std::string fOut;
+    bool fCommitted = false;
+    bool fDrop = false;
+    bool fRollBack = false;
+    bool fJson = false;
+    outputOptions fOutput;
     orva::RecoverReport fReport;
 };
 
 }  // namespace
 
-verb addRecover(CLI::App& app) {
-    auto options = std::make_shared<recoverRunOptions>();
-    CLI::App* command = app.add_subcommand("recover", "Rebuild a finished file from a damaged or unfinished one");
-    options->part.addTo(*command);
-    command->add_option("-o,--output", options->out, "The file to make; needed unless --roll-back is given")
-        ->option_text("FILE");
-    command->add_flag("--committed", options->committed,
-                      "Leave out the blocks that an append which was not finished has added; a last block that it has "
-                      "rewritten stays, new rows included");
-    command->add_flag("--drop", options->drop, "Close the gaps of lost rows instead of filling them with zeros");
-    command->add_flag("--json", options->json, "Write the report as JSON");
-    CLI::Option* rollBack =
-        command->add_flag("--roll-back", options->rollBack,
-                          "End an interrupted append in FILE itself by its side file; goes with no other option");
-    options->output.addTo(*command);
-    for (const char* other : {"--row0", "--swap", "--committed", "--drop", "--json", "--force", "--no-sync"}) {
-        rollBack->excludes(command->get_option(other));
-    }
-    return [options] { return recoverRun(*options).run(); };
+std::unique_ptr<verb> makeRecover() {
+    return std::make_unique<recoverVerb>();
 }

@@ -21,14 +21,6 @@
 
 namespace {
 
-struct splitsOptions {
-    partOptions part;
-    std::int64_t count = 0;  // 0: one for each block
-    std::int64_t recordSize = 1;
-    std::string delimiter;
-    bool json = false;
-};
-
 // A byte as it is, or as \n, \r, \t, \0, \\ or \xHH, which a shell leaves alone.
 std::optional<char> parseByte(const std::string& text) {
     if (text.size() == 1) return text[0];
@@ -45,50 +37,61 @@ std::optional<char> parseByte(const std::string& text) {
     return static_cast<char>(value);
 }
 
-class splitsRun {
+class splitsVerb final : public verb {
 public:
-    explicit splitsRun(const splitsOptions& options)
-        : fOptions(options),
-          fDelimiter(parseByte(options.delimiter)),
-          fFile(openFile("splits", options.part)),
-          fRows(fFile) {}
+    void addOptions(CLI::App& command) override {
+        fPart.addTo(command);
+        command.add_flag("--json", fJson, "Write them as JSON, not one a line as offset, tab and length");
+        const auto atLeastOne = CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max());
+        command.add_option("--count", fCount, "So many ranges at most; without it one for each block")
+            ->option_text("N")
+            ->check(atLeastOne);
+        CLI::Option* recordSize =
+            command.add_option("--record-size", fRecordSize, "The bytes of one record; no range cuts one");
+        recordSize->option_text("N")->check(atLeastOne);
+        command.add_option("--delimiter", fDelimiter, "The byte behind each record, as '\\n'; no range cuts one")
+            ->option_text("C")
+            ->check(
+                [](const std::string& text) { return parseByte(text) ? "" : "is not one byte, as x, \\n or \\x1e"; })
+            ->excludes(recordSize);
+    }
 
-    int run() {
-        const std::vector<orva::Range> list = splits();
+    int run() override {
+        const shownFile file = openFile("splits", fPart);
+        const std::vector<orva::Range> list = splits(file);
         output out;
-        out.write(fOptions.json ? jsonText(report(list)) : lines(list));
+        out.write(fJson ? jsonText(report(list, file.info.size)) : lines(list));
         out.finish();
         return kAllWell;
     }
 
 private:
     // Where the first record from the offset on begins; the end of the rows where none does.
-    std::int64_t border(std::int64_t offset) {
-        if (fDelimiter) return behindDelimiter(offset);
-        const std::int64_t into = offset % fOptions.recordSize;
-        const std::int64_t rest = fFile.info.size - offset;
-        return into == 0 ? offset : offset + std::min(fOptions.recordSize - into, rest);
+    std::int64_t border(blockRows& rows, std::int64_t offset) const {
+        const std::int64_t end = rows.file().info.size;
+        if (const auto delimiter = parseByte(fDelimiter)) return behindDelimiter(rows, *delimiter, offset, end);
+        const std::int64_t into = offset % fRecordSize;
+        return into == 0 ? offset : offset + std::min(fRecordSize - into, end - offset);
     }
 
-    std::int64_t behindDelimiter(std::int64_t offset) {
-        while (offset < fFile.info.size) {
-            const std::string_view rows = fRows.from(offset);
-            const auto at = rows.find(*fDelimiter);
+    static std::int64_t behindDelimiter(blockRows& rows, char delimiter, std::int64_t offset, std::int64_t end) {
+        while (offset < end) {
+            const std::string_view text = rows.from(offset);
+            const auto at = text.find(delimiter);
             if (at != std::string_view::npos) return offset + static_cast<std::int64_t>(at) + 1;
-            offset += static_cast<std::int64_t>(rows.size());
+            offset += static_cast<std::int64_t>(text.size());
         }
         return offset;
     }
 
-    std::vector<orva::Range> splits() {
-        constexpr std::int64_t most = std::numeric_limits<int>::max();
-        const std::int64_t count = fOptions.count == 0 ? most : std::min(fOptions.count, most);
+    std::vector<orva::Range> splits(const shownFile& file) const {
+        blockRows rows(file);
         std::vector<orva::Range> list;
         std::int64_t begin = 0;
-        for (const orva::Range& blocks : fFile.reader.splits(static_cast<int>(count))) {
+        for (const orva::Range& blocks : file.reader.splits(static_cast<int>(std::min(fCount, kMost)))) {
             const std::int64_t next = blocks.offset + blocks.length;
             if (next <= begin) continue;  // no record begins there
-            const std::int64_t end = border(next);
+            const std::int64_t end = border(rows, next);
             list.push_back({begin, end - begin});
             begin = end;
         }
@@ -103,39 +106,26 @@ private:
         return text;
     }
 
-    nlohmann::ordered_json report(const std::vector<orva::Range>& list) const {
-        nlohmann::ordered_json json = {
-            {"schema", kJsonSchema}, {"file", fOptions.part.file}, {"dataSize", fFile.info.size}};
-        if (fOptions.recordSize != 1) json["recordSize"] = fOptions.recordSize;
+    nlohmann::ordered_json report(const std::vector<orva::Range>& list, std::int64_t dataSize) const {
+        nlohmann::ordered_json json = {{"schema", kJsonSchema}, {"file", fPart.file}, {"dataSize", dataSize}};
+        if (fRecordSize != 1) json["recordSize"] = fRecordSize;
         json["splits"] = nlohmann::ordered_json::array();
         for (const orva::Range& range : list)
             json["splits"].push_back({{"offset", range.offset}, {"size", range.length}});
         return json;
     }
 
-    const splitsOptions& fOptions;
-    const std::optional<char> fDelimiter;
-    const shownFile fFile;
-    blockRows fRows;
+    static constexpr std::int64_t kMost = std::numeric_limits<int>::max();
+
+    partOptions fPart;
+    std::int64_t fCount = kMost;  // one for each block
+    std::int64_t fRecordSize = 1;
+    std::string fDelimiter;
+    bool fJson = false;
 };
 
 }  // namespace
 
-verb addSplits(CLI::App& app) {
-    auto options = std::make_shared<splitsOptions>();
-    CLI::App* command = app.add_subcommand("splits", "List ranges of rows that can be read in parallel");
-    options->part.addTo(*command);
-    command->add_flag("--json", options->json, "Write them as JSON, not one a line as offset, tab and length");
-    const auto atLeastOne = CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max());
-    command->add_option("--count", options->count, "So many ranges at most; without it one for each block")
-        ->option_text("N")
-        ->check(atLeastOne);
-    CLI::Option* recordSize =
-        command->add_option("--record-size", options->recordSize, "The bytes of one record; no range cuts one");
-    recordSize->option_text("N")->check(atLeastOne);
-    command->add_option("--delimiter", options->delimiter, "The byte behind each record, as '\\n'; no range cuts one")
-        ->option_text("C")
-        ->check([](const std::string& text) { return parseByte(text) ? "" : "is not one byte, as x, \\n or \\x1e"; })
-        ->excludes(recordSize);
-    return [options] { return splitsRun(*options).run(); };
+std::unique_ptr<verb> makeSplits() {
+    return std::make_unique<splitsVerb>();
 }

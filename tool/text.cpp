@@ -76,6 +76,11 @@ std::string counted(std::int64_t number, const std::string& what) {
     return grouped(number) + ' ' + what + (number == 1 ? "" : "s");
 }
 
+std::string lostText(const orva::Range& rows) {
+    return "bytes " + std::to_string(rows.offset) + " to " + std::to_string(rows.offset + rows.length) +
+           " of the rows are lost";
+}
+
 std::string shownName(const std::string& name) {
     std::string text;
     for (std::size_t at = 0; at < name.size();) {

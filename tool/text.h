@@ -1,6 +1,8 @@
 // Numbers and names as people read them.
 #pragma once
 
+#include <orva/reader.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -16,6 +18,8 @@ std::string humanSize(double bytes);
 std::string ratioText(std::int64_t before, std::int64_t after);
 // "1 block", "2 blocks"
 std::string counted(std::int64_t number, const std::string& what);
+// bytes 10 to 20 of the rows are lost
+std::string lostText(const orva::Range& rows);
 // The name, or any other text from outside, without anything that a terminal acts on or that makes a text read as
 // another one: controls, signs that turn the direction of writing, bytes that are no UTF-8.
 std::string shownName(const std::string& name);

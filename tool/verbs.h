@@ -1,16 +1,24 @@
-// The verbs of the tool. A new one is a file of its name, a name here and one in main's table.
+// The verbs of the tool. A new one is a file of its name, a name here and a line in main's table.
 #pragma once
 
-#include <functional>
+#include <memory>
 
 namespace CLI {
 class App;
 }
 
-// Runs a verb whose options have been parsed, and gives the exit code. Throws what fails.
-using verb = std::function<int()>;
+// One verb of one command line; what its options say is kept in it.
+class verb {
+public:
+    verb() = default;
+    verb(const verb&) = delete;
+    verb& operator=(const verb&) = delete;
+    virtual ~verb() = default;
 
-// Declares a verb with its options on `app` and binds what runs it to them.
-using addVerb = verb(CLI::App& app);
+    virtual void addOptions(CLI::App& command) = 0;
+    // Once they have been parsed. Gives the exit code, or throws what fails.
+    virtual int run() = 0;
+};
 
-addVerb addPack, addJoin, addCat, addAppend, addInfo, addVerify, addRecover, addSplits;
+using makeVerb = std::unique_ptr<verb>();
+makeVerb makePack, makeJoin, makeCat, makeAppend, makeInfo, makeVerify, makeRecover, makeSplits;

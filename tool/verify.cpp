@@ -18,34 +18,30 @@
 
 namespace {
 
-struct verifyOptions {
-    partOptions part;
-    std::vector<std::string> files;
-    bool json = false;
-    threadOptions threads;
-    progressOptions progress;
-};
-
-class verifyRun {
+class verifyVerb final : public verb {
 public:
-    explicit verifyRun(const verifyOptions& options) : fOptions(options), fFile(openFile("verify", options.part)) {}
+    void addOptions(CLI::App& command) override {
+        fPart.addTo(command, fFiles);
+        command.add_flag("--json", fJson, "Write the result as JSON");
+        fThreads.addTo(command);
+        fProgress.addTo(command);
+    }
 
-    int run() {
-        progress bar(fOptions.progress, "verify", fFile.info.size);
-        std::int64_t before = 0;
-        const auto advance = [&](std::int64_t done, std::int64_t) {
-            bar.advance(done - before);
-            before = done;
-        };
-        fReport = orva::verify(fFile.reader, {.threads = fOptions.threads.count(), .progress = advance});
-        bar.finish(shownName(fFile.name) + ": " + counted(fReport.blocks, "block") + ", " +
-                   humanSize(static_cast<double>(fFile.info.size)) + " of rows, " + verdict());
-        print();
-        if (fReport.sound()) return kAllWell;
-        throw toolFailure(kDamaged, fFile.name, summary());
+    int run() override {
+        return forEachFile("verify", fPart, fFiles, [this] { verify(openFile("verify", fPart)); });
     }
 
 private:
+    void verify(const shownFile& file) {
+        fInfo = file.info;
+        progress bar(fProgress, "verify", fInfo.size);
+        fReport = orva::verify(file.reader, {.threads = fThreads.count(), .progress = bar.follower()});
+        bar.finish(shownName(fPart.file) + ": " + counted(fReport.blocks, "block") + ", " +
+                   humanSize(static_cast<double>(fInfo.size)) + " of rows, " + verdict());
+        print();
+        if (!fReport.sound()) throw toolFailure(kDamaged, fPart.file, summary());
+    }
+
     std::string verdict() const {
         if (fReport.sound()) return "all good";
         const auto count = std::ssize(fReport.bad);
@@ -60,60 +56,51 @@ private:
                "others";
     }
 
-    std::string indexError() const { return failureText(fReport.index, fFile.name); }
+    std::string indexError() const { return failureText(fReport.index, fPart.file); }
 
     void print() const {
         output out;
-        if (fOptions.json) {
-            out.write(jsonText(json(), fOptions.files.size()));
+        if (fJson) {
+            out.write(jsonText(json(), fFiles.size()));
         } else {
             for (const orva::BadBlock& bad : fReport.bad) out.write(line(bad));
             // Alone it is told as the failure.
             if (!fReport.bad.empty() && !fReport.index.empty()) {
-                out.write(shownName(fFile.name) + ": " + indexError() + '\n');
+                out.write(shownName(fPart.file) + ": " + indexError() + '\n');
             }
         }
         out.finish();
     }
 
     std::string line(const orva::BadBlock& bad) const {
-        return shownName(fFile.name) + ": bytes " + std::to_string(bad.rows.offset) + " to " +
-               std::to_string(bad.rows.offset + bad.rows.length) +
-               " of the rows are lost: " + failureText(bad.text, fFile.name) + '\n';
+        return shownName(fPart.file) + ": " + lostText(bad.rows) + ": " + failureText(bad.text, fPart.file) + '\n';
     }
 
     nlohmann::ordered_json json() const {
         nlohmann::ordered_json list = nlohmann::ordered_json::array();
         for (const orva::BadBlock& bad : fReport.bad) {
-            auto entry = blockJson(bad.block, fFile.info.blocks[static_cast<std::size_t>(bad.block)]);
-            entry["error"] = failureText(bad.text, fFile.name);
+            auto entry = blockJson(bad.block, fInfo.blocks[static_cast<std::size_t>(bad.block)]);
+            entry["error"] = failureText(bad.text, fPart.file);
             list.push_back(std::move(entry));
         }
-        nlohmann::ordered_json json = {{"schema", kJsonSchema},       {"file", fFile.name},
-                                       {"good", fReport.sound()},     {"blocks", fReport.blocks},
-                                       {"dataSize", fFile.info.size}, {"badBlocks", std::move(list)}};
+        nlohmann::ordered_json json = {{"schema", kJsonSchema},   {"file", fPart.file},
+                                       {"good", fReport.sound()}, {"blocks", fReport.blocks},
+                                       {"dataSize", fInfo.size},  {"badBlocks", std::move(list)}};
         if (!fReport.index.empty()) json["indexError"] = indexError();
         return json;
     }
 
-    const verifyOptions& fOptions;
-    const shownFile fFile;
+    partOptions fPart;
+    std::vector<std::string> fFiles;
+    bool fJson = false;
+    threadOptions fThreads;
+    progressOptions fProgress;
+    orva::FileInfo fInfo;
     orva::VerifyReport fReport;
 };
 
 }  // namespace
 
-verb addVerify(CLI::App& app) {
-    auto options = std::make_shared<verifyOptions>();
-    CLI::App* command = app.add_subcommand("verify", "Inflate every block and name the bad ones");
-    options->part.addTo(*command, options->files);
-    command->add_flag("--json", options->json, "Write the result as JSON");
-    options->threads.addTo(*command);
-    options->progress.addTo(*command);
-    return [options] {
-        return forEachFile("verify", options->files, [&](const std::string& file) {
-            options->part.file = file;
-            return verifyRun(*options).run();
-        });
-    };
+std::unique_ptr<verb> makeVerify() {
+    return std::make_unique<verifyVerb>();
 }

@@ -1,4 +1,4 @@
-#include "span.h"
+#include "range.h"
 
 #include "failure.h"
 #include "text.h"
@@ -31,7 +31,7 @@ std::optional<std::int64_t> parseLast(std::string_view text, std::string_view en
 
 }  // namespace
 
-span parseRange(const std::string& text, const std::string& file, std::int64_t dataSize) {
+orva::Range parseRange(const std::string& text, const std::string& file, std::int64_t dataSize) {
     if (const auto last = parseLast(text, "")) {
         if (*last <= dataSize) return {dataSize - *last, *last};
         throw toolFailure(kOtherFailure, file,
@@ -46,7 +46,8 @@ span parseRange(const std::string& text, const std::string& file, std::int64_t d
     return {given.first, given.second.value_or(rest)};
 }
 
-span parseRecords(const std::string& text, std::int64_t recordSize, const std::string& file, std::int64_t dataSize) {
+orva::Range parseRecords(const std::string& text, std::int64_t recordSize, const std::string& file,
+                         std::int64_t dataSize) {
     const std::int64_t count = dataSize / recordSize;
     const auto last = parseLast(text, ":");
     const pair given = last ? pair{count - *last, count} : parsePair(text, "A:B, A: or -N:");
