@@ -35,31 +35,26 @@ choices chosen(i64 block, int level, const Path& path) {
 struct Writer::State {
     enum class life : std::uint8_t { writing, finished, failed };
 
-    State(Path path, const roads& taken, const choices& picked, bool durable)
-        : fPath(std::move(path)), fRoads(taken), fChoices(picked), bDurable(durable) {}
+    template <class Options>
+    State(const Path& path, const Options& options)
+        : fPath(path),
+          fRoads{0, threadsAtWork(options.threads, path) - 1},
+          fChoices(chosen(options.block, options.level, path)),
+          bDurable(options.durable) {}
 
-    static roads roadsOf(int threads, const Path& path) { return {0, threadsAtWork(threads, path) - 1}; }
-
-    struct dropping {
-        State& state;
-        ~dropping() { state.drop(); }
-    };
     // Runs a step of the work. A failure ends it: nothing of what is not finished is left then.
     template <class Step>
     auto step(Step work) {
         try {
             return work();
         } catch (...) {
-            const dropping afterwards{*this};
-            rethrowTranslated(fPath, fPending != nullptr ? fPending->temporaryName() : fPlace);
+            fLife = life::failed;
+            fPart.reset();
+            fNamed.reset();
+            fOpened.reset();
+            const std::unique_ptr<pendingFile> pending = std::move(fPending);
+            rethrowTranslated(fPath, pending != nullptr ? pending->temporaryName() : fPlace);
         }
-    }
-    void drop() noexcept {
-        fLife = life::failed;
-        fPart.reset();
-        fPending.reset();
-        fNamed.reset();
-        fOpened = nullptr;
     }
 
     void beginNew(const WriterOptions& options) {
@@ -149,15 +144,12 @@ struct Writer::State {
     std::size_t fGiven = 0;  // by room()
 };
 
-Writer::Writer(const Path& path, const WriterOptions& options) {
-    const roads taken = State::roadsOf(options.threads, path);
-    fState = std::make_unique<State>(path, taken, chosen(options.block, options.level, path), options.durable);
+Writer::Writer(const Path& path, const WriterOptions& options) : fState(std::make_unique<State>(path, options)) {
     fState->step([&] { fState->beginNew(options); });
 }
 
 Writer Writer::append(const Path& path, const AppendOptions& options) {
-    const roads taken = State::roadsOf(options.threads, path);
-    auto state = std::make_unique<State>(path, taken, chosen(options.block, options.level, path), options.durable);
+    auto state = std::make_unique<State>(path, options);
     state->step([&] { state->beginAppend(options); });
     return Writer(std::move(state));
 }
