@@ -13,33 +13,6 @@ namespace orva {
 
 namespace {
 
-class oneMore final : public CallBackObject {
-public:
-    explicit oneMore(const std::function<void(bool)>& work) : CallBackObject(nullptr), fWork(work) {}
-    int onCallBack(void*) override {
-        fWork(false);
-        return 0;
-    }
-
-private:
-    const std::function<void(bool)>& fWork;
-};
-
-// Runs work(true) on this thread and work(false) on up to `threads - 1` more at once. It may throw nothing.
-void inThreads(std::uint32_t threads, const std::function<void(bool)>& work) {
-    if (threads <= 1) return work(true);
-    const int others = static_cast<int>(threads) - 1;
-    ktThreadPool pool(others, 0);
-    pool.init();
-    try {
-        pool.startAll();
-        for (int i = 0; i < others; ++i) pool.runCallBack(new oneMore(work), nullptr, 0);
-    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): this thread does all of it
-    }
-    work(true);
-    pool.stopAll();
-}
-
 class sharing {
 public:
     sharing(std::size_t count, const std::function<sharedWorker(bool)>& makeWorker)
@@ -76,13 +49,30 @@ private:
     std::exception_ptr fFailure;
 };
 
+class oneMore final : public CallBackObject {
+public:
+    oneMore() : CallBackObject(nullptr) {}
+    int onCallBack(void* shared) override {
+        static_cast<sharing*>(shared)->work(false);
+        return 0;
+    }
+};
+
 }  // namespace
 
-void shareOut(std::uint32_t threads, std::size_t count, const std::function<sharedWorker(bool)>& makeWorker) {
-    sharing work(count, makeWorker);
-    const auto useful = static_cast<std::uint32_t>(std::min<std::size_t>(threads, count));
-    inThreads(useful, [&](bool caller) { work.work(caller); });
-    work.throwFailure();
+void shareOut(std::uint32_t threads, std::size_t count, const std::function<sharedWorker(bool caller)>& makeWorker) {
+    sharing shared(count, makeWorker);
+    const int others = static_cast<int>(std::min<std::size_t>(threads, count)) - 1;
+    ktThreadPool pool(others, 0);
+    pool.init();
+    try {
+        if (others > 0) pool.startAll();
+        for (int i = 0; i < others; ++i) pool.runCallBack(new oneMore, &shared, 0);
+    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): this thread does all of it
+    }
+    shared.work(true);
+    pool.stopAll();
+    shared.throwFailure();
 }
 
 }  // namespace orva

@@ -36,8 +36,6 @@ using Bytes = std::span<std::byte>;
 class ORVA_API Error : public std::runtime_error {
 public:
     Error(const std::string& text, const Path& path, std::optional<i64> offset = {}, std::optional<i64> block = {});
-    Error(const Error&) noexcept = default;
-    Error& operator=(const Error&) noexcept = default;
     ~Error() override;
 
     // The file, as the caller named it; empty where no file has to do with it, or one without a name.
@@ -55,8 +53,6 @@ private:
 class ORVA_API SystemError : public Error {
 public:
     SystemError(std::error_code code, const std::string& text, const Path& path, bool writing = false);
-    SystemError(const SystemError&) noexcept = default;
-    SystemError& operator=(const SystemError&) noexcept = default;
     ~SystemError() override;
 
     // Compares with std::errc: ENOENT no such file, EEXIST it is there already, EWOULDBLOCK another writer is at work

@@ -16,8 +16,10 @@ public:
 
 protected:
     int_type underflow() override {
-        fNext += egptr() - eback();
-        return load();
+        moveTo(place());
+        const std::size_t got = fReader.read_at(fNext, std::as_writable_bytes(std::span(fBytes)));
+        setg(fBytes.data(), fBytes.data(), fBytes.data() + got);
+        return got == 0 ? traits_type::eof() : traits_type::to_int_type(fBytes[0]);
     }
     // Past the buffer, whole blocks straight into the caller's memory.
     std::streamsize xsgetn(char* to, std::streamsize count) override {
@@ -58,12 +60,6 @@ private:
     void moveTo(i64 place) {
         setg(nullptr, nullptr, nullptr);
         fNext = place;
-    }
-    int_type load() {
-        setg(nullptr, nullptr, nullptr);
-        const std::size_t got = fReader.read_at(fNext, std::as_writable_bytes(std::span(fBytes)));
-        setg(fBytes.data(), fBytes.data(), fBytes.data() + got);
-        return got == 0 ? traits_type::eof() : traits_type::to_int_type(fBytes[0]);
     }
 
     const Reader fReader;

@@ -126,10 +126,11 @@ pendingFile::pendingFile(const Path& path, bool replace, fs::perms permissions)
         translated(
             fPath,
             [&] {
-                const std::string full = fullName(path.string());
-                fTarget = full;
-                fTarget = outputTarget(full);
-                begin();
+                fTarget = fullName(path.string());
+                fTarget = outputTarget(fTarget);
+                refuseIfTaken();
+                holdReplaced();
+                create();
             },
             fTarget);
     } catch (...) {
@@ -139,22 +140,11 @@ pendingFile::pendingFile(const Path& path, bool replace, fs::perms permissions)
     }
 }
 
-void pendingFile::begin() {
-    refuseIfTaken();
-    holdReplaced();
-    create();
-}
-
 pendingFile::~pendingFile() {
     const bool mine = fProcess == platform::processId();
     if (!bCommitted && mine) platform::removeFile(fTemporary.c_str());
     forgetName();
-    if (fReplaced < 0) return;
-    if (mine) {
-        platform::closeAnyway(fReplaced);
-    } else {
-        platform::closeInherited(fReplaced);
-    }
+    if (fReplaced >= 0) mine ? platform::closeAnyway(fReplaced) : platform::closeInherited(fReplaced);
 }
 
 void pendingFile::refuseIfTaken() const {

@@ -42,7 +42,6 @@ public:
     void commit(bool durable);
 
 private:
-    ORVA_LOCAL void begin();
     ORVA_LOCAL void refuseIfTaken() const;
     ORVA_LOCAL void holdReplaced();
     ORVA_LOCAL void create();

@@ -13,44 +13,32 @@ namespace {
 
 using pieceSpan = std::span<const rowPiece>;
 
-class rowsRead {
-public:
-    rowsRead(const shownPart& part, blockShelf& shelf) : fPart(part), fShelf(shelf) {}
+void inflate(const shownPart& part, blockShelf& shelf, std::uint32_t block, void* to) {
+    blockBuffer scratch = shelf.takeScratch(part);
+    part.read(block, scratch.get(), static_cast<unsigned char*>(to));
+    shelf.putBack(std::move(scratch));
+}
 
-    // The pieces of one block.
-    void readBlock(pieceSpan pieces) {
-        const std::uint32_t block = pieces.front().block;
-        if (blockShelf::rows kept = fShelf.find(fPart.id(), block)) {
-            copy(pieces, *kept);
-            return fShelf.putBack(std::move(kept));
-        }
-        if (pieces.size() == 1 && isWhole(pieces.front())) return inflate(block, pieces.front().to);
-        blockShelf::rows rows = fShelf.memory(fPart);
-        inflate(block, rows->get());
-        copy(pieces, *rows);
-        fShelf.keep(fPart.id(), block, std::move(rows));
+void copy(pieceSpan pieces, const blockBuffer& rows) {
+    for (const rowPiece& piece : pieces) {
+        std::memcpy(piece.to, rows.get() + piece.from, static_cast<std::size_t>(piece.size));
     }
+}
 
-private:
-    bool isWhole(const rowPiece& piece) const {
-        return piece.from == 0 && piece.size == fPart.begin(piece.block + 1) - fPart.begin(piece.block);
+// The pieces of one block.
+void readBlock(const shownPart& part, blockShelf& shelf, pieceSpan pieces) {
+    const rowPiece& first = pieces.front();
+    if (blockShelf::rows kept = shelf.find(part.id(), first.block)) {
+        copy(pieces, *kept);
+        return shelf.putBack(std::move(kept));
     }
-
-    void inflate(std::uint32_t block, void* to) {
-        blockBuffer scratch = fShelf.takeScratch(fPart);
-        fPart.read(block, scratch.get(), static_cast<unsigned char*>(to));
-        fShelf.putBack(std::move(scratch));
-    }
-
-    static void copy(pieceSpan pieces, const blockBuffer& rows) {
-        for (const rowPiece& piece : pieces) {
-            std::memcpy(piece.to, rows.get() + piece.from, static_cast<std::size_t>(piece.size));
-        }
-    }
-
-    const shownPart& fPart;
-    blockShelf& fShelf;
-};
+    const bool isWhole = first.from == 0 && first.size == part.begin(first.block + 1) - part.begin(first.block);
+    if (pieces.size() == 1 && isWhole) return inflate(part, shelf, first.block, first.to);
+    blockShelf::rows rows = shelf.memory(part);
+    inflate(part, shelf, first.block, rows->get());
+    copy(pieces, *rows);
+    shelf.keep(part.id(), first.block, std::move(rows));
+}
 
 std::vector<pieceSpan> byBlock(pieceSpan pieces) {
     std::vector<pieceSpan> blocks;
@@ -66,10 +54,9 @@ std::vector<pieceSpan> byBlock(pieceSpan pieces) {
 
 void readPieces(const shownPart& part, blockShelf& shelf, pieceSpan pieces, std::uint32_t threads) {
     if (pieces.empty()) return;
-    rowsRead read(part, shelf);
-    if (pieces.front().block == pieces.back().block) return read.readBlock(pieces);
+    if (pieces.front().block == pieces.back().block) return readBlock(part, shelf, pieces);
     const std::vector<pieceSpan> blocks = byBlock(pieces);
-    shareOut(threads, blocks.size(), [&](bool) { return [&](std::size_t i) { read.readBlock(blocks[i]); }; });
+    shareOut(threads, blocks.size(), [&](bool) { return [&](std::size_t i) { readBlock(part, shelf, blocks[i]); }; });
 }
 
 }  // namespace orva

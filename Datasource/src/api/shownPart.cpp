@@ -177,9 +177,7 @@ bool shownPart::readKept(std::uint32_t number, const readRoad& road, unsigned ch
         std::copy(kept->block.begin(), kept->block.end(), road.compressed);
         inflateBlock(road, block, to);
         return true;
-    } catch (const ::DamagedFileError&) {
-        return false;
-    } catch (const FileError&) {  // the block is damaged, whatever else fails
+    } catch (const std::runtime_error&) {  // the block is damaged, whatever else fails
         return false;
     }
 }

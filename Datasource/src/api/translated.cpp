@@ -80,8 +80,6 @@ void rethrowTranslated(const Path& path, const std::string& workName) {
         throw;
     } catch (const FileError& failure) {
         throw SystemError(failure.code(), textOf(failure, path, workName), path, failure.messageCode() == kWriteFailed);
-    } catch (const FileReopenError& failure) {
-        throw SystemError(failure.code(), textOf(failure, path), path, true);
     } catch (const ::FileChangedError& change) {
         throw FileChangedError(renamed(change.what(), path, workName), path, {}, change.place().block);
     } catch (const ::DamagedFileError& damage) {
