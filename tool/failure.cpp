@@ -7,19 +7,24 @@
 
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <new>
 #include <utility>
 
 namespace {
 
-constexpr const char* kCatalog = "datasrc.err";
-constexpr long kWriting = 1002;
-constexpr long kReading = 1003;
-
-std::string withoutFirst(std::string text, const std::string& part) {
-    if (const auto at = text.find(part); at != std::string::npos) text.erase(at, part.size());
+std::string withoutLast(std::string text, const std::string& part) {
+    if (const auto at = text.rfind(part); at != std::string::npos) text.erase(at, part.size());
     return text;
+}
+
+// The library's own text for the present errno, without the number that its catalog is searched by.
+[[noreturn]] void throwFailed(const std::string& file, bool writing) {
+    const long code = writing ? 1002 : 1003;
+    try {
+        ThrowError::StringSys("orva", code, file.c_str());
+    } catch (const FileError& e) {
+        throw orva::SystemError(e.code(), withoutLast(e.what(), " (orva " + std::to_string(code) + ')'), file, writing);
+    }
 }
 
 // "orva" + ": part" for each part that there is.
@@ -29,15 +34,6 @@ void printLine(std::initializer_list<std::string> parts) {
         if (!part.empty()) line += ": " + part;
     }
     std::fprintf(stderr, "%s\n", shownName(line).c_str());
-}
-
-int report(const std::string& verbName, exitCode code, const std::string& file, const std::string& text) {
-    printLine({verbName, file, text});
-    return code;
-}
-
-exitCode codeOf(const FileError& failure) {
-    return failure.messageCode() == kReading ? kInputUnreadable : kOutputUnwritable;
 }
 
 }  // namespace
@@ -50,16 +46,14 @@ void usageError(const std::string& text) {
 }
 
 void throwReadFailed(const std::string& file) {
-    ThrowError::StringSys(kCatalog, kReading, file.c_str());
+    throwFailed(file, false);
 }
 void throwWriteFailed(const std::string& file) {
-    ThrowError::StringSys(kCatalog, kWriting, file.c_str());
+    throwFailed(file, true);
 }
 
 // The names of options are the flags' ones.
 std::string failureText(std::string text, const std::string& file) {
-    text = withoutFirst(text, " (" + std::string(kCatalog) + ' ' + std::to_string(kReading) + ')');
-    text = withoutFirst(text, " (" + std::string(kCatalog) + ' ' + std::to_string(kWriting) + ')');
     for (const char* const behind : {"\" is ", "\": ", "\" "}) {
         if (text.starts_with('"' + file + behind)) text.erase(0, file.size() + 1 + std::strlen(behind));
     }
@@ -68,53 +62,41 @@ std::string failureText(std::string text, const std::string& file) {
     return text;
 }
 
-namespace {
-
-int reportNoThread(const std::string& verbName, const std::string& subject, const std::string& why) {
-    return report(verbName, kOtherFailure, subject,
-                  "cannot start a thread: " + why + "; give a smaller -T, or raise the limits on processes and memory");
-}
-
-int report(const std::string& verbName, const std::string& subject, const orva::Error& failure) {
-    const std::string file = failure.path().string();
-    const std::string text = failureText(failure.what(), file);
-    if (dynamic_cast<const orva::UsageError*>(&failure) != nullptr) return report(verbName, kUsage, file, text);
-    const auto* system = dynamic_cast<const orva::SystemError*>(&failure);
-    if (system == nullptr) return report(verbName, kDamaged, file, text);
-    if (!system->writing()) {
-        if (system->code() != std::errc::resource_unavailable_try_again) {
-            return report(verbName, kInputUnreadable, file, text);
-        }
-        return reportNoThread(verbName, subject, system->code().message());
-    }
-    const bool taken = system->code() == std::errc::file_exists;
-    return report(verbName, kOutputUnwritable, file,
-                  taken ? "already exists: use -f to replace it, or -o to name another file" : text);
-}
-
-}  // namespace
-
 int reportFailure(const std::string& verbName, const std::string& subject, const std::exception_ptr& failure) {
+    const auto report = [&](exitCode code, const std::string& file, const std::string& text) {
+        printLine({verbName, file, text});
+        return code;
+    };
+    const auto reportFile = [&](exitCode code, const orva::Error& e) {
+        return report(code, e.path().string(), failureText(e.what(), e.path().string()));
+    };
     try {
         std::rethrow_exception(failure);
     } catch (const toolFailure& e) {
-        return report(verbName, e.code(), e.file(), e.what());
+        return report(e.code(), e.file(), e.what());
+    } catch (const orva::UsageError& e) {
+        return reportFile(kUsage, e);
+    } catch (const orva::SystemError& e) {
+        if (e.writing() && e.code() == std::errc::file_exists) {
+            return report(kOutputUnwritable, e.path().string(),
+                          "already exists: use -f to replace it, or -o to name another file");
+        }
+        if (e.writing() || e.code() != std::errc::resource_unavailable_try_again) {
+            return reportFile(e.writing() ? kOutputUnwritable : kInputUnreadable, e);
+        }
+        return report(kOtherFailure, subject,
+                      "cannot start a thread: " + e.code().message() +
+                          "; give a smaller -T, or raise the limits on processes and memory");
     } catch (const orva::Error& e) {
-        return report(verbName, subject, e);
-    } catch (const FileError& e) {
-        return report(verbName, codeOf(e), e.fileName(), failureText(e.what(), e.fileName()));
+        return reportFile(kDamaged, e);
     } catch (const std::bad_alloc& e) {
         const std::string outcome = std::strchr(e.what(), ';') != nullptr ? std::strchr(e.what(), ';') : "";
-        return report(verbName, kOtherFailure, subject,
+        return report(kOtherFailure, subject,
                       "out of memory: end other programs, or raise the limit on memory" + outcome);
-    } catch (const std::filesystem::filesystem_error& e) {
-        return report(verbName, kOtherFailure, e.path1().string(), e.code().message());
-    } catch (const std::system_error& e) {
-        return reportNoThread(verbName, subject, e.what());
     } catch (const std::exception& e) {
-        return report(verbName, kOtherFailure, subject, e.what());
+        return report(kOtherFailure, subject, e.what());
     } catch (const endedBySignal& e) {
-        report(verbName, kOtherFailure, subject, "ended by a signal; the file holds the rows that it held before");
+        report(kOtherFailure, subject, "ended by a signal; the file holds the rows that it held before");
         endBy(e.signal);
     }
 }

@@ -1,8 +1,6 @@
 // What can go wrong in the tool, the exit code of each, and the one place where exceptions become messages.
 #pragma once
 
-#include <orva/errtext.h>
-
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -33,7 +31,7 @@ private:
 
 [[noreturn]] void usageError(const std::string& text);
 
-// Throws FileError with the present errno.
+// Throws orva::SystemError with the present errno.
 [[noreturn]] void throwReadFailed(const std::string& file);
 [[noreturn]] void throwWriteFailed(const std::string& file);
 

@@ -1,6 +1,6 @@
 // An input of rows: a named file of any kind that can be read, or standard input.
 //
-// Failure: FileError (1003); endedBySignal while a signal asks for the end (signals.h).
+// Failure: orva::SystemError; endedBySignal while a signal asks for the end (signals.h).
 #pragma once
 
 #include <orva/orva.h>

@@ -1,6 +1,6 @@
 // Where a verb's bytes go: standard output, or a file that appears under its name when it is complete.
 //
-// Failure: FileError (1002); SystemError of the face. A reader that has gone is no failure: `open` tells of it.
+// Failure: orva::SystemError. A reader that has gone is no failure: `open` tells of it.
 #pragma once
 
 #include <orva/orva.h>

@@ -105,10 +105,12 @@ private:
             output out;
             out.write(fJson ? jsonText(asJson()) : asText());
             out.finish();
-        } catch (const FileError& e) {
-            if (fReport.lost.empty()) throw e.withOutcome("\"" + fOut + "\" is complete");
+        } catch (const orva::SystemError& e) {
+            if (fReport.lost.empty()) {
+                throw orva::SystemError(e.code(), e.what() + ("; \"" + fOut + "\" is complete"), e.path(), true);
+            }
             for (const orva::LostRows& lost : fReport.lost) note("recover", fPart.file, line(lost));
-            note("recover", e.fileName(), failureText(e.what(), e.fileName()));
+            note("recover", e.path().string(), failureText(e.what(), e.path().string()));
         }
     }
 

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -14,9 +15,11 @@
 
 namespace {
 
-// What a deferral is asked, and the pipe that wakes who waits for input. Closed exactly when -1.
-volatile std::sig_atomic_t gAsked = 0;
-volatile std::sig_atomic_t gWake[2] = {-1, -1};
+// What a deferral is asked, also by threads that read input, and the pipe that wakes who waits for it. Closed exactly
+// when -1.
+std::atomic<int> gAsked{0};
+std::atomic<int> gWake[2] = {-1, -1};
+static_assert(std::atomic<int>::is_always_lock_free, "a handler may use no other");
 
 extern "C" void onSignal(int signal) {
     if (gWake[1] >= 0) {
@@ -48,11 +51,7 @@ signalDeferral::signalDeferral() {
 }
 
 signalDeferral::~signalDeferral() {
-    for (volatile std::sig_atomic_t& end : gWake) {
-        const int descriptor = end;
-        end = -1;
-        ::close(descriptor);
-    }
+    for (std::atomic<int>& end : gWake) ::close(end.exchange(-1));
 }
 
 int signalDescriptor() {
