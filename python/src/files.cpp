@@ -21,29 +21,15 @@ py::tuple told(const orva::Range& range) {
     return py::make_tuple(range.offset, range.length);
 }
 
-const char* told(orva::FileInfo::FoundBy by) {
-    switch (by) {
-        case orva::FileInfo::FoundBy::option:
-            return "option";
-        case orva::FileInfo::FoundBy::dictionary:
-            return "dictionary";
-        default:
-            return "search";
-    }
-}
-
 py::tuple info(const std::string& path, std::optional<i64> row0) {
-    orva::FileInfo found;
-    {
-        const gil::released others;
-        found = orva::info(path, row0);
-    }
+    constexpr const char* ways[] = {"option", "dictionary", "search"};
+    const orva::FileInfo found = gil::without([&] { return orva::info(path, row0); });
     py::list blocks;
     for (const orva::Block& block : found.blocks) {
         blocks.append(py::make_tuple(told(block.rows), block.file_offset, block.stored));
     }
-    return py::make_tuple(told(found.found_by), found.swapped, found.row0, found.size, found.stored, found.file_size,
-                          found.block_size, told(found.index), blocks);
+    return py::make_tuple(ways[static_cast<std::size_t>(found.found_by)], found.swapped, found.row0, found.size,
+                          found.stored, found.file_size, found.block_size, told(found.index), blocks);
 }
 
 // Lets signals act, and calls the caller's function where there is one. Outlives the work, and is made and goes with
@@ -67,11 +53,8 @@ private:
 py::tuple verify(const std::string& path, std::optional<i64> row0, int threads,
                  const std::optional<py::function>& progress) {
     const reporter report(progress);
-    orva::VerifyReport found;
-    {
-        const gil::released others;
-        found = orva::verify(path, {.row0 = row0, .threads = threads, .progress = report.progress()});
-    }
+    const orva::VerifyReport found = gil::without(
+        [&] { return orva::verify(path, {.row0 = row0, .threads = threads, .progress = report.progress()}); });
     py::list bad;
     for (const orva::BadBlock& block : found.bad) {
         bad.append(py::make_tuple(block.block, told(block.rows), decoded(block.text)));
@@ -82,16 +65,9 @@ py::tuple verify(const std::string& path, std::optional<i64> row0, int threads,
 py::tuple recover(const std::string& from, const std::string& to, std::optional<i64> row0, bool committed,
                   bool dropLost, bool replace, const std::optional<py::function>& progress) {
     const reporter report(progress);
-    orva::RecoverReport found;
-    {
-        const gil::released others;
-        found = orva::recover(from, to,
-                              {.row0 = row0,
-                               .committed = committed,
-                               .drop_lost = dropLost,
-                               .replace = replace,
-                               .progress = report.progress()});
-    }
+    const orva::RecoverOptions how{
+        .row0 = row0, .committed = committed, .drop_lost = dropLost, .replace = replace, .progress = report.progress()};
+    const orva::RecoverReport found = gil::without([&] { return orva::recover(from, to, how); });
     py::list lost;
     for (const orva::LostRows& rows : found.lost) {
         lost.append(py::make_tuple(told(rows.rows), rows.estimated, decoded(rows.text)));
@@ -100,28 +76,16 @@ py::tuple recover(const std::string& from, const std::string& to, std::optional<
 }
 
 const char* rollBack(const std::string& path) {
-    const gil::released others;
-    switch (orva::roll_back(path)) {
-        case orva::RollBack::undone:
-            return "undone";
-        case orva::RollBack::whole:
-            return "whole";
-        case orva::RollBack::completed:
-            return "completed";
-        default:
-            return "nothing";
-    }
+    constexpr const char* ends[] = {"nothing", "undone", "whole", "completed"};
+    return ends[static_cast<std::size_t>(gil::without([&] { return orva::roll_back(path); }))];
 }
 
 py::tuple join(const std::vector<std::string>& from, const std::string& to, bool replace,
                const std::optional<py::function>& progress) {
     const reporter report(progress);
     const std::vector<orva::Path> paths(from.begin(), from.end());
-    orva::JoinReport found;
-    {
-        const gil::released others;
-        found = orva::join(paths, to, {.replace = replace, .progress = report.progress()});
-    }
+    const orva::JoinReport found =
+        gil::without([&] { return orva::join(paths, to, {.replace = replace, .progress = report.progress()}); });
     return py::make_tuple(found.blocks, found.size);
 }
 

@@ -41,6 +41,13 @@ private:
     PyThreadState* const fState;
 };
 
+// What work() gives, without the lock.
+template <class Work>
+auto without(Work work) {
+    const released others;
+    return work();
+}
+
 class held {
 public:
     held() {

@@ -25,12 +25,11 @@ constexpr const char* kClosed = "I/O operation on closed file";
 // A Reader that can be closed. A call that is under way then ends with a Reader of its own.
 class closableReader {
 public:
-    closableReader(const std::string& path, std::optional<i64> row0, int threads)
-        : closableReader(threads, [&] { return orva::Reader(orva::Path(path), optionsOf(row0, threads)); }) {}
-    closableReader(const py::object& object, std::optional<i64> row0, int threads)
-        : closableReader(threads, [&, source = std::make_shared<pythonSource>(object)]() mutable {
-              return orva::Reader(std::move(source), optionsOf(row0, threads));
-          }) {}
+    template <class From>
+    closableReader(const From& from, std::optional<i64> row0, int threads)
+        // Two blocks: a search that ends at the border of two looks into them by turns.
+        : fReader(opened(from, {.row0 = row0, .threads = threads, .cached_blocks = 2})),
+          fBlocks(blocksAtATime(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency()))) {}
 
     void close() { fReader.reset(); }
     bool isClosed() const { return !fReader; }
@@ -79,17 +78,12 @@ public:
     }
 
 private:
-    template <class Open>
-    closableReader(int threads, Open open)
-        : fReader([&] {
-              const gil::released others;
-              return open();
-          }()),
-          fBlocks(blocksAtATime(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency()))) {}
-
-    static orva::ReaderOptions optionsOf(std::optional<i64> row0, int threads) {
-        // Two blocks: a search that ends at the border of two looks into them by turns.
-        return {.row0 = row0, .threads = threads, .cached_blocks = 2};
+    static orva::Reader opened(const std::string& path, const orva::ReaderOptions& options) {
+        return gil::without([&] { return orva::Reader(orva::Path(path), options); });
+    }
+    static orva::Reader opened(const py::object& object, const orva::ReaderOptions& options) {
+        auto source = std::make_shared<pythonSource>(object);
+        return gil::without([&] { return orva::Reader(std::move(source), options); });
     }
 
     // Threads end with each call, and wait there for the last: many blocks each make little of that.
@@ -99,10 +93,7 @@ private:
     template <class Read>
     static void collecting(const std::optional<py::list>& lost, Read read) {
         std::vector<orva::Range> found;
-        {
-            const gil::released others;
-            read(lost ? &found : nullptr);
-        }
+        gil::without([&] { read(lost ? &found : nullptr); });
         for (const orva::Range& range : found) py::list(*lost).append(py::make_tuple(range.offset, range.length));
     }
 
@@ -111,10 +102,7 @@ private:
         if (offset < 0) throw py::value_error("rows begin at offset 0");
         const i64 left = std::max<i64>(reader.size() - offset, 0);
         const orva::Bytes wanted = to.first(std::min(to.size(), static_cast<std::size_t>(left)));
-        if (!lost && wanted.size() <= kSmallRead) {
-            const gil::released others;
-            return reader.read_at(offset, wanted);
-        }
+        if (!lost && wanted.size() <= kSmallRead) return gil::without([&] { return reader.read_at(offset, wanted); });
         collecting(lost, [&](std::vector<orva::Range>* found) {
             blockwise reads(reader, fBlocks, found);
             reads.want(offset, wanted);
@@ -128,12 +116,7 @@ private:
 };
 
 py::bytes dictionary(const closableReader& reader) {
-    std::vector<std::byte> bytes;
-    {
-        const orva::Reader own = reader.get();
-        const gil::released others;
-        bytes = own.dictionary();
-    }
+    const std::vector<std::byte> bytes = gil::without([own = reader.get()] { return own.dictionary(); });
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 

@@ -41,9 +41,7 @@ public:
     i64 size() const { return get()->size(); }
 
     void finish() {
-        const std::shared_ptr<orva::Writer> writer = get();
-        const gil::released others;
-        writer->finish();
+        gil::without([writer = get()] { writer->finish(); });
     }
 
     // What is not finished is gone, threads have ended and the file is closed.
@@ -70,16 +68,14 @@ std::unique_ptr<droppableWriter> create(const std::string& path, const std::stri
                                       .replace = replace,
                                       .level = level,
                                       .block = block};
-    const gil::released others;
-    return std::make_unique<droppableWriter>(orva::Writer(path, options));
+    return gil::without([&] { return std::make_unique<droppableWriter>(orva::Writer(path, options)); });
 }
 
 std::unique_ptr<droppableWriter> append(const std::string& path, std::optional<i64> row0, int threads, int level,
                                         i64 block, bool rollBack) {
     const orva::AppendOptions options{
         .row0 = row0, .threads = threads, .level = level, .block = block, .roll_back = rollBack};
-    const gil::released others;
-    return std::make_unique<droppableWriter>(orva::Writer::append(path, options));
+    return gil::without([&] { return std::make_unique<droppableWriter>(orva::Writer::append(path, options)); });
 }
 
 }  // namespace
