@@ -11,15 +11,14 @@ from types import TracebackType
 from typing import Any, Literal, NoReturn
 
 from . import _orva
-from ._source import NEW_BLOCKS, Opened, PathLike, Source, block_of, path_of, row0_of, threads_of, whole
+from ._source import NEW_BLOCKS, Opened, PathLike, Source, block_of, name_of, path_of, row0_of, threads_of, whole
 
 Mode = Literal["rb", "wb", "xb", "ab"]
-_CLOSED = "I/O operation on closed file"
 _FARTHEST = (1 << 63) - 1
 
 
 def _begin(path: PathLike, mode: str, row0: int | None, threads: int, level: int, block: int | None) -> _orva.Writer:
-    name, length = os.fsencode(path_of(path)), block_of(block, NEW_BLOCKS)
+    name, length = name_of(path), block_of(block, NEW_BLOCKS)
     threads, level, row0 = threads_of(threads), whole(level, "level", 32), row0_of(row0)
     if mode != "ab":
         if row0 is not None:
@@ -85,8 +84,7 @@ class File(io.RawIOBase):
         raise io.UnsupportedOperation(what)
 
     def _writer(self, what: str) -> _orva.Writer:
-        if self.closed:
-            raise ValueError(_CLOSED)
+        self._open()
         if self._writing is None:
             raise io.UnsupportedOperation(what)
         if self._process != os.getpid():
@@ -105,7 +103,7 @@ class File(io.RawIOBase):
 
     def _open(self) -> None:
         if self.closed:
-            raise ValueError(_CLOSED)
+            raise ValueError("I/O operation on closed file")
 
     def tell(self) -> int:
         if self._opened is not None:

@@ -5,13 +5,12 @@ progress(done, total) is called now and then with the bytes done; what it raises
 
 from __future__ import annotations
 
-import os
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass
 from typing import Any, Literal, Optional
 
 from . import _orva
-from ._source import PathLike, path_of, paths_of, row0_of, threads_of
+from ._source import PathLike, name_of, paths_of, row0_of, threads_of
 
 Progress = Optional[Callable[[int, int], object]]
 
@@ -80,10 +79,6 @@ class JoinReport:
     size: int  # of the rows
 
 
-def _name(path: PathLike) -> bytes:
-    return os.fsencode(path_of(path))
-
-
 def _called(progress: Progress) -> Progress:
     if progress is not None and not callable(progress):
         raise TypeError(f"progress is called with two numbers, and {progress!r} cannot be called")
@@ -93,7 +88,7 @@ def _called(progress: Progress) -> Progress:
 def info(path: PathLike, *, row0: int | None = None) -> FileInfo:
     """What heading and index of a finished file tell. Errors: as `orva.open`."""
     told: list[Any]
-    *told, index, blocks = _orva.info(_name(path), row0_of(row0))
+    *told, index, blocks = _orva.info(name_of(path), row0_of(row0))
     told += [Range(*index), [Block(Range(*rows), *where) for rows, *where in blocks]]
     return FileInfo(*told)
 
@@ -102,7 +97,7 @@ def verify(
     path: PathLike, *, row0: int | None = None, threads: int = 1, progress: Progress = None
 ) -> VerifyReport:
     """Inflates every block, and goes on behind a damaged one. threads and errors: as `orva.open`."""
-    blocks, bad, index = _orva.verify(_name(path), row0_of(row0), threads_of(threads), _called(progress))
+    blocks, bad, index = _orva.verify(name_of(path), row0_of(row0), threads_of(threads), _called(progress))
     return VerifyReport(blocks, [BadBlock(block, Range(*rows), text) for block, rows, text in bad], index)
 
 
@@ -122,14 +117,14 @@ def recover(
     replace: a file that has the name, else FileExistsError. DamagedFileError if not one block can be found.
     """
     how = row0_of(row0), bool(committed), bool(drop_lost), bool(replace), _called(progress)
-    blocks, size, lost = _orva.recover(_name(source), _name(target), *how)
+    blocks, size, lost = _orva.recover(name_of(source), name_of(target), *how)
     return RecoverReport(blocks, size, [LostRows(Range(*rows), *rest) for rows, *rest in lost])
 
 
 def roll_back(path: PathLike) -> Literal["nothing", "undone", "whole", "completed"]:
     """Ends an append that a crash has interrupted, durably: there was none; the file holds the rows of before it; the
     file was whole as it stands; all rows of the append were there. BlockingIOError while it is alive."""
-    return _orva.roll_back(_name(path))  # type: ignore[return-value]
+    return _orva.roll_back(name_of(path))  # type: ignore[return-value]
 
 
 def join(
@@ -137,5 +132,5 @@ def join(
 ) -> JoinReport:
     """The rows of finished files, one behind the other, in the new file `target`, which keeps the first one's dtype.
     Blocks are copied as they stand. ValueError for no file, and if `target` is one of them."""
-    names = [os.fsencode(path) for path in paths_of(sources)]
-    return JoinReport(*_orva.join(names, _name(target), bool(replace), _called(progress)))
+    names = [name_of(path) for path in paths_of(sources)]
+    return JoinReport(*_orva.join(names, name_of(target), bool(replace), _called(progress)))

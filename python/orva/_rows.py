@@ -113,7 +113,7 @@ class Rows:
     def __len__(self) -> int:
         return self.shape[0]
 
-    # Reading: rows that stand together, and rows wherever they stand.
+    # Reading.
 
     def _empty(self, count: int) -> npt.NDArray[Any]:
         return np.empty((count, *self.shape[1:]), self.dtype)
@@ -129,34 +129,24 @@ class Rows:
     def lost(self) -> Lost:
         return _merged(self._lost.copy())
 
-    def _masked(self, values: npt.NDArray[Any], lost: npt.NDArray[np.bool_]) -> npt.NDArray[Any]:
+    def _read(self, rows: range | npt.NDArray[np.int64]) -> npt.NDArray[Any]:
+        """Those that stand together, or wherever they stand."""
+        size, values = self._row.itemsize, self._empty(len(rows))
+        found: Lost | None = [] if self._mask else None
+        if isinstance(rows, range):
+            self._reader.read_at(rows.start * size, _bytes_of(values), found)
+        else:
+            self._reader.take(rows, size, _bytes_of(values), found)
+        if found is None:
+            return values
         mask: Any = np.ma.make_mask_none(values.shape, values.dtype)  # type: ignore[no-untyped-call]
-        mask[lost] = np.ones((), mask.dtype)
+        for begin, end in self._noted(found):
+            if isinstance(rows, range):
+                lost: Any = slice(max(begin - rows.start, 0), max(end - rows.start, 0))
+            else:
+                lost = (rows >= begin) & (rows < end)
+            mask[lost] = np.ones((), mask.dtype)
         return np.ma.masked_array(values, mask)  # type: ignore[no-untyped-call]
-
-    def _read(self, first: int, count: int) -> npt.NDArray[Any]:
-        values = self._empty(count)
-        if not self._mask:
-            self._reader.read_at(first * self._row.itemsize, _bytes_of(values))
-            return values
-        found: Lost = []
-        self._reader.read_at(first * self._row.itemsize, _bytes_of(values), found)
-        lost = np.zeros(count, np.bool_)
-        for begin, end in self._noted(found):
-            lost[max(begin - first, 0) : max(end - first, 0)] = True
-        return self._masked(values, lost)
-
-    def _take(self, rows: npt.NDArray[np.int64]) -> npt.NDArray[Any]:
-        values = self._empty(len(rows))
-        if not self._mask:
-            self._reader.take(rows, self._row.itemsize, _bytes_of(values))
-            return values
-        found: Lost = []
-        self._reader.take(rows, self._row.itemsize, _bytes_of(values), found)
-        lost = np.zeros(len(rows), np.bool_)
-        for begin, end in self._noted(found):
-            lost |= (rows >= begin) & (rows < end)
-        return self._masked(values, lost)
 
     # Keys.
 
@@ -166,15 +156,12 @@ class Rows:
         return row + len(self) if row < 0 else row
 
     def _slice(self, key: slice) -> npt.NDArray[Any]:
-        first, end, step = key.indices(len(self))
-        rows = range(first, end, step)
-        if len(rows) == 0:
-            return self._read(0, 0)
-        if step == 1:
-            return self._read(first, len(rows))
-        if step == -1:
-            return self._read(rows[-1], len(rows))[::-1]
-        return self._take(np.arange(first, end, step, dtype=np.int64))
+        rows = range(*key.indices(len(self)))
+        if not rows or rows.step == 1:
+            return self._read(rows or range(0))
+        if rows.step == -1:
+            return self._read(rows[::-1])[::-1]
+        return self._read(np.arange(rows.start, rows.stop, rows.step, dtype=np.int64))
 
     def _chosen(self, key: Any) -> npt.NDArray[np.int64] | None:
         """Row numbers, for a key of ints or bools; None for any that is neither."""
@@ -197,16 +184,14 @@ class Rows:
 
     def _field(self, name: str) -> npt.NDArray[Any]:
         """Copied out a piece at a time, so that nobody needs memory for the other fields."""
-        self._empty(0)[name]  # or it is numpy's error
-        values: npt.NDArray[Any] | None = None
+        none = self._read(range(0))[name]  # or it is numpy's error
+        like: Any = np.ma.empty if self._mask else np.empty
+        values: npt.NDArray[Any] = like((len(self), *none.shape[1:]), none.dtype)
         first = 0
         for chunk in self.iter_chunks():
-            if values is None:
-                like: Any = np.ma.empty if self._mask else np.empty
-                values = like((len(self), *chunk[name].shape[1:]), chunk[name].dtype)
             values[first : first + len(chunk)] = chunk[name]
             first += len(chunk)
-        return self._read(0, 0)[name] if values is None else values
+        return values
 
     def __getitem__(self, key: Any) -> Any:
         if isinstance(key, str):
@@ -214,22 +199,23 @@ class Rows:
         first, *behind = (key or (...,)) if isinstance(key, tuple) else (key,)
         here: Any = 0
         if (row := _number(first)) is not None:
-            values = self._read(self._index(row), 1)
+            row = self._index(row)
+            values = self._read(range(row, row + 1))
         elif isinstance(first, slice):
             values, here = self._slice(first), slice(None)
         elif (chosen := self._chosen(first)) is not None:
-            values = self._take(chosen.reshape(-1))
+            values = self._read(chosen.reshape(-1))
             here = np.arange(chosen.size).reshape(chosen.shape)
             if not behind and chosen.ndim == 1:
                 return values
         else:
             np.broadcast_to(self._empty(1)[:1], self.shape)[key]  # or it is numpy's error, before anything is read
-            return self._read(0, len(self))[key]
+            return self._read(range(len(self)))[key]
         # The rows stand in the order that was asked for; what comes behind the first axis is numpy's own work.
         return values if isinstance(key, slice) else values[(here, *behind)]
 
     def __array__(self, dtype: npt.DTypeLike = None) -> npt.NDArray[Any]:
-        values = self._read(0, len(self))
+        values = self._read(range(len(self)))
         return values if dtype is None else values.astype(dtype, copy=False)
 
     # In pieces.
@@ -253,7 +239,7 @@ class Rows:
     def _chunks(self, first: int, stop: int, rows: int | None = None) -> Iterator[npt.NDArray[Any]]:
         while first < stop:
             end = min(self._border(first) if rows is None else first + rows, stop)
-            yield self._read(first, end - first)
+            yield self._read(range(first, end))
             first = end
 
     def __iter__(self) -> Iterator[Any]:

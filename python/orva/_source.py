@@ -28,6 +28,11 @@ def path_of(path: PathLike) -> str:
     return name
 
 
+def name_of(path: PathLike) -> bytes:
+    """As the extension takes it."""
+    return os.fsencode(path_of(path))
+
+
 def paths_of(paths: Iterable[PathLike]) -> list[str]:
     if isinstance(paths, (str, bytes, os.PathLike)) or not isinstance(paths, Iterable):
         raise TypeError(f"several paths are wanted, as a list, not {paths!r}")
@@ -124,7 +129,7 @@ class Opened:
         if isinstance(source, (str, os.PathLike)):
             self.name = path_of(source)
             self.again = os.path.abspath(self.name)
-            self.reader = _orva.Reader(os.fsencode(self.name), *how)
+            self.reader = _orva.Reader(name_of(source), *how)
         elif hasattr(source, "readinto"):  # first: other libraries' files have a read_at of other arguments too
             if not getattr(source, "readable", lambda: True)():
                 raise io.UnsupportedOperation("not readable")

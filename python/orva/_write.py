@@ -2,14 +2,13 @@
 
 from __future__ import annotations
 
-import os
 from typing import Any
 
 import numpy as np
 import numpy.typing as npt
 
 from . import _dtype, _orva
-from ._source import NEW_BLOCKS, PathLike, block_of, path_of, threads_of, whole
+from ._source import NEW_BLOCKS, PathLike, block_of, name_of, path_of, threads_of, whole
 
 _PIECE = 4_190_208  # bytes of rows that are copied at a time where an array is in pieces
 
@@ -55,7 +54,7 @@ def write(
     options outside their ranges. Nothing is left then.
     """
     values, row = _rows_of(array)
-    name = os.fsencode(path_of(path))
+    name = name_of(path)
     options = threads_of(threads), True, whole(level, "level", 32), block_of(block, NEW_BLOCKS)
     writer = _orva.create(name, _dtype.to_dictionary(row), *options)
     try:
@@ -72,7 +71,7 @@ def append(path: PathLike, array: npt.ArrayLike, *, roll_back: bool = False) -> 
     file's, or where rows of this one do not fill it. The file is as it was then.
     """
     values, row = _rows_of(array)
-    name = os.fsencode(path_of(path))
+    name = name_of(path)
     writer = _orva.append(name, None, 1, 1, 0, bool(roll_back))  # holds others off while the dtype is looked at
     try:
         told = _dtype.of_file(path_of(path))
