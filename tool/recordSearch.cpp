@@ -108,9 +108,14 @@ void keyRange::add(const std::string& text) {
     }
     fType = given.type;
     fOffset = given.offset;
-    const bool inclusive = given.comparison.ends_with('=');
-    if (lower) fLower.push_back({*given.rank, inclusive});
-    if (upper) fUpper.push_back({*given.rank, inclusive});
+    const std::uint64_t beside = given.comparison.ends_with('=') ? 0 : 1;
+    if (beside != 0 && *given.rank == (lower ? kHighest : 0)) {
+        fFirst = kHighest;  // none is above the highest, or below the lowest
+        fLast = 0;
+    } else {
+        if (lower) fFirst = std::max(fFirst, *given.rank + beside);
+        if (upper) fLast = std::min(fLast, *given.rank - beside);
+    }
 }
 
 std::size_t keyRange::width() const {
@@ -119,16 +124,6 @@ std::size_t keyRange::width() const {
 
 std::optional<std::uint64_t> keyRange::rank(const unsigned char* key, bool swapped) const {
     return fType->ofBytes(key, swapped);
-}
-
-bool keyRange::isBelow(std::uint64_t rank) const {
-    return std::any_of(fLower.begin(), fLower.end(),
-                       [&](const bound& b) { return rank < b.rank || (rank == b.rank && !b.inclusive); });
-}
-
-bool keyRange::isBeyond(std::uint64_t rank) const {
-    return std::any_of(fUpper.begin(), fUpper.end(),
-                       [&](const bound& b) { return rank > b.rank || (rank == b.rank && !b.inclusive); });
 }
 
 recordSearch::recordSearch(blockRows& rows, const keyRange& range, std::int64_t recordSize)
@@ -156,7 +151,7 @@ recordSearch::stretch recordSearch::probe(stretch left) const {
 }
 
 std::int64_t recordSearch::first() {
-    if (!fRange.hasLower()) return 0;
+    if (!fRange.isBelow(0)) return 0;
     stretch left{0, fRecords};  // all before are below the range, all behind are not
     std::uint64_t before = 0;
     std::uint64_t behind = std::numeric_limits<std::uint64_t>::max();

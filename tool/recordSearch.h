@@ -6,6 +6,7 @@
 #include "blockRows.h"
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,21 +24,17 @@ public:
     std::size_t width() const;
     // Nothing for a value that has no place in the order. `swapped`: the other byte order.
     std::optional<std::uint64_t> rank(const unsigned char* key, bool swapped) const;
-    bool hasLower() const { return !fLower.empty(); }
-    bool isBelow(std::uint64_t rank) const;
-    bool isBeyond(std::uint64_t rank) const;
+    bool isBelow(std::uint64_t rank) const { return rank < fFirst; }
+    bool isBeyond(std::uint64_t rank) const { return rank > fLast; }
 
 private:
-    struct bound {
-        std::uint64_t rank;
-        bool inclusive;
-    };
+    static constexpr std::uint64_t kHighest = std::numeric_limits<std::uint64_t>::max();
     void add(const std::string& condition);
 
     const keyType* fType = nullptr;
     std::int64_t fOffset = 0;
-    std::vector<bound> fLower;
-    std::vector<bound> fUpper;
+    std::uint64_t fFirst = 0;
+    std::uint64_t fLast = kHighest;
 };
 
 class recordSearch {
