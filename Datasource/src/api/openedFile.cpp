@@ -62,14 +62,6 @@ bool openedFile::read(void* to, std::uint64_t size, std::int64_t place) const {
                     });
 }
 
-bool openedFile::isBeingWritten() const {
-    return platform::hasWriter(fDescriptor);
-}
-
-std::int64_t sourceBytes::length() const {
-    return sizeOf(*fSource);
-}
-
 bool sourceBytes::read(void* to, std::uint64_t size, std::int64_t place) const {
     const Bytes wanted(static_cast<std::byte*>(to), static_cast<std::size_t>(size));
     return callersOwn([&] { return fSource->read_at(place, wanted); }) == wanted.size();

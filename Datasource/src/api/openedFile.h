@@ -35,7 +35,7 @@ public:
     bool read(void* to, std::uint64_t size, std::int64_t place) const override;
     bool isNamed(const std::string& place) const { return platform::sameFile(fDescriptor, place.c_str()); }
     // A writer holds its lock.
-    bool isBeingWritten() const;
+    bool isBeingWritten() const { return platform::hasWriter(fDescriptor); }
 
 private:
     const std::string fName;
@@ -47,7 +47,7 @@ public:
     explicit sourceBytes(std::shared_ptr<const ByteSource> source) : fSource(std::move(source)) {}
 
     const std::string& name() const override { return fName; }
-    std::int64_t length() const override;
+    std::int64_t length() const override { return sizeOf(*fSource); }
     bool read(void* to, std::uint64_t size, std::int64_t place) const override;
 
 private:

@@ -145,12 +145,8 @@ std::vector<Block> shownPart::blocks() const {
 void shownPart::read(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {
     try {
         readSurely([&] { readOld(number, compressed, to); }, [&] { return hasChanged(number); });
-    } catch (const ::FileChangedError& change) {
-        throw FileChangedError(change.what(), fPath, begin(number), number);
-    } catch (const ::DamagedFileError& damage) {
-        throw DamagedFileError(textOf(damage, fPath), fPath, begin(number), number);
     } catch (...) {
-        rethrowTranslated(fPath);
+        rethrowTranslated(fPath, {}, begin(number));
     }
 }
 

@@ -47,12 +47,12 @@ std::string recoverAdvice(const Path& path) {
     return path.empty() ? "" : "; 'orva recover " + shellWord(path.string()) + " -o OUT' gets the rows that are sound";
 }
 
-}  // namespace
-
 std::string textOf(const ::DamagedFileError& damage, const Path& path, const std::string& workName) {
     const bool isSideFile = damage.fileName() != path.string() && damage.fileName() != workName;
     return renamed(damage.what(), path, workName) + (isSideFile ? "" : recoverAdvice(path));
 }
+
+}  // namespace
 
 std::string withoutAdvice(const DamagedFileError& damage) {
     const std::string text = damage.what();
@@ -71,7 +71,7 @@ std::uint32_t threadsAtWork(int threads, const Path& path) {
     return std::clamp(wanted, 1U, most);
 }
 
-void rethrowTranslated(const Path& path, const std::string& workName) {
+void rethrowTranslated(const Path& path, const std::string& workName, std::optional<i64> offset) {
     try {
         throw;
     } catch (const callersFailure& failure) {
@@ -81,9 +81,9 @@ void rethrowTranslated(const Path& path, const std::string& workName) {
     } catch (const FileError& failure) {
         throw SystemError(failure.code(), textOf(failure, path, workName), path, failure.messageCode() == kWriteFailed);
     } catch (const ::FileChangedError& change) {
-        throw FileChangedError(renamed(change.what(), path, workName), path, {}, change.place().block);
+        throw FileChangedError(renamed(change.what(), path, workName), path, offset, change.place().block);
     } catch (const ::DamagedFileError& damage) {
-        throw DamagedFileError(textOf(damage, path, workName), path, {}, damage.place().block);
+        throw DamagedFileError(textOf(damage, path, workName), path, offset, damage.place().block);
     } catch (const std::system_error& failure) {  // of a thread that could not be started, or of a name
         throw SystemError(failure.code(), textOf(failure, path), path);
     } catch (const std::logic_error& breach) {

@@ -26,8 +26,8 @@ auto callersOwn(Work work) {
 }
 
 // In a handler: throws what was caught as one of the face's errors about `path`. `workName`: the name that the file has
-// for the rooms below, where that is another one.
-[[noreturn]] void rethrowTranslated(const Path& path, const std::string& workName = {});
+// for the rooms below, where that is another one. `offset`: of the rows that cannot be had, where that is known.
+[[noreturn]] void rethrowTranslated(const Path& path, const std::string& workName = {}, std::optional<i64> offset = {});
 
 // What work() gives, or an error of the face.
 template <class Work>
@@ -45,9 +45,7 @@ void require(bool fulfilled, const Path& path, const char* what);
 // As many as there are cores for 0. UsageError below that.
 std::uint32_t threadsAtWork(int threads, const Path& path);
 
-// "NAME" is damaged: WHERE AND WHAT, and what can be done.
-std::string textOf(const ::DamagedFileError& damage, const Path& path, const std::string& workName = {});
-// Such a text without what can be done, for who is doing it or tells of many blocks.
+// Its text without what can be done, for who is doing it or tells of many blocks.
 std::string withoutAdvice(const DamagedFileError& damage);
 
 }  // namespace orva
