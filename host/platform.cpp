@@ -231,10 +231,11 @@ std::string directoryOf(const char* name) {
     return directory.empty() ? "." : directory;
 }
 
-// EINVAL and the like come from what has nothing to make durable.
+// EINVAL and the like come from what has nothing to make durable. EROFS does not: a file system that has stopped after
+// an error gives it, and has not stored what was written before.
 int syncedUnlessPointless(int descriptor, bool isDirectory) {
     if (restarted([&] { return rawSync(descriptor, isDirectory); }) == 0) return 0;
-    return errno == EINVAL || errno == EROFS || errno == ENOTSUP ? 0 : -1;
+    return errno == EINVAL || errno == ENOTSUP ? 0 : -1;
 }
 
 }  // namespace

@@ -31,7 +31,8 @@ public:
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
     Verdict before(const platform::faults::Step& /*step*/) override {
         static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},       {"=EINVAL", EINVAL},
-                                                       {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE}, {"=EAGAIN", EAGAIN}};
+                                                       {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE}, {"=EAGAIN", EAGAIN},
+                                                       {"=EROFS", EROFS}};
         std::string word;
         fDialogue >> word;
         fAnswer = word.substr(std::min(word.find('='), word.size()));
@@ -135,6 +136,7 @@ const CallCase kCalls[] = {
     {"NoNumberToSpareSyncs", kWrite, closeFile, "O L D=EMFILE Y C ", 0, kDigits},
     {"FailedSync", kWrite, platform::syncData, "O L Y=EINTR Y=EIO ", EIO, kDigits},
     {"NothingToSync", kWrite, platform::syncData, "O L Y=EINVAL ", 0, kDigits},
+    {"SyncOfAFileSystemThatHasStopped", kWrite, platform::syncData, "O L Y=EROFS ", EROFS, kDigits},
     {"SyncOfADirectory", kWrite, [](int) { return platform::syncDirectoryOf("nameAlone"); }, "O L O Y=EINTR Y=EIO c ",
      EIO, kDigits},
     {"Truncation", kWrite, [](int d) { return platform::truncateFile(d, 4); }, "O L T4=EINTR T4 ", 0, "0123"},
