@@ -30,9 +30,9 @@ class Script : public platform::faults::Hook {
 public:
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
     Verdict before(const platform::faults::Step& /*step*/) override {
-        static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},       {"=EINVAL", EINVAL},
-                                                       {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE}, {"=EAGAIN", EAGAIN},
-                                                       {"=EROFS", EROFS}};
+        static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},        {"=EINVAL", EINVAL},
+                                                       {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE},  {"=EAGAIN", EAGAIN},
+                                                       {"=EROFS", EROFS},   {"=ENOTSUP", ENOTSUP}};
         std::string word;
         fDialogue >> word;
         fAnswer = word.substr(std::min(word.find('='), word.size()));
@@ -139,6 +139,8 @@ const CallCase kCalls[] = {
     {"SyncOfAFileSystemThatHasStopped", kWrite, platform::syncData, "O L Y=EROFS ", EROFS, kDigits},
     {"SyncOfADirectory", kWrite, [](int) { return platform::syncDirectoryOf("nameAlone"); }, "O L O Y=EINTR Y=EIO c ",
      EIO, kDigits},
+    {"ARenameThatKnowsNoRefusal", kWrite, [](int) { return platform::renameNew("nameAlone", "other"); },
+     "O L N=ENOTSUP N ", ENOENT, kDigits},
     {"Truncation", kWrite, [](int d) { return platform::truncateFile(d, 4); }, "O L T4=EINTR T4 ", 0, "0123"},
 };
 
