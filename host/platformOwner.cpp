@@ -2,6 +2,7 @@
 #include <orva/platformOwner.h>
 
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +22,27 @@ fileAccess accessIn(const struct stat& status) {
             status.st_gid,
             static_cast<std::uint32_t>(status.st_mode & 07777),
             S_ISREG(status.st_mode)};
+}
+
+constexpr std::uint32_t kOwners = 0600;
+
+// Who else may use a file, beside the mode, whose bits for the group are then the most that anybody of the list may.
+constexpr const char* kAccessList = "system.posix_acl_access";
+
+// The file of `descriptor` gets the list of `like`, if its group has been given too, in place of the one that it may
+// have from its directory.
+bool hasListOf(const char* like, int descriptor, bool grouped) try {
+    const ssize_t size = ::getxattr(like, kAccessList, nullptr, 0);
+    if (size > 0 && grouped) {
+        std::string list(static_cast<std::size_t>(size), '\0');
+        return ::getxattr(like, kAccessList, list.data(), list.size()) == size &&
+               ::fsetxattr(descriptor, kAccessList, list.data(), list.size(), 0) == 0;
+    }
+    const bool hasNone =
+        ::fremovexattr(descriptor, kAccessList) == 0 || ::fgetxattr(descriptor, kAccessList, nullptr, 0) <= 0;
+    return hasNone && size <= 0;
+} catch (...) {
+    return false;
 }
 
 bool areSame(const fileAccess& one, const fileAccess& other) {
@@ -57,13 +79,18 @@ std::uint32_t callingUser() noexcept {
     return ::geteuid();
 }
 
-void giveAccess(int descriptor, const fileAccess& like) noexcept {
-    const uid_t owner = callingUser() == 0 ? like.user : static_cast<uid_t>(-1);
-    const bool grouped = ::fchown(descriptor, owner, like.group) == 0;
-    const std::uint32_t forAll = like.mode & (like.mode >> 3) & 06;
-    const std::uint32_t bits = grouped ? like.mode & 0066 : forAll << 3 | forAll;
-    const int ignored = ::fchmod(descriptor, static_cast<mode_t>(0600 | bits));
-    static_cast<void>(ignored);
+std::uint32_t giveAccess(int descriptor, const char* like) noexcept {
+    fileAccess wanted{};
+    fileAccess own{};
+    if (!accessOf(like, wanted)) return kOwners;
+    [[maybe_unused]] const int owned =
+        ::fchown(descriptor, callingUser() == 0 ? wanted.user : static_cast<uid_t>(-1), wanted.group);
+    const bool grouped = accessOf(descriptor, own) && own.group == wanted.group;
+    const std::uint32_t forAll = wanted.mode & (wanted.mode >> 3) & 07;
+    std::uint32_t mode = grouped ? wanted.mode : (wanted.mode & 0700) | forAll << 3 | forAll;
+    if (!hasListOf(like, descriptor, grouped)) mode &= 0700;
+    [[maybe_unused]] const int allowed = ::fchmod(descriptor, static_cast<mode_t>(kOwners | (mode & 0066)));
+    return mode;
 }
 
 bool sameFile(const char* name, const char* otherName) noexcept {

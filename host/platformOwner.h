@@ -31,10 +31,11 @@ ORVA_HOST_API bool accessOfDirectory(const char* name, fileAccess& access) noexc
 // The user in whose right this process works.
 ORVA_HOST_API std::uint32_t callingUser() noexcept;
 
-// Gives the file of `descriptor` the group of `like`, and root gives it the owner too; then the same people may read
-// and write it. Where the group cannot be given, only those may whom `like` lets whatever their group. A system that
+// Gives the file of `descriptor` the group and the access list of the file `like`, and root gives it the owner too;
+// then the same people may read and write it. Where the group cannot be given, only those may whom `like` lets whatever
+// their group, and where the list cannot, its owner alone. Tells the whole mode by which that holds. A system that
 // knows no such things leaves the file as it is.
-ORVA_HOST_API void giveAccess(int descriptor, const fileAccess& like) noexcept;
+ORVA_HOST_API std::uint32_t giveAccess(int descriptor, const char* like) noexcept;
 
 // Whatever it is: a link that leads nowhere counts.
 ORVA_HOST_API bool isNameTaken(const char* name) noexcept;

@@ -2,6 +2,7 @@
 #include "api/apiTest.h"
 
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 using namespace api;
 
@@ -150,8 +151,20 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     EXPECT_TRUE(rowsOf("mine") == more && rowsOf("mineToo") == rows + more);
 }
 
-TEST_F(Writer, KeepsOwnerGroupAndModeOfWhatItReplaces) {
-    const std::string name = written("rows", Bytes(100));
+TEST_F(Writer, KeepsOwnerGroupModeAndAccessListOfWhatItReplaces) {
+    // One more user may read, and the group may not: its bits of the mode are the most that anybody of the list may.
+    constexpr std::uint16_t none = 65'535;
+    const std::uint16_t list[] = {2, 0,    1,    4,  none, none, 2,    4,  54'321, 0,    4,
+                                  0, none, none, 16, 4,    none, none, 32, 0,      none, none};
+    const auto give = [&](const std::string& file, const char* kind) {
+        return setxattr(file.c_str(), kind, list, sizeof list, 0) == 0;
+    };
+    const auto listed = [&](const std::string& file) {
+        std::uint16_t found[std::size(list)]{};
+        return getxattr(file.c_str(), "system.posix_acl_access", found, sizeof found) == sizeof found &&
+               std::equal(std::begin(list), std::end(list), found);
+    };
+    const std::string name = written("rows", Bytes(100)), plain = written("plain", {});
     const auto mode = [](const std::string& file) { return std::filesystem::status(file).permissions(); };
     const mode_t mask = umask(0);
     umask(mask);
@@ -159,9 +172,15 @@ TEST_F(Writer, KeepsOwnerGroupAndModeOfWhatItReplaces) {
     EXPECT_EQ(mode(written("secret", {}, {.permissions = std::filesystem::perms{0400}})), std::filesystem::perms{0400});
     const bool isRoot = chown(name.c_str(), 12'345, 23'456) == 0;
     std::filesystem::permissions(name, std::filesystem::perms{0440});
+    const bool hasLists = give(name, "system.posix_acl_access");
     std::filesystem::create_symlink("rows", path("link"));
     written("link", Bytes(200), {.replace = true});
+    give(fDirectory, "system.posix_acl_default");  // for new files
+    written("plain", {}, {.replace = true});
+    removexattr(fDirectory.c_str(), "system.posix_acl_default");
     EXPECT_EQ(mode(name), std::filesystem::perms{0440});
+    EXPECT_EQ(listed(name), hasLists);
+    EXPECT_EQ(getxattr(plain.c_str(), "system.posix_acl_access", nullptr, 0), -1);
     struct stat now {};
     EXPECT_TRUE(stat(name.c_str(), &now) == 0 && (!isRoot || (now.st_uid == 12'345 && now.st_gid == 23'456)));
     expectInChild([&] {  // root may write to any file

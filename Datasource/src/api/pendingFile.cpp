@@ -35,16 +35,6 @@ std::string outputTarget(const std::string& name) {
     return target.string();
 }
 
-// Gives the file the owner and group of the one that it replaces, as far as the caller may, and tells the permissions
-// that let nobody else use it: where it has another group, those of both the old group and all others.
-fs::perms givenAccess(int descriptor, const platform::fileAccess& old) {
-    platform::giveAccess(descriptor, old);
-    platform::fileAccess own{};
-    if (platform::accessOf(descriptor, own) && own.group == old.group) return fs::perms{old.mode};
-    const std::uint32_t forAll = old.mode & (old.mode >> 3) & 07;
-    return fs::perms{(old.mode & 0700) | forAll << 3 | forAll};
-}
-
 // A name in the directory of `target` that no other process has. Cut, so that a long name does not make it too long for
 // the system.
 std::string hiddenNameBeside(const std::string& target) {
@@ -190,7 +180,7 @@ void pendingFile::create() {
     if (descriptor < 0) throwFileError(errno, kWriteFailed, fTarget);
     platform::fileAccess own{};
     if (replaces) {
-        fPermissions = givenAccess(descriptor, old);
+        fPermissions = fs::perms{platform::giveAccess(descriptor, fTarget.c_str())};
     } else if (platform::accessOf(descriptor, own)) {
         fPermissions = fs::perms{own.mode};
     }

@@ -24,8 +24,8 @@ class ORVA_API pendingFile {
 public:
     // Makes the hidden file, empty. EEXIST for a name that is taken, unless it is to be replaced, EISDIR or EINVAL for
     // what is no file to replace; EWOULDBLOCK for one that is being written to. Who may use the file: whoever may use
-    // the one that it replaces, whose group it gets, and by root its owner, else `permissions` less the umask. A link
-    // keeps standing, and the file that it leads to is made.
+    // the one that it replaces, whose group and access list it gets, and by root its owner, else `permissions` less the
+    // umask. A link keeps standing, and the file that it leads to is made.
     explicit pendingFile(const Path& path, bool replace = false,
                          std::filesystem::perms permissions = std::filesystem::perms{0666});
     pendingFile(const pendingFile&) = delete;

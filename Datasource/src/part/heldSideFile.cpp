@@ -64,8 +64,7 @@ void heldSideFile::make(const fileBytes& bytes) {
 }
 
 void heldSideFile::fill(const fileBytes& bytes) {
-    platform::fileAccess data{};
-    if (platform::accessOf(fDataName.c_str(), data)) platform::giveAccess(fDescriptor, data);
+    platform::giveAccess(fDescriptor, fDataName.c_str());
     const auto write = [&](const unsigned char* from, std::uint32_t piece, std::int64_t place) {
         return static_cast<std::uint32_t>(platform::writeAt(fDescriptor, from, piece, place));
     };
