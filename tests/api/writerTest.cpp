@@ -190,6 +190,14 @@ TEST_F(Writer, KeepsOwnerGroupModeAndAccessListOfWhatItReplaces) {
     });
 }
 
+// Some file systems refuse what is no UTF-8, and take names half as long as others.
+TEST_F(Writer, HidesAFileUnderANameThatIsCutBetweenCharacters) {
+    std::string name = "xy";
+    while (name.size() < 200) name += "\u6f22";
+    const std::string hidden = orva::pendingFile(path(name)).temporaryName();
+    EXPECT_EQ(hidden.substr(0, hidden.size() - (sizeof ".12345678.tmp" - 1)), path('.' + name.substr(0, 98)));
+}
+
 TEST_F(Writer, AnAppendLeavesTheRowsOfALiveReader) {
     RandomBytes random(15);
     const Bytes rows = random.rows(kBlock + 700'000), more = random.rows(3 * kBlock);

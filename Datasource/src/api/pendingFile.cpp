@@ -6,6 +6,7 @@
 #include <orva/platform.h>
 #include <orva/platformOwner.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -36,15 +37,18 @@ std::string outputTarget(const std::string& name) {
 }
 
 // A name in the directory of `target` that no other process has. Cut, so that a long name does not make it too long for
-// the system.
+// any file system, and between characters, since some take no other names.
 std::string hiddenNameBeside(const std::string& target) {
-    constexpr std::size_t longest = 200;
+    constexpr std::size_t longest = 100;
+    const auto isContinued = [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) == 0x80; };
     const fs::path path = target;
     std::random_device random;
     char mark[16];
     std::snprintf(mark, sizeof mark, "%08x", random());
-    const std::string base = path.filename().string().substr(0, longest);
-    return (path.parent_path() / ('.' + base + '.' + mark + ".tmp")).string();
+    const std::string name = path.filename().string();
+    std::size_t cut = std::min(name.size(), longest);
+    while (cut > 0 && cut < name.size() && isContinued(name[cut])) --cut;
+    return (path.parent_path() / ('.' + name.substr(0, cut) + '.' + mark + ".tmp")).string();
 }
 
 }  // namespace
