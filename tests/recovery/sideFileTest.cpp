@@ -170,6 +170,7 @@ TEST(SideFile, IsBelievedOnlyWhereNobodyElseCanHaveMadeIt) {
         {"a group member's, where the group may not write", false, member, 10, 0644, 0644},
         {"where the directory gives the group", false, member, 10, 0664, 0664, 02775},
         {"where all may put files", false, member, 10, 0664, 0664, 01777},
+        {"where names are not counted", true, owner, 10, 0664, 0664, 0775, 0},
         {"with a second name", false, owner, 10, 0664, 0664, 0775, 2},
         {"no regular file", false, owner, 10, 0664, 0664, 0775, 1, false},
     };

@@ -37,7 +37,7 @@ bool canBeTrusted(const platform::fileAccess& side, const platform::fileAccess& 
     using namespace platform;
     const bool groupWrites = (data.mode & kGroupWrite) != 0 && side.group == data.group;
     const bool othersWrite = (data.mode & kOthersWrite) != 0;
-    if (!side.regular || side.links != 1) return false;
+    if (!side.regular || side.links > 1) return false;  // some file systems tell 0 of every file
     if ((side.mode & kOthersWrite) != 0 && !othersWrite) return false;
     if ((side.mode & kGroupWrite) != 0 && !groupWrites && !othersWrite) return false;
     const bool provesGroup = (directory.mode & (kSetGroup | kOthersWrite)) == 0;
