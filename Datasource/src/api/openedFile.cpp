@@ -49,7 +49,7 @@ openedFile::~openedFile() {
 
 std::int64_t openedFile::length() const {
     const std::int64_t end = platform::_lseeki64(fDescriptor, 0, SEEK_END);
-    if (end < 0) throwFileError(errno, kReadFailed, fName);
+    if (end < 0) throwFileError(errno, kReadFailed, fName, "it has no length: put its bytes into a file first");
     return end;
 }
 
