@@ -122,9 +122,9 @@ pendingFile::pendingFile(const Path& path, bool replace, fs::perms permissions)
             [&] {
                 fTarget = fullName(path.string());
                 fTarget = outputTarget(fTarget);
-                refuseIfTaken();
+                const bool replaces = hasToReplace();
                 holdReplaced();
-                create();
+                create(replaces);
             },
             fTarget);
     } catch (...) {
@@ -141,19 +141,18 @@ pendingFile::~pendingFile() {
     if (fReplaced >= 0) mine ? platform::closeAnyway(fReplaced) : platform::closeInherited(fReplaced);
 }
 
-void pendingFile::refuseIfTaken() const {
+bool pendingFile::hasToReplace() const {
     std::error_code unknown;
     const fs::file_status status = fs::status(fTarget, unknown);
     if (fTarget.empty()) throwFileError(ENOENT, kWriteFailed, fTarget);
     // As for a name that is too long: the hidden one is not.
     if (!fs::status_known(status)) throwFileError(unknown.value(), kWriteFailed, fTarget);
-    if (!fs::exists(status) || (bReplace && fs::is_regular_file(status))) return;
-    const auto refuse = [&](int error, const char* what) {
-        throw SystemError(std::error_code(error, std::generic_category()), '"' + fPath.string() + what, fPath, true);
-    };
-    if (fs::is_regular_file(status)) refuse(EEXIST, "\" already exists: name another file, or have it replaced");
-    refuse(fs::is_directory(status) ? EISDIR : EINVAL,
-           "\" is not a regular file: name one that can be made or replaced");
+    const bool isFile = fs::is_regular_file(status);
+    if (!fs::exists(status) || (bReplace && isFile)) return isFile;
+    const int error = isFile ? EEXIST : fs::is_directory(status) ? EISDIR : EINVAL;
+    const char* const what = isFile ? "\" already exists: name another file, or have it replaced"
+                                    : "\" is not a regular file: name one that can be made or replaced";
+    throw SystemError(std::error_code(error, std::generic_category()), '"' + fPath.string() + what, fPath, true);
 }
 
 // Whoever appends to the old file would add to one that nobody can find any more. To hold it takes no right to write: a
@@ -168,9 +167,7 @@ void pendingFile::holdReplaced() {
 
 // Exclusively: in a directory that others can write to, nobody can have put a link there. Never for more people than
 // the finished file, and its user can write to it until then, whatever the umask.
-void pendingFile::create() {
-    platform::fileAccess old{};
-    const bool replaces = platform::accessOf(fTarget.c_str(), old) && old.regular;
+void pendingFile::create(bool replaces) {
     const auto mode = static_cast<int>((replaces ? kOwners : fPermissions) & fs::perms::all);
     int descriptor = -1;
     fs::path hidden;  // once the file is there, nothing asks for memory any more
@@ -208,7 +205,7 @@ void pendingFile::commit(bool durable) {
     translated(
         fPath,
         [&] {
-            refuseIfTaken();  // by somebody else, meanwhile
+            hasToReplace();  // what somebody else has made meanwhile
             holdReplaced();
             std::error_code none;
             fs::permissions(fTemporary, fPermissions, none);

@@ -42,9 +42,10 @@ public:
     void commit(bool durable);
 
 private:
-    ORVA_LOCAL void refuseIfTaken() const;
+    // Throws where the name is taken by what is not to be replaced.
+    ORVA_LOCAL bool hasToReplace() const;
     ORVA_LOCAL void holdReplaced();
-    ORVA_LOCAL void create();
+    ORVA_LOCAL void create(bool replaces);
     ORVA_LOCAL void forgetName();
 
     const Path fPath;  // as the caller wrote it
