@@ -56,21 +56,13 @@ private:
     }
 
     void rollBackInterrupted() const {
-        const char* ending = nullptr;
-        switch (orva::roll_back(fPart.file)) {
-            case orva::RollBack::nothing:
-                return;
-            case orva::RollBack::undone:
-                ending = "it was undone, the rows from before it are all there";
-                break;
-            case orva::RollBack::whole:
-                ending = "the file is whole as it stands, and its rows stay";
-                break;
-            case orva::RollBack::completed:
-                ending = "its rows were all there, and it was completed";
-                break;
-        }
-        note("append", fPart.file, std::string("an append before this one was interrupted: ") + ending);
+        constexpr const char* ends[] = {"", "it was undone, the rows from before it are all there",
+                                        "the file is whole as it stands, and its rows stay",
+                                        "its rows were all there, and it was completed"};
+        const orva::RollBack found = orva::roll_back(fPart.file);
+        if (found == orva::RollBack::nothing) return;
+        note("append", fPart.file,
+             std::string("an append before this one was interrupted: ") + ends[static_cast<std::size_t>(found)]);
     }
 
     // Refuses what an append would have refused.

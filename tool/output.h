@@ -32,8 +32,6 @@ public:
     output();
     // The file `name`, for whoever may use `input`; "-" is standard output. A device or a pipe is written to as it is.
     output(const std::string& name, const outputOptions& options, const orva::Path& input);
-    output(const output&) = delete;
-    output& operator=(const output&) = delete;
     ~output();
 
     void write(const void* bytes, std::size_t size);

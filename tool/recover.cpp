@@ -73,22 +73,12 @@ private:
     }
 
     int rollBack() const {
-        const std::string& file = fPart.file;
-        switch (orva::roll_back(file)) {
-            case orva::RollBack::undone:
-                note("recover", file, "the interrupted append was undone: the rows from before it are all there");
-                break;
-            case orva::RollBack::whole:
-                note("recover", file, "it is whole as it stands, and its rows stay; the side file was removed");
-                break;
-            case orva::RollBack::completed:
-                note("recover", file,
-                     "the append was complete but for its heading, which was written: all rows are there");
-                break;
-            case orva::RollBack::nothing:
-                note("recover", file, "no append to undo: it has no side file");
-                break;
-        }
+        constexpr const char* ends[] = {
+            "no append to undo: it has no side file",
+            "the interrupted append was undone: the rows from before it are all there",
+            "it is whole as it stands, and its rows stay; the side file was removed",
+            "the append was complete but for its heading, which was written: all rows are there"};
+        note("recover", fPart.file, ends[static_cast<std::size_t>(orva::roll_back(fPart.file))]);
         return kAllWell;
     }
 

@@ -10,11 +10,7 @@ class App;
 // One verb of one command line; what its options say is kept in it.
 class verb {
 public:
-    verb() = default;
-    verb(const verb&) = delete;
-    verb& operator=(const verb&) = delete;
     virtual ~verb() = default;
-
     virtual void addOptions(CLI::App& command) = 0;
     // Once they have been parsed. Gives the exit code, or throws what fails.
     virtual int run() = 0;
