@@ -41,9 +41,6 @@ struct Step {
 
 class Hook {
 public:
-    Hook() = default;
-    Hook(const Hook&) = delete;
-    Hook& operator=(const Hook&) = delete;
     virtual ~Hook() = default;
 
     // The call as it is about to be made, without result. A failing Close is made all the same, as a system frees the

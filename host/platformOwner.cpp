@@ -14,14 +14,17 @@
 namespace platform {
 namespace {
 
-fileAccess accessIn(const struct stat& status) {
-    return {static_cast<std::uint64_t>(status.st_dev),
-            static_cast<std::uint64_t>(status.st_ino),
-            static_cast<std::uint64_t>(status.st_nlink),
-            status.st_uid,
-            status.st_gid,
-            static_cast<std::uint32_t>(status.st_mode & 07777),
-            S_ISREG(status.st_mode)};
+// Of what a call of that result has found.
+bool found(int result, const struct stat& status, fileAccess& access) {
+    if (result != 0) return false;
+    access = {static_cast<std::uint64_t>(status.st_dev),
+              static_cast<std::uint64_t>(status.st_ino),
+              static_cast<std::uint64_t>(status.st_nlink),
+              status.st_uid,
+              status.st_gid,
+              static_cast<std::uint32_t>(status.st_mode & 07777),
+              S_ISREG(status.st_mode)};
+    return true;
 }
 
 constexpr std::uint32_t kOwners = 0600;
@@ -53,16 +56,12 @@ bool areSame(const fileAccess& one, const fileAccess& other) {
 
 bool accessOf(int descriptor, fileAccess& access) noexcept {
     struct stat status {};
-    if (::fstat(descriptor, &status) != 0) return false;
-    access = accessIn(status);
-    return true;
+    return found(::fstat(descriptor, &status), status, access);
 }
 
 bool accessOf(const char* name, fileAccess& access) noexcept {
     struct stat status {};
-    if (::stat(name, &status) != 0) return false;
-    access = accessIn(status);
-    return true;
+    return found(::stat(name, &status), status, access);
 }
 
 bool accessOfDirectory(const char* name, fileAccess& access) noexcept {
@@ -118,10 +117,11 @@ bool isNameTaken(const char* name) noexcept {
 
 int removeIfSame(const char* name, int descriptor) noexcept {
     fileAccess own{};
-    struct stat named {};
+    fileAccess named{};
+    struct stat status {};
     if (!accessOf(descriptor, own)) return -1;
-    if (::lstat(name, &named) != 0) return errno == ENOENT ? 0 : -1;
-    if (!areSame(own, accessIn(named))) return 0;
+    if (!found(::lstat(name, &status), status, named)) return errno == ENOENT ? 0 : -1;
+    if (!areSame(own, named)) return 0;
     return removeFile(name) == 0 || errno == ENOENT ? 0 : -1;
 }
 

@@ -13,9 +13,6 @@ enum class Call : std::uint8_t { Encrypt, EndEncrypt, Decrypt };
 
 class Hook {
 public:
-    Hook() = default;
-    Hook(const Hook&) = delete;
-    Hook& operator=(const Hook&) = delete;
     virtual ~Hook() = default;
 
     // Asked at the start of each call. True: it gives 0 and touches nothing, not even its results.
