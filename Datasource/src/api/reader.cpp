@@ -31,8 +31,6 @@ struct Reader::State {
         fOwn = new own(fOptions.cached_blocks);
         fShown = shown.release();
     }
-    State(const State&) = delete;
-    State& operator=(const State&) = delete;
     ~State() {
         delete fShown.load();
         if (fOwn.load()->forks == platform::forkCount()) delete fOwn.load();
