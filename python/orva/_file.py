@@ -7,7 +7,6 @@ import operator
 import os
 import threading
 import warnings
-from types import TracebackType
 from typing import Any, Literal, NoReturn
 
 from . import _orva
@@ -183,13 +182,8 @@ class File(io.RawIOBase):
         if self._writing is not None:
             self._writing.drop()
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        value: BaseException | None,
-        traceback: TracebackType | None,
-    ) -> None:
-        if kind is not None and self._writing is not None and not self.closed:
+    def __exit__(self, *raised: object) -> None:
+        if raised[0] is not None and self._writing is not None and not self.closed:
             self._let_go()
         self.close()
 

@@ -5,7 +5,6 @@ from __future__ import annotations
 import operator
 import os
 from collections.abc import Iterable, Iterator
-from types import TracebackType
 from typing import Any, Literal
 
 import numpy as np
@@ -325,9 +324,7 @@ class Rows:
         self._open()
         return self
 
-    def __exit__(
-        self, kind: type[BaseException] | None, value: BaseException | None, traceback: TracebackType | None
-    ) -> None:
+    def __exit__(self, *raised: object) -> None:
         self.close()
 
     def __reduce__(self) -> Any:

@@ -54,9 +54,6 @@ public:
         if (!kForksTakeIt && PyGILState_GetThisThreadState() == nullptr) makeKnown();
         takeOrWait([&] { fLock.emplace(); });
     }
-    held(const held&) = delete;
-    held& operator=(const held&) = delete;
-    ~held() = default;
 
 private:
     static constexpr bool kForksTakeIt = PY_VERSION_HEX >= 0x030D0000;
