@@ -40,7 +40,7 @@ public:
         const shownFile file = openFile("append", fPart);
         progress bar(fProgress, "append", knownSize(fIn).value_or(-1));
         const std::int64_t added = fFirst.empty() ? addNothing(file) : append(file, from, bar);
-        bar.finish(shownName(file.name) + ": " + humanSize(static_cast<double>(added)) + " of rows added");
+        bar.finish(shownName(file.name) + ": " + humanSize(added) + " of rows added");
         return kAllWell;
     }
 

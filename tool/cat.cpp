@@ -109,11 +109,9 @@ private:
     }
 
     std::string summary(const output& out, std::int64_t total) const {
-        const std::string all = humanSize(static_cast<double>(total));
+        const std::string all = humanSize(total);
         return shownName(fPart.file) + ": " +
-               (out.open()
-                    ? all
-                    : humanSize(static_cast<double>(out.written())) + " of " + all + " written, then nobody read on");
+               (out.open() ? all : humanSize(out.written()) + " of " + all + " written, then nobody read on");
     }
 
     // What one block has of one range.

@@ -59,7 +59,7 @@ private:
     }
 
     static std::string sized(std::int64_t bytes) {
-        return counted(bytes, "byte") + (bytes < 1024 ? "" : " (" + humanSize(static_cast<double>(bytes)) + ")");
+        return counted(bytes, "byte") + (bytes < 1024 ? "" : " (" + humanSize(bytes) + ")");
     }
 
     std::string summary() const {
@@ -74,9 +74,8 @@ private:
 
     // The block size that the index tells is the same in all files, whatever length their writer chose.
     std::string longest() const {
-        const auto shorter = [](const orva::Block& a, const orva::Block& b) { return a.rows.length < b.rows.length; };
-        const auto found = std::max_element(fInfo.blocks.begin(), fInfo.blocks.end(), shorter);
-        return " of up to " + counted(found->rows.length, "byte") + ", ";
+        const auto length = [](const orva::Block& block) { return block.rows.length; };
+        return " of up to " + counted(std::ranges::max(fInfo.blocks, {}, length).rows.length, "byte") + ", ";
     }
 
     std::string fileRatio() const {

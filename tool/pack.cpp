@@ -56,8 +56,8 @@ public:
         if (!fDict.empty()) noteHidden("pack", fOut, std::ssize(dictionary));
         std::error_code moved;  // by somebody who has waited for it
         const auto packed = static_cast<std::int64_t>(std::filesystem::file_size(fOut, moved));
-        bar.finish(shownName(fOut) + ": " + humanSize(static_cast<double>(rows.size())) + " to " +
-                   humanSize(static_cast<double>(packed)) + ", " + ratioText(rows.size(), packed));
+        bar.finish(shownName(fOut) + ": " + humanSize(rows.size()) + " to " + humanSize(packed) + ", " +
+                   ratioText(rows.size(), packed));
         return kAllWell;
     }
 

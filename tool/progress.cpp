@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <utility>
 
@@ -59,14 +60,14 @@ double progress::secondsSinceStart() const {
     return std::chrono::duration<double>(clock::now() - fStart).count();
 }
 
-double progress::bytesPerSecond() const {
-    return static_cast<double>(fDone) / std::max(secondsSinceStart(), 1e-6);
+std::int64_t progress::bytesPerSecond() const {
+    return std::llround(static_cast<double>(fDone) / std::max(secondsSinceStart(), 1e-6));
 }
 
 // The last column stays free: a terminal goes on to the next line behind it. The bar gives way to the numbers.
 void progress::draw() {
     const auto room = static_cast<std::size_t>(std::max(terminalWidth() - 1, 0));
-    std::string line = humanSize(static_cast<double>(fDone)) + "  " + humanSize(bytesPerSecond()) + "/s";
+    std::string line = humanSize(fDone) + "  " + humanSize(bytesPerSecond()) + "/s";
     if (fTotal > 0) {
         const double share = std::min(1.0, static_cast<double>(fDone) / static_cast<double>(fTotal));
         line.insert(0, std::to_string(static_cast<int>(share * 100)) + "% ");

@@ -39,7 +39,7 @@ private:
     using clock = std::chrono::steady_clock;
 
     double secondsSinceStart() const;
-    double bytesPerSecond() const;
+    std::int64_t bytesPerSecond() const;
     void draw();
     void erase();
 

@@ -12,7 +12,7 @@
 #include <limits>
 
 struct keyType {
-    const char* name;
+    std::string_view name;
     std::size_t width;
     std::optional<std::uint64_t> (*ofText)(std::string_view text);
     std::optional<std::uint64_t> (*ofBytes)(const unsigned char* bytes, bool swapped);
@@ -52,7 +52,7 @@ std::optional<std::uint64_t> rankOfBytes(const unsigned char* bytes, bool swappe
 }
 
 template <class Value>
-constexpr keyType typeOf(const char* name) {
+constexpr keyType typeOf(std::string_view name) {
     return {name, sizeof(Value), &rankOfText<Value>, &rankOfBytes<Value>};
 }
 
@@ -60,8 +60,7 @@ constexpr keyType kTypes[] = {typeOf<std::int32_t>("i32"),  typeOf<std::int64_t>
                               typeOf<std::uint64_t>("u64"), typeOf<float>("f32"),        typeOf<double>("f64")};
 
 const keyType* findType(std::string_view name) {
-    const auto* const found =
-        std::find_if(std::begin(kTypes), std::end(kTypes), [&](const keyType& type) { return type.name == name; });
+    const auto* const found = std::ranges::find(kTypes, name, &keyType::name);
     return found == std::end(kTypes) ? nullptr : found;
 }
 

@@ -58,14 +58,12 @@ std::string grouped(std::int64_t number) {
     return text;
 }
 
-std::string humanSize(double bytes) {
+std::string humanSize(std::int64_t bytes) {
     constexpr const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    auto size = static_cast<double>(bytes);
     std::size_t unit = 0;
-    while (bytes >= 1023.95 && unit + 1 < std::size(units)) {  // what would be printed as 1024.0
-        bytes /= 1024;
-        ++unit;
-    }
-    return formatted(unit == 0 ? "%.0f %s" : "%.1f %s", bytes, units[unit]);
+    for (; size >= 1023.95; ++unit) size /= 1024;  // what would be printed as 1024.0
+    return formatted(unit == 0 ? "%.0f %s" : "%.1f %s", size, units[unit]);
 }
 
 std::string ratioText(std::int64_t before, std::int64_t after) {

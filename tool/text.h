@@ -13,7 +13,7 @@ std::optional<std::int64_t> number(std::string_view digits);
 // 61,234,567
 std::string grouped(std::int64_t number);
 // 58.4 MiB
-std::string humanSize(double bytes);
+std::string humanSize(std::int64_t bytes);
 // 4.96:1; a dash where nothing was stored
 std::string ratioText(std::int64_t before, std::int64_t after);
 // "1 block", "2 blocks"

@@ -36,8 +36,8 @@ private:
         fInfo = file.info;
         progress bar(fProgress, "verify", fInfo.size);
         fReport = orva::verify(file.reader, {.threads = fThreads.count(), .progress = bar.follower()});
-        bar.finish(shownName(fPart.file) + ": " + counted(fReport.blocks, "block") + ", " +
-                   humanSize(static_cast<double>(fInfo.size)) + " of rows, " + verdict());
+        bar.finish(shownName(fPart.file) + ": " + counted(fReport.blocks, "block") + ", " + humanSize(fInfo.size) +
+                   " of rows, " + verdict());
         print();
         if (!fReport.sound()) throw toolFailure(kDamaged, fPart.file, summary());
     }
