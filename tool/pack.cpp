@@ -73,13 +73,12 @@ private:
 
     // Before anything is written: a misspelt last name should not cost the work on the first ones.
     void checkInputs() const {
-        if (std::count(fInputs.begin(), fInputs.end(), "-") > 1) {
+        if (std::ranges::count(fInputs, "-") + (fDict == "-" ? 1 : 0) > 1) {
             usageError("standard input (-) can be read only once");
         }
         for (const std::string& name : fInputs) {
             if (name != "-") checkReadable(name);
         }
-        if (!fDict.empty()) checkReadable(fDict);
         requireOtherFile(fOut, fInputs);
     }
 
