@@ -41,7 +41,10 @@ public:
         requireOtherFile(fOut, fInputs);
         for (const std::string& name : fInputs) openFile("join", {name, fPart.row0, false});
         orva::JoinOptions options{.row0 = fPart.place(), .durable = !fOutput.noSync, .replace = fOutput.force};
-        if (!fDict.empty()) options.dictionary = readDictionary(fDict);
+        if (!fDict.empty()) {
+            options.dictionary = readDictionary(fDict);
+            options.permissions = orva::commonPermissions(std::vector<orva::Path>{fDict});
+        }
         if (fCheck) checkBlocks();
         progress bar(fProgress, "join", storedSize());
         options.progress = bar.follower();

@@ -40,15 +40,16 @@ public:
         chooseOutput();
         checkInputs();
         const std::vector<std::byte> dictionary = dictionaryPart();
+        std::vector<orva::Path> sources(fInputs.begin(), fInputs.end());
+        if (!fDict.empty()) sources.emplace_back(fDict);
         progress bar(fProgress, "pack", totalSize());
-        orva::Writer rows(
-            fOut, {.dictionary = dictionary,
-                   .threads = fThreads.count(),
-                   .durable = !fOutput.noSync,
-                   .replace = fOutput.force,
-                   .level = fChoices.level,
-                   .block = fChoices.block,
-                   .permissions = orva::commonPermissions(std::vector<orva::Path>(fInputs.begin(), fInputs.end()))});
+        orva::Writer rows(fOut, {.dictionary = dictionary,
+                                 .threads = fThreads.count(),
+                                 .durable = !fOutput.noSync,
+                                 .replace = fOutput.force,
+                                 .level = fChoices.level,
+                                 .block = fChoices.block,
+                                 .permissions = orva::commonPermissions(sources)});
         for (const std::string& name : fInputs) {
             input(name).readInto(rows, [&](std::int64_t count) { bar.advance(count); });
         }

@@ -54,10 +54,10 @@ auto blaming(std::span<const Path> inputs, Work work) {
     }
 }
 
-// A new file that `make` writes under the name that it is given, for whoever may use all of `inputs`.
+// A new file that `make` writes under the name that it is given, for whom `permissions` let use it.
 template <class Make>
-auto made(const Path& to, std::span<const Path> inputs, bool replace, bool durable, Make make) {
-    pendingFile pending(to, replace, commonPermissions(inputs));
+auto made(const Path& to, std::filesystem::perms permissions, bool replace, bool durable, Make make) {
+    pendingFile pending(to, replace, permissions);
     return translated(
         to,
         [&] {
@@ -211,7 +211,7 @@ RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& op
             throw DamagedFileError(withoutAdvice(damage), from);
         }
     };
-    const recoverReport found = made(to, {&from, 1}, options.replace, options.durable, write);
+    const recoverReport found = made(to, commonPermissions({&from, 1}), options.replace, options.durable, write);
     RecoverReport report{found.part.row0Pos,  found.part.swapped,  found.hadHeading,
                          found.hadIndex,      found.blocks,        found.rows,
                          found.committedRows, found.lastRewritten, {}};
@@ -334,7 +334,7 @@ private:
 
 JoinReport join(std::span<const Path> from, const Path& to, const JoinOptions& options) {
     joining work(from, to, options);
-    return made(to, from, options.replace, options.durable,
+    return made(to, commonPermissions(from) & options.permissions, options.replace, options.durable,
                 [&](const std::string& output) { return work.write(output); });
 }
 

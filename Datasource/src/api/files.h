@@ -12,6 +12,7 @@
 #include <orva/reader.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <span>
@@ -44,7 +45,7 @@ ORVA_API FileInfo info(const Reader& reader);
 
 struct VerifyOptions {
     std::optional<i64> row0{};
-    int threads = 1;  // the caller's counted, 256 at most; 0: one a core
+    int threads = 1;  // the caller's counted, above 256 as 256; 0: one a core
     Progress progress{};
     i64 first_block = 0;  // those before it are passed over
 };
@@ -123,6 +124,7 @@ struct JoinOptions {
     bool durable = true;
     bool replace = false;
     Progress progress{};
+    std::filesystem::perms permissions{0666};  // of the file, less the umask, and no more than all of the files allow
 };
 
 struct JoinReport {
