@@ -61,7 +61,7 @@ struct ORVA_API ByteSource {
 
 struct ReaderOptions {
     std::optional<i64> row0{};  // where heading and rows begin in the file; without it Reader finds it
-    int threads = 1;            // that inflate a read of blocks, the caller's counted, at most 256; 0: one a core
+    int threads = 1;            // that inflate a read of blocks, the caller's counted, above 256 as 256; 0: one a core
     int cached_blocks = 1;      // kept inflated, up to 4 MiB each: at least one a thread that reads in small pieces
 };
 

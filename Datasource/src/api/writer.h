@@ -8,9 +8,10 @@
 // exception between constructor and finish() leaves nothing behind, and an append goes back to what it found.
 //
 // Units:   bytes of rows; sizes have 64 bits.
-// Owner:   file and memory, one to two blocks of 4 MiB, eight more MiB for each thread beside the caller's.
+// Owner:   file and memory: one to two blocks of 4 MiB, on n threads some 8 n + 8 MiB, with shorter blocks less.
 // Threads: one at a time. Threads of its own compress where asked; they end in finish() or with the Writer.
-// Fork:    a child writes and removes nothing: its write, flush_rows and finish are UsageError, its destructor lets go.
+// Fork:    a child writes and removes nothing: its flush_rows and finish are UsageError, and a write once a block is
+//          full; its destructor lets go.
 // Failure: error.h; std::bad_alloc. A failure is final: nothing of a new file is left, an append is undone, which the
 //          text says, and every later call but the destructor is UsageError.
 #pragma once
@@ -34,7 +35,7 @@ namespace orva {
 struct WriterOptions {
     std::vector<std::byte> dictionary{};  // stands in front of the rows, byte for byte; empty: 512 bytes of text that
                                           // say where the rows begin, so that Reader and `orva` need no row0
-    int threads = 1;                      // that compress, the caller's counted, 256 at most; 0: one a core
+    int threads = 1;                      // that compress, the caller's counted, above 256 as 256; 0: one a core
     bool durable = true;                  // finish() returns once the file would survive a loss of power
     bool replace = false;                 // a file that has the name, once this one is finished
     int level = 1;                        // of compression, 1 to 12; without the fast engines to 9
