@@ -35,7 +35,7 @@ blockShelf::rows blockShelf::memory(const shownPart& part) {
 void blockShelf::keep(std::uint64_t part, std::uint32_t number, rows kept) {
     const std::lock_guard guard(fLock);
     if (fMost == 0) return;
-    (fEntries.size() < fMost ? fEntries.emplace_back() : oldest()) = {part, number, ++fClock, std::move(kept)};
+    (fEntries.size() < fMost ? fEntries.emplace_back() : oldest()) = entry{part, number, ++fClock, std::move(kept)};
 }
 
 void blockShelf::putBack(rows copied) {
