@@ -11,25 +11,31 @@ namespace {
 constexpr std::size_t kColumns = 80;
 constexpr std::size_t kTextBegin = 20;  // behind the longest option of most verbs
 
-std::string wrapped(const std::string& text) {
+// The name, and its text in a column beside it. The parser's own line differs from one of its versions to the next.
+std::string entry(const std::string& name, const std::string& text) {
+    const std::string newLine = '\n' + std::string(kTextBegin, ' ');
+    std::string lines = "  " + name;
+    if (lines.size() < kTextBegin) {
+        lines.resize(kTextBegin, ' ');
+    } else {
+        lines += newLine;
+    }
     std::istringstream words(text);
-    std::string lines;
-    std::size_t used = 0;
-    for (std::string word; words >> word; used += word.size()) {
-        if (used != 0) {
-            const bool fits = kTextBegin + used + 1 + word.size() <= kColumns;
-            lines += fits ? ' ' : '\n';
-            used = fits ? used + 1 : 0;
+    std::size_t column = kTextBegin;
+    for (std::string word; words >> word; column += word.size()) {
+        if (column != kTextBegin) {
+            const bool fits = column + 1 + word.size() <= kColumns;
+            lines += fits ? " " : newLine;
+            column = fits ? column + 1 : kTextBegin;
         }
         lines += word;
     }
-    return lines;
+    return lines + '\n';
 }
 
 class layout : public CLI::Formatter {
 public:
     layout() {
-        column_width(kTextBegin);
         label("Positionals", "Files");
         label("OPTIONS", "options");
         label("SUBCOMMAND", "VERB");
@@ -39,13 +45,11 @@ public:
         const std::string& taken = option->get_option_text();
         return taken.empty() ? "" : ' ' + taken;
     }
-    std::string make_option_desc(const CLI::Option* option) const override {
-        return wrapped(option->get_description());
+    std::string make_option(const CLI::Option* option, bool positional) const override {
+        return entry(make_option_name(option, positional) + make_option_opts(option), option->get_description());
     }
     std::string make_subcommand(const CLI::App* verb) const override {
-        std::ostringstream out;
-        CLI::detail::format_help(out, verb->get_name(), wrapped(verb->get_description()), column_width_);
-        return out.str();
+        return entry(verb->get_name(), verb->get_description());
     }
 };
 
