@@ -199,9 +199,10 @@ private:
             std::int64_t at = record * fRecordSize;
             record += count;
             for (const std::int64_t end = record * fRecordSize; at < end;) {
-                const std::string_view bytes = rows.from(at).substr(0, static_cast<std::size_t>(end - at));
-                out.write(bytes.data(), bytes.size());
-                at += static_cast<std::int64_t>(bytes.size());
+                const std::string_view bytes = rows.from(at);
+                const std::int64_t size = std::min<std::int64_t>(std::ssize(bytes), end - at);
+                out.write(bytes.data(), static_cast<std::size_t>(size));
+                at += size;
             }
             bar.advance(count * fRecordSize);
         }

@@ -100,8 +100,8 @@ private:
     std::size_t read(const orva::Reader& reader, i64 offset, orva::Bytes to,
                      const std::optional<py::list>& lost) const {
         if (offset < 0) throw py::value_error("rows begin at offset 0");
-        const i64 left = std::max<i64>(reader.size() - offset, 0);
-        const orva::Bytes wanted = to.first(std::min(to.size(), static_cast<std::size_t>(left)));
+        const orva::Bytes wanted =
+            to.first(static_cast<std::size_t>(std::clamp<i64>(reader.size() - offset, 0, std::ssize(to))));
         if (!lost && wanted.size() <= kSmallRead) return gil::without([&] { return reader.read_at(offset, wanted); });
         collecting(lost, [&](std::vector<orva::Range>* found) {
             blockwise reads(reader, fBlocks, found);

@@ -145,8 +145,7 @@ namespace {
 // Cuts a request at the borders of blocks.
 template <class Take>
 std::size_t cut(const shownPart& part, i64 offset, Bytes to, Take take) {
-    const i64 left = part.size() - offset;
-    const std::size_t got = left <= 0 ? 0 : std::min(to.size(), static_cast<std::size_t>(left));
+    const auto got = static_cast<std::size_t>(std::clamp<i64>(part.size() - offset, 0, std::ssize(to)));
     if (got == 0) return 0;
     std::size_t done = 0;
     for (std::uint32_t block = part.blockAt(offset); done < got; ++block) {
