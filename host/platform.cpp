@@ -42,7 +42,8 @@ template <class Raw>
 std::int64_t hooked(faults::Hook& hook, Step step, Raw raw) {
     const int errnoBefore = errno;
     const faults::Verdict verdict = hook.before(step);
-    if (verdict.error == 0 || step.call == Call::Close) step.result = raw(std::min(step.size, verdict.limit));
+    if (verdict.error == 0 || step.call == Call::Close)
+        step.result = raw(static_cast<std::size_t>(std::min(step.size, verdict.limit)));
     if (step.result < 0) step.error = errno;
     if (verdict.error != 0) {
         step.result = -1;
@@ -63,12 +64,12 @@ std::int64_t rawCall(const Step& step, Raw raw) {
 #ifdef ORVA_FAULT_SEAM
     if (faults::Hook* hook = gHook.load(std::memory_order_acquire)) return hooked(*hook, step, raw);
 #endif
-    return raw(step.size);
+    return raw(static_cast<std::size_t>(step.size));
 }
 
 template <class Raw>
 int rawStatus(const Step& step, Raw raw) {
-    return static_cast<int>(rawCall(step, [&](std::uint64_t) -> std::int64_t { return raw(); }));
+    return static_cast<int>(rawCall(step, [&](std::size_t) -> std::int64_t { return raw(); }));
 }
 
 int rawOpen(const char* name, int flags, mode_t mode) {
@@ -78,14 +79,14 @@ int rawOpen(const char* name, int flags, mode_t mode) {
 
 std::int64_t rawRead(int descriptor, char* buffer, std::uint64_t size, std::int64_t offset) {
     const Step step{.call = Call::Read, .descriptor = descriptor, .size = size, .data = buffer, .offset = offset};
-    return rawCall(step, [&](std::uint64_t most) {
+    return rawCall(step, [&](std::size_t most) {
         return offset == kOwnPlace ? ::read(descriptor, buffer, most) : ::pread(descriptor, buffer, most, offset);
     });
 }
 
 std::int64_t rawWrite(int descriptor, const char* buffer, std::uint64_t size, std::int64_t offset) {
     const Step step{.call = Call::Write, .descriptor = descriptor, .size = size, .data = buffer, .offset = offset};
-    return rawCall(step, [&](std::uint64_t most) {
+    return rawCall(step, [&](std::size_t most) {
         return offset == kOwnPlace ? ::write(descriptor, buffer, most) : ::pwrite(descriptor, buffer, most, offset);
     });
 }
@@ -279,7 +280,7 @@ bool hasWriter(int descriptor) noexcept {
 
 std::int64_t _lseeki64(int descriptor, std::int64_t offset, int origin) noexcept {
     const Step step{.call = Call::Seek, .descriptor = descriptor, .flags = origin, .offset = offset};
-    return rawCall(step, [&](std::uint64_t) { return ::lseek(descriptor, offset, origin); });
+    return rawCall(step, [&](std::size_t) { return ::lseek(descriptor, offset, origin); });
 }
 
 std::int64_t nextStored(int descriptor, std::int64_t offset) noexcept {

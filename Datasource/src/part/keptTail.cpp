@@ -32,7 +32,7 @@ public:
         if (fBegin == 0) fBegin = place;
         const auto from = static_cast<std::uint64_t>(place - fBegin);
         if (from > fBytes.size() || size > fBytes.size() - from) return false;
-        std::memcpy(to, fBytes.data() + from, size);
+        std::memcpy(to, fBytes.data() + from, static_cast<std::size_t>(size));
         return true;
     }
 
@@ -110,8 +110,9 @@ std::optional<keptTail> parse(const fileBytes& sideFile) {
     const std::int64_t behindHeading = tail.row0Pos + kHeadingSize;
     const filePosRecord last = index->records.empty() ? filePosRecord{0, behindHeading, 0, 0} : index->records.back();
     tail.indexPos = index->heading._indexPos;
-    tail.index.assign(rest.begin(), rest.begin() + index->heading._size);
-    tail.block.assign(rest.begin() + index->heading._size, rest.end());
+    const unsigned char* const behindIndex = rest.data() + index->heading._size;
+    tail.index.assign(rest.data(), behindIndex);
+    tail.block.assign(behindIndex, rest.data() + rest.size());
     const std::int32_t kept = tail.block.empty() ? 0 : last.translateSize;
     const bool meets = tail.untouchedEnd == last.translatePos + last.translateSize - kept;
     return meets && std::ssize(tail.block) == kept ? std::optional(tail) : std::nullopt;

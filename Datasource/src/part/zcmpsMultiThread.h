@@ -59,7 +59,7 @@ private:
         bool bDeflated = false;
     };
 
-    slot& at(std::uint64_t number) { return fSlots[number % fSlots.size()]; }
+    slot& at(std::uint64_t number) { return fSlots[static_cast<std::size_t>(number % fSlots.size())]; }
     slot& freeSlot();
     void handOver(slot& block, std::uint32_t size);
     void helpOrAwait(guard& lock);
