@@ -21,7 +21,8 @@ TEST_F(Reader, GivesTheRowsOfAnyRangesInAnyOrder) {
         EXPECT_EQ(reader.row0(), 512);
         EXPECT_TRUE(sameBytes(allRows(reader), rows));
         EXPECT_EQ(rowsAt(reader, std::ssize(rows) - 5, 10).size(), 5U);
-        for (const i64 behind : {std::ssize(rows), i64{INT64_MAX}}) EXPECT_EQ(rowsAt(reader, behind, 10).size(), 0U);
+        for (const i64 behind : {i64{std::ssize(rows)}, i64{INT64_MAX}})
+            EXPECT_EQ(rowsAt(reader, behind, 10).size(), 0U);
         std::vector<Bytes> memory;
         std::vector<orva::ReadRequest> requests;
         for (int i = 0; i < 50; ++i) memory.emplace_back(random.below(i % 20 == 7 ? 2 * kBlock : 300'000));

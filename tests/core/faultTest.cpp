@@ -189,7 +189,7 @@ TEST_F(Faults, AStreamThatIsWrittenAndRead) {
             if ((road & 1) != 0) stream.EnableMultiThreadReading();
             if ((road & 2) != 0) stream.DisablePreReading();
         });
-        for (const std::int64_t end : {100L, 1'000L, kBlock + 1'960, kBlock + 40'955}) {
+        for (const std::int64_t end : {std::int64_t{100}, std::int64_t{1'000}, kBlock + 1'960, kBlock + 40'955}) {
             untilDone(s, [&] {
                 stream.Clear();
                 const std::int64_t at = stream.Tell();  // what was not taken, or waits, is written by this attempt

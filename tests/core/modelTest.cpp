@@ -203,7 +203,7 @@ struct CompressedModel : TempDir {
         // A short last block is taken back, cut or not.
         fOpen = !fSizes.empty() && fSizes.back() < fLength;
         if (fOpen && random.oneIn(2)) {
-            const std::uint64_t cut = random.below(static_cast<std::uint64_t>(fSizes.back()) + 1);
+            const std::size_t cut = random.below(static_cast<std::uint64_t>(fSizes.back()) + 1);
             fRows.resize(fRows.size() - cut);
             fSizes.back() -= static_cast<std::int32_t>(cut);
             if (fSizes.back() == 0) fSizes.pop_back(), fOpen = false;

@@ -11,6 +11,7 @@
 #include <pthread.h>
 
 #include <new>
+#include <type_traits>
 
 #if ORVA_FAST_CODEC
 #include <libdeflate.h>
@@ -45,6 +46,7 @@ template <class Function>
 Function* nextOf(const char* symbol) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
 }
+constexpr bool kLong = std::is_same_v<std::size_t, unsigned long>;  // as names of functions tell it
 void requireMemory(std::size_t size) {
     if (size > mostAtOnce || strikes(Fault::Memory)) throw std::bad_alloc();
 }
@@ -61,12 +63,13 @@ const bool isCodecMemory = (libdeflate_set_memory_allocator(codecMemory, std::fr
 // Found before the system's own, by the standard library too, whose other forms of new call these. The memory comes
 // from the next one, whose delete takes it back.
 void* operator new(std::size_t size) {
-    static const auto next = nextOf<void*(std::size_t)>("_Znwm");
+    static const auto next = nextOf<void*(std::size_t)>(kLong ? "_Znwm" : "_Znwj");
     requireMemory(size);
     return next(size);
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
-    static const auto next = nextOf<void*(std::size_t, std::align_val_t)>("_ZnwmSt11align_val_t");
+    static const auto next =
+        nextOf<void*(std::size_t, std::align_val_t)>(kLong ? "_ZnwmSt11align_val_t" : "_ZnwjSt11align_val_t");
     requireMemory(size);
     return next(size, alignment);
 }

@@ -85,7 +85,8 @@ public:
 
 private:
     void took(const Bytes& bytes) {
-        if (!bytes.empty()) fContent = with(std::move(fContent), appends() ? end() : fPosition, bytes);
+        const std::int64_t at = appends() ? end() : fPosition;
+        if (!bytes.empty()) fContent = with(std::move(fContent), at, bytes);
         moveTo(fPosition + std::ssize(bytes));
     }
     std::int64_t padded() const { return (std::ssize(fContent) + 15) / 16 * 16; }

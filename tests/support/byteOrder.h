@@ -13,7 +13,7 @@ namespace support {
 inline Bytes swapped(Bytes file, std::int64_t row0) {
     compressionHeading heading{};
     std::memcpy(&heading, &file.at(static_cast<std::size_t>(row0)), sizeof heading);
-    const auto turn = [&](std::int64_t at, int width) { std::reverse(file.begin() + at, file.begin() + at + width); };
+    const auto turn = [&](std::int64_t at, int width) { std::reverse(&file[0] + at, &file[0] + at + width); };
     for (const int field : {0, 8, 16}) turn(row0 + field, 8);
     for (std::int64_t at = heading._indexPos; at < heading._indexPos + heading._size; at += kRecordSize) {
         for (const int field : {0, 8}) turn(at + field, 8);

@@ -30,7 +30,7 @@ inline void writeBytes(const std::string& file, const Bytes& bytes) {
 }
 // None where there is no file.
 inline Bytes readBytes(const std::string& file) {
-    Bytes bytes(std::filesystem::exists(file) ? std::filesystem::file_size(file) : 0);
+    Bytes bytes(std::filesystem::exists(file) ? static_cast<std::size_t>(std::filesystem::file_size(file)) : 0);
     std::ifstream(file, std::ios::binary).read(reinterpret_cast<char*>(bytes.data()), std::ssize(bytes));
     return bytes;
 }
@@ -80,10 +80,10 @@ public:
     }
 
     // 0 to `bound` - 1.
-    std::uint64_t below(std::uint64_t bound) { return fEngine() % bound; }
+    std::size_t below(std::uint64_t bound) { return static_cast<std::size_t>(fEngine() % bound); }
     // `low` to `high`, both included.
     std::int64_t between(std::int64_t low, std::int64_t high) {
-        return low + static_cast<std::int64_t>(below(static_cast<std::uint64_t>(high - low) + 1));
+        return low + static_cast<std::int64_t>(fEngine() % (static_cast<std::uint64_t>(high - low) + 1));
     }
     bool oneIn(std::uint64_t n) { return below(n) == 0; }
 

@@ -165,7 +165,7 @@ struct secondReader {
             const std::int64_t left = block->record.orginalPos + block->record.orginalSize - pos;
             if (left <= 0 || !block->rows) return std::nullopt;
             const std::int64_t count = std::min(left, size - std::ssize(rows));
-            rows.insert(rows.end(), block->rows->end() - left, block->rows->end() - left + count);
+            rows = std::move(rows) + slice(*block->rows, std::ssize(*block->rows) - left, count);
             pos += count;
         }
         return rows;
