@@ -258,12 +258,14 @@ int openShared(const char* name, int oflag, int shflag, int pmode) noexcept {
 
 // Who only asks for a writer holds the lock for microseconds, or longer if its thread loses the core just then: that is
 // waited for. Behind a writer the refusal comes at once, behind anybody else who shares the lock in a tenth of a
-// second.
+// second. Network file systems give a lock for one alone only to who may write, with EBADF for all others: a shared one
+// keeps writers out as well.
 int lockAgainstWriters(int descriptor) noexcept {
     constexpr int tries = 100;
     constexpr std::chrono::milliseconds pause(1);
     for (int i = 0; i < tries; ++i) {
         if (restarted([&] { return rawLock(descriptor, LOCK_EX); }) == 0 || hasNoLocks(errno)) return 0;
+        if (errno == EBADF) return restarted([&] { return rawLock(descriptor, LOCK_SH); });
         if (errno != EWOULDBLOCK || hasWriter(descriptor)) return -1;
         std::this_thread::sleep_for(pause);
     }

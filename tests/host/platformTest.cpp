@@ -30,9 +30,9 @@ class Script : public platform::faults::Hook {
 public:
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
     Verdict before(const platform::faults::Step& /*step*/) override {
-        static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},        {"=EINVAL", EINVAL},
-                                                       {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE},  {"=EAGAIN", EAGAIN},
-                                                       {"=EROFS", EROFS},   {"=ENOTSUP", ENOTSUP}};
+        static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},         {"=EINVAL", EINVAL},
+                                                       {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE},   {"=EAGAIN", EAGAIN},
+                                                       {"=EROFS", EROFS},   {"=ENOTSUP", ENOTSUP}, {"=EBADF", EBADF}};
         std::string word;
         fDialogue >> word;
         fAnswer = word.substr(std::min(word.find('='), word.size()));
@@ -91,6 +91,14 @@ int askedBesideAnother(int descriptor) {
     return found ? 1 : 0;
 }
 
+// What a writer finds then.
+int lockedFor(int descriptor) {
+    const int writer = openedAnew(descriptor);
+    const int result = platform::lockAgainstWriters(descriptor) | ::flock(writer, LOCK_EX | LOCK_NB);
+    ::close(writer);
+    return result;
+}
+
 // While the number of standard input is free.
 int openedWithoutInput(int /*descriptor*/) {
     const int input = ::dup(0);
@@ -124,6 +132,7 @@ const CallCase kCalls[] = {
     {"GoesOnWithoutLocks", kTruncate, nullptr, "O L=ENOLCK T ", 0, ""},
     {"WhoAsksForAWriterIsNone", kTruncate, nullptr, "O L=EAGAIN L L T ", 0, ""},
     {"AWriterIsNotWaitedFor", kTruncate, nullptr, "O L=EAGAIN L=EAGAIN C ", EAGAIN, kDigits},
+    {"WhereOnlyWhoWritesMayLockAlone", platform::_O_RDONLY, lockedFor, "O L=EBADF L ", EAGAIN, kDigits},
     {"OthersMayAskAtOnce", platform::_O_RDONLY, askedBesideAnother, "O L ", 0, kDigits},
     {"ACloseUnlocksTheCopies", kWrite, lockedAfter<+closeFile>, "O L D c C ", 0, kDigits},
     {"AFailedCloseKeepsTheLock", kWrite, lockedAfter<+closeFile>, "O L D c=EIO ", EAGAIN, kDigits},
