@@ -145,6 +145,7 @@ TEST_F(Faults, TheFace) {
             expectRows();
         });
         EXPECT_THAT(heard, AnyOf("", ContainsRegex(s.fault.told)));
+        EXPECT_THAT(s.text, AnyOf("", ContainsRegex(s.fault.kind == Fault::Threads ? "ask for fewer" : "")));
         EXPECT_TRUE(heard.empty() || s.reached()) << heard << " out of nothing";
         for (const auto& entry : std::filesystem::directory_iterator(directory)) {
             // Calls that fail cannot remove it either.

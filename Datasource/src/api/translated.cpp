@@ -19,6 +19,9 @@ std::string without(std::string text, const std::string& part) {
     return text;
 }
 
+constexpr const char* kFewerThreads =
+    "; a thread could not be started: ask for fewer of them, or raise the limits on processes and memory";
+
 std::string quoted(const std::string& name) {
     return '"' + name + '"';
 }
@@ -85,7 +88,8 @@ void rethrowTranslated(const Path& path, const std::string& workName, std::optio
     } catch (const ::DamagedFileError& damage) {
         throw DamagedFileError(textOf(damage, path, workName), path, offset, damage.place().block);
     } catch (const std::system_error& failure) {  // of a thread that could not be started, or of a name
-        throw SystemError(failure.code(), textOf(failure, path), path);
+        const bool thread = failure.code() == std::errc::resource_unavailable_try_again;
+        throw SystemError(failure.code(), textOf(failure, path) + (thread ? kFewerThreads : ""), path);
     } catch (const std::logic_error& breach) {
         throw UsageError(breach.what(), path);
     }
