@@ -7,8 +7,6 @@
 
 using namespace fuzz;
 
-namespace {
-
 constexpr std::ptrdiff_t kHeader = 2;  // of a zlib stream
 
 // The zlib stream of raw deflate bytes, so that it is never the checksum alone which refuses them.
@@ -52,8 +50,6 @@ void deflateInto(const Bytes& block, std::uint32_t room) {
     });
     require(!whole || rowsOfWhole(stream.data(), sizeOf(stream)) == block, "what ends comes back as it was");
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider steps(data, size);

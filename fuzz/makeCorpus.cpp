@@ -7,8 +7,6 @@
 
 using namespace fuzz;
 
-namespace {
-
 using Files = std::map<std::string, Bytes>;
 
 SeededBytes any(1);
@@ -62,8 +60,6 @@ void put(const std::string& directory, const std::string& name, Bytes input, uns
     std::filesystem::create_directories(directory);
     writeBytes(directory + '/' + name, input);
 }
-
-}  // namespace
 
 int main(int count, char** arguments) {
     if (count != 2) return 2;

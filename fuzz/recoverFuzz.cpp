@@ -6,8 +6,6 @@
 
 using namespace fuzz;
 
-namespace {
-
 // The rows of every whole stream in the file.
 std::vector<Bytes> streamsOf(const Bytes& file) {
     std::vector<Bytes> streams;
@@ -42,8 +40,6 @@ Bytes withoutLost(Bytes rows, const orva::recoverReport& report) {
     }
     return rows;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input in(data, size);

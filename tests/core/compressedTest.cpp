@@ -11,7 +11,6 @@
 #include <thread>
 
 namespace core {
-namespace {
 
 using testing::AllOf, testing::HasSubstr, testing::StartsWith;
 
@@ -39,11 +38,8 @@ TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
     EXPECT_EQ(refusal(kBlock + 1, kBestLevel + 1), length + "not 4190209" + level + "not " + above);
     beginRows(*stream);
     EXPECT_EQ(refusal(kBlock, 2), length + late + level + late);
-    write(*stream, Bytes(10, 'x'));
     if (GetParam() != 1) takeRoad(*stream, kTwo);  // not too late: no thread is there yet
-    write(*stream, Bytes(99'990, 'x'));
-    EXPECT_EQ(stream->Close(), 1);
-    expectFinished(readBytes(fName), Bytes(100'000, 'x'), {70'000, 30'000});
+    finish(*stream, Bytes(100'000, 'x'), {70'000, 30'000});
 }
 
 TEST_P(CompressedWrite, CutsABlockThatDeflateCannotFitAtAnyLevel) {
@@ -233,7 +229,7 @@ TEST_F(ShortBlocks, AForkWhileWorkersLive) {
             EXPECT_EQ(writer->Close() + reader->Close() + plain.Close(), 0);
             writer->abandon();
             writer.reset();
-            reader.release().reset();
+            reader.reset();
             EXPECT_EQ(Reader(fName, road, kRow0).read(30'000), rows);
         });
         EXPECT_EQ(readBytes(path("plain")), Bytes());
@@ -245,5 +241,4 @@ TEST_F(ShortBlocks, AForkWhileWorkersLive) {
     }
 }
 
-}  // namespace
 }  // namespace core

@@ -99,25 +99,18 @@ struct ShortBlocks : TempDir {
 };
 
 // A stream that reads a finished file.
-class Reader {
-public:
+struct Reader : std::unique_ptr<zcmpsFilestr> {
     explicit Reader(const std::string& name, int road = 0, std::int64_t row0 = 0, bool swap = false)
-        : fStream(std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"))) {
-        if (fStream->Good() == 0) throw SystemFileException(1201, "", "", 0, true);
-        takeRoad(*fStream, road);
-        if (row0 != 0) fStream->readFilePosInfo(row0, swap);
+        : unique_ptr(std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"))) {
+        if (get()->Good() == 0) throw SystemFileException(1201, "", "", 0, true);
+        takeRoad(**this, road);
+        if (row0 != 0) get()->readFilePosInfo(row0, swap);
     }
-    zcmpsFilestr* operator->() const { return fStream.get(); }
-    zcmpsFilestr& operator*() const { return *fStream; }
-    std::unique_ptr<zcmpsFilestr> release() { return std::move(fStream); }
-    Bytes read(std::size_t size) const { return core::read(*fStream, size); }
+    Bytes read(std::size_t size) const { return core::read(**this, size); }
     Bytes readAt(std::int64_t position, std::size_t size) const {
-        fStream->Seek(position, ORVA_StrBaseIO::SeekFromStart);
+        get()->Seek(position, ORVA_StrBaseIO::SeekFromStart);
         return read(size);
     }
-
-private:
-    std::unique_ptr<zcmpsFilestr> fStream;
 };
 
 template <class Struct>

@@ -12,7 +12,6 @@
 #include <span>
 
 namespace core {
-namespace {
 
 using testing::AnyOf, testing::ContainsRegex, testing::StartsWith;
 
@@ -214,7 +213,6 @@ TEST_F(Faults, AStreamThatIsWrittenAndRead) {
     SetKeepEncrypt(false);
 }
 
-}  // namespace
 }  // namespace core
 
 namespace recovery {

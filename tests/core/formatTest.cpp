@@ -9,7 +9,6 @@
 #include <orva/zlibCompress.h>
 
 namespace core {
-namespace {
 
 const Bytes kRows = RandomBytes(7).rows(100'000);
 const Bytes kNoise = RandomBytes(8).noise(kBlock);
@@ -130,5 +129,4 @@ TEST(StoredBytes, MoveInPiecesOneBehindTheOther) {
     EXPECT_EQ(next, 2 * std::int64_t{orva::kLongestTransfer} + 1);
 }
 
-}  // namespace
 }  // namespace core

@@ -198,7 +198,7 @@ struct CompressedModel : TempDir {
     void append(RandomBytes& random, int road) {
         const std::vector<std::int32_t> sizesBefore = fSizes;
         const Bytes before = fRows;
-        auto stream = Reader(fName, road == 1 || road > 100 ? road : 0, kRow0, fSwap).release();
+        std::unique_ptr<zcmpsFilestr> stream = Reader(fName, road == 1 || road > 100 ? road : 0, kRow0, fSwap);
         choose(random, *stream);
         // A short last block is taken back, cut or not.
         fOpen = !fSizes.empty() && fSizes.back() < fLength;

@@ -9,7 +9,6 @@
 #include <thread>
 
 namespace core {
-namespace {
 
 // All make the same promises to their caller.
 template <class Worker>
@@ -121,5 +120,4 @@ TEST_F(ShortBlocks, TenThousandLivesEnd) {
     EXPECT_TRUE(heard > lives / 10 && unheard > lives / 50) << heard << " heard, " << unheard << " not";
 }
 
-}  // namespace
 }  // namespace core

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 
-namespace {
-
 TEST(ThrowError, TellsProgramsAndPersonsWhatFailed) {
     const auto expectTold = [](int error, long code, const char* file, const std::string& text) {
         const auto raised = [&] { errno = error, ThrowError::StringSys("datasrc.err", code, file); };
@@ -20,5 +18,3 @@ TEST(ThrowError, TellsProgramsAndPersonsWhatFailed) {
     EXPECT_EQ(full.code(), std::error_code(ENOSPC, std::generic_category()));
     EXPECT_TRUE(full.catalog() == "datasrc.err" && full.messageCode() == 1002 && full.fileName() == "x");
 }
-
-}  // namespace

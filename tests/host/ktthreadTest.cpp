@@ -8,8 +8,6 @@
 
 using namespace support;
 
-namespace {
-
 using namespace std::chrono_literals;
 
 // Runs a function, and counts itself while it exists.
@@ -86,5 +84,3 @@ TEST(KtThreadPool, ThreadsOutliveErrorsTakeNoSignalsDisposeOfWhatNeverRanAndHold
         EXPECT_TRUE(sigismember(&inPool, signal) && !sigismember(&after, signal)) << signal;
     EXPECT_FALSE(sigismember(&inPool, SIGSEGV));
 }
-
-}  // namespace

@@ -10,8 +10,6 @@
 #include <sstream>
 #include <string>
 
-namespace {
-
 using namespace support;
 
 constexpr int kWrite = platform::_O_RDWR | platform::_O_CREAT;
@@ -198,5 +196,3 @@ TEST_F(PlatformTest, AWriterLocksTheFileThatItsNameLeadsTo) {
     EXPECT_TRUE(opened(name, kTruncate) == -1 && errno == EWOULDBLOCK);
     EXPECT_EQ(std::filesystem::file_size(name), 10U) << "truncated though it was never locked";
 }
-
-}  // namespace

@@ -12,8 +12,6 @@
 #include <numeric>
 #include <thread>
 
-namespace {
-
 using namespace support;
 using Operation = int (*)(unsigned char**, int*, const unsigned char*, int) noexcept;
 
@@ -80,5 +78,3 @@ TEST(Workdir, ThreadsShareOneRandomKeyAndAForkWhileItIsMadeLetsTheChildEnd) {
         });
     }
 }
-
-}  // namespace

@@ -7,8 +7,6 @@
 
 #include <gmock/gmock.h>
 
-namespace {
-
 using namespace support;
 
 struct Cipher : TempDir {
@@ -127,5 +125,3 @@ TEST_F(Cipher, TransfersCostOneCallEachAndACloseLosesWhatWaits) {
     EXPECT_THROW(compressed.readFilePosInfo(112, false), FileError);
     EXPECT_EQ(std::filesystem::file_size(fPath), 16U);
 }
-
-}  // namespace

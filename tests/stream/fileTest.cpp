@@ -6,8 +6,6 @@
 #include <orva/refCntObject.h>
 #include <orva/zcmpsFilestr.h>
 
-namespace {
-
 using namespace support;
 
 struct File : TempDir {
@@ -186,5 +184,3 @@ TEST(RefCounted, HoldersShareTheLastOneDeletesAndSomeGetFreshCopies) {
     first = nullptr, second = nullptr;
     EXPECT_TRUE(first.IsValid() == 0 && Counted::alive == 0);
 }
-
-}  // namespace
