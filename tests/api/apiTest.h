@@ -72,6 +72,11 @@ struct FaceTest : TempDir {
         writer.finish();
         return path(name);
     }
+    void append(const std::string& name, const Bytes& rows) const {
+        orva::Writer writer = orva::Writer::append(path(name));
+        writer.write(spanOf(rows));
+        writer.finish();
+    }
     Bytes rowsOf(const std::string& name) const { return allRows(orva::Reader(path(name))); }
     // The names in the directory.
     Names names() const {

@@ -2,9 +2,7 @@
 // file that changes meanwhile.
 #include "api/apiTest.h"
 
-using namespace api;
-
-namespace {
+namespace api {
 
 struct Files : FaceTest {
     // The last that a `progress` was told, which never goes back, and of how much.
@@ -55,11 +53,7 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
     EXPECT_THROW(orva::recover(path("all"), path("none"), {.progress = stop}), std::domain_error);
     EXPECT_THROW(orva::join(parts, path("none"), {.progress = stop}), std::domain_error);
     // Its last block is another one than that which was copied.
-    const auto grow = [&](i64, i64) {
-        orva::Writer more = orva::Writer::append(path("a"));
-        more.write(spanOf(Bytes(10)));
-        more.finish();
-    };
+    const auto grow = [&](i64, i64) { append("a", Bytes(10)); };
     EXPECT_EQ(thrownBy([&] { orva::join(parts, path("none"), {.progress = grow}); }), "FileChangedError");
     // What `join` throws where `answer` is what becomes of a look at a heading; the first one has number 0.
     const auto joinWhere = [&](int look, std::span<const orva::Path> inputs, const std::function<Verdict()>& answer) {
@@ -91,4 +85,4 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
     EXPECT_EQ(names(), (Names{"a", "again", "all", "b", "none"}));
 }
 
-}  // namespace
+}  // namespace api

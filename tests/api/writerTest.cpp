@@ -4,24 +4,27 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
-using namespace api;
-
-namespace {
+namespace api {
 
 class Writer : public FaceTest {};
 
-TEST_F(Writer, TakesRowsInAnySizesAndWaysIntoANewFileAndBehindItsRows) {
-    RandomBytes random(11);
-    const Bytes rows = random.rows(3 * kBlock + 12'345);
-    for (const int threads : {1, 3}) {
-        for (const i64 old : {i64{0}, i64{std::ssize(rows)}}) {
-            const orva::WriterOptions fresh{.threads = threads, .replace = true, .level = 2, .block = 1'000'000};
-            orva::Writer writer =
-                old == 0 ? orva::Writer(path("rows"), fresh) : orva::Writer::append(path("rows"), {.threads = threads});
-            for (std::size_t at = 0; at < rows.size();) {
-                ASSERT_EQ(writer.size(), old + static_cast<i64>(at));
+TEST_F(Writer, TakesRowsInAnyWayThatAReaderGivesInAnyWay) {
+    for (std::uint64_t seed = 1; seed <= (kSanitized ? 4 : 10); ++seed) {
+        RandomBytes random(seed);
+        const int threads = seed % 2 == 0 ? 1 : 3;
+        const Dictionary dictionary(seed % 3 == 0 ? 10'000 : 0);
+        const Bytes rows = random.rows(random.below(3 * kBlock));
+        const std::size_t first = random.below(rows.size());
+        orva::WriterOptions options{.dictionary = dictionary, .threads = threads, .replace = true, .level = 2};
+        options.block = 1'000'000;
+        std::size_t at = 0;
+        for (const std::size_t end : {first, rows.size()}) {
+            orva::Writer writer = end == first ? orva::Writer(path("rows"), options)
+                                               : orva::Writer::append(path("rows"), {.threads = threads});
+            while (at < end) {
+                ASSERT_EQ(writer.size(), static_cast<i64>(at));
                 const std::size_t sizes[] = {0, random.below(20), random.below(100'000), random.below(2 * kBlock)};
-                Bytes piece = slice(rows, at, sizes[random.below(4)]);
+                Bytes piece = slice(rows, at, std::min(end - at, sizes[random.below(4)]));
                 const auto way = random.below(4);
                 if (way == 0) {
                     const orva::Bytes room = writer.room();
@@ -36,12 +39,33 @@ TEST_F(Writer, TakesRowsInAnySizesAndWaysIntoANewFileAndBehindItsRows) {
             }
             writer.finish();
             writer.finish();
-            EXPECT_EQ(writer.size(), old + std::ssize(rows));
             EXPECT_EQ(thrownBy([&] { writer.write(spanOf(rows)); }), "UsageError");
-            EXPECT_TRUE(sameBytes(rowsOf("rows"), old == 0 ? rows : rows + rows));
+        }
+        const std::optional<i64> row0 = dictionary.empty() ? std::nullopt : std::optional<i64>(10'000);
+        const auto from = std::make_shared<source>(readBytes(path("rows")));
+        for (const orva::Reader& reader : {orva::Reader(path("rows"), {.threads = threads}),
+                                           orva::Reader(from, {.row0 = row0, .threads = threads})}) {
+            EXPECT_LE(from->reads, 3);
+            EXPECT_TRUE(reader.row0() == row0.value_or(512) && (!row0 || reader.dictionary() == dictionary));
+            EXPECT_TRUE(sameBytes(allRows(reader), rows));
+            for (const i64 behind : {std::ssize(rows), INT64_MAX}) EXPECT_EQ(rowsAt(reader, behind, 10), Bytes());
+            std::vector<Dictionary> memory;
+            std::vector<orva::ReadRequest> requests;
+            for (int i = 0; i < 20; ++i) {
+                memory.emplace_back(random.below(i == 7 ? 2 * kBlock : 300'000));
+                requests.push_back({random.between(0, std::ssize(rows)), memory.back(), 0});
+            }
+            reader.read_ranges(requests);
+            for (const orva::ReadRequest& request : requests) {
+                const Bytes expected = slice(rows, request.offset, request.to.size());
+                EXPECT_TRUE(std::ranges::equal(request.to.first(request.got), spanOf(expected)));
+                EXPECT_TRUE(sameBytes(rowsAt(reader, request.offset, request.to.size()), expected));
+            }
+            const std::vector<orva::Block> blocks = reader.blocks();
+            EXPECT_TRUE(first < 2'000'000 || blocks.at(blocks.size() - 2).rows.length == 1'000'000)
+                << "what was added has the file's own length of blocks";
         }
     }
-    EXPECT_EQ(orva::Reader(path("rows")).blocks()[20].rows.length, 1'000'000) << "as the file's own, in what was added";
     EXPECT_EQ(names(), Names{"rows"});
 }
 
@@ -293,9 +317,7 @@ TEST_F(Writer, AnAppendIsInTheFileThatHasTheNameOrFails) {
                     std::filesystem::rename(path("copy"), path("rows"));
                 return Verdict::goOn();
             });
-            orva::Writer writer = orva::Writer::append(path("rows"));
-            writer.write(spanOf(Bytes(10, 'b')));
-            writer.finish();
+            append("rows", Bytes(10, 'b'));
         });
         EXPECT_EQ(thrown, rowsOf("rows").size() == 110 ? "" : "SystemError ESTALE") << looks;
     }
@@ -337,4 +359,4 @@ TEST_F(Writer, ServesStandardStreams) {
     EXPECT_EQ(thrownBy([&] { orva::istream(path("rows")).get(); }), "DamagedFileError of block 0 at 0");
 }
 
-}  // namespace
+}  // namespace api
