@@ -8,7 +8,6 @@ import pickle
 import signal
 import subprocess
 import sys
-import threading
 import warnings
 from pathlib import Path
 from typing import Any, Callable
@@ -184,14 +183,6 @@ def test_a_fork_while_a_task_opens_its_file(shared: Path, monkeypatch: pytest.Mo
 
     monkeypatch.setattr(orva.dask, "_kept", opened)
     assert np.array_equal(array.compute(scheduler="sync"), ROWS)
-
-
-def test_a_writers_child_writes_nothing(tmp_path: Path) -> None:
-    with orva.open(tmp_path / "new.orva", "xb") as file:
-        file.write(b"rows")
-        for work in (lambda: file.write(b"more"), file.close):
-            assert ends_well_in_a_child(lambda: pytest.raises(ValueError, work).match("another process"))
-    assert orva.open(tmp_path / "new.orva").read() == b"rows"
 
 
 def test_a_writer_tells_of_whole_writes_to_other_threads(tmp_path: Path) -> None:
