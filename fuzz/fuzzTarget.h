@@ -1,7 +1,7 @@
 // What the fuzz targets share: a promise that ends the run when it is broken, files, and an input taken apart.
 #pragma once
 
-#include "support/secondReader.h"
+#include "support/partModel.h"
 
 #include <orva/blockSize.h>
 #include <orva/errors.h>
@@ -19,6 +19,12 @@
 #include <limits>
 #include <optional>
 
+void support::require(bool held, const char* promise) {
+    if (held) return;
+    std::fprintf(stderr, "broken promise: %s\n", promise);
+    __builtin_trap();
+}
+
 namespace fuzz {
 
 using namespace support;
@@ -26,33 +32,19 @@ using namespace support;
 constexpr std::int64_t kRow0 = 64;  // of every file of the corpora
 constexpr std::size_t kSteps = 48;  // bytes of steering
 
-inline void require(bool held, const char* promise) {
-    if (held) return;
-    std::fprintf(stderr, "broken promise: %s\n", promise);
-    __builtin_trap();
-}
-
-// True when `body` came to its end, false when it threw `Damage`. Any other exception ends the run.
-template <class Damage = DamagedFileError, class Body>
-bool soundFor(Body body) {
-    try {
-        body();
-        return true;
-    } catch (const Damage&) {
-        return false;
-    }
-}
-
 inline std::string pathOf(const char* name) {
     return (std::filesystem::temp_directory_path() / (std::to_string(getpid()) + '-' + name)).string();
 }
 
 // An input: a file, and behind it the numbers that steer what is done to it.
-struct Input {
+struct Input : Choices {
     Input(const std::uint8_t* data, std::size_t size)
         : file(data, data + (size - std::min(size, kSteps))), steps(data + file.size(), size - file.size()) {
         swap = steps.ConsumeBool();
         writeBytes(name, file);
+    }
+    std::uint64_t below(std::uint64_t bound) override {
+        return steps.ConsumeIntegralInRange<std::uint64_t>(0, bound - 1);
     }
     const std::string name = pathOf("file");
     const Bytes file;
@@ -103,10 +95,12 @@ inline Inflated inflated(const unsigned char* from, std::size_t size, std::size_
     return {whole, ours.consumed, std::move(rows)};
 }
 
+inline Inflated inflatedBlock(const unsigned char* from, std::size_t size) {
+    return inflated(from, size);
+}
 // The second reader, by streams as the library's codec takes them.
 struct Part : secondReader {
-    Part(const Bytes& from, std::int64_t at, bool swap)
-        : secondReader(from, at, swap, [](auto* bytes, auto size) { return inflated(bytes, size); }) {}
+    Part(const Bytes& from, std::int64_t at, bool swap) : secondReader(from, at, swap, inflatedBlock) {}
 };
 
 }  // namespace fuzz

@@ -11,8 +11,6 @@
 
 using namespace fuzz;
 
-namespace {
-
 bool opens(const Input& in, const orva::foundPart& where) {
     const Part reference(in.file, where.row0Pos, where.swapped);
     std::optional<orva::finishedPart> part;
@@ -29,33 +27,13 @@ bool opens(const Input& in, const orva::foundPart& where) {
     return true;
 }
 
-// Threads take their time, and most of what reading checks needs none.
-void takeRoad(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
+// Threads take their time, and most of what reading checks needs none. May the file be opened anew on this road?
+bool takeRoad(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
     const int road = steps.ConsumeIntegralInRange(0, 15);
     if (road < 2) stream.setMultiThread(2);
     if (road == 2 || road == 3) stream.setThreadCount(2);
     stream.setBlockCache(steps.ConsumeIntegralInRange(0, 3));
-}
-
-// By `read`, which fills its buffer and gives how much came.
-template <class Damage, class Read>
-void readAsTheOther(const Part& reference, std::int64_t pos, std::uint32_t size, Read read) {
-    Bytes rows(size);
-    const bool sound = soundFor<Damage>([&] { rows.resize(read(rows)); });
-    const std::optional<Bytes> expected = reference.read(pos, size);
-    require(sound == expected.has_value(), "a read fails exactly where it meets damage");
-    require(!sound || rows == *expected, "a read gives the rows that the file holds");
-}
-
-void readByStream(zcmpsFilestr& stream, const Part& reference, FuzzedDataProvider& steps) {
-    const std::int64_t pos = kRow0 + steps.ConsumeIntegral<std::int16_t>();
-    const auto size = steps.ConsumeIntegralInRange<std::uint32_t>(0, 3 * kBlockSize);
-    stream.Seek(pos, ORVA_StrBaseIO::SeekFromStart);
-    readAsTheOther<DamagedFileError>(reference, pos, size, [&](Bytes& rows) {
-        const std::uint32_t count = stream.Read(rows.data(), size);
-        require(stream.Tell() == pos + count, "the position moves by what was read");
-        return count;
-    });
+    return road >= 2;
 }
 
 // orva::Reader finds out the byte order by itself.
@@ -91,8 +69,6 @@ void joinTwice(const std::string& name) {
     require(!sound || allRows(twice) == allRows(once) + allRows(once), "the rows of one behind those of the other");
 }
 
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input in(data, size);
     std::optional<orva::foundPart> found;
@@ -107,10 +83,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     zcmpsFilestr stream(ORVA_FileStream(in.name.c_str(), "rb"));
-    takeRoad(stream, in.steps);
+    const bool opensAnew = takeRoad(stream, in.steps);
     require(soundFor([&] { stream.readFilePosInfo(kRow0, in.swap); }) == opened, "a stream opens the same parts");
-    const Part reference(in.file, kRow0, in.swap);
-    while (opened && in.steps.remaining_bytes() != 0) readByStream(stream, reference, in.steps);
+    PartModel model(in.name, kRow0, in.swap, in, inflatedBlock);
+    while (opened && in.steps.remaining_bytes() != 0) model.read(stream, opensAnew);
     unsigned char byte = 0;
     require(opened || !soundFor([&] { stream.Read(&byte, 1); }), "a part that does not open cannot be read");
     require(stream.Close() == 1, "a reader closes");

@@ -60,8 +60,21 @@ inline Bytes joined(const std::vector<Bytes>& parts) {
     return all;
 }
 
+// Numbers that say what comes next.
+class Choices {
+public:
+    virtual ~Choices() = default;
+    // 0 to `bound` - 1.
+    virtual std::uint64_t below(std::uint64_t bound) = 0;
+    // `low` to `high`, both included.
+    std::int64_t between(std::int64_t low, std::int64_t high) {
+        return low + static_cast<std::int64_t>(below(static_cast<std::uint64_t>(high - low) + 1));
+    }
+    bool oneIn(std::uint64_t n) { return below(n) == 0; }
+};
+
 // Bytes of a seed.
-class SeededBytes {
+class SeededBytes : public Choices {
 public:
     explicit SeededBytes(std::uint64_t seed) : fEngine(seed) {}
 
@@ -79,13 +92,7 @@ public:
         return bytes;
     }
 
-    // 0 to `bound` - 1.
-    std::size_t below(std::uint64_t bound) { return static_cast<std::size_t>(fEngine() % bound); }
-    // `low` to `high`, both included.
-    std::int64_t between(std::int64_t low, std::int64_t high) {
-        return low + static_cast<std::int64_t>(fEngine() % (static_cast<std::uint64_t>(high - low) + 1));
-    }
-    bool oneIn(std::uint64_t n) { return below(n) == 0; }
+    std::uint64_t below(std::uint64_t bound) override { return fEngine() % bound; }
 
 private:
     std::mt19937_64 fEngine;
