@@ -1,7 +1,6 @@
 #include "blockRows.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -37,15 +36,4 @@ std::string_view blockRows::from(std::int64_t offset) {
     const auto* rows = reinterpret_cast<const char*>(fCurrent.rows.get());
     const std::int64_t into = offset - fCurrent.held.offset;
     return {rows + into, static_cast<std::size_t>(fCurrent.held.length - into)};
-}
-
-void blockRows::copy(std::int64_t offset, std::size_t size, void* to) {
-    auto* dest = static_cast<unsigned char*>(to);
-    while (size > 0) {
-        const std::string_view rows = from(offset).substr(0, size);
-        std::memcpy(dest, rows.data(), rows.size());
-        offset += static_cast<std::int64_t>(rows.size());
-        dest += rows.size();
-        size -= rows.size();
-    }
 }

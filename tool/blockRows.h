@@ -26,8 +26,15 @@ public:
     const shownFile& file() const { return fFile; }
     // From the byte at `offset` to the end of its block. Valid until a third block is asked for.
     std::string_view from(std::int64_t offset);
-    // The `size` bytes from `offset` on, all of them rows.
-    void copy(std::int64_t offset, std::size_t size, void* to);
+    // Calls take(string_view) for the `size` bytes from `offset` on, all of them rows, block by block.
+    template <class Take>
+    void pass(std::int64_t offset, std::int64_t size, Take take) {
+        for (const std::int64_t end = offset + size; offset < end;) {
+            const std::string_view rows = from(offset).substr(0, static_cast<std::size_t>(end - offset));
+            take(rows);
+            offset += static_cast<std::int64_t>(rows.size());
+        }
+    }
     // How many blocks were inflated.
     std::int64_t inflated() const { return fInflated; }
 

@@ -18,7 +18,6 @@
 #include <exception>
 #include <limits>
 #include <memory>
-#include <span>
 #include <string_view>
 #include <vector>
 
@@ -73,7 +72,7 @@ private:
         requireOtherFile(fOut, {&fPart.file, 1});
         output out(fOut, fOutput, fPart.file);
         progress bar(fProgress, "cat", total);
-        copyPieces(file, piecesOf(file, ranges), out, bar);
+        copyPieces(file.reader, worksFor(file, ranges), out, bar);
         out.finish();
         bar.finish(summary(out, total));
         if (fLostRanges == 0) return;
@@ -114,43 +113,36 @@ private:
                (out.open() ? all : humanSize(out.written()) + " of " + all + " written, then nobody read on");
     }
 
-    // What one block has of one range.
-    struct piece {
-        std::size_t number;
-        orva::Range rows;
+    // What one block has of the ranges that follow each other.
+    struct work {
+        orva::Range block;
+        std::vector<orva::Range> pieces;
     };
-    static std::vector<piece> piecesOf(const shownFile& file, const std::vector<orva::Range>& ranges) {
-        std::vector<piece> pieces;
+    static std::vector<work> worksFor(const shownFile& file, const std::vector<orva::Range>& ranges) {
+        std::vector<work> works;
         for (const orva::Range& wanted : ranges) {
             const std::int64_t end = wanted.offset + wanted.length;
-            for (std::int64_t at = wanted.offset; at < end; at += pieces.back().rows.length) {
-                const std::size_t number = blockAt(file.info.blocks, at);
-                const orva::Range& block = file.info.blocks[number].rows;
-                pieces.push_back({number, {at, std::min(end, block.offset + block.length) - at}});
+            for (std::int64_t at = wanted.offset; at < end; at += works.back().pieces.back().length) {
+                const orva::Range& block = file.info.blocks[blockAt(file.info.blocks, at)].rows;
+                if (works.empty() || works.back().block != block) works.push_back({block, {}});
+                works.back().pieces.push_back({at, std::min(end, block.offset + block.length) - at});
             }
         }
-        return pieces;
+        return works;
     }
 
-    // The pieces of one block that follow each other are one piece of work. Each thread writes what it has inflated: a
-    // core that reads what another one wrote takes its memory's cache lines away, which that one has to win back.
-    void copyPieces(const shownFile& file, const std::vector<piece>& pieces, output& out, progress& bar) {
-        std::vector<std::span<const piece>> works;
-        for (auto at = pieces.begin(); at != pieces.end();) {
-            const auto next =
-                std::find_if(at, pieces.end(), [=](const piece& one) { return one.number != at->number; });
-            works.emplace_back(at, next);
-            at = next;
-        }
+    // Each thread writes what it has inflated: a core that reads what another one wrote takes its memory's cache lines
+    // away, which that one has to win back.
+    void copyPieces(const orva::Reader& reader, const std::vector<work>& works, output& out, progress& bar) {
         const auto threads =
             static_cast<std::int32_t>(std::min(works.size(), static_cast<std::size_t>(fThreads.count())));
         runInOrder(threads, works.size(), [&] {
             return [&, memory = blockMemory()](std::size_t number) {
-                const orva::Range& wanted = file.info.blocks[works[number].front().number].rows;
-                const std::exception_ptr failure = inflate(file.reader, wanted, memory.get());
-                return [&, failure, number, rows = memory.get(), begin = wanted.offset] {
-                    for (const piece& one : works[number])
-                        copyPiece(one.rows, rows + (one.rows.offset - begin), failure, out, bar);
+                const orva::Range& block = works[number].block;
+                const std::exception_ptr failure = inflate(reader, block, memory.get());
+                return [&, failure, number, rows = memory.get(), begin = block.offset] {
+                    for (const orva::Range& piece : works[number].pieces)
+                        copyPiece(piece, rows + (piece.offset - begin), failure, out, bar);
                     return out.open();
                 };
             };
@@ -196,14 +188,9 @@ private:
         while (record < search.records() && out.open()) {
             const std::int64_t count = search.countFrom(record);
             if (count == 0) break;
-            std::int64_t at = record * fRecordSize;
+            rows.pass(record * fRecordSize, count * fRecordSize,
+                      [&](std::string_view bytes) { out.write(bytes.data(), bytes.size()); });
             record += count;
-            for (const std::int64_t end = record * fRecordSize; at < end;) {
-                const std::string_view bytes = rows.from(at);
-                const std::int64_t size = std::min<std::int64_t>(std::ssize(bytes), end - at);
-                out.write(bytes.data(), static_cast<std::size_t>(size));
-                at += size;
-            }
             bar.advance(count * fRecordSize);
         }
         return record - first;

@@ -190,7 +190,9 @@ std::int64_t recordSearch::countFrom(std::int64_t record) {
 
 std::uint64_t recordSearch::rankOf(std::int64_t record, std::uint64_t before) {
     unsigned char key[8];
-    fRows.copy(keyPlace(record), fRange.width(), key);
+    unsigned char* to = key;
+    fRows.pass(keyPlace(record), static_cast<std::int64_t>(fRange.width()),
+               [&](std::string_view bytes) { to = std::copy(bytes.begin(), bytes.end(), to); });
     const auto rank = fRange.rank(key, fRows.file().info.swapped);
     if (!rank || *rank < before) refuse(record);
     return *rank;
