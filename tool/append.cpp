@@ -87,7 +87,7 @@ private:
     orva::Writer begin(const shownFile& file) const {
         try {
             return orva::Writer::append(file.name, {.row0 = file.info.row0,
-                                                    .threads = fThreads.count(),
+                                                    .threads = fThreads.wanted,
                                                     .durable = !fNoSync,
                                                     .level = fChoices.level,
                                                     .any_order = true});

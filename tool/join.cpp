@@ -59,7 +59,7 @@ public:
 private:
     void checkBlocks() const {
         for (const std::string& name : fInputs) {
-            requireSound(name, orva::verify(name, {.row0 = fPart.place(), .threads = fThreads.count()}));
+            requireSound(name, orva::verify(name, {.row0 = fPart.place(), .threads = fThreads.wanted}));
         }
     }
 

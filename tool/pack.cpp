@@ -44,7 +44,7 @@ public:
         if (!fDict.empty()) sources.emplace_back(fDict);
         progress bar(fProgress, "pack", totalSize());
         orva::Writer rows(fOut, {.dictionary = dictionary,
-                                 .threads = fThreads.count(),
+                                 .threads = fThreads.wanted,
                                  .durable = !fOutput.noSync,
                                  .replace = fOutput.force,
                                  .level = fChoices.level,

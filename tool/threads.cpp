@@ -15,10 +15,6 @@ namespace {
 
 constexpr std::int32_t kMostThreads = 256;  // each holds two blocks of memory
 
-std::int32_t cores() {
-    return static_cast<std::int32_t>(std::thread::hardware_concurrency());
-}
-
 // Who may do what in runInOrder.
 class turns {
 public:
@@ -73,7 +69,8 @@ void threadOptions::addTo(CLI::App& command) {
 }
 
 std::int32_t threadOptions::count() const {
-    return wanted != 0 ? wanted : std::clamp(cores(), 1, kMostThreads);
+    const auto cores = static_cast<std::int32_t>(std::thread::hardware_concurrency());
+    return wanted != 0 ? wanted : std::clamp(cores, 1, kMostThreads);
 }
 
 void runInOrder(std::int32_t threads, std::size_t count, const std::function<orderedWorker()>& makeWorker) {

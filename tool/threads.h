@@ -10,7 +10,7 @@ class App;
 }
 
 struct threadOptions {
-    std::int32_t wanted = 0;  // 0: as many as there are cores
+    std::int32_t wanted = 0;  // 0: as many as there are cores, which the library counts itself
 
     void addTo(CLI::App& command);
     std::int32_t count() const;

@@ -35,7 +35,7 @@ private:
     void verify(const shownFile& file) {
         fInfo = file.info;
         progress bar(fProgress, "verify", fInfo.size);
-        fReport = orva::verify(file.reader, {.threads = fThreads.count(), .progress = bar.follower()});
+        fReport = orva::verify(file.reader, {.threads = fThreads.wanted, .progress = bar.follower()});
         bar.finish(shownName(fPart.file) + ": " + counted(fReport.blocks, "block") + ", " + humanSize(fInfo.size) +
                    " of rows, " + verdict());
         print();

@@ -20,7 +20,6 @@ using orva::i64;
 namespace {
 
 constexpr std::size_t kSmallRead = 65'536;  // lies in two blocks at most, as a rule
-constexpr const char* kClosed = "I/O operation on closed file";
 
 // A Reader that can be closed. A call that is under way then ends with a Reader of its own.
 class closableReader {
@@ -34,7 +33,7 @@ public:
     void close() { fReader.reset(); }
     bool isClosed() const { return !fReader; }
     orva::Reader get() const {
-        if (!fReader) throw py::value_error(kClosed);
+        if (!fReader) throw py::value_error("I/O operation on closed file");
         return *fReader;
     }
 
