@@ -142,16 +142,14 @@ std::vector<Range> Reader::splits(int count, i64 record_size) const {
 
 namespace {
 
-// Cuts a request at the borders of blocks.
-template <class Take>
-std::size_t cut(const shownPart& part, i64 offset, Bytes to, Take take) {
+// Cuts a request at the borders of blocks, and gives the bytes that there are for it.
+std::size_t cut(const shownPart& part, i64 offset, Bytes to, std::vector<rowPiece>& pieces) {
     const auto got = static_cast<std::size_t>(std::clamp<i64>(part.size() - offset, 0, std::ssize(to)));
-    if (got == 0) return 0;
-    std::size_t done = 0;
-    for (std::uint32_t block = part.blockAt(offset); done < got; ++block) {
+    std::uint32_t block = got == 0 ? 0 : part.blockAt(offset);
+    for (std::size_t done = 0; done < got; ++block) {
         const i64 from = offset + static_cast<i64>(done) - part.begin(block);
         const i64 size = std::min(part.begin(block + 1) - part.begin(block) - from, static_cast<i64>(got - done));
-        take(rowPiece{block, from, size, to.data() + done});
+        pieces.push_back({block, from, size, to.data() + done});
         done += static_cast<std::size_t>(size);
     }
     return got;
@@ -160,12 +158,9 @@ std::size_t cut(const shownPart& part, i64 offset, Bytes to, Take take) {
 }  // namespace
 
 std::size_t Reader::read_at(i64 offset, Bytes to) const {
-    require(offset >= 0, path(), "rows begin at offset 0");
-    const State::partPtr part = fState->shown();
-    std::vector<rowPiece> pieces;
-    const std::size_t got = cut(*part, offset, to, [&](const rowPiece& piece) { pieces.push_back(piece); });
-    fState->read(*part, pieces);
-    return got;
+    ReadRequest request{offset, to};
+    read_ranges({&request, 1});
+    return request.got;
 }
 
 void Reader::read_ranges(std::span<ReadRequest> requests) const {
@@ -173,9 +168,9 @@ void Reader::read_ranges(std::span<ReadRequest> requests) const {
     std::vector<rowPiece> pieces;
     for (ReadRequest& request : requests) {
         require(request.offset >= 0, path(), "rows begin at offset 0");
-        request.got = cut(*part, request.offset, request.to, [&](const rowPiece& piece) { pieces.push_back(piece); });
+        request.got = cut(*part, request.offset, request.to, pieces);
     }
-    std::ranges::sort(pieces, {}, [](const rowPiece& piece) { return piece.block; });
+    std::ranges::sort(pieces, {}, &rowPiece::block);
     fState->read(*part, pieces);
 }
 

@@ -10,6 +10,7 @@
 #include <orva/errtext.h>
 #include <orva/sideFile.h>
 
+#include <algorithm>
 #include <atomic>
 #include <utility>
 
@@ -119,8 +120,7 @@ std::int64_t shownPart::begin(std::uint32_t number) const {
 }
 
 std::uint32_t shownPart::blockAt(std::int64_t offset) const {
-    const auto behind = std::upper_bound(fRecords.begin(), fRecords.end(), offset + row0(),
-                                         [](std::int64_t pos, const filePosRecord& r) { return pos < r.orginalPos; });
+    const auto behind = std::ranges::upper_bound(fRecords, offset + row0(), {}, &filePosRecord::orginalPos);
     return static_cast<std::uint32_t>(behind - fRecords.begin()) - 1;
 }
 
