@@ -169,10 +169,7 @@ class Rows:
             wanted = wanted.astype(np.int64)
         if wanted.dtype.kind == "b" and wanted.ndim == 1:
             if len(wanted) != len(self):
-                raise IndexError(
-                    "boolean index did not match indexed array along dimension 0; "
-                    f"dimension is {len(self)} but corresponding boolean dimension is {len(wanted)}"
-                )
+                np.broadcast_to(np.int8(0), len(self))[wanted]  # numpy's error
             return np.flatnonzero(wanted)
         if wanted.dtype.kind not in "iu":
             return None

@@ -58,7 +58,7 @@ def leave(file: orva.File) -> None:
 
 
 def leave_where_warnings_are_errors(file: orva.File) -> None:
-    warnings.simplefilter("error")
+    warnings.simplefilter("error", ResourceWarning)
     io.BufferedWriter(file).write(b"x")
     raise KeyError
 
