@@ -72,7 +72,8 @@ class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
     """Reads rows through another file system. Paths are that one's.
 
     fo: the file that the path '' means. target_protocol, target_options: make the other file system, as for
-    `fsspec.filesystem`.
+    `fsspec.filesystem`. Several files are named by their paths: of a list of `orva::` URLs fsspec hands on the first alone,
+    or, in older versions, a list that is refused.
 
     `info` opens a file, since its size is of rows; `ls`, and with it a glob, opens none and tells no sizes. `ukey` is the
     target's. Opening costs at most three reads of the store and then each block one. Nothing is written: io.UnsupportedOperation.

@@ -107,7 +107,7 @@ BAD: list[tuple[Any, ...]] = [
     (TypeError, "a list of names, not 'time'", lambda: orva.to_frame("trades.orva", "time")),
     # Engines.
     (io.UnsupportedOperation, "only reads", lambda: fsspec.filesystem("orva").open("bytes.orva", "wb")),
-    (ValueError, "opens one file", lambda: fsspec.open_files(["orva::file://a", "orva::file://b"])),
+    (ValueError, "opens one file", lambda: fsspec.filesystem("orva", fo=["a", "b"])),
     (ValueError, "no file to read", lambda: orva.dask.from_rows([])),
     (ValueError, "numbers.orva\" has rows of float64", lambda: orva.dask.from_rows(["trades.orva", "numbers.orva"])),
     (ValueError, "1 byte or more", lambda: orva.dask.from_rows("numbers.orva", partition_bytes=0)),
