@@ -86,6 +86,12 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
         lay(afterKill(stream));
         ::chmod(fFile.c_str(), 0664);
     };
+    const Deed madeByTheOtherOrder = [&] {
+        Bytes side = slice(readBytes(fSide), 0, fs::file_size(fSide) - 8);
+        for (const int number : {0, 8, 16, 24, 32}) std::reverse(&side[0] + number, &side[0] + number + 8);
+        const std::uint64_t sum = crc32_z(0, side.data(), side.size());
+        writeBytes(fSide, side + bytesOf(orva::swapBytes(sum)));
+    };
     const Deed newPart = [&] {
         zcmpsFilestr stream(ORVA_FileStream(fFile.c_str(), "r+b"));
         beginRows(stream);
@@ -139,9 +145,11 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     expect("Bytes that no heading has are none that was torn", "neither whole nor what the append has left", {},
            {killed(fMore), moved(fSide, kept), created(fFile, fOldBlocks), appended(fFile, fMore),
             overwritten(fFile, kRow0, Bytes(kHeadingSize, 0x77)), moved(kept, fSide)});
+    expect("On a machine of the other byte order", "undone", old, {killed(fMore), madeByTheOtherOrder});
     expect("A new part takes the place of the rows that it brings back", "nothing", {}, {killed(), newPart});
     expect("Another file has begun anew", "kept as it is", shorter[0], {killed(), created(fFile, shorter)});
-    expect("The append had not begun", "kept as it is", old, {[&] { writeBytes(fSide, {'.', 'O', 'R'}); }});
+    expect("The append had not begun", "kept as it is", old,
+           {[&] { writeBytes(fSide, slice(bytesOf(orva::sideFileHead().mark), 0, 3)); }});
     const auto heading = [&](const Blocks& blocks) {
         makeFile(fFile, blocks);
         return slice(bytes(), kRow0, kHeadingSize);

@@ -89,10 +89,10 @@ fileBytes serialize(const keptTail& tail) {
 
 // A loss of power may have cost it its first bytes and left others: then zeros stand in the place of the mark.
 bool isForeign(const fileBytes& sideFile) {
-    constexpr unsigned char lost[sizeof kSideFileMark] = {};
-    const std::size_t marked = std::min(sideFile.size(), sizeof kSideFileMark);
-    return marked != 0 && std::memcmp(sideFile.data(), &kSideFileMark, marked) != 0 &&
-           std::memcmp(sideFile.data(), lost, marked) != 0;
+    const auto begins = [&](std::int64_t mark) {
+        return std::memcmp(sideFile.data(), &mark, std::min(sideFile.size(), sizeof mark)) == 0;
+    };
+    return !sideFile.empty() && !begins(kSideFileMark) && !begins(swapBytes(kSideFileMark)) && !begins(0);
 }
 
 // Behind the head stand the index and then the block, and a checksum of all at the end.
@@ -103,6 +103,10 @@ std::optional<keptTail> parse(const fileBytes& sideFile) {
     const std::size_t summed = sideFile.size() - sizeof sum;
     std::memcpy(static_cast<sideFileHead*>(&tail), sideFile.data(), sizeof(sideFileHead));
     std::memcpy(&sum, sideFile.data() + summed, sizeof sum);
+    if (tail.mark == swapBytes(kSideFileMark)) {
+        for (auto* number : {&tail.mark, &tail.row0Pos, &tail.fileSize, &tail.untouchedEnd, &tail.untouchedSum, &sum})
+            *number = swapBytes(*number);
+    }
     if (tail.mark != kSideFileMark || sum != checksum(sideFile.data(), summed)) return {};
     const std::span<const unsigned char> rest(sideFile.data() + sizeof(sideFileHead), sideFile.data() + summed);
     const std::optional<soundIndex> index = soundIndexOf(tail.heading, tail.row0Pos, keptIndex(rest, tail.fileSize));

@@ -18,9 +18,9 @@
 
 namespace orva {
 
-// The side file begins with it.
+// The side file begins with it, in the byte order of the machine that appends. Each reads the other's.
 struct sideFileHead {
-    std::int64_t mark = 0x3250504156524f2e;  // ".ORVAPP2" on disk; another byte order reads otherwise
+    std::int64_t mark = 0x3250504156524f2e;  // ".ORVAPP2" on disk, or "2PPAVRO."
     std::int64_t row0Pos = 0;
     std::int64_t fileSize = 0;      // of the file before the append
     std::int64_t untouchedEnd = 0;  // the append overwrites nothing before this but the heading
