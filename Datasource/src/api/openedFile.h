@@ -23,8 +23,7 @@ std::int64_t sizeOf(const ByteSource& source);
 
 class openedFile final : public storedBytes {
 public:
-    // `name` is for messages, `place` its full name. FileError if it cannot be opened, or read at any place: nobody is
-    // waited for at the other end of a pipe.
+    // `name` is for messages, `place` its full name. FileError if it cannot be opened, or is refused as a pipe is.
     openedFile(std::string name, const std::string& place);
     openedFile(const openedFile&) = delete;
     openedFile& operator=(const openedFile&) = delete;

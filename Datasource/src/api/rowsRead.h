@@ -2,7 +2,7 @@
 // caller's memory.
 //
 // Owner:   part, shelf and pieces outlive the call.
-// Threads: run() starts and ends those that it works with, which take no signals.
+// Threads: those that it works with start and end with the call, and take no signals.
 // Failure: that of the first block that cannot be had; bad_alloc. No thread to be had: the others do its work.
 #pragma once
 
