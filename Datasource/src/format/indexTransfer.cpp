@@ -107,6 +107,7 @@ indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool
     indexContent content;
     std::vector<filePosRecord>& records = content.records;
     const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
+    const std::string& name = file.name();
     for (std::size_t known = 0; known < all; known = records.size()) {
         records.resize(atOnce ? all : std::min(all, known + kPieceRecords));
         const std::span piece = std::span(records).subspan(known);
@@ -114,13 +115,13 @@ indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool
         if (!file.read(piece.data(), piece.size_bytes(), place)) refuseCut(file, heading);
         if (swap) std::ranges::for_each(piece, swapRecord);
         if (known == 0) {
-            checkFirstRecord(records[0], file.name());
+            checkFirstRecord(records[0], name);
             checkCount(file, heading, records[0]);
+            records.reserve(all);
             content.blockSize = static_cast<std::uint32_t>(records[0].orginalSize);
         }
         const std::span blocks = std::span(records).subspan(1);
-        for (std::size_t i = std::max<std::size_t>(known, 1) - 1; i < blocks.size(); ++i)
-            checkAscends(blocks, i, file.name());
+        for (std::size_t i = std::max<std::size_t>(known, 1) - 1; i < blocks.size(); ++i) checkAscends(blocks, i, name);
     }
     records.erase(records.begin());
     if (!records.empty()) checkBegin(file, heading, records[0]);
