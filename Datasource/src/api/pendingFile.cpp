@@ -9,9 +9,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <random>
 
 namespace fs = std::filesystem;
 
@@ -36,15 +36,15 @@ std::string outputTarget(const std::string& name) {
     return target.string();
 }
 
-// A name in the directory of `target` that no other process has. Cut, so that a long name does not make it too long for
-// any file system, and between characters, since some take no other names.
+// A name in the directory of `target` that hardly any file has, and another one the next instant. Cut, so that a long
+// name does not make it too long for any file system, and between characters, since some take no other names.
 std::string hiddenNameBeside(const std::string& target) {
     constexpr std::size_t longest = 100;
     const auto isContinued = [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) == 0x80; };
     const fs::path path = target;
-    std::random_device random;
+    const auto time = std::chrono::steady_clock::now().time_since_epoch().count();
     char mark[16];
-    std::snprintf(mark, sizeof mark, "%08x", random());
+    std::snprintf(mark, sizeof mark, "%08x", static_cast<unsigned>(time));
     const std::string name = path.filename().string();
     std::size_t cut = std::min(name.size(), longest);
     while (cut > 0 && cut < name.size() && isContinued(name[cut])) --cut;
