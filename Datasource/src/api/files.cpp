@@ -122,10 +122,11 @@ private:
 
     sharedWorker worker(bool caller) {
         struct memory {
-            blockBuffer compressed{kBlockSize};
-            blockBuffer rows{kBlockSize};
+            blockBuffer compressed;
+            blockBuffer rows;
         };
-        return [this, caller, own = std::make_shared<memory>()](std::size_t number) {
+        const auto own = std::make_shared<memory>(memory{compressedRoom(fPart.records()), rowRoom(fPart.records())});
+        return [this, caller, own](std::size_t number) {
             const std::uint32_t block = fFirst + static_cast<std::uint32_t>(number);
             verify(block, own->compressed.get(), own->rows.get());
             fDone += fPart.block(block).rows.length;
@@ -305,8 +306,8 @@ private:
     // heading and index are still the old ones.
     void checkLastBlocks(const std::string& output, const joinReport& report) const {
         const shownPart joined(output, output, report.part.row0Pos);
-        blockBuffer compressed(kBlockSize);
-        blockBuffer rows(kBlockSize);
+        const blockBuffer compressed = compressedRoom(joined.records());
+        const blockBuffer rows = rowRoom(joined.records());
         std::uint32_t end = 0;
         for (std::size_t i = 0; i < fFrom.size(); ++i) {
             if (std::exchange(end, report.ends[i]) == report.ends[i]) continue;

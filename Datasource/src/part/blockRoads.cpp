@@ -20,7 +20,7 @@ public:
     inlineSink(const sinkPlace& at, bool breach) : fAt(at), bBreach(breach) {}
     void put(const unsigned char* rows, std::uint32_t size) override {
         ORVA_ASSERT(!bBreach, "fpIOThread != 0");
-        if (!fDeflated) fDeflated = blockBuffer(deflateRoom(fAt.chosen.blockLength));
+        if (!fDeflated) fDeflated = {deflateRoom(fAt.chosen.blockLength), deflateRoom(size)};
         fAt.place = writeBlock({fAt.file, fAt.index, fCompressor, fDeflated.get(), fAt.chosen.level}, rows, size,
                                fAt.pos, fAt.place);
         fAt.pos += size;

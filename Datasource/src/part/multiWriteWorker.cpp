@@ -123,7 +123,7 @@ void PreIOThread_Multi_W_C::make(slot& block) try {
         block.source = nullptr;
         tellCaller();
     }
-    if (!block.scratch) block.scratch = orva::blockBuffer(orva::deflateRoom(stBlockSize));
+    if (!block.scratch) block.scratch = {orva::deflateRoom(stBlockSize), orva::deflateRoom(block.size)};
     zlibCompressBlock codec;
     block.result = orva::deflateBlock(codec, fLevel, block.rows.get(), block.size, block.scratch.get());
 } catch (...) {

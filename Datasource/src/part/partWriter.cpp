@@ -238,8 +238,8 @@ tailPlan partWriter::resume(const resumePoint& from) {
 void partWriter::resumeInBlock(const filePosRecord& bInfo, std::uint32_t number, const resumePoint& from) {
     const std::int64_t end = bInfo.orginalPos + bInfo.orginalSize;
     zlibCompressBlock fCompressor;
-    const blockBuffer compressed(kBlockSize);
-    fRows = blockBuffer(fChosen.blockLength);
+    const blockBuffer compressed(static_cast<std::size_t>(bInfo.translateSize));
+    fRows = {fChosen.blockLength, static_cast<std::size_t>(bInfo.orginalSize)};
     readBlock({fFile, fCompressor, compressed.get()}, {bInfo, number, std::nullopt, lengthOf(fFile)}, fRows.get());
     requireEnd(end, from, false);
     ORVA_ASSERT(from.endpos >= bInfo.orginalPos && from.endpos <= end, "endpos inside the last block");
