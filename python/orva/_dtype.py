@@ -9,14 +9,16 @@ from __future__ import annotations
 
 import json
 import re
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
-import numpy.typing as npt
 from numpy.lib.format import descr_to_dtype, dtype_to_descr
 
 from . import _orva
 from ._errors import DamagedFileError
+
+if TYPE_CHECKING:
+    import numpy.typing as npt
 
 _FIRST = "orva dictionary 1 row0="
 _STEP = 512

@@ -6,12 +6,12 @@ from collections.abc import Sequence
 from typing import TYPE_CHECKING, Any
 
 import numpy as np
-import numpy.typing as npt
 
 from ._rows import Rows
 from ._source import Source
 
 if TYPE_CHECKING:
+    import numpy.typing as npt
     import pandas  # type: ignore[import]
 
 

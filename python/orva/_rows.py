@@ -5,13 +5,15 @@ from __future__ import annotations
 import operator
 import os
 from collections.abc import Iterable, Iterator
-from typing import Any, Literal
+from typing import TYPE_CHECKING, Any, Literal
 
 import numpy as np
-import numpy.typing as npt
 
 from . import _dtype
 from ._source import Opened, Source
+
+if TYPE_CHECKING:
+    import numpy.typing as npt
 
 Lost = list[tuple[int, int]]
 _MOST_SPLITS = (1 << 31) - 1

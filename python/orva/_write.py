@@ -2,13 +2,15 @@
 
 from __future__ import annotations
 
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
-import numpy.typing as npt
 
 from . import _dtype, _orva
 from ._source import NEW_BLOCKS, PathLike, block_of, name_of, path_of, threads_of, whole
+
+if TYPE_CHECKING:
+    import numpy.typing as npt
 
 _PIECE = 4_190_208  # bytes of rows that are copied at a time where an array is in pieces
 
