@@ -16,6 +16,7 @@ if TYPE_CHECKING:
     import numpy.typing as npt
 
 Lost = list[tuple[int, int]]
+_NEAR = 4096  # bytes from row to row below which it is quicker to read all than to look for each
 _MOST_SPLITS = (1 << 31) - 1
 
 
@@ -160,9 +161,24 @@ class Rows:
         rows = range(*key.indices(len(self)))
         if not rows or rows.step == 1:
             return self._read(rows or range(0))
-        if rows.step == -1:
-            return self._read(rows[::-1])[::-1]
+        if rows.step < 0:
+            return self._slice(slice(rows[-1], rows[0] + 1, -rows.step))[::-1]
+        if rows.step * self._row.itemsize <= _NEAR:
+            return self._picked(rows)
         return self._read(np.arange(rows.start, rows.stop, rows.step, dtype=np.int64))
+
+    def _picked(self, rows: range, field: Any = ...) -> npt.NDArray[Any]:
+        """Rows near each other, or a field of them, copied out a piece at a time, so that nobody needs memory for the
+        others."""
+        none = self._read(range(0))[field]  # or it is numpy's error
+        like: Any = np.ma.zeros if self._mask else np.zeros  # numpy copies nothing of what stands between fields
+        values: npt.NDArray[Any] = like((len(rows), *none.shape[1:]), none.dtype)
+        first, skipped = 0, 0
+        for chunk in self._chunks(rows.start, rows.stop):
+            piece = chunk[skipped :: rows.step][field]
+            values[first : first + len(piece)] = piece
+            first, skipped = first + len(piece), (skipped - len(chunk)) % rows.step
+        return values
 
     def _chosen(self, key: Any) -> npt.NDArray[np.int64] | None:
         """Row numbers, for a key of ints or bools; None for any that is neither."""
@@ -180,20 +196,9 @@ class Rows:
             raise IndexError(f"index {wanted[outside][0]} is out of bounds for axis 0 with size {len(self)}")
         return np.where(wanted < 0, wanted.astype(np.int64) + len(self), wanted.astype(np.int64))
 
-    def _field(self, name: str) -> npt.NDArray[Any]:
-        """Copied out a piece at a time, so that nobody needs memory for the other fields."""
-        none = self._read(range(0))[name]  # or it is numpy's error
-        like: Any = np.ma.empty if self._mask else np.empty
-        values: npt.NDArray[Any] = like((len(self), *none.shape[1:]), none.dtype)
-        first = 0
-        for chunk in self.iter_chunks():
-            values[first : first + len(chunk)] = chunk[name]
-            first += len(chunk)
-        return values
-
     def __getitem__(self, key: Any) -> Any:
         if isinstance(key, str):
-            return self._field(key)
+            return self._picked(range(len(self)), key)
         first, *behind = (key or (...,)) if isinstance(key, tuple) else (key,)
         here: Any = 0
         if (row := _number(first)) is not None:

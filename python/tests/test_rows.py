@@ -14,7 +14,7 @@ import orva
 MATRIX = np.arange(12, dtype=">f4").reshape(4, 3)
 INDEX: Any = type("Index", (), {"__index__": lambda self: -5})()
 ONES = (0, INDEX, -1, np.int32(7), 20_000, -20_001, True, np.True_, 1.5, None, ..., "price", "flags", "nope")
-SLICES = (slice(3_000, 3_200), slice(None, None, -1), slice(9, 9), slice(19_990, 30_000), slice(19_000, 5, -3_121))
+SLICES = (slice(3_000, 3_200), slice(None, None, -1), slice(9, 9), slice(19_990, 30_000), slice(19_000, 5, -3_121), np.s_[7:19_990:3])
 LISTS = ([5, -1, 19_999, 5, 3_120], [], [1, 20_000], [1.5], [True, False], ["name", "time"])
 ARRAYS = (np.array([3, 2], np.uint16), np.array(3), np.arange(6).reshape(2, 3) * 3_000, ROWS["time"] % 777 == 3)
 TUPLES = ((), ((),), (range(3, -3, -1),), ((3, 2),), (1, 2), (slice(5, 7),), ([1, 2],), (slice(5, 7), None))
@@ -105,7 +105,8 @@ def test_lost_rows_are_masked(shared: Path, threads: int) -> None:
     rows = orva.rows(shared / "bad.orva", damaged="mask", threads=threads)
     assert not rows[:9_000].mask["time"].any() and rows.lost == []
     every, twice = np.arange(20_000), np.arange(40_000)[::-1] // 2
-    for values, numbers in ((rows[:]["time"], every), (rows[twice]["time"], twice), (rows["time"], every)):
+    wishes = (rows[:], every), (rows[twice], twice), (rows[::-3], every[::-3])
+    for values, numbers in (*((got["time"], of) for got, of in wishes), (rows["time"], every)):
         assert np.array_equal(values.mask, (numbers >= 9_362) & (numbers < 12_484))
         assert np.array_equal(values.compressed(), numbers[~values.mask])
     assert rows.lost == [(9_362, 12_484)]
