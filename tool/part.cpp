@@ -16,7 +16,8 @@ void addPlace(CLI::App& app, partOptions& options) {
     app.add_option("--row0", options.row0, "The file offset where the compressed part begins; found without it")
         ->option_text("S")
         ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
-    app.add_flag("--swap", options.swap, "With --row0: refuse a heading in this machine's byte order")->needs("--row0");
+    app.add_flag("--swap", options.swap, "With --row0: the heading has the other byte order; found without it")
+        ->needs("--row0");
 }
 
 constexpr const char* kFileHelp = "A file of compressed rows";
