@@ -227,7 +227,7 @@ def open(
     mode: "rb" reads; "wb" makes a new file, which replaces one of that name at close; "xb" the same, but FileExistsError
         for a name that is taken; "ab" goes on behind the rows of a finished file, or makes it.
     path: a path; for "rb" also a seekable binary file object, which is read under a lock.
-    row0: where heading and rows begin in the file, if the file does not say so itself; in bytes.
+    row0: where heading and rows begin in the file, in bytes; found without it, in an object if its first line tells.
     threads: that inflate or compress at a time, the caller's counted, 256 at most; 0 for one a core.
     level: of compression, 1 to 12. block: bytes of rows in a full block, 65,536 to 4,190,208; without it 1 MiB in a new
         file, and an append goes on with the file's own.

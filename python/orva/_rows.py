@@ -268,8 +268,8 @@ class Rows:
 
     def search(self, field: str | None, low: Any, high: Any) -> slice:
         """The rows whose key is `low` or above and below `high`: rows ascend by it. `field`: that holds the keys; None:
-        the rows are keys themselves. Inflates about as many blocks as the count of blocks has binary digits, and reads
-        no row that it need not; rows[rows.search(...)] reads those that are found.
+        the rows are keys themselves. Inflates about as many blocks as the count of blocks has binary digits, up to
+        three times as many where much is found; rows[rows.search(...)] reads it.
 
         DamagedFileError where a row that it looks at is lost; with damaged="mask" the rows around tell, and lost ones
         that may be meant are among those found. ValueError for a field that is not there or holds no single value."""
@@ -351,7 +351,7 @@ def rows(
     dtype: of a row; without it the file's own, which `orva.write` has put there. One of another itemsize than the file's
         own is ValueError, as are rows that it does not divide, and dtypes of objects or of no bytes.
     damaged: "raise" DamagedFileError for rows that are lost, or "mask" them: results are masked arrays then.
-    row0: where heading and rows begin in the file, if the file does not say so itself; in bytes.
+    row0: where heading and rows begin in the file, in bytes; found without it, in an object if its first line tells.
     threads: that inflate a read of several blocks, the caller's counted; 0 for one a core.
 
     Errors: as `orva.open`.
