@@ -8,6 +8,7 @@
 
 #include "part.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string_view>
@@ -30,9 +31,10 @@ public:
     template <class Take>
     void pass(std::int64_t offset, std::int64_t size, Take take) {
         for (const std::int64_t end = offset + size; offset < end;) {
-            const std::string_view rows = from(offset).substr(0, static_cast<std::size_t>(end - offset));
-            take(rows);
-            offset += static_cast<std::int64_t>(rows.size());
+            const std::string_view rows = from(offset);
+            const std::int64_t count = std::min<std::int64_t>(std::ssize(rows), end - offset);
+            take(rows.substr(0, static_cast<std::size_t>(count)));
+            offset += count;
         }
     }
     // How many blocks were inflated.
