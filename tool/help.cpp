@@ -36,7 +36,7 @@ std::string entry(const std::string& name, const std::string& text) {
 class layout : public CLI::Formatter {
 public:
     layout() {
-        label("Positionals", "Files");
+        for (const char* name : {"Positionals", "POSITIONALS"}) label(name, "Files");  // by versions of the parser
         label("OPTIONS", "options");
         label("SUBCOMMAND", "VERB");
     }
