@@ -87,7 +87,10 @@ public:
     // Bytes that look like rows: few values in runs, so that they compress well and no two blocks are alike.
     Bytes rows(std::size_t size) {
         Bytes bytes;
-        while (bytes.size() < size) bytes.insert(bytes.end(), 1 + below(24), static_cast<unsigned char>(below(16)));
+        while (bytes.size() < size) {
+            const auto value = static_cast<unsigned char>(below(16));
+            bytes.insert(bytes.end(), 1 + below(24), value);
+        }
         bytes.resize(size);
         return bytes;
     }
