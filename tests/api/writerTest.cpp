@@ -48,7 +48,8 @@ TEST_F(Writer, TakesRowsInAnyWayThatAReaderGivesInAnyWay) {
             EXPECT_LE(from->reads, 3);
             EXPECT_TRUE(reader.row0() == row0.value_or(512) && (!row0 || reader.dictionary() == dictionary));
             EXPECT_TRUE(sameBytes(allRows(reader), rows));
-            for (const i64 behind : {std::ssize(rows), INT64_MAX}) EXPECT_EQ(rowsAt(reader, behind, 10), Bytes());
+            for (const i64 behind : {i64{std::ssize(rows)}, i64{INT64_MAX}})
+                EXPECT_EQ(rowsAt(reader, behind, 10), Bytes());
             std::vector<Dictionary> memory;
             std::vector<orva::ReadRequest> requests;
             for (int i = 0; i < 20; ++i) {

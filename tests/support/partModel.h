@@ -170,7 +170,7 @@ private:
     }
     // One number in it is another, or it ends there; mostly it is not the checksum that tells.
     Bytes changed(Bytes side) {
-        const auto place = any.below(side.size() - sizeof(std::int64_t) + 1);
+        const auto place = static_cast<std::size_t>(any.below(side.size() - sizeof(std::int64_t) + 1));
         const auto number = static_cast<std::int64_t>(any.below(UINT64_MAX));
         std::memcpy(side.data() + place, &number, sizeof number);
         if (any.oneIn(8)) side.resize(std::max(place, sizeof number));
