@@ -174,6 +174,12 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
             EXPECT_EQ(failureOf([&] { orva::recover(fName, path("out"), {}); }), "") << size << " at " << place;
         }
     }
+    // Nor does an index of which only the first record is there, and a hole.
+    const auto end = std::ssize(fFile);
+    overwriteBytes(fName, kRow0, bytesOf(compressionHeading{kRow0, end, kSizes[1]}));
+    overwriteBytes(fName, end, bytesOf(filePosRecord{kFirstRecordMark, 0, kBlockSize, kSizes[1] / 24 - 1}));
+    std::filesystem::resize_file(fName, static_cast<std::uintmax_t>(end + kSizes[1]));
+    EXPECT_THROW(orva::Reader(orva::Path(fName), {.row0 = kRow0}), orva::DamagedFileError);
     mostAtOnce = SIZE_MAX;
 }
 

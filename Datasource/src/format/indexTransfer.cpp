@@ -117,11 +117,11 @@ indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool
         if (known == 0) {
             checkFirstRecord(records[0], name);
             checkCount(file, heading, records[0]);
-            records.reserve(all);
             content.blockSize = static_cast<std::uint32_t>(records[0].orginalSize);
         }
         const std::span blocks = std::span(records).subspan(1);
         for (std::size_t i = std::max<std::size_t>(known, 1) - 1; i < blocks.size(); ++i) checkAscends(blocks, i, name);
+        if (known == 0) records.reserve(all);  // not before: what stands there may be a hole
     }
     records.erase(records.begin());
     if (!records.empty()) checkBegin(file, heading, records[0]);
