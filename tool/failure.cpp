@@ -52,13 +52,15 @@ void throwWriteFailed(const std::string& file) {
     throwFailed(file, true);
 }
 
-// The names of options are the flags' ones.
+// A name of an option is the flag's one, where a text says what to do with it: a file's name may hold the word too.
 std::string failureText(std::string text, const std::string& file) {
     for (const char* const behind : {"\" is ", "\": ", "\" "}) {
         if (text.starts_with('"' + file + behind)) text.erase(0, file.size() + 1 + std::strlen(behind));
     }
     if (const auto at = text.find(" \"" + file + "\": "); at != std::string::npos) text.erase(at, file.size() + 3);
-    if (const auto at = text.find(" row0"); at != std::string::npos) text.insert(at + 1, "--");
+    for (const std::string to : {"check ", "give ", "say by "}) {
+        if (const auto at = text.rfind(to + "row0"); at != std::string::npos) text.insert(at + to.size(), "--");
+    }
     return text;
 }
 
