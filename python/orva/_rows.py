@@ -164,7 +164,7 @@ class Rows:
         if rows.step < 0:
             return self._slice(slice(rows[-1], rows[0] + 1, -rows.step))[::-1]
         if rows.step * self._row.itemsize <= _NEAR:
-            return self._picked(rows)
+            return self._picked(range(rows.start, rows[-1] + 1, rows.step))  # and no block behind the last
         return self._read(np.arange(rows.start, rows.stop, rows.step, dtype=np.int64))
 
     def _picked(self, rows: range, field: Any = ...) -> npt.NDArray[Any]:
