@@ -185,6 +185,11 @@ def test_a_fork_while_a_task_opens_its_file(shared: Path, monkeypatch: pytest.Mo
     assert np.array_equal(array.compute(scheduler="sync"), ROWS)
 
 
+def test_a_writers_child_writes_nothing(tmp_path: Path) -> None:
+    with orva.open(tmp_path / "new.orva", "xb") as file:
+        assert ends_well_in_a_child(lambda: pytest.raises(ValueError, file.write, b"more").match("another process"))
+
+
 def test_a_writer_tells_of_whole_writes_to_other_threads(tmp_path: Path) -> None:
     rows = bytes(1 << 27)
     with orva.open(tmp_path / "new.orva", "wb") as file, concurrent.futures.ThreadPoolExecutor(1) as pool:
