@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 
 static_assert(sizeof(off_t) == 8, "files past 2 GiB need 64-bit offsets");
 
@@ -263,9 +264,10 @@ int openShared(const char* name, int oflag, int shflag, int pmode) noexcept {
 int lockAgainstWriters(int descriptor) noexcept {
     constexpr int tries = 100;
     constexpr std::chrono::milliseconds pause(1);
+    int kind = LOCK_EX;
     for (int i = 0; i < tries; ++i) {
-        if (restarted([&] { return rawLock(descriptor, LOCK_EX); }) == 0 || hasNoLocks(errno)) return 0;
-        if (errno == EBADF) return restarted([&] { return rawLock(descriptor, LOCK_SH); });
+        if (restarted([&] { return rawLock(descriptor, kind); }) == 0 || hasNoLocks(errno)) return 0;
+        if (errno == EBADF && std::exchange(kind, LOCK_SH) == LOCK_EX) continue;
         if (errno != EWOULDBLOCK || hasWriter(descriptor)) return -1;
         std::this_thread::sleep_for(pause);
     }

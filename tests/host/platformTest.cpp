@@ -131,6 +131,7 @@ const CallCase kCalls[] = {
     {"WhoAsksForAWriterIsNone", kTruncate, nullptr, "O L=EAGAIN L L T ", 0, ""},
     {"AWriterIsNotWaitedFor", kTruncate, nullptr, "O L=EAGAIN L=EAGAIN C ", EAGAIN, kDigits},
     {"WhereOnlyWhoWritesMayLockAlone", platform::_O_RDONLY, lockedFor, "O L=EBADF L ", EAGAIN, kDigits},
+    {"AndNobodyElseMay", platform::_O_RDONLY, lockedFor, "O L=EBADF L=ENOLCK ", 0, kDigits},
     {"OthersMayAskAtOnce", platform::_O_RDONLY, askedBesideAnother, "O L ", 0, kDigits},
     {"ACloseUnlocksTheCopies", kWrite, lockedAfter<+closeFile>, "O L D c C ", 0, kDigits},
     {"AFailedCloseKeepsTheLock", kWrite, lockedAfter<+closeFile>, "O L D c=EIO ", EAGAIN, kDigits},
