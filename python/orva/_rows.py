@@ -164,7 +164,7 @@ class Rows:
         if rows.step < 0:
             return self._slice(slice(rows[-1], rows[0] + 1, -rows.step))[::-1]
         if rows.step * self._row.itemsize <= _NEAR:
-            return self._picked(range(rows.start, rows[-1] + 1, rows.step))  # and no block behind the last
+            return self._picked(rows)
         return self._read(np.arange(rows.start, rows.stop, rows.step, dtype=np.int64))
 
     def _picked(self, rows: range, field: Any = ...) -> npt.NDArray[Any]:
@@ -173,11 +173,12 @@ class Rows:
         none = self._read(range(0))[field]  # or it is numpy's error
         like: Any = np.ma.zeros if self._mask else np.zeros  # numpy copies nothing of what stands between fields
         values: npt.NDArray[Any] = like((len(rows), *none.shape[1:]), none.dtype)
-        first, skipped = 0, 0
-        for chunk in self._chunks(rows.start, rows.stop):
-            piece = chunk[skipped :: rows.step][field]
-            values[first : first + len(piece)] = piece
-            first, skipped = first + len(piece), (skipped - len(chunk)) % rows.step
+        done = 0
+        while done < len(rows):  # from a wanted row to a wanted one: the next block may be damaged
+            first = rows[done]
+            some = range(first, min(self._border(first), rows.stop), rows.step)
+            values[done : done + len(some)] = self._read(range(first, some[-1] + 1))[:: rows.step][field]
+            done += len(some)
         return values
 
     def _chosen(self, key: Any) -> npt.NDArray[np.int64] | None:
