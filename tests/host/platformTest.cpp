@@ -10,24 +10,25 @@
 #include <sstream>
 #include <string>
 
+using namespace platform;
 using namespace support;
 
-constexpr int kWrite = platform::_O_RDWR | platform::_O_CREAT;
-constexpr int kAppend = kWrite | platform::_O_APPEND;
-constexpr int kTruncate = kWrite | platform::_O_TRUNC;
+constexpr int kWrite = _O_RDWR | _O_CREAT;
+constexpr int kAppend = kWrite | _O_APPEND;
+constexpr int kTruncate = kWrite | _O_TRUNC;
 const std::string kDigits = "0123456789";
 
 int opened(const std::string& name, int oflag) {
-    return platform::openShared(name.c_str(), oflag, platform::_SH_DENYWR, 0x180);
+    return openShared(name.c_str(), oflag, _SH_DENYWR, 0x180);
 }
 
 // Tells each raw call in a word: its kind ('c' closes another descriptor than the first), the size asked for, where in
 // the file the bytes stand, and the answer that the word at its place in `dialogue` had it give: "=3" at most 3 bytes,
 // "=EIO" that failure.
-class Script : public platform::faults::Hook {
+class Script : public faults::Hook {
 public:
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
-    Verdict before(const platform::faults::Step& /*step*/) override {
+    Verdict before(const faults::Step& /*step*/) override {
         static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},         {"=EINVAL", EINVAL},
                                                        {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE},   {"=EAGAIN", EAGAIN},
                                                        {"=EROFS", EROFS},   {"=ENOTSUP", ENOTSUP}, {"=EBADF", EBADF}};
@@ -38,7 +39,7 @@ public:
         const auto error = errors.find(fAnswer);
         return error != errors.end() ? Verdict::fail(error->second) : Verdict::atMost(std::stoul(fAnswer.substr(1)));
     }
-    void after(const platform::faults::Step& step) override {
+    void after(const faults::Step& step) override {
         if (descriptor == -1) descriptor = static_cast<int>(step.result);
         const bool other = step.call == Call::Close && step.descriptor != descriptor;
         told << (other ? 'c' : "OSRWDCYTLNU"[static_cast<int>(step.call)]);
@@ -53,55 +54,47 @@ public:
 private:
     std::istringstream fDialogue;
     std::string fAnswer;
-    const platform::faults::Installed fInstalled{*this};
+    const faults::Installed fInstalled{*this};
 };
 
 // What is missing of all the bytes asked for, and so below 0 for a failure. The descriptor stands elsewhere.
 int readDigitsAt(int descriptor) {
     std::string bytes(12, '\0');
-    platform::_lseeki64(descriptor, 4, SEEK_SET);
-    const int count = platform::readAt(descriptor, bytes.data(), 12, 1);
+    _lseeki64(descriptor, 4, SEEK_SET);
+    const int count = readAt(descriptor, bytes.data(), 12, 1);
     return count - 9 + (count >= 0 && bytes.compare(0, 9, kDigits, 1) != 0);
 }
-constexpr auto writeDigitsAt = [](int d) { return platform::writeAt(d, kDigits.data(), 10, 3) - 10; };
-constexpr auto writeDigits = [](int d) { return platform::_write(d, kDigits.data(), 10) - 10; };
+constexpr auto writeDigitsAt = [](int d) { return writeAt(d, kDigits.data(), 10, 3) - 10; };
+constexpr auto writeDigits = [](int d) { return _write(d, kDigits.data(), 10) - 10; };
 
-constexpr auto closeFile = [](int d) { return platform::_close(d); };
+constexpr auto closeFile = [](int d) { return _close(d); };
 int closeTemporary(int descriptor) {
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-    return platform::_close(descriptor, std::filesystem::read_symlink(link).c_str());
+    return _close(descriptor, std::filesystem::read_symlink(link).c_str());
 }
 
 constexpr auto openedAnew = [](int d) { return ::open(("/proc/self/fd/" + std::to_string(d)).c_str(), O_RDWR); };
 // What a second writer finds then. A forked child has a copy of the descriptor.
-template <auto close>
+template <auto step>
 int lockedAfter(int descriptor) {
     const int copy = ::dup(descriptor), second = openedAnew(descriptor);
-    close(descriptor);
+    step(descriptor);
     const int result = ::flock(second, LOCK_EX | LOCK_NB);
     ::close(copy), ::close(second);
     return result;
 }
 int askedBesideAnother(int descriptor) {
     const int other = openedAnew(descriptor);
-    const bool found = ::flock(other, LOCK_SH) != 0 || platform::hasWriter(descriptor);
+    const bool found = ::flock(other, LOCK_SH) != 0 || hasWriter(descriptor);
     ::close(other);
     return found ? 1 : 0;
-}
-
-// What a writer finds then.
-int lockedFor(int descriptor) {
-    const int writer = openedAnew(descriptor);
-    const int result = platform::lockAgainstWriters(descriptor) | ::flock(writer, LOCK_EX | LOCK_NB);
-    ::close(writer);
-    return result;
 }
 
 // While the number of standard input is free.
 int openedWithoutInput(int /*descriptor*/) {
     const int input = ::dup(0);
     ::close(0);
-    const int other = platform::openShared("/dev/null", platform::_O_RDONLY, 0, 0);
+    const int other = openShared("/dev/null", _O_RDONLY, 0, 0);
     ::dup2(input, 0), ::close(input), ::close(other);
     return other > 2 ? 0 : 1;
 }
@@ -119,37 +112,35 @@ const CallCase kCalls[] = {
     {"WriteIsCompleted", kAppend, writeDigits, "O L W10=EINTR W10@10=3 W7=EINTR W7@13=1 W6@14 ", 0, kDigits + kDigits},
     {"WriteErrorAfterAPart", kWrite, writeDigits, "O L W10@0=4 W6=EIO ", EIO, kDigits},
     {"WriteThatTakesNothing", kWrite, writeDigits, "O L W10=0 ", EIO, kDigits},
-    {"ALongWriteGoesInPieces", kWrite, [](int d) { return platform::_write(d, kDigits.data(), 0x7fffffff); },
+    {"ALongWriteGoesInPieces", kWrite, [](int d) { return _write(d, kDigits.data(), 0x7fffffff); },
      "O L W2147479552=EINVAL ", EINVAL, kDigits},
-    {"ReadAtAPlace", platform::_O_RDONLY, readDigitsAt, "O S@4 R12@1=5 R7@6=EINTR R7@6 R3@10 ", 0, kDigits},
+    {"ReadAtAPlace", _O_RDONLY, readDigitsAt, "O S@4 R12@1=5 R7@6=EINTR R7@6 R3@10 ", 0, kDigits},
     {"WriteAtAPlace", kWrite, writeDigitsAt, "O L W10@3=4 W6@7=EINTR W6@7 ", 0, "012" + kDigits},
-    {"NoPlaceBeforeTheFile", kWrite, [](int d) { return platform::writeAt(d, "a", 1, -1); }, "O L ", EINVAL, kDigits},
-    {"ATakenNameIsNotMadeAnew", kWrite | platform::_O_EXCL, nullptr, "O ", EEXIST, kDigits},
+    {"NoPlaceBeforeTheFile", kWrite, [](int d) { return writeAt(d, "a", 1, -1); }, "O L ", EINVAL, kDigits},
+    {"ATakenNameIsNotMadeAnew", kWrite | _O_EXCL, nullptr, "O ", EEXIST, kDigits},
     {"NoFileIsAStandardStream", kWrite, openedWithoutInput, "O L O D c ", 0, kDigits},
     {"LocksBeforeItTruncates", kTruncate, nullptr, "O L=EINTR L T ", 0, ""},
     {"GoesOnWithoutLocks", kTruncate, nullptr, "O L=ENOLCK T ", 0, ""},
     {"WhoAsksForAWriterIsNone", kTruncate, nullptr, "O L=EAGAIN L L T ", 0, ""},
     {"AWriterIsNotWaitedFor", kTruncate, nullptr, "O L=EAGAIN L=EAGAIN C ", EAGAIN, kDigits},
-    {"WhereOnlyWhoWritesMayLockAlone", platform::_O_RDONLY, lockedFor, "O L=EBADF L ", EAGAIN, kDigits},
-    {"AndNobodyElseMay", platform::_O_RDONLY, lockedFor, "O L=EBADF L=ENOLCK ", 0, kDigits},
-    {"OthersMayAskAtOnce", platform::_O_RDONLY, askedBesideAnother, "O L ", 0, kDigits},
+    {"WhereOnlyWhoWritesMayLockAlone", _O_RDONLY, lockedAfter<lockAgainstWriters>, "O L=EBADF L ", EAGAIN, kDigits},
+    {"AndNobodyElseMay", _O_RDONLY, lockedAfter<lockAgainstWriters>, "O L=EBADF L=ENOLCK ", 0, kDigits},
+    {"OthersMayAskAtOnce", _O_RDONLY, askedBesideAnother, "O L ", 0, kDigits},
     {"ACloseUnlocksTheCopies", kWrite, lockedAfter<+closeFile>, "O L D c C ", 0, kDigits},
     {"AFailedCloseKeepsTheLock", kWrite, lockedAfter<+closeFile>, "O L D c=EIO ", EAGAIN, kDigits},
-    {"ACopysCloseKeepsTheLock", kWrite, lockedAfter<platform::closeInherited>, "O L C ", EAGAIN, kDigits},
+    {"ACopysCloseKeepsTheLock", kWrite, lockedAfter<closeInherited>, "O L C ", EAGAIN, kDigits},
     {"FailedLock", kTruncate, nullptr, "O L=EIO C ", EIO, kDigits},
     {"FailedTruncation", kTruncate, nullptr, "O L T=EIO C ", EIO, kDigits},
     {"TemporaryGoesUnderItsLock", kWrite, closeTemporary, "O L D c=EINTR D c U C ", 0, ""},
     {"FailedClose", kWrite, closeTemporary, "O L D c=EIO ", EIO, kDigits},
     {"LateFailureClosesNoNumberTwice", kWrite, closeFile, "O L D c C=EIO ", 0, kDigits},
     {"NoNumberToSpareSyncs", kWrite, closeFile, "O L D=EMFILE Y C ", 0, kDigits},
-    {"FailedSync", kWrite, platform::syncData, "O L Y=EINTR Y=EIO ", EIO, kDigits},
-    {"NothingToSync", kWrite, platform::syncData, "O L Y=EINVAL ", 0, kDigits},
-    {"SyncOfAFileSystemThatHasStopped", kWrite, platform::syncData, "O L Y=EROFS ", EROFS, kDigits},
-    {"SyncOfADirectory", kWrite, [](int) { return platform::syncDirectoryOf("nameAlone"); }, "O L O Y=EINTR Y=EIO c ",
-     EIO, kDigits},
-    {"ARenameThatKnowsNoRefusal", kWrite, [](int) { return platform::renameNew("nameAlone", "other"); },
-     "O L N=ENOTSUP N ", ENOENT, kDigits},
-    {"Truncation", kWrite, [](int d) { return platform::truncateFile(d, 4); }, "O L T4=EINTR T4 ", 0, "0123"},
+    {"FailedSync", kWrite, syncData, "O L Y=EINTR Y=EIO ", EIO, kDigits},
+    {"NothingToSync", kWrite, syncData, "O L Y=EINVAL ", 0, kDigits},
+    {"SyncOfAFileSystemThatHasStopped", kWrite, syncData, "O L Y=EROFS ", EROFS, kDigits},
+    {"SyncOfADirectory", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O Y=EINTR Y=EIO c ", EIO, kDigits},
+    {"ARenameThatKnowsNoRefusal", kWrite, [](int) { return renameNew("a", "b"); }, "O L N=ENOTSUP N ", ENOENT, kDigits},
+    {"Truncation", kWrite, [](int d) { return truncateFile(d, 4); }, "O L T4=EINTR T4 ", 0, "0123"},
 };
 
 using PlatformTest = TempDir;
@@ -167,15 +158,15 @@ TEST_F(PlatformTest, CallsAreWholeOrFailed) {
         const bool staysOpen = script.descriptor >= 0 && script.told.str().find(" C") == std::string::npos;
         EXPECT_EQ(fcntl(script.descriptor, F_GETFD), staysOpen ? FD_CLOEXEC : -1);
         EXPECT_EQ(readBytes(file), Bytes(row.content.begin(), row.content.end()));
-        if (staysOpen) platform::_close(script.descriptor);
+        if (staysOpen) _close(script.descriptor);
     }
 }
 
 TEST_F(PlatformTest, NeitherANameWithAZeroByteNorADirectoryOpens) {
     ExtNameStr name;
     name.SetGeneric(made("data", {}) + std::string("\0tail", 5));
-    EXPECT_TRUE(name.Sopen(platform::_O_RDONLY, platform::_SH_DENYWR, 0x180) == -1 && errno == ENOENT);
-    EXPECT_TRUE(opened(path("."), platform::_O_RDONLY) == -1 && errno == EISDIR);
+    EXPECT_TRUE(name.Sopen(_O_RDONLY, _SH_DENYWR, 0x180) == -1 && errno == ENOENT);
+    EXPECT_TRUE(opened(path("."), _O_RDONLY) == -1 && errno == EISDIR);
 }
 
 // Another file takes the name over before each of the first so many locks.
@@ -190,9 +181,9 @@ TEST_F(PlatformTest, AWriterLocksTheFileThatItsNameLeadsTo) {
         return Verdict::goOn();
     });
     const int descriptor = opened(name, kTruncate);
-    EXPECT_EQ(platform::_write(descriptor, "mine", 4), 4);
+    EXPECT_EQ(_write(descriptor, "mine", 4), 4);
     EXPECT_EQ(std::filesystem::file_size(name), 4U);
-    EXPECT_EQ(platform::_close(descriptor), 0);
+    EXPECT_EQ(_close(descriptor), 0);
     times = 1000;
     EXPECT_TRUE(opened(name, kTruncate) == -1 && errno == EWOULDBLOCK);
     EXPECT_EQ(std::filesystem::file_size(name), 10U) << "truncated though it was never locked";
