@@ -20,6 +20,7 @@ read = partial(orva.open, "bytes.orva")
 writer = partial(orva.open, "new.orva", "wb")
 write = partial(orva.write, "new.orva")
 recover = partial(orva.recover, target="new.orva")
+to_rows = partial(orva.dask.to_rows, path="new.orva")
 rows = partial(orva.rows, "numbers.orva")
 trades = partial(orva.rows, "trades.orva")
 
@@ -39,13 +40,8 @@ def of_a_failed_read() -> bytes:
     return bytes(pytest.raises(BlockingIOError, orva.open, waiting).traceback[-1].locals["to"])
 
 
-def to_rows(collection: Any) -> None:
-    orva.dask.to_rows(collection, "new.orva")
-
-
 WORK = [partial(orva.verify, "bad.orva"), partial(orva.recover, "bad.orva", "a"), partial(orva.join, ["bad.orva"], "a")]
 OBJECTS = dd.from_pandas(pd.DataFrame({"text": ["a", "b"]}), npartitions=1)
-OVERLAPPING = np.dtype({"names": ["a", "b"], "formats": ["<i4", "<i4"], "offsets": [0, 2]})
 # Class, text, and the calls that end so.
 BAD: list[tuple[Any, ...]] = [
     # Files.
@@ -60,10 +56,8 @@ BAD: list[tuple[Any, ...]] = [
     # Paths.
     (ValueError, "embedded null character", lambda: orva.open("a\0b")),
     (TypeError, "a path, str or os.PathLike.*, or a binary file object, not bytes", lambda: orva.open(b"a")),
-    (TypeError, "a path is str or os.PathLike.* not DirEntry", lambda: orva.rows(next(os.scandir(b".")))),
-    (TypeError, "a path is str or .* not BytesIO", lambda: orva.open(io.BytesIO(), "wb")),
-    (TypeError, "a path is str or .* not bytes", lambda: orva.join([b"bytes.orva"], "a"), lambda: orva.join(["bytes.orva"], b"a")),
-    (TypeError, "several paths.*'bytes.orva'", lambda: orva.join("bytes.orva", "a"), lambda: orva.join(b"bytes.orva", "a")),
+    (TypeError, "a path is str or os.PathLike.* not (DirEntry|bytes)", lambda: orva.rows(next(os.scandir(b"."))), lambda: orva.join([b"a"], "a")),
+    (TypeError, "several paths.*(bytes.orva|None)", lambda: orva.join(b"bytes.orva", "a"), lambda: orva.dask.from_rows(None)),
     # Options.
     (ValueError, "row0 tells of a file that there is", lambda: writer(row0=512)),
     (ValueError, "a mode is 'rb'.*not 'r\\+b'", lambda: orva.open("bytes.orva", "r+b")),
@@ -71,13 +65,12 @@ BAD: list[tuple[Any, ...]] = [
     (TypeError, "progress is called with two numbers, and 0 cannot", *(partial(work, progress=0) for work in WORK)),
     (ZeroDivisionError, "", *(partial(work, progress=lambda done, total: done // 0) for work in WORK)),
     # Streams.
-    (io.UnsupportedOperation, "fileno|truncate", lambda: read().fileno(), lambda: read().truncate(), lambda: writer().truncate(0)),
-    (io.UnsupportedOperation, "^(write|read|seek)$", lambda: read().write(b"x"), lambda: writer().read(), lambda: writer().seek(0)),
+    (io.UnsupportedOperation, "^(write|truncate)$", lambda: read().write(b"x"), lambda: read().truncate()),
+    (io.UnsupportedOperation, "^(read|seek)$", lambda: writer().read(), lambda: writer().seek(0)),
     (io.UnsupportedOperation, "not readable", lambda: orva.open(io.BufferedWriter(io.BytesIO()))),
     (ValueError, "negative seek position -1", lambda: read().seek(-10, 2)),
     (TypeError, "cannot be interpreted as an integer", lambda: read().read(1.5), lambda: read().seek(0.5)),
     (TypeError, "writable.* in one piece", lambda: read().readinto(b"12"), lambda: read().readinto(np.zeros(4, "u1")[::2])),
-    (TypeError, "bytes-like object.*'str'", lambda: writer().write("text")),
     (TypeError, "a writer cannot be pickled", lambda: writer().__reduce__()),
     (ValueError, "closed file", lambda: closed(read()).read(1), lambda: closed(read()).tell(), lambda: closed(read()).__reduce__()),
     (ValueError, "closed file", lambda: closed(rows())[0], lambda: closed(rows()).iter_chunks(), lambda: closed(rows()).__enter__()),
@@ -89,18 +82,14 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "have no bytes", lambda: write(np.zeros((3, 0))), lambda: rows("V0"), lambda: to_rows(OBJECTS[[]])),
     (ValueError, "of no axis", lambda: write(3.0)),
     (ValueError, "1,062,912 bytes", lambda: write(np.zeros(1, [(f"{i:0999}", "u1") for i in range(1_050)]))),
-    (ValueError, "overlap", lambda: write(np.zeros(2, OVERLAPPING))),
     (ValueError, "masked have no values", lambda: write(orva.rows("bad.orva", damaged="mask"))),
     (ValueError, "rows of float64, not of int64", lambda: orva.append("numbers.orva", [1])),
     (ValueError, "not filled by rows of float64", lambda: orva.append("bytes.orva", [1.0])),
     (ValueError, "in one piece.*written to", lambda: rows().read_into(np.zeros(4)[::2]), lambda: rows().read_into(np.frombuffer(bytes(8)))),
-    (ValueError, "float64.*of that dtype", lambda: rows().read_into(np.zeros(2, "i8")), lambda: rows().read_into(np.zeros(2, ">f8"))),
-    (ValueError, "of that dtype", lambda: rows().read_into(np.zeros(())), lambda: rows().read_into([1.0])),
+    (ValueError, "of that dtype", lambda: rows().read_into(np.zeros(2, ">f8")), lambda: rows().read_into(np.zeros(())), lambda: rows().read_into([1.0])),
     (ValueError, "count from 0", lambda: rows().read_into(np.zeros(2), -1)),
-    (ValueError, "1 row or more", lambda: rows().iter_chunks(0)),
-    (ValueError, "1 range or more", lambda: rows().splits(0), lambda: rows().splits(-1 << 70)),
-    (ValueError, "no field 'nope'", lambda: trades().search("nope", 1, 2), lambda: orva.to_frame("trades.orva", ["nope"])),
-    (ValueError, "have no field", lambda: trades().search(0, 1, 2), lambda: rows().search("a", 1, 2)),
+    (ValueError, "1 (row|range) or more", lambda: rows().iter_chunks(0), lambda: rows().splits(-1 << 70)),
+    (ValueError, "have no field", lambda: trades().search(0, 1, 2), lambda: rows().search("a", 1, 2), lambda: orva.to_frame("trades.orva", ["a"])),
     (ValueError, "are no keys", lambda: trades().search(None, 1, 2), lambda: trades().search("flags", 1, 2)),
     (ValueError, "no fields to be columns", lambda: orva.to_frame("numbers.orva")),
     (ValueError, "'flags'.*is no column", lambda: orva.to_frame("trades.orva")),
@@ -111,7 +100,6 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "no file to read", lambda: orva.dask.from_rows([])),
     (ValueError, "numbers.orva\" has rows of float64", lambda: orva.dask.from_rows(["trades.orva", "numbers.orva"])),
     (ValueError, "1 byte or more", lambda: orva.dask.from_rows("numbers.orva", partition_bytes=0)),
-    (TypeError, "several paths", lambda: orva.dask.from_rows(b"numbers.orva"), lambda: orva.dask.from_rows(None)),
     (ValueError, "its collection is of", lambda: to_rows(da.ones(4, chunks=2).map_blocks(lambda x: x > 0, dtype="f8"))),
     (TypeError, "rows come from a dask", lambda: to_rows(da.ones(4).sum()), lambda: to_rows(np.ones(4)), lambda: to_rows(OBJECTS.text)),
 ]
