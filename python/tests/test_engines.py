@@ -22,7 +22,6 @@ from fsspec.implementations.local import LocalFileSystem
 from fsspec.implementations.memory import MemoryFileSystem
 from fsspec.spec import AbstractBufferedFile, AbstractFileSystem
 
-import orva
 import orva.dask
 
 CSV = pd.DataFrame({"n": np.arange(40_000), "x": np.random.default_rng(1).normal(size=40_000)}).to_csv(index=False).encode()

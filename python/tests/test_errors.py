@@ -13,7 +13,6 @@ import numpy as np
 import pandas as pd
 import pytest
 
-import orva
 import orva.dask
 
 read = partial(orva.open, "bytes.orva")

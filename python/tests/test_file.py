@@ -16,7 +16,6 @@ import numpy as np
 import pytest
 from conftest import BLOCK, BYTES, ROWS, Slow
 
-import orva
 import orva.dask
 
 STEPS: list[Any] = [

@@ -65,7 +65,6 @@ WISHES: dict[str, tuple[Any, int]] = {
     "permuted": (lambda rows: rows[np.random.default_rng(2).permutation(20_000)], 7),
     "steps": (lambda rows: rows[5::2_000], 6),
     "numbers that are no list": (lambda rows: (rows[range(3)], rows[memoryview(b"12")], rows[INDEX]), 2),
-    "row across a border": (lambda rows: rows[[3_120, 3_121]], 2),
     "field": (lambda rows: rows["price"], 7),
     "chunks": (lambda rows: list(rows.iter_chunks()), 7),
     "splits": (lambda rows: [rows[part] for part in rows.splits(7)], 7),
