@@ -109,7 +109,7 @@ def test_lost_rows_are_masked(shared: Path, threads: int) -> None:
     assert rows.lost == [(9_362, 12_484)]
 
 
-EDGES = (0, 5.5, 6_241, 6_242, 9_361, 9_362, 9_400, 12_483, 12_484, 15_610, 20_000, 30_000)  # of blocks, and within them
+EDGES = (0, 5.5, 6_241, 6_242, 9_361, 9_362, 9_364, 12_483, 12_484, 15_610, 20_000, 30_000)  # of blocks, and within them
 
 
 # All rows that may be meant are found: lost ones too, where the sound ones around do not rule them out.
