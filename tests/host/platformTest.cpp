@@ -124,7 +124,7 @@ const CallCase kCalls[] = {
     {"WhoAsksForAWriterIsNone", kTruncate, nullptr, "O L=EAGAIN L L T ", 0, ""},
     {"AWriterIsNotWaitedFor", kTruncate, nullptr, "O L=EAGAIN L=EAGAIN C ", EAGAIN, kDigits},
     {"WhereOnlyWhoWritesMayLockAlone", _O_RDONLY, lockedAfter<lockAgainstWriters>, "O L=EBADF L ", EAGAIN, kDigits},
-    {"AndNobodyElseMay", _O_RDONLY, lockedAfter<lockAgainstWriters>, "O L=EBADF L=ENOLCK ", 0, kDigits},
+    {"AndNobodyElseMay", _O_RDONLY, lockAgainstWriters, "O L=EBADF L=ENOLCK ", 0, kDigits},
     {"OthersMayAskAtOnce", _O_RDONLY, askedBesideAnother, "O L ", 0, kDigits},
     {"ACloseUnlocksTheCopies", kWrite, lockedAfter<+closeFile>, "O L D c C ", 0, kDigits},
     {"AFailedCloseKeepsTheLock", kWrite, lockedAfter<+closeFile>, "O L D c=EIO ", EAGAIN, kDigits},
