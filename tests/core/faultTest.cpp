@@ -161,6 +161,13 @@ TEST_F(Faults, TheFace) {
     });
 }
 
+TEST_F(Faults, WhatMemoryHeldBeforeMakesNoBlockLonger) {
+    Bytes rows(100'000);
+    for (std::size_t i = 0; i < rows.size(); ++i) rows[i] = static_cast<Bytes::value_type>(i / 24 % 7);
+    makeFile(path("rows"), {rows});
+    EXPECT_LT(readBytes(path("rows")).size(), 4'000);
+}
+
 TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
     const compressionHeading sound = Layout(fFile).heading;
     constexpr std::int64_t kSizes[] = {24, 24 * (std::int64_t{1} << 26), 178'956'970LL * 24, INT64_MAX / 24 * 24};

@@ -10,6 +10,8 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <new>
 #include <type_traits>
 
@@ -65,7 +67,8 @@ const bool isCodecMemory = (libdeflate_set_memory_allocator(codecMemory, std::fr
 void* operator new(std::size_t size) {
     static const auto next = nextOf<void*(std::size_t)>(kLong ? "_Znwm" : "_Znwj");
     requireMemory(size);
-    return next(size);
+    // Not zeros, as memory that others have had: read as a window's length it would be a short one.
+    return std::fill_n(static_cast<std::uint16_t*>(next(size)), size / 2, std::uint16_t{7}) - size / 2;
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
     static const auto next =

@@ -67,6 +67,7 @@ std::optional<blockOutcome> byIsal(const unsigned char* from, std::uint32_t size
     }
     isal_zstream& stream = engines->deflating->stream;
     isal_deflate_stateless_init(&stream);
+    stream.hist_bits = 0;  // the whole window: the call before leaves what the memory held, which may be a short one
     stream.level = 1;
     stream.level_buf = engines->deflating->tables;
     stream.level_buf_size = sizeof engines->deflating->tables;
