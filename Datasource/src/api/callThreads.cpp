@@ -58,20 +58,29 @@ public:
     }
 };
 
-}  // namespace
-
-void shareOut(std::uint32_t threads, std::size_t count, const std::function<sharedWorker(bool caller)>& makeWorker) {
-    sharing shared(count, makeWorker);
-    const int others = static_cast<int>(std::min<std::size_t>(threads, count)) - 1;
+// Does the work on this thread and on `others` more.
+void workBeside(int others, sharing& shared) {
     ktThreadPool pool(others, 0);
     pool.init();
     try {
-        if (others > 0) pool.startAll();
+        pool.startAll();
         for (int i = 0; i < others; ++i) pool.runCallBack(new oneMore, &shared, 0);
     } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): this thread does all of it
     }
     shared.work(true);
     pool.stopAll();
+}
+
+}  // namespace
+
+void shareOut(std::uint32_t threads, std::size_t count, const std::function<sharedWorker(bool caller)>& makeWorker) {
+    sharing shared(count, makeWorker);
+    const std::size_t useful = std::min<std::size_t>(threads, count);
+    if (useful > 1) {
+        workBeside(static_cast<int>(useful) - 1, shared);
+    } else {
+        shared.work(true);
+    }
     shared.throwFailure();
 }
 
