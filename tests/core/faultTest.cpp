@@ -187,6 +187,7 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
     overwriteBytes(fName, end, bytesOf(filePosRecord{kFirstRecordMark, 0, kBlockSize, kSizes[1] / 24 - 1}));
     std::filesystem::resize_file(fName, static_cast<std::uintmax_t>(end + kSizes[1]));
     EXPECT_THROW(orva::Reader(orva::Path(fName), {.row0 = kRow0}), orva::DamagedFileError);
+    EXPECT_THAT(failureOf([&] { Reader(fName, 0, kRow0); }), StartsWith("DamagedFileError"));
     mostAtOnce = SIZE_MAX;
 }
 

@@ -19,7 +19,8 @@ struct ReadWorker : ShortBlocks {
         ExtNameStr name;
         name.SetGeneric(fName);
         EXPECT_TRUE(fOpened.Open(name, "r+b"));
-        fIndex.parseForRead(orva::readIndex(fOpened, orva::readHeading(fOpened, kRow0, false, ""), false).get(), false);
+        const auto index = orva::readIndex(fOpened, orva::readHeading(fOpened, kRow0, false, ""), false);
+        fIndex.parseForRead(reinterpret_cast<const unsigned char*>(index.data()), false);
     }
     std::shared_ptr<Worker> started(int threads = 3) {
         std::unique_ptr<Worker> made;

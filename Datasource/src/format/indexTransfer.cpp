@@ -50,6 +50,30 @@ void checkBegin(bytesFrom file, const compressionHeading& heading, const filePos
                std::to_string(heading._caseStartPos));
 }
 
+// All records, the first one included, in host order.
+std::vector<filePosRecord> checkedIndex(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce) {
+    checkPlaces(file, heading, lengthOf(file));
+    std::vector<filePosRecord> records;
+    const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
+    const std::string& name = file.name();
+    for (std::size_t known = 0; known < all; known = records.size()) {
+        records.resize(atOnce ? all : std::min(all, known + kPieceRecords));
+        const std::span piece = std::span(records).subspan(known);
+        const std::int64_t place = heading._indexPos + static_cast<std::int64_t>(known) * kRecordSize;
+        if (!file.read(piece.data(), piece.size_bytes(), place)) refuseCut(file, heading);
+        if (swap) std::ranges::for_each(piece, swapRecord);
+        if (known == 0) {
+            checkFirstRecord(records[0], name);
+            checkCount(file, heading, records[0]);
+        }
+        const std::span blocks = std::span(records).subspan(1);
+        for (std::size_t i = std::max<std::size_t>(known, 1) - 1; i < blocks.size(); ++i) checkAscends(blocks, i, name);
+        if (known == 0) records.reserve(all);  // not before: what stands there may be a hole
+    }
+    if (all > 1) checkBegin(file, heading, records[1]);
+    return records;
+}
+
 }  // namespace
 
 const char* breachOf(const compressionHeading& heading) {
@@ -83,49 +107,18 @@ compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, 
     return heading;
 }
 
-std::unique_ptr<unsigned char[]> readIndex(bytesFrom file, const compressionHeading& heading, bool swap) {
-    checkPlaces(file, heading, lengthOf(file));
-    const auto size = static_cast<std::uint32_t>(heading._size);
-    std::unique_ptr<unsigned char[]> bytes(new unsigned char[size]);
-    if (!file.read(bytes.get(), size, heading._indexPos)) refuseCut(file, heading);
-    filePosRecord first;
-    std::memcpy(&first, bytes.get(), sizeof first);
-    if (swap) swapRecord(first);
-    // A record without the mark is the parser's to refuse, in its own words.
-    if (first.orginalPos == kFirstRecordMark) checkCount(file, heading, first);
-    return bytes;
-}
-
-void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, filePosInfo& index) {
-    index.parseForRead(readIndex(file, heading, swap).get(), swap);
-    index.limitPlaces(lengthOf(file));
-    if (index.parsedCount() != 0) checkBegin(file, heading, index.parsed(0));
-}
-
 indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce) {
-    checkPlaces(file, heading, lengthOf(file));
-    indexContent content;
+    indexContent content{0, checkedIndex(file, heading, swap, atOnce)};
     std::vector<filePosRecord>& records = content.records;
-    const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
-    const std::string& name = file.name();
-    for (std::size_t known = 0; known < all; known = records.size()) {
-        records.resize(atOnce ? all : std::min(all, known + kPieceRecords));
-        const std::span piece = std::span(records).subspan(known);
-        const std::int64_t place = heading._indexPos + static_cast<std::int64_t>(known) * kRecordSize;
-        if (!file.read(piece.data(), piece.size_bytes(), place)) refuseCut(file, heading);
-        if (swap) std::ranges::for_each(piece, swapRecord);
-        if (known == 0) {
-            checkFirstRecord(records[0], name);
-            checkCount(file, heading, records[0]);
-            content.blockSize = static_cast<std::uint32_t>(records[0].orginalSize);
-        }
-        const std::span blocks = std::span(records).subspan(1);
-        for (std::size_t i = std::max<std::size_t>(known, 1) - 1; i < blocks.size(); ++i) checkAscends(blocks, i, name);
-        if (known == 0) records.reserve(all);  // not before: what stands there may be a hole
-    }
+    content.blockSize = static_cast<std::uint32_t>(records[0].orginalSize);
     records.erase(records.begin());
-    if (!records.empty()) checkBegin(file, heading, records[0]);
     return content;
+}
+
+std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& heading, bool swap) {
+    std::vector<filePosRecord> records = checkedIndex(file, heading, swap, false);
+    if (swap) std::ranges::for_each(records, swapRecord);
+    return records;
 }
 
 bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap,

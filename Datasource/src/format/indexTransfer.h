@@ -12,7 +12,6 @@
 #include <orva/errors.h>
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <span>
 #include <vector>
@@ -33,22 +32,19 @@ std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int
 // heading repeats its own position.
 compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, const char* positionCheck);
 
-// Reads the index bytes that the heading points to, as they stand in the file. Their length is whole records, lies
-// inside the file and agrees with the record count, so a parse may trust that count.
-std::unique_ptr<unsigned char[]> readIndex(bytesFrom file, const compressionHeading& heading, bool swap);
-
-// Reads the index and parses it for reading. Its record 0 must stand at the row-0 position.
-void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, filePosInfo& index);
-
 // What an index tells, in host order.
 struct indexContent {
     std::uint32_t blockSize = 0;
     std::vector<filePosRecord> records;
 };
 
-// As loadIndex, in one copy and a piece at a time. Memory follows what the file really stores: an index that claims
-// gigabytes of a hole is refused at the first record that cannot be true. `atOnce`: in one read, where each costs much.
+// Reads the index that the heading points to, a piece at a time. Its length is whole records, lies inside the file and
+// agrees with the record count; record 0 stands at the row-0 position. Memory follows what the file really stores: an
+// index that claims gigabytes of a hole is refused at the first record that cannot be true. `atOnce`: in one read,
+// where each costs much.
 indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce = false);
+// The same as it stands in the file, for filePosInfo.
+std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& heading, bool swap);
 
 // Heading or index do not stand there any more as they were read: somebody has written to the file since.
 bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, std::span<const filePosRecord> records);

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace orva {
 
@@ -212,10 +213,10 @@ tailPlan partWriter::resume(const resumePoint& from) {
     refuseSideFile(fFile.GetNameStr().GetGeneric());
     const compressionHeading chInfo =
         readHeading(fFile, fRow0Pos, from.swap, "pos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
-    const std::unique_ptr<unsigned char[]> bytes = readIndex(fFile, chInfo, from.swap);
-    const filePosRecord bInfo = fIndex.parseForAppend(bytes.get(), from.swap);
-    const auto count = static_cast<std::uint32_t>(chInfo._size / kRecordSize - 1);
-    checkContiguous(fFile, chInfo, {reinterpret_cast<const filePosRecord*>(bytes.get() + kRecordSize), count});
+    std::vector<filePosRecord> index = readIndex(fFile, chInfo, from.swap);
+    const filePosRecord bInfo = fIndex.parseForAppend(reinterpret_cast<unsigned char*>(index.data()), from.swap);
+    const std::span<const filePosRecord> records = std::span(index).subspan(1);
+    checkContiguous(fFile, chInfo, records);
 
     tailPlan plan{0, 0, chInfo, false};
     fTransferEnd = chInfo._indexPos + chInfo._size;
@@ -227,7 +228,7 @@ tailPlan partWriter::resume(const resumePoint& from) {
         requireEnd(fpos, from, true);
     } else {
         ORVA_ASSERT(from.filePos == from.endpos, "fFilePos == endpos");
-        resumeInBlock(bInfo, count - 1, from);
+        resumeInBlock(bInfo, static_cast<std::uint32_t>(records.size() - 1), from);
         plan.rewrittenBlock = static_cast<std::uint32_t>(bInfo.translateSize);
         plan.cutsRows = from.endpos < bInfo.orginalPos + bInfo.orginalSize;
     }
