@@ -37,7 +37,7 @@ ORVA_HOST_API std::uint32_t callingUser() noexcept;
 // knows no such things leaves the file as it is.
 ORVA_HOST_API std::uint32_t giveAccess(int descriptor, const char* like) noexcept;
 
-// Whatever it is: a link that leads nowhere counts.
+// Whatever it is: a link that leads nowhere counts. False, with an errno, too where the system cannot tell.
 ORVA_HOST_API bool isNameTaken(const char* name) noexcept;
 
 // Removes `name` if it is the file of `descriptor`; another file that has the name by now stays. -1 if the system does

@@ -177,6 +177,31 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     EXPECT_TRUE(rowsOf("mine") == more && rowsOf("mineToo") == rows + more);
 }
 
+// Where no more files can be opened for once, at any place: beside an append that was interrupted, and ones at work.
+TEST_F(Writer, WhatCannotBeOpenedIsNotTakenForNone) {
+    for (const char* name : {"torn", "busy"}) written(name, Bytes(100));
+    expectInChild([&] {
+        const orva::Writer interrupted = orva::Writer::append(path("torn"));
+        _exit(0);
+    });
+    const orva::Writer atWork = orva::Writer::append(path("busy"));
+    for (int place = 0, opened = 0; place <= opened; ++place) {
+        std::filesystem::remove(path("late"));
+        orva::Writer late(path("late"), {.replace = true});
+        const orva::Writer meanwhile = orva::Writer::append(written("late", Bytes(100)));
+        const auto expect = [](const char* refused, const std::function<void()>& call) {
+            EXPECT_THAT(thrownBy(call), testing::AnyOf(refused, "SystemError EMFILE"));
+        };
+        opened = 0;
+        const CallHook once([&](const Step& step, std::uint64_t) {
+            return step.call == Call::Open && opened++ == place ? Verdict::fail(EMFILE) : Verdict::goOn();
+        });
+        expect("UnfinishedFileError", [&] { orva::Reader{orva::Path(path("torn"))}; });
+        expect("SystemError EAGAIN", [&] { orva::Writer(path("busy"), {.replace = true}); });
+        expect("SystemError EAGAIN", [&] { late.finish(); });
+    }
+}
+
 TEST_F(Writer, KeepsOwnerGroupModeAndAccessListOfWhatItReplaces) {
     // One more user may read, and the group may not: its bits of the mode are the most that anybody of the list may.
     constexpr std::uint16_t none = 65'535;

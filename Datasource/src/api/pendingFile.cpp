@@ -161,8 +161,9 @@ void pendingFile::holdReplaced() {
     if (fReplaced >= 0 && platform::sameFile(fReplaced, fTarget.c_str())) return;
     if (fReplaced >= 0) platform::closeAnyway(fReplaced);
     fReplaced = platform::openShared(fTarget.c_str(), platform::_O_RDONLY | platform::_O_NOFOLLOW, 0, 0);
-    if (fReplaced < 0 || platform::lockAgainstWriters(fReplaced) == 0 || errno != EWOULDBLOCK) return;
-    throwFileError(EWOULDBLOCK, kWriteFailed, fTarget);
+    const bool opened = fReplaced >= 0;
+    if (opened && (platform::lockAgainstWriters(fReplaced) == 0 || errno != EWOULDBLOCK)) return;
+    if (opened || !goesWithout(errno)) throwFileError(errno, kWriteFailed, fTarget);
 }
 
 // Exclusively: in a directory that others can write to, nobody can have put a link there. Never for more people than

@@ -19,14 +19,15 @@ namespace orva {
 namespace {
 
 // What an append at work, or interrupted, has kept of the file that `bytes` are of; nothing where there is none that
-// can be read and believed.
+// may be read and can be believed. FileError where it could not be looked for.
 std::optional<keptTail> keptBeside(const std::string& place, const storedBytes& bytes, const foundHeading& found) {
     if (place.empty() || !hasSideFile(place)) return {};
     try {
         heldSideFile side(place);
         std::optional<keptTail> kept = keptIn(side, bytes);
         if (kept && kept->row0Pos == found.heading._caseStartPos && kept->heading == found.raw) return kept;
-    } catch (const FileError&) {  // NOLINT(bugprone-empty-catch): what cannot be read tells nothing
+    } catch (const FileError& failure) {
+        if (!goesWithout(failure.code().value())) throw;
     }
     return {};
 }

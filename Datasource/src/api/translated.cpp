@@ -6,6 +6,7 @@
 #include <orva/errtext.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <new>
 #include <stdexcept>
 #include <thread>
@@ -60,6 +61,10 @@ std::string textOf(const ::DamagedFileError& damage, const Path& path, const std
 std::string withoutAdvice(const DamagedFileError& damage) {
     const std::string text = damage.what();
     return text.substr(0, text.rfind(recoverAdvice(damage.path())));
+}
+
+bool goesWithout(int error) {
+    return error == ENOENT || error == ENOTDIR || error == EACCES || error == EPERM;
 }
 
 void require(bool fulfilled, const Path& path, const char* what) {

@@ -39,6 +39,10 @@ auto translated(const Path& path, Work work, const std::string& workName = {}) {
     }
 }
 
+// A file that cannot be opened for this is not there, or not for the caller, and he goes on without it. Of any other,
+// as where no more files can be opened, he has learnt nothing.
+bool goesWithout(int error);
+
 // A call that cannot be meant.
 void require(bool fulfilled, const Path& path, const char* what);
 

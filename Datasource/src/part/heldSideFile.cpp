@@ -27,7 +27,11 @@ std::string sideFileName(const std::string& dataName) {
 }
 
 bool hasSideFile(const std::string& dataName) {
-    return platform::isNameTaken(sideFileName(dataName).c_str());
+    const std::string name = sideFileName(dataName);
+    if (platform::isNameTaken(name.c_str())) return true;
+    // A name too long is one that no side file can have.
+    if (errno != ENOENT && errno != ENOTDIR && errno != ENAMETOOLONG) throwFileError(errno, kReadFailed, name);
+    return false;
 }
 
 // Group and directory together prove membership: nobody gives a file to a group that he is not in, but a directory with
@@ -81,7 +85,7 @@ bool heldSideFile::open() {
         return true;
     }
     const int error = errno;
-    if (error == ENOENT || error == ENAMETOOLONG) return false;  // a name too long is one that no side file can have
+    if (error == ENOENT || error == ENAMETOOLONG) return false;
     if (error == ELOOP || error == EISDIR || error == ENXIO) refuseForeign();  // a link, a directory, a socket
     throwFileError(error, kReadFailed, fName);
 }

@@ -49,7 +49,8 @@ private:
     int fDescriptor = -1;
 };
 
-// Something stands under the name of the side file. Looking takes no descriptor, of which none may be left.
+// Something stands under the name of the side file. Looking takes no descriptor, of which none may be left. FileError
+// where the system cannot tell.
 bool hasSideFile(const std::string& dataName);
 
 // Whether a side file that `side` tells of is one that those made who may write the data file, root, or the caller.
