@@ -20,7 +20,7 @@
 #endif
 
 struct Fault {
-    enum Kind { Calls, Memory, Codecs, Threads, Cipher };
+    enum Kind { Calls, Writes, Memory, Codecs, Threads, Cipher };
     const char* name;
     Kind kind;
     int error = 0;            // that a failing call gives, or a file's failure tells
@@ -127,7 +127,8 @@ public:
 
     bool fails(workdir::faults::Call) noexcept override { return strikes(Fault::Cipher); }
     Verdict before(const Step& step) override {
-        if (strikes(Fault::Calls)) return Verdict::fail(fault.error);
+        if (strikes(Fault::Calls) || (step.call == Call::Write && strikes(Fault::Writes)))
+            return Verdict::fail(fault.error);
         const bool cut =
             fault.afterAPart && count + 1 == first && (step.call == Call::Read || step.call == Call::Write);
         return cut ? Verdict::atMost(step.size / 2 + 1) : Verdict::goOn();

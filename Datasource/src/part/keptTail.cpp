@@ -4,10 +4,12 @@
 #include "format/indexTransfer.h"
 
 #include <orva/errors.h>
+#include <orva/errtext.h>
 
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <span>
 
@@ -43,6 +45,18 @@ private:
     mutable std::int64_t fBegin = 0;  // where the index stood
 };
 
+// Asks for no memory, which may be what there is none of.
+bool standThere(bytesFrom file, std::span<const unsigned char> bytes, std::int64_t place) {
+    std::array<unsigned char, 4096> found;
+    for (; !bytes.empty(); place += std::ssize(found)) {
+        const auto piece = bytes.first(std::min(bytes.size(), found.size()));
+        if (!file.read(found.data(), piece.size(), place)) return false;
+        if (!std::equal(piece.begin(), piece.end(), found.begin())) return false;
+        bytes = bytes.subspan(piece.size());
+    }
+    return true;
+}
+
 void append(fileBytes& bytes, const void* from, std::size_t size) {
     const auto* begin = static_cast<const unsigned char*>(from);
     bytes.insert(bytes.end(), begin, begin + size);
@@ -69,11 +83,17 @@ std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, s
     return checksum(bytes.data(), bytes.size());
 }
 
+void putBack(ORVA_File& file, std::span<const unsigned char> kept, std::int64_t place) try {
+    writeAll(file, kept.data(), kept.size(), place);
+} catch (const FileError&) {
+    if (!standThere(file, kept, place)) throw;
+}
+
 void restoreTail(ORVA_File& file, const keptTail& tail, bool durable) {
     if (lengthOf(file) > tail.fileSize) file.Truncate(tail.fileSize);
-    if (!tail.block.empty()) writeAll(file, tail.block.data(), tail.block.size(), tail.untouchedEnd);
+    putBack(file, tail.block, tail.untouchedEnd);
     if (durable) file.Sync();
-    writeAll(file, tail.index.data(), tail.index.size(), tail.indexPos);
+    putBack(file, tail.index, tail.indexPos);
     if (durable) file.Sync();
 }
 

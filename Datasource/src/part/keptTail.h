@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 
 namespace orva {
@@ -42,6 +43,10 @@ rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos);
 // The checksum of up to 4,096 bytes before `untouchedEnd`, none of them before the blocks; nothing if the file ends
 // before.
 std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, std::int64_t untouchedEnd);
+
+// Writes the bytes. Where that fails and they stand there it is well: a full file system may have no room for what is
+// written over.
+void putBack(ORVA_File& file, std::span<const unsigned char> kept, std::int64_t place);
 
 // Makes the file what it was, but for the heading. `durable`: each step before the next one.
 void restoreTail(ORVA_File& file, const keptTail& tail, bool durable);

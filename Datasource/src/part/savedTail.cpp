@@ -101,7 +101,7 @@ std::exception_ptr savedTail::undo(const std::exception_ptr& failure) {
 
 // The heading first: from there on the file says by itself that it has to become what it was.
 void savedTail::putBack(const char*& outcome) {
-    writeAll(fFile, fKept.heading.data(), fKept.heading.size(), fKept.row0Pos);
+    orva::putBack(fFile, fKept.heading, fKept.row0Pos);
     if (bSafe) fFile.Sync();
     restoreTail(fFile, fKept, bSafe);
     if (bSafe) {
