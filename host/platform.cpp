@@ -111,10 +111,8 @@ int pastStandardStreams(int descriptor) {
     return moved;
 }
 
-// A file needs its data and length; a directory everything, since its entries count as what describes it.
-int rawSync(int descriptor, bool isDirectory) {
-    return rawStatus(Step{.call = Call::Sync, .descriptor = descriptor},
-                     [&] { return isDirectory ? ::fsync(descriptor) : ::fdatasync(descriptor); });
+int rawSync(int descriptor, int (*sync)(int)) {
+    return rawStatus(Step{.call = Call::Sync, .descriptor = descriptor}, [&] { return sync(descriptor); });
 }
 
 int rawTruncate(int descriptor, std::int64_t length) {
@@ -235,8 +233,8 @@ std::string directoryOf(const char* name) {
 
 // EINVAL and the like come from what has nothing to make durable. EROFS does not: a file system that has stopped after
 // an error gives it, and has not stored what was written before.
-int syncedUnlessPointless(int descriptor, bool isDirectory) {
-    if (restarted([&] { return rawSync(descriptor, isDirectory); }) == 0) return 0;
+int syncedUnlessPointless(int descriptor, int (*sync)(int)) {
+    if (restarted([&] { return rawSync(descriptor, sync); }) == 0) return 0;
     return errno == EINVAL || errno == ENOTSUP ? 0 : -1;
 }
 
@@ -331,16 +329,22 @@ void closeInherited(int descriptor) noexcept {
 }
 
 int syncData(int descriptor) noexcept {
-    return syncedUnlessPointless(descriptor, false);
+    return syncedUnlessPointless(descriptor, ::fdatasync);
 }
 
+// A directory needs everything, since its entries count as what describes it. Who may write into it, but not read it,
+// has the whole file system synced, by a file without a name there.
 int syncDirectoryOf(const char* name) noexcept {
     try {
         const std::string directory = directoryOf(name);
-        const int descriptor =
-            restarted([&] { return rawOpen(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0); });
+        const auto opened = [&](int flags) {
+            return restarted([&] { return rawOpen(directory.c_str(), flags | O_CLOEXEC, S_IRUSR); });
+        };
+        int descriptor = opened(O_RDONLY | O_DIRECTORY);
+        const bool hidden = descriptor < 0 && errno == EACCES;
+        if (hidden && (descriptor = opened(O_WRONLY | O_TMPFILE)) < 0) errno = EACCES;
         if (descriptor < 0) return -1;
-        if (syncedUnlessPointless(descriptor, true) != 0) return closedWith(descriptor, errno);
+        if (syncedUnlessPointless(descriptor, hidden ? ::syncfs : ::fsync) != 0) return closedWith(descriptor, errno);
         rawClose(descriptor);
         return 0;
     } catch (...) {

@@ -29,9 +29,9 @@ class Script : public faults::Hook {
 public:
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
     Verdict before(const faults::Step& /*step*/) override {
-        static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},         {"=EINVAL", EINVAL},
-                                                       {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE},   {"=EAGAIN", EAGAIN},
-                                                       {"=EROFS", EROFS},   {"=ENOTSUP", ENOTSUP}, {"=EBADF", EBADF}};
+        static const std::map<std::string, int> errors{
+            {"=EINTR", EINTR},   {"=EIO", EIO},     {"=EINVAL", EINVAL},   {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE},
+            {"=EAGAIN", EAGAIN}, {"=EROFS", EROFS}, {"=ENOTSUP", ENOTSUP}, {"=EBADF", EBADF},   {"=EACCES", EACCES}};
         std::string word;
         fDialogue >> word;
         fAnswer = word.substr(std::min(word.find('='), word.size()));
@@ -139,6 +139,9 @@ const CallCase kCalls[] = {
     {"NothingToSync", kWrite, syncData, "O L Y=EINVAL ", 0, kDigits},
     {"SyncOfAFileSystemThatHasStopped", kWrite, syncData, "O L Y=EROFS ", EROFS, kDigits},
     {"SyncOfADirectory", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O Y=EINTR Y=EIO c ", EIO, kDigits},
+    {"OfOneThatMayNotBeRead", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O=EACCES O Y c ", 0, kDigits},
+    {"NorHasFilesWithoutAName", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O=EACCES O=ENOTSUP ", EACCES,
+     kDigits},
     {"ARenameThatKnowsNoRefusal", kWrite, [](int) { return renameNew("a", "b"); }, "O L N=ENOTSUP N ", ENOENT, kDigits},
     {"Truncation", kWrite, [](int d) { return truncateFile(d, 4); }, "O L T4=EINTR T4 ", 0, "0123"},
 };
