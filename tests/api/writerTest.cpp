@@ -288,6 +288,14 @@ TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
         EXPECT_THAT(reader->size() - std::ssize(rows), testing::AnyOf(0, std::ssize(added)));
     };
     const auto byFace = [&] { EXPECT_TRUE(sameBytes(allRows(*reader), rows)); };
+    const auto byJoin = [&] {
+        const orva::Path from[] = {name};
+        try {
+            const i64 size = orva::join(from, path("joined"), {.durable = false, .replace = true}).size;
+            EXPECT_THAT(size - std::ssize(rows), testing::AnyOf(0, std::ssize(added)));
+        } catch (const orva::FileChangedError&) {  // NOLINT(bugprone-empty-catch): it tells what has happened
+        }
+    };
     const auto byStream = [&] {
         Bytes found(rows.size());
         stream->Read(found.data(), 100'000);
@@ -297,6 +305,7 @@ TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
         for (const Ends ends : {finished, flushed, undone, working}) {
             const bool side = ends == working && durable;  // has the old last block
             expectRead(open, ends == flushed || ends == working ? "UnfinishedFileError" : "", ends, durable);
+            expectRead(byJoin, ends == flushed || ends == working ? "UnfinishedFileError" : "", ends, durable);
             expectRead(byFace, ends == undone || side ? "" : "FileChangedError", ends, durable);
             expectRead(byStream, ends == undone ? "" : "FileChangedError", ends, durable);
         }

@@ -277,7 +277,12 @@ public:
             writeAll(file, fDictionary.data(), fDictionary.size(), 0);
             file.Close();
         }
-        const joinReport report = blaming(fFrom, [&] { return join(fInputs, output, how); });
+        joinReport report;
+        try {
+            report = blaming(fFrom, [&] { return join(fInputs, output, how); });
+        } catch (const DamagedFileError& damage) {
+            refuseDamaged(damage.path());
+        }
         checkLastBlocks(output, report);
         return {report.part.row0Pos, report.blocks, report.rows, report.stored};
     }
@@ -302,6 +307,16 @@ private:
         for (std::uint32_t i = 0; i < part.blockCount(); ++i) fTotal += part.block(i).stored;
     }
 
+    // What an append explains is no damage.
+    [[noreturn]] void refuseDamaged(const Path& path) const {
+        const shownPart input = opened(path, fOptions.row0);
+        translated(path, [&] { checkContiguous(input.bytes(), input.found().heading, input.records()); });
+        if (const std::uint32_t blocks = input.blockCount()) {
+            input.read(blocks - 1, compressedRoom(input.records()).get(), rowRoom(input.records()).get());
+        }
+        throw FileChangedError('"' + path.string() + "\" was written to while it was joined: try again", path);
+    }
+
     // Of an append without a side file that has begun to rewrite a last block, only that block shows something, while
     // heading and index are still the old ones.
     void checkLastBlocks(const std::string& output, const joinReport& report) const {
@@ -314,10 +329,7 @@ private:
             try {
                 joined.read(end - 1, compressed.get(), rows.get());
             } catch (const DamagedFileError&) {
-                const shownPart input = opened(fFrom[i], fOptions.row0);
-                if (input.blockCount() != 0) input.read(input.blockCount() - 1, compressed.get(), rows.get());
-                throw FileChangedError('"' + fFrom[i].string() + "\" was written to while it was joined: try again",
-                                       fFrom[i]);
+                refuseDamaged(fFrom[i]);
             }
         }
     }
