@@ -523,7 +523,7 @@ TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
         getrusage(RUSAGE_SELF, &used);
         EXPECT_LT(used.ru_maxrss, 1'000'000) << "KiB";
     });
-    refused(data, Bytes(1 << 20), "longer than");
+    refused(data, side + Bytes(1 << 20), "neither is the side file");
     refused(with(data, kRow0 + 30, {1}), side, "neither whole nor what the append has found");
 }
 

@@ -116,6 +116,8 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     };
     expect("1 another file renamed over the name", "kept as it is", longer[0],
            {killed(), created(other, longer), moved(other, fFile)});
+    expect("1 a file that is shorter than the side file", "kept as it is", shorter[0],
+           {created(fFile, noise), killed(fMore, 2 * kNoise), created(other, shorter), moved(other, fFile)});
     expect("2 a backup restored, appended to and renamed over", "kept as it is", oldAndMore,
            {created(other, fOldBlocks), killed(fMore), appended(other, fMore), moved(other, fFile)});
     expect("3 an append by another hard link", "kept as it is", oldAndMore,

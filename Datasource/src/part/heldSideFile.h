@@ -34,7 +34,7 @@ public:
     bool isTrusted() const;
     // EPERM for such a one.
     void requireTrusted() const;
-    // All of it, at most `longest` bytes.
+    // All of it, or its first `longest` bytes.
     fileBytes read(std::int64_t longest) const;
     // Durably.
     void remove();
