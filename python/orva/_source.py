@@ -124,7 +124,7 @@ class Opened:
     def __init__(self, source: Source | _orva.Source, row0: int | None, threads: int) -> None:
         self.row0, self.threads = row0_of(row0), threads_of(threads)
         self.again: Any = source
-        self.name = str(getattr(source, "name", ""))
+        self.name = str(getattr(source, "name", None) or getattr(source, "path", ""))
         how = self.row0, self.threads
         if isinstance(source, (str, os.PathLike)):
             self.name = path_of(source)
@@ -133,9 +133,9 @@ class Opened:
         elif hasattr(source, "readinto"):  # first: other libraries' files have a read_at of other arguments too
             if not getattr(source, "readable", lambda: True)():
                 raise io.UnsupportedOperation("not readable")
-            self.reader = _orva.Reader(SourceObject(source), *how)  # type: ignore[arg-type]
+            self.reader = _orva.Reader(SourceObject(source), *how, os.fsencode(self.name))  # type: ignore[arg-type]
         elif hasattr(source, "read_at"):
-            self.reader = _orva.Reader(source, *how)
+            self.reader = _orva.Reader(source, *how, os.fsencode(self.name))
         else:
             given = type(source).__name__
             raise TypeError(f"rows come from a path, str or os.PathLike[str], or a binary file object, not {given}")

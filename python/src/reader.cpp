@@ -25,9 +25,9 @@ constexpr std::size_t kSmallRead = 65'536;  // lies in two blocks at most, as a 
 class closableReader {
 public:
     template <class From>
-    closableReader(const From& from, std::optional<i64> row0, int threads)
+    closableReader(const From& from, std::optional<i64> row0, int threads, const std::string& name = {})
         // Two blocks: a search that ends at the border of two looks into them by turns.
-        : fReader(opened(from, {.row0 = row0, .threads = threads, .cached_blocks = 2})),
+        : fReader(opened(from, {.row0 = row0, .threads = threads, .cached_blocks = 2, .name = name})),
           fBlocks(blocksAtATime(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency()))) {}
 
     void close() { fReader.reset(); }
@@ -140,7 +140,8 @@ void bindReader(py::module_& module) {
     using namespace py::literals;
     py::class_<closableReader>(module, "Reader")
         .def(py::init<const std::string&, std::optional<i64>, int>(), "path"_a, "row0"_a, "threads"_a)
-        .def(py::init<const py::object&, std::optional<i64>, int>(), "source"_a, "row0"_a, "threads"_a)
+        .def(py::init<const py::object&, std::optional<i64>, int, const std::string&>(), "source"_a, "row0"_a,
+             "threads"_a, "name"_a)
         .def_property_readonly("closed", &closableReader::isClosed)
         .def_property_readonly("size", [](const closableReader& reader) { return reader.get().size(); })
         .def_property_readonly("row0", [](const closableReader& reader) { return reader.get().row0(); })

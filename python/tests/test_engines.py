@@ -133,6 +133,8 @@ def test_partitions_over_a_store(homes: dict[str, str], tmp_path: Path) -> None:
         pytest.raises(OSError, orva.dask.from_rows, wrong, "u1").match("bytes of a range.*simplecache::")
 
 
+    for no_rows in ranged.replace("/a.csv.", "/c."), f"buffered://{homes['buffered']}/c.orva":
+        pytest.raises(orva.DamagedFileError, orva.dask.from_rows, no_rows).match('/c.orva" does not say')
 write = functools.partial(orva.write, block=BLOCK)
 RANDOM = np.random.default_rng(2).integers(0, 1 << 63, 100_000)  # every block takes as many bytes, whatever is in it
 LONGER = np.ones(3, (np.void, 100_000))  # than a block

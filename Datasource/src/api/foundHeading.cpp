@@ -43,7 +43,7 @@ public:
     }
 
 private:
-    std::string name() const { return fPath.empty() ? "the source" : '"' + fPath.string() + '"'; }
+    std::string name() const { return '"' + fBytes.name() + '"'; }
     [[noreturn]] void refuse(const std::string& what) const { throw DamagedFileError(name() + ' ' + what, fPath); }
 
     std::int64_t searched() const {

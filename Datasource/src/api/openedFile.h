@@ -43,7 +43,8 @@ private:
 
 class sourceBytes final : public storedBytes {
 public:
-    explicit sourceBytes(std::shared_ptr<const ByteSource> source) : fSource(std::move(source)) {}
+    sourceBytes(std::shared_ptr<const ByteSource> source, const std::string& name)
+        : fSource(std::move(source)), fName(name.empty() ? "the source" : name) {}
 
     const std::string& name() const override { return fName; }
     std::int64_t length() const override { return sizeOf(*fSource); }
@@ -51,7 +52,7 @@ public:
 
 private:
     const std::shared_ptr<const ByteSource> fSource;
-    const std::string fName = "the source";
+    const std::string fName;
 };
 
 }  // namespace orva

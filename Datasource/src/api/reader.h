@@ -26,6 +26,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace orva {
@@ -63,6 +64,7 @@ struct ReaderOptions {
     std::optional<i64> row0{};  // where heading and rows begin in the file; without it Reader finds it
     int threads = 1;            // that inflate a read of blocks, the caller's counted, above 256 as 256; 0: one a core
     int cached_blocks = 1;      // kept inflated, up to 4 MiB each: at least one a thread that reads in small pieces
+    std::string name{};         // what texts of errors call a source
 };
 
 class shownPart;

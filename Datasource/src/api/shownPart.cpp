@@ -92,8 +92,9 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
     }
 }
 
-shownPart::shownPart(std::shared_ptr<const ByteSource> source, std::optional<i64> row0)
-    : fBytes(std::make_unique<sourceBytes>(std::move(source))), fFound(findHeading(*fBytes, row0, fPath, fPlace)) {
+shownPart::shownPart(std::shared_ptr<const ByteSource> source, const std::string& name, std::optional<i64> row0)
+    : fBytes(std::make_unique<sourceBytes>(std::move(source), name)),
+      fFound(findHeading(*fBytes, row0, fPath, fPlace)) {
     load();
 }
 
@@ -133,7 +134,7 @@ Block shownPart::block(std::uint32_t number) const {
 std::vector<std::byte> shownPart::dictionary() const {
     std::vector<std::byte> all(static_cast<std::size_t>(row0()));
     const bool whole = translated(fPath, [&] { return fBytes->read(all.data(), all.size(), 0); });
-    if (!whole) throw FileChangedError('"' + fPath.string() + "\" has become shorter since it was opened", fPath);
+    if (!whole) throw FileChangedError('"' + fBytes->name() + "\" has become shorter since it was opened", fPath);
     return all;
 }
 

@@ -29,7 +29,7 @@ class shownPart {
 public:
     // Opens as Reader does. `place`: the full name of `path`. `locked`: the caller holds the writer's lock.
     shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked = false);
-    shownPart(std::shared_ptr<const ByteSource> source, std::optional<i64> row0);
+    shownPart(std::shared_ptr<const ByteSource> source, const std::string& name, std::optional<i64> row0);
 
     // Of no other one in this process. Who has the greater one has begun to look later.
     std::uint64_t id() const { return fId; }
