@@ -85,7 +85,8 @@ class SourceObject:
 
     def size(self) -> int:
         with self._lock():
-            return self._file.seek(0, os.SEEK_END)
+            self._file.seek(0, os.SEEK_END)  # which need not tell, as files of SFTP do not
+            return self._file.tell()
 
     def _has_descriptor(self) -> bool:
         try:
@@ -100,7 +101,11 @@ class SourceObject:
         if self._process != os.getpid() and self._has_descriptor():
             raise ValueError("a file object that is no plain file cannot be read after a fork: open it by its path")
         self._file.seek(offset)
-        return self._file.readinto(to)
+        if hasattr(self._file, "readinto"):
+            return self._file.readinto(to)
+        found = self._file.read(len(to)) or b""  # of files of Hadoop, and of archives
+        to[: len(found)] = found
+        return len(found)
 
     def read_at(self, offset: int, to: memoryview) -> int:
         with self._lock():
@@ -130,7 +135,7 @@ class Opened:
             self.name = path_of(source)
             self.again = os.path.abspath(self.name)
             self.reader = _orva.Reader(name_of(source), *how)
-        elif hasattr(source, "readinto"):  # first: other libraries' files have a read_at of other arguments too
+        elif hasattr(source, "seek") and not isinstance(source, io.TextIOBase):
             if not getattr(source, "readable", lambda: True)():
                 raise io.UnsupportedOperation("not readable")
             self.reader = _orva.Reader(SourceObject(source), *how, os.fsencode(self.name))  # type: ignore[arg-type]

@@ -54,7 +54,7 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "released memoryview", of_a_failed_read),
     # Paths.
     (ValueError, "embedded null character", lambda: orva.open("a\0b")),
-    (TypeError, "a path, str or os.PathLike.*, or a binary file object, not bytes", lambda: orva.open(b"a")),
+    (TypeError, "a path, str or os.PathLike.*, or a binary file object, not (bytes|StringIO)", lambda: orva.open(b"a"), lambda: orva.open(io.StringIO())),
     (TypeError, "a path is str or os.PathLike.* not (DirEntry|bytes)", lambda: orva.rows(next(os.scandir(b"."))), lambda: orva.join([b"a"], "a")),
     (TypeError, "several paths.*(bytes.orva|None)", lambda: orva.join(b"bytes.orva", "a"), lambda: orva.dask.from_rows(None)),
     # Options.

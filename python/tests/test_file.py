@@ -8,6 +8,7 @@ import pickle
 import signal
 import subprocess
 import sys
+import types
 import warnings
 from pathlib import Path
 from typing import Any, Callable
@@ -29,7 +30,13 @@ STEPS: list[Any] = [
 ]
 
 
-@pytest.mark.parametrize("opened", [str, lambda path: open(path, "rb")])
+# What there is at least of a file, as of those in archives.
+def bare(path: Path) -> Any:
+    file = io.BytesIO(path.read_bytes())
+    return types.SimpleNamespace(seek=file.seek, tell=file.tell, read=file.read)
+
+
+@pytest.mark.parametrize("opened", [str, lambda path: open(path, "rb"), bare])
 @pytest.mark.parametrize("threads", [1, 3])
 def test_reads_as_a_plain_file_does(shared: Path, tmp_path: Path, opened: Any, threads: int) -> None:
     (tmp_path / "plain").write_bytes(BYTES)
