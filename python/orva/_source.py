@@ -6,9 +6,9 @@ import io
 import operator
 import os
 import threading
+import weakref
 from collections.abc import Iterable
 from typing import Any, Union
-from weakref import WeakKeyDictionary
 
 from . import _orva
 
@@ -64,7 +64,7 @@ def block_of(length: int | None, default: int) -> int:
 
 
 # By process, of each object that is read from.
-_LOCKS: WeakKeyDictionary[Any, dict[int, threading.Lock]] = WeakKeyDictionary()
+_LOCKS: weakref.WeakKeyDictionary[Any, dict[int, threading.Lock]] = weakref.WeakKeyDictionary()
 
 
 class SourceObject:
@@ -138,7 +138,9 @@ class Opened:
         elif hasattr(source, "seek") and not isinstance(source, io.TextIOBase):
             if not getattr(source, "readable", lambda: True)():
                 raise io.UnsupportedOperation("not readable")
-            self.reader = _orva.Reader(SourceObject(source), *how, os.fsencode(self.name))  # type: ignore[arg-type]
+            self._source = SourceObject(source)  # type: ignore[arg-type]
+            # The collector sees no cycle that goes through the extension, as of a source that keeps its rows or its error.
+            self.reader = _orva.Reader(weakref.proxy(self._source), *how, os.fsencode(self.name))
         elif hasattr(source, "read_at"):
             self.reader = _orva.Reader(source, *how, os.fsencode(self.name))
         else:

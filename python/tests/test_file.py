@@ -209,6 +209,7 @@ MANY: list[tuple[int, Callable[[Path], object]]] = [
     (3_000, lambda home: orva.rows(io.FileIO(home / "trades.orva"))[0]),
     (3_000, lambda home: pytest.raises(orva.DamagedFileError, lambda: orva.rows(home / "bad.orva")[10_000])),
     (3_000, lambda home: orva.open(home / "new.orva", "xb").write(b"x")),
+    (3_000, lambda home: setattr(source := Slow((home / "numbers.orva").read_bytes()), "rows", orva.rows(source))),
 ]
 
 
