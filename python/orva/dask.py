@@ -35,7 +35,7 @@ from ._frame import frame_of
 from ._rows import Rows
 from ._source import PathLike, path_of, paths_of
 from ._write import array_of, write
-from .fsspec import source
+from .fsspec import checked, source
 
 if TYPE_CHECKING:
     from dask.array.core import Array
@@ -53,7 +53,7 @@ class _Seen:
     size: int
     blocks: int
     begins: str  # of the blocks' rows and of their bytes in the file, hashed
-    sums: tuple[bytes, ...]  # Adler-32 of some blocks' rows, which their streams end with; at last, the last block's
+    sums: bytes  # Adler-32 of some blocks' rows, which their streams end with; at last, the last block's
 
 
 @dataclass(frozen=True)
@@ -93,10 +93,10 @@ def _seen(rows: Rows, fs: Any, name: str, blocks: int | None = None) -> _Seen:
     some = np.unique([*np.linspace(0, max(count - 2, 0), _SAMPLES).astype(int), max(count - 1, 0)])[:count]
     ends = index[some, 2:].sum(axis=1).tolist()
     sums = fs.cat_ranges([name] * len(ends), [end - 4 for end in ends], ends)
-    for failed in (found for found in sums if isinstance(found, Exception)):  # which some file systems give back
+    for failed in (found for found in sums if isinstance(found, BaseException)):  # which some file systems give back
         raise failed
     begins = hashlib.sha256(np.ascontiguousarray(index[:, [0, 2]]).tobytes()).hexdigest()
-    return _Seen(rows.nbytes, count, begins, tuple(sums))
+    return _Seen(rows.nbytes, count, begins, checked(b"".join(sums), 4 * len(ends), name))
 
 
 def _is_still(was: _Seen, rows: Rows, fs: Any, name: str) -> bool:
@@ -110,7 +110,7 @@ def _is_still(was: _Seen, rows: Rows, fs: Any, name: str) -> bool:
         return True
     begin = int(_index(rows)[was.blocks - 1, 0])  # of the block that an append may have written again, with more rows
     last = zlib.adler32(rows._reader.read_bytes(begin, was.size - begin)).to_bytes(4, "big")
-    return (*now.sums[:-1], last) == was.sums
+    return now.sums[:-4] + last == was.sums
 
 
 def _opened(fs: Any, name: str, dtype: npt.DTypeLike) -> tuple[Rows, Any, str]:

@@ -20,6 +20,14 @@ from ._file import File
 _BUFFER = 1 << 16  # as much as engines read to find the end of a line: none is read ahead, maybe out of the next block
 
 
+def checked(found: bytes, size: int, path: str) -> bytes:
+    """What a store gave of a range of `size` bytes."""
+    if len(found) != size:
+        told = f"its store gave {len(found)} bytes of a range of {size}; simplecache:: copies whole files"
+        raise OSError(f"{path}: {told}")
+    return found
+
+
 class _Ranges:
     """A file of a file system that reads ranges of its own, on any thread and without a state."""
 
@@ -36,12 +44,8 @@ class _Ranges:
         end = min(offset + len(to), self.size())
         if end <= offset:
             return 0
-        found = self._fs.cat_file(self.name, start=offset, end=end)
-        if len(found) != end - offset:
-            told = f"its store gave {len(found)} bytes of a range of {end - offset}; simplecache:: copies whole files"
-            raise OSError(f"{self.name}: {told}")
-        to[: len(found)] = found
-        return len(found)
+        to[: end - offset] = checked(self._fs.cat_file(self.name, start=offset, end=end), end - offset, self.name)
+        return end - offset
 
 
 def source(fs: AbstractFileSystem, path: str) -> Any:
@@ -116,18 +120,21 @@ class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
     def glob(self, path: str, **kwargs: Any) -> Any:
         return super().glob(self._path(path), **kwargs)
 
+    def _type(self, path: str) -> str | None:
+        # Not by what the target has for this: HTTP's asks for the whole file.
+        try:
+            return str(self._target.info(self._path(path))["type"])
+        except FileNotFoundError:
+            return None
+
     def exists(self, path: str, **kwargs: Any) -> bool:
-        return bool(self._target.exists(self._path(path), **kwargs))
+        return self._type(path) is not None
 
     def isfile(self, path: str) -> bool:
-        return bool(self._target.isfile(self._path(path)))
+        return self._type(path) == "file"
 
     def isdir(self, path: str) -> bool:
-        # Not by the target's isdir: HTTP's fetches the whole file to look for links.
-        try:
-            return bool(self._target.info(self._path(path))["type"] == "directory")
-        except FileNotFoundError:
-            return False
+        return self._type(path) == "directory"
 
     def ukey(self, path: str) -> str:
         return str(self._target.ukey(self._path(path)))
