@@ -31,7 +31,11 @@ def checked(dtype: npt.DTypeLike) -> np.dtype[Any]:
     """A dtype whose values are their bytes; ValueError for any other."""
     made = np.dtype(dtype)
     if made.hasobject:
-        raise ValueError(f"values of {made} are no bytes that a file could hold")
+        of = ", ".join(repr(name) for name, (of, *_) in (made.fields or {}).items() if of.hasobject) or str(made)
+        raise ValueError(
+            f"values of {of} are objects, no bytes that a file could hold: astype gives them a dtype of numpy's, as 'f8' to"
+            " Int64 with missing values, and column_dtypes of to_records one of a width, as 'S4', to texts"
+        )
     if made.itemsize == 0:
         raise ValueError(f"values of {made} have no bytes")
     return made

@@ -17,7 +17,14 @@ _PIECE = 4_190_208  # bytes of rows that are copied at a time where an array is 
 
 def array_of(values: Any) -> Any:
     """A frame's rows are its records, without its index: as an array all its columns would be of one dtype."""
-    return values.to_records(index=False) if hasattr(values, "to_records") else np.asanyarray(values)
+    if not hasattr(values, "to_records"):
+        return np.asanyarray(values)
+    names = list(values.columns)
+    if not names:
+        raise ValueError("rows of no columns have no bytes")
+    if len({name for name in names if isinstance(name, str)}) < len(names):
+        raise ValueError(f"columns need different names of text, as columns.map(str) makes them, not {names[:9]}")
+    return values.to_records(index=False)
 
 
 def _rows_of(array: npt.ArrayLike) -> tuple[npt.NDArray[Any], np.dtype[Any]]:
@@ -51,7 +58,7 @@ def write(
     so that `orva.rows` needs none.
 
     threads, level, block: as for `orva.open`. Errors: OSError; ValueError for arrays of objects, of no axis or of
-    elements without bytes, of fields that overlap or stand in another order than their names
+    elements without bytes, for columns whose names are no texts or the same, of fields that overlap or stand in another order than their names
     (`numpy.lib.recfunctions.repack_fields` puts them right), for a dtype of more than a megabyte of text, and for
     options outside their ranges. Nothing is left then.
     """

@@ -261,9 +261,7 @@ def _write_part(values: Any, name: str, dtype: np.dtype[Any], within: tuple[int,
 def _pieces(collection: Any) -> tuple[list[Any], np.dtype[Any], tuple[int, ...]]:
     """The partitions, as what is delayed, and of what their rows are."""
     if is_dask_collection(collection) and is_dataframe_like(collection):
-        if len(collection.columns) == 0:
-            raise ValueError("rows of no columns have no bytes")
-        return collection.to_delayed(), collection._meta.to_records(index=False).dtype, ()
+        return collection.to_delayed(), array_of(collection._meta).dtype, ()
     if not hasattr(collection, "numblocks") or collection.ndim == 0:
         raise TypeError(f"rows come from a dask array or dataframe, not from {type(collection).__name__}")
     if any(count > 1 for count in collection.numblocks[1:]):

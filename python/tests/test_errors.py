@@ -40,7 +40,8 @@ def of_a_failed_read() -> bytes:
 
 
 WORK = [partial(orva.verify, "bad.orva"), partial(orva.recover, "bad.orva", "a"), partial(orva.join, ["bad.orva"], "a")]
-OBJECTS = dd.from_pandas(pd.DataFrame({"text": ["a", "b"]}), npartitions=1)
+TEXTS = pd.DataFrame({"text": ["a", "b"], "of": 1, "n": pd.array([1, None], "Int64")})
+OBJECTS = dd.from_pandas(TEXTS, npartitions=1)
 # Class, text, and the calls that end so.
 BAD: list[tuple[Any, ...]] = [
     # Files.
@@ -77,8 +78,10 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "does not say of what dtype", lambda: orva.rows("bytes.orva")),
     (ValueError, "9 bytes are no whole number.* of 2", lambda: orva.rows("bytes.orva", "i2")),
     (ValueError, "rows of 21 bytes.*int64 has 8", lambda: trades("i8")),
-    (ValueError, "no bytes that a file", lambda: rows([("a", object)]), lambda: write([None]), lambda: to_rows(OBJECTS)),
-    (ValueError, "have no bytes", lambda: write(np.zeros((3, 0))), lambda: rows("V0"), lambda: to_rows(OBJECTS[[]])),
+    (ValueError, "object.* no bytes that a file", lambda: write([None]), lambda: rows(object)),
+    (ValueError, "'text', 'n' are objects, no bytes that a file.*astype", lambda: write(TEXTS), lambda: to_rows(OBJECTS), lambda: rows([("text", object), ("n", object)])),
+    (ValueError, "columns need .* names", *(partial(write, pd.DataFrame([[1, 2]], columns=names)) for names in ([0, 1], ["a", "a"]))),
+    (ValueError, "have no bytes", lambda: write(np.zeros((3, 0))), lambda: write(TEXTS[[]]), lambda: rows("V0"), lambda: to_rows(OBJECTS[[]])),
     (ValueError, "of no axis", lambda: write(3.0)),
     (ValueError, "1,062,912 bytes", lambda: write(np.zeros(1, [(f"{i:0999}", "u1") for i in range(1_050)]))),
     (ValueError, "masked have no values", lambda: write(orva.rows("bad.orva", damaged="mask"))),
