@@ -44,19 +44,10 @@ constexpr Advice kAdvice[] = {
     {ESTALE, "the file was replaced on its server: open it again"},
 };
 
-const char* adviceFor(int error) {
+std::string adviceFor(int error) {
     for (const Advice& advice : kAdvice)
-        if (advice.error == error) return advice.text;
-    return nullptr;
-}
-
-std::string describe(const std::error_code& code, const std::string& catalog, long messageCode,
-                     const std::string& fileName) {
-    std::string text = std::string(verbOf(messageCode)) + " \"" + fileName + "\": ";
-    text += code ? code.message() : "unknown error";
-    text += " (" + catalog + ' ' + std::to_string(messageCode) + ')';
-    if (const char* advice = adviceFor(code.value())) text += std::string("; ") + advice;
-    return text;
+        if (advice.error == error) return std::string("; ") + advice.text;
+    return {};
 }
 
 }  // namespace
@@ -65,13 +56,19 @@ struct FileError::Details {
     std::string catalog;
     long messageCode;
     std::string fileName;
+    std::string reason;
     std::string text;
 };
 
 FileError::FileError(int error, const char* catalog, long messageCode, const char* fileName)
     : std::system_error(error, std::generic_category()) {
-    Details details{orEmpty(catalog), messageCode, orEmpty(fileName), {}};
-    details.text = describe(code(), details.catalog, messageCode, details.fileName);
+    Details details{orEmpty(catalog), messageCode, orEmpty(fileName), {}, {}};
+    const std::string verb = verbOf(messageCode);
+    const std::string why = error != 0 ? code().message() : "unknown error";
+    const std::string advice = adviceFor(error);
+    details.reason = verb + ": " + why + advice;
+    details.text = verb + " \"" + details.fileName + "\": " + why + " (" + details.catalog + ' ' +
+                   std::to_string(messageCode) + ')' + advice;
     fDetails = std::make_shared<const Details>(std::move(details));
 }
 
@@ -86,6 +83,9 @@ long FileError::messageCode() const noexcept {
 const std::string& FileError::fileName() const noexcept {
     return fDetails->fileName;
 }
+const std::string& FileError::reason() const noexcept {
+    return fDetails->reason;
+}
 const char* FileError::what() const noexcept {
     return fDetails->text.c_str();
 }
@@ -93,7 +93,7 @@ const char* FileError::what() const noexcept {
 FileError FileError::withOutcome(const std::string& outcome) const {
     FileError copy(*this);
     Details details = *fDetails;
-    details.text += "; " + outcome;
+    for (std::string* text : {&details.reason, &details.text}) *text += "; " + outcome;
     copy.fDetails = std::make_shared<const Details>(std::move(details));
     return copy;
 }

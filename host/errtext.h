@@ -26,6 +26,8 @@ public:
     const std::string& fileName() const noexcept;
     // One line: what could not be done to which file, why, and what to do about it where that is clear.
     const char* what() const noexcept override;
+    // The same without the file's name and the catalog, for who tells the name elsewhere.
+    const std::string& reason() const noexcept;
     // The same failure, with what became of the file at the end of its text.
     FileError withOutcome(const std::string& outcome) const;
 

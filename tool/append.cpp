@@ -94,8 +94,7 @@ private:
         } catch (const orva::SystemError& e) {
             if (e.code() != std::errc::filename_too_long) throw;
             throw toolFailure(kOutputUnwritable, file.name,
-                              failureText(e.what(), file.name) +
-                                  "; --no-sync does without this file, and a shorter name leaves room for it");
+                              e.reason() + "; --no-sync does without this file, and a shorter name leaves room for it");
         }
     }
 

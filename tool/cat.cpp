@@ -173,8 +173,7 @@ private:
 
     void lose(const orva::Range& lost, const orva::DamagedFileError& damage, output& out) {
         ++fLostRanges;
-        const std::string why = failureText(damage.what(), fPart.file);
-        note("cat", fPart.file, lostText(lost) + ": " + why.substr(0, why.find("; 'orva recover")));
+        note("cat", fPart.file, lostText(lost) + ": " + damage.reason());
         if (fDamaged == "skip") return;
         constexpr std::int64_t most = 1 << 20;
         const std::vector<char> zeros(static_cast<std::size_t>(std::min(lost.length, most)));

@@ -5,6 +5,7 @@
 
 #include <orva/orva.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -12,19 +13,10 @@
 
 namespace {
 
-std::string withoutLast(std::string text, const std::string& part) {
-    if (const auto at = text.rfind(part); at != std::string::npos) text.erase(at, part.size());
-    return text;
-}
-
-// The library's own text for the present errno, without the number that its catalog is searched by.
+// The library's own text for the present errno.
 [[noreturn]] void throwFailed(const std::string& file, bool writing) {
-    const long code = writing ? 1002 : 1003;
-    try {
-        ThrowError::StringSys("orva", code, file.c_str());
-    } catch (const FileError& e) {
-        throw orva::SystemError(e.code(), withoutLast(e.what(), " (orva " + std::to_string(code) + ')'), file, writing);
-    }
+    const FileError failure(errno, "orva", writing ? 1002 : 1003, file.c_str());
+    throw orva::SystemError(failure.code(), failure.reason(), file, writing);
 }
 
 // "orva" + ": part" for each part that there is.
@@ -52,25 +44,13 @@ void throwWriteFailed(const std::string& file) {
     throwFailed(file, true);
 }
 
-// A name of an option is the flag's one, where a text says what to do with it: a file's name may hold the word too.
-std::string failureText(std::string text, const std::string& file) {
-    for (const char* const behind : {"\" is ", "\": ", "\" "}) {
-        if (text.starts_with('"' + file + behind)) text.erase(0, file.size() + 1 + std::strlen(behind));
-    }
-    if (const auto at = text.find(" \"" + file + "\": "); at != std::string::npos) text.erase(at, file.size() + 3);
-    for (const std::string to : {"check ", "give ", "say by "}) {
-        if (const auto at = text.rfind(to + "row0"); at != std::string::npos) text.insert(at + to.size(), "--");
-    }
-    return text;
-}
-
 int reportFailure(const std::string& verbName, const std::string& subject, const std::exception_ptr& failure) {
     const auto report = [&](exitCode code, const std::string& file, const std::string& text) {
         printLine({verbName, file, text});
         return code;
     };
     const auto reportFile = [&](exitCode code, const orva::Error& e) {
-        return report(code, e.path().string(), failureText(e.what(), e.path().string()));
+        return report(code, e.path().string(), e.reason() + (e.advice().empty() ? "" : "; " + e.advice()));
     };
     try {
         std::rethrow_exception(failure);

@@ -39,8 +39,5 @@ private:
 // the verb is about, for what does not say which file it was.
 int reportFailure(const std::string& verbName, const std::string& subject, const std::exception_ptr& failure);
 
-// The text of a failure without the file's name, which stands in front of it or is known.
-std::string failureText(std::string text, const std::string& file);
-
 // A line on standard error that is no failure.
 void note(const std::string& verbName, const std::string& file, const std::string& text);

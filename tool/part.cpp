@@ -46,7 +46,7 @@ shownFile openFile(const partOptions& options) {
         if (!options.swap || file.info.swapped) return file;
         throw toolFailure(kDamaged, options.file, "its heading has this machine's byte order: leave out --swap");
     } catch (const orva::UsageError& twoParts) {
-        throw toolFailure(kOtherFailure, options.file, failureText(twoParts.what(), options.file));
+        throw toolFailure(kOtherFailure, options.file, twoParts.reason());
     }
 }
 
@@ -62,7 +62,7 @@ shownFile openFile(const std::string& verbName, const partOptions& options) {
 
 void requireSound(const std::string& file, const orva::VerifyReport& found) {
     if (found.sound()) return;
-    throw toolFailure(kDamaged, file, failureText(found.bad.empty() ? found.index : found.bad.front().text, file));
+    throw toolFailure(kDamaged, file, found.bad.empty() ? found.index : found.bad.front().text);
 }
 
 void noteHidden(const std::string& verbName, const std::string& file, std::int64_t row0) {

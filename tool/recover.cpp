@@ -58,7 +58,7 @@ private:
                                   .durable = !fOutput.noSync,
                                   .replace = fOutput.force});
         } catch (const orva::UsageError& twoParts) {
-            throw toolFailure(kOtherFailure, fPart.file, failureText(twoParts.what(), fPart.file));
+            throw toolFailure(kOtherFailure, fPart.file, twoParts.reason());
         }
     }
 
@@ -97,10 +97,10 @@ private:
             out.finish();
         } catch (const orva::SystemError& e) {
             if (fReport.lost.empty()) {
-                throw orva::SystemError(e.code(), e.what() + ("; \"" + fOut + "\" is complete"), e.path(), true);
+                throw orva::SystemError(e.code(), e.reason() + "; \"" + fOut + "\" is complete", e.path(), true);
             }
             for (const orva::LostRows& lost : fReport.lost) note("recover", fPart.file, line(lost));
-            note("recover", e.path().string(), failureText(e.what(), e.path().string()));
+            note("recover", e.path().string(), e.reason());
         }
     }
 

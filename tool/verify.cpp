@@ -50,13 +50,11 @@ private:
     }
 
     std::string summary() const {
-        if (fReport.bad.empty()) return indexError() + ": 'orva recover' makes a new file of its rows";
+        if (fReport.bad.empty()) return fReport.index + ": 'orva recover' makes a new file of its rows";
         return grouped(std::ssize(fReport.bad)) + " of " + counted(fReport.blocks, "block") +
                " damaged: get the file from its source again; 'orva recover' makes a new one with the rows of the "
                "others";
     }
-
-    std::string indexError() const { return failureText(fReport.index, fPart.file); }
 
     void print() const {
         output out;
@@ -66,27 +64,27 @@ private:
             for (const orva::BadBlock& bad : fReport.bad) out.write(line(bad));
             // Alone it is told as the failure.
             if (!fReport.bad.empty() && !fReport.index.empty()) {
-                out.write(shownName(fPart.file) + ": " + indexError() + '\n');
+                out.write(shownName(fPart.file) + ": " + fReport.index + '\n');
             }
         }
         out.finish();
     }
 
     std::string line(const orva::BadBlock& bad) const {
-        return shownName(fPart.file) + ": " + lostText(bad.rows) + ": " + failureText(bad.text, fPart.file) + '\n';
+        return shownName(fPart.file) + ": " + lostText(bad.rows) + ": " + bad.text + '\n';
     }
 
     nlohmann::ordered_json json() const {
         nlohmann::ordered_json list = nlohmann::ordered_json::array();
         for (const orva::BadBlock& bad : fReport.bad) {
             auto entry = blockJson(bad.block, fInfo.blocks[static_cast<std::size_t>(bad.block)]);
-            entry["error"] = failureText(bad.text, fPart.file);
+            entry["error"] = bad.text;
             list.push_back(std::move(entry));
         }
         nlohmann::ordered_json json = {{"schema", kJsonSchema},   {"file", fPart.file},
                                        {"good", fReport.sound()}, {"blocks", fReport.blocks},
                                        {"dataSize", fInfo.size},  {"badBlocks", std::move(list)}};
-        if (!fReport.index.empty()) json["indexError"] = indexError();
+        if (!fReport.index.empty()) json["indexError"] = fReport.index;
         return json;
     }
 

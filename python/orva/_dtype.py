@@ -76,7 +76,7 @@ def of_dictionary(part: bytes, path: str) -> np.dtype[Any] | None:
     try:
         return checked(descr_to_dtype(_tuples(json.loads(lines[1][6:]))))  # type: ignore[no-untyped-call]
     except (ValueError, TypeError, KeyError, IndexError, RecursionError) as error:
-        raise DamagedFileError(f'"{path}" is damaged: it tells a dtype that is none: {error}', path) from None
+        raise DamagedFileError(f'"{path}": damaged: it tells a dtype that is none: {error}', path) from None
 
 
 def of_reader(reader: _orva.Reader, path: str) -> np.dtype[Any] | None:

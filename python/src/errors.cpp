@@ -24,7 +24,8 @@ void set(const char* name, const orva::Error& error) {
 
 // OSError chooses its subclass by the number.
 void set(const orva::SystemError& error) {
-    const py::tuple told = py::make_tuple(error.code().value(), decoded(error.what()), decoded(error.path().string()));
+    const py::tuple told =
+        py::make_tuple(error.code().value(), decoded(error.reason()), decoded(error.path().string()));
     PyErr_SetObject(PyExc_OSError, told.ptr());
 }
 

@@ -134,7 +134,7 @@ def test_partitions_over_a_store(homes: dict[str, str], tmp_path: Path) -> None:
     for wrong in whole, ranged.replace("/csv0/", "/short/"), ranged.replace("/csv0/", "/ends/"):
         pytest.raises(OSError, orva.dask.from_rows, wrong, "u1").match("bytes of a range.*simplecache::")
     for no_rows in ranged.replace("/a.csv.", "/c."), f"buffered://{homes['buffered']}/c.orva":
-        pytest.raises(orva.DamagedFileError, orva.dask.from_rows, no_rows).match('/c.orva" does not say')
+        pytest.raises(orva.DamagedFileError, orva.dask.from_rows, no_rows).match('/c.orva": does not say')
 
 
 write = functools.partial(orva.write, block=BLOCK)

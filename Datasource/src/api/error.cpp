@@ -2,17 +2,35 @@
 
 namespace orva {
 
+namespace {
+
+std::string whole(const std::string& reason, const Path& path, const std::string& advice) {
+    return (path.empty() ? "" : '"' + path.string() + "\": ") + reason + (advice.empty() ? "" : "; " + advice);
+}
+
+}  // namespace
+
 struct Error::Details {
+    std::string reason;
+    std::string advice;
     Path path;
     std::optional<i64> offset;
     std::optional<i64> block;
 };
 
-Error::Error(const std::string& text, const Path& path, std::optional<i64> offset, std::optional<i64> block)
-    : std::runtime_error(text), fDetails(std::make_shared<const Details>(Details{path, offset, block})) {}
+Error::Error(const std::string& reason, const Path& path, std::optional<i64> offset, std::optional<i64> block,
+             const std::string& advice)
+    : std::runtime_error(whole(reason, path, advice)),
+      fDetails(std::make_shared<const Details>(Details{reason, advice, path, offset, block})) {}
 
 Error::~Error() = default;
 
+const std::string& Error::reason() const noexcept {
+    return fDetails->reason;
+}
+const std::string& Error::advice() const noexcept {
+    return fDetails->advice;
+}
 const Path& Error::path() const noexcept {
     return fDetails->path;
 }
@@ -23,8 +41,8 @@ std::optional<i64> Error::block() const noexcept {
     return fDetails->block;
 }
 
-SystemError::SystemError(std::error_code code, const std::string& text, const Path& path, bool writing)
-    : Error(text, path), fCode(code), bWriting(writing) {}
+SystemError::SystemError(std::error_code code, const std::string& reason, const Path& path, bool writing)
+    : Error(reason, path), fCode(code), bWriting(writing) {}
 
 SystemError::~SystemError() = default;
 DamagedFileError::~DamagedFileError() = default;

@@ -35,8 +35,15 @@ using Bytes = std::span<std::byte>;
 
 class ORVA_API Error : public std::runtime_error {
 public:
-    Error(const std::string& text, const Path& path, std::optional<i64> offset = {}, std::optional<i64> block = {});
+    // what() gives the path, quoted, `reason` and `advice`, as far as there are these: "PATH": REASON; ADVICE
+    Error(const std::string& reason, const Path& path, std::optional<i64> offset = {}, std::optional<i64> block = {},
+          const std::string& advice = {});
     ~Error() override;
+
+    // For who tells the file's name elsewhere: what could not be done and why, and what to do next, as far as it holds
+    // for every such failure; and what to do about this file, empty where there is nothing to add.
+    const std::string& reason() const noexcept;
+    const std::string& advice() const noexcept;
 
     // The file, as the caller named it; empty where no file has to do with it, or one without a name.
     const Path& path() const noexcept;
@@ -52,7 +59,7 @@ private:
 
 class ORVA_API SystemError : public Error {
 public:
-    SystemError(std::error_code code, const std::string& text, const Path& path, bool writing = false);
+    SystemError(std::error_code code, const std::string& reason, const Path& path, bool writing = false);
     ~SystemError() override;
 
     // Compares with std::errc: ENOENT no such file, EEXIST it is there already, EWOULDBLOCK another writer is at work

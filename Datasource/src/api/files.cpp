@@ -116,7 +116,7 @@ private:
         try {
             checkContiguous(fPart.bytes(), fPart.found().heading, fPart.records());
         } catch (const ::DamagedFileError& damage) {
-            fReport.index = damage.what();
+            fReport.index = reasonOf(damage);
         }
     }
 
@@ -138,9 +138,9 @@ private:
         try {
             fPart.read(number, compressed, rows);
         } catch (const DamagedFileError& damage) {
-            add(number, withoutAdvice(damage));
+            add(number, damage.reason());
         } catch (const SystemError& failure) {  // the rows are as lost to who wants them, and the others are not
-            add(number, failure.what());
+            add(number, failure.reason());
         }
     }
 
@@ -209,7 +209,7 @@ RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& op
         try {
             return blaming({&from, 1}, [&] { return recover(place, output, how); });
         } catch (const DamagedFileError& damage) {
-            throw DamagedFileError(withoutAdvice(damage), from);
+            throw DamagedFileError(damage.reason(), from);
         }
     };
     const recoverReport found = made(to, commonPermissions({&from, 1}), options.replace, options.durable, write);
@@ -298,9 +298,8 @@ private:
             if (fDictionary.empty() && text && fFrom.size() > 1) fDictionary = outlivedText(part);
             fTotal = fDictionary.empty() ? part.row0() : std::ssize(fDictionary);
         } else if (part.swapped() != fInputs.front().part.swapped) {
-            throw UsageError('"' + fFrom.front().string() + "\" and \"" + path.string() +
-                                 "\" have different byte orders, and a file has one: join them apart, or pack the rows "
-                                 "of one anew",
+            throw UsageError("has another byte order than \"" + fFrom.front().string() +
+                                 "\", and a file has one: join them apart, or pack the rows of one anew",
                              path);
         }
         fInputs.push_back({place, {part.row0(), part.swapped()}});
@@ -314,7 +313,7 @@ private:
         if (const std::uint32_t blocks = input.blockCount()) {
             input.read(blocks - 1, compressedRoom(input.records()).get(), rowRoom(input.records()).get());
         }
-        throw FileChangedError('"' + path.string() + "\" was written to while it was joined: try again", path);
+        throw FileChangedError("was written to while it was joined: try again", path);
     }
 
     // Of an append without a side file that has begun to rewrite a last block, only that block shows something, while

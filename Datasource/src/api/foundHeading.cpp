@@ -1,5 +1,6 @@
 #include "api/foundHeading.h"
 
+#include "api/translated.h"
 #include "base/fileError.h"
 
 #include <orva/errors.h>
@@ -26,7 +27,7 @@ public:
     }
 
     foundHeading at(i64 row0) const {
-        if (row0 < 1) throw UsageError(name() + ": no rows begin at offset " + std::to_string(row0), fPath);
+        if (row0 < 1) throw UsageError("no rows begin at offset " + std::to_string(row0), fPath);
         if (fLength > 0 && row0 >= fLength && !isTold(row0)) {
             refuse("has no offset " + std::to_string(row0) + ", for it ends at " + std::to_string(fLength) +
                    ": check row0, or leave it out to have the rows looked for");
@@ -43,13 +44,13 @@ public:
     }
 
 private:
-    std::string name() const { return '"' + fBytes.name() + '"'; }
-    [[noreturn]] void refuse(const std::string& what) const { throw DamagedFileError(name() + ' ' + what, fPath); }
+    [[noreturn]] void refuse(const std::string& reason) const {
+        throw DamagedFileError(withName(fBytes.name(), fPath, reason), fPath);
+    }
 
     std::int64_t searched() const {
         if (const auto part = findPart(fPlace)) return part->row0Pos;
-        if (fLength == 0)
-            refuse("is empty, so it holds no finished compressed part: check that it is the file you mean");
+        if (fLength == 0) refuse("empty, so it holds no finished compressed part: check that it is the file you mean");
         refuse(
             "holds no finished compressed part: check that it is the file you mean and that its writer finished, or "
             "give row0");
@@ -88,13 +89,13 @@ private:
     [[noreturn]] void refuseNone(std::int64_t place) const {
         const std::string where = "offset " + std::to_string(place);
         if (isTold(place)) {
-            const std::string advice = fPath.empty()
-                                           ? ""
-                                           : ". If its writer is gone, 'orva recover " + shellWord(fPath.string()) +
-                                                 " -o OUT' gets the rows that are there";
             throw UnfinishedFileError(
-                name() + " is not finished: there is no heading at " + where + ", where its rows begin" + advice,
-                fPath);
+                withName(fBytes.name(), fPath,
+                         "not finished: there is no heading at " + where + ", where its rows begin"),
+                fPath, {}, {},
+                fPath.empty() ? ""
+                              : "if its writer is gone, 'orva recover " + shellWord(fPath.string()) +
+                                    " -o OUT' gets the rows that are there");
         }
         refuse("has no heading at " + where + ": check row0, and that its writer has finished");
     }
@@ -107,8 +108,8 @@ private:
         if (indexPos <= row0 || indexPos > fLength || size < 0 || size > fLength - kHeadingSize - indexPos) return;
         const auto second = findPart(fPlace, indexPos + size);
         if (!second || !isSound(fPlace, *second) || !isSound(fPlace, first)) return;
-        throw UsageError(name() + " holds two compressed parts, at offset " + std::to_string(first.row0Pos) +
-                             " and at " + std::to_string(second->row0Pos) + ": say by row0 which one you mean",
+        throw UsageError("holds two compressed parts, at offset " + std::to_string(first.row0Pos) + " and at " +
+                             std::to_string(second->row0Pos) + ": say by row0 which one you mean",
                          fPath);
     }
 

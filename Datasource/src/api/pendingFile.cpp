@@ -150,9 +150,9 @@ bool pendingFile::hasToReplace() const {
     const bool isFile = fs::is_regular_file(status);
     if (!fs::exists(status) || (bReplace && isFile)) return isFile;
     const int error = isFile ? EEXIST : fs::is_directory(status) ? EISDIR : EINVAL;
-    const char* const what = isFile ? "\" already exists: name another file, or have it replaced"
-                                    : "\" is not a regular file: name one that can be made or replaced";
-    throw SystemError(std::error_code(error, std::generic_category()), '"' + fPath.string() + what, fPath, true);
+    const char* const what = isFile ? "already exists: name another file, or have it replaced"
+                                    : "not a regular file: name one that can be made or replaced";
+    throw SystemError(std::error_code(error, std::generic_category()), what, fPath, true);
 }
 
 // Whoever appends to the old file would add to one that nobody can find any more. To hold it takes no right to write: a

@@ -59,7 +59,7 @@ public:
 private:
     static constexpr i64 kSize = sizeof(T);
     void require(bool fulfilled, const char* what) const {
-        if (!fulfilled) throw UsageError('"' + fReader.path().string() + "\": " + what, fReader.path());
+        if (!fulfilled) throw UsageError(what, fReader.path());
     }
 
     Reader fReader;

@@ -48,8 +48,7 @@ std::string stateText(const std::string& name, bool alive) {
 }  // namespace
 
 UnfinishedFileError unfinished(const Path& path, bool alive) {
-    const std::string name = path.string();
-    return {'"' + name + "\" is not finished: " + stateText(name, alive), path};
+    return {"not finished: " + stateText(path.string(), alive), path};
 }
 
 std::string append_state(const Path& path) {
@@ -134,7 +133,8 @@ Block shownPart::block(std::uint32_t number) const {
 std::vector<std::byte> shownPart::dictionary() const {
     std::vector<std::byte> all(static_cast<std::size_t>(row0()));
     const bool whole = translated(fPath, [&] { return fBytes->read(all.data(), all.size(), 0); });
-    if (!whole) throw FileChangedError('"' + fBytes->name() + "\" has become shorter since it was opened", fPath);
+    if (!whole)
+        throw FileChangedError(withName(fBytes->name(), fPath, "has become shorter since it was opened"), fPath);
     return all;
 }
 

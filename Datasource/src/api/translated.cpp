@@ -15,52 +15,26 @@ namespace orva {
 
 namespace {
 
-std::string without(std::string text, const std::string& part) {
-    if (const auto at = text.find(part); !part.empty() && at != std::string::npos) text.erase(at, part.size());
-    return text;
-}
-
 constexpr const char* kFewerThreads =
     "; a thread could not be started: ask for fewer of them, or raise the limits on processes and memory";
 
-std::string quoted(const std::string& name) {
-    return '"' + name + '"';
-}
-
-// Under the name that the caller knows.
-std::string renamed(std::string text, const Path& path, const std::string& workName) {
-    if (workName.empty() || workName == path.string()) return text;
-    const std::string name = quoted(path.string());
-    for (std::size_t at = 0; (at = text.find(quoted(workName), at)) != std::string::npos; at += name.size()) {
-        text.replace(at, quoted(workName).size(), name);
-    }
-    return text;
-}
-
-// Under the name that the caller knows, without the number that a catalog is searched by.
-std::string textOf(const FileError& failure, const Path& path, const std::string& workName) {
-    const std::string number = " (" + failure.catalog() + ' ' + std::to_string(failure.messageCode()) + ')';
-    return renamed(without(failure.what(), number), path, workName);
-}
-
-std::string textOf(const std::system_error& failure, const Path& path) {
-    return "cannot go on with " + quoted(path.string()) + ": " + failure.code().message();
+std::string foundIn(const ::DamagedFileError& damage) {
+    return damage.detail() + " [" + damage.check() + ']';
 }
 
 std::string recoverAdvice(const Path& path) {
-    return path.empty() ? "" : "; 'orva recover " + shellWord(path.string()) + " -o OUT' gets the rows that are sound";
-}
-
-std::string textOf(const ::DamagedFileError& damage, const Path& path, const std::string& workName) {
-    const bool isSideFile = damage.fileName() != path.string() && damage.fileName() != workName;
-    return renamed(damage.what(), path, workName) + (isSideFile ? "" : recoverAdvice(path));
+    return path.empty() ? "" : "'orva recover " + shellWord(path.string()) + " -o OUT' gets the rows that are sound";
 }
 
 }  // namespace
 
-std::string withoutAdvice(const DamagedFileError& damage) {
-    const std::string text = damage.what();
-    return text.substr(0, text.rfind(recoverAdvice(damage.path())));
+std::string withName(const std::string& file, const Path& path, const std::string& reason,
+                     const std::string& workName) {
+    return file == path.string() || file == workName ? reason : '"' + file + "\": " + reason;
+}
+
+std::string reasonOf(const ::DamagedFileError& damage) {
+    return "damaged: " + foundIn(damage);
 }
 
 bool goesWithout(int error) {
@@ -69,7 +43,7 @@ bool goesWithout(int error) {
 
 void require(bool fulfilled, const Path& path, const char* what) {
     if (fulfilled) return;
-    throw UsageError((path.empty() ? "" : quoted(path.string()) + ": ") + what, path);
+    throw UsageError(what, path);
 }
 
 std::uint32_t threadsAtWork(int threads, const Path& path) {
@@ -87,14 +61,19 @@ void rethrowTranslated(const Path& path, const std::string& workName, std::optio
     } catch (const Error&) {
         throw;
     } catch (const FileError& failure) {
-        throw SystemError(failure.code(), textOf(failure, path, workName), path, failure.messageCode() == kWriteFailed);
+        throw SystemError(failure.code(), withName(failure.fileName(), path, failure.reason(), workName), path,
+                          failure.messageCode() == kWriteFailed);
     } catch (const ::FileChangedError& change) {
-        throw FileChangedError(renamed(change.what(), path, workName), path, offset, change.place().block);
+        const std::string reason = "has changed since it was opened, read it again: " + foundIn(change);
+        throw FileChangedError(withName(change.fileName(), path, reason, workName), path, offset, change.place().block);
     } catch (const ::DamagedFileError& damage) {
-        throw DamagedFileError(textOf(damage, path, workName), path, offset, damage.place().block);
+        const std::string reason = reasonOf(damage);
+        const std::string whole = withName(damage.fileName(), path, reason, workName);
+        throw DamagedFileError(whole, path, offset, damage.place().block, whole == reason ? recoverAdvice(path) : "");
     } catch (const std::system_error& failure) {  // of a thread that could not be started, or of a name
         const bool thread = failure.code() == std::errc::resource_unavailable_try_again;
-        throw SystemError(failure.code(), textOf(failure, path) + (thread ? kFewerThreads : ""), path);
+        throw SystemError(failure.code(), "cannot go on: " + failure.code().message() + (thread ? kFewerThreads : ""),
+                          path);
     } catch (const std::logic_error& breach) {
         throw UsageError(breach.what(), path);
     }

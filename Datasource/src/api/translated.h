@@ -49,7 +49,10 @@ void require(bool fulfilled, const Path& path, const char* what);
 // As many as there are cores for 0. UsageError below that.
 std::uint32_t threadsAtWork(int threads, const Path& path);
 
-// Its text without what can be done, for who is doing it or tells of many blocks.
-std::string withoutAdvice(const DamagedFileError& damage);
+// The reason of an Error about `path`: with the file's name where the caller knows it by neither that nor `workName`.
+std::string withName(const std::string& file, const Path& path, const std::string& reason,
+                     const std::string& workName = {});
+// Without the file's name.
+std::string reasonOf(const ::DamagedFileError& damage);
 
 }  // namespace orva

@@ -120,9 +120,8 @@ struct Writer::State {
         if (!staysOpen) fOpened->Close();
         if (!adds || fNamed->isNamed(fPlace)) return;
         throw SystemError(std::error_code(ESTALE, std::generic_category()),
-                          '"' + fPath.string() +
-                              "\" is another file by now, which took the name while rows were added: they stand in a "
-                              "file without that name",
+                          "another file took the name while rows were added: they stand in a file "
+                          "without that name",
                           fPath, true);
     }
 
@@ -210,8 +209,7 @@ void Writer::write_from(const ByteSource& source) {
         const i64 size = sizeOf(source);
         const rowSource read = [&](std::int64_t offset, std::span<unsigned char> to) {
             if (callersOwn([&] { return source.read_at(offset, std::as_writable_bytes(to)); }) == to.size()) return;
-            throw FileChangedError("the source of the rows for \"" + s.fPath.string() + "\" has become shorter",
-                                   s.fPath);
+            throw FileChangedError("the source of the rows has become shorter", s.fPath);
         };
         s.part().writeFrom(read, size);
     });
