@@ -76,6 +76,13 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
     requireMemory(size);
     return next(size, alignment);
 }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The system's own: what ends with a thread may take some.
+extern "C" void* __libc_calloc(std::size_t count, std::size_t size) noexcept;
+extern "C" void* calloc(std::size_t count, std::size_t size) noexcept {
+    return strikes(Fault::Memory) ? nullptr : __libc_calloc(count, size);
+}
+#endif
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
                               void* argument) {
     static const auto next = nextOf<decltype(pthread_create)>("pthread_create");

@@ -2,8 +2,10 @@
 
 #include <isa-l/igzip_lib.h>
 #include <libdeflate.h>
+#include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <iterator>
 #include <memory>
@@ -27,20 +29,35 @@ struct freeCompressor {
     void operator()(libdeflate_compressor* state) const { libdeflate_free_compressor(state); }
 };
 
-// A stream may be finished after its thread's own objects have ended, as a static one is. zlib serves it then.
-thread_local bool tEnded = false;
 struct threadEngines {
     const std::unique_ptr<deflateState> deflating{new (std::nothrow) deflateState};
     const std::unique_ptr<libdeflate_decompressor, freeDecompressor> inflating{libdeflate_alloc_decompressor()};
     // By libdeflate's levels. Made when first used: the highest ones take 9 MB. 0 only stores.
     std::unique_ptr<libdeflate_compressor, freeCompressor> compressing[kBestFastLevel + 1];
-    ~threadEngines() { tEnded = true; }
 };
 
+void endEngines(void* engines) {
+    delete static_cast<threadEngines*>(engines);
+}
+
+// Each thread's engines. They are no thread_local object: where there is no memory to note that one has to end, the
+// system ends the process. A stream may be finished when the key is gone, as a static one is. zlib serves it then.
+std::atomic<bool> gHasKey{false};
+pthread_key_t gKey;
+const struct keyMaker {
+    keyMaker() noexcept { gHasKey = pthread_key_create(&gKey, endEngines) == 0; }
+    ~keyMaker() {
+        if (!gHasKey.exchange(false)) return;
+        endEngines(pthread_getspecific(gKey));
+        pthread_key_delete(gKey);
+    }
+} gKeyMaker;
+
 threadEngines* ownEngines() noexcept {
-    if (tEnded) return nullptr;
-    thread_local threadEngines own;
-    return &own;
+    if (!gHasKey) return nullptr;
+    if (void* const engines = pthread_getspecific(gKey)) return static_cast<threadEngines*>(engines);
+    std::unique_ptr<threadEngines> made(new (std::nothrow) threadEngines);
+    return made != nullptr && pthread_setspecific(gKey, made.get()) == 0 ? made.release() : nullptr;
 }
 
 std::optional<blockOutcome> byLibdeflate(std::int32_t level, const unsigned char* from, std::uint32_t size,
