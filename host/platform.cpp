@@ -183,17 +183,6 @@ int closedWith(int descriptor, int error) {
     return -1;
 }
 
-// Has the system report what closing would: the number that a failed close leaves behind is not usable, so the close
-// that may fail is that of a duplicate. Without a number to spare, syncing finds the same failures.
-int flushThroughDuplicate(int descriptor) {
-    for (;;) {
-        const int duplicate = rawDuplicate(descriptor);
-        if (duplicate < 0) return errno == EBADF ? -1 : syncData(descriptor);
-        if (rawClose(duplicate) == 0) return 0;
-        if (errno != EINTR) return -1;
-    }
-}
-
 bool hasNoLocks(int error) {
     return error == ENOLCK || error == EOPNOTSUPP || error == ENOTSUP || error == ENOSYS || error == EINVAL;
 }
@@ -308,8 +297,19 @@ int writeAt(int descriptor, const void* buffer, unsigned int count, std::int64_t
     return refusesOffset(offset) ? -1 : writeWhole(descriptor, buffer, count, offset);
 }
 
+// The number that a failed close leaves behind is not usable, so the close that may fail is that of a duplicate.
+// Without a number to spare, syncing finds the same failures.
+int flush(int descriptor) noexcept {
+    for (;;) {
+        const int duplicate = rawDuplicate(descriptor);
+        if (duplicate < 0) return errno == EBADF ? -1 : syncData(descriptor);
+        if (rawClose(duplicate) == 0) return 0;
+        if (errno != EINTR) return -1;
+    }
+}
+
 int _close(int descriptor, const char* temporaryName) noexcept {
-    if (flushThroughDuplicate(descriptor) != 0) return -1;
+    if (flush(descriptor) != 0) return -1;
     closeAnyway(descriptor, temporaryName);
     return 0;
 }

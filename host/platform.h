@@ -80,9 +80,13 @@ ORVA_HOST_API int writeAt(int descriptor, const void* buffer, unsigned int count
 ORVA_HOST_API int _read(int descriptor, void* buffer, unsigned int count) noexcept;
 ORVA_HOST_API int _write(int descriptor, const void* buffer, unsigned int count) noexcept;
 
+// Has the system tell the failures that closing would, of writes that it had taken. The descriptor stays open, with its
+// lock. Costs a second one for a moment, where there is one.
+ORVA_HOST_API int flush(int descriptor) noexcept;
+
 // 0 and the descriptor is gone, or -1 and it is still open, with its lock, so that a caller may tell of the failure and
-// try again, or give up by closeAnyway. Costs a second descriptor for a moment. `temporaryName`, full, of a file that
-// is deleted when closed: removed with the descriptor if it still leads to this file.
+// try again, or give up by closeAnyway. Flushes it. `temporaryName`, full, of a file that is deleted when closed:
+// removed with the descriptor if it still leads to this file.
 ORVA_HOST_API int _close(int descriptor, const char* temporaryName = "") noexcept;
 
 // Closes without asking the system whether everything was stored: for a descriptor whose _close has failed.

@@ -28,13 +28,6 @@ int openToWrite(const std::string& name) {
     return platform::openShared(name.c_str(), platform::_O_WRONLY, platform::_SH_DENYWR, 0);
 }
 
-// Of standard output a duplicate is closed, by the plain call: _close would end a lock that whoever started the command
-// has on it. Without a number to spare, syncing finds the same failures.
-int flushed(int descriptor) {
-    const int duplicate = dup(descriptor);
-    return duplicate < 0 && errno == EMFILE ? platform::syncData(descriptor) : close(duplicate);
-}
-
 }  // namespace
 
 void outputOptions::addTo(CLI::App& app) {
@@ -88,12 +81,12 @@ void output::write(const void* bytes, std::size_t size) {
     }
 }
 
-// Some systems tell only at a close that bytes did not reach their place. Standard output may be closed if it got
-// nothing.
+// Some systems tell only at a close that bytes did not reach their place. That of standard output would end a lock that
+// whoever started the command has on it; it may be closed if it got nothing.
 void output::finish() {
     const bool isStandard = fDescriptor == STDOUT_FILENO;
     if (isStandard && fWritten == 0) return;
-    if ((isStandard ? flushed(fDescriptor) : platform::_close(fDescriptor)) != 0) throwWriteFailed(fName);
+    if ((isStandard ? platform::flush(fDescriptor) : platform::_close(fDescriptor)) != 0) throwWriteFailed(fName);
     fDescriptor = -1;
     if (!fPending) return;
     if (bDurable) fPending->sync();

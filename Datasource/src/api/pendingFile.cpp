@@ -214,7 +214,10 @@ void pendingFile::commit(bool durable) {
             if (rename(fTemporary.c_str(), fTarget.c_str()) != 0) throwFileError(errno, kWriteFailed, fTarget);
             bCommitted = true;
             forgetName();
-            if (durable) syncName(fTarget);
+            if (durable && platform::syncDirectoryOf(fTarget.c_str()) != 0) {
+                throwFileError(errno, kWriteFailed, fTarget,
+                               "the file is whole and has its name, which a loss of power may undo");
+            }
         },
         fTarget);
 }
