@@ -20,9 +20,10 @@ constexpr std::int64_t kFirstRead = 4096;
 class headingSearch {
 public:
     headingSearch(const storedBytes& bytes, const Path& path, const std::string& place)
-        : fBytes(bytes), fPath(path), fPlace(place), fLength(bytes.length()) {
-        fFirst.resize(static_cast<std::size_t>(std::min(kFirstRead, fLength)));
-        if (!bytes.read(fFirst.data(), fFirst.size(), 0)) refuse("has become shorter while it was opened: try again");
+        : fBytes(bytes), fPath(path), fPlace(place) {
+        for (std::int64_t before = INT64_MAX; !takeFirst(); before = fLength) {
+            if (fLength >= before) refuse("has become shorter while it was opened: try again");
+        }
         fText = parseDictionaryText(fFirst);
     }
 
@@ -44,6 +45,13 @@ public:
     }
 
 private:
+    // False where the file is shorter by then: an append that is undone cuts off what it has added.
+    bool takeFirst() {
+        fLength = fBytes.length();
+        fFirst.resize(static_cast<std::size_t>(std::min(kFirstRead, fLength)));
+        return fBytes.read(fFirst.data(), fFirst.size(), 0);
+    }
+
     [[noreturn]] void refuse(const std::string& reason) const {
         throw DamagedFileError(withName(fBytes.name(), fPath, reason), fPath);
     }
@@ -116,7 +124,7 @@ private:
     const storedBytes& fBytes;
     const Path& fPath;
     const std::string& fPlace;
-    const std::int64_t fLength;
+    std::int64_t fLength = 0;
     std::string fFirst;
     std::optional<dictionaryText> fText;
 };
