@@ -1,5 +1,6 @@
 """Builds the extension against the liborva that pkg-config finds, and has it look for the library there."""
 
+import shlex
 import subprocess
 from glob import glob
 
@@ -8,9 +9,10 @@ from setuptools import setup
 
 
 def pkg_config(what: str) -> list[str]:
-    return subprocess.run(
+    said = subprocess.run(
         ["pkg-config", what, "orva"], check=True, stdout=subprocess.PIPE, text=True
-    ).stdout.split()
+    ).stdout
+    return shlex.split(said)
 
 
 setup(
