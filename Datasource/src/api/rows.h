@@ -152,7 +152,7 @@ void Rows<T>::iterator::load() {
     fAt = 0;
     while (fBytes.size() < sizeof(T)) {
         const std::size_t kept = fBytes.size();
-        const i64 end = std::min(fReader->end_of_block(fNext), fNext + kMost);
+        const i64 end = std::min<i64>(fReader->end_of_block(fNext), fNext + kMost);
         if (end == fNext) return;
         fBytes.resize(kept + static_cast<std::size_t>(end - fNext));
         try {
