@@ -20,10 +20,8 @@ def array_of(values: Any) -> Any:
     if not hasattr(values, "to_records"):
         return np.asanyarray(values)
     names = list(values.columns)
-    if not names:
-        raise ValueError("rows of no columns have no bytes")
-    if len({name for name in names if isinstance(name, str)}) < len(names):
-        raise ValueError(f"columns need different names of text, as columns.map(str) makes them, not {names[:9]}")
+    if not 0 < len(names) == len({name for name in names if isinstance(name, str)}):
+        raise ValueError(f"a frame needs columns of different names, each a str as columns.map(str) makes it, not {names[:9]}")
     return values.to_records(index=False)
 
 
