@@ -55,7 +55,7 @@ def source(fs: AbstractFileSystem, path: str) -> Any:
     if getattr(type(fs), "local_file", False):  # a cache of whole files
         with fs.open(path, "rb") as copy:
             return copy.name
-    if getattr(fs.cat_file, "__func__", None) is not AbstractFileSystem.cat_file:
+    if fs.async_impl and getattr(fs.cat_file, "__func__", None) is not AbstractFileSystem.cat_file:
         return _Ranges(fs, path)
     file = fs.open(path, "rb")
     if isinstance(file, AbstractBufferedFile):  # whose own read-ahead would fetch what nobody asks for
