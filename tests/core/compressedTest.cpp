@@ -154,35 +154,21 @@ TEST_P(CompressedRead, ADamagedBlockOrAGapIsRefusedAndTheOthersStayReadable) {
     EXPECT_EQ(failureOf([&] { reader.read(1); }), failure);
 }
 
-TEST_P(CompressedRead, AnAppendBesideTheReaderIsNoDamage) {
-    const Reader reader(fName, GetParam(), kFar), other(fName, 0, kFar);
-    EXPECT_EQ(reader.readAt(row(0), 3'000), fBlocks[0]);
-    const Bytes added(50'000, 'y');
-    other->setSafeAppend(true);
-    resume(*other, row(5) + 100);
-    write(*other, added);
-    for (const bool finished : {false, true}) {
-        finished ? other->Close() : other->Flush();
-        EXPECT_THAT(
-            failureOf([&] { reader.readAt(row(5), 100); }),
-            AllOf(StartsWith("DamagedFileError"), HasSubstr("has changed since it was opened"), HasSubstr("block 5 ")));
-        EXPECT_EQ(reader.readAt(row(1), 1), fBlocks[1]);
-    }
-    reader->Close();
-    reader->readFilePosInfo(kFar, false);
-    EXPECT_TRUE(sameBytes(reader.read(100'000), joined(fBlocks) + added));
-}
-
-using Breaches = TempDir;
+using Breaches = ShortBlocks;
 
 TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
     const auto fresh = freshStream(path("fresh"), 0);
-    const auto stream = startedWriter(path("rows.orva"), 1);
+    const auto stream = startedWriter(path("new"), 1);
     const auto closed = startedWriter(path("closed"), 0);
     closed->Close();
     write(*stream, Bytes(10, 'x'));
     std::uint32_t none = 0;
     char b[8] = {};
+    const auto resumed = [&](std::int64_t at, std::int64_t end) {
+        const Reader reader(fName, 0, kRow0);
+        reader->Seek(kRow0 + at, ORVA_StrBaseIO::SeekFromStart);
+        reader->setFileToAppend(kRow0 + end, false);
+    };
     const std::string jump = "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && ";
     const struct {
         std::string text;
@@ -199,6 +185,9 @@ TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
         {"fData->bClosed == false", [&] { closed->readFilePosInfo(kRow0, false); }},
         {"fpIOThread != 0", [&] { write(*startedWriter(path("other"), 2), Bytes(10, 'x')); }},
         {"fpIOThread != 0", [&] { write(*startedWriter(path("other"), -1), Bytes(10, 'x')); }},
+        {"fFilePos == endpos", [&] { resumed(28'801, 28'800); }},
+        {"endpos inside the last block", [&] { resumed(28'802, 28'802); }},
+        {"endpos inside the last block", [&] { resumed(28'700, 28'700); }},
         {"prtData!=0", [] { PreIOThread_Tri_R_D::newThreadForRead().onCallBack(nullptr); }},
         {"pParent!=0", [] { PreIOThread_Tri_R_D::newThreadForDecompress().onCallBack(nullptr); }},
         {"souce||dest||outCount||inCount", [&] { zlibCompressBlock().compressBlock(nullptr, 0, nullptr, none); }},
@@ -207,6 +196,27 @@ TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
     };
     for (const auto& breach : breaches) EXPECT_DEATH(breach.call(), HasSubstr(breach.text));
     EXPECT_EQ(stream->Close(), 1);
+}
+
+// That another process has appended since the index was read, or has begun anew, is no breach.
+TEST_F(ShortBlocks, AnAppendBeginsWhereTheFileEndsNow) {
+    const Reader stale(fName, 0, kRow0), emptied(fName, 0, kRow0), other(fName, 0, kRow0);
+    const std::int64_t end = kRow0 + 28'801;
+    resume(*other, end);
+    write(*other, Bytes(5, 'x'));
+    other->Close();
+    EXPECT_THROW(resume(*stale, end), FileChangedError);
+    resume(*stale, end + 5);
+    EXPECT_EQ(failureOf([&] { emptied->setFileToAppend(kRow0, false); }),
+              "SystemFileException 1201 fData->pRealFile.Open(GetNameStr(),\"r+b\") errno 11 " + fName);
+    write(*stale, Bytes(5, 'x'));
+    EXPECT_EQ(stale->Close(), 1);
+    EXPECT_EQ(Reader(fName, 0, kRow0).read(30'000), joined(fBlocks) + Bytes(10, 'x'));
+    makeFile(fName, {});
+    EXPECT_THROW(emptied->setFileToAppend(end, false), FileChangedError);
+    makeFile(path("full"), {Bytes(kBlock)});
+    const Reader full(path("full"), 0, kRow0);
+    EXPECT_THAT(failureOf([&] { resume(*full, kRow0 + 5); }), HasSubstr("fData->fpos == endpos"));
 }
 
 // A child has none of its parent's threads, so it must not wait for one, nor end the parent's file.

@@ -159,8 +159,9 @@ TEST_F(CompressedModel, H1_H3_M1_M4_BlocksAndRowsAreThoseThatWereWritten) {
             PartModel model(fName, kRow0, swap, random);
             Reader reader(fName, session == 6 ? 0 : road, kRow0, swap);
             for (int i = 0; i < kReads && !HasFailure(); ++i) model.read(*reader, road == 0 || road > 100);
-            reader.reset();
-            if (model.old.end < kRow0 + 3 * kBlock) model.append(Reader(fName, hasWorker ? road : 0), hasWorker);
+            if (model.old.end > kRow0 + 3 * kBlock) continue;
+            model.append(Reader(fName, hasWorker ? road : 0), hasWorker);
+            model.readBesideIt(*reader);
         }
         return std::uint64_t{7 * kReads};
     });

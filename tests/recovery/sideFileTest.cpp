@@ -147,6 +147,10 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     expect("Bytes that no heading has are none that was torn", "neither whole nor what the append has left", {},
            {killed(fMore), moved(fSide, kept), created(fFile, fOldBlocks), appended(fFile, fMore),
             overwritten(fFile, kRow0, Bytes(kHeadingSize, 0x77)), moved(kept, fSide)});
+    expect("Bytes that the append has not written", "neither whole nor what the append has found", {},
+           {killed(fMore), overwritten(fFile, kRow0 + 30, Bytes{1})});
+    expect("With a longer side file than any append makes", "neither is the side file", {},
+           {killed(fMore), [&] { writeBytes(fSide, readBytes(fSide) + Bytes(1 << 20)); }});
     expect("On a machine of the other byte order", "undone", old, {killed(fMore), madeByTheOtherOrder});
     expect("A new part takes the place of the rows that it brings back", "nothing", {}, {killed(), newPart});
     expect("Another file has begun anew", "kept as it is", shorter[0], {killed(), created(fFile, shorter)});

@@ -123,6 +123,16 @@ public:
         require(stream.Tell() == at, "the position moves by what was read");
     }
 
+    // By a stream that has opened it before an append.
+    void readBesideIt(zcmpsFilestr& stream) {
+        const std::int64_t from = any.between(row0, old.end);
+        Bytes rows(anySize(any));
+        stream.Seek(from, ORVA_StrBaseIO::SeekFromStart);
+        const bool unchanged = soundFor([&] { rows.resize(stream.Read(rows.data(), sizeOf(rows))); });
+        require(!unchanged || old.read(from, std::ssize(rows)) == rows,
+                "the old rows, or word that they are no longer there");
+    }
+
     // By a stream on a road that writes. Finished, abandoned, or interrupted and rolled back, by its side file as it
     // was or as anybody may have changed it.
     void append(std::unique_ptr<zcmpsFilestr> stream, bool hasWorker) {
@@ -155,7 +165,8 @@ public:
         giveUp(*stream, hasWorker);
         stream.reset();  // and with it the writer's lock
         requireRestored();
-        if (way < 2) rollBack(during, way == 1 ? changed(side) : side, way == 1);
+        if (way == 0) rollBack(during, side, false);
+        for (int i = 0; way == 1 && i < 8; ++i) rollBack(during, changed(side), true);
         if (way < 2) writeBytes(name, file), std::filesystem::remove(sideName);
     }
 
@@ -168,16 +179,22 @@ private:
         stream.abandon();
         require(stream.Flush() == 1 && stream.Close() == (reads ? 1 : 0), "what was abandoned is not finished");
     }
-    // One number in it is another, or it ends there; mostly it is not the checksum that tells.
+    // One number in it is another, of any magnitude, or it ends there; mostly it is not the checksum that tells.
     Bytes changed(Bytes side) {
         const auto place = static_cast<std::size_t>(any.below(side.size() - sizeof(std::int64_t) + 1));
-        const auto number = static_cast<std::int64_t>(any.below(UINT64_MAX));
+        const auto number = static_cast<std::int64_t>(any.below(UINT64_MAX) >> any.below(64));
         std::memcpy(side.data() + place, &number, sizeof number);
         if (any.oneIn(8)) side.resize(std::max(place, sizeof number));
-        const std::size_t summed = side.size() - sizeof(std::uint64_t);
-        const std::uint64_t sum = crc32_z(0, side.data(), summed);
-        if (!any.oneIn(8)) std::memcpy(side.data() + summed, &sum, sizeof sum);
+        const std::uint64_t sum = sumOf(side);
+        if (!any.oneIn(8)) std::memcpy(side.data() + side.size() - sizeof sum, &sum, sizeof sum);
         return side;
+    }
+    static std::uint64_t sumOf(const Bytes& side) {
+        return crc32_z(0, side.data(), side.size() - sizeof(std::uint64_t));
+    }
+    static bool isSummed(const Bytes& side) {
+        const std::uint64_t sum = sumOf(side);
+        return std::memcmp(side.data() + side.size() - sizeof sum, &sum, sizeof sum) == 0;
     }
     void rollBack(const Bytes& during, const Bytes& side, bool isChanged) const {
         writeBytes(name, during);
@@ -189,6 +206,7 @@ private:
         // One that is whole as it stands may be longer: the copy can hold a block's end without its beginning.
         if (result == orva::rollBackResult::rolledBack && !isChanged) return requireRestored();
         if (!believed) return requireLeft(during, side);
+        require(isSummed(side) || during == file, "a torn side file tells nothing of what an append has changed");
         require(result != orva::rollBackResult::nothingToDo, "a side file is something to do");
         if (result == orva::rollBackResult::sideFileStale) return requireLeft(during, {});
         require(!std::filesystem::exists(sideName), "a side file that was served goes");
