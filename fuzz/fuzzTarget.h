@@ -3,21 +3,7 @@
 
 #include "support/partModel.h"
 
-#include <orva/blockSize.h>
-#include <orva/errors.h>
-#include <orva/inspect.h>
-#include <orva/zcmpsFilestr.h>
-#include <orva/zlibCompress.h>
-
 #include <fuzzer/FuzzedDataProvider.h>
-#include <unistd.h>
-#include <zlib.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <limits>
-#include <optional>
 
 void support::require(bool held, const char* promise) {
     if (held) return;

@@ -1,9 +1,6 @@
 // Makes the inputs that fuzzing begins with: makeCorpus DIRECTORY gives DIRECTORY/TARGET/NAME for every target. The
 // files are small ones of every kind that the library writes or meets; each is taken with several ways of steering.
 #include "fuzzTarget.h"
-#include "support/byteOrder.h"
-
-#include <map>
 
 using namespace fuzz;
 

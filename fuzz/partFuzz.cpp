@@ -3,11 +3,6 @@
 // sound. Each read gives what the other one gives, byte for byte, or DamagedFileError where that one meets damage; the
 // stream stays usable for the rest. And joining it to itself.
 #include "fuzzTarget.h"
-#include "support/readerRows.h"
-
-#include <orva/files.h>
-
-#include <array>
 
 using namespace fuzz;
 

@@ -2,8 +2,6 @@
 // of a sound file nothing is lost.
 #include "fuzzTarget.h"
 
-#include <set>
-
 using namespace fuzz;
 
 // The rows of every whole stream in the file.

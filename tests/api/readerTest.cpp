@@ -1,11 +1,6 @@
 // orva::Reader and Rows: every row from any thread.
 #include "api/apiTest.h"
 
-#include <array>
-#include <functional>
-#include <thread>
-#include <utility>
-
 namespace api {
 
 class Reader : public FaceTest {};

@@ -1,7 +1,6 @@
 // orva::Writer and the standard streams: every row that finish() has seen, and nothing of what it has not.
 #include "api/apiTest.h"
 
-#include <sys/stat.h>
 #include <sys/xattr.h>
 
 namespace api {

@@ -4,12 +4,6 @@
 #include "coreTest.h"
 #include "part/zcmpsPreIOThread.h"
 
-#include <orva/lz4Compress.h>
-#include <orva/zlibCompress.h>
-
-#include <chrono>
-#include <thread>
-
 namespace core {
 
 using testing::AllOf, testing::HasSubstr, testing::StartsWith;

@@ -2,20 +2,8 @@
 // hooks for system calls.
 #pragma once
 
-#include "support/byteOrder.h"
-#include "support/failure.h"
 #include "support/secondReader.h"
 #include "support/tempDir.h"
-
-#include <orva/compressedLayout.h>
-#include <orva/filestr.h>
-#include <orva/zcmpsFilestr.h>
-
-#include <gmock/gmock.h>
-#include <zlib.h>
-
-#include <cstring>
-#include <memory>
 
 namespace core {
 

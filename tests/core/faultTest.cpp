@@ -3,13 +3,6 @@
 // everything again, the stream goes on or the file is as it was found.
 #include "recovery/recoveryTest.h"
 #include "scarcity.h"
-#include "support/readerRows.h"
-
-#include <orva/files.h>
-#include <orva/workdir.h>
-#include <orva/writer.h>
-
-#include <span>
 
 namespace core {
 

@@ -5,9 +5,6 @@
 #include "format/filePosInfo.h"
 #include "format/storedBytes.h"
 
-#include <orva/lz4Compress.h>
-#include <orva/zlibCompress.h>
-
 namespace core {
 
 const Bytes kRows = RandomBytes(7).rows(100'000);

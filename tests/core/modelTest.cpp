@@ -4,10 +4,6 @@
 #include "stream/streamTest.h"
 #include "support/partModel.h"
 
-#include <orva/workdir.h>
-
-#include <numeric>
-
 void support::require(bool held, const char* promise) {
     EXPECT_TRUE(held) << promise;
 }

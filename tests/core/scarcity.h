@@ -10,10 +10,7 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
-#include <algorithm>
-#include <cstdint>
 #include <new>
-#include <type_traits>
 
 #if ORVA_FAST_CODEC
 #include <libdeflate.h>

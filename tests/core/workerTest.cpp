@@ -6,8 +6,6 @@
 #include "part/zcmpsMultiThread.h"
 #include "part/zcmpsPreIOThread.h"
 
-#include <thread>
-
 namespace core {
 
 // All make the same promises to their caller.

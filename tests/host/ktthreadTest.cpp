@@ -1,10 +1,6 @@
 #include "support/tempDir.h"
 
-#include <orva/ktthread.h>
-
-#include <chrono>
 #include <csignal>
-#include <thread>
 
 using namespace support;
 

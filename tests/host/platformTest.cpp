@@ -1,14 +1,6 @@
 #include "support/tempDir.h"
 
-#include <orva/hostdep.h>
-#include <orva/platform.h>
-
-#include <fcntl.h>
 #include <sys/file.h>
-
-#include <map>
-#include <sstream>
-#include <string>
 
 using namespace platform;
 using namespace support;

@@ -1,16 +1,7 @@
 // The key is the process's, so every test works in a child of its own, forked before any key is in use.
 #include "support/tempDir.h"
 
-#include <orva/errtext.h>
-#include <orva/workdir.h>
-
-#include <gmock/gmock.h>
 #include <sys/resource.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <numeric>
-#include <thread>
 
 using namespace support;
 using Operation = int (*)(unsigned char**, int*, const unsigned char*, int) noexcept;

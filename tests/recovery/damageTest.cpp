@@ -2,10 +2,6 @@
 #include "recoveryTest.h"
 
 #include <sys/resource.h>
-#include <sys/stat.h>
-
-#include <numeric>
-#include <span>
 
 namespace recovery {
 

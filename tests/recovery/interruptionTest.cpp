@@ -1,15 +1,5 @@
 // A process that is killed at any of its file calls, and a loss of power: what recover and roll-back make of the files.
 #include "recoveryTest.h"
-#include "support/readerRows.h"
-
-#include <orva/files.h>
-#include <orva/writer.h>
-
-#include <fcntl.h>
-
-#include <mutex>
-#include <optional>
-#include <set>
 
 namespace recovery {
 

@@ -3,12 +3,7 @@
 #pragma once
 
 #include "core/coreTest.h"
-#include "part/keptTail.h"
 #include "support/secondReader.h"
-
-#include <orva/inspect.h>
-
-#include <map>
 
 namespace recovery {
 

@@ -1,12 +1,10 @@
 // The side file of a safe append and what becomes of it: finished rows are never undone, old rows never lost, foreign
 // files never touched. That kills and losses of power cost nothing is told in interruptionTest.cpp.
 #include "part/heldSideFile.h"
+#include "part/keptTail.h"
 #include "recoveryTest.h"
 
 #include <orva/platformOwner.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
 
 namespace recovery {
 
@@ -156,10 +154,7 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     expect("Another file has begun anew", "kept as it is", shorter[0], {killed(), created(fFile, shorter)});
     expect("The append had not begun", "kept as it is", old,
            {[&] { writeBytes(fSide, slice(bytesOf(orva::sideFileHead().mark), 0, 3)); }});
-    const auto heading = [&](const Blocks& blocks) {
-        makeFile(fFile, blocks);
-        return slice(bytes(), kRow0, kHeadingSize);
-    };
+    const auto heading = [&](const Blocks& blocks) { return slice(finished(blocks), kRow0, kHeadingSize); };
     EXPECT_EQ(heading(noise), heading(noise2)) << "else row 11 shows nothing";
 }
 

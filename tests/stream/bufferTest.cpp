@@ -3,9 +3,6 @@
 #include "stream/streamTest.h"
 #include "worker/readAheadSlot.h"
 
-#include <orva/blockSize.h>
-#include <orva/zcmpsFilestr.h>
-
 using orva::readAheadSlot;
 using namespace support;
 

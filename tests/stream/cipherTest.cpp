@@ -1,11 +1,7 @@
 // Enciphered files by calls of the file itself. What a stream asks of them, the model in core/modelTest.cpp holds.
 #include "stream/streamTest.h"
 
-#include <orva/file.h>
 #include <orva/workdirFaults.h>
-#include <orva/zcmpsFilestr.h>
-
-#include <gmock/gmock.h>
 
 using namespace support;
 

@@ -2,10 +2,6 @@
 // them.
 #include "stream/streamTest.h"
 
-#include <orva/file.h>
-#include <orva/refCntObject.h>
-#include <orva/zcmpsFilestr.h>
-
 using namespace support;
 
 struct File : TempDir {

@@ -1,16 +1,7 @@
 // What the tests of streams share: a stream beside a byte vector, the file calls that it makes, and scripts of steps.
 #pragma once
 
-#include "support/failure.h"
 #include "support/tempDir.h"
-
-#include <orva/filestr.h>
-
-#include <map>
-#include <mutex>
-#include <regex>
-#include <sstream>
-#include <thread>
 
 namespace support {
 

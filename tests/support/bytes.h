@@ -2,14 +2,30 @@
 // targets use it too.
 #pragma once
 
+#include <orva/orva.h>
+
+#include <zlib.h>
+
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <concepts>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <numeric>
+#include <optional>
 #include <random>
+#include <set>
+#include <span>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -100,5 +116,32 @@ public:
 private:
     std::mt19937_64 fEngine;
 };
+
+// A little-endian file with a finished part at `row0`, with every field of heading and index in the other byte order.
+inline Bytes swapped(Bytes file, std::int64_t row0) {
+    compressionHeading heading{};
+    std::memcpy(&heading, &file.at(static_cast<std::size_t>(row0)), sizeof heading);
+    const auto turn = [&](std::int64_t at, int width) { std::reverse(&file[0] + at, &file[0] + at + width); };
+    for (const int field : {0, 8, 16}) turn(row0 + field, 8);
+    for (std::int64_t at = heading._indexPos; at < heading._indexPos + heading._size; at += kRecordSize) {
+        for (const int field : {0, 8}) turn(at + field, 8);
+        for (const int field : {16, 20}) turn(at + field, 4);
+    }
+    return file;
+}
+
+inline std::span<const std::byte> spanOf(const Bytes& rows) {
+    return std::as_bytes(std::span(rows));
+}
+
+// The rows at `offset`, as many as there are.
+inline Bytes rowsAt(const orva::Reader& reader, std::int64_t offset, std::size_t size) {
+    Bytes rows(size);
+    rows.resize(reader.read_at(offset, std::as_writable_bytes(std::span(rows))));
+    return rows;
+}
+inline Bytes allRows(const orva::Reader& reader) {
+    return rowsAt(reader, 0, static_cast<std::size_t>(reader.size()));
+}
 
 }  // namespace support

@@ -2,14 +2,7 @@
 // on any. Needs no test framework.
 #pragma once
 
-#include "part/keptTail.h"
 #include "support/secondReader.h"
-
-#include <orva/errors.h>
-#include <orva/inspect.h>
-#include <orva/zcmpsFilestr.h>
-
-#include <memory>
 
 namespace support {
 

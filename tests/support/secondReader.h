@@ -4,16 +4,6 @@
 
 #include "support/bytes.h"
 
-#include <orva/blockSize.h>
-#include <orva/compressedLayout.h>
-
-#include <zlib.h>
-
-#include <cstdint>
-#include <cstring>
-#include <functional>
-#include <optional>
-
 namespace support {
 
 // What zlib alone makes of bytes, and how many of them it takes.

@@ -6,17 +6,18 @@
 
 #include <orva/platformFaults.h>
 
-#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <memory>
+#include <mutex>
+#include <regex>
 
 // There in a build that counts what is reached.
 extern "C" void __gcov_dump() __attribute__((weak));
@@ -49,6 +50,31 @@ inline testing::AssertionResult sameBytes(const Bytes& found, const Bytes& expec
     if (found == expected) return testing::AssertionSuccess();
     const auto at = std::mismatch(found.begin(), found.end(), expected.begin(), expected.end()).first;
     return testing::AssertionFailure() << "first difference at " << at - found.begin() << " of " << found.size();
+}
+
+inline std::string fileError(long code, int error, const std::string& name) {
+    return "FileError " + std::to_string(code) + " errno " + std::to_string(error) + " " + name;
+}
+
+// "" when `body` came to its end, else what left it. A DamagedFileError tells its whole message.
+template <class Body>
+std::string failureOf(Body body) {
+    try {
+        body();
+        return {};
+    } catch (const FileError& error) {
+        return fileError(error.messageCode(), error.code().value(), error.fileName());
+    } catch (const DamagedFileError& error) {
+        return std::string("DamagedFileError ") + error.what();
+    } catch (const FileReopenError& error) {
+        return "SystemFileException " + std::to_string(error.fCode) + " " + error.fExpression +
+               (error.fFlag ? "" : " without its flag") + " errno " + std::to_string(error.code().value()) + " " +
+               error.fileName();
+    } catch (const SystemFileException& error) {
+        return "SystemFileException " + std::to_string(error.fCode) + " " + error.fExpression;
+    } catch (const std::exception& error) {
+        return std::string("other ") + error.what();
+    }
 }
 
 // A number from the environment, for longer runs.
