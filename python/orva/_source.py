@@ -140,9 +140,9 @@ class Opened:
                 raise io.UnsupportedOperation("not readable")
             self._source = SourceObject(source)  # type: ignore[arg-type]
             # The collector sees no cycle that goes through the extension, as of a source that keeps its rows or its error.
-            self.reader = _orva.Reader(weakref.proxy(self._source), *how, os.fsencode(self.name))
+            self.reader = _orva.Reader(weakref.proxy(self._source), *how, self.name.encode(errors="backslashreplace"))
         elif hasattr(source, "read_at"):
-            self.reader = _orva.Reader(source, *how, os.fsencode(self.name))
+            self.reader = _orva.Reader(source, *how, self.name.encode(errors="backslashreplace"))
         else:
             given = type(source).__name__
             raise TypeError(f"rows come from a path, str or os.PathLike[str], or a binary file object, not {given}")

@@ -33,7 +33,7 @@ STEPS: list[Any] = [
 # What there is at least of a file, as of those in archives.
 def bare(path: Path) -> Any:
     file = io.BytesIO(path.read_bytes())
-    return types.SimpleNamespace(seek=file.seek, tell=file.tell, read=file.read)
+    return types.SimpleNamespace(seek=file.seek, tell=file.tell, read=file.read, name="\ud800")
 
 
 @pytest.mark.parametrize("opened", [str, lambda path: open(path, "rb"), bare])
