@@ -1,5 +1,6 @@
 // orva::Reader and Rows: every row from any thread.
 #include "api/apiTest.h"
+#include "support/failure.h"
 
 namespace api {
 
@@ -37,6 +38,22 @@ TEST_F(Reader, ShowsWhatTheLaterOfTwoRefreshesHasSeen) {
         });
         reader.refresh();
         EXPECT_EQ(reader.size(), reached ? 1'500 : 1'000) << place;
+    }
+}
+
+// The question whether one is at work is asked just before it begins.
+TEST_F(Reader, TellsOfAnAppendThatBeginsBetweenTwoLooks) {
+    const orva::Path name = written("rows", Bytes(100));
+    orva::Writer writer = orva::Writer::append(name);
+    writer.write(spanOf(Bytes(10)));
+    const std::function<std::string()> looks[] = {[&] { return orva::append_state(name); },
+                                                  [&] { return failureOf([&] { orva::Reader{name}; }); }};
+    for (const auto& look : looks) {
+        bool asked = false;
+        const CallHook before([&](const Step& step, std::uint64_t) {
+            return step.call == Call::Lock && !std::exchange(asked, true) ? Verdict::fail(ENOLCK) : Verdict::goOn();
+        });
+        EXPECT_THAT(look(), testing::HasSubstr("is at work"));
     }
 }
 

@@ -54,8 +54,10 @@ UnfinishedFileError unfinished(const Path& path, bool alive) {
 std::string append_state(const Path& path) {
     const std::string name = path.string();
     return translated(path, [&] {
-        if (openedFile(name, name).isBeingWritten()) return stateText(name, true);
-        return hasSideFile(name) ? stateText(name, false) : std::string();
+        const openedFile file(name, name);
+        const bool alive = file.isBeingWritten();
+        if (!alive && !hasSideFile(name)) return std::string();
+        return stateText(name, alive || file.isBeingWritten());  // it may have begun between the two looks
     });
 }
 
@@ -69,8 +71,8 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
         fFound = findHeading(*fBytes, row0, fPath, fPlace);
         if (keptBeside(fPlace, *fBytes, fFound)) {
             const bool atWork = alive();
-            if (atWork || hasSideFile(fPlace)) throw unfinished(fPath, atWork);
-            continue;  // it is over by now
+            if (atWork || hasSideFile(fPlace)) throw unfinished(fPath, atWork || alive());  // the next one, maybe
+            continue;                                                                       // it is over by now
         }
         std::optional<::DamagedFileError> damage;
         fRecords.clear();
@@ -86,7 +88,7 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
         const std::optional<seen> earlier = std::exchange(before, seen{fFound.raw, fRecords});
         if (earlier != before) continue;
         if (!damage) return;
-        if (hasSideFile(fPlace)) throw unfinished(fPath, false);
+        if (hasSideFile(fPlace)) throw unfinished(fPath, alive());
         throw ::DamagedFileError(*damage);
     }
 }
