@@ -1,6 +1,5 @@
 // orva::Reader and Rows: every row from any thread.
 #include "api/apiTest.h"
-#include "support/failure.h"
 
 namespace api {
 

@@ -71,8 +71,9 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
         fFound = findHeading(*fBytes, row0, fPath, fPlace);
         if (keptBeside(fPlace, *fBytes, fFound)) {
             const bool atWork = alive();
-            if (atWork || hasSideFile(fPlace)) throw unfinished(fPath, atWork || alive());  // the next one, maybe
-            continue;                                                                       // it is over by now
+            // The side file of the next one, maybe; without one it is over by now.
+            if (atWork || hasSideFile(fPlace)) throw unfinished(fPath, atWork || alive());
+            continue;
         }
         std::optional<::DamagedFileError> damage;
         fRecords.clear();
