@@ -16,6 +16,7 @@ import threading
 import uuid
 import zlib
 from collections.abc import Iterator, Sequence
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
 from functools import lru_cache
 from typing import TYPE_CHECKING, Any, Union
@@ -129,6 +130,15 @@ def _file(path: str, dtype: npt.DTypeLike, options: dict[str, Any]) -> tuple[_Fi
     return _File(url, given, _seen(rows, fs, name), token, options), rows
 
 
+def _files(paths: list[str], dtype: npt.DTypeLike, options: dict[str, Any]) -> Iterator[tuple[_File, Rows]]:
+    """Those of a store that several threads may ask are opened some at a time, since each waits for it several times."""
+    stores = all("://" in path and _target(path, options)[0].async_impl for path in paths)
+    at_once = _OPEN_FILES if stores else 1
+    with ThreadPoolExecutor(at_once) as pool:
+        for some in (paths[first : first + at_once] for first in range(0, len(paths), at_once)):
+            yield from pool.map(lambda path: _file(path, dtype, options), some)
+
+
 @lru_cache(maxsize=1024)
 def _opening(file: _File, process: int) -> threading.Lock:
     """So that the tasks of several threads do not all read one index. A forked child has a lock of its own, since its
@@ -209,8 +219,7 @@ def from_rows(
     parts: list[_Part] = []
     first: Rows | None = None
     number = 0
-    for path in listed:
-        file, rows = _file(path, dtype, storage_options or {})
+    for file, rows in _files(listed, dtype, storage_options or {}):
         first = first or rows
         if rows._row != first._row:
             raise ValueError(f'"{file.url}" has rows of {rows._row}, and "{listed[0]}" of {first._row}')

@@ -132,6 +132,7 @@ def test_partitions_over_a_store(homes: dict[str, str], tmp_path: Path) -> None:
     opened = len(READS)
     assert opened <= 3 + BLOCKS and rows.compute(num_workers=8).tobytes() == CSV
     assert len(READS) <= 2 * opened + BLOCKS, "not every thread opens it"
+    assert orva.dask.from_rows([ranged, ranged.replace("/a.", "/b."), ranged], "u1").compute().tobytes() == 3 * CSV
     rows = orva.dask.from_rows(f"buffered://{homes['buffered']}/a.csv.orva", "u1", partition_bytes=LONG)
     assert rows.compute(num_workers=8).tobytes() == CSV
     READS.clear()
