@@ -484,4 +484,41 @@ TEST_F(DamageTest, ANewPartOverAnOldOneIsNotCompletedFromIt) {
     }
 }
 
+TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
+    Append append = kAppends[0];
+    append.road = 1;
+    makeFile(fFile, blocksOf(append.old));
+    const Files during = interrupted(append);
+    const Bytes data = during.at(fFile), side = during.at(fSide);
+    const auto refused = [&](const Bytes& saved) {
+        const Files files{{fFile, data}, {fSide, saved}};
+        lay(files);
+        EXPECT_THAT(failureOf([&] { orva::rollBack(fFile); }), testing::StartsWith("DamagedFileError"));
+        EXPECT_EQ(present(), files);
+    };
+    // Over a file that an append has changed any damage is refused, and stays for a second look.
+    for (std::size_t at = 0; at < side.size(); ++at) {
+        refused(with(side, at, {static_cast<unsigned char>(side[at] ^ 0x20)}));
+        refused(slice(side, 0, at));
+    }
+    // A right checksum does not make its numbers true: mark, row 0, old length, end of what was not touched, checksum
+    // before it, heading, first record, last record.
+    const std::pair<std::int64_t, std::int64_t> lies[] = {
+        {0, 7},          {8, 0},     {8, INT64_MAX}, {16, 40}, {16, INT64_MIN},  {24, kRow0 - 1}, {24, kRow0 + 24},
+        {24, INT64_MAX}, {32, 5},    {40, 12},       {48, -1}, {48, 1LL << 40},  {56, 0},         {56, 48},
+        {56, INT64_MAX}, {64, -101}, {80, 3},        {112, 0}, {120, 1LL << 40}, {128, 99}};
+    const auto refusedLie = [&](const Bytes& lie) {
+        const Bytes forged = slice(lie, 0, side.size() - 8);
+        refused(forged + bytesOf(std::uint64_t{crc32_z(0, forged.data(), forged.size())}));
+    };
+    for (const auto& [at, value] : lies) refusedLie(with(side, at, bytesOf(value)));
+    // Nor does an index take memory that is claimed and not there.
+    expectInChild([&] {
+        refusedLie(with(with(side, 16, bytesOf(1LL << 60)), 56, bytesOf(kRecordSize * 100'000'000)));
+        rusage used{};
+        getrusage(RUSAGE_SELF, &used);
+        EXPECT_LT(used.ru_maxrss, 1'000'000) << "KiB";
+    });
+}
+
 }  // namespace recovery
