@@ -56,9 +56,9 @@ def write(
     so that `orva.rows` needs none.
 
     threads, level, block: as for `orva.open`. Errors: OSError; ValueError for arrays of objects, of no axis or of
-    elements without bytes, for columns whose names are no texts or the same, of fields that overlap or stand in another order than their names
-    (`numpy.lib.recfunctions.repack_fields` puts them right), for a dtype of more than a megabyte of text, and for
-    options outside their ranges. Nothing is left then.
+    elements without bytes, of fields that overlap or stand in another order than their names
+    (`numpy.lib.recfunctions.repack_fields` puts them right), for frames whose columns have names that are no texts, or the
+    same one, for a dtype of more than a megabyte of text, and for options outside their ranges. Nothing is left then.
     """
     values, row = _rows_of(array)
     name = name_of(path)

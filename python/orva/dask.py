@@ -209,7 +209,8 @@ def from_rows(
 
     Errors: those of `orva.rows` here; ValueError for no file, and for files of different dtypes. Of the tasks: OSError;
     DamagedFileError; FileChangedError for a file that was replaced by one with other rows, and for a block that an append
-    has rewritten since the worker opened the file; UnfinishedFileError for one that it opens during an append. Rows that were added meanwhile are not seen.
+    has rewritten since the worker opened the file; UnfinishedFileError for a file that it opens during an append. Rows that
+    were added meanwhile are not seen.
     """
     if operator.index(partition_bytes) < 1:
         raise ValueError("a partition has 1 byte or more")
