@@ -28,7 +28,9 @@ public:
     }
 
     foundHeading at(i64 row0) const {
-        if (row0 < 1) throw UsageError("no rows begin at offset " + std::to_string(row0), fPath);
+        if (row0 < 1) {
+            throw UsageError(withName(fBytes.name(), fPath, "no rows begin at offset " + std::to_string(row0)), fPath);
+        }
         if (fLength > 0 && row0 >= fLength && !isTold(row0)) {
             refuse("has no offset " + std::to_string(row0) + ", for it ends at " + std::to_string(fLength) +
                    ": check row0, or leave it out to have the rows looked for");

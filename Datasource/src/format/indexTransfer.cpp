@@ -22,6 +22,7 @@ std::string indexSpan(const compressionHeading& heading) {
 }
 
 constexpr std::size_t kPieceRecords = 1024;  // read at a time
+constexpr std::size_t kPageRecords = 128;    // fewer than a page holds, which the file system stores or leaves out
 
 constexpr const char* kWholeRecords = "_size == 24 x (n + 1)";
 constexpr const char* kIndexFits = "ret == chInfo._size";
@@ -50,27 +51,21 @@ void checkBegin(bytesFrom file, const compressionHeading& heading, const filePos
                std::to_string(heading._caseStartPos));
 }
 
-// All records, the first one included, in host order.
-std::vector<filePosRecord> checkedIndex(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce) {
+// All records, the first one included, a piece at a time: `check` is called with those that there are and the number
+// of the first one that is new.
+template <class Check>
+std::vector<filePosRecord> inPieces(bytesFrom file, const compressionHeading& heading, bool atOnce, Check check) {
     checkPlaces(file, heading, lengthOf(file));
     std::vector<filePosRecord> records;
     const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
-    const std::string& name = file.name();
     for (std::size_t known = 0; known < all; known = records.size()) {
         records.resize(atOnce ? all : std::min(all, known + kPieceRecords));
         const std::span piece = std::span(records).subspan(known);
         const std::int64_t place = heading._indexPos + static_cast<std::int64_t>(known) * kRecordSize;
         if (!file.read(piece.data(), piece.size_bytes(), place)) refuseCut(file, heading);
-        if (swap) std::ranges::for_each(piece, swapRecord);
-        if (known == 0) {
-            checkFirstRecord(records[0], name);
-            checkCount(file, heading, records[0]);
-        }
-        const std::span blocks = std::span(records).subspan(1);
-        for (std::size_t i = std::max<std::size_t>(known, 1) - 1; i < blocks.size(); ++i) checkAscends(blocks, i, name);
+        check(std::span(records), known);
         if (known == 0) records.reserve(all);  // not before: what stands there may be a hole
     }
-    if (all > 1) checkBegin(file, heading, records[1]);
     return records;
 }
 
@@ -107,18 +102,42 @@ compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, 
     return heading;
 }
 
+std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& heading, bool swap) {
+    return inPieces(file, heading, false, [&](std::span<const filePosRecord> records, std::size_t known) {
+        filePosRecord first = records[0];
+        if (swap) swapRecord(first);
+        // A record without the mark is the parser's to refuse, in its own words.
+        if (known == 0 && first.orginalPos == kFirstRecordMark) checkCount(file, heading, first);
+        for (std::size_t i = known; i < records.size(); i += kPageRecords) {
+            if (records[i] == filePosRecord{}) refuse(file, "orginalSize >= 1", indexSpan(heading) + " has a hole");
+        }
+    });
+}
+
+void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, filePosInfo& index) {
+    const std::vector<filePosRecord> records = readIndex(file, heading, swap);
+    index.parseForRead(reinterpret_cast<const unsigned char*>(records.data()), swap);
+    index.limitPlaces(lengthOf(file));
+    if (index.parsedCount() != 0) checkBegin(file, heading, index.parsed(0));
+}
+
 indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce) {
-    indexContent content{0, checkedIndex(file, heading, swap, atOnce)};
+    const auto check = [&](std::span<filePosRecord> records, std::size_t known) {
+        if (swap) std::ranges::for_each(records.subspan(known), swapRecord);
+        if (known == 0) {
+            checkFirstRecord(records[0], file.name());
+            checkCount(file, heading, records[0]);
+        }
+        const std::span blocks = records.subspan(1);
+        for (std::size_t i = std::max<std::size_t>(known, 1) - 1; i < blocks.size(); ++i)
+            checkAscends(blocks, i, file.name());
+    };
+    indexContent content{0, inPieces(file, heading, atOnce, check)};
     std::vector<filePosRecord>& records = content.records;
     content.blockSize = static_cast<std::uint32_t>(records[0].orginalSize);
     records.erase(records.begin());
+    if (!records.empty()) checkBegin(file, heading, records[0]);
     return content;
-}
-
-std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& heading, bool swap) {
-    std::vector<filePosRecord> records = checkedIndex(file, heading, swap, false);
-    if (swap) std::ranges::for_each(records, swapRecord);
-    return records;
 }
 
 bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap,

@@ -43,8 +43,11 @@ struct indexContent {
 // index that claims gigabytes of a hole is refused at the first record that cannot be true. `atOnce`: in one read,
 // where each costs much.
 indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce = false);
-// The same as it stands in the file, for filePosInfo.
+
+// The index as it stands in the file, for filePosInfo to parse: of its length the same holds, and it has no hole.
 std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& heading, bool swap);
+// The same, parsed for reading; its record 0 stands at the row-0 position.
+void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, filePosInfo& index);
 
 // Heading or index do not stand there any more as they were read: somebody has written to the file since.
 bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, std::span<const filePosRecord> records);

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace orva {
 
@@ -37,9 +36,7 @@ partReader::partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const r
           readHeading(file, row0Pos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"")),
       bSwap(swap),
       fIndex(kBlockSize, file.GetNameStr().GetGeneric()) {
-    const std::vector<filePosRecord> index = readIndex(file, fHeading, swap);
-    fIndex.parseForRead(reinterpret_cast<const unsigned char*>(index.data()), swap);
-    fIndex.limitPlaces(lengthOf(file));
+    loadIndex(file, fHeading, swap, fIndex);
     remake(taken, cachedBlocks);
 }
 
