@@ -62,10 +62,12 @@ function(orva_finds_installed_libraries target directory)
     set_target_properties(${target} PROPERTIES INSTALL_RPATH "${path}")
 endfunction()
 
-# Keeps a shared library's copies of the standard library's templates to itself.
-function(orva_hide_foreign_symbols target)
+# Keeps a shared library's copies of the standard library's templates to itself, and the library in the process once it is
+# loaded: a plug-in that needed it may be unloaded while a thread still ends that has worked with it, and holds memory of it.
+function(orva_shared_linking target)
     if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
-        target_link_options(${target} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+        target_link_options(${target} PRIVATE
+            LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map LINKER:-z,nodelete)
         set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
     endif()
 endfunction()
