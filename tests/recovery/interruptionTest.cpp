@@ -271,7 +271,21 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     lay(old);
     const auto asItWas = [&](bool) { return orva::rollBack(fFile), present() == old; };
     const auto rollBack = [&] { orva::rollBack(fFile); };
-    expectHeld(interrupted(append), rollBack, asItWas);
+    Files late = interrupted(append);
+    expectHeld(late, rollBack, asItWas);
+
+    // Killed between the writing of its heading and the sync.
+    lay(old);
+    run();
+    const Bytes heading = slice(bytes(), kRow0, kHeadingSize);
+    late[fFile] = with(bytes(), kRow0, slice(old.at(fFile), kRow0, kHeadingSize));
+    const auto endAtOnce = [&] {
+        const int file = platform::openShared(fFile.c_str(), platform::_O_WRONLY, 0, 0);
+        EXPECT_EQ(platform::writeAt(file, heading.data(), kHeadingSize, kRow0), kHeadingSize);
+        platform::closeAnyway(file);
+        orva::rollBack(fFile);
+    };
+    EXPECT_EQ(lose(late, endAtOnce, allOrNothing), 0);
     EXPECT_GT(fKills, 80);
     EXPECT_GT(fReplays, 10);
 }

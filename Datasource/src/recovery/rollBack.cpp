@@ -32,6 +32,7 @@ public:
         if (isForeign(sideFile)) fSide.refuseForeign();
         const std::optional<keptTail> kept = parse(sideFile);
         const rollBackResult result = kept ? settle(*kept) : settleTorn();
+        fFile.Sync();  // whoever wrote what is whole may not have come to that
         fSide.remove();
         fFile.Close();
         return result;
