@@ -13,6 +13,7 @@ from typing import Any
 import fsspec  # type: ignore[import]
 from fsspec.caching import BaseCache  # type: ignore[import]
 from fsspec.implementations.local import LocalFileSystem  # type: ignore[import]
+from fsspec.implementations.memory import MemoryFileSystem  # type: ignore[import]
 from fsspec.spec import AbstractBufferedFile, AbstractFileSystem  # type: ignore[import]
 
 from ._file import File
@@ -55,7 +56,8 @@ def source(fs: AbstractFileSystem, path: str) -> Any:
     if getattr(type(fs), "local_file", False):  # a cache of whole files
         with fs.open(path, "rb") as copy:
             return copy.name
-    if fs.async_impl and getattr(fs.cat_file, "__func__", None) is not AbstractFileSystem.cat_file:
+    ranged = fs.async_impl and getattr(fs.cat_file, "__func__", None) is not AbstractFileSystem.cat_file
+    if ranged or isinstance(fs, MemoryFileSystem):  # where all who open a file get one object, with one position
         return _Ranges(fs, path)
     file = fs.open(path, "rb")
     if isinstance(file, AbstractBufferedFile):  # whose own read-ahead would fetch what nobody asks for

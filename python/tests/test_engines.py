@@ -174,7 +174,10 @@ def test_partitions_stay_as_they_were(tmp_path: Path, store: str, size: int, row
     path = str(tmp_path / "a")
     write(path, rows)
     MemoryFileSystem().put(path, path)
+    others = MemoryFileSystem().open(path)
+    others.seek(3)
     array: Any = orva.dask.from_rows(store + path, partition_bytes=size)
+    assert others.tell() == 3
     most = min(len(orva.info(path).blocks), len(rows), round(rows.nbytes / size))
     assert len(array.chunks[0]) == max(most, 1) and array.dtype == rows.dtype
     assert max(len(pickle.dumps(task)) for task in dict(array.dask).values()) < 1_000
