@@ -62,6 +62,9 @@ def source(fs: AbstractFileSystem, path: str) -> Any:
     file = fs.open(path, "rb")
     if isinstance(file, AbstractBufferedFile):  # whose own read-ahead would fetch what nobody asks for
         file.cache = BaseCache(file.blocksize, file._fetch_range, file.size)
+        # FTP's files all read over the one connection of their file system, and each may be read on a thread of its own.
+        shared = file.fs
+        file.fs = type(shared)(*shared.storage_args, skip_instance_cache=True, **shared.storage_options)
     return file
 
 

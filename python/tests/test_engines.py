@@ -32,10 +32,13 @@ BLOCKS = -(-len(CSV) // LONG)
 READS: list[Any] = []  # of files of rows
 
 
-# Of files that buffer. Ranges of its own are for one thread at a time, as those of FTP.
+# Of files that buffer. All that reads is for one thread at a time, as over the connection of FTP.
 class Buffered(AbstractFileSystem):
     protocol = "buffered"
-    at_work = threading.Lock()
+
+    def __init__(self, **kwargs: Any) -> None:
+        super().__init__(**kwargs)
+        self.at_work = threading.Lock()
 
     def cat_file(self, path: str, start: Any = None, end: Any = None, **kwargs: Any) -> bytes:
         assert self.at_work.acquire(timeout=0)
@@ -48,7 +51,7 @@ class Buffered(AbstractFileSystem):
 
     def _open(self, path: str, mode: str = "rb", **kwargs: Any) -> Any:
         file = AbstractBufferedFile(self, path, mode)
-        file._fetch_range = lambda start, end: READS.append((start, end)) or Path(path).read_bytes()[start:end]
+        file._fetch_range = lambda start, end: READS.append((start, end)) or file.fs.cat_file(path, start, end)
         return file
 
 
@@ -133,8 +136,9 @@ def test_partitions_over_a_store(homes: dict[str, str], tmp_path: Path) -> None:
     assert opened <= 3 + BLOCKS and rows.compute(num_workers=8).tobytes() == CSV
     assert len(READS) <= 2 * opened + BLOCKS, "not every thread opens it"
     assert orva.dask.from_rows([ranged, ranged.replace("/a.", "/b."), ranged], "u1").compute().tobytes() == 3 * CSV
-    rows = orva.dask.from_rows(f"buffered://{homes['buffered']}/a.csv.orva", "u1", partition_bytes=LONG)
-    assert rows.compute(num_workers=8).tobytes() == CSV
+    rows = orva.dask.from_rows([f"buffered://{homes['buffered']}/{n}.csv.orva" for n in "ab"], "u1", partition_bytes=LONG)
+    for scheduler in "sync", "threads":  # by the files that one thread has opened
+        assert rows.compute(scheduler=scheduler, num_workers=8).tobytes() == 2 * CSV
     READS.clear()
     cached = {"simplecache": {"cache_storage": str(tmp_path)}}
     whole = ranged.replace("/csv0/", "/whole/")
