@@ -40,8 +40,9 @@ public:
           const std::string& advice = {});
     ~Error() override;
 
-    // For who tells the file's name elsewhere: what could not be done and why, and what to do next, as far as it holds
-    // for every such failure; and what to do about this file, empty where there is nothing to add.
+    // The parts of what(), for a program that shows the file's name itself. The reason: what could not be done, why,
+    // and what helps with every such failure. The advice: what to do about this file, as a command with its name;
+    // empty where there is none.
     const std::string& reason() const noexcept;
     const std::string& advice() const noexcept;
 

@@ -39,8 +39,8 @@ auto translated(const Path& path, Work work, const std::string& workName = {}) {
     }
 }
 
-// A file that cannot be opened for this is not there, or not for the caller, and he goes on without it. Of any other,
-// as where no more files can be opened, he has learnt nothing.
+// True for an error that says that a file is not there, or that the caller may not open it: he goes on without it. Any
+// other, as where no more files can be opened, does not say whether there is one.
 bool goesWithout(int error);
 
 // A call that cannot be meant.
