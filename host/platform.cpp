@@ -360,7 +360,8 @@ int renameFile(const char* from, const char* to) noexcept {
 int renameNew(const char* from, const char* to) noexcept {
     const Step step{.call = Call::Rename, .name = from, .newName = to};
     const int result = rawStatus(step, [&] { return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE); });
-    if (result == 0 || (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP)) return result;
+    const bool isKnown = errno != EINVAL && errno != ENOSYS && errno != ENOTSUP && errno != EPERM;
+    if (result == 0 || isKnown) return result;
     struct stat taken {};
     if (::lstat(to, &taken) != 0) return renameFile(from, to);
     errno = EEXIST;

@@ -105,7 +105,7 @@ ORVA_HOST_API int syncDirectoryOf(const char* name) noexcept;
 
 // Replaces `to` in one step if it exists.
 ORVA_HOST_API int renameFile(const char* from, const char* to) noexcept;
-// EEXIST if `to` exists. Where the system knows no such step, it is looked for just before.
+// EEXIST if `to` exists. Where the system knows no such step, or a container forbids it, it is looked for just before.
 ORVA_HOST_API int renameNew(const char* from, const char* to) noexcept;
 
 ORVA_HOST_API int removeFile(const char* name) noexcept;

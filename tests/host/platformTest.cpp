@@ -21,9 +21,10 @@ class Script : public faults::Hook {
 public:
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
     Verdict before(const faults::Step& /*step*/) override {
-        static const std::map<std::string, int> errors{
-            {"=EINTR", EINTR},   {"=EIO", EIO},     {"=EINVAL", EINVAL},   {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE},
-            {"=EAGAIN", EAGAIN}, {"=EROFS", EROFS}, {"=ENOTSUP", ENOTSUP}, {"=EBADF", EBADF},   {"=EACCES", EACCES}};
+        static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},         {"=EINVAL", EINVAL},
+                                                       {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE},   {"=EAGAIN", EAGAIN},
+                                                       {"=EROFS", EROFS},   {"=ENOTSUP", ENOTSUP}, {"=EBADF", EBADF},
+                                                       {"=EACCES", EACCES}, {"=EPERM", EPERM}};
         std::string word;
         fDialogue >> word;
         fAnswer = word.substr(std::min(word.find('='), word.size()));
@@ -135,6 +136,7 @@ const CallCase kCalls[] = {
     {"NorHasFilesWithoutAName", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O=EACCES O=ENOTSUP ", EACCES,
      kDigits},
     {"ARenameThatKnowsNoRefusal", kWrite, [](int) { return renameNew("a", "b"); }, "O L N=ENOTSUP N ", ENOENT, kDigits},
+    {"OneThatIsForbidden", kWrite, [](int) { return renameNew("a", "b"); }, "O L N=EPERM N ", ENOENT, kDigits},
     {"Truncation", kWrite, [](int d) { return truncateFile(d, 4); }, "O L T4=EINTR T4 ", 0, "0123"},
 };
 
