@@ -12,9 +12,13 @@ configure_file(cmake/orvaConfig.cmake.in ${PROJECT_BINARY_DIR}/orvaConfig.cmake 
 install(FILES ${PROJECT_BINARY_DIR}/orvaConfig.cmake ${PROJECT_BINARY_DIR}/orvaConfigVersion.cmake
     DESTINATION ${orva_package_dir} COMPONENT development)
 file(RELATIVE_PATH orva_pc_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)  # so that the package can be moved
+set(orva_pc_stays)
 set(orva_pc_requires)  # the shared libraries keep theirs to themselves, and who uses them needs no headers of those
 if(NOT BUILD_SHARED_LIBS)
     set(orva_pc_requires "zlib liblz4")
+    if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+        set(orva_pc_stays " -Wl,-z,nodelete")
+    endif()
     if(ORVA_FAST_CODEC)
         string(APPEND orva_pc_requires " libisal libdeflate")
     endif()

@@ -63,11 +63,18 @@ function(orva_finds_installed_libraries target directory)
 endfunction()
 
 # Keeps a shared library's copies of the standard library's templates to itself, and the library in the process once it is
-# loaded: a plug-in that needed it may be unloaded while a thread still ends that has worked with it, and holds memory of it.
-function(orva_shared_linking target)
-    if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
-        target_link_options(${target} PRIVATE
-            LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map LINKER:-z,nodelete)
-        set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+# loaded, as a static one keeps the plug-in that it is linked into: when that is unloaded, threads may go on that have worked
+# with the library, and what it does at their end has to be there still.
+function(orva_library_linking target)
+    if(NOT CMAKE_SYSTEM_NAME STREQUAL "Linux")
+        return()
+    endif()
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL "STATIC_LIBRARY")
+        target_link_options(${target} INTERFACE LINKER:-z,nodelete)
+    else()
+        set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+        target_link_options(${target} PRIVATE LINKER:--version-script=${exports} LINKER:-z,nodelete)
+        set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${exports})
     endif()
 endfunction()

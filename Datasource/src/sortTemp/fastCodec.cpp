@@ -5,7 +5,6 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <iterator>
 #include <memory>
@@ -41,17 +40,9 @@ void endEngines(void* engines) {
 }
 
 // Each thread's engines. They are no thread_local object: where there is no memory to note that one has to end, the
-// system ends the process. A stream may be finished when the key is gone, as a static one is. zlib serves it then.
-std::atomic<bool> gHasKey{false};
+// system ends the process. Nobody gives the key back: threads and static objects may work on while the process ends.
 pthread_key_t gKey;
-const struct keyMaker {
-    keyMaker() noexcept { gHasKey = pthread_key_create(&gKey, endEngines) == 0; }
-    ~keyMaker() {
-        if (!gHasKey.exchange(false)) return;
-        endEngines(pthread_getspecific(gKey));
-        pthread_key_delete(gKey);
-    }
-} gKeyMaker;
+const bool gHasKey = pthread_key_create(&gKey, endEngines) == 0;
 
 threadEngines* ownEngines() noexcept {
     if (!gHasKey) return nullptr;
