@@ -44,13 +44,21 @@ void throwWriteFailed(const std::string& file) {
     throwFailed(file, true);
 }
 
+std::string reasonOf(const orva::Error& error) {
+    std::string text = error.reason();
+    for (const std::string to : {"check ", "give ", "say by "}) {
+        if (const auto at = text.rfind(to + "row0"); at != std::string::npos) text.insert(at + to.size(), "--");
+    }
+    return text;
+}
+
 int reportFailure(const std::string& verbName, const std::string& subject, const std::exception_ptr& failure) {
     const auto report = [&](exitCode code, const std::string& file, const std::string& text) {
         printLine({verbName, file, text});
         return code;
     };
     const auto reportFile = [&](exitCode code, const orva::Error& e) {
-        return report(code, e.path().string(), e.reason() + (e.advice().empty() ? "" : "; " + e.advice()));
+        return report(code, e.path().string(), reasonOf(e) + (e.advice().empty() ? "" : "; " + e.advice()));
     };
     try {
         std::rethrow_exception(failure);

@@ -1,6 +1,8 @@
 // What can go wrong in the tool, the exit code of each, and the one place where exceptions become messages.
 #pragma once
 
+#include <orva/error.h>
+
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -38,6 +40,9 @@ private:
 // Prints "orva: VERB: FILE: text" for the exception to standard error and gives its exit code. `subject`: the file that
 // the verb is about, for what does not say which file it was.
 int reportFailure(const std::string& verbName, const std::string& subject, const std::exception_ptr& failure);
+
+// Its reason, with the flag where that tells of an option.
+std::string reasonOf(const orva::Error& error);
 
 // A line on standard error that is no failure.
 void note(const std::string& verbName, const std::string& file, const std::string& text);

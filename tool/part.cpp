@@ -46,7 +46,7 @@ shownFile openFile(const partOptions& options) {
         if (!options.swap || file.info.swapped) return file;
         throw toolFailure(kDamaged, options.file, "its heading has this machine's byte order: leave out --swap");
     } catch (const orva::UsageError& twoParts) {
-        throw toolFailure(kOtherFailure, options.file, twoParts.reason());
+        throw toolFailure(kOtherFailure, options.file, reasonOf(twoParts));
     }
 }
 

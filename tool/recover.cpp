@@ -58,7 +58,7 @@ private:
                                   .durable = !fOutput.noSync,
                                   .replace = fOutput.force});
         } catch (const orva::UsageError& twoParts) {
-            throw toolFailure(kOtherFailure, fPart.file, twoParts.reason());
+            throw toolFailure(kOtherFailure, fPart.file, reasonOf(twoParts));
         }
     }
 
