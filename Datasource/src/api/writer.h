@@ -93,7 +93,8 @@ public:
     // Bytes of rows in the file, those of before an append included.
     i64 size() const;
     // Makes a finished file of the rows so far, as finish() does, and goes on behind them: they stay, whatever comes.
-    // Ends a block short if rows came since the last one.
+    // Ends a block short if rows came since the last one, and the next call makes that block anew: with blocks of 4 MiB
+    // a call costs milliseconds beside its syncs, however few rows came, with ones of 64 KiB about a tenth of one.
     void flush_rows();
     // The file is complete and under its name when this returns, with mode `permissions` less the umask, or mode and
     // group of the file that it replaces, and by root its owner. A second finish() does nothing. SystemError, ESTALE:
