@@ -18,7 +18,7 @@ import zlib
 from collections.abc import Iterator, Sequence
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
-from functools import lru_cache
+from functools import lru_cache, partial
 from typing import TYPE_CHECKING, Any, Union
 
 import fsspec  # type: ignore[import]
@@ -132,11 +132,13 @@ def _file(path: str, dtype: npt.DTypeLike, options: dict[str, Any]) -> tuple[_Fi
 
 def _files(paths: list[str], dtype: npt.DTypeLike, options: dict[str, Any]) -> Iterator[tuple[_File, Rows]]:
     """Those of a store that several threads may ask are opened some at a time, since each waits for it several times."""
-    stores = all("://" in path and _target(path, options)[0].async_impl for path in paths)
-    at_once = _OPEN_FILES if stores else 1
-    with ThreadPoolExecutor(at_once) as pool:
-        for some in (paths[first : first + at_once] for first in range(0, len(paths), at_once)):
-            yield from pool.map(lambda path: _file(path, dtype, options), some)
+    opened = partial(_file, dtype=dtype, options=options)
+    if not all("://" in path and _target(path, options)[0].async_impl for path in paths):
+        yield from map(opened, paths)  # on the caller's thread, where signals can end it
+        return
+    with ThreadPoolExecutor(_OPEN_FILES) as pool:
+        for first in range(0, len(paths), _OPEN_FILES):
+            yield from pool.map(opened, paths[first : first + _OPEN_FILES])
 
 
 @lru_cache(maxsize=1024)

@@ -28,9 +28,7 @@ public:
     }
 
     foundHeading at(i64 row0) const {
-        if (row0 < 1) {
-            throw UsageError(withName(fBytes.name(), fPath, "no rows begin at offset " + std::to_string(row0)), fPath);
-        }
+        if (row0 < 1) throw UsageError(told("no rows begin at offset " + std::to_string(row0)), fPath);
         if (fLength > 0 && row0 >= fLength && !isTold(row0)) {
             refuse("has no offset " + std::to_string(row0) + ", for it ends at " + std::to_string(fLength) +
                    ": check row0, or leave it out to have the rows looked for");
@@ -54,9 +52,8 @@ private:
         return fBytes.read(fFirst.data(), fFirst.size(), 0);
     }
 
-    [[noreturn]] void refuse(const std::string& reason) const {
-        throw DamagedFileError(withName(fBytes.name(), fPath, reason), fPath);
-    }
+    std::string told(const std::string& reason) const { return withName(fBytes.name(), fPath, reason); }
+    [[noreturn]] void refuse(const std::string& reason) const { throw DamagedFileError(told(reason), fPath); }
 
     std::int64_t searched() const {
         if (const auto part = findPart(fPlace)) return part->row0Pos;
@@ -100,9 +97,7 @@ private:
         const std::string where = "offset " + std::to_string(place);
         if (isTold(place)) {
             throw UnfinishedFileError(
-                withName(fBytes.name(), fPath,
-                         "not finished: there is no heading at " + where + ", where its rows begin"),
-                fPath, {}, {},
+                told("not finished: there is no heading at " + where + ", where its rows begin"), fPath, {}, {},
                 fPath.empty() ? ""
                               : "if its writer is gone, 'orva recover " + shellWord(fPath.string()) +
                                     " -o OUT' gets the rows that are there");

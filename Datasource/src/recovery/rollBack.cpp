@@ -32,7 +32,7 @@ public:
         if (isForeign(sideFile)) fSide.refuseForeign();
         const std::optional<keptTail> kept = parse(sideFile);
         const rollBackResult result = kept ? settle(*kept) : settleTorn();
-        fFile.Sync();  // whoever wrote what is whole may not have come to that
+        fFile.Sync();  // also where all was whole: who wrote it may not have come to that
         fSide.remove();
         fFile.Close();
         return result;
@@ -102,7 +102,6 @@ private:
         const std::optional<soundIndex> index = soundIndexOf(raw, kept.row0Pos, fFile);
         if (!index || !tailInflates(*index, kept.untouchedEnd)) return false;
         writeAll(fFile, raw.data(), raw.size(), kept.row0Pos);
-        fFile.Sync();
         return true;
     }
 
