@@ -7,6 +7,8 @@
 
 #include <orva/version.h>
 
+// pybind11 would wait for ever in a sub-interpreter, so the module's own start refuses those.
+#define PyInit__orva PyInit__orva_in_main
 PYBIND11_MODULE(_orva, module) {
     bindErrors();
     bindReader(module);
@@ -14,4 +16,12 @@ PYBIND11_MODULE(_orva, module) {
     bindFiles(module);
     module.def("version", &orva::version);
     module.def("remember_main_thread", &rememberMainThread);
+}
+#undef PyInit__orva
+
+extern "C" PYBIND11_EXPORT PyObject* PyInit__orva() {
+    if (PyInterpreterState_Get() == PyInterpreterState_Main()) return PyInit__orva_in_main();
+    PyErr_SetString(PyExc_ImportError,
+                    "orva works in the main interpreter only (mod_wsgi: WSGIApplicationGroup %{GLOBAL})");
+    return nullptr;
 }

@@ -150,8 +150,15 @@ time.sleep(0.1)
 """
 
 
-def test_daemon_threads_end_with_the_process(here: Path) -> None:
-    assert subprocess.run([sys.executable, "-c", DAEMONS, "zeros.orva"]).returncode == 0
+SUB_INTERPRETER = """
+from _testcapi import run_in_subinterp
+assert run_in_subinterp("try: import orva\\nexcept ImportError as error: assert 'main interpreter' in str(error)\\nelse: 1 / 0") == 0
+"""
+
+
+@pytest.mark.parametrize("program", [DAEMONS, SUB_INTERPRETER], ids=["daemon threads", "a sub-interpreter"])
+def test_a_process_ends(here: Path, program: str) -> None:
+    assert subprocess.run([sys.executable, "-c", program, "zeros.orva"], timeout=20).returncode == 0
 
 
 def ends_well_in_a_child(work: Callable[[], object]) -> bool:
