@@ -104,10 +104,12 @@ compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, 
 
 std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& heading, bool swap) {
     return inPieces(file, heading, false, [&](std::span<const filePosRecord> records, std::size_t known) {
-        filePosRecord first = records[0];
-        if (swap) swapRecord(first);
-        // A record without the mark is the parser's to refuse, in its own words.
-        if (known == 0 && first.orginalPos == kFirstRecordMark) checkCount(file, heading, first);
+        if (known == 0) {
+            filePosRecord first = records[0];
+            if (swap) swapRecord(first);
+            checkFirstRecord(first, file.name());
+            checkCount(file, heading, first);
+        }
         for (std::size_t i = known; i < records.size(); i += kPageRecords) {
             if (records[i] == filePosRecord{}) refuse(file, "orginalSize >= 1", indexSpan(heading) + " has a hole");
         }
