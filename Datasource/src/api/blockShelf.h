@@ -1,9 +1,10 @@
-// blockShelf: the blocks that a Reader keeps inflated, and memory for further ones. Blocks are inflated by whoever
-// asks, outside the lock; two who ask for one block at once both inflate it.
+// blockShelf: the blocks that a Reader keeps inflated, and spare memory for others. Threads inflate outside the lock;
+// two that ask for one block at once both inflate it.
 //
-// Owner:   blocks are shared with whoever copies from them just now.
+// Owner:   a block is shared with the threads that are copying from it.
 // Threads: any.
-// Fork:    a child may find it locked, by a thread that it does not have: it makes one of its own (Reader::State).
+// Fork:    a child may find the shelf locked by a thread that it does not have, so it makes one of its own
+//          (Reader::State).
 // Failure: bad_alloc.
 #pragma once
 
@@ -24,22 +25,23 @@ public:
 
     explicit blockShelf(int most) : fMost(static_cast<std::size_t>(most)) {}
 
-    // The rows of that block of the part with that id, to be put back; null where they are not kept.
+    // The rows of block `number` of the part with the id `part`; null if they are not kept. Give them back by
+    // putBack().
     rows find(std::uint64_t part, std::uint32_t number);
-    // Lets go of them under the lock, so that all reads of them come before memory() gives them to be written.
+    // Releases the rows under the lock, so that all reads of them happen before memory() hands them out to be written.
     void putBack(rows copied);
-    // Memory for a block of the part, of the entry that has to make room if nobody copies from it.
+    // Memory for one block of the part: that of the oldest kept block if nobody is copying from it, else new memory.
     rows memory(const shownPart& part);
     void keep(std::uint64_t part, std::uint32_t number, rows kept);
     void clear();
 
-    // Memory for compressed bytes, as much of it as was needed at once.
+    // Memory for compressed bytes. The shelf keeps as many such buffers as were ever in use at once.
     blockBuffer takeScratch(const shownPart& part);
     void putBack(blockBuffer scratch);
 
 private:
     struct entry {
-        std::uint64_t part = 0;  // none has this id
+        std::uint64_t part = 0;  // 0: no part
         std::uint32_t number = 0;
         std::uint64_t lastUse = 0;
         rows kept;
@@ -49,7 +51,7 @@ private:
     const std::size_t fMost;
 
     std::mutex fLock;
-    std::vector<entry> fEntries;  // up to fMost
+    std::vector<entry> fEntries;  // at most fMost
     std::vector<blockBuffer> fScratch;
     std::uint64_t fClock = 0;
 };

@@ -44,7 +44,7 @@ private:
     const std::size_t fCount;
     const std::function<sharedWorker(bool)>& fMakeWorker;
     std::atomic<std::size_t> fNext{0};
-    std::mutex fLock;  // of what follows
+    std::mutex fLock;  // of the next two
     std::size_t fFailed = SIZE_MAX;
     std::exception_ptr fFailure;
 };
@@ -58,14 +58,14 @@ public:
     }
 };
 
-// Does the work on this thread and on `others` more.
+// Works on this thread and on `others` more.
 void workBeside(int others, sharing& shared) {
     ktThreadPool pool(others, 0);
     pool.init();
     try {
         pool.startAll();
         for (int i = 0; i < others; ++i) pool.runCallBack(new oneMore, &shared, 0);
-    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): this thread does all of it
+    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): this thread does all the work
     }
     shared.work(true);
     pool.stopAll();

@@ -17,7 +17,7 @@ std::optional<std::int64_t> number(std::string_view digits) {
     return value;
 }
 
-// The rest of the line that begins with `key`, behind the first line.
+// The rest of the line that begins with `key`; never the first line.
 std::string_view lineOf(std::string_view text, const std::string& key) {
     const auto at = text.find('\n' + key);
     if (at == std::string_view::npos) return {};

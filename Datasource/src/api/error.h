@@ -1,5 +1,5 @@
-// What goes wrong in orva::Reader, Rows, Writer, the streams and the functions on whole files, as one family: every
-// text says what could not be done to which file, why, and what to do next.
+// The errors of orva::Reader, Rows, Writer, the streams and the functions on whole files. Every text says which file,
+// what could not be done, why, and what to do next.
 //
 //   Error                  the family; itself never thrown
 //   +- SystemError         the system refuses: no such file, no right, a full disk, another writer. code() tells
@@ -8,10 +8,10 @@
 //   +- FileChangedError    the file was written to since it was opened: Reader::refresh() shows it as it is now
 //   +- UsageError          the call cannot be meant; nothing was changed
 //
-// Out of memory is std::bad_alloc. The global names beside these, as ::DamagedFileError, are other classes, of the
-// streams below (errors.h).
+// Out of memory is std::bad_alloc. The global classes of the same names, such as ::DamagedFileError, are others: they
+// belong to the streams below this face (errors.h).
 //
-// Owner:   errors share their immutable details with their copies, so copying one cannot fail.
+// Owner:   copies of an error share its immutable details, so copying one cannot fail.
 // Threads: plain values.
 #pragma once
 
@@ -35,21 +35,21 @@ using Bytes = std::span<std::byte>;
 
 class ORVA_API Error : public std::runtime_error {
 public:
-    // what() gives the path, quoted, `reason` and `advice`, as far as there are these: "PATH": REASON; ADVICE
+    // what() is "PATH": REASON; ADVICE, without the parts that are empty.
     Error(const std::string& reason, const Path& path, std::optional<i64> offset = {}, std::optional<i64> block = {},
           const std::string& advice = {});
     ~Error() override;
 
-    // The parts of what(), for a program that shows the file's name itself. The reason: what could not be done, why,
-    // and what helps with every such failure. The advice: what to do about this file, as a command with its name;
-    // empty where there is none.
+    // The parts of what(), for a program that shows the file's name itself. The reason says what could not be done,
+    // why, and what helps with every such failure. The advice says what to do about this file, as a command with its
+    // name; it may be empty.
     const std::string& reason() const noexcept;
     const std::string& advice() const noexcept;
 
-    // The file, as the caller named it; empty where no file has to do with it, or one without a name.
+    // The file as the caller named it; empty if the error concerns no file, or one without a name.
     const Path& path() const noexcept;
-    // Where the rows begin that cannot be had, in bytes from the first one, and the number of their block, from 0; each
-    // where it is known.
+    // Where the rows begin that could not be read, in bytes from the first one, and the number of their block, from 0;
+    // each if known.
     std::optional<i64> offset() const noexcept;
     std::optional<i64> block() const noexcept;
 
@@ -63,10 +63,10 @@ public:
     SystemError(std::error_code code, const std::string& reason, const Path& path, bool writing = false);
     ~SystemError() override;
 
-    // Compares with std::errc: ENOENT no such file, EEXIST it is there already, EWOULDBLOCK another writer is at work
-    // on it, ENOSPC the disk is full.
+    // Compares with std::errc: ENOENT no such file, EEXIST the file exists already, EWOULDBLOCK another writer is at
+    // work on it, ENOSPC the disk is full.
     std::error_code code() const noexcept { return fCode; }
-    // The file was to be made, written or replaced, and not read.
+    // True if the file was to be made, written or replaced; false if it was to be read.
     bool writing() const noexcept { return bWriting; }
 
 private:

@@ -35,7 +35,8 @@ void told(const Progress& progress, i64 done, i64 total) {
     if (progress) callersOwn([&] { progress(done, total); });
 }
 
-// Runs work on files that have full names for the rooms below: what fails with one of them is told of that one.
+// Runs work in lower rooms, which know the inputs by full names; a failure of one is reported under the caller's name
+// for it.
 template <class Work>
 auto blaming(std::span<const Path> inputs, Work work) {
     const auto blame = [&](const std::string& name) {
@@ -54,7 +55,7 @@ auto blaming(std::span<const Path> inputs, Work work) {
     }
 }
 
-// A new file that `make` writes under the name that it is given, for whom `permissions` let use it.
+// Calls `make` with the temporary name of a new file, and then gives that file its own name.
 template <class Make>
 auto made(const Path& to, std::filesystem::perms permissions, bool replace, bool durable, Make make) {
     pendingFile pending(to, replace, permissions);
@@ -93,7 +94,7 @@ FileInfo info(const Path& path, std::optional<i64> row0) {
 
 namespace {
 
-// Inflates the blocks of a part one after the other, shared out among threads.
+// Inflates the blocks of a part on several threads.
 class verifier {
 public:
     verifier(const shownPart& part, const VerifyOptions& options)
@@ -139,7 +140,8 @@ private:
             fPart.read(number, compressed, rows);
         } catch (const DamagedFileError& damage) {
             add(number, damage.reason());
-        } catch (const SystemError& failure) {  // the rows are as lost to who wants them, and the others are not
+        } catch (const SystemError& failure) {  // the rows are lost to the caller as well, but not those of other
+                                                // blocks
             add(number, failure.reason());
         }
     }
@@ -153,7 +155,7 @@ private:
     const Progress& fProgress;
     const std::uint32_t fFirst;
     std::atomic<i64> fDone;
-    std::mutex fLock;  // of the report's bad blocks
+    std::mutex fLock;  // guards the report's bad blocks
     VerifyReport fReport;
 };
 
@@ -171,7 +173,7 @@ VerifyReport verify(const Path& path, const VerifyOptions& options) {
 
 namespace {
 
-// Where the caller or the file itself says that it is, in the byte order that the heading shows there, if one does.
+// Where the caller, or else the file, says that the part is, in the byte order of a heading there, if there is one.
 std::optional<foundPart> toldPart(const Path& path, const std::string& place, std::optional<i64> row0) {
     const openedFile file(path.string(), place);
     try {
@@ -185,7 +187,7 @@ std::optional<foundPart> toldPart(const Path& path, const std::string& place, st
         std::string first(static_cast<std::size_t>(std::min<i64>(file.length(), kDictionaryTextSize)), '\0');
         file.read(first.data(), first.size(), 0);
         if (const auto text = parseDictionaryText(first)) row0 = text->row0Pos;
-        // Without a block there, it is its first line that is wrong, if there is a part elsewhere.
+        // If no block begins there, the first line is wrong, provided that there is a part elsewhere.
         constexpr char streamBegin = 0x78;
         char begin = 0;
         if (row0 && !(file.read(&begin, 1, *row0 + kHeadingSize) && begin == streamBegin)) {
@@ -243,7 +245,8 @@ RollBack roll_back(const Path& path) {
 
 namespace {
 
-// The text in front of the first of several files, as long, without the lines that tell where its rows came from.
+// The dictionary text of the first of several files, in the same length, without the lines about the origin of its
+// rows.
 std::string outlivedText(const shownPart& first) {
     const std::vector<std::byte> bytes = first.dictionary();
     std::string text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
@@ -306,7 +309,7 @@ private:
         for (std::uint32_t i = 0; i < part.blockCount(); ++i) fTotal += part.block(i).stored;
     }
 
-    // What an append explains is no damage.
+    // An append is no damage.
     [[noreturn]] void refuseDamaged(const Path& path) const {
         const shownPart input = opened(path, fOptions.row0);
         translated(path, [&] { checkContiguous(input.bytes(), input.found().heading, input.records()); });
@@ -316,8 +319,8 @@ private:
         throw FileChangedError("was written to while it was joined: try again", path);
     }
 
-    // Of an append without a side file that has begun to rewrite a last block, only that block shows something, while
-    // heading and index are still the old ones.
+    // If an append without a side file has begun to rewrite a last block, only that block shows it, since heading and
+    // index are still the old ones.
     void checkLastBlocks(const std::string& output, const joinReport& report) const {
         const shownPart joined(output, output, report.part.row0Pos);
         const blockBuffer compressed = compressedRoom(joined.records());
@@ -337,9 +340,9 @@ private:
 
     const std::span<const Path> fFrom;
     const JoinOptions& fOptions;
-    std::string fDictionary;  // empty: as it stands in the first file
+    std::string fDictionary;  // empty: that of the first file
     std::vector<joinInput> fInputs;
-    i64 fTotal = 0;  // bytes of the output, without its heading and index
+    i64 fTotal = 0;  // bytes of the output except heading and index
 };
 
 }  // namespace

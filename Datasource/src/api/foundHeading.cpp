@@ -14,7 +14,7 @@ namespace orva {
 
 namespace {
 
-// Long enough for most dictionary parts with the heading behind them, so that one read does for both.
+// Covers most dictionary parts with the heading behind them, so that one read is enough.
 constexpr std::int64_t kFirstRead = 4096;
 
 class headingSearch {
@@ -45,7 +45,7 @@ public:
     }
 
 private:
-    // False where the file is shorter by then: an append that is undone cuts off what it has added.
+    // False if the file has become shorter meanwhile: undoing an append cuts off what it added.
     bool takeFirst() {
         fLength = fBytes.length();
         fFirst.resize(static_cast<std::size_t>(std::min(kFirstRead, fLength)));
@@ -63,7 +63,7 @@ private:
             "give row0");
     }
 
-    // The heading repeats its own offset, and so shows its byte order.
+    // The heading repeats its own offset, which shows its byte order.
     foundHeading headingAt(FileInfo::FoundBy by, std::int64_t place) const {
         foundHeading found{by, {}, {}, false, fText};
         if (!readRaw(place, found.raw)) refuseNone(place);
@@ -75,7 +75,7 @@ private:
         return found;
     }
 
-    // An offset that reads the same both ways shows no order. The index then does, by where it would stand.
+    // An offset that reads the same in both orders does not show it. The place of the index then does.
     bool isTurned(compressionHeading heading) const {
         if (swapBytes(heading._caseStartPos) != heading._caseStartPos) return false;
         const auto fits = [&] { return heading._indexPos > heading._caseStartPos && heading._indexPos < fLength; };
@@ -105,8 +105,8 @@ private:
         refuse("has no heading at " + where + ": check row0, and that its writer has finished");
     }
 
-    // Behind the index of a part nothing needs to stand. What does may be the part that was meant: a finished file that
-    // was taken for a dictionary part stands before it.
+    // Nothing needs to stand behind the index of a part. A part there may be the one that was meant: a finished file
+    // can serve as the dictionary part of another, and would be found first.
     void refuseSecond(const foundHeading& found) const {
         const foundPart first{found.heading._caseStartPos, found.swapped};
         const auto& [row0, indexPos, size] = found.heading;

@@ -1,6 +1,6 @@
-// Where the heading of a part stands in a file: as the caller says, or the dictionary part, or as a search finds it.
+// Finds the heading of a part: where the caller says, else where the dictionary part says, else by a search.
 //
-// Failure: DamagedFileError, UnfinishedFileError and UsageError of the face; FileError; callersFailure.
+// Failure: DamagedFileError, UnfinishedFileError and UsageError of orva::; FileError; callersFailure.
 #pragma once
 
 #include "format/storedBytes.h"
@@ -20,16 +20,16 @@ namespace orva {
 
 struct foundHeading {
     FileInfo::FoundBy by{};
-    rawHeading raw{};              // as it stands in the file
+    rawHeading raw{};              // as stored
     compressionHeading heading{};  // in host order
     bool swapped = false;
-    std::optional<dictionaryText> text{};  // in front of it
+    std::optional<dictionaryText> text{};  // before it
 };
 
-// `place`: the full name, to search by; empty where there is none to search. Reads `bytes` at most twice.
+// `place` is the full name for a search; empty if there can be none. Reads `bytes` at most twice.
 foundHeading findHeading(const storedBytes& bytes, std::optional<i64> row0, const Path& path, const std::string& place);
 
-// The part can be opened.
+// True if the part can be opened.
 bool isSound(const std::string& file, const foundPart& part);
 
 }  // namespace orva

@@ -21,7 +21,7 @@ protected:
         setg(fBytes.data(), fBytes.data(), fBytes.data() + got);
         return got == 0 ? traits_type::eof() : traits_type::to_int_type(fBytes[0]);
     }
-    // Past the buffer, whole blocks straight into the caller's memory.
+    // Bypasses the buffer: whole blocks go straight into the caller's memory.
     std::streamsize xsgetn(char* to, std::streamsize count) override {
         if (count < std::ssize(fBytes)) return std::streambuf::xsgetn(to, count);
         const std::span wanted(to, static_cast<std::size_t>(count));
@@ -30,7 +30,7 @@ protected:
         moveTo(at + got);
         return got;
     }
-    // Asked where the buffer has nothing in front of the place: at its border, and behind a seek or a long read.
+    // Called where the buffer has no byte before the position: at its border, and after a seek or a long read.
     int_type pbackfail(int_type c) override {
         if (seekoff(-1, std::ios_base::cur, std::ios_base::in) == pos_type(off_type(-1))) return traits_type::eof();
         const int_type before = sgetc();
@@ -80,7 +80,7 @@ class ostream::Buffer final : public std::streambuf {
 public:
     explicit Buffer(Writer&& writer) : fWriter(std::move(writer)), fBytes(kBuffer) { empty(); }
 
-    // Bytes that come behind it go to the Writer at once, which refuses them.
+    // Later bytes go to the Writer at once, which refuses them.
     void finish() {
         sync();
         setp(nullptr, nullptr);

@@ -1,10 +1,10 @@
 // orva::istream and orva::ostream: the rows of a file for code that reads and writes standard streams.
 //
-// Both set std::ios::badbit in exceptions(), so that a failure comes out as what it is (error.h) instead of as an end
-// of the rows that nobody can tell from the real one.
+// Both set std::ios::badbit in exceptions(), so that a failure is thrown as its own error (error.h) instead of looking
+// like the end of the rows.
 //
 // Units:   bytes; positions count from the first byte of rows.
-// Owner:   a Reader or Writer, and 64 KiB.
+// Owner:   a Reader or Writer, and a buffer of 64 KiB.
 // Threads: one at a time.
 #pragma once
 
@@ -19,7 +19,7 @@
 
 namespace orva {
 
-// Seeks to anywhere in the rows.
+// Seeks to any offset in the rows.
 class ORVA_API istream : public std::istream {
 public:
     explicit istream(const Path& path, const ReaderOptions& options = {});
@@ -30,16 +30,17 @@ private:
     std::unique_ptr<std::streambuf> fBuffer;
 };
 
-// Does not seek; tellp() tells the bytes of rows.
+// Does not seek; tellp() gives the bytes of rows so far.
 class ORVA_API ostream : public std::ostream {
 public:
     explicit ostream(const Path& path, const WriterOptions& options = {});
-    // Takes the Writer over.
+    // Takes over `writer`.
     explicit ostream(Writer&& writer);
-    // Abandons what close() has not finished.
+    // Abandons the rows that close() has not finished.
     ~ostream() override;
 
-    // Writer::finish. flush() of a stream hands its 64 KiB on and makes nothing durable.
+    // Finishes the file, as Writer::finish() does. flush() only passes the buffer on to the Writer and makes nothing
+    // durable.
     void close();
 
 private:

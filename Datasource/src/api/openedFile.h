@@ -1,5 +1,5 @@
-// What a Reader reads from: a file held open, or a caller's ByteSource. Both without a lock, so that reads run side by
-// side and a fork finds nothing taken.
+// The bytes that a Reader reads: a file held open, or a caller's ByteSource. Neither has a lock, so that reads run side
+// by side and a fork finds none held.
 //
 // Threads: any.
 // Failure: FileError from the system; callersFailure from a source.
@@ -15,15 +15,15 @@
 
 namespace orva {
 
-// FileError for what can't be read at any place. Nobody is waited for at the other end of a pipe.
+// Throws FileError for a file that cannot be read at any offset. Does not wait for the other end of a pipe.
 void refusePipe(const std::string& name, const std::string& place);
 
-// Asks the caller's own. UsageError for what is below 0: no size, but an error that the source may have met.
+// Calls source.size(). UsageError if it is below 0, which may be the source's way to report an error.
 std::int64_t sizeOf(const ByteSource& source);
 
 class openedFile final : public storedBytes {
 public:
-    // `name` is for messages, `place` its full name. FileError if it cannot be opened, or is refused as a pipe is.
+    // `name` is for messages, `place` the full name. FileError if the file cannot be opened, or by refusePipe.
     openedFile(std::string name, const std::string& place);
     openedFile(const openedFile&) = delete;
     openedFile& operator=(const openedFile&) = delete;
@@ -33,7 +33,7 @@ public:
     std::int64_t length() const override;
     bool read(void* to, std::uint64_t size, std::int64_t place) const override;
     bool isNamed(const std::string& place) const { return platform::sameFile(fDescriptor, place.c_str()); }
-    // A writer holds its lock.
+    // True if a writer holds the lock of the file.
     bool isBeingWritten() const { return platform::hasWriter(fDescriptor); }
 
 private:

@@ -1,5 +1,5 @@
-// Everything public: the face (Reader, Rows, Writer), the streams below it, the codecs, inspection, and the seams that
-// a host may fill with its own.
+// Everything public: the face (Reader, Rows, Writer), the streams below it, the codecs, inspection, and the interfaces
+// that a host may implement itself.
 #pragma once
 
 #include <orva/blockSize.h>

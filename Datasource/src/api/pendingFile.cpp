@@ -21,13 +21,13 @@ namespace {
 
 constexpr fs::perms kOwners = fs::perms::owner_read | fs::perms::owner_write;
 
-// Where links lead to: replacing a link would leave the file that it names as it was, and put a file where there was a
-// link. What the last one names need not exist, unless the link leads to a file all the same: to one without a name.
+// The file that links lead to. Replacing a link itself would leave its target as it was, and turn the link into a file.
+// The target of the last link need not exist, unless `name` leads to a file all the same: one without a name.
 std::string outputTarget(const std::string& name) {
     constexpr int mostLinks = 40;
     fs::path target = name;
     std::error_code none;
-    if (fs::is_other(fs::status(target, none))) return name;  // of a pipe the last link may name nothing
+    if (fs::is_other(fs::status(target, none))) return name;  // the last link to a pipe may name nothing
     for (int links = 0; fs::is_symlink(fs::symlink_status(target, none)); ++links) {
         if (links == mostLinks) throwFileError(ELOOP, kWriteFailed, name);
         target = target.parent_path() / fs::read_symlink(target, none);
@@ -36,8 +36,8 @@ std::string outputTarget(const std::string& name) {
     return target.string();
 }
 
-// A name in the directory of `target` that hardly any file has, and another one the next instant. Cut, so that a long
-// name does not make it too long for any file system, and between characters, since some take no other names.
+// A name in the directory of `target` that hardly any file has, and that differs the next instant. Cut to stay within
+// every file system's limit, and between characters, since some file systems take only whole ones.
 std::string hiddenNameBeside(const std::string& target) {
     constexpr std::size_t longest = 100;
     const auto isContinued = [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) == 0x80; };
@@ -53,8 +53,8 @@ std::string hiddenNameBeside(const std::string& target) {
 
 }  // namespace
 
-// A name that a handler of signals can read at any instant. It is written between unused and shown, and read by who has
-// taken it from shown. Once made it stays, for the next file.
+// A name that a signal handler can read at any instant. It is written between unused and shown, and read by whoever has
+// taken it from shown. It is never freed, but used again for the next file.
 struct hiddenName {
     enum state : int { unused, beingWritten, shown, beingRemoved };
     bool take(state from, state to) { return fState.compare_exchange_strong(from, to); }
@@ -69,7 +69,7 @@ namespace {
 
 std::atomic<hiddenName*> gHiddenNames{nullptr};
 
-// Null for a name that is too long to be one.
+// Null if the name is too long for any file.
 hiddenName* show(const std::string& name) {
     if (name.size() > platform::kLongestName) return nullptr;
     hiddenName* place = gHiddenNames;
@@ -91,8 +91,8 @@ hiddenName* show(const std::string& name) {
 void remove_unfinished() noexcept {
     const std::int64_t process = platform::processId();
     for (hiddenName* one = gHiddenNames; one != nullptr; one = one->fNext) {
-        // Also what a handler is about to remove: this one may have interrupted it, and end the process before it goes
-        // on.
+        // Also a name in beingRemoved: this handler may have interrupted the one that removes it, and may end the
+        // process first.
         if (!one->take(hiddenName::shown, hiddenName::beingRemoved) && one->fState != hiddenName::beingRemoved)
             continue;
         if (one->fProcess == process) platform::removeFile(one->fName);
@@ -145,7 +145,7 @@ bool pendingFile::hasToReplace() const {
     std::error_code unknown;
     const fs::file_status status = fs::status(fTarget, unknown);
     if (fTarget.empty()) throwFileError(ENOENT, kWriteFailed, fTarget);
-    // As for a name that is too long: the hidden one is not.
+    // For example a name that is too long, while the hidden one is not.
     if (!fs::status_known(status)) throwFileError(unknown.value(), kWriteFailed, fTarget);
     const bool isFile = fs::is_regular_file(status);
     if (!fs::exists(status) || (bReplace && isFile)) return isFile;
@@ -155,8 +155,8 @@ bool pendingFile::hasToReplace() const {
     throw SystemError(std::error_code(error, std::generic_category()), what, fPath, true);
 }
 
-// Whoever appends to the old file would add to one that nobody can find any more. To hold it takes no right to write: a
-// file that nobody may write to can still be replaced.
+// A writer that appends to the old file would add rows to a file that nobody can find any more. Holding it needs no
+// write permission: a file that nobody may write to can still be replaced.
 void pendingFile::holdReplaced() {
     if (fReplaced >= 0 && platform::sameFile(fReplaced, fTarget.c_str())) return;
     if (fReplaced >= 0) platform::closeAnyway(fReplaced);
@@ -166,12 +166,13 @@ void pendingFile::holdReplaced() {
     if (opened || !goesWithout(errno)) throwFileError(errno, kWriteFailed, fTarget);
 }
 
-// Exclusively: in a directory that others can write to, nobody can have put a link there. Never for more people than
+// Exclusive creation: in a directory that others can write to, nobody can have put a link there. The file is never open
+// to more users than the finished one, and its owner can write to it until then, whatever the umask.
 // the finished file, and its user can write to it until then, whatever the umask.
 void pendingFile::create(bool replaces) {
     const auto mode = static_cast<int>((replaces ? kOwners : fPermissions) & fs::perms::all);
     int descriptor = -1;
-    fs::path hidden;  // once the file is there, nothing asks for memory any more
+    fs::path hidden;  // from here on nothing may need memory while the file exists
     do {
         forgetName();
         hidden = fTemporary = hiddenNameBeside(fTarget);
@@ -206,7 +207,7 @@ void pendingFile::commit(bool durable) {
     translated(
         fPath,
         [&] {
-            hasToReplace();  // what somebody else has made meanwhile
+            hasToReplace();  // somebody else may have made a file meanwhile
             holdReplaced();
             std::error_code none;
             fs::permissions(fTemporary, fPermissions, none);

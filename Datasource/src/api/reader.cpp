@@ -16,7 +16,7 @@ namespace orva {
 
 ByteSource::~ByteSource() = default;
 
-// What copies share. Reads begin with the part that is shown just then and end with it, whatever refresh does.
+// The state that copies share. A read uses the part shown at its beginning until its end, whatever refresh does.
 struct Reader::State {
     using partPtr = std::shared_ptr<const shownPart>;
 
@@ -55,8 +55,8 @@ struct Reader::State {
         own& mine = ofProcess();
         {
             const std::lock_guard guard(mine.lock);
-            if ((*fShown.load())->id() > (*next)->id()) return;  // of a refresh that began to look later
-            const platform::noFork whole;  // or a child could know of the part, and have no descriptor of it
+            if ((*fShown.load())->id() > (*next)->id()) return;  // the shown part comes from a refresh that began later
+            const platform::noFork whole;  // else a child could have the part without its descriptor
             next.reset(fShown.exchange(next.release()));
         }
         mine.shelf.clear();
@@ -72,12 +72,12 @@ struct Reader::State {
     const std::uint32_t fThreads;
 
 private:
-    // What has locks. A forked child may find them taken by threads that it does not have, and makes its own; what it
-    // inherited is left behind.
+    // Everything with a lock. A forked child may find the locks held by threads that it does not have, so it makes its
+    // own and leaks the inherited ones.
     struct own {
         explicit own(int cachedBlocks) : shelf(cachedBlocks) {}
         const std::uint32_t forks = platform::forkCount();
-        std::mutex lock;  // of the part that fShown leads to, while it is copied or exchanged
+        std::mutex lock;  // held while the pointer that fShown leads to is copied or exchanged
         blockShelf shelf;
     };
     own& ofProcess() {
@@ -87,7 +87,7 @@ private:
         return fOwn.compare_exchange_strong(found, made.get()) ? *made.release() : *found;
     }
 
-    std::atomic<partPtr*> fShown{nullptr};  // leads to a whole one at any instant, and stays during a fork
+    std::atomic<partPtr*> fShown{nullptr};  // always leads to a valid pointer, and does not change during a fork
     std::atomic<own*> fOwn{nullptr};
 };
 
@@ -142,7 +142,7 @@ std::vector<Range> Reader::splits(int count, i64 record_size) const {
 
 namespace {
 
-// Cuts a request at the borders of blocks, and gives the bytes that there are for it.
+// Cuts a request at the borders of blocks and returns the number of bytes that there are for it.
 std::size_t cut(const shownPart& part, i64 offset, Bytes to, std::vector<rowPiece>& pieces) {
     const auto got = static_cast<std::size_t>(std::clamp<i64>(part.size() - offset, 0, std::ssize(to)));
     std::uint32_t block = got == 0 ? 0 : part.blockAt(offset);

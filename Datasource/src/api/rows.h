@@ -1,14 +1,15 @@
-// orva::Rows: the rows of a Reader as values of a type.
+// orva::Rows: the rows of a Reader as values of type T.
 //
 //   struct Trade { std::int64_t time; double price; };
 //   const orva::Rows<Trade> trades(orva::Reader("trades.orva"));
 //   Trade last = trades[trades.size() - 1];
 //   for (const Trade& trade : trades) sum += trade.price;
 //
-// Units:   rows, from 0, each sizeof(T) bytes as they stand in memory. Rows may lie across the border of two blocks.
-// Owner:   keeps a copy of the Reader.
-// Threads: const operations from any thread; an iterator belongs to one.
-// Failure: as the Reader's. UsageError for rows that are no whole number of T, and for a file of the other byte order.
+// Units:   rows, from 0, each sizeof(T) bytes in the layout of memory. A row may lie across the border of two blocks.
+// Owner:   holds a copy of the Reader.
+// Threads: const operations may run on any thread; an iterator belongs to one.
+// Failure: as the Reader's. The constructor throws UsageError if the rows are not a whole number of T, or the file has
+//          the other byte order.
 #pragma once
 
 #include <orva/error.h>
@@ -36,22 +37,23 @@ class Rows {
 public:
     explicit Rows(Reader reader);
 
-    // As of now: refresh() of the Reader, or of a copy, may add rows.
+    // The count as of now: refresh() of the Reader, or of a copy, may add rows.
     i64 size() const { return fReader.size() / kSize; }
-    // UsageError outside 0 to size() - 1. Rows near each other come from the Reader's cached blocks.
+    // UsageError outside 0 to size() - 1. Neighbouring rows come from the Reader's cached blocks.
     T operator[](i64 row) const;
-    // The rows from `first` on, as many as there are and fit; gives their count. UsageError for a `first` below 0.
+    // Reads rows from `first` on, as many as there are and fit, and returns their count. UsageError if `first` is below
+    // 0.
     i64 read(i64 first, std::span<T> to) const;
-    // Row rows[i] into to[i]. In any order: each block is inflated once. UsageError for different lengths, or a row
-    // outside 0 to size() - 1.
+    // Reads row rows[i] into to[i], in any order; inflates each block once. UsageError if the lengths differ, or a row
+    // is outside 0 to size() - 1.
     void take(std::span<const i64> rows, std::span<T> to) const;
-    // The first row whose `projection` is not below `key`, size() if none is; rows ascend by it. Inflates about as many
-    // blocks as their count has binary digits.
+    // The first row whose `projection` is not below `key`, or size(); the rows must ascend by it. Inflates about
+    // log2(blocks) blocks.
     template <class Key, class Projection = std::identity>
     i64 lower_bound(const Key& key, Projection projection = {}) const;
 
-    // From the first row on, a block at a time, past the cache. The iterator gives values. One that has failed is at
-    // the end.
+    // Iterates from the first row on, a block at a time, without filling the cache. The iterator yields values, and is
+    // at the end once it has failed.
     class iterator;
     iterator begin() const { return iterator(fReader); }
     std::default_sentinel_t end() const { return {}; }
@@ -90,14 +92,14 @@ public:
     }
 
 private:
-    static constexpr i64 kMost = i64{1} << 22;  // at a time: a damaged index may claim longer blocks than there can be
-    // A row that lies across the border needs the next block too.
+    static constexpr i64 kMost = i64{1} << 22;  // bytes at a time: a damaged index may claim impossibly long blocks
+    // Reads until there is a whole row: one across a border needs the next block too.
     void load();
 
     std::optional<Reader> fReader;
     std::vector<std::byte> fBytes;
-    std::size_t fAt = 0;  // of the current row in fBytes
-    i64 fNext = 0;        // offset behind fBytes
+    std::size_t fAt = 0;  // position of the current row in fBytes
+    i64 fNext = 0;        // offset of the rows behind fBytes
 };
 
 template <class T>
@@ -158,7 +160,7 @@ void Rows<T>::iterator::load() {
         try {
             fBytes.resize(kept + fReader->read_at(fNext, std::span(fBytes).subspan(kept)));
         } catch (...) {
-            fBytes.resize(kept);  // what has not come is no row
+            fBytes.resize(kept);  // bytes that were not read must not count as rows
             throw;
         }
         fNext = end;

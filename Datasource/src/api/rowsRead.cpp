@@ -25,7 +25,7 @@ void copy(pieceSpan pieces, const blockBuffer& rows) {
     }
 }
 
-// The pieces of one block.
+// Reads the pieces of one block.
 void readBlock(const shownPart& part, blockShelf& shelf, pieceSpan pieces) {
     const rowPiece& first = pieces.front();
     if (blockShelf::rows kept = shelf.find(part.id(), first.block)) {

@@ -1,9 +1,9 @@
-// rowsRead: one read of rows, cut into pieces of blocks; each block is inflated once, whole ones straight into the
-// caller's memory.
+// rowsRead: one read of rows, cut into pieces at block borders. Each block is inflated once; one that is read whole
+// goes straight into the caller's memory.
 //
-// Owner:   part, shelf and pieces outlive the call.
-// Threads: those that it works with start and end with the call, and take no signals.
-// Failure: that of the first block that cannot be had; bad_alloc. No thread to be had: the others do its work.
+// Owner:   part, shelf and pieces must outlive the call.
+// Threads: extra threads start and end within the call and take no signals.
+// Failure: that of the first block that cannot be read; bad_alloc. If no thread can be started, the others do its work.
 #pragma once
 
 #include "api/blockShelf.h"
@@ -17,12 +17,12 @@ namespace orva {
 
 struct rowPiece {
     std::uint32_t block;
-    i64 from;  // in the block
+    i64 from;  // offset in the block
     i64 size;
     std::byte* to;
 };
 
-// `pieces`: those of a block next to each other. `threads`: at work in all.
+// Pieces of one block must be adjacent. `threads` counts the caller's.
 void readPieces(const shownPart& part, blockShelf& shelf, std::span<const rowPiece> pieces, std::uint32_t threads);
 
 }  // namespace orva

@@ -18,8 +18,8 @@ namespace orva {
 
 namespace {
 
-// What an append at work, or interrupted, has kept of the file that `bytes` are of; nothing where there is none that
-// may be read and can be believed. FileError where it could not be looked for.
+// The old tail that an append, at work or interrupted, has saved of the file of `bytes`; none if no side file can be
+// read and believed. FileError if that could not be found out.
 std::optional<keptTail> keptBeside(const std::string& place, const storedBytes& bytes, const foundHeading& found) {
     if (place.empty() || !hasSideFile(place)) return {};
     try {
@@ -32,7 +32,7 @@ std::optional<keptTail> keptBeside(const std::string& place, const storedBytes& 
     return {};
 }
 
-// What a look at a file that may be changing has found: no records where they could not be believed.
+// The result of one look at a file that may be changing; no records if they could not be believed.
 struct seen {
     rawHeading heading;
     std::vector<filePosRecord> records;
@@ -57,7 +57,7 @@ std::string append_state(const Path& path) {
         const openedFile file(name, name);
         const bool alive = file.isBeingWritten();
         if (!alive && !hasSideFile(name)) return std::string();
-        return stateText(name, alive || file.isBeingWritten());  // it may have begun between the two looks
+        return stateText(name, alive || file.isBeingWritten());  // an append may have begun between the two looks
     });
 }
 
@@ -71,7 +71,7 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
         fFound = findHeading(*fBytes, row0, fPath, fPlace);
         if (keptBeside(fPlace, *fBytes, fFound)) {
             const bool atWork = alive();
-            // The side file of the next one, maybe; without one it is over by now.
+            // A side file now may be the next append's; if it is gone, that append is over.
             if (atWork || hasSideFile(fPlace)) throw unfinished(fPath, atWork || alive());
             continue;
         }
@@ -84,8 +84,8 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
             damage = met;
         }
         if (alive()) throw unfinished(fPath, true);
-        // An append that has ended by now may have written over the index of before it, between two reads too. What two
-        // looks find is the file's own.
+        // An append that has just ended may have overwritten the old index, even between two reads. What two looks
+        // agree on is the file's own content.
         const std::optional<seen> earlier = std::exchange(before, seen{fFound.raw, fRecords});
         if (earlier != before) continue;
         if (!damage) return;
@@ -105,7 +105,7 @@ std::uint64_t shownPart::nextId() {
     return ++last;
 }
 
-// A source is asked once: it may be far away.
+// A source is read once: it may be far away.
 void shownPart::load() {
     fFileSize = fBytes->length();
     indexContent content = readRecords(*fBytes, fFound.heading, fFound.swapped, fFile == nullptr);
@@ -113,7 +113,7 @@ void shownPart::load() {
     fRecords = std::move(content.records);
 }
 
-// A mixture of two indexes seldom goes without gaps, and where it does the heading has changed.
+// A mixture of two indexes seldom covers the rows without gaps; if it does, the heading has changed.
 bool shownPart::isOfOneMoment() const {
     return rawHeadingAt(*fBytes, row0()) == fFound.raw && !firstGap(fFound.heading, fRecords);
 }
@@ -155,7 +155,7 @@ void shownPart::read(std::uint32_t number, unsigned char* compressed, unsigned c
     }
 }
 
-// From the file, or as an append under way has kept it.
+// Reads from the file, or the block that an append under way has saved.
 void shownPart::readOld(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {
     zlibCompressBlock codec;
     const readRoad road{*fBytes, codec, compressed};
@@ -166,7 +166,7 @@ void shownPart::readOld(std::uint32_t number, unsigned char* compressed, unsigne
     }
 }
 
-// The last block as an append under way has found it.
+// Reads the last block from the side file of an append under way.
 bool shownPart::readKept(std::uint32_t number, const readRoad& road, unsigned char* to) const {
     if (number + 1 != blockCount()) return false;
     const std::optional<keptTail> kept = keptBeside(fPlace, *fBytes, fFound);
@@ -178,12 +178,12 @@ bool shownPart::readKept(std::uint32_t number, const readRoad& road, unsigned ch
         std::copy(kept->block.begin(), kept->block.end(), road.compressed);
         inflateBlock(road, block, to);
         return true;
-    } catch (const std::runtime_error&) {  // the block is damaged, whatever else fails
+    } catch (const std::runtime_error&) {  // whatever fails here, the block itself is damaged
         return false;
     }
 }
 
-// An append writes over the last block before index and heading tell of it.
+// An append overwrites the last block before index and heading show it.
 bool shownPart::hasChanged(std::uint32_t number) const {
     if (fFile != nullptr && number + 1 == blockCount() && fFile->isBeingWritten()) return true;
     return changedSince(*fBytes, fFound.heading, fFound.swapped, fRecords);

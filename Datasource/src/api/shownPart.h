@@ -1,9 +1,9 @@
-// shownPart: a finished part as its heading and index told at one moment, which stays what it shows: its bytes are held
-// open, whatever becomes of the name, and the one block that an append rewrites is had from the side file.
+// shownPart: a finished part as its heading and index were at one moment. It stays readable: it keeps the file open,
+// whoever takes the name, and reads the one block that an append rewrites from the side file.
 //
-// Units:   offsets of rows, from 0, in bytes.
-// Threads: const operations from any.
-// Failure: the face's errors with offset and block; bad_alloc; callersFailure from a source.
+// Units:   bytes; offsets of rows count from 0.
+// Threads: const operations on any thread.
+// Failure: the errors of orva:: with offset and block; bad_alloc; callersFailure from a source.
 #pragma once
 
 #include "api/foundHeading.h"
@@ -31,7 +31,7 @@ public:
     shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked = false);
     shownPart(std::shared_ptr<const ByteSource> source, const std::string& name, std::optional<i64> row0);
 
-    // Of no other one in this process. Who has the greater one has begun to look later.
+    // Unique in this process. A part with a greater id was opened later.
     std::uint64_t id() const { return fId; }
     const Path& path() const { return fPath; }
     const foundHeading& found() const { return fFound; }
@@ -44,17 +44,17 @@ public:
 
     std::uint32_t blockCount() const { return static_cast<std::uint32_t>(fRecords.size()); }
     std::span<const filePosRecord> records() const { return fRecords; }
-    // Where the rows of the block begin; size() for blockCount().
+    // Where the rows of the block begin; size() if `number` is blockCount().
     std::int64_t begin(std::uint32_t number) const;
-    // The block that holds the offset, which lies in the rows.
+    // The block that holds `offset`, which must lie in the rows.
     std::uint32_t blockAt(std::int64_t offset) const;
-    // Its rows end where the next block's begin, whatever the record says: blocks cover all rows, each once.
+    // Its rows end where the next block's begin, whatever its record says: blocks cover all rows, each once.
     Block block(std::uint32_t number) const;
     std::vector<Block> blocks() const;
     std::vector<std::byte> dictionary() const;
 
-    // The rows of the block into `to`, which has room for kBlockSize bytes, or for the block's where that can be true.
-    // `compressed` has kBlockSize bytes.
+    // Reads the rows of a block into `to`, which has room for kBlockSize bytes, or for the block if its size can be
+    // true. `compressed` has room for kBlockSize bytes.
     void read(std::uint32_t number, unsigned char* compressed, unsigned char* to) const;
 
 private:
@@ -76,10 +76,10 @@ private:
     std::vector<filePosRecord> fRecords;
 };
 
-// What a Reader shows just now.
+// The part that a Reader shows now.
 std::shared_ptr<const shownPart> partOf(const Reader& reader);
 
-// Of a file to which an append is at work (`alive`) or was interrupted.
+// The error for a file to which an append is at work (`alive`) or was interrupted.
 UnfinishedFileError unfinished(const Path& path, bool alive);
 
 }  // namespace orva

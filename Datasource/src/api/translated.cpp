@@ -47,7 +47,7 @@ void require(bool fulfilled, const Path& path, const char* what) {
 }
 
 std::uint32_t threadsAtWork(int threads, const Path& path) {
-    constexpr unsigned int most = 256;  // each holds two blocks of memory
+    constexpr unsigned int most = 256;  // each holds two blocks in memory
     require(threads >= 0, path, "a number of threads is 0, for one a core, or more");
     const unsigned int wanted = threads != 0 ? static_cast<unsigned int>(threads) : std::thread::hardware_concurrency();
     return std::clamp(wanted, 1U, most);
@@ -70,7 +70,7 @@ void rethrowTranslated(const Path& path, const std::string& workName, std::optio
         const std::string reason = reasonOf(damage);
         const std::string whole = withName(damage.fileName(), path, reason, workName);
         throw DamagedFileError(whole, path, offset, damage.place().block, whole == reason ? recoverAdvice(path) : "");
-    } catch (const std::system_error& failure) {  // of a thread that could not be started, or of a name
+    } catch (const std::system_error& failure) {  // from starting a thread, or from a file name
         const bool thread = failure.code() == std::errc::resource_unavailable_try_again;
         throw SystemError(failure.code(), "cannot go on: " + failure.code().message() + (thread ? kFewerThreads : ""),
                           path);

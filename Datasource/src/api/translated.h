@@ -1,4 +1,4 @@
-// translated: the one place where what the rooms below throw becomes one of the face's errors.
+// translated: the only place that turns exceptions of the library's lower rooms into orva:: errors.
 //
 // Threads: no state.
 #pragma once
@@ -12,7 +12,7 @@
 
 namespace orva {
 
-// What a ByteSource, a Progress or other code of the caller's has thrown: it comes out unchanged.
+// An exception of a ByteSource, a Progress or other code of the caller, which comes out unchanged.
 struct callersFailure {
     std::exception_ptr cause;
 };
@@ -25,11 +25,11 @@ auto callersOwn(Work work) {
     }
 }
 
-// In a handler: throws what was caught as one of the face's errors about `path`. `workName`: the name that the file has
-// for the rooms below, where that is another one. `offset`: of the rows that cannot be had, where that is known.
+// For a catch block: throws the current exception as an orva:: error about `path`. `workName` is the file's name in the
+// lower rooms, if it differs. `offset` is that of the rows that could not be read, if known.
 [[noreturn]] void rethrowTranslated(const Path& path, const std::string& workName = {}, std::optional<i64> offset = {});
 
-// What work() gives, or an error of the face.
+// Returns work(), or throws an orva:: error.
 template <class Work>
 auto translated(const Path& path, Work work, const std::string& workName = {}) {
     try {
@@ -39,20 +39,20 @@ auto translated(const Path& path, Work work, const std::string& workName = {}) {
     }
 }
 
-// True for an error that says that a file is not there, or that the caller may not open it: he goes on without it. Any
-// other, as where no more files can be opened, does not say whether there is one.
+// True if the error says that the file does not exist or that the caller may not open it: the caller then goes on
+// without the file. Other errors, such as too many open files, do not tell whether it exists.
 bool goesWithout(int error);
 
-// A call that cannot be meant.
+// Throws UsageError about `path` unless `fulfilled`.
 void require(bool fulfilled, const Path& path, const char* what);
 
-// As many as there are cores for 0. UsageError below that.
+// `threads`, at most 256; for 0 the number of cores. UsageError below 0.
 std::uint32_t threadsAtWork(int threads, const Path& path);
 
-// The reason of an Error about `path`: with the file's name where the caller knows it by neither that nor `workName`.
+// The reason for an Error about `path`, with the name of `file` unless that is `path` or `workName`.
 std::string withName(const std::string& file, const Path& path, const std::string& reason,
                      const std::string& workName = {});
-// Without the file's name.
+// The reason without the file's name.
 std::string reasonOf(const ::DamagedFileError& damage);
 
 }  // namespace orva

@@ -20,7 +20,7 @@ namespace orva {
 
 namespace {
 
-constexpr std::size_t kSmallWrite = 65'536;  // what follows a smaller one is small too, as a rule
+constexpr std::size_t kSmallWrite = 65'536;  // writes after a smaller one are usually small too
 
 choices chosen(i64 block, int level, const Path& path) {
     require(block == 0 || (block >= kShortestBlockLength && block <= kBlockSize), path,
@@ -42,7 +42,7 @@ struct Writer::State {
           fChoices(chosen(options.block, options.level, path)),
           bDurable(options.durable) {}
 
-    // Runs a step of the work. A failure ends it: nothing of what is not finished is left then.
+    // Runs one step of the work. If it fails, everything unfinished is removed.
     template <class Step>
     auto step(Step work) {
         try {
@@ -86,7 +86,7 @@ struct Writer::State {
         resume(bOtherOrder);
     }
 
-    // `swap`: heading and index have the other byte order. What a part has finished has this machine's.
+    // `swap`: heading and index have the other byte order, until a part has finished in this machine's.
     void resume(bool swap) {
         const i64 end = fRow0 + fSize;
         const resumePoint from{swap, end, end, end, bDurable};
@@ -95,7 +95,7 @@ struct Writer::State {
 
     i64 size() const { return fPart != nullptr ? fPart->end() - fRow0 : fSize; }
 
-    // The part that takes rows: after flush_rows() the next one, so that nothing is at work before they come.
+    // The part that takes rows. After flush_rows() the next part starts with the first rows that come.
     partWriter& part() {
         if (fPart == nullptr) resume(false);
         return *fPart;
@@ -132,15 +132,15 @@ struct Writer::State {
     const std::int64_t fProcess = platform::processId();
     life fLife = life::writing;
     i64 fRow0 = 0;
-    i64 fSize = 0;                          // of the rows, while there is no part
-    std::string fPlace;                     // the full name of a file that is under it
+    i64 fSize = 0;                          // of the rows, while fPart is null
+    std::string fPlace;                     // the full name, once the file has it
     std::unique_ptr<pendingFile> fPending;  // until the file is under its name
     std::unique_ptr<ORVA_File> fOpened = std::make_unique<ORVA_File>();
-    std::unique_ptr<const openedFile> fNamed;  // the same file, by which it is known under its name once it is closed
-    bool bOtherOrder = false;                  // of its rows
+    std::unique_ptr<const openedFile> fNamed;  // the same file, to compare with its name after fOpened is closed
+    bool bOtherOrder = false;                  // the rows have the other byte order
     std::unique_ptr<partWriter> fPart;
-    Bytes fRoom;             // what write() fills without a call
-    std::size_t fGiven = 0;  // by room()
+    Bytes fRoom;             // memory that write() fills inline
+    std::size_t fGiven = 0;  // bytes given by room()
 };
 
 Writer::Writer(const Path& path, const WriterOptions& options) : fState(std::make_unique<State>(path, options)) {
@@ -158,7 +158,7 @@ Writer::Writer(Writer&& from) noexcept
     : fState(std::move(from.fState)), fNext(std::exchange(from.fNext, nullptr)), fLeft(std::exchange(from.fLeft, 0)) {}
 Writer::~Writer() = default;
 
-// The state of a Writer that can take rows, which has those that write() has put into its room.
+// The state of a Writer that can take rows. Hands the rows that write() has copied inline to the part.
 Writer::State& Writer::settled() {
     require(fState != nullptr, {}, "this Writer was moved from");
     State& s = *fState;
