@@ -31,7 +31,7 @@ shownPart opened(const Path& path, std::optional<i64> row0) {
         path, [&] { return shownPart(path, place, row0); }, place);
 }
 
-void told(const Progress& progress, i64 done, i64 total) {
+void tellProgress(const Progress& progress, i64 done, i64 total) {
     if (progress) callersOwn([&] { progress(done, total); });
 }
 
@@ -108,7 +108,7 @@ public:
         checkIndex();
         shareOut(threads, fPart.blockCount() - fFirst, [this](bool caller) { return worker(caller); });
         std::ranges::sort(fReport.bad, {}, &BadBlock::block);
-        told(fProgress, fPart.size(), fPart.size());
+        tellProgress(fProgress, fPart.size(), fPart.size());
         return std::move(fReport);
     }
 
@@ -131,7 +131,7 @@ private:
             const std::uint32_t block = fFirst + static_cast<std::uint32_t>(number);
             verify(block, own->compressed.get(), own->rows.get());
             fDone += fPart.block(block).rows.length;
-            if (caller) told(fProgress, fDone, fPart.size());
+            if (caller) tellProgress(fProgress, fDone, fPart.size());
         };
     }
 
@@ -174,7 +174,7 @@ VerifyReport verify(const Path& path, const VerifyOptions& options) {
 namespace {
 
 // Where the caller, or else the file, says that the part is, in the byte order of a heading there, if there is one.
-std::optional<foundPart> toldPart(const Path& path, const std::string& place, std::optional<i64> row0) {
+std::optional<foundPart> statedPart(const Path& path, const std::string& place, std::optional<i64> row0) {
     const openedFile file(path.string(), place);
     try {
         const foundHeading found = findHeading(file, row0, path, place);
@@ -204,9 +204,9 @@ RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& op
     const std::string place = fullName(from.string());
     require(!platform::sameFile(place.c_str(), fullName(to.string()).c_str()), to, "it is the file to recover from");
     recoverOptions how{translated(
-                           from, [&] { return toldPart(from, place, options.row0); }, place),
+                           from, [&] { return statedPart(from, place, options.row0); }, place),
                        options.committed, options.drop_lost};
-    if (options.progress) how.tell = [&](i64 done, i64 total) { told(options.progress, done, total); };
+    if (options.progress) how.tell = [&](i64 done, i64 total) { tellProgress(options.progress, done, total); };
     const auto write = [&](const std::string& output) {
         try {
             return blaming({&from, 1}, [&] { return recover(place, output, how); });
@@ -273,7 +273,7 @@ public:
         joinOptions how;
         how.row0Pos = std::ssize(fDictionary);
         i64 done = how.row0Pos;
-        how.copied = [&](i64 count) { told(fOptions.progress, done += count, fTotal); };
+        how.copied = [&](i64 count) { tellProgress(fOptions.progress, done += count, fTotal); };
         if (how.row0Pos != 0) {
             ORVA_File file;
             openOrThrow(file, output, "r+b", kWriteFailed);

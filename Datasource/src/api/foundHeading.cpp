@@ -28,8 +28,8 @@ public:
     }
 
     foundHeading at(i64 row0) const {
-        if (row0 < 1) throw UsageError(told("no rows begin at offset " + std::to_string(row0)), fPath);
-        if (fLength > 0 && row0 >= fLength && !isTold(row0)) {
+        if (row0 < 1) throw UsageError(named("no rows begin at offset " + std::to_string(row0)), fPath);
+        if (fLength > 0 && row0 >= fLength && !isStated(row0)) {
             refuse("has no offset " + std::to_string(row0) + ", for it ends at " + std::to_string(fLength) +
                    ": check row0, or leave it out to have the rows looked for");
         }
@@ -52,8 +52,8 @@ private:
         return fBytes.read(fFirst.data(), fFirst.size(), 0);
     }
 
-    std::string told(const std::string& reason) const { return withName(fBytes.name(), fPath, reason); }
-    [[noreturn]] void refuse(const std::string& reason) const { throw DamagedFileError(told(reason), fPath); }
+    std::string named(const std::string& reason) const { return withName(fBytes.name(), fPath, reason); }
+    [[noreturn]] void refuse(const std::string& reason) const { throw DamagedFileError(named(reason), fPath); }
 
     std::int64_t searched() const {
         if (const auto part = findPart(fPlace)) return part->row0Pos;
@@ -91,13 +91,13 @@ private:
         return true;
     }
 
-    bool isTold(std::int64_t place) const { return fText && fText->row0Pos == place; }
+    bool isStated(std::int64_t place) const { return fText && fText->row0Pos == place; }
 
     [[noreturn]] void refuseNone(std::int64_t place) const {
         const std::string where = "offset " + std::to_string(place);
-        if (isTold(place)) {
+        if (isStated(place)) {
             throw UnfinishedFileError(
-                told("not finished: there is no heading at " + where + ", where its rows begin"), fPath, {}, {},
+                named("not finished: there is no heading at " + where + ", where its rows begin"), fPath, {}, {},
                 fPath.empty() ? ""
                               : "if its writer is gone, 'orva recover " + shellWord(fPath.string()) +
                                     " -o OUT' gets the rows that are there");
