@@ -1,4 +1,4 @@
-// append: more rows behind those of a finished file.
+// append: adds rows to a finished file.
 #include "choices.h"
 #include "failure.h"
 #include "input.h"
@@ -34,7 +34,7 @@ public:
     int run() override {
         checkInput();
         input from(fIn);
-        // Rows first, so that an input that fails at once, or has none, touches nothing.
+        // Reads rows first: an input that fails at once, or has none, changes nothing.
         fFirst.resize(from.read(fFirst.data(), static_cast<std::uint32_t>(fFirst.size())));
         if (!fFirst.empty()) rollBackInterrupted();
         const shownFile file = openFile("append", fPart);
@@ -65,13 +65,13 @@ private:
              std::string("an append before this one was interrupted: ") + ends[static_cast<std::size_t>(found)]);
     }
 
-    // Refuses what an append would have refused.
+    // Refuses files that an append would have refused.
     static std::int64_t addNothing(const shownFile& file) {
         requireSound(file.name, orva::verify(file.reader, {.first_block = std::ssize(file.info.blocks) - 1}));
         return 0;
     }
 
-    // Gives the bytes added. From its last row on nothing ends it.
+    // Returns the bytes added. Signals end it only until its last row is written.
     std::int64_t append(const shownFile& file, input& from, progress& bar) const {
         const signalDeferral deferral;
         orva::Writer rows = begin(file);

@@ -1,4 +1,4 @@
-// cat: rows out, whole or in ranges.
+// cat: writes rows out, whole or in ranges.
 #include "blockRows.h"
 #include "failure.h"
 #include "output.h"
@@ -96,7 +96,7 @@ private:
                    counted(rows.inflated(), "block") + " inflated, " + grouped(searched) + " to find the first record");
     }
 
-    // All of them are held against the rows before the first is written, so that a bad one leaves no half answer.
+    // Checks all ranges before the first is written, so that a bad one leaves no partial output.
     std::vector<orva::Range> wantedRanges(std::int64_t dataSize) const {
         std::vector<orva::Range> ranges;
         for (const std::string& text : fRanges) ranges.push_back(parseRange(text, fPart.file, dataSize));
@@ -113,7 +113,7 @@ private:
                (out.open() ? all : humanSize(out.written()) + " of " + all + " written, then nobody read on");
     }
 
-    // What one block has of the ranges that follow each other.
+    // A block, and consecutive pieces of the ranges that lie in it.
     struct work {
         orva::Range block;
         std::vector<orva::Range> pieces;
@@ -131,8 +131,8 @@ private:
         return works;
     }
 
-    // Each thread writes what it has inflated: a core that reads what another one wrote takes its memory's cache lines
-    // away, which that one has to win back.
+    // Each thread writes what it has inflated: another core that read this memory would take its cache lines away, and
+    // the first would have to win them back.
     void copyPieces(const orva::Reader& reader, const std::vector<work>& works, output& out, progress& bar) {
         const auto threads =
             static_cast<std::int32_t>(std::min(works.size(), static_cast<std::size_t>(fThreads.count())));
@@ -149,7 +149,7 @@ private:
         });
     }
 
-    // Null where the rows are there.
+    // Null if the rows were read.
     static std::exception_ptr inflate(const orva::Reader& reader, const orva::Range& wanted, std::byte* to) {
         try {
             reader.read_at(wanted.offset, {to, static_cast<std::size_t>(wanted.length)});
@@ -181,7 +181,7 @@ private:
             out.write(zeros.data(), static_cast<std::size_t>(std::min(left, most)));
     }
 
-    // Gives the number of records from `first` on that lie in the range.
+    // Returns the number of records from `first` on that lie in the range.
     std::int64_t copyRecords(recordSearch& search, std::int64_t first, blockRows& rows, output& out, progress& bar) {
         std::int64_t record = first;
         while (record < search.records() && out.open()) {

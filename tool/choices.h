@@ -1,4 +1,4 @@
-// A writer's choices on the command line: --level N, and --block LEN for a new file.
+// Options of a writer on the command line: --level N, and --block LEN for a new file.
 #pragma once
 
 #include <orva/orva.h>

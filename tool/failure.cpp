@@ -13,13 +13,13 @@
 
 namespace {
 
-// The library's own text for the present errno.
+// Throws with the library's own text for the current errno.
 [[noreturn]] void throwFailed(const std::string& file, bool writing) {
     const FileError failure(errno, "orva", writing ? 1002 : 1003, file.c_str());
     throw orva::SystemError(failure.code(), failure.reason(), file, writing);
 }
 
-// "orva" + ": part" for each part that there is.
+// "orva" + ": part" for each part that is not empty.
 void printLine(std::initializer_list<std::string> parts) {
     std::string line = "orva";
     for (const std::string& part : parts) {

@@ -9,9 +9,9 @@
 namespace {
 
 constexpr std::size_t kColumns = 80;
-constexpr std::size_t kTextBegin = 20;  // behind the longest option of most verbs
+constexpr std::size_t kTextBegin = 20;  // after the longest option of most verbs
 
-// The name, and its text in a column beside it. The parser's own line differs from one of its versions to the next.
+// A name with its text in a column beside it. The parser's own line differs between its versions.
 std::string entry(const std::string& name, const std::string& text) {
     const std::string newLine = '\n' + std::string(kTextBegin, ' ');
     std::string lines = "  " + name;
@@ -36,11 +36,13 @@ std::string entry(const std::string& name, const std::string& text) {
 class layout : public CLI::Formatter {
 public:
     layout() {
-        for (const char* name : {"Positionals", "POSITIONALS"}) label(name, "Files");  // by versions of the parser
+        for (const char* name : {"Positionals", "POSITIONALS"})
+            label(name, "Files");  // differs between versions of
+                                   // the parser
         label("OPTIONS", "options");
         label("SUBCOMMAND", "VERB");
     }
-    // The parser's own would tell types, ranges and what excludes what, for which messages are there.
+    // The parser's own would list types, ranges and exclusions, which messages explain.
     std::string make_option_opts(const CLI::Option* option) const override {
         const std::string& taken = option->get_option_text();
         return taken.empty() ? "" : ' ' + taken;

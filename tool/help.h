@@ -1,4 +1,4 @@
-// How the help of the command and of its verbs is laid out: in 80 columns, with what each option takes by one word.
+// The layout of help texts: 80 columns, and one word for the value of each option.
 #pragma once
 
 #include <memory>

@@ -1,4 +1,4 @@
-// info: what a file holds, for people and for programs.
+// info: says what a file holds, for people and for programs.
 #include "failure.h"
 #include "json.h"
 #include "output.h"
@@ -72,7 +72,7 @@ private:
                field("file", sized(fInfo.file_size) + fileRatio());
     }
 
-    // The block size that the index tells is the same in all files, whatever length their writer chose.
+    // The index states the same block size in all files, whatever length their writer chose.
     std::string longest() const {
         const auto length = [](const orva::Block& block) { return block.rows.length; };
         return " of up to " + counted(std::ranges::max(fInfo.blocks, {}, length).rows.length, "byte") + ", ";

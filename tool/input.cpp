@@ -12,7 +12,7 @@
 
 namespace fs = std::filesystem;
 
-// A file from where it stands to the end that it has now.
+// A file from its current position to its present end.
 class input::rest final : public orva::ByteSource {
 public:
     rest(const input& from, std::int64_t end, const std::function<void(std::int64_t)>& passed)
@@ -36,10 +36,10 @@ private:
     const input& fFrom;
     const std::int64_t fSize;
     const std::function<void(std::int64_t)>& fPassed;
-    mutable std::mutex fLock;  // of what fPassed changes
+    mutable std::mutex fLock;  // guards what fPassed changes
 };
 
-// Rows pass once, so that a buffer on the way would only add a copy.
+// Unbuffered: rows pass once, so a buffer would only add a copy.
 input::input(const std::string& name)
     : fName(name == "-" ? "standard input" : name),
       fDescriptor(name == "-" ? 0 : platform::openShared(name.c_str(), platform::_O_RDONLY, 0, 0)) {
@@ -57,8 +57,8 @@ std::uint32_t input::read(void* buffer, std::uint32_t size) {
     return static_cast<std::uint32_t>(count);
 }
 
-// What has been added to a file since its size was asked is read on the second road, and so is a short file: some that
-// the system makes up have fewer bytes than the page that they tell as their size.
+// The loop also reads what was added to a file after its size was taken, and short files: some that the system makes up
+// have fewer bytes than the page that they claim as their size.
 void input::readInto(orva::Writer& rows, const std::function<void(std::int64_t)>& passed) {
     if (const auto size = knownSize(fName); fDescriptor != 0 && size.value_or(0) - fPlace > kBlockSize) {
         rows.write_from(rest(*this, *size, passed));
@@ -108,6 +108,6 @@ std::optional<std::int64_t> knownSize(const std::string& name) {
     std::error_code failure;
     if (name == "-" || !fs::is_regular_file(name, failure)) return {};
     const auto size = fs::file_size(name, failure);
-    if (failure || size == 0) return {};  // files of the system itself, as under /proc, claim to be empty
+    if (failure || size == 0) return {};  // files that the system makes up, as under /proc, claim to be empty
     return static_cast<std::int64_t>(size);
 }

@@ -1,6 +1,6 @@
 // An input of rows: a named file of any kind that can be read, or standard input.
 //
-// Failure: orva::SystemError; endedBySignal while a signal asks for the end (signals.h).
+// Failure: orva::SystemError; endedBySignal when a signal requests the end (signals.h).
 #pragma once
 
 #include <orva/orva.h>
@@ -19,10 +19,10 @@ public:
     input& operator=(const input&) = delete;
     ~input();
 
-    // Fewer bytes than asked: the end.
+    // Returns the number of bytes read; fewer than `size` only at the end.
     std::uint32_t read(void* buffer, std::uint32_t size);
-    // All that is left goes behind the rows of the writer, read into its memory, a regular file's by as many threads as
-    // the writer has. `passed` is told of bytes on their way, on one thread at a time.
+    // Writes the rest of the input behind the writer's rows. It is read into the writer's memory; a regular file by as
+    // many threads as the writer has. `passed` is called with the bytes of each step, on one thread at a time.
     void readInto(orva::Writer& rows, const std::function<void(std::int64_t)>& passed);
     std::vector<std::byte> readAll();
 
@@ -31,15 +31,14 @@ private:
 
     const std::string fName;
     const int fDescriptor;
-    std::int64_t fPlace = 0;  // behind what was read
+    std::int64_t fPlace = 0;  // position after the bytes read
 };
 
-// Throws what opening the file for reading would meet, before anything is begun. A pipe is not opened: that would
-// consume it.
+// Throws as opening the file for reading would, before any work begins. Does not open a pipe: that would consume it.
 void checkReadable(const std::string& name);
 
-// The dictionary part that a file is to have: all bytes of another one, of which there is one at least.
+// The dictionary part for a new file: all bytes of the file `name`. An empty one is a usage error.
 std::vector<std::byte> readDictionary(const std::string& name);
 
-// The size of a regular file; nothing for what has none, or none that stays.
+// The size of a regular file; empty if it has none, or none that is constant.
 std::optional<std::int64_t> knownSize(const std::string& name);

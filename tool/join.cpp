@@ -1,4 +1,4 @@
-// join: the rows of finished files one behind the other, their compressed blocks copied as they are.
+// join: puts the rows of finished files one behind the other; compressed blocks are copied as they are.
 #include "failure.h"
 #include "input.h"
 #include "output.h"
@@ -70,7 +70,7 @@ private:
     }
 
     std::vector<std::string> fInputs;
-    partOptions fPart;  // of each of them
+    partOptions fPart;  // for each of them
     std::string fOut;
     std::string fDict;
     bool fCheck = false;

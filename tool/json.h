@@ -1,4 +1,4 @@
-// What the verbs' JSON has in common. Field names and meanings stay as long as the schema's number does.
+// What the verbs' JSON has in common. Names and meanings of fields change only with the schema's number.
 #pragma once
 
 #include <orva/reader.h>
@@ -10,8 +10,8 @@
 
 inline constexpr int kJsonSchema = 1;
 
-// Indented text with a line feed at its end, or one line where there is one value for each of several files. Bytes of
-// file names that are no UTF-8 become replacement characters.
+// Indented text with a line feed at its end, or one line for each value if there are several files. Bytes of file names
+// that are not UTF-8 become replacement characters.
 inline std::string jsonText(const nlohmann::ordered_json& value, std::size_t files = 1) {
     return value.dump(files == 1 ? 2 : -1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
 }

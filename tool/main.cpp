@@ -37,8 +37,8 @@ constexpr namedVerb kVerbs[] = {
     {"splits", "List ranges of rows that can be read in parallel", makeSplits},
 };
 
-// To set all of them up costs as much as to start the process, so a command that begins with a verb gets that one, and
-// one that asks for the version none.
+// The verbs to set up. All of them cost as much as starting the process, so a command that begins with a verb gets that
+// one, and one that asks for the version none.
 std::vector<namedVerb> verbsFor(std::string_view firstWord) {
     if (firstWord == "--version") return {};
     for (const namedVerb& one : kVerbs) {
@@ -47,7 +47,7 @@ std::vector<namedVerb> verbsFor(std::string_view firstWord) {
     return {std::begin(kVerbs), std::end(kVerbs)};
 }
 
-// An unknown word is told, and not what is missing because of it.
+// Names an unknown word rather than what is missing because of it.
 std::string refusal(const CLI::App& app, const CLI::ParseError& request, const std::string& verbName) {
     const std::vector<std::string> unknown = app.remaining(true);
     const std::string what = request.what();
@@ -61,7 +61,7 @@ std::string refusal(const CLI::App& app, const CLI::ParseError& request, const s
     return word + " is no option" + (verbName.empty() ? "" : "; a file whose name begins with - is given as ./-NAME");
 }
 
-// Help and version go out through the same road as data, so that a full disk shows there too.
+// Help and version are written as data is, so that a full disk is reported there too.
 int answerFromParser(const CLI::App& app, const CLI::ParseError& request, const std::string& verbName) {
     if (request.get_exit_code() != 0) {
         const std::string help = verbName.empty() ? "orva --help" : "orva " + verbName + " --help";
@@ -79,7 +79,7 @@ std::string versionText() {
     return "orva " + orva::version() + " (" + orva::codecs() + ")";
 }
 
-// -N for pack's --level N, as other packers have it. The parser knows options of one letter only.
+// Turns pack's -N into --level=N, as in other packers. The parser itself knows only options of one letter.
 void nameLevels(const CLI::App& app, std::vector<std::string>& words) {
     if (words.empty() || words.front() != "pack") return;
     const CLI::App* pack = app.get_subcommand("pack");
@@ -92,7 +92,7 @@ void nameLevels(const CLI::App& app, std::vector<std::string>& words) {
     }
 }
 
-// Last first, as the parser wants them. It would take a name in brackets for a list of names.
+// The arguments, last first, as the parser wants them. It would take a name in brackets for a list of names.
 std::vector<std::string> arguments(const CLI::App& app, int argc, char** argv) {
     std::vector<std::string> words(argv + 1, argv + std::max(argc, 1));
     for (std::string& word : words) {
@@ -103,7 +103,7 @@ std::vector<std::string> arguments(const CLI::App& app, int argc, char** argv) {
     return words;
 }
 
-// The file that a verb is about, as far as the parser got: FILE, or the first IN.
+// The file of the verb, as far as the parser got: FILE, or the first IN.
 std::string subjectOf(const CLI::App& command) {
     for (const char* name : {"FILE", "IN"}) {
         const CLI::Option* option = command.get_option_no_throw(name);

@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// What a pipe holds as a rule: of a larger piece nobody could tell how much went out before the reader left.
+// The usual capacity of a pipe. Of a larger piece nobody could tell how much went out before the reader left.
 constexpr std::size_t kLargestWrite = 1U << 16;
 
 bool isDeviceOrPipe(const std::string& name) {
@@ -81,8 +81,8 @@ void output::write(const void* bytes, std::size_t size) {
     }
 }
 
-// Some systems tell only at a close that bytes did not reach their place. That of standard output would end a lock that
-// whoever started the command has on it; it may be closed if it got nothing.
+// Some systems report only at a close that bytes were lost. Standard output is flushed instead, since its close would
+// end a lock that the parent process has on it. If it got nothing, it may be closed already.
 void output::finish() {
     const bool isStandard = fDescriptor == STDOUT_FILENO;
     if (isStandard && fWritten == 0) return;

@@ -1,6 +1,6 @@
-// Where a verb's bytes go: standard output, or a file that appears under its name when it is complete.
+// The destination of a verb's bytes: standard output, or a file that appears under its name when it is complete.
 //
-// Failure: orva::SystemError. A reader that has gone is no failure: `open` tells of it.
+// Failure: orva::SystemError. That the reader has gone is no failure: see open().
 #pragma once
 
 #include <orva/orva.h>
@@ -22,7 +22,7 @@ struct outputOptions {
     void addTo(CLI::App& app);
 };
 
-// Usage errors: standard output for a finished file, and an output that is one of the inputs.
+// Usage errors: standard output as a finished file, and an output that is one of the inputs.
 void requireFileName(const std::string& out);
 void requireOtherFile(const std::string& out, std::span<const std::string> inputs);
 
@@ -30,17 +30,18 @@ class output {
 public:
     // Standard output.
     output();
-    // The file `name`, for whoever may use `input`; "-" is standard output. A device or a pipe is written to as it is.
+    // The file `name`, with the permissions of `input`; "-" is standard output. A device or pipe is written to
+    // directly.
     output(const std::string& name, const outputOptions& options, const orva::Path& input);
     ~output();
 
     void write(const void* bytes, std::size_t size);
     void write(const std::string& text) { write(text.data(), text.size()); }
-    // False once nobody reads any more; writing is then without effect.
+    // False once the reader has gone; writing then has no effect.
     bool open() const { return !bReaderGone; }
-    // Bytes; at least so many, once the reader has gone.
+    // Bytes written; a lower bound once the reader has gone.
     std::int64_t written() const { return fWritten; }
-    // What was written is complete.
+    // Completes the output: closes it, and gives a file its name.
     void finish();
 
 private:

@@ -1,4 +1,4 @@
-// pack: rows in, a finished file out.
+// pack: compresses rows into a finished file.
 #include "choices.h"
 #include "failure.h"
 #include "input.h"
@@ -55,7 +55,7 @@ public:
         }
         rows.finish();
         if (!fDict.empty()) noteHidden("pack", fOut, std::ssize(dictionary));
-        std::error_code moved;  // by somebody who has waited for it
+        std::error_code moved;  // if somebody has waited for the file
         const auto packed = static_cast<std::int64_t>(std::filesystem::file_size(fOut, moved));
         bar.finish(shownName(fOut) + ": " + humanSize(rows.size()) + " to " + humanSize(packed) + ", " +
                    ratioText(rows.size(), packed));
@@ -72,7 +72,7 @@ private:
         fOut = fInputs[0] + ".orva";
     }
 
-    // Before anything is written: a misspelt last name should not cost the work on the first ones.
+    // Runs before anything is written: a misspelt last name should not cost the work on the first ones.
     void checkInputs() const {
         if (std::ranges::count(fInputs, "-") + (fDict == "-" ? 1 : 0) > 1) {
             usageError("standard input (-) can be read only once");

@@ -1,6 +1,6 @@
-// FILE on the command line, and where its rows begin: by the user's word, by its own, or found by looking for them.
+// FILE on the command line, and where its rows begin: as the user says, as the file says, or as a search finds.
 //
-// Failure: the face's errors (orva/error.h); toolFailure.
+// Failure: orva::Error (orva/error.h); toolFailure.
 #pragma once
 
 #include <orva/orva.h>
@@ -34,21 +34,21 @@ struct shownFile {
     orva::FileInfo info;
 };
 
-// Refuses a file in which two parts fit, unless the user says which.
+// Throws toolFailure for a file in which two parts fit, unless the user says which.
 shownFile openFile(const partOptions& options);
-// The same; where a search has found the part is told on standard error.
+// The same; if a search has found the part, notes on standard error where.
 shownFile openFile(const std::string& verbName, const partOptions& options);
 
-// A name of standard input, which cannot be read at any place, is a usage error.
+// Usage error for standard input, which cannot be read at any offset.
 void requireName(const std::string& file);
 
-// Throws what was found to be wrong first.
+// Throws toolFailure with the first fault of the report, if it has one.
 void requireSound(const std::string& file, const orva::VerifyReport& found);
 
-// Tells on standard error if that of `row0` is not the part that is found in the file without the user's word.
+// Notes on standard error if opening the file without --row0 does not find the part at `row0`.
 void noteHidden(const std::string& verbName, const std::string& file, std::int64_t row0);
 
-// Runs `work` for one of the files after the other, as the one of `part`; failures are reported where they happen. The
-// exit code: of those of the files the first in 5, 3, 4, 1, 7, 0.
+// Runs `work` for each file in turn, as the one of `part`, and reports failures as they happen. Returns the first in 2,
+// 5, 3, 4, 1, 7, 0 of the files' exit codes.
 int forEachFile(const std::string& verbName, partOptions& part, const std::vector<std::string>& files,
                 const std::function<void()>& work);

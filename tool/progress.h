@@ -1,4 +1,4 @@
-// A bar on standard error for work that a person waits for: only on a terminal, and only once half a second has passed.
+// A progress bar on standard error: only on a terminal, and only after half a second.
 #pragma once
 
 #include <orva/files.h>
@@ -20,19 +20,19 @@ struct progressOptions {
 
 class progress {
 public:
-    // `total`: bytes of the whole work, below 0 where it is not known.
+    // `total`: bytes of the whole work; below 0 if unknown.
     progress(const progressOptions& options, std::string label, std::int64_t total);
     progress(const progress&) = delete;
     progress& operator=(const progress&) = delete;
-    // Takes the bar away.
+    // Erases the bar.
     ~progress();
 
     void advance(std::int64_t bytes);
-    // For work that tells by itself what it has done.
+    // For work that reports its own progress.
     orva::Progress follower() {
         return [this](std::int64_t done, std::int64_t) { advance(done - fDone); };
     }
-    // Takes the bar away and, if there was one or the user asked for it, prints "orva: LABEL: summary, time, speed".
+    // Erases the bar and, if there was one or the user asked for it, prints "orva: LABEL: summary, time, speed".
     void finish(const std::string& summary);
 
 private:
@@ -50,6 +50,6 @@ private:
     const clock::time_point fStart = clock::now();
     clock::time_point fNextDraw = fStart + std::chrono::milliseconds(500);
     std::int64_t fDone = 0;
-    bool bDrawn = false;  // a bar stands on the terminal
+    bool bDrawn = false;  // a bar is on the terminal
     bool bEverDrawn = false;
 };

@@ -23,7 +23,7 @@ pair parsePair(const std::string& text, const char* form) {
     usageError("\"" + shownName(text) + "\" is not of the form " + form + ", numbers from 0");
 }
 
-// N of "-N" and `ending`.
+// The N in "-N" followed by `ending`.
 std::optional<std::int64_t> parseLast(std::string_view text, std::string_view ending) {
     if (!text.starts_with('-') || !text.ends_with(ending)) return {};
     return number(text.substr(1, text.size() - 1 - ending.size()));

@@ -6,10 +6,10 @@
 #include <cstdint>
 #include <string>
 
-// "OFF:LEN"; "OFF:" goes to the end; "-N" is the last N. Anything else is a usage error; one that leaves the rows of
-// `file`, which are `dataSize` bytes, a failure that tells their size.
+// Parses "OFF:LEN", "OFF:" (to the end) or "-N" (the last N). Anything else is a usage error; a range beyond the rows
+// of `file`, which are `dataSize` bytes, is a toolFailure that states their size.
 orva::Range parseRange(const std::string& text, const std::string& file, std::int64_t dataSize);
-// "A:B", B exclusive, in records of `recordSize` bytes; "A:" goes to the last whole one, "-N:" is the last
-// N whole ones.
+// Parses "A:B" (B exclusive), "A:" (to the last whole record) or "-N:" (the last N whole ones), in records of
+// `recordSize` bytes.
 orva::Range parseRecords(const std::string& text, std::int64_t recordSize, const std::string& file,
                          std::int64_t dataSize);

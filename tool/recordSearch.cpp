@@ -71,7 +71,7 @@ struct condition {
     std::optional<std::uint64_t> rank;
 };
 
-// Blanks mean nothing.
+// Blanks are ignored.
 condition parse(std::string text) {
     std::erase(text, ' ');
     condition result;
@@ -109,7 +109,7 @@ void keyRange::add(const std::string& text) {
     fOffset = given.offset;
     const std::uint64_t beside = given.comparison.ends_with('=') ? 0 : 1;
     if (beside != 0 && *given.rank == (lower ? kHighest : 0)) {
-        fFirst = kHighest;  // none is above the highest, or below the lowest
+        fFirst = kHighest;  // nothing is above the highest, or below the lowest
         fLast = 0;
     } else {
         if (lower) fFirst = std::max(fFirst, *given.rank + beside);
@@ -132,8 +132,8 @@ recordSearch::recordSearch(blockRows& rows, const keyRange& range, std::int64_t 
     }
 }
 
-// Records that one block tells of: those whose keys it holds, of the block in the middle. Keys that lie across a border
-// count for the block in which they end; when nothing else is left, one of them.
+// The records in `left` whose keys lie in its middle block, so that one block is enough to see them. A key across a
+// border belongs to the block in which it ends; if there are no other keys, the record in the middle of `left`.
 recordSearch::stretch recordSearch::probe(stretch left) const {
     const std::vector<orva::Block>& blocks = fRows.file().info.blocks;
     const std::size_t low = blockAt(blocks, keyEnd(left.begin) - 1);

@@ -1,6 +1,6 @@
-// Records whose key ascends through the rows, found by bisection over the blocks: no index file beside the data.
+// Finds records whose key ascends through the rows, by bisection over the blocks: no index file beside the data.
 //
-// Failure: as blockRows; toolFailure with kDamaged for records that are out of order, as far as the search sees them.
+// Failure: as blockRows; toolFailure with kDamaged for records out of order, as far as the search sees them.
 #pragma once
 
 #include "blockRows.h"
@@ -13,16 +13,16 @@
 
 struct keyType;
 
-// The records whose key meets all of the conditions given. A key is compared by its rank, a number that is in the order
-// of the type's values.
+// The range of keys that meet all given conditions. Keys are compared by rank, a number that ascends with the values of
+// the type.
 class keyRange {
 public:
-    // "OFFSET:TYPE>=VALUE" and so on, each of the same OFFSET and TYPE. Anything else is a usage error.
+    // Conditions of the form "OFFSET:TYPE>=VALUE", all with the same OFFSET and TYPE. Anything else is a usage error.
     explicit keyRange(const std::vector<std::string>& conditions);
 
     std::int64_t offset() const { return fOffset; }
     std::size_t width() const;
-    // Nothing for a value that has no place in the order. `swapped`: the other byte order.
+    // Empty for a value without a rank (NaN). `swapped`: the key has the other byte order.
     std::optional<std::uint64_t> rank(const unsigned char* key, bool swapped) const;
     bool isBelow(std::uint64_t rank) const { return rank < fFirst; }
     bool isBeyond(std::uint64_t rank) const { return rank > fLast; }
@@ -41,11 +41,10 @@ class recordSearch {
 public:
     recordSearch(blockRows& rows, const keyRange& range, std::int64_t recordSize);
 
-    // The first record that is not below the range; the number of records where none is. Inflates about as many blocks
-    // as the binary logarithm of their number.
+    // The first record not below the range; the number of records if there is none. Inflates about log2(blocks) blocks.
     std::int64_t first();
-    // How many of the records from `record` on lie in the range and end in the block where `record` begins; at least
-    // one, if it lies in the range, however far it reaches.
+    // How many records from `record` on lie in the range and end in the block where `record` begins. A `record` in the
+    // range counts even if it ends later.
     std::int64_t countFrom(std::int64_t record);
     std::int64_t records() const { return fRecords; }
 
@@ -66,5 +65,5 @@ private:
     const keyRange& fRange;
     const std::int64_t fRecordSize;
     const std::int64_t fRecords;
-    std::uint64_t fLastRank = 0;  // of the record that countFrom saw last
+    std::uint64_t fLastRank = 0;  // rank of the record that countFrom saw last
 };

@@ -1,4 +1,4 @@
-// recover: what can be read of a damaged or unfinished file, as a new finished one.
+// recover: writes what can be read of a damaged or unfinished file into a new finished one.
 #include "failure.h"
 #include "json.h"
 #include "output.h"
@@ -82,14 +82,14 @@ private:
         return kAllWell;
     }
 
-    // An append that is at work, or was interrupted, may be all that is wrong with the file.
+    // An append, at work or interrupted, may be all that is wrong with the file.
     void noteAppend() const {
         const std::string& file = fPart.file;
         const std::string append = orva::append_state(file);
         if (!append.empty()) note("recover", file, append);
     }
 
-    // What was lost is told whatever becomes of standard output: nothing else shows it.
+    // Reports lost rows even if standard output fails: nothing else shows them.
     void tell() const {
         try {
             output out;

@@ -15,8 +15,8 @@
 
 namespace {
 
-// What a deferral is asked, also by threads that read input, and the pipe that wakes who waits for it. Closed exactly
-// when -1.
+// The signal that has requested the end, and the pipe that wakes a waiting reader; -1 exactly while closed. Several
+// threads that read input use them.
 std::atomic<int> gAsked{0};
 std::atomic<int> gWake[2] = {-1, -1};
 static_assert(std::atomic<int>::is_always_lock_free, "a handler may use no other");
@@ -25,7 +25,7 @@ extern "C" void onSignal(int signal) {
     if (gWake[1] >= 0) {
         const int error = errno;
         gAsked = signal;
-        [[maybe_unused]] const auto written = ::write(gWake[1], "", 1);  // full: it is awake already
+        [[maybe_unused]] const auto written = ::write(gWake[1], "", 1);  // a full pipe has already woken the reader
         platform::setErrno(error);
         return;
     }
@@ -39,7 +39,7 @@ extern "C" void onSignal(int signal) {
 void handleSignals() {
     for (const int signal : {SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_IGN);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU}) {
-        if (std::signal(signal, onSignal) == SIG_IGN) std::signal(signal, SIG_IGN);  // as under nohup
+        if (std::signal(signal, onSignal) == SIG_IGN) std::signal(signal, SIG_IGN);  // stays ignored, as under nohup
     }
 }
 

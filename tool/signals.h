@@ -1,12 +1,12 @@
-// Signals that end the process: what is not finished goes first, and an append puts back what it found.
+// Signals that end the process: unfinished files are removed first, and an append restores what it found.
 //
-// Threads: the main one. One deferral at a time, for the handler knows one.
+// Threads: the main one. One deferral at a time, since the handler knows only one.
 #pragma once
 
-// A closed pipe, or a file that reaches its limit, is an error of writing from here on, not a signal.
+// From here on a closed pipe, or a file that reaches its size limit, is a write error, not a signal.
 void handleSignals();
 
-// While one lives, a signal only asks for the end: who reads, or looks, meets it as endedBySignal.
+// While one exists, a signal only requests the end: reading and throwIfEndAsked() then throw endedBySignal.
 class signalDeferral {
 public:
     signalDeferral();
@@ -19,9 +19,9 @@ struct endedBySignal {
     int signal;
 };
 
-// Readable once a signal has asked for the end; -1 without a deferral.
+// Becomes readable once a signal has requested the end; -1 without a deferral.
 int signalDescriptor();
 void throwIfEndAsked();
 
-// Ends the process as the signal does by itself.
+// Ends the process as the signal itself would.
 [[noreturn]] void endBy(int signal);

@@ -1,5 +1,5 @@
-// splits: ranges of rows for engines that read a file in parallel. Each begins where a block does, so that no block is
-// inflated for two of them; with --record-size or --delimiter at the first record from there on, so that none is cut.
+// splits: lists ranges of rows for engines that read a file in parallel. Each begins with a block, so that no block is
+// inflated for two of them; with --record-size or --delimiter with the first record from there on, so that none is cut.
 #include "blockRows.h"
 #include "failure.h"
 #include "json.h"
@@ -21,7 +21,7 @@
 
 namespace {
 
-// A byte as it is, or as \n, \r, \t, \0, \\ or \xHH, which a shell leaves alone.
+// Parses a byte: itself, or \n, \r, \t, \0, \\ or \xHH, which a shell leaves alone.
 std::optional<char> parseByte(const std::string& text) {
     if (text.size() == 1) return text[0];
     if (text.size() < 2 || text[0] != '\\') return {};
@@ -66,7 +66,7 @@ public:
     }
 
 private:
-    // Where the first record from the offset on begins; the end of the rows where none does.
+    // Where the first record from `offset` on begins; the end of the rows if there is none.
     std::int64_t border(blockRows& rows, std::int64_t offset) const {
         const std::int64_t end = rows.file().info.size;
         if (const auto delimiter = parseByte(fDelimiter)) return behindDelimiter(rows, *delimiter, offset, end);

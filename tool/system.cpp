@@ -12,7 +12,7 @@
 
 namespace {
 
-// An error of the descriptor is left to the transfer that follows.
+// Waits until the descriptor is ready. Its errors are left to the transfer that follows.
 void waitFor(int descriptor, short event) {
     pollfd wanted[] = {{descriptor, event, 0}, {event == POLLIN ? signalDescriptor() : -1, POLLIN, 0}};
     while (::poll(wanted, 2, -1) < 0 && errno == EINTR) {
@@ -20,8 +20,8 @@ void waitFor(int descriptor, short event) {
     if (wanted[1].revents != 0) throwIfEndAsked();
 }
 
-// Moves `count` bytes by `transfer(bytes done, bytes left)` until they are done or it gives 0 or an error. Only who
-// reads has to hear of a signal while it waits, so nothing else asks before it tries.
+// Moves `count` bytes by `transfer(bytes done, bytes left)` until all are done or it returns 0 or an error. Only a
+// reader must notice a signal while it waits, so only a reader waits before it tries.
 template <class Transfer>
 int moved(int descriptor, short event, unsigned int count, Transfer transfer) {
     unsigned int done = 0;

@@ -16,7 +16,7 @@ std::string formatted(const char* format, Values... values) {
 
 struct character {
     char32_t code;
-    std::size_t size;  // 0: no UTF-8
+    std::size_t size;  // 0: not UTF-8
 };
 
 character characterAt(std::string_view text) {
@@ -34,7 +34,7 @@ character characterAt(std::string_view text) {
     return {code, valid ? size : 0};
 }
 
-// Controls of both sets, separators of lines, and marks, embeddings, overrides and isolates of direction.
+// Control characters (C0 and C1), line separators, and marks, embeddings, overrides and isolates of direction.
 bool isActedOn(char32_t code) {
     constexpr char32_t ranges[][2] = {{0, 0x1f},        {0x7f, 0x9f},     {0x61c, 0x61c},
                                       {0x200e, 0x200f}, {0x2028, 0x202e}, {0x2066, 0x2069}};

@@ -8,18 +8,18 @@
 #include <string>
 #include <string_view>
 
-// The number, from 0, that the digits and nothing else make.
+// The number, 0 or more, that `digits` spell; empty if they hold anything else.
 std::optional<std::int64_t> number(std::string_view digits);
 // 61,234,567
 std::string grouped(std::int64_t number);
 // 58.4 MiB
 std::string humanSize(std::int64_t bytes);
-// 4.96:1; a dash where nothing was stored
+// 4.96:1; a dash if nothing was stored
 std::string ratioText(std::int64_t before, std::int64_t after);
 // "1 block", "2 blocks"
 std::string counted(std::int64_t number, const std::string& what);
 // bytes 10 to 20 of the rows are lost
 std::string lostText(const orva::Range& rows);
-// The name, or any other text from outside, without anything that a terminal acts on or that makes a text read as
-// another one: controls, signs that turn the direction of writing, bytes that are no UTF-8.
+// The name, or any other text from outside, with escapes for all that a terminal interprets or that disguises the text:
+// control characters, characters that change the direction of writing, bytes that are not UTF-8.
 std::string shownName(const std::string& name);

@@ -13,19 +13,19 @@
 
 namespace {
 
-constexpr std::int32_t kMostThreads = 256;  // each holds two blocks of memory
+constexpr std::int32_t kMostThreads = 256;  // each holds two blocks in memory
 
-// Who may do what in runInOrder.
+// Hands out the numbers and the turns of runInOrder.
 class turns {
 public:
     explicit turns(std::size_t count) : fCount(count) {}
 
-    // Nothing where no piece is left.
+    // Empty if no piece is left.
     std::optional<std::size_t> take() {
         const std::lock_guard guard(fLock);
         return fTaken < fCount ? std::optional(fTaken++) : std::nullopt;
     }
-    // False: no turn comes any more.
+    // Waits for the turn of `number`; false if the work has ended early.
     bool await(std::size_t number) {
         std::unique_lock lock(fLock);
         fTurn.wait(lock, [&] { return fEnded == number || fCount == 0; });
@@ -47,13 +47,13 @@ private:
     std::size_t fEnded = 0;
 };
 
-// Runs `work` on this thread and on `threads - 1` more at once, or on as many as can be started. Throws the first
-// failure once all have ended.
+// Runs `work` on this thread and on `threads - 1` more, or on as many as can be started. Throws the first failure once
+// all have ended.
 void runOnThreads(std::int32_t threads, const std::function<void()>& work) {
     std::vector<std::future<void>> others;
     try {
         for (std::int32_t i = 1; i < threads; ++i) others.push_back(std::async(std::launch::async, work));
-    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): the others do its work
+    } catch (const std::system_error&) {  // the threads that did start do its work
     }
     work();
     for (std::future<void>& other : others) other.get();

@@ -1,4 +1,4 @@
-// The threads that a verb works with, its own included: -T N.
+// The number of threads of a verb, its own included: -T N.
 #pragma once
 
 #include <cstddef>
@@ -10,16 +10,16 @@ class App;
 }
 
 struct threadOptions {
-    std::int32_t wanted = 0;  // 0: as many as there are cores, which the library counts itself
+    std::int32_t wanted = 0;  // 0: one for each core, which the library counts itself
 
     void addTo(CLI::App& command);
     std::int32_t count() const;
 };
 
-// Work in `count` numbered pieces, of which each thread takes the next one that nobody has. `makeWorker` gives what a
-// thread does with a number: the first half of the work, beside all others. What comes back is its second half, which
-// runs in its turn, when those of all smaller numbers have; false ends the work. So does what anything throws, which is
-// thrown once all threads have ended.
+// Does work in `count` numbered pieces, each taken by the next free thread. `makeWorker` makes the worker of one
+// thread. The worker does the first half of a piece, beside all others, and returns the second half, which runs once
+// those of all smaller numbers have run; false ends the work. An exception ends it too, and is thrown once all threads
+// have ended.
 using orderedEnd = std::function<bool()>;
 using orderedWorker = std::function<orderedEnd(std::size_t number)>;
 void runInOrder(std::int32_t threads, std::size_t count, const std::function<orderedWorker()>& makeWorker);

@@ -1,10 +1,10 @@
-// What is asked of every value that the user gives.
+// Checks of every value that the user gives.
 #pragma once
 
 namespace CLI {
 class App;
 }
 
-// Has the verb refuse empty values, which an unset variable of a shell gives, and numbers that no 64 bits hold, which
-// the parser would take for the nearest one that they do.
+// Makes the verb refuse empty values, which an unset shell variable gives, and numbers beyond 64 bits, which the parser
+// would replace by the nearest one in range.
 void checkValues(CLI::App& command);

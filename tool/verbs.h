@@ -7,12 +7,12 @@ namespace CLI {
 class App;
 }
 
-// One verb of one command line; what its options say is kept in it.
+// One verb of one command line, with the values of its options.
 class verb {
 public:
     virtual ~verb() = default;
     virtual void addOptions(CLI::App& command) = 0;
-    // Once they have been parsed. Gives the exit code, or throws what fails.
+    // Runs after the options have been parsed. Returns the exit code or throws.
     virtual int run() = 0;
 };
 

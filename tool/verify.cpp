@@ -62,7 +62,7 @@ private:
             out.write(jsonText(json(), fFiles.size()));
         } else {
             for (const orva::BadBlock& bad : fReport.bad) out.write(line(bad));
-            // Alone it is told as the failure.
+            // Without bad blocks the failure says it.
             if (!fReport.bad.empty() && !fReport.index.empty()) {
                 out.write(shownName(fPart.file) + ": " + fReport.index + '\n');
             }
