@@ -186,8 +186,8 @@ TEST_F(DamageTest, EveryLieIsToldByTheCheckThatItFails) {
         EXPECT_TRUE(sameBytes(fRows, fAll));
         EXPECT_EQ(fReadable, row.readable);
         EXPECT_EQ(fOpens.empty(), row.readable != 0);
-        for (const auto& told : {fOpens, fAppends})
-            EXPECT_THAT(told, testing::AnyOf("", HasSubstr(row.check), HasSubstr(kFollow)));
+        EXPECT_THAT(fOpens, testing::AnyOf("", HasSubstr(row.check)));
+        EXPECT_THAT(fAppends, testing::AnyOf("", HasSubstr(row.check), HasSubstr(kFollow)));
         EXPECT_THAT(fReads, HasSubstr(row.block));
         EXPECT_EQ(fAppends.empty(), row.readable == 3);
     }
