@@ -104,14 +104,14 @@ public:
     int OpenErrno() const { return fOpenErrno; }
     // Pads and enciphers the waiting tail and ends the cipher run; the count of the last write it made. Nothing to do
     // gives 0.
-    unsigned int FinishEncryption();
+    ORVA_LOCAL unsigned int FinishEncryption();
 
     // Returns once what was written would survive a loss of power, the name of a new file excepted. FileError 1002;
     // a second try proves nothing then. Nothing to do when closed.
-    void Sync();
+    ORVA_LOCAL void Sync();
     // Cuts the file to `length` bytes, or extends it with zeros; the position stays. FileError 1002. Not for enciphered
     // files. Nothing to do when closed.
-    void Truncate(std::int64_t length);
+    ORVA_LOCAL void Truncate(std::int64_t length);
 
 private:
     class ORVA_LOCAL Cipher;  // fileCipher.h

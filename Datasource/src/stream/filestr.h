@@ -138,9 +138,9 @@ protected:
     // Needs the file object: an assertion without. Valid until the next Open.
     ORVA_File& GetFile();
     // False in a forked child: the stream's threads and locks are its parent's, so it is left alone there.
-    bool inOwnProcess() const;
+    ORVA_LOCAL bool inOwnProcess() const;
     // A destructor may throw: no further exception has come into flight since construction.
-    bool mayThrowNow() const;
+    ORVA_LOCAL bool mayThrowNow() const;
 
 private:
     // What Read and Write do beyond a copy within the buffer. Kept out of them, so that the copy saves no registers.
@@ -158,10 +158,10 @@ private:
 // The stream's state behind one pointer: the block buffer and the file. For the library's own layers; hosts use the
 // stream.
 struct ORVA_API ORVA_FileStream::Data {
-    explicit Data(bool encrypted);
+    ORVA_LOCAL explicit Data(bool encrypted);
     Data(const Data&) = delete;
     Data& operator=(const Data&) = delete;
-    ~Data();
+    ORVA_LOCAL ~Data();
 
     // Writes what the buffer took since it was written last, as one range; on an enciphered file widened to whole
     // cipher blocks, or up to the buffer's end. On failure it stays pending.
