@@ -395,6 +395,9 @@ void preferHugePages(void* memory, std::size_t size) noexcept {
 faults::Hook* faults::install(Hook* hook) noexcept {
     return gHook.exchange(hook, std::memory_order_acq_rel);
 }
+bool faults::refuses(Call call) noexcept {
+    return rawStatus(Step{.call = call}, [] { return 0; }) < 0;
+}
 #endif
 
 }  // namespace platform

@@ -1,7 +1,8 @@
 // platformFaults: the seam under platform's calls, for tests. A hook is asked before each raw system call, which it may
 // let pass, fail or cut short, and told afterwards what the call did: enough to make the n-th call fail, and to replay
 // recorded writes against an imagined disk. It lies under the loops that restart and complete, so a test sees and
-// disturbs what the system would.
+// disturbs what the system would. The cipher of the process (workdir.h), which is no system's, asks it too: Cipher for
+// its blocks, RunEnd for the end of a run.
 //
 // Only a build with ORVA_FAULT_SEAM has it; in any other build these types exist and no code uses them.
 //
@@ -13,7 +14,7 @@
 
 namespace platform::faults {
 
-enum class Call : std::uint8_t { Open, Seek, Read, Write, Duplicate, Close, Sync, Truncate, Lock, Rename, Unlink };
+enum class Call { Open, Seek, Read, Write, Duplicate, Close, Sync, Truncate, Lock, Rename, Unlink, Cipher, RunEnd };
 
 struct Verdict {
     int error = 0;                     // not 0: the call fails with this errno and is not made
@@ -53,6 +54,8 @@ public:
 #ifdef ORVA_FAULT_SEAM
 // The hook of the process from now on, null for none. Gives back the one before.
 Hook* install(Hook* hook) noexcept;
+// The cipher asks. True: the call fails, with errno, and touches nothing.
+bool refuses(Call call) noexcept;
 
 // Installed for a block of code.
 class Installed {
@@ -65,6 +68,10 @@ public:
 private:
     Hook* fBefore;
 };
+#else
+constexpr bool refuses(Call /*call*/) noexcept {
+    return false;
+}
 #endif
 
 }  // namespace platform::faults

@@ -1,8 +1,8 @@
 #include "libcrypto.h"
 
 #include <orva/platform.h>
+#include <orva/platformFaults.h>
 #include <orva/workdir.h>
-#include <orva/workdirFaults.h>
 
 #include <array>
 #include <atomic>
@@ -13,6 +13,7 @@
 #include <new>
 
 namespace workdir {
+namespace faults = platform::faults;
 namespace {
 
 constexpr int kKeySize = 32;
@@ -83,30 +84,13 @@ int transform(bool encrypting, unsigned char** outData, int* outLen, const unsig
 
 }  // namespace
 
-#ifdef ORVA_FAULT_SEAM
-namespace faults {
-namespace {
-std::atomic<Hook*> gHook{nullptr};
-}  // namespace
-
-Hook* install(Hook* hook) noexcept {
-    return gHook.exchange(hook);
-}
-
-bool fails(Call call) noexcept {
-    Hook* const hook = gHook;
-    return hook != nullptr && hook->fails(call);
-}
-}  // namespace faults
-#endif
-
 int Encrypt(unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) noexcept {
-    if (faults::fails(faults::Call::Encrypt)) return 0;
+    if (faults::refuses(faults::Call::Cipher)) return 0;
     return transform(true, outData, outLen, inData, inLen);
 }
 
 int EndEncrypt(unsigned char** outData, int* outLen) noexcept {
-    if (faults::fails(faults::Call::EndEncrypt)) return 0;
+    if (faults::refuses(faults::Call::RunEnd)) return 0;
     if (outData == nullptr || outLen == nullptr) return 0;
     *outData = nullptr;
     *outLen = 0;
@@ -114,7 +98,7 @@ int EndEncrypt(unsigned char** outData, int* outLen) noexcept {
 }
 
 int Decrypt(unsigned char** outData, int* outLen, const unsigned char* inData, int inLen) noexcept {
-    if (faults::fails(faults::Call::Decrypt)) return 0;
+    if (faults::refuses(faults::Call::Cipher)) return 0;
     return transform(false, outData, outLen, inData, inLen);
 }
 

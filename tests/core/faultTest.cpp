@@ -20,7 +20,6 @@ constexpr Fault kFaults[] = {
     {"NoCodecFromThenOn", Fault::Codecs, ENOMEM, kNoMemory, true},
     {"NoThreadOnce", Fault::Threads, ENOMEM, kNoThread},
     {"NoThreadFromThenOn", Fault::Threads, ENOMEM, kNoThread, true},
-    {"NoCipherOnce", Fault::Cipher, 0, "unknown error"},
 };
 
 struct Faults : ShortBlocks {

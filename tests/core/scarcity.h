@@ -1,11 +1,9 @@
-// Scarcity: of what the code under test needs, the k-th piece is not to be had: a file call, an allocation, the memory
-// of a codec, a thread, a call of the cipher. It strikes while a body runs that is heard, on whichever thread. For one
-// program alone: it stands in front of operator new and more.
+// Scarcity: of what the code under test needs, the k-th piece is not to be had: a call of the system or of the cipher,
+// an allocation, the memory of a codec, a thread. It strikes while a body runs that is heard, on whichever thread. For
+// one program alone: it stands in front of operator new and more.
 #pragma once
 
 #include "coreTest.h"
-
-#include <orva/workdirFaults.h>
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -17,7 +15,7 @@
 #endif
 
 struct Fault {
-    enum Kind { Calls, Writes, Memory, Codecs, Threads, Cipher };
+    enum Kind { Calls, Writes, Memory, Codecs, Threads };
     const char* name;
     Kind kind;
     int error = 0;            // that a failing call gives, or a file's failure tells
@@ -96,7 +94,7 @@ extern "C" int __wrap_inflateInit_(z_stream* stream, const char* version, int si
 
 namespace core {
 
-class Scarcity : public platform::faults::Hook, public workdir::faults::Hook {
+class Scarcity : public platform::faults::Hook {
 public:
     Scarcity(const Fault& what, std::uint64_t k) : fault(what) {
         // A call that is cut short counts as the k-th.
@@ -104,9 +102,7 @@ public:
         last = fault.lasting ? UINT64_MAX : first.load();
         kind = fault.kind;
         count = 0;
-        workdir::faults::install(this);
     }
-    ~Scarcity() override { workdir::faults::install(nullptr); }
 
     // What failureOf says of `body`; `text` gets what a person would read. Strikes in there alone, and no more once
     // something was thrown.
@@ -129,7 +125,6 @@ public:
     // There was a k-th piece.
     bool reached() const { return count >= first; }
 
-    bool fails(workdir::faults::Call) noexcept override { return strikes(Fault::Cipher); }
     Verdict before(const Step& step) override {
         if (strikes(Fault::Calls) || (step.call == Call::Write && strikes(Fault::Writes)))
             return Verdict::fail(fault.error);

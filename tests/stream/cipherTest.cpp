@@ -1,8 +1,6 @@
 // Enciphered files by calls of the file itself. What a stream asks of them, the model in core/modelTest.cpp holds.
 #include "stream/streamTest.h"
 
-#include <orva/workdirFaults.h>
-
 using namespace support;
 
 struct Cipher : TempDir {
@@ -86,32 +84,21 @@ TEST_F(Cipher, AFileTakesWhatNeedsNoOtherBytesOfABlock) {
     EXPECT_FALSE(ORVA_File(true).IsEncrypted());
 }
 
-// Counts the ends of the cipher's runs, the second of which fails.
-struct RunEnds : workdir::faults::Hook {
-    bool fails(workdir::faults::Call call) noexcept override {
-        return call == workdir::faults::Call::EndEncrypt && ++count == 2;
-    }
-    int count = 0;
-};
-
 TEST_F(Cipher, TransfersCostOneCallEachAndACloseLosesWhatWaits) {
     open("w+b");
     FileCalls calls;
-    RunEnds ends;
-    workdir::faults::install(&ends);
     EXPECT_EQ(file->FinishEncryption(), 0U);  // no run has begun
     for (int i = 0; i < 5; ++i) write(slice(fNoise, 0, i < 4 ? 100 : 5), i * 100);
-    EXPECT_EQ(calls.transfers(), "W 0+96, W 96+16, W 112+80, W 192+16, W 208+80, W 288+16, W 304+96");
     file->Close();
+    EXPECT_EQ(calls.transfers(), "W 0+96, W 96+16, W 112+80, W 192+16, W 208+80, W 288+16, W 304+96, E");
     EXPECT_EQ(std::filesystem::file_size(fPath), 400U);
     open("w+b");
     write(slice(fNoise, 0, 9), 0);
-    EXPECT_EQ(ends.count, 1);
-    EXPECT_EQ(failureOf([&] { file->FinishEncryption(); }), fileError(1002, 0, fPath));
+    calls.fail(Call::RunEnd, EIO);
+    EXPECT_EQ(failureOf([&] { file->FinishEncryption(); }), fileError(1002, EIO, fPath));
     EXPECT_EQ(file->FinishEncryption(), 0U);
     file->Close();
-    workdir::faults::install(nullptr);
-    EXPECT_EQ(ends.count, 3) << "once for a run, and for its failure";
+    EXPECT_EQ(calls.transfers(), "W 0+16, E, E") << "once for a run, and for its failure";
     ASSERT_TRUE(file->Open(fName, "rb"));
     calls.fail(Call::Seek, EIO);
     EXPECT_THROW(read(0, 16), FileError) << "its pad would pass for data";

@@ -91,7 +91,8 @@ private:
 };
 
 // Tells a call of the library as one, also where the system needed several: "R 512+1000" is a read at offset 512 that
-// asked for 1,000 bytes, "W" a write; in small letters if another thread than the test's made it.
+// asked for 1,000 bytes, "W" a write; in small letters if another thread than the test's made it. "E" ends a run of the
+// cipher.
 class FileCalls : public CallHook {
 public:
     // What was made since the last time, apart by ", ". Only with no call under way: another thread's may be missing.
@@ -105,6 +106,7 @@ public:
     }
     void after(const Step& step) override {
         const std::lock_guard guard(fLock);
+        if (step.call == Call::RunEnd) fTransfers += fTransfers.empty() ? "E" : ", E";
         if (step.call != Call::Read && step.call != Call::Write) return;
         const bool continues = fRest != 0 && fRest == step.size;
         fRest = step.result > 0 ? step.size - static_cast<std::uint64_t>(step.result) : 0;
