@@ -6,7 +6,6 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdint>
-#include <iterator>
 #include <list>
 #include <system_error>
 #include <thread>
@@ -141,7 +140,6 @@ struct ktThreadPoolBase::Data {
 
     std::mutex lock;  // guards what follows
     std::list<Job> jobs;
-    std::size_t running = 0;
     bool isEnding = false;
 
     explicit Data(int count) : size(static_cast<std::size_t>(std::max(count, 1))) {}
@@ -164,21 +162,15 @@ struct ktThreadPoolBase::Data {
             if (jobs.empty()) return;
             Job job = std::move(jobs.front());
             jobs.pop_front();
-            ++running;
             guard.unlock();
             run(std::move(job));
             guard.lock();
-            --running;
         }
     }
 
-    // Two callbacks may wait for each other. So one that found a thread free when it was handed over still gets it,
-    // even if the pool is stopped before that thread has woken up. The rest is deleted, unlocked.
-    void endKeeping(std::size_t kept, std::unique_lock<std::mutex> guard) {
+    // What has been handed over is still run: callbacks may wait for each other.
+    void end(std::unique_lock<std::mutex> guard) {
         isEnding = true;
-        std::list<Job> dropped;
-        dropped.splice(dropped.end(), jobs, std::next(jobs.begin(), static_cast<long>(std::min(kept, jobs.size()))),
-                       jobs.end());
         guard.unlock();
         changed.notify_all();
         for (std::thread& thread : threads) thread.join();
@@ -205,15 +197,14 @@ void ktThreadPoolBase::startAll() {
     try {
         while (fData->threads.size() < fData->size) fData->threads.emplace_back(&Data::threadLoop, fData.get());
     } catch (...) {
-        fData->endKeeping(0, std::move(guard));
+        fData->end(std::move(guard));
         throw;
     }
 }
 
 void ktThreadPoolBase::stopAll() {
     if (fData->isInherited()) return;
-    std::unique_lock guard(fData->lock);
-    fData->endKeeping(fData->threads.size() - fData->running, std::move(guard));
+    fData->end(std::unique_lock(fData->lock));
 }
 
 bool ktThreadPoolBase::enqueue(CallBackObject* callback, void* data) {

@@ -109,8 +109,8 @@ public:
     virtual ~ktThreadPoolBase();
 
     // Hands `callback` over and returns at once; a pool thread runs callback->onCallBack(data) as soon as one is free.
-    // The pool deletes the callback after its run, or without one, and also if this throws or gives false, which it
-    // does once the pool was stopped. So a callback is handed over once.
+    // The pool deletes the callback after its run, or with itself if it was never started, and also if this throws or
+    // gives false, which it does once the pool was stopped. So a callback is handed over once.
     virtual bool runCallBack(CallBackObject* callback, void* data, int reserved) = 0;
 
     void init();
@@ -120,9 +120,8 @@ public:
     // the host run on the host's threads.
     void startAll();
 
-    // Returns when every callback that had got a thread, or had one free for it, has returned and no thread is left.
-    // Callbacks still in the queue behind those are deleted unrun. Their loops have to be told to end before. May be
-    // called again. Not from a callback.
+    // Returns when every callback that was handed over has returned, and no thread is left. Their loops have to be told
+    // to end before. May be called again. Not from a callback.
     void stopAll();
 
 protected:
