@@ -16,9 +16,6 @@ template class RefCountPtr<ORVA_File>;
 
 namespace {
 
-constexpr int kShareReadOnly = 0x20;
-constexpr int kOwnerReadWrite = 0x180;
-
 // What helps where an enciphered write is refused.
 constexpr const char* kWholeBlocks =
     "write whole blocks of 16 bytes from a multiple of 16 on, or use a mode that can read and write anywhere";
@@ -47,7 +44,7 @@ int OpenDescriptor(const ExtNameStr& name, const char* mode) {
     flags |= _O_RANDOM;
     if (ModeHasChar(mode, 'T')) flags |= _O_SHORT_LIVED;
     if (ModeHasChar(mode, 'D')) flags |= _O_TEMPORARY;
-    return name.Sopen(flags, kShareReadOnly, kOwnerReadWrite);
+    return name.Sopen(flags, _SH_DENYWR, _S_IREAD | _S_IWRITE);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <limits>
 
 ORVA_StrBaseIO::ORVA_StrBaseIO() = default;
 ORVA_StrBaseIO::ORVA_StrBaseIO(const ORVA_StrBaseIO&) = default;

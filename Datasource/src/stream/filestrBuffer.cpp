@@ -116,8 +116,7 @@ void ORVA_FileStream::EnableMultiThreadReading() {
     fMultiThreadReading = 1;
     if (fData->fpIOThread.IsValid() != 0 || !DataReady()) return;
     RefCountPtr<multiThreadForFilestr> worker(new multiThreadForFilestr(&GetFile(), kBlockSize, true));
-    worker->initThreads(true);
-    worker->startThreads();
+    startWorker(*worker, true);
     fData->fpIOThread = worker;
 }
 
