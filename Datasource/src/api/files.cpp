@@ -78,7 +78,7 @@ FileInfo info(const Reader& reader) {
     found.found_by = part->found().by;
     found.swapped = part->swapped();
     found.row0 = part->row0();
-    if (const auto& text = part->found().text; text && text->row0Pos == found.row0) found.text = text;
+    found.text = part->found().text;
     found.size = part->size();
     found.file_size = part->fileSize();
     found.block_size = part->indexBlockSize();
@@ -297,7 +297,7 @@ private:
         require(!platform::sameFile(place.c_str(), fullName(to.string()).c_str()), to,
                 "it is one of the files to join");
         if (fInputs.empty()) {
-            const bool text = part.found().by == FileInfo::FoundBy::dictionary && part.row0() <= kLongestText;
+            const bool text = part.found().text && part.row0() <= kLongestText;
             if (fDictionary.empty() && text && fFrom.size() > 1) fDictionary = outlivedText(part);
             fTotal = fDictionary.empty() ? part.row0() : std::ssize(fDictionary);
         } else if (part.swapped() != fInputs.front().part.swapped) {

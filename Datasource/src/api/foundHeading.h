@@ -23,7 +23,7 @@ struct foundHeading {
     rawHeading raw{};              // as stored
     compressionHeading heading{};  // in host order
     bool swapped = false;
-    std::optional<dictionaryText> text{};  // before it
+    std::optional<dictionaryText> text{};  // before it, if that text names this place
 };
 
 // `place` is the full name for a search; empty if there can be none. Reads `bytes` at most twice.
