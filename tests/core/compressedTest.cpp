@@ -64,6 +64,19 @@ TEST_P(CompressedWrite, AbandonGivesUpTheBlocksThatWait) {
     EXPECT_LE(writes, 1);
 }
 
+// A worker's failure is heard with the block behind.
+TEST_P(CompressedWrite, AFailureLeavesThePositionBehindWhatWasTaken) {
+    if (GetParam() == kSeveral) return;
+    for (const std::size_t before : {0, 5}) {
+        const auto stream = startedWriter(fName, GetParam());
+        write(*stream, Bytes(before));
+        CallHook disk;
+        disk.fail(Call::Write, EIO);
+        EXPECT_EQ(failureOf([&] { write(*stream, Bytes(3 * kBlock)); }), fileError(1002, EIO, fName));
+        EXPECT_EQ(stream->Tell(), kRow0 + (1 + GetParam()) * std::int64_t{kBlock});
+    }
+}
+
 TEST_P(CompressedWrite, CannotBeginWithoutRoomForABlockOrTheFileAndMayTryAgain) {
     const auto stream = freshStream(fName, GetParam());
     for (const std::int64_t pos : {kLastRow0Pos + 1, INT64_MAX}) {

@@ -138,6 +138,7 @@ void partWriter::endBlock() {
 }
 
 void partWriter::send(const unsigned char* rows, std::uint32_t size) {
+    availBuffSize = fChosen.blockLength - size;  // they are taken, whatever the sink meets
     endFormerLife();
     fSink->put(rows, size);
     sent(size);

@@ -259,6 +259,7 @@ std::uint32_t zcmpsFilestr::Write(const void* buffer, std::uint32_t size) {
     try {
         fData->fWriter->write(static_cast<const unsigned char*>(buffer), size);
     } catch (...) {
+        fFilePos = fData->fWriter->end();
         fData->fail(life::failed);
     }
     fFilePos += size;
