@@ -274,6 +274,7 @@ class Rows:
 
         DamagedFileError where a row that it looks at is lost; with damaged="mask" the rows around tell, and lost ones
         that may be meant are among those found. ValueError for a field that is not there or holds no single value."""
+        self._open()
         self._check_key(field)
         value = self._empty(1)
 
