@@ -65,7 +65,7 @@ private:
 
     // The heading repeats its own offset, which shows its byte order.
     foundHeading headingAt(FileInfo::FoundBy by, std::int64_t place) const {
-        foundHeading found{by, {}, {}, false, isTold(place) ? fText : std::nullopt};
+        foundHeading found{by, {}, {}, false, isStated(place) ? fText : std::nullopt};
         if (!readRaw(place, found.raw)) refuseNone(place);
         found.heading = std::bit_cast<compressionHeading>(found.raw);
         if (found.heading._caseStartPos == place && !isTurned(found.heading)) return found;
