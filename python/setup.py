@@ -1,4 +1,4 @@
-"""Builds the extension against the liborva that pkg-config finds, and has it look for the library there."""
+"""Builds the extension against the liborva that pkg-config finds, and makes it look for the library there."""
 
 import shlex
 import subprocess

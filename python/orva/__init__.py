@@ -1,9 +1,9 @@
-"""Block-compressed row files: bytes, arrays and frames of them, read at any place.
+"""Reads and writes block-compressed row files as bytes, arrays and frames, from any offset.
 
 >>> orva.write("trades.orva", array)
 >>> orva.rows("trades.orva")[1_000_000:1_000_100]
 
-docs/python.md is the guide.
+Guide: docs/python.md.
 """
 
 import os

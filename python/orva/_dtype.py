@@ -1,8 +1,8 @@
-"""The dtype in a file's dictionary part: text of 512 bytes, or as many times that as it takes.
+"""The dtype in a file's dictionary part: text of 512 bytes, or a multiple of them.
 
-orva dictionary 1 row0=0000000512       where the rows begin, in fixed width
+orva dictionary 1 row0=0000000512       where the rows begin, in ten digits
 dtype=[["time", "<i8"]]                 numpy.lib.format.dtype_to_descr as JSON, byte orders explicit
-(blanks, up to a last line feed)
+(blanks, then a line feed)
 """
 
 from __future__ import annotations
@@ -23,12 +23,12 @@ if TYPE_CHECKING:
 _FIRST = "orva dictionary 1 row0="
 _STEP = 512
 _LONGEST = 1 << 20  # a longer part is another program's
-# What dtype_to_descr makes of a dtype without fields. numpy takes more for one, and some of that ends the process.
+# The strings that dtype_to_descr makes of dtypes without fields. numpy accepts more, and some of that ends the process.
 _PLAIN = re.compile(r"[<>|=][?a-zA-Z]\d*(\[\d*[a-zA-Z]+\])?")
 
 
 def checked(dtype: npt.DTypeLike) -> np.dtype[Any]:
-    """A dtype whose values are their bytes; ValueError for any other."""
+    """The dtype, if its values are nothing but their bytes; else ValueError."""
     made = np.dtype(dtype)
     if made.hasobject:
         of = ", ".join(repr(name) for name, (of, *_) in (made.fields or {}).items() if of.hasobject) or str(made)
@@ -55,7 +55,7 @@ def to_dictionary(dtype: np.dtype[Any]) -> bytes:
 
 
 def _tuples(descr: Any) -> Any:
-    """What JSON made lists of: a list of fields stays one, each field, shape and (dtype, shape) was a tuple."""
+    """Restores the tuples that JSON made lists: each field, shape and (dtype, shape). A list of fields stays a list."""
     if not isinstance(descr, list):
         if not _PLAIN.fullmatch(descr):
             raise ValueError(f"{descr!r} is not how a dtype is told")
@@ -69,7 +69,7 @@ def _tuples(descr: Any) -> Any:
 
 
 def of_dictionary(part: bytes, path: str) -> np.dtype[Any] | None:
-    """What a dictionary part says of the rows behind it; None where it says nothing."""
+    """The dtype that a dictionary part states for the rows behind it, or None."""
     lines = part.decode("utf-8", "replace").split("\n", 2)
     if len(lines) < 3 or not lines[0].startswith(_FIRST) or not lines[1].startswith("dtype="):
         return None
@@ -86,6 +86,6 @@ def of_reader(reader: _orva.Reader, path: str) -> np.dtype[Any] | None:
 
 
 def of_file(path: str) -> np.dtype[Any] | None:
-    """Also while an append is at work, which nobody opens for reading."""
+    """The dtype of a file, also while an append is at work, when no reader can open it."""
     with open(path, "rb") as file:
         return of_dictionary(file.read(_LONGEST), path)

@@ -1,11 +1,11 @@
-"""What goes wrong with a file, beside OSError for what the system refuses and ValueError for calls that cannot be meant."""
+"""The errors about files, beside OSError for what the system refuses and ValueError for invalid calls."""
 
 from __future__ import annotations
 
 
 class Error(Exception):
-    """The family. `path`: the file as the caller named it, '' for an object. Where they are known: `offset`, where the
-    rows begin that cannot be had, in bytes of rows from 0, and `block`, the number of their block, from 0."""
+    """The base class. `path` is the file as the caller named it, '' for an object. `offset` and `block`, where known,
+    are the first byte of the rows that could not be read, and the number of their block, both from 0."""
 
     __module__ = "orva"
     path: str
@@ -36,6 +36,7 @@ class UnfinishedFileError(Error, ValueError):
 
 
 class FileChangedError(Error, RuntimeError):
-    """The file was written to since it was opened, or its partitions were made: doing that again shows it as it is now."""
+    """The file was written to since it was opened, or since its partitions were made. Doing that again shows its
+    present rows."""
 
     __module__ = "orva"

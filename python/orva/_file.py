@@ -1,4 +1,4 @@
-"""A file's rows as a stream of bytes."""
+"""The rows of a file as a stream of bytes."""
 
 from __future__ import annotations
 
@@ -30,25 +30,26 @@ def _begin(path: PathLike, mode: str, row0: int | None, threads: int, level: int
             raise
     try:
         return _orva.create(name, b"", threads, False, level, length)
-    except FileExistsError:  # somebody was quicker
+    except FileExistsError:  # another process was quicker
         return _orva.append(name, row0, threads, level, block_of(block, 0), False)
 
 
 class File(io.RawIOBase):
-    """The rows of a file as bytes, which `orva.open` gives: to read at any place, or to write in sequence.
+    """The rows of a file as bytes, opened by `orva.open`: to read at any offset, or to write in sequence.
 
-    Positions count bytes of rows, from 0. There is no descriptor of them: `fileno`, `truncate`, and `seek` of a writer
-    raise io.UnsupportedOperation. A reader pickles by absolute path and position, and works after a fork; a writer
-    does neither. One thread at a time moves the position; several readers of one path are cheap.
+    Positions count bytes of rows, from 0. They have no descriptor: `fileno`, `truncate`, and `seek` of a writer raise
+    io.UnsupportedOperation. A reader pickles by absolute path and position, and works after a fork; a writer does
+    neither. Only one thread at a time may move the position; opening several readers of one path is cheap.
 
-    What a writer has taken stands under its name when `close` returns, durably, and not before: `flush` does nothing.
-    An exception that leaves its `with` statement abandons it, and so does its collection, with a ResourceWarning.
+    A writer's rows are durably under its name when `close` returns, and not before: `flush` does nothing. A writer
+    abandons them if an exception leaves its `with` statement, or if it is collected unclosed, which gives a
+    ResourceWarning.
     """
 
     __module__ = "orva"
     name: str
     mode: str
-    closed = False  # no property, since io's wrappers look at it before each of their reads
+    closed = False  # a plain attribute, since io's wrappers look at it before each of their reads
 
     def __init__(
         self,
@@ -113,7 +114,7 @@ class File(io.RawIOBase):
             return writer.size
 
     def seek(self, offset: int, whence: int = os.SEEK_SET) -> int:
-        """Moves to a byte of the rows, also behind them. ValueError for one before them."""
+        """Moves to a byte of the rows, or beyond them. ValueError for a position before them."""
         self._open()
         reader = (self._opened or self._no_reader("seek")).reader
         if whence not in (os.SEEK_SET, os.SEEK_CUR, os.SEEK_END):
@@ -127,7 +128,7 @@ class File(io.RawIOBase):
         return to
 
     def readinto(self, buffer: Any) -> int:
-        """Fills `buffer` and gives the count of bytes, which is less only where the rows end."""
+        """Fills `buffer` and returns the number of bytes, which is less only at the end of the rows."""
         opened = self._opened or self._no_reader("read")
         got = opened.reader.read_at(self._pos, buffer)
         self._pos += got
@@ -145,15 +146,16 @@ class File(io.RawIOBase):
         return self.read()
 
     def write(self, rows: Any) -> int:
-        """Takes all bytes of `rows`, and gives their count. Whatever stops it abandons the file, but for a
-        TypeError of which nothing was taken."""
+        """Writes all bytes of `rows` and returns their number. Any exception abandons the file, except a TypeError
+        raised before a byte was taken."""
         writer = self._writer("write")
         with self._lock:
             before = writer.size
             try:
                 return writer.write(rows)
             except BaseException as error:
-                # A signal's, too: how much was taken is not told, and io's wrappers would write it again.
+                # Even if a signal handler raised it: nobody learns how much was taken, and io's wrappers would write it
+                # again.
                 if not isinstance(error, TypeError) or writer.size != before:
                     writer.drop()
                 raise
@@ -163,7 +165,7 @@ class File(io.RawIOBase):
         raise io.UnsupportedOperation("truncate")
 
     def close(self) -> None:
-        """Finishes what was written: OSError where that fails, and then nothing of it is left. Can be repeated."""
+        """Finishes what was written. OSError if that fails; nothing of it is left then. May be called again."""
         if self.closed:
             return
         try:
@@ -188,9 +190,9 @@ class File(io.RawIOBase):
         self.close()
 
     def _dealloc_warn(self, source: object) -> None:
-        # What io's wrappers call when they are collected without having been closed, before they close this.
+        # io's wrappers call this when they are collected unclosed, before they close this file.
         if self._writing is not None and not self.closed:
-            self._let_go()  # first: a warning may be an error, which the wrappers pass over, and then they close this
+            self._let_go()  # first: a warning may be an error, which the wrappers ignore before they close this file
             warnings.warn(f"{self!r} was not closed: its rows are abandoned", ResourceWarning, 2, source)
 
     def __del__(self) -> None:
@@ -222,17 +224,18 @@ def open(
     level: int = 1,
     block: int | None = None,
 ) -> File:
-    """Opens a file's rows as a stream of bytes.
+    """Opens the rows of a file as a stream of bytes.
 
-    mode: "rb" reads; "wb" makes a new file, which replaces one of that name at close; "xb" the same, but FileExistsError
-        for a name that is taken; "ab" goes on behind the rows of a finished file, or makes it.
+    mode: "rb" reads; "wb" makes a new file, which replaces one of that name at close; "xb" does so too, but raises
+        FileExistsError if the name is taken; "ab" appends to a finished file, or makes one.
     path: a path; for "rb" also a seekable binary file object, which is read under a lock.
-    row0: where heading and rows begin in the file, in bytes; found without it, in an object if its first line tells.
-    threads: that inflate or compress at a time, the caller's counted, 256 at most; 0 for one a core.
-    level: of compression, 1 to 12. block: bytes of rows in a full block, 65,536 to 4,190,208; without it 1 MiB in a new
-        file, and an append goes on with the file's own.
+    row0: where heading and rows begin in the file, in bytes; found if not given, in an object only if its first line
+        says it.
+    threads: threads that inflate or compress at a time, the caller's included, at most 256; 0: one a core.
+    level: of compression, 1 to 12. block: bytes of rows in a full block, 65,536 to 4,190,208; by default 1 MiB in a new
+        file, and in an append the file's own.
 
-    Errors: OSError as the system tells (FileNotFoundError, BlockingIOError while another writer is at work, ...);
+    Errors: OSError from the system (FileNotFoundError, BlockingIOError while another writer is at work, ...);
     DamagedFileError; UnfinishedFileError; ValueError for options outside their ranges.
     """
     return File(path, mode, row0=row0, threads=threads, level=level, block=block)

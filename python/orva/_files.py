@@ -1,6 +1,7 @@
 """Functions on whole files. Offsets and sizes are bytes of rows, from 0; blocks count from 0.
 
-progress(done, total) is called now and then with the bytes done; what it raises ends the work, and nothing is left.
+progress(done, total) is called from time to time with the bytes done. An exception from it ends the work, and no output
+is left.
 """
 
 from __future__ import annotations
@@ -24,27 +25,27 @@ class Range:
 @dataclass(frozen=True)
 class Block:
     rows: Range
-    file_offset: int  # of its compressed bytes
-    stored: int  # and how many they are
+    file_offset: int  # where its compressed bytes begin
+    stored: int  # their number
 
 
 @dataclass(frozen=True)
 class FileInfo:
-    found_by: Literal["option", "dictionary", "search"]  # what told where the heading stands
-    swapped: bool  # of the other byte order
-    row0: int  # where the heading stands: the length of the dictionary part
-    size: int  # of the rows
-    stored: int  # of their blocks
+    found_by: Literal["option", "dictionary", "search"]  # how the heading was found
+    swapped: bool  # the file has the other byte order
+    row0: int  # offset of the heading: the length of the dictionary part
+    size: int  # bytes of rows
+    stored: int  # bytes of their compressed blocks
     file_size: int
-    block_size: int  # as the index tells it, which means nothing to readers
-    index: Range  # in the file
+    block_size: int  # as the index states it; readers ignore it
+    index: Range  # its place in the file
     blocks: list[Block]
 
 
 @dataclass(frozen=True)
 class BadBlock:
     block: int
-    rows: Range  # that are lost
+    rows: Range  # the rows that are lost
     text: str  # what is wrong
 
 
@@ -52,7 +53,7 @@ class BadBlock:
 class VerifyReport:
     blocks: int
     bad: list[BadBlock]
-    index: str  # what is wrong with the index as a whole; empty where it is sound
+    index: str  # what is wrong with the index as a whole; empty if it is sound
 
     @property
     def sound(self) -> bool:
@@ -62,21 +63,21 @@ class VerifyReport:
 @dataclass(frozen=True)
 class LostRows:
     rows: Range  # in the damaged file
-    estimated: bool  # no index tells how many rows there were
+    estimated: bool  # a guess, since no index states how many rows there were
     text: str
 
 
 @dataclass(frozen=True)
 class RecoverReport:
     blocks: int
-    size: int  # of the rows that were got back
+    size: int  # bytes of recovered rows
     lost: list[LostRows]
 
 
 @dataclass(frozen=True)
 class JoinReport:
     blocks: int
-    size: int  # of the rows
+    size: int  # bytes of rows
 
 
 def _called(progress: Progress) -> Progress:
@@ -86,7 +87,7 @@ def _called(progress: Progress) -> Progress:
 
 
 def info(path: PathLike, *, row0: int | None = None) -> FileInfo:
-    """What heading and index of a finished file tell. Errors: as `orva.open`."""
+    """The content of a finished file's heading and index. Errors: as `orva.open`."""
     told: list[Any]
     *told, index, blocks = _orva.info(name_of(path), row0_of(row0))
     told += [Range(*index), [Block(Range(*rows), *where) for rows, *where in blocks]]
@@ -113,8 +114,8 @@ def recover(
 ) -> RecoverReport:
     """Writes what can be read of a damaged or unfinished file into the new file `target`; `source` stays as it is.
 
-    committed: without what an interrupted append has added. drop_lost: closes gaps, where zeros stand otherwise.
-    replace: a file that has the name, else FileExistsError. DamagedFileError if not one block can be found.
+    committed: leaves out what an interrupted append has added. drop_lost: closes gaps, which zeros fill otherwise.
+    replace: replaces a file of that name, else FileExistsError. DamagedFileError if not a single block can be found.
     """
     how = row0_of(row0), bool(committed), bool(drop_lost), bool(replace), _called(progress)
     blocks, size, lost = _orva.recover(name_of(source), name_of(target), *how)
@@ -122,15 +123,16 @@ def recover(
 
 
 def roll_back(path: PathLike) -> Literal["nothing", "undone", "whole", "completed"]:
-    """Ends an append that a crash has interrupted, durably: there was none; the file holds the rows of before it; the
-    file was whole as it stands; all rows of the append were there. BlockingIOError while it is alive."""
+    """Durably ends an append that a crash has interrupted. Returns "nothing" if there was none, "undone" if the file
+    holds the rows from before it, "whole" if the file was sound as it stood, "completed" if all rows of the append were
+    there. BlockingIOError while the append is alive."""
     return _orva.roll_back(name_of(path))  # type: ignore[return-value]
 
 
 def join(
     sources: Iterable[PathLike], target: PathLike, *, replace: bool = False, progress: Progress = None
 ) -> JoinReport:
-    """The rows of finished files, one behind the other, in the new file `target`, which keeps the first one's dtype.
-    Blocks are copied as they stand. ValueError for no file, and if `target` is one of them."""
+    """Writes the rows of finished files, one behind the other, into the new file `target`, which keeps the first one's
+    dtype. Blocks are copied as they stand. ValueError for no file, and if `target` is one of them."""
     names = [name_of(path) for path in paths_of(sources)]
     return JoinReport(*_orva.join(names, name_of(target), bool(replace), _called(progress)))

@@ -34,7 +34,7 @@ def frame_of(
         field = rows.dtype[name]
         if field.subdtype is not None or field.names is not None:
             raise ValueError(f"field {name!r} of {field} is no column")
-        # pandas has no columns of bytes: it would keep these as they are, and fail where it looks for missing values.
+        # pandas has no columns of bytes: it would keep these as they are, and fail when it looks for missing values.
         parts[name] = np.empty(stop - first, object if field.kind in "SV" else field.newbyteorder("="))
     done = 0
     for chunk in rows._chunks(first, stop):
@@ -45,11 +45,11 @@ def frame_of(
 
 
 def to_frame(path: Source, columns: Sequence[str] | None = None, dtype: npt.DTypeLike = None) -> pandas.DataFrame:
-    """A frame of the fields of a file's rows, a column each, in this machine's byte order; bytes become objects.
+    """The rows of a file as a frame, one column for each field, in this machine's byte order; bytes become objects.
 
-    columns: the fields wanted, in this order; memory is taken for them only. dtype: as for `orva.rows`. Errors: as there;
-    DamagedFileError for rows that are lost, which a frame cannot show: `orva.rows` masks them; ValueError for a field
-    that is not there, or has values of more than one part.
+    columns: the fields to read, in this order; only they take memory. dtype: as for `orva.rows`. Errors: as there;
+    DamagedFileError for lost rows, which a frame cannot show (`orva.rows` can mask them); ValueError for a field that
+    does not exist or whose values have several parts.
     """
     with Rows(path, dtype, "raise", None, 1) as rows:
         return frame_of(rows, columns, 0, len(rows), range(len(rows)))

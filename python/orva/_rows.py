@@ -1,4 +1,4 @@
-"""A file's rows as an array that is read on demand."""
+"""The rows of a file as an array that is read on demand."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ if TYPE_CHECKING:
     import numpy.typing as npt
 
 Lost = list[tuple[int, int]]
-_NEAR = 4096  # bytes from row to row below which it is quicker to read all than to look for each
+_NEAR = 4096  # bytes from row to row below which reading all is faster than reading each
 _MOST_SPLITS = (1 << 31) - 1
 
 
@@ -35,7 +35,7 @@ def _merged(ranges: Iterable[tuple[int, int]]) -> Lost:
 
 
 def _number(key: Any) -> int | None:
-    """Of a key that is one number, which a bool and an array of one are not."""
+    """The key as an int, if it is one; a bool is not, nor is an array of one number."""
     if isinstance(key, (bool, np.bool_, np.ndarray)):
         return None
     try:
@@ -45,24 +45,24 @@ def _number(key: Any) -> int | None:
 
 
 def _exact(number: Any) -> Any:
-    """Python's own of numpy's number. numpy compares whole numbers of 64 bits as float64 where only one has a sign, and
-    takes near ones for equal."""
+    """numpy's number as Python's own. numpy compares 64-bit integers as float64 if only one is signed, and so takes
+    near ones for equal."""
     return number.item() if isinstance(number, (np.generic, np.ndarray)) and number.dtype.kind in "iuf" else number
 
 
 class Rows:
-    """The rows of a file as an array of one axis, or of more where rows are arrays themselves; `orva.rows` gives it.
+    """The rows of a file as an array of one axis, or of more if rows are arrays themselves; opened by `orva.rows`.
 
     Keys are those of numpy, along the first axis and behind it: an int, a slice, an array of ints or of bools, the name
-    of a field. What comes back is a new array, or one row. Whatever the key, each block that holds wanted rows is
-    inflated once; a block is up to 4 MiB of rows.
+    of a field. The result is a new array, or one row. Whatever the key, each block that holds wanted rows is inflated
+    once; a block is up to 4 MiB of rows.
 
-    dtype, shape, ndim, nbytes: as numpy's, of all rows. lost: with damaged="mask" the rows that were found to be lost
-    so far, as (first, end), ascending; verify finds all of them.
+    dtype, shape, ndim, nbytes: as numpy's, of all rows. lost: with damaged="mask" the lost rows found so far, as
+    (first, end), ascending; verify finds all of them.
 
-    Safe from threads and after a fork; pickles by absolute path. Closed by `close` or as a context manager; ValueError
-    afterwards. Errors of any reading: OSError, DamagedFileError for a block, FileChangedError for one that an append
-    has rewritten since.
+    Safe on any thread and after a fork; pickles by absolute path. `close` or the end of a `with` statement closes it;
+    later use is ValueError. Reading raises OSError, DamagedFileError for a block, and FileChangedError for one that an
+    append has rewritten since.
     """
 
     __module__ = "orva"
@@ -88,7 +88,7 @@ class Rows:
         self.dtype, within = (row, ()) if row.subdtype is None else row.subdtype
         self.shape = (self._reader.size // row.itemsize, *within)
         self.ndim, self.nbytes = len(self.shape), self._reader.size
-        self._lost: set[tuple[int, int]] = set()  # grows from any thread
+        self._lost: set[tuple[int, int]] = set()  # any thread may add to it
 
     def _row_of(self, given: np.dtype[Any] | None) -> np.dtype[Any]:
         name = f'"{self._opened.name}"'
@@ -121,7 +121,8 @@ class Rows:
         return np.empty((count, *self.shape[1:]), self.dtype)
 
     def _noted(self, found: Lost) -> Lost:
-        """Damaged blocks, which the reader tells in bytes, as rows. Those of two blocks are lost with either."""
+        """Notes damaged blocks, which the reader gives in bytes, and returns them as rows. A row across two blocks is
+        lost with either."""
         size = self._row.itemsize
         rows = [(begin // size, -(-(begin + length) // size)) for begin, length in found]
         self._lost.update(rows)
@@ -132,7 +133,7 @@ class Rows:
         return _merged(self._lost.copy())
 
     def _read(self, rows: range | npt.NDArray[np.int64]) -> npt.NDArray[Any]:
-        """Those that stand together, or wherever they stand."""
+        """The rows of a range of step 1, or those with the given numbers, in any order."""
         size, values = self._row.itemsize, self._empty(len(rows))
         found: Lost | None = [] if self._mask else None
         if isinstance(rows, range):
@@ -168,13 +169,13 @@ class Rows:
         return self._read(np.arange(rows.start, rows.stop, rows.step, dtype=np.int64))
 
     def _picked(self, rows: range, field: Any = ...) -> npt.NDArray[Any]:
-        """Rows near each other, or a field of them, copied out a piece at a time, so that nobody needs memory for the
-        others."""
-        none = self._read(range(0))[field]  # or it is numpy's error
-        like: Any = np.ma.zeros if self._mask else np.zeros  # numpy copies nothing of what stands between fields
+        """Rows near each other, or a field of them, copied a piece at a time, so that the rows between them never need
+        memory all at once."""
+        none = self._read(range(0))[field]  # raises numpy's error for a wrong field
+        like: Any = np.ma.zeros if self._mask else np.zeros  # numpy does not copy the padding between fields
         values: npt.NDArray[Any] = like((len(rows), *none.shape[1:]), none.dtype)
         done = 0
-        while done < len(rows):  # from a wanted row to a wanted one: the next block may be damaged
+        while done < len(rows):  # each piece ends with a wanted row, since the next block may be damaged
             first = rows[done]
             some = range(first, min(self._border(first), rows.stop), rows.step)
             values[done : done + len(some)] = self._read(range(first, some[-1] + 1))[:: rows.step][field]
@@ -182,13 +183,13 @@ class Rows:
         return values
 
     def _chosen(self, key: Any) -> npt.NDArray[np.int64] | None:
-        """Row numbers, for a key of ints or bools; None for any that is neither."""
+        """The row numbers of a key of ints or bools; None for any other key."""
         wanted = np.asarray(key)
         if wanted.size == 0 and not isinstance(key, np.ndarray):
             wanted = wanted.astype(np.int64)
         if wanted.dtype.kind == "b" and wanted.ndim == 1:
             if len(wanted) != len(self):
-                np.broadcast_to(np.int8(0), len(self))[wanted]  # numpy's error
+                np.broadcast_to(np.int8(0), len(self))[wanted]  # raises numpy's error
             return np.flatnonzero(wanted)
         if wanted.dtype.kind not in "iu":
             return None
@@ -213,9 +214,9 @@ class Rows:
             if not behind and chosen.ndim == 1:
                 return values
         else:
-            np.broadcast_to(self._empty(1)[:1], self.shape)[key]  # or it is numpy's error, before anything is read
+            np.broadcast_to(self._empty(1)[:1], self.shape)[key]  # raises numpy's error before anything is read
             return self._read(range(len(self)))[key]
-        # The rows stand in the order that was asked for; what comes behind the first axis is numpy's own work.
+        # The rows are in the order of the key; numpy itself applies what the key says of further axes.
         return values if isinstance(key, slice) else values[(here, *behind)]
 
     def __array__(self, dtype: npt.DTypeLike = None) -> npt.NDArray[Any]:
@@ -225,15 +226,16 @@ class Rows:
     # In pieces.
 
     def _border(self, first: int) -> int:
-        """The first row that begins at or behind the border of blocks that `first` row's threads get to."""
+        """The first row that begins at or behind the end of as many blocks, from row `first` on, as there are
+        threads."""
         at = first * self._row.itemsize
         for _ in range(self._opened.threads or os.cpu_count() or 1):
             at = self._reader.end_of_block(at)
         return -(-at // self._row.itemsize)
 
     def iter_chunks(self, rows: int | None = None) -> Iterator[npt.NDArray[Any]]:
-        """Arrays of `rows` rows each, the last of those that are left; without it of as many as stand in a block, or in
-        as many blocks as there are threads. ValueError below 1."""
+        """Arrays of `rows` rows each, the last one of the rest. Without `rows`, each has as many as one block
+        holds, or as many blocks as there are threads. ValueError below 1."""
         count = None if rows is None else operator.index(rows)
         if count is not None and count < 1:
             raise ValueError("a chunk has 1 row or more")
@@ -251,9 +253,9 @@ class Rows:
             yield from chunk
 
     def read_into(self, out: npt.NDArray[Any], first: int = 0) -> int:
-        """Fills `out` with the rows from `first` on, as many as there are and fit, and gives their count. `out`: in one
-        piece, to be written to, of this dtype and shape behind the first axis; else ValueError, as for a `first` below
-        0."""
+        """Fills `out` with the rows from `first` on, as many as there are and fit, and returns their number. `out` must
+        be contiguous, writable, and of this dtype and shape behind the first axis; else ValueError, as for a `first`
+        below 0."""
         if not isinstance(out, np.ndarray) or out.dtype != self.dtype or out.ndim == 0 or out.shape[1:] != self.shape[1:]:
             raise ValueError(f"rows of {self._row} go into an array of that dtype")
         if not out.flags.writeable or not out.flags.c_contiguous:
@@ -268,19 +270,20 @@ class Rows:
         return count
 
     def search(self, field: str | None, low: Any, high: Any) -> slice:
-        """The rows whose key is `low` or above and below `high`: rows ascend by it. `field`: that holds the keys; None:
-        the rows are keys themselves. Inflates about as many blocks as the count of blocks has binary digits, up to
-        three times as many where much is found; rows[rows.search(...)] reads it.
+        """The slice of the rows whose key is at least `low` and below `high`; rows must ascend by it. `field` names the
+        field of the keys; with None the rows are keys themselves. Inflates about log2(blocks) blocks, up to three times
+        as many if much is found; rows[rows.search(...)] reads the rows.
 
-        DamagedFileError where a row that it looks at is lost; with damaged="mask" the rows around tell, and lost ones
-        that may be meant are among those found. ValueError for a field that is not there or holds no single value."""
+        DamagedFileError if a row that it looks at is lost. With damaged="mask" the sound rows around decide, and lost
+        rows that may match are among those found. ValueError for a field that does not exist or holds no single value.
+        """
         self._open()
         self._check_key(field)
         value = self._empty(1)
 
         def is_below(row: int, key: Any, aside: int) -> bool:
-            """Of a lost row: what the next sound one tells, behind it (`aside` is 1) or before it (-1). Where there is
-            none, it may be meant."""
+            """Whether the key of `row` is below `key`. For a lost row the next sound one decides, behind it if `aside`
+            is 1, before it if -1; if there is none, the row counts as a possible match."""
             while 0 <= row < len(self):
                 found: Lost | None = [] if self._mask else None
                 self._reader.read_at(row * self._row.itemsize, _bytes_of(value), found)
@@ -298,7 +301,7 @@ class Rows:
 
         low, high = _exact(low), _exact(high)
         first = bound(low, 0, len(self), 1)
-        # The other end is near, as a rule, and so in the same block or the next ones.
+        # The other end is usually near, in the same block or the next ones.
         near, step = first, 1
         while near + step < len(self) and is_below(near + step, high, -1):
             near, step = near + step, 2 * step
@@ -312,8 +315,8 @@ class Rows:
             raise ValueError(f"values of {key} are no keys: name a field that holds one number or text")
 
     def splits(self, count: int) -> list[slice]:
-        """All rows in `count` slices or fewer, one behind the other, of about equal length: they begin where a block does
-        as far as rows allow, so that nearly no block is inflated for two of them. ValueError below 1."""
+        """Divides all rows into at most `count` consecutive slices of about equal length. Each begins with a block as
+        far as rows allow, so that hardly any block is inflated for two of them. ValueError below 1."""
         size = self._row.itemsize
         ranges = self._reader.splits(min(max(operator.index(count), 0), _MOST_SPLITS), size)
         return [slice(begin // size, (begin + length) // size) for begin, length in ranges]
@@ -323,7 +326,7 @@ class Rows:
             raise ValueError("I/O operation on closed file")
 
     def close(self) -> None:
-        """Lets the file go; calls under way end first. Can be repeated."""
+        """Closes the file; calls under way keep it open until they end. May be called again."""
         self._reader.close()
 
     def __enter__(self) -> Rows:
@@ -350,11 +353,12 @@ def rows(
     """The rows of a finished file, read on demand.
 
     path: a path, or a seekable binary file object, which is read under a lock.
-    dtype: of a row; without it the file's own, which `orva.write` has put there. One of another itemsize than the file's
-        own is ValueError, as are rows that it does not divide, and dtypes of objects or of no bytes.
-    damaged: "raise" DamagedFileError for rows that are lost, or "mask" them: results are masked arrays then.
-    row0: where heading and rows begin in the file, in bytes; found without it, in an object if its first line tells.
-    threads: that inflate a read of several blocks, the caller's counted; 0 for one a core.
+    dtype: of a row; by default the file's own, which `orva.write` has put there. ValueError for one of another itemsize
+        than the file's own, one that does not divide the rows, and one of objects or of no bytes.
+    damaged: "raise" DamagedFileError for lost rows, or "mask" them: results are then masked arrays.
+    row0: where heading and rows begin in the file, in bytes; found if not given, in an object only if its first line
+        says it.
+    threads: threads that inflate in a read of several blocks, the caller's included; 0: one a core.
 
     Errors: as `orva.open`.
     """

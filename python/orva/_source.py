@@ -1,4 +1,4 @@
-"""What a file is read from: a path, or an object of Python's."""
+"""Where a file's bytes come from: a path, or a Python object."""
 
 from __future__ import annotations
 
@@ -13,13 +13,13 @@ from typing import Any, Union
 from . import _orva
 
 PathLike = Union[str, "os.PathLike[str]"]
-NEW_BLOCKS = 1 << 20  # bytes of rows in a full block, as the command's own
-_MOST_THREADS = 256  # that the library uses
+NEW_BLOCKS = 1 << 20  # bytes of rows in a full block, as the command makes them
+_MOST_THREADS = 256  # the library uses no more
 Source = Union[str, "os.PathLike[str]", io.RawIOBase, io.BufferedIOBase]
 
 
 def path_of(path: PathLike) -> str:
-    """As the caller names it."""
+    """The path as the caller names it."""
     name = os.fspath(path) if isinstance(path, (str, os.PathLike)) else None
     if not isinstance(name, str):
         raise TypeError(f"a path is str or os.PathLike[str], not {type(path).__name__}")
@@ -29,7 +29,7 @@ def path_of(path: PathLike) -> str:
 
 
 def name_of(path: PathLike) -> bytes:
-    """As the extension takes it."""
+    """The path as the extension takes it."""
     return os.fsencode(path_of(path))
 
 
@@ -40,7 +40,7 @@ def paths_of(paths: Iterable[PathLike]) -> list[str]:
 
 
 def whole(value: int, what: str, bits: int = 64) -> int:
-    """A number that the extension can take; it looks itself whether it makes sense."""
+    """A number that fits the extension's type; the extension itself checks whether it makes sense."""
     try:
         number = operator.index(value)
     except TypeError:
@@ -59,25 +59,25 @@ def row0_of(row0: int | None) -> int | None:
 
 
 def block_of(length: int | None, default: int) -> int:
-    """A block's length for the extension, whose 0 means the longest, or the file's own."""
+    """A block's length for the extension, where 0 means the longest, or the file's own."""
     return default if length is None else whole(length, "block") or -1
 
 
-# By process, of each object that is read from.
+# The locks of each object that is read, by process.
 _LOCKS: weakref.WeakKeyDictionary[Any, dict[int, threading.Lock]] = weakref.WeakKeyDictionary()
 
 
 class SourceObject:
-    """A file that is an object: one thread at a time seeks and reads, whichever reader of the object it uses. A forked
-    child has a lock of its own, since its parent's may be held by a thread that the child does not have. But both have
-    one position in a file of the system's, and each would read where the other seeks: so a plain file is read without
-    it, and another one not after a fork."""
+    """A file that is a Python object. One thread at a time seeks and reads, whichever reader of the object it uses. A
+    forked child has a lock of its own, since its parent's may be held by a thread that the child does not have. The
+    position of a descriptor stays common to both, and each would read where the other seeks: so a plain file is read
+    without it, and another file with a descriptor is refused after a fork."""
 
     def __init__(self, file: io.RawIOBase | io.BufferedIOBase) -> None:
         self._file, self._process = file, os.getpid()
         try:
             self._locks = _LOCKS.setdefault(file, {})
-        except TypeError:  # a class of the caller's without hash or weak references
+        except TypeError:  # the object has no hash or no weak references
             self._locks = {}
 
     def _lock(self) -> threading.Lock:
@@ -85,7 +85,7 @@ class SourceObject:
 
     def size(self) -> int:
         with self._lock():
-            self._file.seek(0, os.SEEK_END)  # which need not tell, as files of SFTP do not
+            self._file.seek(0, os.SEEK_END)  # some files return nothing from it, as those of SFTP
             return self._file.tell()
 
     def _has_descriptor(self) -> bool:
@@ -103,7 +103,7 @@ class SourceObject:
         self._file.seek(offset)
         if hasattr(self._file, "readinto"):
             return self._file.readinto(to)
-        found = self._file.read(len(to)) or b""  # of files of Hadoop, and of archives
+        found = self._file.read(len(to)) or b""  # files of Hadoop and of archives have no readinto
         to[: len(found)] = found
         return len(found)
 
@@ -124,7 +124,7 @@ class SourceObject:
 
 
 class Opened:
-    """A reader, and what opens it again in another process."""
+    """A reader, and the arguments that open it again in another process."""
 
     def __init__(self, source: Source | _orva.Source, row0: int | None, threads: int) -> None:
         self.row0, self.threads = row0_of(row0), threads_of(threads)
@@ -139,7 +139,8 @@ class Opened:
             if not getattr(source, "readable", lambda: True)():
                 raise io.UnsupportedOperation("not readable")
             self._source = SourceObject(source)  # type: ignore[arg-type]
-            # The collector sees no cycle that goes through the extension, as of a source that keeps its rows or its error.
+            # The collector sees no cycle through the extension, such as that of a source that keeps its rows or its
+            # error.
             self.reader = _orva.Reader(weakref.proxy(self._source), *how, self.name.encode(errors="backslashreplace"))
         elif hasattr(source, "read_at"):
             self.reader = _orva.Reader(source, *how, self.name.encode(errors="backslashreplace"))

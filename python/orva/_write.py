@@ -1,4 +1,4 @@
-"""Arrays into files."""
+"""Writes arrays to files."""
 
 from __future__ import annotations
 
@@ -12,11 +12,12 @@ from ._source import NEW_BLOCKS, PathLike, block_of, name_of, path_of, threads_o
 if TYPE_CHECKING:
     import numpy.typing as npt
 
-_PIECE = 4_190_208  # bytes of rows that are copied at a time where an array is in pieces
+_PIECE = 4_190_208  # bytes of rows copied at a time if the array is not contiguous
 
 
 def array_of(values: Any) -> Any:
-    """A frame's rows are its records, without its index: as an array all its columns would be of one dtype."""
+    """`values` as an array. A frame becomes its records, without its index: as a plain array all its columns would be
+    of one dtype."""
     if not hasattr(values, "to_records"):
         return np.asanyarray(values)
     names = list(values.columns)
@@ -26,10 +27,10 @@ def array_of(values: Any) -> Any:
 
 
 def _rows_of(array: npt.ArrayLike) -> tuple[npt.NDArray[Any], np.dtype[Any]]:
-    """An array, and the dtype of a row of it."""
+    """An array, and the dtype of its rows."""
     values: npt.NDArray[Any] = array_of(array)
     mask: Any = np.ma.getmask(values)  # type: ignore[no-untyped-call]
-    if np.ascontiguousarray(mask).view(np.bool_).any():  # also of fields
+    if np.ascontiguousarray(mask).view(np.bool_).any():  # masks of fields too
         raise ValueError("rows that are masked have no values that a file could hold: fill or leave them out")
     values = np.asarray(values)
     if values.ndim == 0:
@@ -39,7 +40,7 @@ def _rows_of(array: npt.ArrayLike) -> tuple[npt.NDArray[Any], np.dtype[Any]]:
 
 
 def _write(writer: _orva.Writer, values: npt.NDArray[Any], row: np.dtype[Any]) -> None:
-    # As bytes: where numpy copies fields, what stands between them would be whatever was in memory.
+    # As bytes: if numpy copied fields, the padding between them would hold whatever was in memory.
     values = values.view((np.void, values.itemsize))
     step = len(values) if values.flags.c_contiguous else max(_PIECE // row.itemsize, 1)
     for first in range(0, len(values), max(step, 1)):
@@ -51,14 +52,15 @@ def _write(writer: _orva.Writer, values: npt.NDArray[Any], row: np.dtype[Any]) -
 def write(
     path: PathLike, array: npt.ArrayLike, *, threads: int = 1, level: int = 1, block: int | None = None
 ) -> None:
-    """Writes an array, one row for each element of its first axis, or a pandas frame, one for each of its records, without
-    its index, to a new file, which replaces one of that name once it is complete and on the disk. The dtype stands in it,
-    so that `orva.rows` needs none.
+    """Writes an array to a new file, one row for each element of its first axis, or a pandas frame, one row for each
+    record, without its index. The file replaces one of that name once it is complete and on the disk. It states the
+    dtype, so that `orva.rows` needs none.
 
     threads, level, block: as for `orva.open`. Errors: OSError; ValueError for arrays of objects, of no axis or of
-    elements without bytes, of fields that overlap or stand in another order than their names
-    (`numpy.lib.recfunctions.repack_fields` puts them right), for frames whose columns have names that are no texts, or the
-    same one, for a dtype of more than a megabyte of text, and for options outside their ranges. Nothing is left then.
+    elements without bytes, for fields that overlap or stand in another order than their names
+    (`numpy.lib.recfunctions.repack_fields` repairs that), for frames whose column names are no strings or not unique,
+    for a dtype of more than a megabyte of text, and for options outside their ranges. After an error no new file is
+    left.
     """
     values, row = _rows_of(array)
     name = name_of(path)
@@ -71,15 +73,15 @@ def write(
 
 
 def append(path: PathLike, array: npt.ArrayLike, *, roll_back: bool = False) -> None:
-    """Adds rows behind those of a finished file, durably: after a crash at any instant the file can be had as it was.
+    """Adds rows to a finished file, durably; a crash at any instant can be undone.
 
-    roll_back: undoes first what an interrupted append has left; without it that is UnfinishedFileError. Errors: OSError
+    roll_back: first undoes what an interrupted append has left, which is UnfinishedFileError otherwise. Errors: OSError
     (FileNotFoundError, BlockingIOError while another writer is at work); ValueError for rows of another dtype than the
-    file's, or where rows of this one do not fill it. The file is as it was then.
+    file's, or if rows of this dtype do not divide the file's. After an error the file is as it was.
     """
     values, row = _rows_of(array)
     name = name_of(path)
-    writer = _orva.append(name, None, 1, 1, 0, bool(roll_back))  # holds others off while the dtype is looked at
+    writer = _orva.append(name, None, 1, 1, 0, bool(roll_back))  # keeps other writers out while the dtype is checked
     try:
         told = _dtype.of_file(path_of(path))
         if told is not None and told != row:

@@ -1,9 +1,9 @@
-"""Rows as Dask's arrays and dataframes, and back: partitions of files, files of partitions.
+"""Rows as Dask arrays and dataframes, and back: files become partitions, and partitions files.
 
     frame = orva.dask.from_rows("trades.orva", frame=True)
     orva.dask.to_rows(frame[frame.price > 0], "good.orva")
 
-docs/many-machines.md is the guide.
+Guide: docs/many-machines.md.
 """
 
 from __future__ import annotations
@@ -49,17 +49,18 @@ _SAMPLES = 16
 
 @dataclass(frozen=True)
 class _Seen:
-    """What a file was when its partitions were made, so that a worker knows it again, also with rows behind it."""
+    """The state of a file when its partitions were made. A worker recognises the file by it, even with rows
+    appended."""
 
     size: int
     blocks: int
-    begins: str  # of the blocks' rows and of their bytes in the file, hashed
-    sums: bytes  # Adler-32 of some blocks' rows, which their streams end with; at last, the last block's
+    begins: str  # hash of where the blocks' rows and bytes begin
+    sums: bytes  # Adler-32 of some blocks' rows, as their streams end with it; the last is the last block's
 
 
 @dataclass(frozen=True)
 class _File:
-    """What a worker needs to open a file. `token` differs for the same name with other rows."""
+    """What a worker needs to open a file. `token` changes when the name gets other rows."""
 
     url: str
     dtype: np.dtype[Any] | None
@@ -70,7 +71,7 @@ class _File:
 
 @dataclass(frozen=True)
 class _Part:
-    """Rows of a file that one task reads; the first of them is number `number` of all files' rows."""
+    """Rows of a file that one task reads; the first of them is number `number` among the rows of all files."""
 
     file: _File
     first: int
@@ -88,20 +89,20 @@ def _index(rows: Rows) -> npt.NDArray[np.int64]:
 
 
 def _seen(rows: Rows, fs: Any, name: str, blocks: int | None = None) -> _Seen:
-    """Of the first `blocks` of a file. What is read for it are the last 4 bytes of some of them."""
+    """The state of the first `blocks` blocks of a file. Reads only the last 4 bytes of some of them."""
     index = _index(rows)[:blocks]
     count = len(index)
     some = np.unique([*np.linspace(0, max(count - 2, 0), _SAMPLES).astype(int), max(count - 1, 0)])[:count]
     ends = index[some, 2:].sum(axis=1).tolist()
     sums = fs.cat_ranges([name] * len(ends), [end - 4 for end in ends], ends)
-    for failed in (found for found in sums if isinstance(found, BaseException)):  # which some file systems give back
+    for failed in (found for found in sums if isinstance(found, BaseException)):  # some file systems return exceptions
         raise failed
     begins = hashlib.sha256(np.ascontiguousarray(index[:, [0, 2]]).tobytes()).hexdigest()
     return _Seen(rows.nbytes, count, begins, checked(b"".join(sums), 4 * len(ends), name))
 
 
 def _is_still(was: _Seen, rows: Rows, fs: Any, name: str) -> bool:
-    """Whether the rows that were seen are those that begin the file now."""
+    """Whether the file still begins with the rows that were seen."""
     now = _seen(rows, fs, name, was.blocks)
     if now.begins != was.begins:
         return False
@@ -109,13 +110,13 @@ def _is_still(was: _Seen, rows: Rows, fs: Any, name: str) -> bool:
         return now.sums == was.sums
     if was.size == 0:
         return True
-    begin = int(_index(rows)[was.blocks - 1, 0])  # of the block that an append may have written again, with more rows
+    begin = int(_index(rows)[was.blocks - 1, 0])  # of the last block, which an append may have rewritten with more rows
     last = zlib.adler32(rows._reader.read_bytes(begin, was.size - begin)).to_bytes(4, "big")
     return now.sums[:-4] + last == was.sums
 
 
 def _opened(fs: Any, name: str, dtype: npt.DTypeLike) -> tuple[Rows, Any, str]:
-    """And where the file's bytes are, which may be a copy that fsspec keeps."""
+    """The rows, and the file system and name of the file's bytes, which may be a copy that fsspec keeps."""
     found = source(fs, name)
     rows = Rows(found, dtype, "raise", None, 1)
     return (rows, fsspec.filesystem("file"), found) if isinstance(found, str) else (rows, fs, name)
@@ -131,10 +132,11 @@ def _file(path: str, dtype: npt.DTypeLike, options: dict[str, Any]) -> tuple[_Fi
 
 
 def _files(paths: list[str], dtype: npt.DTypeLike, options: dict[str, Any]) -> Iterator[tuple[_File, Rows]]:
-    """Those of a store that several threads may ask are opened some at a time, since each waits for it several times."""
+    """Opens files. Those of an asynchronous store are opened several at a time, since each waits for the store several
+    times."""
     opened = partial(_file, dtype=dtype, options=options)
     if not all("://" in path and _target(path, options)[0].async_impl for path in paths):
-        yield from map(opened, paths)  # on the caller's thread, where signals can end it
+        yield from map(opened, paths)  # on the caller's thread, where signals can interrupt it
         return
     with ThreadPoolExecutor(_OPEN_FILES) as pool:
         for first in range(0, len(paths), _OPEN_FILES):
@@ -143,7 +145,7 @@ def _files(paths: list[str], dtype: npt.DTypeLike, options: dict[str, Any]) -> I
 
 @lru_cache(maxsize=1024)
 def _opening(file: _File, process: int) -> threading.Lock:
-    """So that the tasks of several threads do not all read one index. A forked child has a lock of its own, since its
+    """Keeps tasks of several threads from all reading the same index. A forked child has a lock of its own, since its
     parent's may be held by a thread that the child does not have."""
     return threading.Lock()
 
@@ -155,7 +157,7 @@ def _rows(file: _File) -> Rows:
 
 @lru_cache(maxsize=_OPEN_FILES)
 def _kept(file: _File) -> Rows:
-    """Open in a worker for its later tasks, which then read no index."""
+    """Rows that a worker keeps open for its later tasks, which then read no index."""
     fs, name = _target(file.url, file.options)
     rows, fs, name = _opened(fs, name, file.dtype)
     if not _is_still(file.seen, rows, fs, name):
@@ -170,7 +172,7 @@ def _read(part: _Part) -> Any:
 
 
 class _ReadFrame:
-    """Reads a partition as a frame of these columns. Dask asks it for fewer where no more are wanted."""
+    """Reads a partition as a frame of these columns. Dask asks for fewer columns if it needs no more."""
 
     def __init__(self, columns: list[str] | None) -> None:
         self.columns = columns
@@ -197,22 +199,23 @@ def from_rows(
     storage_options: dict[str, Any] | None = None,
 ) -> Any:
     """The rows of files, one behind the other, as a Dask array, or as a dataframe with a column for each field, whose
-    index numbers the rows from 0. Fields of bytes are columns of objects, which `to_rows` refuses: there arrays go on.
+    index numbers the rows from 0. Fields of bytes become columns of objects, which `to_rows` refuses; arrays keep them.
 
-    A partition ends where a block does, or with the row that goes on into the next one: so a block is inflated by two
-    partitions at most, which share a row of it. Tasks hold a path and a range of rows. A worker opens a file once, for its
-    24 bytes a block of index and for 4 bytes each of up to 17 blocks, by which it knows the file again, and keeps some open:
-    a file that is replaced is freed when they are closed.
+    A partition ends with a block, or with the row that goes on into the next one: so at most two partitions inflate a
+    block, and they share a row of it. A task holds a path and a range of rows. A worker opens a file once, for its
+    index of 24 bytes a block and for 4 bytes each of up to 17 blocks, by which it recognises the file. It keeps some
+    files open; one that has been replaced is freed when it is closed.
 
-    paths: that each worker has under the same names, or URLs of fsspec's file systems, for which `storage_options` are.
-    dtype: as for `orva.rows`; without it the files' own.
-    partition_bytes: of rows in a partition, about; a file has as many partitions as come nearest to it, but no more than
-        it has blocks.
+    paths: paths that lead to the same files on each worker, or URLs of fsspec's file systems, which get
+        `storage_options`.
+    dtype: as for `orva.rows`; by default the files' own.
+    partition_bytes: approximate bytes of rows in a partition; a file has as many partitions as come nearest to it, but
+        no more than it has blocks.
 
-    Errors: those of `orva.rows` here; ValueError for no file, and for files of different dtypes. Of the tasks: OSError;
-    DamagedFileError; FileChangedError for a file that was replaced by one with other rows, and for a block that an append
-    has rewritten since the worker opened the file; UnfinishedFileError for a file that it opens during an append. Rows that
-    were added meanwhile are not seen.
+    Errors here: those of `orva.rows`; ValueError for no file, and for files of different dtypes. Errors of the tasks:
+    OSError; DamagedFileError; FileChangedError for a file that was replaced by one with other rows, and for a block
+    that an append has rewritten since the worker opened the file; UnfinishedFileError for a file that it opens during
+    an append. Tasks do not see rows that were added meanwhile.
     """
     if operator.index(partition_bytes) < 1:
         raise ValueError("a partition has 1 byte or more")
@@ -258,7 +261,7 @@ def _frame(parts: list[_Part], name: str, like: Rows) -> DataFrame:
 
 
 def _write_part(values: Any, name: str, dtype: np.dtype[Any], within: tuple[int, ...]) -> str:
-    """Harmless when repeated, even at a time: who comes last replaces the same rows."""
+    """Safe to repeat, even at the same time: whoever comes last replaces the same rows."""
     rows = array_of(values)
     if rows.dtype != dtype or rows.shape[1:] != within:
         raise ValueError(
@@ -271,7 +274,7 @@ def _write_part(values: Any, name: str, dtype: np.dtype[Any], within: tuple[int,
 
 
 def _pieces(collection: Any) -> tuple[list[Any], np.dtype[Any], tuple[int, ...]]:
-    """The partitions, as what is delayed, and of what their rows are."""
+    """The partitions as delayed objects, and dtype and shape of their rows."""
     if is_dask_collection(collection) and is_dataframe_like(collection):
         return collection.to_delayed(), array_of(collection._meta).dtype, ()
     if not hasattr(collection, "numblocks") or collection.ndim == 0:
@@ -282,14 +285,16 @@ def _pieces(collection: Any) -> tuple[list[Any], np.dtype[Any], tuple[int, ...]]
 
 
 def to_rows(collection: Array | DataFrame, path: PathLike) -> None:
-    """Computes a Dask array, or a dataframe's records without their index, into one file, which replaces one of that name.
+    """Computes a Dask array, or a dataframe's records without their index, into one file, which replaces one of that
+    name.
 
-    Each partition becomes a file in the directory `path`.parts, written by the worker that has computed it; here they
-    are then joined, without inflating a block, and the directory is removed. So the workers and this process need the
-    directory under one name. A task may be repeated, also while it still runs elsewhere.
+    Each partition becomes a file in the directory `path`.parts, written by the worker that has computed it. This
+    process then joins the files, without inflating a block, and removes the directory. So the workers and this process
+    need the directory under one name. A task may be repeated, even while it still runs elsewhere.
 
-    Errors: what the tasks throw, ValueError for partitions of another dtype than the collection's, or of objects;
-    FileExistsError where `path`.parts is there, of a call at work or of one that was killed. Nothing is left then.
+    Errors: those of the tasks; ValueError for partitions of another dtype than the collection's, or of objects;
+    FileExistsError if `path`.parts exists, from a call at work or from one that was killed. After an error no new file
+    is left.
     """
     target = os.path.abspath(path_of(path))
     parts = target + ".parts"
@@ -306,7 +311,8 @@ def to_rows(collection: Array | DataFrame, path: PathLike) -> None:
 
 
 def _remove(parts: str) -> None:
-    """Under another name first: a task that still runs, though it was repeated elsewhere, can add no file to it then."""
+    """Renames the directory first, so that a task that still runs, though it was repeated elsewhere, cannot add a file
+    to it."""
     gone = f"{parts}.{uuid.uuid4().hex}"
     os.rename(parts, gone)
     shutil.rmtree(gone)

@@ -1,4 +1,4 @@
-"""The rows of files of any file system that fsspec knows, as files: what engines that split plain files can split.
+"""Shows the rows in files of any fsspec file system as files, which engines can split as they split plain files.
 
     fsspec.open("orva::s3://bucket/trades.csv.orva")                  one file, under the path ''
     dask.dataframe.read_csv("orva://bucket/*.csv.orva",               many, by the target's own paths
@@ -18,11 +18,11 @@ from fsspec.spec import AbstractBufferedFile, AbstractFileSystem  # type: ignore
 
 from ._file import File
 
-_BUFFER = 1 << 16  # as much as engines read to find the end of a line: none is read ahead, maybe out of the next block
+_BUFFER = 1 << 16  # as much as engines read to find the end of a line; more might need the next block for nothing
 
 
 def checked(found: bytes, size: int, path: str) -> bytes:
-    """What a store gave of a range of `size` bytes."""
+    """The bytes that a store gave for a range of `size` bytes; OSError if they are not as many."""
     if len(found) != size:
         told = f"its store gave {len(found)} bytes of a range of {size}; simplecache:: copies whole files"
         raise OSError(f"{path}: {told}")
@@ -30,7 +30,7 @@ def checked(found: bytes, size: int, path: str) -> bytes:
 
 
 class _Ranges:
-    """A file of a file system that reads ranges of its own, on any thread and without a state."""
+    """A file of a file system that reads ranges itself, on any thread and without state."""
 
     def __init__(self, fs: AbstractFileSystem, path: str) -> None:
         self.name = path
@@ -50,26 +50,26 @@ class _Ranges:
 
 
 def source(fs: AbstractFileSystem, path: str) -> Any:
-    """What orva reads a file of a file system from, at one request to the store a read."""
+    """The source from which orva reads a file of a file system, with one request to the store for each read."""
     if isinstance(fs, LocalFileSystem):
         return fs._strip_protocol(path)
     if getattr(type(fs), "local_file", False):  # a cache of whole files
         with fs.open(path, "rb") as copy:
             return copy.name
     ranged = fs.async_impl and getattr(fs.cat_file, "__func__", None) is not AbstractFileSystem.cat_file
-    if ranged or isinstance(fs, MemoryFileSystem):  # where all who open a file get one object, with one position
+    if ranged or isinstance(fs, MemoryFileSystem):  # which gives all who open a file one object, with one position
         return _Ranges(fs, path)
     file = fs.open(path, "rb")
-    if isinstance(file, AbstractBufferedFile):  # whose own read-ahead would fetch what nobody asks for
+    if isinstance(file, AbstractBufferedFile):  # its own read-ahead would fetch what nobody asks for
         file.cache = BaseCache(file.blocksize, file._fetch_range, file.size)
-        # FTP's files all read over the one connection of their file system, and each may be read on a thread of its own.
+        # FTP's files share the connection of their file system, but may be read on threads of their own.
         shared = file.fs
         file.fs = type(shared)(*shared.storage_args, skip_instance_cache=True, **shared.storage_options)
     return file
 
 
 class _Buffered(io.BufferedReader):
-    """With the size, as fsspec's own files have it."""
+    """A buffered file that has its size, as fsspec's own files do."""
 
     def __init__(self, file: File) -> None:
         self.size = file.seek(0, io.SEEK_END)
@@ -78,15 +78,15 @@ class _Buffered(io.BufferedReader):
 
 
 class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
-    """Reads rows through another file system. Paths are that one's.
+    """Reads rows through another file system, the target, and takes that one's paths.
 
-    fo: the file that the path '' means. target_protocol, target_options: make the other file system, as for
-    `fsspec.filesystem`. Several files are named by their paths: of a list of `orva::` URLs fsspec hands on the first alone,
-    or, in older versions, a list that is refused.
+    fo: the file under the path ''. target_protocol, target_options: make the target, as for `fsspec.filesystem`. Name
+    several files by their paths: of a list of `orva::` URLs fsspec passes on only the first, or, in older versions, a
+    list, which is refused.
 
-    `info` opens a file, since its size is of rows; `ls`, and with it a glob, opens none and tells no sizes. `ukey` is the
-    target's. Opening costs at most three reads of the store and then each block one. Nothing is written: io.UnsupportedOperation.
-    Errors: as `orva.open`, and the target's own, unchanged.
+    `info` opens a file, since its size is that of the rows; `ls`, and so a glob, opens none and gives no sizes. `ukey`
+    is the target's. Opening takes at most three reads of the store, each block then one. Writing is
+    io.UnsupportedOperation. Errors: as `orva.open`, and the target's own, unchanged.
     """
 
     protocol = "orva"
@@ -126,7 +126,7 @@ class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
         return super().glob(self._path(path), **kwargs)
 
     def _type(self, path: str) -> str | None:
-        # Not by what the target has for this: HTTP's asks for the whole file.
+        # Not by the target's own methods: those of HTTP request the whole file.
         try:
             return str(self._target.info(self._path(path))["type"])
         except FileNotFoundError:

@@ -14,7 +14,7 @@ void blockwise::want(i64 offset, orva::Bytes to) {
             fBlockEnd = fReader.end_of_block(offset);
             ++fBegun;
         }
-        // Rows that go on across a border, wished for again, begin in a block before.
+        // A row across a border, if requested twice, begins in an earlier block.
         const i64 end = offset >= fBlockFirst ? fBlockEnd : fReader.end_of_block(offset);
         const auto size = std::min(to.size(), static_cast<std::size_t>(end - offset));
         fRequests.push_back({offset, to.first(size)});
@@ -35,7 +35,7 @@ void blockwise::finish() {
     checkSignals();
 }
 
-// Each round ends at the next damaged block, and what was wished for before it has been read.
+// Each round ends at the next damaged block and has read the requests before it.
 void blockwise::readAroundDamage() {
     while (!fRequests.empty()) {
         try {

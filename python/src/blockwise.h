@@ -1,10 +1,10 @@
-// blockwise: reads of any length, some blocks at a time, so that signals act between them, a lost block costs only its
-// own rows, and many small wishes take memory for those of some blocks.
+// blockwise: reads of any length, some blocks at a time, so that signals act in between, a lost block costs only its
+// own rows, and many small requests need memory for a few blocks only.
 //
 // Units:   bytes of rows.
-// Owner:   the memory that is read into outlives the object; it keeps a copy of the Reader.
-// Threads: one, without the GIL. No block is inflated twice, since no request goes beyond its block.
-// Failure: the Reader's, and what a signal handler raises.
+// Owner:   the memory that is read into must outlive the object, which keeps a copy of the Reader.
+// Threads: one, without the GIL. No block is inflated twice, since no request crosses the border of one.
+// Failure: the Reader's, and exceptions of signal handlers.
 #pragma once
 
 #include <orva/reader.h>
@@ -13,13 +13,14 @@
 
 class blockwise {
 public:
-    // `blocks`: at a time. `lost`: takes the blocks that are damaged, whose rows are then zeros; null: they are errors.
+    // `blocks`: how many to read at a time. `lost` receives the damaged blocks, whose rows become zeros; null: they are
+    // errors.
     blockwise(const orva::Reader& reader, int blocks, std::vector<orva::Range>* lost)
         : fReader(reader), fBlocks(blocks), fLost(lost) {}
 
-    // Wishes for these rows, which begin where those of before do, or behind. They exist.
+    // Requests these rows. They must exist, and begin at or behind the start of the rows requested before.
     void want(orva::i64 offset, orva::Bytes to);
-    // Reads what is still wished for. Needed at the end.
+    // Reads what is still to be read. Must be called at the end.
     void finish();
 
 private:
@@ -29,7 +30,7 @@ private:
     const int fBlocks;
     std::vector<orva::Range>* const fLost;
     std::vector<orva::ReadRequest> fRequests;
-    orva::i64 fBlockFirst = 0;  // wished for in the last block, which ends at
+    orva::i64 fBlockFirst = 0;  // start of the first request in the last block, which ends at fBlockEnd
     orva::i64 fBlockEnd = 0;
-    int fBegun = 0;  // blocks that fRequests lie in
+    int fBegun = 0;  // blocks in which fRequests lie
 };

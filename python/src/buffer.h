@@ -1,7 +1,7 @@
 // heldBuffer: the memory of a Python object that has the buffer protocol, held while bytes move.
 //
 // Threads: made and destroyed with the GIL; the bytes may be used without it.
-// Failure: TypeError where the object has no such memory, or only for reading.
+// Failure: TypeError if the object has no such memory, or only read-only memory.
 #pragma once
 
 #include <pybind11/pybind11.h>

@@ -45,7 +45,7 @@ void raise(std::exception_ptr thrown) {
     }
 }
 
-// A signal's handler may run, and raise, while the exception is made: then that is what is raised.
+// A signal handler may run, and raise, while the exception is made: then its exception is raised.
 void translate(std::exception_ptr thrown) {
     try {
         raise(std::move(thrown));

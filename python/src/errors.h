@@ -1,5 +1,5 @@
-// What the library throws, as Python's exceptions: OSError for what the system refuses, ValueError for a call that
-// cannot be meant, and the classes of orva/_errors.py. What Python code of the caller's has raised passes unchanged.
+// Turns the library's exceptions into Python's: OSError for what the system refuses, ValueError for invalid calls, and
+// the classes of orva/_errors.py. Exceptions of the caller's Python code pass unchanged.
 #pragma once
 
 #include <pybind11/pybind11.h>
@@ -8,5 +8,5 @@
 
 void bindErrors();
 
-// File names, and texts that name files, need not be UTF-8.
+// Decodes a file name, or a text that contains one, which need not be UTF-8.
 pybind11::str decoded(const std::string& text);

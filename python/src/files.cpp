@@ -15,7 +15,7 @@ using orva::i64;
 
 namespace {
 
-// Reports come as tuples, in the order of the fields of the classes in orva/_files.py.
+// Reports are tuples in the order of the fields of the classes in orva/_files.py.
 
 py::tuple told(const orva::Range& range) {
     return py::make_tuple(range.offset, range.length);
@@ -32,8 +32,8 @@ py::tuple info(const std::string& path, std::optional<i64> row0) {
                           found.stored, found.file_size, found.block_size, told(found.index), blocks);
 }
 
-// Lets signals act, and calls the caller's function where there is one. Outlives the work, and is made and goes with
-// the GIL.
+// Lets signals act, and calls the caller's function if there is one. Outlives the work; made and destroyed with the
+// GIL.
 class reporter {
 public:
     explicit reporter(const std::optional<py::function>& call) : fCall(call) {}

@@ -1,12 +1,12 @@
-// Without and with the interpreter's lock, also by daemon threads when the interpreter ends: it then ends, by
-// unwinding, each thread that asks for the lock, and unwinding through a destructor or the library's own frames ends
-// the process by abort. So such a thread waits for the process to end, and lets nothing go.
+// Runs code without and with the GIL, even in daemon threads when the interpreter ends. It then ends each thread that
+// asks for the GIL by unwinding it, and unwinding through a destructor or the library's own frames aborts the process.
+// So such a thread waits for the process to end, and frees nothing.
 //
-// A thread of the library's that takes the lock for the first time is made known to the interpreter, which takes a lock
-// of the interpreter's own. No fork happens meanwhile: the child would find it taken, and wait for ever. From 3.13 on
-// the interpreter's own forks begin by taking that lock, and to hold forks up as well would be to wait for each other.
+// When a thread of the library takes the GIL for the first time, the interpreter registers the thread under a lock of
+// its own. Forks are held off meanwhile: a child would find that lock taken and wait for ever. From 3.13 on the
+// interpreter's own forks begin by taking that lock, and holding forks off as well would deadlock.
 //
-// Threads: released is made with the lock, held on any thread. Failure: none.
+// Threads: released is made with the GIL, held on any thread. Failure: none.
 #pragma once
 
 #include <orva/platform.h>
@@ -41,7 +41,7 @@ private:
     PyThreadState* const fState;
 };
 
-// What work() gives, without the lock.
+// Returns work(), which runs without the GIL.
 template <class Work>
 auto without(Work work) {
     const released others;
@@ -57,7 +57,7 @@ public:
 
 private:
     static constexpr bool kForksTakeIt = PY_VERSION_HEX >= 0x030D0000;
-    // Until fLock goes, which counts its users.
+    // The registration lasts until fLock goes, which counts its users.
     static void makeKnown() {
         const platform::noFork whole;
         PyThreadState* const state = PyThreadState_New(PyInterpreterState_Main());

@@ -1,5 +1,5 @@
-// orva._orva: the library as the package's modules of Python need it. Python owns arguments and the meaning of arrays,
-// this the bytes; nobody else imports it.
+// orva._orva: the library as the package's Python modules need it. They check arguments and give arrays their meaning;
+// this module moves the bytes. Nothing else imports it.
 #include "module.h"
 
 #include "errors.h"
@@ -7,7 +7,7 @@
 
 #include <orva/version.h>
 
-// pybind11 would wait for ever in a sub-interpreter, so the module's own start refuses those.
+// pybind11 would wait for ever in a sub-interpreter, so the module's own init function refuses one.
 #define PyInit__orva PyInit__orva_in_main
 PYBIND11_MODULE(_orva, module) {
     bindErrors();

@@ -1,4 +1,4 @@
-// What each file of the extension adds to the module.
+// Each file of the extension adds its part to the module.
 #pragma once
 
 #include <pybind11/pybind11.h>

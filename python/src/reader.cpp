@@ -19,14 +19,14 @@ using orva::i64;
 
 namespace {
 
-constexpr std::size_t kSmallRead = 65'536;  // lies in two blocks at most, as a rule
+constexpr std::size_t kSmallRead = 65'536;  // usually lies in two blocks at most
 
-// A Reader that can be closed. A call that is under way then ends with a Reader of its own.
+// A Reader that can be closed. A call under way has a copy of the Reader, and goes on.
 class closableReader {
 public:
     template <class From>
     closableReader(const From& from, std::optional<i64> row0, int threads, const std::string& name = {})
-        // Two blocks: a search that ends at the border of two looks into them by turns.
+        // Two blocks: a search that ends at the border of two reads them by turns.
         : fReader(opened(from, {.row0 = row0, .threads = threads, .cached_blocks = 2, .name = name})),
           fBlocks(blocksAtATime(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency()))) {}
 
@@ -53,7 +53,7 @@ public:
         return rows;
     }
 
-    // Record rows[i] of `size` bytes into the i-th place of `to`. Nobody writes to `rows` meanwhile.
+    // Copies record rows[i] of `size` bytes to the i-th place of `to`. Nobody may write to `rows` meanwhile.
     void take(py::handle rows, i64 size, py::handle to, const std::optional<py::list>& lost) const {
         const orva::Reader reader = get();
         const heldBuffer numbers(rows, heldBuffer::access::read);
@@ -85,10 +85,10 @@ private:
         return gil::without([&] { return orva::Reader(std::move(source), options); });
     }
 
-    // Threads end with each call, and wait there for the last: many blocks each make little of that.
+    // Threads end with each call, which waits for the last of them: many blocks a call make that wait matter little.
     static int blocksAtATime(int threads) { return threads == 1 ? 1 : 16 * threads; }
 
-    // Runs `read` without the GIL; the damaged blocks that it finds are told by `lost`, where that is wanted.
+    // Runs `read` without the GIL, and appends the damaged blocks that it finds to `lost`, if given.
     template <class Read>
     static void collecting(const std::optional<py::list>& lost, Read read) {
         std::vector<orva::Range> found;
@@ -111,7 +111,7 @@ private:
     }
 
     std::optional<orva::Reader> fReader;
-    const int fBlocks;  // at a time
+    const int fBlocks;  // blocks at a time
 };
 
 py::bytes dictionary(const closableReader& reader) {
@@ -119,7 +119,7 @@ py::bytes dictionary(const closableReader& reader) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// Four int64 a block: offset and length of its rows, where its compressed bytes stand in the file, and their count.
+// Four int64 for each block: offset and length of its rows, offset and length of its compressed bytes in the file.
 py::bytes blocks(const closableReader& reader) {
     static_assert(sizeof(orva::Block) == 4 * sizeof(i64));
     const std::vector<orva::Block> all = reader.get().blocks();

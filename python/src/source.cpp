@@ -6,7 +6,7 @@
 
 namespace py = pybind11;
 
-// The last one that lets go need not hold the GIL.
+// The thread that drops the last reference need not hold the GIL.
 pythonSource::~pythonSource() {
     const gil::held python;
     fSource.release().dec_ref();
@@ -20,7 +20,7 @@ orva::i64 pythonSource::size() const {
 std::size_t pythonSource::read_at(orva::i64 offset, orva::Bytes to) const {
     const gil::held python;
     const py::memoryview view = py::memoryview::from_memory(to.data(), static_cast<py::ssize_t>(to.size()));
-    // Or who has kept it, as the traceback of an error does, would reach memory that is gone.
+    // Otherwise whoever has kept the view, such as the traceback of an error, would reach memory that is gone.
     const auto release = [&] { view.attr("release")(); };
     try {
         const auto got = fSource.attr("read_at")(offset, view).cast<std::size_t>();

@@ -1,7 +1,7 @@
-// pythonSource: a file that is an object of Python's, by its `size()` and `read_at(offset, memoryview)`
-// (orva/_source.py), which take care that one thread at a time reads.
+// pythonSource: a Python object as a ByteSource, by its `size()` and `read_at(offset, memoryview)` (orva/_source.py),
+// which let one thread at a time read.
 //
-// Threads: any, without the GIL; takes it for each call.
+// Threads: any, without the GIL, which each call takes.
 #pragma once
 
 #include <orva/reader.h>

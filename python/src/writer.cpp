@@ -17,13 +17,13 @@ using orva::i64;
 
 namespace {
 
-// A Writer that can be let go of. Its user takes care that one thread at a time calls it; a signal handler that lets go
-// in the middle of a write ends what the write has begun.
+// A Writer that can be dropped. Its user makes sure that one thread at a time calls it. A signal handler that drops it
+// during a write takes effect when that write ends.
 class droppableWriter {
 public:
     explicit droppableWriter(orva::Writer writer) : fWriter(std::make_shared<orva::Writer>(std::move(writer))) {}
 
-    // Gives the count of bytes.
+    // Returns the number of bytes.
     std::size_t write(py::handle rows) {
         constexpr std::size_t piece = 4'190'208;  // a block; signals act between them
         const std::shared_ptr<orva::Writer> writer = get();
@@ -44,7 +44,7 @@ public:
         gil::without([writer = get()] { writer->finish(); });
     }
 
-    // What is not finished is gone, threads have ended and the file is closed.
+    // Abandons what is not finished, ends the threads and closes the file.
     void drop() {
         std::shared_ptr<orva::Writer> writer = std::move(fWriter);
         const gil::released others;
