@@ -24,8 +24,8 @@ public:
         fPart.addTo(command);
         command.add_option("IN", fIn, "A file of rows; - or nothing is standard input");
         command.add_flag("--no-sync", fNoSync,
-                         "Leave it to the system when the rows reach the disk, and do without the side file by which "
-                         "an append that a crash has ended is undone");
+                         "Let the system decide when the rows reach the disk, and make no side file, which could "
+                         "undo an append that a crash interrupts");
         fChoices.addLevelTo(command);
         fThreads.addTo(command);
         fProgress.addTo(command);

@@ -28,16 +28,17 @@ public:
     void addOptions(CLI::App& command) override {
         fPart.addTo(command);
         CLI::Option* range = command.add_option(
-            "--range", fRanges, "So many bytes of rows from this offset on, or -N, the last N; may be repeated");
-        CLI::Option* records = command.add_option("--records", fRecords,
-                                                  "Records of --record-size from A up to B, which is not one of them, "
-                                                  "or -N:, the last N; may be repeated");
+            "--range", fRanges, "LEN bytes of rows from offset OFF on, or -N, the last N; may be repeated");
+        CLI::Option* records =
+            command.add_option("--records", fRecords,
+                               "Records from A up to but not including B, each of --record-size bytes, "
+                               "or -N:, the last N; may be repeated");
         CLI::Option* where = command.add_option("--records-where", fWhere,
-                                                "Records whose number at this offset is so large (also > <= < ==); "
-                                                "they ascend by that number");
-        CLI::Option* recordSize = command.add_option("--record-size", fRecordSize, "The bytes of one record");
+                                                "Records whose number at OFFSET is VALUE or more (also > <= < ==); "
+                                                "the records must ascend by it");
+        CLI::Option* recordSize = command.add_option("--record-size", fRecordSize, "Bytes of one record");
         CLI::Option* damaged = command.add_option("--damaged", fDamaged,
-                                                  "At a damaged block stop, as without it, or go on with zeros (zero) "
+                                                  "At a damaged block stop (the default), or go on with zeros (zero) "
                                                   "or without its rows (skip)");
         range->option_text("OFF:LEN")->allow_extra_args(false)->excludes(records);
         records->option_text("A:B")->allow_extra_args(false)->needs(recordSize);

@@ -8,7 +8,7 @@
 void choiceOptions::addBlockTo(CLI::App& command) {
     command
         .add_option("--block", block,
-                    "Bytes of rows in a block, 65,536 to 4,190,208, or as 256K; 1M without it. Shorter blocks make "
+                    "Bytes of rows in a block, 65,536 to 4,190,208, also as 256K; 1M by default. Shorter blocks make "
                     "reading a few rows faster and the file larger")
         ->option_text("LEN")
         ->transform(
@@ -19,7 +19,7 @@ void choiceOptions::addBlockTo(CLI::App& command) {
 void choiceOptions::addLevelTo(CLI::App& command) {
     command
         .add_option("--level", level,
-                    "Of compression: 1, as without it, is the fastest, " +
+                    "Level of compression: 1, the default, is the fastest, " +
                         std::to_string(zcmpsFilestr::bestCompressionLevel()) + " the smallest")
         ->option_text("N")
         ->check(CLI::Range(std::int32_t{1}, zcmpsFilestr::bestCompressionLevel()));

@@ -25,10 +25,9 @@ public:
         command.add_option("--row0", fPart.row0, "The file offset where the compressed part begins in each of them")
             ->option_text("S")
             ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
-        command.add_option("-o,--output", fOut, "The file to make; cannot be left out")
-            ->option_text("FILE")
-            ->required();
-        command.add_option("--dict", fDict, "The dictionary part to put in front; without it the first file's")
+        command.add_option("-o,--output", fOut, "The file to make; required")->option_text("FILE")->required();
+        command
+            .add_option("--dict", fDict, "A file whose bytes become the dictionary part; without it the first file's")
             ->option_text("FILE");
         command.add_flag("--check", fCheck, "Inflate every block first, and make nothing if one is damaged");
         fOutput.addTo(command);

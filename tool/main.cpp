@@ -31,7 +31,7 @@ constexpr namedVerb kVerbs[] = {
     {"join", "Put the rows of finished files into one, without inflating them", makeJoin},
     {"cat", "Write rows to standard output, whole or in ranges", makeCat},
     {"append", "Add rows to a finished file; a failure leaves it as it was", makeAppend},
-    {"info", "Tell what a file holds", makeInfo},
+    {"info", "Show what a file holds", makeInfo},
     {"verify", "Inflate every block and name the bad ones", makeVerify},
     {"recover", "Rebuild a finished file from a damaged or unfinished one", makeRecover},
     {"splits", "List ranges of rows that can be read in parallel", makeSplits},
@@ -113,13 +113,13 @@ std::string subjectOf(const CLI::App& command) {
 }
 
 int runTool(int argc, char** argv, std::string& verbName, std::string& subject) {
-    CLI::App app{"Files of rows, compressed in blocks, any part of which can be read by itself.", "orva"};
+    CLI::App app{"Files of rows, compressed in blocks; any part can be read by itself.", "orva"};
     app.formatter(helpLayout());
-    app.set_help_flag("-h,--help", "Tell what you are reading");
-    app.set_version_flag("--version", versionText(), "Tell the version and the codecs in use");
+    app.set_help_flag("-h,--help", "Show this help");
+    app.set_version_flag("--version", versionText(), "Show the version and the codecs in use");
     app.require_subcommand(0, 1);
     app.footer(
-        "'orva VERB --help' tells the options of a verb, 'man orva' everything.\n"
+        "'orva VERB --help' lists the options of a verb, 'man orva' explains everything.\n"
         "Exit codes: 0 all well, 1 other failure, 2 usage, 3 an input cannot be read,\n"
         "4 the output cannot be written, 5 damaged or unfinished data, 7 done in part.");
     std::vector<std::pair<CLI::App*, std::unique_ptr<verb>>> verbs;

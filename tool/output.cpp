@@ -32,7 +32,7 @@ int openToWrite(const std::string& name) {
 
 void outputOptions::addTo(CLI::App& app) {
     app.add_flag("-f,--force", force, "Replace an existing output");
-    app.add_flag("--no-sync", noSync, "Leave it to the system when the output reaches the disk");
+    app.add_flag("--no-sync", noSync, "Let the system decide when the output reaches the disk");
 }
 
 void requireFileName(const std::string& out) {

@@ -28,7 +28,7 @@ public:
         command.add_option("IN", fInputs, "Files of rows, one behind the other; - is standard input")->required();
         command.add_option("-o,--output", fOut, "The file to make; without it IN.orva, if there is one IN")
             ->option_text("FILE");
-        command.add_option("--dict", fDict, "The dictionary part to put in front, byte for byte")->option_text("FILE");
+        command.add_option("--dict", fDict, "A file whose bytes become the dictionary part")->option_text("FILE");
         fChoices.addLevelTo(command);
         fChoices.addBlockTo(command);
         fOutput.addTo(command);

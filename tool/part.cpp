@@ -13,10 +13,10 @@
 namespace {
 
 void addPlace(CLI::App& app, partOptions& options) {
-    app.add_option("--row0", options.row0, "The file offset where the compressed part begins; found without it")
+    app.add_option("--row0", options.row0, "The file offset where the compressed part begins; found if not given")
         ->option_text("S")
         ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
-    app.add_flag("--swap", options.swap, "With --row0: the heading has the other byte order; found without it")
+    app.add_flag("--swap", options.swap, "With --row0: the heading has the other byte order; found if not given")
         ->needs("--row0");
 }
 

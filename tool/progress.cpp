@@ -27,7 +27,7 @@ void progressOptions::addTo(CLI::App& app) {
     app.add_option("--progress", when, "A progress bar: auto (on a terminal, when the work is long) or never")
         ->option_text("WHEN")
         ->check(CLI::IsMember({"auto", "never"}));
-    app.add_flag("-v,--verbose", verbose, "Tell what was done, and how fast");
+    app.add_flag("-v,--verbose", verbose, "Say what was done, and how fast");
 }
 
 progress::progress(const progressOptions& options, std::string label, std::int64_t total)

@@ -22,8 +22,8 @@ public:
         command.add_option("-o,--output", fOut, "The file to make; needed unless --roll-back is given")
             ->option_text("FILE");
         command.add_flag("--committed", fCommitted,
-                         "Leave out the blocks that an append which was not finished has added; a last block that it "
-                         "has rewritten stays, new rows included");
+                         "Leave out the blocks that an unfinished append has added; a last block that it has "
+                         "rewritten stays, with its new rows");
         command.add_flag("--drop", fDrop, "Close the gaps of lost rows instead of filling them with zeros");
         command.add_flag("--json", fJson, "Write the report as JSON");
         CLI::Option* rollBack =

@@ -41,15 +41,17 @@ class splitsVerb final : public verb {
 public:
     void addOptions(CLI::App& command) override {
         fPart.addTo(command);
-        command.add_flag("--json", fJson, "Write them as JSON, not one a line as offset, tab and length");
+        command.add_flag("--json", fJson, "Write JSON instead of lines with offset, tab and length");
         const auto atLeastOne = CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max());
-        command.add_option("--count", fCount, "So many ranges at most; without it one for each block")
+        command.add_option("--count", fCount, "At most N ranges; without it one for each block")
             ->option_text("N")
             ->check(atLeastOne);
         CLI::Option* recordSize =
-            command.add_option("--record-size", fRecordSize, "The bytes of one record; no range cuts one");
+            command.add_option("--record-size", fRecordSize, "Bytes of one record; no range cuts a record");
         recordSize->option_text("N")->check(atLeastOne);
-        command.add_option("--delimiter", fDelimiter, "The byte behind each record, as '\\n'; no range cuts one")
+        command
+            .add_option("--delimiter", fDelimiter,
+                        "The byte that ends each record, such as '\\n'; no range cuts a record")
             ->option_text("C")
             ->check(
                 [](const std::string& text) { return parseByte(text) ? "" : "is not one byte, as x, \\n or \\x1e"; })

@@ -63,7 +63,7 @@ void runOnThreads(std::int32_t threads, const std::function<void()>& work) {
 
 void threadOptions::addTo(CLI::App& command) {
     command
-        .add_option("-T,--threads", wanted, "Threads at work in all, up to 256; 0, as without it, is one for each core")
+        .add_option("-T,--threads", wanted, "Threads at work in all, up to 256; 0, the default, is one for each core")
         ->option_text("N")
         ->check(CLI::Range(0, kMostThreads));
 }
