@@ -88,10 +88,10 @@ def _called(progress: Progress) -> Progress:
 
 def info(path: PathLike, *, row0: int | None = None) -> FileInfo:
     """The content of a finished file's heading and index. Errors: as `orva.open`."""
-    told: list[Any]
-    *told, index, blocks = _orva.info(name_of(path), row0_of(row0))
-    told += [Range(*index), [Block(Range(*rows), *where) for rows, *where in blocks]]
-    return FileInfo(*told)
+    fields: list[Any]
+    *fields, index, blocks = _orva.info(name_of(path), row0_of(row0))
+    fields += [Range(*index), [Block(Range(*rows), *where) for rows, *where in blocks]]
+    return FileInfo(*fields)
 
 
 def verify(

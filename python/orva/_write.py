@@ -83,9 +83,9 @@ def append(path: PathLike, array: npt.ArrayLike, *, roll_back: bool = False) -> 
     name = name_of(path)
     writer = _orva.append(name, None, 1, 1, 0, bool(roll_back))  # keeps other writers out while the dtype is checked
     try:
-        told = _dtype.of_file(path_of(path))
-        if told is not None and told != row:
-            raise ValueError(f'"{path_of(path)}" has rows of {told}, not of {row}')
+        own = _dtype.of_file(path_of(path))
+        if own is not None and own != row:
+            raise ValueError(f'"{path_of(path)}" has rows of {own}, not of {row}')
         if writer.size % row.itemsize != 0:
             raise ValueError(f'"{path_of(path)}" is not filled by rows of {row}: it has {writer.size} bytes of them')
         _write(writer, values, row)

@@ -24,8 +24,8 @@ _BUFFER = 1 << 16  # as much as engines read to find the end of a line; more mig
 def checked(found: bytes, size: int, path: str) -> bytes:
     """The bytes that a store gave for a range of `size` bytes; OSError if they are not as many."""
     if len(found) != size:
-        told = f"its store gave {len(found)} bytes of a range of {size}; simplecache:: copies whole files"
-        raise OSError(f"{path}: {told}")
+        text = f"its store gave {len(found)} bytes of a range of {size}; simplecache:: copies whole files"
+        raise OSError(f"{path}: {text}")
     return found
 
 

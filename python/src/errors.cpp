@@ -24,9 +24,9 @@ void set(const char* name, const orva::Error& error) {
 
 // OSError chooses its subclass by the number.
 void set(const orva::SystemError& error) {
-    const py::tuple told =
+    const py::tuple arguments =
         py::make_tuple(error.code().value(), decoded(error.reason()), decoded(error.path().string()));
-    PyErr_SetObject(PyExc_OSError, told.ptr());
+    PyErr_SetObject(PyExc_OSError, arguments.ptr());
 }
 
 void raise(std::exception_ptr thrown) {

@@ -17,7 +17,7 @@ namespace {
 
 // Reports are tuples in the order of the fields of the classes in orva/_files.py.
 
-py::tuple told(const orva::Range& range) {
+py::tuple asTuple(const orva::Range& range) {
     return py::make_tuple(range.offset, range.length);
 }
 
@@ -26,10 +26,10 @@ py::tuple info(const std::string& path, std::optional<i64> row0) {
     const orva::FileInfo found = gil::without([&] { return orva::info(path, row0); });
     py::list blocks;
     for (const orva::Block& block : found.blocks) {
-        blocks.append(py::make_tuple(told(block.rows), block.file_offset, block.stored));
+        blocks.append(py::make_tuple(asTuple(block.rows), block.file_offset, block.stored));
     }
     return py::make_tuple(ways[static_cast<std::size_t>(found.found_by)], found.swapped, found.row0, found.size,
-                          found.stored, found.file_size, found.block_size, told(found.index), blocks);
+                          found.stored, found.file_size, found.block_size, asTuple(found.index), blocks);
 }
 
 // Lets signals act, and calls the caller's function if there is one. Outlives the work; made and destroyed with the
@@ -57,7 +57,7 @@ py::tuple verify(const std::string& path, std::optional<i64> row0, int threads,
         [&] { return orva::verify(path, {.row0 = row0, .threads = threads, .progress = report.progress()}); });
     py::list bad;
     for (const orva::BadBlock& block : found.bad) {
-        bad.append(py::make_tuple(block.block, told(block.rows), decoded(block.text)));
+        bad.append(py::make_tuple(block.block, asTuple(block.rows), decoded(block.text)));
     }
     return py::make_tuple(found.blocks, bad, decoded(found.index));
 }
@@ -70,7 +70,7 @@ py::tuple recover(const std::string& from, const std::string& to, std::optional<
     const orva::RecoverReport found = gil::without([&] { return orva::recover(from, to, how); });
     py::list lost;
     for (const orva::LostRows& rows : found.lost) {
-        lost.append(py::make_tuple(told(rows.rows), rows.estimated, decoded(rows.text)));
+        lost.append(py::make_tuple(asTuple(rows.rows), rows.estimated, decoded(rows.text)));
     }
     return py::make_tuple(found.blocks, found.size, lost);
 }
