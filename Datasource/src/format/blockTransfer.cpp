@@ -15,7 +15,7 @@ namespace orva {
 
 namespace {
 
-// Gives the length of what a codec made of a block at `to`.
+// Returns the length of the stream that the codec made; asserts that it is whole.
 std::uint32_t wholeStream(const blockOutcome& outcome) {
     requireMemory(outcome);
     ORVA_ASSERT(outcome.end == blockOutcome::complete, "ret != 0");
@@ -39,19 +39,19 @@ bool standsInside(const filePosRecord& r, std::int64_t fileEnd) {
     return isBlockSize(r.translateSize) && r.translatePos >= 0 && r.translatePos <= fileEnd - r.translateSize;
 }
 
-// What a record is held against: all of its index, and the length of the file.
+// All records of the index and the length of the file, against which a record is checked.
 struct allBlocks {
     std::span<const filePosRecord> records;
     std::int64_t fileEnd;
 
-    // The record of that number, if there is one that could be true.
+    // The record of that number, if it exists and can be true.
     std::optional<filePosRecord> credible(std::int64_t number) const {
         if (number < 0 || number >= std::ssize(records)) return std::nullopt;
         const filePosRecord& r = records[static_cast<std::size_t>(number)];
         if (!standsInside(r, fileEnd)) return std::nullopt;
         return r;
     }
-    // Ends of a record that do not meet its neighbour's: no writer leaves gaps between blocks.
+    // Counts the ends of a record that do not meet its neighbours: no writer leaves gaps between blocks.
     int looseEnds(std::int64_t number, const filePosRecord& r) const {
         const std::optional<filePosRecord> before = credible(number - 1);
         const std::optional<filePosRecord> behind = credible(number + 1);
@@ -59,8 +59,8 @@ struct allBlocks {
                                        : number == 0 && r.translatePos - kHeadingSize != r.orginalPos;
         return (looseBegin ? 1 : 0) + (behind && r.translatePos + r.translateSize != behind->translatePos ? 1 : 0);
     }
-    // Of two records with bytes in common one lies: the one that fits less well between its neighbours, or else the one
-    // that begins first, since its end is what passes the other's beginning.
+    // Of two records with bytes in common one is wrong: the one that fits its neighbours less well, else the one that
+    // begins first, since its end passes the other's beginning.
     bool overlaps(std::int64_t number, std::int64_t other) const {
         const std::optional<filePosRecord> a = credible(number);
         const std::optional<filePosRecord> b = credible(other);
@@ -71,7 +71,7 @@ struct allBlocks {
     }
 };
 
-// Memory for rows is as long as a block can be.
+// Memory for rows has room for the longest block only.
 void checkRows(const readRoad& road, const blockPlace& block) {
     if (isBlockSize(block.record.orginalSize)) return;
     refuse(road, block, "orginalSize in 1..4190208", "has a record with an impossible size");
@@ -107,8 +107,8 @@ std::uint32_t deflateRoom(std::uint32_t size) {
     return std::max(zlibCompressBlock::compressRoom(size), 2 * zlibCompressBlock::compressRoom((size + 1) / 2));
 }
 
-// Both halves of a block that does not fit do: deflate adds some thousands of bytes at most, and a half leaves room for
-// two millions.
+// Both halves of a block fit even if the block does not: deflate adds some thousands of bytes at most, and a half
+// leaves room for two millions.
 deflatedBlock deflateBlock(zlibCompressBlock& codec, std::int32_t level, const unsigned char* block, std::uint32_t size,
                            unsigned char* scratch) {
     const auto roomFor = &zlibCompressBlock::compressRoom;

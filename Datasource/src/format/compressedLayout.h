@@ -1,5 +1,4 @@
-// The structures of the compressed part of a file, as they stand on disk in the writing machine's byte order.
-// Rules, order of writing and a worked example: docs/format.md.
+// The structures of the compressed part of a file, in the writing machine's byte order.
 #pragma once
 
 #include <orva/blockSize.h>
@@ -9,7 +8,7 @@
 #include <bit>
 #include <cstdint>
 
-// At the row-0 position. Written last of all: it is what makes a file finished.
+// The heading at the row-0 position. Written last of all: it makes a file finished.
 struct compressionHeading {
     std::int64_t _caseStartPos;  // the heading's own offset, S
     std::int64_t _indexPos;      // file offset of the index
@@ -33,10 +32,10 @@ static_assert(sizeof(compressionHeading) == 24 && sizeof(filePosRecord) == 24);
 inline constexpr std::int64_t kHeadingSize = sizeof(compressionHeading);
 inline constexpr std::int64_t kRecordSize = sizeof(filePosRecord);
 
-// No part can begin behind this: its first block has to end within the signed 64-bit range.
+// No part can begin behind this: its first block must end within the signed 64-bit range.
 inline constexpr std::int64_t kLastRow0Pos = INT64_MAX - kHeadingSize - kBlockSize;
 
-// In orginalPos: the first record of an index; and a look-up's answer for a position that no block holds.
+// Values of orginalPos: in the first record of an index, and in findRecord's result for a position that no block holds.
 inline constexpr std::int64_t kFirstRecordMark = -100;
 inline constexpr std::int64_t kNoRecord = -200;
 

@@ -13,7 +13,7 @@
 
 namespace {
 
-// A record of a damaged index may reach over the start of the next one; that block is still found by its position.
+// A record of a damaged index may reach past the start of the next; the next block is still found by its position.
 bool holds(const filePosRecord* records, std::int64_t number, std::int64_t last, std::int64_t pos) {
     const filePosRecord& record = records[number];
     return record.orginalPos <= pos && pos < record.orginalPos + record.orginalSize &&
@@ -154,7 +154,7 @@ std::optional<std::uint32_t> filePosInfo::find(std::int64_t pos) const {
     return answer(found, found + 1);
 }
 
-// Where the record would be if all blocks had one size: a better place to begin a search than the guess when the row-0
+// Where the record would be if all blocks had one size: a better start for a search than the guess if the row-0
 // position is large or blocks are short.
 std::int64_t filePosInfo::likelyNumber(std::int64_t pos) const {
     const auto before = static_cast<double>(pos - parsed(0).orginalPos);
@@ -163,7 +163,7 @@ std::int64_t filePosInfo::likelyNumber(std::int64_t pos) const {
     return std::min<std::int64_t>(number, parsedCount() - 1);
 }
 
-// From the guess, in the one direction that the ascending order leaves, by steps that double; then by halves.
+// Searches from the guess in the one direction that the ascending order leaves, by doubling steps, then by bisection.
 std::int64_t filePosInfo::searchOutward(std::int64_t guess, std::int64_t pos) const {
     const filePosRecord* records = fParsed.data();
     const std::int64_t last = std::ssize(fParsed) - 1;

@@ -1,11 +1,13 @@
-// filePosInfo: the in-memory block index of one compressed stream. Maps a logical position to the record of the block
-// that holds it, collects records while blocks are written, turns them into index bytes and back.
+// filePosInfo: the in-memory block index of one compressed stream. Maps a logical position to the record of its block,
+// collects records while blocks are written, and converts them to index bytes and back. Format: docs/format.md,
+// "Index".
 // Format: docs/format.md, "Index".
 //
 // Units:   logical positions (the first data byte stands at the row-0 position); only translatePos is a file offset.
-// Owner:   the stream. Workers hold a plain pointer and end before it does.
-// Threads: no lock. Writing: one thread at a time. Reading: parse first, then findRecord on any thread.
-// Failure: an assertion on a caller's duty, DamagedFileError on bytes from a file; bad_alloc changes nothing.
+// Owner:   the stream. Workers hold a plain pointer and end before the stream does.
+// Threads: no lock. Writing: one thread at a time. Reading: parse first, then look up on any thread.
+// Failure: an assertion if a caller breaks its contract; DamagedFileError for bytes of a file; bad_alloc changes
+//          nothing.
 #pragma once
 
 #include <orva/compressedLayout.h>
@@ -24,16 +26,16 @@ namespace orva {
 inline constexpr std::int64_t kMostRecords = 178'956'969;
 static_assert((kMostRecords + 1) * kRecordSize <= UINT32_MAX && (kMostRecords + 2) * kRecordSize > UINT32_MAX);
 
-// Throw DamagedFileError, which names the file, unless an index's first record, or the record of a block behind the one
-// before, can be true by itself.
+// Throw DamagedFileError with the file's name unless the record can be true by itself: the first record of an index, or
+// block record `number`, which must ascend from the one before.
 void checkFirstRecord(const filePosRecord& first, const std::string& fileName);
 void checkAscends(std::span<const filePosRecord> records, std::size_t number, const std::string& fileName);
 
-// The length of full blocks that the writer of these had chosen, as far as they tell: that of all but the last. One
-// block alone may be a short one: unless it is longer than the command's are, it passes for one of those.
+// The block length that the writer of these records had chosen, as far as they show it: that of all but the last. A
+// single block may be a short one, and counts as one of the command's unless it is longer than those.
 std::int64_t chosenLength(std::span<const filePosRecord> records);
 
-// The greatest of these sizes of the blocks, 0 without any. One that cannot be true counts as well.
+// The greatest `size` of the records, 0 without any. Impossible sizes count as well.
 std::size_t longest(std::span<const filePosRecord> records, std::int32_t filePosRecord::*size);
 
 }  // namespace orva
@@ -43,42 +45,44 @@ public:
     // `fileName` is for messages.
     explicit filePosInfo(std::uint32_t blockSize, std::string fileName = {});
 
-    // Write side: one record a block, in block order. length_error once the index's length would pass 32 bits.
+    // Write side: adds one record a block, in block order. Throws length_error once the index's length would pass 32
+    // bits.
     void addRecord(std::int64_t orginalPos, std::int64_t translatePos, std::int32_t orginalSize,
                    std::int32_t translateSize);
     std::size_t recordCount() const { return fRecords.size(); }
-    // Where the last added block ends in the file, or `otherwise` without one.
+    // Where the last added block ends in the file; `otherwise` if there is none.
     std::int64_t writtenEnd(std::int64_t otherwise) const;
-    // The index bytes of what was added, valid until the next call or the index's end. `swap`: in the other byte order.
+    // The index bytes of the added records, valid until the next call or the object's end. `swap`: in the other byte
+    // order.
     const unsigned char* serialize(std::uint32_t& stLength, bool swap = false);
 
-    // Read side. Takes index bytes whose length was held against their record count. Null changes nothing.
+    // Read side. Parses index bytes whose length has been checked against their record count. Null changes nothing.
     void parseForRead(const unsigned char* buff, bool swap);
-    // Takes all records but the last over to the write side and gives the last, which the caller decides about; the
-    // first record (orginalPos -100) when there are no blocks. Swaps `buff` in place. Look-up is closed from here on.
+    // Moves all records but the last to the write side and returns the last, for the caller to decide about; without
+    // blocks it returns the first record (orginalPos -100). Swaps `buff` in place. Look-up is impossible afterwards.
     filePosRecord parseForAppend(unsigned char* buff, bool swap);
 
-    // The record whose block holds `pos`; where none does, orginalPos is -200 and the other fields are unset.
-    // Needs parseForRead. Allocates nothing. Reads O(log distance) records around a guess.
+    // The record whose block holds `pos`; if there is none, orginalPos is -200 and the other fields are unset. Needs
+    // parseForRead. Allocates nothing. Reads O(log distance) records around a guess.
     filePosRecord findRecord(std::int64_t pos) const;
-    // The number of that record.
+    // The number of that record; empty if there is none.
     std::optional<std::uint32_t> find(std::int64_t pos) const;
-    // The parsed records; none before.
+    // The parsed records; empty before parsing.
     std::span<const filePosRecord> records() const { return fParsed; }
     std::uint32_t parsedCount() const { return static_cast<std::uint32_t>(fParsed.size()); }
     const filePosRecord& parsed(std::uint32_t number) const { return fParsed[number]; }
     std::uint32_t blockSize() const { return fBlockSize; }
-    // Logical position behind the last parsed block, or `otherwise` when there are none.
+    // Logical position behind the last parsed block, or `otherwise` without one.
     std::int64_t dataEnd(std::int64_t otherwise) const;
 
-    // The length of the file: no block of it can reach further. Unlimited at first.
+    // Sets the length of the file, which no block can pass. Unlimited at first.
     void limitPlaces(std::int64_t fileEnd) { fFileEnd = fileEnd; }
     std::int64_t placeLimit() const { return fFileEnd; }
 
     static void swapRecord(filePosRecord* record) { orva::swapRecord(*record); }
 
 private:
-    // The records of an index, checked and in host order; takes its block size.
+    // Checks the records of an index and returns them in host order; stores its block size.
     std::vector<filePosRecord> taken(const unsigned char* buff, bool swap);
     std::int64_t likelyNumber(std::int64_t pos) const;
     // The number of the record around the guess that holds `pos`, or -1.
@@ -94,6 +98,6 @@ private:
     bool bParsed = false;
     std::uint32_t fBlockSize;
     std::int64_t fFileEnd = std::numeric_limits<std::int64_t>::max();
-    // A guess at the next hit, raced on purpose: read once per look-up, then clamped.
+    // A guess at the next hit. Races on it are harmless: it is read once per look-up, then clamped.
     mutable std::atomic<std::uint32_t> fCursor{0};
 };

@@ -21,8 +21,9 @@ std::string indexSpan(const compressionHeading& heading) {
     return "its index of " + std::to_string(heading._size) + " bytes at offset " + std::to_string(heading._indexPos);
 }
 
-constexpr std::size_t kPieceRecords = 1024;  // read at a time
-constexpr std::size_t kPageRecords = 128;    // fewer than a page holds, which the file system stores or leaves out
+constexpr std::size_t kPieceRecords = 1024;  // records read at a time
+constexpr std::size_t kPageRecords =
+    128;  // fewer than one page, the unit in which a file system stores bytes or leaves a hole
 
 constexpr const char* kWholeRecords = "_size == 24 x (n + 1)";
 constexpr const char* kIndexFits = "ret == chInfo._size";
@@ -51,8 +52,8 @@ void checkBegin(bytesFrom file, const compressionHeading& heading, const filePos
                std::to_string(heading._caseStartPos));
 }
 
-// All records, the first one included, a piece at a time: `check` is called with those that there are and the number
-// of the first one that is new.
+// All records, the first one included, read a piece at a time. `check` gets the records so far and the number of the
+// first new one.
 template <class Check>
 std::vector<filePosRecord> inPieces(bytesFrom file, const compressionHeading& heading, bool atOnce, Check check) {
     checkPlaces(file, heading, lengthOf(file));
@@ -64,7 +65,7 @@ std::vector<filePosRecord> inPieces(bytesFrom file, const compressionHeading& he
         const std::int64_t place = heading._indexPos + static_cast<std::int64_t>(known) * kRecordSize;
         if (!file.read(piece.data(), piece.size_bytes(), place)) refuseCut(file, heading);
         check(std::span(records), known);
-        if (known == 0) records.reserve(all);  // not before: what stands there may be a hole
+        if (known == 0) records.reserve(all);  // not before: the index may be a hole
     }
     return records;
 }

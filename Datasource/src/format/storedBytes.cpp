@@ -13,7 +13,7 @@ const std::string& bytesFrom::name() const {
     return fFile != nullptr ? fFile->GetNameStr().GetGeneric() : fOther->name();
 }
 
-// A disk that cannot tell is no damaged file.
+// A disk error is no damage of the file.
 std::int64_t bytesFrom::length() const {
     if (fFile == nullptr) return fOther->length();
     platform::setErrno(0);

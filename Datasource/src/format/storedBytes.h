@@ -1,10 +1,10 @@
-// storedBytes: what headings, indexes and blocks are read from where that is no ORVA_File. bytesFrom: either of the
-// two, so that whoever reads and checks them has one road for both.
+// storedBytes: a source of headings, indexes and blocks other than an ORVA_File. bytesFrom is either of the two, so
+// that the code that reads and checks them is the same for both.
 //
-// Owner:   bytesFrom owns nothing; what it stands for outlives it.
+// Owner:   bytesFrom owns nothing; its source must outlive it.
 // Threads: as ORVA_File: several threads may read at once.
-// Failure: FileError of an ORVA_File, also of one that somebody has closed: it is no file that ends. What storedBytes
-//          throws passes.
+// Failure: FileError from an ORVA_File, also from one that somebody has closed: that is not an end of the file.
+//          Exceptions of storedBytes pass.
 #pragma once
 
 #include <orva/file.h>
@@ -15,11 +15,11 @@
 
 namespace orva {
 
-// No file takes 2 GiB at a time, and an index can be twice as long.
+// No file transfers 2 GiB at a time, and an index can be twice as long.
 inline constexpr std::uint64_t kLongestTransfer = std::uint64_t{1} << 30;
 
-// Moves by transfer(bytes, count, place) what a file takes or gives at a time, one piece behind the other. False once a
-// piece is short.
+// Calls transfer(bytes, count, place) for one piece after the other, each as large as a file transfers at a time. False
+// once a piece is short.
 template <class Byte, class Transfer>
 bool inPieces(Byte* bytes, std::uint64_t size, std::int64_t place, Transfer transfer) {
     while (size != 0) {
@@ -35,21 +35,21 @@ bool inPieces(Byte* bytes, std::uint64_t size, std::int64_t place, Transfer tran
 class storedBytes {
 public:
     virtual ~storedBytes() = default;
-    // For messages.
+    // The name for messages.
     virtual const std::string& name() const = 0;
     virtual std::int64_t length() const = 0;
-    // All `size` bytes at `place`, or false: they end before.
+    // Reads all `size` bytes at `place`; false if the bytes end before.
     virtual bool read(void* to, std::uint64_t size, std::int64_t place) const = 0;
 };
 
 class bytesFrom {
 public:
-    bytesFrom(ORVA_File& file) : fFile(&file) {}             // NOLINT(google-explicit-constructor): a reference
-    bytesFrom(const storedBytes& other) : fOther(&other) {}  // NOLINT(google-explicit-constructor): of another kind
+    bytesFrom(ORVA_File& file) : fFile(&file) {}             // acts as a reference
+    bytesFrom(const storedBytes& other) : fOther(&other) {}  // likewise
 
     const std::string& name() const;
     std::int64_t length() const;
-    // All of them, or false: the file ends before. `ahead`: nobody has asked for them yet (ORVA_File::ReadAhead).
+    // The same. `ahead`: nobody has asked for the bytes yet (ORVA_File::ReadAhead).
     bool read(void* to, std::uint64_t size, std::int64_t place, bool ahead = false) const;
 
 private:

@@ -14,10 +14,10 @@ namespace orva {
 
 namespace {
 
-// ISA-L's state of one thread. Its stream and tables are too large for a stack and too costly to make for each block.
+// ISA-L's state for one thread. Stream and tables are too large for a stack and too expensive to make for each block.
 struct deflateState {
     isal_zstream stream;
-    unsigned char tables[ISAL_DEF_LVL1_EXTRA_LARGE];  // measures faster than the default, most of all on noise
+    unsigned char tables[ISAL_DEF_LVL1_EXTRA_LARGE];  // faster in measurements than the default, most of all on noise
 };
 
 struct freeDecompressor {
@@ -31,7 +31,7 @@ struct freeCompressor {
 struct threadEngines {
     const std::unique_ptr<deflateState> deflating{new (std::nothrow) deflateState};
     const std::unique_ptr<libdeflate_decompressor, freeDecompressor> inflating{libdeflate_alloc_decompressor()};
-    // By libdeflate's levels. Made when first used: the highest ones take 9 MB. 0 only stores.
+    // Indexed by libdeflate's level; 0 only stores. Made at first use: the highest ones take 9 MB.
     std::unique_ptr<libdeflate_compressor, freeCompressor> compressing[kBestFastLevel + 1];
 };
 
@@ -39,8 +39,8 @@ void endEngines(void* engines) {
     delete static_cast<threadEngines*>(engines);
 }
 
-// Each thread's engines. They are no thread_local object: where there is no memory to note that one has to end, the
-// system ends the process. Nobody gives the key back: threads and static objects may work on while the process ends.
+// Each thread's engines. They are not thread_local: without memory to register their destructor the system would end
+// the process. The key is never deleted: threads and static objects may still work while the process ends.
 pthread_key_t gKey;
 const bool gHasKey = pthread_key_create(&gKey, endEngines) == 0;
 
@@ -63,10 +63,10 @@ std::optional<blockOutcome> byLibdeflate(std::int32_t level, const unsigned char
     return blockOutcome{blockOutcome::complete, static_cast<std::uint32_t>(produced), size};
 }
 
-constexpr unsigned char kZlibHeader[] = {0x78, 0x01};  // a window of 32 KiB, the fastest level
+constexpr unsigned char kZlibHeader[] = {0x78, 0x01};  // 32 KiB window, fastest level
 constexpr std::uint32_t kChecksum = 4;
 
-// The bytes that ISA-L makes of a zlib stream; only the checksum is libdeflate's, which takes a fifth of the time.
+// The same stream as ISA-L's own zlib format, but with libdeflate's checksum, which takes a fifth of the time.
 std::optional<blockOutcome> byIsal(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                    std::uint32_t room) noexcept {
     const threadEngines* engines = ownEngines();
@@ -75,14 +75,15 @@ std::optional<blockOutcome> byIsal(const unsigned char* from, std::uint32_t size
     }
     isal_zstream& stream = engines->deflating->stream;
     isal_deflate_stateless_init(&stream);
-    stream.hist_bits = 0;  // the whole window: the call before leaves what the memory held, which may be a short one
+    stream.hist_bits = 0;  // the whole window: the init call leaves this field as it was in memory, which may mean a
+                           // shorter one
     stream.level = 1;
     stream.level_buf = engines->deflating->tables;
     stream.level_buf_size = sizeof engines->deflating->tables;
     stream.gzip_flag = IGZIP_DEFLATE;
     stream.flush = NO_FLUSH;
     stream.end_of_stream = 1;
-    stream.next_in = const_cast<unsigned char*>(from);  // read only
+    stream.next_in = const_cast<unsigned char*>(from);  // ISA-L only reads it
     stream.avail_in = size;
     stream.next_out = std::copy(std::begin(kZlibHeader), std::end(kZlibHeader), to);
     stream.avail_out = room - static_cast<std::uint32_t>(sizeof kZlibHeader) - kChecksum;
@@ -92,10 +93,10 @@ std::optional<blockOutcome> byIsal(const unsigned char* from, std::uint32_t size
     return blockOutcome{blockOutcome::complete, static_cast<std::uint32_t>(stream.next_out - to), size};
 }
 
-// A hundredth of a block that is no noise meets a sample, so what lies between them wins less.
+// Any hundredth of a block without noise meets a sample, so the gains between samples are less than that.
 constexpr std::uint32_t kSample = 256;
 constexpr std::uint32_t kSamples = 128;
-// Of 256 random bytes 162 are different ones, give or take 6. Rows have far fewer, and are told by their first sample.
+// 256 random bytes have 162 different values, give or take 6. Rows have far fewer, and the first sample shows it.
 constexpr int kValuesOfNoise = 128;
 
 bool hasManyValues(const unsigned char* sample) {
@@ -106,8 +107,7 @@ bool hasManyValues(const unsigned char* sample) {
     return values >= kValuesOfNoise;
 }
 
-// Bytes of many values can be rare in their frequencies, or repeat what stands up to a window before: deflating some of
-// them shows it.
+// Bytes with many values may still differ in frequency, or repeat within a window: deflating some of them shows it.
 constexpr std::uint32_t kTrial = 36 * 1'024;
 constexpr std::uint32_t kTrialStep = 512 * 1'024;
 
@@ -118,7 +118,7 @@ bool shrinks(const unsigned char* from, std::uint32_t size, unsigned char* scrat
 
 constexpr std::uint32_t kStoredBlock = 65'535;
 constexpr std::uint32_t kStoredBlockHead = 5;
-constexpr std::uint32_t kStreamEnds = sizeof kZlibHeader + kChecksum + 10;  // and what closes the last block
+constexpr std::uint32_t kStreamEnds = sizeof kZlibHeader + kChecksum + 10;  // and what ends the last block
 
 }  // namespace
 
@@ -139,7 +139,7 @@ bool fastSeesNoise(const unsigned char* from, std::uint32_t size, unsigned char*
     return true;
 }
 
-// What does not shrink is stored, so a stream is never longer than its block stored. libdeflate asks for room for
+// Data that do not shrink are stored, so a stream is never longer than its block stored. libdeflate asks for room for
 // shorter pieces than it ever makes.
 std::uint32_t fastDeflateRoom(std::uint32_t size) noexcept {
     const std::uint32_t stored = size + (size / kStoredBlock + 1) * kStoredBlockHead + kStreamEnds;

@@ -1,11 +1,12 @@
-// The fast engines behind zlibCompressBlock: the same streams in less time. Built with ORVA_FAST_CODEC.
+// The fast engines behind zlibCompressBlock: they make the same kind of streams in less time. Built with
+// ORVA_FAST_CODEC.
 //
-// They answer only when they end in a whole stream that fits. In every other case (no room, damaged input, no memory)
-// they give nothing, and zlib's road answers, so that results, counts and failures are zlib's.
+// They return a result only for a whole stream that fits. In every other case (no room, damaged input, no memory) they
+// return nothing, and the caller runs zlib, so that results, counts and failures are zlib's.
 //
-// Levels:  1 is ISA-L's, 2 libdeflate's first one, and from 3 on they are libdeflate's own.
-// Threads: any; each thread keeps the engines' state that it has used until it ends: 700 KB, for a level above the
-//          first as much again, from 10 on 9 MB.
+// Levels:  1 is ISA-L's; 2 is libdeflate's level 1, and 3 and above are libdeflate's own.
+// Threads: any. Each thread keeps the engine state that it has used until it ends: 700 KB, for a level above 1 as much
+//          again, for 10 and above 9 MB.
 #pragma once
 
 #include <orva/zlibCompress.h>
@@ -24,13 +25,13 @@ std::optional<blockOutcome> fastDeflate(std::int32_t level, const unsigned char*
                                         unsigned char* to, std::uint32_t room) noexcept;
 std::optional<blockOutcome> fastInflate(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                         std::uint32_t room) noexcept;
-// A stream of stored blocks.
+// Makes a stream of stored blocks.
 std::optional<blockOutcome> fastStore(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                       std::uint32_t room) noexcept;
-// Deflating the block would win less than 1% of it, as far as samples at many places show. `scratch` has
+// True if deflating the block would save less than 1%, judged by samples at many places. `scratch` has
 // fastDeflateRoom(size) bytes.
 bool fastSeesNoise(const unsigned char* from, std::uint32_t size, unsigned char* scratch) noexcept;
-// Room in which fastDeflate and fastStore end whatever the block holds.
+// Room that is enough for fastDeflate and fastStore, whatever the block holds.
 std::uint32_t fastDeflateRoom(std::uint32_t size) noexcept;
 
 #else

@@ -26,7 +26,7 @@ std::uint32_t lz4CompressBlock::compressBlock(char* souce, std::uint32_t inCount
 std::uint32_t lz4CompressBlock::decompressBlock(char* souce, std::uint32_t inCount, char* dest,
                                                 std::uint32_t outCount) {
     ORVA_ASSERT(souce && dest && outCount && inCount, kWholeRequest);
-    if (inCount > INT_MAX) return UINT32_MAX;  // LZ4 would take it for a negative size
+    if (inCount > INT_MAX) return UINT32_MAX;  // LZ4 would take it as negative
     const int room = static_cast<int>(std::min<std::uint32_t>(outCount, INT_MAX));
     return static_cast<std::uint32_t>(LZ4_decompress_safe(souce, dest, static_cast<int>(inCount), room));
 }

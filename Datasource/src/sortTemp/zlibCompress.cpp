@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr unsigned char kFullWindow = 0x78;  // a zlib header's first byte
+constexpr unsigned char kFullWindow = 0x78;  // first byte of a zlib header with a 32 KiB window
 
 blockOutcome::End endOf(int answer) {
     if (answer == Z_STREAM_END) return blockOutcome::complete;
@@ -82,8 +82,8 @@ blockOutcome zlibCompressBlock::runBlock(std::int32_t level, direction way) {
     return outcome ? *outcome : runZlib(std::min(level, Z_BEST_COMPRESSION), way);
 }
 
-// Only a stream of the full window goes the fast way in: for a smaller one zlib alone refuses what reaches too far
-// back.
+// The fast engine inflates only streams with a full window: for a smaller one only zlib refuses distances that are too
+// long.
 std::optional<blockOutcome> zlibCompressBlock::runFast(std::int32_t level, direction way) {
     if (souce == nullptr || dest == nullptr || inCount == 0) return std::nullopt;
     if (way == inflating && souce[0] != kFullWindow) return std::nullopt;
@@ -96,7 +96,7 @@ blockOutcome zlibCompressBlock::runZlib(int level, direction way) {
     if ((way == deflating ? deflateInit(&stream, level) : inflateInit(&stream)) != Z_OK) {
         return {blockOutcome::notStarted, 0, 0};
     }
-    stream.next_in = const_cast<unsigned char*>(souce);  // zlib reads only
+    stream.next_in = const_cast<unsigned char*>(souce);  // zlib only reads it
     stream.avail_in = inCount;
     stream.next_out = dest;
     stream.avail_out = outCount;

@@ -1,10 +1,10 @@
-// zlibCompressBlock: one memory block into one zlib stream (RFC 1950, level 1) and back, in one call. Built with
-// ORVA_FAST_CODEC, faster engines make and read the same streams; zlib answers whatever they do not end whole.
+// zlibCompressBlock: turns one block of memory into one zlib stream (RFC 1950, level 1) and back, in one call. With
+// ORVA_FAST_CODEC faster engines make and read the streams; zlib takes over whenever they do not complete one.
 //
-// Owner:   the caller owns both blocks. An object keeps nothing between calls and can change direction at once.
-// Threads: one thread at a time an object; each user has an object of its own.
-// Failure: by result. 0: the codec could not start (no memory) or was misused; outCount is then as it came. Running
-//          out of room and damaged input are not failures here: the bytes produced so far come back as a normal result.
+// Owner:   the caller owns both blocks. An object keeps nothing between calls and may change direction at any time.
+// Threads: one thread at a time per object; give each user its own.
+// Failure: by the result. 0: the codec could not start (no memory) or was misused; outCount is unchanged then. Too
+//          little room and damaged input are not failures here: the result is the number of bytes produced so far.
 #pragma once
 
 #include <orva/orvaApi.h>
@@ -15,8 +15,8 @@
 // How one run of a codec over a block ended.
 struct blockOutcome {
     enum End : std::uint8_t {
-        complete,    // the stream ended: compressed whole, or inflated whole with its checksum right
-        incomplete,  // out of room, or out of sound input
+        complete,    // the stream ended: all input compressed, or all inflated with a correct checksum
+        incomplete,  // ran out of room, or of sound input
         misused,     // the codec refused the call
         notStarted,  // no memory for the codec's state; nothing was done
         noMemory,    // memory ran out on the way
@@ -28,28 +28,30 @@ struct blockOutcome {
 
 class ORVA_API zlibCompressBlock {
 public:
-    // The bytes produced at `dest`, at most `outCount`, which then holds the same number; 0 on failure. A result equal
-    // to the room may be a stream cut off: give compressRoom(inCount) to be sure of a whole one.
+    // Returns the number of bytes produced at `dest`, at most `outCount`, which then holds the same number; 0 on
+    // failure. A result equal to the room may be a stream cut off; with compressRoom(inCount) of room the stream is
+    // always whole.
     std::int32_t compressBlock(unsigned char* souce, std::uint32_t inCount, unsigned char* dest,
                                std::uint32_t& outCount);
-    // The same, the other way. Less room than the data needs gives exactly the room.
+    // The inverse. If there is less room than the data need, the result is exactly the room.
     std::int32_t decompressBlock(unsigned char* souce, std::uint32_t inCount, unsigned char* dest,
                                  std::uint32_t& outCount);
 
-    // The levels of deflateWhole. The fastest is what compressBlock has.
+    // The levels of deflateWhole. compressBlock uses the fastest.
     static constexpr std::int32_t kFastestLevel = 1;
     ORVA_LOCAL static std::int32_t bestLevel();
-    // The library's own road: as above, and tells how the stream ended.
+    // For the library itself: as above, and says how the stream ended.
     ORVA_LOCAL blockOutcome deflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                          std::uint32_t room, std::int32_t level = kFastestLevel);
     ORVA_LOCAL blockOutcome inflateWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                          std::uint32_t room);
-    // As deflateWhole, for bytes that are known not to shrink: with the fast engines no time goes into trying again.
+    // As deflateWhole, for bytes known not to shrink: the fast engines then spend no time on trying.
     ORVA_LOCAL blockOutcome storeWhole(const unsigned char* from, std::uint32_t size, unsigned char* to,
                                        std::uint32_t room);
-    // storeWhole is as good as deflateWhole for these bytes, by samples. `scratch` has compressRoom(size) bytes.
+    // True if samples show that storeWhole is as good as deflateWhole for these bytes. `scratch` has compressRoom(size)
+    // bytes.
     ORVA_LOCAL static bool looksLikeNoise(const unsigned char* from, std::uint32_t size, unsigned char* scratch);
-    // Room in which deflateWhole always ends, at any level, for a block of `size` bytes.
+    // Room in which deflateWhole always completes a block of `size` bytes, at any level.
     ORVA_LOCAL static std::uint32_t compressRoom(std::uint32_t size);
 
 private:
@@ -61,7 +63,7 @@ private:
     ORVA_LOCAL std::optional<blockOutcome> runFast(std::int32_t level, direction way);
     ORVA_LOCAL blockOutcome runZlib(int level, direction way);
 
-    // One call's values.
+    // The arguments of one call.
     std::uint32_t inCount = 0;
     const unsigned char* souce = nullptr;
     std::uint32_t outCount = 0;
