@@ -57,7 +57,7 @@ bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, 
 // FileChangedError if there was a change. An exception of `changed` counts as no change.
 template <class Read, class Changed>
 auto readSurely(Read read, Changed changed) {
-    const auto shown = [&] {
+    const auto hasChanged = [&] {
         try {
             return changed();
         } catch (...) {
@@ -68,7 +68,7 @@ auto readSurely(Read read, Changed changed) {
         try {
             return read();
         } catch (const ::DamagedFileError& damage) {
-            if (shown()) throw ::FileChangedError(damage);
+            if (hasChanged()) throw ::FileChangedError(damage);
             if (again) throw;
         }
     }
