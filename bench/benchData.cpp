@@ -85,7 +85,7 @@ Bytes textRows(std::size_t size) {
         text.insert(text.end(), std::istreambuf_iterator<char>(stream), {});
     }
     require(text.size() > 100'000, "no text to compress under /usr/share/common-licenses");
-    // Far longer than deflate looks back, so a repetition is as good as new text.
+    // Far longer than deflate's window, so a repetition is as good as new text.
     Bytes rows(size);
     for (std::size_t at = 0; at < size; at += text.size()) {
         std::memcpy(rows.data() + at, text.data(), std::min(text.size(), size - at));

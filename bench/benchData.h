@@ -1,4 +1,4 @@
-// What benches run over: rows of three kinds, files in memory, bare system calls that fail loudly, work of a set
+// Shared by the benches: rows of three kinds, files in memory, bare system calls that fail loudly, and work of a set
 // length.
 #pragma once
 
@@ -11,16 +11,16 @@ namespace bench {
 
 using Bytes = std::vector<unsigned char>;
 
-// Rows of doubles as a questionnaire gives them: codes, an age, a weight, now and then nothing.
+// Rows of doubles as from a questionnaire: codes, an age, a weight, now and then no answer.
 Bytes surveyRows(std::size_t size);
-// Rows of doubles as instruments give them: several slow signals with noise, rounded to what the instrument tells.
+// Rows of doubles as from instruments: several slow signals with noise, rounded to the instrument's resolution.
 Bytes measuredRows(std::size_t size);
-// Text as people wrote it, from the licences that every Debian system keeps; runtime_error without them.
+// Text written by people: the licences that every Debian system keeps. runtime_error without them.
 Bytes textRows(std::size_t size);
 // Bytes that do not compress.
 Bytes noise(std::size_t size);
 
-// A directory of the run's own, gone with it.
+// A directory for one run, removed with the object.
 class Scratch {
 public:
     // On a file system in memory.
@@ -30,14 +30,14 @@ public:
     Scratch& operator=(const Scratch&) = delete;
     ~Scratch();
     std::string path(const std::string& name) const { return fDirectory + "/" + name; }
-    // A file of these bytes; its name.
+    // Makes a file of these bytes and returns its name.
     std::string made(const std::string& name, const Bytes& bytes) const;
 
 private:
     std::string fDirectory;
 };
 
-// A descriptor and the calls on it; a short count is a system_error.
+// A file descriptor with its calls; a short transfer throws system_error.
 class BareFile {
 public:
     BareFile(const std::string& name, int flags);
@@ -47,7 +47,7 @@ public:
     void read(void* to, std::size_t size) const;
     void write(const void* from, std::size_t size) const;
     void seek(std::int64_t offset) const;
-    // Has the system write the file out and forget its pages, so that the next read is one of the disk.
+    // Makes the system write the file out and drop its pages, so that the next read comes from the disk.
     void forgetPages() const;
     void close();
 
@@ -57,8 +57,8 @@ private:
 
 void require(bool good, const char* what);
 
-// Keeps a core busy without memory: as many turns as take that long on an idle core. A set number of turns, not a
-// watch on the clock: time that another process takes is not work done.
+// Keeps a core busy without using memory, for as many turns as take `seconds` on an idle core. The number of turns is
+// fixed, not the time: time that another process takes is not work done.
 class BusyWork {
 public:
     explicit BusyWork(double seconds);

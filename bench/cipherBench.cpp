@@ -1,5 +1,5 @@
-// An enciphered stream against what it is made of: the plain stream over the same bytes, and OpenSSL's cipher alone
-// over them. What is left is the price of the enciphered road itself: room for results, copies, the tail.
+// An enciphered stream against its components: the plain stream over the same bytes, and OpenSSL's cipher alone over
+// them. The rest is the cost of the enciphered path itself: room for results, copies, the tail.
 #include "base/blockBuffer.h"
 #include "benchData.h"
 #include "paired.h"
@@ -19,7 +19,7 @@ using namespace bench;
 
 constexpr std::size_t kPass = 8 * std::size_t{kBlockSize};
 
-// The cipher as the process's service runs it, from block to block in two buffers that are there already.
+// The cipher as the process's service runs it, block after block between two existing buffers.
 class BareCipher {
 public:
     BareCipher() : fContext(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free), fOut(kBlockSize) {}

@@ -1,5 +1,5 @@
-// What a user meets who starts a process for one thing: each pass is a process of its own, so that no memory was
-// touched and nothing was loaded before. The peer does the same bytes by the bare codec and calls, in memory of malloc.
+// The cost for a user who starts a process for a single task: each pass is a new process, with no memory touched and
+// nothing loaded before. The peer does the same with the bare codec and system calls, in memory of malloc.
 #include "benchData.h"
 #include "paired.h"
 
@@ -27,8 +27,8 @@ using namespace bench;
 constexpr std::int64_t kRow0 = 1'000;
 constexpr std::size_t kWritten = 8'000'000;
 
-// The seconds that `work` takes in a process that has done nothing else. It runs this program anew, with the name of
-// the work.
+// The seconds that `work` takes in a process that has done nothing else: runs this program again, with the name of the
+// work.
 double inFreshProcess(const std::string& work, const std::string& file) {
     int ends[2];
     require(pipe(ends) == 0, "pipe");
@@ -61,7 +61,7 @@ void makePart(const std::string& name, const unsigned char* rows, std::size_t si
     stream.Close();
 }
 
-// Rows from behind S on.
+// The rows behind S.
 double reading(const std::string& name, std::size_t size) {
     return wallSeconds([&] {
         const std::unique_ptr<std::byte[]> to(new std::byte[size]);
@@ -69,7 +69,7 @@ double reading(const std::string& name, std::size_t size) {
     });
 }
 
-// The first block by the codec alone. The file's name is followed by the block's compressed size.
+// The first block, by the codec alone. The file's name is followed by the block's compressed size.
 double bareBlock(const std::string& name) {
     const std::size_t at = name.rfind(':');
     const auto size = static_cast<std::uint32_t>(std::stoul(name.substr(at + 1)));

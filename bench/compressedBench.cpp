@@ -1,4 +1,4 @@
-// The inline roads of the compressed stream against the least that can be done: the codec alone, one copy between the
+// The compressed stream without threads, against the least that can be done: the codec alone, one copy between the
 // caller's memory and an aligned block that is kept, and bare system calls on the compressed bytes.
 #include "base/blockBuffer.h"
 #include "benchData.h"
@@ -26,7 +26,7 @@ constexpr std::size_t kPass = 16 * std::size_t{kBlockSize};
 constexpr std::uint32_t kSmall = 1U << 20;
 constexpr std::uint32_t kSixteenBlocks = kPass;
 
-// Calls `take(place, size)` for the pieces that such requests over `size` bytes make.
+// Calls `take(place, size)` for the pieces into which such requests over `size` bytes fall.
 template <class Take>
 void inRequests(std::uint32_t request, std::size_t size, Take take) {
     for (std::size_t at = 0; at < size; at += request) {

@@ -1,5 +1,5 @@
-// Look-ups in the block index. The peer is a plain binary search over the same records: it shows what the cursor and
-// the guess are worth where they hit, and that they cost little where they can't.
+// Look-ups in the block index, against a plain binary search over the same records: shows what the cursor and the guess
+// gain if they hit, and that they cost little if they cannot.
 #include "format/filePosInfo.h"
 #include "paired.h"
 
@@ -27,7 +27,7 @@ struct Index {
     std::vector<filePosRecord> records;
 };
 
-// `nextSize` gives the blocks' sizes.
+// `nextSize` returns the size of the next block.
 template <class NextSize>
 std::shared_ptr<Index> made(std::int64_t row0, NextSize nextSize) {
     auto index = std::make_shared<Index>();
@@ -48,7 +48,7 @@ std::shared_ptr<Index> regular(std::uint32_t length) {
     return made(1'000, [length] { return static_cast<std::int32_t>(length); });
 }
 
-// Flushed every few rows, behind a dictionary part that no file has: every guess is far off.
+// Flushed every few rows, behind a dictionary part of absurd length: every guess is far off.
 std::shared_ptr<Index> shortBlocks() {
     return made(kTerabyte,
                 [engine = std::mt19937(1)]() mutable { return static_cast<std::int32_t>(1 + engine() % 999); });

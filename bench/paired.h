@@ -1,13 +1,14 @@
-// Two roads to the same result, measured against each other in one run. The roads alternate, and which goes first
-// alternates too, so that whatever else the machine does hits both; the figure is the median of the rounds' ratios.
+// Measures two sides, a peer and ours, that reach the same result, in one run. Passes alternate, and so does the side
+// that goes first, so that other load on the machine hits both; the figure is the median of the rounds' ratios.
 //
 //   int main(int argc, char** argv) {
 //       bench::add("copy against move", bench::timeAtMost(1.05), [] { return bench::Pair{moveRoad, copyRoad}; });
 //       return bench::run(argc, argv);
 //   }
 //
-// Counters of each: ratio with the quartiles of the rounds (low, high), peer_ns and ours_ns (medians, per operation),
-// target and at_least (1: a ratio of speeds that should reach the target; else one of times that should not pass it).
+// Counters of each bench: ratio, with the quartiles of the rounds (low, high); peer_ns and ours_ns (medians, per
+// operation); target; and at_least (1: the ratio is one of speeds and should reach the target; else it is one of times
+// and should not exceed it).
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -19,17 +20,17 @@
 
 namespace bench {
 
-// One pass; gives the seconds of the part that counts.
+// Runs one pass and returns the seconds of the part that counts.
 using Road = std::function<double()>;
 
 struct Pair {
     Road peer;
     Road ours;
-    double operations = 1;  // in one pass of either
+    double operations = 1;  // in one pass of either side
 };
 
 struct Goal {
-    double target;  // 0: none, the ratio is for the record
+    double target;  // 0: no target, the ratio is for information
     bool atLeast;
 };
 constexpr Goal timeAtMost(double timesThePeers) {
@@ -42,14 +43,14 @@ constexpr Goal noGoal() {
     return {0, false};
 }
 
-// `make` runs when the bench does and prepares both roads; what it throws fails this bench alone. Each road runs once
-// untimed, then in `rounds` rounds (the environment's ORVA_BENCH_ROUNDS wins).
+// `make` runs when the bench does and prepares both sides; an exception from it fails only this bench. Each side runs
+// once untimed, then in `rounds` rounds (ORVA_BENCH_ROUNDS in the environment overrides the number).
 void add(const std::string& name, Goal goal, const std::function<Pair()>& make, int rounds = 9);
 
-// Runs what was added; takes Google Benchmark's flags. The exit code of a main.
+// Runs the added benches; takes Google Benchmark's flags. Returns main's exit code.
 int run(int argc, char** argv);
 
-// For roads on one thread: leaves out what other processes take of the core.
+// Seconds of processor time, for work on one thread: leaves out what other processes take of the core.
 template <class Work>
 double threadSeconds(Work work) {
     const auto now = [] {
@@ -62,7 +63,7 @@ double threadSeconds(Work work) {
     return now() - begin;
 }
 
-// For roads on several threads.
+// Seconds of wall time, for work on several threads.
 template <class Work>
 double wallSeconds(Work work) {
     const auto begin = std::chrono::steady_clock::now();

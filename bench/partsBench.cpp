@@ -1,5 +1,5 @@
-// What a block costs on each of two threads, timed call by call, and the parts of its way that only one thread can be
-// at: from these docs/performance.md reckons how far more cores help.
+// The cost of a block on each of two threads, timed call by call, and of those steps that only one thread can take:
+// docs/performance.md calculates from them how far more cores help.
 #include "base/blockBuffer.h"
 #include "benchData.h"
 #include "paired.h"
@@ -34,14 +34,14 @@ constexpr std::size_t kBlock = kHandyBlockLength;
 constexpr std::size_t kBlocks = 128;
 using Clock = std::chrono::steady_clock;
 
-// When each thread began a block: from one call to its next it has been through with one.
+// When each thread began a block: from one call to its next it has completed one.
 class Laps {
 public:
     void lap() {
         const std::lock_guard guard(fLock);
         fTimes[std::this_thread::get_id()].push_back(Clock::now());
     }
-    // The median of this thread's, or of the other one's, in seconds.
+    // The median time for a block, of this thread or of the other one, in seconds.
     double median(bool own) const {
         for (const auto& [thread, times] : fTimes) {
             if ((thread == std::this_thread::get_id()) != own || times.size() < 2) continue;
@@ -62,7 +62,7 @@ private:
     std::map<std::thread::id, std::vector<Clock::time_point>> fTimes;
 };
 
-// Bytes in memory, as far away as a file in the page cache.
+// Bytes in memory that are as far away as a file in the page cache.
 struct Stored final : orva::ByteSource {
     explicit Stored(Bytes rows) : bytes(std::move(rows)) {}
     explicit Stored(const std::string& name) : bytes(std::filesystem::file_size(name)) {
@@ -81,7 +81,7 @@ struct Stored final : orva::ByteSource {
 
 using Rows = Bytes (*)(std::size_t);
 
-// One pass gives the times of both; each road takes one of them.
+// One pass measures both; each side takes one of the figures.
 Pair bothThreads(const std::function<void(const std::shared_ptr<Laps>&)>& pass) {
     const auto medianOf = [pass](bool own) {
         return [pass, own] {
@@ -119,7 +119,7 @@ Pair writing(Rows make) {
     });
 }
 
-// A block through to whom it may concern, and back: two hand-overs.
+// The seconds of one hand-over for each block: half of the way to another thread and back.
 double handOvers() {
     ktSemaphore there{0};
     ktSemaphore back{0};
@@ -163,7 +163,7 @@ double intoPipe(const Bytes& block) {
     return seconds;
 }
 
-// Blocks copied from memory that no cache holds to memory that none holds, on so many threads.
+// Copies blocks between memory that no cache holds, on `threads` threads.
 double copying(std::size_t threads, const Bytes& from, Bytes& to) {
     const auto share = from.size() / threads;
     const auto copy = [&](std::size_t i) { std::memcpy(to.data() + i * share, from.data() + i * share, share); };

@@ -1,5 +1,5 @@
-// A thousand bytes from anywhere: a stream of rows in blocks of several lengths against htslib's bgzf, whose blocks are
-// of 64 KiB, and against what it cannot do without, one read of a block's bytes and one inflate.
+// A thousand bytes from anywhere: a stream of rows in blocks of several lengths, against htslib's bgzf, whose blocks
+// are of 64 KiB, and against the minimum, one read of a block's bytes and one inflate.
 #include "benchData.h"
 #include "paired.h"
 
@@ -50,7 +50,7 @@ struct Files {
     const std::string bgzfName = scratch.path("rows.gz");
 };
 
-// Made once.
+// Made only once.
 const Files& files(std::uint32_t length) {
     static std::map<std::uint32_t, Files> made;
     return made.try_emplace(length, length).first->second;

@@ -34,7 +34,7 @@ struct CStream {
     std::FILE* fFile;
 };
 
-// As hosts hold it: by its interface, so that every call is a virtual one.
+// As hosts hold it: by its interface, so that every call is virtual.
 std::shared_ptr<ORVA_FileStream> opened(const std::string& name, const char* mode) {
     auto stream = std::make_shared<ORVA_FileStream>(name.c_str(), mode);
     require(stream->Good() == 1, "cannot open the file of the stream");
@@ -89,7 +89,7 @@ Pair smallReads(const Scratch& scratch, std::uint32_t size) {
     return {peer, ours, static_cast<double>(count)};
 }
 
-// Over what stands in the file already, so that neither road pays for new pages; each ends flushed.
+// Overwrites existing bytes, so that neither side pays for new pages; each ends flushed.
 Pair smallWrites(const std::string& peerName, const std::string& oursName, std::uint32_t size) {
     auto stdio = std::make_shared<CStream>(peerName, "wb");
     auto stream = opened(oursName, "wb");

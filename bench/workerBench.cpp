@@ -1,6 +1,6 @@
-// What the workers win. Beside a caller that works as long on each block as the road does, the pass should take little
-// longer than the longer of the two alone; two threads should come close to the codec alone on two threads. Timed by
-// the clock on the wall, so these want a machine with two idle cores.
+// The gain by the workers. If the caller works on each block as long as the stream does, a pass should take little
+// longer than the longer of the two alone; two threads should come close to the codec alone on two threads. Measures
+// wall time, so these benches need a machine with two idle cores.
 #include "base/blockBuffer.h"
 #include "benchData.h"
 #include "format/blockTransfer.h"
@@ -31,7 +31,7 @@ constexpr std::size_t kPass = kBlocks * std::size_t{kBlockSize};
 
 using Work = std::function<void()>;
 
-// The caller's side: requests of a block, and its own work on each.
+// The caller's side: requests of one block, and the caller's own work on each.
 void readRows(ORVA_FileStream& stream, unsigned char* to, const Work& work) {
     for (std::size_t i = 0; i < kBlocks; ++i) {
         require(stream.Read(to, kBlockSize) == kBlockSize, "short Read");
@@ -47,7 +47,7 @@ void writeRows(zcmpsFilestr& stream, const Bytes& rows, const Work& work) {
     stream.Close();
 }
 
-// A road: a setting of setMultiThread, or kTwoThreads for two of setThreadCount.
+// A threading: a value for setMultiThread, or kTwoThreads for setThreadCount(2).
 constexpr std::int32_t kTwoThreads = 100;
 void takeRoad(zcmpsFilestr& stream, std::int32_t road) {
     road == kTwoThreads ? stream.setThreadCount(2) : stream.setMultiThread(road);
@@ -79,7 +79,7 @@ double timedWork(const Work& work) {
 
 const Work kNoWork = [] {};
 
-// `road(work, threads)` gives the seconds of a pass. The work is made as long as a pass without it.
+// `side(work, threads)` returns the seconds of a pass. The work is made as long as a pass without it.
 Pair sideBySide(const std::function<double(const Work&, std::int32_t)>& road, std::int32_t threads) {
     road(kNoWork, 0);
     const Work work = BusyWork(std::min(road(kNoWork, 0), road(kNoWork, 0)) / kBlocks);
@@ -111,7 +111,7 @@ Pair writing(const Scratch& scratch) {
         1);
 }
 
-// `fromDisk`: not from the page cache, so the directory should lie on a disk.
+// `fromDisk`: not from the page cache, so the directory should be on a disk.
 Pair readingPlain(const Scratch& scratch, bool fromDisk) {
     const std::string name = scratch.made("plain", noise(kPass));
     auto block = std::make_shared<orva::blockBuffer>(kBlockSize);
@@ -125,7 +125,7 @@ Pair readingPlain(const Scratch& scratch, bool fromDisk) {
         1);
 }
 
-// Gives the length of the stream; `to` has deflateRoom() bytes.
+// Returns the length of the stream; `to` has deflateRoom() bytes.
 std::size_t deflate(zlibCompressBlock& codec, const unsigned char* block, unsigned char* to) {
     const blockOutcome outcome = codec.deflateWhole(block, kBlockSize, to, orva::deflateRoom());
     require(outcome.end == blockOutcome::complete, "the codec alone fails");
@@ -149,8 +149,8 @@ void inflate(zlibCompressBlock& codec, const Bytes& block, unsigned char* to) {
     require(outcome.end == blockOutcome::complete, "the codec alone fails");
 }
 
-// What the machine gives two threads that take turns, without stream, index and file: one inflates a block, one copies
-// it out and works on it.
+// What the machine allows two threads that take turns, without stream, index and file: one inflates a block, the other
+// copies it out and works on it.
 Pair inflatingAlone() {
     auto blocks = std::make_shared<std::vector<Bytes>>(deflatedBlocks(surveyRows(kPass)));
     auto made = std::make_shared<orva::blockBuffer>(kBlockSize);
@@ -245,7 +245,7 @@ int main(int argc, char** argv) {
     add("worker: read beside a consumer / the longer of both", timeAtMost(1.15), [&] { return reading(scratch); });
     add("worker: the codec alone beside a consumer / the longer of both", noGoal(), inflatingAlone);
     add("worker: write beside a producer / the longer of both", timeAtMost(1.15), [&] { return writing(scratch); });
-    // The worker's buffer, the stream's and the caller's: two copies of each block stand against one read of it.
+    // The worker's buffer, the stream's and the caller's: two copies of each block against one read of it.
     add("worker: plain read from disk beside a consumer / the longer of both", noGoal(),
         [&] { return readingPlain(onDisk, true); });
     add("worker: plain read from memory beside a consumer / the longer of both", noGoal(),

@@ -1,7 +1,7 @@
-# What cpack makes: a Debian package of each component. They go below /usr, so they are configured as scripts/package does.
+# cpack makes one Debian package of each component. They are installed below /usr, so configure as scripts/package does.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "The maintainers of orva <maintainers@orva.example>" CACHE STRING "Maintainer: NAME <ADDRESS>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own, as the first line of its description
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own, in the first line of its description
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/debian/documents.cmake)
 set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/debian/control.cmake)
@@ -13,9 +13,10 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/Datasource ${PROJECT_BINARY_DIR}/host)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")  # names may come with each version, but none goes before the next SONAME
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")  # a version may add names, but removes none before the next
+                                                       # SONAME
 
-# One package: orva_package(COMPONENT NAME SECTION SUMMARY TEXT), where TEXT follows what all say about orva.
+# One package: orva_package(COMPONENT NAME SECTION SUMMARY TEXT); TEXT follows the common text about orva.
 set(CPACK_COMPONENTS_ALL)
 macro(orva_package component name section summary text)
     list(APPEND CPACK_COMPONENTS_ALL ${component})
@@ -33,7 +34,7 @@ endmacro()
 orva_package(runtime liborva${orva_soversion} libs "block-compressed row files - shared library"
     "This package has what programs that use the library need when they run.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/debian/triggers)
-# The cipher loads libcrypto when it is first used, so that no list of needed libraries names it.
+# The cipher loads libcrypto at first use, so no list of needed libraries names it.
 find_program(ORVA_DPKG_QUERY dpkg-query)
 mark_as_advanced(ORVA_DPKG_QUERY)
 if(ORVA_DPKG_QUERY)
@@ -62,7 +63,7 @@ NumPy, and what fsspec and Dask find it by.")
     foreach(part IN ITEMS MAJOR MINOR)
         get_directory_property(python_${part} DIRECTORY python DEFINITION Python_VERSION_${part})
     endforeach()
-    math(EXPR python_next "${python_MINOR} + 1")  # the extension is made for one version of the interpreter
+    math(EXPR python_next "${python_MINOR} + 1")  # the extension is built for one version of the interpreter
     string(CONCAT CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= ${python_MAJOR}.${python_MINOR}), "
         "python3 (<< ${python_MAJOR}.${python_next}), python3-numpy")
     set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "python3-pandas, python3-fsspec, python3-dask")

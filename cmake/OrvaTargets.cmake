@@ -1,11 +1,11 @@
-# What every target of this project shares. Nothing here is global: a target asks for it by name.
+# Settings that the targets of this project share. Nothing here is global: a target asks for it by name.
 
-# Compiler settings of our own code: the language level, warnings, sanitizers, file names without the machine's path.
+# Compiler settings for our own code: language level, warnings, sanitizers, file names without the machine's path.
 function(orva_compile_settings target)
     target_compile_features(${target} PUBLIC cxx_std_20)
     set_target_properties(${target} PROPERTIES
         CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON POSITION_INDEPENDENT_CODE ON)
-    if(CMAKE_SIZEOF_VOID_P EQUAL 4)  # files past 2 GiB, and those that were changed after 2038
+    if(CMAKE_SIZEOF_VOID_P EQUAL 4)  # files beyond 2 GiB, and files changed after 2038
         target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
     endif()
     if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
@@ -21,22 +21,23 @@ function(orva_compile_settings target)
         if(ORVA_SANITIZE)
             target_compile_options(${target} PRIVATE
                 -fsanitize=${ORVA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
-                $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)  # what sanitizers add looks uninitialized to it
+                $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)  # it takes code that sanitizers add for
+                                                                     # uninitialized
             target_link_options(${target} PUBLIC -fsanitize=${ORVA_SANITIZE})
         endif()
     endif()
 endfunction()
 
-# For a target whose files take most of their time for headers of others, which all hold code: as one file they take a fifth
-# or less. CMAKE_UNITY_BUILD=OFF has them compiled one by one.
+# For a target whose files take most of their time for large headers of others: compiled as one file they take a fifth
+# or less. CMAKE_UNITY_BUILD=OFF compiles them one by one.
 function(orva_compile_as_one target)
     if(NOT DEFINED CMAKE_UNITY_BUILD OR CMAKE_UNITY_BUILD)
         set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
     endif()
 endfunction()
 
-# Public headers are reached as <orva/NAME.h> in the build tree and in an installed package alike. The build tree gets
-# links, so that messages and debuggers show the sources; where links are not to be had, copies.
+# Public headers are <orva/NAME.h> in the build tree as in an installed package. The build tree gets links to them, so
+# that messages and debuggers show the sources; copies where links are impossible.
 function(orva_public_headers)
     foreach(header IN LISTS ARGN)
         get_filename_component(name ${header} NAME)
@@ -47,14 +48,14 @@ function(orva_public_headers)
     endforeach()
 endfunction()
 
-# The include directories of a target whose headers are public.
+# The include directories of a target with public headers.
 function(orva_public_includes target scope)
     target_include_directories(${target} ${scope}
         $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 endfunction()
 
-# What is installed to `directory`, a path below the prefix, finds the shared libraries by where it stands itself, so that
-# an install tree works under any prefix and can be moved. Packages for a place where the system looks anyway are
+# Files installed to `directory`, a path below the prefix, find the shared libraries relative to their own place, so
+# that an install tree works under any prefix and can be moved. Packages for a place that the system searches anyway are
 # configured with CMAKE_SKIP_INSTALL_RPATH.
 function(orva_finds_installed_libraries target directory)
     file(RELATIVE_PATH way /${directory} /${CMAKE_INSTALL_LIBDIR})
@@ -62,9 +63,9 @@ function(orva_finds_installed_libraries target directory)
     set_target_properties(${target} PROPERTIES INSTALL_RPATH "${path}")
 endfunction()
 
-# Keeps a shared library's copies of the standard library's templates to itself, and the library in the process once it is
-# loaded, as a static one keeps the plug-in that it is linked into: when that is unloaded, threads may go on that have worked
-# with the library, and what it does at their end has to be there still.
+# Keeps a shared library's copies of the standard library's templates to itself, and keeps the library loaded for ever,
+# as a static one keeps the plug-in that it is linked into: threads that have worked with it may go on when the plug-in
+# is unloaded, and need the library's code when they end.
 function(orva_library_linking target)
     if(NOT CMAKE_SYSTEM_NAME STREQUAL "Linux")
         return()

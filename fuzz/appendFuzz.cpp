@@ -1,6 +1,6 @@
-// Appending to a file: finished, abandoned, or interrupted and rolled back, by its side file as it was or as anybody
-// may have changed it. What is refused changes nothing; after any other end the rows are the old ones with the new
-// behind them, or just the old ones.
+// Appends to a file: finished, abandoned, or interrupted and rolled back, with its side file as written or changed in
+// any way. A refused call changes nothing; after any other end the rows are the old ones, with or without the new ones
+// behind them.
 #include "fuzzTarget.h"
 
 using namespace fuzz;

@@ -1,5 +1,5 @@
-// The codec of blocks, both ways: what it compresses comes back; hostile input and any room stay within their bounds,
-// and end as they would for zlib alone, on the fast road too.
+// The block codec, both ways: compressed data come back; hostile input and any room stay within their bounds and end as
+// with zlib alone, in the fast engines too.
 #include "format/blockTransfer.h"
 #include "fuzzTarget.h"
 
@@ -7,9 +7,10 @@
 
 using namespace fuzz;
 
-constexpr std::ptrdiff_t kHeader = 2;  // of a zlib stream
+constexpr std::ptrdiff_t kHeader = 2;  // bytes of a zlib stream's header
 
-// The zlib stream of raw deflate bytes, so that it is never the checksum alone which refuses them.
+// Makes raw deflate bytes a zlib stream with the right checksum, so that it is never the checksum alone that refuses
+// them.
 Bytes withChecksum(const Bytes& raw) {
     static libdeflate_decompressor* const engine = libdeflate_alloc_decompressor();
     Bytes rows(kBlockSize);
@@ -25,7 +26,7 @@ Bytes rowsOfWhole(const unsigned char* stream, std::uint32_t length) {
     return std::move(made.rows);
 }
 
-// Of a block that deflate cannot fit, both halves do. Gives the streams.
+// If deflate cannot fit a block, both halves fit. Returns the streams.
 Bytes deflateRoundTrip(const Bytes& block) {
     zlibCompressBlock codec;
     const std::int32_t level = 1 + static_cast<std::int32_t>(block.size()) % zlibCompressBlock::bestLevel();

@@ -1,4 +1,4 @@
-// What the fuzz targets share: a promise that ends the run when it is broken, files, and an input taken apart.
+// Shared by the fuzz targets: a check that ends the run when it fails, files, and the parts of an input.
 #pragma once
 
 #include "support/partModel.h"
@@ -15,14 +15,14 @@ namespace fuzz {
 
 using namespace support;
 
-constexpr std::int64_t kRow0 = 64;  // of every file of the corpora
-constexpr std::size_t kSteps = 48;  // bytes of steering
+constexpr std::int64_t kRow0 = 64;  // in every file of the corpora
+constexpr std::size_t kSteps = 48;  // bytes that steer
 
 inline std::string pathOf(const char* name) {
     return (std::filesystem::temp_directory_path() / (std::to_string(getpid()) + '-' + name)).string();
 }
 
-// An input: a file, and behind it the numbers that steer what is done to it.
+// An input: a file, followed by numbers that steer what is done to it.
 struct Input : Choices {
     Input(const std::uint8_t* data, std::size_t size)
         : file(data, data + (size - std::min(size, kSteps))), steps(data + file.size(), size - file.size()) {
@@ -35,11 +35,11 @@ struct Input : Choices {
     const std::string name = pathOf("file");
     const Bytes file;
     FuzzedDataProvider steps;
-    bool swap;  // heading and index are taken in the other byte order
+    bool swap;  // heading and index are read in the other byte order
 };
 
-// What `codec` writes into a room of this size, by the count that it gives. The engines are no code that a sanitizer
-// sees into, so what stands behind the room is watched.
+// The bytes that `codec` writes into a room of this size, as many as it returns. Sanitizers do not see into the
+// engines, so the bytes behind the room are checked.
 template <class Codec>
 Bytes filled(std::uint32_t room, Codec codec) {
     constexpr std::ptrdiff_t guard = 64;
@@ -59,9 +59,8 @@ inline Bytes checksumOf(const Bytes& rows) {
     return bytes;
 }
 
-// What the library's codec makes of bytes, which is what zlib makes of them, but for this: the fast engine takes some
-// streams that zlib refuses, such as those with the code 286, which stands for nothing. It takes them with the right
-// checksum only.
+// The output of the library's codec, which must be zlib's, with one exception: the fast engine accepts some streams
+// that zlib refuses, such as those with the unassigned code 286, but only with the right checksum.
 inline Inflated inflated(const unsigned char* from, std::size_t size, std::size_t room = kBlockSize) {
     blockOutcome ours{};
     Bytes rows = filled(static_cast<std::uint32_t>(room), [&](unsigned char* to) {
@@ -84,7 +83,7 @@ inline Inflated inflated(const unsigned char* from, std::size_t size, std::size_
 inline Inflated inflatedBlock(const unsigned char* from, std::size_t size) {
     return inflated(from, size);
 }
-// The second reader, by streams as the library's codec takes them.
+// The second reader, which takes streams as the library's codec does.
 struct Part : secondReader {
     Part(const Bytes& from, std::int64_t at, bool swap) : secondReader(from, at, swap, inflatedBlock) {}
 };

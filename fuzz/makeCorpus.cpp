@@ -1,5 +1,5 @@
-// Makes the inputs that fuzzing begins with: makeCorpus DIRECTORY gives DIRECTORY/TARGET/NAME for every target. The
-// files are small ones of every kind that the library writes or meets; each is taken with several ways of steering.
+// Makes the inputs that fuzzing begins with: makeCorpus DIRECTORY writes DIRECTORY/TARGET/NAME for every target. They
+// are small files of every kind that the library writes or meets, each with several ways of steering.
 #include "fuzzTarget.h"
 
 using namespace fuzz;
@@ -16,7 +16,7 @@ Bytes finished(const std::vector<std::size_t>& sizes, bool shrinking = true) {
     stream.Seek(kRow0, ORVA_StrBaseIO::SeekFromStart);
     unsigned seed = 0;
     for (const std::size_t size : sizes) {
-        SeededBytes random(++seed);  // so that files begin alike
+        SeededBytes random(++seed);  // the same seeds in each file, so that files begin alike
         const Bytes rows = shrinking ? random.rows(size) : random.noise(size);
         stream.Write(rows.data(), static_cast<std::uint32_t>(size));
         stream.Flush();
@@ -25,7 +25,7 @@ Bytes finished(const std::vector<std::size_t>& sizes, bool shrinking = true) {
     return readBytes(name);
 }
 
-// Without an index. An append leaves the heading of the file before; a new part, none.
+// A file without an index. An append leaves the previous heading, a new part none.
 Bytes interrupted(const Bytes& before, const Bytes& file) {
     const Bytes heading = slice(before, kRow0, kHeadingSize);
     return with(slice(file, 0, Part(file, kRow0, false).blocksEnd), kRow0, heading);
@@ -50,7 +50,7 @@ Files makeFiles() {
     return files;
 }
 
-// With numbers behind it that steer: `last` is the one taken first.
+// Appends numbers that steer; `last` is consumed first.
 void put(const std::string& directory, const std::string& name, Bytes input, unsigned char last = 0) {
     input = std::move(input) + any.noise(kSteps);
     input.back() = last;
@@ -67,7 +67,7 @@ int main(int count, char** arguments) {
             for (const char* way : {"-a", "-b", "-c"}) put(directory + target, name + way, file, swap);
         }
     }
-    // codecFuzz takes 5 bytes of steering, and the others as rows.
+    // codecFuzz takes 5 bytes for steering and the rest as rows.
     for (const std::size_t size : std::vector<std::size_t>{1, 200, 900, 2700, kBlockSize - kSteps + 5}) {
         put(directory + "/codecFuzz", "rows" + std::to_string(size), any.rows(size));
         put(directory + "/codecFuzz", "noise" + std::to_string(size), any.noise(size));

@@ -1,7 +1,7 @@
-// Looking into a file: finding its part, opening heading and index, verifying every block; and reading and seeking in
-// it, on every road and by place. Held against a second reader: both take the same files and call the same blocks
-// sound. Each read gives what the other one gives, byte for byte, or DamagedFileError where that one meets damage; the
-// stream stays usable for the rest. And joining it to itself.
+// Inspects a file: finds its part, opens heading and index, verifies every block; reads and seeks in it, with every
+// threading and by position; and joins it to itself. A second reader is the reference: both accept the same files and
+// call the same blocks sound. Each read gives the reference's bytes, or DamagedFileError where the reference meets
+// damage; the stream stays usable.
 #include "fuzzTarget.h"
 
 using namespace fuzz;
@@ -22,7 +22,8 @@ bool opens(const Input& in, const orva::foundPart& where) {
     return true;
 }
 
-// Threads take their time, and most of what reading checks needs none. May the file be opened anew on this road?
+// Sets the threading. Returns false for a slow one, for which the file is not opened anew: threads take time, and most
+// checks of reading need none.
 bool takeRoad(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
     const int road = steps.ConsumeIntegralInRange(0, 15);
     if (road < 2) stream.setMultiThread(2);
@@ -31,7 +32,7 @@ bool takeRoad(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
     return road >= 2;
 }
 
-// orva::Reader finds out the byte order by itself.
+// orva::Reader detects the byte order itself.
 void readByPlace(const Input& in, FuzzedDataProvider& steps) {
     const Part native(in.file, kRow0, false), swapped(in.file, kRow0, true);
     const Part& reference = native.layout.heading._caseStartPos == kRow0 ? native : swapped;

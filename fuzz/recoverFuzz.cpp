@@ -1,5 +1,5 @@
-// Recovering a file: the output verifies clean, every row in it comes from a stream that stands whole in the input, and
-// of a sound file nothing is lost.
+// Recovers a file: the output verifies clean, every row in it comes from a stream that is whole in the input, and a
+// sound file loses nothing.
 #include "fuzzTarget.h"
 
 using namespace fuzz;
@@ -26,7 +26,7 @@ bool madeOf(const std::vector<Bytes>& streams, const Bytes& rows) {
     return ends.count(rows.size()) != 0;
 }
 
-// Takes the zeros that stand for lost rows out again.
+// Removes the zeros that replace lost rows.
 Bytes withoutLost(Bytes rows, const orva::recoverReport& report) {
     for (auto lost = report.lost.rbegin(); lost != report.lost.rend(); ++lost) {
         const std::int64_t at = lost->begin - report.part.row0Pos;

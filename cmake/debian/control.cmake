@@ -1,5 +1,6 @@
-# Once the packages are there: of the library and its headers those of several architectures can be installed together, which
-# this cpack has no word for; and the scripts that it adds go, since they run ldconfig a second time where a trigger does.
+# Runs once the packages exist. Allows installing library and headers of several architectures together, which this
+# cpack has no setting for; and removes the scripts that cpack adds, which run ldconfig a second time beside the
+# trigger.
 find_program(dpkg_deb dpkg-deb REQUIRED)
 foreach(package IN LISTS CPACK_PACKAGE_FILES)
     set(tree ${package}.tree)

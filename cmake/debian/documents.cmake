@@ -1,8 +1,8 @@
-# Before the packages are closed: gives each what Debian wants of its documents, and puts the command's where Debian's
+# Runs before the packages are closed: gives each the documents that Debian wants, and puts the command's where Debian's
 # programs look for them. cpack runs it once, over the trees of all components.
 find_program(gzip gzip REQUIRED)
 set(source ${CMAKE_CURRENT_LIST_DIR}/../..)
-string(TIMESTAMP now "%a, %d %b %Y %H:%M:%S +0000" UTC)  # that of SOURCE_DATE_EPOCH, where it is set
+string(TIMESTAMP now "%a, %d %b %Y %H:%M:%S +0000" UTC)  # of SOURCE_DATE_EPOCH, if set
 
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     string(TOUPPER ${component} upper)
