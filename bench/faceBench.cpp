@@ -33,7 +33,7 @@ struct Files {
 };
 
 Pair wholeFile(const std::shared_ptr<Files>& files) {
-    const Road peer = [files] {
+    const Side peer = [files] {
         const auto blocks = orva::Reader(files->scratch.path("rows")).blocks();
         const orva::blockBuffer compressed(kBlockSize);
         const BareFile file(files->scratch.path("rows"), O_RDONLY);
@@ -49,7 +49,7 @@ Pair wholeFile(const std::shared_ptr<Files>& files) {
             }
         });
     };
-    const Road ours = [files] {
+    const Side ours = [files] {
         const orva::Reader reader(files->scratch.path("rows"));
         return threadSeconds([&] {
             const std::size_t got = reader.read_at(0, std::as_writable_bytes(std::span(files->to)));
@@ -59,14 +59,14 @@ Pair wholeFile(const std::shared_ptr<Files>& files) {
     return {peer, ours, static_cast<double>(kPass / kBlockSize)};
 }
 
-Road onThreads(const std::shared_ptr<Files>& files, int threads) {
+Side onThreads(const std::shared_ptr<Files>& files, int threads) {
     const orva::Reader reader(files->scratch.path("rows"), {.threads = threads});
     return [files, reader] {
         return wallSeconds([&] { reader.read_at(0, std::as_writable_bytes(std::span(files->to))); });
     };
 }
 
-Road taken(const std::shared_ptr<Files>& files, bool sorted) {
+Side taken(const std::shared_ptr<Files>& files, bool sorted) {
     const orva::Rows<double> rows(orva::Reader(files->scratch.path("rows")));
     std::vector<orva::i64> wanted(1'000);
     std::mt19937_64 random(1);
@@ -78,7 +78,7 @@ Road taken(const std::shared_ptr<Files>& files, bool sorted) {
     };
 }
 
-Road written(const std::shared_ptr<Files>& files, bool inRows) {
+Side written(const std::shared_ptr<Files>& files, bool inRows) {
     return [files, inRows] {
         orva::Writer writer(files->scratch.path("new"), {.durable = false, .replace = true});
         const auto* values = reinterpret_cast<const double*>(files->rows.data());

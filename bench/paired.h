@@ -2,7 +2,7 @@
 // that goes first, so that other load on the machine hits both; the figure is the median of the rounds' ratios.
 //
 //   int main(int argc, char** argv) {
-//       bench::add("copy against move", bench::timeAtMost(1.05), [] { return bench::Pair{moveRoad, copyRoad}; });
+//       bench::add("copy against move", bench::timeAtMost(1.05), [] { return bench::Pair{moveSide, copySide}; });
 //       return bench::run(argc, argv);
 //   }
 //
@@ -21,11 +21,11 @@
 namespace bench {
 
 // Runs one pass and returns the seconds of the part that counts.
-using Road = std::function<double()>;
+using Side = std::function<double()>;
 
 struct Pair {
-    Road peer;
-    Road ours;
+    Side peer;
+    Side ours;
     double operations = 1;  // in one pass of either side
 };
 

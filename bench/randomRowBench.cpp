@@ -56,7 +56,7 @@ const Files& files(std::uint32_t length) {
     return made.try_emplace(length, length).first->second;
 }
 
-bench::Road stream(const Files& from) {
+bench::Side stream(const Files& from) {
     auto source = std::make_shared<ORVA_FileStream>(from.name.c_str(), "rb");
     auto reader = std::make_shared<zcmpsFilestr>(*source);
     reader->readFilePosInfo(1, false);
@@ -70,7 +70,7 @@ bench::Road stream(const Files& from) {
     };
 }
 
-bench::Road bgzf(const Files& from) {
+bench::Side bgzf(const Files& from) {
     const std::shared_ptr<BGZF> file(bgzf_open(from.bgzfName.c_str(), "r"), bgzf_close);
     bench::require(file != nullptr && bgzf_index_load(file.get(), from.bgzfName.c_str(), ".gzi") == 0, "bgzf_open");
     return [file, row = std::vector<char>(kRowSize), at = places()]() mutable {
@@ -83,7 +83,7 @@ bench::Road bgzf(const Files& from) {
     };
 }
 
-bench::Road oneInflate(const Files& from) {
+bench::Side oneInflate(const Files& from) {
     auto part = std::make_shared<orva::finishedPart>(from.name, orva::foundPart{1, false});
     auto file = std::make_shared<bench::BareFile>(from.name, O_RDONLY);
     return [part, file, length = from.length, compressed = bench::Bytes(kBlockSize), rows = bench::Bytes(kBlockSize),

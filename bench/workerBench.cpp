@@ -49,24 +49,24 @@ void writeRows(zcmpsFilestr& stream, const Bytes& rows, const Work& work) {
 
 // A threading: a value for setMultiThread, or kTwoThreads for setThreadCount(2).
 constexpr std::int32_t kTwoThreads = 100;
-void takeRoad(zcmpsFilestr& stream, std::int32_t road) {
-    road == kTwoThreads ? stream.setThreadCount(2) : stream.setMultiThread(road);
+void setThreading(zcmpsFilestr& stream, std::int32_t threading) {
+    threading == kTwoThreads ? stream.setThreadCount(2) : stream.setMultiThread(threading);
 }
 
-std::unique_ptr<zcmpsFilestr> newPart(const std::string& name, std::int32_t road) {
+std::unique_ptr<zcmpsFilestr> newPart(const std::string& name, std::int32_t threading) {
     ORVA_FileStream dictionary(name.c_str(), "w+b");
     const Bytes bytes(kRow0);
     dictionary.Write(bytes.data(), kRow0);
     auto stream = std::make_unique<zcmpsFilestr>(dictionary);
-    takeRoad(*stream, road);
+    setThreading(*stream, threading);
     stream->setRow0Pos(kRow0);
     stream->Seek(kRow0, ORVA_StrBaseIO::SeekFromStart);
     return stream;
 }
 
-std::unique_ptr<zcmpsFilestr> opened(const std::string& name, std::int32_t road) {
+std::unique_ptr<zcmpsFilestr> opened(const std::string& name, std::int32_t threading) {
     auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"));
-    takeRoad(*stream, road);
+    setThreading(*stream, threading);
     stream->readFilePosInfo(kRow0, false);
     return stream;
 }
@@ -80,11 +80,11 @@ double timedWork(const Work& work) {
 const Work kNoWork = [] {};
 
 // `side(work, threads)` returns the seconds of a pass. The work is made as long as a pass without it.
-Pair sideBySide(const std::function<double(const Work&, std::int32_t)>& road, std::int32_t threads) {
-    road(kNoWork, 0);
-    const Work work = BusyWork(std::min(road(kNoWork, 0), road(kNoWork, 0)) / kBlocks);
-    const auto peer = [=] { return std::max(road(kNoWork, 0), timedWork(work)); };
-    const auto ours = [=] { return road(work, threads); };
+Pair sideBySide(const std::function<double(const Work&, std::int32_t)>& side, std::int32_t threads) {
+    side(kNoWork, 0);
+    const Work work = BusyWork(std::min(side(kNoWork, 0), side(kNoWork, 0)) / kBlocks);
+    const auto peer = [=] { return std::max(side(kNoWork, 0), timedWork(work)); };
+    const auto ours = [=] { return side(work, threads); };
     return {peer, ours, static_cast<double>(kBlocks)};
 }
 

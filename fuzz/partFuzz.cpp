@@ -24,12 +24,12 @@ bool opens(const Input& in, const orva::foundPart& where) {
 
 // Sets the threading. Returns false for a slow one, for which the file is not opened anew: threads take time, and most
 // checks of reading need none.
-bool takeRoad(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
-    const int road = steps.ConsumeIntegralInRange(0, 15);
-    if (road < 2) stream.setMultiThread(2);
-    if (road == 2 || road == 3) stream.setThreadCount(2);
+bool setThreading(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
+    const int kind = steps.ConsumeIntegralInRange(0, 15);
+    if (kind < 2) stream.setMultiThread(2);
+    if (kind == 2 || kind == 3) stream.setThreadCount(2);
     stream.setBlockCache(steps.ConsumeIntegralInRange(0, 3));
-    return road >= 2;
+    return kind >= 2;
 }
 
 // orva::Reader detects the byte order itself.
@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     zcmpsFilestr stream(ORVA_FileStream(in.name.c_str(), "rb"));
-    const bool opensAnew = takeRoad(stream, in.steps);
+    const bool opensAnew = setThreading(stream, in.steps);
     require(soundFor([&] { stream.readFilePosInfo(kRow0, in.swap); }) == opened, "a stream opens the same parts");
     PartModel model(in.name, kRow0, in.swap, in, inflatedBlock);
     while (opened && in.steps.remaining_bytes() != 0) model.read(stream, opensAnew);
