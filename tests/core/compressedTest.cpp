@@ -1,4 +1,6 @@
-// Writing: choices, cuts, beginnings and ends. Reading: what needs no file, and how a damaged file or block is refused.
+// Writing: choices, cuts, beginnings and ends. Reading: without a file, and of a damaged file or block. Offsets beyond
+//          4 GiB, in a hole. Broken contracts, and forks. modelTest.cpp covers which blocks and rows writes make,
+//          recovery/damageTest.cpp false headings and indexes.
 // Behind 4 GiB, which is cheap since it is a hole. Then breaches of a caller's duty, and forks. Which blocks and
 // rows writes make is modelTest.cpp's; lies of heading and index are told in recovery/damageTest.cpp.
 #include "coreTest.h"
@@ -32,7 +34,7 @@ TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
     EXPECT_EQ(refusal(kBlock + 1, kBestLevel + 1), length + "not 4190209" + level + "not " + above);
     beginRows(*stream);
     EXPECT_EQ(refusal(kBlock, 2), length + late + level + late);
-    if (GetParam() != 1) takeRoad(*stream, kTwo);  // not too late: no thread is there yet
+    if (GetParam() != 1) takeRoad(*stream, kTwo);  // not too late: no thread exists yet
     finish(*stream, Bytes(100'000, 'x'), {70'000, 30'000});
 }
 
@@ -46,7 +48,7 @@ TEST_P(CompressedWrite, CutsABlockThatDeflateCannotFitAtAnyLevel) {
     }
 }
 
-// The thread that writes the first block is held there until the stream is being abandoned.
+// Holds the thread that writes the first block until the stream is being abandoned.
 TEST_P(CompressedWrite, AbandonGivesUpTheBlocksThatWait) {
     const auto stream = startedWriter(fName, GetParam());
     std::atomic<bool> abandoning{false};
@@ -92,7 +94,7 @@ TEST_P(CompressedWrite, CannotBeginWithoutRoomForABlockOrTheFileAndMayTryAgain) 
     finish(*stream, Bytes(10, 'x'), {10});
 }
 
-// The rows begin behind 4 GiB, where the guess of a look-up cannot be right, so nothing but a gap answers for one.
+// The rows begin behind 4 GiB, where the guess of a look-up is never right, so only a gap gives no answer.
 struct CompressedRead : ShortBlocks, testing::WithParamInterface<int> {
     CompressedRead() { makeFile(fName, fBlocks, kFar, GetParam() == 2 ? 1 : GetParam()); }
     std::int64_t row(std::size_t block) const { return fLayout.records[block].orginalPos + kFar - kRow0; }
@@ -103,7 +105,7 @@ INSTANTIATE_TEST_SUITE_P(Roads, CompressedRead, testing::Values(0, 2, kSeveral),
 
 TEST_P(CompressedRead, WhatIsLoadedOrCachedCostsNoFileCall) {
     const Reader reader(fName, GetParam(), kFar);
-    reader.readAt(row(5) + 20, 60);  // the last block, behind which nothing is read ahead
+    reader.readAt(row(5) + 20, 60);  // the last block, after which nothing is read ahead
     const CallHook calls;
     reader->Seek(-10, ORVA_StrBaseIO::SeekFromCurrent);
     EXPECT_EQ(reader.read(20), slice(fBlocks[5], 70, 20));
@@ -124,12 +126,12 @@ TEST_P(CompressedRead, WhatIsLoadedOrCachedCostsNoFileCall) {
     std::string loaded;
     for (const std::size_t block : {0u, 2u, 0u, 2u, 0u, 4u, 0u, 2u}) loaded += loads(block);
     EXPECT_EQ(loaded, "11000101") << "the least recently used block goes first";
-    reader->setBlockCache(INT32_MAX);  // memory for those that there are
+    reader->setBlockCache(INT32_MAX);  // takes memory only for existing blocks
     reader->readFilePosInfo(kFar, false);
     EXPECT_EQ(loads(0), '1') << "a file that is opened anew";
 }
 
-// A record that lies, about the bytes of its block or about its rows; then there is a gap behind them.
+// A false record, about the bytes of its block or about its rows; the latter leaves a gap behind them.
 TEST_P(CompressedRead, ADamagedBlockOrAGapIsRefusedAndTheOthersStayReadable) {
     const std::int64_t index = fLayout.heading._indexPos + kFar - kRow0;
     const auto lie = [&](std::int64_t record, std::int64_t field, const Bytes& value) {
@@ -224,7 +226,7 @@ TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
     EXPECT_EQ(stream->Close(), 1);
 }
 
-// That another process has appended since the index was read, or has begun anew, is no breach.
+// An append by another process since the index was read, or a new file, is no broken contract.
 TEST_F(ShortBlocks, AnAppendBeginsWhereTheFileEndsNow) {
     const Reader stale(fName, 0, kRow0), emptied(fName, 0, kRow0), other(fName, 0, kRow0);
     const std::int64_t end = kRow0 + 28'801;
@@ -245,7 +247,7 @@ TEST_F(ShortBlocks, AnAppendBeginsWhereTheFileEndsNow) {
     EXPECT_THAT(failureOf([&] { resume(*full, kRow0 + 5); }), HasSubstr("fData->fpos == endpos"));
 }
 
-// A child has none of its parent's threads, so it must not wait for one, nor end the parent's file.
+// A child has none of its parent's threads, so it must neither wait for one nor finish the parent's file.
 TEST_F(ShortBlocks, AForkWhileWorkersLive) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "a child of several threads cannot start threads there";
@@ -259,7 +261,7 @@ TEST_F(ShortBlocks, AForkWhileWorkersLive) {
         auto writer = startedWriter(own, road);
         writeBlocks(*writer, {rows});
         Reader reader(fName, road == 1 ? 2 : road, kRow0);
-        reader.read(28'750);  // into the last block: a thread that is at work at a fork can hold what a sanitizer needs
+        reader.read(28'750);  // into the last block: a thread at work during a fork can hold what a sanitizer needs
         expectInChild([&] {
             EXPECT_EQ(ORVA_FileStream(own.c_str(), "r+b").Good(), 0) << "a second writer in another process";
             EXPECT_EQ(writer->Close() + reader->Close() + plain.Close(), 0);

@@ -1,4 +1,4 @@
-// What the tests of the compressed layers share: compressed files made through the library and looked at past it, and
+// Shared by the tests of the compressed layers: compressed files made through the library and inspected without it, and
 // hooks for system calls.
 #pragma once
 
@@ -12,13 +12,13 @@ using namespace support;
 inline constexpr std::int64_t kRow0 = 1'000;
 inline constexpr std::int64_t kBlock = 4'190'208;
 
-// A road: a setting of setMultiThread, or 100 and the number of several threads at once.
+// A threading: a value for setMultiThread, or 100 plus a value for setThreadCount.
 inline constexpr int kOneOfSeveral = 101, kTwo = 102, kSeveral = 103;
 inline void takeRoad(zcmpsFilestr& stream, int road) {
     road > 100 ? stream.setThreadCount(road - 100) : stream.setMultiThread(road);
 }
 
-// A stream over a new file that holds a dictionary part only.
+// A stream over a new file with nothing but a dictionary part.
 inline std::unique_ptr<zcmpsFilestr> freshStream(const std::string& name, int road) {
     writeBytes(name, Bytes(kRow0, 0xD5));
     auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "r+b"));
@@ -31,7 +31,7 @@ inline void beginRows(zcmpsFilestr& stream, std::int64_t row0 = kRow0) {
     stream.Seek(row0, ORVA_StrBaseIO::SeekFromStart);
 }
 
-// To add rows at `end`.
+// Begins to add rows at `end`.
 inline void resume(zcmpsFilestr& stream, std::int64_t end, bool swap = false) {
     stream.Seek(end, ORVA_StrBaseIO::SeekFromStart);
     stream.setFileToAppend(end, swap);
@@ -52,7 +52,7 @@ inline void write(ORVA_StrBaseIO& stream, const Bytes& bytes) {
     EXPECT_EQ(stream.Write(bytes.data(), sizeOf(bytes)), bytes.size());
 }
 
-// Blocks of these, apart from what deflate cuts.
+// Writes each of these as one block, unless deflate cuts it.
 inline void writeBlocks(zcmpsFilestr& stream, const std::vector<Bytes>& blocks) {
     for (const Bytes& block : blocks) {
         write(stream, block);
@@ -108,7 +108,7 @@ Bytes bytesOf(const Struct& value) {
     return bytes;
 }
 
-// All rules of a finished file, without the library.
+// Checks all rules of a finished file, without the library.
 inline void expectFinished(const Bytes& file, const Bytes& rows, const std::vector<std::int32_t>& sizes) {
     const secondReader part(file, kRow0, false);
     EXPECT_EQ(slice(file, 0, kRow0), Bytes(kRow0, 0xD5)) << "the dictionary part";

@@ -1,6 +1,6 @@
-// Whatever a script needs and does not get, at each place where it needs it, on every road: the right failure or the
-// right bytes; no hang, no leak, no end of the program; a Close that gave 1 told the truth; and once there is enough of
-// everything again, the stream goes on or the file is as it was found.
+// Each request of a script fails in turn, with every threading. There must be the right failure or the right bytes; no
+// hang, no leak, no abort; a Close that returned 1 was right; and once nothing fails any more, the stream goes on, or
+// the file is as it was found.
 #include "recovery/recoveryTest.h"
 #include "scarcity.h"
 
@@ -23,7 +23,7 @@ constexpr Fault kFaults[] = {
 };
 
 struct Faults : ShortBlocks {
-    // Runs `body(road, scarcity)` over all faults and places.
+    // Runs `body(variant, scarcity)` for all faults and places.
     template <class Body>
     void everywhere(const std::vector<int>& roads, Body body) {
         std::map<std::string, int> refused;
@@ -44,7 +44,7 @@ struct Faults : ShortBlocks {
         EXPECT_TRUE(refused["EioOnce"] > 6 && refused["NoMemoryOnce"] > 2);
     }
 
-    // What is heard names what was refused.
+    // The failure must name the request that failed.
     template <class Body>
     std::string tried(Scarcity& s, Body body) const {
         const std::string failure = s.heard(body);
@@ -55,14 +55,14 @@ struct Faults : ShortBlocks {
         EXPECT_THAT(failure + s.text, AnyOf("", StartsWith("System"), ContainsRegex(s.fault.told)));
         return failure;
     }
-    // If it failed, then once more, with enough of everything.
+    // Repeats a failed body, without faults.
     template <class Body>
     void untilDone(Scarcity& s, Body body) const {
         if (!tried(s, body).empty()) body();
     }
 };
 
-// A new file, and then its blocks, each of them read until it is there.
+// A new file, and then its blocks, each read until it succeeds.
 TEST_F(Faults, H2_H4_M3_ANewFileAndItsReader) {
     const std::vector<filePosRecord> records = Layout(fFile).records;
     everywhere({0, 1, kOneOfSeveral, kTwo}, [&](int road, Scarcity& s) {
@@ -118,7 +118,7 @@ TEST_F(Faults, TheFace) {
     everywhere({1, 2}, [&](int threads, Scarcity& s) {
         std::filesystem::remove_all(directory);
         std::filesystem::create_directory(directory);
-        int done = 0;  // files, or times that the rows are in one
+        int done = 0;  // files, or how often the rows are in one
         std::optional<orva::Reader> reader;
         const auto expectRows = [&] { EXPECT_EQ(allRows(*reader), joined(std::vector(6, rows))); };
         const std::string heard = s.heard([&] {
@@ -140,7 +140,7 @@ TEST_F(Faults, TheFace) {
         EXPECT_THAT(s.text, AnyOf("", ContainsRegex(s.fault.kind == Fault::Threads ? "ask for fewer" : "")));
         EXPECT_TRUE(heard.empty() || s.reached()) << heard << " out of nothing";
         for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-            // Calls that fail cannot remove it either, and writes that do cannot undo an append.
+            // Failing calls cannot remove it either, and failing writes cannot undo an append.
             const bool side = entry.path() == one + ".orva-undo" && s.fault.kind == Fault::Writes;
             EXPECT_TRUE(entry.path() == one || entry.path() == both || side || s.fault.kind == Fault::Calls)
                 << entry.path();
@@ -148,7 +148,7 @@ TEST_F(Faults, TheFace) {
         if (done > 0 || std::filesystem::exists(one)) {
             orva::roll_back(one);
             const orva::i64 times = orva::Reader(orva::Path(one)).size() / std::ssize(rows);
-            // What was finished before it failed to say so is there as well.
+            // Rows may have been finished by a call that then failed.
             EXPECT_TRUE(times == std::min(done, 3) || times == std::min(done, 2) + 1) << times << " after " << done;
         }
         const bool tells = s.fault.kind == Fault::Memory || s.text.find("has its name") != std::string::npos;
@@ -178,7 +178,7 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
             EXPECT_EQ(failureOf([&] { orva::recover(fName, path("out"), {}); }), "") << size << " at " << place;
         }
     }
-    // Nor does an index of which only the first record is there, and a hole.
+    // Nor does an index of a first record and a hole.
     const auto end = std::ssize(fFile);
     overwriteBytes(fName, kRow0, bytesOf(compressionHeading{kRow0, end, kSizes[1]}));
     overwriteBytes(fName, end, bytesOf(filePosRecord{kFirstRecordMark, 0, kBlockSize, kSizes[1] / 24 - 1}));
@@ -188,7 +188,7 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
     mostAtOnce = SIZE_MAX;
 }
 
-// A plain stream, of its bits: 1 read-ahead, 2 requests go straight to the file, 4 enciphered.
+// A plain stream. Bits: 1 read-ahead, 2 requests bypass the buffer, 4 enciphered.
 TEST_F(Faults, AStreamThatIsWrittenAndRead) {
     const Bytes content = RandomBytes(7).noise(kBlock + 40'955);
     everywhere({1, 2, 5}, [&](int road, Scarcity& s) {
@@ -203,7 +203,7 @@ TEST_F(Faults, AStreamThatIsWrittenAndRead) {
         for (const std::int64_t end : {std::int64_t{100}, std::int64_t{1'000}, kBlock + 1'960, kBlock + 40'955}) {
             untilDone(s, [&] {
                 stream.Clear();
-                const std::int64_t at = stream.Tell();  // what was not taken, or waits, is written by this attempt
+                const std::int64_t at = stream.Tell();  // writes the bytes that were not taken or are pending
                 stream.Write(content.data() + at, static_cast<std::uint32_t>(end - at));
                 stream.Flush();
             });
@@ -230,7 +230,7 @@ namespace recovery {
 
 using AppendFaults = core::Faults;
 
-// What a failed append leaves is what it found, or its text says what brings that back. Safe ones TheFace makes.
+// A failed append leaves the file as it was, or its text says how to restore it. TheFace covers safe appends.
 TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
     for (Append append : std::span(kAppends).first(kWriting)) {
         SCOPED_TRACE(append.name);
@@ -260,14 +260,14 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
                 EXPECT_TRUE(sameBytes(rowsOf(fName), append.newRows()));
             } else if (says("'orva recover' gets them")) {
                 EXPECT_TRUE(s.fault.kind != Fault::Writes || readBytes(fName) != old) << "nothing had to be put back";
-                // A torn block, with nothing else going any more, costs the rows of the one that it stands on.
+                // A torn block that cannot be restored costs the rows of the block that it overwrote.
                 const bool torn = s.fault.afterAPart;
                 EXPECT_TRUE(orva::recover(fName, path("out"), {kPart}).lost.empty() || torn);
                 const std::size_t kept = torn ? (append.old.empty() ? 0 : append.old[0]) : append.keptRows().size();
                 EXPECT_TRUE(kept == 0 ||
                             sameBytes(slice(rowsOf(path("out")), 0, kept), slice(append.oldRows(), 0, kept)));
             } else {
-                // Without memory no text says whether it came to its end.
+                // Without memory no text says whether the append was completed.
                 const bool mute = s.fault.kind != Fault::Calls;
                 EXPECT_TRUE(readBytes(fName) == old || (mute && rowsOf(fName) == append.newRows())) << s.text;
             }

@@ -1,5 +1,5 @@
-// The two block codecs: what comes back for whole, damaged, cut and misused blocks. The bytes of heading and index;
-// their other byte order is modelTest.cpp's, lies of an index are told in recovery/damageTest.cpp.
+// The two block codecs, with whole, damaged, cut and misused blocks; and the bytes of heading and index. modelTest.cpp
+// covers the other byte order, recovery/damageTest.cpp a false index.
 #include "coreTest.h"
 #include "format/blockTransfer.h"
 #include "format/filePosInfo.h"
@@ -18,8 +18,8 @@ Bytes deflated(const Bytes& rows, int level = 1) {
     out.resize(outcome.produced);
     return out;
 }
-// The public operations tell how many bytes came out, and 0 for a call that zlib refuses. How a stream ended is held
-// against zlib by the fuzz target of the codec, and told of blocks in recovery/damageTest.cpp.
+// The public operations return the number of bytes produced, and 0 for a call that zlib refuses. The codec's fuzz
+// target compares with zlib how a stream ended, and recovery/damageTest.cpp checks it for blocks.
 TEST(ZlibCodec, AnswersByTheBytesProduced) {
     const Bytes packed = deflated(kRows);
     constexpr auto pack = &zlibCompressBlock::compressBlock, unpack = &zlibCompressBlock::decompressBlock;
@@ -54,11 +54,11 @@ TEST(ZlibCodec, AHigherLevelIsWorthItsTimeAndNeedsItsRoom) {
     EXPECT_NE(zlibCompressBlock().deflateWhole(kNoise.data(), 100, &tight, 1, 6).end, blockOutcome::complete);
 }
 
-// Blocks of noise are stored without trying; what is noise in part only loses at most a hundredth of its ratio.
+// Blocks of noise are stored without trying; a block that is noise in part loses at most a hundredth of its ratio.
 TEST(ZlibCodec, NoiseInPartCostsNoRatio) {
     const struct {
         const char* name;
-        std::size_t begin, count, every;  // of each so many bytes behind `begin`, up to `count`, the first repeats
+        std::size_t begin, count, every;  // of each `every` bytes behind `begin`, up to `count`, the first repeats
     } cases[] = {
         {"AHundredthAndAHalfAtSomePlace", 1'234'567, kBlock / 64, 1},
         {"AByteOfEight", 0, kBlock, 8},
@@ -77,7 +77,7 @@ TEST(ZlibCodec, NoiseInPartCostsNoRatio) {
 }
 
 TEST(Lz4Codec, CompressesByLevelAndReportsWhatDoesNotFit) {
-    constexpr std::uint32_t failed = 1U << 31;  // and above
+    constexpr std::uint32_t failed = 1U << 31;  // or above
     Bytes rows = kRows, packed(120'000), back(100'000);
     char* const from = reinterpret_cast<char*>(rows.data());
     char* const to = reinterpret_cast<char*>(packed.data());
@@ -113,7 +113,7 @@ TEST(Layout, HeadingAndIndexAreAsDocumented) {
               Bytes({0xE8, 3, 0, 0, 0, 0, 0, 0, 0x60, 0xE0, 0x2C, 0, 0, 0, 0, 0, 96, 0, 0, 0, 0, 0, 0, 0}));
 }
 
-// An index can be longer than what a file takes at a time.
+// An index can be longer than a file transfers at a time.
 TEST(StoredBytes, MoveInPiecesOneBehindTheOther) {
     const char* const base = "";
     std::int64_t next = 0;

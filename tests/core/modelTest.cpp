@@ -1,5 +1,5 @@
-// Random operations on every kind of stream and road, beside a byte vector that says what they must give.
-// ORVA_MODEL_OPERATIONS is another number of them for each kind; ORVA_MODEL_SEED begins elsewhere.
+// Random operations on every kind of stream with every threading, compared with a byte vector. ORVA_MODEL_OPERATIONS
+// sets their number for each kind; ORVA_MODEL_SEED sets the first seed.
 #include "coreTest.h"
 #include "stream/streamTest.h"
 #include "support/partModel.h"
@@ -13,7 +13,7 @@ namespace core {
 constexpr std::uint64_t kManyOfStreams = kSanitized ? 30'000 : 400'000;
 constexpr std::uint64_t kManyOfParts = kSanitized ? 1'500 : 5'000;
 
-// Rounds of `round(random, number)`, which gives its operations, until there are enough or one failed.
+// Runs `round(random, number)`, which returns its operations, until there are enough or one failed.
 template <class Round>
 void rounds(std::uint64_t quick, Round round) {
     const std::uint64_t enough = told("ORVA_MODEL_OPERATIONS", quick);
@@ -26,7 +26,7 @@ void rounds(std::uint64_t quick, Round round) {
 }
 // Streams of every mode, plain and enciphered.
 struct StreamModel : StreamTest {
-    // After a failure what still waits may not be written: nothing is to be thrown from here.
+    // After a failure pending bytes may be unwritable: nothing may throw from here.
     void TearDown() override {
         if (model != nullptr) s().ClearAndReset();
         model = nullptr;
@@ -42,13 +42,14 @@ struct StreamModel : StreamTest {
     }
     void readSome(RandomBytes& random) {
         std::size_t size = anySize(random);
-        if (fEncrypted && !fPreReading) {  // the caller's duty
+        if (fEncrypted && !fPreReading) {  // required of the caller
             model->seek(model->position() / 16 * 16);
             size = size / 16 * 16;
         }
         model->read(size);
     }
-    // Enciphered bytes may be refused only where they would need others that this mode can't read or not write again.
+    // A write of enciphered bytes may be refused only if it needs other bytes that this mode cannot read or write
+    // again.
     void writeSome(RandomBytes& random) {
         if (model->position() > 16'000'000) model->seek(0);
         if (model->appends() && random.oneIn(2)) model->seek(0, ORVA_StrBaseIO::SeekFromEnd);
@@ -84,7 +85,7 @@ struct StreamModel : StreamTest {
         if (kind < 1'998) return step('k'), void(fFinished = true);
         s().Flush(), model->reset();
     }
-    // For a moment, half-way. The same again, of what was not taken, loses nothing and writes nothing twice.
+    // Fails once, half-way. Repeating the call for the bytes not taken loses nothing and writes nothing twice.
     void onAFullDisk(RandomBytes& random, bool writes) {
         const std::uint64_t seed = random.below(1'000'000);
         RandomBytes first(seed), again(seed);
@@ -99,7 +100,7 @@ struct StreamModel : StreamTest {
         }
         fDisk.fail(Call::Write, 0);
     }
-    // Past the stream: enciphered bytes by another one, which has the pad for data.
+    // Without this stream: another one reads enciphered bytes, and takes the pad for data.
     void expectFile() {
         model = nullptr;
         ORVA_FileStream reader(path("data").c_str(), "rb", fEncrypted);
@@ -149,7 +150,7 @@ TEST_F(CompressedModel, H1_H3_M1_M4_BlocksAndRowsAreThoseThatWereWritten) {
         expectFinished(readBytes(fName), given.rows, given.sizes);
         constexpr int kReads = 60;
         for (int session = 0; session < 7 && !HasFailure(); ++session) {
-            // Of the other byte order, until an append is finished.
+            // In the other byte order until an append is finished.
             bool swap = Layout(readBytes(fName)).heading._caseStartPos != kRow0;
             if (!swap && random.oneIn(3)) swap = true, writeBytes(fName, swapped(readBytes(fName), kRow0));
             PartModel model(fName, kRow0, swap, random);

@@ -1,6 +1,6 @@
-// Scarcity: of what the code under test needs, the k-th piece is not to be had: a call of the system or of the cipher,
-// an allocation, the memory of a codec, a thread. It strikes while a body runs that is heard, on whichever thread. For
-// one program alone: it stands in front of operator new and more.
+// Scarcity: makes the k-th request of one kind fail: a call of the system or of the cipher, an allocation, the memory of
+// a codec, a thread. It strikes only inside heard(), on any thread. Needs a program of its own, since it replaces
+// operator new and more.
 #pragma once
 
 #include "coreTest.h"
@@ -18,19 +18,19 @@ struct Fault {
     enum Kind { Calls, Writes, Memory, Codecs, Threads };
     const char* name;
     Kind kind;
-    int error = 0;            // that a failing call gives, or a file's failure tells
-    const char* told = "";    // what a person reads, as a pattern
-    bool lasting = false;     // else once
-    bool afterAPart = false;  // a transfer first moves some bytes, and the next call fails
+    int error = 0;            // given by a failing call, or reported for a file
+    const char* told = "";    // pattern of the text for a person
+    bool lasting = false;     // else it fails only once
+    bool afterAPart = false;  // first a short transfer, and then the next call fails
 };
 
 namespace {
 
-// Of the process, for the replaced functions below, which may be called at any time.
+// Global, for the replaced functions below, which may be called at any time.
 std::atomic<bool> striking{false};
 std::atomic<Fault::Kind> kind{};
 std::atomic<std::uint64_t> first{0}, last{0}, count{0};
-std::atomic<std::size_t> mostAtOnce{SIZE_MAX};  // of memory, above which there is none
+std::atomic<std::size_t> mostAtOnce{SIZE_MAX};  // larger requests of memory fail
 
 bool strikes(Fault::Kind what) noexcept {
     if (!striking || kind != what) return false;
@@ -38,12 +38,12 @@ bool strikes(Fault::Kind what) noexcept {
     return number >= first && number <= last;
 }
 
-// What stands behind one of the functions here: the system's own, or a sanitizer's.
+// The next definition of a function replaced here: the system's own, or a sanitizer's.
 template <class Function>
 Function* nextOf(const char* symbol) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
 }
-constexpr bool kLong = std::is_same_v<std::size_t, unsigned long>;  // as names of functions tell it
+constexpr bool kLong = std::is_same_v<std::size_t, unsigned long>;  // as mangled names tell
 void requireMemory(std::size_t size) {
     if (size > mostAtOnce || strikes(Fault::Memory)) throw std::bad_alloc();
 }
@@ -57,12 +57,12 @@ const bool isCodecMemory = (libdeflate_set_memory_allocator(codecMemory, std::fr
 
 }  // namespace
 
-// Found before the system's own, by the standard library too, whose other forms of new call these. The memory comes
-// from the next one, whose delete takes it back.
+// Found before the system's own, also by the standard library, whose other forms of new call these. The memory comes
+// from the next definition, whose delete frees it.
 void* operator new(std::size_t size) {
     static const auto next = nextOf<void*(std::size_t)>(kLong ? "_Znwm" : "_Znwj");
     requireMemory(size);
-    // Not zeros, as memory that others have had: read as a window's length it would be a short one.
+    // Not zeros, like used memory: taken for a window's length, these would be a short one.
     return std::fill_n(static_cast<std::uint16_t*>(next(size)), size / 2, std::uint16_t{7}) - size / 2;
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
@@ -72,7 +72,7 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
     return next(size, alignment);
 }
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// The system's own: what ends with a thread may take some.
+// The system's own calloc, which may serve code that ends with a thread.
 extern "C" void* __libc_calloc(std::size_t count, std::size_t size) noexcept;
 extern "C" void* calloc(std::size_t count, std::size_t size) noexcept {
     return strikes(Fault::Memory) ? nullptr : __libc_calloc(count, size);
@@ -84,8 +84,7 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
     return strikes(Fault::Threads) ? EAGAIN : next(thread, attributes, run, argument);
 }
 
-// The linker leads the library's calls here (--wrap).
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// The linker redirects the library's calls here (--wrap).
 extern "C" int __real_inflateInit_(z_stream* stream, const char* version, int size);
 extern "C" int __wrap_inflateInit_(z_stream* stream, const char* version, int size) {
     return strikes(Fault::Codecs) ? Z_MEM_ERROR : __real_inflateInit_(stream, version, size);
@@ -104,8 +103,8 @@ public:
         count = 0;
     }
 
-    // What failureOf says of `body`; `text` gets what a person would read. Strikes in there alone, and no more once
-    // something was thrown.
+    // Returns failureOf(body); `text` gets the text for a person. Strikes only in there, and no more after an
+    // exception.
     template <class Body>
     std::string heard(Body body) {
         text.clear();
@@ -122,7 +121,7 @@ public:
         striking = false;
         return failure;
     }
-    // There was a k-th piece.
+    // True if there was a k-th request.
     bool reached() const { return count >= first; }
 
     Verdict before(const Step& step) override {

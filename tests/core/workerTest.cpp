@@ -1,6 +1,6 @@
-// The numbered rules of the workers that read, by their numbers (R, T and A in readAheadSlot.h, zcmpsPreIOThread.h and
-// zcmpsMultiThread.h), and lives of streams. Of those that write, H1, H3, M1 and M4 are told in modelTest.cpp, H2, H4
-// and M3 in faultTest.cpp, H5 and M5 in compressedTest.cpp, M6 in ../api/writerTest.cpp.
+// The rules of the reading workers, by their numbers (R, T and A in readAheadSlot.h, zcmpsPreIOThread.h and
+// zcmpsMultiThread.h), and lifetimes of streams. Rules of the writing workers: H1, H3, M1 and M4 in modelTest.cpp, H2,
+// H4 and M3 in faultTest.cpp, H5 and M5 in compressedTest.cpp, M6 in ../api/writerTest.cpp.
 #include "coreTest.h"
 #include "format/indexTransfer.h"
 #include "part/zcmpsMultiThread.h"
@@ -8,7 +8,7 @@
 
 namespace core {
 
-// All make the same promises to their caller.
+// All of them make the same promises to their caller.
 template <class Worker>
 struct ReadWorker : ShortBlocks {
     static constexpr bool kIsSeveral = std::is_same_v<Worker, PreIOThread_Multi_R_D>;
@@ -43,7 +43,7 @@ TYPED_TEST(ReadWorker, R1_R3_T1_A2_OnlyASequentialRunIsReadBesideTheCaller) {
     auto worker = this->started();
     for (std::uint32_t i = 0; i < this->kBlocks; ++i) {
         EXPECT_EQ(this->request(*worker, i), this->fBlocks[i]) << "block " << i;
-        // The caller may make a block itself that no thread has begun.
+        // The caller may itself make a block that no thread has begun.
         while (reads.count < std::min(this->kIsSeveral && i > 0 ? 2 * i + 2 : i + 2, this->kBlocks))
             std::this_thread::yield();
     }
@@ -87,8 +87,8 @@ TYPED_TEST(ReadWorker, R2_R4_R5_T2_T3_T4_A1_A3_A4_A5_AnyRequestIsServedOrFailsAn
     }
 }
 
-// Lives of streams that write on threads: given a little, some of it in vain, and ended at any point. A destructor
-// throws what nobody heard, but not while another exception is in flight.
+// Lifetimes of streams that write on threads: some rows, some calls that fail, and an end at any point. A destructor
+// throws a failure that nobody has seen, but not while another exception is in flight.
 TEST_F(ShortBlocks, TenThousandLivesEnd) {
     RandomBytes random(48);
     CallHook disk;

@@ -1,19 +1,19 @@
-// What the tests of streams share: a stream beside a byte vector, the file calls that it makes, and scripts of steps.
+// Shared by the tests of streams: a stream beside a byte vector, the file calls that it makes, and scripts of steps.
 #pragma once
 
 #include "support/tempDir.h"
 
 namespace support {
 
-// The vector says what the stream must read, and a position where it must stand. An appending stream's bytes belong at
-// the end, wherever it stands.
+// A stream beside a model: the vector holds what it must read, and fPosition where it must be. The bytes of an
+// appending stream belong at the end, wherever it is.
 class ModelStream {
 public:
     ModelStream(const std::string& file, const char* mode, Bytes& content, bool encrypted = false)
         : fStream(file.c_str(), mode, encrypted), fContent(content), fMode(mode), fEncrypted(encrypted) {
         begin(appends());
     }
-    // At the end, or at 0 as a copy, which shares the file and so the content.
+    // Starts at the end, or at 0 for a copy, which shares the file and so the content.
     void begin(bool atEnd = false) {
         fPadded = padded();
         moveTo(atEnd ? std::ssize(fContent) : 0);
@@ -38,7 +38,7 @@ public:
         EXPECT_TRUE(sameBytes(bytes, slice(fContent, fPosition, size)));
         moveTo(fPosition + std::ssize(bytes));
     }
-    // One that fails has taken the bytes before the position.
+    // A failed write has taken the bytes before the position.
     void write(const Bytes& bytes) {
         try {
             EXPECT_EQ(fStream.Write(bytes.data(), sizeOf(bytes)), bytes.size());
@@ -55,17 +55,17 @@ public:
         EXPECT_EQ(fStream.Seek(offset, direction), legal ? 0 : -1);
         moveTo(legal ? target : fPosition);
     }
-    // Bytes that wait are dropped.
+    // Pending bytes are dropped.
     void reset() {
         fStream.ClearAndReset();
         moveTo(0);
     }
-    // The file has the pad from then on; the stream itself knows which bytes are pad.
+    // From then on the file has the pad; the stream itself knows which bytes are pad.
     void close() {
         EXPECT_EQ(fStream.Close(), 1);
         fPadded = std::max(fPadded, padded());
     }
-    // Its own file once more: a new object has the pad for data.
+    // Opens its own file again: a new object takes the pad for data.
     void reopen() {
         EXPECT_EQ(fStream.Open(fStream.GetNameStr(), fMode.c_str()), 1);
         if (fMode[0] == 'w') fContent.clear();
@@ -90,17 +90,17 @@ private:
     std::int64_t fPosition = 0;
 };
 
-// Tells a call of the library as one, also where the system needed several: "R 512+1000" is a read at offset 512 that
-// asked for 1,000 bytes, "W" a write; in small letters if another thread than the test's made it. "E" ends a run of the
-// cipher.
+// Records each call of the library as one, even if the system needed several: "R 512+1000" is a read at offset 512 that
+// asked for 1,000 bytes, "W" a write; lower case if another thread than the test's made it. "E" ends a run of the cipher.
 class FileCalls : public CallHook {
 public:
-    // What was made since the last time, apart by ", ". Only with no call under way: another thread's may be missing.
+    // The calls since the last time, separated by ", ". Only while no call is under way: another thread's may be
+    // missing.
     std::string transfers() {
         const std::lock_guard guard(fLock);
         return std::exchange(fTransfers, {});
     }
-    // Until the other threads have ended so many reads since the hook was installed.
+    // Waits until other threads have ended so many reads since the hook was installed.
     void awaitReads(int reads) const {
         while (fOtherReads < reads) std::this_thread::yield();
     }
@@ -123,21 +123,22 @@ private:
 
     const std::thread::id fTestThread = std::this_thread::get_id();
     std::atomic<int> fOtherReads{0};
-    std::mutex fLock;  // guards what follows
+    std::mutex fLock;  // guards the next two
     std::string fTransfers;
-    std::uint64_t fRest = 0;  // what the system left undone of the call under way
+    std::uint64_t fRest = 0;  // bytes that the system left undone of the current call
 };
 
 struct Script {
     const char* name;
     std::size_t fileSize;
-    const char* steps;      // apart by blanks, each a letter of `kinds` and its number
-    const char* transfers;  // that they make, whole blocks without a size, and "end" if EndOfFile says so then
+    const char* steps;      // separated by blanks, each a letter of `kinds` and its number
+    const char* transfers;  // the calls that they make, whole blocks without a size, and "end" if EndOfFile is true
+                            // then
     const char* mode = "r+b";
     bool encrypted = false;
 };
 
-// A file, a stream over it beside the content that it should have, and steps with them.
+// A file, a stream over it beside the content that it should have, and steps for both.
 struct StreamTest : TempDir {
     ~StreamTest() override { SetKeepEncrypt(false); }
     static const Bytes& noise() {
@@ -162,7 +163,7 @@ struct StreamTest : TempDir {
     void step(char kind, std::int64_t number = 0) { kinds.at(kind)(number); }
     void run(const std::string& script) {
         std::istringstream steps(script);
-        // No further once one failed: what it waits for may never come.
+        // Stops at a failure: what a later step waits for may never come.
         for (std::string step; !HasFailure() && steps >> step;) {
             SCOPED_TRACE(step + " at " + std::to_string(model->position()));
             this->step(step[0], std::atoll(step.c_str() + 1));
@@ -186,11 +187,11 @@ struct StreamTest : TempDir {
         {'r', [&](auto n) { model->read(static_cast<std::size_t>(n)); }},
         {'w', [&](auto n) { model->write(slice(noise(), written += 1'009, n)); }},
         {'f', [&](auto) { EXPECT_EQ(s().Flush(), 1); }},
-        {'k', [&](auto) { model = std::make_unique<ModelStream>(*model), model->begin(); }},  // goes on with a copy
+        {'k', [&](auto) { model = std::make_unique<ModelStream>(*model), model->begin(); }},  // continues with
         {'p', [&](auto on) { on ? s().EnablePreReading() : s().DisablePreReading(); }},
         {'t', [&](auto on) { on ? s().EnableMultiThreadReading() : s().DisableMultiThreadReading(); }},
-        // The next write moves so many bytes at most, and fails; the next seek fails; a seek to the end and a write
-        // that fail.
+        // x: the next write moves at most so many bytes, and then fails; q: the next seek fails; E: a seek to the end
+        // fails; W: a write fails.
         {'x', [&](auto part) { calls->fail(Call::Write, ENOSPC, static_cast<std::uint64_t>(part)); }},
         {'q', [&](auto error) { calls->fail(Call::Seek, static_cast<int>(error)); }},
         {'E', [&](auto) { EXPECT_EQ(s().Seek(0, ORVA_StrBaseIO::SeekFromEnd), -1), model->moveTo(model->position()); }},
@@ -198,7 +199,7 @@ struct StreamTest : TempDir {
         // Waits for the n-th read of another thread.
         {'a', [&](auto n) { calls->awaitReads(static_cast<int>(n)); }},
     };
-    std::int64_t written = 0;  // where in there the bytes of the last write stand
+    std::int64_t written = 0;  // place in noise() of the last write's bytes
     Bytes content;
     std::unique_ptr<ModelStream> model;
     FileCalls* calls = nullptr;

@@ -1,4 +1,4 @@
-// Bytes, and files made, read and damaged by plain calls past the library. Needs no test framework, so that fuzz
+// Bytes, and files made, read and damaged by plain calls, without the library. Needs no test framework, so that fuzz
 // targets use it too.
 #pragma once
 
@@ -33,7 +33,7 @@ namespace support {
 
 using Bytes = std::vector<unsigned char>;
 
-// Over what stands there, the rest of the file stays.
+// Overwrites bytes; the rest of the file stays.
 inline void overwriteBytes(const std::string& file, std::integral auto offset, const Bytes& bytes) {
     std::fstream stream(file, std::ios::binary | std::ios::in | std::ios::out);
     stream.seekp(static_cast<std::streamoff>(offset));
@@ -44,14 +44,14 @@ inline void writeBytes(const std::string& file, const Bytes& bytes) {
     std::ofstream(file, std::ios::trunc).close();
     overwriteBytes(file, 0, bytes);
 }
-// None where there is no file.
+// Empty if there is no file.
 inline Bytes readBytes(const std::string& file) {
     Bytes bytes(std::filesystem::exists(file) ? static_cast<std::size_t>(std::filesystem::file_size(file)) : 0);
     std::ifstream(file, std::ios::binary).read(reinterpret_cast<char*>(bytes.data()), std::ssize(bytes));
     return bytes;
 }
 
-// As the library counts what it moves.
+// In the type of the library's counts.
 inline std::uint32_t sizeOf(const Bytes& bytes) {
     return static_cast<std::uint32_t>(bytes.size());
 }
@@ -60,7 +60,7 @@ inline Bytes slice(const Bytes& bytes, std::integral auto offset, std::integral 
     return {bytes.data() + from, bytes.data() + from + std::min(static_cast<std::size_t>(size), bytes.size() - from)};
 }
 
-// `bytes` with others from `at` on, made longer where they reach further.
+// `bytes` with `others` from `at` on, extended if they reach further.
 inline Bytes with(Bytes bytes, std::integral auto at, const Bytes& others) {
     bytes.resize(std::max(bytes.size(), static_cast<std::size_t>(at) + others.size()));
     std::copy(others.begin(), others.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
@@ -76,20 +76,20 @@ inline Bytes joined(const std::vector<Bytes>& parts) {
     return all;
 }
 
-// Numbers that say what comes next.
+// A source of choices.
 class Choices {
 public:
     virtual ~Choices() = default;
-    // 0 to `bound` - 1.
+    // From 0 to `bound` - 1.
     virtual std::uint64_t below(std::uint64_t bound) = 0;
-    // `low` to `high`, both included.
+    // From `low` to `high`, both included.
     std::int64_t between(std::int64_t low, std::int64_t high) {
         return low + static_cast<std::int64_t>(below(static_cast<std::uint64_t>(high - low) + 1));
     }
     bool oneIn(std::uint64_t n) { return below(n) == 0; }
 };
 
-// Bytes of a seed.
+// Bytes determined by a seed.
 class SeededBytes : public Choices {
 public:
     explicit SeededBytes(std::uint64_t seed) : fEngine(seed) {}
@@ -134,7 +134,7 @@ inline std::span<const std::byte> spanOf(const Bytes& rows) {
     return std::as_bytes(std::span(rows));
 }
 
-// The rows at `offset`, as many as there are.
+// The rows from `offset` on, as many as there are.
 inline Bytes rowsAt(const orva::Reader& reader, std::int64_t offset, std::size_t size) {
     Bytes rows(size);
     rows.resize(reader.read_at(offset, std::as_writable_bytes(std::span(rows))));

@@ -1,15 +1,15 @@
-// Random work on the part of a file, held against the second reader: by tests on files that they make, by fuzz targets
-// on any. Needs no test framework.
+// Random work on the part of a file, compared with the second reader: for tests on files that they make, for fuzz
+// targets on any. Needs no test framework.
 #pragma once
 
 #include "support/secondReader.h"
 
 namespace support {
 
-// Each program says what becomes of a promise that is broken.
+// Each program defines how a broken promise fails.
 void require(bool held, const char* promise);
 
-// True when `body` came to its end, false when it threw `Damage`. Any other exception is the caller's.
+// True if `body` returned, false if it threw `Damage`. Other exceptions pass.
 template <class Damage = DamagedFileError, class Body>
 bool soundFor(Body body) {
     try {
@@ -20,7 +20,7 @@ bool soundFor(Body body) {
     }
 }
 
-// By `read`, which fills its buffer and gives how much came.
+// Reads by `read`, which fills its buffer and returns the count, and compares with the second reader.
 template <class Damage = DamagedFileError, class Read>
 void readAsTheOther(const secondReader& other, std::int64_t pos, std::size_t size, Read read) {
     Bytes rows(size);
@@ -30,7 +30,7 @@ void readAsTheOther(const secondReader& other, std::int64_t pos, std::size_t siz
     require(!sound || rows == *expected, "a read gives the rows that the file holds");
 }
 
-// Mostly small, now and then around the sizes at which a path ends or begins.
+// Mostly small, sometimes around the sizes at which a path begins or ends.
 inline std::size_t anySize(Choices& any) {
     if (any.oneIn(400)) return static_cast<std::size_t>(kBlockSize + any.between(-513, 513));
     if (any.oneIn(20)) return static_cast<std::size_t>(any.between(509, 515));
@@ -41,7 +41,7 @@ inline Bytes someRows(Choices& any, std::size_t size) {
     return slice(pool, any.below(pool.size() - size), size);
 }
 
-// What a writer has been given, and the blocks that it makes of it.
+// The rows given to a writer, and the blocks that it must make of them.
 struct Given {
     void choose(zcmpsFilestr& stream, Choices& any) {
         if (any.oneIn(3)) stream.setCompressionLevel(any.oneIn(2) ? 2 : zcmpsFilestr::bestCompressionLevel());
@@ -71,7 +71,7 @@ struct Given {
             require(stream.Tell() == begin + std::ssize(rows), "the position is behind the rows");
         }
     }
-    // The destructor may do so too.
+    // Leaves it to the destructor now and then.
     static void finish(std::unique_ptr<zcmpsFilestr> stream, Choices& any) {
         const bool left = any.oneIn(3);
         require(left || (stream->Close() == 1 && stream->Flush() == 1 && stream->Close() == 1), "a writer ends");
@@ -79,18 +79,18 @@ struct Given {
 
     Bytes rows{};
     std::vector<std::int32_t> sizes{};
-    std::int64_t length = kBlockSize;  // of a full block
-    bool open = false;                 // the last one takes more
+    std::int64_t length = kBlockSize;  // bytes of a full
+    bool open = false;                 // the last block takes more
 };
 
-// The file as it is at construction.
+// A model of the file as it is at construction.
 class PartModel {
 public:
     PartModel(std::string of, std::int64_t begin, bool swapped, Choices& numbers,
               const secondReader::Inflate& inflate = secondReader::byZlibInBlock)
         : name(std::move(of)), row0(begin), swap(swapped), any(numbers), inflates(inflate) {}
 
-    // By a stream that has opened it. Others than those with one worker may open it anew.
+    // Reads by a stream that has opened the file. All but those with one worker may open it anew.
     void read(zcmpsFilestr& stream, bool opensAnew) {
         std::size_t size = anySize(any);
         const std::uint64_t kind = any.below(12);
@@ -111,12 +111,12 @@ public:
             at += count;
             return count;
         });
-        // Behind what was delivered before it met damage.
+        // Damage leaves it behind the rows delivered before.
         at = std::max(at, stream.Tell());
         require(stream.Tell() == at, "the position moves by what was read");
     }
 
-    // By a stream that has opened it before an append.
+    // Reads by a stream that has opened the file before an append.
     void readBesideIt(zcmpsFilestr& stream) {
         const std::int64_t from = any.between(row0, old.end);
         Bytes rows(anySize(any));
@@ -126,8 +126,8 @@ public:
                 "the old rows, or word that they are no longer there");
     }
 
-    // By a stream on a road that writes. Finished, abandoned, or interrupted and rolled back, by its side file as it
-    // was or as anybody may have changed it.
+    // Appends by a stream, which may have threads. The append is finished, abandoned, or interrupted and rolled back
+    // with its side file as it was or changed in any way.
     void append(std::unique_ptr<zcmpsFilestr> stream, bool hasWorker) {
         const std::uint64_t way = any.below(4);
         Given given;
@@ -138,7 +138,7 @@ public:
         given.open = last != nullptr && last->orginalSize < given.length;
         const bool takesRows = old.contiguous && (!given.open || old.blocks.back().rows);
         given.sizes = old.layout.sizes;
-        // A short last block is taken back, cut or not.
+        // A short last block is reopened, cut or not.
         std::int64_t from = old.end;
         if (given.open && any.oneIn(2)) {
             from -= any.between(0, last->orginalSize);
@@ -156,7 +156,7 @@ public:
         }
         const Bytes during = readBytes(name), side = readBytes(sideName);
         giveUp(*stream, hasWorker);
-        stream.reset();  // and with it the writer's lock
+        stream.reset();  // and releases the writer's lock
         requireRestored();
         if (way == 0) rollBack(during, side, false);
         for (int i = 0; way == 1 && i < 8; ++i) rollBack(during, changed(side), true);
@@ -164,7 +164,7 @@ public:
     }
 
 private:
-    // Whatever else a stream that appends is told to do, the rows are there again first.
+    // Whatever else an appending stream is asked to do, it first restores the rows.
     void giveUp(zcmpsFilestr& stream, bool hasWorker) {
         const bool reads = !hasWorker && any.oneIn(2);
         if (!hasWorker && !reads && any.oneIn(2)) stream.setRow0Pos(row0);
@@ -172,7 +172,7 @@ private:
         stream.abandon();
         require(stream.Flush() == 1 && stream.Close() == (reads ? 1 : 0), "what was abandoned is not finished");
     }
-    // One number in it is another, of any magnitude, or it ends there; mostly it is not the checksum that tells.
+    // Replaces one number by another of any magnitude, or ends the file there; mostly with a right checksum.
     Bytes changed(Bytes side) {
         const auto place = static_cast<std::size_t>(any.below(side.size() - sizeof(std::int64_t) + 1));
         const auto number = static_cast<std::int64_t>(any.below(UINT64_MAX) >> any.below(64));
@@ -196,7 +196,7 @@ private:
         const bool believed = soundFor([&] { result = orva::rollBack(name); });
         const bool ends = result == orva::rollBackResult::rolledBack || result == orva::rollBackResult::sideFileStale;
         require(isChanged || ends, "an interrupted append is rolled back, or had begun nothing");
-        // One that is whole as it stands may be longer: the copy can hold a block's end without its beginning.
+        // A file that is sound as it stands may be longer: the copy can hold the end of a block without its beginning.
         if (result == orva::rollBackResult::rolledBack && !isChanged) return requireRestored();
         if (!believed) return requireLeft(during, side);
         require(isSummed(side) || during == file, "a torn side file tells nothing of what an append has changed");
@@ -209,7 +209,7 @@ private:
         require(readBytes(name) == data, "what is refused, or had written nothing, changes nothing");
         require(readBytes(sideName) == side, "a side file stays exactly where it is refused");
     }
-    // But for bytes in a gap before the index and behind it, which mean nothing.
+    // Except for bytes in a gap before the index and behind it, which have no meaning.
     void requireRestored() const {
         const Bytes now = readBytes(name);
         const auto same = [&](auto begin, auto size) { return slice(now, begin, size) == slice(file, begin, size); };

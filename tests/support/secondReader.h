@@ -1,12 +1,12 @@
-// A second reader of compressed parts to hold the library against, made from docs/format.md and zlib alone. Needs no
-// test framework, so that fuzz targets use it too.
+// A second reader of compressed parts, with which the library is compared; made from docs/format.md and zlib alone.
+// Needs no test framework, so that fuzz targets use it too.
 #pragma once
 
 #include "support/bytes.h"
 
 namespace support {
 
-// What zlib alone makes of bytes, and how many of them it takes.
+// The bytes that zlib alone makes of others, and how many of them it takes.
 struct Inflated {
     bool whole;
     std::int64_t taken;
@@ -27,7 +27,7 @@ inline Inflated byZlib(const unsigned char* from, std::size_t size, std::size_t 
     return made;
 }
 
-// The rows of the whole streams from `at` on, each right behind the one before.
+// The rows of all whole streams from `at` on, each directly behind the one before.
 inline Bytes standingRows(const Bytes& file, std::int64_t at) {
     Bytes rows;
     while (at < std::ssize(file)) {
@@ -40,7 +40,7 @@ inline Bytes standingRows(const Bytes& file, std::int64_t at) {
     return rows;
 }
 
-// Heading and index as they stand in a file; nothing where they can't.
+// Heading and index as stored in a file; nothing if they cannot be.
 struct Layout {
     Layout() = default;
     explicit Layout(const Bytes& file, std::int64_t row0 = 1'000, bool swap = false) {
@@ -63,7 +63,7 @@ struct Layout {
     compressionHeading heading{};
     filePosRecord first{};
     std::vector<filePosRecord> records;
-    std::vector<std::int32_t> sizes;  // of the blocks' rows
+    std::vector<std::int32_t> sizes;  // bytes of each block's rows
     bool whole = false;
 };
 
@@ -73,19 +73,19 @@ struct secondReader {
     static Inflated byZlibInBlock(const unsigned char* from, std::size_t size) { return byZlib(from, size); }
     struct Block {
         filePosRecord record;
-        std::optional<Bytes> rows;  // none: it is damaged
+        std::optional<Bytes> rows;  // empty if it is damaged
     };
     const Bytes& file;
     const std::int64_t row0;
     const Layout layout;
     std::vector<Block> blocks{};
-    std::int64_t end = row0;                       // of the rows
-    std::int64_t blocksEnd = row0 + kHeadingSize;  // of contiguous blocks in the file
+    std::int64_t end = row0;                       // end of the rows
+    std::int64_t blocksEnd = row0 + kHeadingSize;  // end of the contiguous blocks in the file
     bool opens;
-    bool contiguous = true;  // the blocks follow each other without gaps, from the heading to the index at the latest
-    bool sound;              // and all of them are whole
+    bool contiguous = true;  // from the heading to the index at most, the blocks follow each other without gaps
+    bool sound;              // likewise, and all of
 
-    // `from` stays the caller's, and outlives this.
+    // `from` is the caller's, and must outlive this.
     secondReader(const Bytes& from, std::int64_t at, bool swap, const Inflate& inflate = byZlibInBlock)
         : file(from), row0(at), layout(from, at, swap), opens(takeIndex()) {
         if (!opens) blocks.clear();
@@ -122,7 +122,7 @@ struct secondReader {
         if (made.whole && asRecorded) blocks[number].rows = made.rows;
     }
 
-    // Where the bytes of that block stand, if there is one and they can.
+    // Where the bytes of block `i` are, if it exists and its record can be true.
     struct Place {
         std::int64_t begin, end;
     };
@@ -138,7 +138,7 @@ struct secondReader {
         const bool begin = (before || i == 0) && own->begin != (before ? before->end : row0 + kHeadingSize);
         return (begin ? 1 : 0) + (behind && own->end != behind->begin ? 1 : 0);
     }
-    // Of two neighbours with bytes in common this one is refused.
+    // True if this one of two overlapping neighbours is refused.
     bool yields(std::ptrdiff_t i, std::ptrdiff_t other) const {
         const auto own = place(i), its = place(other);
         if (!own || !its || std::max(own->begin, its->begin) >= std::min(own->end, its->end)) return false;
@@ -146,7 +146,7 @@ struct secondReader {
         return more != 0 ? more > 0 : own->begin <= its->begin;
     }
 
-    // What a read gives: rows, or none where it meets damage.
+    // The rows that a read must give; none if it meets damage.
     std::optional<Bytes> read(std::int64_t pos, std::int64_t size) const {
         Bytes rows;
         while (std::ssize(rows) < size && pos >= row0 && pos < end) {

@@ -1,4 +1,4 @@
-// What tests share: a fresh directory, random bytes from a seed that a failure prints, a hook for system calls, and
+// Shared by the tests: a fresh directory, random bytes from a seed that a failure prints, a hook for system calls, and
 // bodies run in a forked child.
 #pragma once
 
@@ -19,12 +19,12 @@
 #include <mutex>
 #include <regex>
 
-// There in a build that counts what is reached.
+// Defined in a coverage build.
 extern "C" void __gcov_dump() __attribute__((weak));
 
 namespace support {
 
-// Under these a test takes ten times as long.
+// With these a test takes ten times as long.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool kSanitized = true;
 #else
@@ -35,7 +35,7 @@ using platform::faults::Call;
 using platform::faults::Step;
 using platform::faults::Verdict;
 
-// While one lives, a failure in its scope prints the seed.
+// While one exists, a failure in its scope prints the seed.
 class RandomBytes : public SeededBytes {
 public:
     explicit RandomBytes(std::uint64_t seed)
@@ -45,7 +45,7 @@ private:
     testing::ScopedTrace fTrace;
 };
 
-// Compares without printing megabytes: the first difference is what helps.
+// Compares without printing megabytes: the first difference is enough.
 inline testing::AssertionResult sameBytes(const Bytes& found, const Bytes& expected) {
     if (found == expected) return testing::AssertionSuccess();
     const auto at = std::mismatch(found.begin(), found.end(), expected.begin(), expected.end()).first;
@@ -56,7 +56,7 @@ inline std::string fileError(long code, int error, const std::string& name) {
     return "FileError " + std::to_string(code) + " errno " + std::to_string(error) + " " + name;
 }
 
-// "" when `body` came to its end, else what left it. A DamagedFileError tells its whole message.
+// "" if `body` returned, else a description of what it threw. A DamagedFileError gives its whole message.
 template <class Body>
 std::string failureOf(Body body) {
     try {
@@ -83,12 +83,13 @@ inline std::uint64_t told(const char* variable, std::uint64_t otherwise) {
     return value != nullptr ? std::strtoull(value, nullptr, 10) : otherwise;
 }
 
-// Asked before each raw call while this lives: one function, or else what `fail` said. Counts the calls.
+// Asked before each raw call while it exists: decides by one function, or else by the last fail(). Counts the calls.
 class CallHook : public platform::faults::Hook {
 public:
     using Ask = std::function<Verdict(const Step& step, std::uint64_t number)>;
     explicit CallHook(Ask ask = nullptr) : fAsk(std::move(ask)) {}
-    // The next such call fails, and moves `part` bytes before. An error of 0 takes that back.
+    // The next such call moves `part` bytes and the one after it fails; without `part` it fails itself. An error of 0
+    // cancels that.
     void fail(Call call, int error, std::uint64_t part = 0) { fPart = part, errorOf(call) = error; }
     Verdict before(const Step& step) override {
         const std::uint64_t number = ++count;
@@ -108,8 +109,7 @@ private:
     const platform::faults::Installed fInstalled{*this};
 };
 
-// Runs `body` in a forked child, which has to come to its end there without a failed expectation. One that hangs is
-// ended by the alarm.
+// Runs `body` in a forked child, where it must return without a failed expectation. The alarm ends one that hangs.
 template <class Body>
 void expectInChild(Body body) {
     const pid_t child = fork();
@@ -125,8 +125,8 @@ void expectInChild(Body body) {
     EXPECT_EQ(status, 0) << "wait status of the child";
 }
 
-// A directory of the test's own, gone with it. In memory where there is room: tests sync thousands of times. A child
-// that is to die, which begins the test anew since threads may be running here, makes its own within it.
+// A directory for one test, removed with it; in memory if there is room, since tests sync thousands of times. A child
+// of a death test begins the test anew, since threads may be running, and makes its own directory within this one.
 class TempDir : public testing::Test {
 protected:
     TempDir() {
@@ -147,7 +147,7 @@ protected:
     }
 
     std::string path(const std::string& name) const { return (fDirectory / name).string(); }
-    // A file of these bytes; its name.
+    // Makes a file of these bytes and returns its name.
     std::string made(const std::string& name, const Bytes& bytes) const {
         writeBytes(path(name), bytes);
         return path(name);
