@@ -53,7 +53,7 @@ void runOnThreads(std::int32_t threads, const std::function<void()>& work) {
     std::vector<std::future<void>> others;
     try {
         for (std::int32_t i = 1; i < threads; ++i) others.push_back(std::async(std::launch::async, work));
-    } catch (const std::system_error&) {  // the threads that did start do its work
+    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): the started ones do its work
     }
     work();
     for (std::future<void>& other : others) other.get();

@@ -1,4 +1,4 @@
-// What tests of the face share: finished files, sources, and what a call throws.
+// Shared by the tests of the face: finished files, sources, and the error that a call throws.
 #pragma once
 
 #include "support/tempDir.h"
@@ -22,7 +22,7 @@ std::string thrownBy(Call call) {
     } catch (const orva::SystemError& e) {
         return "SystemError " + std::string(strerrorname_np(e.code().value()));
     } catch (const std::exception& e) {
-        // Names are mangled as N4orva10UsageErrorE or St12domain_error.
+        // Mangled names look like N4orva10UsageErrorE or St12domain_error.
         const std::string name = std::regex_replace(typeid(e).name(), std::regex(".*[0-9]|E$"), "");
         const auto* damage = dynamic_cast<const orva::DamagedFileError*>(&e);
         if (damage == nullptr || !damage->block() || !damage->offset()) return name;
@@ -30,8 +30,8 @@ std::string thrownBy(Call call) {
     }
 }
 
-// A source of bytes in memory that counts its reads. From `fails` on it throws, and from `ends` on it has none. Below
-// 0, `fails` is its size.
+// A source of bytes in memory that counts its reads. From offset `fails` on it throws, and from `ends` on it has none.
+// A negative `fails` is its size.
 struct source final : orva::ByteSource {
     explicit source(Bytes from = {}) : bytes(std::move(from)) {}
     i64 size() const override { return fails < 0 ? fails : std::ssize(bytes); }
@@ -51,7 +51,7 @@ using Names = std::set<std::string>;
 using Dictionary = std::vector<std::byte>;
 
 struct FaceTest : TempDir {
-    // A finished file of the rows; its name.
+    // Makes a finished file of the rows and returns its name.
     std::string written(const std::string& name, const Bytes& rows, const orva::WriterOptions& options = {}) const {
         orva::Writer writer(path(name), options);
         writer.write(spanOf(rows));

@@ -1,11 +1,11 @@
-// The functions on whole files, past what the tests of the tool hold: what they tell a program, and what becomes of a
-// file that changes meanwhile.
+// The functions on whole files, beyond what the tests of the tool cover: their reports to a program, and files that
+// change meanwhile.
 #include "api/apiTest.h"
 
 namespace api {
 
 struct Files : FaceTest {
-    // The last that a `progress` was told, which never goes back, and of how much.
+    // The last call of the progress function, which never goes back, and its total.
     std::pair<i64, i64> fLast;
     std::function<void(i64, i64)> told() {
         fLast = {0, 0};
@@ -26,7 +26,7 @@ TEST_F(Files, SayWhichBlockIsBad) {
     EXPECT_EQ(report.bad[0].rows, bad.rows);
     EXPECT_EQ(report.bad[0].block, 1);
     EXPECT_TRUE(orva::verify(name, {.first_block = 2}).bad.empty());
-    const orva::Reader reader(name, {.threads = 2, .cached_blocks = INT_MAX});  // which costs nothing yet
+    const orva::Reader reader(name, {.threads = 2, .cached_blocks = INT_MAX});  // costs nothing yet
     const std::string damage = "DamagedFileError of block 1 at " + std::to_string(kBlock);
     EXPECT_EQ(thrownBy([&] { allRows(reader); }), damage);
     EXPECT_EQ(rowsAt(reader, 2 * kBlock, kBlock).size(), kBlock);
@@ -37,7 +37,7 @@ TEST_F(Files, SayWhichBlockIsBad) {
     EXPECT_EQ(fLast.first, fLast.second);
     std::filesystem::rename(path("saved"), name);
     EXPECT_EQ(orva::verify(reader).bad.size(), 1U) << "it tells of the file that was opened";
-    overwriteBytes(name, 29, Bytes(1, '7'));  // of the first line, which tells another place then
+    overwriteBytes(name, 29, Bytes(1, '7'));  // in the first line, which then states another place
     EXPECT_EQ(orva::recover(name, path("saved")).row0, 512);
 }
 
@@ -52,10 +52,10 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
     EXPECT_THROW(orva::verify(path("all"), {.progress = stop}), std::domain_error);
     EXPECT_THROW(orva::recover(path("all"), path("none"), {.progress = stop}), std::domain_error);
     EXPECT_THROW(orva::join(parts, path("none"), {.progress = stop}), std::domain_error);
-    // Its last block is another one than that which was copied.
+    // Its last block is no longer the one that was copied.
     const auto grow = [&](i64, i64) { append("a", Bytes(10)); };
     EXPECT_EQ(thrownBy([&] { orva::join(parts, path("none"), {.progress = grow}); }), "FileChangedError");
-    // What `join` throws where `answer` is what becomes of a look at a heading; the first one has number 0.
+    // What `join` throws if look number `look` at a heading, from 0, gets `answer`.
     const auto joinWhere = [&](int look, std::span<const orva::Path> inputs, const std::function<Verdict()>& answer) {
         const CallHook disk([&](const Step& step, std::uint64_t) {
             const bool heading = step.call == Call::Read && step.offset == 512 && step.size == 24;
@@ -63,13 +63,13 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
         });
         return thrownBy([&] { orva::join(inputs, path("none"), {.replace = true}); });
     };
-    // Whether an input has changed must be known: each look that fails ends the join.
+    // It must be certain whether an input has changed: each look that fails ends the join.
     bool failed = true;
     for (int look = 0; std::exchange(failed, false); ++look) {
         const std::string thrown = joinWhere(look, parts, [&] { return failed = true, Verdict::fail(EIO); });
         EXPECT_EQ(thrown, failed ? "SystemError EIO" : "") << look;
     }
-    // Nor is it taken for what it was where another file takes its name between two looks, one of no rows.
+    // A file without rows that takes the name between two looks is not taken for the old one.
     const orva::Path again[] = {path("again")};
     for (int look = 0; look < 4; ++look) {
         written("again", Bytes(100, 'b'), {.replace = true});

@@ -9,7 +9,7 @@ TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
     const Bytes rows = RandomBytes(6).rows(2'000'777);
     orva::Reader reader(written("rows", rows, {.block = 65'536}), {.threads = kSanitized ? 1 : 2});
     const auto reads = [&](int seed, int count) {
-        SeededBytes places{std::uint64_t(seed)};  // no lock of the framework, which a child would find taken
+        SeededBytes places{std::uint64_t(seed)};  // without a lock of the framework, which a child would find held
         for (int i = 0; i < count; ++i) {
             const std::size_t at = places.below(rows.size());
             EXPECT_TRUE(sameBytes(rowsAt(reader, static_cast<i64>(at), 500), slice(rows, at, 500)));
@@ -26,7 +26,7 @@ TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
     reads(7, 300);
 }
 
-// As on two threads: the later one begins at any call of the earlier one, and ends before that one does.
+// As on two threads: the later refresh begins at any call of the earlier one, and ends before it.
 TEST_F(Reader, ShowsWhatTheLaterOfTwoRefreshesHasSeen) {
     bool reached = true;
     for (std::uint64_t place = 1; std::exchange(reached, false); ++place) {
@@ -40,7 +40,7 @@ TEST_F(Reader, ShowsWhatTheLaterOfTwoRefreshesHasSeen) {
     }
 }
 
-// The question whether one is at work is asked just before it begins.
+// Asks whether an append is at work just before one begins.
 TEST_F(Reader, TellsOfAnAppendThatBeginsBetweenTwoLooks) {
     const orva::Path name = written("rows", Bytes(100));
     orva::Writer writer = orva::Writer::append(name);

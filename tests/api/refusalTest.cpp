@@ -1,4 +1,4 @@
-// What the face refuses, each failure as the class that says what to do.
+// The refusals of the face: each failure has the class that says what to do.
 #include "api/apiTest.h"
 
 namespace api {

@@ -1,4 +1,4 @@
-// orva::Writer and the standard streams: every row that finish() has seen, and nothing of what it has not.
+// orva::Writer and the standard streams: every row before finish() is there, and no row after it.
 #include "api/apiTest.h"
 
 #include <sys/xattr.h>
@@ -106,7 +106,7 @@ TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {
     EXPECT_EQ(rowsAt(reader, static_cast<i64>(size) - 10, 20), Bytes(10));
 }
 
-// As a handler of signals does that a second one interrupts.
+// Behaves as a signal handler that a second signal interrupts.
 [[noreturn]] void endAsSignalled() {
     const CallHook second([](const Step&, std::uint64_t number) {
         if (number == 1) orva::remove_unfinished(), _exit(0);
@@ -116,7 +116,7 @@ TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {
     _exit(0);
 }
 
-// Of a process that ends while it writes. What its parent writes it can neither go on with nor end.
+// A process ends while it writes. It can neither continue nor end what its parent writes.
 TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     RandomBytes random(14);
     const Bytes rows = random.rows(100'000), more = random.rows(3 * kBlock);
@@ -128,7 +128,7 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     const struct {
         const char* name;
         void (*end)();
-        std::size_t left;  // files, with the six above and the one that was flushed
+        std::size_t left;  // files left, with the six above and the flushed one
     } endings[] = {
         {"AnException", [] { throw std::domain_error("the caller's own"); }, 7},
         {"TwoSignals", endAsSignalled, 9},
@@ -163,7 +163,7 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
         const char* refused = ending.left == 7 ? "" : "UnfinishedFileError";
         EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(old)}; }), refused);
         EXPECT_EQ(thrownBy([&] { orva::Writer::append(old); }), refused);
-        overwriteBytes(old, 0, before);  // as if it had changed nothing yet
+        overwriteBytes(old, 0, before);  // as if the append had changed nothing yet
         EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(old)}; }), refused);
         orva::Writer::append(old, {.roll_back = true}).finish();
         orva::roll_back(path("flushed"));
@@ -176,7 +176,7 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
     EXPECT_TRUE(rowsOf("mine") == more && rowsOf("mineToo") == rows + more);
 }
 
-// Where no more files can be opened for once, at any place: beside an append that was interrupted, and ones at work.
+// Once, at any place, no more files can be opened: beside an interrupted append, and appends at work.
 TEST_F(Writer, WhatCannotBeOpenedIsNotTakenForNone) {
     for (const char* name : {"torn", "busy"}) written(name, Bytes(100));
     expectInChild([&] {
@@ -202,7 +202,8 @@ TEST_F(Writer, WhatCannotBeOpenedIsNotTakenForNone) {
 }
 
 TEST_F(Writer, KeepsOwnerGroupModeAndAccessListOfWhatItReplaces) {
-    // One more user may read, and the group may not: its bits of the mode are the most that anybody of the list may.
+    // One more user may read, and the group may not: the group bits of the mode are the maximum for everybody in the
+    // list.
     constexpr std::uint16_t none = 65'535;
     const std::uint16_t list[] = {2, 0,    1,    4,  none, none, 2,    4,  54'321, 0,    4,
                                   0, none, none, 16, 4,    none, none, 32, 0,      none, none};
@@ -225,7 +226,7 @@ TEST_F(Writer, KeepsOwnerGroupModeAndAccessListOfWhatItReplaces) {
     const bool hasLists = give(name, "system.posix_acl_access");
     std::filesystem::create_symlink("rows", path("link"));
     written("link", Bytes(200), {.replace = true});
-    give(fDirectory, "system.posix_acl_default");  // for new files
+    give(fDirectory, "system.posix_acl_default");  // the default for new files
     written("plain", {}, {.replace = true});
     removexattr(fDirectory.c_str(), "system.posix_acl_default");
     EXPECT_EQ(mode(name), std::filesystem::perms{0440});
@@ -233,14 +234,14 @@ TEST_F(Writer, KeepsOwnerGroupModeAndAccessListOfWhatItReplaces) {
     EXPECT_EQ(getxattr(plain.c_str(), "system.posix_acl_access", nullptr, 0), -1);
     struct stat now {};
     EXPECT_TRUE(stat(name.c_str(), &now) == 0 && (!isRoot || (now.st_uid == 12'345 && now.st_gid == 23'456)));
-    expectInChild([&] {  // root may write to any file
+    expectInChild([&] {  // not as root, who may write to any file
         EXPECT_TRUE(!isRoot || (chown(fDirectory.c_str(), 12'345, 23'456) == 0 && seteuid(12'345) == 0));
         umask(0277);
         EXPECT_EQ(mode(written("own", {})), std::filesystem::perms{0400});
     });
 }
 
-// Some file systems refuse what is no UTF-8, and take names half as long as others.
+// Some file systems refuse names that are not UTF-8, and allow names half as long as others.
 TEST_F(Writer, HidesAFileUnderANameThatIsCutBetweenCharacters) {
     std::string name = "xy";
     while (name.size() < 200) name += "\u6f22";
@@ -248,8 +249,8 @@ TEST_F(Writer, HidesAFileUnderANameThatIsCutBetweenCharacters) {
     EXPECT_EQ(hidden.substr(0, hidden.size() - (sizeof ".12345678.tmp" - 1)), path('.' + name.substr(0, 98)));
 }
 
-// Whatever an append does before any call of whoever opens or reads the file: that one meets no damage, and sees the
-// old rows or the new ones.
+// An append runs before any call of a reader that opens or reads the file: the reader meets no damage, and sees the old
+// rows or the new ones.
 TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
     enum Ends { finished, flushed, undone, working };
     RandomBytes random(20);
@@ -292,7 +293,7 @@ TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
         try {
             const i64 size = orva::join(from, path("joined"), {.durable = false, .replace = true}).size;
             EXPECT_THAT(size - std::ssize(rows), testing::AnyOf(0, std::ssize(added)));
-        } catch (const orva::FileChangedError&) {  // NOLINT(bugprone-empty-catch): it tells what has happened
+        } catch (const orva::FileChangedError&) {  // NOLINT(bugprone-empty-catch): it names what has happened
         }
     };
     const auto byStream = [&] {
@@ -302,21 +303,21 @@ TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
     };
     for (const bool durable : {false, true}) {
         for (const Ends ends : {finished, flushed, undone, working}) {
-            const bool side = ends == working && durable;  // has the old last block
+            const bool side = ends == working && durable;  // which has the old last block
             expectRead(open, ends == flushed || ends == working ? "UnfinishedFileError" : "", ends, durable);
             expectRead(byJoin, ends == flushed || ends == working ? "UnfinishedFileError" : "", ends, durable);
             expectRead(byFace, ends == undone || side ? "" : "FileChangedError", ends, durable);
             expectRead(byStream, ends == undone ? "" : "FileChangedError", ends, durable);
         }
     }
-    // An append that is undone cuts off what was read as the beginning of a file that is so short.
+    // Undoing an append cuts off bytes that were read as the beginning of so short a file.
     rows = random.noise(100);
     before = readBytes(written("rows", rows, {.replace = true}));
     expectRead(open, "", undone, false);
-    // A new index can stand so that its records go on behind the first ones of the old one.
+    // A new index can stand so that its records continue the first ones of the old index.
     rows = Bytes(1'100 * std::size_t{65'536});
     before = readBytes(written("rows", rows, {.replace = true, .block = 65'536}));
-    for (std::size_t size = 100; size < 124; ++size) {  // one shifts it by whole records
+    for (std::size_t size = 100; size < 124; ++size) {  // one of these sizes shifts it by whole records
         added = random.noise(size);
         expectRead(open, "", finished, true);
         expectRead(open, "UnfinishedFileError", flushed, true);

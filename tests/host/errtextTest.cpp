@@ -10,7 +10,7 @@ TEST(ThrowError, TellsProgramsAndPersonsWhatFailed) {
     EXPECT_STREQ(FileError(0, "e", 1003, "a b").what(), "cannot read \"a b\": unknown error (e 1003)");
     EXPECT_STREQ(FileError(EINVAL, nullptr, 7, nullptr).what(), "cannot use \"\": Invalid argument ( 7)");
     FileError full(EIO, "", 0, "");
-    full = FileError(ENOSPC, "datasrc.err", 1002, "x");  // outlives the one that it is given
+    full = FileError(ENOSPC, "datasrc.err", 1002, "x");  // outlives the error that it is copied from
     EXPECT_EQ(full.withOutcome("gone").what(), text + "; gone");
     EXPECT_EQ(full.code(), std::error_code(ENOSPC, std::generic_category()));
     EXPECT_TRUE(full.catalog() == "datasrc.err" && full.messageCode() == 1002 && full.fileName() == "x");

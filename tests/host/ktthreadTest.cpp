@@ -60,7 +60,7 @@ TEST(KtThreadPool, ThreadsOutliveErrorsTakeNoSignalsDisposeOfWhatNeverRanAndHold
     pool->run([] { throw 1; });
     occupy();
     std::this_thread::sleep_for(20ms);
-#ifndef __SANITIZE_THREAD__  // which follows no fork of a process with threads
+#ifndef __SANITIZE_THREAD__  // which does not support forks of a process with threads
     expectInChild([&] {
         EXPECT_FALSE(pool->run(unexpected));
         EXPECT_FALSE(leave->waitSemaphore() || leave->waitSemaphore(1) || leave->postSemaphore());

@@ -14,9 +14,9 @@ int opened(const std::string& name, int oflag) {
     return openShared(name.c_str(), oflag, _SH_DENYWR, 0x180);
 }
 
-// Tells each raw call in a word: its kind ('c' closes another descriptor than the first), the size asked for, where in
-// the file the bytes stand, and the answer that the word at its place in `dialogue` had it give: "=3" at most 3 bytes,
-// "=EIO" that failure.
+// Logs each raw call as a word: its kind ('c' closes another descriptor than the first), the size asked for, the offset
+// in the file, and the answer that the corresponding word of `dialogue` has forced: "=3" for at most 3 bytes, "=EIO"
+// for that failure.
 class Script : public faults::Hook {
 public:
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
@@ -50,7 +50,8 @@ private:
     const faults::Installed fInstalled{*this};
 };
 
-// What is missing of all the bytes asked for, and so below 0 for a failure. The descriptor stands elsewhere.
+// Returns how many of the requested bytes are missing, negative after a failure. The descriptor's own position is
+// elsewhere.
 int readDigitsAt(int descriptor) {
     std::string bytes(12, '\0');
     _lseeki64(descriptor, 4, SEEK_SET);
@@ -67,7 +68,7 @@ int closeTemporary(int descriptor) {
 }
 
 constexpr auto openedAnew = [](int d) { return ::open(("/proc/self/fd/" + std::to_string(d)).c_str(), O_RDWR); };
-// What a second writer finds then. A forked child has a copy of the descriptor.
+// The result of a second writer's lock afterwards. A forked child has a copy of the descriptor.
 template <auto step>
 int lockedAfter(int descriptor) {
     const int copy = ::dup(descriptor), second = openedAnew(descriptor);
@@ -83,7 +84,7 @@ int askedBesideAnother(int descriptor) {
     return found ? 1 : 0;
 }
 
-// While the number of standard input is free.
+// Opens a file while the number of standard input is free.
 int openedWithoutInput(int /*descriptor*/) {
     const int input = ::dup(0);
     ::close(0);
@@ -92,7 +93,7 @@ int openedWithoutInput(int /*descriptor*/) {
     return other > 2 ? 0 : 1;
 }
 
-// Opens a file of the digits, and does one thing with it.
+// Opens a file of the digits and does one thing with it.
 struct CallCase {
     const char* name;
     int oflag;
@@ -166,7 +167,7 @@ TEST_F(PlatformTest, NeitherANameWithAZeroByteNorADirectoryOpens) {
     EXPECT_TRUE(opened(path("."), _O_RDONLY) == -1 && errno == EISDIR);
 }
 
-// Another file takes the name over before each of the first so many locks.
+// Another file takes the name before each of the first `times` locks.
 TEST_F(PlatformTest, AWriterLocksTheFileThatItsNameLeadsTo) {
     const std::string name = made("data", {});
     int times = 3;

@@ -1,4 +1,4 @@
-// The key is the process's, so every test works in a child of its own, forked before any key is in use.
+// The key belongs to the process, so every test works in a child, forked before any key is in use.
 #include "support/tempDir.h"
 
 #include <sys/resource.h>
@@ -6,7 +6,7 @@
 using namespace support;
 using Operation = int (*)(unsigned char**, int*, const unsigned char*, int) noexcept;
 
-// The result's bytes; empty if the operation failed, which leaves nothing to release.
+// The bytes of the result; empty if the operation failed, which leaves nothing to release.
 Bytes through(Operation operation, const Bytes& in) {
     unsigned char mark = 0;
     unsigned char* out = &mark;
@@ -53,7 +53,7 @@ TEST(Workdir, GivesThePublishedVectorsOnceItsLibcryptoIsThereUnderAKeyThatIsFixe
     }
 }
 
-// Threads are at work on the key when the process forks: the child, which has no such threads, ends all the same.
+// Threads use the key when the process forks: the child, which has no such threads, ends all the same.
 TEST(Workdir, ThreadsShareOneRandomKeyAndAForkWhileItIsMadeLetsTheChildEnd) {
     for (int i = 0; i < 60 && !HasFailure(); ++i) {
         expectInChild([i] {
@@ -61,7 +61,7 @@ TEST(Workdir, ThreadsShareOneRandomKeyAndAForkWhileItIsMadeLetsTheChildEnd) {
             std::vector<std::jthread> threads;
             for (Bytes& cipher : ciphers) threads.emplace_back([&] { cipher = through(workdir::Encrypt, Bytes(16)); });
             std::this_thread::sleep_for(i * std::chrono::microseconds(20));
-            // What the lost threads held counts as leaked then.
+            // Memory of the lost threads counts as leaked then.
             if (!kSanitized) expectInChild([] { alarm(3), std::exit(0); });
             threads.clear();
             EXPECT_THAT(ciphers, testing::Each(testing::AllOf(ciphers[0], testing::Ne(kZeros)))) << "no key was drawn";

@@ -1,4 +1,4 @@
-// Ends well where the cipher finds its libcrypto, which is needed at run time though nothing links it.
+// Succeeds if the cipher finds its libcrypto, which is needed at run time though nothing links it.
 #include <orva/orva.h>
 
 int main() {

@@ -1,4 +1,4 @@
-// Files that lie, are cut short or were never finished, through every way in; and what of their rows comes back.
+// False, truncated and unfinished files, through every entry point; and how many of their rows come back.
 #include "recoveryTest.h"
 
 #include <sys/resource.h>
@@ -16,20 +16,20 @@ constexpr const char* kBytes = "translateSize in 1..4190208";
 constexpr const char* kInside = "translatePos inside the file";
 constexpr const char* kOverlap = "translatePos + translateSize <= next translatePos";
 
-// What is said of the loss of one of the blocks of 30, 50 and 40 bytes.
+// The report of the loss of each of the blocks of 30, 50 and 40 bytes.
 const std::string kLost[] = {"0-30 its block is damaged;", "30-80 its block is damaged;",
                              "80-120 its block is damaged;"};
 
 struct LieCase {
     const char* name;
     void (*tell)(Layout&);
-    int readable;            // blocks that can be verified; 0 when the file cannot be opened
-    const char* check;       // refuses to open it, or else to append to it
-    const char* block = "";  // refuses to read the block that cannot be verified
+    int readable;            // verifiable blocks; 0 if the file cannot be opened
+    const char* check;       // check that refuses to open the file, or else to append to it
+    const char* block = "";  // check that refuses to read the block that is not verifiable
 };
 
-// Of a file of blocks of 30, 50 and 40 bytes.
-constexpr std::ptrdiff_t kLiesOfRecords = 15;  // from here on the index is one
+// Changes to the headings and indexes of a file with blocks of 30, 50 and 40 bytes.
+constexpr std::ptrdiff_t kLiesOfRecords = 15;  // from here on the index is false
 const LieCase kLies[] = {
     {"Nothing", [](Layout&) {}, 3, ""},
     {"HeadingElsewhere", [](Layout& l) { l.heading._caseStartPos += 1; }, 0, "Analyze dictionary part error!"},
@@ -70,7 +70,7 @@ const LieCase kLies[] = {
 struct DamageTest : FileTest {
     explicit DamageTest(const std::vector<std::size_t>& sizes = {30, 50, 40}) : fBlocks(blocksOf(sizes)) {}
 
-    // What is done to a file ends well, or as damage of that file, and leaves it as it was.
+    // Runs `run` on the file: it must end well or as damage of that file, and leave the file as it was.
     std::string enter(const Bytes& file, const std::function<void()>& run) const {
         lay({{fFile, file}});
         const std::string failure = failureOf(run);
@@ -84,7 +84,7 @@ struct DamageTest : FileTest {
         EXPECT_THAT(recover(file, options), testing::MatchesRegex(lost));
         EXPECT_TRUE(sameBytes(fRows, rows));
     }
-    // "begin-end why" of what recover has lost, estimates behind a "~"; or its failure.
+    // Recovers, and returns "begin-end why" for each lost range, "~" before estimates; or the failure.
     std::string recover(const Bytes& file, const orva::recoverOptions& options = {kPart}) {
         std::string text = enter(file, [&] {
             fReport = orva::recover(fFile, fOut, options);
@@ -100,7 +100,8 @@ struct DamageTest : FileTest {
         return text;
     }
 
-    // Through every way in. Rows that come out are the file's own and in their places. Ends as recover does.
+    // Enters the file through every entry point: rows that come out are the file's own, in their places. Returns the
+    // result of recover.
     std::string enterEverywhere(const Bytes& file) {
         for (const int road : {0, 2}) {
             enter(file, [&] {
@@ -121,7 +122,7 @@ struct DamageTest : FileTest {
                 fReads += failure;
             }
         });
-        // By a stream that knows the file as it is, and by one that another process has taken by surprise.
+        // Once with a stream that knows the file as it is, and once with one that another process has surprised.
         for (const Bytes& known : {file, fBytes}) {
             fAppends = enter(file, [&] {
                 writeBytes(fFile, known);
@@ -137,7 +138,7 @@ struct DamageTest : FileTest {
         return recover(file);
     }
 
-    // With these of the blocks empty, or as many zeros.
+    // The rows with these blocks left out, or as zeros.
     Bytes rowsWithout(unsigned damage, bool dropped = false) const {
         std::vector<Bytes> blocks = fBlocks;
         for (Bytes& block : blocks) {
@@ -158,11 +159,11 @@ struct DamageTest : FileTest {
         for (const filePosRecord& record : lie.records) index = std::move(index) + bytesOf(record);
         return index;
     }
-    // Heading and index that say something else.
+    // The file with this heading and index.
     Bytes told(Bytes file, const Layout& lie) const {
         return with(with(std::move(file), kRow0, bytesOf(lie.heading)), fLayout.heading._indexPos, indexOf(lie));
     }
-    // Without heading and index.
+    // The file without heading and index.
     Bytes unfinished(const Bytes& file) const {
         return with(slice(file, 0, fLayout.heading._indexPos), kRow0, Bytes(kHeadingSize));
     }
@@ -181,7 +182,7 @@ TEST_F(DamageTest, EveryLieIsToldByTheCheckThatItFails) {
         SCOPED_TRACE(row.name);
         Layout lie = fLayout;
         row.tell(lie);
-        // Its blocks are whole, and tell so without the index.
+        // Its blocks are whole, which shows without the index.
         EXPECT_EQ(enterEverywhere(told(fBytes, lie)), "");
         EXPECT_TRUE(sameBytes(fRows, fAll));
         EXPECT_EQ(fReadable, row.readable);
@@ -203,7 +204,7 @@ TEST_F(DamageTest, AWrongByteCostsTheRowsOfItsBlockAtMost) {
             SCOPED_TRACE("bit " + std::to_string(bit) + " of byte " + std::to_string(at));
             const auto wrong = static_cast<unsigned char>(fBytes[static_cast<std::size_t>(at)] ^ (1U << bit));
             const std::string text = enterEverywhere(with(fBytes, at, {wrong}));
-            // Some bits mean nothing, such as the length of a code that the block does not use.
+            // Some bits have no effect, such as the length of a code that the block does not use.
             EXPECT_TRUE(text.empty() || (!between && text == kLost[block])) << text;
             EXPECT_TRUE(sameBytes(fRows, text.empty() ? fAll : rowsWithout(1U << block)));
             costly += text.empty() ? 0 : 1;
@@ -219,13 +220,13 @@ TEST_F(DamageTest, AFileCutShortKeepsItsCompleteBlocks) {
         fRows.clear();
         const std::string text = enterEverywhere(file);
         EXPECT_TRUE(sameBytes(fRows, standingRows(file, kRow0 + kHeadingSize)));
-        // The heading knows how many blocks there were.
+        // The heading states how many blocks there were.
         EXPECT_EQ(text.empty(), fRows == fAll) << text;
     }
     EXPECT_THAT(enterEverywhere({}), HasSubstr("no block of compressed rows"));
 }
 
-// With an index the gap is exact; without one only the next block tells where it ends, and nothing how many rows it
+// With an index the gap is exact. Without one only the next block shows where it ends, and nothing how many rows it
 // held.
 TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     const std::string untold = " its block is damaged, and no index tells its size;";
@@ -239,50 +240,50 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
         expectRecovered(unfinished(file), guesses[i], dropped, {kPart, false, true});
         expectRecovered(swapped(file, kRow0), kLost[i], rows, {});
         EXPECT_TRUE(fReport.part.swapped);
-        // Bytes that are lost from it, or come into it, move what stands behind, the index too.
+        // Removing or inserting bytes moves everything behind them, the index too.
         const auto at = static_cast<std::size_t>(fLayout.records[i].translatePos) + 5;
         for (const std::size_t from : {at - 2, at + 1, at + 7}) {
             expectRecovered(slice(fBytes, 0, at) + slice(fBytes, from, fBytes.size()), kLost[i], rows);
             EXPECT_FALSE(fReport.lastRewritten);
         }
     }
-    // The record behind it can lie about where its block stands, and its own about where its rows begin.
+    // The next record can be false about where its block stands, and the block's own about where its rows begin.
     const std::int64_t index = fLayout.heading._indexPos, second = fLayout.records[1].translatePos;
     const std::int64_t low = std::endian::native == std::endian::little ? 0 : 7;  // a number's lowest byte
     expectRecovered(with(damaged(2), index + 3 * kRecordSize + 8 + low, {1}), kLost[1], rowsWithout(2));
     expectRecovered(with(damaged(2), index + 2 * kRecordSize + low, {1}), kLost[1], rowsWithout(2));
-    // What the last record says of its rows' begin and of the end of all is one witness, not two.
+    // The begin of the last record's rows and the end of all rows, as it states it, are one piece of evidence, not two.
     const auto begin = static_cast<unsigned char>((kRow0 + 88) % 256);
     expectRecovered(with(damaged(2), index + 3 * kRecordSize + low, {begin}), "~" + kLost[1], rowsWithout(2));
-    // Two records of the last block are its own and the end of what it claims: nothing bears out one that claims too
-    // much.
+    // The last record's begin and the end that it claims are no evidence for a size that is too large.
     Layout lie = fLayout;
     lie.records[2].orginalSize = kBlock + 1;
     expectRecovered(told(damaged(4), lie), "~80-[0-9]+ its block is damaged;", rowsWithout(4, true));
-    // Where nothing tells a block's place, a stream in the dictionary part is none.
+    // If nothing states a block's place, a stream in the dictionary part does not count as the block.
     const Bytes stream = slice(fBytes, kRow0 + kHeadingSize, 60);
     const Bytes two = with(with(damaged(1), 0, stream), index + kRecordSize + 15, {0x40});
     expectRecovered(with(two, second + 4, Bytes(9)), kLost[0] + kLost[1], rowsWithout(3));
-    // Nor is a heading that points to no index, where another one does.
+    // Nor does a heading that points to no index, if another one does.
     expectRecovered(with(fBytes, 100, bytesOf(compressionHeading{100, 500, kRecordSize})), "", fAll, {});
     EXPECT_EQ(fReport.part.row0Pos, kRow0);
-    // Wherever the block behind the damage stands in what is searched at a time.
+    // Finds the block behind the damage wherever it falls in a search window.
     const Bytes head = slice(unfinished(fBytes), 0, second);
     const Bytes tail = slice(fBytes, second, fLayout.records[1].translateSize);
     for (std::size_t gap = (1U << 18) - 24; gap < (1U << 18) + 2; ++gap) {
         expectRecovered(head + Bytes(gap, 1) + tail, "~30-6[0-9]{5}" + untold, fBlocks[0] + fBlocks[1],
                         {kPart, false, true});
     }
-    // What a file has lost with its end lies there, and not in a gap before it.
+    // What a truncated file has lost lies at its end, and not in a gap before.
     expectRecovered(slice(damaged(1), 0, fLayout.records[2].translatePos),
                     guesses[0] + "~100-150 its blocks are gone, and no index tells their size;",
                     Bytes(50) + fBlocks[1]);
-    // An index that stands where its last block should tells of that one, and alone it is no part without rows.
+    // An index that stands in the place of the last block describes that block; without the others it is no part
+    // without rows.
     const Bytes records = slice(fBytes, index, 4 * kRecordSize);
     expectRecovered(slice(fBytes, 0, fLayout.records[2].translatePos) + records, kLost[2], rowsWithout(4));
     EXPECT_THAT(recover(slice(fBytes, 0, kRow0 + kHeadingSize) + records), HasSubstr("no block of compressed rows"));
-    // Behind the place of a lost index counts what joins on alone, and no index of blocks at other places, another
-    // file's.
+    // Behind the place of a lost index only blocks that continue the part count, and no index of blocks at other
+    // places, which is another file's.
     expectRecovered(with(fBytes, index, {1}) + stream, "", fAll);
     Layout other = fLayout;
     for (filePosRecord& record : other.records) ++record.translatePos;
@@ -293,7 +294,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     EXPECT_EQ(fReport.part.row0Pos, kRow0);
     EXPECT_FALSE(fReport.hadHeading);
     EXPECT_THAT(recover(unfinished(fBytes), {kPart, true}), HasSubstr("ever finished"));
-    // Never in place, by whatever name.
+    // Refuses to recover in place, by whatever name.
     std::filesystem::create_hard_link(fFile, path("link"));
     EXPECT_EQ(failureOf([&] { orva::recover(fFile, path("link"), {}); }), fileError(1002, EINVAL, path("link")));
 }
@@ -325,8 +326,8 @@ struct FourBlocks : DamageTest {
     FourBlocks() : DamageTest({30, 50, 40, 60}) {}
 };
 
-// Whatever two fields of heading and index claim, or all records about bytes, every block that is whole comes back; and
-// in its place where they tell the truth of rows.
+// Whatever two fields of heading and index claim, or all records about bytes, every whole block comes back; and in its
+// place if the index is right about rows.
 TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
     const auto expectWhole = [&](const Layout& lie, unsigned damage, const std::string& name, bool few) {
         SCOPED_TRACE(name + ", damaged " + std::to_string(damage));
@@ -338,7 +339,7 @@ TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
         };
         if (!few || !std::ranges::equal(lie.records, fLayout.records, sameRows)) return;
         recover(file);
-        // A gap at the very end is not filled where it is an estimate.
+        // A gap at the very end is not filled if its length is an estimate.
         const Bytes all = rowsWithout(damage);
         EXPECT_TRUE(sameBytes(fRows, (damage & 8U) != 0 ? slice(all, 0, fRows.size()) : all));
     };
@@ -364,8 +365,8 @@ TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
     }
 }
 
-// Rows that do not shrink stand in their block as they are. Files of this kind among them are not taken for the one
-// that they are in, nor do their blocks cost one of its own.
+// Rows that do not shrink are stored in their block as they are. Rows that are files of this format are not taken for
+// the enclosing file, and their blocks do not cost one of its own.
 TEST_F(DamageTest, RowsThatAreFilesTakeNoBlocksPlace) {
     Layout layout;
     std::vector<Bytes> blocks;
@@ -392,7 +393,7 @@ TEST_F(DamageTest, RowsThatAreFilesTakeNoBlocksPlace) {
     EXPECT_TRUE(sameBytes(slice(fRows, fRows.size() - kept.size(), kept.size()), kept));
 }
 
-// A file of some pages in holes of gigabytes costs what the pages hold: in memory, in the output, and in time.
+// A file of a few pages in holes of gigabytes costs only what the pages hold: in memory, output and time.
 TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
     constexpr std::int64_t kFar = std::int64_t{5} << 30, kBlocks = 178'956'969;
     const auto costs = [&](std::int64_t blocks, const std::string& lost, const std::map<std::int64_t, Bytes>& pieces) {
@@ -421,15 +422,15 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
     lie.records[2].translatePos = INT64_MAX - 5;
     lie.records[2].translateSize = INT32_MAX;
     costs(2, "its block is damaged", {{0, unfinished(damaged(2))}, {kFar, indexOf(lie)}});
-    // The dictionary part can be one as well.
+    // The dictionary part can be a hole as well.
     Layout moved = fLayout;
     for (std::int64_t* place : {&moved.heading._caseStartPos, &moved.heading._indexPos}) *place += kFar - kRow0;
     for (filePosRecord& record : moved.records) record.orginalPos += kFar - kRow0, record.translatePos += kFar - kRow0;
     costs(3, "", {{0, {1}}, {kFar, slice(told(fBytes, moved), kRow0, fBytes.size())}});
 }
 
-// Each gap is searched from where it is, and not with a window of its own. Nor does an index whose records all point
-// behind each of many gaps, to where nothing stands, cost a trial a record and gap.
+// Each gap is searched from its own place, without a window of its own. An index whose records all point behind each of
+// many gaps, to nothing, does not cost a trial for each record and gap.
 TEST_F(DamageTest, ManyGapsAreReadOnceAndManyRecordsEndInTime) {
     Bytes file = slice(unfinished(fBytes), 0, kRow0 + kHeadingSize);
     const Bytes block = slice(fBytes, kRow0 + kHeadingSize, fLayout.records[0].translateSize);
@@ -455,7 +456,7 @@ TEST_F(DamageTest, ManyGapsAreReadOnceAndManyRecordsEndInTime) {
     expectInChild([&] { EXPECT_EQ(orva::recover(fFile, fOut, {kPart, false, true}).blocks, 20'000); });
 }
 
-// The old heading of an append that ended early: what stands behind the old index was never finished.
+// The old heading of an append that ended early: blocks behind the old index were never finished.
 TEST_F(DamageTest, AnInterruptedAppendIsToldApart) {
     for (const Append& append : std::span(kAppends).first(kWriting)) {
         SCOPED_TRACE(append.name);
@@ -463,7 +464,7 @@ TEST_F(DamageTest, AnInterruptedAppendIsToldApart) {
         append.run(fFile);
         const Bytes file = with(bytes(), kRow0, heading), rows = append.newRows();
         const std::int64_t committed = std::accumulate(append.sizes.data(), &append.sizes[append.old.size()], 0);
-        // With the new index in its place, torn, and not there yet.
+        // With the new index in its place, torn, and missing.
         for (const std::size_t cut :
              {std::size_t{0}, std::size_t{10}, std::size_t{kRecordSize} * (append.sizes.size() + 1)}) {
             const Bytes found = slice(file, 0, file.size() - cut);
@@ -475,7 +476,7 @@ TEST_F(DamageTest, AnInterruptedAppendIsToldApart) {
     }
 }
 
-// The old heading and index still stand, and so do old blocks. They must not pass for the new part's without a word.
+// The old heading and index still exist, and so do old blocks. They must not silently pass for the new part's.
 TEST_F(DamageTest, ANewPartOverAnOldOneIsNotCompletedFromIt) {
     for (const std::vector<std::size_t>& sizes : {std::vector<std::size_t>{350}, {350, 100}, {20}, {600, 5, 400}}) {
         const Bytes fresh = joined(blocksOf(sizes, 50)), file = finished(blocksOf(sizes, 50));
@@ -498,12 +499,13 @@ TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
         EXPECT_THAT(failureOf([&] { orva::rollBack(fFile); }), testing::StartsWith("DamagedFileError"));
         EXPECT_EQ(present(), files);
     };
-    // Over a file that an append has changed any damage is refused, and stays for a second look.
+    // If an append has changed the file, any damage of the side file is refused, and the side file stays for a second
+    // look.
     for (std::size_t at = 0; at < side.size(); ++at) {
         refused(with(side, at, {static_cast<unsigned char>(side[at] ^ 0x20)}));
         refused(slice(side, 0, at));
     }
-    // A right checksum does not make its numbers true: mark, row 0, old length, end of what was not touched, checksum
+    // A right checksum does not make the numbers true: mark, row 0, old length, end of what was not touched, checksum
     // before it, heading, first record, last record.
     const std::pair<std::int64_t, std::int64_t> lies[] = {
         {0, 7},          {8, 0},     {8, INT64_MAX}, {16, 40}, {16, INT64_MIN},  {24, kRow0 - 1}, {24, kRow0 + 24},
@@ -514,7 +516,7 @@ TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
         refused(forged + bytesOf(std::uint64_t{crc32_z(0, forged.data(), forged.size())}));
     };
     for (const auto& [at, value] : lies) refusedLie(with(side, at, bytesOf(value)));
-    // Nor does an index take memory that is claimed and not there.
+    // An index does not take memory that it claims but does not fill.
     expectInChild([&] {
         refusedLie(with(with(side, 16, bytesOf(1LL << 60)), 56, bytesOf(kRecordSize * 100'000'000)));
         rusage used{};

@@ -1,15 +1,15 @@
-// A process that is killed at any of its file calls, and a loss of power: what recover and roll-back make of the files.
+// Kills a process at any of its file calls, or loses power: what recover and roll-back then make of the files.
 #include "recoveryTest.h"
 
 namespace recovery {
 
-// A disk that loses its power. What was synced stays; of the rest any piece may be missing or torn, in any order.
-// Killing a process cannot show this, for the system keeps what a dead process wrote.
+// A disk that loses power. What was synced stays; of the rest any piece may be missing or torn, in any order. Killing a
+// process cannot show this, since the system keeps what a dead process wrote.
 class ImaginedDisk : public platform::faults::Hook {
 public:
     explicit ImaginedDisk(const Files& files) : fOld(files) {}
 
-    bool failsHeading = false;  // its sync, once
+    bool failsHeading = false;  // fails the heading's sync, once
 
     Verdict before(const Step& step) override {
         const std::lock_guard guard(fLock);
@@ -33,8 +33,8 @@ public:
     }
 
     std::size_t changes() const { return fChanges.size(); }
-    // What can be found when the power goes behind the first `count` changes, in pieces of `piece` bytes. `chance`: of
-    // each piece that was not synced to be there, in quarters.
+    // The files that can be found if power fails after the first `count` changes, in pieces of `piece` bytes. `chance`:
+    // the probability, in quarters, that a piece that was not synced is there.
     Files found(std::size_t count, std::int64_t piece, std::uint64_t chance, RandomBytes& random) const {
         Files files = fOld;
         for (std::size_t i = 0; i < count; ++i) {
@@ -46,7 +46,7 @@ public:
                 for (std::int64_t at = change.at, next = 0; there && at < end; at = next) {
                     next = std::min(end, (at / piece + 1) * piece);
                     if (!kept()) continue;
-                    // Of those that are there some are torn.
+                    // Some of the pieces that are there are torn.
                     const std::int64_t size = (kept() || random.oneIn(2) ? next : random.between(at + 1, next)) - at;
                     files[change.name] = with(files[change.name], at, slice(change.bytes, at - change.at, size));
                 }
@@ -65,11 +65,11 @@ private:
     struct Change {
         Call call;
         std::string name, newName;
-        std::int64_t at;  // where the bytes stand, or the new length
+        std::int64_t at;  // place of the bytes, or the new length
         Bytes bytes;
     };
 
-    // A name by its directory, bytes and length by their file.
+    // A name is synced by its directory, bytes and length by their file.
     bool isSynced(std::size_t change, std::size_t count) const {
         const auto& [call, name, newName, at, bytes] = fChanges[change];
         const bool isName = call == Call::Open || call == Call::Unlink || call == Call::Rename;
@@ -79,7 +79,7 @@ private:
     }
 
     const Files fOld;
-    std::mutex fLock;  // of several threads
+    std::mutex fLock;  // for several threads
     std::map<int, std::string> fNames;
     std::vector<Change> fChanges;
 };
@@ -88,13 +88,13 @@ struct InterruptionTest : FileTest {
     using Run = std::function<void()>;
     using Holds = std::function<bool(bool ended)>;
 
-    // Wherever `run`, begun on these files, is killed, and whatever a loss of power leaves of it.
+    // `holds` must hold wherever `run` on these files is killed, and whatever a loss of power leaves.
     void expectHeld(const Files& files, const Run& run, const Holds& holds) {
         killEverywhere(files, run, [&] { EXPECT_TRUE(holds(false)); });
         EXPECT_EQ(lose(files, run, holds), 0);
     }
 
-    // Kills `run`, begun on these files, before each of its calls and in the midst of each of its writes.
+    // Kills `run` on these files before each of its calls and in the middle of each of its writes.
     void killEverywhere(const Files& files, const Run& run, const Run& check) {
         constexpr int kNoWrite = 3;
         for (std::uint64_t step = 2;; ++step) {
@@ -122,8 +122,8 @@ struct InterruptionTest : FileTest {
         }
     }
 
-    // Loses the power behind each change that `run` makes, with all that was not synced, nothing of it, and what chance
-    // leaves. How many of the states of the disk did not hold?
+    // Loses power after each change that `run` makes: with all that was not synced, with nothing of it, and with random
+    // parts. Returns how many states of the disk did not hold.
     int lose(const Files& files, const Run& run, const Holds& holds, bool failsHeading = false) {
         static const std::uint64_t chances = told("ORVA_REPLAY_CHANCES", kSanitized ? 4 : 24);
         lay(files);
@@ -153,7 +153,7 @@ struct InterruptionTest : FileTest {
         return failures;
     }
 
-    // Nothing for a file that says that it is not finished, in either byte order.
+    // The rows, or nothing if the file says that it is not finished, in either byte order.
     std::optional<Bytes> rowsIfFinished() const {
         std::optional<Bytes> rows;
         for (const bool swap : {false, true}) {
@@ -163,7 +163,7 @@ struct InterruptionTest : FileTest {
     }
 
     void expectCompleteBlocks() const {
-        Bytes recovered;  // nothing where nothing can be found
+        Bytes recovered;  // empty if nothing can be found
         failureOf([&] { orva::recover(fFile, fOut, {kPart, false, true}), recovered = rowsOf(fOut); });
         EXPECT_TRUE(sameBytes(recovered, standingRows(bytes(), kRow0 + kHeadingSize)));
     }
@@ -182,18 +182,18 @@ TEST_F(InterruptionTest, ANewFileKeepsItsCompleteBlocksAndIsFinishedOnceItSaysSo
         const auto finishedWhole = [&](bool ended) {
             const std::optional<Bytes> found = rowsIfFinished();
             if (found) return *found == joined(blocks);
-            // A heading that is there may not come before what it points to.
+            // A heading must not reach the disk before what it points to.
             const Bytes heading = slice(bytes(), kRow0, kHeadingSize);
             const bool whole = heading.size() == kHeadingSize && heading[0] != 0 && heading[kHeadingSize - 8] != 0;
             return !ended && !(durable && whole);
         };
-        // Without the setting the heading may reach the disk first: this disk can tell the two apart.
+        // Without `durable` the heading may reach the disk first: this disk can show the difference.
         EXPECT_EQ(lose({}, run, finishedWhole) == 0, durable);
     }
     EXPECT_GT(fKills, 100);
 }
 
-// Nothing, or the rows of each flush_rows, and at the end all of them.
+// No file, or the rows of one flush_rows(), and at the end all rows.
 TEST_F(InterruptionTest, WhatTheFaceMakesIsWholeOrAsItWas) {
     const Bytes rows[] = {RandomBytes(71).rows(700), Bytes(90'000, 'b'), RandomBytes(72).rows(70'000)};
     const auto write = [](orva::Writer writer, std::span<const Bytes> pieces) {
@@ -225,7 +225,7 @@ TEST_F(InterruptionTest, WhatTheFaceMakesIsWholeOrAsItWas) {
     const auto replace = [&] { write(orva::Writer(fFile, {.replace = true}), more); };
     expectSteps(old, fFile, replace, {rows[0], rows[1], rows[1] + rows[2]});
     const orva::Path twice[] = {fFile, fFile};
-    // At another place of a page: what the system copies by itself, an imagined disk does not see.
+    // At another place in a page: the imagined disk does not see what the system copies by itself.
     const orva::JoinOptions elsewhere{.dictionary = std::vector<std::byte>(100, std::byte{1})};
     expectSteps(old, fOut, [&] { orva::join(twice, fOut, elsewhere); }, {Found(), rows[0] + rows[0]});
     EXPECT_GT(fKills, 200);
@@ -245,10 +245,10 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
         return found && (*found == append.newRows() || (!ended && *found == append.oldRows()));
     };
     killEverywhere(old, run, [&] {
-        // The new heading counts, whatever stands behind its blocks.
+        // Once the new heading is there, it counts, whatever stands behind its blocks.
         if (rowsIfFinished() != append.newRows()) expectCompleteBlocks();
     });
-    // The same disk costs an append that is not safe its old rows.
+    // On the same disk an append that is not safe loses old rows.
     EXPECT_TRUE(lose(old, run, allOrNothing) > 0 || GetParam() >= kWriting);
     append.road = 5;  // safe, by two threads
     EXPECT_EQ(lose(old, run, allOrNothing), 0);
@@ -260,7 +260,7 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     const auto interrupt = [&] { interrupted(append); };
     EXPECT_EQ(lose(old, interrupt, oldRows), 0);
 
-    // An append that hears so late of a failing disk that its heading may have reached it is undone all the same.
+    // An append that learns of a failing disk when its heading may already be on it is undone all the same.
     const auto fail = [&] {
         const Reader stream(fFile);
         EXPECT_THAT(failureOf([&] { append.write(stream), stream->Close(); }), testing::HasSubstr(" errno 5 "));
@@ -274,7 +274,7 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     Files late = interrupted(append);
     expectHeld(late, rollBack, asItWas);
 
-    // Killed between the writing of its heading and the sync.
+    // Killed between writing its heading and the sync.
     lay(old);
     run();
     const Bytes heading = slice(bytes(), kRow0, kHeadingSize);

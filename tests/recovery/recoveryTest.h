@@ -1,5 +1,5 @@
-// What the tests of appending, damage and recovery share: small files of several blocks, appends described by numbers,
-// and rows read back past whatever happened.
+// Shared by the tests of appending, damage and recovery: small files of several blocks, appends described by numbers,
+// and rows read back whatever happened.
 #pragma once
 
 #include "core/coreTest.h"
@@ -11,9 +11,9 @@ using namespace core;
 
 inline const orva::foundPart kPart{kRow0, false};
 
-// Blocks of these sizes. A full one is of one value, so that it stays small in the file; others are all different.
-// Those of kNoise bytes do not shrink: one takes as many bytes in the file as another.
-constexpr std::size_t kFull = 65'536;  // the least that a writer can choose
+// Blocks of these sizes. A full one holds one value, so that it stays small in the file; others are all different.
+// Those of kNoise bytes do not shrink, so that all take the same number of bytes in the file.
+constexpr std::size_t kFull = 65'536;  // the shortest that a writer can choose
 constexpr std::size_t kNoise = 6000;
 inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsigned char seed = 0) {
     std::vector<Bytes> blocks;
@@ -25,21 +25,21 @@ inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsign
     return blocks;
 }
 
-// The rows of a finished file, in which every block is where the index says.
+// The rows of a finished file whose blocks are all where the index says.
 inline Bytes rowsOf(const std::string& file, bool swap = false) {
     orva::finishedPart part(file, {kRow0, swap});
     part.verifyIndex();
     return Reader(file, 0, kRow0, swap).read(static_cast<std::size_t>(part.dataSize()));
 }
 
-// An append to a finished file of blocks of `old` bytes: the last `cut` bytes of rows go, `added` blocks come.
+// An append to a finished file of blocks of `old` bytes: removes the last `cut` bytes of rows and adds `added` blocks.
 struct Append {
     const char* name;
     std::vector<std::size_t> old;
     std::size_t cut;
     std::vector<std::size_t> added;
-    std::vector<std::int32_t> sizes{};  // of the blocks afterwards
-    int road = 0;                       // 1 if it is safe, and twice the number of several threads
+    std::vector<std::int32_t> sizes{};  // the blocks' sizes afterwards
+    int road = 0;                       // 1 if it is safe, plus twice the number of threads
 
     Bytes oldRows() const { return joined(blocksOf(old)); }
     Bytes keptRows() const { return slice(oldRows(), 0, oldRows().size() - cut); }
@@ -47,7 +47,7 @@ struct Append {
 
     std::int64_t keptEnd() const { return kRow0 + std::ssize(keptRows()); }
 
-    // On a stream that has read nothing yet. To finish it is left to the caller.
+    // Runs on a stream that has read nothing yet. The caller finishes it.
     void write(const Reader& stream, bool swap = false) const {
         begin(stream, keptEnd(), swap);
         writeBlocks(*stream, blocksOf(added, 100));
@@ -66,7 +66,8 @@ struct Append {
     }
 };
 
-constexpr int kWriting = 4;  // the first ones begin in different ways and write several blocks, the others end so
+constexpr int kWriting = 4;  // the first ones begin in different ways and write several blocks; the others end in
+                             // different ways
 inline const Append kAppends[] = {
     {"RowsJoinShortBlock", {300, 500}, 0, {200, 90}, {300, 700, 90}},
     {"CutThenAdded", {300, 500}, 450, {20, 90}, {300, 70, 90}},
@@ -83,11 +84,11 @@ inline const Append kAppends[] = {
     {"NothingToNothing", {}, 0, {}},
 };
 
-using Files = std::map<std::string, Bytes>;  // what the directory holds, by name
+using Files = std::map<std::string, Bytes>;  // contents of the directory by name
 
 struct FileTest : TempDir, testing::WithParamInterface<std::size_t> {
     Bytes bytes() const { return readBytes(fFile); }
-    // The bytes of a finished file, which is there then.
+    // Makes a finished file and returns its bytes.
     Bytes finished(const std::vector<Bytes>& blocks) const { return makeFile(fFile, blocks), bytes(); }
     Files present() const {
         Files files;
@@ -100,7 +101,7 @@ struct FileTest : TempDir, testing::WithParamInterface<std::size_t> {
         for (const std::string& name : {fFile, fSide, fOut}) std::filesystem::remove(name);
         for (const auto& [name, content] : files) writeBytes(name, content);
     }
-    // What a kill of this append leaves.
+    // The files that killing this append leaves.
     Files afterKill(const Reader& stream) const {
         Files files = present();
         stream->abandon();

@@ -1,5 +1,5 @@
-// The side file of a safe append and what becomes of it: finished rows are never undone, old rows never lost, foreign
-// files never touched. That kills and losses of power cost nothing is told in interruptionTest.cpp.
+// The side file of a safe append and its end: finished rows are never undone, old rows never lost, foreign files never
+// touched. interruptionTest.cpp covers kills and losses of power.
 #include "part/heldSideFile.h"
 #include "part/keptTail.h"
 #include "recoveryTest.h"
@@ -15,7 +15,7 @@ struct SideFileTest : FileTest {
     using Blocks = std::vector<Bytes>;
     const Blocks fOldBlocks = blocksOf({300, 500}), fMore = blocksOf({200}, 100);
 
-    // A safe append of `added` behind the first `kept` bytes of rows, not yet finished.
+    // A safe append of `added` after the first `kept` bytes of rows, not yet finished.
     static Reader appending(const std::string& name, const Blocks& added, std::int64_t kept = 800) {
         Reader stream(name, 0, kRow0);
         stream->setSafeAppend(true);
@@ -23,7 +23,7 @@ struct SideFileTest : FileTest {
         writeBlocks(*stream, added);
         return stream;
     }
-    // A file that somebody else has put in the place of the side file.
+    // A foreign file in the place of the side file.
     Deed foreign(const Deed& make) const {
         return [=, this] {
             make();
@@ -49,7 +49,7 @@ struct SideFileTest : FileTest {
 TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     const Bytes old = joined(fOldBlocks), oldAndMore = old + fMore[0];
     const Blocks shorter = blocksOf({300}, 7), longer = blocksOf({70'000}, 7);
-    // Files of such blocks differ in nothing but the rows.
+    // Files of such blocks differ only in their rows.
     const Blocks noise = blocksOf({kNoise, kNoise}, 10), noise2 = blocksOf({kNoise, kNoise}, 20);
     const std::string other = path("other"), kept = path("kept");
     const bool isRoot = ::geteuid() == 0;

@@ -1,5 +1,5 @@
-// The buffer between a stream and its file, what each step asks of the file, and the hand-over of readAheadSlot.h, rule
-// by rule. No byte is lost or stale.
+// The buffer between a stream and its file: the file calls of each step, and the hand-over of readAheadSlot.h, rule by
+// rule. No byte is lost or stale.
 #include "stream/streamTest.h"
 #include "worker/readAheadSlot.h"
 
@@ -61,7 +61,7 @@ TEST_F(StreamBuffer, CopiesThatAppendLoseNothingOfEachOther) {
     }
 }
 
-// What one reads ahead never reaches the other's buffer half-done or at the wrong place.
+// Bytes read ahead by one thread never reach the other's buffer half-done or at the wrong place.
 TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
     open(8 * kBlock);
     run("t1");
@@ -74,7 +74,7 @@ TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
     readAll(*model, 1'000'000);
 }
 
-// A compressed stream opens the file object again, from which the thread of the stream below reads meanwhile.
+// A compressed stream opens the file object again while the thread of the stream below reads from it.
 TEST_F(StreamBuffer, ReadsAheadWhileAPartOverItReopensTheFile) {
     open(2 * kBlock + 1'000);
     for (int round = 0; round < (kSanitized ? 50 : 150) && !HasFailure(); ++round) {
@@ -93,7 +93,7 @@ TEST_F(StreamBuffer, ReadsAheadWhileAPartOverItReopensTheFile) {
 TEST(ReadAheadSlot, R6_BlockWrittenOverSinceIsNoHit) {
     const struct {
         std::int64_t begin, end;
-        std::uint32_t count;  // bytes that were read ahead at 1,000, of blocks of 100
+        std::uint32_t count;  // bytes read ahead at 1,000, in blocks of 100
         bool hit;
     } cases[] = {{900, 1'000, 100, true},   {900, 1'001, 100, false},  {1'099, 1'200, 100, false},
                  {1'100, 1'200, 100, true}, {5'000, 5'001, 30, false}, {900, 1'000, 30, true},
@@ -101,7 +101,7 @@ TEST(ReadAheadSlot, R6_BlockWrittenOverSinceIsNoHit) {
     readAheadSlot slot;
     for (const auto& c : cases) {
         for (const bool whileRead : {false, true}) {
-            std::jthread other;  // a write beside the read-ahead waits for its end
+            std::jthread other;  // a write during the read-ahead waits for its end
             const auto write = [&] { slot.noteWritten(c.begin, c.end, 100); };
             readAheadSlot::request(slot).readAhead(1'000);
             slot.step([&](std::int64_t) {

@@ -1,4 +1,4 @@
-// Enciphered files by calls of the file itself. What a stream asks of them, the model in core/modelTest.cpp holds.
+// Enciphered files by calls of the file itself. The model in core/modelTest.cpp covers streams over them.
 #include "stream/streamTest.h"
 
 using namespace support;
@@ -29,7 +29,7 @@ struct Cipher : TempDir {
     RefCountPtr<ORVA_File> file;
 };
 
-std::unique_ptr<ORVA_FileStream> gLast;  // ends behind objects of the library that are made later
+std::unique_ptr<ORVA_FileStream> gLast;  // destroyed after objects of the library that are made later
 
 TEST_F(Cipher, AStreamEndsWholeWithItsProcess) {
     expectInChild([&] {
@@ -43,7 +43,7 @@ TEST_F(Cipher, AStreamEndsWholeWithItsProcess) {
 struct WriteCase {
     const char* name;
     bool taken;
-    std::size_t held;  // bytes that are there; those behind the last whole block wait, or are padded if finished
+    std::size_t held;  // bytes in the file; those behind the last whole block are pending, or padded if finished
     std::int64_t offset;
     std::size_t size;
     bool finished = false;
@@ -69,7 +69,7 @@ TEST_F(Cipher, AFileTakesWhatNeedsNoOtherBytesOfABlock) {
     }
     file->FinishEncryption();
     EXPECT_NE(slice(readBytes(fPath), 0, 16), slice(fNoise, 0, 16)) << "the ciphertext";
-    // Part of a block, which a dead process has left, is no data, and nothing in a gap.
+    // Part of a block, left by a dead process, is no data, and counts as nothing in a gap.
     file->Close();
     std::filesystem::resize_file(fPath, 41);
     open("r+b");

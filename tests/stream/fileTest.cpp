@@ -1,5 +1,4 @@
-// Files and streams under every mode, shared, without a file and at their end; and the counted pointers that share
-// them.
+// Files and streams in every mode, shared, without a file and at their end; and the counted pointers that share them.
 #include "stream/streamTest.h"
 
 using namespace support;
@@ -20,7 +19,7 @@ struct ModeCase {
     bool creates;
     std::int64_t tell;
     bool writes;          // 2 bytes at 1
-    std::int64_t reads;   // of 2 bytes at 3; below 0 if it is refused
+    std::int64_t reads;   // result of reading 2 bytes at 3; below 0 if refused
     std::uintmax_t size;  // after both
 };
 constexpr ModeCase kModes[] = {

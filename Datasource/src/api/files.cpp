@@ -309,7 +309,7 @@ private:
         for (std::uint32_t i = 0; i < part.blockCount(); ++i) fTotal += part.block(i).stored;
     }
 
-    // An append is no damage.
+    // Throws what is wrong with the input, unless an append explains it.
     [[noreturn]] void refuseDamaged(const Path& path) const {
         const shownPart input = opened(path, fOptions.row0);
         translated(path, [&] { checkContiguous(input.bytes(), input.found().heading, input.records()); });

@@ -44,8 +44,8 @@ public:
 
 class bytesFrom {
 public:
-    bytesFrom(ORVA_File& file) : fFile(&file) {}             // acts as a reference
-    bytesFrom(const storedBytes& other) : fOther(&other) {}  // likewise
+    bytesFrom(ORVA_File& file) : fFile(&file) {}             // NOLINT(google-explicit-constructor): acts as a reference
+    bytesFrom(const storedBytes& other) : fOther(&other) {}  // NOLINT(google-explicit-constructor): likewise
 
     const std::string& name() const;
     std::int64_t length() const;

@@ -93,7 +93,7 @@ std::optional<blockOutcome> byIsal(const unsigned char* from, std::uint32_t size
     return blockOutcome{blockOutcome::complete, static_cast<std::uint32_t>(stream.next_out - to), size};
 }
 
-// Any hundredth of a block without noise meets a sample, so the gains between samples are less than that.
+// A stretch without noise as long as a hundredth of the block meets a sample; shorter ones gain less than that.
 constexpr std::uint32_t kSample = 256;
 constexpr std::uint32_t kSamples = 128;
 // 256 random bytes have 162 different values, give or take 6. Rows have far fewer, and the first sample shows it.
