@@ -1,8 +1,6 @@
 // Writing: choices, cuts, beginnings and ends. Reading: without a file, and of a damaged file or block. Offsets beyond
-//          4 GiB, in a hole. Broken contracts, and forks. modelTest.cpp covers which blocks and rows writes make,
-//          recovery/damageTest.cpp false headings and indexes.
-// Behind 4 GiB, which is cheap since it is a hole. Then breaches of a caller's duty, and forks. Which blocks and
-// rows writes make is modelTest.cpp's; lies of heading and index are told in recovery/damageTest.cpp.
+// 4 GiB, in a hole. Broken contracts, and forks. modelTest.cpp covers which blocks and rows writes make,
+// recovery/damageTest.cpp false headings and indexes.
 #include "coreTest.h"
 #include "part/zcmpsPreIOThread.h"
 
