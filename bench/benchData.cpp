@@ -67,8 +67,8 @@ Bytes measuredRows(std::size_t size) {
         const auto time = static_cast<double>(value / kSignals);
         const auto signal = static_cast<double>(1 + value % kSignals);
         const double level = 20 * signal + 5 * std::sin(time / (500 * signal)) + noise(engine);
-        const double told = std::round(level * 100) / 100;
-        std::memcpy(rows.data() + at, &told, sizeof told);
+        const double shown = std::round(level * 100) / 100;
+        std::memcpy(rows.data() + at, &shown, sizeof shown);
     }
     return rows;
 }

@@ -7,7 +7,7 @@ namespace api {
 struct Files : FaceTest {
     // The last call of the progress function, which never goes back, and its total.
     std::pair<i64, i64> fLast;
-    std::function<void(i64, i64)> told() {
+    std::function<void(i64, i64)> progress() {
         fLast = {0, 0};
         return [this](i64 done, i64 total) {
             EXPECT_GE(done, fLast.first);
@@ -20,7 +20,7 @@ TEST_F(Files, SayWhichBlockIsBad) {
     const std::string name = written("rows", RandomBytes(21).rows(3 * kBlock + 10));
     const orva::Block bad = orva::info(name).blocks.at(1);
     overwriteBytes(name, bad.file_offset + 4, Bytes(3, 0xff));
-    const orva::VerifyReport report = orva::verify(name, {.threads = 3, .progress = told()});
+    const orva::VerifyReport report = orva::verify(name, {.threads = 3, .progress = progress()});
     EXPECT_EQ(fLast.first, i64{3 * kBlock + 10});
     ASSERT_EQ(report.bad.size(), 1U);
     EXPECT_EQ(report.bad[0].rows, bad.rows);
@@ -33,7 +33,7 @@ TEST_F(Files, SayWhichBlockIsBad) {
     auto row = orva::Rows<std::array<char, 2>>(reader).begin();
     EXPECT_EQ(thrownBy([&] { std::ranges::advance(row, std::default_sentinel); }), damage);
     EXPECT_TRUE(row == std::default_sentinel);
-    EXPECT_EQ(orva::recover(name, path("saved"), {.progress = told()}).lost.at(0).rows, bad.rows);
+    EXPECT_EQ(orva::recover(name, path("saved"), {.progress = progress()}).lost.at(0).rows, bad.rows);
     EXPECT_EQ(fLast.first, fLast.second);
     std::filesystem::rename(path("saved"), name);
     EXPECT_EQ(orva::verify(reader).bad.size(), 1U) << "it tells of the file that was opened";
@@ -44,7 +44,7 @@ TEST_F(Files, SayWhichBlockIsBad) {
 TEST_F(Files, EndWhereTheirProgressThrows) {
     const orva::Path parts[] = {written("a", Bytes(kBlock + 5, 'a')),
                                 written("b", Bytes(100, 'b'), {.dictionary = Dictionary(20)})};
-    const orva::JoinReport report = orva::join(parts, path("all"), {.progress = told()});
+    const orva::JoinReport report = orva::join(parts, path("all"), {.progress = progress()});
     EXPECT_EQ(report.size, i64{kBlock + 105});
     EXPECT_EQ(fLast.first, orva::info(path("all")).stored + 512);
     EXPECT_TRUE(sameBytes(rowsOf("all"), Bytes(kBlock + 5, 'a') + Bytes(100, 'b')));

@@ -17,7 +17,8 @@ struct CompressedWrite : TempDir, testing::WithParamInterface<int> {
     const std::string fName = path("rows.orva");
     const int kBestLevel = zcmpsFilestr::bestCompressionLevel();
 };
-INSTANTIATE_TEST_SUITE_P(Roads, CompressedWrite, testing::Values(0, 1, kSeveral), testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Threadings, CompressedWrite, testing::Values(0, 1, kSeveral),
+                         testing::PrintToStringParamName());
 
 TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
     const auto stream = freshStream(fName, GetParam());
@@ -32,7 +33,7 @@ TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
     EXPECT_EQ(refusal(kBlock + 1, kBestLevel + 1), length + "not 4190209" + level + "not " + above);
     beginRows(*stream);
     EXPECT_EQ(refusal(kBlock, 2), length + late + level + late);
-    if (GetParam() != 1) takeRoad(*stream, kTwo);  // not too late: no thread exists yet
+    if (GetParam() != 1) setThreading(*stream, kTwo);  // not too late: no thread exists yet
     finish(*stream, Bytes(100'000, 'x'), {70'000, 30'000});
 }
 
@@ -99,7 +100,8 @@ struct CompressedRead : ShortBlocks, testing::WithParamInterface<int> {
     static constexpr std::int64_t kFar = (std::int64_t{5} << 30) + 7;
     const Layout fLayout{fFile};
 };
-INSTANTIATE_TEST_SUITE_P(Roads, CompressedRead, testing::Values(0, 2, kSeveral), testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Threadings, CompressedRead, testing::Values(0, 2, kSeveral),
+                         testing::PrintToStringParamName());
 
 TEST_P(CompressedRead, WhatIsLoadedOrCachedCostsNoFileCall) {
     const Reader reader(fName, GetParam(), kFar);
@@ -255,10 +257,10 @@ TEST_F(ShortBlocks, AForkWhileWorkersLive) {
     ORVA_FileStream plain(path("plain").c_str(), "w+b");
     plain.EnableMultiThreadReading();
     write(plain, rows);
-    for (const int road : {0, 1, kTwo}) {
-        auto writer = startedWriter(own, road);
+    for (const int threading : {0, 1, kTwo}) {
+        auto writer = startedWriter(own, threading);
         writeBlocks(*writer, {rows});
-        Reader reader(fName, road == 1 ? 2 : road, kRow0);
+        Reader reader(fName, threading == 1 ? 2 : threading, kRow0);
         reader.read(28'750);  // into the last block: a thread at work during a fork can hold what a sanitizer needs
         expectInChild([&] {
             EXPECT_EQ(ORVA_FileStream(own.c_str(), "r+b").Good(), 0) << "a second writer in another process";
@@ -266,7 +268,7 @@ TEST_F(ShortBlocks, AForkWhileWorkersLive) {
             writer->abandon();
             writer.reset();
             reader.reset();
-            EXPECT_EQ(Reader(fName, road, kRow0).read(30'000), rows);
+            EXPECT_EQ(Reader(fName, threading, kRow0).read(30'000), rows);
         });
         EXPECT_EQ(readBytes(path("plain")), Bytes());
         expectInChild([&] { execl("/bin/true", "true", nullptr); });

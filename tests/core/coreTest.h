@@ -14,15 +14,15 @@ inline constexpr std::int64_t kBlock = 4'190'208;
 
 // A threading: a value for setMultiThread, or 100 plus a value for setThreadCount.
 inline constexpr int kOneOfSeveral = 101, kTwo = 102, kSeveral = 103;
-inline void takeRoad(zcmpsFilestr& stream, int road) {
-    road > 100 ? stream.setThreadCount(road - 100) : stream.setMultiThread(road);
+inline void setThreading(zcmpsFilestr& stream, int threading) {
+    threading > 100 ? stream.setThreadCount(threading - 100) : stream.setMultiThread(threading);
 }
 
 // A stream over a new file with nothing but a dictionary part.
-inline std::unique_ptr<zcmpsFilestr> freshStream(const std::string& name, int road) {
+inline std::unique_ptr<zcmpsFilestr> freshStream(const std::string& name, int threading) {
     writeBytes(name, Bytes(kRow0, 0xD5));
     auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "r+b"));
-    takeRoad(*stream, road);
+    setThreading(*stream, threading);
     return stream;
 }
 
@@ -37,8 +37,8 @@ inline void resume(zcmpsFilestr& stream, std::int64_t end, bool swap = false) {
     stream.setFileToAppend(end, swap);
 }
 
-inline std::unique_ptr<zcmpsFilestr> startedWriter(const std::string& name, int road) {
-    auto stream = freshStream(name, road);
+inline std::unique_ptr<zcmpsFilestr> startedWriter(const std::string& name, int threading) {
+    auto stream = freshStream(name, threading);
     beginRows(*stream);
     return stream;
 }
@@ -61,12 +61,12 @@ inline void writeBlocks(zcmpsFilestr& stream, const std::vector<Bytes>& blocks) 
 }
 
 // A finished file, made by the library alone.
-inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, std::int64_t row0 = kRow0, int road = 0,
-                     bool durable = false) {
+inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, std::int64_t row0 = kRow0,
+                     int threading = 0, bool durable = false) {
     ORVA_FileStream source(name.c_str(), "w+b");
     write(source, Bytes(kRow0, 0xD5));
     zcmpsFilestr stream(source);
-    takeRoad(stream, road);
+    setThreading(stream, threading);
     stream.setDurable(durable);
     beginRows(stream, row0);
     writeBlocks(stream, blocks);
@@ -88,10 +88,10 @@ struct ShortBlocks : TempDir {
 
 // A stream that reads a finished file.
 struct Reader : std::unique_ptr<zcmpsFilestr> {
-    explicit Reader(const std::string& name, int road = 0, std::int64_t row0 = 0, bool swap = false)
+    explicit Reader(const std::string& name, int threading = 0, std::int64_t row0 = 0, bool swap = false)
         : unique_ptr(std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"))) {
         if (get()->Good() == 0) throw SystemFileException(1201, "", "", 0, true);
-        takeRoad(**this, road);
+        setThreading(**this, threading);
         if (row0 != 0) get()->readFilePosInfo(row0, swap);
     }
     Bytes read(std::size_t size) const { return core::read(**this, size); }

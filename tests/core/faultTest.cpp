@@ -25,15 +25,15 @@ constexpr Fault kFaults[] = {
 struct Faults : ShortBlocks {
     // Runs `body(variant, scarcity)` for all faults and places.
     template <class Body>
-    void everywhere(const std::vector<int>& roads, Body body) {
+    void everywhere(const std::vector<int>& variants, Body body) {
         std::map<std::string, int> refused;
-        for (const int road : roads) {
+        for (const int variant : variants) {
             for (const Fault& fault : kFaults) {
                 bool reached = true;
                 for (std::uint64_t k = 1; reached && !HasFailure(); ++k) {
-                    SCOPED_TRACE(fault.name + (", k " + std::to_string(k)) + ", road " + std::to_string(road));
+                    SCOPED_TRACE(fault.name + (", k " + std::to_string(k)) + ", variant " + std::to_string(variant));
                     Scarcity scarcity(fault, k);
-                    body(road, scarcity);
+                    body(variant, scarcity);
                     reached = scarcity.reached();
                     refused[fault.name] += reached ? 1 : 0;
                     EXPECT_LT(k, 3'000U);
@@ -52,7 +52,7 @@ struct Faults : ShortBlocks {
         const int error = s.fault.error;
         EXPECT_THAT(failure, AnyOf("", fileError(1002, error, fName), fileError(1003, error, fName),
                                    StartsWith("other "), StartsWith("SystemFileException 1201 ")));
-        EXPECT_THAT(failure + s.text, AnyOf("", StartsWith("System"), ContainsRegex(s.fault.told)));
+        EXPECT_THAT(failure + s.text, AnyOf("", StartsWith("System"), ContainsRegex(s.fault.pattern)));
         return failure;
     }
     // Repeats a failed body, without faults.
@@ -65,14 +65,14 @@ struct Faults : ShortBlocks {
 // A new file, and then its blocks, each read until it succeeds.
 TEST_F(Faults, H2_H4_M3_ANewFileAndItsReader) {
     const std::vector<filePosRecord> records = Layout(fFile).records;
-    everywhere({0, 1, kOneOfSeveral, kTwo}, [&](int road, Scarcity& s) {
+    everywhere({0, 1, kOneOfSeveral, kTwo}, [&](int threading, Scarcity& s) {
         writeBytes(fName, Bytes(kRow0, 0xD5));
         std::unique_ptr<zcmpsFilestr> stream;
         bool isWriter = false;
         std::string heard = tried(s, [&] {
             stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(fName.c_str(), "r+b"));
-            takeRoad(*stream, road);
-            stream->setCompressionLevel(road == 0 || road == kTwo ? 2 : 1);
+            setThreading(*stream, threading);
+            stream->setCompressionLevel(threading == 0 || threading == kTwo ? 2 : 1);
             beginRows(*stream);
             isWriter = true;
             writeBlocks(*stream, fBlocks);
@@ -92,7 +92,7 @@ TEST_F(Faults, H2_H4_M3_ANewFileAndItsReader) {
             return;
         }
         std::unique_ptr<Reader> reader;
-        untilDone(s, [&] { reader = std::make_unique<Reader>(fName, road == 1 ? 2 : road, kRow0); });
+        untilDone(s, [&] { reader = std::make_unique<Reader>(fName, threading == 1 ? 2 : threading, kRow0); });
         for (const std::size_t i : {0u, 1u, 2u, 3u, 5u, 0u, 4u}) {
             Bytes rows;
             untilDone(s, [&] { rows = reader->readAt(records[i].orginalPos, fBlocks[i].size()); });
@@ -136,7 +136,7 @@ TEST_F(Faults, TheFace) {
             reader.emplace(orva::Path(both), orva::ReaderOptions{.threads = threads});
             expectRows();
         });
-        EXPECT_THAT(heard, AnyOf("", ContainsRegex(s.fault.told)));
+        EXPECT_THAT(heard, AnyOf("", ContainsRegex(s.fault.pattern)));
         EXPECT_THAT(s.text, AnyOf("", ContainsRegex(s.fault.kind == Fault::Threads ? "ask for fewer" : "")));
         EXPECT_TRUE(heard.empty() || s.reached()) << heard << " out of nothing";
         for (const auto& entry : std::filesystem::directory_iterator(directory)) {
@@ -172,8 +172,8 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
     for (const std::int64_t size : kSizes) {
         for (const std::int64_t place : {sound._indexPos, std::int64_t{kRow0 + 24}, INT64_MAX - size}) {
             overwriteBytes(fName, kRow0, bytesOf(compressionHeading{kRow0, place, size}));
-            for (const int road : {0, 2, kTwo}) {
-                EXPECT_THAT(failureOf([&] { Reader(fName, road, kRow0); }), StartsWith("DamagedFileError"));
+            for (const int threading : {0, 2, kTwo}) {
+                EXPECT_THAT(failureOf([&] { Reader(fName, threading, kRow0); }), StartsWith("DamagedFileError"));
             }
             EXPECT_EQ(failureOf([&] { orva::recover(fName, path("out"), {}); }), "") << size << " at " << place;
         }
@@ -191,14 +191,14 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
 // A plain stream. Bits: 1 read-ahead, 2 requests bypass the buffer, 4 enciphered.
 TEST_F(Faults, AStreamThatIsWrittenAndRead) {
     const Bytes content = RandomBytes(7).noise(kBlock + 40'955);
-    everywhere({1, 2, 5}, [&](int road, Scarcity& s) {
-        SetKeepEncrypt((road & 4) != 0);
+    everywhere({1, 2, 5}, [&](int variant, Scarcity& s) {
+        SetKeepEncrypt((variant & 4) != 0);
         std::filesystem::remove(fName);
-        ORVA_FileStream stream((road & 4) != 0);
+        ORVA_FileStream stream((variant & 4) != 0);
         untilDone(s, [&] {
             if (stream.Open(fName.c_str(), "w+b") == 0) throw SystemFileException(1201, "", "", 0, true);
-            if ((road & 1) != 0) stream.EnableMultiThreadReading();
-            if ((road & 2) != 0) stream.DisablePreReading();
+            if ((variant & 1) != 0) stream.EnableMultiThreadReading();
+            if ((variant & 2) != 0) stream.DisablePreReading();
         });
         for (const std::int64_t end : {std::int64_t{100}, std::int64_t{1'000}, kBlock + 1'960, kBlock + 40'955}) {
             untilDone(s, [&] {
@@ -218,7 +218,7 @@ TEST_F(Faults, AStreamThatIsWrittenAndRead) {
             EXPECT_TRUE(sameBytes(found, slice(content, at, content.size()))) << at;
         }
         untilDone(s, [&] { EXPECT_EQ(stream.Close(), 1); });
-        ORVA_FileStream written(fName.c_str(), "rb", (road & 4) != 0);
+        ORVA_FileStream written(fName.c_str(), "rb", (variant & 4) != 0);
         EXPECT_TRUE(sameBytes(read(written, content.size()), content));
     });
     SetKeepEncrypt(false);
@@ -239,8 +239,8 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
         const std::vector<Bytes> added = blocksOf(append.added, 100);
         const std::int64_t end = append.keptEnd();
         int undone = 0;
-        everywhere({0, 2}, [&](int road, core::Scarcity& s) {
-            append.road = road;
+        everywhere({0, 2}, [&](int variant, core::Scarcity& s) {
+            append.variant = variant;
             writeBytes(fName, old);
             std::unique_ptr<core::Reader> stream;
             bool writes = false;

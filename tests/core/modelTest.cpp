@@ -16,9 +16,10 @@ constexpr std::uint64_t kManyOfParts = kSanitized ? 1'500 : 5'000;
 // Runs `round(random, number)`, which returns its operations, until there are enough or one failed.
 template <class Round>
 void rounds(std::uint64_t quick, Round round) {
-    const std::uint64_t enough = told("ORVA_MODEL_OPERATIONS", quick);
+    const std::uint64_t enough = numberFrom("ORVA_MODEL_OPERATIONS", quick);
     std::uint64_t operations = 0;
-    for (std::uint64_t seed = told("ORVA_MODEL_SEED", 1); operations < enough && !testing::Test::HasFailure(); ++seed) {
+    for (std::uint64_t seed = numberFrom("ORVA_MODEL_SEED", 1); operations < enough && !testing::Test::HasFailure();
+         ++seed) {
         RandomBytes random(seed);
         operations += round(random, seed);
     }
@@ -132,16 +133,16 @@ TEST_F(StreamModel, GivesAndKeepsTheBytesThatItTookInEveryMode) {
 }
 
 struct CompressedModel : TempDir {
-    static constexpr int kRoads[] = {0, 1, 2, kOneOfSeveral, kTwo, kSeveral};
+    static constexpr int kThreadings[] = {0, 1, 2, kOneOfSeveral, kTwo, kSeveral};
     const std::string fName = path("file");
 };
 
 TEST_F(CompressedModel, H1_H3_M1_M4_BlocksAndRowsAreThoseThatWereWritten) {
     rounds(kManyOfParts, [&](RandomBytes& random, std::uint64_t seed) {
-        const int road = kRoads[seed % std::size(kRoads)];
-        const bool hasWorker = road == 1 || road > 100;
-        SCOPED_TRACE("road " + std::to_string(road));
-        auto stream = freshStream(fName, hasWorker ? road : 0);
+        const int threading = kThreadings[seed % std::size(kThreadings)];
+        const bool hasWorker = threading == 1 || threading > 100;
+        SCOPED_TRACE("threading " + std::to_string(threading));
+        auto stream = freshStream(fName, hasWorker ? threading : 0);
         Given given;
         given.choose(*stream, random);
         beginRows(*stream);
@@ -154,10 +155,10 @@ TEST_F(CompressedModel, H1_H3_M1_M4_BlocksAndRowsAreThoseThatWereWritten) {
             bool swap = Layout(readBytes(fName)).heading._caseStartPos != kRow0;
             if (!swap && random.oneIn(3)) swap = true, writeBytes(fName, swapped(readBytes(fName), kRow0));
             PartModel model(fName, kRow0, swap, random);
-            Reader reader(fName, session == 6 ? 0 : road, kRow0, swap);
-            for (int i = 0; i < kReads && !HasFailure(); ++i) model.read(*reader, road == 0 || road > 100);
+            Reader reader(fName, session == 6 ? 0 : threading, kRow0, swap);
+            for (int i = 0; i < kReads && !HasFailure(); ++i) model.read(*reader, threading == 0 || threading > 100);
             if (model.old.end > kRow0 + 3 * kBlock) continue;
-            model.append(Reader(fName, hasWorker ? road : 0), hasWorker);
+            model.append(Reader(fName, hasWorker ? threading : 0), hasWorker);
             model.readBesideIt(*reader);
         }
         return std::uint64_t{7 * kReads};

@@ -18,10 +18,10 @@ struct Fault {
     enum Kind { Calls, Writes, Memory, Codecs, Threads };
     const char* name;
     Kind kind;
-    int error = 0;            // given by a failing call, or reported for a file
-    const char* told = "";    // pattern of the text for a person
-    bool lasting = false;     // else it fails only once
-    bool afterAPart = false;  // first a short transfer, and then the next call fails
+    int error = 0;             // given by a failing call, or reported for a file
+    const char* pattern = "";  // pattern of the text for a person
+    bool lasting = false;      // else it fails only once
+    bool afterAPart = false;   // first a short transfer, and then the next call fails
 };
 
 namespace {

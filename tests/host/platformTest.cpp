@@ -35,13 +35,13 @@ public:
     void after(const faults::Step& step) override {
         if (descriptor == -1) descriptor = static_cast<int>(step.result);
         const bool other = step.call == Call::Close && step.descriptor != descriptor;
-        told << (other ? 'c' : "OSRWDCYTLNU"[static_cast<int>(step.call)]);
-        if (step.size > 0) told << step.size;
-        if (step.offset >= 0) told << '@' << step.offset;
-        told << fAnswer << ' ';
+        log << (other ? 'c' : "OSRWDCYTLNU"[static_cast<int>(step.call)]);
+        if (step.size > 0) log << step.size;
+        if (step.offset >= 0) log << '@' << step.offset;
+        log << fAnswer << ' ';
     }
 
-    std::ostringstream told;
+    std::ostringstream log;
     int descriptor = -1;
 
 private:
@@ -152,8 +152,8 @@ TEST_F(PlatformTest, CallsAreWholeOrFailed) {
         const int descriptor = opened(file, row.oflag);
         const int result = row.run == nullptr ? std::min(descriptor, 0) : row.run(descriptor);
         EXPECT_EQ(result < 0 ? errno : result, row.error);
-        EXPECT_EQ(script.told.str(), row.dialogue);
-        const bool staysOpen = script.descriptor >= 0 && script.told.str().find(" C") == std::string::npos;
+        EXPECT_EQ(script.log.str(), row.dialogue);
+        const bool staysOpen = script.descriptor >= 0 && script.log.str().find(" C") == std::string::npos;
         EXPECT_EQ(fcntl(script.descriptor, F_GETFD), staysOpen ? FD_CLOEXEC : -1);
         EXPECT_EQ(readBytes(file), Bytes(row.content.begin(), row.content.end()));
         if (staysOpen) _close(script.descriptor);

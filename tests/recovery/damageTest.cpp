@@ -22,7 +22,7 @@ const std::string kLost[] = {"0-30 its block is damaged;", "30-80 its block is d
 
 struct LieCase {
     const char* name;
-    void (*tell)(Layout&);
+    void (*change)(Layout&);
     int readable;            // verifiable blocks; 0 if the file cannot be opened
     const char* check;       // check that refuses to open the file, or else to append to it
     const char* block = "";  // check that refuses to read the block that is not verifiable
@@ -103,9 +103,9 @@ struct DamageTest : FileTest {
     // Enters the file through every entry point: rows that come out are the file's own, in their places. Returns the
     // result of recover.
     std::string enterEverywhere(const Bytes& file) {
-        for (const int road : {0, 2}) {
+        for (const int threading : {0, 2}) {
             enter(file, [&] {
-                const Reader reader(fFile, road, kRow0);
+                const Reader reader(fFile, threading, kRow0);
                 Bytes piece;
                 for (std::size_t at = 0; !(piece = reader.read(7)).empty(); at += piece.size()) {
                     EXPECT_TRUE(sameBytes(piece, slice(fAll, at, piece.size())));
@@ -160,7 +160,7 @@ struct DamageTest : FileTest {
         return index;
     }
     // The file with this heading and index.
-    Bytes told(Bytes file, const Layout& lie) const {
+    Bytes withLayout(Bytes file, const Layout& lie) const {
         return with(with(std::move(file), kRow0, bytesOf(lie.heading)), fLayout.heading._indexPos, indexOf(lie));
     }
     // The file without heading and index.
@@ -181,9 +181,9 @@ TEST_F(DamageTest, EveryLieIsToldByTheCheckThatItFails) {
     for (const LieCase& row : kLies) {
         SCOPED_TRACE(row.name);
         Layout lie = fLayout;
-        row.tell(lie);
+        row.change(lie);
         // Its blocks are whole, which shows without the index.
-        EXPECT_EQ(enterEverywhere(told(fBytes, lie)), "");
+        EXPECT_EQ(enterEverywhere(withLayout(fBytes, lie)), "");
         EXPECT_TRUE(sameBytes(fRows, fAll));
         EXPECT_EQ(fReadable, row.readable);
         EXPECT_EQ(fOpens.empty(), row.readable != 0);
@@ -258,7 +258,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     // The last record's begin and the end that it claims are no evidence for a size that is too large.
     Layout lie = fLayout;
     lie.records[2].orginalSize = kBlock + 1;
-    expectRecovered(told(damaged(4), lie), "~80-[0-9]+ its block is damaged;", rowsWithout(4, true));
+    expectRecovered(withLayout(damaged(4), lie), "~80-[0-9]+ its block is damaged;", rowsWithout(4, true));
     // If nothing states a block's place, a stream in the dictionary part does not count as the block.
     const Bytes stream = slice(fBytes, kRow0 + kHeadingSize, 60);
     const Bytes two = with(with(damaged(1), 0, stream), index + kRecordSize + 15, {0x40});
@@ -331,7 +331,7 @@ struct FourBlocks : DamageTest {
 TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
     const auto expectWhole = [&](const Layout& lie, unsigned damage, const std::string& name, bool few) {
         SCOPED_TRACE(name + ", damaged " + std::to_string(damage));
-        const Bytes file = told(damaged(damage), lie);
+        const Bytes file = withLayout(damaged(damage), lie);
         recover(file, {kPart, false, true});
         EXPECT_TRUE(sameBytes(fRows, rowsWithout(damage, true)));
         const auto sameRows = [](const filePosRecord& one, const filePosRecord& other) {
@@ -347,7 +347,7 @@ TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
         for (const LieCase& one : kLies) {
             for (unsigned other = 0; other < 8; ++other) {
                 Layout lie = fLayout;
-                one.tell(lie);
+                one.change(lie);
                 filePosRecord& record = lie.records[other % 4];
                 if (other < 4)
                     record.translatePos ^= 0x40;
@@ -426,7 +426,7 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
     Layout moved = fLayout;
     for (std::int64_t* place : {&moved.heading._caseStartPos, &moved.heading._indexPos}) *place += kFar - kRow0;
     for (filePosRecord& record : moved.records) record.orginalPos += kFar - kRow0, record.translatePos += kFar - kRow0;
-    costs(3, "", {{0, {1}}, {kFar, slice(told(fBytes, moved), kRow0, fBytes.size())}});
+    costs(3, "", {{0, {1}}, {kFar, slice(withLayout(fBytes, moved), kRow0, fBytes.size())}});
 }
 
 // Each gap is searched from its own place, without a window of its own. An index whose records all point behind each of
@@ -489,7 +489,7 @@ TEST_F(DamageTest, ANewPartOverAnOldOneIsNotCompletedFromIt) {
 
 TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
     Append append = kAppends[0];
-    append.road = 1;
+    append.variant = 1;
     makeFile(fFile, blocksOf(append.old));
     const Files during = interrupted(append);
     const Bytes data = during.at(fFile), side = during.at(fSide);

@@ -125,7 +125,7 @@ struct InterruptionTest : FileTest {
     // Loses power after each change that `run` makes: with all that was not synced, with nothing of it, and with random
     // parts. Returns how many states of the disk did not hold.
     int lose(const Files& files, const Run& run, const Holds& holds, bool failsHeading = false) {
-        static const std::uint64_t chances = told("ORVA_REPLAY_CHANCES", kSanitized ? 4 : 24);
+        static const std::uint64_t chances = numberFrom("ORVA_REPLAY_CHANCES", kSanitized ? 4 : 24);
         lay(files);
         ImaginedDisk disk(files);
         disk.failsHeading = failsHeading;
@@ -175,10 +175,11 @@ struct InterruptionTest : FileTest {
 TEST_F(InterruptionTest, ANewFileKeepsItsCompleteBlocksAndIsFinishedOnceItSaysSo) {
     const std::vector<Bytes> blocks = blocksOf({300, 500, 400});
     for (const bool durable : {false, true}) {
-        int road = 0;
-        const auto run = [&] { makeFile(fFile, blocks, kRow0, road, durable); };
-        for (road = 1; road >= 0; --road) killEverywhere({{fFile, {}}}, run, [&] { expectCompleteBlocks(); });
-        road = 0;
+        int threading = 0;
+        const auto run = [&] { makeFile(fFile, blocks, kRow0, threading, durable); };
+        for (threading = 1; threading >= 0; --threading)
+            killEverywhere({{fFile, {}}}, run, [&] { expectCompleteBlocks(); });
+        threading = 0;
         const auto finishedWhole = [&](bool ended) {
             const std::optional<Bytes> found = rowsIfFinished();
             if (found) return *found == joined(blocks);
@@ -250,9 +251,9 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     });
     // On the same disk an append that is not safe loses old rows.
     EXPECT_TRUE(lose(old, run, allOrNothing) > 0 || GetParam() >= kWriting);
-    append.road = 5;  // safe, by two threads
+    append.variant = 5;  // safe, by two threads
     EXPECT_EQ(lose(old, run, allOrNothing), 0);
-    append.road = 1;
+    append.variant = 1;
     expectHeld(old, run, allOrNothing);
     const auto runSwapped = [&] { append.run(fFile, true); };
     EXPECT_EQ(lose({{fFile, swapped(old.at(fFile), kRow0)}}, runSwapped, allOrNothing), 0);

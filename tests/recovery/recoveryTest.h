@@ -39,7 +39,7 @@ struct Append {
     std::size_t cut;
     std::vector<std::size_t> added;
     std::vector<std::int32_t> sizes{};  // the blocks' sizes afterwards
-    int road = 0;                       // 1 if it is safe, plus twice the number of threads
+    int variant = 0;                    // 1 if it is safe, plus twice the number of threads
 
     Bytes oldRows() const { return joined(blocksOf(old)); }
     Bytes keptRows() const { return slice(oldRows(), 0, oldRows().size() - cut); }
@@ -53,8 +53,8 @@ struct Append {
         writeBlocks(*stream, blocksOf(added, 100));
     }
     void begin(const Reader& stream, std::int64_t end, bool swap = false) const {
-        stream->setThreadCount(road / 2);
-        stream->setSafeAppend((road & 1) != 0);
+        stream->setThreadCount(variant / 2);
+        stream->setSafeAppend((variant & 1) != 0);
         stream->setBlockLength(kFull);
         stream->readFilePosInfo(kRow0, swap);
         resume(*stream, end, swap);

@@ -78,7 +78,7 @@ std::string failureOf(Body body) {
 }
 
 // A number from the environment, for longer runs.
-inline std::uint64_t told(const char* variable, std::uint64_t otherwise) {
+inline std::uint64_t numberFrom(const char* variable, std::uint64_t otherwise) {
     const char* value = std::getenv(variable);
     return value != nullptr ? std::strtoull(value, nullptr, 10) : otherwise;
 }
