@@ -79,7 +79,7 @@ struct Given {
 
     Bytes rows{};
     std::vector<std::int32_t> sizes{};
-    std::int64_t length = kBlockSize;  // bytes of a full
+    std::int64_t length = kBlockSize;  // bytes of a full block
     bool open = false;                 // the last block takes more
 };
 

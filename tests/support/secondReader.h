@@ -83,7 +83,7 @@ struct secondReader {
     std::int64_t blocksEnd = row0 + kHeadingSize;  // end of the contiguous blocks in the file
     bool opens;
     bool contiguous = true;  // from the heading to the index at most, the blocks follow each other without gaps
-    bool sound;              // likewise, and all of
+    bool sound;              // contiguous, and every block is whole
 
     // `from` is the caller's, and must outlive this.
     secondReader(const Bytes& from, std::int64_t at, bool swap, const Inflate& inflate = byZlibInBlock)

@@ -31,7 +31,7 @@ public:
     shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked = false);
     shownPart(std::shared_ptr<const ByteSource> source, const std::string& name, std::optional<i64> row0);
 
-    // Unique in this process. A part with a greater id was opened later.
+    // Unique in this process. A part with a greater id began to open later.
     std::uint64_t id() const { return fId; }
     const Path& path() const { return fPath; }
     const foundHeading& found() const { return fFound; }

@@ -1,4 +1,5 @@
 // The structures of the compressed part of a file, in the writing machine's byte order.
+// Rules, order of writing and a worked example: docs/format.md.
 #pragma once
 
 #include <orva/blockSize.h>

@@ -1,5 +1,5 @@
-// Reads heading and index of a compressed part, with every check that bytes of a file can reach. Their
-// meaning: docs/format.md.
+// Reads heading and index of a compressed part, with every check that bytes of a file can reach. Their meaning:
+// docs/format.md.
 //
 // Threads: no state; the file locks itself.
 // Failure: FileError from the file; DamagedFileError, before any allocation larger than the file's size justifies.
