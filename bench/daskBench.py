@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What Dask makes of one file: two workers beside one, and many partitions beside few. Needs two idle cores.
+"""Measures what Dask makes of one file: two workers beside one, and many partitions beside few. Needs two idle cores.
 
     bench/daskBench.py [--size BYTES]
 

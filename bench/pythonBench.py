@@ -1,7 +1,7 @@
-"""What the Python package costs beside its peers: one array, written by each as it does by default.
+"""Measures the Python package beside its peers: one array, written by each as it does by default.
 
-Rounds alternate between all of a table's entries; a figure is the median of wall time, or of processor time where that
-is said. Every result is held against the array. Run by scripts/bench-python.
+Rounds alternate between all entries of a table; a figure is the median of wall time, or of processor time where the
+table says so. Every result is compared with the array. Run by scripts/bench-python.
 """
 
 import argparse

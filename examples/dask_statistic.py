@@ -1,6 +1,7 @@
 #!/usr/bin/python3
-"""Trades of a gigabyte on a scheduler and two worker processes: their mean price by volume, while one worker is killed;
-then the large ones among them into a file of their own, written by both workers. Every figure and row is compared.
+"""Computes statistics over a gigabyte of trades on a scheduler and two worker processes: first the mean price by
+volume, while one worker is killed; then both workers write the large trades into a file of their own. Compares every
+figure and row.
 
     examples/dask_statistic.py [--size BYTES] [--home DIRECTORY]
 """
@@ -28,7 +29,7 @@ LARGE = 900
 
 
 def trades(first: int, count: int) -> npt.NDArray[Any]:
-    """Trade number n is the same in every run, so that what comes back can be compared."""
+    """The trades from number `first` on. Each is the same in every run, so that results can be compared."""
     number = np.arange(first, first + count)
     made = np.empty(count, TRADE)
     made["time"] = number * 1_000
@@ -43,7 +44,7 @@ def pieces(count: int) -> Iterator[npt.NDArray[Any]]:
 
 
 def sums(rows: npt.NDArray[Any]) -> npt.NDArray[np.int64]:
-    """Of price times volume, and of volume: whole numbers, so that their order does not matter."""
+    """The sums of price times volume, and of volume: whole numbers, so that their order does not matter."""
     volume = rows["volume"].astype(np.int64)
     return np.array([[(rows["cents"] * volume).sum(), volume.sum()]])
 
@@ -71,7 +72,7 @@ def mean_price(cluster: LoopbackCluster, rows: Any) -> float:
 
 
 def compare(path: str, wanted: Iterator[npt.NDArray[Any]]) -> int:
-    """The count of rows, all of which are those wanted."""
+    """Checks that the file holds exactly the wanted rows, and returns their count."""
     first = 0
     with orva.rows(path, threads=0) as rows:
         for piece in wanted:

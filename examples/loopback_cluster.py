@@ -1,4 +1,4 @@
-"""A Dask scheduler and its workers as they stand on many machines, each a process of its own, on 127.0.0.1."""
+"""A Dask scheduler and its workers as on many machines, each a process of its own, on 127.0.0.1."""
 
 from __future__ import annotations
 
@@ -17,8 +17,8 @@ QUIET = {"DASK_LOGGING__DISTRIBUTED": "error", "PYTHONWARNINGS": "ignore::Future
 
 
 class LoopbackCluster:
-    """A scheduler with `workers` workers of one thread each, and `client`, which is connected to it. They end with the
-    `with` statement, with this process however it ends, and after LONGEST seconds at the latest."""
+    """A scheduler with `workers` workers of one thread each, and `client`, which is connected to it. The processes end
+    with the `with` statement, with this process however it ends, and after LONGEST seconds at the latest."""
 
     client: Any
 
@@ -35,7 +35,7 @@ class LoopbackCluster:
             raise
 
     def _start(self, program: str, *options: str) -> None:
-        # setpriv ends it with this process, timeout after LONGEST seconds whatever happens.
+        # setpriv ends the process with this one, timeout after LONGEST seconds in any case.
         bounded = ["setpriv", "--pdeathsig", "TERM", "timeout", "-k", "10", str(LONGEST)]
         command = [*bounded, program, "--host", "127.0.0.1", "--scheduler-file", self._where, *options]
         self._processes.append(subprocess.Popen(command, cwd=self._home, env=os.environ | QUIET))
@@ -43,7 +43,7 @@ class LoopbackCluster:
     def add_workers(self, count: int) -> None:
         wanted = len(self.workers()) + count
         for _ in range(count):
-            # Without a nanny, who would start a killed worker again.
+            # Without a nanny, which would restart a killed worker.
             self._start(
                 "dask-worker", "--nthreads", "1", "--no-nanny", "--no-dashboard", "--death-timeout", "60",
                 "--local-directory", self._home,
@@ -51,18 +51,18 @@ class LoopbackCluster:
         self.client.wait_for_workers(wanted, timeout=60)
 
     def workers(self) -> dict[str, int]:
-        """Addresses of the workers, and their processes."""
+        """The addresses of the workers, and their process ids."""
         return self.client.run(os.getpid)
 
     def kill_worker(self) -> None:
-        """As a machine goes that fails: without a word."""
+        """Kills a worker without warning, as a failing machine would."""
         os.kill(list(self.workers().values())[0], signal.SIGKILL)
 
     def close(self) -> None:
         if hasattr(self, "client"):
             self.client.close()
         for process in reversed(self._processes):
-            process.terminate()  # timeout passes it on, and kills ten seconds later
+            process.terminate()  # timeout forwards the signal, and kills ten seconds later
             process.wait()
         shutil.rmtree(self._home, ignore_errors=True)
 

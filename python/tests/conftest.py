@@ -1,4 +1,4 @@
-# Files that the tests share.
+# Files shared by the tests.
 
 import io
 import shutil
@@ -20,18 +20,18 @@ BYTES = ROWS.tobytes()
 
 class Slow(io.BytesIO):
     reads = 0
-    read_at = None  # of files of other libraries, with arguments of its own
+    read_at = None  # a method of files of other libraries, with arguments of its own
 
-    def seek(self, *to: int) -> None:  # type: ignore[override]  # as files of SFTP do
+    def seek(self, *to: int) -> None:  # type: ignore[override]  # returns nothing, as in files of SFTP
         super().seek(*to)
 
     def readinto(self, to: Any) -> int:
         self.reads += 1
-        time.sleep(0)  # lets other threads in, between seek and this
+        time.sleep(0)  # lets other threads in between seek and read
         return super().readinto(to)
 
 
-# A file's bytes, with damage in these blocks.
+# The bytes of a file, with damage in these blocks.
 def damaged(path: Path, *blocks: int) -> bytes:
     bad = bytearray(path.read_bytes())
     for block in (orva.info(path).blocks[number] for number in blocks):
@@ -39,8 +39,8 @@ def damaged(path: Path, *blocks: int) -> bytes:
     return bytes(bad)
 
 
-# A directory with trades.orva, which holds ROWS, bad.orva, whose fourth block is damaged, zeros.orva, whose reading takes a
-# while, and others.
+# A directory with trades.orva, which holds ROWS; bad.orva, whose fourth block is damaged; zeros.orva, which takes a
+# while to read; and others.
 @pytest.fixture(scope="session")
 def shared(tmp_path_factory: pytest.TempPathFactory) -> Path:
     home = tmp_path_factory.mktemp("shared")
@@ -53,7 +53,7 @@ def shared(tmp_path_factory: pytest.TempPathFactory) -> Path:
     return home
 
 
-# The working directory: a new one, with those files in it.
+# A new working directory with those files in it.
 @pytest.fixture
 def here(shared: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
     monkeypatch.chdir(shutil.copytree(shared, tmp_path, dirs_exist_ok=True))

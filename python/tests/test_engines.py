@@ -1,5 +1,5 @@
-# orva:// over file systems of three kinds, local, with ranged reads of their own, and with buffered files only; orva.dask on
-# Dask's own threads. Many processes are the example's part.
+# orva:// over file systems of three kinds: local, with ranged reads of their own, and with buffered files only; and
+# orva.dask on Dask's own threads. The example covers many processes.
 
 import contextlib
 import functools
@@ -29,10 +29,10 @@ CSV = pd.DataFrame({"n": np.arange(40_000), "x": np.random.default_rng(1).normal
 FRAME = pd.read_csv(io.BytesIO(CSV))
 LONG = 2 * BLOCK
 BLOCKS = -(-len(CSV) // LONG)
-READS: list[Any] = []  # of files of rows
+READS: list[Any] = []  # reads of files of rows
 
 
-# Of files that buffer. All that reads is for one thread at a time, as over the connection of FTP.
+# A file system of buffered files. All reads must be on one thread at a time, as over the connection of FTP.
 class Buffered(AbstractFileSystem):
     protocol = "buffered"
 
@@ -58,7 +58,8 @@ class Buffered(AbstractFileSystem):
 fsspec.register_implementation("buffered", Buffered, clobber=True)
 
 
-# With ranges, as stores give them; under /whole/ without, under /short/ with less, under /ends/ with less of checksums.
+# A file system with ranges, as stores give them; under /whole/ without, under /short/ with too few bytes, under /ends/
+# with too few bytes of checksums.
 class Server(http.server.SimpleHTTPRequestHandler):
     def do_GET(self) -> None:
         wanted = self.headers["Range"]
@@ -73,7 +74,7 @@ class Server(http.server.SimpleHTTPRequestHandler):
         self.wfile.write(Path(self.translate_path(self.path)).read_bytes()[begin : last + (not short)])
 
 
-# The name of one directory in each file system.
+# The name of the same directory in each file system.
 @pytest.fixture(scope="module")
 def homes(tmp_path_factory: pytest.TempPathFactory) -> Any:
     path = tmp_path_factory.mktemp("csv")
@@ -137,7 +138,7 @@ def test_partitions_over_a_store(homes: dict[str, str], tmp_path: Path) -> None:
     assert len(READS) <= 2 * opened + BLOCKS, "not every thread opens it"
     assert orva.dask.from_rows([ranged, ranged.replace("/a.", "/b."), ranged], "u1").compute().tobytes() == 3 * CSV
     rows = orva.dask.from_rows([f"buffered://{homes['buffered']}/{n}.csv.orva" for n in "ab"], "u1", partition_bytes=LONG)
-    for scheduler in "sync", "threads":  # by the files that one thread has opened
+    for scheduler in "sync", "threads":  # with the files that one thread has opened
         assert rows.compute(scheduler=scheduler, num_workers=8).tobytes() == 2 * CSV
     READS.clear()
     cached = {"simplecache": {"cache_storage": str(tmp_path)}}
@@ -153,10 +154,11 @@ def test_partitions_over_a_store(homes: dict[str, str], tmp_path: Path) -> None:
 
 
 write = functools.partial(orva.write, block=BLOCK)
-RANDOM = np.random.default_rng(2).integers(0, 1 << 63, 100_000)  # every block takes as many bytes, whatever is in it
-LONGER = np.ones(3, (np.void, 100_000))  # than a block
+RANDOM = np.random.default_rng(2).integers(0, 1 << 63, 100_000)  # every block takes the same number of bytes, whatever
+                                                                 # is in it
+LONGER = np.ones(3, (np.void, 100_000))  # longer than a block
 MATRICES = np.arange(120_000, dtype=np.float32).reshape(-1, 4, 3)
-# The rows that a file had, what happens to it, with which rows, and whether partitions still are what they were.
+# The old rows of a file, what happens to it, with which rows, and whether partitions still hold.
 CHANGES: dict[str, tuple[Any, Any, Any, bool]] = {
     "rows added": (ROWS, orva.append, ROWS, True),
     "rows added to one block": (RANDOM[:9], orva.append, RANDOM[:9], True),

@@ -1,4 +1,4 @@
-# What bad input meets: each class and text.
+# The class and text of the error for each bad input.
 
 import io
 import os
@@ -33,7 +33,7 @@ def of_no_dtype() -> orva.Rows:
     return orva.rows(io.BytesIO(Path("numbers.orva").read_bytes().replace(b'"<f8"\n      ', b'"<M8[ns/0]"\n')))
 
 
-# The memory that a read was to fill, had from its traceback.
+# The memory that a failed read was to fill, taken from its traceback.
 def of_a_failed_read() -> bytes:
     waiting = type("Waiting", (io.BytesIO,), {"readinto": lambda file, to: None})(b"x")
     return bytes(pytest.raises(BlockingIOError, orva.open, waiting).traceback[-1].locals["to"])
@@ -42,7 +42,7 @@ def of_a_failed_read() -> bytes:
 WORK = [partial(orva.verify, "bad.orva"), partial(orva.recover, "bad.orva", "a"), partial(orva.join, ["bad.orva"], "a")]
 TEXTS = pd.DataFrame({"text": ["a", "b"], "of": 1, "n": pd.array([1, None], "Int64")})
 OBJECTS = dd.from_pandas(TEXTS, npartitions=1)
-# Class, text, and the calls that end so.
+# Class, text, and the calls that raise it.
 BAD: list[tuple[Any, ...]] = [
     # Files.
     (FileNotFoundError, "cannot read: .*check the name: 'none.orva'", lambda: orva.open("none.orva")),
@@ -106,7 +106,7 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "its collection is of", lambda: to_rows(da.ones(4, chunks=2).map_blocks(lambda x: x > 0, dtype="f8"))),
     (TypeError, "rows come from a dask", lambda: to_rows(da.ones(4).sum()), lambda: to_rows(np.ones(4)), lambda: to_rows(OBJECTS.text)),
 ]
-# Options that are numbers: one that the library refuses, how it does, the first that its types cannot hold, and the calls.
+# Numeric options: a number that the library refuses, its error, the first number beyond its types, and the calls.
 NUMBERS: dict[str, tuple[Any, ...]] = {
     "threads": (-1, "number of threads", 1 << 31, rows, writer, partial(write, [1]), partial(orva.verify, "bytes.orva")),
     "level": (0, "levels of compression are 1 to", 1 << 31, writer, partial(write, [1])),
@@ -127,5 +127,5 @@ def test_bad_input(here: Path, call: Any, kind: type[BaseException], text: str) 
     assert type(caught.value) is kind
     if isinstance(caught.value, OSError) and kind is not io.UnsupportedOperation:
         assert caught.value.errno and caught.value.filename
-    del caught  # and with it what the failing call has made
+    del caught  # and what the failing call has made
     assert sorted(os.listdir()) == before, "what failed has left something behind"

@@ -30,7 +30,7 @@ STEPS: list[Any] = [
 ]
 
 
-# What there is at least of a file, as of those in archives.
+# The minimal interface of a file, such as one in an archive.
 def bare(path: Path) -> Any:
     file = io.BytesIO(path.read_bytes())
     return types.SimpleNamespace(seek=file.seek, tell=file.tell, read=file.read, name="\ud800")
@@ -71,7 +71,7 @@ def leave_where_warnings_are_errors(file: orva.File) -> None:
 
 def interrupt(file: orva.File) -> None:
     rows, taken = bytes(1 << 26), []
-    # A TypeError, and not one of which nothing was taken.
+    # A TypeError after some bytes were taken.
     signal.signal(signal.SIGALRM, lambda *_: taken.append(file.tell()) or file.tell("now"))
     signal.setitimer(signal.ITIMER_REAL, 0.001)
     stopped = pytest.raises(TypeError, file.write, rows)
@@ -165,7 +165,7 @@ def ends_well_in_a_child(work: Callable[[], object]) -> bool:
     child = multiprocessing.get_context("fork").Process(target=work)
     child.start()
     child.join(20)
-    child.kill()  # one that hangs may not even have begun to run Python
+    child.kill()  # a hanging child may not even have begun to run Python
     child.join()
     return child.exitcode == 0
 
@@ -230,5 +230,7 @@ def test_nothing_is_left_of_many_files(shared: Path, times: int, work: Any) -> N
 
     pages(times // 10)
     descriptors = os.listdir("/proc/self/fd")
-    assert any(pages(0) + 256 > pages(times) for _ in range(4))  # the allocator takes a piece now and then, a leak grows always
-    assert len(os.listdir("/proc/self/fd")) <= len(descriptors)  # other tests may have left some that go meanwhile
+    assert any(pages(0) + 256 > pages(times) for _ in range(4))  # the allocator takes memory now and then, a leak
+                                                                 # always grows
+    assert len(os.listdir("/proc/self/fd")) <= len(descriptors)  # other tests may have left some that are closed
+                                                                 # meanwhile

@@ -1,4 +1,4 @@
-# orva.rows against numpy's own arrays, and orva.write, append and to_frame.
+# orva.rows compared with numpy's own arrays; orva.write, append and to_frame.
 
 import io
 import itertools
@@ -112,7 +112,7 @@ def test_lost_rows_are_masked(shared: Path, threads: int) -> None:
 EDGES = (0, 5.5, 6_241, 6_242, 9_361, 9_362, 9_364, 12_483, 12_484, 15_610, 20_000, 30_000)  # of blocks, and within them
 
 
-# All rows that may be meant are found: lost ones too, where the sound ones around do not rule them out.
+# The result holds all rows that may match, lost ones too unless the sound ones around rule them out.
 @pytest.mark.parametrize("blocks", [(), (3,), (0, 1), (5, 6), range(7)])
 def test_a_search_goes_around_lost_rows(shared: Path, blocks: Any) -> None:
     rows = orva.rows(io.BytesIO(damaged(shared / "trades.orva", *blocks)), damaged="mask")
