@@ -26,7 +26,7 @@ RUNS = 5
 
 
 def seconds(cluster: LoopbackCluster, path: str, partition_bytes: int) -> float:
-    def volume(rows: Any) -> Any:  # of this function, so that it goes to the workers as it stands
+    def volume(rows: Any) -> Any:  # a local function, which is sent to the workers by value
         return rows["volume"].sum(keepdims=True, dtype=np.int64)
 
     rows: Any = orva.dask.from_rows(path, partition_bytes=partition_bytes)

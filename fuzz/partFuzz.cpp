@@ -22,8 +22,8 @@ bool opens(const Input& in, const orva::foundPart& where) {
     return true;
 }
 
-// Sets the threading. Returns false for a slow one, for which the file is not opened anew: threads take time, and most
-// checks of reading need none.
+// Sets the threading: mostly none, since threads take time and most checks of reading need none. Returns whether the
+// stream may open the file anew; with one worker it may not.
 bool setThreading(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
     const int kind = steps.ConsumeIntegralInRange(0, 15);
     if (kind < 2) stream.setMultiThread(2);

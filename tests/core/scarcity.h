@@ -43,7 +43,7 @@ template <class Function>
 Function* nextOf(const char* symbol) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
 }
-constexpr bool kLong = std::is_same_v<std::size_t, unsigned long>;  // as mangled names tell
+constexpr bool kLong = std::is_same_v<std::size_t, unsigned long>;  // as mangled names show it
 void requireMemory(std::size_t size) {
     if (size > mostAtOnce || strikes(Fault::Memory)) throw std::bad_alloc();
 }

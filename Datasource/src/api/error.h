@@ -2,7 +2,7 @@
 // what could not be done, why, and what to do next.
 //
 //   Error                  the family; itself never thrown
-//   +- SystemError         the system refuses: no such file, no right, a full disk, another writer. code() tells
+//   +- SystemError         the system refuses: no such file, no right, a full disk, another writer; see code()
 //   +- DamagedFileError    the bytes of a file cannot be what they claim to be
 //   +- UnfinishedFileError its writer has not finished, or an append to it is at work or was interrupted
 //   +- FileChangedError    the file was written to since it was opened: Reader::refresh() shows it as it is now
