@@ -334,23 +334,21 @@ int syncData(int descriptor) noexcept {
 
 // A directory needs everything, since its entries count as what describes it. Who may write into it, but not read it,
 // has the whole file system synced, by a file without a name there.
-int syncDirectoryOf(const char* name) noexcept {
-    try {
-        const std::string directory = directoryOf(name);
-        const auto opened = [&](int flags) {
-            return restarted([&] { return rawOpen(directory.c_str(), flags | O_CLOEXEC, S_IRUSR); });
-        };
-        int descriptor = opened(O_RDONLY | O_DIRECTORY);
-        const bool hidden = descriptor < 0 && errno == EACCES;
-        if (hidden && (descriptor = opened(O_WRONLY | O_TMPFILE)) < 0) errno = EACCES;
-        if (descriptor < 0) return -1;
-        if (syncedUnlessPointless(descriptor, hidden ? ::syncfs : ::fsync) != 0) return closedWith(descriptor, errno);
-        rawClose(descriptor);
-        return 0;
-    } catch (...) {
-        errno = ENOMEM;
-        return -1;
-    }
+int syncDirectoryOf(const char* name) noexcept try {
+    const std::string directory = directoryOf(name);
+    const auto opened = [&](int flags) {
+        return restarted([&] { return rawOpen(directory.c_str(), flags | O_CLOEXEC, S_IRUSR); });
+    };
+    int descriptor = opened(O_RDONLY | O_DIRECTORY);
+    const bool hidden = descriptor < 0 && errno == EACCES;
+    if (hidden && (descriptor = opened(O_WRONLY | O_TMPFILE)) < 0) errno = EACCES;
+    if (descriptor < 0) return -1;
+    if (syncedUnlessPointless(descriptor, hidden ? ::syncfs : ::fsync) != 0) return closedWith(descriptor, errno);
+    rawClose(descriptor);
+    return 0;
+} catch (...) {
+    errno = ENOMEM;
+    return -1;
 }
 
 int renameFile(const char* from, const char* to) noexcept {

@@ -64,14 +64,12 @@ bool accessOf(const char* name, fileAccess& access) noexcept {
     return found(::stat(name, &status), status, access);
 }
 
-bool accessOfDirectory(const char* name, fileAccess& access) noexcept {
-    try {
-        const std::string directory = std::filesystem::path(name).parent_path().string();
-        return accessOf(directory.empty() ? "." : directory.c_str(), access);
-    } catch (...) {
-        errno = ENOMEM;
-        return false;
-    }
+bool accessOfDirectory(const char* name, fileAccess& access) noexcept try {
+    const std::string directory = std::filesystem::path(name).parent_path().string();
+    return accessOf(directory.empty() ? "." : directory.c_str(), access);
+} catch (...) {
+    errno = ENOMEM;
+    return false;
 }
 
 std::uint32_t callingUser() noexcept {
