@@ -207,7 +207,7 @@ void ktThreadPoolBase::stopAll() {
     fData->end(std::unique_lock(fData->lock));
 }
 
-bool ktThreadPoolBase::enqueue(CallBackObject* callback, void* data) {
+bool ktThreadPoolBase::runCallBack(CallBackObject* callback, void* data, int /*reserved*/) {
     Data::Job job{std::unique_ptr<CallBackObject>(callback), data};
     if (fData->isInherited()) return false;
     const std::lock_guard guard(fData->lock);
@@ -219,7 +219,3 @@ bool ktThreadPoolBase::enqueue(CallBackObject* callback, void* data) {
 
 ktThreadPool::ktThreadPool(int count, int /*reserved*/) : ktThreadPoolBase(count) {}
 ktThreadPool::~ktThreadPool() = default;
-
-bool ktThreadPool::runCallBack(CallBackObject* callback, void* data, int /*reserved*/) {
-    return enqueue(callback, data);
-}

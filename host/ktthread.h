@@ -111,7 +111,7 @@ public:
     // Hands `callback` over and returns at once; a pool thread runs callback->onCallBack(data) as soon as one is free.
     // The pool deletes the callback after its run, or with itself if it was never started, and also if this throws or
     // gives false, which it does once the pool was stopped. So a callback is handed over once.
-    virtual bool runCallBack(CallBackObject* callback, void* data, int reserved) = 0;
+    virtual bool runCallBack(CallBackObject* callback, void* data, int reserved);
 
     void init();
 
@@ -126,7 +126,6 @@ public:
 
 protected:
     explicit ktThreadPoolBase(int threads);
-    bool enqueue(CallBackObject* callback, void* data);
 
 private:
     struct Data;
@@ -138,6 +137,4 @@ public:
     // `count`: how many callbacks run at the same time, at least 1.
     ktThreadPool(int count, int reserved);
     ~ktThreadPool() override;
-
-    bool runCallBack(CallBackObject* callback, void* data, int reserved) override;
 };

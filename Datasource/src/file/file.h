@@ -133,7 +133,7 @@ private:
     bool fReadsAhead = false;       // A failure is no answer to anybody's request, and Good() stays as it is.
     const bool fEncrypted;
     bool fEncryptStarted = false;
-    std::unique_ptr<unsigned char[]> fRemainder;
+    unsigned char fRemainder[CIPHER_BLOCK_SIZE] = {};
     int fRemainderSize = 0;
     int fPadSize = 0;
     std::unique_ptr<Cipher> fCipher;  // an enciphered file's

@@ -50,7 +50,6 @@ void SetKeepEncrypt(bool keep) {
 
 ORVA_File::ORVA_File(bool encrypted)
     : fEncrypted(encrypted && gKeepEncrypt),
-      fRemainder(new unsigned char[CIPHER_BLOCK_SIZE]),
       fCipher(fEncrypted ? new Cipher(*this) : nullptr),
       fProcess(platform::processId()) {}
 
@@ -87,7 +86,7 @@ unsigned int ORVA_File::Cipher::overlayWaiting(unsigned char* bytes, unsigned in
     const auto gapEnd = static_cast<unsigned int>(std::min<std::int64_t>(before, size));
     if (gapEnd > count) std::memset(bytes + count, 0, gapEnd - count);
     if (before >= size) return gapEnd;
-    std::memcpy(bytes + before, fFile.fRemainder.get(), static_cast<std::size_t>(fFile.fRemainderSize));
+    std::memcpy(bytes + before, fFile.fRemainder, static_cast<std::size_t>(fFile.fRemainderSize));
     return static_cast<unsigned int>(before + fFile.fRemainderSize);
 }
 
@@ -103,7 +102,7 @@ void ORVA_File::Cipher::writeWhole(const unsigned char* data, unsigned int size,
         const auto waiting = static_cast<unsigned int>(fFile.fRemainderSize);
         const unsigned int joined = std::min(size, CIPHER_BLOCK_SIZE - waiting);
         unsigned char block[CIPHER_BLOCK_SIZE];
-        std::memcpy(block, fFile.fRemainder.get(), waiting);
+        std::memcpy(block, fFile.fRemainder, waiting);
         std::memcpy(block + waiting, data, joined);
         if (waiting + joined < CIPHER_BLOCK_SIZE) return keepTail(block, waiting + joined, fTailPos);
         writeBlocks(block, CIPHER_BLOCK_SIZE, fTailPos);
@@ -166,7 +165,7 @@ void ORVA_File::Cipher::keepTail(const unsigned char* tail, unsigned int size, s
     if (reachesTail || !endsPadded()) fFile.fPadSize = 0;
     if (reachesTail) fFile.fRemainderSize = 0;
     if (size == 0) return;
-    std::memcpy(fFile.fRemainder.get(), tail, size);
+    std::memcpy(fFile.fRemainder, tail, size);
     fFile.fRemainderSize = static_cast<int>(size);
     fTailPos = place;
 }
@@ -198,9 +197,9 @@ unsigned int ORVA_File::Cipher::finish() {
 unsigned int ORVA_File::Cipher::writePaddedBlock() {
     if (fFile.fAppends && fTailPos != fileEnd()) fFile.fail(kWriteFailed, EINVAL);
     const int pad = CIPHER_BLOCK_SIZE - fFile.fRemainderSize;
-    std::memset(fFile.fRemainder.get() + fFile.fRemainderSize, 0, static_cast<std::size_t>(pad));
+    std::memset(fFile.fRemainder + fFile.fRemainderSize, 0, static_cast<std::size_t>(pad));
     unsigned int count = 0;
-    orEndAsBefore([&] { count = writeBlocks(fFile.fRemainder.get(), CIPHER_BLOCK_SIZE, fTailPos); });
+    orEndAsBefore([&] { count = writeBlocks(fFile.fRemainder, CIPHER_BLOCK_SIZE, fTailPos); });
     fFile.fRemainderSize = 0;
     fFile.fPadSize = pad;
     return count;
