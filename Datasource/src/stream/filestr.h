@@ -6,8 +6,9 @@
 //          Buffers handed in stay the caller's.
 // Threads: one at a time a stream. Streams that share a file may run on different threads; copies are made and ended
 //          on one thread at a time.
-// Fork:    in a child, Close (0) and the destructor leave the parent's file alone; nothing else may be called on a
-//          stream that the parent opened. What the child opens itself is its own.
+// Fork:    parent and child may both read on through a stream that was open, if no thread of the parent's works on its
+//          file. It is written by the parent alone: in the child, Close (0) and the destructor leave the file as it is.
+//          What the child opens itself is its own.
 // Failure: FileError from Read, Write, Flush, Close or the destructor; Good() is then 0 until Clear. A stream without
 //          an open file answers 0, Seek -1.
 #pragma once
