@@ -111,22 +111,9 @@ int pastStandardStreams(int descriptor) {
     return moved;
 }
 
-int rawSync(int descriptor, int (*sync)(int)) {
-    return rawStatus(Step{.call = Call::Sync, .descriptor = descriptor}, [&] { return sync(descriptor); });
-}
-
-int rawTruncate(int descriptor, std::int64_t length) {
-    const Step step{.call = Call::Truncate, .descriptor = descriptor, .size = static_cast<std::uint64_t>(length)};
-    return rawStatus(step, [&] { return ::ftruncate(descriptor, length); });
-}
-
 int rawLock(int descriptor, int kind) {
     return rawStatus(Step{.call = Call::Lock, .descriptor = descriptor},
                      [&] { return ::flock(descriptor, kind | LOCK_NB); });
-}
-
-int rawUnlink(const char* name) {
-    return rawStatus(Step{.call = Call::Unlink, .name = name}, [&] { return ::unlink(name); });
 }
 
 template <class Operation>
@@ -223,7 +210,8 @@ std::string directoryOf(const char* name) {
 // EINVAL and the like come from what has nothing to make durable. EROFS does not: a file system that has stopped after
 // an error gives it, and has not stored what was written before.
 int syncedUnlessPointless(int descriptor, int (*sync)(int)) {
-    if (restarted([&] { return rawSync(descriptor, sync); }) == 0) return 0;
+    const Step step{.call = Call::Sync, .descriptor = descriptor};
+    if (restarted([&] { return rawStatus(step, [&] { return sync(descriptor); }); }) == 0) return 0;
     return errno == EINVAL || errno == ENOTSUP ? 0 : -1;
 }
 
@@ -320,7 +308,7 @@ int _close(int descriptor, const char* temporaryName) noexcept {
 // The name goes while the descriptor, and with it the lock, is still held: no other writer gets in between. A file that
 // took the name over in the meantime is somebody else's and stays.
 void closeAnyway(int descriptor, const char* temporaryName) noexcept {
-    if (*temporaryName != '\0' && sameFile(descriptor, temporaryName)) rawUnlink(temporaryName);
+    if (*temporaryName != '\0' && sameFile(descriptor, temporaryName)) removeFile(temporaryName);
     unlockAndClose(descriptor);
 }
 
@@ -367,11 +355,12 @@ int renameNew(const char* from, const char* to) noexcept {
 }
 
 int removeFile(const char* name) noexcept {
-    return rawUnlink(name);
+    return rawStatus(Step{.call = Call::Unlink, .name = name}, [&] { return ::unlink(name); });
 }
 
 int truncateFile(int descriptor, std::int64_t length) noexcept {
-    return restarted([&] { return rawTruncate(descriptor, length); });
+    const Step step{.call = Call::Truncate, .descriptor = descriptor, .size = static_cast<std::uint64_t>(length)};
+    return restarted([&] { return rawStatus(step, [&] { return ::ftruncate(descriptor, length); }); });
 }
 
 std::int64_t copyRange(int from, std::int64_t fromOffset, int to, std::int64_t toOffset, std::int64_t count) noexcept {

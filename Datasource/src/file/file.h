@@ -130,7 +130,7 @@ private:
     std::string fMode;
     int fDescriptor = -1;           // Closed exactly when -1.
     std::atomic<bool> fGood{true};  // a worker's failure sets it while the caller asks
-    bool fReadsAhead = false;       // A failure is no answer to anybody's request, and Good() stays as it is.
+    bool fReadsAhead = false;       // The failure that ends this is no answer to a request, and Good() stays as it is.
     const bool fEncrypted;
     bool fEncryptStarted = false;
     unsigned char fRemainder[CIPHER_BLOCK_SIZE] = {};

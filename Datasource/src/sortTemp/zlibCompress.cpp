@@ -6,6 +6,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <optional>
 
 namespace {
 
@@ -77,18 +78,15 @@ std::uint32_t zlibCompressBlock::compressRoom(std::uint32_t size) {
     return std::max(static_cast<std::uint32_t>(compressBound(size)), orva::fastDeflateRoom(size));
 }
 
-blockOutcome zlibCompressBlock::runBlock(std::int32_t level, direction way) {
-    const std::optional<blockOutcome> outcome = runFast(level, way);
-    return outcome ? *outcome : runZlib(std::min(level, Z_BEST_COMPRESSION), way);
-}
-
 // The fast engine inflates only streams with a full window: for a smaller one only zlib refuses distances that are too
 // long.
-std::optional<blockOutcome> zlibCompressBlock::runFast(std::int32_t level, direction way) {
-    if (souce == nullptr || dest == nullptr || inCount == 0) return std::nullopt;
-    if (way == inflating && souce[0] != kFullWindow) return std::nullopt;
-    return way == deflating ? orva::fastDeflate(level, souce, inCount, dest, outCount)
-                            : orva::fastInflate(souce, inCount, dest, outCount);
+blockOutcome zlibCompressBlock::runBlock(std::int32_t level, direction way) {
+    std::optional<blockOutcome> outcome;
+    if (souce != nullptr && dest != nullptr && inCount != 0) {
+        if (way == deflating) outcome = orva::fastDeflate(level, souce, inCount, dest, outCount);
+        if (way == inflating && souce[0] == kFullWindow) outcome = orva::fastInflate(souce, inCount, dest, outCount);
+    }
+    return outcome ? *outcome : runZlib(std::min(level, Z_BEST_COMPRESSION), way);
 }
 
 blockOutcome zlibCompressBlock::runZlib(int level, direction way) {

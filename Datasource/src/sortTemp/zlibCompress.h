@@ -10,7 +10,6 @@
 #include <orva/orvaApi.h>
 
 #include <cstdint>
-#include <optional>
 
 // How one run of a codec over a block ended.
 struct blockOutcome {
@@ -60,7 +59,6 @@ private:
                                     std::uint32_t& room);
     ORVA_LOCAL void take(const unsigned char* from, std::uint32_t size, unsigned char* to, std::uint32_t room);
     ORVA_LOCAL blockOutcome runBlock(std::int32_t level, direction way);
-    ORVA_LOCAL std::optional<blockOutcome> runFast(std::int32_t level, direction way);
     ORVA_LOCAL blockOutcome runZlib(int level, direction way);
 
     // The arguments of one call.
