@@ -24,7 +24,7 @@ struct Advice {
     const char* text;
 };
 
-// Only where the errno alone tells what helps. A wrong hint costs more than none.
+// Only for an errno that alone tells what helps: a wrong hint costs more than none.
 constexpr Advice kAdvice[] = {
     {ENOSPC, "free some space and try again"},
     {EDQUOT, "the quota of this user is used up: free some space and try again"},

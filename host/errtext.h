@@ -1,9 +1,9 @@
-// errtext: the failure that reaches whoever called a file operation. It carries what a program needs to decide (the
-// errno, the message catalog and code, the file) and a text that the person in front of it can act on.
+// errtext: FileError, the exception of a failed file operation. It carries what a program needs to decide (the errno,
+// the message catalog and code, the file's name) and a text that its user can act on.
 //
-// Owner:   a FileError shares its immutable details with its copies, so copying one cannot fail.
-// Threads: a FileError may be read and copied from any thread.
-// Failure: making one needs memory: bad_alloc takes its place when there is none.
+// Owner:   copies of a FileError share its immutable details, so copying one cannot fail.
+// Threads: any thread may read and copy a FileError.
+// Failure: constructing one may throw bad_alloc instead.
 #pragma once
 
 #include <orva/hostApi.h>
@@ -14,7 +14,7 @@
 
 class ORVA_HOST_API FileError : public std::system_error {
 public:
-    // `error` is an errno, 0 where the cause is not known. Null texts count as empty ones.
+    // `error` is an errno, or 0 if the cause is unknown. A null text counts as empty.
     FileError(int error, const char* catalog, long messageCode, const char* fileName);
     FileError(const FileError&) noexcept = default;
     FileError& operator=(const FileError&) noexcept = default;
@@ -24,11 +24,11 @@ public:
     // 1002: writing, closing, syncing or cutting. 1003: reading.
     long messageCode() const noexcept;
     const std::string& fileName() const noexcept;
-    // One line: what could not be done to which file, why, and what to do about it where that is clear.
+    // One line: what could not be done to which file, why, and, if that is clear, what to do about it.
     const char* what() const noexcept override;
-    // The same without the file's name and the catalog, for who tells the name elsewhere.
+    // The same without the file's name, the catalog and the code, for a caller that shows the name itself.
     const std::string& reason() const noexcept;
-    // The same failure, with what became of the file at the end of its text.
+    // A copy whose texts end in `outcome`, which says what became of the file.
     FileError withOutcome(const std::string& outcome) const;
 
 private:
@@ -38,7 +38,7 @@ private:
 
 class ORVA_HOST_API ThrowError {
 public:
-    // Throws FileError with the errno of the call that has just failed; `text` is the file's name. Nothing that may
-    // change errno belongs between the two.
+    // Throws FileError with the current errno; `text` is the file's name. Call it right after the failed call, before
+    // anything can change errno.
     [[noreturn]] static void StringSys(const char* catalog, long code, const char* text);
 };

@@ -1,4 +1,4 @@
-// hostApi: marks the names that leave liborva_host. Everything else in it is hidden.
+// hostApi: ORVA_HOST_API marks the names that liborva_host exports. All others are hidden.
 #pragma once
 
 #if defined(_WIN32) && !defined(ORVA_FAULT_SEAM)

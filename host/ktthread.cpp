@@ -14,8 +14,8 @@
 
 namespace {
 
-// Threads started while one of these lives take no signals, but for those that a thread's own fault raises: blocked,
-// they would end the process past the handler that tells of it.
+// Threads started while one of these lives block all signals except those that their own faults raise: if one of these
+// were blocked, it would end the process without running the handler that reports it.
 class NoSignals {
 public:
     NoSignals() {
@@ -58,7 +58,7 @@ struct ktSemaphore::State {
 
     bool isInherited() const { return process != platform::processId(); }
 
-    // Takes one once `comes`, given a lock and the condition, says that there is one.
+    // Takes one from the count if comes(lock, condition), which may wait for the condition, returns true.
     template <class Comes>
     bool take(Comes comes) {
         if (isInherited()) return false;
@@ -68,7 +68,7 @@ struct ktSemaphore::State {
         return taken;
     }
 
-    // Destroying a condition variable waits for its waiters, and a child has none that could ever leave.
+    // Leaks in a forked child, where destroying the condition variable would wait for waiters that are not there.
     static void release(State* state) {
         if (!state->isInherited()) delete state;
     }
@@ -79,8 +79,8 @@ ktSemaphore::~ktSemaphore() = default;
 
 bool ktSemaphore::postSemaphore() {
     if (fState->isInherited()) return false;
-    // Held on to: the waiter that gets through may be the one that ends the semaphore. Notified without the lock, or
-    // the waiter wakes up only to wait for it.
+    // Kept alive: the woken waiter may be the one that destroys the semaphore. Notified without the lock, or the waiter
+    // would wake up only to wait for it.
     const std::shared_ptr<State> state = fState;
     {
         const std::lock_guard guard(state->lock);
@@ -138,7 +138,7 @@ struct ktThreadPoolBase::Data {
     std::vector<std::thread> threads;  // owner's thread only
     std::condition_variable changed;
 
-    std::mutex lock;  // guards what follows
+    std::mutex lock;  // guards the fields below
     std::list<Job> jobs;
     bool isEnding = false;
 
@@ -146,7 +146,7 @@ struct ktThreadPoolBase::Data {
 
     bool isInherited() const { return process != platform::processId(); }
 
-    // A failure of a callback is its own affair; it must not end the process.
+    // Drops the exceptions of a callback: they must not end the process.
     static void run(Job job) {
         try {
             job.callback->onCallBack(job.data);
@@ -168,7 +168,7 @@ struct ktThreadPoolBase::Data {
         }
     }
 
-    // What has been handed over is still run: callbacks may wait for each other.
+    // Lets the threads run all queued callbacks first, since callbacks may wait for each other.
     void end(std::unique_lock<std::mutex> guard) {
         isEnding = true;
         guard.unlock();
@@ -182,7 +182,7 @@ ktThreadPoolBase::ktThreadPoolBase(int threads) : fData(std::make_unique<Data>(t
 
 ktThreadPoolBase::~ktThreadPoolBase() {
     stopAll();
-    // Left behind: its threads cannot be joined here, and its condition variable would wait for them.
+    // Leaked in a forked child: it cannot join the threads, and the condition variable would wait for them.
     if (fData->isInherited()) static_cast<void>(fData.release());
 }
 

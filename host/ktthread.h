@@ -1,11 +1,11 @@
 // ktthread: mutexes, counting semaphores and the thread pool that background work runs on.
 //
-// Threads: everything here may be used from several threads at once, but for the life of an object: one thread makes,
-//          starts, stops and destroys it.
+// Threads: every operation may run on several threads at once, except that one thread makes, starts, stops and destroys
+//          an object.
 // Fork:    semaphores and pools belong to the process that made them. A forked child has none of the threads that they
-//          serve, so there they wait for nobody: operations give false, stopAll and the destructors return at once and
-//          leave the memory behind. A child may hold and destroy what it inherited; it cannot use it.
-// Failure: std::system_error and bad_alloc from making and starting. Nothing else throws.
+//          serve, so nothing waits there: operations return false, and stopAll and the destructors return at once and
+//          leak the memory. A child may hold and destroy inherited objects; it cannot use them.
+// Failure: std::system_error and bad_alloc from making and starting, bad_alloc from runCallBack. Nothing else throws.
 #pragma once
 
 #include <orva/hostApi.h>
@@ -21,8 +21,8 @@ public:
     ktMutex(const ktMutex&) = delete;
     ktMutex& operator=(const ktMutex&) = delete;
 
-    // Waits. The thread that holds the mutex may take it again, and lets go as often. `file` and `line`, the place of
-    // the call, are not used.
+    // Waits for the mutex. The thread that holds it may lock it again, and must unlock it as often. `file` and `line`,
+    // the place of the call, are ignored.
     void lock(LockType type, const char* file, unsigned long line);
     void unlock(const char* file, unsigned long line);
 
@@ -30,7 +30,7 @@ private:
     std::recursive_mutex fMutex;
 };
 
-// Holds the mutex for a block of code.
+// Locks a mutex for the length of a scope.
 class ORVA_HOST_API ktGuard {
 public:
     ktGuard(ktMutex& mutex, ktMutex::LockType type);
@@ -42,9 +42,9 @@ private:
     ktMutex& fMutex;
 };
 
-// A count that waiters take from and posters add to. Copies are the same semaphore, which lasts as long as any of them.
-// Made of a mutex and a condition variable, since the library's own counting semaphore can miss a wake-up on the
-// compilers in use. The order of the virtual operations is fixed by programs that are built already.
+// A counting semaphore. Copies share one count, which lives as long as any of them. It consists of a mutex and a
+// condition variable because std::counting_semaphore can miss a wake-up on the compilers in use. Existing binaries fix
+// the order of the virtual functions.
 class ORVA_HOST_API ktSemaphore {
 public:
     explicit ktSemaphore(unsigned int count);
@@ -52,17 +52,18 @@ public:
     ktSemaphore& operator=(const ktSemaphore&) = default;
     virtual ~ktSemaphore();
 
-    // Adds one and wakes one waiter. What the poster wrote before is seen by the waiter that takes it. True, except in
-    // a forked child.
+    // Adds one to the count and wakes one waiter, which then sees everything that the poster wrote before. True, except
+    // in a forked child.
     virtual bool postSemaphore();
-    // Takes one if there is one within so many milliseconds; below 0 counts as 0. False if there was none.
+    // Takes one from the count, waiting at most `milliseconds` for it; a negative number counts as 0. False if there
+    // was none.
     virtual bool waitSemaphore(int milliseconds);
-    // Waits for one and takes it. True, except in a forked child, where it gives false at once and nothing was taken.
+    // Waits until it can take one from the count. True; in a forked child false at once, with nothing taken.
     virtual bool waitSemaphore();
-    // Takes one if there is one. Never waits.
+    // Takes one from the count if it is above 0, without waiting. False if there was none.
     virtual bool tryWaitSemaphore();
-    // waitSemaphore() for a caller that holds `mutex` once: lets it go during the wait and holds it again afterwards.
-    // A post between the two is not lost.
+    // waitSemaphore() for a caller that has locked `mutex` once: unlocks it for the wait and locks it again afterwards.
+    // A post between the unlocking and the wait is not lost.
     virtual bool sleepSemaphore(ktMutex& mutex);
 
 private:
@@ -84,7 +85,7 @@ private:
     void* fMsgData = nullptr;
 };
 
-// A piece of work for a pool. The two data pointers are the user's own and not looked at.
+// A piece of work for a pool. Both data pointers belong to the user; the pool ignores them.
 class ORVA_HOST_API CallBackObject : public msgBaseData {
 public:
     explicit CallBackObject(void* callbackData);
@@ -92,8 +93,8 @@ public:
 
     virtual void setCallbackData(void* data);
     virtual void* getCallbackData();
-    // Runs on a pool thread, with the pointer given to runCallBack. The result is not looked at, and what it throws is
-    // dropped: an error that somebody is to hear of has to be kept by the callback itself.
+    // Runs on a pool thread, with the `data` given to runCallBack. The pool ignores the result and drops exceptions: a
+    // callback that may fail has to keep its error itself.
     virtual int onCallBack(void* data) = 0;
 
 private:
@@ -105,23 +106,23 @@ class ORVA_HOST_API ktThreadPoolBase {
 public:
     ktThreadPoolBase(const ktThreadPoolBase&) = delete;
     ktThreadPoolBase& operator=(const ktThreadPoolBase&) = delete;
-    // Calls stopAll.
+    // Calls stopAll().
     virtual ~ktThreadPoolBase();
 
-    // Hands `callback` over and returns at once; a pool thread runs callback->onCallBack(data) as soon as one is free.
-    // The pool deletes the callback after its run, or with itself if it was never started, and also if this throws or
-    // gives false, which it does once the pool was stopped. So a callback is handed over once.
+    // Queues `callback` and returns true at once, or returns false if the pool has been stopped. A pool thread runs
+    // callback->onCallBack(data) as soon as one is free. The pool owns the callback from here on, even if this throws
+    // or returns false, and deletes it after its run, or with itself if it was never started: never pass one twice.
     virtual bool runCallBack(CallBackObject* callback, void* data, int reserved);
 
     void init();
 
-    // Starts all threads of the pool, or none: if one cannot be started, those already started are ended and
-    // std::system_error comes out. Pool threads take no signals but those of their own faults, so that the handlers of
-    // the host run on the host's threads.
+    // Starts all threads of the pool or none: if one cannot be started, those already started are ended and
+    // std::system_error is thrown. Pool threads block all signals except those of their own faults, so the handlers of
+    // the host run on its own threads.
     void startAll();
 
-    // Returns when every callback that was handed over has returned, and no thread is left. Their loops have to be told
-    // to end before. May be called again. Not from a callback.
+    // Waits until every queued callback has returned and all threads have ended. Tell callbacks that loop to end before
+    // this call. May be called again. Not from a callback.
     void stopAll();
 
 protected:
@@ -134,7 +135,7 @@ private:
 
 class ORVA_HOST_API ktThreadPool : public ktThreadPoolBase {
 public:
-    // `count`: how many callbacks run at the same time, at least 1.
+    // `count`: how many callbacks run at the same time, at least 1. `reserved` is ignored.
     ktThreadPool(int count, int reserved);
     ~ktThreadPool() override;
 };

@@ -14,9 +14,9 @@ bool find(void* library, const char* name, Function& function) {
 
 }  // namespace
 
-// Nothing of it is made visible to others, and nothing of it resolved late: a cipher at work never meets the linker. It
-// leaves its memory to the end of the process: to free it would, in a forked child, wait for a lock that another thread
-// of the parent had.
+// RTLD_LOCAL hides its symbols from others, and RTLD_NOW resolves its own at once, so a cipher at work never waits for
+// the dynamic linker. Its memory is left to the end of the process: freeing it in a forked child would wait for a lock
+// that another thread of the parent held.
 bool libcrypto::load() noexcept {
     void* const library = ::dlopen(ORVA_LIBCRYPTO, RTLD_NOW | RTLD_LOCAL);
     const bool good = library != nullptr && find(library, "OPENSSL_init_crypto", OPENSSL_init_crypto) &&

@@ -1,15 +1,15 @@
-// libcrypto: OpenSSL's library, brought into the process by whoever first enciphers something. Linked, it would cost
-// every program a third of its start, and most programs never encipher anything.
+// libcrypto: OpenSSL's library, loaded by the first call that enciphers something. Linking it would cost every program
+// a third of its start-up time, and most programs never encipher anything.
 //
-// Owner:   the library stays until the process ends.
-// Threads: no lock here. The caller sees to it that one thread loads it, before any other uses it.
+// Owner:   the library stays loaded until the process ends.
+// Threads: no lock. The caller makes sure that one thread loads it before any other uses it.
 #pragma once
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
-// Its name is fixed by the headers that this was built with, for only such a library fits them.
+// The headers that this is built with fix the version, since only that library matches them.
 #define ORVA_LIBCRYPTO_NAMED(version) "libcrypto.so." #version
 #define ORVA_LIBCRYPTO_OF(version) ORVA_LIBCRYPTO_NAMED(version)
 #define ORVA_LIBCRYPTO ORVA_LIBCRYPTO_OF(OPENSSL_SHLIB_VERSION)
@@ -24,6 +24,7 @@ struct libcrypto {
     decltype(&::EVP_CipherInit_ex) EVP_CipherInit_ex = nullptr;
     decltype(&::EVP_CipherUpdate) EVP_CipherUpdate = nullptr;
 
-    // False, with errno ELIBACC, where there is none that fits. It may be tried again.
+    // Loads the library and looks up the functions. False, with errno ELIBACC, if no matching library is found; it may
+    // be tried again.
     bool load() noexcept;
 };

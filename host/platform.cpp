@@ -26,10 +26,10 @@ namespace {
 using faults::Call;
 using faults::Step;
 
-// What one transfer may take on any system served here; Linux cuts a longer one to this by itself.
+// The longest transfer of one call on every supported system; Linux cuts a longer one to this.
 constexpr unsigned int kPiece = 0x7ffff000;
 
-// In place of an offset: where the descriptor stands.
+// Instead of an offset: the position of the descriptor.
 constexpr std::int64_t kOwnPlace = -1;
 
 #ifdef ORVA_FAULT_SEAM
@@ -50,7 +50,7 @@ std::int64_t hooked(faults::Hook& hook, Step step, Raw raw) {
         step.result = -1;
         step.error = verdict.error;
     }
-    // A transfer that named no place: where the descriptor stands afterwards tells it, for an appending one too.
+    // The position afterwards tells the offset of a transfer that named none, even of an appending one.
     if (isTransfer(step.call) && step.offset < 0 && step.result > 0)
         step.offset = ::lseek(step.descriptor, 0, SEEK_CUR) - step.result;
     hook.after(step);
@@ -101,7 +101,8 @@ int rawClose(int descriptor) {
     return rawStatus(Step{.call = Call::Close, .descriptor = descriptor}, [&] { return ::close(descriptor); });
 }
 
-// What anybody in the process prints to a standard stream that is closed would go into the file that has its number.
+// Moves a descriptor past the numbers of the standard streams: whatever the process prints to a closed standard stream
+// would go into a file that has its number.
 int pastStandardStreams(int descriptor) {
     if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
     const int moved = rawDuplicate(descriptor);
@@ -124,7 +125,7 @@ auto restarted(Operation operation) {
     }
 }
 
-// Moves `count` bytes by `raw` until they are done or it gives 0 or an error.
+// Calls `raw` until `count` bytes are transferred, or a call gives 0 or an error.
 template <class Raw, class Byte>
 int completed(Raw raw, int descriptor, Byte* bytes, unsigned int count, std::int64_t offset) {
     if (count > INT_MAX) {
@@ -156,14 +157,14 @@ bool refusesOffset(std::int64_t offset) {
     return true;
 }
 
-// The lock belongs to all copies of the descriptor, which children have from a fork until they end or run another
-// program: closing this one alone would leave the file locked by them.
+// All copies of the descriptor share the lock, and forked children keep theirs until they end or run another program:
+// closing this one alone would leave the file locked.
 void unlockAndClose(int descriptor) {
     ::flock(descriptor, LOCK_UN);
     rawClose(descriptor);
 }
 
-// Closes on a failing path, where the failure told is the one that came first.
+// Closes after a failure, and reports that failure instead of one from closing.
 int closedWith(int descriptor, int error) {
     unlockAndClose(descriptor);
     errno = error;
@@ -181,13 +182,13 @@ int systemFlags(int oflag) {
     if ((oflag & _O_CREAT) != 0) flags |= O_CREAT;
     if ((oflag & _O_EXCL) != 0) flags |= O_EXCL;
     if ((oflag & _O_NOFOLLOW) != 0) flags |= O_NOFOLLOW | O_NONBLOCK;
-    return flags;  // never O_TRUNC: the data of another writer would be gone before its lock is met
+    return flags;  // never O_TRUNC: it would delete another writer's data before its lock is seen
 }
 
-// Another writer replaced or removed the file while its lock was being waited for. No system call gives this number.
+// Another writer replaced or removed the file before its lock was taken. No errno has this value.
 constexpr int kNameMovedOn = -1;
 
-// What an open descriptor still needs to be what was asked for. 0, an errno or kNameMovedOn.
+// Checks, locks and truncates a file just opened, as asked for. 0, an errno or kNameMovedOn.
 int prepared(int descriptor, const char* name, int oflag, int shflag) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) return errno;
@@ -207,8 +208,8 @@ std::string directoryOf(const char* name) {
     return directory.empty() ? "." : directory;
 }
 
-// EINVAL and the like come from what has nothing to make durable. EROFS does not: a file system that has stopped after
-// an error gives it, and has not stored what was written before.
+// EINVAL and ENOTSUP come from files that have nothing to make durable. EROFS is a failure: a file system that stopped
+// after an error gives it, without having stored what was written before.
 int syncedUnlessPointless(int descriptor, int (*sync)(int)) {
     const Step step{.call = Call::Sync, .descriptor = descriptor};
     if (restarted([&] { return rawStatus(step, [&] { return sync(descriptor); }); }) == 0) return 0;
@@ -217,7 +218,7 @@ int syncedUnlessPointless(int descriptor, int (*sync)(int)) {
 
 }  // namespace
 
-// A file that lost its name before it was locked is let go: what would be written into it nobody could find.
+// Closes a file that lost its name before it was locked: nobody could find what would be written into it.
 int openShared(const char* name, int oflag, int shflag, int pmode) noexcept {
     constexpr int tries = 10;
     for (int i = 0; i < tries; ++i) {
@@ -232,9 +233,9 @@ int openShared(const char* name, int oflag, int shflag, int pmode) noexcept {
     return -1;
 }
 
-// Who only asks for a writer holds the lock for microseconds, or longer if its thread loses the core just then: that is
-// waited for. Behind a writer the refusal comes at once, behind anybody else who shares the lock in a tenth of a
-// second. Network file systems give a lock for one alone only to who may write, with EBADF for all others: a shared one
+// hasWriter holds the lock for microseconds, or longer if its thread loses the core meanwhile, so this waits for it.
+// The refusal comes at once while a writer holds the lock, and after a tenth of a second while anybody else shares it.
+// Network file systems give an exclusive lock only to descriptors open for writing, and EBADF to others: a shared one
 // keeps writers out as well.
 int lockAgainstWriters(int descriptor) noexcept {
     constexpr int tries = 100;
@@ -250,7 +251,7 @@ int lockAgainstWriters(int descriptor) noexcept {
     return -1;
 }
 
-// The system has no question that takes nothing: those on other kinds of locks do not see this one.
+// flock has no query without locking, and queries for other kinds of locks do not see this one.
 bool hasWriter(int descriptor) noexcept {
     if (restarted([&] { return rawLock(descriptor, LOCK_SH); }) != 0) return errno == EWOULDBLOCK;
     ::flock(descriptor, LOCK_UN);
@@ -285,8 +286,8 @@ int writeAt(int descriptor, const void* buffer, unsigned int count, std::int64_t
     return refusesOffset(offset) ? -1 : writeWhole(descriptor, buffer, count, offset);
 }
 
-// The number that a failed close leaves behind is not usable, so the close that may fail is that of a duplicate.
-// Without a number to spare, syncing finds the same failures.
+// A failed close leaves its descriptor unusable, so the close that may fail is that of a duplicate. Without a number to
+// spare, syncing finds the same failures.
 int flush(int descriptor) noexcept {
     for (;;) {
         const int duplicate = rawDuplicate(descriptor);
@@ -302,11 +303,11 @@ int _close(int descriptor, const char* temporaryName) noexcept {
     return 0;
 }
 
-// The number is free afterwards whatever the system says, and the duplicate has told the failure that there was to
-// tell. To tell another would have the caller close the number again, which may be another file's by then.
+// The descriptor is gone afterwards whatever the system says, and flush has reported the failure. If this reported
+// another one, the caller would close the number again, which may be that of another file by then.
 //
-// The name goes while the descriptor, and with it the lock, is still held: no other writer gets in between. A file that
-// took the name over in the meantime is somebody else's and stays.
+// The name is removed while the lock is still held, so no other writer gets in between. A file that has taken over the
+// name meanwhile is somebody else's and stays.
 void closeAnyway(int descriptor, const char* temporaryName) noexcept {
     if (*temporaryName != '\0' && sameFile(descriptor, temporaryName)) removeFile(temporaryName);
     unlockAndClose(descriptor);
@@ -320,8 +321,8 @@ int syncData(int descriptor) noexcept {
     return syncedUnlessPointless(descriptor, ::fdatasync);
 }
 
-// A directory needs everything, since its entries count as what describes it. Who may write into it, but not read it,
-// has the whole file system synced, by a file without a name there.
+// fsync, since the entries of a directory count as metadata. A caller that may write to the directory but not read it
+// syncs the whole file system, through a file without a name there.
 int syncDirectoryOf(const char* name) noexcept try {
     const std::string directory = directoryOf(name);
     const auto opened = [&](int flags) {

@@ -14,7 +14,7 @@
 namespace platform {
 namespace {
 
-// Of what a call of that result has found.
+// Converts `status`, which a call with that result has filled in.
 bool found(int result, const struct stat& status, fileAccess& access) {
     if (result != 0) return false;
     access = {static_cast<std::uint64_t>(status.st_dev),
@@ -29,11 +29,11 @@ bool found(int result, const struct stat& status, fileAccess& access) {
 
 constexpr std::uint32_t kOwners = 0600;
 
-// Who else may use a file, beside the mode, whose bits for the group are then the most that anybody of the list may.
+// The access list: who else may use a file. With one, the group bits of the mode limit everybody on it.
 constexpr const char* kAccessList = "system.posix_acl_access";
 
-// The file of `descriptor` gets the list of `like`, if its group has been given too, in place of the one that it may
-// have from its directory.
+// Gives the file of `descriptor` the list of `like` if it has got the group too; else removes the one that it may have
+// from its directory. True if both files have the same list, or none, afterwards.
 bool hasListOf(const char* like, int descriptor, bool grouped) try {
     const ssize_t size = ::getxattr(like, kAccessList, nullptr, 0);
     if (size > 0 && grouped) {

@@ -1,7 +1,7 @@
-// platformOwner: whose a file is and who may write it, and what takes care not to touch another file than was meant.
+// platformOwner: owner and permissions of a file, and calls that touch no file but the one meant.
 //
-// Owner:   nothing is kept.
-// Threads: every call, from any thread.
+// Owner:   no state.
+// Threads: any.
 // Failure: false or -1 with errno. Nothing throws.
 #pragma once
 
@@ -25,23 +25,23 @@ inline constexpr std::uint32_t kSetGroup = 02000, kGroupWrite = 020, kOthersWrit
 ORVA_HOST_API bool accessOf(int descriptor, fileAccess& access) noexcept;
 // Follows links.
 ORVA_HOST_API bool accessOf(const char* name, fileAccess& access) noexcept;
-// Of the directory that holds `name`.
+// Looks at the directory that holds `name`.
 ORVA_HOST_API bool accessOfDirectory(const char* name, fileAccess& access) noexcept;
 
-// The user in whose right this process works.
+// The effective user of this process.
 ORVA_HOST_API std::uint32_t callingUser() noexcept;
 
-// Gives the file of `descriptor` the group and the access list of the file `like`, and root gives it the owner too;
-// then the same people may read and write it. Where the group cannot be given, only those may whom `like` lets whatever
-// their group, and where the list cannot, its owner alone. Tells the whole mode by which that holds. A system that
-// knows no such things leaves the file as it is.
+// Gives the file of `descriptor` the group and the access list of the file `like`, and as root its owner too, so that
+// the same users may read and write it. If the group cannot be given, group and others get only what `like` grants to
+// both; if the list cannot, only the owner gets access. Returns the whole mode for such access, of which only the read
+// and write bits are set here. A system without groups and lists leaves the file as it is.
 ORVA_HOST_API std::uint32_t giveAccess(int descriptor, const char* like) noexcept;
 
-// Whatever it is: a link that leads nowhere counts. False, with an errno, too where the system cannot tell.
+// True if anything, even a dangling link, has that name. False with errno if not, or if the system cannot tell.
 ORVA_HOST_API bool isNameTaken(const char* name) noexcept;
 
-// Removes `name` if it is the file of `descriptor`; another file that has the name by now stays. -1 if the system does
-// not remove it.
+// Removes `name` if it names the file of `descriptor`; any other file that has the name by now stays. 0 in both cases,
+// -1 if the system cannot tell or does not remove it.
 ORVA_HOST_API int removeIfSame(const char* name, int descriptor) noexcept;
 
 }  // namespace platform

@@ -22,14 +22,14 @@ constexpr std::align_val_t kAlignment{64};  // of results
 
 enum class KeyState { Unset, Chosen, InUse, Gone };
 
-// Once in use, key and library never change until the process ends, and are read without a lock. Until then they change
-// while no fork is under way, which keeps threads apart too: a child would find a lock that nobody gives back.
+// Once in use, key and library never change until the process ends, and are read without a lock. Before that they
+// change only under a noFork, which excludes other threads too: a forked child could find another lock held for ever.
 std::atomic<KeyState> gKeyState{KeyState::Unset};
 std::array<unsigned char, kKeySize> gKey;
 libcrypto gCrypto;
 
-// Erases the key at the end, behind all static streams, in a static link too. A thread that is still at work then meets
-// a failure, not a key of zeros.
+// Erases the key at the end of the process, after all static streams have gone, also in a static link. A thread still
+// at work then fails instead of using a key of zeros.
 struct KeyEraser {
     ~KeyEraser() {
         const platform::noFork guard;
@@ -37,7 +37,7 @@ struct KeyEraser {
         ::explicit_bzero(gKey.data(), gKey.size());
     }
 };
-[[gnu::init_priority(101)]] const KeyEraser gKeyEraser;  // made first, and so ended last
+[[gnu::init_priority(101)]] const KeyEraser gKeyEraser;  // constructed first, so destroyed last
 
 bool takeKeyIntoUse() {
     if (gKeyState.load(std::memory_order_acquire) == KeyState::InUse) return true;
