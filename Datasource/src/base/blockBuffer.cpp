@@ -14,7 +14,7 @@ namespace orva {
 
 namespace {
 
-// Of x86-64 and of arm64 with small pages of 4 KiB. Where it is another size, the advice helps less.
+// The size on x86-64, and on arm64 with pages of 4 KiB. Where it differs, the hint helps less.
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 constexpr std::size_t kWorthOne = kHugePage / 4;
 
@@ -28,7 +28,7 @@ void blockBuffer::release::operator()(unsigned char* bytes) const {
     ::operator delete (bytes, std::align_val_t{alignment});
 }
 
-// Alignment costs address space, which may be limited, so it is given up first.
+// Alignment to huge pages takes address space, which may be limited: without it the buffer does without them.
 blockBuffer::blockBuffer(std::size_t size, std::size_t used) {
     if (std::min(size, used) >= kWorthOne) {
         const std::size_t whole = (size + kHugePage - 1) / kHugePage * kHugePage;

@@ -1,9 +1,9 @@
-// blockBuffer: memory for one block, aligned so that reads from the page cache run at full speed, kept by its owner
-// over all blocks: the first touch of a page costs more than what is done with its bytes.
+// blockBuffer: memory for one block, aligned so that reads from the page cache run at full speed. Owners use one buffer
+// for all their blocks, since the first touch of a page costs more than the work on its bytes.
 //
-// Where a quarter of a huge page or more will be used it stands on such pages, if the system has any to give: a block
-// then is two of them instead of 1,023 small ones, each of which can cost more to touch first than a huge one. Nothing
-// is zeroed here.
+// A buffer of which at least a quarter of a huge page will be used lies on huge pages, if the system has any to give: a
+// block then takes two of them instead of 1,023 small pages, each of which can cost more to touch first than a huge
+// one. The memory is not zeroed.
 #pragma once
 
 #include <orva/blockSize.h>
@@ -16,9 +16,9 @@ namespace orva {
 class blockBuffer {
 public:
     blockBuffer() = default;
-    // bad_alloc without memory.
+    // Throws bad_alloc if there is no memory.
     explicit blockBuffer(std::size_t size) : blockBuffer(size, size) {}
-    // `used`: how much of it will be touched, as far as is known. More may be.
+    // `used`: how many bytes are likely to be touched. More may be.
     blockBuffer(std::size_t size, std::size_t used);
 
     unsigned char* get() const { return fBytes.get(); }
@@ -32,8 +32,8 @@ private:
     std::unique_ptr<unsigned char, release> fBytes;
 };
 
-// Takes the memory back from the cores that have read it, in one streaming pass, and leaves it without a meaning. What
-// stores into lines that another core holds has to win back each of them, and an inflate stores little at a time.
+// Takes the memory back from the caches of other cores in one streaming pass and leaves its content undefined. A store
+// into a line that another core holds has to win it back first, and inflating stores little at a time.
 void regain(unsigned char* bytes, std::size_t size);
 
 }  // namespace orva

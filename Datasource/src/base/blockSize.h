@@ -10,13 +10,13 @@ inline constexpr std::uint32_t kShortestBlockLength = kBlockSize / 64;
 inline constexpr std::uint32_t kHandyBlockLength = kBlockSize / 4;
 #else
 inline constexpr std::uint32_t kBlockSize = 4'190'208;
-// The least that a writer may choose for its full blocks: shorter ones would be more index than they save.
+// The shortest full blocks that a writer may choose: below this the index costs more than shorter blocks save.
 inline constexpr std::uint32_t kShortestBlockLength = 65'536;
-// What the command gives its files: it costs neither speed nor ratio, and a row at any place a quarter of the time.
+// The block length of the command's files: as fast, as small, and a row at any place in a quarter of the time.
 inline constexpr std::uint32_t kHandyBlockLength = 1'048'576;
 #endif
 static_assert(kBlockSize % 512 == 0, "direct reads end on multiples of a sector");
 
-// Reads from the page cache into memory that begins on a multiple of this run at full speed; into malloc's 16-byte
-// aligned blocks they were measured at half of it.
+// Reads from the page cache run at full speed into memory that begins on a multiple of this, and were measured at half
+// of it into the 16-byte aligned memory of malloc.
 inline constexpr std::uint32_t kBufferAlignment = 64;

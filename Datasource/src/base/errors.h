@@ -1,9 +1,9 @@
-// What the library throws beside FileError (errtext.h): DamagedFileError for bytes that cannot be what they claim to
-// be, FileChangedError where another process's append is the reason, SystemFileException for a file that could not be
+// The exceptions of the library beside FileError (errtext.h): DamagedFileError for bytes that cannot be what they claim
+// to be, FileChangedError if another process's append is the reason, SystemFileException for a file that could not be
 // opened again.
 //
-// Owner:   errors share their immutable details with their copies, so copying one cannot fail.
-// Threads: plain values; what a worker met on its own thread is thrown on the thread of the stream's caller.
+// Owner:   copies of a DamagedFileError share its immutable details, so copying one cannot fail.
+// Threads: plain values; a failure on a worker's thread is thrown on the thread of the stream's caller.
 #pragma once
 
 #include <orva/orvaApi.h>
@@ -19,7 +19,7 @@
 // file, the place, the check that failed, and what to do. The stream stays usable for the file's sound blocks.
 class ORVA_API DamagedFileError : public std::runtime_error {
 public:
-    // Where the damage lies, as far as that is known.
+    // Where the damage lies, as far as it is known.
     struct Place {
         std::optional<std::int64_t> block;   // its number in the index, from 0
         std::optional<std::int64_t> offset;  // in the file, in bytes
@@ -38,7 +38,7 @@ public:
     const Place& place() const noexcept;
 
 protected:
-    // The same damage told by another text.
+    // The same damage with `text` as its message.
     DamagedFileError(const DamagedFileError& damage, const std::string& text);
 
 private:
@@ -46,19 +46,19 @@ private:
     std::shared_ptr<const Details> fDetails;
 };
 
-// A check failed because another process has changed the file since this stream read its index: the stream's index is
-// out of date, and the file may be sound. Opening it again, or reading the index again, shows it as it is now.
+// A check failed because another process has changed the file since this stream read its index. The index is out of
+// date, and the file may be sound: opening it again, or reading the index again, shows it as it is now.
 class ORVA_API FileChangedError : public DamagedFileError {
 public:
-    // `damage`: what the check found.
+    // `damage`: the failure of the check.
     explicit FileChangedError(const DamagedFileError& damage);
     FileChangedError(const FileChangedError&) noexcept = default;
     FileChangedError& operator=(const FileChangedError&) noexcept = default;
     ~FileChangedError() override;
 };
 
-// The file could not be opened again in setRow0Pos, setFileToAppend or Close of a compressed stream. A plain class: a
-// host knows it by its name and fields. What is thrown is a FileReopenError.
+// The file could not be opened again in setRow0Pos, setFileToAppend or Close of a compressed stream. A plain class,
+// since hosts use its name and fields. The object thrown is a FileReopenError.
 class ORVA_API SystemFileException {
 public:
     SystemFileException(std::int32_t code, const char* expression, const char* fileName, std::int32_t line, bool flag);
@@ -70,7 +70,7 @@ public:
     bool fFlag;               // always true
 };
 
-// A SystemFileException that also tells which file it was and why: code() is the errno of the failed open.
+// A SystemFileException that also says which file and why: code() is the errno of the failed open.
 class ORVA_API FileReopenError : public SystemFileException, public std::system_error {
 public:
     FileReopenError(int error, const std::string& name, const SystemFileException& told);
@@ -78,7 +78,7 @@ public:
     FileReopenError& operator=(const FileReopenError&) = default;
     ~FileReopenError() override;
 
-    // The data file's.
+    // The name of the file; fFileName is that of the source.
     const std::string& fileName() const noexcept { return fName; }
 
 private:

@@ -1,4 +1,4 @@
-// How every FileError of the library is raised, and the codes of the catalog "datasrc.err" that it is raised with.
+// Raises every FileError of the library, with the codes of the catalog "datasrc.err".
 #pragma once
 
 #include <string>
@@ -8,11 +8,11 @@ inline constexpr long kReadFailed = 1003;
 
 namespace orva {
 
-// `error` is an errno, 0 where the cause is not known. `outcome`: what became of the file, or what to do about it, if
-// there is more to say than the errno does.
+// `error` is an errno, or 0 if the cause is unknown. `outcome` says what became of the file, or what to do about it, if
+// the errno does not say enough.
 [[noreturn]] void throwFileError(int error, long code, const std::string& name, const std::string& outcome = {});
 
-// `name` as a shell takes it for a file: for the commands that messages tell to run.
+// Quotes `name` so that a shell takes it for a file, for commands that messages advise.
 std::string shellWord(const std::string& name);
 
 }  // namespace orva

@@ -1,4 +1,4 @@
-// ORVA_API marks what leaves the shared library; ORVA_LOCAL takes a member of an exported class back out of it.
+// ORVA_API exports a name from the shared library; ORVA_LOCAL hides a member of an exported class.
 #pragma once
 
 #if defined(_WIN32)

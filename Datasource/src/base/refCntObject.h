@@ -1,15 +1,15 @@
-// Reference counting. ORVA_RefCntObject carries the count; RefCountPtr<T> holds an object and keeps the count right,
-// and makes a private copy of an object that is marked unshareable.
+// Reference counting. ORVA_RefCntObject carries the count. RefCountPtr<T> holds an object and keeps its count right,
+// and holds a private copy of an object that is marked unshareable.
 //
-// Owner:   the holders together; the last one to let go deletes the object. It must have been made with new.
-// Threads: counts are plain integers. Holders of one object are made, copied and ended on one thread at a time.
+// Owner:   the holders together; the last one deletes the object, which must have been made with new.
+// Threads: the count is a plain integer: holders of one object are made, copied and destroyed on one thread at a time.
 #pragma once
 
 #include <orva/orvaApi.h>
 
 #include <cstdint>
 
-// All of it out of line, so that every operation is a symbol of the library.
+// All functions are out of line, so that each is a symbol of the library.
 class ORVA_API ORVA_RefCntObject {
 public:
     virtual ~ORVA_RefCntObject();
@@ -18,17 +18,16 @@ public:
     ORVA_RefCntObject& operator=(const ORVA_RefCntObject&);
 
     void AddReference();
-    // Deletes the object when the count reaches 0: it must not be touched afterwards. Each call answers one
-    // AddReference.
+    // Undoes one AddReference. Deletes the object when the count reaches 0.
     void RemoveReference();
-    // 1 with more than one holder, else 0.
+    // 1 if there is more than one holder, else 0.
     int IsShared() const;
-    // From now on every new holder gets a copy of its own. There is no way back.
+    // From now on every new holder gets a copy of its own. Cannot be undone.
     void MarkUnshareable();
     unsigned int IsShareable() const;
 
 protected:
-    // No holder yet: the first RefCountPtr makes the count 1. A copy is a new object with no holders.
+    // An object, or a copy, has no holders at first: the first RefCountPtr makes the count 1.
     ORVA_RefCntObject();
     ORVA_RefCntObject(const ORVA_RefCntObject&);
 
@@ -37,7 +36,7 @@ private:
     bool fShareable = true;
 };
 
-// Holds a T, which derives from ORVA_RefCntObject and has a copy constructor, or nothing.
+// Holds nothing, or a T that derives from ORVA_RefCntObject and has a copy constructor.
 template <class T>
 class RefCountPtr {
 public:
@@ -46,7 +45,7 @@ public:
     RefCountPtr(const RefCountPtr& other) : fPtr(other.fPtr) { Init(); }
     ~RefCountPtr() { release(); }
 
-    // Lets go of the old object first, then joins the new one. The pointer it already has changes nothing.
+    // Releases the old object before it holds the new one. Assigning the pointer that it has changes nothing.
     RefCountPtr& operator=(T* p) {
         if (fPtr == p) return *this;
         release();
@@ -61,7 +60,7 @@ public:
     int operator!=(const RefCountPtr& other) const { return fPtr != other.fPtr ? 1 : 0; }
     int operator!=(const T* p) const { return fPtr != p ? 1 : 0; }
 
-    // No test for null.
+    // None of these checks for null.
     T* operator->() { return fPtr; }
     const T* operator->() const { return fPtr; }
     T& operator*() { return *fPtr; }
@@ -71,7 +70,7 @@ public:
     const T* get() const { return fPtr; }
     int IsValid() const { return fPtr != nullptr ? 1 : 0; }
 
-    // The object, held by this holder alone: a shared one is copied first. Must not be empty.
+    // Makes sure that only this holder has the object, by copying a shared one, and returns it. Must not be empty.
     T* Unshared() {
         if (fPtr->IsShared() == 0) return fPtr;
         T* shared = fPtr;
@@ -82,7 +81,7 @@ public:
     }
 
 protected:
-    // The common step once fPtr holds its new value. A copy that fails leaves the holder empty.
+    // Adds this holder to the object in fPtr, or to a copy of an unshareable one. Empty if copying throws.
     void Init() {
         T* p = fPtr;
         fPtr = nullptr;

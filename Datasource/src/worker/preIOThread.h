@@ -1,16 +1,16 @@
-// PreIOThreadBase: what moves disk and codec work off the caller's thread. A worker owns a pool and, until the pool has
-// them, callbacks: each is a loop over one operation, the loop step, on a pool thread. The stream talks to the worker
-// by one request operation and by the operations of its life.
+// PreIOThreadBase: the base of the workers, which take disk and codec work off the caller's thread. A worker owns a
+// pool and the callbacks that it hands to the pool: each calls one function, the loop step, in a loop on a pool thread.
+// The stream calls one request function of the worker, getBlock or putBlock, and those of its life.
 //
-// Two threads meet in a worker: the stream's caller (the caller side) and the pool thread (the thread side). What they
-// share, and whose turn it is, stands in each derived class.
+// Two threads meet in a worker: the stream's caller (the caller side) and the pool thread (the thread side). Each
+// derived class says what they share, and whose turn it is.
 //
 // Life:    new, initThreads, startThreads, requests, stopThreads, destroyThreads, delete; all on the caller side.
-// Failure: nothing leaves a loop step. A failed read-ahead is no read-ahead; a writing worker keeps its first failure
-//          for its caller. A thread that cannot start is startThreads' std::system_error, and the worker may be
-//          deleted.
-// Fork:    in another process than the one that made it a worker has no threads: stopThreads and destroyThreads do
-//          nothing there, on purpose.
+// Failure: no exception leaves a loop step. A failed read-ahead counts as none; a writing worker keeps its first
+//          failure for its caller. If a thread cannot start, startThreads throws std::system_error, and the worker may
+//          be deleted.
+// Fork:    in a process that did not make it a worker has no threads: stopThreads and destroyThreads do nothing there,
+//          on purpose.
 #pragma once
 
 #include "base/assertion.h"
@@ -32,8 +32,8 @@ class PreIOThreadBase;
 
 inline constexpr char kWorkerGiven[] = "prtData!=0";
 
-// What a pool thread runs: one step of the worker that it is given, until that gives nonzero. `invariant`: what it
-// states of the worker.
+// Runs on a pool thread: calls `step` of the given worker until it returns nonzero. `invariant`: the assertion text for
+// a missing worker.
 template <class Worker, std::int32_t (Worker::*step)(), const char* invariant = kWorkerGiven>
 class workerLoop final : public CallBackObject {
 public:
@@ -52,23 +52,24 @@ public:
     PreIOThreadBase() = default;
     PreIOThreadBase(const PreIOThreadBase&) = delete;
     PreIOThreadBase& operator=(const PreIOThreadBase&) = delete;
-    // Stops nothing and frees nothing: run stopThreads and destroyThreads before.
+    // Does not end the threads: call stopThreads and destroyThreads before.
     ~PreIOThreadBase() override;
 
-    // All give true. A reading worker takes true. A failed allocation is bad_alloc; what was made goes with the worker.
+    // All return true. `bRead`: true for a reader. Throws bad_alloc; destroyThreads and the destructor free what was
+    // made.
     virtual bool initThreads(bool bRead);
     virtual bool startThreads();
     virtual bool noOperation();
-    // Ends a reading worker's loop by the stop request; a writing worker's has ended by its end request.
+    // Ends a reading worker by the stop request; a writing one must have had its end request. Waits for the threads.
     virtual bool stopThreads();
-    // After stopThreads.
+    // Deletes the pool, after stopThreads.
     virtual bool destroyThreads();
 
-    // A block into `buffer`; the bytes delivered. Size and position 0: the stop request.
+    // Reads the block at `position` into `buffer`; returns the bytes delivered. Size and position 0: the stop request.
     virtual std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) = 0;
-    // A block from `buffer`, which is free again at return; the bytes taken. Size 0: the end request.
+    // Takes a block from `buffer`, which is free again at return; returns the bytes taken. Size 0: the end request.
     virtual std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) = 0;
-    // Nonzero ends the loop.
+    // One pass of a loop; nonzero ends it.
     virtual std::int32_t writeLoopStep() = 0;
     virtual std::int32_t readLoopStep() = 0;
     using newThreadForWrite = workerLoop<PreIOThreadBase, &PreIOThreadBase::writeLoopStep>;
@@ -78,11 +79,11 @@ public:
     const std::exception_ptr& failure() const { return fFailure; }
 
 protected:
-    // A loop on each of so many pool threads.
+    // Runs a loop on each of `threads` pool threads.
     explicit PreIOThreadBase(std::uint32_t threads) : fThreads(threads) {}
-    // The loop of the thread of that number, from 0: over readLoopStep or writeLoopStep.
+    // Makes the loop of thread `number`, from 0, over readLoopStep or writeLoopStep.
     virtual std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number);
-    // False in a forked child, where the threads are not.
+    // False in a forked child, which does not have the threads.
     bool isMakers() const { return fProcess == platform::processId(); }
 
     // Written before startThreads, then only read.
@@ -90,25 +91,24 @@ protected:
     ktThreadPool* pThreadPool = nullptr;
     bool bWrite = false;
     const std::int64_t fProcess = platform::processId();
-    // Guarded as the derived class tells.
+    // Guarded as the derived class says.
     std::exception_ptr fFailure;
 
 private:
-    std::vector<std::unique_ptr<CallBackObject>> fLoops;  // not yet the pool's
+    std::vector<std::unique_ptr<CallBackObject>> fLoops;  // not handed to the pool yet
 };
 
-// Starts a new worker. One that cannot start may be deleted.
+// Starts a new worker. If this throws, the threads have ended and the worker may be deleted.
 void startWorker(PreIOThreadBase& worker, bool bRead);
-// And gives it back. One that cannot start is gone when the error leaves.
+// As startWorker, and returns the worker; deletes it if this throws.
 template <class Worker>
 std::unique_ptr<Worker> startedWorker(std::unique_ptr<Worker> worker, bool bRead) {
     startWorker(*worker, bRead);
     return worker;
 }
 
-// The base of workers that run their loop on several threads at once. What these share is under its mutex; one
-// condition tells them of every change. In a forked child nobody waits, and what a thread may have been holding is left
-// behind.
+// The base of workers that run their loop on several threads. A mutex guards what these share; one condition variable
+// signals every change. In a forked child nobody waits, and both are leaked: a thread may have held them.
 class PreIOThreadSeveral : public PreIOThreadBase {
 protected:
     explicit PreIOThreadSeveral(std::uint32_t threads)
@@ -116,7 +116,7 @@ protected:
     ~PreIOThreadSeveral() override {
         if (!isMakers()) static_cast<void>(fShared.release());
     }
-    // For a worker whose threads start with its first block. False where there are none: of no threads, or in a forked
+    // Starts the threads of a worker with its first block. False without threads: for a count of 0, or in a forked
     // child.
     bool startOnce(bool bRead) {
         if (fThreads == 0 || !isMakers()) return false;
@@ -125,7 +125,7 @@ protected:
     }
     using guard = std::unique_lock<std::mutex>;
     guard locked() const { return guard(fShared->mutex); }
-    // A thread's wait for work, and the caller's, which seldom comes about: so threads wake each other for that alone.
+    // wait() is for threads without work, await() for the caller, which seldom waits: tellCaller() notifies only then.
     void wait(guard& lock) const { fShared->changed.wait(lock); }
     void await(guard& lock) const {
         fShared->awaited = true;
@@ -138,7 +138,7 @@ protected:
         if (fShared->awaited) fShared->changed.notify_all();
     }
 
-    // There is a core for a caller who would have to wait; else its help would only keep the threads from theirs.
+    // A caller that would have to wait helps if there is a core for it; otherwise it would only slow down the threads.
     const bool bCallerHelps;
 
 private:
@@ -150,7 +150,7 @@ private:
     std::unique_ptr<shared> fShared = std::make_unique<shared>();
 };
 
-// A worker that only reads, or only writes: the operations of the other direction are breaches.
+// Workers that only read, or only write: a call of the other direction is an assertion failure.
 template <class Base>
 class readingWorker : public Base {
 public:

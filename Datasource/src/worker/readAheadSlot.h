@@ -1,16 +1,16 @@
-// readAheadSlot: the hand-over of one block read ahead, for the workers that read one block beside their caller.
+// readAheadSlot: hands over one block that was read ahead, for the workers that read one block beside their caller.
 //
 // One block, two turns, no lock:
 //   caller's turn: semEmptySlot.wait  -> semFilledSlot.post   fpPreReadPos, stCurSize, the worker's buffers, fpNextPos
 //   thread's turn: semFilledSlot.wait -> semEmptySlot.post    the same
 // R1 A field named above is touched only inside its owner's turn; the post publishes every earlier write.
-// R2 Each turn ends in its post, also on the throwing path: no request waits for a dead turn.
-// R3 A request that sets off no read-ahead (the last block, a failure) gives the token back itself and forgets the
-//    block read ahead, so a later request is a miss that is served.
-// R4 A failed read-ahead is no read-ahead: the next request is a miss, which meets the failure on the caller's thread.
-// R5 The stop request is written at any moment and seen at the thread's next wait, which then ends in a post of
-//    nothing: a request that waits for a block asked for before is a miss that is served.
-// R6 A block that was written over since it was asked for is no hit, nor is one that ended with the file if bytes were
+// R2 Each turn ends in its post, also when it throws: no request waits for a turn that never ends.
+// R3 A request that starts no read-ahead (the last block, a failure) posts semEmptySlot itself and forgets the block
+//    read ahead: a later request is a miss, which is served.
+// R4 A failed read-ahead counts as none: the next request is a miss, which meets the failure on the caller's thread.
+// R5 The stop request may come at any moment. The thread sees it at its next wait, posts without having read and ends:
+//    a request that waits for a block asked for before is a miss, which is served.
+// R6 A block is no hit if it was written over since it was asked for, nor if it ended with the file and bytes were
 //    written behind it since: noteWritten takes the caller's turn and forgets it.
 #pragma once
 
@@ -22,10 +22,10 @@
 namespace orva {
 
 struct readAheadSlot {
-    // The caller's turn, as long as this lives.
+    // Holds the caller's turn while it lives.
     class request {
     public:
-        // In a forked child there is no thread to wait for, and nothing that was read ahead counts.
+        // Waits for the turn. In a forked child there is no thread to wait for, and no block read ahead counts.
         explicit request(readAheadSlot& slot) : fSlot(slot), bTaken(slot.semEmptySlot.waitSemaphore()) {}
         request(const request&) = delete;
         request& operator=(const request&) = delete;
@@ -35,11 +35,11 @@ struct readAheadSlot {
             fSlot.semEmptySlot.postSemaphore();
         }
 
-        // The block at `position` has been read ahead: stCurSize bytes of it.
+        // True if the block at `position` has been read ahead; it has stCurSize bytes.
         bool hits(std::int64_t position) const { return bTaken && position == fSlot.fpPreReadPos; }
-        // Ends the turn: the thread reads the block at `nextPos` now.
+        // Ends the turn and has the thread read the block at `nextPos`.
         void readAhead(std::int64_t nextPos) {
-            fSlot.forget();  // a loop that ends before it leaves no block
+            fSlot.forget();  // so a loop that ends before the read leaves no block
             fSlot.fpNextPos = nextPos;
             bHandedOver = true;
             fSlot.semFilledSlot.postSemaphore();
@@ -51,7 +51,7 @@ struct readAheadSlot {
         bool bHandedOver = false;
     };
 
-    // One step of the thread: `read(position)` gives the bytes read. 1 ends the loop.
+    // One loop step of the thread; 1 ends the loop. `read(position)` returns the number of bytes read.
     template <class Read>
     std::int32_t step(Read read) {
         semFilledSlot.waitSemaphore();
@@ -70,8 +70,8 @@ struct readAheadSlot {
         semFilledSlot.postSemaphore();
     }
 
-    // A caller has written bytes from `begin` up to `end`: the block read ahead, of `blockSize` bytes unless the file
-    // ended before, may be older. Waits for one that is being read.
+    // The caller side has written the bytes from `begin` up to `end`: forgets a block read ahead that may lack them, of
+    // `blockSize` bytes or less at the end of the file. Waits for a read under way.
     void noteWritten(std::int64_t begin, std::int64_t end, std::uint32_t blockSize) {
         if (!semEmptySlot.waitSemaphore()) return;
         const bool touched = end > fpPreReadPos && begin - std::int64_t{blockSize} < fpPreReadPos;
@@ -84,11 +84,11 @@ struct readAheadSlot {
         stCurSize = 0;
     }
 
-    ktSemaphore semEmptySlot{1};     // the right to touch the block from the caller side
-    ktSemaphore semFilledSlot{0};    // a block to read ahead, or the stop request
-    std::int64_t fpNextPos = -1;     // of the block to read ahead next
-    std::int64_t fpPreReadPos = -1;  // of the block in the worker's buffer
-    std::uint32_t stCurSize = 0;     // its bytes
+    ktSemaphore semEmptySlot{1};     // the caller's turn
+    ktSemaphore semFilledSlot{0};    // the thread's turn: a block to read ahead, or the stop request
+    std::int64_t fpNextPos = -1;     // position of the block to read ahead
+    std::int64_t fpPreReadPos = -1;  // that of the block in the worker's buffer; -1: none
+    std::uint32_t stCurSize = 0;     // bytes of that block
     std::atomic<bool> bStop{false};
 };
 
