@@ -16,7 +16,7 @@ template class RefCountPtr<ORVA_File>;
 
 namespace {
 
-// What helps where an enciphered write is refused.
+// The advice for an enciphered write that is refused.
 constexpr const char* kWholeBlocks =
     "write whole blocks of 16 bytes from a multiple of 16 on, or use a mode that can read and write anywhere";
 
@@ -64,11 +64,11 @@ ORVA_File::~ORVA_File() {
         Close();
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell.
     }
-    // A failed close leaves the descriptor, and the writer's lock with it.
+    // A failed Close leaves the descriptor open, with the lock of the writer.
     if (IsOpen()) platform::closeAnyway(fDescriptor, fTemporaryName.c_str());
 }
 
-// What may fail for want of memory comes first, so that the old file stays open then.
+// Allocates first, so that the old file stays open if there is no memory.
 bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     ExtNameStr newName(name);
@@ -161,7 +161,7 @@ unsigned int ORVA_File::Write(const void* buffer, unsigned int byteSize, std::in
     return static_cast<unsigned int>(count);
 }
 
-// All of them are taken, whether they reach the file or wait.
+// Takes all bytes: each reaches the file or waits.
 unsigned int ORVA_File::WriteEncrypted(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     fCipher->write(static_cast<const unsigned char*>(buffer), byteSize, byteOffset);
     fPosition = byteOffset + byteSize;
@@ -209,13 +209,13 @@ void ORVA_File::Truncate(std::int64_t length) {
     if (IsOpen() && platform::truncateFile(fDescriptor, length) != 0) fail(kWriteFailed, errno);
 }
 
-// What has no places takes only what goes on where the last transfer ended.
+// A pipe or terminal takes only transfers that begin where the last one ended.
 void ORVA_File::beginTransfer(std::int64_t byteOffset, long code) {
     if (!fHasPlaces && byteOffset != fPosition) fail(code, ESPIPE);
     platform::setErrno(0);
 }
 
-// The system refuses to read beyond the last place that there can be.
+// Cuts the read short at the largest offset, past which the system refuses to read.
 unsigned int ORVA_File::readDescriptor(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     constexpr std::int64_t last = std::numeric_limits<std::int64_t>::max();
     if (byteOffset > last - byteSize) byteSize = static_cast<unsigned int>(last - byteOffset);
@@ -225,7 +225,7 @@ unsigned int ORVA_File::readDescriptor(void* buffer, unsigned int byteSize, std:
     return static_cast<unsigned int>(count);
 }
 
-// The system places what is appended.
+// When appending, the system chooses the place.
 int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     return fHasPlaces && !fAppends ? platform::writeAt(fDescriptor, buffer, byteSize, byteOffset)
                                    : platform::_write(fDescriptor, buffer, byteSize);

@@ -13,7 +13,7 @@ namespace {
 
 std::atomic<bool> gKeepEncrypt{false};
 
-// What a call of the cipher gave. A failed call leaves nothing to release.
+// The result of a cipher call. A failed call leaves nothing to free.
 struct cipherOutput {
     unsigned char* data = nullptr;
     int size = 0;
@@ -27,8 +27,7 @@ struct cipherOutput {
     }
 };
 
-// What nobody wrote stands in the file as zeros, and is read as zeros. That a cipher makes such a block of data is as
-// likely as guessing its key.
+// A gap stands in the file as zeros, and is read as zeros. Of data, the cipher makes such a block once in 2^128.
 void clearGaps(unsigned char* plain, int size, const unsigned char* enciphered) {
     for (int at = 0; at + CIPHER_BLOCK_SIZE <= size; at += CIPHER_BLOCK_SIZE) {
         std::uint64_t halves[2];
@@ -58,7 +57,7 @@ void ORVA_File::Cipher::beginFile() {
     fFileEnd = -1;
 }
 
-// A part of a block at the end is what a process that died in the middle of a write has left, and no data.
+// Part of a block at the end was left by a process that died in the middle of a write, and is no data.
 unsigned int ORVA_File::Cipher::read(unsigned char* bytes, unsigned int size, std::int64_t byteOffset) {
     unsigned int count = inMemory(byteOffset) ? 0 : wholeBlocks(fFile.readDescriptor(bytes, size, byteOffset));
     const bool padded = byteOffset + count == fTailPos + CIPHER_BLOCK_SIZE && endsPadded(kReadFailed);
@@ -66,7 +65,7 @@ unsigned int ORVA_File::Cipher::read(unsigned char* bytes, unsigned int size, st
     return overlayWaiting(bytes, size, count, byteOffset);
 }
 
-// The plain bytes, over the enciphered ones, without the pad.
+// Deciphers in place; returns the number of plain bytes, without the pad.
 unsigned int ORVA_File::Cipher::decipher(unsigned char* bytes, unsigned int size, unsigned int pad) {
     cipherOutput plain;
     plain.good = workdir::Decrypt(&plain.data, &plain.size, bytes, static_cast<int>(size)) == 1;
@@ -77,8 +76,7 @@ unsigned int ORVA_File::Cipher::decipher(unsigned char* bytes, unsigned int size
     return count;
 }
 
-// A read sees what was written before it, also what still waits: a stream that took older bytes for the end of the data
-// into its buffer would write them back over the waiting ones.
+// A read sees the waiting bytes too: a stream that buffered older ones in their place would write those back over them.
 unsigned int ORVA_File::Cipher::overlayWaiting(unsigned char* bytes, unsigned int size, unsigned int count,
                                                std::int64_t byteOffset) {
     const std::int64_t before = fTailPos - byteOffset;
@@ -96,7 +94,7 @@ void ORVA_File::Cipher::write(const unsigned char* data, unsigned int size, std:
     orEndAsBefore([&] { writeWhole(data, size, byteOffset); });
 }
 
-// The waiting bytes stay as they are until the rest of the write is in the file too.
+// Changes the waiting bytes only once the rest of the write is in the file too.
 void ORVA_File::Cipher::writeWhole(const unsigned char* data, unsigned int size, std::int64_t byteOffset) {
     if (continuesWaiting(byteOffset)) {
         const auto waiting = static_cast<unsigned int>(fFile.fRemainderSize);
@@ -118,7 +116,7 @@ void ORVA_File::Cipher::writeWhole(const unsigned char* data, unsigned int size,
 }
 
 bool ORVA_File::Cipher::mayWrite(unsigned int size, std::int64_t byteOffset) {
-    // The block that the data end in has to end in front of the last place that there can be.
+    // The block in which the data end has to end before the largest offset.
     constexpr std::int64_t last = wholeBlocks(std::numeric_limits<std::int64_t>::max());
     if (byteOffset < 0 || byteOffset > last - size) return false;
     const bool continues = continuesWaiting(byteOffset);
@@ -129,10 +127,10 @@ bool ORVA_File::Cipher::mayWrite(unsigned int size, std::int64_t byteOffset) {
     return tail == 0 || tail >= heldIn(byteOffset + size - tail);
 }
 
-// How many bytes of data the block at `block` holds, which a write that ends inside it has to cover.
+// Number of data bytes in the block at `block`, all of which a write that ends inside it has to cover.
 int ORVA_File::Cipher::heldIn(std::int64_t block) {
     if (waits() && block <= fTailPos) return block == fTailPos ? fFile.fRemainderSize : CIPHER_BLOCK_SIZE;
-    if (block > fileEnd() - CIPHER_BLOCK_SIZE) return 0;  // what stands there of a block holds nothing
+    if (block > fileEnd() - CIPHER_BLOCK_SIZE) return 0;  // part of a block is no data
     return block == fTailPos && endsPadded() ? CIPHER_BLOCK_SIZE - fFile.fPadSize : CIPHER_BLOCK_SIZE;
 }
 
@@ -149,8 +147,8 @@ std::uint32_t ORVA_File::Cipher::completeBlock(unsigned char* block, std::uint32
     return behind;
 }
 
-// Between the data and a write behind them the system keeps zeros, which are read as zeros. So part of a block, which a
-// failed write has left, goes.
+// The system fills a gap between the data and a write behind them with zeros, which are read as zeros. Part of a block,
+// left by a failed write, has to be cut off for that.
 void ORVA_File::Cipher::closeGap(std::int64_t byteOffset) {
     const std::int64_t end = wholeBlocks(fileEnd());
     if (byteOffset <= end || end == fileEnd()) return;
@@ -158,8 +156,8 @@ void ORVA_File::Cipher::closeGap(std::int64_t byteOffset) {
     fFileEnd = end;
 }
 
-// The end of a write, which makes void what it covers: bytes that waited, and the pad if the padded block is
-// overwritten or no longer the last one. A write that is all whole blocks leaves alone what waits behind it.
+// Ends a write: its last bytes wait, and those that it replaces are dropped, as is the pad if the padded block was
+// overwritten or is no longer the last one. A write of whole blocks leaves bytes that wait behind it alone.
 void ORVA_File::Cipher::keepTail(const unsigned char* tail, unsigned int size, std::int64_t place) {
     const bool reachesTail = place + size > fTailPos;
     if (reachesTail || !endsPadded()) fFile.fPadSize = 0;
@@ -193,7 +191,7 @@ unsigned int ORVA_File::Cipher::finish() {
     return ended > 0 ? ended : padded;
 }
 
-// The pad is zeros: whatever lay behind the waiting bytes in memory is plaintext of earlier blocks.
+// Pads with zeros: the memory behind the waiting bytes still has plaintext of earlier blocks.
 unsigned int ORVA_File::Cipher::writePaddedBlock() {
     if (fFile.fAppends && fTailPos != fileEnd()) fFile.fail(kWriteFailed, EINVAL);
     const int pad = CIPHER_BLOCK_SIZE - fFile.fRemainderSize;
@@ -218,8 +216,8 @@ unsigned int ORVA_File::Cipher::endRun() {
     return count;
 }
 
-// Asks the system once, and fails with `code` if that can't tell: from then on this object's own writes tell, since
-// nobody else writes the file. A pipe has no length, and nothing that a write could damage.
+// The length of the file. Asks the system once, and fails with `code` if it cannot tell; from then on the writes of
+// this object keep it, since nobody else writes the file. 0 for a pipe, which has nothing that a write could damage.
 std::int64_t ORVA_File::Cipher::fileEnd(long code) {
     if (fFileEnd >= 0 || !fFile.fHasPlaces) return std::max<std::int64_t>(fFileEnd, 0);
     fFileEnd = fFile.Size();

@@ -1,11 +1,11 @@
-// The enciphered roads of ORVA_File. A file is the cipher's output and nothing else, block for block at the offsets of
-// the plain bytes; up to 15 bytes at the end of the data wait in memory until a block is full or the file is finished.
-// They wait only at the end of the data: a write that would leave some in front of data that it doesn't cover is
+// The transfers of an enciphered ORVA_File. The file holds the cipher's output and nothing else, each block at the
+// offset of its plain bytes. Up to 15 bytes at the end of the data wait in memory until their block is full or the file
+// is finished. Bytes wait nowhere else: a write that would leave some in front of data that it does not cover is
 // refused.
 //
-// A write takes effect in here only once all of it has reached the file, so that one that fails can be repeated.
+// A write changes this object only once all of it has reached the file, so a failed write can be repeated.
 //
-// Threads: every operation under the lock of the file.
+// Threads: every operation runs under the lock of the file.
 // Failure: as for the file, whose fail throws it.
 #pragma once
 
@@ -20,32 +20,32 @@ class ORVA_LOCAL ORVA_File::Cipher {
 public:
     explicit Cipher(ORVA_File& file) : fFile(file) {}
 
-    // Another file has been opened, or none. Bytes that still wait belong to the one before, which is gone; the pad
-    // stays known, since it may be the same file.
+    // Another file, or none, has been opened. Drops the waiting bytes, which belong to the file before; keeps the size
+    // of the pad, since it may be the same file.
     void beginFile();
-    // As ORVA_File::Read and Write, of an open file.
+    // As ORVA_File::Read and Write on an open file.
     unsigned int read(unsigned char* bytes, unsigned int size, std::int64_t byteOffset);
     void write(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
-    // Pads what waits and ends the run; the count of the last write made.
+    // Pads and writes the waiting bytes and ends the run; returns the size of the last write.
     unsigned int finish();
-    // Writes what the cipher gives at the end of a run; the count of it.
+    // Writes what the cipher returns at the end of a run; returns its size.
     unsigned int endRun();
-    // As ORVA_File's.
+    // As the functions of ORVA_File.
     std::int64_t dataEnd();
     std::uint32_t completeBlock(unsigned char* block, std::uint32_t count, std::int64_t byteOffset);
 
 private:
     bool waits() const { return fFile.fRemainderSize > 0; }
     std::int64_t waitingEnd() const { return fTailPos + fFile.fRemainderSize; }
-    // No byte of the data from there on is in the file.
+    // True if no data from `byteOffset` on is in the file.
     bool inMemory(std::int64_t byteOffset) const { return waits() && byteOffset >= fTailPos; }
     bool continuesWaiting(std::int64_t byteOffset) const { return waits() && byteOffset == waitingEnd(); }
     unsigned int decipher(unsigned char* bytes, unsigned int size, unsigned int pad);
     unsigned int overlayWaiting(unsigned char* bytes, unsigned int size, unsigned int count, std::int64_t byteOffset);
     bool mayWrite(unsigned int size, std::int64_t byteOffset);
     void writeWhole(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
-    // A failed write may have made the file longer, by a part of a block even: that goes again, so that the end stays
-    // where an appending write has to begin and a padded block is the last one.
+    // Cuts the file back if `write` throws, since a failed write may have made it longer, even by part of a block: the
+    // end stays where an appending write has to begin, and a padded block stays the last one.
     template <class Write>
     void orEndAsBefore(Write write) {
         const std::int64_t before = fileEnd();
@@ -69,6 +69,6 @@ private:
     }
 
     ORVA_File& fFile;
-    std::int64_t fTailPos = 0;   // where the block belongs whose bytes wait, or that was padded last
-    std::int64_t fFileEnd = -1;  // as the file's only writer knows it; -1 until asked for and after a failure
+    std::int64_t fTailPos = 0;   // offset of the block whose bytes wait, or that was padded last
+    std::int64_t fFileEnd = -1;  // as the only writer of the file knows it; -1 at first and after a failure
 };

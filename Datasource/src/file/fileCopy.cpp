@@ -8,11 +8,11 @@
 
 namespace {
 
-// A core's cache holds it between reading and writing.
+// Fits into a core's cache between reading and writing.
 constexpr std::int64_t kPiece = 1 << 18;
 constexpr std::int64_t kPage = 4096;
 
-// The next piece of a copy that is read and written. It ends with a page of the file written to: the system takes whole
+// The size of the next piece to read and write. It ends at the end of a page of the target: the system takes whole
 // pages twice as fast as halves.
 std::int64_t pieceAt(std::int64_t byteOffset, std::int64_t size) {
     return std::min(size, kPiece - byteOffset % kPage);
@@ -20,9 +20,9 @@ std::int64_t pieceAt(std::int64_t byteOffset, std::int64_t size) {
 
 }  // namespace
 
-// The system copies only what stands at the same place of its page in both files. Elsewhere it moves each page by
-// itself in two halves, which takes a third longer than to read and write. What it does not copy, on whatever ground,
-// is read and written: that works, or meets the reason on the side where it lies.
+// The system copies only bytes with the same place within their page in both files: others it would move page by page
+// in two halves, which takes a third longer than reading and writing. Bytes that it does not copy, for whatever reason,
+// are read and written, which works or fails on the side with the problem.
 std::int64_t ORVA_File::CopyFrom(ORVA_File& source, std::int64_t sourceOffset, std::int64_t size,
                                  std::int64_t byteOffset) {
     const ktGuard guard(fMutex, ktMutex::Recursive);

@@ -1,4 +1,4 @@
-// Opening a file by its name, for what works on files beside a stream's own.
+// Opens files by name, for code that works on files other than a stream's.
 #pragma once
 
 #include "base/fileError.h"
@@ -9,14 +9,13 @@
 
 namespace orva {
 
-// From the root on; `name` itself where there is no such name, as in a directory that was removed: who uses it meets
-// why.
+// The absolute form of `name`; in a removed directory, which has none, `name` itself: using it meets the reason.
 std::string fullName(const std::string& name);
 
-// For a file that is not open: with the errno of the Open that failed, or EBADF where somebody has closed it since.
+// Throws for a file that is not open, with the errno of the failed Open, or EBADF if the file has been closed since.
 [[noreturn]] void throwClosed(const ORVA_File& file, long code);
 
-// Opens it or throws FileError with `code`.
+// Opens the file or throws FileError with `code`.
 void openOrThrow(ORVA_File& file, const std::string& name, const char* mode, long code);
 
 // Makes the file's name, or its absence, durable.

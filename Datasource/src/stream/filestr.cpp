@@ -89,7 +89,7 @@ std::int32_t ORVA_FileStream::Seek(std::int64_t offset, SeekDirection direction)
 }
 
 std::int32_t ORVA_FileStream::Open(const ExtNameStr& name, const ExtNameStr&, const char* mode) {
-    // `name` may be the old file's own, which goes below.
+    // `name` may belong to the old file, which is released below.
     const ExtNameStr copy(name);  // NOLINT(performance-unnecessary-copy-initialization)
     RefCountPtr<ORVA_File> file(new ORVA_File(fData->bEncrypted));
     ORVA_FileStream::Close();
@@ -102,7 +102,7 @@ std::int32_t ORVA_FileStream::Open(const ExtNameStr& name, const ExtNameStr&, co
     fStreamPos = fData->fIOPos;
     try {
         if (fMultiThreadReading > 0) EnableMultiThreadReading();
-    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): it is read without its thread all the same
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): the file is read without the thread
     }
     return opened ? 1 : 0;
 }

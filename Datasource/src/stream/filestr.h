@@ -4,13 +4,13 @@
 // Units:   bytes; positions count from the start of the file. One request stays below 2,147,483,648 bytes.
 // Owner:   a stream owns its buffer; copies of a stream share the file and the read-ahead worker, not the buffer.
 //          Buffers handed in stay the caller's.
-// Threads: one at a time a stream. Streams that share a file may run on different threads; copies are made and ended
-//          on one thread at a time.
-// Fork:    parent and child may both read on through a stream that was open, if no thread of the parent's works on its
-//          file. It is written by the parent alone: in the child, Close (0) and the destructor leave the file as it is.
-//          What the child opens itself is its own.
-// Failure: FileError from Read, Write, Flush, Close or the destructor; Good() is then 0 until Clear. A stream without
-//          an open file answers 0, Seek -1.
+// Threads: one thread at a time uses a stream. Streams that share a file may run on different threads; copies are made
+//          and destroyed on one thread at a time.
+// Fork:    parent and child may both read on through a stream that was open, if no thread of the parent is at work on
+//          its file. Only the parent may write it: in the child, Close, which returns 0, and the destructor leave the
+//          file as it is. A file that the child opens is its own.
+// Failure: FileError from Read, Write, Flush, Close or the destructor; Good() is then 0 until Clear. Without an open
+//          file everything returns 0, and Seek -1.
 #pragma once
 
 #include <orva/blockSize.h>
@@ -37,11 +37,11 @@ public:
     virtual void Clear() = 0;
     // 1 while no operation has failed, else 0.
     virtual std::int32_t Good() = 0;
-    // The bytes delivered. Fewer than asked: the data ended.
+    // Returns the number of bytes read: fewer than `size` if the data end there.
     virtual std::uint32_t Read(void* buffer, std::uint32_t size) = 0;
-    // The bytes taken.
+    // Returns the number of bytes taken.
     virtual std::uint32_t Write(const void* buffer, std::uint32_t size) = 0;
-    // Moves the position, which may lie past the end. 0, or -1 when nothing moved.
+    // Moves the position, which may lie past the end. 0, or -1 if it has not moved.
     virtual std::int32_t Seek(std::int64_t offset, SeekDirection direction) = 0;
     virtual std::int64_t Tell() const = 0;
     virtual std::int32_t EndOfFile() = 0;
@@ -49,7 +49,7 @@ public:
 
 class ORVA_API ORVA_FileStream : public ORVA_StrBaseIO {
 public:
-    // One transfer: the caller's memory and the stream's position, both moved forward as bytes pass.
+    // One transfer: the caller's memory and the stream's position, which both advance with the bytes.
     template <class Byte>
     struct Request {
         Byte* _buffer;
@@ -74,77 +74,77 @@ public:
     // Opens the file; Good() tells whether that worked. Modes: ORVA_File::Open.
     ORVA_FileStream(const char* name, const char* mode);
     ORVA_FileStream(const char* name, const char* mode, bool encrypted);
-    // Shares the source's file and worker, at position 0. The source's pending bytes are in the file afterwards.
+    // Shares the file and worker of `source`, at position 0. Writes the pending bytes of `source` to the file.
     ORVA_FileStream(const ORVA_FileStream& source);
     ORVA_FileStream& operator=(const ORVA_FileStream&) = delete;
-    // Flushes and ends the cipher run, and may throw what that meets: call Close first to have it in hand. Throws
-    // nothing while another exception is in flight. The descriptor closes with the last stream that shares the file.
+    // Flushes and ends the cipher run; a failure is thrown, unless another exception is in flight: call Close before to
+    // handle it. The descriptor closes with the last stream that shares the file.
     ~ORVA_FileStream() noexcept(false) override;
 
-    // Both need a file object, so they come after an Open, whether that succeeded or not.
+    // Both need a file object (else an assertion fails): call them after an Open, successful or not.
     void Clear() override;
     std::int32_t Good() override;
 
     std::uint32_t Read(void* buffer, std::uint32_t size) override;
-    // After a failure Tell() says how many were taken. In an `a` mode the bytes go to the end of the file, whatever the
-    // position; a Read flushes them first. An enciphered file refuses what its mode cannot keep in place: FileError
-    // with EINVAL, nothing changed (docs/cipher.md).
+    // After a failure Tell() says how many bytes were taken. In an `a` mode the bytes go to the end of the file,
+    // whatever the position; a Read flushes them first. An enciphered file refuses bytes that its mode cannot keep in
+    // place (docs/cipher.md): FileError with EINVAL, and nothing has changed.
     std::uint32_t Write(const void* buffer, std::uint32_t size) override;
-    // Flushes nothing. A target below 0 or past the 64-bit range: -1, nothing moves. From the end: unflushed bytes
-    // count as part of the file.
+    // Flushes nothing. A target below 0 or past the 64-bit range gives -1 and moves nothing. The end of the file is
+    // that behind unflushed bytes.
     std::int32_t Seek(std::int64_t offset, SeekDirection direction) override;
     std::int64_t Tell() const override;
-    // 1 when the last read of the file delivered nothing. A short count from Read is the sign that always holds.
+    // 1 if the last read of the file gave no bytes. A short count from Read is the sign that always holds.
     std::int32_t EndOfFile() override;
 
-    // 1 when the file was opened, else 0; the stream then has a closed file of that name. Finishes the old file first,
-    // as Close does: a failure there is thrown and leaves the old one open. Position 0, or the end in an `a` mode.
-    // Where the read-ahead thread of the new file cannot start, the stream reads without. Copies of the stream keep the
-    // old file. Passwords are not used.
+    // 1 if the file was opened, else 0, and the stream has a closed file of that name. Finishes the old file first, as
+    // Close does; a failure there is thrown and leaves that file open. The position is 0, or the end in an `a` mode. If
+    // the read-ahead thread cannot start, the stream reads without it. Copies of the stream keep the old file.
+    // `password` is ignored.
     virtual std::int32_t Open(const ExtNameStr& name, const ExtNameStr& password, const char* mode);
     virtual std::int32_t Open(const char* name, const char* password, const char* mode);
     virtual std::int32_t Open(const ExtNameStr& name, const char* mode);
     virtual std::int32_t Open(const char* name, const char* mode);
 
-    // To position 0 with an empty buffer. Unflushed bytes are dropped.
+    // Goes to position 0 with an empty buffer and drops unflushed bytes.
     virtual void ClearAndReset();
-    // Stays valid until the next Open; the empty name of a stream without a file until the library unloads.
+    // The file's name, valid until the next Open; without a file an empty one, valid until the library is unloaded.
     virtual const ExtNameStr& GetNameStr() const;
-    // Flushes and ends the cipher run: 1; 0 without an open file. The descriptor stays open and the stream usable.
+    // Flushes and ends the cipher run: 1, or 0 without an open file. The descriptor stays open and the stream usable.
     virtual std::int32_t Close() const;
     virtual std::int32_t Close();
-    // Writes what waits in the buffer. Always 1. The bytes reach the system, not necessarily the disk.
+    // Passes the pending bytes of the buffer to the system, not necessarily to the disk. Always 1.
     virtual std::int32_t Flush() const;
-    // The name of the file, or null without one.
+    // The name of the file; null without one.
     virtual const char* Name() const;
-    // The bytes of memory that a stream holds.
+    // The memory that a stream holds, in bytes.
     virtual std::uint32_t Footprint() const;
 
-    // Buffered reading, on at first. Off: each Read is one read of the file of exactly its size.
+    // Buffered reading, on at first. When off, each Read is one read of the file, of exactly its size.
     void EnablePreReading() { fPreReading = 1; }
     void DisablePreReading() { fPreReading = 0; }
 
-    // Reads the next block on a thread of its own while the caller works on this one. For an open stream: the worker
-    // is made once, keeps a second block of memory, and ends with the last stream that shares it. It does not see what
-    // a copy writes that was made before it: copies come after. Off: the worker stays, idle. A thread that cannot start
-    // is a std::system_error, and the stream reads on without.
+    // When on, a thread reads the next block while the caller works on this one. Starts once a file is open. The worker
+    // is made once, keeps a second block of memory, and ends with the last stream that shares it. It does not see the
+    // writes of copies made before it: make copies afterwards. std::system_error if the thread cannot start; the stream
+    // then reads on without it. When off, the worker stays idle.
     void EnableMultiThreadReading();
     void DisableMultiThreadReading();
 
-    // Another stream shares the file.
+    // True if another stream shares the file.
     bool IsShared() const;
 
 protected:
     bool DataReady() const;
-    // Needs the file object: an assertion without. Valid until the next Open.
+    // The file, valid until the next Open. An assertion failure without one.
     ORVA_File& GetFile();
-    // False in a forked child: the stream's threads and locks are its parent's, so it is left alone there.
+    // False in a forked child, which leaves the stream alone: its threads and locks belong to the parent.
     ORVA_LOCAL bool inOwnProcess() const;
-    // A destructor may throw: no further exception has come into flight since construction.
+    // True if a destructor may throw: no further exception has come into flight since construction.
     ORVA_LOCAL bool mayThrowNow() const;
 
 private:
-    // What Read and Write do beyond a copy within the buffer. Kept out of them, so that the copy saves no registers.
+    // Read and Write when a copy within the buffer is not enough. Out of line, so that such a copy saves no registers.
     [[gnu::noinline]] ORVA_LOCAL std::uint32_t readRequest(void* buffer, std::uint32_t size);
     [[gnu::noinline]] ORVA_LOCAL std::uint32_t writeRequest(const void* buffer, std::uint32_t size);
 
@@ -164,11 +164,11 @@ struct ORVA_API ORVA_FileStream::Data {
     Data& operator=(const Data&) = delete;
     ORVA_LOCAL ~Data();
 
-    // Writes what the buffer took since it was written last, as one range; on an enciphered file widened to whole
-    // cipher blocks, or up to the buffer's end. On failure it stays pending.
+    // Writes the bytes put into the buffer since the last flush, as one range, which on an enciphered file is widened
+    // to whole cipher blocks, or up to the end of the buffer. After a failure the bytes stay pending.
     void Flush();
-    // A request of a block or more: pending bytes go to the file, then one read straight into the caller's memory, up
-    // to a multiple of 512; `request` moves on by what came. A smaller one is left alone. Needs an open file.
+    // Serves a request of a block or more: writes the pending bytes, reads up to a multiple of 512 straight into the
+    // caller's memory, and advances `request` by what came. Leaves a smaller request alone. Needs an open file.
     void ReadUnbuffered(ReadRequest& request);
 
 private:
@@ -198,16 +198,17 @@ private:
     bool holds(std::int64_t position) const { return position >= fpos && offsetOf(position) < buffered(); }
     ORVA_LOCAL void dropBuffer();
     ORVA_LOCAL void markClean();
-    // The buffer's bytes are going to the end of the file, wherever that will be: they serve no read.
+    // True if the buffer holds bytes to be appended: their place is not known yet, so they serve no read.
     bool holdsAppended() const { return bDirty && pRealFile->Appends(); }
-    // For the requests that end in the buffer: where the first of the bytes stands, or null where more is to be done
-    // than to copy them. One unsigned compare tells both sides of a range here; a size of 0 is in none.
+    // The fast path of Read: the first requested byte in the buffer, or null if more than a copy is to be done. One
+    // unsigned compare checks both ends of a range here; a size of 0 is in none.
     const unsigned char* servedFromBuffer(std::int64_t position, std::uint32_t size) const {
         const std::uint64_t offset = offsetOf(position);
         const bool held = offset < buffered() && size - 1U < buffered() - offset;
         return held && pRealFile->IsOpen() && !holdsAppended() ? fBuffer + offset : nullptr;
     }
-    // Right behind the bytes written last, and short of the end of the buffer, where it is flushed.
+    // The fast path of Write: where to copy the bytes, or null. They have to follow those written last and end before
+    // the end of the buffer, where it is flushed.
     unsigned char* takenByBuffer(std::int64_t position, std::uint32_t size) {
         const std::uint64_t offset = offsetOf(position);
         const bool taken = position == fDirtyEnd && size != 0 && offset + size < kBlockSize;
@@ -216,15 +217,15 @@ private:
 
     alignas(kBufferAlignment) unsigned char fBuffer[kBlockSize];
     unsigned char* fBufferEnd = fBuffer;
-    std::int64_t fpos = -1;   // file offset of fBuffer's first byte; -1 while no block was placed
-    std::int64_t fIOPos = 0;  // file offset that the latest transfer reached
+    std::int64_t fpos = -1;   // file offset of fBuffer's first byte; -1 without a block
+    std::int64_t fIOPos = 0;  // file offset that the last transfer reached
     RefCountPtr<ORVA_File> pRealFile;
     bool bDirty = false;  // fBuffer holds bytes that the file lacks
     bool bEndOfFile = false;
     const bool bEncrypted;
-    // File offsets of the first byte that was written since the last flush, and past the last one; -1 without such.
+    // File offsets of the first byte written since the last flush and past the last one; -1 if there is none.
     std::int64_t fDirtyBegin = -1;
     std::int64_t fDirtyEnd = -1;
-    // Reads through a plain pointer to the file: it goes first, as the last field.
+    // Last, so destroyed first: it reads through a plain pointer to the file.
     RefCountPtr<multiThreadForFilestr> fpIOThread;
 };

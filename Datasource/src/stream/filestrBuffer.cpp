@@ -18,12 +18,12 @@ inline void copyFixed(unsigned char* to, const unsigned char* from) {
 
 constexpr std::uint32_t kStep = 16;
 
-// Values and short records are the most frequent requests, and a call of memcpy takes longer than they do.
+// Values and short records are the most frequent requests, and a call of memcpy takes longer than copying them here.
 constexpr bool areFew(std::uint32_t size) {
     return size == sizeof(std::uint64_t) || size - kStep <= 8 * kStep;
 }
 
-// The last 16 bytes may lie over those before them.
+// The last 16 bytes may overlap those before them.
 inline void copyFew(void* dest, const void* source, std::uint32_t size) {
     auto* to = static_cast<unsigned char*>(dest);
     const auto* from = static_cast<const unsigned char*>(source);
@@ -52,8 +52,8 @@ void ORVA_FileStream::Data::markClean() {
 }
 
 std::uint32_t ORVA_FileStream::Read(void* buffer, std::uint32_t size) {
-    const bool plainRoad = areFew(size) && fMultiThreadReading < fPreReading;  // each is 0 or 1
-    const unsigned char* source = plainRoad ? fData->servedFromBuffer(fStreamPos, size) : nullptr;
+    const bool fastPath = areFew(size) && fMultiThreadReading < fPreReading;  // each is 0 or 1
+    const unsigned char* source = fastPath ? fData->servedFromBuffer(fStreamPos, size) : nullptr;
     if (source == nullptr) return readRequest(buffer, size);
     fStreamPos += size;
     copyFew(buffer, source, size);
@@ -95,7 +95,7 @@ std::uint32_t ORVA_FileStream::writeRequest(const void* buffer, std::uint32_t si
     return size - request._size;
 }
 
-// Past the buffer, which stays as it is.
+// Reads past the buffer, which stays as it is.
 void ORVA_FileStream::Data::ReadDirect(ReadRequest& request, std::uint32_t size) {
     Flush();
     const std::uint32_t count = pRealFile->Read(request._buffer, size, request._pos);
@@ -124,7 +124,7 @@ void ORVA_FileStream::DisableMultiThreadReading() {
     fMultiThreadReading = 0;
 }
 
-// Every file read of this path goes through the worker, so a request of a block or more passes the buffer too.
+// Every file read of this path goes through the worker, so even a request of a block or more goes through the buffer.
 void ORVA_FileStream::Data::ReadThreaded(ReadRequest& request) {
     ReadFromBuffer(request);
     while (request._size > 0) {
@@ -143,9 +143,9 @@ void ORVA_FileStream::Data::LoadBlock(std::int64_t position) {
 
 void ORVA_FileStream::Data::ReadUnbuffered(ReadRequest& request) {
     if (request._size < kBlockSize) return;
-    // Behind the buffered end of an enciphered file no block begins: the read through the buffer is left with the rest.
+    // An enciphered file is read from block boundaries only: the buffered read serves other positions.
     if (request._pos % pRealFile->granule() != 0) return;
-    // The read stops where the block read after it starts.
+    // Stops where the block that is read next begins.
     const std::int64_t reach =
         std::min<std::int64_t>(request._size, std::numeric_limits<std::int64_t>::max() - request._pos);
     const std::int64_t end = pRealFile->readPlace(request._pos + reach);
@@ -163,7 +163,7 @@ void ORVA_FileStream::Data::ReadBuffered(ReadRequest& request) {
     }
 }
 
-// A read that fails half-way leaves bytes of two places in the buffer, so no range stands after it.
+// Empties the buffer before a read into it: one that fails half-way leaves bytes of two places there.
 void ORVA_FileStream::Data::emptyBuffer() {
     Flush();
     dropBuffer();
@@ -175,7 +175,7 @@ void ORVA_FileStream::Data::placeBlock(std::int64_t block, std::uint32_t count) 
     bEndOfFile = count == 0;
 }
 
-// What is left of a request once it has filled the buffer goes on behind it.
+// Once the request has filled the buffer, its rest goes on behind it.
 void ORVA_FileStream::Data::Write(WriteRequest& request) {
     while (request._size > 0) {
         if (!joinsBuffer(request._pos)) {
@@ -191,8 +191,8 @@ void ORVA_FileStream::Data::Write(WriteRequest& request) {
     }
 }
 
-// A write may begin among the valid bytes or exactly at their end, so that the buffer never holds a gap. Bytes that are
-// to be appended it only goes on behind, as they all go to the end of the file.
+// True if a write may go into the buffer: it begins among the valid bytes or exactly at their end, so that the buffer
+// never holds a gap. When appending, it has to follow the pending bytes, as all go to the end of the file.
 bool ORVA_FileStream::Data::joinsBuffer(std::int64_t position) const {
     if (pRealFile->Appends()) return position == fDirtyEnd;
     const bool among = fBufferEnd != fBuffer && position >= fpos && offsetOf(position) <= buffered();
@@ -211,9 +211,9 @@ void ORVA_FileStream::Data::copyIn(WriteRequest& request) {
     if (target + count == fBuffer + kBlockSize) Flush();
 }
 
-// How many of the request's bytes go to the file at once; 0: they start the buffer. What is appended may only name the
-// end of the data, where it will stand, and a block that waits there takes its rest at once, before a copy of the
-// stream can pad it. Over data that the mode can't read to complete them, bytes are the file's to take or to refuse.
+// How many bytes of the request go straight to the file; 0 if they start the buffer. On an enciphered file, an
+// appending write has to begin at the end of the data and completes a block that waits there at once, before a copy of
+// the stream can pad it. If the mode cannot read the data under a write, the file itself takes or refuses the bytes.
 std::uint32_t ORVA_FileStream::Data::sizePastBuffer(const WriteRequest& request) {
     const std::uint32_t granule = pRealFile->granule();
     const auto inBlock = static_cast<std::uint32_t>(request._pos % granule);
@@ -226,9 +226,9 @@ std::uint32_t ORVA_FileStream::Data::sizePastBuffer(const WriteRequest& request)
     return inBlock == 0 && request._size >= kBlockSize ? request._size - request._size % granule : 0;
 }
 
-// Past the buffer. Buffered bytes that the write covers are dropped first: they may neither be served to a later read
-// nor written back over the new ones. So is the buffer of an enciphered file, behind which data may stand now that the
-// mode can't read to complete a block that grows into them.
+// Writes past the buffer. Drops buffered bytes that the write covers: they must neither serve a later read nor be
+// written back over the new ones. Drops the buffer of an enciphered file anyway: data may now stand behind it that the
+// mode cannot read to complete a block that grows into them.
 void ORVA_FileStream::Data::writeDirect(WriteRequest& request, std::uint32_t size) {
     const std::int64_t begin = request._pos;
     const bool overlaps = begin < fpos + buffered() && fpos < begin + size;
@@ -236,7 +236,7 @@ void ORVA_FileStream::Data::writeDirect(WriteRequest& request, std::uint32_t siz
     writeFile(request, size);
 }
 
-// The buffer begins on a multiple of the granule: with what the file holds before `position`, and zeros in a gap.
+// Starts the buffer on a multiple of the granule, with what the file holds before `position`, and zeros in a gap.
 void ORVA_FileStream::Data::startBuffer(std::int64_t position) {
     dropBuffer();
     const auto inBlock = static_cast<std::uint32_t>(position % pRealFile->granule());
@@ -248,8 +248,8 @@ void ORVA_FileStream::Data::startBuffer(std::int64_t position) {
     fpos = position - inBlock;
 }
 
-// Whole blocks, or up to where the data end: the file may have more of the last block than the buffer. What is appended
-// goes to the end, where a copy of the stream may have appended meanwhile; an enciphered file wants that place named.
+// Writes whole cipher blocks, or up to the end of the data: the file may have more of the last block than the buffer.
+// Appended bytes go behind those that a copy of the stream has appended; an enciphered file needs that offset named.
 void ORVA_FileStream::Data::Flush() {
     if (fBufferEnd == fBuffer || !bDirty || !pRealFile->IsOpen()) return;
     const bool appends = pRealFile->Appends();
@@ -266,8 +266,7 @@ void ORVA_FileStream::Data::Flush() {
     appends ? dropBuffer() : markClean();
 }
 
-// A gap needs no bytes: the file gives zeros for what nobody wrote. Only those that wait for the rest of their block
-// get it.
+// A gap needs no bytes, as the file gives zeros where nobody wrote. Only a block that waits is filled up with them.
 void ORVA_FileStream::Data::fillGap(std::int64_t position) {
     static constexpr unsigned char zeros[CIPHER_BLOCK_SIZE] = {};
     const std::int64_t end = pRealFile->dataEnd();
@@ -275,8 +274,8 @@ void ORVA_FileStream::Data::fillGap(std::int64_t position) {
     if (rest > 0 && end % CIPHER_BLOCK_SIZE != 0) pRealFile->Write(zeros, static_cast<std::uint32_t>(rest), end);
 }
 
-// A block read ahead that the write touches is out of date, also when the write fails half-way; what is appended goes
-// to the end, wherever that is. What a failed write has appended all the same must not be appended again.
+// A block read ahead that the write touches is out of date, even if the write fails half-way; an appending write goes
+// to the end, wherever that is. Bytes that a failed write has appended must not be appended again.
 void ORVA_FileStream::Data::writeFile(WriteRequest& request, std::uint32_t size) {
     struct note {
         multiThreadForFilestr* worker;

@@ -30,7 +30,7 @@ std::uint32_t multiThreadForFilestr::getBlock(void* buffer, std::uint32_t size, 
     } else {
         count = pFile->Read(buffer, stBlockSize, position);
     }
-    // No block begins past the last place that there can be.
+    // No block begins past the largest offset.
     if (position <= std::numeric_limits<std::int64_t>::max() - size) turn.readAhead(position + size);
     return count;
 }
