@@ -168,7 +168,6 @@ void pendingFile::holdReplaced() {
 
 // Exclusive creation: in a directory that others can write to, nobody can have put a link there. The file is never open
 // to more users than the finished one, and its owner can write to it until then, whatever the umask.
-// the finished file, and its user can write to it until then, whatever the umask.
 void pendingFile::create(bool replaces) {
     const auto mode = static_cast<int>((replaces ? kOwners : fPermissions) & fs::perms::all);
     int descriptor = -1;
