@@ -143,10 +143,12 @@ unsigned int ORVA_File::Read(void* buffer, unsigned int byteSize, std::int64_t b
 
 unsigned int ORVA_File::ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     const ktGuard guard(fMutex, ktMutex::Recursive);
-    fReadsAhead = true;
-    const unsigned int count = Read(buffer, byteSize, byteOffset);
-    fReadsAhead = false;
-    return count;
+    struct during {
+        bool& ahead;
+        ~during() { ahead = false; }
+    };
+    const during transfer{fReadsAhead = true};
+    return Read(buffer, byteSize, byteOffset);
 }
 
 unsigned int ORVA_File::Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
@@ -237,7 +239,7 @@ void ORVA_File::refuseWrite(int error) {
 }
 
 void ORVA_File::fail(long code, int error) {
-    if (!std::exchange(fReadsAhead, false)) fGood.store(false, std::memory_order_relaxed);
+    if (!fReadsAhead) fGood.store(false, std::memory_order_relaxed);
     if (fEncrypted && code == kWriteFailed && error == EINVAL)
         orva::throwFileError(error, code, fName.GetGeneric(), kWholeBlocks);
     orva::throwFileError(error, code, fName.GetGeneric());
