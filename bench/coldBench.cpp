@@ -61,7 +61,7 @@ void makePart(const std::string& name, const unsigned char* rows, std::size_t si
     stream.Close();
 }
 
-// The rows behind S.
+// The rows after S.
 double reading(const std::string& name, std::size_t size) {
     return wallSeconds([&] {
         const std::unique_ptr<std::byte[]> to(new std::byte[size]);

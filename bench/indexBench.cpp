@@ -48,7 +48,7 @@ std::shared_ptr<Index> regular(std::uint32_t length) {
     return made(1'000, [length] { return static_cast<std::int32_t>(length); });
 }
 
-// Flushed every few rows, behind a dictionary part of absurd length: every guess is far off.
+// Flushed every few rows, after a dictionary part of absurd length: every guess is far off.
 std::shared_ptr<Index> shortBlocks() {
     return made(kTerabyte,
                 [engine = std::mt19937(1)]() mutable { return static_cast<std::int32_t>(1 + engine() % 999); });

@@ -1,6 +1,6 @@
 // Appends to a file: finished, abandoned, or interrupted and rolled back, with its side file as written or changed in
 // any way. A refused call changes nothing; after any other end the rows are the old ones, with or without the new ones
-// behind them.
+// after them.
 #include "fuzzTarget.h"
 
 using namespace fuzz;

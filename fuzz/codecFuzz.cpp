@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (Bytes hostile : {block, deflateRoundTrip(block)}) {
         inflated(hostile.data(), hostile.size(), room);
         hostile[place % hostile.size()] ^= damage;
-        hostile.push_back(damage);  // behind the stream's end, if it still has one
+        hostile.push_back(damage);  // after the stream's end, if it still has one
         inflated(hostile.data(), hostile.size(), room);
         const Bytes own = withChecksum(slice(hostile, kHeader, hostile.size()));
         inflated(own.data(), own.size(), room);

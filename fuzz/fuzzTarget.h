@@ -39,7 +39,7 @@ struct Input : Choices {
 };
 
 // The bytes that `codec` writes into a room of this size, as many as it returns. Sanitizers do not see into the
-// engines, so the bytes behind the room are checked.
+// engines, so the bytes after the room are checked.
 template <class Codec>
 Bytes filled(std::uint32_t room, Codec codec) {
     constexpr std::ptrdiff_t guard = 64;

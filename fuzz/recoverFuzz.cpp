@@ -15,7 +15,7 @@ std::vector<Bytes> streamsOf(const Bytes& file) {
     return streams;
 }
 
-// The rows are streams, one behind the other.
+// The rows are streams, one after the other.
 bool madeOf(const std::vector<Bytes>& streams, const Bytes& rows) {
     std::set<std::size_t> ends{0};
     for (const std::size_t end : ends) {
@@ -31,7 +31,7 @@ Bytes withoutLost(Bytes rows, const orva::recoverReport& report) {
     for (auto lost = report.lost.rbegin(); lost != report.lost.rend(); ++lost) {
         const std::int64_t at = lost->begin - report.part.row0Pos;
         const std::int64_t size = lost->end - lost->begin;
-        if (lost->estimated && at == std::ssize(rows)) continue;  // nothing comes behind it
+        if (lost->estimated && at == std::ssize(rows)) continue;  // nothing comes after it
         require(at >= 0 && size > 0 && size <= std::ssize(rows) - at, "lost rows are filled");
         require(std::count(rows.begin() + at, rows.begin() + at + size, 0) == size, "lost rows are zeros");
         rows.erase(rows.begin() + at, rows.begin() + at + size);

@@ -21,7 +21,7 @@ public:
 
     // Returns the number of bytes read; fewer than `size` only at the end.
     std::uint32_t read(void* buffer, std::uint32_t size);
-    // Writes the rest of the input behind the writer's rows. It is read into the writer's memory; a regular file by as
+    // Writes the rest of the input after the writer's rows. It is read into the writer's memory; a regular file by as
     // many threads as the writer has. `passed` is called with the bytes of each step, on one thread at a time.
     void readInto(orva::Writer& rows, const std::function<void(std::int64_t)>& passed);
     std::vector<std::byte> readAll();

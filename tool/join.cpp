@@ -1,4 +1,4 @@
-// join: puts the rows of finished files one behind the other; compressed blocks are copied as they are.
+// join: puts the rows of finished files one after the other; compressed blocks are copied as they are.
 #include "failure.h"
 #include "input.h"
 #include "output.h"

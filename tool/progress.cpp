@@ -64,7 +64,7 @@ std::int64_t progress::bytesPerSecond() const {
     return std::llround(static_cast<double>(fDone) / std::max(secondsSinceStart(), 1e-6));
 }
 
-// The last column stays free, since a terminal wraps behind it. The bar gives way to the numbers.
+// The last column stays free, since a terminal wraps after it. The bar gives way to the numbers.
 void progress::draw() {
     const auto room = static_cast<std::size_t>(std::max(terminalWidth() - 1, 0));
     std::string line = humanSize(fDone) + "  " + humanSize(bytesPerSecond()) + "/s";

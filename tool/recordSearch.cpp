@@ -151,7 +151,7 @@ recordSearch::stretch recordSearch::probe(stretch left) const {
 
 std::int64_t recordSearch::first() {
     if (!fRange.isBelow(0)) return 0;
-    stretch left{0, fRecords};  // all before are below the range, all behind are not
+    stretch left{0, fRecords};  // all before are below the range, all after are not
     std::uint64_t before = 0;
     std::uint64_t behind = std::numeric_limits<std::uint64_t>::max();
     while (left.begin < left.end) {

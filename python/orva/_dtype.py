@@ -69,7 +69,7 @@ def _tuples(descr: Any) -> Any:
 
 
 def of_dictionary(part: bytes, path: str) -> np.dtype[Any] | None:
-    """The dtype that a dictionary part states for the rows behind it, or None."""
+    """The dtype that a dictionary part states for the rows after it, or None."""
     lines = part.decode("utf-8", "replace").split("\n", 2)
     if len(lines) < 3 or not lines[0].startswith(_FIRST) or not lines[1].startswith("dtype="):
         return None

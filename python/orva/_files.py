@@ -97,7 +97,7 @@ def info(path: PathLike, *, row0: int | None = None) -> FileInfo:
 def verify(
     path: PathLike, *, row0: int | None = None, threads: int = 1, progress: Progress = None
 ) -> VerifyReport:
-    """Inflates every block, and goes on behind a damaged one. threads and errors: as `orva.open`."""
+    """Inflates every block, and continues after a damaged one. threads and errors: as `orva.open`."""
     blocks, bad, index = _orva.verify(name_of(path), row0_of(row0), threads_of(threads), _called(progress))
     return VerifyReport(blocks, [BadBlock(block, Range(*rows), text) for block, rows, text in bad], index)
 
@@ -132,7 +132,7 @@ def roll_back(path: PathLike) -> Literal["nothing", "undone", "whole", "complete
 def join(
     sources: Iterable[PathLike], target: PathLike, *, replace: bool = False, progress: Progress = None
 ) -> JoinReport:
-    """Writes the rows of finished files, one behind the other, into the new file `target`, which keeps the first one's
+    """Writes the rows of finished files, one after the other, into the new file `target`, which keeps the first one's
     dtype. Blocks are copied as they stand. ValueError for no file, and if `target` is one of them."""
     names = [name_of(path) for path in paths_of(sources)]
     return JoinReport(*_orva.join(names, name_of(target), bool(replace), _called(progress)))

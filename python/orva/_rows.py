@@ -53,7 +53,7 @@ def _exact(number: Any) -> Any:
 class Rows:
     """The rows of a file as an array of one axis, or of more if rows are arrays themselves; opened by `orva.rows`.
 
-    Keys are those of numpy, along the first axis and behind it: an int, a slice, an array of ints or of bools, the name
+    Keys are those of numpy, along the first axis and after it: an int, a slice, an array of ints or of bools, the name
     of a field. The result is a new array, or one row. Whatever the key, each block that holds wanted rows is inflated
     once; a block is up to 4 MiB of rows.
 
@@ -226,7 +226,7 @@ class Rows:
     # In pieces.
 
     def _border(self, first: int) -> int:
-        """The first row that begins at or behind the end of as many blocks, from row `first` on, as there are
+        """The first row that begins at or past the end of as many blocks, from row `first` on, as there are
         threads."""
         at = first * self._row.itemsize
         for _ in range(self._opened.threads or os.cpu_count() or 1):
@@ -254,7 +254,7 @@ class Rows:
 
     def read_into(self, out: npt.NDArray[Any], first: int = 0) -> int:
         """Fills `out` with the rows from `first` on, as many as there are and fit, and returns their number. `out` must
-        be contiguous, writable, and of this dtype and shape behind the first axis; else ValueError, as for a `first`
+        be contiguous, writable, and of this dtype and shape after the first axis; else ValueError, as for a `first`
         below 0."""
         if not isinstance(out, np.ndarray) or out.dtype != self.dtype or out.ndim == 0 or out.shape[1:] != self.shape[1:]:
             raise ValueError(f"rows of {self._row} go into an array of that dtype")
@@ -282,7 +282,7 @@ class Rows:
         value = self._empty(1)
 
         def is_below(row: int, key: Any, aside: int) -> bool:
-            """Whether the key of `row` is below `key`. For a lost row the next sound one decides, behind it if `aside`
+            """Whether the key of `row` is below `key`. For a lost row the next sound one decides, after it if `aside`
             is 1, before it if -1; if there is none, the row counts as a possible match."""
             while 0 <= row < len(self):
                 found: Lost | None = [] if self._mask else None

@@ -198,7 +198,7 @@ def from_rows(
     partition_bytes: int = 1 << 26,
     storage_options: dict[str, Any] | None = None,
 ) -> Any:
-    """The rows of files, one behind the other, as a Dask array, or as a dataframe with a column for each field, whose
+    """The rows of files, one after the other, as a Dask array, or as a dataframe with a column for each field, whose
     index numbers the rows from 0. Fields of bytes become columns of objects, which `to_rows` refuses; arrays keep them.
 
     A partition ends with a block, or with the row that goes on into the next one: so at most two partitions inflate a

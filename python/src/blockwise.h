@@ -18,7 +18,7 @@ public:
     blockwise(const orva::Reader& reader, int blocks, std::vector<orva::Range>* lost)
         : fReader(reader), fBlocks(blocks), fLost(lost) {}
 
-    // Requests these rows. They must exist, and begin at or behind the start of the rows requested before.
+    // Requests these rows. They must exist, and begin at or past the start of the rows requested before.
     void want(orva::i64 offset, orva::Bytes to);
     // Reads what is still to be read. Must be called at the end.
     void finish();

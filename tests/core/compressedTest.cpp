@@ -65,7 +65,7 @@ TEST_P(CompressedWrite, AbandonGivesUpTheBlocksThatWait) {
     EXPECT_LE(writes, 1);
 }
 
-// A worker's failure is heard with the block behind.
+// A worker's failure is seen with the next block.
 TEST_P(CompressedWrite, AFailureLeavesThePositionBehindWhatWasTaken) {
     if (GetParam() == kSeveral) return;
     for (const std::size_t before : {0, 5}) {
@@ -93,7 +93,7 @@ TEST_P(CompressedWrite, CannotBeginWithoutRoomForABlockOrTheFileAndMayTryAgain) 
     finish(*stream, Bytes(10, 'x'), {10});
 }
 
-// The rows begin behind 4 GiB, where the guess of a look-up is never right, so only a gap gives no answer.
+// The rows begin beyond 4 GiB, where the guess of a look-up is never right, so only a gap gives no answer.
 struct CompressedRead : ShortBlocks, testing::WithParamInterface<int> {
     CompressedRead() { makeFile(fName, fBlocks, kFar, GetParam() == 2 ? 1 : GetParam()); }
     std::int64_t row(std::size_t block) const { return fLayout.records[block].orginalPos + kFar - kRow0; }
@@ -131,7 +131,7 @@ TEST_P(CompressedRead, WhatIsLoadedOrCachedCostsNoFileCall) {
     EXPECT_EQ(loads(0), '1') << "a file that is opened anew";
 }
 
-// A false record, about the bytes of its block or about its rows; the latter leaves a gap behind them.
+// A false record, about the bytes of its block or about its rows; the latter leaves a gap after them.
 TEST_P(CompressedRead, ADamagedBlockOrAGapIsRefusedAndTheOthersStayReadable) {
     const std::int64_t index = fLayout.heading._indexPos + kFar - kRow0;
     const auto lie = [&](std::int64_t record, std::int64_t field, const Bytes& value) {

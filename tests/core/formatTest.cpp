@@ -58,7 +58,7 @@ TEST(ZlibCodec, AHigherLevelIsWorthItsTimeAndNeedsItsRoom) {
 TEST(ZlibCodec, NoiseInPartCostsNoRatio) {
     const struct {
         const char* name;
-        std::size_t begin, count, every;  // of each `every` bytes behind `begin`, up to `count`, the first repeats
+        std::size_t begin, count, every;  // of each `every` bytes after `begin`, up to `count`, the first repeats
     } cases[] = {
         {"AHundredthAndAHalfAtSomePlace", 1'234'567, kBlock / 64, 1},
         {"AByteOfEight", 0, kBlock, 8},

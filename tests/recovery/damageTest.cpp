@@ -240,7 +240,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
         expectRecovered(unfinished(file), guesses[i], dropped, {kPart, false, true});
         expectRecovered(swapped(file, kRow0), kLost[i], rows, {});
         EXPECT_TRUE(fReport.part.swapped);
-        // Removing or inserting bytes moves everything behind them, the index too.
+        // Removing or inserting bytes moves everything after them, the index too.
         const auto at = static_cast<std::size_t>(fLayout.records[i].translatePos) + 5;
         for (const std::size_t from : {at - 2, at + 1, at + 7}) {
             expectRecovered(slice(fBytes, 0, at) + slice(fBytes, from, fBytes.size()), kLost[i], rows);
@@ -266,7 +266,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     // Nor does a heading that points to no index, if another one does.
     expectRecovered(with(fBytes, 100, bytesOf(compressionHeading{100, 500, kRecordSize})), "", fAll, {});
     EXPECT_EQ(fReport.part.row0Pos, kRow0);
-    // Finds the block behind the damage wherever it falls in a search window.
+    // Finds the block after the damage wherever it falls in a search window.
     const Bytes head = slice(unfinished(fBytes), 0, second);
     const Bytes tail = slice(fBytes, second, fLayout.records[1].translateSize);
     for (std::size_t gap = (1U << 18) - 24; gap < (1U << 18) + 2; ++gap) {
@@ -282,7 +282,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     const Bytes records = slice(fBytes, index, 4 * kRecordSize);
     expectRecovered(slice(fBytes, 0, fLayout.records[2].translatePos) + records, kLost[2], rowsWithout(4));
     EXPECT_THAT(recover(slice(fBytes, 0, kRow0 + kHeadingSize) + records), HasSubstr("no block of compressed rows"));
-    // Behind the place of a lost index only blocks that continue the part count, and no index of blocks at other
+    // After the place of a lost index only blocks that continue the part count, and no index of blocks at other
     // places, which is another file's.
     expectRecovered(with(fBytes, index, {1}) + stream, "", fAll);
     Layout other = fLayout;
@@ -299,7 +299,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     EXPECT_EQ(failureOf([&] { orva::recover(fFile, path("link"), {}); }), fileError(1002, EINVAL, path("link")));
 }
 
-// Streams that hold much and end wrong could be tried for ever. What is missing then lies behind the last block found.
+// Streams that hold much and end wrong could be tried for ever. What is missing then lies after the last block found.
 TEST_F(DamageTest, WhatLooksLikeBlocksOrIndexesIsTriedForAWhile) {
     for (const Bytes& mark : {Bytes{0x78, 0x01}, bytesOf(filePosRecord{-100, 0, 1, INT32_MAX})}) {
         Bytes file = unfinished(damaged(4));
@@ -429,7 +429,7 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
     costs(3, "", {{0, {1}}, {kFar, slice(withLayout(fBytes, moved), kRow0, fBytes.size())}});
 }
 
-// Each gap is searched from its own place, without a window of its own. An index whose records all point behind each of
+// Each gap is searched from its own place, without a window of its own. An index whose records all point after each of
 // many gaps, to nothing, does not cost a trial for each record and gap.
 TEST_F(DamageTest, ManyGapsAreReadOnceAndManyRecordsEndInTime) {
     Bytes file = slice(unfinished(fBytes), 0, kRow0 + kHeadingSize);
@@ -456,7 +456,7 @@ TEST_F(DamageTest, ManyGapsAreReadOnceAndManyRecordsEndInTime) {
     expectInChild([&] { EXPECT_EQ(orva::recover(fFile, fOut, {kPart, false, true}).blocks, 20'000); });
 }
 
-// The old heading of an append that ended early: blocks behind the old index were never finished.
+// The old heading of an append that ended early: blocks after the old index were never finished.
 TEST_F(DamageTest, AnInterruptedAppendIsToldApart) {
     for (const Append& append : std::span(kAppends).first(kWriting)) {
         SCOPED_TRACE(append.name);

@@ -246,7 +246,7 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
         return found && (*found == append.newRows() || (!ended && *found == append.oldRows()));
     };
     killEverywhere(old, run, [&] {
-        // Once the new heading is there, it counts, whatever stands behind its blocks.
+        // Once the new heading is there, it counts, whatever follows its blocks.
         if (rowsIfFinished() != append.newRows()) expectCompleteBlocks();
     });
     // On the same disk an append that is not safe loses old rows.

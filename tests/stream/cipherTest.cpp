@@ -43,7 +43,7 @@ TEST_F(Cipher, AStreamEndsWholeWithItsProcess) {
 struct WriteCase {
     const char* name;
     bool taken;
-    std::size_t held;  // bytes in the file; those behind the last whole block are pending, or padded if finished
+    std::size_t held;  // bytes in the file; those after the last whole block are pending, or padded if finished
     std::int64_t offset;
     std::size_t size;
     bool finished = false;

@@ -111,7 +111,7 @@ public:
             at += count;
             return count;
         });
-        // Damage leaves it behind the rows delivered before.
+        // Damage leaves it after the rows delivered before.
         at = std::max(at, stream.Tell());
         require(stream.Tell() == at, "the position moves by what was read");
     }
@@ -209,7 +209,7 @@ private:
         require(readBytes(name) == data, "what is refused, or had written nothing, changes nothing");
         require(readBytes(sideName) == side, "a side file stays exactly where it is refused");
     }
-    // Except for bytes in a gap before the index and behind it, which have no meaning.
+    // Except for bytes in a gap before the index and after it, which have no meaning.
     void requireRestored() const {
         const Bytes now = readBytes(name);
         const auto same = [&](auto begin, auto size) { return slice(now, begin, size) == slice(file, begin, size); };

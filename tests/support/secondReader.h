@@ -27,7 +27,7 @@ inline Inflated byZlib(const unsigned char* from, std::size_t size, std::size_t 
     return made;
 }
 
-// The rows of all whole streams from `at` on, each directly behind the one before.
+// The rows of all whole streams from `at` on, each directly after the one before.
 inline Bytes standingRows(const Bytes& file, std::int64_t at) {
     Bytes rows;
     while (at < std::ssize(file)) {

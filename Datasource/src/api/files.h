@@ -63,7 +63,7 @@ struct VerifyReport {
     bool sound() const { return bad.empty() && index.empty(); }
 };
 
-// Inflates every block, and goes on behind a damaged one. Throws as opening a Reader does.
+// Inflates every block, and continues after a damaged one. Throws as opening a Reader does.
 ORVA_API VerifyReport verify(const Path& path, const VerifyOptions& options = {});
 // The same for the file that `reader` has open, even if another has its name by now; `row0` is ignored.
 ORVA_API VerifyReport verify(const Reader& reader, const VerifyOptions& options = {});
@@ -134,7 +134,7 @@ struct JoinReport {
     i64 stored = 0;  // bytes of their compressed blocks
 };
 
-// Writes the rows of finished files, one behind the other, into the new file `to`. Blocks are copied as they stand;
+// Writes the rows of finished files, one after the other, into the new file `to`. Blocks are copied as they stand;
 // only the last one of each file, which an append would rewrite, is inflated as a check. UsageError for no file, for
 // files of different byte orders, and if `to` is one of them; FileChangedError if one was written to meanwhile.
 ORVA_API JoinReport join(std::span<const Path> from, const Path& to, const JoinOptions& options = {});

@@ -14,7 +14,7 @@ namespace orva {
 
 namespace {
 
-// Covers most dictionary parts with the heading behind them, so that one read is enough.
+// Covers most dictionary parts with the heading after them, so that one read is enough.
 constexpr std::int64_t kFirstRead = 4096;
 
 class headingSearch {
@@ -105,7 +105,7 @@ private:
         refuse("has no heading at " + where + ": check row0, and that its writer has finished");
     }
 
-    // Nothing needs to stand behind the index of a part. A part there may be the one that was meant: a finished file
+    // Nothing needs to follow the index of a part. A part there may be the one that was meant: a finished file
     // can serve as the dictionary part of another, and would be found first.
     void refuseSecond(const foundHeading& found) const {
         const foundPart first{found.heading._caseStartPos, found.swapped};

@@ -98,7 +98,7 @@ public:
     std::vector<std::byte> dictionary() const;
     std::vector<Block> blocks() const;
     // The end of the block that holds `offset`, in time logarithmic in the number of blocks; `offset` itself at or
-    // behind the end of the rows. UsageError for an offset below 0.
+    // past the end of the rows. UsageError for an offset below 0.
     i64 end_of_block(i64 offset) const;
     // Divides the rows into at most `count` consecutive ranges of about equal length. Each begins with a block as far
     // as records of `record_size` allow, so that hardly any block is inflated for two of them. UsageError for arguments
@@ -106,7 +106,7 @@ public:
     std::vector<Range> splits(int count, i64 record_size = 1) const;
 
     // Reads the rows from `offset` on into `to` and returns the number of bytes: fewer than `to` takes only at the end
-    // of the rows, 0 at or behind it. A failure leaves `to` undefined. UsageError for an offset below 0.
+    // of the rows, 0 at or past it. A failure leaves `to` undefined. UsageError for an offset below 0.
     std::size_t read_at(i64 offset, Bytes to) const;
     // As read_at for each request, in any order, but inflates each block once for all of them, and sets each `got`. The
     // requests must not share memory. A failure leaves memory and counts undefined, except that the rows before the

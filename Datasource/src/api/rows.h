@@ -99,7 +99,7 @@ private:
     std::optional<Reader> fReader;
     std::vector<std::byte> fBytes;
     std::size_t fAt = 0;  // position of the current row in fBytes
-    i64 fNext = 0;        // offset of the rows behind fBytes
+    i64 fNext = 0;        // offset of the rows after fBytes
 };
 
 template <class T>

@@ -94,7 +94,7 @@ public:
 
     // Bytes of rows in the file, including those before an append.
     i64 size() const;
-    // Makes a finished file of the rows so far, as finish() does, and continues behind them: they stay, whatever
+    // Makes a finished file of the rows so far, as finish() does, and continues after them: they stay, whatever
     // follows. If rows came since the last block, this ends a block short, which the next call makes anew: with blocks
     // of 4 MiB a call costs milliseconds beside its syncs, however few the rows, with 64 KiB about a tenth of a
     // millisecond.

@@ -47,7 +47,7 @@ deflatedBlock deflateBlock(zlibCompressBlock& codec, std::int32_t level, const u
                            unsigned char* scratch);
 
 // Writes the output of deflateBlock at the file offset `place` and adds its record, or its two records after both
-// writes. `pos` is the block's logical position. Returns the file offset behind the written bytes.
+// writes. `pos` is the block's logical position. Returns the file offset after the written bytes.
 std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBlock& deflated,
                            const unsigned char* scratch, std::int64_t pos, std::int64_t place);
 

@@ -33,7 +33,7 @@ static_assert(sizeof(compressionHeading) == 24 && sizeof(filePosRecord) == 24);
 inline constexpr std::int64_t kHeadingSize = sizeof(compressionHeading);
 inline constexpr std::int64_t kRecordSize = sizeof(filePosRecord);
 
-// No part can begin behind this: its first block must end within the signed 64-bit range.
+// No part can begin after this: its first block must end within the signed 64-bit range.
 inline constexpr std::int64_t kLastRow0Pos = INT64_MAX - kHeadingSize - kBlockSize;
 
 // Values of orginalPos: in the first record of an index, and in findRecord's result for a position that no block holds.

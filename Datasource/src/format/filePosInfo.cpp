@@ -20,7 +20,7 @@ bool holds(const filePosRecord* records, std::int64_t number, std::int64_t last,
            (number == last || pos < records[number + 1].orginalPos);
 }
 
-// The first record that begins behind `pos`, or `end`.
+// The first record that begins after `pos`, or `end`.
 const filePosRecord* firstBehind(const filePosRecord* begin, const filePosRecord* end, std::int64_t pos) {
     return std::upper_bound(begin, end, pos,
                             [](std::int64_t p, const filePosRecord& record) { return p < record.orginalPos; });

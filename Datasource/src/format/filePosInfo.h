@@ -72,7 +72,7 @@ public:
     std::uint32_t parsedCount() const { return static_cast<std::uint32_t>(fParsed.size()); }
     const filePosRecord& parsed(std::uint32_t number) const { return fParsed[number]; }
     std::uint32_t blockSize() const { return fBlockSize; }
-    // Logical position behind the last parsed block, or `otherwise` without one.
+    // Logical position after the last parsed block, or `otherwise` without one.
     std::int64_t dataEnd(std::int64_t otherwise) const;
 
     // Sets the length of the file, which no block can pass. Unlimited at first.
