@@ -21,7 +21,7 @@ namespace {
 class joinVerb final : public verb {
 public:
     void addOptions(CLI::App& command) override {
-        command.add_option("FILE", fInputs, "Finished files, one behind the other")->required();
+        command.add_option("FILE", fInputs, "Finished files, in this order")->required();
         command.add_option("--row0", fPart.row0, "The file offset where the compressed part begins in each of them")
             ->option_text("S")
             ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));

@@ -28,7 +28,7 @@ struct namedVerb {
 };
 constexpr namedVerb kVerbs[] = {
     {"pack", "Compress rows into a finished file", makePack},
-    {"join", "Put the rows of finished files into one, without inflating them", makeJoin},
+    {"join", "Put the rows of finished files into one by copying their blocks", makeJoin},
     {"cat", "Write rows to standard output, whole or in ranges", makeCat},
     {"append", "Add rows to a finished file; a failure leaves it as it was", makeAppend},
     {"info", "Show what a file holds", makeInfo},

@@ -25,7 +25,7 @@ namespace {
 class packVerb final : public verb {
 public:
     void addOptions(CLI::App& command) override {
-        command.add_option("IN", fInputs, "Files of rows, one behind the other; - is standard input")->required();
+        command.add_option("IN", fInputs, "Files of rows, in this order; - is standard input")->required();
         command.add_option("-o,--output", fOut, "The file to make; without it IN.orva, if there is one IN")
             ->option_text("FILE");
         command.add_option("--dict", fDict, "A file whose bytes become the dictionary part")->option_text("FILE");
