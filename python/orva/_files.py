@@ -133,6 +133,7 @@ def join(
     sources: Iterable[PathLike], target: PathLike, *, replace: bool = False, progress: Progress = None
 ) -> JoinReport:
     """Writes the rows of finished files, one after the other, into the new file `target`, which keeps the first one's
-    dtype. Blocks are copied as they stand. ValueError for no file, and if `target` is one of them."""
+    dtype. Blocks are copied as they are; only the last one of each file is inflated, as a check. ValueError for no
+    file, and if `target` is one of them."""
     names = [name_of(path) for path in paths_of(sources)]
     return JoinReport(*_orva.join(names, name_of(target), bool(replace), _called(progress)))

@@ -289,8 +289,8 @@ def to_rows(collection: Array | DataFrame, path: PathLike) -> None:
     name.
 
     Each partition becomes a file in the directory `path`.parts, written by the worker that has computed it. This
-    process then joins the files, without inflating a block, and removes the directory. So the workers and this process
-    need the directory under one name. A task may be repeated, even while it still runs elsewhere.
+    process then joins the files, which inflates only the last block of each, and removes the directory. So the workers
+    and this process need the directory under one name. A task may be repeated, even while it still runs elsewhere.
 
     Errors: those of the tasks; ValueError for partitions of another dtype than the collection's, or of objects;
     FileExistsError if `path`.parts exists, from a call at work or from one that was killed. After an error no new file

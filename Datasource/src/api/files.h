@@ -106,7 +106,7 @@ ORVA_API RecoverReport recover(const Path& from, const Path& to, const RecoverOp
 enum class RollBack : std::uint8_t {
     nothing,    // no append was interrupted
     undone,     // the file holds the rows from before the append
-    whole,      // the file is sound as it stands, with or without the append's rows; only its side file was left
+    whole,      // the file is sound as it stands, with or without the append's rows; only a side file was left over
     completed,  // all rows of the append were there; the file now holds them
 };
 
