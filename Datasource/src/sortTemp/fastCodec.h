@@ -36,7 +36,7 @@ std::uint32_t fastDeflateRoom(std::uint32_t size) noexcept;
 
 #else
 
-// What engines that are not there answer.
+// Without the engines no call returns a result.
 inline constexpr auto fastDeflate = [](auto...) -> std::optional<blockOutcome> { return std::nullopt; };
 inline constexpr auto fastInflate = fastDeflate, fastStore = fastDeflate;
 inline constexpr auto fastSeesNoise = [](auto...) { return false; };
