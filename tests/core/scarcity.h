@@ -1,5 +1,5 @@
-// Scarcity: makes the k-th request of one kind fail: a call of the system or of the cipher, an allocation, the memory of
-// a codec, a thread. It strikes only inside heard(), on any thread. Needs a program of its own, since it replaces
+// Scarcity: makes the k-th request of one kind fail: a call of the system or of the cipher, an allocation, the memory
+// of a codec, a thread. It strikes only inside heard(), on any thread. Needs a program of its own, since it replaces
 // operator new and more.
 #pragma once
 

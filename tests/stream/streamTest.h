@@ -91,7 +91,8 @@ private:
 };
 
 // Records each call of the library as one, even if the system needed several: "R 512+1000" is a read at offset 512 that
-// asked for 1,000 bytes, "W" a write; lower case if another thread than the test's made it. "E" ends a run of the cipher.
+// asked for 1,000 bytes, "W" a write; lower case if another thread than the test's made it. "E" ends a run of the
+// cipher.
 class FileCalls : public CallHook {
 public:
     // The calls since the last time, separated by ", ". Only while no call is under way: another thread's may be
