@@ -16,7 +16,7 @@ namespace {
 
 class inlineSink final : public blockSink {
 public:
-    // `breach`: a setting has promised a thread, and there is none.
+    // `breach`: a setting asks for a thread that a sink does not have.
     inlineSink(const sinkPlace& at, bool breach) : fAt(at), bBreach(breach) {}
     void put(const unsigned char* rows, std::uint32_t size) override {
         ORVA_ASSERT(!bBreach, "fpIOThread != 0");
@@ -33,12 +33,12 @@ private:
     blockBuffer fDeflated;
 };
 
-// A worker whose threads end with it.
+// A worker that ends its threads when it is destroyed.
 template <class Worker>
-class road : public Worker {
+class scoped : public Worker {
 public:
     using Worker::Worker;
-    ~road() override {
+    ~scoped() override {
         this->stopThreads();
         this->destroyThreads();
     }
@@ -46,10 +46,10 @@ public:
 };
 
 template <class Worker>
-class sinkRoad final : public road<Worker> {
+class workerSink final : public scoped<Worker> {
 public:
-    explicit sinkRoad(const sinkPlace& at, auto... threads)
-        : road<Worker>(&at.file, &at.index, at.chosen.blockLength, at.pos, at.place, threads..., at.chosen.level) {}
+    explicit workerSink(const sinkPlace& at, auto... threads)
+        : scoped<Worker>(&at.file, &at.index, at.chosen.blockLength, at.pos, at.place, threads..., at.chosen.level) {}
     void end(bool drop) override {
         if (drop) this->drop();
         this->putBlock(nullptr, 0, 0);
@@ -60,7 +60,7 @@ public:
 
 class cachedSource final : public blockSource {
 public:
-    // More than the index has are never kept.
+    // Keeps no more blocks than the index has.
     cachedSource(std::unique_ptr<blockSource> source, const filePosInfo& index, std::uint32_t blocks)
         : blockSource(&index), fSource(std::move(source)), fBlocks(std::min(blocks, index.parsedCount())) {}
     const unsigned char* lend(std::uint32_t number) override {
@@ -85,7 +85,7 @@ private:
         blockBuffer rows;
         std::int64_t number = -1;
     };
-    // A block that is kept goes to the front; false for another one.
+    // Moves a block that is kept to the front; false if it is not kept.
     bool comesFirst(std::uint32_t number) {
         const auto held = std::ranges::find(fBlocks, std::int64_t{number}, &entry::number);
         if (held == fBlocks.end()) return false;
@@ -94,7 +94,7 @@ private:
     }
 
     const std::unique_ptr<blockSource> fSource;
-    std::vector<entry> fBlocks;  // the one used last in front
+    std::vector<entry> fBlocks;  // the most recently used one in front
 };
 
 }  // namespace
@@ -105,8 +105,8 @@ blockBuffer& blockSource::own() {
 }
 
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken) {
-    if (taken.threadCount != 0) return std::make_unique<sinkRoad<PreIOThread_Multi_W_C>>(at, taken.threadCount);
-    if (taken.multiThread == 1) return startedWorker(std::make_unique<sinkRoad<PreIOThread_W_C>>(at), false);
+    if (taken.threadCount != 0) return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(at, taken.threadCount);
+    if (taken.multiThread == 1) return startedWorker(std::make_unique<workerSink<PreIOThread_W_C>>(at), false);
     return std::make_unique<inlineSink>(at, taken.multiThread != 0);
 }
 
@@ -114,9 +114,9 @@ std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& inde
                                         std::uint32_t cachedBlocks) {
     std::unique_ptr<blockSource> source;
     if (taken.threadCount == 0 && taken.multiThread >= 2) {
-        source = startedWorker(std::make_unique<road<PreIOThread_R_D>>(&file, &index, kBlockSize), true);
+        source = startedWorker(std::make_unique<scoped<PreIOThread_R_D>>(&file, &index, kBlockSize), true);
     } else {
-        source = std::make_unique<road<PreIOThread_Multi_R_D>>(&file, &index, kBlockSize, taken.threadCount);
+        source = std::make_unique<scoped<PreIOThread_Multi_R_D>>(&file, &index, kBlockSize, taken.threadCount);
     }
     if (cachedBlocks != 0) source = std::make_unique<cachedSource>(std::move(source), index, cachedBlocks);
     return source;

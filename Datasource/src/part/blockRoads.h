@@ -1,9 +1,9 @@
-// Where a writer's blocks go and a reader's come from: by the caller's thread, by one of their own, or by several.
+// Sinks take a writer's blocks, sources give a reader's: on the caller's thread, one of their own, or several.
 //
-// Owner:   partWriter and partReader. File and index outlive sink and source. A parsed index stays as it is.
-// Threads: the caller's. In a forked child a sink can only be destroyed; a source goes on without its threads.
-// Failure: of a sink, the first failure of a block is thrown by put, room or end, and the blocks behind it are dropped.
-//          Of a source, what readBlock throws for the block that was asked for; it goes on serving the others.
+// Owner:   partWriter and partReader. File and index outlive sink and source. A parsed index does not change.
+// Threads: one caller. In a forked child a sink can only be destroyed; a source goes on without its threads.
+// Failure: put, room and end of a sink throw the first failure of a block, and the blocks behind it are dropped. A
+//          source throws what readBlock throws for the block that was asked for, and goes on serving the others.
 #pragma once
 
 #include "base/blockBuffer.h"
@@ -24,34 +24,34 @@ namespace orva {
 // The settings of setMultiThread and setThreadCount. Only makeSink and makeSource look at them.
 struct roads {
     std::int32_t multiThread = 0;   // 0: none; 1: a thread that writes; 2 and above: one that reads
-    std::uint32_t threadCount = 0;  // several threads, which outrank it
+    std::uint32_t threadCount = 0;  // several threads; if not 0, multiThread does not count
 };
 
 // The settings of setBlockLength and setCompressionLevel.
 struct choices {
-    std::uint32_t blockLength = kBlockSize;  // rows of a full block
+    std::uint32_t blockLength = kBlockSize;  // bytes of rows in a full block
     std::int32_t level = zlibCompressBlock::kFastestLevel;
 };
 
-// Fills all of `to` with the rows at that offset of a source, or throws. Called on several threads at once.
+// Fills all of `to` with the rows at `offset`, or throws. Called on several threads at once.
 using rowSource = std::function<void(std::int64_t offset, std::span<unsigned char> to)>;
 
 // Deflates, writes and records blocks in the order in which they come.
 class blockSink {
 public:
     virtual ~blockSink() = default;
-    // Memory of the sink's own for the rows of the next block, until the next put; null where it has none.
+    // Memory of the sink for the rows of the next block, valid until the next put; null if it has none.
     virtual unsigned char* room() { return nullptr; }
-    // Takes the next block. `rows` is free again at return; what stands in room() is not copied.
+    // Takes the next block. `rows` is free again at return; rows in room() are not copied.
     virtual void put(const unsigned char* rows, std::uint32_t size) = 0;
-    // Takes the next block, whose rows a thread of the sink will get from there; false from one without such threads.
+    // Takes the next block unfilled: a thread of the sink gets its rows from the source. False without such threads.
     virtual bool putFrom(const rowSource&, std::int64_t, std::uint32_t) { return false; }
-    // Until no thread asks a source of putFrom any more. Throws if one has failed.
+    // Waits until no thread calls a source of putFrom any more. Throws if one has failed.
     virtual void awaitRows() {}
-    // Once, and nothing after it: every block is in the file and in the index on return, or, with `drop`, what had not
-    // begun is given up. Throws a failure that no call has thrown, unless it is to drop.
+    // Called once and last. On return every block is in the file and in the index, or, with `drop`, blocks not begun
+    // have been dropped. Throws a failure that no call has thrown, unless `drop`.
     virtual void end(bool) {}
-    // It has made threads.
+    // True if it has made threads.
     virtual bool hasThreads() const { return false; }
 };
 
@@ -60,27 +60,27 @@ struct sinkPlace {
     ORVA_File& file;
     filePosInfo& index;
     choices chosen;
-    std::int64_t pos;    // logical
+    std::int64_t pos;    // logical position
     std::int64_t place;  // file offset
 };
 
-// Starts the one thread at once, several with the first block.
+// One thread starts at once, several with the first block.
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken);
 
-// Gives blocks by their numbers: whole, inflated and checked.
+// Gives blocks by number: whole, inflated and checked.
 class blockSource {
 public:
     // `index` is parsed, and outlives the source.
     explicit blockSource(const filePosInfo* index) : pPosInfo(index) {}
     virtual ~blockSource() = default;
-    // The rows of the block, in memory of the source until the next call.
+    // The rows of the block, in memory of the source, valid until the next call.
     virtual const unsigned char* lend(std::uint32_t number) = 0;
-    // The rows of the block into the caller's memory.
+    // Puts the rows of the block into the caller's memory.
     virtual void load(std::uint32_t number, unsigned char* to) = 0;
-    // The rows of so many blocks, which lie one behind the other, by several threads at once: how many of them, from
-    // the first on, are there. None from a source without such threads, or where the first one fails: `load` tells why.
+    // Loads a number of consecutive blocks by several threads at once, and returns how many of them, from the first on,
+    // have come: 0 from a source without such threads, or if the first one fails, for which load() throws the reason.
     virtual std::uint32_t loadSeveral(std::uint32_t, std::uint32_t, unsigned char*) { return 0; }
-    // It has made threads.
+    // True if it has made threads.
     virtual bool hasThreads() const { return false; }
 
 protected:
@@ -93,8 +93,8 @@ private:
     blockBuffer fBuffer;
 };
 
-// Starts the one thread at once, several with the first block. Keeps up to `cachedBlocks` blocks that were lent, 4 MiB
-// each; the least recently used one makes room.
+// One thread starts at once, several with the first block. Keeps up to `cachedBlocks` lent blocks, 4 MiB each; the
+// least recently used one makes room.
 std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& index, const roads& taken,
                                         std::uint32_t cachedBlocks);
 

@@ -18,7 +18,7 @@ PreIOThread_W_C::PreIOThread_W_C(ORVA_File* file, filePosInfo* index, std::uint3
       pInBuffer(blockSize) {}
 
 std::uint32_t PreIOThread_W_C::putBlock(const void* buffer, std::uint32_t size, std::int64_t) {
-    // False in a forked child: there is no thread that could take the block.
+    // False in a forked child, where no thread could take the block.
     if (!semFreeSlot.waitSemaphore()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
     if (size != 0 && fFailure != nullptr) {
         semFreeSlot.postSemaphore();

@@ -41,7 +41,7 @@ const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number) {
     return own().get();
 }
 
-// Null: nobody has begun it.
+// The rows of the block once they are ready; null if no thread has begun it.
 const unsigned char* PreIOThread_Multi_R_D::readAhead(std::uint32_t number) {
     if (!startOnce(true)) return nullptr;
     guard lock = locked();
@@ -54,7 +54,7 @@ const unsigned char* PreIOThread_Multi_R_D::readAhead(std::uint32_t number) {
     }
 }
 
-// What was lent before is no hit any more, even for the same block.
+// Frees the block that was lent before: it is no hit any more, even for the same number.
 void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
     if (slot* lent = holding(fCurrent); lent != nullptr && lent->is == state::ready) lent->is = state::empty;
     const bool sequential = number == fCurrent + 1;
@@ -112,7 +112,7 @@ PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::holding(std::int64_t number)
     return find([=](const slot& block) { return block.is != state::empty && block.number == number; });
 }
 
-// Blocks from there on that somebody has begun in an earlier run.
+// Skips the blocks from fNext on that were begun for an earlier request.
 void PreIOThread_Multi_R_D::passHeld() {
     while (holding(fNext) != nullptr) ++fNext;
 }
@@ -123,7 +123,7 @@ std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
     return bStop ? 1 : 0;
 }
 
-// Any thread's step, the caller's too. False if nothing is wanted, or there is no slot for it.
+// A step of any thread, the caller's too. False if no block is wanted, or there is no slot for one.
 bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
     if (fNext >= std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) return false;
     slot* const block =
@@ -149,7 +149,8 @@ bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
     }
     lock.lock();
     block->is = good ? made : state::empty;
-    if (!good && number >= fCurrent) fFailed = std::min(fFailed, number);  // one before a run may end during it
+    if (!good && number >= fCurrent)
+        fFailed = std::min(fFailed, number);  // a block of before the run may end during it
     tellCaller();
     return true;
 }

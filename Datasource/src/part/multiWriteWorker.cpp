@@ -50,7 +50,7 @@ std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t 
     return size;
 }
 
-// The next block's. It is the caller's until he hands it over.
+// The slot of the next block, which is the caller's until handOver.
 PreIOThread_Multi_W_C::slot& PreIOThread_Multi_W_C::freeSlot() {
     if (!isMakers()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
     guard lock = locked();
@@ -100,8 +100,8 @@ std::int32_t PreIOThread_Multi_W_C::writeLoopStep() {
     return takeBlock(lock) ? 0 : 1;
 }
 
-// Any thread's step, the caller's too: the next filled block, through to the file if it is its turn. False: there is
-// none.
+// A step of any thread, the caller's too: deflates the next filled block, and writes it if it is next in order. False
+// if there is none.
 bool PreIOThread_Multi_W_C::takeBlock(guard& lock) {
     if (fTaken == fFilled) return false;
     slot& block = at(fTaken++);
@@ -115,7 +115,7 @@ bool PreIOThread_Multi_W_C::takeBlock(guard& lock) {
     return true;
 }
 
-// A source that fails stays with its block until it is the block's turn to be written.
+// A source that fails stays with its block until the block's turn to be written.
 void PreIOThread_Multi_W_C::make(slot& block) try {
     if (block.source != nullptr) {
         (*block.source)(block.offset, {block.rows.get(), block.size});
@@ -130,7 +130,7 @@ void PreIOThread_Multi_W_C::make(slot& block) try {
     block.failure = std::current_exception();
 }
 
-// Whoever completes the next block in order writes it, and all that are complete behind it.
+// The thread that completes the next block in order writes it, and all complete ones behind it.
 void PreIOThread_Multi_W_C::writeInOrder(guard& lock) {
     while (!bWriting && at(fWritten).bDeflated) {
         slot& block = at(fWritten);

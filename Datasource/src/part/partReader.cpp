@@ -14,7 +14,7 @@ namespace orva {
 
 namespace {
 
-// A file that is looked at though nobody has asked: what fails there is no failure of the caller's.
+// Reads of the file that the caller has not asked for: a failure leaves its Good() as it is.
 class lookedAt final : public storedBytes {
 public:
     explicit lookedAt(ORVA_File& file) : fFile(file) {}
@@ -54,7 +54,7 @@ void partReader::remake(const roads& taken, std::uint32_t cachedBlocks) {
     fCachedBlocks = cachedBlocks;
 }
 
-// A block that is not what its record says may be another process's doing.
+// If a block is not what its record says, checks whether another process has changed the file.
 std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64_t size) {
     const lookedAt look(fFile);
     std::uint64_t done = 0;
@@ -68,8 +68,9 @@ std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64
     return done;
 }
 
-// What the block at `pos` has of them, 0 where there is none. Blocks that the request covers go straight into the
-// caller's memory. Its last one does not: it stays in hand, so that a small step back costs no file access.
+// Copies the rows that the block at `pos` has, and returns their number: 0 if there is no block. Blocks that the
+// request covers go straight into the caller's memory, except its last one: that becomes the current block, so that a
+// small step back costs no file access.
 std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint64_t size) {
     if (const std::optional<std::uint32_t> number = blockToLoad(pos)) {
         const filePosRecord& record = fIndex.parsed(*number);
@@ -89,7 +90,8 @@ std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint6
     return count;
 }
 
-// The bytes of the blocks from there on that the request covers, less its last one, as far as they came at once.
+// Loads at once the blocks from `first` on that the request covers, except its last one. Returns the bytes that came; 0
+// if there are fewer than two blocks.
 std::uint64_t partReader::loadSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size) {
     const std::span<const filePosRecord> records = fIndex.records().subspan(first);
     std::int64_t end = records.front().orginalPos;
@@ -109,7 +111,7 @@ std::uint64_t partReader::loadSeveral(std::uint32_t first, unsigned char* to, st
     return static_cast<std::uint64_t>(lastOne.orginalPos + lastOne.orginalSize - records.front().orginalPos);
 }
 
-// None if the one in hand has the position, or no block has.
+// The block to load for `pos`: none if the current one has it, or if it lies outside the rows.
 std::optional<std::uint32_t> partReader::blockToLoad(std::int64_t pos) {
     if (holds(pos)) return std::nullopt;
     fBuffer = nullptr;

@@ -1,12 +1,12 @@
-// partReader: the rows of a finished compressed part, one block in hand at a time.
+// partReader: reads the rows of a finished compressed part, with one current block at a time.
 //
 // Units:   bytes; positions are logical: the first byte of rows has the row-0 position.
 // Owner:   the caller owns the file and keeps it until the reader is gone. The reader owns the index, 24 bytes a block,
 //          the memory of its blocks and those of its threads.
 // Threads: one caller at a time. Threads of the reader's own, as `roads` says, read ahead for it.
-// Failure: FileError, DamagedFileError for a block that is not what its record says, FileChangedError where heading or
+// Failure: FileError; DamagedFileError for a block that is not what its record says; FileChangedError if heading or
 //          index have been written since. The reader goes on serving sound blocks.
-// Fork:    in another process than its maker's a reader reads without its threads, as far as their locks allow.
+// Fork:    in a process other than its maker's a reader works without its threads, as far as their locks allow.
 #pragma once
 
 #include "format/filePosInfo.h"
@@ -26,16 +26,16 @@ public:
     // Reads heading and index of the part at `row0Pos`; `swap`: both have the other byte order there.
     partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const roads& taken, std::uint32_t cachedBlocks);
 
-    // Logical position behind the rows.
+    // The logical position behind the rows.
     std::int64_t end() const { return fIndex.dataEnd(fHeading._caseStartPos); }
-    // Up to `size` rows from `pos` on, which moves on as they come; the count. Fewer: the rows end there, or `pos` lies
-    // outside them. A position inside them that no block holds is damage.
+    // Reads up to `size` rows from `pos` on, which advances by them, and returns their number: fewer if the rows end
+    // there, or `pos` lies outside them. DamagedFileError if no block holds a position inside them.
     std::uint64_t read(std::int64_t& pos, unsigned char* to, std::uint64_t size);
-    // From now on blocks come by these threads. If that throws, nothing has changed.
+    // Reads by the threads that `taken` asks for from now on. If this throws, nothing has changed.
     void take(const roads& taken) { remake(taken, fCachedBlocks); }
-    // Keeps up to so many blocks beside the one in hand. Forgets those that it holds.
+    // Keeps up to `blocks` blocks beside the current one from now on, and forgets those that it holds.
     void keep(std::uint32_t blocks) { remake(fTaken, blocks); }
-    // It goes on without threads.
+    // Ends the threads; the reader goes on without them.
     void endThreads() noexcept;
     bool hasThreads() const { return fSource != nullptr && fSource->hasThreads(); }
 
@@ -52,8 +52,8 @@ private:
     filePosInfo fIndex;
     roads fTaken;
     std::uint32_t fCachedBlocks = 0;
-    std::unique_ptr<blockSource> fSource;  // none until it is needed
-    // The block in hand, in memory of the source. None while fBuffer is null.
+    std::unique_ptr<blockSource> fSource;  // null until it is needed
+    // The current block, in memory of the source; none while fBuffer is null.
     const unsigned char* fBuffer = nullptr;
     std::int64_t fpos = -1;
     std::int64_t fSize = 0;

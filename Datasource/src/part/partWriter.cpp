@@ -17,7 +17,7 @@
 
 namespace orva {
 
-// The 24 bytes of the heading are reserved by nothing but the first block's place behind them.
+// Nothing is written for the heading yet: the first block just goes behind its 24 bytes.
 partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, const choices& chosen,
                        const std::optional<resumePoint>& from)
     : fFile(file),
@@ -35,7 +35,7 @@ partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken
 partWriter::~partWriter() {
     try {
         abandon();
-    } catch (...) {  // whoever wants to hear of it abandons before
+    } catch (...) {  // a caller that wants to know calls abandon before
     }
 }
 
@@ -49,9 +49,8 @@ void partWriter::guarded(Steps steps) {
     }
 }
 
-// What a failed append has overwritten is put back before anybody hears of it, once no thread writes any more. Gives
-// the failure with what became of the file in its text, or why it could not be undone. A forked child leaves the file
-// alone.
+// Ends the threads and then puts back what an append has overwritten, before anybody learns of the failure. Returns the
+// failure with the outcome in its text, or why the append could not be undone. A forked child leaves the file alone.
 std::exception_ptr partWriter::ended(const std::exception_ptr& failure) {
     if (fProcess != platform::processId()) return failure;
     endSink(true);
@@ -71,7 +70,7 @@ void partWriter::write(const unsigned char* rows, std::uint64_t size) {
         while (size != 0) {
             std::uint32_t count = fChosen.blockLength;
             if (availBuffSize == fChosen.blockLength && size >= fChosen.blockLength) {
-                send(rows, count);  // a whole block needs no memory of ours
+                send(rows, count);  // a whole block needs no copy
             } else {
                 const std::span<unsigned char> to = room();
                 count = static_cast<std::uint32_t>(std::min<std::uint64_t>(to.size(), size));
@@ -105,7 +104,7 @@ std::span<unsigned char> partWriter::room() {
     return {fBuffer + (fChosen.blockLength - availBuffSize), availBuffSize};
 }
 
-// The rows in hand may stand in memory of the sink that goes.
+// The rows of the current block may be in memory of the old sink.
 void partWriter::take(const roads& taken) {
     std::unique_ptr<blockSink> sink = makeSink(next(), {taken.multiThread == 0 ? 0 : -1, taken.threadCount});
     if (fBuffer != nullptr) {
@@ -138,14 +137,14 @@ void partWriter::endBlock() {
 }
 
 void partWriter::send(const unsigned char* rows, std::uint32_t size) {
-    availBuffSize = fChosen.blockLength - size;  // they are taken, whatever the sink meets
+    availBuffSize = fChosen.blockLength - size;  // they are taken even if the sink fails
     endFormerLife();
     fSink->put(rows, size);
     sent(size);
 }
 
-// A whole block, if the sink has threads that get its rows. Not the first one of a part: nothing of a former life may
-// go before there are rows.
+// Passes on a whole block unfilled, if the sink has threads that get its rows. Not the first one of a new part: the
+// side file of an earlier part stays until there are rows.
 bool partWriter::sendFrom(const rowSource& source, std::int64_t offset) {
     if (bNewPart || availBuffSize != fChosen.blockLength || !fSink->putFrom(source, offset, fChosen.blockLength))
         return false;
@@ -160,7 +159,8 @@ void partWriter::sent(std::uint32_t size) {
     availBuffSize = fChosen.blockLength;
 }
 
-// What a side file could bring back is there until the first byte of the new part is written.
+// Drops the side file of an earlier part, whose rows could be brought back until the first byte of the new part is
+// written.
 void partWriter::endFormerLife() {
     if (std::exchange(bNewPart, false)) dropSideFile(fFile);
 }
@@ -173,8 +173,8 @@ void partWriter::finish(bool durable, bool staysOpen) {
     });
 }
 
-// The heading goes last: it is what makes the file a finished one. A safe append is through with it. Any other can
-// still be undone when closing the file fails, where a full disk shows first on some file systems.
+// Writes the heading last, since it makes the part a finished one. A safe append is complete with it. Any other can
+// still be undone if closing the file fails, where a full disk shows first on some file systems.
 void partWriter::commit(bool durable, bool staysOpen) {
     const bool safe = fTail != nullptr && fTail->isSafe();
     endFormerLife();
@@ -209,7 +209,7 @@ compressionHeading partWriter::writeIndex() {
     return heading;
 }
 
-// The rows of a short last block come back into memory.
+// Takes the rows of a short last block back into memory.
 tailPlan partWriter::resume(const resumePoint& from) {
     refuseSideFile(fFile.GetNameStr().GetGeneric());
     const compressionHeading chInfo =
@@ -251,8 +251,8 @@ void partWriter::resumeInBlock(const filePosRecord& bInfo, std::uint32_t number,
     fTransferEnd = bInfo.translatePos + bInfo.translateSize;
 }
 
-// Another process may have written since the caller read the index: he means other rows then, which are neither cut nor
-// joined, and it is no breach of his.
+// Another process may have written since the caller read the index. The caller then means other rows, which are neither
+// cut nor added to, and has breached no duty.
 void partWriter::requireEnd(std::int64_t end, const resumePoint& from, bool goesOnThere) const {
     const bool otherRows = from.endpos != end && from.seenEnd.value_or(end) != end;
     if (!otherRows && (!goesOnThere || from.endpos == end)) return;

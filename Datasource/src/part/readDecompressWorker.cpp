@@ -29,7 +29,7 @@ const unsigned char* PreIOThread_R_D::lend(std::uint32_t number) {
     return own().get();
 }
 
-// The slot knows blocks by their numbers.
+// The slot knows blocks by number.
 template <class Take>
 void PreIOThread_R_D::serve(std::uint32_t number, unsigned char* to, Take takeMade) {
     orva::readAheadSlot::request turn(fSlot);

@@ -1,4 +1,4 @@
-// The side file of a safe append (zcmpsFilestr::setSafeAppend): where it stands. What is in it: docs/recovery.md.
+// The name of the side file of a safe append (zcmpsFilestr::setSafeAppend). Its content: docs/recovery.md.
 //
 // Threads: no state.
 #pragma once
@@ -9,7 +9,7 @@
 
 namespace orva {
 
-// Where a safe append of `name` keeps what it overwrites: beside the file that the name leads to.
+// The side file in which a safe append of `name` keeps what it overwrites: beside the file that the name leads to.
 ORVA_API std::string sideFileName(const std::string& name);
 
 }  // namespace orva

@@ -1,5 +1,5 @@
-// The life of a compressed stream: what may be called when, and what becomes of a failure. The work is partWriter's and
-// partReader's.
+// The life of a compressed stream: which call is allowed when, and what a failure leads to. partWriter and partReader
+// do the work.
 #include "base/assertion.h"
 #include "base/fileError.h"
 #include "part/partReader.h"
@@ -24,11 +24,11 @@ constexpr std::int32_t kCannotReopen = 1201;
 
 // From `writing` on bIsWriting is true, until readFilePosInfo.
 enum class life : std::uint8_t {
-    fresh,      // nothing was opened, or fFailure tells why not
-    reading,    // fReader reads, unless fFailure tells why nothing more
+    fresh,      // nothing was opened, or fFailure says why not
+    reading,    // fReader reads, unless fFailure says why it no longer can
     writing,    // fWriter writes
-    failed,     // as a writer, finally: fFailure. No Close has thrown it yet. What the file holds can still be read
-    finished,   // the heading is in the file; fFailure is what failed behind that
+    failed,     // the writer, for good, with fFailure, which no Close has thrown yet; the file can still be read
+    finished,   // the heading is in the file; fFailure is what failed after that
     abandoned,  // closed without a heading
 };
 
@@ -45,14 +45,14 @@ struct zcmpsFilestr::Data {
         fLife = now;
         fFailure = nullptr;
     }
-    // In a handler: what was caught is what the stream fails with from now on.
+    // In a handler: makes the caught exception the failure of the stream, and throws it.
     [[noreturn]] void fail(life now) {
         fLife = now;
         fFailure = std::current_exception();
         fWriter.reset();
         std::rethrow_exception(fFailure);
     }
-    // The rows of a writer that nobody has finished are dropped.
+    // Drops the rows of an unfinished writer.
     void dropWriter() {
         if (const auto writer = std::move(fWriter)) writer->abandon();
     }
@@ -62,16 +62,16 @@ struct zcmpsFilestr::Data {
     bool hasThreads() const {
         return fWriter != nullptr ? fWriter->hasThreads() : fReader != nullptr && fReader->hasThreads();
     }
-    // The one thread of setMultiThread, since the setting of several can't be changed while threads are there.
+    // True for the thread of setMultiThread: setThreadCount cannot change its setting while there are threads.
     bool hasOneThread() const { return hasThreads() && fRoads.threadCount == 0; }
-    // A setting that comes late. No thread is made for setMultiThread any more.
+    // Applies a setting that comes late, for which setMultiThread gets no thread any more.
     void takeRoads() {
         if (hasThreads()) return;
         if (fWriter != nullptr) fWriter->take(fRoads);
         if (fReader != nullptr) fReader->take({0, fRoads.threadCount});
     }
 
-    ORVA_File& pRealFile;  // held by the base's count; gone once Close has reopened the file
+    ORVA_File& pRealFile;  // kept alive by the base; gone once Close has reopened the file
     orva::roads fRoads;
     orva::choices fChosen;
     std::uint32_t fCachedBlocks = 0;
@@ -89,7 +89,7 @@ zcmpsFilestr::zcmpsFilestr(const ORVA_FileStream& source) : ORVA_FileStream(sour
     DisableMultiThreadReading();  // the base, which opens the file again, has nothing to read ahead
 }
 
-// What has failed was told.
+// A failed writer has thrown its failure already.
 zcmpsFilestr::~zcmpsFilestr() noexcept(false) {
     try {
         if (fData->fLife != life::failed) zcmpsFilestr::Close();
@@ -111,7 +111,7 @@ void zcmpsFilestr::setThreadCount(std::int32_t threads) {
     fData->takeRoads();
 }
 
-// A choice holds for all that a writer makes.
+// A choice cannot change while the stream writes.
 void zcmpsFilestr::requireChoice(const char* what, std::int64_t given, std::int64_t least, std::int64_t most) const {
     if (!bIsWriting && given >= least && given <= most) return;
     const std::string range = std::string(what) + " is " + std::to_string(least) + " to " + std::to_string(most);
@@ -162,27 +162,28 @@ std::int64_t zcmpsFilestr::Tell() const {
     return fFilePos;
 }
 
-// A told worker keeps the stream to what it was made for; so do several threads that write. Those that read only end.
+// Neither the worker of setMultiThread nor several threads that write can change what they do. Several threads that
+// read just end.
 void zcmpsFilestr::refuseWithWorker() const {
     ORVA_ASSERT(!fData->isClosed(), "fData->bClosed == false");
     ORVA_ASSERT(!(bIsWriting ? fData->hasThreads() : fData->hasOneThread()), "fData->fpIOThread == 0");
 }
 
-// Blocks and heading stand at any offset, the cipher's data only at multiples of 16.
+// Blocks and heading begin at any offset, but the cipher's data only at multiples of 16.
 void zcmpsFilestr::refuseEncrypted(long code) {
     if (!fData->pRealFile.IsEncrypted()) return;
     orva::throwFileError(ENOTSUP, code, Name(), "compressed rows cannot stand in an enciphered file");
 }
 
-// The descriptor that the dictionary part was written or read through is closed first, so a stream that shares the
-// file sees the new one too.
+// Closes the descriptor through which the dictionary part was written or read first, so that a stream that shares the
+// file uses the new one too.
 void zcmpsFilestr::reopenForWriting(const char* expression, std::int32_t line) {
     ORVA_FileStream::Close();
     if (!fData->pRealFile.Open(GetNameStr(), "r+b")) throwCannotReopen(fData->pRealFile, expression, line);
 }
 
-// Turns the stream into a writer, which `make` makes of the reopened file. If that fails, a stream that was no writer
-// is none, and Read tells why; a writer ends with that failure.
+// Turns the stream into a writer, which `make` makes over the reopened file. If that fails, a stream that was no writer
+// stays none, and Read throws the reason; a writer ends with that failure.
 template <class Make>
 void zcmpsFilestr::beginWriting(const char* expression, std::int32_t line, Make make) {
     refuseWithWorker();
@@ -266,7 +267,7 @@ std::uint32_t zcmpsFilestr::Write(const void* buffer, std::uint32_t size) {
     return size;
 }
 
-// A closed stream's last rows stay as they are.
+// Leaves a closed stream as it is.
 std::int32_t zcmpsFilestr::Flush() const {
     if (!bIsWriting) return 1;
     fData->throwFailure();

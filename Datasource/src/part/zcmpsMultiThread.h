@@ -1,11 +1,11 @@
 // The workers of the compressed stream over several threads, for zcmpsFilestr::setThreadCount.
 //   PreIOThread_Multi_W_C  deflates several blocks at once, writes and records them in order
-//   PreIOThread_Multi_R_D  inflates several blocks ahead of a sequential reader; without threads, what is asked for
+//   PreIOThread_Multi_R_D  inflates several blocks ahead of a sequential reader; without threads, the block asked for
 //
-// Requests are those of the workers in zcmpsPreIOThread.h, and so are files, bytes and errors: only the time differs.
-// As sink and source they start their threads with the first block.
+// Requests, files, bytes and errors are those of the workers in zcmpsPreIOThread.h: only the time differs. As sink and
+// source they start their threads with the first block.
 //
-// Memory: two blocks a slot, as far as it is used, threads + 2 slots; to read, one block more.
+// Memory:  two blocks for each slot in use, of threads + 2 slots; a reader one block more.
 #pragma once
 
 #include "base/blockBuffer.h"
@@ -22,17 +22,17 @@
 #include <exception>
 #include <vector>
 
-// A ring of slots. A block passes through one: filled by the caller, deflated by any thread, written by whichever
-// thread finds it to be the next one. A caller that finds no free slot deflates a block itself if there is a core for
-// it, instead of waiting. The blocks fTaken to fFilled wait for a thread, those from fWritten on hold their slots.
-// M1 Slots are filled, taken and written in the order of the ring, so blocks and records stand in stream order.
-// M2 A thread that has deflated a block never waits for another: the writer at that moment takes the block along.
+// A ring of slots. A block passes through one: the caller fills it, any thread deflates it, and the thread that finds
+// it next in order writes it. A caller without a free slot deflates a block itself instead of waiting, if there is a
+// core for it. Blocks fTaken to fFilled wait for a thread, those from fWritten on hold their slots.
+// M1 Slots are filled, taken and written in the order of the ring, so blocks and records are in stream order.
+// M2 A thread that has deflated a block never waits for another: the thread that is writing then writes that block too.
 // M3 The first failure in stream order is kept; later blocks are taken and dropped; the next putBlock or Close throws
 //    it.
 // M4 The end request (size 0) comes once and last; it returns when every block is in the file and in the index.
-// M5 After drop(), at any moment, no further block is deflated or written.
-// M6 Rows of a source are got by the thread that deflates them, so they come from its own cache. No source is asked any
-//    more when awaitRows returns, or the end request.
+// M5 drop() may come at any moment: no further block is deflated or written.
+// M6 The thread that deflates a block gets its rows from the source, so they come from its own cache. No source is
+//    called any more when awaitRows, or the end request, returns.
 class PreIOThread_Multi_W_C : public writingWorker<PreIOThreadSeveral>, public orva::blockSink {
 public:
     PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
@@ -52,7 +52,7 @@ private:
         orva::blockBuffer rows;
         orva::blockBuffer scratch;
         std::uint32_t size = 0;
-        const orva::rowSource* source = nullptr;  // its rows are still to be got from there, or that has failed
+        const orva::rowSource* source = nullptr;  // its rows are still to be got from there, or that failed
         std::int64_t offset = 0;
         orva::deflatedBlock result{};
         std::exception_ptr failure;
@@ -73,34 +73,34 @@ private:
     filePosInfo* const pPosInfo;
     const std::uint32_t stBlockSize;
     const std::int32_t fLevel;
-    // Shared. A slot's buffers and result belong to whoever fills, deflates or writes it at the moment.
+    // Under the mutex. A slot's buffers and result belong to the thread that fills, deflates or writes it.
     std::vector<slot> fSlots;
     std::uint64_t fFilled = 0;   // blocks handed over
-    std::uint64_t fTaken = 0;    // of these taken up by a thread
-    std::uint64_t fWritten = 0;  // and done with, in order
-    bool bWriting = false;       // somebody is the writer
-    bool bDropping = false;      // told to, or since fFailure
+    std::uint64_t fTaken = 0;    // of these, taken by a thread
+    std::uint64_t fWritten = 0;  // of these, done with, in order
+    bool bWriting = false;       // a thread is writing
+    bool bDropping = false;      // after drop() or a failure
     bool bEnd = false;
-    // The writer's.
+    // Used by the writing thread only.
     std::int64_t fpBlockPos;
     std::int64_t fpWritePos;
 };
 
-// Slots for the blocks that are wanted before the caller asks for them, or in a run that he asks for at once.
-// A1 A request takes a ready block, and makes one that nobody has begun itself. While its block is being made, it makes
-//    others that are wanted rather than wait, if there is a core for it.
-// A2 Only a sequential run is read ahead, twice as far with each request; after a jump nothing is wanted any more.
-// A3 A failed read-ahead is no read-ahead: the request makes the block itself and meets the failure.
+// Slots for blocks that are wanted ahead of the caller's requests, or for a run that the caller requests at once.
+// A1 A request takes a block that is ready, and makes one that no thread has begun itself. While its block is being
+//    made, it makes other wanted blocks instead of waiting, if there is a core for it.
+// A2 Only a sequential run is read ahead, twice as far with each request; after a jump no block is wanted any more.
+// A3 A failed read-ahead counts as none: the request makes the block itself and meets the failure.
 // A4 The stop request lets running steps finish; nothing waits for what they make.
 // A5 A request of several blocks is shared out: each thread, the caller's too, inflates whole blocks straight into the
-//    caller's memory; only what was read ahead is copied there. It ends before a block that fails (A3).
-// A6 Rows that the caller has read stand in its core's cache. Another thread regains their memory before it inflates
+//    caller's memory; only blocks read ahead are copied there. The request ends before a block that fails (A3).
+// A6 Rows that the caller has read are in its core's cache: another thread regains their memory before it inflates
 //    there.
 class PreIOThread_Multi_R_D : public readingWorker<PreIOThreadSeveral>, public orva::blockSource {
 public:
     PreIOThread_Multi_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize, std::uint32_t threads);
 
-    // Also after a start that failed, which has told the loops to stop.
+    // Withdraws the stop request that a failed start has left.
     bool initThreads(bool bRead) override;
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t readLoopStep() override;
@@ -112,14 +112,14 @@ private:
     enum class state : std::uint8_t { empty, busy, ready };
     struct slot {
         orva::blockBuffer compressed;
-        orva::blockBuffer rows;  // not those of a block that goes into the caller's memory
+        orva::blockBuffer rows;  // unused for a block that goes into the caller's memory
         std::int64_t number = -1;
         state is = state::empty;
     };
 
     const unsigned char* readAhead(std::uint32_t number);
     void planAhead(std::int64_t number);
-    // It is wanted, and somebody has begun it.
+    // True if the block is wanted and a thread has begun it.
     bool isAhead(std::int64_t number) const { return number >= fCurrent && number < std::min(fNext, fWantedEnd); }
     unsigned char* placeInRun(std::int64_t number) const;
     template <class Test>
@@ -127,18 +127,18 @@ private:
     slot* holding(std::int64_t number);
     void passHeld();
     bool makeNext(guard& lock, bool byCaller);
-    // The bytes of its rows. A size that cannot be true is refused before memory is touched.
+    // The bytes of its rows; 0 for a size that cannot be true, so that no memory is touched for it.
     std::size_t rowsOf(std::int64_t number) const;
     void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest, bool ahead);
 
     ORVA_File* const pFile;
-    orva::blockBuffer fCompressedBuffer;  // the caller's
-    // Shared. A busy slot's buffers are its thread's alone.
+    orva::blockBuffer fCompressedBuffer;  // used on the caller's thread
+    // Under the mutex. A busy slot's buffers belong to its thread alone.
     std::vector<slot> fSlots;
-    std::int64_t fCurrent = -1;     // the last request
-    std::int64_t fWantedEnd = 0;    // the blocks from there on before this one are wanted
-    std::int64_t fNext = 0;         // the first block that nobody has begun
-    unsigned char* fRun = nullptr;  // where those that are wanted go, in the caller's memory
-    std::int64_t fFailed = 0;       // the first one of a run that failed
+    std::int64_t fCurrent = -1;     // the block requested last
+    std::int64_t fWantedEnd = 0;    // blocks from fCurrent up to this one are wanted
+    std::int64_t fNext = 0;         // the first block that no thread has begun
+    unsigned char* fRun = nullptr;  // the caller's memory for a run; null without one
+    std::int64_t fFailed = 0;       // the first block of a run that failed
     bool bStop = false;
 };

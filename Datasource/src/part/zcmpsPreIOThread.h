@@ -3,12 +3,12 @@
 //   PreIOThread_W_C      deflates, writes and records blocks beside the caller
 //   PreIOThread_Tri_R_D  reads on one thread, inflates on a second, beside the caller
 //
-// Requests carry whole blocks: the orginalSize and orginalPos of a block's record. A request at a reading worker is
-// answered by a copy of a block made ahead, or on the caller's own thread. As sink and source (blockRoads.h) a worker
-// takes and gives the same blocks, by their numbers.
+// A request is for a whole block: its size and position are the orginalSize and orginalPos of the block's record. A
+// reading worker answers it by copying a block made ahead, or makes the block on the caller's thread. As a sink or
+// source (blockRoads.h) a worker takes or gives the same blocks, by number.
 //
 // Owner:   the stream owns the worker; file and index are the stream's and outlive it.
-// Failure: a request throws what the inline road would throw, and the worker goes on serving.
+// Failure: a request throws what the same work on the caller's thread would throw, and the worker goes on serving.
 #pragma once
 
 #include "base/blockBuffer.h"
@@ -42,9 +42,9 @@ private:
 
     orva::readAheadSlot fSlot;
     ORVA_File* const pFile;
-    // In the owner's turn.
+    // Touched in the owner's turn only.
     zlibCompressBlock fCompressor;
-    orva::blockBuffer pDecompressBuffer;  // a block that is lent goes with it: the caller's own takes its place
+    orva::blockBuffer pDecompressBuffer;  // lend() swaps it with own()
     orva::blockBuffer pCompressBuffer;
 };
 
@@ -52,17 +52,17 @@ private:
 //   caller's turn: semFreeSlot.wait -> semRequest.post    pInBuffer, stCurSize, fFailure
 //   thread's turn: semRequest.wait  -> semFreeSlot.post   pInBuffer, stCurSize, fFailure
 // H1 A field named above is touched only inside its owner's turn; the post publishes every earlier write.
-// H2 Every turn ends in its post, on the throwing path too: no putBlock waits for a dead turn.
-// H3 The end request (size 0) comes once and last. It posts nothing.
+// H2 Every turn ends in its post, also when it throws: no putBlock waits for a turn that never ends.
+// H3 The end request (size 0) comes once and last. Nothing is posted for it.
 // H4 The first failure is kept; later blocks are taken and dropped; the next putBlock or Close throws it.
-// H5 After drop(), at any moment, no further block is begun.
+// H5 drop() may come at any moment: no further block is begun.
 class PreIOThread_W_C : public writingWorker<PreIOThreadBase>, public orva::blockSink {
 public:
     PreIOThread_W_C(ORVA_File* file, filePosInfo* index, std::uint32_t blockSize, std::int64_t firstPos,
                     std::int64_t firstFilePos, std::int32_t level = zlibCompressBlock::kFastestLevel);
 
     void put(const unsigned char* rows, std::uint32_t size) override { putBlock(rows, size, 0); }
-    // `position` is not used: blocks come in stream order.
+    // `position` is ignored: blocks come in stream order.
     std::uint32_t putBlock(const void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t writeLoopStep() override;
     void drop() { bDropped = true; }
@@ -76,23 +76,23 @@ private:
     ORVA_File* const pFile;
     filePosInfo* const pPosInfo;
     const std::int32_t fLevel;
-    // The thread's alone, once it runs.
+    // Used by the thread alone, once it runs.
     zlibCompressBlock fCompressor;
     orva::blockBuffer pOutBuffer;
     std::int64_t fpBlockPos;  // logical position of the next block
     std::int64_t fpWritePos;  // its file offset
-    // In the owner's turn.
+    // Touched in the owner's turn only.
     orva::blockBuffer pInBuffer;
     std::uint32_t stCurSize = 0;
 };
 
-// Two blocks, each handed over by a slot of its own (readAheadSlot.h): the read thread reads ahead for whoever
-// inflates, the decompress thread inflates ahead for the caller.
+// Two blocks, each handed over by a slot of its own (readAheadSlot.h): the read thread reads ahead for the thread that
+// inflates, and the decompress thread inflates ahead for the caller.
 // T1 decompress runs in the turn of fInflated's owner, so never on two threads at once.
-// T2 It asks for the next block to be read before its own turn ends: so one block is read while another is inflated.
+// T2 decompress asks for the next read before its own turn ends: that block is read while the caller takes this one.
 // T3 A failed step forgets its block; the next request is a miss, which meets the failure on the caller's thread.
-// T4 A decompress step that waits for a read which will not come any more, since the read thread has been told to
-//    stop, gets its turn from that thread's last post, reads for itself and finishes its block.
+// T4 If the read thread has been told to stop, a decompress step that waits for it gets its turn from that thread's
+//    last post, reads the block itself and finishes it.
 class PreIOThread_Tri_R_D : public PreIOThreadBase {
 public:
     PreIOThread_Tri_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize);
@@ -120,7 +120,7 @@ private:
     const std::uint32_t stBlockSize;
 };
 
-// The concrete one: there is nothing to write.
+// PreIOThread_Tri_R_D made concrete: there is nothing to write.
 class PreIOThread_Tri_Reader final : public readingWorker<PreIOThread_Tri_R_D> {
 public:
     using readingWorker::readingWorker;

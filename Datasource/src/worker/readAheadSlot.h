@@ -1,4 +1,5 @@
-// readAheadSlot: hands over one block that was read ahead, for the workers that read one block beside their caller.
+// readAheadSlot: hands over one block that was read ahead, for the workers that read one block beside their caller. A
+// position is whatever the worker knows its blocks by: a file offset, or a number in the index.
 //
 // One block, two turns, no lock:
 //   caller's turn: semEmptySlot.wait  -> semFilledSlot.post   fpPreReadPos, stCurSize, the worker's buffers, fpNextPos
