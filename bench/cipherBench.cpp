@@ -1,5 +1,5 @@
-// An enciphered stream against its components: the plain stream over the same bytes, and OpenSSL's cipher alone over
-// them. The rest is the cost of the enciphered path itself: room for results, copies, the tail.
+// An encrypted stream against its components: the plain stream over the same bytes, and OpenSSL's cipher alone over
+// them. The rest is the cost of the encrypted path itself: room for results, copies, the tail.
 #include "base/blockBuffer.h"
 #include "benchData.h"
 #include "paired.h"
@@ -46,10 +46,10 @@ struct Setup {
     explicit Setup(const Scratch& scratch)
         : data(noise(kPass)),
           plain(std::make_shared<ORVA_FileStream>(scratch.path("plain").c_str(), "w+b")),
-          enciphered(std::make_shared<ORVA_FileStream>(scratch.path("enciphered").c_str(), "w+b", true)) {
-        require(plain->Good() == 1 && enciphered->Good() == 1, "cannot open the files of the streams");
+          encrypted(std::make_shared<ORVA_FileStream>(scratch.path("encrypted").c_str(), "w+b", true)) {
+        require(plain->Good() == 1 && encrypted->Good() == 1, "cannot open the files of the streams");
         write(*plain);
-        write(*enciphered);
+        write(*encrypted);
     }
     void write(ORVA_FileStream& stream) {
         stream.Seek(0, ORVA_StrBaseIO::SeekFromStart);
@@ -69,7 +69,7 @@ struct Setup {
     Bytes data;
     BareCipher cipher;
     std::shared_ptr<ORVA_FileStream> plain;
-    std::shared_ptr<ORVA_FileStream> enciphered;
+    std::shared_ptr<ORVA_FileStream> encrypted;
 };
 
 Pair sequential(const Scratch& scratch, bool writing) {
@@ -83,7 +83,7 @@ Pair sequential(const Scratch& scratch, bool writing) {
             setup->cipher.run(writing, setup->data);
         });
     };
-    const auto ours = [=] { return threadSeconds([&] { pass(*setup->enciphered); }); };
+    const auto ours = [=] { return threadSeconds([&] { pass(*setup->encrypted); }); };
     return {peer, ours, static_cast<double>(kPass) / kBlockSize};
 }
 

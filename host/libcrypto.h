@@ -1,5 +1,5 @@
-// libcrypto: OpenSSL's library, loaded by the first call that enciphers something. Linking it would cost every program
-// a third of its start-up time, and most programs never encipher anything.
+// libcrypto: OpenSSL's library, loaded by the first call that encrypts something. Linking it would cost every program
+// a third of its start-up time, and most programs never encrypt anything.
 //
 // Owner:   the library stays loaded until the process ends.
 // Threads: no lock. The caller makes sure that one thread loads it before any other uses it.

@@ -1,6 +1,6 @@
 // workdir: the cipher of the process, for working files that should not lie readable on a disk.
 //
-// No call carries a file offset, so each block of 16 bytes is enciphered by itself: AES-256 in ECB mode. This is known
+// No call carries a file offset, so each block of 16 bytes is encrypted by itself: AES-256 in ECB mode. This is known
 // to be weak: equal blocks show as equal, a block can be swapped or replaced unnoticed, and nothing protects against
 // change. It keeps a process's own short-lived files from casual reading and is good for nothing else, least of all for
 // files that are kept or sent.

@@ -188,7 +188,7 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
     mostAtOnce = SIZE_MAX;
 }
 
-// A plain stream. Bits: 1 read-ahead, 2 requests bypass the buffer, 4 enciphered.
+// A plain stream. Bits: 1 read-ahead, 2 requests bypass the buffer, 4 encrypted.
 TEST_F(Faults, AStreamThatIsWrittenAndRead) {
     const Bytes content = RandomBytes(7).noise(kBlock + 40'955);
     everywhere({1, 2, 5}, [&](int variant, Scarcity& s) {

@@ -25,7 +25,7 @@ void rounds(std::uint64_t quick, Round round) {
     }
     std::printf("%llu operations\n", static_cast<unsigned long long>(operations));
 }
-// Streams of every mode, plain and enciphered.
+// Streams of every mode, plain and encrypted.
 struct StreamModel : StreamTest {
     // After a failure pending bytes may be unwritable: nothing may throw from here.
     void TearDown() override {
@@ -49,7 +49,7 @@ struct StreamModel : StreamTest {
         }
         model->read(size);
     }
-    // A write of enciphered bytes may be refused only if it needs other bytes that this mode cannot read or write
+    // A write of encrypted bytes may be refused only if it needs other bytes that this mode cannot read or write
     // again.
     void writeSome(RandomBytes& random) {
         if (model->position() > 16'000'000) model->seek(0);
@@ -101,7 +101,7 @@ struct StreamModel : StreamTest {
         }
         fDisk.fail(Call::Write, 0);
     }
-    // Without this stream: another one reads enciphered bytes, and takes the pad for data.
+    // Without this stream: another one reads encrypted bytes, and takes the pad for data.
     void expectFile() {
         model = nullptr;
         ORVA_FileStream reader(path("data").c_str(), "rb", fEncrypted);
@@ -120,7 +120,7 @@ TEST_F(StreamModel, GivesAndKeepsTheBytesThatItTookInEveryMode) {
     rounds(kManyOfStreams, [&](RandomBytes& random, std::uint64_t seed) {
         const std::string mode = kModes[seed % std::size(kModes)];
         fEncrypted = seed / std::size(kModes) % 2 != 0;
-        const testing::ScopedTrace trace(__FILE__, __LINE__, mode + (fEncrypted ? " enciphered" : ""));
+        const testing::ScopedTrace trace(__FILE__, __LINE__, mode + (fEncrypted ? " encrypted" : ""));
         makeAnew(random, mode);
         std::uint64_t count = 0;
         for (; count < 1'000 && !HasFailure(); ++count) {

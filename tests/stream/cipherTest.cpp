@@ -1,4 +1,4 @@
-// Enciphered files by calls of the file itself. The model in core/modelTest.cpp covers streams over them.
+// Encrypted files by calls of the file itself. The model in core/modelTest.cpp covers streams over them.
 #include "stream/streamTest.h"
 
 using namespace support;

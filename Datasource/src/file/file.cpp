@@ -16,7 +16,7 @@ template class RefCountPtr<ORVA_File>;
 
 namespace {
 
-// The advice for an enciphered write that is refused.
+// The advice for an encrypted write that is refused.
 constexpr const char* kWholeBlocks =
     "write whole blocks of 16 bytes from a multiple of 16 on, or use a mode that can read and write anywhere";
 

@@ -22,17 +22,17 @@
 #include <memory>
 #include <string>
 
-// The block size of the cipher in bytes: an enciphered file is read at offsets and in sizes that are multiples of it.
+// The block size of the cipher in bytes: an encrypted file is read at offsets and in sizes that are multiples of it.
 inline constexpr int CIPHER_BLOCK_SIZE = 16;
 
-// Sets whether ORVA_File(true) makes enciphered files from now on; false at first. Existing objects stay as they are.
+// Sets whether ORVA_File(true) makes encrypted files from now on; false at first. Existing objects stay as they are.
 // Takes no lock.
 ORVA_API void SetKeepEncrypt(bool keep);
 
 class ORVA_API ORVA_File : public ORVA_RefCntObject {
 public:
     ORVA_File();
-    // Enciphered if `encrypted` is true and SetKeepEncrypt(true) is in force now.
+    // Encrypted if `encrypted` is true and SetKeepEncrypt(true) is in force now.
     explicit ORVA_File(bool encrypted);
     // An assertion failure: files cannot be copied, but RefCountPtr needs the declaration.
     ORVA_File(const ORVA_File&);
@@ -45,24 +45,24 @@ public:
     // a; with it w beats a), t text, T short-lived, D deleted when closed. A writer locks the file: a second one cannot
     // open it.
     bool Open(const ExtNameStr& name, const char* mode);
-    // 1 if this closed the file, 0 if it was closed already. An enciphered file ends its cipher run; bytes that
+    // 1 if this closed the file, 0 if it was closed already. An encrypted file ends its cipher run; bytes that
     // FinishEncryption has not written are lost.
     int Close();
     // Returns the number of bytes read, fewer than `byteSize` only at the end of the file. After a failure the content
-    // of `buffer` is undefined. On an enciphered file, offsets and sizes that are not multiples of 16 are an assertion
+    // of `buffer` is undefined. On an encrypted file, offsets and sizes that are not multiples of 16 are an assertion
     // failure. A pipe or terminal takes transfers in sequence only: others fail with ESPIPE.
     unsigned int Read(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // As Read, for bytes that nobody has asked for yet: a failure leaves Good() as it was.
     ORVA_LOCAL unsigned int ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    // Returns the number of bytes taken: `byteSize`, or 0 if closed. On an enciphered file the last 1 to 15 may wait in
+    // Returns the number of bytes taken: `byteSize`, or 0 if closed. On an encrypted file the last 1 to 15 may wait in
     // memory, and a write that would not leave every byte in its place (docs/cipher.md) fails with EINVAL. In an `a`
     // mode the system puts the bytes at the end of the file, whatever the offset.
     unsigned int Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // Copies `size` bytes of the open file `source` to `byteOffset` and returns their number, which is smaller only if
-    // `source` ends before. FileError 1003 names the source, 1002 this file. Not for enciphered files.
+    // `source` ends before. FileError 1003 names the source, 1002 this file. Not for encrypted files.
     ORVA_LOCAL std::int64_t CopyFrom(ORVA_File& source, std::int64_t sourceOffset, std::int64_t size,
                                      std::int64_t byteOffset);
-    // The length of the file on disk, including the pad of an enciphered one; -1 if the system cannot tell (a pipe).
+    // The length of the file on disk, including the pad of an encrypted one; -1 if the system cannot tell (a pipe).
     std::int64_t Size() const;
     // The first offset from `byteOffset` on that is in no hole, if the system knows holes; the largest number if none
     // is.
@@ -93,7 +93,7 @@ public:
         const std::int64_t unit = fHasPlaces ? 512 : granule();
         return position / unit * unit;
     }
-    // The end of the data of an enciphered file: that of the waiting bytes, or else that of the pad. Part of a block,
+    // The end of the data of an encrypted file: that of the waiting bytes, or else that of the pad. Part of a block,
     // left by a failed write, does not count. 0 for other files.
     ORVA_LOCAL std::int64_t dataEnd() const;
     // `block` has the first `count` bytes of the cipher block at `byteOffset`; adds those that the file has behind
@@ -101,14 +101,14 @@ public:
     ORVA_LOCAL std::uint32_t completeBlock(unsigned char* block, std::uint32_t count, std::int64_t byteOffset);
     // The errno of the last Open, 0 if it succeeded.
     int OpenErrno() const { return fOpenErrno; }
-    // Pads, enciphers and writes the waiting bytes and ends the cipher run. Returns the size of the last write that it
+    // Pads, encrypts and writes the waiting bytes and ends the cipher run. Returns the size of the last write that it
     // made, 0 if there was none.
     ORVA_LOCAL unsigned int FinishEncryption();
 
     // Returns once the bytes written would survive a loss of power, but not the name of a new file. FileError 1002,
     // after which a second try proves nothing. Does nothing if closed.
     ORVA_LOCAL void Sync();
-    // Cuts the file to `length` bytes, or extends it with zeros; the position stays. FileError 1002. Not for enciphered
+    // Cuts the file to `length` bytes, or extends it with zeros; the position stays. FileError 1002. Not for encrypted
     // files. Does nothing if closed.
     ORVA_LOCAL void Truncate(std::int64_t length);
 
@@ -135,7 +135,7 @@ private:
     unsigned char fRemainder[CIPHER_BLOCK_SIZE] = {};
     int fRemainderSize = 0;
     int fPadSize = 0;
-    std::unique_ptr<Cipher> fCipher;  // null unless enciphered
+    std::unique_ptr<Cipher> fCipher;  // null unless encrypted
     bool fAppends = false;            // The system puts every write at the end of the file, whatever its offset.
     bool fHasPlaces = true;           // False for a pipe or terminal.
     std::string fTemporaryName;       // The full name of a file that is deleted when closed, else empty.

@@ -27,11 +27,11 @@ struct cipherOutput {
     }
 };
 
-// A gap stands in the file as zeros, and is read as zeros. Of data, the cipher makes such a block once in 2^128.
-void clearGaps(unsigned char* plain, int size, const unsigned char* enciphered) {
+// A gap is zeros in the file, and is read as zeros. The chance that data encrypts to such a block is 1 in 2^128.
+void clearGaps(unsigned char* plain, int size, const unsigned char* ciphertext) {
     for (int at = 0; at + CIPHER_BLOCK_SIZE <= size; at += CIPHER_BLOCK_SIZE) {
         std::uint64_t halves[2];
-        std::memcpy(halves, enciphered + at, sizeof halves);
+        std::memcpy(halves, ciphertext + at, sizeof halves);
         if ((halves[0] | halves[1]) == 0) std::memset(plain + at, 0, sizeof halves);
     }
 }
@@ -61,12 +61,12 @@ void ORVA_File::Cipher::beginFile() {
 unsigned int ORVA_File::Cipher::read(unsigned char* bytes, unsigned int size, std::int64_t byteOffset) {
     unsigned int count = inMemory(byteOffset) ? 0 : wholeBlocks(fFile.readDescriptor(bytes, size, byteOffset));
     const bool padded = byteOffset + count == fTailPos + CIPHER_BLOCK_SIZE && endsPadded(kReadFailed);
-    if (count != 0) count = decipher(bytes, count, padded ? static_cast<unsigned int>(fFile.fPadSize) : 0);
+    if (count != 0) count = decrypt(bytes, count, padded ? static_cast<unsigned int>(fFile.fPadSize) : 0);
     return overlayWaiting(bytes, size, count, byteOffset);
 }
 
-// Deciphers in place; returns the number of plain bytes, without the pad.
-unsigned int ORVA_File::Cipher::decipher(unsigned char* bytes, unsigned int size, unsigned int pad) {
+// Decrypts in place; returns the number of plain bytes, without the pad.
+unsigned int ORVA_File::Cipher::decrypt(unsigned char* bytes, unsigned int size, unsigned int pad) {
     cipherOutput plain;
     plain.good = workdir::Decrypt(&plain.data, &plain.size, bytes, static_cast<int>(size)) == 1;
     if (!plain.good) fFile.fail(kReadFailed, errno);
@@ -169,11 +169,11 @@ void ORVA_File::Cipher::keepTail(const unsigned char* tail, unsigned int size, s
 }
 
 unsigned int ORVA_File::Cipher::writeBlocks(const unsigned char* data, unsigned int size, std::int64_t byteOffset) {
-    cipherOutput enciphered;
-    enciphered.good = workdir::Encrypt(&enciphered.data, &enciphered.size, data, static_cast<int>(size)) == 1;
-    if (!enciphered.good) fFile.fail(kWriteFailed, errno);
+    cipherOutput ciphertext;
+    ciphertext.good = workdir::Encrypt(&ciphertext.data, &ciphertext.size, data, static_cast<int>(size)) == 1;
+    if (!ciphertext.good) fFile.fail(kWriteFailed, errno);
     fFile.fEncryptStarted = true;
-    return enciphered.size > 0 ? writeCiphertext(enciphered.data, enciphered.size, byteOffset) : 0;
+    return ciphertext.size > 0 ? writeCiphertext(ciphertext.data, ciphertext.size, byteOffset) : 0;
 }
 
 unsigned int ORVA_File::Cipher::writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset) {

@@ -1,4 +1,4 @@
-// The transfers of an enciphered ORVA_File. The file holds the cipher's output and nothing else, each block at the
+// The transfers of an encrypted ORVA_File. The file holds the cipher's output and nothing else, each block at the
 // offset of its plain bytes. Up to 15 bytes at the end of the data wait in memory until their block is full or the file
 // is finished. Bytes wait nowhere else: a write that would leave some in front of data that it does not cover is
 // refused.
@@ -40,7 +40,7 @@ private:
     // True if no data from `byteOffset` on is in the file.
     bool inMemory(std::int64_t byteOffset) const { return waits() && byteOffset >= fTailPos; }
     bool continuesWaiting(std::int64_t byteOffset) const { return waits() && byteOffset == waitingEnd(); }
-    unsigned int decipher(unsigned char* bytes, unsigned int size, unsigned int pad);
+    unsigned int decrypt(unsigned char* bytes, unsigned int size, unsigned int pad);
     unsigned int overlayWaiting(unsigned char* bytes, unsigned int size, unsigned int count, std::int64_t byteOffset);
     bool mayWrite(unsigned int size, std::int64_t byteOffset);
     void writeWhole(const unsigned char* data, unsigned int size, std::int64_t byteOffset);

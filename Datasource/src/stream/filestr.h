@@ -87,7 +87,7 @@ public:
 
     std::uint32_t Read(void* buffer, std::uint32_t size) override;
     // After a failure Tell() says how many bytes were taken. In an `a` mode the bytes go to the end of the file,
-    // whatever the position; a Read flushes them first. An enciphered file refuses bytes that its mode cannot keep in
+    // whatever the position; a Read flushes them first. An encrypted file refuses bytes that its mode cannot keep in
     // place (docs/cipher.md): FileError with EINVAL, and nothing has changed.
     std::uint32_t Write(const void* buffer, std::uint32_t size) override;
     // Flushes nothing. A target below 0 or past the 64-bit range gives -1 and moves nothing. The end of the file is
@@ -164,7 +164,7 @@ struct ORVA_API ORVA_FileStream::Data {
     Data& operator=(const Data&) = delete;
     ORVA_LOCAL ~Data();
 
-    // Writes the bytes put into the buffer since the last flush, as one range, which on an enciphered file is widened
+    // Writes the bytes put into the buffer since the last flush, as one range, which on an encrypted file is widened
     // to whole cipher blocks, or up to the end of the buffer. After a failure the bytes stay pending.
     void Flush();
     // Serves a request of a block or more: writes the pending bytes, reads up to a multiple of 512 straight into the

@@ -143,7 +143,7 @@ void ORVA_FileStream::Data::LoadBlock(std::int64_t position) {
 
 void ORVA_FileStream::Data::ReadUnbuffered(ReadRequest& request) {
     if (request._size < kBlockSize) return;
-    // An enciphered file is read from block boundaries only: the buffered read serves other positions.
+    // An encrypted file is read from block boundaries only: the buffered read serves other positions.
     if (request._pos % pRealFile->granule() != 0) return;
     // Stops where the block that is read next begins.
     const std::int64_t reach =
@@ -211,7 +211,7 @@ void ORVA_FileStream::Data::copyIn(WriteRequest& request) {
     if (target + count == fBuffer + kBlockSize) Flush();
 }
 
-// How many bytes of the request go straight to the file; 0 if they start the buffer. On an enciphered file, an
+// How many bytes of the request go straight to the file; 0 if they start the buffer. On an encrypted file, an
 // appending write has to begin at the end of the data and completes a block that waits there at once, before a copy of
 // the stream can pad it. If the mode cannot read the data under a write, the file itself takes or refuses the bytes.
 std::uint32_t ORVA_FileStream::Data::sizePastBuffer(const WriteRequest& request) {
@@ -227,7 +227,7 @@ std::uint32_t ORVA_FileStream::Data::sizePastBuffer(const WriteRequest& request)
 }
 
 // Writes past the buffer. Drops buffered bytes that the write covers: they must neither serve a later read nor be
-// written back over the new ones. Drops the buffer of an enciphered file anyway: data may now stand behind it that the
+// written back over the new ones. Drops the buffer of an encrypted file anyway: data may now stand behind it that the
 // mode cannot read to complete a block that grows into them.
 void ORVA_FileStream::Data::writeDirect(WriteRequest& request, std::uint32_t size) {
     const std::int64_t begin = request._pos;
@@ -249,7 +249,7 @@ void ORVA_FileStream::Data::startBuffer(std::int64_t position) {
 }
 
 // Writes whole cipher blocks, or up to the end of the data: the file may have more of the last block than the buffer.
-// Appended bytes go behind those that a copy of the stream has appended; an enciphered file needs that offset named.
+// Appended bytes go behind those that a copy of the stream has appended; an encrypted file needs that offset named.
 void ORVA_FileStream::Data::Flush() {
     if (fBufferEnd == fBuffer || !bDirty || !pRealFile->IsOpen()) return;
     const bool appends = pRealFile->Appends();
