@@ -90,8 +90,8 @@ public:
     // whatever the position; a Read flushes them first. An encrypted file refuses bytes that its mode cannot keep in
     // place (docs/cipher.md): FileError with EINVAL, and nothing has changed.
     std::uint32_t Write(const void* buffer, std::uint32_t size) override;
-    // Flushes nothing. A target below 0 or past the 64-bit range gives -1 and moves nothing. The end of the file is
-    // that behind unflushed bytes.
+    // Flushes nothing. A target below 0 or past the 64-bit range gives -1 and moves nothing. For SeekFromEnd unflushed
+    // bytes count as part of the file.
     std::int32_t Seek(std::int64_t offset, SeekDirection direction) override;
     std::int64_t Tell() const override;
     // 1 if the last read of the file gave no bytes. A short count from Read is the sign that always holds.
