@@ -140,6 +140,11 @@ ORVA_HOST_API void preferHugePages(void* memory, std::size_t size) noexcept;
 // Asks the system each time: a cached number would be wrong after a fork, which is what callers ask about.
 ORVA_HOST_API std::int64_t processId() noexcept;
 
+// The cores that the calling thread, and whatever it starts, may run on: all that are online, or fewer where taskset, a
+// container or a batch system sets an affinity. At least 1. A share of time, as a container may be given, does not
+// count.
+ORVA_HOST_API std::uint32_t coreCount() noexcept;
+
 // Differs between a parent and its forked child. Costs next to nothing; sees only children made by fork().
 ORVA_HOST_API std::uint32_t forkCount() noexcept;
 

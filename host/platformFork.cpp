@@ -1,10 +1,13 @@
 #include <orva/platform.h>
 
 #include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 namespace platform {
 namespace {
@@ -23,6 +26,13 @@ void childBegins() {
 
 std::int64_t processId() noexcept {
     return ::getpid();
+}
+
+// The standard library counts all cores that are online.
+std::uint32_t coreCount() noexcept {
+    cpu_set_t own;
+    if (::sched_getaffinity(0, sizeof own, &own) == 0) return static_cast<std::uint32_t>(CPU_COUNT(&own));
+    return std::max(std::thread::hardware_concurrency(), 1U);  // more cores than the set has room for
 }
 
 std::uint32_t forkCount() noexcept {

@@ -1,5 +1,7 @@
 #include "threads.h"
 
+#include <orva/platform.h>
+
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -8,7 +10,6 @@
 #include <mutex>
 #include <optional>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -69,8 +70,8 @@ void threadOptions::addTo(CLI::App& command) {
 }
 
 std::int32_t threadOptions::count() const {
-    const auto cores = static_cast<std::int32_t>(std::thread::hardware_concurrency());
-    return wanted != 0 ? wanted : std::clamp(cores, 1, kMostThreads);
+    const auto cores = static_cast<std::int32_t>(platform::coreCount());
+    return wanted != 0 ? wanted : std::min(cores, kMostThreads);
 }
 
 void runInOrder(std::int32_t threads, std::size_t count, const std::function<orderedWorker()>& makeWorker) {

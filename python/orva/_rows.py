@@ -229,7 +229,7 @@ class Rows:
         """The first row that begins at or past the end of as many blocks, from row `first` on, as there are
         threads."""
         at = first * self._row.itemsize
-        for _ in range(self._opened.threads or os.cpu_count() or 1):
+        for _ in range(self._opened.threads or len(os.sched_getaffinity(0))):
             at = self._reader.end_of_block(at)
         return -(-at // self._row.itemsize)
 

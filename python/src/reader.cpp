@@ -4,6 +4,7 @@
 #include "module.h"
 #include "source.h"
 
+#include <orva/platform.h>
 #include <orva/reader.h>
 
 #include <pybind11/stl.h>
@@ -12,7 +13,6 @@
 #include <numeric>
 #include <optional>
 #include <string>
-#include <thread>
 
 namespace py = pybind11;
 using orva::i64;
@@ -28,7 +28,7 @@ public:
     closableReader(const From& from, std::optional<i64> row0, int threads, const std::string& name = {})
         // Two blocks: a search that ends at the border of two reads them by turns.
         : fReader(opened(from, {.row0 = row0, .threads = threads, .cached_blocks = 2, .name = name})),
-          fBlocks(blocksAtATime(threads != 0 ? threads : static_cast<int>(std::thread::hardware_concurrency()))) {}
+          fBlocks(blocksAtATime(threads != 0 ? threads : static_cast<int>(platform::coreCount()))) {}
 
     void close() { fReader.reset(); }
     bool isClosed() const { return !fReader; }

@@ -4,12 +4,12 @@
 
 #include <orva/errors.h>
 #include <orva/errtext.h>
+#include <orva/platform.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <new>
 #include <stdexcept>
-#include <thread>
 
 namespace orva {
 
@@ -49,7 +49,7 @@ void require(bool fulfilled, const Path& path, const char* what) {
 std::uint32_t threadsAtWork(int threads, const Path& path) {
     constexpr unsigned int most = 256;  // each holds two blocks in memory
     require(threads >= 0, path, "a number of threads is 0, for one a core, or more");
-    const unsigned int wanted = threads != 0 ? static_cast<unsigned int>(threads) : std::thread::hardware_concurrency();
+    const unsigned int wanted = threads != 0 ? static_cast<unsigned int>(threads) : platform::coreCount();
     return std::clamp(wanted, 1U, most);
 }
 

@@ -24,7 +24,6 @@
 #include <exception>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -112,7 +111,7 @@ std::unique_ptr<Worker> startedWorker(std::unique_ptr<Worker> worker, bool bRead
 class PreIOThreadSeveral : public PreIOThreadBase {
 protected:
     explicit PreIOThreadSeveral(std::uint32_t threads)
-        : PreIOThreadBase(threads), bCallerHelps(threads < std::thread::hardware_concurrency()) {}
+        : PreIOThreadBase(threads), bCallerHelps(threads < platform::coreCount()) {}
     ~PreIOThreadSeveral() override {
         if (!isMakers()) static_cast<void>(fShared.release());
     }
