@@ -51,18 +51,18 @@ private:
         const bool named = fIn != "-";
         if (named) checkReadable(fIn);
         if (platform::sameFile(named ? fIn.c_str() : "/dev/stdin", fPart.file.c_str())) {
-            usageError("\"" + shownName(fPart.file) + "\" cannot be added to itself");
+            usageError("cannot append \"" + shownName(fPart.file) + "\" to itself");
         }
     }
 
     void rollBackInterrupted() const {
-        constexpr const char* ends[] = {"", "it was undone, the rows from before it are all there",
-                                        "the file is whole as it stands, and its rows stay",
-                                        "its rows were all there, and it was completed"};
+        constexpr const char* ends[] = {"", "it was undone, and all rows from before it are there",
+                                        "the file is complete as it is, and keeps all its rows",
+                                        "its rows were all there, so it was completed"};
         const orva::RollBack found = orva::roll_back(fPart.file);
         if (found == orva::RollBack::nothing) return;
         note("append", fPart.file,
-             std::string("an append before this one was interrupted: ") + ends[static_cast<std::size_t>(found)]);
+             std::string("an earlier append was interrupted: ") + ends[static_cast<std::size_t>(found)]);
     }
 
     // Refuses files that an append would have refused.
@@ -94,7 +94,7 @@ private:
         } catch (const orva::SystemError& e) {
             if (e.code() != std::errc::filename_too_long) throw;
             throw toolFailure(kOutputUnwritable, file.name,
-                              e.reason() + "; --no-sync does without this file, and a shorter name leaves room for it");
+                              e.reason() + "; use --no-sync, which needs no side file, or a shorter name");
         }
     }
 

@@ -54,7 +54,7 @@ public:
 
     int run() override {
         if (fRecordSize != 0 && fRecords.empty() && fWhere.empty()) {
-            usageError("--record-size goes with --records or --records-where");
+            usageError("--record-size requires --records or --records-where");
         }
         const shownFile file = openFile("cat", fPart);
         if (fWhere.empty()) {
@@ -79,7 +79,7 @@ private:
         if (fLostRanges == 0) return;
         throw toolFailure(kPartial, fPart.file,
                           counted(fLostRanges, "range") + " of rows lost" +
-                              (fDamaged == "zero" ? "; zeros stand in their place" : " and left out"));
+                              (fDamaged == "zero" ? " and replaced by zeros" : " and left out"));
     }
 
     void copyFound(const shownFile& file) {
@@ -111,7 +111,8 @@ private:
     std::string summary(const output& out, std::int64_t total) const {
         const std::string all = humanSize(total);
         return shownName(fPart.file) + ": " +
-               (out.open() ? all : humanSize(out.written()) + " of " + all + " written, then nobody read on");
+               (out.open() ? all
+                           : humanSize(out.written()) + " of " + all + " written, then the reader closed the pipe");
     }
 
     // A block, and consecutive pieces of the ranges that lie in it.

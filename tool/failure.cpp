@@ -76,17 +76,17 @@ int reportFailure(const std::string& verbName, const std::string& subject, const
         }
         return report(kOtherFailure, subject,
                       "cannot start a thread: " + e.code().message() +
-                          "; give a smaller -T, or raise the limits on processes and memory");
+                          "; use fewer threads (-T), or raise the limits on processes and memory");
     } catch (const orva::Error& e) {
         return reportFile(kDamaged, e);
     } catch (const std::bad_alloc& e) {
         const std::string outcome = std::strchr(e.what(), ';') != nullptr ? std::strchr(e.what(), ';') : "";
         return report(kOtherFailure, subject,
-                      "out of memory: end other programs, or raise the limit on memory" + outcome);
+                      "out of memory: close other programs, or raise the memory limit" + outcome);
     } catch (const std::exception& e) {
         return report(kOtherFailure, subject, e.what());
     } catch (const endedBySignal& e) {
-        report(kOtherFailure, subject, "ended by a signal; the file holds the rows that it held before");
+        report(kOtherFailure, subject, "interrupted by a signal; the file holds the same rows as before");
         endBy(e.signal);
     }
 }

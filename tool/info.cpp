@@ -91,9 +91,7 @@ private:
         return text;
     }
 
-    std::string found() const {
-        return fInfo.found_by == orva::FileInfo::FoundBy::search ? ", found by looking for it" : "";
-    }
+    std::string found() const { return fInfo.found_by == orva::FileInfo::FoundBy::search ? ", found by a search" : ""; }
 
     void writeBlocks(output& out) const {
         std::string text = "\n     block            offset       size       file offset     stored     ratio\n";

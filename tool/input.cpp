@@ -25,7 +25,7 @@ public:
         const int count = platform::readAt(fFrom.fDescriptor, to.data(), size, fFrom.fPlace + offset);
         if (count < 0) throwReadFailed(fFrom.fName);
         if (static_cast<std::size_t>(count) != to.size()) {
-            throw toolFailure(kInputUnreadable, fFrom.fName, "changed while it was read: try again");
+            throw toolFailure(kInputUnreadable, fFrom.fName, "changed while it was being read: try again");
         }
         const std::lock_guard guard(fLock);
         fPassed(count);
@@ -99,7 +99,7 @@ void checkReadable(const std::string& name) {
 std::vector<std::byte> readDictionary(const std::string& name) {
     std::vector<std::byte> bytes = input(name).readAll();
     if (bytes.empty()) {
-        usageError("the dictionary part \"" + shownName(name) + "\" is empty: rows begin behind at least one byte");
+        usageError("the dictionary part \"" + shownName(name) + "\" is empty: it needs at least one byte");
     }
     return bytes;
 }

@@ -28,7 +28,7 @@ struct namedVerb {
 };
 constexpr namedVerb kVerbs[] = {
     {"pack", "Compress rows into a finished file", makePack},
-    {"join", "Put the rows of finished files into one by copying their blocks", makeJoin},
+    {"join", "Join finished files into one by copying their compressed blocks", makeJoin},
     {"cat", "Write rows to standard output, whole or in ranges", makeCat},
     {"append", "Add rows to a finished file; a failure leaves it as it was", makeAppend},
     {"info", "Show what a file holds", makeInfo},
@@ -53,19 +53,20 @@ std::string refusal(const CLI::App& app, const CLI::ParseError& request, const s
     const std::string what = request.what();
     if (unknown.empty()) {
         if (dynamic_cast<const CLI::ArgumentMismatch*>(&request) == nullptr) return request.what();
-        const bool tooMany = what.find(": At Most ") != std::string::npos;
-        return what.substr(0, what.find(':')) + (tooMany ? " is given too many values" : " is given without a value");
+        const std::string option = what.substr(0, what.find(':'));
+        return what.find(": At Most ") != std::string::npos ? "too many values for " + option
+                                                            : option + " needs a value";
     }
     const std::string& word = unknown.front();
-    if (!word.starts_with('-')) return verbName.empty() ? word + " is no verb" : what;
-    return word + " is no option" + (verbName.empty() ? "" : "; a file whose name begins with - is given as ./-NAME");
+    if (!word.starts_with('-')) return (verbName.empty() ? "unknown verb \"" : "unexpected argument \"") + word + '"';
+    return "unknown option \"" + word + '"' + (verbName.empty() ? "" : "; write ./" + word + " if it is a file");
 }
 
 // Help and version are written as data is, so that a full disk is reported there too.
 int answerFromParser(const CLI::App& app, const CLI::ParseError& request, const std::string& verbName) {
     if (request.get_exit_code() != 0) {
         const std::string help = verbName.empty() ? "orva --help" : "orva " + verbName + " --help";
-        usageError(refusal(app, request, verbName) + "; '" + help + "' tells more");
+        usageError(refusal(app, request, verbName) + "; see '" + help + "'");
     }
     std::ostringstream text;
     app.exit(request, text, text);
@@ -141,7 +142,7 @@ int runTool(int argc, char** argv, std::string& verbName, std::string& subject) 
         subject = subjectOf(*command);
         return parsed->run();
     }
-    usageError("name what to do; 'orva --help' lists the verbs");
+    usageError("no verb given; see 'orva --help'");
 }
 
 }  // namespace

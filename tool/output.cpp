@@ -36,13 +36,14 @@ void outputOptions::addTo(CLI::App& app) {
 }
 
 void requireFileName(const std::string& out) {
-    if (out == "-") usageError("a finished file needs a name, for its heading is written last: -o FILE");
+    if (out == "-")
+        usageError("a finished file cannot go to standard output, because its heading is written last: use -o FILE");
 }
 
 void requireOtherFile(const std::string& out, std::span<const std::string> inputs) {
     for (const std::string& name : inputs) {
         if (out == "-" || name == "-" || !platform::sameFile(name.c_str(), out.c_str())) continue;
-        usageError("\"" + shownName(name) + "\" is input and output: name another output with -o");
+        usageError("\"" + shownName(name) + "\" is both input and output: name another output with -o");
     }
 }
 

@@ -68,7 +68,7 @@ private:
     void chooseOutput() {
         requireFileName(fOut);
         if (!fOut.empty()) return;
-        if (!oneNamedInput()) usageError("several inputs and standard input need a name for the output: -o FILE");
+        if (!oneNamedInput()) usageError("several inputs, or standard input, need a name for the output: use -o FILE");
         fOut = fInputs[0] + ".orva";
     }
 

@@ -35,7 +35,8 @@ void partOptions::addTo(CLI::App& app, std::vector<std::string>& files) {
 }
 
 void requireName(const std::string& file) {
-    if (file == "-") usageError("standard input has no name and cannot be read at any place: put it into a file first");
+    if (file == "-")
+        usageError("FILE cannot be standard input, which cannot be read at any offset: save it to a file first");
 }
 
 shownFile openFile(const partOptions& options) {
@@ -72,7 +73,7 @@ void noteHidden(const std::string& verbName, const std::string& file, std::int64
     }
     note(
         verbName, file,
-        "its dictionary part looks like another compressed part: the rows are found by --row0 " + std::to_string(row0));
+        "its dictionary part looks like another compressed part: to read the rows, use --row0 " + std::to_string(row0));
 }
 
 int forEachFile(const std::string& verbName, partOptions& part, const std::vector<std::string>& files,

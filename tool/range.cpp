@@ -12,7 +12,7 @@ struct pair {
     std::optional<std::int64_t> second;
 };
 
-pair parsePair(const std::string& text, const char* form) {
+pair parsePair(const std::string& text, const std::string& form) {
     const std::string_view whole = text;
     const auto colon = whole.find(':');
     if (colon != std::string_view::npos) {
@@ -20,7 +20,7 @@ pair parsePair(const std::string& text, const char* form) {
         const auto second = number(whole.substr(colon + 1));
         if (first && (second || colon + 1 == whole.size())) return {*first, second};
     }
-    usageError("\"" + shownName(text) + "\" is not of the form " + form + ", numbers from 0");
+    usageError(form + " with numbers from 0, got \"" + shownName(text) + '"');
 }
 
 // The N in "-N" followed by `ending`.
@@ -35,13 +35,13 @@ orva::Range parseRange(const std::string& text, const std::string& file, std::in
     if (const auto last = parseLast(text, "")) {
         if (*last <= dataSize) return {dataSize - *last, *last};
         throw toolFailure(kOtherFailure, file,
-                          "the range " + text + " begins before the rows, which are " + counted(dataSize, "byte"));
+                          "range " + text + " is longer than the rows (" + counted(dataSize, "byte") + ")");
     }
-    const pair given = parsePair(text, "OFF:LEN, OFF: or -N");
+    const pair given = parsePair(text, "--range: expected OFF:LEN, OFF: or -N");
     const std::int64_t rest = dataSize - given.first;
     if (rest < 0 || given.second.value_or(0) > rest) {
         throw toolFailure(kOtherFailure, file,
-                          "the range " + text + " ends past the rows, which are " + counted(dataSize, "byte"));
+                          "range " + text + " ends past the end of the rows (" + counted(dataSize, "byte") + ")");
     }
     return {given.first, given.second.value_or(rest)};
 }
@@ -50,13 +50,13 @@ orva::Range parseRecords(const std::string& text, std::int64_t recordSize, const
                          std::int64_t dataSize) {
     const std::int64_t count = dataSize / recordSize;
     const auto last = parseLast(text, ":");
-    const pair given = last ? pair{count - *last, count} : parsePair(text, "A:B, A: or -N:");
+    const pair given = last ? pair{count - *last, count} : parsePair(text, "--records: expected A:B, A: or -N:");
     const std::int64_t end = given.second.value_or(count);
     if (given.first < 0 || given.first > count || end > count) {
         throw toolFailure(kOtherFailure, file,
-                          "the records " + text + " do not all lie in the rows, which are " + counted(count, "record") +
-                              " of " + counted(recordSize, "byte") + " (" + counted(dataSize, "byte") + ")");
+                          "records " + text + " do not all exist: the file has " + counted(count, "record") + " of " +
+                              counted(recordSize, "byte") + " (" + counted(dataSize, "byte") + ")");
     }
-    if (end < given.first) usageError("the records " + text + " end before they begin");
+    if (end < given.first) usageError("--records: " + text + " ends before it begins");
     return {given.first * recordSize, (end - given.first) * recordSize};
 }

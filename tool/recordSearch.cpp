@@ -98,12 +98,12 @@ void keyRange::add(const std::string& text) {
     const bool upper = given.comparison == "<" || given.comparison == "<=" || given.comparison == "==";
     if (given.offset < 0 || !given.rank || lower + upper == 0) {
         usageError(
-            "the condition \"" + shownName(text) +
-            "\" is not of the form OFFSET:TYPE>=VALUE (also > <= < ==), with a VALUE of that TYPE: i32, i64, u32, "
-            "u64, f32 or f64");
+            "--records-where: expected OFFSET:TYPE>=VALUE (also > <= < ==), where TYPE is i32, i64, u32, u64, f32 or "
+            "f64 and VALUE a number of that type, got \"" +
+            shownName(text) + '"');
     }
     if (fType != nullptr && (fType != given.type || fOffset != given.offset)) {
-        usageError("the conditions are about two keys: only one ascends");
+        usageError("--records-where: both conditions must have the same OFFSET and TYPE");
     }
     fType = given.type;
     fOffset = given.offset;
@@ -128,7 +128,9 @@ std::optional<std::uint64_t> keyRange::rank(const unsigned char* key, bool swapp
 recordSearch::recordSearch(blockRows& rows, const keyRange& range, std::int64_t recordSize)
     : fRows(rows), fRange(range), fRecordSize(recordSize), fRecords(rows.file().info.size / recordSize) {
     if (range.offset() > recordSize - static_cast<std::int64_t>(range.width())) {
-        usageError("the key does not lie inside a record of " + counted(recordSize, "byte"));
+        usageError("--records-where: the key of " + counted(static_cast<std::int64_t>(range.width()), "byte") +
+                   " at offset " + grouped(range.offset()) + " does not fit into a record of " +
+                   counted(recordSize, "byte"));
     }
 }
 
@@ -201,6 +203,6 @@ std::uint64_t recordSearch::rankOf(std::int64_t record, std::uint64_t before) {
 void recordSearch::refuse(std::int64_t record) const {
     throw toolFailure(kDamaged, fRows.file().name,
                       "the key of record " + grouped(record) +
-                          " does not ascend: a search needs rows that are sorted by it, or --records-where names "
-                          "another key than theirs");
+                          " is out of order: --records-where needs records in ascending order of the key; check "
+                          "OFFSET and TYPE");
 }

@@ -45,7 +45,7 @@ public:
         if (fReport.lost.empty()) return kAllWell;
         throw toolFailure(kPartial, fPart.file,
                           counted(static_cast<std::int64_t>(fReport.lost.size()), "range") + " of rows lost; \"" +
-                              shownName(fOut) + "\" holds the others");
+                              shownName(fOut) + "\" holds the rest");
     }
 
 private:
@@ -74,9 +74,9 @@ private:
 
     int rollBack() const {
         constexpr const char* ends[] = {
-            "no append to undo: it has no side file",
-            "the interrupted append was undone: the rows from before it are all there",
-            "it is whole as it stands, and its rows stay; the side file was removed",
+            "nothing to roll back: it has no side file",
+            "the interrupted append was undone: all rows from before it are there",
+            "the file is complete as it is, and keeps all its rows; the side file was removed",
             "the append was complete but for its heading, which was written: all rows are there"};
         note("recover", fPart.file, ends[static_cast<std::size_t>(orva::roll_back(fPart.file))]);
         return kAllWell;
@@ -111,7 +111,7 @@ private:
         if (!fReport.had_heading) {
             text += file + "no heading: the file was never finished, or its heading is damaged\n";
         } else if (!fReport.had_index) {
-            text += file + "no index: the blocks were found one behind the other\n";
+            text += file + "no index: the blocks were found one after the other\n";
         }
         if (fReport.had_heading && fReport.size > fReport.committed) {
             text += file + "rows from byte " + std::to_string(fReport.committed) +
@@ -125,7 +125,7 @@ private:
     }
 
     static std::string line(const orva::LostRows& lost) {
-        return lostText(lost.rows) + (lost.estimated ? " (a guess)" : "") + ": " + lost.text;
+        return lostText(lost.rows) + (lost.estimated ? " (estimated)" : "") + ": " + lost.text;
     }
 
     nlohmann::ordered_json asJson() const {

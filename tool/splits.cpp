@@ -53,8 +53,9 @@ public:
             .add_option("--delimiter", fDelimiter,
                         "The byte that ends each record, such as '\\n'; no range cuts a record")
             ->option_text("C")
-            ->check(
-                [](const std::string& text) { return parseByte(text) ? "" : "is not one byte, as x, \\n or \\x1e"; })
+            ->check([](const std::string& text) {
+                return parseByte(text) ? "" : "expected one byte, such as x, \\n or \\x1e";
+            })
             ->excludes(recordSize);
     }
 

@@ -7,12 +7,12 @@
 namespace {
 
 std::string refuseEmpty(const std::string& value) {
-    return value.empty() ? "is empty" : "";
+    return value.empty() ? "must not be empty" : "";
 }
 
 std::string refuseNoNumber(const std::string& value) {
     const std::string digits = value.starts_with('-') ? value.substr(1) : value;
-    return number(digits) ? "" : value + " is no number in the range from 0 to 9,223,372,036,854,775,807";
+    return number(digits) ? "" : "expected a number from 0 to 9,223,372,036,854,775,807, got \"" + value + '"';
 }
 
 }  // namespace

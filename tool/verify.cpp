@@ -46,14 +46,14 @@ private:
         if (fReport.sound()) return "all good";
         const auto count = std::ssize(fReport.bad);
         return (count == 0 ? "" : grouped(count) + " bad") + (count == 0 || fReport.index.empty() ? "" : ", ") +
-               (fReport.index.empty() ? "" : "the index damaged");
+               (fReport.index.empty() ? "" : "index damaged");
     }
 
     std::string summary() const {
-        if (fReport.bad.empty()) return fReport.index + ": 'orva recover' makes a new file of its rows";
+        if (fReport.bad.empty()) return fReport.index + ": use 'orva recover' to save the rows in a new file";
         return grouped(std::ssize(fReport.bad)) + " of " + counted(fReport.blocks, "block") +
-               " damaged: get the file from its source again; 'orva recover' makes a new one with the rows of the "
-               "others";
+               " damaged: get the file from its source again, or use 'orva recover' to save the other rows in a new "
+               "file";
     }
 
     void print() const {
