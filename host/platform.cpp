@@ -35,26 +35,19 @@ constexpr std::int64_t kOwnPlace = -1;
 #ifdef ORVA_FAULT_SEAM
 std::atomic<faults::Hook*> gHook{nullptr};
 
-bool isTransfer(Call call) {
-    return call == Call::Read || call == Call::Write;
-}
-
 template <class Raw>
 std::int64_t hooked(faults::Hook& hook, Step step, Raw raw) {
     const int errnoBefore = errno;
     const faults::Verdict verdict = hook.before(step);
     if (verdict.error == 0 || step.call == Call::Close)
         step.result = raw(static_cast<std::size_t>(std::min(step.size, verdict.limit)));
-    if (step.result < 0) step.error = errno;
-    if (verdict.error != 0) {
-        step.result = -1;
-        step.error = verdict.error;
-    }
+    const int error = verdict.error != 0 ? verdict.error : errno;
+    if (verdict.error != 0) step.result = -1;
     // The position afterwards tells the offset of a transfer that named none, even of an appending one.
-    if (isTransfer(step.call) && step.offset < 0 && step.result > 0)
-        step.offset = ::lseek(step.descriptor, 0, SEEK_CUR) - step.result;
+    const bool moves = step.call == Call::Read || step.call == Call::Write;
+    if (moves && step.offset < 0 && step.result > 0) step.offset = ::lseek(step.descriptor, 0, SEEK_CUR) - step.result;
     hook.after(step);
-    errno = step.result < 0 ? step.error : errnoBefore;
+    errno = step.result < 0 ? error : errnoBefore;
     return step.result;
 }
 #endif

@@ -37,7 +37,6 @@ struct Step {
     std::int64_t offset = -1;  // Read, Write: file offset of the bytes; -1 before, and after a failure, if the call
                                // uses the descriptor's position. Seek: the offset asked for
     std::int64_t result = -1;  // as the system gave it
-    int error = 0;             // errno if result is -1
 };
 
 class Hook {

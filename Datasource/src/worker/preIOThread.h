@@ -149,31 +149,25 @@ private:
     std::unique_ptr<shared> fShared = std::make_unique<shared>();
 };
 
+namespace orva {
+[[noreturn]] inline void refuseOperation() {
+    assertionFailed(__FILE__, __LINE__, "0");
+}
+}  // namespace orva
+
 // Workers that only read, or only write: a call of the other direction is an assertion failure.
 template <class Base>
 class readingWorker : public Base {
 public:
     using Base::Base;
-    std::uint32_t putBlock(const void*, std::uint32_t, std::int64_t) override {
-        ORVA_ASSERT(false, "0");
-        return 0;
-    }
-    std::int32_t writeLoopStep() override {
-        ORVA_ASSERT(false, "0");
-        return 1;
-    }
+    std::uint32_t putBlock(const void*, std::uint32_t, std::int64_t) override { orva::refuseOperation(); }
+    std::int32_t writeLoopStep() override { orva::refuseOperation(); }
 };
 
 template <class Base>
 class writingWorker : public Base {
 public:
     using Base::Base;
-    std::uint32_t getBlock(void*, std::uint32_t, std::int64_t) override {
-        ORVA_ASSERT(false, "0");
-        return 0;
-    }
-    std::int32_t readLoopStep() override {
-        ORVA_ASSERT(false, "0");
-        return 1;
-    }
+    std::uint32_t getBlock(void*, std::uint32_t, std::int64_t) override { orva::refuseOperation(); }
+    std::int32_t readLoopStep() override { orva::refuseOperation(); }
 };
