@@ -49,9 +49,10 @@ struct WriteCase {
     bool finished = false;
 };
 constexpr WriteCase kWrites[] = {
-    {"BelowTheFile", false, 32, -16, 16},      {"InABlockThatCannotEnd", false, 32, INT64_MAX - 15, 8},
-    {"OverSomeOfWhatWaits", false, 40, 32, 4}, {"InsideThePaddedBlock", false, 40, 40, 8, true},
-    {"BehindAGap", true, 32, 64, 20},          {"OverThePaddedBlock", true, 40, 32, 20, true},
+    {"BelowTheFile", false, 32, -16, 16},       {"InABlockThatCannotEnd", false, 32, INT64_MAX - 15, 8},
+    {"OverSomeOfWhatWaits", false, 40, 32, 4},  {"InsideThePaddedBlock", false, 40, 40, 8, true},
+    {"BehindAGap", true, 32, 64, 20},           {"OverThePaddedBlock", true, 40, 32, 20, true},
+    {"NothingBelowTheFile", false, 32, -16, 0},
 };
 
 TEST_F(Cipher, AFileTakesWhatNeedsNoOtherBytesOfABlock) {

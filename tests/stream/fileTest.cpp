@@ -38,6 +38,7 @@ TEST_F(File, ModesTellAccessCreationTruncationAndPosition) {
         made("hello", {'h', 'e', 'l', 'l', 'o'});
         ASSERT_TRUE(open("hello", c.mode));
         EXPECT_EQ(file.Tell(), c.tell);
+        EXPECT_EQ(failureOf([&] { file.Write("XY", 2, -1); }), fileError(1002, EINVAL, fHello));
         EXPECT_EQ(failureOf([&] { file.Write("XY", 2, 1); }), c.writes ? "" : fileError(1002, EBADF, fHello));
         const std::string failure = failureOf([&] { EXPECT_EQ(file.Read(bytes, 2, 3), c.reads); });
         EXPECT_EQ(failure, c.reads >= 0 ? "" : fileError(1003, EBADF, fHello));

@@ -213,6 +213,7 @@ void ORVA_File::Truncate(std::int64_t length) {
 
 // A pipe or terminal takes only transfers that begin where the last one ended.
 void ORVA_File::beginTransfer(std::int64_t byteOffset, long code) {
+    if (byteOffset < 0) fail(code, EINVAL);
     if (!fHasPlaces && byteOffset != fPosition) fail(code, ESPIPE);
     platform::setErrno(0);
 }

@@ -56,7 +56,7 @@ public:
     ORVA_LOCAL unsigned int ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // Returns the number of bytes taken: `byteSize`, or 0 if closed. On an encrypted file the last 1 to 15 may wait in
     // memory, and a write that would not leave every byte in its place (docs/cipher.md) fails with EINVAL. In an `a`
-    // mode the system puts the bytes at the end of the file, whatever the offset.
+    // mode the system puts the bytes at the end of the file, whatever the offset. An offset below 0 is EINVAL.
     unsigned int Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // Copies `size` bytes of the open file `source` to `byteOffset` and returns their number, which is smaller only if
     // `source` ends before. FileError 1003 names the source, 1002 this file. Not for encrypted files.

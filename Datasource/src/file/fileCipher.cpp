@@ -118,7 +118,7 @@ void ORVA_File::Cipher::writeWhole(const unsigned char* data, unsigned int size,
 bool ORVA_File::Cipher::mayWrite(unsigned int size, std::int64_t byteOffset) {
     // The block in which the data end has to end before the largest offset.
     constexpr std::int64_t last = wholeBlocks(std::numeric_limits<std::int64_t>::max());
-    if (byteOffset < 0 || byteOffset > last - size) return false;
+    if (byteOffset > last - size) return false;
     const bool continues = continuesWaiting(byteOffset);
     if (fFile.fAppends && (continues ? fTailPos : byteOffset) != fileEnd()) return false;
     if (continues) return true;
