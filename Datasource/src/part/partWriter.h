@@ -63,7 +63,7 @@ public:
     // Writes the last block, the index and, last of all, the heading; then closes the file, unless `staysOpen`.
     // `durable`: returns only once the part would survive a loss of power.
     void finish(bool durable, bool staysOpen = false);
-    // True once the heading is in the file: a later failure loses no rows.
+    // True once the part is finished: a failure after that loses no rows.
     bool isFinished() const { return bFinished; }
     // Ends the threads, drops what they have not begun, and puts back what an append has overwritten; throws if that
     // fails. Does nothing on a finished part.
