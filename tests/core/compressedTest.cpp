@@ -68,7 +68,7 @@ TEST_P(CompressedWrite, AbandonGivesUpTheBlocksThatWait) {
 // A worker's failure is seen with the next block.
 TEST_P(CompressedWrite, AFailureLeavesThePositionBehindWhatWasTaken) {
     if (GetParam() == kSeveral) return;
-    for (const std::size_t before : {0, 5}) {
+    for (const std::size_t before : {0U, 5U}) {
         const auto stream = startedWriter(fName, GetParam());
         write(*stream, Bytes(before));
         CallHook disk;

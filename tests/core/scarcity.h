@@ -73,9 +73,9 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
 }
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 // The system's own calloc, which may serve code that ends with a thread.
-extern "C" void* __libc_calloc(std::size_t count, std::size_t size) noexcept;
-extern "C" void* calloc(std::size_t count, std::size_t size) noexcept {
-    return strikes(Fault::Memory) ? nullptr : __libc_calloc(count, size);
+extern "C" void* __libc_calloc(std::size_t number, std::size_t size) noexcept;
+extern "C" void* calloc(std::size_t number, std::size_t size) noexcept {
+    return strikes(Fault::Memory) ? nullptr : __libc_calloc(number, size);
 }
 #endif
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
