@@ -23,7 +23,8 @@ py::tuple asTuple(const orva::Range& range) {
 
 py::tuple info(const std::string& path, std::optional<i64> row0) {
     constexpr const char* ways[] = {"option", "dictionary", "search"};
-    const orva::FileInfo found = gil::without([&] { return orva::info(path, row0); });
+    const orva::FileInfo found = gil::without(
+        [&] { return orva::info(orva::Reader(path, {.row0 = row0, .progress = [](i64, i64) { checkSignals(); }})); });
     py::list blocks;
     for (const orva::Block& block : found.blocks) {
         blocks.append(py::make_tuple(asTuple(block.rows), block.file_offset, block.stored));

@@ -2,6 +2,7 @@
 #include "buffer.h"
 #include "gil.h"
 #include "module.h"
+#include "signals.h"
 #include "source.h"
 
 #include <orva/platform.h>
@@ -78,7 +79,9 @@ public:
 
 private:
     static orva::Reader opened(const std::string& path, const orva::ReaderOptions& options) {
-        return gil::without([&] { return orva::Reader(orva::Path(path), options); });
+        orva::ReaderOptions searching = options;
+        searching.progress = [](i64, i64) { checkSignals(); };
+        return gil::without([&] { return orva::Reader(orva::Path(path), searching); });
     }
     static orva::Reader opened(const py::object& object, const orva::ReaderOptions& options) {
         auto source = std::make_shared<pythonSource>(object);

@@ -73,8 +73,12 @@ std::unique_ptr<droppableWriter> create(const std::string& path, const std::stri
 
 std::unique_ptr<droppableWriter> append(const std::string& path, std::optional<i64> row0, int threads, int level,
                                         i64 block, bool rollBack) {
-    const orva::AppendOptions options{
-        .row0 = row0, .threads = threads, .level = level, .block = block, .roll_back = rollBack};
+    const orva::AppendOptions options{.row0 = row0,
+                                      .threads = threads,
+                                      .level = level,
+                                      .block = block,
+                                      .roll_back = rollBack,
+                                      .progress = [](i64, i64) { checkSignals(); }};
     return gil::without([&] { return std::make_unique<droppableWriter>(orva::Writer::append(path, options)); });
 }
 

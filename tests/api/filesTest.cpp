@@ -52,6 +52,14 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
     EXPECT_THROW(orva::verify(path("all"), {.progress = stop}), std::domain_error);
     EXPECT_THROW(orva::recover(path("all"), path("none"), {.progress = stop}), std::domain_error);
     EXPECT_THROW(orva::join(parts, path("none"), {.progress = stop}), std::domain_error);
+    // As well while a heading is looked for.
+    const orva::Path foreign[] = {path("foreign")};
+    writeBytes(foreign[0], Bytes(100, 'x'));
+    EXPECT_THROW(orva::Reader(foreign[0], {.progress = stop}), std::domain_error);
+    EXPECT_THROW(orva::Writer::append(foreign[0], {.progress = stop}), std::domain_error);
+    EXPECT_THROW(orva::verify(foreign[0], {.progress = stop}), std::domain_error);
+    EXPECT_THROW(orva::recover(foreign[0], path("none"), {.progress = stop}), std::domain_error);
+    EXPECT_THROW(orva::join(foreign, path("none"), {.progress = stop}), std::domain_error);
     // Its last block is no longer the one that was copied.
     const auto grow = [&](i64, i64) { append("a", Bytes(10)); };
     EXPECT_EQ(thrownBy([&] { orva::join(parts, path("none"), {.progress = grow}); }), "FileChangedError");
@@ -82,7 +90,7 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
         EXPECT_TRUE(rows.empty() || sameBytes(rows, Bytes(100, 'b')));
         EXPECT_TRUE(thrown.empty() || thrown == "FileChangedError") << thrown;
     }
-    EXPECT_EQ(names(), (Names{"a", "again", "all", "b", "none"}));
+    EXPECT_EQ(names(), (Names{"a", "again", "all", "b", "foreign", "none"}));
 }
 
 }  // namespace api

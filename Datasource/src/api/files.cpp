@@ -25,14 +25,10 @@ namespace orva {
 
 namespace {
 
-shownPart opened(const Path& path, std::optional<i64> row0) {
+shownPart opened(const Path& path, std::optional<i64> row0, const Progress& progress = {}) {
     const std::string place = fullName(path.string());
     return translated(
-        path, [&] { return shownPart(path, place, row0); }, place);
-}
-
-void tellProgress(const Progress& progress, i64 done, i64 total) {
-    if (progress) callersOwn([&] { progress(done, total); });
+        path, [&] { return shownPart(path, place, row0, false, progress); }, place);
 }
 
 // Runs work in lower rooms, which know the inputs by full names; a failure of one is reported under the caller's name
@@ -168,16 +164,18 @@ VerifyReport verify(const Reader& reader, const VerifyOptions& options) {
 }
 
 VerifyReport verify(const Path& path, const VerifyOptions& options) {
-    return verify(Reader(path, {.row0 = options.row0, .threads = options.threads}), options);
+    return verify(Reader(path, {.row0 = options.row0, .threads = options.threads, .progress = options.progress}),
+                  options);
 }
 
 namespace {
 
 // Where the caller, or else the file, says that the part is, in the byte order of a heading there, if there is one.
-std::optional<foundPart> statedPart(const Path& path, const std::string& place, std::optional<i64> row0) {
+std::optional<foundPart> statedPart(const Path& path, const std::string& place, std::optional<i64> row0,
+                                    const Progress& progress) {
     const openedFile file(path.string(), place);
     try {
-        const foundHeading found = findHeading(file, row0, path, place);
+        const foundHeading found = findHeading(file, row0, path, place, progress);
         return foundPart{found.heading._caseStartPos, found.swapped};
     } catch (const UsageError&) {
         throw;
@@ -191,7 +189,8 @@ std::optional<foundPart> statedPart(const Path& path, const std::string& place, 
         constexpr char streamBegin = 0x78;
         char begin = 0;
         if (row0 && !(file.read(&begin, 1, *row0 + kHeadingSize) && begin == streamBegin)) {
-            if (const auto part = findPart(place); part && isSound(place, *part)) return part;
+            const auto moved = [&](i64 at) { tellProgress(progress, at, file.length()); };
+            if (const auto part = findPart(place, 1, moved); part && isSound(place, *part)) return part;
         }
     }
     if (!row0) return {};
@@ -204,7 +203,7 @@ RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& op
     const std::string place = fullName(from.string());
     require(!platform::sameFile(place.c_str(), fullName(to.string()).c_str()), to, "it is the file to recover from");
     recoverOptions how{translated(
-                           from, [&] { return statedPart(from, place, options.row0); }, place),
+                           from, [&] { return statedPart(from, place, options.row0, options.progress); }, place),
                        options.committed, options.drop_lost};
     if (options.progress) how.tell = [&](i64 done, i64 total) { tellProgress(options.progress, done, total); };
     const auto write = [&](const std::string& output) {
@@ -293,7 +292,7 @@ public:
 private:
     void add(const Path& path, const Path& to) {
         const std::string place = fullName(path.string());
-        const shownPart part = opened(path, fOptions.row0);
+        const shownPart part = opened(path, fOptions.row0, fOptions.progress);
         require(!platform::sameFile(place.c_str(), fullName(to.string()).c_str()), to,
                 "it is one of the files to join");
         if (fInputs.empty()) {

@@ -13,16 +13,12 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 namespace orva {
-
-// Called from time to time on the caller's thread, with the bytes done out of `total`.
-using Progress = std::function<void(i64 done, i64 total)>;
 
 struct FileInfo {
     enum class FoundBy : std::uint8_t { option, dictionary, search };

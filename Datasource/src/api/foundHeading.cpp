@@ -19,8 +19,8 @@ constexpr std::int64_t kFirstRead = 4096;
 
 class headingSearch {
 public:
-    headingSearch(const storedBytes& bytes, const Path& path, const std::string& place)
-        : fBytes(bytes), fPath(path), fPlace(place) {
+    headingSearch(const storedBytes& bytes, const Path& path, const std::string& place, const Progress& progress)
+        : fBytes(bytes), fPath(path), fPlace(place), fProgress(progress) {
         for (std::int64_t before = INT64_MAX; !takeFirst(); before = fLength) {
             if (fLength >= before) refuse("has become shorter while it was opened: try again");
         }
@@ -55,8 +55,12 @@ private:
     std::string named(const std::string& reason) const { return withName(fBytes.name(), fPath, reason); }
     [[noreturn]] void refuse(const std::string& reason) const { throw DamagedFileError(named(reason), fPath); }
 
+    std::optional<foundPart> partFrom(std::int64_t from) const {
+        return findPart(fPlace, from, [this](std::int64_t at) { tellProgress(fProgress, at, fLength); });
+    }
+
     std::int64_t searched() const {
-        if (const auto part = findPart(fPlace)) return part->row0Pos;
+        if (const auto part = partFrom(1)) return part->row0Pos;
         if (fLength == 0) refuse("empty, so it holds no finished compressed part: check that it is the file you mean");
         refuse(
             "holds no finished compressed part: check that it is the file you mean and that its writer finished, or "
@@ -111,7 +115,7 @@ private:
         const foundPart first{found.heading._caseStartPos, found.swapped};
         const auto& [row0, indexPos, size] = found.heading;
         if (indexPos <= row0 || indexPos > fLength || size < 0 || size > fLength - kHeadingSize - indexPos) return;
-        const auto second = findPart(fPlace, indexPos + size);
+        const auto second = partFrom(indexPos + size);
         if (!second || !isSound(fPlace, *second) || !isSound(fPlace, first)) return;
         throw UsageError("holds two compressed parts, at offset " + std::to_string(first.row0Pos) + " and at " +
                              std::to_string(second->row0Pos) + ": say by row0 which one you mean",
@@ -121,6 +125,7 @@ private:
     const storedBytes& fBytes;
     const Path& fPath;
     const std::string& fPlace;
+    const Progress& fProgress;
     std::int64_t fLength = 0;
     std::string fFirst;
     std::optional<dictionaryText> fText;
@@ -137,9 +142,9 @@ bool isSound(const std::string& file, const foundPart& part) {
     }
 }
 
-foundHeading findHeading(const storedBytes& bytes, std::optional<i64> row0, const Path& path,
-                         const std::string& place) {
-    const headingSearch search(bytes, path, place);
+foundHeading findHeading(const storedBytes& bytes, std::optional<i64> row0, const Path& path, const std::string& place,
+                         const Progress& progress) {
+    const headingSearch search(bytes, path, place, progress);
     return row0 ? search.at(*row0) : search.find();
 }
 

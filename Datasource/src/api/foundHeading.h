@@ -26,8 +26,10 @@ struct foundHeading {
     std::optional<dictionaryText> text{};  // before it, if that text names this place
 };
 
-// `place` is the full name for a search; empty if there can be none. Reads `bytes` at most twice.
-foundHeading findHeading(const storedBytes& bytes, std::optional<i64> row0, const Path& path, const std::string& place);
+// `place` is the full name for a search; empty if there can be none. Reads `bytes` at most twice. `progress` is of the
+// search.
+foundHeading findHeading(const storedBytes& bytes, std::optional<i64> row0, const Path& path, const std::string& place,
+                         const Progress& progress = {});
 
 // True if the part can be opened.
 bool isSound(const std::string& file, const foundPart& part);

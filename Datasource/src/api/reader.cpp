@@ -40,8 +40,9 @@ struct Reader::State {
         return translated(
             fPath,
             [this] {
-                return fSource != nullptr ? std::make_shared<const shownPart>(fSource, fOptions.name, fOptions.row0)
-                                          : std::make_shared<const shownPart>(fPath, fPlace, fOptions.row0);
+                return fSource != nullptr
+                           ? std::make_shared<const shownPart>(fSource, fOptions.name, fOptions.row0)
+                           : std::make_shared<const shownPart>(fPath, fPlace, fOptions.row0, false, fOptions.progress);
             },
             fPlace.string());
     }

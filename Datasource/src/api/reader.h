@@ -26,6 +26,7 @@
 #include <orva/orvaApi.h>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -63,12 +64,17 @@ struct ORVA_API ByteSource {
     virtual std::size_t read_at(i64 offset, Bytes to) const = 0;
 };
 
+// Called from time to time on the caller's thread, with the bytes done out of `total`. An exception ends the work, and
+// comes out unchanged.
+using Progress = std::function<void(i64 done, i64 total)>;
+
 struct ReaderOptions {
     std::optional<i64> row0{};  // where heading and rows begin in the file; Reader finds it if empty
     int threads = 1;            // threads of one read, the caller's included; more than 256 count as 256; 0: one a core
     int cached_blocks = 1;      // inflated blocks to keep, up to 4 MiB each: at least one for each thread that reads in
                                 // small pieces
     std::string name{};         // name of a source in error messages
+    Progress progress{};        // of a search for the heading, in bytes of the file
 };
 
 class shownPart;

@@ -61,14 +61,15 @@ std::string append_state(const Path& path) {
     });
 }
 
-shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked)
+shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked,
+                     const Progress& progress)
     : fPath(path), fPlace(place.string()) {
     auto file = std::make_unique<openedFile>(path.string(), fPlace);
     fFile = file.get();
     fBytes = std::move(file);
     const auto alive = [&] { return !locked && fFile->isBeingWritten(); };
     for (std::optional<seen> before;;) {
-        fFound = findHeading(*fBytes, row0, fPath, fPlace);
+        fFound = findHeading(*fBytes, row0, fPath, fPlace, progress);
         if (keptBeside(fPlace, *fBytes, fFound)) {
             const bool atWork = alive();
             // A side file now may be the next append's; if it is gone, that append is over.

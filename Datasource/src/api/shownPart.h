@@ -28,7 +28,8 @@ namespace orva {
 class shownPart {
 public:
     // Opens as Reader does. `place`: the full name of `path`. `locked`: the caller holds the writer's lock.
-    shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked = false);
+    shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked = false,
+              const Progress& progress = {});
     shownPart(std::shared_ptr<const ByteSource> source, const std::string& name, std::optional<i64> row0);
 
     // Unique in this process. A part with a greater id began to open later.

@@ -5,6 +5,7 @@
 
 #include <orva/error.h>
 #include <orva/errors.h>
+#include <orva/reader.h>
 
 #include <cstdint>
 #include <exception>
@@ -23,6 +24,9 @@ auto callersOwn(Work work) {
     } catch (...) {
         throw callersFailure{std::current_exception()};
     }
+}
+inline void tellProgress(const Progress& progress, i64 done, i64 total) {
+    if (progress) callersOwn([&] { progress(done, total); });
 }
 
 // For a catch block: throws the current exception as an orva:: error about `path`. `workName` is the file's name in the

@@ -76,7 +76,7 @@ struct Writer::State {
             fNamed = std::make_unique<openedFile>(fPath.string(), fPlace);
         } while (!fOpened->isNamed(fPlace) || !fNamed->isNamed(fPlace));
         if (hasSideFile(fPlace)) throw unfinished(fPath, false);
-        const shownPart found(fPath, fPlace, options.row0, true);
+        const shownPart found(fPath, fPlace, options.row0, true, options.progress);
         bOtherOrder = found.swapped();
         require(!bOtherOrder || options.any_order, fPath,
                 "its rows have the other byte order: any_order adds bytes to them as they are");

@@ -54,6 +54,7 @@ struct AppendOptions {
                              // there
     bool any_order = false;  // accepts a file of the other byte order: rows are bytes as they should stand in it;
                              // heading and index get this machine's order
+    Progress progress{};     // as ReaderOptions::progress
 };
 
 class ORVA_API Writer {

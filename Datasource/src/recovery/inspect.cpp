@@ -25,10 +25,11 @@ bool pointsToIndex(bytesFrom file, std::int64_t fileSize, const compressionHeadi
 
 }  // namespace
 
-std::optional<foundPart> findPart(const std::string& name, std::int64_t from) {
+std::optional<foundPart> findPart(const std::string& name, std::int64_t from,
+                                  const std::function<void(std::int64_t)>& moved) {
     ORVA_File file;
     openOrThrow(file, name, "rb", kReadFailed);
-    fileWindow window(file);
+    fileWindow window(file, moved);
     std::optional<foundPart> best;
     window.find(from, window.fileSize(), kHeadingSize,
                 [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {

@@ -30,8 +30,11 @@ struct foundPart {
 
 // The first heading in the file: 24 bytes that repeat their own offset and point to an index. Without one, the first
 // that points to where an index could have stood, so that opening it tells what is wrong; else nothing. Looks from the
-// file offset `from` on, and reads the file from there to the heading.
-ORVA_API std::optional<foundPart> findPart(const std::string& name, std::int64_t from = 1);
+// file offset `from` on, and reads the file from there to the heading. Calls `moved` from time to time with the place
+// that it has come to; what that throws ends the search.
+ORVA_API std::optional<foundPart> findPart(
+    const std::string& name, std::int64_t from = 1,
+    const std::function<void(std::int64_t)>& moved = [](std::int64_t) {});
 
 class ORVA_API finishedPart {
 public:

@@ -91,7 +91,7 @@ public:
 private:
     std::optional<foundPart> locate(const recoverOptions& options) {
         if (options.part) return options.part;
-        if (const auto found = findPart(fFile.GetNameStr().GetGeneric())) return found;
+        if (const auto found = findPart(fFile.GetNameStr().GetGeneric(), 1, fTell)) return found;
         const std::optional<std::int64_t> first = nextStream(kHeadingSize + 1, fWindow.fileSize());
         return first ? std::optional(foundPart{*first - kHeadingSize, false}) : std::nullopt;
     }
