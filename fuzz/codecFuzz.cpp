@@ -5,7 +5,7 @@
 
 #include <libdeflate.h>
 
-using namespace fuzz;
+using namespace support;
 
 constexpr std::ptrdiff_t kHeader = 2;  // bytes of a zlib stream's header
 

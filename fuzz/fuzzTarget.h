@@ -5,18 +5,16 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
-void support::require(bool held, const char* promise) {
+inline void support::require(bool held, const char* promise) {
     if (held) return;
     std::fprintf(stderr, "broken promise: %s\n", promise);
     __builtin_trap();
 }
 
-namespace fuzz {
+namespace support {
 
-using namespace support;
-
-constexpr std::int64_t kRow0 = 64;  // in every file of the corpora
-constexpr std::size_t kSteps = 48;  // bytes that steer
+constexpr std::int64_t kPlace = 64;  // the row-0 position in every file of the corpora
+constexpr std::size_t kSteps = 48;   // bytes that steer
 
 inline std::string pathOf(const char* name) {
     return (std::filesystem::temp_directory_path() / (std::to_string(getpid()) + '-' + name)).string();
@@ -40,8 +38,7 @@ struct Input : Choices {
 
 // The bytes that `codec` writes into a room of this size, as many as it returns. Sanitizers do not see into the
 // engines, so the bytes after the room are checked.
-template <class Codec>
-Bytes filled(std::uint32_t room, Codec codec) {
+inline Bytes filled(std::uint32_t room, auto codec) {
     constexpr std::ptrdiff_t guard = 64;
     constexpr unsigned char untouched = 0xA5;
     Bytes bytes(room + guard, untouched);
@@ -80,12 +77,9 @@ inline Inflated inflated(const unsigned char* from, std::size_t size, std::size_
     return {whole, ours.consumed, std::move(rows)};
 }
 
-inline Inflated inflatedBlock(const unsigned char* from, std::size_t size) {
-    return inflated(from, size);
-}
 // The second reader, which takes streams as the library's codec does.
 struct Part : secondReader {
-    Part(const Bytes& from, std::int64_t at, bool swap) : secondReader(from, at, swap, inflatedBlock) {}
+    Part(const Bytes& from, std::int64_t at, bool swap) : secondReader(from, at, swap, inflated) {}
 };
 
-}  // namespace fuzz
+}  // namespace support

@@ -2,50 +2,38 @@
 // are small files of every kind that the library writes or meets, each with several ways of steering.
 #include "fuzzTarget.h"
 
-using namespace fuzz;
+using namespace support;
 
 using Files = std::map<std::string, Bytes>;
 
 SeededBytes any(1);
 
-Bytes finished(const std::vector<std::size_t>& sizes, bool shrinking = true) {
-    const std::string name = pathOf("file");
-    writeBytes(name, Bytes(kRow0, 'd'));
-    zcmpsFilestr stream(ORVA_FileStream(name.c_str(), "r+b"));
-    stream.setRow0Pos(kRow0);
-    stream.Seek(kRow0, ORVA_StrBaseIO::SeekFromStart);
-    unsigned seed = 0;
-    for (const std::size_t size : sizes) {
-        SeededBytes random(++seed);  // the same seeds in each file, so that files begin alike
-        const Bytes rows = shrinking ? random.rows(size) : random.noise(size);
-        stream.Write(rows.data(), static_cast<std::uint32_t>(size));
-        stream.Flush();
-    }
-    stream.Close();
-    return readBytes(name);
+Bytes finished(const std::vector<Bytes>& blocks) {
+    makeFile(pathOf("file"), blocks, kPlace);
+    return readBytes(pathOf("file"));
 }
 
 // A file without an index. An append leaves the previous heading, a new part none.
 Bytes interrupted(const Bytes& before, const Bytes& file) {
-    const Bytes heading = slice(before, kRow0, kHeadingSize);
-    return with(slice(file, 0, Part(file, kRow0, false).blocksEnd), kRow0, heading);
+    const Bytes heading = slice(before, kPlace, kHeadingSize);
+    return with(slice(file, 0, Part(file, kPlace, false).blocksEnd), kPlace, heading);
 }
 
 Files makeFiles() {
-    const Bytes plain = finished({300, 500, 70});
+    const Bytes plain = finished(blocksOf({300, 500, 70}));
     Files files{
         {"shortBlocks", plain},
         {"noRows", finished({})},
-        {"fullAndShort", finished({kBlockSize, kBlockSize, 100})},
-        {"fullLast", finished({60, kBlockSize})},
-        {"storedHalves", finished({kBlockSize, 90}, false)},
-        {"manyBlocks", finished({9, 1, 30, 2, 14, 7, 7, 7, 40, 3, 1, 1, 25, 60, 5, 8, 11, 2, 2, 31})},
-        {"unfinished", interrupted(Bytes(kRow0 + kHeadingSize), plain)},
-        {"interruptedAppend", interrupted(plain, finished({300, 500, 70, 200, 90, 40}))},
-        {"interruptedCut", interrupted(plain, finished({300, 500, 20, 300}))},
+        {"fullAndShort", finished(blocksOf({kBlockSize, kBlockSize, 100}))},
+        {"fullLast", finished(blocksOf({60, kBlockSize}))},
+        {"storedHalves", finished({any.noise(kBlockSize), any.noise(90)})},
+        {"manyBlocks", finished(blocksOf({9, 1, 30, 2, 14, 7, 7, 7, 40, 3, 1, 1, 25, 60, 5, 8, 11, 2, 2, 31}))},
+        {"unfinished", interrupted(Bytes(kPlace + kHeadingSize), plain)},
+        {"interruptedAppend", interrupted(plain, finished(blocksOf({300, 500, 70, 200, 90, 40})))},
+        {"interruptedCut", interrupted(plain, finished(blocksOf({300, 500, 20, 300})))},
     };
     for (const char* name : {"shortBlocks", "noRows", "fullAndShort", "storedHalves"}) {
-        files[std::string("swapped-") + name] = swapped(files[name], kRow0);
+        files[std::string("swapped-") + name] = swapped(files[name], kPlace);
     }
     return files;
 }

@@ -4,7 +4,7 @@
 // damage; the stream stays usable.
 #include "fuzzTarget.h"
 
-using namespace fuzz;
+using namespace support;
 
 bool opens(const Input& in, const orva::foundPart& where) {
     const Part reference(in.file, where.row0Pos, where.swapped);
@@ -34,16 +34,16 @@ bool setThreading(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
 
 // orva::Reader detects the byte order itself.
 void readByPlace(const Input& in, FuzzedDataProvider& steps) {
-    const Part native(in.file, kRow0, false), swapped(in.file, kRow0, true);
-    const Part& reference = native.layout.heading._caseStartPos == kRow0 ? native : swapped;
+    const Part native(in.file, kPlace, false), swapped(in.file, kPlace, true);
+    const Part& reference = native.layout.heading._caseStartPos == kPlace ? native : swapped;
     std::optional<orva::Reader> reader;
-    const orva::ReaderOptions options{kRow0, 1, steps.ConsumeIntegralInRange(0, 2)};
+    const orva::ReaderOptions options{kPlace, 1, steps.ConsumeIntegralInRange(0, 2)};
     const bool opens = soundFor<orva::DamagedFileError>([&] { reader.emplace(in.name, options); });
     require(opens == reference.opens, "a Reader opens exactly when heading and index can be true");
     for (int i = 0; opens && i < 4; ++i) {
         const std::int64_t offset = steps.ConsumeIntegral<std::uint16_t>();
         const auto size = steps.ConsumeIntegralInRange<std::uint32_t>(0, 3 * kBlockSize);
-        readAsTheOther<orva::DamagedFileError>(reference, kRow0 + offset, size, [&](Bytes& rows) {
+        readAsTheOther<orva::DamagedFileError>(reference, kPlace + offset, size, [&](Bytes& rows) {
             return (rows = rowsAt(*reader, offset, size)).size();
         });
     }
@@ -70,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::optional<orva::foundPart> found;
     require(soundFor([&] { found = orva::findPart(in.name); }), "a search for a part ends well in any file");
     if (found) opens(in, *found);
-    const bool opened = opens(in, {kRow0, in.swap});
+    const bool opened = opens(in, {kPlace, in.swap});
     require(!opened || found, "a part that opens is found, or another one before it");
     const int way = in.steps.ConsumeIntegralInRange(0, 7);
     if (way == 0) joinTwice(in.name);
@@ -80,8 +80,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     zcmpsFilestr stream(ORVA_FileStream(in.name.c_str(), "rb"));
     const bool opensAnew = setThreading(stream, in.steps);
-    require(soundFor([&] { stream.readFilePosInfo(kRow0, in.swap); }) == opened, "a stream opens the same parts");
-    PartModel model(in.name, kRow0, in.swap, in, inflatedBlock);
+    require(soundFor([&] { stream.readFilePosInfo(kPlace, in.swap); }) == opened, "a stream opens the same parts");
+    PartModel model(in.name, kPlace, in.swap, in, inflated);
     while (opened && in.steps.remaining_bytes() != 0) model.read(stream, opensAnew);
     unsigned char byte = 0;
     require(opened || !soundFor([&] { stream.Read(&byte, 1); }), "a part that does not open cannot be read");

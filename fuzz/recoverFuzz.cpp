@@ -2,7 +2,7 @@
 // sound file loses nothing.
 #include "fuzzTarget.h"
 
-using namespace fuzz;
+using namespace support;
 
 // The rows of every whole stream in the file.
 std::vector<Bytes> streamsOf(const Bytes& file) {
@@ -43,14 +43,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Input in(data, size);
     const std::string output = pathOf("recovered");
     orva::recoverOptions options;
-    if (in.steps.ConsumeBool()) options.part = orva::foundPart{kRow0, in.swap};
+    if (in.steps.ConsumeBool()) options.part = orva::foundPart{kPlace, in.swap};
     options.onlyCommitted = in.steps.ConsumeBool();
     options.dropLost = in.steps.ConsumeBool();
 
     orva::recoverReport report;
     const bool recovers = soundFor([&] { report = orva::recover(in.name, output, options); });
     require(readBytes(in.name) == in.file, "the input stays as it is");
-    const Part before(in.file, kRow0, in.swap);
+    const Part before(in.file, kPlace, in.swap);
     const bool whole = options.part && before.sound;
     require(recovers || !whole, "a sound file recovers");
     if (!recovers) return 0;

@@ -5,17 +5,14 @@
 
 #include <typeinfo>
 
-namespace api {
+namespace support {
 
 using orva::i64;
-using namespace support;
-
 constexpr std::size_t kBlock = kBlockSize;
 
 // The name of the class that `call` throws, with the errno of a SystemError and the block that is damaged; empty if it
 // throws nothing.
-template <class Call>
-std::string thrownBy(Call call) {
+inline std::string thrownBy(auto call) {
     try {
         call();
         return "";
@@ -72,4 +69,4 @@ struct FaceTest : TempDir {
     }
 };
 
-}  // namespace api
+}  // namespace support

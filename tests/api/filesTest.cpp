@@ -2,7 +2,7 @@
 // change meanwhile.
 #include "api/apiTest.h"
 
-namespace api {
+using namespace support;
 
 struct Files : FaceTest {
     // The last call of the progress function, which never goes back, and its total.
@@ -92,5 +92,3 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
     }
     EXPECT_EQ(names(), (Names{"a", "again", "all", "b", "foreign", "none"}));
 }
-
-}  // namespace api

@@ -1,7 +1,7 @@
 // orva::Reader and Rows: every row from any thread.
 #include "api/apiTest.h"
 
-namespace api {
+using namespace support;
 
 class Reader : public FaceTest {};
 
@@ -83,5 +83,3 @@ TEST_F(Reader, GivesRowsAsValues) {
     found.take(std::vector<i64>{count - 1, 0, 7, 0}, std::span(some).first(4));
     EXPECT_TRUE(std::ranges::equal(std::span(some).first(4), std::vector{rows.back(), rows[0], rows[7], rows[0]}));
 }
-
-}  // namespace api

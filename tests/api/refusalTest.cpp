@@ -1,7 +1,7 @@
 // The refusals of the face: each failure has the class that says what to do.
 #include "api/apiTest.h"
 
-namespace api {
+using namespace support;
 
 class Refusals : public FaceTest {};
 
@@ -98,5 +98,3 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     EXPECT_EQ(names(), before);
     EXPECT_EQ(readBytes(path("whole")), whole);
 }
-
-}  // namespace api

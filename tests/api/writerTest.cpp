@@ -3,7 +3,7 @@
 
 #include <sys/xattr.h>
 
-namespace api {
+using namespace support;
 
 class Writer : public FaceTest {};
 
@@ -376,5 +376,3 @@ TEST_F(Writer, ServesStandardStreams) {
     overwriteBytes(path("rows"), 2'000, Bytes(8, 0xff));
     EXPECT_EQ(thrownBy([&] { orva::istream(path("rows")).get(); }), "DamagedFileError of block 0 at 0");
 }
-
-}  // namespace api

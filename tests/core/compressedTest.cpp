@@ -4,7 +4,7 @@
 #include "coreTest.h"
 #include "part/zcmpsPreIOThread.h"
 
-namespace core {
+using namespace support;
 
 using testing::AllOf, testing::HasSubstr, testing::StartsWith;
 
@@ -278,5 +278,3 @@ TEST_F(ShortBlocks, AForkWhileWorkersLive) {
         EXPECT_TRUE(sameBytes(Reader(own, 0, kRow0).read(100'000), rows + rows));
     }
 }
-
-}  // namespace core

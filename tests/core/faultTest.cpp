@@ -4,7 +4,7 @@
 #include "recovery/recoveryTest.h"
 #include "scarcity.h"
 
-namespace core {
+using namespace support;
 
 using testing::AnyOf, testing::ContainsRegex, testing::StartsWith;
 
@@ -24,8 +24,7 @@ constexpr Fault kFaults[] = {
 
 struct Faults : ShortBlocks {
     // Runs `body(variant, scarcity)` for all faults and places.
-    template <class Body>
-    void everywhere(const std::vector<int>& variants, Body body) {
+    void everywhere(const std::vector<int>& variants, auto body) {
         std::map<std::string, int> refused;
         for (const int variant : variants) {
             for (const Fault& fault : kFaults) {
@@ -45,8 +44,7 @@ struct Faults : ShortBlocks {
     }
 
     // The failure must name the request that failed.
-    template <class Body>
-    std::string tried(Scarcity& s, Body body) const {
+    std::string tried(Scarcity& s, auto body) const {
         const std::string failure = s.heard(body);
         EXPECT_TRUE(failure.empty() || s.reached()) << failure << " out of nothing";
         const int error = s.fault.error;
@@ -56,8 +54,7 @@ struct Faults : ShortBlocks {
         return failure;
     }
     // Repeats a failed body, without faults.
-    template <class Body>
-    void untilDone(Scarcity& s, Body body) const {
+    void untilDone(Scarcity& s, auto body) const {
         if (!tried(s, body).empty()) body();
     }
 };
@@ -224,11 +221,7 @@ TEST_F(Faults, AStreamThatIsWrittenAndRead) {
     SetKeepEncrypt(false);
 }
 
-}  // namespace core
-
-namespace recovery {
-
-using AppendFaults = core::Faults;
+using AppendFaults = Faults;
 
 // A failed append leaves the file as it was, or its text says how to restore it. TheFace covers safe appends.
 TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
@@ -239,21 +232,21 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
         const std::vector<Bytes> added = blocksOf(append.added, 100);
         const std::int64_t end = append.keptEnd();
         int undone = 0;
-        everywhere({0, 2}, [&](int variant, core::Scarcity& s) {
+        everywhere({0, 2}, [&](int variant, Scarcity& s) {
             append.variant = variant;
             writeBytes(fName, old);
-            std::unique_ptr<core::Reader> stream;
+            std::unique_ptr<Reader> stream;
             bool writes = false;
             const std::string failure = tried(s, [&] {
-                stream = std::make_unique<core::Reader>(fName);
+                stream = std::make_unique<Reader>(fName);
                 append.begin(*stream, end);
                 writes = true;
-                core::writeBlocks(**stream, added);
+                writeBlocks(**stream, added);
                 writes = false;
                 EXPECT_EQ((*stream)->Close(), 1);
             });
             const auto says = [&, text = s.text](const char* part) { return (failure + text).find(part) != text.npos; };
-            EXPECT_EQ(failureOf([&] { writes ? core::resume(**stream, end) : void(); }), writes ? failure : "");
+            EXPECT_EQ(failureOf([&] { writes ? resume(**stream, end) : void(); }), writes ? failure : "");
             EXPECT_EQ(s.heard([&] { stream.reset(); }), "") << "told before";
             undone += says("holds the rows that it held before") ? 1 : 0;
             if (failure.empty() || says("the append itself is complete") || says("\"rb\")")) {
@@ -275,5 +268,3 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
         EXPECT_GT(undone, 15);
     }
 }
-
-}  // namespace recovery

@@ -5,10 +5,10 @@
 #include "format/filePosInfo.h"
 #include "format/storedBytes.h"
 
-namespace core {
+using namespace support;
 
 const Bytes kRows = RandomBytes(7).rows(100'000);
-const Bytes kNoise = RandomBytes(8).noise(kBlock);
+const Bytes kRandom = RandomBytes(8).noise(kBlock);
 
 Bytes deflated(const Bytes& rows, int level = 1) {
     Bytes out(zlibCompressBlock::compressRoom(sizeOf(rows)));
@@ -32,7 +32,7 @@ TEST(ZlibCodec, AnswersByTheBytesProduced) {
         {"Whole", unpack, packed, 100'000, 100'000, 100'000},
         {"WholeTheOtherWay", pack, kRows, 120'000, 1'000, 99'999},
         {"TooLittleRoomToInflateGivesTheRoom", unpack, packed, 99'999, 99'999, 99'999},
-        {"TooLittleRoomToDeflateGivesTheRoom", pack, kNoise, 100'000, 100'000, 100'000},
+        {"TooLittleRoomToDeflateGivesTheRoom", pack, kRandom, 100'000, 100'000, 100'000},
         {"NoZlibDataGivesNothing", unpack, Bytes(1'000, 'x'), 1'000, 0, 0},
         {"ACutStreamGivesItsPart", unpack, slice(packed, 0, packed.size() / 2), 100'000, 10'000, 99'999},
     };
@@ -51,7 +51,7 @@ TEST(ZlibCodec, AHigherLevelIsWorthItsTimeAndNeedsItsRoom) {
     EXPECT_GT(deflated(kRows).size(), deflated(kRows, 2).size());
     EXPECT_GT(deflated(kRows, 2).size(), deflated(kRows, zlibCompressBlock::bestLevel()).size());
     unsigned char tight = 0;
-    EXPECT_NE(zlibCompressBlock().deflateWhole(kNoise.data(), 100, &tight, 1, 6).end, blockOutcome::complete);
+    EXPECT_NE(zlibCompressBlock().deflateWhole(kRandom.data(), 100, &tight, 1, 6).end, blockOutcome::complete);
 }
 
 // Blocks of noise are stored without trying; a block that is noise in part loses at most a hundredth of its ratio.
@@ -68,7 +68,7 @@ TEST(ZlibCodec, NoiseInPartCostsNoRatio) {
     Bytes scratch(orva::deflateRoom());
     zlibCompressBlock codec;
     for (const auto& c : cases) {
-        Bytes block = kNoise;
+        Bytes block = kRandom;
         for (std::size_t i = 0; i < c.count; i += c.every) block[c.begin + i] = 7;
         const orva::deflatedBlock made = orva::deflateBlock(codec, 1, block.data(), kBlock, scratch.data());
         const auto without = static_cast<double>(deflated(block).size());
@@ -125,5 +125,3 @@ TEST(StoredBytes, MoveInPiecesOneBehindTheOther) {
     EXPECT_TRUE(orva::inPieces(base, 2 * orva::kLongestTransfer + 1, 0, transfer));
     EXPECT_EQ(next, 2 * std::int64_t{orva::kLongestTransfer} + 1);
 }
-
-}  // namespace core

@@ -4,18 +4,13 @@
 #include "stream/streamTest.h"
 #include "support/partModel.h"
 
-void support::require(bool held, const char* promise) {
-    EXPECT_TRUE(held) << promise;
-}
-
-namespace core {
+using namespace support;
 
 constexpr std::uint64_t kManyOfStreams = kSanitized ? 30'000 : 400'000;
 constexpr std::uint64_t kManyOfParts = kSanitized ? 1'500 : 5'000;
 
 // Runs `round(random, number)`, which returns its operations, until there are enough or one failed.
-template <class Round>
-void rounds(std::uint64_t quick, Round round) {
+void rounds(std::uint64_t quick, auto round) {
     const std::uint64_t enough = numberFrom("ORVA_MODEL_OPERATIONS", quick);
     std::uint64_t operations = 0;
     for (std::uint64_t seed = numberFrom("ORVA_MODEL_SEED", 1); operations < enough && !testing::Test::HasFailure();
@@ -31,15 +26,6 @@ struct StreamModel : StreamTest {
     void TearDown() override {
         if (model != nullptr) s().ClearAndReset();
         model = nullptr;
-    }
-    void makeAnew(RandomBytes& random, const std::string& mode) {
-        model = nullptr;
-        SetKeepEncrypt(fEncrypted);
-        content = mode[0] == 'w' ? Bytes() : someRows(random, random.below(2 * kBlock) / 16 * 16);
-        write(*std::make_unique<ORVA_FileStream>(path("data").c_str(), "wb", fEncrypted), content);
-        openModel(mode.c_str(), fEncrypted);
-        fPreReading = true;
-        fFinished = false;
     }
     void readSome(RandomBytes& random) {
         std::size_t size = anySize(random);
@@ -101,17 +87,8 @@ struct StreamModel : StreamTest {
         }
         fDisk.fail(Call::Write, 0);
     }
-    // Without this stream: another one reads encrypted bytes, and takes the pad for data.
-    void expectFile() {
-        model = nullptr;
-        ORVA_FileStream reader(path("data").c_str(), "rb", fEncrypted);
-        const Bytes found = read(reader, content.size() + 16);
-        if (fEncrypted) content.resize((content.size() + 15) / 16 * 16);
-        EXPECT_TRUE(sameBytes(found, content));
-    }
-
     static constexpr const char* kModes[] = {"r+b", "w+b", "a+b", "rb", "wb", "ab"};
-    bool fEncrypted = false, fPreReading = true;
+    bool fPreReading = true;
     bool fFinished = false;  // the file's end may be padded
     CallHook fDisk;
 };
@@ -119,9 +96,11 @@ struct StreamModel : StreamTest {
 TEST_F(StreamModel, GivesAndKeepsTheBytesThatItTookInEveryMode) {
     rounds(kManyOfStreams, [&](RandomBytes& random, std::uint64_t seed) {
         const std::string mode = kModes[seed % std::size(kModes)];
-        fEncrypted = seed / std::size(kModes) % 2 != 0;
-        const testing::ScopedTrace trace(__FILE__, __LINE__, mode + (fEncrypted ? " encrypted" : ""));
-        makeAnew(random, mode);
+        const bool encrypted = seed / std::size(kModes) % 2 != 0;
+        const testing::ScopedTrace trace(__FILE__, __LINE__, mode + (encrypted ? " encrypted" : ""));
+        open(mode[0] == 'w' ? Bytes() : someRows(random, random.below(2 * kBlock) / 16 * 16), mode, encrypted);
+        fPreReading = true;
+        fFinished = false;
         std::uint64_t count = 0;
         for (; count < 1'000 && !HasFailure(); ++count) {
             SCOPED_TRACE("operation " + std::to_string(count));
@@ -164,5 +143,3 @@ TEST_F(CompressedModel, H1_H3_M1_M4_BlocksAndRowsAreThoseThatWereWritten) {
         return std::uint64_t{7 * kReads};
     });
 }
-
-}  // namespace core

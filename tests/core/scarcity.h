@@ -92,10 +92,9 @@ extern "C" int __wrap_inflateInit_(z_stream* stream, const char* version, int si
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
-namespace core {
+namespace support {
 
-class Scarcity : public platform::faults::Hook {
-public:
+struct Scarcity : platform::faults::Hook {
     Scarcity(const Fault& what, std::uint64_t k) : fault(what) {
         // A call that is cut short counts as the k-th.
         first = k + (fault.afterAPart ? 1 : 0);
@@ -106,8 +105,7 @@ public:
 
     // Returns failureOf(body); `text` gets the text for a person. Strikes only in there, and no more after an
     // exception.
-    template <class Body>
-    std::string heard(Body body) {
+    std::string heard(auto body) {
         text.clear();
         striking = true;
         const std::string failure = failureOf([&] {
@@ -140,4 +138,4 @@ private:
     const platform::faults::Installed fInstalled{*this};
 };
 
-}  // namespace core
+}  // namespace support

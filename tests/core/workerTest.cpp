@@ -6,7 +6,7 @@
 #include "part/zcmpsMultiThread.h"
 #include "part/zcmpsPreIOThread.h"
 
-namespace core {
+using namespace support;
 
 // All of them make the same promises to their caller.
 template <class Worker>
@@ -118,5 +118,3 @@ TEST_F(ShortBlocks, TenThousandLivesEnd) {
     }
     EXPECT_TRUE(heard > lives / 10 && unheard > lives / 50) << heard << " heard, " << unheard << " not";
 }
-
-}  // namespace core

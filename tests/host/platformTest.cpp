@@ -17,8 +17,7 @@ int opened(const std::string& name, int oflag) {
 // Logs each raw call as a word: its kind ('c' closes another descriptor than the first), the size asked for, the offset
 // in the file, and the answer that the corresponding word of `dialogue` has forced: "=3" for at most 3 bytes, "=EIO"
 // for that failure.
-class Script : public faults::Hook {
-public:
+struct Script : faults::Hook {
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
     Verdict before(const faults::Step& /*step*/) override {
         static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},         {"=EINVAL", EINVAL},

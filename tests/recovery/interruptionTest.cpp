@@ -1,12 +1,11 @@
 // Kills a process at any of its file calls, or loses power: what recover and roll-back then make of the files.
 #include "recoveryTest.h"
 
-namespace recovery {
+using namespace support;
 
 // A disk that loses power. What was synced stays; of the rest any piece may be missing or torn, in any order. Killing a
 // process cannot show this, since the system keeps what a dead process wrote.
-class ImaginedDisk : public platform::faults::Hook {
-public:
+struct ImaginedDisk : platform::faults::Hook {
     explicit ImaginedDisk(const Files& files) : fOld(files) {}
 
     bool failsHeading = false;  // fails the heading's sync, once
@@ -290,5 +289,3 @@ TEST_P(InterruptionTest, AnAppendKeepsCompleteBlocksAndIsAllOrNothingWhenSafe) {
     EXPECT_GT(fKills, 80);
     EXPECT_GT(fReplays, 10);
 }
-
-}  // namespace recovery

@@ -5,25 +5,9 @@
 #include "core/coreTest.h"
 #include "support/secondReader.h"
 
-namespace recovery {
-
-using namespace core;
+namespace support {
 
 inline const orva::foundPart kPart{kRow0, false};
-
-// Blocks of these sizes. A full one holds one value, so that it stays small in the file; others are all different.
-// Those of kNoise bytes do not shrink, so that all take the same number of bytes in the file.
-constexpr std::size_t kFull = 65'536;  // the shortest that a writer can choose
-constexpr std::size_t kNoise = 6000;
-inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsigned char seed = 0) {
-    std::vector<Bytes> blocks;
-    for (const std::size_t size : sizes) {
-        ++seed;
-        RandomBytes random(seed);
-        blocks.push_back(size == kFull ? Bytes(size, seed) : size == kNoise ? random.noise(size) : random.rows(size));
-    }
-    return blocks;
-}
 
 // The rows of a finished file whose blocks are all where the index says.
 inline Bytes rowsOf(const std::string& file, bool swap = false) {
@@ -118,4 +102,4 @@ struct FileTest : TempDir, testing::WithParamInterface<std::size_t> {
     const std::string fOut = path("out");
 };
 
-}  // namespace recovery
+}  // namespace support

@@ -6,7 +6,7 @@
 
 #include <orva/platformOwner.h>
 
-namespace recovery {
+using namespace support;
 
 namespace fs = std::filesystem;
 
@@ -93,7 +93,7 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
     const Deed newPart = [&] {
         zcmpsFilestr stream(ORVA_FileStream(fFile.c_str(), "r+b"));
         beginRows(stream);
-        core::write(stream, Bytes(10));
+        support::write(stream, Bytes(10));
         EXPECT_TRUE(fs::exists(fSide));
         stream.Flush();
         EXPECT_FALSE(fs::exists(fSide));
@@ -190,5 +190,3 @@ TEST(SideFile, IsBelievedOnlyWhereNobodyElseCanHaveMadeIt) {
         EXPECT_EQ(orva::canBeTrusted(side, data, directory, caller), row.believed) << row.name;
     }
 }
-
-}  // namespace recovery

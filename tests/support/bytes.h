@@ -1,5 +1,5 @@
-// Bytes, and files made, read and damaged by plain calls, without the library. Needs no test framework, so that fuzz
-// targets use it too.
+// Bytes, and files: finished ones made by the library, others made, read and damaged by plain calls, without it. Needs
+// no test framework, so that fuzz targets use it too.
 #pragma once
 
 #include <orva/orva.h>
@@ -75,10 +75,18 @@ inline Bytes joined(const std::vector<Bytes>& parts) {
     for (const Bytes& part : parts) all = std::move(all) + part;
     return all;
 }
+inline Bytes bytesOf(const auto& value) {
+    Bytes bytes(sizeof value);
+    std::memcpy(bytes.data(), &value, sizeof value);
+    return bytes;
+}
+// With the checksum after it, as in a side file.
+inline Bytes summed(const Bytes& numbers) {
+    return numbers + bytesOf(std::uint64_t{crc32_z(0, numbers.data(), numbers.size())});
+}
 
 // A source of choices.
-class Choices {
-public:
+struct Choices {
     virtual ~Choices() = default;
     // From 0 to `bound` - 1.
     virtual std::uint64_t below(std::uint64_t bound) = 0;
@@ -90,8 +98,7 @@ public:
 };
 
 // Bytes determined by a seed.
-class SeededBytes : public Choices {
-public:
+struct SeededBytes : Choices {
     explicit SeededBytes(std::uint64_t seed) : fEngine(seed) {}
 
     // Bytes that do not compress.
@@ -128,6 +135,65 @@ inline Bytes swapped(Bytes file, std::int64_t row0) {
         for (const int field : {16, 20}) turn(at + field, 4);
     }
     return file;
+}
+
+// Blocks of these sizes. A full one holds one value, so that it stays small in the file; others are all different.
+// Those of kNoise bytes do not shrink, so that all take the same number of bytes in the file.
+constexpr std::size_t kFull = 65'536;  // the shortest that a writer can choose
+constexpr std::size_t kNoise = 6000;
+inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsigned char seed = 0) {
+    std::vector<Bytes> blocks;
+    for (const std::size_t size : sizes) {
+        ++seed;
+        SeededBytes random(seed);
+        blocks.push_back(size == kFull ? Bytes(size, seed) : size == kNoise ? random.noise(size) : random.rows(size));
+    }
+    return blocks;
+}
+
+// A threading: a value for setMultiThread, or 100 plus a value for setThreadCount.
+inline constexpr int kOneOfSeveral = 101, kTwo = 102, kSeveral = 103;
+inline void setThreading(zcmpsFilestr& stream, int threading) {
+    threading > 100 ? stream.setThreadCount(threading - 100) : stream.setMultiThread(threading);
+}
+
+// Each program defines how a broken promise fails.
+void require(bool held, const char* promise);
+
+inline Bytes read(ORVA_StrBaseIO& stream, std::size_t size) {
+    Bytes bytes(size);
+    bytes.resize(stream.Read(bytes.data(), sizeOf(bytes)));
+    return bytes;
+}
+inline void write(ORVA_StrBaseIO& stream, const Bytes& bytes) {
+    require(stream.Write(bytes.data(), sizeOf(bytes)) == bytes.size(), "rows are taken");
+}
+
+inline constexpr std::int64_t kRow0 = 1'000;
+inline void beginRows(zcmpsFilestr& stream, std::int64_t row0 = kRow0) {
+    stream.setRow0Pos(row0);
+    stream.Seek(row0, ORVA_StrBaseIO::SeekFromStart);
+}
+
+// Writes each of these as one block, unless deflate cuts it.
+inline void writeBlocks(zcmpsFilestr& stream, const std::vector<Bytes>& blocks) {
+    for (const Bytes& block : blocks) {
+        write(stream, block);
+        stream.Flush();
+    }
+}
+
+// A finished file, made by the library alone.
+inline void makeFile(const std::string& name, const std::vector<Bytes>& blocks, std::int64_t row0 = kRow0,
+                     int threading = 0, bool durable = false) {
+    ORVA_FileStream source(name.c_str(), "w+b");
+    write(source, Bytes(static_cast<std::size_t>(std::min(row0, kRow0)), 0xD5));
+    zcmpsFilestr stream(source);
+    setThreading(stream, threading);
+    stream.setDurable(durable);
+    beginRows(stream, row0);
+    writeBlocks(stream, blocks);
+    require(stream.Close() == 1, "a writer ends");
 }
 
 inline std::span<const std::byte> spanOf(const Bytes& rows) {

@@ -6,12 +6,9 @@
 
 namespace support {
 
-// Each program defines how a broken promise fails.
-void require(bool held, const char* promise);
-
 // True if `body` returned, false if it threw `Damage`. Other exceptions pass.
-template <class Damage = DamagedFileError, class Body>
-bool soundFor(Body body) {
+template <class Damage = DamagedFileError>
+bool soundFor(auto body) {
     try {
         body();
         return true;
@@ -21,8 +18,8 @@ bool soundFor(Body body) {
 }
 
 // Reads by `read`, which fills its buffer and returns the count, and compares with the second reader.
-template <class Damage = DamagedFileError, class Read>
-void readAsTheOther(const secondReader& other, std::int64_t pos, std::size_t size, Read read) {
+template <class Damage = DamagedFileError>
+void readAsTheOther(const secondReader& other, std::int64_t pos, std::size_t size, auto read) {
     Bytes rows(size);
     const bool sound = soundFor<Damage>([&] { rows.resize(read(rows)); });
     const std::optional<Bytes> expected = other.read(pos, static_cast<std::int64_t>(size));
@@ -84,10 +81,9 @@ struct Given {
 };
 
 // A model of the file as it is at construction.
-class PartModel {
-public:
+struct PartModel {
     PartModel(std::string of, std::int64_t begin, bool swapped, Choices& numbers,
-              const secondReader::Inflate& inflate = secondReader::byZlibInBlock)
+              secondReader::Inflate inflate = byZlib)
         : name(std::move(of)), row0(begin), swap(swapped), any(numbers), inflates(inflate) {}
 
     // Reads by a stream that has opened the file. All but those with one worker may open it anew.
@@ -163,7 +159,6 @@ public:
         if (way < 2) writeBytes(name, file), std::filesystem::remove(sideName);
     }
 
-private:
     // Whatever else an appending stream is asked to do, it first restores the rows.
     void giveUp(zcmpsFilestr& stream, bool hasWorker) {
         const bool reads = !hasWorker && any.oneIn(2);
@@ -175,20 +170,11 @@ private:
     // Replaces one number by another of any magnitude, or ends the file there; mostly with a right checksum.
     Bytes changed(Bytes side) {
         const auto place = static_cast<std::size_t>(any.below(side.size() - sizeof(std::int64_t) + 1));
-        const auto number = static_cast<std::int64_t>(any.below(UINT64_MAX) >> any.below(64));
-        std::memcpy(side.data() + place, &number, sizeof number);
-        if (any.oneIn(8)) side.resize(std::max(place, sizeof number));
-        const std::uint64_t sum = sumOf(side);
-        if (!any.oneIn(8)) std::memcpy(side.data() + side.size() - sizeof sum, &sum, sizeof sum);
-        return side;
+        side = with(std::move(side), place, bytesOf(any.below(UINT64_MAX) >> any.below(64)));
+        if (any.oneIn(8)) side.resize(std::max(place, sizeof(std::uint64_t)));
+        return any.oneIn(8) ? side : resummed(side);
     }
-    static std::uint64_t sumOf(const Bytes& side) {
-        return crc32_z(0, side.data(), side.size() - sizeof(std::uint64_t));
-    }
-    static bool isSummed(const Bytes& side) {
-        const std::uint64_t sum = sumOf(side);
-        return std::memcmp(side.data() + side.size() - sizeof sum, &sum, sizeof sum) == 0;
-    }
+    static Bytes resummed(const Bytes& side) { return summed(slice(side, 0, side.size() - sizeof(std::uint64_t))); }
     void rollBack(const Bytes& during, const Bytes& side, bool isChanged) const {
         writeBytes(name, during);
         writeBytes(sideName, side);
@@ -199,7 +185,8 @@ private:
         // A file that is sound as it stands may be longer: the copy can hold the end of a block without its beginning.
         if (result == orva::rollBackResult::rolledBack && !isChanged) return requireRestored();
         if (!believed) return requireLeft(during, side);
-        require(isSummed(side) || during == file, "a torn side file tells nothing of what an append has changed");
+        require(resummed(side) == side || during == file,
+                "a torn side file tells nothing of what an append has changed");
         require(result != orva::rollBackResult::nothingToDo, "a side file is something to do");
         if (result == orva::rollBackResult::sideFileStale) return requireLeft(during, {});
         require(!std::filesystem::exists(sideName), "a side file that was served goes");
@@ -236,8 +223,6 @@ private:
     Choices& any;
     const secondReader::Inflate inflates;
     const Bytes file = readBytes(name);
-
-public:
     const secondReader old{file, row0, swap, inflates};
     std::int64_t at = row0;  // the stream's position
 };

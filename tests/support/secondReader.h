@@ -69,8 +69,7 @@ struct Layout {
 
 // A reader made from docs/format.md and the codec alone.
 struct secondReader {
-    using Inflate = std::function<Inflated(const unsigned char* from, std::size_t size)>;
-    static Inflated byZlibInBlock(const unsigned char* from, std::size_t size) { return byZlib(from, size); }
+    using Inflate = Inflated (*)(const unsigned char* from, std::size_t size, std::size_t room);
     struct Block {
         filePosRecord record;
         std::optional<Bytes> rows;  // empty if it is damaged
@@ -86,7 +85,7 @@ struct secondReader {
     bool sound;              // contiguous, and every block is whole
 
     // `from` is the caller's, and must outlive this.
-    secondReader(const Bytes& from, std::int64_t at, bool swap, const Inflate& inflate = byZlibInBlock)
+    secondReader(const Bytes& from, std::int64_t at, bool swap, Inflate inflate = byZlib)
         : file(from), row0(at), layout(from, at, swap), opens(takeIndex()) {
         if (!opens) blocks.clear();
         for (std::size_t i = 0; i < blocks.size(); ++i) takeBlock(i, inflate);
@@ -107,7 +106,7 @@ struct secondReader {
         return true;
     }
 
-    void takeBlock(std::size_t number, const Inflate& inflate) {
+    void takeBlock(std::size_t number, Inflate inflate) {
         const filePosRecord& r = blocks[number].record;
         const auto i = static_cast<std::ptrdiff_t>(number);
         const std::int64_t most = kBlockSize;
@@ -117,7 +116,8 @@ struct secondReader {
         end = r.orginalPos + r.orginalSize;
         const bool touches = number + 1 == blocks.size() || end == blocks[number + 1].record.orginalPos;
         if (!fits || !touches || !place(i) || yields(i, i - 1) || yields(i, i + 1)) return;
-        const Inflated made = inflate(file.data() + r.translatePos, static_cast<std::size_t>(r.translateSize));
+        const Inflated made =
+            inflate(file.data() + r.translatePos, static_cast<std::size_t>(r.translateSize), kBlockSize);
         const bool asRecorded = std::ssize(made.rows) == r.orginalSize && made.taken == r.translateSize;
         if (made.whole && asRecorded) blocks[number].rows = made.rows;
     }

@@ -36,8 +36,7 @@ using platform::faults::Step;
 using platform::faults::Verdict;
 
 // While one exists, a failure in its scope prints the seed.
-class RandomBytes : public SeededBytes {
-public:
+struct RandomBytes : SeededBytes {
     explicit RandomBytes(std::uint64_t seed)
         : SeededBytes(seed), fTrace(__FILE__, __LINE__, "seed " + std::to_string(seed)) {}
 
@@ -52,13 +51,17 @@ inline testing::AssertionResult sameBytes(const Bytes& found, const Bytes& expec
     return testing::AssertionFailure() << "first difference at " << at - found.begin() << " of " << found.size();
 }
 
+// A broken promise fails the test.
+inline void require(bool held, const char* promise) {
+    EXPECT_TRUE(held) << promise;
+}
+
 inline std::string fileError(long code, int error, const std::string& name) {
     return "FileError " + std::to_string(code) + " errno " + std::to_string(error) + " " + name;
 }
 
 // "" if `body` returned, else a description of what it threw. A DamagedFileError gives its whole message.
-template <class Body>
-std::string failureOf(Body body) {
+inline std::string failureOf(auto body) {
     try {
         body();
         return {};
@@ -84,8 +87,7 @@ inline std::uint64_t numberFrom(const char* variable, std::uint64_t otherwise) {
 }
 
 // Asked before each raw call while it exists: decides by one function, or else by the last fail(). Counts the calls.
-class CallHook : public platform::faults::Hook {
-public:
+struct CallHook : platform::faults::Hook {
     using Ask = std::function<Verdict(const Step& step, std::uint64_t number)>;
     explicit CallHook(Ask ask = nullptr) : fAsk(std::move(ask)) {}
     // The next such call moves `part` bytes and the one after it fails; without `part` it fails itself. An error of 0
@@ -110,8 +112,7 @@ private:
 };
 
 // Runs `body` in a forked child, where it must return without a failed expectation. The alarm ends one that hangs.
-template <class Body>
-void expectInChild(Body body) {
+inline void expectInChild(auto body) {
     const pid_t child = fork();
     if (child == 0) {
         alarm(30);
@@ -127,8 +128,7 @@ void expectInChild(Body body) {
 
 // A directory for one test, removed with it; in memory if there is room, since tests sync thousands of times. A child
 // of a death test begins the test anew, since threads may be running, and makes its own directory within this one.
-class TempDir : public testing::Test {
-protected:
+struct TempDir : testing::Test {
     TempDir() {
         std::error_code none;
         const std::uintmax_t room = std::filesystem::space("/dev/shm", none).available;
