@@ -357,6 +357,11 @@ TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
                 expectWhole(lie, damage, one.name + (" and other " + std::to_string(other)), isIndex);
             }
         }
+        for (unsigned pair = 0; pair < 16; ++pair) {
+            Layout lie = fLayout;
+            lie.records[pair % 4].translatePos = lie.records[pair / 4].translatePos;
+            expectWhole(lie, damage, "one names another's place, pair " + std::to_string(pair), true);
+        }
         for (const std::int64_t bit : {6, 62}) {
             Layout lie = fLayout;
             for (filePosRecord& r : lie.records) r.translatePos ^= std::int64_t{1} << bit, r.translateSize ^= 0x20;

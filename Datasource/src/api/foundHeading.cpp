@@ -2,6 +2,7 @@
 
 #include "api/translated.h"
 #include "base/fileError.h"
+#include "file/namedFile.h"
 
 #include <orva/errors.h>
 
@@ -133,13 +134,11 @@ private:
 
 }  // namespace
 
-bool isSound(const std::string& file, const foundPart& part) {
-    try {
-        const finishedPart opened(file, part);
-        return true;
-    } catch (const ::DamagedFileError&) {
-        return false;
-    }
+bool isSound(const std::string& name, const foundPart& part) {
+    ORVA_File file;
+    openOrThrow(file, name, "rb", kReadFailed);
+    const auto heading = headingOf(rawHeadingAt(file, part.row0Pos).data(), part.row0Pos, part.swapped);
+    return heading && indexOf(file, *heading, part.swapped);
 }
 
 foundHeading findHeading(const storedBytes& bytes, std::optional<i64> row0, const Path& path, const std::string& place,

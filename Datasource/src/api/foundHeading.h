@@ -3,8 +3,7 @@
 // Failure: DamagedFileError, UnfinishedFileError and UsageError of orva::; FileError; callersFailure.
 #pragma once
 
-#include "format/storedBytes.h"
-#include "part/soundIndex.h"
+#include "format/indexTransfer.h"
 
 #include <orva/compressedLayout.h>
 #include <orva/dictionaryText.h>
@@ -32,6 +31,6 @@ foundHeading findHeading(const storedBytes& bytes, std::optional<i64> row0, cons
                          const Progress& progress = {});
 
 // True if the part can be opened.
-bool isSound(const std::string& file, const foundPart& part);
+bool isSound(const std::string& name, const foundPart& part);
 
 }  // namespace orva

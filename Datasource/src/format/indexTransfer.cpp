@@ -25,6 +25,9 @@ constexpr std::size_t kPieceRecords = 1024;  // records read at a time
 constexpr std::size_t kPageRecords =
     128;  // fewer than one page, the unit in which a file system stores bytes or leaves a hole
 
+// Far beyond any file, and sums of the sizes of as many blocks as an index can hold stay in range.
+constexpr std::int64_t kLargestPlace = std::int64_t{1} << 62;
+
 constexpr const char* kWholeRecords = "_size == 24 x (n + 1)";
 constexpr const char* kIndexFits = "ret == chInfo._size";
 
@@ -85,6 +88,11 @@ std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int
     return heading._caseStartPos == place && breachOf(heading) == nullptr ? std::optional(heading) : std::nullopt;
 }
 
+rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos) {
+    rawHeading heading{};
+    return file.read(heading.data(), heading.size(), row0Pos) ? heading : rawHeading{};
+}
+
 compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, const char* positionCheck) {
     const std::string place = "at offset " + std::to_string(row0Pos);
     if (row0Pos <= 0 || row0Pos > kLastRow0Pos) {
@@ -143,14 +151,39 @@ indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool
     return content;
 }
 
+std::optional<partIndex> indexOf(bytesFrom file, const compressionHeading& heading, bool swapped) {
+    try {
+        return partIndex{heading, swapped, readRecords(file, heading, swapped).records};
+    } catch (const DamagedFileError&) {
+        return std::nullopt;
+    }
+}
+
+std::optional<partIndex> indexAt(bytesFrom file, std::int64_t row0Pos, std::int64_t place) {
+    filePosRecord first;
+    if (!file.read(&first, sizeof first, place)) return std::nullopt;
+    const bool swapped = first.orginalPos != kFirstRecordMark;
+    if (swapped) swapRecord(first);
+    return indexOf(file, {row0Pos, place, (first.translateSize + std::int64_t{1}) * kRecordSize}, swapped);
+}
+
+std::optional<partIndex> soundIndexOf(bytesFrom file, const rawHeading& raw, std::int64_t row0Pos) {
+    if (row0Pos <= 0 || row0Pos > kLargestPlace) return std::nullopt;
+    for (const bool swapped : {false, true}) {
+        const std::optional<compressionHeading> heading = headingOf(raw.data(), row0Pos, swapped);
+        if (!heading) continue;
+        std::optional<partIndex> index = indexOf(file, *heading, swapped);
+        if (index && !firstGap(*heading, index->records)) return index;
+    }
+    return std::nullopt;
+}
+
 bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap,
                   std::span<const filePosRecord> records) {
-    try {
-        const compressionHeading now = readHeading(file, heading._caseStartPos, swap, "");
-        return now != heading || !std::ranges::equal(readRecords(file, now, swap).records, records);
-    } catch (const DamagedFileError&) {
-        return true;
-    }
+    const rawHeading raw = rawHeadingAt(file, heading._caseStartPos);
+    if (headingOf(raw.data(), heading._caseStartPos, swap) != heading) return true;
+    const std::optional<partIndex> now = indexOf(file, heading, swap);
+    return !now || !std::ranges::equal(now->records, records);
 }
 
 std::optional<std::size_t> firstGap(const compressionHeading& heading, std::span<const filePosRecord> records) {

@@ -11,6 +11,7 @@
 #include <orva/compressedLayout.h>
 #include <orva/errors.h>
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -28,6 +29,11 @@ const char* breachOf(const compressionHeading& heading);
 // The heading in these 24 bytes, in host order, if it repeats `place` in the given byte order and could be true.
 std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int64_t place, bool swap);
 
+using rawHeading = std::array<unsigned char, kHeadingSize>;  // as stored
+
+// The 24 bytes at `row0Pos`; zeros if the file ends before.
+rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos);
+
 // Reads the heading at `row0Pos` and returns it in host order. `positionCheck` is the caller's text for the check that
 // the heading repeats its own position.
 compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, const char* positionCheck);
@@ -43,6 +49,21 @@ struct indexContent {
 // really stored: an index that claims gigabytes of a hole is refused at the first impossible record. `atOnce`: in one
 // read, for sources where each read is expensive.
 indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce = false);
+
+// An index and the heading that points to it, in host order.
+struct partIndex {
+    compressionHeading heading;
+    bool swapped;  // stored in the other byte order
+    std::vector<filePosRecord> records;
+};
+
+// The index that the heading points to; nothing if readRecords would refuse it.
+std::optional<partIndex> indexOf(bytesFrom file, const compressionHeading& heading, bool swapped);
+// The index that begins at `place`, with the heading that would point to it; nothing if there is none.
+std::optional<partIndex> indexAt(bytesFrom file, std::int64_t row0Pos, std::int64_t place);
+// The index that `raw`, which need not be stored in `file`, points to as the heading at `row0Pos`, in either byte
+// order. Nothing if readRecords would refuse it or there are gaps between its blocks.
+std::optional<partIndex> soundIndexOf(bytesFrom file, const rawHeading& raw, std::int64_t row0Pos);
 
 // The index as stored, for filePosInfo to parse. The same holds for its length, and it has no hole.
 std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& heading, bool swap);

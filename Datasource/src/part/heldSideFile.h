@@ -7,16 +7,17 @@
 // Failure: FileError with the side file's name; DamagedFileError for what is no side file.
 #pragma once
 
-#include "part/soundIndex.h"
-
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace platform {
 struct fileAccess;
 }
 
 namespace orva {
+
+using fileBytes = std::vector<unsigned char>;
 
 class heldSideFile {
 public:

@@ -71,11 +71,6 @@ fileBytes bytesAt(bytesFrom file, std::int64_t place, std::int64_t size) {
     return bytes;
 }
 
-rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos) {
-    rawHeading heading{};
-    return file.read(heading.data(), heading.size(), row0Pos) ? heading : rawHeading{};
-}
-
 std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, std::int64_t untouchedEnd) {
     const std::int64_t begin = std::max(row0Pos + kHeadingSize, untouchedEnd - kSummedBytes);
     const fileBytes bytes = bytesAt(file, begin, untouchedEnd - begin);
@@ -129,7 +124,7 @@ std::optional<keptTail> parse(const fileBytes& sideFile) {
     }
     if (tail.mark != kSideFileMark || sum != checksum(sideFile.data(), summed)) return {};
     const std::span<const unsigned char> rest(sideFile.data() + sizeof(sideFileHead), sideFile.data() + summed);
-    const std::optional<soundIndex> index = soundIndexOf(tail.heading, tail.row0Pos, keptIndex(rest, tail.fileSize));
+    const std::optional<partIndex> index = soundIndexOf(keptIndex(rest, tail.fileSize), tail.heading, tail.row0Pos);
     if (!index) return {};
     const std::int64_t behindHeading = tail.row0Pos + kHeadingSize;
     const filePosRecord last = index->records.empty() ? filePosRecord{0, behindHeading, 0, 0} : index->records.back();

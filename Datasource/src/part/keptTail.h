@@ -6,9 +6,9 @@
 // Failure: FileError from the disk; DamagedFileError for a file that ends too early.
 #pragma once
 
+#include "format/indexTransfer.h"
 #include "format/storedBytes.h"
 #include "part/heldSideFile.h"
-#include "part/soundIndex.h"
 
 #include <orva/file.h>
 
@@ -37,8 +37,6 @@ struct keptTail : sideFileHead {
 
 // The `size` bytes at `place`; none if the file ends before.
 fileBytes bytesAt(bytesFrom file, std::int64_t place, std::int64_t size);
-// The 24 bytes at `row0Pos`; zeros where the file ends before.
-rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos);
 
 // The checksum of up to 4,096 bytes before `untouchedEnd`, none of them before the blocks; nothing if the file ends
 // before.

@@ -20,9 +20,11 @@ namespace orva {
 
 class fileWindow {
 public:
-    // `moved` is called with each place that it moves to; what it throws comes out of find().
-    explicit fileWindow(
-        ORVA_File& file, std::function<void(std::int64_t)> moved = [](std::int64_t) {})
+    // Called with each place that it moves to, the bytes passed over in a hole before it, and those read there. What it
+    // throws comes out of find().
+    using observer = std::function<void(std::int64_t place, std::int64_t passed, std::int64_t read)>;
+
+    explicit fileWindow(ORVA_File& file, observer moved)
         : fFile(file), fMoved(std::move(moved)), fFileSize(std::min(lengthOf(file), kFarthest)), fBytes(kSize) {}
 
     std::int64_t fileSize() const { return fFileSize; }
@@ -44,10 +46,6 @@ public:
         return std::nullopt;
     }
 
-    // Bytes read, and passed over in holes, since this was asked last.
-    std::int64_t newlyRead() { return std::exchange(fRead, 0); }
-    std::int64_t newlyPassed() { return std::exchange(fPassed, 0); }
-
 private:
     // No disk holds more, and no sum of two places passes the 64-bit range then.
     static constexpr std::int64_t kFarthest = std::int64_t{1} << 61;
@@ -60,21 +58,17 @@ private:
     std::int64_t moveTo(std::int64_t at, std::uint32_t size) {
         const std::int64_t next = std::min(fFile.nextStored(at), fFileSize);
         fAt = std::max(at, next - size + 1);
-        fMoved(fAt);
-        fPassed += fAt - at;
         fCount = fFile.Read(fBytes.get(), kSize, fAt);
-        fRead += fCount;
+        fMoved(fAt, fAt - at, fCount);
         return fAt;
     }
 
     ORVA_File& fFile;
-    const std::function<void(std::int64_t)> fMoved;
+    const observer fMoved;
     const std::int64_t fFileSize;
     const blockBuffer fBytes;
     std::int64_t fAt = 0;
     std::int64_t fCount = 0;
-    std::int64_t fRead = 0;
-    std::int64_t fPassed = 0;
 };
 
 }  // namespace orva

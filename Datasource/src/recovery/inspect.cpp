@@ -29,7 +29,7 @@ std::optional<foundPart> findPart(const std::string& name, std::int64_t from,
                                   const std::function<void(std::int64_t)>& moved) {
     ORVA_File file;
     openOrThrow(file, name, "rb", kReadFailed);
-    fileWindow window(file, moved);
+    fileWindow window(file, [&](std::int64_t place, auto...) { moved(place); });
     std::optional<foundPart> best;
     window.find(from, window.fileSize(), kHeadingSize,
                 [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {

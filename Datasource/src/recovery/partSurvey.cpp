@@ -1,7 +1,6 @@
 #include "recovery/partSurvey.h"
 
 #include "format/indexTransfer.h"
-#include "part/keptTail.h"
 #include "recovery/fileWindow.h"
 
 #include <orva/blockSize.h>
@@ -9,8 +8,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <span>
+#include <tuple>
 #include <utility>
 
 namespace orva {
@@ -26,9 +27,6 @@ constexpr std::int64_t kShortestStream = 9;
 constexpr std::int64_t kTrial = 4096;
 constexpr std::int64_t kEarnedBySearch = 16;
 constexpr std::int64_t kEarnedByBlock = 4;
-
-constexpr std::int64_t kNowhere =
-    std::numeric_limits<std::int64_t>::min() / 2;  // where a record outside the file points
 
 constexpr const char* kDamaged = "its block is damaged";
 constexpr const char* kDamagedUntold = "its block is damaged, and no index tells its size";
@@ -55,17 +53,20 @@ bool couldBeginStream(const unsigned char* bytes) {
 class patience {
 public:
     void spend(std::int64_t work) { fLeft -= work; }
-    void earn(std::int64_t work) { fLeft += work; }
+    void earn(std::int64_t work) { fLeft += exhausted() ? 0 : work; }
     bool exhausted() const { return fLeft < 0; }
 
 private:
     std::int64_t fLeft = std::int64_t{1} << 28;
 };
 
-// Where the block of that record stands.
-struct recordedPlace {
+// Where by some record the block of that number begins.
+struct namedPlace {
     std::int64_t place;
     std::size_t number;
+
+    bool operator==(const namedPlace&) const = default;
+    bool operator<(const namedPlace& that) const { return std::tie(place, number) < std::tie(that.place, that.number); }
 };
 
 class partSurvey {
@@ -77,6 +78,7 @@ public:
         const std::optional<foundPart> part = locate(options);
         if (!part || part->row0Pos <= 0 || part->row0Pos > fWindow.fileSize() - kHeadingSize) return std::nullopt;
         fReport.part = *part;
+        fPlace = part->row0Pos + kHeadingSize;
         takeHeading();
         walk();
         guessSizes();
@@ -107,12 +109,10 @@ private:
             fCount = count;
             fLimit = fHeading._indexPos;
         }
-        if (std::optional<foundIndex> index = indexAt(fHeading, swapped)) take(std::move(*index));
+        if (std::optional<partIndex> index = indexOf(fFile, fHeading, swapped)) take(std::move(*index), 0);
     }
 
     void walk() {
-        fPlace = fReport.part.row0Pos + kHeadingSize;
-        fNext = {fPlace, 0};
         while (fPlace < fWindow.fileSize() && !allSeen()) {
             fTell(fPlace);
             if (const std::optional<blockOutcome> found = streamAt(fPlace, fPatience, fLikely)) {
@@ -126,9 +126,9 @@ private:
     // A last block with other rows and another length than recorded was rewritten by an append, which may have added
     // more.
     bool allSeen() const {
-        if (!fReport.hadIndex || isShort()) return false;
-        return fIndex.empty() || (!fSegments.empty() && isLast(fSegments.back()) && isAsRecorded(fSegments.back()));
+        return noMoreTold() && (fIndex.empty() || (isLast(fSegments.back()) && isAsRecorded(fSegments.back())));
     }
+    bool noMoreTold() const { return fReport.hadIndex && !isShort() && fNext.number >= fIndex.size(); }
     // The index has fewer blocks than the heading vouches for.
     bool isShort() const { return fCount && *fCount > std::ssize(fIndex); }
     bool isLast(const surveySegment& taken) const {
@@ -141,136 +141,119 @@ private:
     }
 
     void takeBlock(const blockOutcome& found) {
-        const std::optional<std::size_t> number = numberHere();
-        fSegments.push_back({found.produced, fPlace, number, found.consumed});
-        if (number) fNext = {fPlace + fIndex[*number].translateSize, *number + 1};
+        const surveySegment block = blockOf(fPlace, found);
+        if (block.number) expectBehind(*block.number);
+        fSegments.push_back(block);
         fPlace += found.consumed;
         fPatience.earn(kEarnedByBlock * workOf(found));
         fLikely = found.consumed + found.consumed / 4;
     }
 
+    // The block behind this one, of that number, by the length that is recorded of this one.
+    void expectBehind(std::size_t number) { fNext = {fPlace + fIndex[number].translateSize, number + 1}; }
+
     // Over what is no whole stream to the next one that is. False at the end of what there is.
     bool bridge() {
         if (!fReport.hadIndex && !bLookedForIndex) findLaterIndex();
-        const bool noMoreTold = fReport.hadIndex && !isShort() && fNext.number >= fIndex.size();
-        if (fPlace >= fLimit || allSeen() || noMoreTold) return false;
+        if (fPlace >= fLimit || noMoreTold()) return false;
+        surveySegment gap{0, fPlace};
+        gap.number = numberOf(gap);
+        if (gap.number) expectBehind(*gap.number);
         const std::int64_t end = fReport.hadIndex ? fLimit : fWindow.fileSize();
-        const std::optional<std::size_t> number = numberHere();
-        const std::optional<recordedPlace> told = resumption(number.has_value());
+        const std::optional<surveySegment> named = namedBlock();
         std::optional<std::int64_t> next;
-        if (told) next = told->place;
-        fWindow.newlyPassed();
-        const bool isSure = number && !mayBeOverlooked(told);
-        const std::optional<std::int64_t> earlier = isSure ? std::nullopt : nextStream(fPlace + 1, next.value_or(end));
-        if (earlier) next = earlier;
+        if (named) next = named->place;
+        fPassed = 0;
+        if (!gap.number || !nothingBetween(*gap.number, named)) {
+            if (const auto found = nextStream(fPlace + 1, next.value_or(end))) next = found;
+        }
         const bool givenUp = !next && fPatience.exhausted();
         if (!next && !fReport.hadIndex && !givenUp) return false;
-        const std::int64_t most = mostRowsOf(next.value_or(end) - fPlace - fWindow.newlyPassed());
-        const char* why = givenUp ? kGivenUp : fReport.hadIndex ? kDamaged : kDamagedUntold;
-        fSegments.push_back({0, fPlace, number, 0, true, why, most});
-        if (earlier && number) fNext.number = *number + 1;
-        if (!earlier) fNext = told.value_or(fNext);
-        fPlace = next.value_or(fPlace);
+        gap.estimated = true;
+        gap.why = givenUp ? kGivenUp : fReport.hadIndex ? kDamaged : kDamagedUntold;
+        gap.most = mostRowsOf(next.value_or(end) - fPlace - fPassed);
+        fSegments.push_back(gap);
+        fPlace = next.value_or(end);
         return next.has_value();
     }
 
-    // The first place behind this one that a record names, or the end of the one before, and where a whole stream
-    // stands. `isHere`: the next record tells of this place, whatever place it names.
-    std::optional<recordedPlace> resumption(bool isHere) {
-        std::int64_t tried = fPlace;
-        const auto resumes = [&](const recordedPlace& at) {
-            return at.place > fPlace && at.place < fLimit && std::exchange(tried, at.place) != at.place &&
-                   at.number < fIndex.size() && streamAt(at.place, fIndexPatience, fLikely);
-        };
-        for (std::size_t i = fNext.number; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
-            const std::int64_t place = std::exchange(isHere, false) ? fPlace : placeOf(i);
-            const std::int64_t end = place + fIndex[i].translateSize;
-            for (const recordedPlace& at : {recordedPlace{placeOf(i), i}, {placeOf(i, fMoved), i}, {end, i + 1}}) {
-                if (resumes(at)) return at;
-            }
-            earnByLoss(place, end);
+    // The first whole stream behind this place where a record names one. Each place is tried once, and what is passed
+    // on the way to it earns more trials, holes left out.
+    std::optional<surveySegment> namedBlock() {
+        if (fNamedBlock && fNamedBlock->place > fPlace) return fNamedBlock;
+        fNamedBlock.reset();
+        fTried = std::max(fTried, fPlace);
+        auto named = std::ranges::upper_bound(fNamed, fTried, {}, &namedPlace::place);
+        for (; !fNamedBlock && named != fNamed.end() && named->place < fLimit; ++named) {
+            if (named->place == fTried) continue;
+            if (fFile.nextStored(fTried) < named->place) fIndexPatience.earn(kEarnedByBlock * (named->place - fTried));
+            fTried = named->place;
+            if (const auto found = streamAt(fTried, fIndexPatience, fLikely)) fNamedBlock = blockOf(fTried, *found);
         }
-        return std::nullopt;
+        return fNamedBlock;
     }
 
-    // Where all records up to there name one place behind the other, nothing was overlooked; but for blocks between two
-    // places where bytes came or went.
-    bool mayBeOverlooked(const std::optional<recordedPlace>& next) const {
-        if (!next && (!fReport.hadIndex || isShort() || fIndexPatience.exhausted())) return true;
-        const std::size_t number = next ? next->number : fIndex.size();
-        if (fMoved != 0 && number > fNext.number + 1) return true;
+    // From the block of that number, which should stand here, the records name one place behind the other up to `next`,
+    // or as far as they go: no block between was overlooked. Where bytes came or went, that shows of neighbours alone.
+    bool nothingBetween(std::size_t number, const std::optional<surveySegment>& next) const {
+        if (!next && (isShort() || fIndexPatience.exhausted())) return false;
+        const std::size_t behind = next ? next->number.value_or(number) : fIndex.size();
         std::int64_t end = fPlace;
-        for (std::size_t i = fNext.number; i < number; ++i) {
-            if (i != fNext.number && placeOf(i) != end) return true;
+        for (std::size_t i = number; i < behind; ++i) {
+            if (i != number && (fMoved != 0 || fIndex[i].translatePos != end)) return false;
             end += fIndex[i].translateSize;
         }
-        return false;
+        return number < behind;
     }
 
-    // A lost block that is passed earns too, once and not in a hole. To look at its record costs a little.
-    void earnByLoss(std::int64_t place, std::int64_t end) {
-        fIndexPatience.spend(kRecordSize);
-        const std::int64_t from = std::max(place, fEarnedTo);
-        if (from >= end || end > fWindow.fileSize() || fFile.nextStored(from) >= end) return;
-        fIndexPatience.earn(kEarnedByBlock * (end - from));
-        fEarnedTo = end;
-    }
-
-    struct foundIndex {
-        std::int64_t place;
-        std::vector<filePosRecord> records;
-        std::int64_t moved;  // bytes by which blocks may stand behind the places that it tells
-    };
-
-    std::optional<foundIndex> indexAt(const compressionHeading& heading, bool swapped) {
-        try {
-            return foundIndex{heading._indexPos, readRecords(fFile, heading, swapped).records, 0};
-        } catch (const DamagedFileError&) {
-            return std::nullopt;
-        }
-    }
-
-    void take(foundIndex index) {
-        fIndex = std::move(index.records);
-        fMoved = index.moved;
-        if (fMoved != 0) fHeading._indexPos = index.place;
-        fLimit = index.place;
-        fNext.number = fSegments.size();
+    // `moved`: bytes by which blocks may stand behind the places that it tells.
+    void take(partIndex index, std::int64_t moved) {
         fReport.hadIndex = true;
+        fIndex = std::move(index.records);
+        fMoved = moved;
+        fLimit = index.heading._indexPos;
+        if (moved != 0) fHeading._indexPos = fLimit;
+        fNext = {fPlace, fSegments.size()};
+        for (std::size_t i = 0; i < fIndex.size(); ++i) {
+            const std::int64_t place = fIndex[i].translatePos;
+            if (place < 0 || place > fWindow.fileSize()) continue;
+            fNamed.push_back({place, i});
+            if (moved != 0) fNamed.push_back({place + moved, i});
+            fNamed.push_back({place + fIndex[i].translateSize, i + 1});
+        }
+        std::sort(fNamed.begin(), fNamed.end());
     }
 
     // The heading may be lost or point elsewhere, and an index stand further on: at the end of its last block, or else
     // elsewhere, as that of a file does whose bytes are rows of this one.
     void findLaterIndex() {
         bLookedForIndex = true;
-        std::optional<foundIndex> elsewhere;  // the first one
+        std::optional<partIndex> elsewhere;  // the first one
         const auto isIndex = [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
-            filePosRecord first;
-            std::memcpy(&first, bytes, sizeof first);
-            const bool swapped = swapBytes(first.orginalPos) == kFirstRecordMark;
+            std::int64_t mark = 0;
+            std::memcpy(&mark, bytes, sizeof mark);
+            if (mark != kFirstRecordMark && mark != swapBytes(kFirstRecordMark)) return false;
             if (fPatience.exhausted()) return true;
-            if (!swapped && first.orginalPos != kFirstRecordMark) return false;
-            if (swapped) swapRecord(first);
-            const std::int64_t size = (first.translateSize + std::int64_t{1}) * kRecordSize;
-            std::optional<foundIndex> index = indexAt({fReport.part.row0Pos, place, size}, swapped);
-            if (index && tellsOfBlocksSeen(index->records, place)) {
-                index->moved = movedBy(index->records, place);
-                if (index->moved == 0) return take(std::move(*index)), true;
-                if (!elsewhere) elsewhere = std::move(index);
-            }
-            fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
             fPatience.spend(2 * kTrial);
-            return false;
+            std::optional<partIndex> index = indexAt(fFile, fReport.part.row0Pos, place);
+            if (!index || !tellsOfBlocksSeen(index->records, place)) return false;
+            const bool isHere = movedBy(*index) == 0;
+            if (isHere) take(std::move(*index), 0);
+            if (!isHere && !elsewhere) elsewhere = std::move(index);
+            return isHere;
         };
-        if (!fWindow.find(fPlace, fWindow.fileSize(), kRecordSize, isIndex) && elsewhere) take(std::move(*elsewhere));
+        if (fWindow.find(fPlace, fWindow.fileSize(), kRecordSize, isIndex) || !elsewhere) return;
+        const std::int64_t moved = movedBy(*elsewhere);
+        take(std::move(*elsewhere), moved);
     }
 
     // Bytes that came into the file, or are lost from it, have moved all that stands behind them by as many. An index
     // that no heading points to shows how many: it stands where the last block ends.
-    std::int64_t movedBy(const std::vector<filePosRecord>& index, std::int64_t place) const {
-        const std::int64_t last = index.empty() ? -1 : index.back().translatePos;
-        const bool isTold = last >= 0 && last - kBlockSize <= fWindow.fileSize();
-        return isTold ? place - last - index.back().translateSize : 0;
+    std::int64_t movedBy(const partIndex& index) const {
+        if (index.records.empty()) return 0;
+        const filePosRecord& last = index.records.back();
+        const bool isTold = last.translatePos >= 0 && last.translatePos - kBlockSize <= fWindow.fileSize();
+        return isTold ? index.heading._indexPos - last.translatePos - last.translateSize : 0;
     }
 
     // One that no heading points to is believed if it says of all blocks seen what they said themselves.
@@ -284,21 +267,30 @@ private:
         return index.size() > seen ? index[seen].translatePos == fPlace : seen != 0 || place == fPlace;
     }
 
-    std::int64_t placeOf(std::size_t number, std::int64_t moved = 0) const {
-        const std::int64_t place = fIndex[number].translatePos;
-        return place >= 0 && place <= fWindow.fileSize() - moved ? place + moved : kNowhere;
+    surveySegment blockOf(std::int64_t place, const blockOutcome& found) const {
+        surveySegment block{found.produced, place, {}, found.consumed};
+        block.number = numberOf(block);
+        return block;
     }
 
-    // The record that tells of the place where the walk is: the next one, by its own word or by the end of the one
-    // before; else a later one.
-    std::optional<std::size_t> numberHere() {
-        const std::size_t next = fNext.number;
-        if (next < fIndex.size() && (fNext.place == fPlace || placeOf(next) == fPlace)) return next;
-        for (std::size_t i = next; i < fIndex.size() && !fIndexPatience.exhausted(); ++i) {
-            fIndexPatience.spend(kRecordSize);
-            if (placeOf(i) == fPlace) return i;
-        }
-        return std::nullopt;
+    // The number of a block that stands at its place, or should. Where several are told for that place, by records or
+    // by the length of the block before, it is the one that most speaks for.
+    std::optional<std::size_t> numberOf(const surveySegment& block) const {
+        std::optional<std::size_t> number;
+        std::ptrdiff_t most = 0;
+        const auto offer = [&](const namedPlace& at) {
+            if (at.number >= fIndex.size()) return;
+            const filePosRecord& record = fIndex[at.number];
+            const auto [first, last] = std::equal_range(fNamed.begin(), fNamed.end(), at);
+            auto votes = last - first + (at == fNext ? 1 : 0);
+            votes += (record.orginalSize == block.size ? 1 : 0) +
+                     (record.translateSize == std::int64_t{block.length} ? 1 : 0);
+            if (votes > most) most = votes, number = at.number;
+        };
+        if (fNext.place == block.place) offer(fNext);
+        auto named = std::ranges::lower_bound(fNamed, block.place, {}, &namedPlace::place);
+        for (; named != fNamed.end() && named->place == block.place; ++named) offer(*named);
+        return number;
     }
 
     // Until an index tells more. A full block is as long as the longest one found. A gap without an index stands for as
@@ -335,15 +327,15 @@ private:
     }
 
     void commit() {
-        const std::int64_t indexPos = fHeading._indexPos;
         const std::span committed = std::span(fSegments).first(committedSegments());
         for (const surveySegment& segment : committed) fReport.committedRows += segment.size;
         fReport.lastRewritten = std::ranges::any_of(
             fSegments, [&](const surveySegment& segment) { return isLast(segment) && !isAsRecorded(segment); });
         if (committed.empty() || committed.back().isLost()) return;
         const surveySegment& last = committed.back();
-        const bool goesOn = committed.size() < fSegments.size() && fSegments[committed.size()].place < indexPos;
-        fReport.lastRewritten |= goesOn || last.place + last.length > indexPos;
+        const bool goesOn =
+            committed.size() < fSegments.size() && fSegments[committed.size()].place < fHeading._indexPos;
+        fReport.lastRewritten |= goesOn || last.place + last.length > fHeading._indexPos;
     }
 
     std::size_t committedSegments() const {
@@ -358,8 +350,7 @@ private:
     }
 
     std::optional<blockOutcome> streamAt(std::int64_t place, patience& left, std::uint32_t likely) {
-        if (place < fReport.part.row0Pos + kHeadingSize || place >= fWindow.fileSize() || left.exhausted())
-            return std::nullopt;
+        if (left.exhausted()) return std::nullopt;
         const std::int64_t before = fStreams.bytesRead();
         const blockOutcome outcome = fStreams.at(place, likely);
         if (outcome.end == blockOutcome::complete && outcome.produced != 0) return outcome;
@@ -371,10 +362,16 @@ private:
     std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end) {
         const auto isStream = [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
             if (!couldBeginStream(bytes) || fPatience.exhausted()) return false;
-            fPatience.earn(kEarnedBySearch * fWindow.newlyRead());
             return streamAt(place, fPatience, 0).has_value();
         };
         return fWindow.find(from, end, 2, isStream);
+    }
+
+    // The search for something goes on at `place`, behind a hole, and has read some bytes there.
+    void searched(std::int64_t place, std::int64_t passed, std::int64_t read) {
+        fTell(place);
+        fPassed += passed;
+        fPatience.earn(kEarnedBySearch * read);
     }
 
     zlibStreams& fStreams;
@@ -382,18 +379,21 @@ private:
     recoverReport& fReport;
     surveySegments fSegments;
     ORVA_File& fFile = fStreams.file();
-    fileWindow fWindow{fFile, fTell};
+    fileWindow fWindow{fFile, [this](auto... moved) { searched(moved...); }};
     compressionHeading fHeading{};
     std::optional<std::int64_t> fCount;  // blocks that the heading vouches for
     std::vector<filePosRecord> fIndex;
     std::int64_t fMoved = 0;                   // of that index
     std::int64_t fLimit = fWindow.fileSize();  // what stands from here on is there only as far as it joins on
     std::int64_t fPlace = 0;                   // behind the block taken last, where the next one begins
-    recordedPlace fNext{};                     // of the next record, by the length that the one before tells
+    namedPlace fNext{};                        // of the next block, by the length that is recorded of the one before
+    std::vector<namedPlace> fNamed;            // by all records, ascending
+    std::int64_t fTried = 0;                   // the last of them that was tried
+    std::optional<surveySegment> fNamedBlock;  // the last one that one of them led to
     bool bLookedForIndex = false;
     patience fPatience;
     patience fIndexPatience;
-    std::int64_t fEarnedTo = 0;          // in the file, by lost blocks
+    std::int64_t fPassed = 0;            // bytes in holes, by the search
     std::uint32_t fLikely = kBlockSize;  // length of a block
 };
 

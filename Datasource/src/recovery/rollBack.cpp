@@ -43,7 +43,7 @@ private:
     rollBackResult settle(const keptTail& kept) {
         const rawHeading heading = rawHeadingAt(fFile, kept.row0Pos);
         const bool isSaved = heading == kept.heading;
-        const std::optional<soundIndex> index = soundIndexOf(heading, kept.row0Pos, fFile);
+        const std::optional<partIndex> index = soundIndexOf(fFile, heading, kept.row0Pos);
         // Every block that the append can have touched, and the one before them.
         if (index && (!isSaved || tailInflates(*index, kept.untouchedEnd))) return rollBackResult::sideFileStale;
         if (untouchedSum(fFile, kept.row0Pos, kept.untouchedEnd) != kept.untouchedSum)
@@ -61,7 +61,7 @@ private:
     // stood. Where they don't, the side file was damaged later, and must not be taken for one cut short.
     rollBackResult settleTorn() {
         if (const std::optional<foundPart> part = findPart(fName)) {
-            const auto index = soundIndexOf(rawHeadingAt(fFile, part->row0Pos), part->row0Pos, fFile);
+            const auto index = soundIndexOf(fFile, rawHeadingAt(fFile, part->row0Pos), part->row0Pos);
             if (index && (index->records.empty() || tailInflates(*index, index->records.back().translatePos + 1)))
                 return rollBackResult::sideFileStale;
         }
@@ -69,7 +69,7 @@ private:
     }
 
     // Every block that ends there or behind it.
-    bool tailInflates(const soundIndex& index, std::int64_t from) {
+    bool tailInflates(const partIndex& index, std::int64_t from) {
         return std::ranges::all_of(index.records, [&](const filePosRecord& r) {
             const auto length = static_cast<std::uint32_t>(r.translateSize);
             return r.translatePos + r.translateSize < from ||
@@ -92,16 +92,12 @@ private:
         std::int64_t end = kept.untouchedEnd;
         for (blockOutcome found{}; (found = fStreams.at(end, kBlockSize)).end == blockOutcome::complete;)
             end += found.consumed;
-        filePosRecord first;
-        if (fFile.Read(&first, sizeof first, end) != sizeof first) return false;
-        const bool swap = first.orginalPos != kFirstRecordMark;
-        if (swap) swapRecord(first);
-        compressionHeading heading{kept.row0Pos, end, (first.translateSize + std::int64_t{1}) * kRecordSize};
-        if (swap) swapHeading(heading);
-        const rawHeading raw = std::bit_cast<rawHeading>(heading);
-        const std::optional<soundIndex> index = soundIndexOf(raw, kept.row0Pos, fFile);
-        if (!index || !tailInflates(*index, kept.untouchedEnd)) return false;
-        writeAll(fFile, raw.data(), raw.size(), kept.row0Pos);
+        const std::optional<partIndex> index = indexAt(fFile, kept.row0Pos, end);
+        if (!index || firstGap(index->heading, index->records) || !tailInflates(*index, kept.untouchedEnd))
+            return false;
+        compressionHeading heading = index->heading;
+        if (index->swapped) swapHeading(heading);
+        writeAll(fFile, &heading, sizeof heading, kept.row0Pos);
         return true;
     }
 
