@@ -27,20 +27,20 @@ struct Advice {
 // Only for an errno that alone tells what helps: a wrong hint costs more than none.
 constexpr Advice kAdvice[] = {
     {ENOSPC, "free some space and try again"},
-    {EDQUOT, "the quota of this user is used up: free some space and try again"},
-    {EFBIG, "raise the limit on file sizes, or choose a file system that takes larger files"},
+    {EDQUOT, "the disk quota is used up: free some space and try again"},
+    {EFBIG, "raise the limit on file sizes, or use a file system that allows larger files"},
     {EACCES, "check the permissions of the file and of its directory"},
-    {EPERM, "check whose the file and its directory are, and their attributes (lsattr)"},
-    {EROFS, "choose a place that can be written to"},
+    {EPERM, "check the owners of the file and its directory, and their attributes (lsattr)"},
+    {EROFS, "choose a place that is writable"},
     {EMFILE, "close other files, or raise the limit on open files"},
     {ENFILE, "close other files, or raise the limit on open files"},
     {EWOULDBLOCK, "another writer has the file open: wait until it is done"},
     {EBUSY, "it is a mount point, or in use: name another file"},
-    {ENOTSUP, "its file system cannot do this: use another one, and copy the file there"},
+    {ENOTSUP, "its file system does not support this: copy the file to another one"},
     {EISDIR, "name a file, not a directory"},
     {ENOENT, "check the name"},
     {EIO, "the storage reports an error: check the device before writing to it again"},
-    {ELIBACC, "the cipher needs " ORVA_LIBCRYPTO " of OpenSSL: install it where programs find their libraries"},
+    {ELIBACC, "the cipher needs " ORVA_LIBCRYPTO " of OpenSSL: install it where the dynamic linker looks"},
     {ESTALE, "the file was replaced on its server: open it again"},
 };
 

@@ -46,7 +46,7 @@ void throwWriteFailed(const std::string& file) {
 
 std::string reasonOf(const orva::Error& error) {
     std::string text = error.reason();
-    for (const std::string to : {"check ", "give ", "say by "}) {
+    for (const std::string to : {"check ", "specify "}) {
         if (const auto at = text.rfind(to + "row0"); at != std::string::npos) text.insert(at + to.size(), "--");
     }
     return text;

@@ -134,7 +134,7 @@ TEST_F(Faults, TheFace) {
             expectRows();
         });
         EXPECT_THAT(heard, AnyOf("", ContainsRegex(s.fault.pattern)));
-        EXPECT_THAT(s.text, AnyOf("", ContainsRegex(s.fault.kind == Fault::Threads ? "ask for fewer" : "")));
+        EXPECT_THAT(s.text, AnyOf("", ContainsRegex(s.fault.kind == Fault::Threads ? "use fewer" : "")));
         EXPECT_TRUE(heard.empty() || s.reached()) << heard << " out of nothing";
         for (const auto& entry : std::filesystem::directory_iterator(directory)) {
             // Failing calls cannot remove it either, and failing writes cannot undo an append.

@@ -201,7 +201,8 @@ std::optional<foundPart> statedPart(const Path& path, const std::string& place, 
 
 RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& options) {
     const std::string place = fullName(from.string());
-    require(!platform::sameFile(place.c_str(), fullName(to.string()).c_str()), to, "it is the file to recover from");
+    require(!platform::sameFile(place.c_str(), fullName(to.string()).c_str()), to,
+            "it is the file to recover: choose another name");
     recoverOptions how{translated(
                            from, [&] { return statedPart(from, place, options.row0, options.progress); }, place),
                        options.committed, options.drop_lost};
@@ -264,7 +265,7 @@ public:
         : fFrom(from),
           fOptions(options),
           fDictionary(reinterpret_cast<const char*>(options.dictionary.data()), options.dictionary.size()) {
-        require(!from.empty(), to, "no file to join");
+        require(!from.empty(), to, "no files to join");
         for (const Path& path : from) add(path, to);
     }
 
@@ -294,14 +295,14 @@ private:
         const std::string place = fullName(path.string());
         const shownPart part = opened(path, fOptions.row0, fOptions.progress);
         require(!platform::sameFile(place.c_str(), fullName(to.string()).c_str()), to,
-                "it is one of the files to join");
+                "it is one of the files to join: choose another name");
         if (fInputs.empty()) {
             const bool text = part.found().text && part.row0() <= kLongestText;
             if (fDictionary.empty() && text && fFrom.size() > 1) fDictionary = outlivedText(part);
             fTotal = fDictionary.empty() ? part.row0() : std::ssize(fDictionary);
         } else if (part.swapped() != fInputs.front().part.swapped) {
-            throw UsageError("has another byte order than \"" + fFrom.front().string() +
-                                 "\", and a file has one: join them apart, or pack the rows of one anew",
+            throw UsageError("has a different byte order from \"" + fFrom.front().string() +
+                                 "\": join them separately, or pack the rows of one again",
                              path);
         }
         fInputs.push_back({place, {part.row0(), part.swapped()}});
@@ -315,7 +316,7 @@ private:
         if (const std::uint32_t blocks = input.blockCount()) {
             input.read(blocks - 1, compressedRoom(input.records()).get(), rowRoom(input.records()).get());
         }
-        throw FileChangedError("was written to while it was joined: try again", path);
+        throw FileChangedError("was written to while it was being joined: try again", path);
     }
 
     // If an append without a side file has begun to rewrite a last block, only that block shows it, since heading and

@@ -23,22 +23,22 @@ public:
     headingSearch(const storedBytes& bytes, const Path& path, const std::string& place, const Progress& progress)
         : fBytes(bytes), fPath(path), fPlace(place), fProgress(progress) {
         for (std::int64_t before = INT64_MAX; !takeFirst(); before = fLength) {
-            if (fLength >= before) refuse("has become shorter while it was opened: try again");
+            if (fLength >= before) refuse("became shorter while it was being opened: try again");
         }
         fText = parseDictionaryText(fFirst);
     }
 
     foundHeading at(i64 row0) const {
-        if (row0 < 1) throw UsageError(named("no rows begin at offset " + std::to_string(row0)), fPath);
+        if (row0 < 1) throw UsageError(named("row0 must be 1 or more, got " + std::to_string(row0)), fPath);
         if (fLength > 0 && row0 >= fLength && !isStated(row0)) {
-            refuse("has no offset " + std::to_string(row0) + ", for it ends at " + std::to_string(fLength) +
-                   ": check row0, or leave it out to have the rows looked for");
+            refuse("has no heading at offset " + std::to_string(row0) + ", because it ends at offset " +
+                   std::to_string(fLength) + ": check row0, or leave it out to search for the rows");
         }
         return headingAt(FileInfo::FoundBy::option, row0);
     }
 
     foundHeading find() const {
-        if (!fText && fPlace.empty()) refuse("does not say where its rows begin: give row0");
+        if (!fText && fPlace.empty()) refuse("does not say where its rows begin: specify row0");
         foundHeading found = fText ? headingAt(FileInfo::FoundBy::dictionary, fText->row0Pos)
                                    : headingAt(FileInfo::FoundBy::search, searched());
         if (!fPlace.empty()) refuseSecond(found);
@@ -62,10 +62,10 @@ private:
 
     std::int64_t searched() const {
         if (const auto part = partFrom(1)) return part->row0Pos;
-        if (fLength == 0) refuse("empty, so it holds no finished compressed part: check that it is the file you mean");
+        if (fLength == 0) refuse("is empty: check that it is the right file");
         refuse(
-            "holds no finished compressed part: check that it is the file you mean and that its writer finished, or "
-            "give row0");
+            "has no finished compressed part: check that it is the right file and that its writer has finished, or "
+            "specify row0");
     }
 
     // The heading repeats its own offset, which shows its byte order.
@@ -102,10 +102,10 @@ private:
         const std::string where = "offset " + std::to_string(place);
         if (isStated(place)) {
             throw UnfinishedFileError(
-                named("not finished: there is no heading at " + where + ", where its rows begin"), fPath, {}, {},
+                named("unfinished: there is no heading at " + where + ", where its rows begin"), fPath, {}, {},
                 fPath.empty() ? ""
-                              : "if its writer is gone, 'orva recover " + shellWord(fPath.string()) +
-                                    " -o OUT' gets the rows that are there");
+                              : "if its writer has ended, run 'orva recover " + shellWord(fPath.string()) +
+                                    " -o OUT' to save the complete blocks");
         }
         refuse("has no heading at " + where + ": check row0, and that its writer has finished");
     }
@@ -118,8 +118,8 @@ private:
         if (indexPos <= row0 || indexPos > fLength || size < 0 || size > fLength - kHeadingSize - indexPos) return;
         const auto second = partFrom(indexPos + size);
         if (!second || !isSound(fPlace, *second) || !isSound(fPlace, first)) return;
-        throw UsageError("holds two compressed parts, at offset " + std::to_string(first.row0Pos) + " and at " +
-                             std::to_string(second->row0Pos) + ": say by row0 which one you mean",
+        throw UsageError("has two compressed parts, at offsets " + std::to_string(first.row0Pos) + " and " +
+                             std::to_string(second->row0Pos) + ": specify row0 to choose one",
                          fPath);
     }
 

@@ -31,12 +31,12 @@ void refusePipe(const std::string& name, const std::string& place) {
     const fs::file_status status = fs::status(place, unknown);
     const bool waits = fs::exists(status) && !fs::is_regular_file(status) && !fs::is_block_file(status);
     if (!waits || fs::is_directory(status)) return;
-    throwFileError(ESPIPE, kReadFailed, name, "it is a pipe or a device: put its bytes into a file first");
+    throwFileError(ESPIPE, kReadFailed, name, "it is a pipe or a device: copy it to a file first");
 }
 
 std::int64_t sizeOf(const ByteSource& source) {
     const std::int64_t size = callersOwn([&] { return source.size(); });
-    require(size >= 0, {}, "the size of a source is 0 or more");
+    require(size >= 0, {}, "the source returned a negative size");
     return size;
 }
 
@@ -49,7 +49,7 @@ openedFile::~openedFile() {
 
 std::int64_t openedFile::length() const {
     const std::int64_t end = platform::_lseeki64(fDescriptor, 0, SEEK_END);
-    if (end < 0) throwFileError(errno, kReadFailed, fName, "it has no length: put its bytes into a file first");
+    if (end < 0) throwFileError(errno, kReadFailed, fName, "its length is unknown: copy it to a file first");
     return end;
 }
 

@@ -150,8 +150,8 @@ bool pendingFile::hasToReplace() const {
     const bool isFile = fs::is_regular_file(status);
     if (!fs::exists(status) || (bReplace && isFile)) return isFile;
     const int error = isFile ? EEXIST : fs::is_directory(status) ? EISDIR : EINVAL;
-    const char* const what = isFile ? "already exists: name another file, or have it replaced"
-                                    : "not a regular file: name one that can be made or replaced";
+    const char* const what = isFile ? "already exists: choose another name, or allow it to be replaced"
+                                    : "is not a regular file, so it cannot be replaced: choose another name";
     throw SystemError(std::error_code(error, std::generic_category()), what, fPath, true);
 }
 
@@ -216,7 +216,7 @@ void pendingFile::commit(bool durable) {
             forgetName();
             if (durable && platform::syncDirectoryOf(fTarget.c_str()) != 0) {
                 throwFileError(errno, kWriteFailed, fTarget,
-                               "the file is whole and has its name, which a loss of power may undo");
+                               "the file is complete and has its name, but a power failure may undo the renaming");
             }
         },
         fTarget);

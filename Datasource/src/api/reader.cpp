@@ -26,7 +26,7 @@ struct Reader::State {
           fSource(std::move(source)),
           fOptions(given),
           fThreads(threadsAtWork(given.threads, fPath)) {
-        require(given.cached_blocks >= 0, fPath, "a number of cached blocks is 0 or more");
+        require(given.cached_blocks >= 0, fPath, "the number of cached blocks must be 0 or more");
         auto shown = std::make_unique<partPtr>(opened());
         fOwn = new own(fOptions.cached_blocks);
         fShown = shown.release();
@@ -95,7 +95,7 @@ private:
 Reader::Reader(const Path& path, const ReaderOptions& options)
     : fState(std::make_shared<State>(path, nullptr, options)) {}
 Reader::Reader(std::shared_ptr<const ByteSource> source, const ReaderOptions& options)
-    : fState((require(source != nullptr, {}, "a Reader needs a source"),
+    : fState((require(source != nullptr, {}, "the source must not be null"),
               std::make_shared<State>(Path(), std::move(source), options))) {}
 Reader::Reader(const Reader&) noexcept = default;
 Reader& Reader::operator=(const Reader&) noexcept = default;
@@ -124,9 +124,9 @@ std::vector<Block> Reader::blocks() const {
 
 std::vector<Range> Reader::splits(int count, i64 record_size) const {
     const State::partPtr part = fState->shown();
-    require(count >= 1, path(), "rows are split into 1 range or more");
-    require(record_size >= 1, path(), "a record has 1 byte or more");
-    require(part->size() % record_size == 0, path(), "its rows are no whole number of records of that size");
+    require(count >= 1, path(), "the number of ranges must be 1 or more");
+    require(record_size >= 1, path(), "the record size must be 1 byte or more");
+    require(part->size() % record_size == 0, path(), "the size of its rows is not a multiple of the record size");
     std::vector<Range> ranges;
     const i64 blocks = part->blockCount();
     const i64 wanted = std::min<i64>(count, blocks);
@@ -168,7 +168,7 @@ void Reader::read_ranges(std::span<ReadRequest> requests) const {
     const State::partPtr part = fState->shown();
     std::vector<rowPiece> pieces;
     for (ReadRequest& request : requests) {
-        require(request.offset >= 0, path(), "rows begin at offset 0");
+        require(request.offset >= 0, path(), "the offset must be 0 or more");
         request.got = cut(*part, request.offset, request.to, pieces);
     }
     std::ranges::sort(pieces, {}, &rowPiece::block);
@@ -184,7 +184,7 @@ std::shared_ptr<const shownPart> partOf(const Reader& reader) {
 }
 
 i64 Reader::end_of_block(i64 offset) const {
-    require(offset >= 0, path(), "rows begin at offset 0");
+    require(offset >= 0, path(), "the offset must be 0 or more");
     const State::partPtr part = fState->shown();
     return offset >= part->size() ? offset : part->begin(part->blockAt(offset) + 1);
 }

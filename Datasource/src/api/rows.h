@@ -105,34 +105,34 @@ private:
 template <class T>
 Rows<T>::Rows(Reader reader) : fReader(std::move(reader)) {
     require(!fReader.swapped(), "its rows have the other byte order: read their bytes with orva::Reader");
-    require(fReader.size() % kSize == 0, "its rows are no whole number of values of this type");
+    require(fReader.size() % kSize == 0, "the size of its rows is not a multiple of the size of this type");
 }
 
 template <class T>
 T Rows<T>::operator[](i64 row) const {
     std::array<std::byte, sizeof(T)> bytes;
-    require(row >= 0 && row < size() && fReader.read_at(row * kSize, bytes) == sizeof(T), "there is no such row");
+    require(row >= 0 && row < size() && fReader.read_at(row * kSize, bytes) == sizeof(T), "row number out of range");
     return std::bit_cast<T>(bytes);
 }
 
 template <class T>
 i64 Rows<T>::read(i64 first, std::span<T> to) const {
-    require(first >= 0, "rows count from 0");
+    require(first >= 0, "the first row must be 0 or more");
     if (first >= size()) return 0;
     return static_cast<i64>(fReader.read_at(first * kSize, std::as_writable_bytes(to)) / sizeof(T));
 }
 
 template <class T>
 void Rows<T>::take(std::span<const i64> rows, std::span<T> to) const {
-    require(rows.size() == to.size(), "rows to take and places for them differ in number");
+    require(rows.size() == to.size(), "the number of rows to take must equal the number of places for them");
     const i64 count = size();
     std::vector<ReadRequest> requests(rows.size());
     for (std::size_t i = 0; i < rows.size(); ++i) {
-        require(rows[i] >= 0 && rows[i] < count, "there is no such row");
+        require(rows[i] >= 0 && rows[i] < count, "row number out of range");
         requests[i] = {rows[i] * kSize, std::as_writable_bytes(to.subspan(i, 1))};
     }
     fReader.read_ranges(requests);
-    for (const ReadRequest& request : requests) require(request.got == sizeof(T), "there is no such row");
+    for (const ReadRequest& request : requests) require(request.got == sizeof(T), "row number out of range");
 }
 
 template <class T>

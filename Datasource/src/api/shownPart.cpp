@@ -40,15 +40,15 @@ struct seen {
 };
 
 std::string stateText(const std::string& name, bool alive) {
-    if (alive) return "an append, or another writer, is at work on it: try again when that has ended";
-    return "an append to it was interrupted, which has left \"" + sideFileName(name) +
-           "\": 'orva recover --roll-back " + shellWord(name) + "' ends it without a loss";
+    if (alive) return "an append, or another writer, is at work on it: try again when it has ended";
+    return "an append to it was interrupted and left \"" + sideFileName(name) + "\": run 'orva recover --roll-back " +
+           shellWord(name) + "' to roll it back without loss";
 }
 
 }  // namespace
 
 UnfinishedFileError unfinished(const Path& path, bool alive) {
-    return {"not finished: " + stateText(path.string(), alive), path};
+    return {"unfinished: " + stateText(path.string(), alive), path};
 }
 
 std::string append_state(const Path& path) {

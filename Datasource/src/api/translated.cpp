@@ -16,14 +16,14 @@ namespace orva {
 namespace {
 
 constexpr const char* kFewerThreads =
-    "; a thread could not be started: ask for fewer of them, or raise the limits on processes and memory";
+    "; a thread could not be started: use fewer threads, or raise the limits on processes and memory";
 
 std::string foundIn(const ::DamagedFileError& damage) {
     return damage.detail() + " [" + damage.check() + ']';
 }
 
 std::string recoverAdvice(const Path& path) {
-    return path.empty() ? "" : "'orva recover " + shellWord(path.string()) + " -o OUT' gets the rows that are sound";
+    return path.empty() ? "" : "run 'orva recover " + shellWord(path.string()) + " -o OUT' to save the undamaged rows";
 }
 
 }  // namespace
@@ -48,7 +48,7 @@ void require(bool fulfilled, const Path& path, const char* what) {
 
 std::uint32_t threadsAtWork(int threads, const Path& path) {
     constexpr unsigned int most = 256;  // each holds two blocks in memory
-    require(threads >= 0, path, "a number of threads is 0, for one a core, or more");
+    require(threads >= 0, path, "the number of threads must be 0 (one per core) or more");
     const unsigned int wanted = threads != 0 ? static_cast<unsigned int>(threads) : platform::coreCount();
     return std::clamp(wanted, 1U, most);
 }
@@ -64,7 +64,7 @@ void rethrowTranslated(const Path& path, const std::string& workName, std::optio
         throw SystemError(failure.code(), withName(failure.fileName(), path, failure.reason(), workName), path,
                           failure.messageCode() == kWriteFailed);
     } catch (const ::FileChangedError& change) {
-        const std::string reason = "has changed since it was opened, read it again: " + foundIn(change);
+        const std::string reason = "has changed since it was opened; open it again: " + foundIn(change);
         throw FileChangedError(withName(change.fileName(), path, reason, workName), path, offset, change.place().block);
     } catch (const ::DamagedFileError& damage) {
         const std::string reason = reasonOf(damage);
@@ -72,8 +72,8 @@ void rethrowTranslated(const Path& path, const std::string& workName, std::optio
         throw DamagedFileError(whole, path, offset, damage.place().block, whole == reason ? recoverAdvice(path) : "");
     } catch (const std::system_error& failure) {  // from starting a thread, or from a file name
         const bool thread = failure.code() == std::errc::resource_unavailable_try_again;
-        throw SystemError(failure.code(), "cannot go on: " + failure.code().message() + (thread ? kFewerThreads : ""),
-                          path);
+        throw SystemError(failure.code(),
+                          "cannot continue: " + failure.code().message() + (thread ? kFewerThreads : ""), path);
     } catch (const std::logic_error& breach) {
         throw UsageError(breach.what(), path);
     }

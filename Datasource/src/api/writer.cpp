@@ -24,9 +24,11 @@ constexpr std::size_t kSmallWrite = 65'536;  // writes after a smaller one are u
 
 choices chosen(i64 block, int level, const Path& path) {
     require(block == 0 || (block >= kShortestBlockLength && block <= kBlockSize), path,
-            "a block takes 65,536 to 4,190,208 bytes of rows");
+            ("the block length must be 65,536 to 4,190,208 bytes, got " + std::to_string(block)).c_str());
     require(level >= zlibCompressBlock::kFastestLevel && level <= zlibCompressBlock::bestLevel(), path,
-            ("levels of compression are 1 to " + std::to_string(zlibCompressBlock::bestLevel())).c_str());
+            ("the compression level must be 1 to " + std::to_string(zlibCompressBlock::bestLevel()) + ", got " +
+             std::to_string(level))
+                .c_str());
     return {static_cast<std::uint32_t>(block == 0 ? kBlockSize : block), level};
 }
 
@@ -79,7 +81,7 @@ struct Writer::State {
         const shownPart found(fPath, fPlace, options.row0, true, options.progress);
         bOtherOrder = found.swapped();
         require(!bOtherOrder || options.any_order, fPath,
-                "its rows have the other byte order: any_order adds bytes to them as they are");
+                "its rows have the other byte order: set any_order to append bytes as they are");
         if (options.block == 0) fChoices.blockLength = static_cast<std::uint32_t>(chosenLength(found.records()));
         fRow0 = found.row0();
         fSize = found.size();
@@ -119,10 +121,10 @@ struct Writer::State {
         }
         if (!staysOpen) fOpened->Close();
         if (!adds || fNamed->isNamed(fPlace)) return;
-        throw SystemError(std::error_code(ESTALE, std::generic_category()),
-                          "another file took the name while rows were added: they stand in a file "
-                          "without that name",
-                          fPath, true);
+        throw SystemError(
+            std::error_code(ESTALE, std::generic_category()),
+            "another file took its name during the append: the new rows are in the old file, which no longer has it",
+            fPath, true);
     }
 
     const Path fPath;  // as the caller wrote it
@@ -164,7 +166,7 @@ Writer::State& Writer::settled() {
     State& s = *fState;
     require(s.fProcess == platform::processId(), s.fPath, "another process writes it: a forked child cannot");
     require(s.fLife != State::life::failed, s.fPath, "writing it has failed: nothing more can be written");
-    require(s.fLife != State::life::finished, s.fPath, "it is finished: add rows to it by Writer::append");
+    require(s.fLife != State::life::finished, s.fPath, "it is finished: use Writer::append to add rows");
     s.fGiven = 0;
     if (fNext != nullptr) {
         const auto used = static_cast<std::uint32_t>(fNext - s.fRoom.data());
@@ -177,7 +179,7 @@ Writer::State& Writer::settled() {
 
 void Writer::write_on(std::span<const std::byte> rows, bool values) {
     State& s = settled();
-    require(!values || !s.bOtherOrder, s.fPath, "its rows have the other byte order: add their bytes");
+    require(!values || !s.bOtherOrder, s.fPath, "its rows have the other byte order: write bytes, not values");
     if (rows.empty()) return;
     const bool staysSmall = rows.size() < kSmallWrite && !s.bOtherOrder;
     s.step([&] {
@@ -199,7 +201,7 @@ Bytes Writer::room() {
 void Writer::wrote(std::size_t count) {
     const std::size_t given = fState != nullptr ? fState->fGiven : 0;
     State& s = settled();
-    require(count <= given, s.fPath, "room() has not given as much room as that");
+    require(count <= given, s.fPath, "wrote() counts more bytes than room() returned");
     if (count != 0) s.step([&] { s.part().wrote(static_cast<std::uint32_t>(count)); });
 }
 
@@ -209,7 +211,7 @@ void Writer::write_from(const ByteSource& source) {
         const i64 size = sizeOf(source);
         const rowSource read = [&](std::int64_t offset, std::span<unsigned char> to) {
             if (callersOwn([&] { return source.read_at(offset, std::as_writable_bytes(to)); }) == to.size()) return;
-            throw FileChangedError("the source of the rows has become shorter", s.fPath);
+            throw FileChangedError("the source of the rows became shorter while it was being read", s.fPath);
         };
         s.part().writeFrom(read, size);
     });

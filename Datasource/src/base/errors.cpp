@@ -31,7 +31,7 @@ const DamagedFileError::Place& DamagedFileError::place() const noexcept {
 }
 
 FileChangedError::FileChangedError(const DamagedFileError& damage)
-    : DamagedFileError(damage, "\"" + damage.fileName() + "\" has changed since it was opened, read it again: " +
+    : DamagedFileError(damage, "\"" + damage.fileName() + "\" has changed since it was opened; open it again: " +
                                    damage.detail() + " [" + damage.check() + "]") {}
 
 FileChangedError::~FileChangedError() = default;

@@ -18,7 +18,7 @@ namespace {
 
 // The advice for an encrypted write that is refused.
 constexpr const char* kWholeBlocks =
-    "write whole blocks of 16 bytes from a multiple of 16 on, or use a mode that can read and write anywhere";
+    "write whole blocks of 16 bytes at a multiple of 16, or use a mode that can read and write anywhere";
 
 bool ModeHasChar(const char* mode, char c) {
     return std::strchr(mode, c) != nullptr;
