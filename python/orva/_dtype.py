@@ -33,11 +33,11 @@ def checked(dtype: npt.DTypeLike) -> np.dtype[Any]:
     if made.hasobject:
         of = ", ".join(repr(name) for name, (of, *_) in (made.fields or {}).items() if of.hasobject) or str(made)
         raise ValueError(
-            f"values of {of} are objects, no bytes that a file could hold: astype gives them a dtype of numpy's, as 'f8' to"
-            " Int64 with missing values, and column_dtypes of to_records one of a width, as 'S4', to texts"
+            f"values of {of} are Python objects, which a file cannot hold: convert them with astype, such as 'f8' for Int64"
+            " with missing values, or texts with column_dtypes of to_records, such as 'S4'"
         )
     if made.itemsize == 0:
-        raise ValueError(f"values of {made} have no bytes")
+        raise ValueError(f"expected a dtype of at least one byte, got {made}")
     return made
 
 
@@ -49,7 +49,7 @@ def to_dictionary(dtype: np.dtype[Any]) -> bytes:
     first = len(_FIRST) + 11
     size = -(-(first + len(line) + 1) // _STEP) * _STEP
     if size > _LONGEST:
-        raise ValueError(f"a dtype that takes {size:,} bytes to tell is refused: {_LONGEST:,} are the most")
+        raise ValueError(f"the description of the dtype takes {size:,} bytes, more than the limit of {_LONGEST:,}")
     text = f"{_FIRST}{size:010d}\n{line}"
     return (text.ljust(size - 1) + "\n").encode("ascii")
 
@@ -58,7 +58,7 @@ def _tuples(descr: Any) -> Any:
     """Restores the tuples that JSON made lists: each field, shape and (dtype, shape). A list of fields stays a list."""
     if not isinstance(descr, list):
         if not _PLAIN.fullmatch(descr):
-            raise ValueError(f"{descr!r} is not how a dtype is told")
+            raise ValueError(f"{descr!r} does not describe a dtype")
         return descr
     if len(descr) == 2 and isinstance(descr[1], list) and all(isinstance(n, int) for n in descr[1]):
         return _tuples(descr[0]), tuple(descr[1])
@@ -76,7 +76,7 @@ def of_dictionary(part: bytes, path: str) -> np.dtype[Any] | None:
     try:
         return checked(descr_to_dtype(_tuples(json.loads(lines[1][6:]))))  # type: ignore[no-untyped-call]
     except (ValueError, TypeError, KeyError, IndexError, RecursionError) as error:
-        raise DamagedFileError(f'"{path}": damaged: it tells a dtype that is none: {error}', path) from None
+        raise DamagedFileError(f'"{path}": damaged: its dtype is invalid: {error}', path) from None
 
 
 def of_reader(reader: _orva.Reader, path: str) -> np.dtype[Any] | None:

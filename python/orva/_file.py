@@ -21,7 +21,7 @@ def _begin(path: PathLike, mode: str, row0: int | None, threads: int, level: int
     threads, level, row0 = threads_of(threads), whole(level, "level", 32), row0_of(row0)
     if mode != "ab":
         if row0 is not None:
-            raise ValueError("row0 tells of a file that there is, and this one is new")
+            raise ValueError("row0 applies only to an existing file, and this one is new")
         return _orva.create(name, b"", threads, mode == "wb", level, length)
     try:
         return _orva.append(name, row0, threads, level, block_of(block, 0), False)
@@ -66,7 +66,7 @@ class File(io.RawIOBase):
         self._writing: _orva.Writer | None = None
         self._pos = 0
         if mode not in ("rb", "wb", "xb", "ab"):
-            raise ValueError(f"a mode is 'rb', 'wb', 'xb' or 'ab', not {mode!r}")
+            raise ValueError(f"mode must be 'rb', 'wb', 'xb' or 'ab', not {mode!r}")
         self.mode = mode
         if mode == "rb":
             self._opened = Opened(path, row0, threads)
@@ -123,7 +123,7 @@ class File(io.RawIOBase):
         if to < 0:
             raise ValueError(f"negative seek position {to}")
         if to > _FARTHEST:
-            raise OverflowError(f"no place in a file is as far as {to}")
+            raise OverflowError(f"seek position {to} is beyond any file")
         self._pos = to
         return to
 

@@ -82,7 +82,7 @@ class JoinReport:
 
 def _called(progress: Progress) -> Progress:
     if progress is not None and not callable(progress):
-        raise TypeError(f"progress is called with two numbers, and {progress!r} cannot be called")
+        raise TypeError(f"progress must be callable, not {progress!r}")
     return progress
 
 

@@ -23,9 +23,9 @@ def frame_of(
 
     fields = rows.dtype.names
     if fields is None or rows.ndim != 1:
-        raise ValueError(f"rows of {rows.dtype} have no fields to be columns")
+        raise ValueError(f"rows of {rows.dtype} have no fields to use as columns")
     if isinstance(columns, str):
-        raise TypeError(f"columns are a list of names, not {columns!r}")
+        raise TypeError(f"columns must be a list of names, not {columns!r}")
     wanted = list(fields if columns is None else columns)
     parts: dict[str, npt.NDArray[Any]] = {}
     for name in wanted:
@@ -33,7 +33,7 @@ def frame_of(
             raise ValueError(f"rows of {rows.dtype} have no field {name!r}")
         field = rows.dtype[name]
         if field.subdtype is not None or field.names is not None:
-            raise ValueError(f"field {name!r} of {field} is no column")
+            raise ValueError(f"field {name!r} of {field} cannot be a column: its values have several parts")
         # pandas has no columns of bytes: it would keep these as they are, and fail when it looks for missing values.
         parts[name] = np.empty(stop - first, object if field.kind in "SV" else field.newbyteorder("="))
     done = 0

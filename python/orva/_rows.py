@@ -75,7 +75,7 @@ class Rows:
         self, path: Source, dtype: npt.DTypeLike, damaged: Literal["raise", "mask"], row0: int | None, threads: int
     ) -> None:
         if damaged not in ("raise", "mask"):
-            raise ValueError(f"damaged is 'raise' or 'mask', not {damaged!r}")
+            raise ValueError(f"damaged must be 'raise' or 'mask', not {damaged!r}")
         given = None if dtype is None else _dtype.checked(dtype)
         self._opened = Opened(path, row0, threads)
         self._reader = self._opened.reader
@@ -101,12 +101,12 @@ class Rows:
                 raise
             row = None
         if row is not None and given is not None and row.itemsize != given.itemsize:
-            raise ValueError(f"{name} has rows of {row.itemsize} bytes, as {row}, and {given} has {given.itemsize}")
+            raise ValueError(f"{name} has rows of {row.itemsize} bytes ({row}), but {given} has {given.itemsize}")
         row = row if given is None else given
         if row is None:
-            raise ValueError(f"{name} does not say of what dtype its rows are: give one")
+            raise ValueError(f"{name} does not state the dtype of its rows: pass one")
         if self._reader.size % row.itemsize != 0:
-            raise ValueError(f"{name}: its {self._reader.size} bytes are no whole number of rows of {row.itemsize}")
+            raise ValueError(f"{name}: its {self._reader.size} bytes of rows are not a multiple of the {row.itemsize} of {row}")
         return row
 
     def __repr__(self) -> str:
@@ -238,7 +238,7 @@ class Rows:
         holds, or as many blocks as there are threads. ValueError below 1."""
         count = None if rows is None else operator.index(rows)
         if count is not None and count < 1:
-            raise ValueError("a chunk has 1 row or more")
+            raise ValueError("rows per chunk must be 1 or more")
         self._open()
         return self._chunks(0, len(self), count)
 
@@ -257,11 +257,11 @@ class Rows:
         be contiguous, writable, and of this dtype and shape after the first axis; else ValueError, as for a `first`
         below 0."""
         if not isinstance(out, np.ndarray) or out.dtype != self.dtype or out.ndim == 0 or out.shape[1:] != self.shape[1:]:
-            raise ValueError(f"rows of {self._row} go into an array of that dtype")
+            raise ValueError(f"out must be an array for rows of {self._row}")
         if not out.flags.writeable or not out.flags.c_contiguous:
-            raise ValueError("rows go into an array in one piece that can be written to")
+            raise ValueError("out must be contiguous and writable")
         if operator.index(first) < 0:
-            raise ValueError("rows count from 0")
+            raise ValueError("first must be 0 or more")
         first = min(operator.index(first), len(self))
         count = min(len(out), len(self) - first)
         found: Lost = []
@@ -312,7 +312,7 @@ class Rows:
             raise ValueError(f"rows of {self._row} have no field {field!r}")
         key = self._row if field is None else self.dtype[field]
         if key.names is not None or key.subdtype is not None:
-            raise ValueError(f"values of {key} are no keys: name a field that holds one number or text")
+            raise ValueError(f"values of {key} cannot be keys: name a field that holds one number or text")
 
     def splits(self, count: int) -> list[slice]:
         """Divides all rows into at most `count` consecutive slices of about equal length. Each begins with a block as

@@ -22,7 +22,7 @@ def path_of(path: PathLike) -> str:
     """The path as the caller names it."""
     name = os.fspath(path) if isinstance(path, (str, os.PathLike)) else None
     if not isinstance(name, str):
-        raise TypeError(f"a path is str or os.PathLike[str], not {type(path).__name__}")
+        raise TypeError(f"expected a path (str or os.PathLike[str]), not {type(path).__name__}")
     if "\0" in name:
         raise ValueError("embedded null character in a path")
     return name
@@ -35,7 +35,7 @@ def name_of(path: PathLike) -> bytes:
 
 def paths_of(paths: Iterable[PathLike]) -> list[str]:
     if isinstance(paths, (str, bytes, os.PathLike)) or not isinstance(paths, Iterable):
-        raise TypeError(f"several paths are wanted, as a list, not {paths!r}")
+        raise TypeError(f"expected a list of paths, not {paths!r}")
     return [path_of(path) for path in paths]
 
 
@@ -44,9 +44,9 @@ def whole(value: int, what: str, bits: int = 64) -> int:
     try:
         number = operator.index(value)
     except TypeError:
-        raise TypeError(f"{what} is a whole number, not {value!r}") from None
+        raise TypeError(f"{what} must be an integer, not {value!r}") from None
     if not -1 << (bits - 1) <= number < 1 << (bits - 1):
-        raise ValueError(f"{what} cannot be {number}")
+        raise ValueError(f"{what} is out of range: {number}")
     return number
 
 
@@ -99,7 +99,7 @@ class SourceObject:
         if type(raw) is io.FileIO:
             return os.preadv(raw.fileno(), [to], offset)
         if self._process != os.getpid() and self._has_descriptor():
-            raise ValueError("a file object that is no plain file cannot be read after a fork: open it by its path")
+            raise ValueError("a file object other than a plain file cannot be read after a fork: open it by its path")
         self._file.seek(offset)
         if hasattr(self._file, "readinto"):
             return self._file.readinto(to)
@@ -114,11 +114,11 @@ class SourceObject:
                 with to[got:] as rest:
                     count = self._read_some(offset + got, rest)
                 if count is None:
-                    raise BlockingIOError("a source has to wait for its bytes")
+                    raise BlockingIOError("the source has no bytes ready: it must be blocking")
                 if count == 0:
                     break
                 if not 0 < count <= len(to) - got:
-                    raise OSError(f"a source tells {count} bytes, and was asked for {len(to) - got}")
+                    raise OSError(f"the source reported {count} bytes for a request of {len(to) - got}")
                 got += count
             return got
 
@@ -146,4 +146,4 @@ class Opened:
             self.reader = _orva.Reader(source, *how, self.name.encode(errors="backslashreplace"))
         else:
             given = type(source).__name__
-            raise TypeError(f"rows come from a path, str or os.PathLike[str], or a binary file object, not {given}")
+            raise TypeError(f"expected a path (str or os.PathLike[str]) or a binary file object, not {given}")

@@ -22,7 +22,7 @@ def array_of(values: Any) -> Any:
         return np.asanyarray(values)
     names = list(values.columns)
     if not 0 < len(names) == len({name for name in names if isinstance(name, str)}):
-        raise ValueError(f"a frame needs columns of different names, each a str as columns.map(str) makes it, not {names[:9]}")
+        raise ValueError(f"column names must be unique strings, not {names[:9]}: frame.columns.map(str) makes them strings")
     return values.to_records(index=False)
 
 
@@ -31,10 +31,10 @@ def _rows_of(array: npt.ArrayLike) -> tuple[npt.NDArray[Any], np.dtype[Any]]:
     values: npt.NDArray[Any] = array_of(array)
     mask: Any = np.ma.getmask(values)  # type: ignore[no-untyped-call]
     if np.ascontiguousarray(mask).view(np.bool_).any():  # masks of fields too
-        raise ValueError("rows that are masked have no values that a file could hold: fill or leave them out")
+        raise ValueError("masked rows have no values to write: fill them or leave them out")
     values = np.asarray(values)
     if values.ndim == 0:
-        raise ValueError("an array of no axis has no rows")
+        raise ValueError("expected an array of at least one axis")
     row = _dtype.checked(values.dtype)
     return values, row if values.ndim == 1 else _dtype.checked((row, values.shape[1:]))
 
@@ -87,7 +87,7 @@ def append(path: PathLike, array: npt.ArrayLike, *, roll_back: bool = False) -> 
         if own is not None and own != row:
             raise ValueError(f'"{path_of(path)}" has rows of {own}, not of {row}')
         if writer.size % row.itemsize != 0:
-            raise ValueError(f'"{path_of(path)}" is not filled by rows of {row}: it has {writer.size} bytes of them')
+            raise ValueError(f'"{path_of(path)}" has {writer.size} bytes of rows, not a multiple of the {row.itemsize} of {row}')
         _write(writer, values, row)
     finally:
         writer.drop()

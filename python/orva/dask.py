@@ -162,7 +162,7 @@ def _kept(file: _File) -> Rows:
     rows, fs, name = _opened(fs, name, file.dtype)
     if not _is_still(file.seen, rows, fs, name):
         raise FileChangedError(
-            f'"{file.url}" has other rows than when its partitions were made: make them again by from_rows', file.url
+            f'"{file.url}" no longer has the rows that its partitions were made of: make them again with from_rows', file.url
         )
     return rows
 
@@ -218,17 +218,17 @@ def from_rows(
     an append. Tasks do not see rows that were added meanwhile.
     """
     if operator.index(partition_bytes) < 1:
-        raise ValueError("a partition has 1 byte or more")
+        raise ValueError("partition_bytes must be 1 or more")
     listed = [path_of(paths)] if isinstance(paths, (str, os.PathLike)) else paths_of(paths)
     if not listed:
-        raise ValueError("there is no file to read rows from")
+        raise ValueError("expected at least one path")
     parts: list[_Part] = []
     first: Rows | None = None
     number = 0
     for file, rows in _files(listed, dtype, storage_options or {}):
         first = first or rows
         if rows._row != first._row:
-            raise ValueError(f'"{file.url}" has rows of {rows._row}, and "{listed[0]}" of {first._row}')
+            raise ValueError(f'"{file.url}" has rows of {rows._row}, but "{listed[0]}" has rows of {first._row}')
         parts += _parts(file, rows, partition_bytes, number)
         number += len(rows)
     assert first is not None
@@ -265,7 +265,7 @@ def _write_part(values: Any, name: str, dtype: np.dtype[Any], within: tuple[int,
     rows = array_of(values)
     if rows.dtype != dtype or rows.shape[1:] != within:
         raise ValueError(
-            f"a partition has rows of {rows.dtype} and {rows.shape[1:]}, and its collection is of {dtype} and {within}"
+            f"a partition has rows of {rows.dtype} and shape {rows.shape[1:]}, but its collection has {dtype} and {within}"
         )
     beside = f"{name}.{uuid.uuid4().hex}"
     write(beside, rows)
@@ -278,7 +278,7 @@ def _pieces(collection: Any) -> tuple[list[Any], np.dtype[Any], tuple[int, ...]]
     if is_dask_collection(collection) and is_dataframe_like(collection):
         return collection.to_delayed(), array_of(collection._meta).dtype, ()
     if not hasattr(collection, "numblocks") or collection.ndim == 0:
-        raise TypeError(f"rows come from a dask array or dataframe, not from {type(collection).__name__}")
+        raise TypeError(f"expected a dask array of at least one axis or a dask dataframe, not {type(collection).__name__}")
     if any(count > 1 for count in collection.numblocks[1:]):
         collection = collection.rechunk({axis: -1 for axis in range(1, collection.ndim)})
     return collection.to_delayed().reshape(-1).tolist(), collection.dtype, collection.shape[1:]

@@ -24,7 +24,7 @@ _BUFFER = 1 << 16  # as much as engines read to find the end of a line; more mig
 def checked(found: bytes, size: int, path: str) -> bytes:
     """The bytes that a store gave for a range of `size` bytes; OSError if they are not as many."""
     if len(found) != size:
-        text = f"its store gave {len(found)} bytes of a range of {size}; simplecache:: copies whole files"
+        text = f"its store returned {len(found)} bytes for a range of {size}; use simplecache:: to copy whole files"
         raise OSError(f"{path}: {text}")
     return found
 
@@ -38,7 +38,7 @@ class _Ranges:
 
     def size(self) -> int:
         if self._length is None:
-            raise OSError(f"{self.name}: its file system does not tell its size")
+            raise OSError(f"{self.name}: its file system does not report its size")
         return int(self._length)
 
     def read_at(self, offset: int, to: memoryview) -> int:
@@ -96,7 +96,7 @@ class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
     ) -> None:
         super().__init__(**options)
         if not isinstance(fo, str):
-            raise ValueError("orva:: opens one file: for many name paths, and the target by storage options")
+            raise ValueError("orva:: opens one file: for several, use orva:// paths and set target_protocol in storage_options")
         self._target = fsspec.filesystem(target_protocol, **(target_options or {}))
         self._fo = self._target._strip_protocol(fo) if fo else ""
 
@@ -152,5 +152,5 @@ class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
 
     def _open(self, path: str, mode: str = "rb", **kwargs: Any) -> _Buffered:
         if mode != "rb":
-            raise io.UnsupportedOperation(f"orva:// only reads: it has no mode {mode!r}")
+            raise io.UnsupportedOperation(f"orva:// is read-only: mode must be 'rb', not {mode!r}")
         return _Buffered(File(source(self._target, self._path(path))))

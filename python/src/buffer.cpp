@@ -9,5 +9,5 @@ heldBuffer::heldBuffer(py::handle object, access wanted) {
     if (PyObject_GetBuffer(object.ptr(), &fView, writes ? PyBUF_WRITABLE : PyBUF_SIMPLE) == 0) return;
     PyErr_Clear();
     throw py::type_error(std::string(writes ? "a writable" : "a") +
-                         " bytes-like object in one piece is required, not '" + Py_TYPE(object.ptr())->tp_name + '\'');
+                         " contiguous bytes-like object is required, not '" + Py_TYPE(object.ptr())->tp_name + '\'');
 }

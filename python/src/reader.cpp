@@ -70,7 +70,7 @@ public:
             blockwise reads(reader, fBlocks, found);
             const auto length = static_cast<std::size_t>(size);
             for (const std::size_t i : order) {
-                if (wanted[i] < 0 || wanted[i] >= count) throw py::index_error("there is no such row");
+                if (wanted[i] < 0 || wanted[i] >= count) throw py::index_error("row number out of range");
                 reads.want(wanted[i] * size, buffer.bytes().subspan(i * length, length));
             }
             reads.finish();
@@ -101,7 +101,7 @@ private:
 
     std::size_t read(const orva::Reader& reader, i64 offset, orva::Bytes to,
                      const std::optional<py::list>& lost) const {
-        if (offset < 0) throw py::value_error("rows begin at offset 0");
+        if (offset < 0) throw py::value_error("the offset must be 0 or more");
         const orva::Bytes wanted =
             to.first(static_cast<std::size_t>(std::clamp<i64>(reader.size() - offset, 0, std::ssize(to))));
         if (!lost && wanted.size() <= kSmallRead) return gil::without([&] { return reader.read_at(offset, wanted); });

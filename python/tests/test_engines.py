@@ -148,7 +148,7 @@ def test_partitions_over_a_store(homes: dict[str, str], tmp_path: Path) -> None:
         assert orva.dask.from_rows(f"simplecache::{url}", "u1", storage_options=cached).compute().tobytes() == CSV
     assert READS == [None, None]
     for wrong in whole, ranged.replace("/csv0/", "/short/"), ranged.replace("/csv0/", "/ends/"):
-        pytest.raises(OSError, orva.dask.from_rows, wrong, "u1").match("bytes of a range.*simplecache::")
+        pytest.raises(OSError, orva.dask.from_rows, wrong, "u1").match("bytes for a range.*simplecache::")
     for no_rows in ranged.replace("/a.csv.", "/c."), f"buffered://{homes['buffered']}/c.orva":
         pytest.raises(orva.DamagedFileError, orva.dask.from_rows, no_rows).match('/c.orva": does not say')
 
@@ -189,7 +189,7 @@ def test_partitions_stay_as_they_were(tmp_path: Path, store: str, size: int, row
     assert max(len(pickle.dumps(task)) for task in dict(array.dask).values()) < 1_000
     change(path, by)
     MemoryFileSystem().put(path, path)
-    changed = pytest.raises(orva.FileChangedError, match=f'"{store}{path}" has other rows than when its partitions were made')
+    changed = pytest.raises(orva.FileChangedError, match=f'"{store}{path}" no longer has the rows that its partitions were made of')
     with contextlib.nullcontext() if same else changed:
         assert np.array_equal(array.compute(), rows)
 
