@@ -163,25 +163,6 @@ TEST_P(CompressedRead, ADamagedBlockOrAGapIsRefusedAndTheOthersStayReadable) {
     EXPECT_EQ(failureOf([&] { reader.read(1); }), failure);
 }
 
-TEST_P(CompressedRead, AnAppendBesideTheReaderIsNoDamage) {
-    const Reader reader(fName, GetParam(), kFar), other(fName, 0, kFar);
-    EXPECT_EQ(reader.readAt(row(0), 3'000), fBlocks[0]);
-    const Bytes added(50'000, 'y');
-    other->setSafeAppend(true);
-    resume(*other, row(5) + 100);
-    write(*other, added);
-    for (const bool finished : {false, true}) {
-        finished ? other->Close() : other->Flush();
-        EXPECT_THAT(
-            failureOf([&] { reader.readAt(row(5), 100); }),
-            AllOf(StartsWith("DamagedFileError"), HasSubstr("has changed since it was opened"), HasSubstr("block 5 ")));
-        EXPECT_EQ(reader.readAt(row(1), 1), fBlocks[1]);
-    }
-    reader->Close();
-    reader->readFilePosInfo(kFar, false);
-    EXPECT_TRUE(sameBytes(reader.read(100'000), joined(fBlocks) + added));
-}
-
 using Breaches = ShortBlocks;
 
 TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {

@@ -1,8 +1,7 @@
-// The two block codecs, with whole, damaged, cut and misused blocks; and the bytes of heading and index. modelTest.cpp
-// covers the other byte order, recovery/damageTest.cpp a false index.
+// The two block codecs, with whole, damaged, cut and misused blocks. The bytes of heading and index are those that
+// modelTest.cpp turns into the other byte order, and compressedTest.cpp and recovery/damageTest.cpp change by offset.
 #include "coreTest.h"
 #include "format/blockTransfer.h"
-#include "format/filePosInfo.h"
 #include "format/storedBytes.h"
 
 using namespace support;
@@ -93,24 +92,6 @@ TEST(Lz4Codec, CompressesByLevelAndReportsWhatDoesNotFit) {
         EXPECT_TRUE(unpack(size, 99'999) >= failed && unpack(size - 3, 100'000) >= failed);
     }
     EXPECT_TRUE(sizes[0] > sizes[1] && sizes[1] == sizes[2]);
-}
-
-TEST(Layout, HeadingAndIndexAreAsDocumented) {
-    filePosInfo index(kBlock);
-    EXPECT_EQ(index.writtenEnd(77), 77);
-    index.addRecord(4'191'208, 1'501'024, 4'190'208, 1'400'000);
-    std::uint32_t length = 0;
-    const bool big = std::endian::native == std::endian::big;
-    const unsigned char* serialized = index.serialize(length, big);
-    // The lowest byte of each field comes first.
-    EXPECT_EQ(Bytes(serialized, serialized + length),
-              Bytes({0x9C, 255,  255,  255, 255, 255, 255, 255, 0,    0,    0,    0, 0,    0,    0,    0,
-                     0,    0xF0, 0x3F, 0,   1,   0,   0,   0,   0xE8, 0xF3, 0x3F, 0, 0,    0,    0,    0,
-                     0x60, 0xE7, 0x16, 0,   0,   0,   0,   0,   0,    0xF0, 0x3F, 0, 0xC0, 0x5C, 0x15, 0}));
-    compressionHeading heading{1'000, 2'941'024, 96};
-    if (big) orva::swapHeading(heading);
-    EXPECT_EQ(bytesOf(heading),
-              Bytes({0xE8, 3, 0, 0, 0, 0, 0, 0, 0x60, 0xE0, 0x2C, 0, 0, 0, 0, 0, 96, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 // An index can be longer than a file transfers at a time.

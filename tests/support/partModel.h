@@ -117,8 +117,11 @@ struct PartModel {
         const std::int64_t from = any.between(row0, old.end);
         Bytes rows(anySize(any));
         stream.Seek(from, ORVA_StrBaseIO::SeekFromStart);
-        const bool unchanged = soundFor([&] { rows.resize(stream.Read(rows.data(), sizeOf(rows))); });
-        require(!unchanged || old.read(from, std::ssize(rows)) == rows,
+        const std::int64_t kept = old.blocks.empty() ? row0 : old.blocks.back().record.orginalPos;
+        const bool isKept = from + std::ssize(rows) <= kept;
+        const bool same = soundFor<FileChangedError>([&] { rows.resize(stream.Read(rows.data(), sizeOf(rows))); });
+        require(same || !isKept, "what an append does not write over stays readable");
+        require(!same || old.read(from, std::ssize(rows)) == rows,
                 "the old rows, or word that they are no longer there");
     }
 
