@@ -11,6 +11,8 @@
 #include <orva/inspect.h>
 #include <orva/zlibCompress.h>
 
+#include <cstring>
+
 namespace orva {
 
 namespace {
@@ -33,6 +35,9 @@ std::optional<foundPart> findPart(const std::string& name, std::int64_t from,
     std::optional<foundPart> best;
     window.find(from, window.fileSize(), kHeadingSize,
                 [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
+                    std::int64_t own = 0;  // a look at this alone passes over nearly every place
+                    std::memcpy(&own, bytes, sizeof own);
+                    if (own != place && swapBytes(own) != place) return false;
                     for (const bool swapped : {false, true}) {
                         const std::optional<compressionHeading> heading = headingOf(bytes, place, swapped);
                         if (!heading) continue;
