@@ -25,12 +25,12 @@ TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
     const auto refusal = [&](std::int64_t n, int m) {
         return failureOf([&] { stream->setBlockLength(n); }) + failureOf([&] { stream->setCompressionLevel(m); });
     };
-    const std::string length = "other the length of a block is 65536 to 4190208, ";
-    const std::string level = "other a compression level is 1 to " + std::to_string(kBestLevel) + ", ";
-    const std::string late = "and is chosen before the stream writes", above = std::to_string(kBestLevel + 1);
+    const std::string length = "other the block length must be 65536 to 4190208, ";
+    const std::string level = "other the compression level must be 1 to " + std::to_string(kBestLevel) + ", ";
+    const std::string late = "and be set before the stream writes", above = std::to_string(kBestLevel + 1);
     stream->setBlockLength(70'000);
-    EXPECT_EQ(refusal(65'535, 0), length + "not 65535" + level + "not 0");
-    EXPECT_EQ(refusal(kBlock + 1, kBestLevel + 1), length + "not 4190209" + level + "not " + above);
+    EXPECT_EQ(refusal(65'535, 0), length + "got 65535" + level + "got 0");
+    EXPECT_EQ(refusal(kBlock + 1, kBestLevel + 1), length + "got 4190209" + level + "got " + above);
     beginRows(*stream);
     EXPECT_EQ(refusal(kBlock, 2), length + late + level + late);
     if (GetParam() != 1) setThreading(*stream, kTwo);  // not too late: no thread exists yet

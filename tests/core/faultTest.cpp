@@ -251,7 +251,7 @@ TEST_F(AppendFaults, LeaveTheRowsOrSayWhatGetsThem) {
             undone += says("holds the rows that it held before") ? 1 : 0;
             if (failure.empty() || says("the append itself is complete") || says("\"rb\")")) {
                 EXPECT_TRUE(sameBytes(rowsOf(fName), append.newRows()));
-            } else if (says("'orva recover' gets them")) {
+            } else if (says("use 'orva recover'")) {
                 EXPECT_TRUE(s.fault.kind != Fault::Writes || readBytes(fName) != old) << "nothing had to be put back";
                 // A torn block that cannot be restored costs the rows of the block that it overwrote.
                 const bool torn = s.fault.afterAPart;

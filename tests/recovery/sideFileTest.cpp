@@ -142,10 +142,10 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
            {killed(fMore), owned(fSide, 4711, 4711)});
     expect("14 of another user who may write the data", "undone", old,
            {owned(fFile, 4711, 4712), appendedByWhoMay, owned(fFile, 4711, 4712), owned(fSide, 4713, 4712)});
-    expect("Bytes that no heading has are none that was torn", "neither whole nor what the append has left", {},
+    expect("Bytes that no heading has are none that was torn", "neither intact nor as the append left it", {},
            {killed(fMore), moved(fSide, kept), created(fFile, fOldBlocks), appended(fFile, fMore),
             overwritten(fFile, kRow0, Bytes(kHeadingSize, 0x77)), moved(kept, fSide)});
-    expect("Bytes that the append has not written", "neither whole nor what the append has found", {},
+    expect("Bytes that the append has not written", "neither intact nor as the append found it", {},
            {killed(fMore), overwritten(fFile, kRow0 + 30, Bytes{1})});
     expect("With a longer side file than any append makes", "neither is the side file", {},
            {killed(fMore), [&] { writeBytes(fSide, readBytes(fSide) + Bytes(1 << 20)); }});

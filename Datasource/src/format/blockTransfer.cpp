@@ -190,7 +190,7 @@ std::uint32_t inflateBlock(const readRoad& road, const blockPlace& block, unsign
     if (outcome.produced == 0) refuse(road, block, "ret!= 0", "does not inflate");
     if (outcome.produced != size) {
         refuse(road, block, "0: outCount == bInfo.orginalSize",
-               "inflates to " + std::to_string(outcome.produced) + " bytes only");
+               "inflates to only " + std::to_string(outcome.produced) + " bytes");
     }
     if (outcome.end != blockOutcome::complete || outcome.consumed != deflated) {
         refuse(road, block, "0: Z_STREAM_END at the last byte", "fails its checksum or does not end where it should");

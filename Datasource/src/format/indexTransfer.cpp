@@ -35,8 +35,7 @@ void checkPlaces(bytesFrom file, const compressionHeading& heading, std::int64_t
     const char* breach = breachOf(heading);
     if (breach == nullptr && heading._indexPos > fileSize - heading._size) breach = kIndexFits;
     if (breach == nullptr) return;
-    refuse(file, breach,
-           indexSpan(heading) + " cannot stand there in a file of " + std::to_string(fileSize) + " bytes");
+    refuse(file, breach, indexSpan(heading) + " does not fit into a file of " + std::to_string(fileSize) + " bytes");
 }
 
 void checkCount(bytesFrom file, const compressionHeading& heading, const filePosRecord& first) {
@@ -106,7 +105,7 @@ compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, 
     if (heading._caseStartPos != row0Pos) {
         refuse(file, positionCheck,
                "there is no heading " + place +
-                   ": the file was not finished, the position is wrong, or the byte order is the other one");
+                   ": the file is unfinished, the position is wrong, or the byte order is the other one");
     }
     return heading;
 }
@@ -205,7 +204,7 @@ void checkContiguous(bytesFrom file, const compressionHeading& heading, std::spa
         refuse(file, "_indexPos behind the last block", indexSpan(heading) + " overlaps the blocks");
     if (!gap) return;
     refuse(file, "blocks follow each other without gaps",
-           "block " + std::to_string(*gap) + " does not stand right behind the one before");
+           "block " + std::to_string(*gap) + " does not directly follow the one before");
 }
 
 }  // namespace orva

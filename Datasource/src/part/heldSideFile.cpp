@@ -104,8 +104,8 @@ bool heldSideFile::isTrusted() const {
 void heldSideFile::requireTrusted() const {
     if (isTrusted()) return;
     throwFileError(EPERM, kReadFailed, fName,
-                   "somebody who may not write \"" + fDataName +
-                       "\" may have made it: remove it, or give it to the owner of that file if it is no forgery");
+                   "it may have been made by a user who cannot write \"" + fDataName +
+                       "\": remove it, or give it to the owner of that file if it is genuine");
 }
 
 fileBytes heldSideFile::read(std::int64_t longest) const {
@@ -127,10 +127,9 @@ void heldSideFile::remove() {
 }
 
 void heldSideFile::refuseForeign() const {
-    throw DamagedFileError(fName, "mark of a side file",
-                           "no append has made it; it was left alone, and has to be moved away before rows can be "
-                           "added to \"" +
-                               fDataName + '"');
+    throw DamagedFileError(
+        fName, "mark of a side file",
+        "no append has made it, so it was left unchanged: move it away before adding rows to \"" + fDataName + '"');
 }
 
 }  // namespace orva

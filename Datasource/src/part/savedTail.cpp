@@ -22,8 +22,9 @@ constexpr const char* kAsBefore = "the file holds the rows that it held before";
 constexpr const char* kSideFileLeft =
     "the file holds the rows that it held before; remove its side file with 'orva recover --roll-back'";
 constexpr const char* kRollBack =
-    "the file could not be made what it was: 'orva recover --roll-back' gets the rows that it held before";
-constexpr const char* kRecover = "the rows that the file held before could not be put back: 'orva recover' gets them";
+    "the file could not be restored: run 'orva recover --roll-back' to get back the rows that it held before";
+constexpr const char* kRecover =
+    "the rows that the file held before could not be restored: use 'orva recover' to save them";
 
 // A failure with the outcome behind its text. It asks for no memory: that may be what there is none of.
 template <class Error>
@@ -116,14 +117,15 @@ void savedTail::commit() {
         fSide.remove();
     } catch (const FileError& error) {
         throw error.withOutcome(
-            "the append itself is complete: remove this file, or have it done by 'orva recover --roll-back'");
+            "the append itself is complete: remove this file, or let 'orva recover --roll-back' do it");
     }
 }
 
 void refuseSideFile(const std::string& dataName) {
     if (!hasSideFile(dataName)) return;
-    throwFileError(EEXIST, kWriteFailed, sideFileName(dataName),
-                   "an append to \"" + dataName + "\" was interrupted and has to be rolled back first");
+    throwFileError(
+        EEXIST, kWriteFailed, sideFileName(dataName),
+        "an append to \"" + dataName + "\" was interrupted: roll it back first with 'orva recover --roll-back'");
 }
 
 void dropSideFile(ORVA_File& file) {

@@ -114,18 +114,18 @@ void zcmpsFilestr::setThreadCount(std::int32_t threads) {
 // A choice cannot change while the stream writes.
 void zcmpsFilestr::requireChoice(const char* what, std::int64_t given, std::int64_t least, std::int64_t most) const {
     if (!bIsWriting && given >= least && given <= most) return;
-    const std::string range = std::string(what) + " is " + std::to_string(least) + " to " + std::to_string(most);
+    const std::string range = std::string(what) + " must be " + std::to_string(least) + " to " + std::to_string(most);
     throw std::invalid_argument(
-        range + (bIsWriting ? ", and is chosen before the stream writes" : ", not " + std::to_string(given)));
+        range + (bIsWriting ? ", and be set before the stream writes" : ", got " + std::to_string(given)));
 }
 
 void zcmpsFilestr::setBlockLength(std::int64_t bytes) {
-    requireChoice("the length of a block", bytes, kShortestBlockLength, kBlockSize);
+    requireChoice("the block length", bytes, kShortestBlockLength, kBlockSize);
     fData->fChosen.blockLength = static_cast<std::uint32_t>(bytes);
 }
 
 void zcmpsFilestr::setCompressionLevel(std::int32_t level) {
-    requireChoice("a compression level", level, zlibCompressBlock::kFastestLevel, bestCompressionLevel());
+    requireChoice("the compression level", level, zlibCompressBlock::kFastestLevel, bestCompressionLevel());
     fData->fChosen.level = level;
 }
 
@@ -172,7 +172,7 @@ void zcmpsFilestr::refuseWithWorker() const {
 // Blocks and heading begin at any offset, but the cipher's data only at multiples of 16.
 void zcmpsFilestr::refuseEncrypted(long code) {
     if (!fData->pRealFile.IsEncrypted()) return;
-    orva::throwFileError(ENOTSUP, code, Name(), "compressed rows cannot stand in an enciphered file");
+    orva::throwFileError(ENOTSUP, code, Name(), "an encrypted file cannot hold compressed rows");
 }
 
 // Closes the descriptor through which the dictionary part was written or read first, so that a stream that shares the

@@ -22,10 +22,10 @@ constexpr std::int64_t kCopyAtOnce = 1 << 26;  // so that progress is told
 // were.
 void refuseInterrupted(const std::string& name) {
     if (!hasSideFile(name)) return;
-    throw FileChangedError(
-        DamagedFileError(name, "no side file",
-                         "an append to it is at work or was interrupted: wait for it, or undo it by 'orva recover "
-                         "--roll-back'"));
+    throw FileChangedError(DamagedFileError(
+        name, "no side file",
+        "an append to it is at work or was interrupted: wait until it has ended, or undo it with 'orva "
+        "recover --roll-back'"));
 }
 
 class joiner {
@@ -51,15 +51,14 @@ private:
                                             "\" have different byte orders");
             }
             if (platform::sameFile(input.name.c_str(), output.c_str())) {
-                throwFileError(EINVAL, kWriteFailed, output,
-                               "joined rows go to another file than the ones that they come from");
+                throwFileError(EINVAL, kWriteFailed, output, "the output must not be one of the files to join");
             }
             refuseInterrupted(input.name);
             finishedPart part(input.name, input.part);
             part.verifyIndex();
             blocks += part.blockCount();
         }
-        if (blocks > kMostRecords) throw std::length_error("more blocks than an index takes");
+        if (blocks > kMostRecords) throw std::length_error("too many blocks for one index");
     }
 
     bool copiesDictionary() const { return fOptions.row0Pos == 0; }
@@ -93,7 +92,7 @@ private:
             const std::int64_t count = fOutput.CopyFrom(from, at, wanted, place);
             if (count < wanted) {
                 const std::string& name = from.GetNameStr().GetGeneric();
-                throw FileChangedError(DamagedFileError(name, "ret == size", "it has become shorter"));
+                throw FileChangedError(DamagedFileError(name, "ret == size", "it became shorter"));
             }
             at += count;
             place += count;
@@ -108,8 +107,7 @@ private:
         ORVA_File now;
         openOrThrow(now, input.name, "rb", kReadFailed);
         if (!part.isChangedIn(now)) return;
-        throw FileChangedError(
-            DamagedFileError(input.name, "heading and index as before", "its index is another one by now"));
+        throw FileChangedError(DamagedFileError(input.name, "heading and index as before", "its index has changed"));
     }
 
     void finish() {

@@ -86,7 +86,7 @@ recoverReport recover(const std::string& name, const std::string& output, const 
                                                      : "no block of compressed rows can be found in it");
     }
     if (platform::sameFile(name.c_str(), output.c_str())) {
-        throwFileError(EINVAL, kWriteFailed, output, "recovered rows go to another file than the damaged one");
+        throwFileError(EINVAL, kWriteFailed, output, "the output must not be the file to recover");
     }
     ORVA_File file;
     openOrThrow(file, output, "w+b", kWriteFailed);

@@ -47,13 +47,13 @@ private:
         // Every block that the append can have touched, and the one before them.
         if (index && (!isSaved || tailInflates(*index, kept.untouchedEnd))) return rollBackResult::sideFileStale;
         if (untouchedSum(fFile, kept.row0Pos, kept.untouchedEnd) != kept.untouchedSum)
-            refuse("neither whole nor what the append has found");
+            refuse("neither intact nor as the append found it");
         if (isSaved) {
             restoreTail(fFile, kept, true);
             return rollBackResult::rolledBack;
         }
         if (!mayBeTorn(heading, kept.row0Pos) || !completeHeading(kept))
-            refuse("neither whole nor what the append has left");
+            refuse("neither intact nor as the append left it");
         return rollBackResult::completed;
     }
 
@@ -65,7 +65,7 @@ private:
             if (index && (index->records.empty() || tailInflates(*index, index->records.back().translatePos + 1)))
                 return rollBackResult::sideFileStale;
         }
-        refuse("not whole, and neither is the side file");
+        refuse("not intact, and neither is the side file");
     }
 
     // Every block that ends there or behind it.
@@ -103,8 +103,8 @@ private:
 
     [[noreturn]] void refuse(const std::string& why) const {
         throw DamagedFileError(fSide.name(), "a state that an append leaves",
-                               "\"" + fName + "\" is " + why + "; nothing was changed: 'orva recover " +
-                                   shellWord(fName) + " -o OUT' gets what it holds");
+                               "\"" + fName + "\" is " + why + "; nothing was changed: run 'orva recover " +
+                                   shellWord(fName) + " -o OUT' to save the rows that it holds");
     }
 
     const std::string fName;
