@@ -20,7 +20,7 @@ pair parsePair(const std::string& text, const std::string& form) {
         const auto second = number(whole.substr(colon + 1));
         if (first && (second || colon + 1 == whole.size())) return {*first, second};
     }
-    usageError(form + " with numbers from 0, got \"" + shownName(text) + '"');
+    usageError(form + " (numbers from 0), got \"" + shownName(text) + '"');
 }
 
 // The N in "-N" followed by `ending`.

@@ -62,7 +62,7 @@ private:
 
     std::int64_t searched() const {
         if (const auto part = partFrom(1)) return part->row0Pos;
-        if (fLength == 0) refuse("is empty: check that it is the right file");
+        if (fLength == 0) refuse("file is empty: check that it is the right one");
         refuse(
             "has no finished compressed part: check that it is the right file and that its writer has finished, or "
             "specify row0");

@@ -151,7 +151,7 @@ bool pendingFile::hasToReplace() const {
     if (!fs::exists(status) || (bReplace && isFile)) return isFile;
     const int error = isFile ? EEXIST : fs::is_directory(status) ? EISDIR : EINVAL;
     const char* const what = isFile ? "already exists: choose another name, or allow it to be replaced"
-                                    : "is not a regular file, so it cannot be replaced: choose another name";
+                                    : "not a regular file, so it cannot be replaced: choose another name";
     throw SystemError(std::error_code(error, std::generic_category()), what, fPath, true);
 }
 
