@@ -19,6 +19,7 @@ PYBIND11_MODULE(_orva, module) {
 }
 #undef PyInit__orva
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): Python chooses this name.
 extern "C" PYBIND11_EXPORT PyObject* PyInit__orva() {
     if (PyInterpreterState_Get() == PyInterpreterState_Main()) return PyInit__orva_in_main();
     PyErr_SetString(PyExc_ImportError,
