@@ -29,19 +29,19 @@ std::string sideFileName(const std::string& dataName) {
 bool hasSideFile(const std::string& dataName) {
     const std::string name = sideFileName(dataName);
     if (platform::isNameTaken(name.c_str())) return true;
-    // A name too long is one that no side file can have.
+    // No side file can have a name that is too long.
     if (errno != ENOENT && errno != ENOTDIR && errno != ENAMETOOLONG) throwFileError(errno, kReadFailed, name);
     return false;
 }
 
-// Group and directory together prove membership: nobody gives a file to a group that he is not in, but a directory with
-// set-group-id does, and in one that all may write to, anybody's file can be put under the name.
+// Group and directory together prove membership. Users cannot give a file to a group that they are not in, but a
+// directory with the set-group-ID bit does, and in one that all may write to, anybody's file can get the name.
 bool canBeTrusted(const platform::fileAccess& side, const platform::fileAccess& data,
                   const platform::fileAccess& directory, std::uint32_t caller) {
     using namespace platform;
     const bool groupWrites = (data.mode & kGroupWrite) != 0 && side.group == data.group;
     const bool othersWrite = (data.mode & kOthersWrite) != 0;
-    if (!side.regular || side.links > 1) return false;  // some file systems tell 0 of every file
+    if (!side.regular || side.links > 1) return false;  // some file systems report 0 for every file
     if ((side.mode & kOthersWrite) != 0 && !othersWrite) return false;
     if ((side.mode & kGroupWrite) != 0 && !groupWrites && !othersWrite) return false;
     const bool provesGroup = (directory.mode & (kSetGroup | kOthersWrite)) == 0;
@@ -72,7 +72,7 @@ void heldSideFile::fill(const fileBytes& bytes) {
     const auto write = [&](const unsigned char* from, std::uint32_t piece, std::int64_t place) {
         return static_cast<std::uint32_t>(platform::writeAt(fDescriptor, from, piece, place));
     };
-    platform::setErrno(0);  // whose access could not be given tells nothing of a write
+    platform::setErrno(0);  // failing to give access says nothing about the write
     if (!inPieces(bytes.data(), bytes.size(), 0, write) || platform::syncData(fDescriptor) != 0)
         throwFileError(errno, kWriteFailed, fName);
 }
@@ -117,7 +117,7 @@ fileBytes heldSideFile::read(std::int64_t longest) const {
         if (count == -1) throwFileError(errno, kReadFailed, fName);
         return static_cast<std::uint32_t>(count);
     };
-    if (!inPieces(bytes.data(), bytes.size(), 0, readAt)) bytes.clear();  // it is being cut
+    if (!inPieces(bytes.data(), bytes.size(), 0, readAt)) bytes.clear();  // it has become shorter
     return bytes;
 }
 

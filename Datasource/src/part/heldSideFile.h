@@ -1,10 +1,10 @@
-// heldSideFile: the side file of an append in its directory, held open so that no other file is taken for it. Made
-// beside nobody's will: exclusively, for those who may read and write the data file; believed only where nobody else
-// can have made it; removed only while the name still leads to it.
+// heldSideFile: the side file of an append, held open so that no other file is taken for it. It is created exclusively,
+// with access for those who may read and write the data file; trusted only if nobody else can have made it; and removed
+// only while its name still leads to it.
 //
-// Owner:   its descriptor, which a forked child just closes.
+// Owner:   owns its descriptor; the destructor only closes it, also in a forked child.
 // Threads: one at a time.
-// Failure: FileError with the side file's name; DamagedFileError for what is no side file.
+// Failure: FileError with the side file's name; DamagedFileError for a file that is no side file.
 #pragma once
 
 #include <cstdint>
@@ -27,19 +27,19 @@ public:
     ~heldSideFile();
 
     const std::string& name() const { return fName; }
-    // Makes it, whole and durable. EEXIST if the name is taken. Leaves nothing behind where it fails.
+    // Creates it with this content, durably. EEXIST if the name is taken. Leaves no file behind on failure.
     void make(const fileBytes& bytes);
-    // False if the name is free. What cannot be a side file by its kind is damage.
+    // False if there is none. DamagedFileError for anything but a regular file.
     bool open();
-    // False for one that somebody may have made who may not write the data file.
+    // False if a user who may not write the data file may have made it.
     bool isTrusted() const;
-    // EPERM for such a one.
+    // Throws FileError with EPERM unless it is trusted.
     void requireTrusted() const;
-    // All of it, or its first `longest` bytes.
+    // All of it, but at most its first `longest` bytes; empty if it shrinks meanwhile.
     fileBytes read(std::int64_t longest) const;
-    // Durably.
+    // Removes it durably, unless its name leads to another file by now.
     void remove();
-    // Says that it is no side file, and that it stays.
+    // Throws DamagedFileError: the file is no side file, and is left alone.
     [[noreturn]] void refuseForeign() const;
 
 private:
@@ -50,11 +50,12 @@ private:
     int fDescriptor = -1;
 };
 
-// Something stands under the name of the side file. Looking takes no descriptor, of which none may be left. FileError
-// where the system cannot tell.
+// True if anything has the name of the side file. Uses no descriptor, since none may be left. FileError if the system
+// cannot tell.
 bool hasSideFile(const std::string& dataName);
 
-// Whether a side file that `side` tells of is one that those made who may write the data file, root, or the caller.
+// True if only root, the caller, or users who may write the data file can have made or written the side file, which has
+// the access `side` and is in the directory of the access `directory`.
 bool canBeTrusted(const platform::fileAccess& side, const platform::fileAccess& data,
                   const platform::fileAccess& directory, std::uint32_t caller);
 

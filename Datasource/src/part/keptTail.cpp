@@ -24,7 +24,7 @@ std::int64_t checksum(const void* bytes, std::size_t size) {
     return static_cast<std::int64_t>(crc32_z(0, static_cast<const unsigned char*>(bytes), size));
 }
 
-// The data file as it was before the append, of which the index is kept; it is read from its first record on.
+// The data file as it was before the append, of which only the index is kept. The first read is that of the index.
 class keptIndex final : public storedBytes {
 public:
     keptIndex(std::span<const unsigned char> bytes, std::int64_t fileSize) : fBytes(bytes), fFileSize(fileSize) {}
@@ -45,7 +45,7 @@ private:
     mutable std::int64_t fBegin = 0;  // where the index stood
 };
 
-// Asks for no memory, which may be what there is none of.
+// Allocates nothing: memory may be what has run out.
 bool standThere(bytesFrom file, std::span<const unsigned char> bytes, std::int64_t place) {
     std::array<unsigned char, 4096> found;
     for (; !bytes.empty(); place += std::ssize(found)) {
@@ -102,7 +102,7 @@ fileBytes serialize(const keptTail& tail) {
     return bytes;
 }
 
-// A loss of power may have cost it its first bytes and left others: then zeros stand in the place of the mark.
+// A loss of power may lose the first bytes and keep later ones: then zeros stand in place of the mark.
 bool isForeign(const fileBytes& sideFile) {
     const auto begins = [&](std::int64_t mark) {
         return std::memcmp(sideFile.data(), &mark, std::min(sideFile.size(), sizeof mark)) == 0;
@@ -110,7 +110,7 @@ bool isForeign(const fileBytes& sideFile) {
     return !sideFile.empty() && !begins(kSideFileMark) && !begins(swapBytes(kSideFileMark)) && !begins(0);
 }
 
-// Behind the head stand the index and then the block, and a checksum of all at the end.
+// After the head come the index, the block, and a checksum of all before it.
 std::optional<keptTail> parse(const fileBytes& sideFile) {
     keptTail tail;
     std::int64_t sum = 0;
@@ -140,7 +140,7 @@ std::optional<keptTail> parse(const fileBytes& sideFile) {
 std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data) {
     try {
         if (side.open() && side.isTrusted()) return parse(side.read(data.length() + kSideFileOverhead));
-    } catch (const DamagedFileError&) {  // NOLINT(bugprone-empty-catch): it is none of an append
+    } catch (const DamagedFileError&) {  // NOLINT(bugprone-empty-catch): no append has made it
     }
     return {};
 }

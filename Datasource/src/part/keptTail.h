@@ -1,9 +1,9 @@
-// What an append overwrites, as bytes: put back into the file, and written to and read from the side file, whose layout
-// is in docs/recovery.md.
+// keptTail: a copy of the bytes that an append overwrites. Restores them in the file, and converts them to and from the
+// content of the side file. Layout: docs/recovery.md, "The side file".
 //
 // Units:   file offsets, in bytes.
 // Threads: no state.
-// Failure: FileError from the disk; DamagedFileError for a file that ends too early.
+// Failure: FileError from the disk.
 #pragma once
 
 #include "format/indexTransfer.h"
@@ -19,47 +19,50 @@
 
 namespace orva {
 
-// The side file begins with it, in the byte order of the machine that appends. Each reads the other's.
+// The first bytes of a side file, in the byte order of the machine that appends. Machines of both orders can read it.
 struct sideFileHead {
     std::int64_t mark = 0x3250504156524f2e;  // ".ORVAPP2" on disk, or "2PPAVRO."
     std::int64_t row0Pos = 0;
-    std::int64_t fileSize = 0;      // of the file before the append
-    std::int64_t untouchedEnd = 0;  // the append overwrites nothing before this but the heading
-    std::int64_t untouchedSum = 0;  // of the last bytes before it
+    std::int64_t fileSize = 0;      // of the data file before the append
+    std::int64_t untouchedEnd = 0;  // before this offset the append overwrites only the heading
+    std::int64_t untouchedSum = 0;  // checksum of the last bytes before untouchedEnd
     rawHeading heading{};
 };
 
 struct keptTail : sideFileHead {
-    std::int64_t indexPos = 0;  // as the heading tells
+    std::int64_t indexPos = 0;  // from the heading
     fileBytes index;
-    fileBytes block;  // at untouchedEnd; none if the append rewrites none
+    fileBytes block;  // the old last block, at untouchedEnd; empty if the append does not rewrite it
 };
 
-// The `size` bytes at `place`; none if the file ends before.
+// The `size` bytes at `place`; empty if the file ends before their end.
 fileBytes bytesAt(bytesFrom file, std::int64_t place, std::int64_t size);
 
-// The checksum of up to 4,096 bytes before `untouchedEnd`, none of them before the blocks; nothing if the file ends
-// before.
+// The checksum of the last bytes before `untouchedEnd`, at most 4,096 and none before the blocks; nothing if the file
+// ends before `untouchedEnd`.
 std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, std::int64_t untouchedEnd);
 
-// Writes the bytes. Where that fails and they stand there it is well: a full file system may have no room for what is
-// written over.
+// Writes `kept` at `place`. Ignores a failed write if these bytes stand there already: a full file system may have no
+// room even to overwrite.
 void putBack(ORVA_File& file, std::span<const unsigned char> kept, std::int64_t place);
 
-// Makes the file what it was, but for the heading. `durable`: each step before the next one.
+// Restores length, last block and index, but not the heading. `durable`: the block is synced before the index is
+// written, and the index before the return.
 void restoreTail(ORVA_File& file, const keptTail& tail, bool durable);
 
+// The content of the side file.
 fileBytes serialize(const keptTail& tail);
-// A side file is longer than the file before the append by no more than this.
+// A side file is at most this much longer than the data file was before the append.
 inline constexpr std::int64_t kSideFileOverhead = 4096;
 
-// A side file that no append has begun.
+// True if no append can have made a side file of this content.
 bool isForeign(const fileBytes& sideFile);
-// Nothing for one that was cut short, or changed since. Believes no place: all of them follow from the saved heading
-// and index, or the file is not whole.
+// Nothing for a side file that was cut short or changed since. Trusts no offset in it: each must agree with the saved
+// heading and index.
 std::optional<keptTail> parse(const fileBytes& sideFile);
 
-// What the side file of `data` keeps, if there is one that can be believed; `side` holds it open then.
+// The content of `side`, the side file of `data`, which is then open; nothing if there is none that is trusted and
+// intact.
 std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data);
 
 }  // namespace orva

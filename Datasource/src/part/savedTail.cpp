@@ -26,7 +26,7 @@ constexpr const char* kRollBack =
 constexpr const char* kRecover =
     "the rows that the file held before could not be restored: use 'orva recover' to save them";
 
-// A failure with the outcome behind its text. It asks for no memory: that may be what there is none of.
+// A failure with the outcome appended to its text. Allocates nothing: memory may be what has run out.
 template <class Error>
 class withText : public Error {
 public:
@@ -39,14 +39,14 @@ private:
     char fText[256];
 };
 
-// The failure with the outcome in its text; null for one that cannot say more than it does.
+// The failure with the outcome in its text; null if there is none, or its type takes no text.
 std::exception_ptr withOutcome(const std::exception_ptr& failure, const char* outcome) {
     if (failure == nullptr) return nullptr;
     try {
         std::rethrow_exception(failure);
     } catch (const FileError& error) {
         return std::make_exception_ptr(error.withOutcome(outcome));
-    } catch (const std::system_error& error) {  // of a thread that could not be started
+    } catch (const std::system_error& error) {  // a thread could not be started
         return std::make_exception_ptr(withText(error, outcome));
     } catch (const std::bad_alloc& error) {
         return std::make_exception_ptr(withText(error, outcome));
@@ -100,7 +100,7 @@ std::exception_ptr savedTail::undo(const std::exception_ptr& failure) {
     return failure != nullptr ? failure : otherwise;
 }
 
-// The heading first: from there on the file says by itself that it has to become what it was.
+// The heading first: with it in place, a roll-back can finish what is interrupted here.
 void savedTail::putBack(const char*& outcome) {
     orva::putBack(fFile, fKept.heading, fKept.row0Pos);
     if (bSafe) fFile.Sync();

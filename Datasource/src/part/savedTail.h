@@ -1,12 +1,11 @@
-// savedTail: what one append overwrites, from before its first write until its new heading is durable. A failure that
-// the process lives to see is undone from here; a crash by the side file, if the append is safe.
+// savedTail: keeps a copy of what one append overwrites, from before its first write until its new heading is durable.
+// If the append fails while its process lives, undo restores the file from this copy. After a crash, a roll-back
+// restores it from the side file, if the append was safe.
 //
 // Units:   file offsets, in bytes.
-// Owner:   the writer that appends. Holds copies of the old tail; the file outlives it, or is at least left alone after
-//          undo or commit.
+// Owner:   the writer that appends. The file must live until undo or commit returns.
 // Threads: none of its own; nobody writes to the file while an operation runs.
-// Failure: FileError from either file; DamagedFileError for a file that ends before its index does. undo throws
-// nothing.
+// Failure: FileError from either file; DamagedFileError if the file ends before its index does. undo throws nothing.
 #pragma once
 
 #include "part/heldSideFile.h"
@@ -20,28 +19,27 @@
 
 namespace orva {
 
-// What an append is about to do to a finished part.
+// How an append is going to change a finished part.
 struct tailPlan {
     std::int64_t untouchedEnd;     // where the first new block goes
-    std::uint32_t rewrittenBlock;  // bytes of the old last block that stands there and is written anew, or 0
+    std::uint32_t rewrittenBlock;  // length of the old last block there, which is rewritten; 0 if none is
     compressionHeading heading;    // the old one, in host order
-    bool cutsRows;                 // rows of the old last block are dropped
+    bool cutsRows;                 // the append drops rows of the old last block
 };
 
 class savedTail {
 public:
-    // Reads what will be overwritten. `safe`: the side file is durable on return, and where rows are cut the old index
-    // has lost its mark, so that it never vouches for a block that was rewritten. Throws with the file as it was.
+    // Reads what will be overwritten. `safe`: then makes the side file durable and, if the append cuts rows, erases the
+    // mark of the old index, so that it never vouches for a rewritten block; a failure undoes both before it is thrown.
     savedTail(ORVA_File& file, const tailPlan& plan, bool safe);
     savedTail(const savedTail&) = delete;
     savedTail& operator=(const savedTail&) = delete;
 
     bool isSafe() const { return bSafe; }
-    // Makes the file what it was, the heading first, and removes the side file. Gives `failure` with the outcome in its
-    // text, or where that could not be done and there was none, why; null for a null failure and a success. Once, and
-    // nothing after it.
+    // Restores the file, the heading first, and removes the side file. Returns `failure` with the outcome in its text;
+    // if that is null, the error that kept it from restoring the file, or null. Call it once, and nothing after it.
     std::exception_ptr undo(const std::exception_ptr& failure);
-    // The new heading of a safe append is durable: the side file goes. Once, and nothing after it.
+    // Removes the side file once the new heading of a safe append is durable. Call it once, and nothing after it.
     void commit();
 
 private:
@@ -53,11 +51,12 @@ private:
     heldSideFile fSide;  // closed unless the append is safe
 };
 
-// EEXIST if there is a side file, whatever it is: an append was interrupted, and its roll-back comes first.
+// Throws FileError with EEXIST if there is a side file, whatever its content: an append was interrupted, and must be
+// rolled back first.
 void refuseSideFile(const std::string& dataName);
 
-// For a new part that begins in `file`: removes its side file, durably, if that would bring rows back over it, which is
-// while the saved heading stands in the file. Every other one is left alone.
+// To be called before a new part is written to `file`. Removes its side file, durably, if the saved heading is still in
+// the file: a roll-back would restore the old rows over the new ones. Leaves any other side file alone.
 void dropSideFile(ORVA_File& file);
 
 }  // namespace orva

@@ -9,7 +9,8 @@
 
 namespace orva {
 
-// The side file in which a safe append of `name` keeps what it overwrites: beside the file that the name leads to.
+// The name of the side file in which a safe append to `name` keeps what it overwrites. It is in the directory of the
+// file that `name` leads to, even through links.
 ORVA_API std::string sideFileName(const std::string& name);
 
 }  // namespace orva
