@@ -1,5 +1,5 @@
-// fileWindow: a piece of a file in memory, which moves along with whoever looks through the file for something. Holes
-// are passed over, since nothing that is looked for begins in one.
+// fileWindow: searches a file through a piece of it in memory, which moves along with the search. It skips holes, since
+// nothing that is searched for begins in one.
 //
 // Owner:   the caller owns the file.
 // Failure: FileError from the disk.
@@ -20,8 +20,8 @@ namespace orva {
 
 class fileWindow {
 public:
-    // Called with each place that it moves to, the bytes passed over in a hole before it, and those read there. What it
-    // throws comes out of find().
+    // Called with each offset that the window moves to, the number of bytes of the hole skipped before it, and the
+    // number read there. find() passes its exceptions on.
     using observer = std::function<void(std::int64_t place, std::int64_t passed, std::int64_t read)>;
 
     explicit fileWindow(ORVA_File& file, observer moved)
@@ -29,8 +29,8 @@ public:
 
     std::int64_t fileSize() const { return fFileSize; }
 
-    // The first place from `from` on, where `size` bytes end at `end` at the latest, that `isIt(place, bytes, count)`
-    // takes. It is shown the bytes from there to the window's end, `size` or more.
+    // The first offset from `from` on that `isIt(place, bytes, count)` accepts. `bytes` are the `count` bytes there, at
+    // least `size`, up to the end of the window, and none from `end` on.
     template <class Test>
     std::optional<std::int64_t> find(std::int64_t from, std::int64_t end, std::uint32_t size, Test isIt) {
         for (std::int64_t at = from; at <= std::min(end, fFileSize) - size;) {
@@ -47,14 +47,14 @@ public:
     }
 
 private:
-    // No disk holds more, and no sum of two places passes the 64-bit range then.
+    // No disk holds more, and the sum of two offsets below it fits in 64 bits.
     static constexpr std::int64_t kFarthest = std::int64_t{1} << 61;
-    // Not more, since each page between two holes costs one.
+    // Not larger, since each stored page between two holes costs the read of a whole window.
     static constexpr std::uint32_t kSize = 1U << 18;
 
     bool holds(std::int64_t at, std::uint32_t size) const { return at >= fAt && at + size <= fAt + fCount; }
 
-    // What is looked for may have zeros in front, so `size` - 1 bytes before the next ones that are stored count too.
+    // A match may begin with zeros, so the window begins `size` - 1 bytes before the next stored byte.
     std::int64_t moveTo(std::int64_t at, std::uint32_t size) {
         const std::int64_t next = std::min(fFile.nextStored(at), fFileSize);
         fAt = std::max(at, next - size + 1);

@@ -9,7 +9,7 @@ namespace orva {
 
 namespace {
 
-constexpr std::size_t kWitnesses = 4;  // behind the gap; more are not asked
+constexpr std::size_t kWitnesses = 4;  // records behind a gap that are asked at most
 
 struct gapSizes {
     using iterator = surveySegments::const_iterator;
@@ -19,8 +19,8 @@ struct gapSizes {
         pos += segment.size;
     }
 
-    // Each witness tells where the gap ends. The first end that two of them tell is sure, else the first one is a
-    // guess.
+    // Each witness tells an end of the gap. The first end that two of them tell is exact; without one, the first end is
+    // taken as a guess.
     void takeGap(iterator gap) {
         const std::span<const filePosRecord> records = recordsOf(gap);
         std::int64_t byRecords = pos;
@@ -40,7 +40,7 @@ struct gapSizes {
         }
     }
 
-    // Of the lost blocks; none when they are not known or cannot be true.
+    // The records of the lost blocks; none if they are unknown or one is impossible.
     std::span<const filePosRecord> recordsOf(iterator gap) const {
         const bool isLast = gap + 1 == segments.end();
         const std::size_t begin = gap->number.value_or(index.size());
@@ -50,8 +50,8 @@ struct gapSizes {
         return std::ranges::all_of(records, isBlockSize, &filePosRecord::orginalSize) ? records : records.first(0);
     }
 
-    // The records behind it tell, each less the rows found in between, and where all rows end does. That is the last
-    // record's to tell, which may have been asked already.
+    // Asks the positions in the records behind the gap, less the rows found in between, and then the end of all rows.
+    // That end comes from the last record, so it is left out if that record was asked already.
     void askBehind(iterator gap, std::vector<std::int64_t>& ends) const {
         std::int64_t rows = 0;
         auto next = gap + 1;
@@ -66,7 +66,7 @@ struct gapSizes {
 
     const surveySegments& segments;
     const std::vector<filePosRecord>& index;
-    std::int64_t pos;  // logical, behind `sized`
+    std::int64_t pos;  // logical position behind `sized`
     surveySegments sized{};
 };
 

@@ -63,7 +63,7 @@ struct finishedPart::content {
     compressionHeading heading{};
     std::int64_t fileSize = 0;
     std::vector<filePosRecord> records;
-    // To verify blocks.
+    // For verifyBlock; allocated by its first call.
     zlibCompressBlock codec;
     blockBuffer compressed;
     blockBuffer rows;
@@ -92,7 +92,7 @@ void finishedPart::verifyIndex() {
     checkContiguous(file(), heading(), fContent->records);
 }
 
-// Damage that another process's append explains is told as that.
+// Throws FileChangedError for damage that another process's append explains.
 void finishedPart::verifyBlock(std::uint32_t number) {
     content& c = *fContent;
     if (!c.compressed) c.compressed = compressedRoom(c.records);

@@ -16,10 +16,10 @@ namespace orva {
 
 namespace {
 
-constexpr std::int64_t kCopyAtOnce = 1 << 26;  // so that progress is told
+constexpr std::int64_t kCopyAtOnce = 1 << 26;  // bytes between two reports of progress
 
-// Whatever its side file is good for, its presence means that the file's last block and index may not be what they
-// were.
+// Refuses any side file, whatever its content: while there is one, an append may have changed the last block and the
+// index.
 void refuseInterrupted(const std::string& name) {
     if (!hasSideFile(name)) return;
     throw FileChangedError(DamagedFileError(
@@ -63,7 +63,7 @@ private:
 
     bool copiesDictionary() const { return fOptions.row0Pos == 0; }
 
-    // The index was in order when it was looked at before, and may be another one by now.
+    // Verifies the index again: it may have changed since checkInputs.
     void add(const joinInput& input) {
         finishedPart part(input.name, input.part);
         part.verifyIndex();
@@ -101,7 +101,7 @@ private:
         }
     }
 
-    // An append rewrites the last block before the index: what was copied may be the new block under the old record.
+    // An append rewrites the last block before the index, so the copied block may be newer than its record.
     static void refuseIfChanged(const joinInput& input, const finishedPart& part) {
         refuseInterrupted(input.name);
         ORVA_File now;

@@ -1,12 +1,12 @@
-// The rows of finished parts, one behind the other, as one finished part: their compressed blocks are copied as they
-// are, and only the records are written anew. A block is short wherever an input ended (docs/format.md, "Short
-// blocks").
+// Joins the rows of finished parts, in order, into one finished part: copies their compressed blocks unchanged and
+// writes new records. A block is short wherever an input ended (docs/format.md, "Short blocks").
 //
 // Units:   bytes.
 // Threads: no state.
-// Failure: FileError, 1003 from an input and 1002 from the output; DamagedFileError for an input whose index cannot be
-//          true as a whole, FileChangedError for one that was written to meanwhile; invalid_argument for no input, or
-//          for inputs of two byte orders; length_error for more blocks than an index takes.
+// Failure: FileError, 1003 from an input and 1002 from the output, with EINVAL if the output is an input;
+//          DamagedFileError for an input that verifyIndex refuses; FileChangedError for one with a side file, or
+//          written to meanwhile; invalid_argument for no input, or inputs of different byte orders; length_error for
+//          more blocks than an index can hold.
 #pragma once
 
 #include <orva/inspect.h>
@@ -25,24 +25,24 @@ struct joinInput {
 };
 
 struct joinOptions {
-    // Where the part begins in an output that exists and holds its dictionary part already. 0: the output is made, or
-    // emptied, and begins with a copy of the first input's dictionary part.
+    // Where the part begins in an output that exists and already holds its dictionary part. 0: creates or empties the
+    // output, and begins it with a copy of the first input's dictionary part.
     std::int64_t row0Pos = 0;
-    // Called now and then with the bytes copied since the call before. What it throws ends the work.
+    // Called from time to time with the bytes copied since the last call. An exception from it ends the work.
     std::function<void(std::int64_t)> copied;
 };
 
 struct joinReport {
     foundPart part{};  // of the output
     std::uint32_t blocks = 0;
-    std::vector<std::uint32_t> ends{};  // of each input, the blocks up to its last one
-    std::int64_t rows = 0;              // bytes
-    std::int64_t stored = 0;            // bytes of blocks
+    std::vector<std::uint32_t> ends{};  // for each input, the blocks of the output up to and including its last one
+    std::int64_t rows = 0;              // bytes of rows
+    std::int64_t stored = 0;            // bytes of compressed blocks
 };
 
-// Inputs have one byte order, which the output gets, whatever this machine's is. Each index is held to account
-// (finishedPart::verifyIndex) before anything is written; blocks are not inflated (finishedPart::verifyBlock does). The
-// output may be no input. Until the heading, which is written last, it is an unfinished file; it is not synced.
+// All inputs have the same byte order, which the output gets, whatever the machine's is. Verifies every index
+// (finishedPart::verifyIndex) before it writes anything, but inflates no block (finishedPart::verifyBlock does). The
+// output must not be an input. It is an unfinished file until the heading, which is written last, and is not synced.
 ORVA_API joinReport join(const std::vector<joinInput>& inputs, const std::string& output, const joinOptions& options);
 
 }  // namespace orva

@@ -18,12 +18,12 @@ namespace orva {
 
 namespace {
 
-// A zlib stream holds no more rows for each of its bytes, and is no shorter.
+// The most bytes of rows that one byte of a zlib stream can stand for, and the length of the shortest stream.
 constexpr std::int64_t kBestRatio = 1032;
 constexpr std::int64_t kShortestStream = 9;
 
-// What a trial costs beside the bytes that it moves; what is earned by each byte searched, and by each of a block
-// found.
+// The patience that a trial costs, beside the bytes that it reads and inflates; and that each byte searched, and each
+// byte of a block found, earns.
 constexpr std::int64_t kTrial = 4096;
 constexpr std::int64_t kEarnedBySearch = 16;
 constexpr std::int64_t kEarnedByBlock = 4;
@@ -47,9 +47,8 @@ bool couldBeginStream(const unsigned char* bytes) {
     return bytes[0] == 0x78 && (bytes[0] * 256 + bytes[1]) % 31 == 0 && (bytes[1] & 0x20) == 0;
 }
 
-// How much may still be tried in vain before a file counts as made to be tried for ever, in bytes through the codec, or
-// as much work as that many would be. What is read and found earns more, so that a long file with much damage is
-// searched to its end.
+// How much work may still be in vain before the file counts as made to be searched for ever, in bytes through the
+// codec. Bytes searched and blocks found earn more, so that a long file with much damage is searched to its end.
 class patience {
 public:
     void spend(std::int64_t work) { fLeft -= work; }
@@ -60,7 +59,7 @@ private:
     std::int64_t fLeft = std::int64_t{1} << 28;
 };
 
-// Where by some record the block of that number begins.
+// A place where, by some record, block `number` begins.
 struct namedPlace {
     std::int64_t place;
     std::size_t number;
@@ -123,18 +122,18 @@ private:
         }
     }
 
-    // A last block with other rows and another length than recorded was rewritten by an append, which may have added
-    // more.
+    // If the last block has neither the recorded rows nor the recorded length, an append has rewritten it and may have
+    // added more.
     bool allSeen() const {
         return noMoreTold() && (fIndex.empty() || (isLast(fSegments.back()) && isAsRecorded(fSegments.back())));
     }
     bool noMoreTold() const { return fReport.hadIndex && !isShort() && fNext.number >= fIndex.size(); }
-    // The index has fewer blocks than the heading vouches for.
+    // The index has fewer blocks than the heading counts.
     bool isShort() const { return fCount && *fCount > std::ssize(fIndex); }
     bool isLast(const surveySegment& taken) const {
         return !taken.isLost() && taken.number && *taken.number + 1 == fIndex.size();
     }
-    // Length or rows: one of the two can lie.
+    // One match is enough: a false record can have the other one wrong.
     bool isAsRecorded(const surveySegment& taken) const {
         const filePosRecord& record = fIndex[*taken.number];
         return record.orginalSize == taken.size || record.translateSize == std::int64_t{taken.length};
@@ -149,10 +148,10 @@ private:
         fLikely = found.consumed + found.consumed / 4;
     }
 
-    // The block behind this one, of that number, by the length that is recorded of this one.
+    // Expects the next block where block `number`, which begins here, ends by its recorded length.
     void expectBehind(std::size_t number) { fNext = {fPlace + fIndex[number].translateSize, number + 1}; }
 
-    // Over what is no whole stream to the next one that is. False at the end of what there is.
+    // Steps over a gap to the next complete stream. False if there is none.
     bool bridge() {
         if (!fReport.hadIndex && !bLookedForIndex) findLaterIndex();
         if (fPlace >= fLimit || noMoreTold()) return false;
@@ -177,8 +176,8 @@ private:
         return next.has_value();
     }
 
-    // The first whole stream behind this place where a record names one. Each place is tried once, and what is passed
-    // on the way to it earns more trials, holes left out.
+    // The first complete stream behind fPlace at a place that a record names. Tries each place once. The bytes passed
+    // on the way to it earn more trials, unless they are all in a hole.
     std::optional<surveySegment> namedBlock() {
         if (fNamedBlock && fNamedBlock->place > fPlace) return fNamedBlock;
         fNamedBlock.reset();
@@ -193,8 +192,9 @@ private:
         return fNamedBlock;
     }
 
-    // From the block of that number, which should stand here, the records name one place behind the other up to `next`,
-    // or as far as they go: no block between was overlooked. Where bytes came or went, that shows of neighbours alone.
+    // True if the records from block `number`, which should be here, follow each other without gaps up to `next`, or to
+    // the last record: then no block in between was overlooked. If bytes were inserted or lost, this is
+    // known only where a single block is lost.
     bool nothingBetween(std::size_t number, const std::optional<surveySegment>& next) const {
         if (!next && (isShort() || fIndexPatience.exhausted())) return false;
         const std::size_t behind = next ? next->number.value_or(number) : fIndex.size();
@@ -206,7 +206,7 @@ private:
         return number < behind;
     }
 
-    // `moved`: bytes by which blocks may stand behind the places that it tells.
+    // `moved`: bytes by which blocks may be behind the places that the index names.
     void take(partIndex index, std::int64_t moved) {
         fReport.hadIndex = true;
         fIndex = std::move(index.records);
@@ -224,8 +224,8 @@ private:
         std::sort(fNamed.begin(), fNamed.end());
     }
 
-    // The heading may be lost or point elsewhere, and an index stand further on: at the end of its last block, or else
-    // elsewhere, as that of a file does whose bytes are rows of this one.
+    // Looks for an index that no usable heading points to. Takes the first one that begins where its last block ends;
+    // else the first one anywhere, although it may be that of another file, whose bytes are rows of this one.
     void findLaterIndex() {
         bLookedForIndex = true;
         std::optional<partIndex> elsewhere;  // the first one
@@ -247,8 +247,8 @@ private:
         take(std::move(*elsewhere), moved);
     }
 
-    // Bytes that came into the file, or are lost from it, have moved all that stands behind them by as many. An index
-    // that no heading points to shows how many: it stands where the last block ends.
+    // The number of bytes that were inserted into the file (negative: lost from it) before this index, which no heading
+    // points to: it should begin where its last block ends.
     std::int64_t movedBy(const partIndex& index) const {
         if (index.records.empty()) return 0;
         const filePosRecord& last = index.records.back();
@@ -256,7 +256,7 @@ private:
         return isTold ? index.heading._indexPos - last.translatePos - last.translateSize : 0;
     }
 
-    // One that no heading points to is believed if it says of all blocks seen what they said themselves.
+    // An index that no heading points to is believed if its records agree with all blocks seen.
     bool tellsOfBlocksSeen(const std::vector<filePosRecord>& index, std::int64_t place) const {
         const auto same = [](const surveySegment& seen, const filePosRecord& record) {
             return record.translatePos == seen.place && record.translateSize == std::int64_t{seen.length} &&
@@ -273,8 +273,8 @@ private:
         return block;
     }
 
-    // The number of a block that stands at its place, or should. Where several are told for that place, by records or
-    // by the length of the block before, it is the one that most speaks for.
+    // The number of the block that is, or should be, at block.place. If records, or the recorded length of the block
+    // before, name several for that place, the one that most of them and of the block's own sizes confirm.
     std::optional<std::size_t> numberOf(const surveySegment& block) const {
         std::optional<std::size_t> number;
         std::ptrdiff_t most = 0;
@@ -293,9 +293,10 @@ private:
         return number;
     }
 
-    // Until an index tells more. A full block is as long as the longest one found. A gap without an index stands for as
-    // many as its bytes would make, of those that a heading vouches for. The rest of them lies behind the last block
-    // found, where the file is cut before the index, or where there is no gap; else in the first gap.
+    // Guesses the sizes of gaps, which withSizes then replaces as far as an index tells them. A full block is as long
+    // as the longest one found. A gap counts as the number of full blocks that its bytes would make, within the number
+    // that the heading counts. The rest of that number goes behind the last block found, if the file is cut before the
+    // index or has no gap, and otherwise into the first gap.
     void guessSizes() {
         std::int64_t full = 1, stored = 0, found = 0;
         for (const surveySegment& block : fSegments) {
@@ -343,7 +344,7 @@ private:
         if (fCount && std::ranges::none_of(fSegments, &surveySegment::estimated)) {
             return std::min(static_cast<std::size_t>(*fCount), fSegments.size());
         }
-        // How many blocks the gaps stand for is not known.
+        // The number of blocks in the gaps is unknown.
         const auto isBehind = [&](std::int64_t place) { return place >= fHeading._indexPos; };
         const auto behind = std::ranges::find_if(fSegments, isBehind, &surveySegment::place);
         return static_cast<std::size_t>(behind - fSegments.begin());
@@ -358,7 +359,8 @@ private:
         return std::nullopt;
     }
 
-    // The first place from `from` on where a whole stream stands. Nearly all that look like one end within some bytes.
+    // The first place from `from` on where a complete stream begins. Each trial first reads little: most bytes that
+    // look like a stream turn out false within a few bytes.
     std::optional<std::int64_t> nextStream(std::int64_t from, std::int64_t end) {
         const auto isStream = [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
             if (!couldBeginStream(bytes) || fPatience.exhausted()) return false;
@@ -367,7 +369,7 @@ private:
         return fWindow.find(from, end, 2, isStream);
     }
 
-    // The search for something goes on at `place`, behind a hole, and has read some bytes there.
+    // Called when a search has skipped a hole of `passed` bytes and read `read` bytes at `place`.
     void searched(std::int64_t place, std::int64_t passed, std::int64_t read) {
         fTell(place);
         fPassed += passed;
@@ -381,20 +383,20 @@ private:
     ORVA_File& fFile = fStreams.file();
     fileWindow fWindow{fFile, [this](auto... moved) { searched(moved...); }};
     compressionHeading fHeading{};
-    std::optional<std::int64_t> fCount;  // blocks that the heading vouches for
+    std::optional<std::int64_t> fCount;  // blocks that the heading counts, if they fit
     std::vector<filePosRecord> fIndex;
-    std::int64_t fMoved = 0;                   // of that index
-    std::int64_t fLimit = fWindow.fileSize();  // what stands from here on is there only as far as it joins on
-    std::int64_t fPlace = 0;                   // behind the block taken last, where the next one begins
-    namedPlace fNext{};                        // of the next block, by the length that is recorded of the one before
-    std::vector<namedPlace> fNamed;            // by all records, ascending
-    std::int64_t fTried = 0;                   // the last of them that was tried
-    std::optional<surveySegment> fNamedBlock;  // the last one that one of them led to
+    std::int64_t fMoved = 0;                   // see take()
+    std::int64_t fLimit = fWindow.fileSize();  // from here on, only blocks right behind the last one are taken
+    std::int64_t fPlace = 0;                   // end of the last block taken, where the next one begins
+    namedPlace fNext{};                        // of the next block, by the recorded length of the one before
+    std::vector<namedPlace> fNamed;            // all places that records name, ascending
+    std::int64_t fTried = 0;                   // the last of these places tried
+    std::optional<surveySegment> fNamedBlock;  // the block found at one of them last
     bool bLookedForIndex = false;
     patience fPatience;
     patience fIndexPatience;
-    std::int64_t fPassed = 0;            // bytes in holes, by the search
-    std::uint32_t fLikely = kBlockSize;  // length of a block
+    std::int64_t fPassed = 0;            // bytes of holes that the search has skipped
+    std::uint32_t fLikely = kBlockSize;  // expected length of the next block
 };
 
 }  // namespace

@@ -1,10 +1,9 @@
-// Where the blocks of a damaged or unfinished part stand. A walk finds them: a block is one zlib stream, which says
-// itself where it ends and whether it is whole. Where no whole stream stands, an index tells where to go on and how
-// many rows are missing.
+// Finds the blocks of a damaged or unfinished part by a walk from block to block: a block is one zlib stream, which
+// shows by itself where it ends and whether it is complete. Where there is no complete stream, an index tells where to
+// go on and how many rows are missing.
 //
 // Failure: FileError from the disk.
-// Work:    bounded by the bytes that the file really stores and the rows found in it, whatever they have been made to
-//          look like.
+// Work:    bounded by the bytes that the file really stores and the rows found in it, even in a file made to be slow.
 #pragma once
 
 #include "recovery/zlibStreams.h"
@@ -22,27 +21,29 @@ namespace orva {
 // A stretch of rows: one block, or rows that are lost.
 struct surveySegment {
     std::int64_t size;                    // bytes of rows
-    std::int64_t place;                   // file offset of the block, or where the lost one should stand
-    std::optional<std::size_t> number{};  // of the index's record that tells of this place
+    std::int64_t place;                   // file offset of the block, or where the lost one should be
+    std::optional<std::size_t> number{};  // of the index record that names this place
     std::uint32_t length = 0;             // of the block in the file; 0: lost
-    // Of a lost stretch.
-    bool estimated = false;     // its size is a guess
-    const char* why = nullptr;  // it is lost
-    std::int64_t most = 0;      // rows that its bytes in the file could hold
+    // For lost rows only.
+    bool estimated = false;     // `size` is a guess
+    const char* why = nullptr;  // the reason of the loss
+    std::int64_t most = 0;      // most bytes of rows that its bytes in the file can hold
 
     bool isLost() const { return length == 0; }
 };
 
 using surveySegments = std::vector<surveySegment>;
 
-// `tell` is called with each place in the file that the walk comes to. What is recovered and lost is left to the caller
-// to report. Nothing when not even the part's place can be told, or no row can be had of rows that there were.
+// The segments of the part, in order. Nothing if the place of the part cannot be found, or if the part had rows and
+// none can be recovered. Calls `tell` with each file offset that the walk reaches. Fills in `report`, except the blocks
+// and rows recovered and the ranges lost, which are the caller's to report.
 std::optional<surveySegments> surveyed(zlibStreams& streams, const recoverOptions& options,
                                        const std::function<void(std::int64_t)>& tell, recoverReport& report);
 
-// How many rows the gaps of a survey stand for, as far as an index tells. Its records can lie, so a size is sure only
-// where two of them say the same, or one of them and the rows found behind the gap. Each lost stretch gets that size,
-// or keeps the guess that it came with. One of several blocks whose records agree becomes as many.
+// The same segments, with the sizes of the gaps as the index tells them. Its records can be false, so a size is exact
+// only if two of them agree, counting the rows found, or if the position of the last record fits the rows before it. A
+// gap without an exact size gets the first possible one that a record tells, else keeps its guess. A gap of exactly the
+// size that the records of its lost blocks add up to becomes one segment for each block.
 surveySegments withSizes(const surveySegments& segments, const std::vector<filePosRecord>& index, std::int64_t row0Pos);
 
 }  // namespace orva

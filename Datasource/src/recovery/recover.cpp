@@ -19,10 +19,10 @@ namespace orva {
 
 namespace {
 
-// Called with what is done of going through the file twice.
+// Called with the bytes done, of twice the file's length.
 using progress = std::function<void(std::int64_t)>;
 
-// Its holes stay holes.
+// Keeps holes as holes.
 void copyDictionary(ORVA_File& from, ORVA_File& to, std::int64_t size) {
     constexpr std::int64_t most = 1 << 16;
     for (std::int64_t at = from.nextStored(0); at < size; at = from.nextStored(at)) {
@@ -41,7 +41,7 @@ void writeZeros(const surveySegment& lost, partWriter& output, const progress& t
     output.writeFrom(zeros, lost.size);
 }
 
-// Writes the rows that were found, one after the other, and keeps the account of them.
+// Writes the rows that were found, and reports the blocks and rows recovered and the ranges lost.
 void writeRows(const surveySegments& found, zlibStreams& streams, partWriter& output, bool dropLost,
                const progress& tell, recoverReport& report) {
     std::int64_t pos = report.part.row0Pos;
@@ -56,7 +56,7 @@ void writeRows(const surveySegments& found, zlibStreams& streams, partWriter& ou
         } else {
             const std::string why = segment.why == nullptr ? "its block could not be read again" : segment.why;
             report.lost.push_back({pos, pos + segment.size, segment.place, segment.estimated, why});
-            // Where no rows come behind it, a guess at its size would move no position, and is not filled in.
+            // An estimated gap at the end is not filled in: no rows follow whose positions it would keep.
             const bool trailing = &segment == &found.back();
             if (!dropLost && !(trailing && segment.estimated)) writeZeros(segment, output, tell);
         }
@@ -66,13 +66,13 @@ void writeRows(const surveySegments& found, zlibStreams& streams, partWriter& ou
 
 }  // namespace
 
-// Never in place: opening the output for writing would empty the input.
+// Refuses the same file twice: opening the output would empty the input.
 recoverReport recover(const std::string& name, const std::string& output, const recoverOptions& options) {
     ORVA_File input;
     openOrThrow(input, name, "rb", kReadFailed);
     const std::int64_t size = std::min(input.Size(), std::numeric_limits<std::int64_t>::max() / 2);
     std::int64_t done = 0;
-    // An index may send the walk back, which takes nothing from what was done.
+    // The search for an index runs ahead of the walk; the progress told never goes back.
     const progress tell = [&](std::int64_t now) {
         done = std::clamp(now, done, 2 * size);
         if (options.tell) options.tell(done, 2 * size);

@@ -1,5 +1,5 @@
-// What an interrupted safe append has left: undone, taken for what it has become, or refused. Rows that anybody has
-// finished are never undone; docs/recovery.md, "Roll-back", has the rules.
+// Ends an interrupted safe append: undoes it, accepts or completes the file, or refuses. Never undoes finished rows,
+// whoever finished them. Rules: docs/recovery.md, "Roll-back".
 #include "base/fileError.h"
 #include "file/namedFile.h"
 #include "format/blockTransfer.h"
@@ -32,19 +32,19 @@ public:
         if (isForeign(sideFile)) fSide.refuseForeign();
         const std::optional<keptTail> kept = parse(sideFile);
         const rollBackResult result = kept ? settle(*kept) : settleTorn();
-        fFile.Sync();  // also where all was whole: who wrote it may not have come to that
+        fFile.Sync();  // even if it is intact: its writer may have been killed before its own sync
         fSide.remove();
         fFile.Close();
         return result;
     }
 
 private:
-    // A part that is whole by its heading is history: of this append, of a later one, or of another file.
+    // A finished part stays as it is, whether this append, a later one, or the writer of another file finished it.
     rollBackResult settle(const keptTail& kept) {
         const rawHeading heading = rawHeadingAt(fFile, kept.row0Pos);
         const bool isSaved = heading == kept.heading;
         const std::optional<partIndex> index = soundIndexOf(fFile, heading, kept.row0Pos);
-        // Every block that the append can have touched, and the one before them.
+        // Inflates every block that the append can have touched, and the one before them.
         if (index && (!isSaved || tailInflates(*index, kept.untouchedEnd))) return rollBackResult::sideFileStale;
         if (untouchedSum(fFile, kept.row0Pos, kept.untouchedEnd) != kept.untouchedSum)
             refuse("neither intact nor as the append found it");
@@ -57,8 +57,8 @@ private:
         return rollBackResult::completed;
     }
 
-    // An append begins only once its side file is whole and durable, so beside one cut short the data stand as they
-    // stood. Where they don't, the side file was damaged later, and must not be taken for one cut short.
+    // An append begins only once its side file is complete and durable, so beside an incomplete one the data file is
+    // intact. If it is not, the side file was damaged later, and must not pass for one that was cut short.
     rollBackResult settleTorn() {
         if (const std::optional<foundPart> part = findPart(fName)) {
             const auto index = soundIndexOf(fFile, rawHeadingAt(fFile, part->row0Pos), part->row0Pos);
@@ -68,7 +68,7 @@ private:
         refuse("not intact, and neither is the side file");
     }
 
-    // Every block that ends there or behind it.
+    // True if every block that ends at or after `from` inflates as recorded.
     bool tailInflates(const partIndex& index, std::int64_t from) {
         return std::ranges::all_of(index.records, [&](const filePosRecord& r) {
             const auto length = static_cast<std::uint32_t>(r.translateSize);
@@ -77,7 +77,8 @@ private:
         });
     }
 
-    // The bytes that say where the heading stands are the same in every heading at this place.
+    // Every heading at this place begins with row0Pos, in one byte order or the other. In a torn mix of two,
+    // each of the first 8 bytes still comes from one of them.
     static bool mayBeTorn(const rawHeading& heading, std::int64_t row0Pos) {
         const auto place = std::bit_cast<std::array<unsigned char, sizeof row0Pos>>(row0Pos);
         for (std::size_t i = 0; i < place.size(); ++i) {
@@ -86,8 +87,8 @@ private:
         return true;
     }
 
-    // A heading is written once blocks and index are durable, so what it was to point to stands behind the last of the
-    // whole streams.
+    // A heading is written once blocks and index are durable, so its index stands right behind the last complete
+    // stream.
     bool completeHeading(const keptTail& kept) {
         std::int64_t end = kept.untouchedEnd;
         for (blockOutcome found{}; (found = fStreams.at(end, kBlockSize)).end == blockOutcome::complete;)
@@ -108,7 +109,7 @@ private:
     }
 
     const std::string fName;
-    ORVA_File fFile;  // with the writer's lock
+    ORVA_File fFile;  // holds the writer's lock
     zlibStreams fStreams{fFile};
     heldSideFile fSide;
 };

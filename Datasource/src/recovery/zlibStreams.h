@@ -1,7 +1,7 @@
-// zlibStreams: the zlib streams of a file, wherever in it one may begin. A block is one of them, which says itself
-// where it ends and whether it is whole.
+// zlibStreams: inflates zlib streams at any place in a file. A block is one zlib stream, which shows by itself where it
+// ends and whether it is complete.
 //
-// Owner:   the caller owns the file; two blocks of memory are its own.
+// Owner:   the caller owns the file; zlibStreams owns two blocks of memory.
 // Failure: FileError from the disk, bad_alloc.
 #pragma once
 
@@ -22,8 +22,8 @@ public:
     explicit zlibStreams(ORVA_File& file) : fFile(file), fCompressed(kBlockSize), fRows(kBlockSize) {}
 
     ORVA_File& file() const { return fFile; }
-    // What becomes of the bytes at `place`, `likely` of them. It reads further only as far as the stream goes on: a
-    // file of very short blocks would be read many times over.
+    // Inflates the stream at `place`. Reads about `likely` bytes first, and more only if the stream goes on: otherwise
+    // it would read a file of very short blocks many times over.
     blockOutcome at(std::int64_t place, std::uint32_t likely) {
         for (std::uint32_t size = std::clamp(likely, 4096U, kBlockSize);; size = std::min(size, kBlockSize / 8) * 8) {
             const std::uint32_t count = fFile.Read(fCompressed.get(), size, place);
@@ -34,7 +34,8 @@ public:
             if (!ranOut || size == kBlockSize) return outcome;
         }
     }
-    // The rows, `size` bytes, of a whole stream of that length there, until the next call; null if there is none.
+    // The rows of the complete stream at `place`, valid until the next call; null unless it has `length` bytes and
+    // inflates to `size` bytes.
     const unsigned char* rowsAt(std::int64_t place, std::uint32_t length, std::int64_t size) {
         const blockOutcome found = at(place, length);
         const bool asTold = found.end == blockOutcome::complete && found.produced == size && found.consumed == length;
