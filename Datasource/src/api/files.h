@@ -66,7 +66,7 @@ ORVA_API VerifyReport verify(const Reader& reader, const VerifyOptions& options 
 
 struct RecoverOptions {
     std::optional<i64> row0{};
-    bool committed = false;  // leaves out what an interrupted append has added
+    bool committed = false;  // leaves out blocks that the heading does not count: an interrupted append's
     bool drop_lost = false;  // closes gaps; else zeros replace lost rows, so that offsets stay
     bool durable = true;
     bool replace = false;
@@ -75,8 +75,8 @@ struct RecoverOptions {
 
 struct LostRows {
     Range rows;              // in the damaged file
-    i64 file_offset = 0;     // where their bytes should stand there
-    bool estimated = false;  // a guess, since no index states how many rows there were
+    i64 file_offset = 0;     // where their block should be there
+    bool estimated = false;  // the size is a guess: no index proves how many rows are lost
     std::string text;
 };
 
@@ -87,8 +87,8 @@ struct RecoverReport {
     bool had_index = false;
     i64 blocks = 0;
     i64 size = 0;                 // bytes of recovered rows
-    i64 committed = 0;            // bytes of rows, lost ones included, that heading or index vouch for
-    bool last_rewritten = false;  // an append has rewritten the last block that the heading vouches for
+    i64 committed = 0;            // bytes of rows that the heading vouches for, lost ones included
+    bool last_rewritten = false;  // an append rewrote the last block that heading or index vouch for
     std::vector<LostRows> lost;
 };
 

@@ -5,10 +5,10 @@
 //   Trade last = trades[trades.size() - 1];
 //   for (const Trade& trade : trades) sum += trade.price;
 //
-// Units:   rows, numbered from 0, each sizeof(T) bytes in the layout of memory. A row may lie across the border of two
-// blocks. Owner:   holds a copy of the Reader. Threads: const operations may run on any thread; an iterator belongs to
-// one. Failure: as the Reader's. The constructor throws UsageError if the rows are not a whole number of T, or the file
-// has
+// Units:   rows, numbered from 0, each sizeof(T) bytes in the layout of memory. A row may cross a block border.
+// Owner:   holds a copy of the Reader.
+// Threads: const operations may run on any thread; an iterator belongs to one.
+// Failure: as the Reader's. The constructor throws UsageError if the rows are not a whole number of T, or the file has
 //          the other byte order.
 #pragma once
 

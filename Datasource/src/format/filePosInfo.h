@@ -1,7 +1,6 @@
 // filePosInfo: the in-memory block index of one compressed stream. Maps a logical position to the record of its block,
 // collects records while blocks are written, and converts them to index bytes and back. Format: docs/format.md,
 // "Index".
-// Format: docs/format.md, "Index".
 //
 // Units:   logical positions (the first data byte stands at the row-0 position); only translatePos is a file offset.
 // Owner:   the stream. Workers hold a plain pointer and end before the stream does.

@@ -65,7 +65,7 @@ std::optional<partIndex> indexAt(bytesFrom file, std::int64_t row0Pos, std::int6
 // order. Nothing if readRecords would refuse it or there are gaps between its blocks.
 std::optional<partIndex> soundIndexOf(bytesFrom file, const rawHeading& raw, std::int64_t row0Pos);
 
-// The index as stored, for filePosInfo to parse. The same holds for its length, and it has no hole.
+// The index as stored, for filePosInfo to parse. Its length is checked as by readRecords, and holes in it are refused.
 std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& heading, bool swap);
 // The same, parsed into `index` for reading; record 0 must stand at the row-0 position.
 void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, filePosInfo& index);
@@ -75,7 +75,7 @@ bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, 
 
 // Calls `read`, which reads a block, and again if it meets damage while `changed` sees no change: an append that is
 // undone meanwhile restores the block and leaves no other trace. Only damage met twice is thrown as such, and
-// FileChangedError if there was a change. An exception of `changed` counts as no change.
+// FileChangedError if there was a change. An exception from `changed` counts as no change.
 template <class Read, class Changed>
 auto readSurely(Read read, Changed changed) {
     const auto hasChanged = [&] {
@@ -99,7 +99,8 @@ auto readSurely(Read read, Changed changed) {
 // logical positions and in the file; the number of blocks if the last one reaches into the index; empty if all is well.
 std::optional<std::size_t> firstGap(const compressionHeading& heading, std::span<const filePosRecord> records);
 
-// The check that append and verify need beyond that: throws for any such gap. `records` are in host order.
+// Throws if firstGap finds a gap: append and verify need this check beyond those of reading. `records` are in host
+// order.
 void checkContiguous(bytesFrom file, const compressionHeading& heading, std::span<const filePosRecord> records);
 
 }  // namespace orva
