@@ -31,7 +31,7 @@ public:
     void make(const fileBytes& bytes);
     // False if there is none. DamagedFileError for anything but a regular file.
     bool open();
-    // False if a user who may not write the data file may have made it.
+    // False if a user who may not write the data file may have made or written it.
     bool isTrusted() const;
     // Throws FileError with EPERM unless it is trusted.
     void requireTrusted() const;

@@ -4,7 +4,7 @@
 // Units:   bytes.
 // Threads: no state.
 // Failure: FileError, 1003 from an input and 1002 from the output, with EINVAL if the output is an input;
-//          DamagedFileError for an input that verifyIndex refuses; FileChangedError for one with a side file, or
+//          DamagedFileError for an input with a damaged heading or index; FileChangedError for one with a side file, or
 //          written to meanwhile; invalid_argument for no input, or inputs of different byte orders; length_error for
 //          more blocks than an index can hold.
 #pragma once
