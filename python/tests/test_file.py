@@ -133,7 +133,7 @@ LONG: dict[str, Callable[[str, int, Any], object]] = {
 @pytest.mark.parametrize("work", LONG.values(), ids=LONG)
 def test_signals_act_within_a_block(here: Path, work: Any, threads: int) -> None:
     out = np.ones(1 << 28, "u1")
-    out[: 1 << 24].tofile("foreign")
+    out[: 1 << 27].tofile("foreign")
     before = sorted(os.listdir())
     signal.signal(signal.SIGALRM, lambda *_: 1 // 0)
     with pytest.raises(ZeroDivisionError):
