@@ -36,7 +36,7 @@ void partOptions::addTo(CLI::App& app, std::vector<std::string>& files) {
 
 void requireName(const std::string& file) {
     if (file == "-")
-        usageError("FILE cannot be standard input, which cannot be read at any offset: save it to a file first");
+        usageError("FILE cannot be standard input, which is read only from start to end: save it to a file first");
 }
 
 shownFile openFile(const partOptions& options) {

@@ -39,7 +39,7 @@ shownFile openFile(const partOptions& options);
 // The same; if a search has found the part, notes on standard error where.
 shownFile openFile(const std::string& verbName, const partOptions& options);
 
-// Usage error for standard input, which cannot be read at any offset.
+// Usage error for standard input, which is read only from start to end.
 void requireName(const std::string& file);
 
 // Throws toolFailure with the first fault of the report, if it has one.

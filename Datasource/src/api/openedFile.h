@@ -15,7 +15,7 @@
 
 namespace orva {
 
-// Throws FileError for a file that cannot be read at any offset. Does not wait for the other end of a pipe.
+// Throws FileError for a file whose bytes cannot be read by offset. Does not wait for the other end of a pipe.
 void refusePipe(const std::string& name, const std::string& place);
 
 // Calls source.size(). UsageError if it is below 0, which may be the source's way to report an error.
