@@ -36,9 +36,8 @@ std::string entry(const std::string& name, const std::string& text) {
 class layout : public CLI::Formatter {
 public:
     layout() {
-        for (const char* name : {"Positionals", "POSITIONALS"})
-            label(name, "Files");  // differs between versions of
-                                   // the parser
+        // The name differs between versions of the parser.
+        for (const char* name : {"Positionals", "POSITIONALS"}) label(name, "Files");
         label("OPTIONS", "options");
         label("SUBCOMMAND", "VERB");
     }

@@ -167,7 +167,7 @@ struct StreamTest : TempDir {
         {'r', [&](auto n) { model->read(static_cast<std::size_t>(n)); }},
         {'w', [&](auto n) { model->write(slice(noise(), written += 1'009, n)); }},
         {'f', [&](auto) { EXPECT_EQ(s().Flush(), 1); }},
-        {'k', [&](auto) { model = std::make_unique<ModelStream>(*model), model->begin(); }},  // continues with
+        {'k', [&](auto) { model = std::make_unique<ModelStream>(*model), model->begin(); }},  // goes on with a copy
         {'p', [&](auto on) { on ? s().EnablePreReading() : s().DisablePreReading(); }},
         {'t', [&](auto on) { on ? s().EnableMultiThreadReading() : s().DisableMultiThreadReading(); }},
         // x: the next write moves at most so many bytes, and then fails; q: the next seek fails; E: a seek to the end

@@ -136,8 +136,7 @@ private:
             fPart.read(number, compressed, rows);
         } catch (const DamagedFileError& damage) {
             add(number, damage.reason());
-        } catch (const SystemError& failure) {  // the rows are lost to the caller as well, but not those of other
-                                                // blocks
+        } catch (const SystemError& failure) {  // these rows are lost as well, and those of other blocks are not
             add(number, failure.reason());
         }
     }

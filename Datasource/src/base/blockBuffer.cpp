@@ -28,7 +28,8 @@ void blockBuffer::release::operator()(unsigned char* bytes) const {
     ::operator delete (bytes, std::align_val_t{alignment});
 }
 
-// Alignment to huge pages takes address space, which may be limited: without it the buffer does without them.
+// Alignment to huge pages takes address space, which may be limited: if there is too little, the buffer does without
+// huge pages.
 blockBuffer::blockBuffer(std::size_t size, std::size_t used) {
     if (std::min(size, used) >= kWorthOne) {
         const std::size_t whole = (size + kHugePage - 1) / kHugePage * kHugePage;

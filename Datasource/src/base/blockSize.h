@@ -12,7 +12,8 @@ inline constexpr std::uint32_t kHandyBlockLength = kBlockSize / 4;
 inline constexpr std::uint32_t kBlockSize = 4'190'208;
 // The shortest full blocks that a writer may choose: below this the index costs more than shorter blocks save.
 inline constexpr std::uint32_t kShortestBlockLength = 65'536;
-// The block length of the command's files: as fast, as small, and a row at any place in a quarter of the time.
+// The block length of the command's files. Beside files of the longest blocks they are as small and written and read as
+// fast, and a single row takes a quarter of the time.
 inline constexpr std::uint32_t kHandyBlockLength = 1'048'576;
 #endif
 static_assert(kBlockSize % 512 == 0, "direct reads end on multiples of a sector");

@@ -21,9 +21,9 @@ std::string indexSpan(const compressionHeading& heading) {
     return "its index of " + std::to_string(heading._size) + " bytes at offset " + std::to_string(heading._indexPos);
 }
 
-constexpr std::size_t kPieceRecords = 1024;  // records read at a time
-constexpr std::size_t kPageRecords =
-    128;  // fewer than one page, the unit in which a file system stores bytes or leaves a hole
+constexpr std::size_t kPieceRecords = 1024;  // read at a time
+// Records of less than a page, the unit in which a file system stores bytes or leaves a hole.
+constexpr std::size_t kPageRecords = 128;
 
 // Far beyond any file, and sums of the sizes of as many blocks as an index can hold stay in range.
 constexpr std::int64_t kLargestPlace = std::int64_t{1} << 62;

@@ -149,8 +149,8 @@ bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
     }
     lock.lock();
     block->is = good ? made : state::empty;
-    if (!good && number >= fCurrent)
-        fFailed = std::min(fFailed, number);  // a block of before the run may end during it
+    // A block that was begun before the run may end during it, and is no part of it.
+    if (!good && number >= fCurrent) fFailed = std::min(fFailed, number);
     tellCaller();
     return true;
 }

@@ -9,7 +9,7 @@
 // Units:   bytes; positions are logical: the first byte of rows has the row-0 position S, not 0.
 // Owner:   the stream owns its buffers (12 MiB at most, and two blocks for a worker) and the index, 24 bytes a block.
 //          It shares the file with the stream that it was built over.
-// Threads: one at a time for each stream, which has its own if setMultiThread or setThreadCount asks for them.
+// Threads: one at a time for each stream. It has threads of its own if setMultiThread or setThreadCount asks for them.
 // Failure: FileError from the disk. DamagedFileError for bytes that cannot be true, after which sound blocks can still
 //          be read; FileChangedError if that is because the file was written to since its index was read.
 //          FileReopenError (a SystemFileException) if the file cannot be opened again. bad_alloc. A writer's first
@@ -45,9 +45,9 @@ public:
     void setMultiThread(std::int32_t setting);
 
     // `threads` threads deflate or inflate several blocks at once beside the caller, for a writer, an appender and a
-    // reader alike; files, bytes and errors stay the same. Takes 8 MiB for each thread, 16 MiB more, and 4 MiB for a
-    // reader. 0, as at first, leaves the choice to setMultiThread. Call it before setRow0Pos and readFilePosInfo; the
-    // threads start with the first block.
+    // reader alike; files, bytes and errors stay the same. Takes 8 MiB for each thread and 16 MiB more, a reader
+    // another 4 MiB. 0, as at first, leaves the choice to setMultiThread. Call it before setRow0Pos and
+    // readFilePosInfo; the threads start with the first block.
     void setThreadCount(std::int32_t threads);
 
     // The next two choose what a writer or an appender makes. Call them before setRow0Pos and setFileToAppend: on a

@@ -1,5 +1,5 @@
 // Joins the rows of finished parts, in order, into one finished part: copies their compressed blocks unchanged and
-// writes new records. A block is short wherever an input ended (docs/format.md, "Short blocks").
+// writes new records. A block may be short wherever an input ended (docs/format.md, "Short blocks").
 //
 // Units:   bytes.
 // Threads: no state.

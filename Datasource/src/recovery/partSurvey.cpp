@@ -193,8 +193,8 @@ private:
     }
 
     // True if the records from block `number`, which should be here, follow each other without gaps up to `next`, or to
-    // the last record: then no block in between was overlooked. If bytes were inserted or lost, this is
-    // known only where a single block is lost.
+    // the last record: then no block in between was overlooked. If bytes were inserted or lost, this is known only
+    // where a single block is lost.
     bool nothingBetween(std::size_t number, const std::optional<surveySegment>& next) const {
         if (!next && (isShort() || fIndexPatience.exhausted())) return false;
         const std::size_t behind = next ? next->number.value_or(number) : fIndex.size();
