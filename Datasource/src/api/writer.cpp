@@ -81,7 +81,7 @@ struct Writer::State {
         const shownPart found(fPath, fPlace, options.row0, true, options.progress);
         bOtherOrder = found.swapped();
         require(!bOtherOrder || options.any_order, fPath,
-                "its rows have the other byte order: set any_order to append bytes as they are");
+                "its rows have the other byte order: use 'orva append', or any_order in C++, to add bytes as they are");
         if (options.block == 0) fChoices.blockLength = static_cast<std::uint32_t>(chosenLength(found.records()));
         fRow0 = found.row0();
         fSize = found.size();
