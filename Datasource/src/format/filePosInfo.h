@@ -1,6 +1,6 @@
 // filePosInfo: the in-memory block index of one compressed stream. Maps a logical position to the record of its block,
 // collects records while blocks are written, and converts them to index bytes and back. Format: docs/format.md,
-// "Index".
+// "Structures".
 //
 // Units:   logical positions (the first data byte stands at the row-0 position); only translatePos is a file offset.
 // Owner:   the stream. Workers hold a plain pointer and end before the stream does.
@@ -48,7 +48,6 @@ public:
     // bits.
     void addRecord(std::int64_t orginalPos, std::int64_t translatePos, std::int32_t orginalSize,
                    std::int32_t translateSize);
-    std::size_t recordCount() const { return fRecords.size(); }
     // Where the last added block ends in the file; `otherwise` if there is none.
     std::int64_t writtenEnd(std::int64_t otherwise) const;
     // The index bytes of the added records, valid until the next call or the object's end. `swap`: in the other byte
