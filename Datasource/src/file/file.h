@@ -2,7 +2,8 @@
 // transfer reached, and the state of the optional cipher. There is no seek: every transfer names its offset. The
 // position of the descriptor matters only for pipes and terminals, which take transfers in sequence only.
 //
-// Units:   bytes and byte offsets from the start of the file. One transfer stays below 2,147,483,648 bytes.
+// Units:   bytes and byte offsets from the start of the file; a transfer at an offset below 0 fails with EINVAL. One
+//          transfer stays below 2,147,483,648 bytes.
 // Owner:   streams, through RefCountPtr. Workers hold a plain pointer and end before the file does.
 // Threads: Open, Read, Write, Size, Sync, Truncate, Close and FinishEncryption each run under the object's lock and may
 //          be called from several threads. The inline queries take no lock and are for the thread that opens the file.
@@ -56,7 +57,7 @@ public:
     ORVA_LOCAL unsigned int ReadAhead(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // Returns the number of bytes taken: `byteSize`, or 0 if closed. On an encrypted file the last 1 to 15 may wait in
     // memory, and a write that would not leave every byte in its place (docs/cipher.md) fails with EINVAL. In an `a`
-    // mode the system puts the bytes at the end of the file, whatever the offset. An offset below 0 is EINVAL.
+    // mode the system puts the bytes at the end of the file, whatever the offset.
     unsigned int Write(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     // Copies `size` bytes of the open file `source` to `byteOffset` and returns their number, which is smaller only if
     // `source` ends before. FileError 1003 names the source, 1002 this file. Not for encrypted files.
