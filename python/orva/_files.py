@@ -1,7 +1,7 @@
 """Functions on whole files. Offsets and sizes are bytes of rows, from 0; blocks count from 0.
 
-progress(done, total) is called from time to time with the bytes done. An exception from it ends the work, and no output
-is left.
+progress(done, total) is called from time to time with the bytes done. A search for the heading, if one comes before the
+work, is counted by itself, in bytes of the file. An exception ends the work, and no output is left.
 """
 
 from __future__ import annotations

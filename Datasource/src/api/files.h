@@ -120,7 +120,8 @@ struct JoinOptions {
     bool durable = true;
     bool replace = false;
     Progress progress{};
-    std::filesystem::perms permissions{0666};  // of the file, less the umask, and no more than every input allows
+    std::filesystem::perms permissions{0666};  // of a new file, less the umask, and no more than every input allows; a
+                                               // file that is replaced passes its own on
 };
 
 struct JoinReport {

@@ -64,8 +64,9 @@ struct ORVA_API ByteSource {
     virtual std::size_t read_at(i64 offset, Bytes to) const = 0;
 };
 
-// Called from time to time on the caller's thread, with the bytes done out of `total`. An exception ends the work, and
-// comes out unchanged.
+// Called from time to time on the caller's thread, with the bytes done out of `total`. A search for the heading, if one
+// comes before the work, is counted by itself, in bytes of the file. An exception ends the work, and comes out
+// unchanged.
 using Progress = std::function<void(i64 done, i64 total)>;
 
 struct ReaderOptions {
