@@ -142,7 +142,7 @@ struct StreamTest : TempDir {
         write(*std::make_unique<ORVA_FileStream>(path("data").c_str(), "wb", encrypted), content);
         model = std::make_unique<ModelStream>(path("data"), mode, content, encrypted);
     }
-    // Without this stream: another one reads enciphered bytes, and takes the pad for data.
+    // Without this stream: another one reads encrypted bytes, and takes the pad for data.
     void expectFile() {
         model = nullptr;
         ORVA_FileStream reader(path("data").c_str(), "rb", fEncrypted);
