@@ -5,8 +5,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
-#include <iterator>
 #include <limits>
 #include <set>
 

@@ -22,8 +22,8 @@
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <span>
-#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
