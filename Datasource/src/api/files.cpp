@@ -310,7 +310,7 @@ private:
 
     // Throws what is wrong with the input, unless an append explains it.
     [[noreturn]] void refuseDamaged(const Path& path) const {
-        const shownPart input = opened(path, fOptions.row0);
+        const shownPart input = opened(path, fOptions.row0, fOptions.progress);
         translated(path, [&] { checkContiguous(input.bytes(), input.found().heading, input.records()); });
         if (const std::uint32_t blocks = input.blockCount()) {
             input.read(blocks - 1, compressedRoom(input.records()).get(), rowRoom(input.records()).get());
