@@ -75,7 +75,7 @@ struct ReaderOptions {
     int cached_blocks = 1;      // inflated blocks to keep, up to 4 MiB each: at least one for each thread that reads in
                                 // small pieces
     std::string name{};         // name of a source in error messages
-    Progress progress{};        // of a search for the heading, in bytes of the file
+    Progress progress{};        // of a search for the heading, in bytes of the file; kept for that of refresh()
 };
 
 class shownPart;
