@@ -37,7 +37,7 @@ public:
         // Reads rows first: an input that fails at once, or has none, changes nothing.
         fFirst.resize(from.read(fFirst.data(), static_cast<std::uint32_t>(fFirst.size())));
         if (!fFirst.empty()) rollBackInterrupted();
-        const shownFile file = openFile("append", fPart);
+        const openedPart file = openFile("append", fPart);
         progress bar(fProgress, "append", knownSize(fIn).value_or(-1));
         const std::int64_t added = fFirst.empty() ? addNothing(file) : append(file, from, bar);
         bar.finish(shownName(file.name) + ": " + humanSize(added) + " of rows added");
@@ -66,13 +66,13 @@ private:
     }
 
     // Refuses files that an append would have refused.
-    static std::int64_t addNothing(const shownFile& file) {
+    static std::int64_t addNothing(const openedPart& file) {
         requireSound(file.name, orva::verify(file.reader, {.first_block = std::ssize(file.info.blocks) - 1}));
         return 0;
     }
 
     // Returns the bytes added. Signals end it only until its last row is written.
-    std::int64_t append(const shownFile& file, input& from, progress& bar) const {
+    std::int64_t append(const openedPart& file, input& from, progress& bar) const {
         const signalDeferral deferral;
         orva::Writer rows = begin(file);
         const std::int64_t before = rows.size();
@@ -84,7 +84,7 @@ private:
         return rows.size() - before;
     }
 
-    orva::Writer begin(const shownFile& file) const {
+    orva::Writer begin(const openedPart& file) const {
         try {
             return orva::Writer::append(file.name, {.row0 = file.info.row0,
                                                     .threads = fThreads.wanted,

@@ -22,9 +22,9 @@ std::shared_ptr<std::byte> blockMemory();
 
 class blockRows {
 public:
-    explicit blockRows(const shownFile& file) : fFile(file) {}
+    explicit blockRows(const openedPart& file) : fFile(file) {}
 
-    const shownFile& file() const { return fFile; }
+    const openedPart& file() const { return fFile; }
     // The rows from `offset` to the end of its block. Valid until a third block is asked for.
     std::string_view from(std::int64_t offset);
     // Calls take(string_view), block by block, for the `size` bytes from `offset` on, which must all be rows.
@@ -48,7 +48,7 @@ private:
     };
     void load(std::int64_t offset);
 
-    const shownFile& fFile;
+    const openedPart& fFile;
     slot fCurrent;
     slot fBefore;
     std::int64_t fInflated = 0;

@@ -56,7 +56,7 @@ public:
         if (fRecordSize != 0 && fRecords.empty() && fWhere.empty()) {
             usageError("--record-size requires --records or --records-where");
         }
-        const shownFile file = openFile("cat", fPart);
+        const openedPart file = openFile("cat", fPart);
         if (fWhere.empty()) {
             copyRanges(file);
         } else {
@@ -66,14 +66,14 @@ public:
     }
 
 private:
-    void copyRanges(const shownFile& file) {
+    void copyRanges(const openedPart& file) {
         const std::vector<orva::Range> ranges = wantedRanges(file.info.size);
         std::int64_t total = 0;
         for (const orva::Range& wanted : ranges) total += wanted.length;
         requireOtherFile(fOut, {&fPart.file, 1});
         output out(fOut, fOutput, fPart.file);
         progress bar(fProgress, "cat", total);
-        copyPieces(file.reader, worksFor(file, ranges), out, bar);
+        copyPieces(file.reader, workFor(file, ranges), out, bar);
         out.finish();
         bar.finish(summary(out, total));
         if (fLostRanges == 0) return;
@@ -82,7 +82,7 @@ private:
                               (fDamaged == "zero" ? " and replaced by zeros" : " and left out"));
     }
 
-    void copyFound(const shownFile& file) {
+    void copyFound(const openedPart& file) {
         const keyRange range(fWhere);
         blockRows rows(file);
         recordSearch search(rows, range, fRecordSize);
@@ -120,7 +120,7 @@ private:
         orva::Range block;
         std::vector<orva::Range> pieces;
     };
-    static std::vector<work> worksFor(const shownFile& file, const std::vector<orva::Range>& ranges) {
+    static std::vector<work> workFor(const openedPart& file, const std::vector<orva::Range>& ranges) {
         std::vector<work> works;
         for (const orva::Range& wanted : ranges) {
             const std::int64_t end = wanted.offset + wanted.length;

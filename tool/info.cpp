@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::size_t kFlushAt = 1 << 16;
 
-const char* orderName(bool swapped) {
+const char* byteOrderName(bool swapped) {
     const bool little = (std::endian::native == std::endian::little) != swapped;
     return little ? "little" : "big";
 }
@@ -67,7 +67,8 @@ private:
                field("stored", sized(fInfo.stored) + " in " + counted(std::ssize(fInfo.blocks), "block") +
                                    (fInfo.stored == 0 ? "" : longest() + ratioText(fInfo.size, fInfo.stored))) +
                field("dictionary", dictionary()) +
-               field("heading", "at " + grouped(fInfo.row0) + ", " + orderName(fInfo.swapped) + "-endian" + found()) +
+               field("heading",
+                     "at " + grouped(fInfo.row0) + ", " + byteOrderName(fInfo.swapped) + "-endian" + found()) +
                field("index", "at " + grouped(fInfo.index.offset) + ", " + counted(fInfo.index.length, "byte")) +
                field("file", sized(fInfo.file_size) + fileRatio());
     }
@@ -118,7 +119,7 @@ private:
                                        {"fileSize", fInfo.file_size},
                                        {"row0", fInfo.row0},
                                        {"foundBy", ways[static_cast<std::size_t>(fInfo.found_by)]},
-                                       {"byteOrder", orderName(fInfo.swapped)},
+                                       {"byteOrder", byteOrderName(fInfo.swapped)},
                                        {"swapped", fInfo.swapped},
                                        {"dataSize", fInfo.size},
                                        {"storedSize", fInfo.stored},

@@ -37,11 +37,11 @@ void requireName(const std::string& file) {
         usageError("FILE cannot be standard input, which is read only from start to end: save it to a file first");
 }
 
-shownFile openFile(const partOptions& options) {
+openedPart openFile(const partOptions& options) {
     requireName(options.file);
     try {
         const orva::Reader reader(options.file, {.row0 = options.place(), .cached_blocks = 0});
-        shownFile file{options.file, reader, info(reader)};
+        openedPart file{options.file, reader, info(reader)};
         if (!options.swap || file.info.swapped) return file;
         throw toolFailure(kDamaged, options.file, "its heading has this machine's byte order: leave out --swap");
     } catch (const orva::UsageError& twoParts) {
@@ -49,8 +49,8 @@ shownFile openFile(const partOptions& options) {
     }
 }
 
-shownFile openFile(const std::string& verbName, const partOptions& options) {
-    shownFile file = openFile(options);
+openedPart openFile(const std::string& verbName, const partOptions& options) {
+    openedPart file = openFile(options);
     if (file.info.found_by == orva::FileInfo::FoundBy::search) {
         note(verbName, options.file,
              "heading found at offset " + grouped(file.info.row0) +

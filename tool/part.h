@@ -28,16 +28,16 @@ struct partOptions {
 };
 
 // A finished file as it was when it was opened.
-struct shownFile {
+struct openedPart {
     std::string name;
     orva::Reader reader;
     orva::FileInfo info;
 };
 
 // Throws toolFailure for a file in which two parts fit, unless the user says which.
-shownFile openFile(const partOptions& options);
+openedPart openFile(const partOptions& options);
 // The same; if a search has found the part, notes on standard error where.
-shownFile openFile(const std::string& verbName, const partOptions& options);
+openedPart openFile(const std::string& verbName, const partOptions& options);
 
 // Usage error for standard input, which is read only from start to end.
 void requireName(const std::string& file);

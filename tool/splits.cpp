@@ -60,7 +60,7 @@ public:
     }
 
     int run() override {
-        const shownFile file = openFile("splits", fPart);
+        const openedPart file = openFile("splits", fPart);
         const std::vector<orva::Range> list = splits(file);
         output out;
         out.write(fJson ? jsonText(report(list, file.info.size)) : lines(list));
@@ -87,7 +87,7 @@ private:
         return offset;
     }
 
-    std::vector<orva::Range> splits(const shownFile& file) const {
+    std::vector<orva::Range> splits(const openedPart& file) const {
         blockRows rows(file);
         std::vector<orva::Range> list;
         std::int64_t begin = 0;

@@ -32,7 +32,7 @@ public:
     }
 
 private:
-    void verify(const shownFile& file) {
+    void verify(const openedPart& file) {
         fInfo = file.info;
         progress bar(fProgress, "verify", fInfo.size);
         fReport = orva::verify(file.reader, {.threads = fThreads.wanted, .progress = bar.follower()});

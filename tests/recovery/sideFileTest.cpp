@@ -1,7 +1,7 @@
 // The side file of a safe append and its end: finished rows are never undone, old rows never lost, foreign files never
 // touched. interruptionTest.cpp covers kills and losses of power.
 #include "part/heldSideFile.h"
-#include "part/keptTail.h"
+#include "part/undoRecord.h"
 #include "recoveryTest.h"
 
 #include <orva/platformOwner.h>

@@ -133,7 +133,7 @@ struct secondReader {
         if (!fits || r.translatePos < 0 || r.translatePos > std::ssize(file) - r.translateSize) return std::nullopt;
         return Place{r.translatePos, r.translatePos + r.translateSize};
     }
-    int looseEnds(std::ptrdiff_t i) const {
+    int mismatchedEnds(std::ptrdiff_t i) const {
         const auto before = place(i - 1), own = place(i), behind = place(i + 1);
         const bool begin = (before || i == 0) && own->begin != (before ? before->end : row0 + kHeadingSize);
         return (begin ? 1 : 0) + (behind && own->end != behind->begin ? 1 : 0);
@@ -142,7 +142,7 @@ struct secondReader {
     bool yields(std::ptrdiff_t i, std::ptrdiff_t other) const {
         const auto own = place(i), its = place(other);
         if (!own || !its || std::max(own->begin, its->begin) >= std::min(own->end, its->end)) return false;
-        const int more = looseEnds(i) - looseEnds(other);
+        const int more = mismatchedEnds(i) - mismatchedEnds(other);
         return more != 0 ? more > 0 : own->begin <= its->begin;
     }
 

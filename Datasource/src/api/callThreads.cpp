@@ -13,9 +13,9 @@ namespace orva {
 
 namespace {
 
-class sharing {
+class sharedWork {
 public:
-    sharing(std::size_t count, const std::function<sharedWorker(bool)>& makeWorker)
+    sharedWork(std::size_t count, const std::function<sharedWorker(bool)>& makeWorker)
         : fCount(count), fMakeWorker(makeWorker) {}
 
     void work(bool caller) noexcept {
@@ -49,22 +49,22 @@ private:
     std::exception_ptr fFailure;
 };
 
-class oneMore final : public CallBackObject {
+class poolWork final : public CallBackObject {
 public:
-    oneMore() : CallBackObject(nullptr) {}
+    poolWork() : CallBackObject(nullptr) {}
     int onCallBack(void* shared) override {
-        static_cast<sharing*>(shared)->work(false);
+        static_cast<sharedWork*>(shared)->work(false);
         return 0;
     }
 };
 
 // Works on this thread and on `others` more.
-void workBeside(int others, sharing& shared) {
+void workOnPool(int others, sharedWork& shared) {
     ktThreadPool pool(others, 0);
     pool.init();
     try {
         pool.startAll();
-        for (int i = 0; i < others; ++i) pool.runCallBack(new oneMore, &shared, 0);
+        for (int i = 0; i < others; ++i) pool.runCallBack(new poolWork, &shared, 0);
     } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): this thread does all the work
     }
     shared.work(true);
@@ -74,10 +74,10 @@ void workBeside(int others, sharing& shared) {
 }  // namespace
 
 void shareOut(std::uint32_t threads, std::size_t count, const std::function<sharedWorker(bool caller)>& makeWorker) {
-    sharing shared(count, makeWorker);
+    sharedWork shared(count, makeWorker);
     const std::size_t useful = std::min<std::size_t>(threads, count);
     if (useful > 1) {
-        workBeside(static_cast<int>(useful) - 1, shared);
+        workOnPool(static_cast<int>(useful) - 1, shared);
     } else {
         shared.work(true);
     }

@@ -1,5 +1,5 @@
 #include "api/callThreads.h"
-#include "api/shownPart.h"
+#include "api/partSnapshot.h"
 #include "api/translated.h"
 #include "base/blockBuffer.h"
 #include "base/fileError.h"
@@ -25,16 +25,16 @@ namespace orva {
 
 namespace {
 
-shownPart opened(const Path& path, std::optional<i64> row0, const Progress& progress = {}) {
+partSnapshot opened(const Path& path, std::optional<i64> row0, const Progress& progress = {}) {
     const std::string place = fullName(path.string());
     return translated(
-        path, [&] { return shownPart(path, place, row0, false, progress); }, place);
+        path, [&] { return partSnapshot(path, place, row0, false, progress); }, place);
 }
 
 // Runs work in lower rooms, which know the inputs by full names; a failure of one is reported under the caller's name
 // for it.
 template <class Work>
-auto blaming(std::span<const Path> inputs, Work work) {
+auto namingInput(std::span<const Path> inputs, Work work) {
     const auto blame = [&](const std::string& name) {
         for (const Path& input : inputs) {
             if (fullName(input.string()) == name) rethrowTranslated(input, name);
@@ -69,7 +69,7 @@ auto made(const Path& to, std::filesystem::perms permissions, bool replace, bool
 }  // namespace
 
 FileInfo info(const Reader& reader) {
-    const std::shared_ptr<const shownPart> part = partOf(reader);
+    const std::shared_ptr<const partSnapshot> part = partOf(reader);
     FileInfo found;
     found.found_by = part->found().by;
     found.swapped = part->swapped();
@@ -93,7 +93,7 @@ namespace {
 // Inflates the blocks of a part on several threads.
 class verifier {
 public:
-    verifier(const shownPart& part, const VerifyOptions& options)
+    verifier(const partSnapshot& part, const VerifyOptions& options)
         : fPart(part),
           fProgress(options.progress),
           fFirst(static_cast<std::uint32_t>(std::clamp<i64>(options.first_block, 0, part.blockCount()))),
@@ -104,7 +104,7 @@ public:
         checkIndex();
         shareOut(threads, fPart.blockCount() - fFirst, [this](bool caller) { return worker(caller); });
         std::ranges::sort(fReport.bad, {}, &BadBlock::block);
-        tellProgress(fProgress, fPart.size(), fPart.size());
+        reportProgress(fProgress, fPart.size(), fPart.size());
         return std::move(fReport);
     }
 
@@ -127,7 +127,7 @@ private:
             const std::uint32_t block = fFirst + static_cast<std::uint32_t>(number);
             verify(block, own->compressed.get(), own->rows.get());
             fDone += fPart.block(block).rows.length;
-            if (caller) tellProgress(fProgress, fDone, fPart.size());
+            if (caller) reportProgress(fProgress, fDone, fPart.size());
         };
     }
 
@@ -146,7 +146,7 @@ private:
         fReport.bad.push_back({number, fPart.block(number).rows, text});
     }
 
-    const shownPart& fPart;
+    const partSnapshot& fPart;
     const Progress& fProgress;
     const std::uint32_t fFirst;
     std::atomic<i64> fDone;
@@ -157,7 +157,7 @@ private:
 }  // namespace
 
 VerifyReport verify(const Reader& reader, const VerifyOptions& options) {
-    const std::shared_ptr<const shownPart> part = partOf(reader);
+    const std::shared_ptr<const partSnapshot> part = partOf(reader);
     const std::uint32_t threads = threadsAtWork(options.threads, part->path());
     return translated(part->path(), [&] { return verifier(*part, options).run(threads); });
 }
@@ -188,7 +188,7 @@ std::optional<foundPart> statedPart(const Path& path, const std::string& place, 
         constexpr char streamBegin = 0x78;
         char begin = 0;
         if (row0 && !(file.read(&begin, 1, *row0 + kHeadingSize) && begin == streamBegin)) {
-            const auto moved = [&](i64 at) { tellProgress(progress, at, file.length()); };
+            const auto moved = [&](i64 at) { reportProgress(progress, at, file.length()); };
             if (const auto part = findPart(place, 1, moved); part && isSound(place, *part)) return part;
         }
     }
@@ -205,10 +205,10 @@ RecoverReport recover(const Path& from, const Path& to, const RecoverOptions& op
     recoverOptions how{translated(
                            from, [&] { return statedPart(from, place, options.row0, options.progress); }, place),
                        options.committed, options.drop_lost};
-    if (options.progress) how.tell = [&](i64 done, i64 total) { tellProgress(options.progress, done, total); };
+    if (options.progress) how.tell = [&](i64 done, i64 total) { reportProgress(options.progress, done, total); };
     const auto write = [&](const std::string& output) {
         try {
-            return blaming({&from, 1}, [&] { return recover(place, output, how); });
+            return namingInput({&from, 1}, [&] { return recover(place, output, how); });
         } catch (const DamagedFileError& damage) {
             throw DamagedFileError(damage.reason(), from);
         }
@@ -246,7 +246,7 @@ namespace {
 
 // The dictionary text of the first of several files, in the same length, without the lines about the origin of its
 // rows.
-std::string outlivedText(const shownPart& first) {
+std::string textWithoutSource(const partSnapshot& first) {
     const std::vector<std::byte> bytes = first.dictionary();
     std::string text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     for (const std::string key : {"\nsource=", "\nsize="}) {
@@ -272,7 +272,7 @@ public:
         joinOptions how;
         how.row0Pos = std::ssize(fDictionary);
         i64 done = how.row0Pos;
-        how.copied = [&](i64 count) { tellProgress(fOptions.progress, done += count, fTotal); };
+        how.copied = [&](i64 count) { reportProgress(fOptions.progress, done += count, fTotal); };
         if (how.row0Pos != 0) {
             ORVA_File file;
             openOrThrow(file, output, "r+b", kWriteFailed);
@@ -281,7 +281,7 @@ public:
         }
         joinReport report;
         try {
-            report = blaming(fFrom, [&] { return join(fInputs, output, how); });
+            report = namingInput(fFrom, [&] { return join(fInputs, output, how); });
         } catch (const DamagedFileError& damage) {
             refuseDamaged(damage.path());
         }
@@ -292,12 +292,12 @@ public:
 private:
     void add(const Path& path, const Path& to) {
         const std::string place = fullName(path.string());
-        const shownPart part = opened(path, fOptions.row0, fOptions.progress);
+        const partSnapshot part = opened(path, fOptions.row0, fOptions.progress);
         require(!platform::sameFile(place.c_str(), fullName(to.string()).c_str()), to,
                 "it is one of the files to join: choose another name");
         if (fInputs.empty()) {
             const bool text = part.found().text && part.row0() <= kLongestText;
-            if (fDictionary.empty() && text && fFrom.size() > 1) fDictionary = outlivedText(part);
+            if (fDictionary.empty() && text && fFrom.size() > 1) fDictionary = textWithoutSource(part);
             fTotal = fDictionary.empty() ? part.row0() : std::ssize(fDictionary);
         } else if (part.swapped() != fInputs.front().part.swapped) {
             throw UsageError("has a different byte order from \"" + fFrom.front().string() +
@@ -310,7 +310,7 @@ private:
 
     // Throws what is wrong with the input, unless an append explains it.
     [[noreturn]] void refuseDamaged(const Path& path) const {
-        const shownPart input = opened(path, fOptions.row0, fOptions.progress);
+        const partSnapshot input = opened(path, fOptions.row0, fOptions.progress);
         translated(path, [&] { checkContiguous(input.bytes(), input.found().heading, input.records()); });
         if (const std::uint32_t blocks = input.blockCount()) {
             input.read(blocks - 1, compressedRoom(input.records()).get(), rowRoom(input.records()).get());
@@ -321,7 +321,7 @@ private:
     // If an append without a side file has begun to rewrite a last block, only that block shows it, since heading and
     // index are still the old ones.
     void checkLastBlocks(const std::string& output, const joinReport& report) const {
-        const shownPart joined(output, output, report.part.row0Pos);
+        const partSnapshot joined(output, output, report.part.row0Pos);
         const blockBuffer compressed = compressedRoom(joined.records());
         const blockBuffer rows = rowRoom(joined.records());
         std::uint32_t end = 0;

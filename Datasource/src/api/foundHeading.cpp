@@ -57,7 +57,7 @@ private:
     [[noreturn]] void refuse(const std::string& reason) const { throw DamagedFileError(named(reason), fPath); }
 
     std::optional<foundPart> partFrom(std::int64_t from) const {
-        return findPart(fPlace, from, [this](std::int64_t at) { tellProgress(fProgress, at, fLength); });
+        return findPart(fPlace, from, [this](std::int64_t at) { reportProgress(fProgress, at, fLength); });
     }
 
     std::int64_t searched() const {
@@ -73,7 +73,7 @@ private:
         foundHeading found{by, {}, {}, false, isStated(place) ? fText : std::nullopt};
         if (!readRaw(place, found.raw)) refuseNone(place);
         found.heading = std::bit_cast<compressionHeading>(found.raw);
-        if (found.heading._caseStartPos == place && !isTurned(found.heading)) return found;
+        if (found.heading._caseStartPos == place && !looksSwapped(found.heading)) return found;
         swapHeading(found.heading);
         found.swapped = true;
         if (found.heading._caseStartPos != place) refuseNone(place);
@@ -81,7 +81,7 @@ private:
     }
 
     // An offset that reads the same in both orders does not show it. The place of the index then does.
-    bool isTurned(compressionHeading heading) const {
+    bool looksSwapped(compressionHeading heading) const {
         if (swapBytes(heading._caseStartPos) != heading._caseStartPos) return false;
         const auto fits = [&] { return heading._indexPos > heading._caseStartPos && heading._indexPos < fLength; };
         const bool own = fits();

@@ -1,6 +1,6 @@
 // Finds the heading of a part: where the caller says, else where the dictionary part says, else by a search.
 //
-// Failure: DamagedFileError, UnfinishedFileError and UsageError of orva::; FileError; callersFailure.
+// Failure: DamagedFileError, UnfinishedFileError and UsageError of orva::; FileError; callbackFailure.
 #pragma once
 
 #include "format/indexTransfer.h"

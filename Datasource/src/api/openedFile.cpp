@@ -35,7 +35,7 @@ void refusePipe(const std::string& name, const std::string& place) {
 }
 
 std::int64_t sizeOf(const ByteSource& source) {
-    const std::int64_t size = callersOwn([&] { return source.size(); });
+    const std::int64_t size = callBack([&] { return source.size(); });
     require(size >= 0, {}, "the source returned a negative size");
     return size;
 }
@@ -64,7 +64,7 @@ bool openedFile::read(void* to, std::uint64_t size, std::int64_t place) const {
 
 bool sourceBytes::read(void* to, std::uint64_t size, std::int64_t place) const {
     const Bytes wanted(static_cast<std::byte*>(to), static_cast<std::size_t>(size));
-    return callersOwn([&] { return fSource->read_at(place, wanted); }) == wanted.size();
+    return callBack([&] { return fSource->read_at(place, wanted); }) == wanted.size();
 }
 
 }  // namespace orva

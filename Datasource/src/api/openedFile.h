@@ -2,7 +2,7 @@
 // by side and a fork finds none held.
 //
 // Threads: any.
-// Failure: FileError from the system; callersFailure from a source.
+// Failure: FileError from the system; callbackFailure from a source.
 #pragma once
 
 #include "format/storedBytes.h"

@@ -163,7 +163,7 @@ void pendingFile::holdReplaced() {
     fReplaced = platform::openShared(fTarget.c_str(), platform::_O_RDONLY | platform::_O_NOFOLLOW, 0, 0);
     const bool opened = fReplaced >= 0;
     if (opened && (platform::lockAgainstWriters(fReplaced) == 0 || errno != EWOULDBLOCK)) return;
-    if (opened || !goesWithout(errno)) throwFileError(errno, kWriteFailed, fTarget);
+    if (opened || !isAbsentOrForbidden(errno)) throwFileError(errno, kWriteFailed, fTarget);
 }
 
 // Exclusive creation: in a directory that others can write to, nobody can have put a link there. The file is never open

@@ -1,6 +1,6 @@
-#include "api/blockShelf.h"
+#include "api/blockCache.h"
+#include "api/partSnapshot.h"
 #include "api/rowsRead.h"
-#include "api/shownPart.h"
 #include "api/translated.h"
 #include "file/namedFile.h"
 
@@ -18,7 +18,7 @@ ByteSource::~ByteSource() = default;
 
 // The state that copies share. A read uses the part shown at its beginning until its end, whatever refresh does.
 struct Reader::State {
-    using partPtr = std::shared_ptr<const shownPart>;
+    using partPtr = std::shared_ptr<const partSnapshot>;
 
     State(Path path, std::shared_ptr<const ByteSource> source, const ReaderOptions& given)
         : fPath(std::move(path)),
@@ -40,9 +40,9 @@ struct Reader::State {
         return translated(
             fPath,
             [this] {
-                return fSource != nullptr
-                           ? std::make_shared<const shownPart>(fSource, fOptions.name, fOptions.row0)
-                           : std::make_shared<const shownPart>(fPath, fPlace, fOptions.row0, false, fOptions.progress);
+                return fSource != nullptr ? std::make_shared<const partSnapshot>(fSource, fOptions.name, fOptions.row0)
+                                          : std::make_shared<const partSnapshot>(fPath, fPlace, fOptions.row0, false,
+                                                                                 fOptions.progress);
             },
             fPlace.string());
     }
@@ -60,10 +60,10 @@ struct Reader::State {
             const platform::noFork whole;  // else a child could have the part without its descriptor
             next.reset(fShown.exchange(next.release()));
         }
-        mine.shelf.clear();
+        mine.cache.clear();
     }
-    void read(const shownPart& part, std::span<const rowPiece> pieces) {
-        readPieces(part, ofProcess().shelf, pieces, fThreads);
+    void read(const partSnapshot& part, std::span<const rowPiece> pieces) {
+        readPieces(part, ofProcess().cache, pieces, fThreads);
     }
 
     const Path fPath;   // as the caller wrote it; empty for a source
@@ -76,10 +76,10 @@ private:
     // Everything with a lock. A forked child may find the locks held by threads that it does not have, so it makes its
     // own and leaks the inherited ones.
     struct own {
-        explicit own(int cachedBlocks) : shelf(cachedBlocks) {}
+        explicit own(int cachedBlocks) : cache(cachedBlocks) {}
         const std::uint32_t forks = platform::forkCount();
         std::mutex lock;  // held while the pointer that fShown leads to is copied or exchanged
-        blockShelf shelf;
+        blockCache cache;
     };
     own& ofProcess() {
         own* found = fOwn.load(std::memory_order_acquire);
@@ -144,7 +144,7 @@ std::vector<Range> Reader::splits(int count, i64 record_size) const {
 namespace {
 
 // Cuts a request at the borders of blocks and returns the number of bytes that there are for it.
-std::size_t cut(const shownPart& part, i64 offset, Bytes to, std::vector<rowPiece>& pieces) {
+std::size_t cut(const partSnapshot& part, i64 offset, Bytes to, std::vector<rowPiece>& pieces) {
     const auto got = static_cast<std::size_t>(std::clamp<i64>(part.size() - offset, 0, std::ssize(to)));
     std::uint32_t block = got == 0 ? 0 : part.blockAt(offset);
     for (std::size_t done = 0; done < got; ++block) {
@@ -179,7 +179,7 @@ void Reader::refresh() {
     fState->refresh();
 }
 
-std::shared_ptr<const shownPart> partOf(const Reader& reader) {
+std::shared_ptr<const partSnapshot> partOf(const Reader& reader) {
     return reader.fState->shown();
 }
 

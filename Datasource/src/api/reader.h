@@ -78,7 +78,7 @@ struct ReaderOptions {
     Progress progress{};        // of a search for the heading, in bytes of the file; kept for that of refresh()
 };
 
-class shownPart;
+class partSnapshot;
 
 class ORVA_API Reader {
 public:
@@ -127,7 +127,7 @@ public:
 private:
     template <class T>
     friend class Rows;
-    friend std::shared_ptr<const shownPart> partOf(const Reader& reader);
+    friend std::shared_ptr<const partSnapshot> partOf(const Reader& reader);
     const Path& path() const noexcept;
 
     struct ORVA_LOCAL State;

@@ -13,10 +13,10 @@ namespace {
 
 using pieceSpan = std::span<const rowPiece>;
 
-void inflate(const shownPart& part, blockShelf& shelf, std::uint32_t block, void* to) {
-    blockBuffer scratch = shelf.takeScratch(part);
+void inflate(const partSnapshot& part, blockCache& cache, std::uint32_t block, void* to) {
+    blockBuffer scratch = cache.takeScratch(part);
     part.read(block, scratch.get(), static_cast<unsigned char*>(to));
-    shelf.putBack(std::move(scratch));
+    cache.putBack(std::move(scratch));
 }
 
 void copy(pieceSpan pieces, const blockBuffer& rows) {
@@ -26,18 +26,18 @@ void copy(pieceSpan pieces, const blockBuffer& rows) {
 }
 
 // Reads the pieces of one block.
-void readBlock(const shownPart& part, blockShelf& shelf, pieceSpan pieces) {
+void readBlock(const partSnapshot& part, blockCache& cache, pieceSpan pieces) {
     const rowPiece& first = pieces.front();
-    if (blockShelf::rows kept = shelf.find(part.id(), first.block)) {
+    if (blockCache::rows kept = cache.find(part.id(), first.block)) {
         copy(pieces, *kept);
-        return shelf.putBack(std::move(kept));
+        return cache.putBack(std::move(kept));
     }
     const bool isWhole = first.from == 0 && first.size == part.begin(first.block + 1) - part.begin(first.block);
-    if (pieces.size() == 1 && isWhole) return inflate(part, shelf, first.block, first.to);
-    blockShelf::rows rows = shelf.memory(part);
-    inflate(part, shelf, first.block, rows->get());
+    if (pieces.size() == 1 && isWhole) return inflate(part, cache, first.block, first.to);
+    blockCache::rows rows = cache.memory(part);
+    inflate(part, cache, first.block, rows->get());
     copy(pieces, *rows);
-    shelf.keep(part.id(), first.block, std::move(rows));
+    cache.keep(part.id(), first.block, std::move(rows));
 }
 
 std::vector<pieceSpan> byBlock(pieceSpan pieces) {
@@ -52,11 +52,11 @@ std::vector<pieceSpan> byBlock(pieceSpan pieces) {
 
 }  // namespace
 
-void readPieces(const shownPart& part, blockShelf& shelf, pieceSpan pieces, std::uint32_t threads) {
+void readPieces(const partSnapshot& part, blockCache& cache, pieceSpan pieces, std::uint32_t threads) {
     if (pieces.empty()) return;
-    if (pieces.front().block == pieces.back().block) return readBlock(part, shelf, pieces);
+    if (pieces.front().block == pieces.back().block) return readBlock(part, cache, pieces);
     const std::vector<pieceSpan> blocks = byBlock(pieces);
-    shareOut(threads, blocks.size(), [&](bool) { return [&](std::size_t i) { readBlock(part, shelf, blocks[i]); }; });
+    shareOut(threads, blocks.size(), [&](bool) { return [&](std::size_t i) { readBlock(part, cache, blocks[i]); }; });
 }
 
 }  // namespace orva

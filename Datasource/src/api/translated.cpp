@@ -37,7 +37,7 @@ std::string reasonOf(const ::DamagedFileError& damage) {
     return "damaged: " + foundIn(damage);
 }
 
-bool goesWithout(int error) {
+bool isAbsentOrForbidden(int error) {
     return error == ENOENT || error == ENOTDIR || error == EACCES || error == EPERM;
 }
 
@@ -56,7 +56,7 @@ std::uint32_t threadsAtWork(int threads, const Path& path) {
 void rethrowTranslated(const Path& path, const std::string& workName, std::optional<i64> offset) {
     try {
         throw;
-    } catch (const callersFailure& failure) {
+    } catch (const callbackFailure& failure) {
         std::rethrow_exception(failure.cause);
     } catch (const Error&) {
         throw;

@@ -14,19 +14,19 @@
 namespace orva {
 
 // An exception of a ByteSource, a Progress or other code of the caller, which comes out unchanged.
-struct callersFailure {
+struct callbackFailure {
     std::exception_ptr cause;
 };
 template <class Work>
-auto callersOwn(Work work) {
+auto callBack(Work work) {
     try {
         return work();
     } catch (...) {
-        throw callersFailure{std::current_exception()};
+        throw callbackFailure{std::current_exception()};
     }
 }
-inline void tellProgress(const Progress& progress, i64 done, i64 total) {
-    if (progress) callersOwn([&] { progress(done, total); });
+inline void reportProgress(const Progress& progress, i64 done, i64 total) {
+    if (progress) callBack([&] { progress(done, total); });
 }
 
 // For a catch block: throws the current exception as an orva:: error about `path`. `workName` is the file's name in the
@@ -45,7 +45,7 @@ auto translated(const Path& path, Work work, const std::string& workName = {}) {
 
 // True if the error says that the file does not exist or that the caller may not open it: the caller then goes on
 // without the file. Other errors, such as too many open files, do not tell whether it exists.
-bool goesWithout(int error);
+bool isAbsentOrForbidden(int error);
 
 // Throws UsageError about `path` unless `fulfilled`.
 void require(bool fulfilled, const Path& path, const char* what);

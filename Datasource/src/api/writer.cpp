@@ -1,5 +1,5 @@
 #include "api/openedFile.h"
-#include "api/shownPart.h"
+#include "api/partSnapshot.h"
 #include "api/translated.h"
 #include "base/fileError.h"
 #include "file/namedFile.h"
@@ -40,7 +40,7 @@ struct Writer::State {
     template <class Options>
     State(const Path& path, const Options& options)
         : fPath(path),
-          fRoads{0, threadsAtWork(options.threads, path) - 1},
+          fThreadSettings{0, threadsAtWork(options.threads, path) - 1},
           fChoices(chosen(options.block, options.level, path)),
           bDurable(options.durable) {}
 
@@ -66,7 +66,7 @@ struct Writer::State {
         const void* bytes = text.empty() ? static_cast<const void*>(options.dictionary.data()) : text.data();
         fRow0 = static_cast<i64>(text.size() + options.dictionary.size());
         writeAll(*fOpened, bytes, static_cast<std::uint64_t>(fRow0), 0);
-        fPart = std::make_unique<partWriter>(*fOpened, fRow0, fRoads, fChoices);
+        fPart = std::make_unique<partWriter>(*fOpened, fRow0, fThreadSettings, fChoices);
     }
 
     void beginAppend(const AppendOptions& options) {
@@ -78,7 +78,7 @@ struct Writer::State {
             fNamed = std::make_unique<openedFile>(fPath.string(), fPlace);
         } while (!fOpened->isNamed(fPlace) || !fNamed->isNamed(fPlace));
         if (hasSideFile(fPlace)) throw unfinished(fPath, false);
-        const shownPart found(fPath, fPlace, options.row0, true, options.progress);
+        const partSnapshot found(fPath, fPlace, options.row0, true, options.progress);
         bOtherOrder = found.swapped();
         require(!bOtherOrder || options.any_order, fPath,
                 "its rows have the other byte order: use 'orva append', or any_order in C++, to add bytes as they are");
@@ -92,7 +92,7 @@ struct Writer::State {
     void resume(bool swap) {
         const i64 end = fRow0 + fSize;
         const resumePoint from{swap, end, end, end, bDurable};
-        fPart = std::make_unique<partWriter>(*fOpened, fRow0, fRoads, fChoices, from);
+        fPart = std::make_unique<partWriter>(*fOpened, fRow0, fThreadSettings, fChoices, from);
     }
 
     i64 size() const { return fPart != nullptr ? fPart->end() - fRow0 : fSize; }
@@ -128,7 +128,7 @@ struct Writer::State {
     }
 
     const Path fPath;  // as the caller wrote it
-    const roads fRoads;
+    const threadSettings fThreadSettings;
     choices fChoices;
     const bool bDurable;
     const std::int64_t fProcess = platform::processId();
@@ -210,7 +210,7 @@ void Writer::write_from(const ByteSource& source) {
     s.step([&] {
         const i64 size = sizeOf(source);
         const rowSource read = [&](std::int64_t offset, std::span<unsigned char> to) {
-            if (callersOwn([&] { return source.read_at(offset, std::as_writable_bytes(to)); }) == to.size()) return;
+            if (callBack([&] { return source.read_at(offset, std::as_writable_bytes(to)); }) == to.size()) return;
             throw FileChangedError("the source of the rows became shorter while it was being read", s.fPath);
         };
         s.part().writeFrom(read, size);

@@ -91,7 +91,7 @@ unsigned int ORVA_File::Cipher::overlayWaiting(unsigned char* bytes, unsigned in
 void ORVA_File::Cipher::write(const unsigned char* data, unsigned int size, std::int64_t byteOffset) {
     if (size == 0) return;
     if (!mayWrite(size, byteOffset)) fFile.fail(kWriteFailed, EINVAL);
-    orEndAsBefore([&] { writeWhole(data, size, byteOffset); });
+    orRestoreEnd([&] { writeWhole(data, size, byteOffset); });
 }
 
 // Changes the waiting bytes only once the rest of the write is in the file too.
@@ -197,7 +197,7 @@ unsigned int ORVA_File::Cipher::writePaddedBlock() {
     const int pad = CIPHER_BLOCK_SIZE - fFile.fRemainderSize;
     std::memset(fFile.fRemainder + fFile.fRemainderSize, 0, static_cast<std::size_t>(pad));
     unsigned int count = 0;
-    orEndAsBefore([&] { count = writeBlocks(fFile.fRemainder, CIPHER_BLOCK_SIZE, fTailPos); });
+    orRestoreEnd([&] { count = writeBlocks(fFile.fRemainder, CIPHER_BLOCK_SIZE, fTailPos); });
     fFile.fRemainderSize = 0;
     fFile.fPadSize = pad;
     return count;

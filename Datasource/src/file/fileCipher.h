@@ -47,7 +47,7 @@ private:
     // Cuts the file back if `write` throws, since a failed write may have made it longer, even by part of a block: the
     // end stays where an appending write has to begin, and a padded block stays the last one.
     template <class Write>
-    void orEndAsBefore(Write write) {
+    void orRestoreEnd(Write write) {
         const std::int64_t before = fileEnd();
         try {
             write();

@@ -26,16 +26,17 @@ void addRecord(filePosInfo& index, std::int64_t pos, std::int64_t place, std::ui
     index.addRecord(pos, place, static_cast<std::int32_t>(size), static_cast<std::int32_t>(length));
 }
 
-[[noreturn]] void refuse(const readRoad& road, const blockPlace& block, const char* check, const std::string& what) {
+[[noreturn]] void refuse(const readContext& context, const blockPlace& block, const char* check,
+                         const std::string& what) {
     const filePosRecord& r = block.record;
-    throw DamagedFileError(road.file.name(), check,
+    throw DamagedFileError(context.file.name(), check,
                            "block " + std::to_string(block.number) + " (logical positions " +
                                std::to_string(r.orginalPos) + " to " + std::to_string(r.orginalPos + r.orginalSize) +
                                ", file offset " + std::to_string(r.translatePos) + ") " + what,
                            {block.number, r.translatePos});
 }
 
-bool standsInside(const filePosRecord& r, std::int64_t fileEnd) {
+bool liesInside(const filePosRecord& r, std::int64_t fileEnd) {
     return isBlockSize(r.translateSize) && r.translatePos >= 0 && r.translatePos <= fileEnd - r.translateSize;
 }
 
@@ -48,16 +49,16 @@ struct allBlocks {
     std::optional<filePosRecord> credible(std::int64_t number) const {
         if (number < 0 || number >= std::ssize(records)) return std::nullopt;
         const filePosRecord& r = records[static_cast<std::size_t>(number)];
-        if (!standsInside(r, fileEnd)) return std::nullopt;
+        if (!liesInside(r, fileEnd)) return std::nullopt;
         return r;
     }
     // Counts the ends of a record that do not meet its neighbours: no writer leaves gaps between blocks.
-    int looseEnds(std::int64_t number, const filePosRecord& r) const {
+    int mismatchedEnds(std::int64_t number, const filePosRecord& r) const {
         const std::optional<filePosRecord> before = credible(number - 1);
         const std::optional<filePosRecord> behind = credible(number + 1);
-        const bool looseBegin = before ? r.translatePos != before->translatePos + before->translateSize
-                                       : number == 0 && r.translatePos - kHeadingSize != r.orginalPos;
-        return (looseBegin ? 1 : 0) + (behind && r.translatePos + r.translateSize != behind->translatePos ? 1 : 0);
+        const bool mismatchedBegin = before ? r.translatePos != before->translatePos + before->translateSize
+                                            : number == 0 && r.translatePos - kHeadingSize != r.orginalPos;
+        return (mismatchedBegin ? 1 : 0) + (behind && r.translatePos + r.translateSize != behind->translatePos ? 1 : 0);
     }
     // Of two records with bytes in common one is wrong: the one that fits its neighbours less well, else the one that
     // begins first, since its end passes the other's beginning.
@@ -66,33 +67,34 @@ struct allBlocks {
         const std::optional<filePosRecord> b = credible(other);
         if (!a || !b || a->translatePos >= b->translatePos + b->translateSize) return false;
         if (b->translatePos >= a->translatePos + a->translateSize) return false;
-        const int more = looseEnds(number, *a) - looseEnds(other, *b);
+        const int more = mismatchedEnds(number, *a) - mismatchedEnds(other, *b);
         return more > 0 || (more == 0 && a->translatePos <= b->translatePos);
     }
 };
 
 // Memory for rows has room for the longest block only.
-void checkRows(const readRoad& road, const blockPlace& block) {
+void checkRows(const readContext& context, const blockPlace& block) {
     if (isBlockSize(block.record.orginalSize)) return;
-    refuse(road, block, "orginalSize in 1..4190208", "has a record with an impossible size");
+    refuse(context, block, "orginalSize in 1..4190208", "has a record with an impossible size");
 }
 
-void checkRecord(const readRoad& road, const blockPlace& block) {
+void checkRecord(const readContext& context, const blockPlace& block) {
     const filePosRecord& r = block.record;
-    checkRows(road, block);
+    checkRows(context, block);
     if (!isBlockSize(r.translateSize)) {
-        refuse(road, block, "translateSize in 1..4190208",
+        refuse(context, block, "translateSize in 1..4190208",
                "has a record with the compressed size " + std::to_string(r.translateSize));
     }
-    if (!standsInside(r, block.fileEnd)) {
-        refuse(road, block, "translatePos inside the file", "lies outside the file");
+    if (!liesInside(r, block.fileEnd)) {
+        refuse(context, block, "translatePos inside the file", "lies outside the file");
     }
     if (block.nextStart && *block.nextStart != r.orginalPos + r.orginalSize) {
-        refuse(road, block, "orginalPos + orginalSize == next orginalPos",
+        refuse(context, block, "orginalPos + orginalSize == next orginalPos",
                "does not end where the next one begins, at " + std::to_string(*block.nextStart));
     }
     if (block.overlaps) {
-        refuse(road, block, "translatePos + translateSize <= next translatePos", "overlaps its neighbour in the file");
+        refuse(context, block, "translatePos + translateSize <= next translatePos",
+               "overlaps its neighbour in the file");
     }
 }
 
@@ -139,10 +141,10 @@ std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBl
     return secondPlace + deflated.secondLength;
 }
 
-std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::uint32_t size, std::int64_t pos,
+std::int64_t writeBlock(const writeContext& context, const unsigned char* block, std::uint32_t size, std::int64_t pos,
                         std::int64_t place) {
-    const deflatedBlock deflated = deflateBlock(road.codec, road.level, block, size, road.scratch);
-    return writeDeflated(road.file, road.index, deflated, road.scratch, pos, place);
+    const deflatedBlock deflated = deflateBlock(context.codec, context.level, block, size, context.scratch);
+    return writeDeflated(context.file, context.index, deflated, context.scratch, pos, place);
 }
 
 void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place) {
@@ -174,33 +176,34 @@ std::uint32_t blockAt(const filePosInfo& index, std::int64_t pos) {
     return *number;
 }
 
-void readCompressed(const readRoad& road, const blockPlace& block) {
-    checkRecord(road, block);
+void readCompressed(const readContext& context, const blockPlace& block) {
+    checkRecord(context, block);
     const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
-    if (!road.file.read(road.compressed, deflated, block.record.translatePos, road.ahead)) {
-        refuse(road, block, "ret == bInfo.translateSize", "is cut short by the end of the file");
+    if (!context.file.read(context.compressed, deflated, block.record.translatePos, context.ahead)) {
+        refuse(context, block, "ret == bInfo.translateSize", "is cut short by the end of the file");
     }
 }
 
-std::uint32_t inflateBlock(const readRoad& road, const blockPlace& block, unsigned char* dest) {
-    checkRows(road, block);
+std::uint32_t inflateBlock(const readContext& context, const blockPlace& block, unsigned char* dest) {
+    checkRows(context, block);
     const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
     const auto size = static_cast<std::uint32_t>(block.record.orginalSize);
-    const blockOutcome outcome = requireMemory(road.codec.inflateWhole(road.compressed, deflated, dest, size));
-    if (outcome.produced == 0) refuse(road, block, "ret!= 0", "does not inflate");
+    const blockOutcome outcome = requireMemory(context.codec.inflateWhole(context.compressed, deflated, dest, size));
+    if (outcome.produced == 0) refuse(context, block, "ret!= 0", "does not inflate");
     if (outcome.produced != size) {
-        refuse(road, block, "0: outCount == bInfo.orginalSize",
+        refuse(context, block, "0: outCount == bInfo.orginalSize",
                "inflates to only " + std::to_string(outcome.produced) + " bytes");
     }
     if (outcome.end != blockOutcome::complete || outcome.consumed != deflated) {
-        refuse(road, block, "0: Z_STREAM_END at the last byte", "fails its checksum or does not end where it should");
+        refuse(context, block, "0: Z_STREAM_END at the last byte",
+               "fails its checksum or does not end where it should");
     }
     return size;
 }
 
-std::uint32_t readBlock(const readRoad& road, const blockPlace& block, unsigned char* dest) {
-    readCompressed(road, block);
-    return inflateBlock(road, block, dest);
+std::uint32_t readBlock(const readContext& context, const blockPlace& block, unsigned char* dest) {
+    readCompressed(context, block);
+    return inflateBlock(context, block, dest);
 }
 
 }  // namespace orva

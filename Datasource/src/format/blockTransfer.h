@@ -52,7 +52,7 @@ std::int64_t writeDeflated(ORVA_File& file, filePosInfo& index, const deflatedBl
                            const unsigned char* scratch, std::int64_t pos, std::int64_t place);
 
 // The means to write blocks; `scratch` has the deflateRoom of the longest one.
-struct writeRoad {
+struct writeContext {
     ORVA_File& file;
     filePosInfo& index;
     zlibCompressBlock& codec;
@@ -61,14 +61,14 @@ struct writeRoad {
 };
 
 // Deflates and writes a block.
-std::int64_t writeBlock(const writeRoad& road, const unsigned char* block, std::uint32_t size, std::int64_t pos,
+std::int64_t writeBlock(const writeContext& context, const unsigned char* block, std::uint32_t size, std::int64_t pos,
                         std::int64_t place);
 
 // Writes all of it or throws, also if somebody has closed the file under the stream.
 void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64_t place);
 
 // The means to read blocks; `compressed` has kBlockSize bytes.
-struct readRoad {
+struct readContext {
     bytesFrom file;
     zlibCompressBlock& codec;
     unsigned char* compressed;
@@ -97,16 +97,16 @@ inline blockPlace placeOf(const filePosInfo& index, std::uint32_t number) {
 // The number of the block that begins at `pos`. Asserts that there is one.
 std::uint32_t blockAt(const filePosInfo& index, std::int64_t pos);
 
-// Reads the block's compressed bytes into `road.compressed`. Refuses a record that cannot be true before it touches any
-// memory.
-void readCompressed(const readRoad& road, const blockPlace& block);
+// Reads the block's compressed bytes into `context.compressed`. Refuses a record that cannot be true before it touches
+// any memory.
+void readCompressed(const readContext& context, const blockPlace& block);
 
-// Inflates `road.compressed`, filled by readCompressed or otherwise, into `dest`, which has room for orginalSize but at
-// most for kBlockSize: a record that claims more is refused. The block is good only if its zlib stream ended, with its
-// checksum, exactly at its last byte and at orginalSize bytes. Returns orginalSize.
-std::uint32_t inflateBlock(const readRoad& road, const blockPlace& block, unsigned char* dest);
+// Inflates `context.compressed`, filled by readCompressed or otherwise, into `dest`, which has room for orginalSize but
+// at most for kBlockSize: a record that claims more is refused. The block is good only if its zlib stream ended, with
+// its checksum, exactly at its last byte and at orginalSize bytes. Returns orginalSize.
+std::uint32_t inflateBlock(const readContext& context, const blockPlace& block, unsigned char* dest);
 
 // Reads and inflates a block.
-std::uint32_t readBlock(const readRoad& road, const blockPlace& block, unsigned char* dest);
+std::uint32_t readBlock(const readContext& context, const blockPlace& block, unsigned char* dest);
 
 }  // namespace orva

@@ -32,7 +32,7 @@ constexpr const char* kWholeRecords = "_size == 24 x (n + 1)";
 constexpr const char* kIndexFits = "ret == chInfo._size";
 
 void checkPlaces(bytesFrom file, const compressionHeading& heading, std::int64_t fileSize) {
-    const char* breach = breachOf(heading);
+    const char* breach = violatedCheck(heading);
     if (breach == nullptr && heading._indexPos > fileSize - heading._size) breach = kIndexFits;
     if (breach == nullptr) return;
     refuse(file, breach, indexSpan(heading) + " does not fit into a file of " + std::to_string(fileSize) + " bytes");
@@ -74,7 +74,7 @@ std::vector<filePosRecord> inPieces(bytesFrom file, const compressionHeading& he
 
 }  // namespace
 
-const char* breachOf(const compressionHeading& heading) {
+const char* violatedCheck(const compressionHeading& heading) {
     if (heading._size < kRecordSize || heading._size % kRecordSize != 0) return kWholeRecords;
     if (heading._indexPos < heading._caseStartPos + kHeadingSize) return "_indexPos behind the heading";
     return heading._size > std::numeric_limits<std::uint32_t>::max() ? kIndexFits : nullptr;
@@ -84,7 +84,7 @@ std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int
     compressionHeading heading;
     std::memcpy(&heading, bytes, sizeof heading);
     if (swap) swapHeading(heading);
-    return heading._caseStartPos == place && breachOf(heading) == nullptr ? std::optional(heading) : std::nullopt;
+    return heading._caseStartPos == place && violatedCheck(heading) == nullptr ? std::optional(heading) : std::nullopt;
 }
 
 rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos) {

@@ -25,7 +25,7 @@ inline std::int64_t lengthOf(bytesFrom file) {
 }
 
 // The text of the check that a heading fails in any file; null if it could be true.
-const char* breachOf(const compressionHeading& heading);
+const char* violatedCheck(const compressionHeading& heading);
 // The heading in these 24 bytes, in host order, if it repeats `place` in the given byte order and could be true.
 std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int64_t place, bool swap);
 
@@ -77,7 +77,7 @@ bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, 
 // undone meanwhile restores the block and leaves no other trace. Only damage met twice is thrown as such, and
 // FileChangedError if there was a change. An exception from `changed` counts as no change.
 template <class Read, class Changed>
-auto readSurely(Read read, Changed changed) {
+auto readRechecked(Read read, Changed changed) {
     const auto hasChanged = [&] {
         try {
             return changed();

@@ -20,7 +20,7 @@ std::uint32_t PreIOThread_Multi_R_D::getBlock(void* buffer, std::uint32_t size, 
     if (size == 0 && position == 0) {
         const guard lock = locked();
         bStop = true;
-        tellThreads();
+        notifyThreads();
         return 0;
     }
     load(orva::blockAt(*pPosInfo, position), static_cast<unsigned char*>(buffer));
@@ -63,7 +63,7 @@ void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
     fWantedEnd = number + 1 + (sequential ? ahead : 0);
     fNext = std::max(sequential ? fNext : 0, number + 1);
     passHeld();
-    if (fNext < std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) tellThreads();
+    if (fNext < std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) notifyThreads();
 }
 
 std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to) {
@@ -73,7 +73,7 @@ std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint3
     fCurrent = fNext = first;
     passHeld();
     fWantedEnd = fFailed = first + std::int64_t{count};
-    tellThreads();
+    notifyThreads();
     for (;;) {
         const auto oneThatIs = [this](state is) {
             return find([=, this](const slot& block) { return block.is == is && isAhead(block.number); });
@@ -83,7 +83,7 @@ std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint3
             std::memcpy(placeInRun(held->number), held->rows.get(), rowsOf(held->number));
             lock.lock();
             held->is = state::empty;
-            tellThreads();
+            notifyThreads();
         } else if (!makeNext(lock, true)) {
             if (oneThatIs(state::busy) == nullptr) break;
             await(lock);
@@ -151,7 +151,7 @@ bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
     block->is = good ? made : state::empty;
     // A block that was begun before the run may end during it, and is no part of it.
     if (!good && number >= fCurrent) fFailed = std::min(fFailed, number);
-    tellCaller();
+    notifyCaller();
     return true;
 }
 

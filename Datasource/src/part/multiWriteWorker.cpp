@@ -52,7 +52,7 @@ std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t 
 
 // The slot of the next block, which is the caller's until handOver.
 PreIOThread_Multi_W_C::slot& PreIOThread_Multi_W_C::freeSlot() {
-    if (!isMakers()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
+    if (!isMakersProcess()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
     guard lock = locked();
     while (fFilled - fWritten == fSlots.size()) helpOrAwait(lock);
     if (fFailure != nullptr) std::rethrow_exception(fFailure);
@@ -65,7 +65,7 @@ void PreIOThread_Multi_W_C::handOver(slot& block, std::uint32_t size) {
     block.size = size;
     const guard lock = locked();
     ++fFilled;
-    tellThread();
+    notifyThread();
 }
 
 void PreIOThread_Multi_W_C::helpOrAwait(guard& lock) {
@@ -85,10 +85,10 @@ void PreIOThread_Multi_W_C::drop() {
 }
 
 void PreIOThread_Multi_W_C::endLoops() {
-    if (!isMakers()) return;
+    if (!isMakersProcess()) return;
     guard lock = locked();
     bEnd = true;
-    tellThreads();
+    notifyThreads();
     while (fWritten != fFilled) {
         if (!takeBlock(lock)) await(lock);
     }
@@ -121,7 +121,7 @@ void PreIOThread_Multi_W_C::make(slot& block) try {
         (*block.source)(block.offset, {block.rows.get(), block.size});
         const guard lock = locked();
         block.source = nullptr;
-        tellCaller();
+        notifyCaller();
     }
     if (!block.scratch) block.scratch = {orva::deflateRoom(stBlockSize), orva::deflateRoom(block.size)};
     zlibCompressBlock codec;
@@ -147,7 +147,7 @@ void PreIOThread_Multi_W_C::writeInOrder(guard& lock) {
         block.source = nullptr;
         block.bDeflated = false;
         ++fWritten;
-        tellCaller();
+        notifyCaller();
     }
 }
 

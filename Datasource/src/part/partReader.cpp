@@ -30,27 +30,28 @@ private:
 
 }  // namespace
 
-partReader::partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const roads& taken, std::uint32_t cachedBlocks)
+partReader::partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const threadSettings& threads,
+                       std::uint32_t cachedBlocks)
     : fFile(file),
       fHeading(
           readHeading(file, row0Pos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"")),
       bSwap(swap),
       fIndex(kBlockSize, file.GetNameStr().GetGeneric()) {
     loadIndex(file, fHeading, swap, fIndex);
-    remake(taken, cachedBlocks);
+    remake(threads, cachedBlocks);
 }
 
 void partReader::endThreads() noexcept {
     fBuffer = nullptr;
     fSource.reset();
-    fTaken = {};
+    fThreadSettings = {};
 }
 
-void partReader::remake(const roads& taken, std::uint32_t cachedBlocks) {
-    std::unique_ptr<blockSource> source = makeSource(fFile, fIndex, taken, cachedBlocks);
+void partReader::remake(const threadSettings& threads, std::uint32_t cachedBlocks) {
+    std::unique_ptr<blockSource> source = makeSource(fFile, fIndex, threads, cachedBlocks);
     fBuffer = nullptr;
     fSource = std::move(source);
-    fTaken = taken;
+    fThreadSettings = threads;
     fCachedBlocks = cachedBlocks;
 }
 
@@ -59,8 +60,9 @@ std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64
     const lookedAt look(fFile);
     std::uint64_t done = 0;
     while (done < size) {
-        const std::uint64_t count = readSurely([&] { return readOn(pos, to + done, size - done); },
-                                               [&] { return changedSince(look, fHeading, bSwap, fIndex.records()); });
+        const std::uint64_t count =
+            readRechecked([&] { return readOn(pos, to + done, size - done); },
+                          [&] { return changedSince(look, fHeading, bSwap, fIndex.records()); });
         if (count == 0) break;
         done += count;
         pos += static_cast<std::int64_t>(count);
@@ -115,7 +117,7 @@ std::uint64_t partReader::loadSeveral(std::uint32_t first, unsigned char* to, st
 std::optional<std::uint32_t> partReader::blockToLoad(std::int64_t pos) {
     if (holds(pos)) return std::nullopt;
     fBuffer = nullptr;
-    if (fSource == nullptr) remake(fTaken, fCachedBlocks);
+    if (fSource == nullptr) remake(fThreadSettings, fCachedBlocks);
     const std::optional<std::uint32_t> number = fIndex.find(pos);
     if (number || pos < fHeading._caseStartPos || pos >= end()) return number;
     throw DamagedFileError(fFile.GetNameStr().GetGeneric(), "bInfo.orginalPos != -200",

@@ -18,7 +18,7 @@
 namespace orva {
 
 // Nothing is written for the heading yet: the first block just goes behind its 24 bytes.
-partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, const choices& chosen,
+partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const threadSettings& threads, const choices& chosen,
                        const std::optional<resumePoint>& from)
     : fFile(file),
       fRow0Pos(row0Pos),
@@ -28,8 +28,8 @@ partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken
       availBuffSize(chosen.blockLength),
       bNewPart(!from) {
     const tailPlan plan = from ? resume(*from) : tailPlan{};
-    fSink = makeSink(next(), taken);
-    if (from) fTail = std::make_unique<savedTail>(fFile, plan, from->safe);
+    fSink = makeSink(next(), threads);
+    if (from) fTail = std::make_unique<appendUndo>(fFile, plan, from->safe);
 }
 
 partWriter::~partWriter() {
@@ -105,8 +105,8 @@ std::span<unsigned char> partWriter::room() {
 }
 
 // The rows of the current block may be in memory of the old sink.
-void partWriter::take(const roads& taken) {
-    std::unique_ptr<blockSink> sink = makeSink(next(), {taken.multiThread == 0 ? 0 : -1, taken.threadCount});
+void partWriter::take(const threadSettings& threads) {
+    std::unique_ptr<blockSink> sink = makeSink(next(), {threads.multiThread == 0 ? 0 : -1, threads.threadCount});
     if (fBuffer != nullptr) {
         if (!fRows) fRows = blockBuffer(fChosen.blockLength);
         std::memmove(fRows.get(), fBuffer, fChosen.blockLength - availBuffSize);

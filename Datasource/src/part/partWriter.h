@@ -4,7 +4,7 @@
 // Units:   bytes; positions are logical: the first byte of rows has the row-0 position.
 // Owner:   the caller owns the file, open for reading and writing, and keeps it until the writer is gone. The writer
 //          owns the index, 24 bytes a block, one to two blocks of memory and those of its threads.
-// Threads: one caller at a time. Threads of the writer's own, as `roads` says, end in finish, abandon or on a failure.
+// Threads: one caller at a time. Threads of the writer's own (`threadSettings`) end in finish, abandon or on a failure.
 // Failure: FileError, bad_alloc, and what a thread that cannot start throws. A failure is final: only the destructor
 //          may follow. It is thrown once what an append has overwritten is put back; its text says whether that worked.
 //          DamagedFileError from resuming, before anything is written.
@@ -13,8 +13,8 @@
 
 #include "base/blockBuffer.h"
 #include "format/filePosInfo.h"
-#include "part/blockRoads.h"
-#include "part/savedTail.h"
+#include "part/appendUndo.h"
+#include "part/blockPipeline.h"
 
 #include <orva/blockSize.h>
 #include <orva/compressedLayout.h>
@@ -42,7 +42,7 @@ public:
     // Begins a new part at file offset `row0Pos`, 1 to kLastRow0Pos. Writes nothing before the first block, which
     // removes the side file of an earlier part there. With `from`, resumes the finished part at `row0Pos`:
     // DamagedFileError also if its rows do not end where the caller expects.
-    partWriter(ORVA_File& file, std::int64_t row0Pos, const roads& taken, const choices& chosen = {},
+    partWriter(ORVA_File& file, std::int64_t row0Pos, const threadSettings& threads, const choices& chosen = {},
                const std::optional<resumePoint>& from = {});
     partWriter(const partWriter&) = delete;
     partWriter& operator=(const partWriter&) = delete;
@@ -71,7 +71,7 @@ public:
 
     // Applies settings made after the beginning, for which setMultiThread gets no thread any more. No thread may be at
     // work. If this throws, nothing has changed.
-    void take(const roads& taken);
+    void take(const threadSettings& threads);
     bool hasThreads() const { return fSink != nullptr && fSink->hasThreads(); }
 
 private:
@@ -103,8 +103,8 @@ private:
     blockBuffer fRows;
     bool bNewPart;  // a new part of which nothing is in the file yet
     bool bFinished = false;
-    std::unique_ptr<savedTail> fTail;  // while an append is unfinished
-    std::unique_ptr<blockSink> fSink;  // null once the writer has ended or failed
+    std::unique_ptr<appendUndo> fTail;  // while an append is unfinished
+    std::unique_ptr<blockSink> fSink;   // null once the writer has ended or failed
     const std::int64_t fProcess = platform::processId();
 };
 

@@ -52,12 +52,12 @@ std::uint32_t PreIOThread_Tri_R_D::decompress(std::uint32_t number, bool ahead) 
     const orva::blockPlace block = orva::placeOf(*pPosInfo, number);
     orva::readAheadSlot::request turn(fCompressed);
     if (!turn.hits(number)) readCompressed(block, ahead);
-    const std::uint32_t size = orva::inflateBlock(road(ahead), block, pDecompressBuffer.get());
+    const std::uint32_t size = orva::inflateBlock(context(ahead), block, pDecompressBuffer.get());
     if (number + 1 < pPosInfo->parsedCount()) turn.readAhead(number + 1);
     return size;
 }
 
 std::uint32_t PreIOThread_Tri_R_D::readCompressed(const orva::blockPlace& block, bool ahead) {
-    orva::readCompressed(road(ahead), block);
+    orva::readCompressed(context(ahead), block);
     return static_cast<std::uint32_t>(block.record.translateSize);
 }

@@ -63,16 +63,16 @@ struct zcmpsFilestr::Data {
         return fWriter != nullptr ? fWriter->hasThreads() : fReader != nullptr && fReader->hasThreads();
     }
     // True for the thread of setMultiThread: setThreadCount cannot change its setting while there are threads.
-    bool hasOneThread() const { return hasThreads() && fRoads.threadCount == 0; }
+    bool hasOneThread() const { return hasThreads() && fThreadSettings.threadCount == 0; }
     // Applies a setting that comes late, for which setMultiThread gets no thread any more.
-    void takeRoads() {
+    void applyThreads() {
         if (hasThreads()) return;
-        if (fWriter != nullptr) fWriter->take(fRoads);
-        if (fReader != nullptr) fReader->take({0, fRoads.threadCount});
+        if (fWriter != nullptr) fWriter->take(fThreadSettings);
+        if (fReader != nullptr) fReader->take({0, fThreadSettings.threadCount});
     }
 
     ORVA_File& pRealFile;  // kept alive by the base; gone once Close has reopened the file
-    orva::roads fRoads;
+    orva::threadSettings fThreadSettings;
     orva::choices fChosen;
     std::uint32_t fCachedBlocks = 0;
     bool bDurable = false;
@@ -100,15 +100,15 @@ zcmpsFilestr::~zcmpsFilestr() noexcept(false) {
 
 void zcmpsFilestr::setMultiThread(std::int32_t setting) {
     ORVA_ASSERT(!fData->hasOneThread(), "fData->fpIOThread == 0");
-    fData->fRoads.multiThread = setting;
-    fData->takeRoads();
+    fData->fThreadSettings.multiThread = setting;
+    fData->applyThreads();
 }
 
 void zcmpsFilestr::setThreadCount(std::int32_t threads) {
     ORVA_ASSERT(threads >= 0, "threads >= 0");
     ORVA_ASSERT(!fData->hasThreads(), "fData->fpIOThread == 0");
-    fData->fRoads.threadCount = static_cast<std::uint32_t>(threads);
-    fData->takeRoads();
+    fData->fThreadSettings.threadCount = static_cast<std::uint32_t>(threads);
+    fData->applyThreads();
 }
 
 // A choice cannot change while the stream writes.
@@ -207,7 +207,7 @@ void zcmpsFilestr::setRow0Pos(std::int64_t pos) {
     beginWriting("fData->pRealFile.Open(GetNameStr(), \"r+b\")", __LINE__, [&] {
         if (pos > kLastRow0Pos) fData->pRealFile.refuseWrite(EFBIG);
         fData->fRow0Pos = pos;
-        return std::make_unique<orva::partWriter>(fData->pRealFile, pos, fData->fRoads, fData->fChosen);
+        return std::make_unique<orva::partWriter>(fData->pRealFile, pos, fData->fThreadSettings, fData->fChosen);
     });
 }
 
@@ -216,9 +216,10 @@ void zcmpsFilestr::setFileToAppend(std::int64_t endpos, bool swap) {
         std::optional<std::int64_t> seenEnd;
         if (fData->fReader != nullptr) seenEnd = fData->fReader->end();
         const orva::resumePoint from{swap, endpos, fFilePos, seenEnd, fData->bSafeAppend};
-        auto writer = std::make_unique<orva::partWriter>(
-            fData->pRealFile, fData->fRow0Pos, orva::roads{0, fData->fRoads.threadCount}, fData->fChosen, from);
-        fData->fRoads.multiThread = 0;
+        auto writer = std::make_unique<orva::partWriter>(fData->pRealFile, fData->fRow0Pos,
+                                                         orva::threadSettings{0, fData->fThreadSettings.threadCount},
+                                                         fData->fChosen, from);
+        fData->fThreadSettings.multiThread = 0;
         return writer;
     });
 }
@@ -231,7 +232,7 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
     try {
         d.dropWriter();
         refuseEncrypted(kReadFailed);
-        d.fReader = std::make_unique<orva::partReader>(d.pRealFile, posofpos, swap, d.fRoads, d.fCachedBlocks);
+        d.fReader = std::make_unique<orva::partReader>(d.pRealFile, posofpos, swap, d.fThreadSettings, d.fCachedBlocks);
         d.fRow0Pos = posofpos;
         if (d.fLife != life::failed) d.become(life::reading);
     } catch (...) {

@@ -11,7 +11,7 @@
 #include "base/blockBuffer.h"
 #include "format/blockTransfer.h"
 #include "format/filePosInfo.h"
-#include "part/blockRoads.h"
+#include "part/blockPipeline.h"
 #include "worker/preIOThread.h"
 
 #include <orva/file.h>

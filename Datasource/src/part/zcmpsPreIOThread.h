@@ -5,7 +5,7 @@
 //
 // A request is for a whole block: its size and position are the orginalSize and orginalPos of the block's record. A
 // reading worker answers it by copying a block made ahead, or makes the block on the caller's thread. As a sink or
-// source (blockRoads.h) a worker takes or gives the same blocks, by number.
+// source (blockPipeline.h) a worker takes or gives the same blocks, by number.
 //
 // Owner:   the stream owns the worker; file and index are the stream's and outlive it.
 // Failure: a request throws what the same work on the caller's thread would throw, and the worker goes on serving.
@@ -14,7 +14,7 @@
 #include "base/blockBuffer.h"
 #include "format/blockTransfer.h"
 #include "format/filePosInfo.h"
-#include "part/blockRoads.h"
+#include "part/blockPipeline.h"
 #include "worker/preIOThread.h"
 #include "worker/readAheadSlot.h"
 
@@ -108,7 +108,7 @@ private:
     std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number) override;
     std::uint32_t decompress(std::uint32_t number, bool ahead);
     std::uint32_t readCompressed(const orva::blockPlace& block, bool ahead);
-    orva::readRoad road(bool ahead) { return {*pFile, fCompressor, pCompressBuffer.get(), ahead}; }
+    orva::readContext context(bool ahead) { return {*pFile, fCompressor, pCompressBuffer.get(), ahead}; }
 
     const filePosInfo* const pPosInfo;
     ORVA_File* const pFile;

@@ -97,9 +97,9 @@ void finishedPart::verifyBlock(std::uint32_t number) {
     content& c = *fContent;
     if (!c.compressed) c.compressed = compressedRoom(c.records);
     if (!c.rows) c.rows = rowRoom(c.records);
-    const readRoad road{c.file, c.codec, c.compressed.get()};
-    readSurely([&] { readBlock(road, placeOf(c.records, number, c.fileSize), c.rows.get()); },
-               [&] { return isChangedIn(c.file); });
+    const readContext context{c.file, c.codec, c.compressed.get()};
+    readRechecked([&] { readBlock(context, placeOf(c.records, number, c.fileSize), c.rows.get()); },
+                  [&] { return isChangedIn(c.file); });
 }
 
 ORVA_File& finishedPart::file() {

@@ -112,7 +112,7 @@ private:
     }
 
     void walk() {
-        while (fPlace < fWindow.fileSize() && !allSeen()) {
+        while (fPlace < fWindow.fileSize() && !isComplete()) {
             fTell(fPlace);
             if (const std::optional<blockOutcome> found = streamAt(fPlace, fPatience, fLikely)) {
                 takeBlock(*found);
@@ -124,10 +124,10 @@ private:
 
     // If the last block has neither the recorded rows nor the recorded length, an append has rewritten it and may have
     // added more.
-    bool allSeen() const {
-        return noMoreTold() && (fIndex.empty() || (isLast(fSegments.back()) && isAsRecorded(fSegments.back())));
+    bool isComplete() const {
+        return allRecordsUsed() && (fIndex.empty() || (isLast(fSegments.back()) && isAsRecorded(fSegments.back())));
     }
-    bool noMoreTold() const { return fReport.hadIndex && !isShort() && fNext.number >= fIndex.size(); }
+    bool allRecordsUsed() const { return fReport.hadIndex && !isShort() && fNext.number >= fIndex.size(); }
     // The index has fewer blocks than the heading counts.
     bool isShort() const { return fCount && *fCount > std::ssize(fIndex); }
     bool isLast(const surveySegment& taken) const {
@@ -154,7 +154,7 @@ private:
     // Steps over a gap to the next complete stream. False if there is none.
     bool bridge() {
         if (!fReport.hadIndex && !bLookedForIndex) findLaterIndex();
-        if (fPlace >= fLimit || noMoreTold()) return false;
+        if (fPlace >= fLimit || allRecordsUsed()) return false;
         surveySegment gap{0, fPlace};
         gap.number = numberOf(gap);
         if (gap.number) expectBehind(*gap.number);
@@ -236,7 +236,7 @@ private:
             if (fPatience.exhausted()) return true;
             fPatience.spend(2 * kTrial);
             std::optional<partIndex> index = indexAt(fFile, fReport.part.row0Pos, place);
-            if (!index || !tellsOfBlocksSeen(index->records, place)) return false;
+            if (!index || !recordsBlocksFound(index->records, place)) return false;
             const bool isHere = movedBy(*index) == 0;
             if (isHere) take(std::move(*index), 0);
             if (!isHere && !elsewhere) elsewhere = std::move(index);
@@ -257,7 +257,7 @@ private:
     }
 
     // An index that no heading points to is believed if its records agree with all blocks seen.
-    bool tellsOfBlocksSeen(const std::vector<filePosRecord>& index, std::int64_t place) const {
+    bool recordsBlocksFound(const std::vector<filePosRecord>& index, std::int64_t place) const {
         const auto same = [](const surveySegment& seen, const filePosRecord& record) {
             return record.translatePos == seen.place && record.translateSize == std::int64_t{seen.length} &&
                    record.orginalSize == seen.size;

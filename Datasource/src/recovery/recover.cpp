@@ -91,7 +91,7 @@ recoverReport recover(const std::string& name, const std::string& output, const 
     ORVA_File file;
     openOrThrow(file, output, "w+b", kWriteFailed);
     copyDictionary(input, file, report.part.row0Pos);
-    partWriter rows(file, report.part.row0Pos, roads());
+    partWriter rows(file, report.part.row0Pos, threadSettings());
     const progress tellWritten = [&](std::int64_t place) { tell(size + std::min(place, size)); };
     writeRows(*found, streams, rows, options.dropLost, tellWritten, report);
     tell(2 * size);

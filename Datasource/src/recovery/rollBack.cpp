@@ -5,7 +5,7 @@
 #include "format/blockTransfer.h"
 #include "format/indexTransfer.h"
 #include "part/heldSideFile.h"
-#include "part/keptTail.h"
+#include "part/undoRecord.h"
 #include "recovery/zlibStreams.h"
 
 #include <orva/blockSize.h>
@@ -30,7 +30,7 @@ public:
         fSide.requireTrusted();
         const fileBytes sideFile = fSide.read(lengthOf(fFile) + kSideFileOverhead);
         if (isForeign(sideFile)) fSide.refuseForeign();
-        const std::optional<keptTail> kept = parse(sideFile);
+        const std::optional<undoRecord> kept = parse(sideFile);
         const rollBackResult result = kept ? settle(*kept) : settleTorn();
         fFile.Sync();  // even if it is intact: its writer may have been killed before its own sync
         fSide.remove();
@@ -40,7 +40,7 @@ public:
 
 private:
     // A finished part stays as it is, whether this append, a later one, or the writer of another file finished it.
-    rollBackResult settle(const keptTail& kept) {
+    rollBackResult settle(const undoRecord& kept) {
         const rawHeading heading = rawHeadingAt(fFile, kept.row0Pos);
         const bool isSaved = heading == kept.heading;
         const std::optional<partIndex> index = soundIndexOf(fFile, heading, kept.row0Pos);
@@ -89,7 +89,7 @@ private:
 
     // A heading is written once blocks and index are durable, so its index stands right behind the last complete
     // stream.
-    bool completeHeading(const keptTail& kept) {
+    bool completeHeading(const undoRecord& kept) {
         std::int64_t end = kept.untouchedEnd;
         for (blockOutcome found{}; (found = fStreams.at(end, kBlockSize)).end == blockOutcome::complete;)
             end += found.consumed;

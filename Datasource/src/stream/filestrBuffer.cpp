@@ -19,7 +19,7 @@ inline void copyFixed(unsigned char* to, const unsigned char* from) {
 constexpr std::uint32_t kStep = 16;
 
 // Values and short records are the most frequent requests, and a call of memcpy takes longer than copying them here.
-constexpr bool areFew(std::uint32_t size) {
+constexpr bool isFewBytes(std::uint32_t size) {
     return size == sizeof(std::uint64_t) || size - kStep <= 8 * kStep;
 }
 
@@ -52,7 +52,7 @@ void ORVA_FileStream::Data::markClean() {
 }
 
 std::uint32_t ORVA_FileStream::Read(void* buffer, std::uint32_t size) {
-    const bool fastPath = areFew(size) && fMultiThreadReading < fPreReading;  // each is 0 or 1
+    const bool fastPath = isFewBytes(size) && fMultiThreadReading < fPreReading;  // each is 0 or 1
     const unsigned char* source = fastPath ? fData->servedFromBuffer(fStreamPos, size) : nullptr;
     if (source == nullptr) return readRequest(buffer, size);
     fStreamPos += size;
@@ -77,7 +77,7 @@ std::uint32_t ORVA_FileStream::readRequest(void* buffer, std::uint32_t size) {
 }
 
 std::uint32_t ORVA_FileStream::Write(const void* buffer, std::uint32_t size) {
-    const bool inRange = areFew(size) && fStreamPos <= std::numeric_limits<std::int64_t>::max() - size;
+    const bool inRange = isFewBytes(size) && fStreamPos <= std::numeric_limits<std::int64_t>::max() - size;
     unsigned char* target = inRange ? fData->takenByBuffer(fStreamPos, size) : nullptr;
     if (target == nullptr) return writeRequest(buffer, size);
     fStreamPos += size;

@@ -27,14 +27,14 @@ bool PreIOThreadBase::noOperation() {
 }
 
 bool PreIOThreadBase::stopThreads() {
-    if (pThreadPool == nullptr || !isMakers()) return true;
+    if (pThreadPool == nullptr || !isMakersProcess()) return true;
     if (!bWrite) getBlock(nullptr, 0, 0);
     pThreadPool->stopAll();
     return true;
 }
 
 bool PreIOThreadBase::destroyThreads() {
-    if (isMakers()) delete std::exchange(pThreadPool, nullptr);
+    if (isMakersProcess()) delete std::exchange(pThreadPool, nullptr);
     return true;
 }
 

@@ -83,7 +83,7 @@ protected:
     // Makes the loop of thread `number`, from 0, over readLoopStep or writeLoopStep.
     virtual std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number);
     // False in a forked child, which does not have the threads.
-    bool isMakers() const { return fProcess == platform::processId(); }
+    bool isMakersProcess() const { return fProcess == platform::processId(); }
 
     // Written before startThreads, then only read.
     const std::uint32_t fThreads = 1;
@@ -113,27 +113,28 @@ protected:
     explicit PreIOThreadSeveral(std::uint32_t threads)
         : PreIOThreadBase(threads), bCallerHelps(threads < platform::coreCount()) {}
     ~PreIOThreadSeveral() override {
-        if (!isMakers()) static_cast<void>(fShared.release());
+        if (!isMakersProcess()) static_cast<void>(fShared.release());
     }
     // Starts the threads of a worker with its first block. False without threads: for a count of 0, or in a forked
     // child.
     bool startOnce(bool bRead) {
-        if (fThreads == 0 || !isMakers()) return false;
+        if (fThreads == 0 || !isMakersProcess()) return false;
         if (pThreadPool == nullptr) startWorker(*this, bRead);
         return true;
     }
     using guard = std::unique_lock<std::mutex>;
     guard locked() const { return guard(fShared->mutex); }
-    // wait() is for threads without work, await() for the caller, which seldom waits: tellCaller() notifies only then.
+    // wait() is for threads without work, await() for the caller, which seldom waits: notifyCaller() notifies only
+    // then.
     void wait(guard& lock) const { fShared->changed.wait(lock); }
     void await(guard& lock) const {
         fShared->awaited = true;
         wait(lock);
         fShared->awaited = false;
     }
-    void tellThreads() const { fShared->changed.notify_all(); }
-    void tellThread() const { fShared->changed.notify_one(); }
-    void tellCaller() const {
+    void notifyThreads() const { fShared->changed.notify_all(); }
+    void notifyThread() const { fShared->changed.notify_one(); }
+    void notifyCaller() const {
         if (fShared->awaited) fShared->changed.notify_all();
     }
 

@@ -1,4 +1,4 @@
-#include "api/blockShelf.h"
+#include "api/blockCache.h"
 
 #include "format/blockTransfer.h"
 
@@ -7,7 +7,7 @@
 
 namespace orva {
 
-blockShelf::rows blockShelf::find(std::uint64_t part, std::uint32_t number) {
+blockCache::rows blockCache::find(std::uint64_t part, std::uint32_t number) {
     const std::lock_guard guard(fLock);
     for (entry& e : fEntries) {
         if (e.part != part || e.number != number) continue;
@@ -17,11 +17,11 @@ blockShelf::rows blockShelf::find(std::uint64_t part, std::uint32_t number) {
     return nullptr;
 }
 
-blockShelf::entry& blockShelf::oldest() {
+blockCache::entry& blockCache::oldest() {
     return *std::ranges::min_element(fEntries, {}, &entry::lastUse);
 }
 
-blockShelf::rows blockShelf::memory(const shownPart& part) {
+blockCache::rows blockCache::memory(const partSnapshot& part) {
     {
         const std::lock_guard guard(fLock);
         if (fMost != 0 && fEntries.size() == fMost && oldest().kept.use_count() == 1) {
@@ -32,23 +32,23 @@ blockShelf::rows blockShelf::memory(const shownPart& part) {
     return std::make_shared<blockBuffer>(rowRoom(part.records()));
 }
 
-void blockShelf::keep(std::uint64_t part, std::uint32_t number, rows kept) {
+void blockCache::keep(std::uint64_t part, std::uint32_t number, rows kept) {
     const std::lock_guard guard(fLock);
     if (fMost == 0) return;
     (fEntries.size() < fMost ? fEntries.emplace_back() : oldest()) = entry{part, number, ++fClock, std::move(kept)};
 }
 
-void blockShelf::putBack(rows copied) {
+void blockCache::putBack(rows copied) {
     const std::lock_guard guard(fLock);
     copied.reset();
 }
 
-void blockShelf::clear() {
+void blockCache::clear() {
     const std::lock_guard guard(fLock);
     fEntries.clear();
 }
 
-blockBuffer blockShelf::takeScratch(const shownPart& part) {
+blockBuffer blockCache::takeScratch(const partSnapshot& part) {
     {
         const std::lock_guard guard(fLock);
         if (!fScratch.empty()) {
@@ -60,7 +60,7 @@ blockBuffer blockShelf::takeScratch(const shownPart& part) {
     return compressedRoom(part.records());
 }
 
-void blockShelf::putBack(blockBuffer scratch) {
+void blockCache::putBack(blockBuffer scratch) {
     const std::lock_guard guard(fLock);
     fScratch.push_back(std::move(scratch));
 }

@@ -22,7 +22,7 @@ class filePosInfo;
 namespace orva {
 
 // The settings of setMultiThread and setThreadCount. Only makeSink and makeSource look at them.
-struct roads {
+struct threadSettings {
     std::int32_t multiThread = 0;   // 0: none; 1: a thread that writes; 2 and above: one that reads
     std::uint32_t threadCount = 0;  // several threads; if not 0, multiThread does not count
 };
@@ -65,7 +65,7 @@ struct sinkPlace {
 };
 
 // One thread starts at once, several with the first block.
-std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken);
+std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const threadSettings& threads);
 
 // Gives blocks by number: whole, inflated and checked.
 class blockSource {
@@ -95,7 +95,7 @@ private:
 
 // One thread starts at once, several with the first block. Keeps up to `cachedBlocks` lent blocks, 4 MiB each; the
 // least recently used one makes room.
-std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& index, const roads& taken,
+std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& index, const threadSettings& threads,
                                         std::uint32_t cachedBlocks);
 
 }  // namespace orva

@@ -1,4 +1,4 @@
-#include "part/blockRoads.h"
+#include "part/blockPipeline.h"
 
 #include "base/assertion.h"
 #include "format/blockTransfer.h"
@@ -104,19 +104,19 @@ blockBuffer& blockSource::own() {
     return fBuffer;
 }
 
-std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const roads& taken) {
-    if (taken.threadCount != 0) return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(at, taken.threadCount);
-    if (taken.multiThread == 1) return startedWorker(std::make_unique<workerSink<PreIOThread_W_C>>(at), false);
-    return std::make_unique<inlineSink>(at, taken.multiThread != 0);
+std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const threadSettings& threads) {
+    if (threads.threadCount != 0) return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(at, threads.threadCount);
+    if (threads.multiThread == 1) return startedWorker(std::make_unique<workerSink<PreIOThread_W_C>>(at), false);
+    return std::make_unique<inlineSink>(at, threads.multiThread != 0);
 }
 
-std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& index, const roads& taken,
+std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& index, const threadSettings& threads,
                                         std::uint32_t cachedBlocks) {
     std::unique_ptr<blockSource> source;
-    if (taken.threadCount == 0 && taken.multiThread >= 2) {
+    if (threads.threadCount == 0 && threads.multiThread >= 2) {
         source = startedWorker(std::make_unique<scoped<PreIOThread_R_D>>(&file, &index, kBlockSize), true);
     } else {
-        source = std::make_unique<scoped<PreIOThread_Multi_R_D>>(&file, &index, kBlockSize, taken.threadCount);
+        source = std::make_unique<scoped<PreIOThread_Multi_R_D>>(&file, &index, kBlockSize, threads.threadCount);
     }
     if (cachedBlocks != 0) source = std::make_unique<cachedSource>(std::move(source), index, cachedBlocks);
     return source;

@@ -1,10 +1,10 @@
-#include "api/shownPart.h"
+#include "api/partSnapshot.h"
 
 #include "api/translated.h"
 #include "base/fileError.h"
 #include "format/indexTransfer.h"
 #include "part/heldSideFile.h"
-#include "part/keptTail.h"
+#include "part/undoRecord.h"
 
 #include <orva/errors.h>
 #include <orva/errtext.h>
@@ -20,14 +20,15 @@ namespace {
 
 // The old tail that an append, at work or interrupted, has saved of the file of `bytes`; none if no side file can be
 // read and believed. FileError if that could not be found out.
-std::optional<keptTail> keptBeside(const std::string& place, const storedBytes& bytes, const foundHeading& found) {
+std::optional<undoRecord> undoRecordBeside(const std::string& place, const storedBytes& bytes,
+                                           const foundHeading& found) {
     if (place.empty() || !hasSideFile(place)) return {};
     try {
         heldSideFile side(place);
-        std::optional<keptTail> kept = keptIn(side, bytes);
+        std::optional<undoRecord> kept = readUndoRecord(side, bytes);
         if (kept && kept->row0Pos == found.heading._caseStartPos && kept->heading == found.raw) return kept;
     } catch (const FileError& failure) {
-        if (!goesWithout(failure.code().value())) throw;
+        if (!isAbsentOrForbidden(failure.code().value())) throw;
     }
     return {};
 }
@@ -61,8 +62,8 @@ std::string append_state(const Path& path) {
     });
 }
 
-shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked,
-                     const Progress& progress)
+partSnapshot::partSnapshot(const Path& path, const Path& place, std::optional<i64> row0, bool locked,
+                           const Progress& progress)
     : fPath(path), fPlace(place.string()) {
     auto file = std::make_unique<openedFile>(path.string(), fPlace);
     fFile = file.get();
@@ -70,7 +71,7 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
     const auto alive = [&] { return !locked && fFile->isBeingWritten(); };
     for (std::optional<seen> before;;) {
         fFound = findHeading(*fBytes, row0, fPath, fPlace, progress);
-        if (keptBeside(fPlace, *fBytes, fFound)) {
+        if (undoRecordBeside(fPlace, *fBytes, fFound)) {
             const bool atWork = alive();
             // A side file now may be the next append's; if it is gone, that append is over.
             if (atWork || hasSideFile(fPlace)) throw unfinished(fPath, atWork || alive());
@@ -95,19 +96,19 @@ shownPart::shownPart(const Path& path, const Path& place, std::optional<i64> row
     }
 }
 
-shownPart::shownPart(std::shared_ptr<const ByteSource> source, const std::string& name, std::optional<i64> row0)
+partSnapshot::partSnapshot(std::shared_ptr<const ByteSource> source, const std::string& name, std::optional<i64> row0)
     : fBytes(std::make_unique<sourceBytes>(std::move(source), name)),
       fFound(findHeading(*fBytes, row0, fPath, fPlace)) {
     load();
 }
 
-std::uint64_t shownPart::nextId() {
+std::uint64_t partSnapshot::nextId() {
     static std::atomic<std::uint64_t> last{0};
     return ++last;
 }
 
 // A source is read once: it may be far away.
-void shownPart::load() {
+void partSnapshot::load() {
     fFileSize = fBytes->length();
     indexContent content = readRecords(*fBytes, fFound.heading, fFound.swapped, fFile == nullptr);
     fBlockSize = content.blockSize;
@@ -115,26 +116,26 @@ void shownPart::load() {
 }
 
 // A mixture of two indexes seldom covers the rows without gaps; if it does, the heading has changed.
-bool shownPart::isOfOneMoment() const {
+bool partSnapshot::isOfOneMoment() const {
     return rawHeadingAt(*fBytes, row0()) == fFound.raw && !firstGap(fFound.heading, fRecords);
 }
 
-std::int64_t shownPart::begin(std::uint32_t number) const {
+std::int64_t partSnapshot::begin(std::uint32_t number) const {
     if (number < blockCount()) return fRecords[number].orginalPos - row0();
     return fRecords.empty() ? 0 : fRecords.back().orginalPos + fRecords.back().orginalSize - row0();
 }
 
-std::uint32_t shownPart::blockAt(std::int64_t offset) const {
+std::uint32_t partSnapshot::blockAt(std::int64_t offset) const {
     const auto behind = std::ranges::upper_bound(fRecords, offset + row0(), {}, &filePosRecord::orginalPos);
     return static_cast<std::uint32_t>(behind - fRecords.begin()) - 1;
 }
 
-Block shownPart::block(std::uint32_t number) const {
+Block partSnapshot::block(std::uint32_t number) const {
     const filePosRecord& r = fRecords[number];
     return {{begin(number), begin(number + 1) - begin(number)}, r.translatePos, r.translateSize};
 }
 
-std::vector<std::byte> shownPart::dictionary() const {
+std::vector<std::byte> partSnapshot::dictionary() const {
     std::vector<std::byte> all(static_cast<std::size_t>(row0()));
     const bool whole = translated(fPath, [&] { return fBytes->read(all.data(), all.size(), 0); });
     if (!whole)
@@ -142,42 +143,42 @@ std::vector<std::byte> shownPart::dictionary() const {
     return all;
 }
 
-std::vector<Block> shownPart::blocks() const {
+std::vector<Block> partSnapshot::blocks() const {
     std::vector<Block> all(blockCount());
     for (std::uint32_t i = 0; i < blockCount(); ++i) all[i] = block(i);
     return all;
 }
 
-void shownPart::read(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {
+void partSnapshot::read(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {
     try {
-        readSurely([&] { readOld(number, compressed, to); }, [&] { return hasChanged(number); });
+        readRechecked([&] { readOld(number, compressed, to); }, [&] { return hasChanged(number); });
     } catch (...) {
         rethrowTranslated(fPath, {}, begin(number));
     }
 }
 
 // Reads from the file, or the block that an append under way has saved.
-void shownPart::readOld(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {
+void partSnapshot::readOld(std::uint32_t number, unsigned char* compressed, unsigned char* to) const {
     zlibCompressBlock codec;
-    const readRoad road{*fBytes, codec, compressed};
+    const readContext context{*fBytes, codec, compressed};
     try {
-        readBlock(road, placeOf(fRecords, number, fFileSize), to);
+        readBlock(context, placeOf(fRecords, number, fFileSize), to);
     } catch (const ::DamagedFileError&) {
-        if (!readKept(number, road, to)) throw;
+        if (!readKept(number, context, to)) throw;
     }
 }
 
 // Reads the last block from the side file of an append under way.
-bool shownPart::readKept(std::uint32_t number, const readRoad& road, unsigned char* to) const {
+bool partSnapshot::readKept(std::uint32_t number, const readContext& context, unsigned char* to) const {
     if (number + 1 != blockCount()) return false;
-    const std::optional<keptTail> kept = keptBeside(fPlace, *fBytes, fFound);
+    const std::optional<undoRecord> kept = undoRecordBeside(fPlace, *fBytes, fFound);
     const blockPlace block = placeOf(fRecords, number, fFileSize);
     if (!kept || kept->untouchedEnd != block.record.translatePos) return false;
     if (std::ssize(kept->block) != block.record.translateSize) return false;
     try {
         if (untouchedSum(*fBytes, row0(), kept->untouchedEnd) != kept->untouchedSum) return false;
-        std::copy(kept->block.begin(), kept->block.end(), road.compressed);
-        inflateBlock(road, block, to);
+        std::copy(kept->block.begin(), kept->block.end(), context.compressed);
+        inflateBlock(context, block, to);
         return true;
     } catch (const std::runtime_error&) {  // whatever fails here, the block itself is damaged
         return false;
@@ -185,7 +186,7 @@ bool shownPart::readKept(std::uint32_t number, const readRoad& road, unsigned ch
 }
 
 // An append overwrites the last block before index and heading show it.
-bool shownPart::hasChanged(std::uint32_t number) const {
+bool partSnapshot::hasChanged(std::uint32_t number) const {
     if (fFile != nullptr && number + 1 == blockCount() && fFile->isBeingWritten()) return true;
     return changedSince(*fBytes, fFound.heading, fFound.swapped, fRecords);
 }

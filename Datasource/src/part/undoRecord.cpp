@@ -1,4 +1,4 @@
-#include "part/keptTail.h"
+#include "part/undoRecord.h"
 
 #include "format/blockTransfer.h"
 #include "format/indexTransfer.h"
@@ -46,7 +46,7 @@ private:
 };
 
 // Allocates nothing: memory may be what has run out.
-bool standThere(bytesFrom file, std::span<const unsigned char> bytes, std::int64_t place) {
+bool areInFile(bytesFrom file, std::span<const unsigned char> bytes, std::int64_t place) {
     std::array<unsigned char, 4096> found;
     for (; !bytes.empty(); place += std::ssize(found)) {
         const auto piece = bytes.first(std::min(bytes.size(), found.size()));
@@ -81,10 +81,10 @@ std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, s
 void putBack(ORVA_File& file, std::span<const unsigned char> kept, std::int64_t place) try {
     writeAll(file, kept.data(), kept.size(), place);
 } catch (const FileError&) {
-    if (!standThere(file, kept, place)) throw;
+    if (!areInFile(file, kept, place)) throw;
 }
 
-void restoreTail(ORVA_File& file, const keptTail& tail, bool durable) {
+void restoreTail(ORVA_File& file, const undoRecord& tail, bool durable) {
     if (lengthOf(file) > tail.fileSize) file.Truncate(tail.fileSize);
     putBack(file, tail.block, tail.untouchedEnd);
     if (durable) file.Sync();
@@ -92,7 +92,7 @@ void restoreTail(ORVA_File& file, const keptTail& tail, bool durable) {
     if (durable) file.Sync();
 }
 
-fileBytes serialize(const keptTail& tail) {
+fileBytes serialize(const undoRecord& tail) {
     fileBytes bytes;
     append(bytes, static_cast<const sideFileHead*>(&tail), sizeof(sideFileHead));
     append(bytes, tail.index.data(), tail.index.size());
@@ -111,8 +111,8 @@ bool isForeign(const fileBytes& sideFile) {
 }
 
 // After the head come the index, the block, and a checksum of all before it.
-std::optional<keptTail> parse(const fileBytes& sideFile) {
-    keptTail tail;
+std::optional<undoRecord> parse(const fileBytes& sideFile) {
+    undoRecord tail;
     std::int64_t sum = 0;
     if (sideFile.size() < sizeof(sideFileHead) + sizeof sum) return {};
     const std::size_t summed = sideFile.size() - sizeof sum;
@@ -137,7 +137,7 @@ std::optional<keptTail> parse(const fileBytes& sideFile) {
     return meets && std::ssize(tail.block) == kept ? std::optional(tail) : std::nullopt;
 }
 
-std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data) {
+std::optional<undoRecord> readUndoRecord(heldSideFile& side, bytesFrom data) {
     try {
         if (side.open() && side.isTrusted()) return parse(side.read(data.length() + kSideFileOverhead));
     } catch (const DamagedFileError&) {  // NOLINT(bugprone-empty-catch): no append has made it

@@ -1,4 +1,4 @@
-#include "part/savedTail.h"
+#include "part/appendUndo.h"
 
 #include "base/fileError.h"
 #include "format/blockTransfer.h"
@@ -55,16 +55,16 @@ std::exception_ptr withOutcome(const std::exception_ptr& failure, const char* ou
     }
 }
 
-keptTail keptOf(ORVA_File& file, const tailPlan& plan) {
+undoRecord keptOf(ORVA_File& file, const tailPlan& plan) {
     const auto& [row0Pos, indexPos, indexSize] = plan.heading;
-    keptTail kept{{.row0Pos = row0Pos,
-                   .fileSize = lengthOf(file),
-                   .untouchedEnd = plan.untouchedEnd,
-                   .untouchedSum = untouchedSum(file, row0Pos, plan.untouchedEnd).value_or(0),
-                   .heading = rawHeadingAt(file, row0Pos)},
-                  indexPos,
-                  bytesAt(file, indexPos, indexSize),
-                  bytesAt(file, plan.untouchedEnd, plan.rewrittenBlock)};
+    undoRecord kept{{.row0Pos = row0Pos,
+                     .fileSize = lengthOf(file),
+                     .untouchedEnd = plan.untouchedEnd,
+                     .untouchedSum = untouchedSum(file, row0Pos, plan.untouchedEnd).value_or(0),
+                     .heading = rawHeadingAt(file, row0Pos)},
+                    indexPos,
+                    bytesAt(file, indexPos, indexSize),
+                    bytesAt(file, plan.untouchedEnd, plan.rewrittenBlock)};
     if (std::ssize(kept.index) == indexSize && kept.block.size() == plan.rewrittenBlock) return kept;
     throw DamagedFileError(file.GetNameStr().GetGeneric(), "ret == size",
                            "it ends before offset " + std::to_string(indexPos + indexSize));
@@ -72,7 +72,7 @@ keptTail keptOf(ORVA_File& file, const tailPlan& plan) {
 
 }  // namespace
 
-savedTail::savedTail(ORVA_File& file, const tailPlan& plan, bool safe)
+appendUndo::appendUndo(ORVA_File& file, const tailPlan& plan, bool safe)
     : fFile(file), bSafe(safe), fKept(keptOf(file, plan)), fSide(file.GetNameStr().GetGeneric()) {
     if (!safe) return;
     fSide.make(serialize(fKept));
@@ -86,7 +86,7 @@ savedTail::savedTail(ORVA_File& file, const tailPlan& plan, bool safe)
     }
 }
 
-std::exception_ptr savedTail::undo(const std::exception_ptr& failure) {
+std::exception_ptr appendUndo::undo(const std::exception_ptr& failure) {
     const char* outcome = bSafe ? kRollBack : kRecover;
     std::exception_ptr otherwise;
     try {
@@ -101,7 +101,7 @@ std::exception_ptr savedTail::undo(const std::exception_ptr& failure) {
 }
 
 // The heading first: with it in place, a roll-back can finish what is interrupted here.
-void savedTail::putBack(const char*& outcome) {
+void appendUndo::putBack(const char*& outcome) {
     orva::putBack(fFile, fKept.heading, fKept.row0Pos);
     if (bSafe) fFile.Sync();
     restoreTail(fFile, fKept, bSafe);
@@ -112,7 +112,7 @@ void savedTail::putBack(const char*& outcome) {
     outcome = kAsBefore;
 }
 
-void savedTail::commit() {
+void appendUndo::commit() {
     try {
         fSide.remove();
     } catch (const FileError& error) {
@@ -132,7 +132,7 @@ void dropSideFile(ORVA_File& file) {
     const std::string& name = file.GetNameStr().GetGeneric();
     if (!hasSideFile(name)) return;
     heldSideFile side(name);
-    const std::optional<keptTail> kept = keptIn(side, file);
+    const std::optional<undoRecord> kept = readUndoRecord(side, file);
     if (kept && rawHeadingAt(file, kept->row0Pos) == kept->heading) side.remove();
 }
 

@@ -1,5 +1,5 @@
-// keptTail: a copy of the bytes that an append overwrites. Restores them in the file, and converts them to and from the
-// content of the side file. Layout: docs/recovery.md, "The side file".
+// undoRecord: a copy of the bytes that an append overwrites. Restores them in the file, and converts them to and from
+// the content of the side file. Layout: docs/recovery.md, "The side file".
 //
 // Units:   file offsets, in bytes.
 // Threads: no state.
@@ -28,7 +28,7 @@ struct sideFileHead {
     rawHeading heading{};
 };
 
-struct keptTail : sideFileHead {
+struct undoRecord : sideFileHead {
     std::int64_t indexPos = 0;  // from the heading
     fileBytes index;
     fileBytes block;  // the old last block, at untouchedEnd; empty if the append does not rewrite it
@@ -47,10 +47,10 @@ void putBack(ORVA_File& file, std::span<const unsigned char> kept, std::int64_t 
 
 // Restores length, last block and index, but not the heading. `durable`: the block is synced before the index is
 // written, and the index before the return.
-void restoreTail(ORVA_File& file, const keptTail& tail, bool durable);
+void restoreTail(ORVA_File& file, const undoRecord& tail, bool durable);
 
 // The content of the side file.
-fileBytes serialize(const keptTail& tail);
+fileBytes serialize(const undoRecord& tail);
 // A side file is at most this much longer than the data file was before the append.
 inline constexpr std::int64_t kSideFileOverhead = 4096;
 
@@ -58,10 +58,10 @@ inline constexpr std::int64_t kSideFileOverhead = 4096;
 bool isForeign(const fileBytes& sideFile);
 // Nothing for a side file that was cut short or changed since. Trusts no offset in it: each must agree with the saved
 // heading and index.
-std::optional<keptTail> parse(const fileBytes& sideFile);
+std::optional<undoRecord> parse(const fileBytes& sideFile);
 
 // The content of `side`, the side file of `data`, which is then open; nothing if there is none that is trusted and
 // intact.
-std::optional<keptTail> keptIn(heldSideFile& side, bytesFrom data);
+std::optional<undoRecord> readUndoRecord(heldSideFile& side, bytesFrom data);
 
 }  // namespace orva

@@ -1,4 +1,4 @@
-// savedTail: keeps a copy of what one append overwrites, from before its first write until its new heading is durable.
+// appendUndo: keeps a copy of what one append overwrites, from before its first write until its new heading is durable.
 // If the append fails while its process lives, undo restores the file from this copy. After a crash, a roll-back
 // restores it from the side file, if the append was safe.
 //
@@ -9,7 +9,7 @@
 #pragma once
 
 #include "part/heldSideFile.h"
-#include "part/keptTail.h"
+#include "part/undoRecord.h"
 
 #include <orva/compressedLayout.h>
 #include <orva/file.h>
@@ -27,13 +27,13 @@ struct tailPlan {
     bool cutsRows;                 // the append drops rows of the old last block
 };
 
-class savedTail {
+class appendUndo {
 public:
     // Reads what will be overwritten. `safe`: then makes the side file durable and, if the append cuts rows, erases the
     // mark of the old index, so that it never vouches for a rewritten block; a failure undoes both before it is thrown.
-    savedTail(ORVA_File& file, const tailPlan& plan, bool safe);
-    savedTail(const savedTail&) = delete;
-    savedTail& operator=(const savedTail&) = delete;
+    appendUndo(ORVA_File& file, const tailPlan& plan, bool safe);
+    appendUndo(const appendUndo&) = delete;
+    appendUndo& operator=(const appendUndo&) = delete;
 
     bool isSafe() const { return bSafe; }
     // Restores the file, the heading first, and removes the side file. Returns `failure` with the outcome in its text;
@@ -47,7 +47,7 @@ private:
 
     ORVA_File& fFile;
     const bool bSafe;
-    keptTail fKept;
+    undoRecord fKept;
     heldSideFile fSide;  // closed unless the append is safe
 };
 

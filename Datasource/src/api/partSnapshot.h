@@ -1,9 +1,9 @@
-// shownPart: a finished part as its heading and index were at one moment. It stays readable: it keeps the file open,
+// partSnapshot: a finished part as its heading and index were at one moment. It stays readable: it keeps the file open,
 // whoever takes the name, and reads the one block that an append rewrites from the side file.
 //
 // Units:   bytes; offsets of rows count from 0.
 // Threads: const operations on any thread.
-// Failure: the errors of orva:: with offset and block; bad_alloc; callersFailure from a source.
+// Failure: the errors of orva:: with offset and block; bad_alloc; callbackFailure from a source.
 #pragma once
 
 #include "api/foundHeading.h"
@@ -25,12 +25,12 @@
 
 namespace orva {
 
-class shownPart {
+class partSnapshot {
 public:
     // Opens as Reader does. `place`: the full name of `path`. `locked`: the caller holds the writer's lock.
-    shownPart(const Path& path, const Path& place, std::optional<i64> row0, bool locked = false,
-              const Progress& progress = {});
-    shownPart(std::shared_ptr<const ByteSource> source, const std::string& name, std::optional<i64> row0);
+    partSnapshot(const Path& path, const Path& place, std::optional<i64> row0, bool locked = false,
+                 const Progress& progress = {});
+    partSnapshot(std::shared_ptr<const ByteSource> source, const std::string& name, std::optional<i64> row0);
 
     // Unique in this process. A part with a greater id began to open later.
     std::uint64_t id() const { return fId; }
@@ -63,7 +63,7 @@ private:
     void load();
     bool isOfOneMoment() const;
     void readOld(std::uint32_t number, unsigned char* compressed, unsigned char* to) const;
-    bool readKept(std::uint32_t number, const readRoad& road, unsigned char* to) const;
+    bool readKept(std::uint32_t number, const readContext& context, unsigned char* to) const;
     bool hasChanged(std::uint32_t number) const;
 
     const std::uint64_t fId = nextId();
@@ -78,7 +78,7 @@ private:
 };
 
 // The part that a Reader shows now.
-std::shared_ptr<const shownPart> partOf(const Reader& reader);
+std::shared_ptr<const partSnapshot> partOf(const Reader& reader);
 
 // The error for a file to which an append is at work (`alive`) or was interrupted.
 UnfinishedFileError unfinished(const Path& path, bool alive);
