@@ -8,6 +8,7 @@
 #include "recordSearch.h"
 #include "text.h"
 #include "threads.h"
+#include "values.h"
 #include "verbs.h"
 
 #include <orva/orva.h>
@@ -16,7 +17,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <limits>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -44,7 +44,7 @@ public:
         records->option_text("A:B")->allow_extra_args(false)->needs(recordSize);
         where->option_text("'OFFSET:TYPE>=VALUE'")->expected(1, 2)->needs(recordSize);
         where->excludes(range)->excludes(records)->excludes(damaged);
-        recordSize->option_text("N")->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
+        recordSize->option_text("N")->check(atLeastOne());
         damaged->option_text("HOW")->check(CLI::IsMember({"stop", "zero", "skip"}));
         command.add_option("-o,--output", fOut, "Write to this file instead")->option_text("FILE");
         fOutput.addTo(command);

@@ -6,13 +6,13 @@
 #include "progress.h"
 #include "text.h"
 #include "threads.h"
+#include "values.h"
 #include "verbs.h"
 
 #include <orva/orva.h>
 
 #include <CLI/CLI.hpp>
 
-#include <limits>
 #include <memory>
 #include <vector>
 
@@ -24,7 +24,7 @@ public:
         command.add_option("FILE", fInputs, "Finished files, in this order")->required();
         command.add_option("--row0", fPart.row0, "The file offset where the compressed part begins in each of them")
             ->option_text("S")
-            ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
+            ->check(atLeastOne());
         command.add_option("-o,--output", fOut, "The file to make; required")->option_text("FILE")->required();
         command
             .add_option("--dict", fDict, "A file whose bytes become the dictionary part; without it the first file's")

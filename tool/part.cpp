@@ -2,10 +2,10 @@
 
 #include "failure.h"
 #include "text.h"
+#include "values.h"
 
 #include <CLI/CLI.hpp>
 
-#include <limits>
 #include <set>
 
 namespace {
@@ -13,7 +13,7 @@ namespace {
 void addPlace(CLI::App& app, partOptions& options) {
     app.add_option("--row0", options.row0, "The file offset where the compressed part begins; found if not given")
         ->option_text("S")
-        ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()));
+        ->check(atLeastOne());
     app.add_flag("--swap", options.swap, "With --row0: the heading has the other byte order; found if not given")
         ->needs("--row0");
 }

@@ -5,6 +5,7 @@
 #include "json.h"
 #include "output.h"
 #include "part.h"
+#include "values.h"
 #include "verbs.h"
 
 #include <orva/orva.h>
@@ -42,13 +43,12 @@ public:
     void addOptions(CLI::App& command) override {
         fPart.addTo(command);
         command.add_flag("--json", fJson, "Write JSON instead of lines with offset, tab and length");
-        const auto atLeastOne = CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max());
         command.add_option("--count", fCount, "At most N ranges; without it one for each block")
             ->option_text("N")
-            ->check(atLeastOne);
+            ->check(atLeastOne());
         CLI::Option* recordSize =
             command.add_option("--record-size", fRecordSize, "Bytes of one record; no range cuts a record");
-        recordSize->option_text("N")->check(atLeastOne);
+        recordSize->option_text("N")->check(atLeastOne());
         command
             .add_option("--delimiter", fDelimiter,
                         "The byte that ends each record, such as '\\n'; no range cuts a record")

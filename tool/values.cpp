@@ -4,6 +4,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
+#include <limits>
+
 namespace {
 
 std::string refuseEmpty(const std::string& value) {
@@ -22,4 +25,8 @@ void checkValues(CLI::App& command) {
         const bool isNumber = option->get_type_name().starts_with("INT");
         option->check(isNumber ? refuseNoNumber : refuseEmpty, "");
     }
+}
+
+CLI::Validator atLeastOne() {
+    return CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max());
 }
