@@ -111,3 +111,13 @@ std::optional<std::int64_t> knownSize(const std::string& name) {
     if (failure || size == 0) return {};  // files that the system makes up, as under /proc, claim to be empty
     return static_cast<std::int64_t>(size);
 }
+
+std::int64_t totalSize(std::span<const std::string> names) {
+    std::int64_t total = 0;
+    for (const std::string& name : names) {
+        const auto size = knownSize(name);
+        if (!size) return -1;
+        total += *size;
+    }
+    return total;
+}

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -42,3 +43,6 @@ std::vector<std::byte> readDictionary(const std::string& name);
 
 // The size of a regular file; empty if it has none, or none that is constant.
 std::optional<std::int64_t> knownSize(const std::string& name);
+
+// The size of all these inputs, as a progress bar takes it: -1 if that of one is not known.
+std::int64_t totalSize(std::span<const std::string> names);

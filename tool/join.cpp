@@ -45,7 +45,7 @@ public:
             options.permissions = orva::commonPermissions(std::vector<orva::Path>{fDict});
         }
         if (fCheck) checkBlocks();
-        progress bar(fProgress, "join", storedSize());
+        progress bar(fProgress, "join", totalSize(fInputs));
         options.progress = bar.follower();
         const std::vector<orva::Path> inputs(fInputs.begin(), fInputs.end());
         const orva::JoinReport report = orva::join(inputs, fOut, options);
@@ -60,12 +60,6 @@ private:
         for (const std::string& name : fInputs) {
             requireSound(name, orva::verify(name, {.row0 = fPart.place(), .threads = fThreads.wanted}));
         }
-    }
-
-    std::int64_t storedSize() const {
-        std::int64_t size = 0;
-        for (const std::string& name : fInputs) size += knownSize(name).value_or(0);
-        return size;
     }
 
     std::vector<std::string> fInputs;

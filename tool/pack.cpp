@@ -42,7 +42,7 @@ public:
         const std::vector<std::byte> dictionary = dictionaryPart();
         std::vector<orva::Path> sources(fInputs.begin(), fInputs.end());
         if (!fDict.empty()) sources.emplace_back(fDict);
-        progress bar(fProgress, "pack", totalSize());
+        progress bar(fProgress, "pack", totalSize(fInputs));
         orva::Writer rows(fOut, {.dictionary = dictionary,
                                  .threads = fThreads.wanted,
                                  .durable = !fOutput.noSync,
@@ -81,16 +81,6 @@ private:
             if (name != "-") checkReadable(name);
         }
         requireOtherFile(fOut, fInputs);
-    }
-
-    std::int64_t totalSize() const {
-        std::int64_t total = 0;
-        for (const std::string& name : fInputs) {
-            const auto size = knownSize(name);
-            if (!size) return -1;
-            total += *size;
-        }
-        return total;
     }
 
     std::vector<std::byte> dictionaryPart() const {
