@@ -5,9 +5,9 @@
 #include <utility>
 
 std::size_t blockAt(const std::vector<orva::Block>& blocks, std::int64_t offset) {
-    const auto behind =
+    const auto next =
         std::ranges::upper_bound(blocks, offset, {}, [](const orva::Block& block) { return block.rows.offset; });
-    return static_cast<std::size_t>(behind - blocks.begin()) - 1;
+    return static_cast<std::size_t>(next - blocks.begin()) - 1;
 }
 
 std::shared_ptr<std::byte> blockMemory() {

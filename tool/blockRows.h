@@ -27,13 +27,13 @@ public:
     const openedPart& file() const { return fFile; }
     // The rows from `offset` to the end of its block. Valid until a third block is asked for.
     std::string_view from(std::int64_t offset);
-    // Calls take(string_view), block by block, for the `size` bytes from `offset` on, which must all be rows.
-    template <class Take>
-    void pass(std::int64_t offset, std::int64_t size, Take take) {
+    // Calls visitor(string_view), block by block, for the `size` bytes from `offset` on, which must all be rows.
+    template <class Visitor>
+    void visit(std::int64_t offset, std::int64_t size, Visitor visitor) {
         for (const std::int64_t end = offset + size; offset < end;) {
             const std::string_view rows = from(offset);
             const std::int64_t count = std::min<std::int64_t>(std::ssize(rows), end - offset);
-            take(rows.substr(0, static_cast<std::size_t>(count)));
+            visitor(rows.substr(0, static_cast<std::size_t>(count)));
             offset += count;
         }
     }

@@ -189,8 +189,8 @@ private:
         while (record < search.records() && out.open()) {
             const std::int64_t count = search.countFrom(record);
             if (count == 0) break;
-            rows.pass(record * fRecordSize, count * fRecordSize,
-                      [&](std::string_view bytes) { out.write(bytes.data(), bytes.size()); });
+            rows.visit(record * fRecordSize, count * fRecordSize,
+                       [&](std::string_view bytes) { out.write(bytes.data(), bytes.size()); });
             record += count;
             bar.advance(count * fRecordSize);
         }

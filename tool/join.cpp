@@ -46,7 +46,7 @@ public:
         }
         if (fCheck) checkBlocks();
         progress bar(fProgress, "join", totalSize(fInputs));
-        options.progress = bar.follower();
+        options.progress = bar.callback();
         const std::vector<orva::Path> inputs(fInputs.begin(), fInputs.end());
         const orva::JoinReport report = orva::join(inputs, fOut, options);
         if (!fDict.empty() || fPart.row0 != 0) noteHidden("join", fOut, report.row0);

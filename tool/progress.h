@@ -28,8 +28,8 @@ public:
     ~progress();
 
     void advance(std::int64_t bytes);
-    // For work that reports its own progress.
-    orva::Progress follower() {
+    // For work that reports its own progress; must not outlive the bar.
+    orva::Progress callback() {
         return [this](std::int64_t done, std::int64_t) { advance(done - fDone); };
     }
     // Erases the bar and, if there was one or the user asked for it, prints "orva: LABEL: summary, time, speed".

@@ -136,7 +136,7 @@ recordSearch::recordSearch(blockRows& rows, const keyRange& range, std::int64_t 
 
 // The records in `left` whose keys lie in its middle block, so that one block is enough to see them. A key across a
 // border belongs to the block in which it ends; if there are no other keys, the record in the middle of `left`.
-recordSearch::stretch recordSearch::probe(stretch left) const {
+recordSearch::interval recordSearch::probe(interval left) const {
     const std::vector<orva::Block>& blocks = fRows.file().info.blocks;
     const std::size_t low = blockAt(blocks, keyEnd(left.begin) - 1);
     const std::size_t high = blockAt(blocks, keyEnd(left.end - 1) - 1);
@@ -145,7 +145,7 @@ recordSearch::stretch recordSearch::probe(stretch left) const {
     const std::int64_t to = from + middle.length - static_cast<std::int64_t>(fRange.width());
     const std::int64_t begin = from <= 0 ? 0 : (from - 1) / fRecordSize + 1;
     const std::int64_t end = to < 0 ? 0 : to / fRecordSize + 1;
-    const stretch inside{std::max(left.begin, begin), std::min(left.end, end)};
+    const interval inside{std::max(left.begin, begin), std::min(left.end, end)};
     if (inside.begin < inside.end) return inside;
     const std::int64_t one = left.begin + (left.end - left.begin) / 2;
     return {one, one + 1};
@@ -153,24 +153,24 @@ recordSearch::stretch recordSearch::probe(stretch left) const {
 
 std::int64_t recordSearch::first() {
     if (!fRange.isBelow(0)) return 0;
-    stretch left{0, fRecords};  // all before are below the range, all after are not
-    std::uint64_t before = 0;
-    std::uint64_t behind = std::numeric_limits<std::uint64_t>::max();
+    interval left{0, fRecords};  // all before are below the range, all after are not
+    std::uint64_t before = 0;    // ranks of the records next to them
+    std::uint64_t after = std::numeric_limits<std::uint64_t>::max();
     while (left.begin < left.end) {
-        const stretch seen = probe(left);
+        const interval seen = probe(left);
         std::int64_t found = seen.end;
         std::uint64_t rank = before;
         for (std::int64_t i = seen.begin; i < seen.end; ++i) {
             rank = rankOf(i, rank);
             if (found == seen.end && !fRange.isBelow(rank)) found = i;
         }
-        if (rank > behind) refuse(seen.end);
+        if (rank > after) refuse(seen.end);
         if (found == seen.end) {
             left.begin = seen.end;
             before = rank;
         } else if (found == seen.begin) {
             left.end = found;
-            behind = rankOf(found, before);
+            after = rankOf(found, before);
         } else {
             return found;
         }
@@ -193,8 +193,8 @@ std::int64_t recordSearch::countFrom(std::int64_t record) {
 std::uint64_t recordSearch::rankOf(std::int64_t record, std::uint64_t before) {
     unsigned char key[8];
     unsigned char* to = key;
-    fRows.pass(keyPlace(record), static_cast<std::int64_t>(fRange.width()),
-               [&](std::string_view bytes) { to = std::copy(bytes.begin(), bytes.end(), to); });
+    fRows.visit(keyPlace(record), static_cast<std::int64_t>(fRange.width()),
+                [&](std::string_view bytes) { to = std::copy(bytes.begin(), bytes.end(), to); });
     const auto rank = fRange.rank(key, fRows.file().info.swapped);
     if (!rank || *rank < before) refuse(record);
     return *rank;

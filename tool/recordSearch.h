@@ -49,7 +49,8 @@ public:
     std::int64_t records() const { return fRecords; }
 
 private:
-    struct stretch {
+    // Records `begin` up to but not including `end`.
+    struct interval {
         std::int64_t begin;
         std::int64_t end;
     };
@@ -57,7 +58,7 @@ private:
     std::int64_t keyEnd(std::int64_t record) const {
         return keyPlace(record) + static_cast<std::int64_t>(fRange.width());
     }
-    stretch probe(stretch left) const;
+    interval probe(interval left) const;
     std::uint64_t rankOf(std::int64_t record, std::uint64_t before);
     [[noreturn]] void refuse(std::int64_t record) const;
 

@@ -72,12 +72,12 @@ private:
     // Where the first record from `offset` on begins; the end of the rows if there is none.
     std::int64_t border(blockRows& rows, std::int64_t offset) const {
         const std::int64_t end = rows.file().info.size;
-        if (const auto delimiter = parseByte(fDelimiter)) return behindDelimiter(rows, *delimiter, offset, end);
+        if (const auto delimiter = parseByte(fDelimiter)) return afterDelimiter(rows, *delimiter, offset, end);
         const std::int64_t into = offset % fRecordSize;
         return into == 0 ? offset : offset + std::min(fRecordSize - into, end - offset);
     }
 
-    static std::int64_t behindDelimiter(blockRows& rows, char delimiter, std::int64_t offset, std::int64_t end) {
+    static std::int64_t afterDelimiter(blockRows& rows, char delimiter, std::int64_t offset, std::int64_t end) {
         while (offset < end) {
             const std::string_view text = rows.from(offset);
             const auto at = text.find(delimiter);

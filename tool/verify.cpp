@@ -35,7 +35,7 @@ private:
     void verify(const openedPart& file) {
         fInfo = file.info;
         progress bar(fProgress, "verify", fInfo.size);
-        fReport = orva::verify(file.reader, {.threads = fThreads.wanted, .progress = bar.follower()});
+        fReport = orva::verify(file.reader, {.threads = fThreads.wanted, .progress = bar.callback()});
         bar.finish(shownName(fPart.file) + ": " + counted(fReport.blocks, "block") + ", " + humanSize(fInfo.size) +
                    " of rows, " + verdict());
         print();
