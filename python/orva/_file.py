@@ -10,7 +10,7 @@ import warnings
 from typing import Any, Literal, NoReturn
 
 from . import _orva
-from ._source import NEW_BLOCKS, Opened, PathLike, Source, block_of, name_of, path_of, row0_of, threads_of, whole
+from ._source import NEW_BLOCKS, Opened, PathLike, Source, block_of, integer, name_of, path_of, row0_of, threads_of
 
 Mode = Literal["rb", "wb", "xb", "ab"]
 _FARTHEST = (1 << 63) - 1
@@ -18,7 +18,7 @@ _FARTHEST = (1 << 63) - 1
 
 def _begin(path: PathLike, mode: str, row0: int | None, threads: int, level: int, block: int | None) -> _orva.Writer:
     name, length = name_of(path), block_of(block, NEW_BLOCKS)
-    threads, level, row0 = threads_of(threads), whole(level, "level", 32), row0_of(row0)
+    threads, level, row0 = threads_of(threads), integer(level, "level", 32), row0_of(row0)
     if mode != "ab":
         if row0 is not None:
             raise ValueError("row0 applies only to an existing file, and this one is new")

@@ -201,7 +201,7 @@ class Rows:
     def __getitem__(self, key: Any) -> Any:
         if isinstance(key, str):
             return self._picked(range(len(self)), key)
-        first, *behind = (key or (...,)) if isinstance(key, tuple) else (key,)
+        first, *rest = (key or (...,)) if isinstance(key, tuple) else (key,)
         here: Any = 0
         if (row := _number(first)) is not None:
             row = self._index(row)
@@ -211,13 +211,13 @@ class Rows:
         elif (chosen := self._chosen(first)) is not None:
             values = self._read(chosen.reshape(-1))
             here = np.arange(chosen.size).reshape(chosen.shape)
-            if not behind and chosen.ndim == 1:
+            if not rest and chosen.ndim == 1:
                 return values
         else:
             np.broadcast_to(self._empty(1)[:1], self.shape)[key]  # raises numpy's error before anything is read
             return self._read(range(len(self)))[key]
         # The rows are in the order of the key; numpy itself applies what the key says of further axes.
-        return values if isinstance(key, slice) else values[(here, *behind)]
+        return values if isinstance(key, slice) else values[(here, *rest)]
 
     def __array__(self, dtype: npt.DTypeLike = None) -> npt.NDArray[Any]:
         values = self._read(range(len(self)))

@@ -39,8 +39,8 @@ def paths_of(paths: Iterable[PathLike]) -> list[str]:
     return [path_of(path) for path in paths]
 
 
-def whole(value: int, what: str, bits: int = 64) -> int:
-    """A number that fits the extension's type; the extension itself checks whether it makes sense."""
+def integer(value: int, what: str, bits: int = 64) -> int:
+    """The value as an int that fits the extension's type; the extension itself checks whether it makes sense."""
     try:
         number = operator.index(value)
     except TypeError:
@@ -51,16 +51,16 @@ def whole(value: int, what: str, bits: int = 64) -> int:
 
 
 def threads_of(threads: int) -> int:
-    return min(whole(threads, "threads", 32), _MOST_THREADS)
+    return min(integer(threads, "threads", 32), _MOST_THREADS)
 
 
 def row0_of(row0: int | None) -> int | None:
-    return None if row0 is None else whole(row0, "row0")
+    return None if row0 is None else integer(row0, "row0")
 
 
 def block_of(length: int | None, default: int) -> int:
     """A block's length for the extension, where 0 means the longest, or the file's own."""
-    return default if length is None else whole(length, "block") or -1
+    return default if length is None else integer(length, "block") or -1
 
 
 # The locks of each object that is read, by process.

@@ -7,7 +7,7 @@ from typing import TYPE_CHECKING, Any
 import numpy as np
 
 from . import _dtype, _orva
-from ._source import NEW_BLOCKS, PathLike, block_of, name_of, path_of, threads_of, whole
+from ._source import NEW_BLOCKS, PathLike, block_of, integer, name_of, path_of, threads_of
 
 if TYPE_CHECKING:
     import numpy.typing as npt
@@ -64,7 +64,7 @@ def write(
     """
     values, row = _rows_of(array)
     name = name_of(path)
-    options = threads_of(threads), True, whole(level, "level", 32), block_of(block, NEW_BLOCKS)
+    options = threads_of(threads), True, integer(level, "level", 32), block_of(block, NEW_BLOCKS)
     writer = _orva.create(name, _dtype.to_dictionary(row), *options)
     try:
         _write(writer, values, row)

@@ -44,7 +44,7 @@ private:
 // Returns work(), which runs without the GIL.
 template <class Work>
 auto without(Work work) {
-    const released others;
+    const released guard;
     return work();
 }
 
@@ -59,7 +59,7 @@ private:
     static constexpr bool kForksTakeIt = PY_VERSION_HEX >= 0x030D0000;
     // The registration lasts until fLock goes, which counts its users.
     static void makeKnown() {
-        const platform::noFork whole;
+        const platform::noFork guard;
         PyThreadState* const state = PyThreadState_New(PyInterpreterState_Main());
         if (state != nullptr) state->gilstate_counter = 0;
     }

@@ -28,7 +28,7 @@ public:
         constexpr std::size_t piece = 4'190'208;  // a block; signals act between them
         const std::shared_ptr<orva::Writer> writer = get();
         const heldBuffer buffer(rows, heldBuffer::access::read);
-        const gil::released others;
+        const gil::released guard;
         for (std::span<const std::byte> left = buffer.bytes(); !left.empty();) {
             const std::size_t size = std::min(left.size(), piece);
             writer->write(left.first(size));
@@ -47,7 +47,7 @@ public:
     // Abandons what is not finished, ends the threads and closes the file.
     void drop() {
         std::shared_ptr<orva::Writer> writer = std::move(fWriter);
-        const gil::released others;
+        const gil::released guard;
         writer.reset();
     }
 
