@@ -12,8 +12,10 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <cstdio>
-#include <iostream>
+#include <exception>
+#include <iterator>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
