@@ -6,7 +6,7 @@
 
 using orva::i64;
 
-void blockwise::want(i64 offset, orva::Bytes to) {
+void blockwise::request(i64 offset, orva::Bytes to) {
     while (!to.empty()) {
         if (offset >= fBlockEnd) {
             if (fBegun == fBlocks) finish();

@@ -19,7 +19,7 @@ public:
         : fReader(reader), fBlocks(blocks), fLost(lost) {}
 
     // Requests these rows. They must exist, and begin at or past the start of the rows requested before.
-    void want(orva::i64 offset, orva::Bytes to);
+    void request(orva::i64 offset, orva::Bytes to);
     // Reads what is still to be read. Must be called at the end.
     void finish();
 

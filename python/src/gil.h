@@ -51,14 +51,14 @@ auto without(Work work) {
 class held {
 public:
     held() {
-        if (!kForksTakeIt && PyGILState_GetThisThreadState() == nullptr) makeKnown();
+        if (!kForksTakeIt && PyGILState_GetThisThreadState() == nullptr) registerThread();
         takeOrWait([&] { fLock.emplace(); });
     }
 
 private:
     static constexpr bool kForksTakeIt = PY_VERSION_HEX >= 0x030D0000;
     // The registration lasts until fLock goes, which counts its users.
-    static void makeKnown() {
+    static void registerThread() {
         const platform::noFork guard;
         PyThreadState* const state = PyThreadState_New(PyInterpreterState_Main());
         if (state != nullptr) state->gilstate_counter = 0;

@@ -71,7 +71,7 @@ public:
             const auto length = static_cast<std::size_t>(size);
             for (const std::size_t i : order) {
                 if (wanted[i] < 0 || wanted[i] >= count) throw py::index_error("row number out of range");
-                reads.want(wanted[i] * size, buffer.bytes().subspan(i * length, length));
+                reads.request(wanted[i] * size, buffer.bytes().subspan(i * length, length));
             }
             reads.finish();
         });
@@ -107,7 +107,7 @@ private:
         if (!lost && wanted.size() <= kSmallRead) return gil::without([&] { return reader.read_at(offset, wanted); });
         collecting(lost, [&](std::vector<orva::Range>* found) {
             blockwise reads(reader, fBlocks, found);
-            reads.want(offset, wanted);
+            reads.request(offset, wanted);
             reads.finish();
         });
         return wanted.size();

@@ -20,7 +20,7 @@ orva::i64 pythonSource::size() const {
 std::size_t pythonSource::read_at(orva::i64 offset, orva::Bytes to) const {
     const gil::held python;
     const py::memoryview view = py::memoryview::from_memory(to.data(), static_cast<py::ssize_t>(to.size()));
-    // Otherwise whoever has kept the view, such as the traceback of an error, would reach memory that is gone.
+    // On every path: whoever has kept the view, such as the traceback of an error, would reach memory that is gone.
     const auto release = [&] { view.attr("release")(); };
     try {
         const auto got = fSource.attr("read_at")(offset, view).cast<std::size_t>();
