@@ -10,7 +10,7 @@ from collections.abc import Callable, Iterable
 from dataclasses import dataclass
 from typing import Any, Literal, Optional
 
-from . import _orva
+from . import _dtype, _orva
 from ._source import PathLike, name_of, paths_of, row0_of, threads_of
 
 Progress = Optional[Callable[[int, int], object]]
@@ -134,6 +134,11 @@ def join(
 ) -> JoinReport:
     """Writes the rows of finished files, one after the other, into the new file `target`, which keeps the first one's
     dtype. Blocks are copied as they are; only the last one of each file is inflated, as a check. ValueError for no
-    file, and if `target` is one of them."""
-    names = [name_of(path) for path in paths_of(sources)]
+    file, for files that state different dtypes, and if `target` is one of them."""
+    paths = paths_of(sources)
+    names = [name_of(path) for path in paths]
+    dtypes = [_dtype.of_reader(_orva.Reader(name, None, 1), path) for name, path in zip(names, paths)]
+    for path, dtype in zip(paths, dtypes):
+        if dtype is not None and dtypes[0] is not None and dtype != dtypes[0]:
+            raise ValueError(f'"{path}" has rows of {dtype}, but "{paths[0]}" has rows of {dtypes[0]}')
     return JoinReport(*_orva.join(names, name_of(target), bool(replace), _called(progress)))
