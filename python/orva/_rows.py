@@ -219,7 +219,9 @@ class Rows:
         # The rows are in the order of the key; numpy itself applies what the key says of further axes.
         return values if isinstance(key, slice) else values[(here, *rest)]
 
-    def __array__(self, dtype: npt.DTypeLike = None) -> npt.NDArray[Any]:
+    def __array__(self, dtype: npt.DTypeLike = None, copy: bool | None = None) -> npt.NDArray[Any]:
+        if copy is False:
+            raise ValueError("rows in a file cannot become an array without a copy")
         values = self._read(range(len(self)))
         return values if dtype is None else values.astype(dtype, copy=False)
 
