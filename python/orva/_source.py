@@ -145,5 +145,5 @@ class Opened:
         elif hasattr(source, "read_at"):
             self.reader = _orva.Reader(source, *how, self.name.encode(errors="backslashreplace"))
         else:
-            given = type(source).__name__
+            given = type(source).__name__ + (": open it first" if hasattr(source, "open") else "")
             raise TypeError(f"expected a path (str or os.PathLike[str]) or a binary file object, not {given}")

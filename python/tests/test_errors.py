@@ -57,6 +57,7 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "embedded null character", lambda: orva.open("a\0b")),
     (TypeError, "a path .* or a binary file object, not (bytes|StringIO)", lambda: orva.open(b"a"), lambda: orva.open(io.StringIO())),
     (TypeError, "a path .*os.PathLike.* not (DirEntry|bytes)", lambda: orva.rows(next(os.scandir(b"."))), lambda: orva.join([b"a"], "a")),
+    (TypeError, "not OpenFile: open it first", lambda: orva.rows(fsspec.open("numbers.orva"))),
     (TypeError, "a list of paths, not .*(bytes.orva|None)", lambda: orva.join(b"bytes.orva", "a"), lambda: orva.dask.from_rows(None)),
     # Options.
     (ValueError, "row0 applies only to an existing file", lambda: writer(row0=512)),
