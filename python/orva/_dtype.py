@@ -42,7 +42,10 @@ def checked(dtype: npt.DTypeLike) -> np.dtype[Any]:
 
 
 def to_dictionary(dtype: np.dtype[Any]) -> bytes:
-    descr: Any = dtype_to_descr(dtype)  # type: ignore[no-untyped-call]
+    try:
+        descr: Any = dtype_to_descr(dtype)  # type: ignore[no-untyped-call]
+    except ValueError as error:
+        raise ValueError(f"{error}: numpy.lib.recfunctions.repack_fields puts the fields of an array in order") from None
     if dtype.subdtype is not None:
         descr = (dtype_to_descr(dtype.subdtype[0]), dtype.subdtype[1])  # type: ignore[no-untyped-call]
     line = "dtype=" + json.dumps(descr) + "\n"

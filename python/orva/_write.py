@@ -34,7 +34,10 @@ def _rows_of(array: npt.ArrayLike) -> tuple[npt.NDArray[Any], np.dtype[Any]]:
         raise ValueError("masked rows have no values to write: fill them or leave them out")
     values = np.asarray(values)
     if values.ndim == 0:
-        raise ValueError("expected an array of at least one axis")
+        hint = "; orva.open writes bytes" if isinstance(array, bytes) else ""
+        raise ValueError(f"expected an array of at least one axis, not one value of {type(array).__name__}{hint}")
+    if values.dtype.type is np.record:
+        values = values.view((np.void, values.dtype))  # the same dtype, without numpy.record in its text
     row = _dtype.checked(values.dtype)
     return values, row if values.ndim == 1 else _dtype.checked((row, values.shape[1:]))
 
