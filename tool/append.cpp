@@ -40,7 +40,7 @@ public:
         const openedPart file = openFile("append", fPart);
         progress bar(fProgress, "append", knownSize(fIn).value_or(-1));
         const std::int64_t added = fFirst.empty() ? addNothing(file) : append(file, from, bar);
-        bar.finish(shownName(file.name) + ": " + humanSize(added) + " of rows added");
+        bar.finish(printable(file.name) + ": " + humanSize(added) + " of rows added");
         return kAllWell;
     }
 
@@ -51,7 +51,7 @@ private:
         const bool named = fIn != "-";
         if (named) checkReadable(fIn);
         if (platform::sameFile(named ? fIn.c_str() : "/dev/stdin", fPart.file.c_str())) {
-            usageError("cannot append \"" + shownName(fPart.file) + "\" to itself");
+            usageError("cannot append \"" + printable(fPart.file) + "\" to itself");
         }
     }
 

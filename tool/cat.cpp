@@ -110,7 +110,7 @@ private:
 
     std::string summary(const output& out, std::int64_t total) const {
         const std::string all = humanSize(total);
-        return shownName(fPart.file) + ": " +
+        return printable(fPart.file) + ": " +
                (out.open() ? all
                            : humanSize(out.written()) + " of " + all + " written, then the reader closed the pipe");
     }

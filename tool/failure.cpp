@@ -25,7 +25,7 @@ void printLine(std::initializer_list<std::string> parts) {
     for (const std::string& part : parts) {
         if (!part.empty()) line += ": " + part;
     }
-    std::fprintf(stderr, "%s\n", shownName(line).c_str());
+    std::fprintf(stderr, "%s\n", printable(line).c_str());
 }
 
 }  // namespace

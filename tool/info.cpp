@@ -63,7 +63,7 @@ private:
     }
 
     std::string summary() const {
-        return shownName(fPart.file) + '\n' + field("rows", sized(fInfo.size)) +
+        return printable(fPart.file) + '\n' + field("rows", sized(fInfo.size)) +
                field("stored", sized(fInfo.stored) + " in " + counted(std::ssize(fInfo.blocks), "block") +
                                    (fInfo.stored == 0 ? "" : longest() + ratioText(fInfo.size, fInfo.stored))) +
                field("dictionary", dictionary()) +
@@ -87,7 +87,7 @@ private:
         std::string text = counted(fInfo.row0, "byte");
         if (!fInfo.text) return text;
         text += ", made by orva";
-        if (!fInfo.text->source.empty()) text += " from " + shownName(fInfo.text->source);
+        if (!fInfo.text->source.empty()) text += " from " + printable(fInfo.text->source);
         if (fInfo.text->size) text += " of " + counted(*fInfo.text->size, "byte");
         return text;
     }

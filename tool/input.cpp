@@ -99,7 +99,7 @@ void checkReadable(const std::string& name) {
 std::vector<std::byte> readDictionary(const std::string& name) {
     std::vector<std::byte> bytes = input(name).readAll();
     if (bytes.empty()) {
-        usageError("the dictionary part \"" + shownName(name) + "\" is empty: it needs at least one byte");
+        usageError("the dictionary part \"" + printable(name) + "\" is empty: it needs at least one byte");
     }
     return bytes;
 }

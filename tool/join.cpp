@@ -50,7 +50,7 @@ public:
         const std::vector<orva::Path> inputs(fInputs.begin(), fInputs.end());
         const orva::JoinReport report = orva::join(inputs, fOut, options);
         if (!fDict.empty() || fPart.row0 != 0) noteHidden("join", fOut, report.row0);
-        bar.finish(shownName(fOut) + ": " + counted(report.blocks, "block") + ", " + humanSize(report.size) +
+        bar.finish(printable(fOut) + ": " + counted(report.blocks, "block") + ", " + humanSize(report.size) +
                    " of rows in " + humanSize(report.stored));
         return kAllWell;
     }

@@ -88,7 +88,7 @@ void nameLevels(const CLI::App& app, std::vector<std::string>& words) {
     const CLI::App* pack = app.get_subcommand("pack");
     const auto end = std::find(words.begin(), words.end(), "--");
     for (auto word = words.begin() + 1; word < end; ++word) {
-        if (!word->starts_with('-') || !number(word->substr(1))) continue;
+        if (!word->starts_with('-') || !parseNumber(word->substr(1))) continue;
         const std::string& before = *(word - 1);
         const CLI::Option* option = before.starts_with('-') ? pack->get_option_no_throw(before) : nullptr;
         if (option == nullptr || option->get_items_expected_max() == 0) *word = "--level=" + word->substr(1);

@@ -43,7 +43,7 @@ void requireFileName(const std::string& out) {
 void requireOtherFile(const std::string& out, std::span<const std::string> inputs) {
     for (const std::string& name : inputs) {
         if (out == "-" || name == "-" || !platform::sameFile(name.c_str(), out.c_str())) continue;
-        usageError("\"" + shownName(name) + "\" is both input and output: name another output with -o");
+        usageError("\"" + printable(name) + "\" is both input and output: name another output with -o");
     }
 }
 

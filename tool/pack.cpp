@@ -57,7 +57,7 @@ public:
         if (!fDict.empty()) noteHidden("pack", fOut, std::ssize(dictionary));
         std::error_code moved;  // if somebody has waited for the file
         const auto packed = static_cast<std::int64_t>(std::filesystem::file_size(fOut, moved));
-        bar.finish(shownName(fOut) + ": " + humanSize(rows.size()) + " to " + humanSize(packed) + ", " +
+        bar.finish(printable(fOut) + ": " + humanSize(rows.size()) + " to " + humanSize(packed) + ", " +
                    ratioText(rows.size(), packed));
         return kAllWell;
     }
@@ -88,7 +88,7 @@ private:
         constexpr std::size_t longestName = 300;
         const std::string source = oneNamedInput() ? fInputs[0] : "";
         const std::string name = std::filesystem::path(source).filename().string();
-        const std::string text = orva::makeDictionaryText(shownName(name).substr(0, longestName),
+        const std::string text = orva::makeDictionaryText(printable(name).substr(0, longestName),
                                                           source.empty() ? std::nullopt : knownSize(source));
         const auto bytes = std::as_bytes(std::span(text));
         return {bytes.begin(), bytes.end()};

@@ -16,17 +16,17 @@ pair parsePair(const std::string& text, const std::string& form) {
     const std::string_view whole = text;
     const auto colon = whole.find(':');
     if (colon != std::string_view::npos) {
-        const auto first = number(whole.substr(0, colon));
-        const auto second = number(whole.substr(colon + 1));
+        const auto first = parseNumber(whole.substr(0, colon));
+        const auto second = parseNumber(whole.substr(colon + 1));
         if (first && (second || colon + 1 == whole.size())) return {*first, second};
     }
-    usageError(form + " (numbers from 0), got \"" + shownName(text) + '"');
+    usageError(form + " (numbers from 0), got \"" + printable(text) + '"');
 }
 
 // The N in "-N" followed by `ending`.
 std::optional<std::int64_t> parseLast(std::string_view text, std::string_view ending) {
     if (!text.starts_with('-') || !text.ends_with(ending)) return {};
-    return number(text.substr(1, text.size() - 1 - ending.size()));
+    return parseNumber(text.substr(1, text.size() - 1 - ending.size()));
 }
 
 }  // namespace

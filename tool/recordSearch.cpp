@@ -100,20 +100,20 @@ void keyRange::add(const std::string& text) {
         usageError(
             "--records-where: expected OFFSET:TYPE>=VALUE (also > <= < ==), where TYPE is i32, i64, u32, u64, f32 or "
             "f64 and VALUE a number of that type, got \"" +
-            shownName(text) + '"');
+            printable(text) + '"');
     }
     if (fType != nullptr && (fType != given.type || fOffset != given.offset)) {
         usageError("--records-where: both conditions must have the same OFFSET and TYPE");
     }
     fType = given.type;
     fOffset = given.offset;
-    const std::uint64_t beside = given.comparison.ends_with('=') ? 0 : 1;
-    if (beside != 0 && *given.rank == (lower ? kHighest : 0)) {
+    const std::uint64_t strict = given.comparison.ends_with('=') ? 0 : 1;
+    if (strict != 0 && *given.rank == (lower ? kHighest : 0)) {
         fFirst = kHighest;  // nothing is above the highest, or below the lowest
         fLast = 0;
     } else {
-        if (lower) fFirst = std::max(fFirst, *given.rank + beside);
-        if (upper) fLast = std::min(fLast, *given.rank - beside);
+        if (lower) fFirst = std::max(fFirst, *given.rank + strict);
+        if (upper) fLast = std::min(fLast, *given.rank - strict);
     }
 }
 

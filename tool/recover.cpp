@@ -45,7 +45,7 @@ public:
         if (fReport.lost.empty()) return kAllWell;
         throw toolFailure(kPartial, fPart.file,
                           counted(static_cast<std::int64_t>(fReport.lost.size()), "range") + " of rows lost; \"" +
-                              shownName(fOut) + "\" holds the rest");
+                              printable(fOut) + "\" holds the rest");
     }
 
 private:
@@ -105,9 +105,9 @@ private:
     }
 
     std::string asText() const {
-        const std::string file = shownName(fPart.file) + ": ";
+        const std::string file = printable(fPart.file) + ": ";
         std::string text = file + counted(fReport.blocks, "block") + " with " + grouped(fReport.size) +
-                           " bytes of rows recovered into " + shownName(fOut) + '\n';
+                           " bytes of rows recovered into " + printable(fOut) + '\n';
         if (!fReport.had_heading) {
             text += file + "no heading: the file was never finished, or its heading is damaged\n";
         } else if (!fReport.had_index) {

@@ -35,7 +35,7 @@ character characterAt(std::string_view text) {
 }
 
 // Control characters (C0 and C1), line separators, and marks, embeddings, overrides and isolates of direction.
-bool isActedOn(char32_t code) {
+bool needsEscape(char32_t code) {
     constexpr char32_t ranges[][2] = {{0, 0x1f},        {0x7f, 0x9f},     {0x61c, 0x61c},
                                       {0x200e, 0x200f}, {0x2028, 0x202e}, {0x2066, 0x2069}};
     return std::any_of(std::begin(ranges), std::end(ranges),
@@ -44,7 +44,7 @@ bool isActedOn(char32_t code) {
 
 }  // namespace
 
-std::optional<std::int64_t> number(std::string_view digits) {
+std::optional<std::int64_t> parseNumber(std::string_view digits) {
     std::int64_t value = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
     if (error != std::errc() || end != digits.data() + digits.size() || value < 0) return {};
@@ -79,18 +79,18 @@ std::string lostText(const orva::Range& rows) {
            " of the rows are lost";
 }
 
-std::string shownName(const std::string& name) {
-    std::string text;
-    for (std::size_t at = 0; at < name.size();) {
-        const character next = characterAt(std::string_view(name).substr(at));
+std::string printable(const std::string& text) {
+    std::string escaped;
+    for (std::size_t at = 0; at < text.size();) {
+        const character next = characterAt(std::string_view(text).substr(at));
         if (next.size == 0) {
-            text += formatted("\\x%02x", static_cast<unsigned char>(name[at]));
-        } else if (isActedOn(next.code)) {
-            text += formatted(next.code < 0x80 ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(next.code));
+            escaped += formatted("\\x%02x", static_cast<unsigned char>(text[at]));
+        } else if (needsEscape(next.code)) {
+            escaped += formatted(next.code < 0x80 ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(next.code));
         } else {
-            text += name.substr(at, next.size);
+            escaped += text.substr(at, next.size);
         }
         at += std::max<std::size_t>(next.size, 1);
     }
-    return text;
+    return escaped;
 }

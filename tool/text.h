@@ -9,7 +9,7 @@
 #include <string_view>
 
 // The number, 0 or more, that `digits` spell; empty if they hold anything else.
-std::optional<std::int64_t> number(std::string_view digits);
+std::optional<std::int64_t> parseNumber(std::string_view digits);
 // 61,234,567
 std::string grouped(std::int64_t number);
 // 58.4 MiB
@@ -20,6 +20,6 @@ std::string ratioText(std::int64_t before, std::int64_t after);
 std::string counted(std::int64_t number, const std::string& what);
 // bytes 10 to 20 of the rows are lost
 std::string lostText(const orva::Range& rows);
-// The name, or any other text from outside, with escapes for all that a terminal interprets or that disguises the text:
+// A name or other text from outside, with escapes for all that a terminal interprets or that disguises the text:
 // control characters, characters that change the direction of writing, bytes that are not UTF-8.
-std::string shownName(const std::string& name);
+std::string printable(const std::string& text);

@@ -15,7 +15,7 @@ std::string refuseEmpty(const std::string& value) {
 
 std::string refuseNoNumber(const std::string& value) {
     const std::string digits = value.starts_with('-') ? value.substr(1) : value;
-    return number(digits) ? "" : "expected a number from 0 to 9,223,372,036,854,775,807, got \"" + value + '"';
+    return parseNumber(digits) ? "" : "expected a number from 0 to 9,223,372,036,854,775,807, got \"" + value + '"';
 }
 
 }  // namespace

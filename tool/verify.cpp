@@ -36,7 +36,7 @@ private:
         fInfo = file.info;
         progress bar(fProgress, "verify", fInfo.size);
         fReport = orva::verify(file.reader, {.threads = fThreads.wanted, .progress = bar.callback()});
-        bar.finish(shownName(fPart.file) + ": " + counted(fReport.blocks, "block") + ", " + humanSize(fInfo.size) +
+        bar.finish(printable(fPart.file) + ": " + counted(fReport.blocks, "block") + ", " + humanSize(fInfo.size) +
                    " of rows, " + verdict());
         print();
         if (!fReport.sound()) throw toolFailure(kDamaged, fPart.file, summary());
@@ -64,14 +64,14 @@ private:
             for (const orva::BadBlock& bad : fReport.bad) out.write(line(bad));
             // Without bad blocks the failure says it.
             if (!fReport.bad.empty() && !fReport.index.empty()) {
-                out.write(shownName(fPart.file) + ": " + fReport.index + '\n');
+                out.write(printable(fPart.file) + ": " + fReport.index + '\n');
             }
         }
         out.finish();
     }
 
     std::string line(const orva::BadBlock& bad) const {
-        return shownName(fPart.file) + ": " + lostText(bad.rows) + ": " + bad.text + '\n';
+        return printable(fPart.file) + ": " + lostText(bad.rows) + ": " + bad.text + '\n';
     }
 
     nlohmann::ordered_json json() const {
