@@ -278,7 +278,8 @@ def _pieces(collection: Any) -> tuple[list[Any], np.dtype[Any], tuple[int, ...]]
     if is_dask_collection(collection) and is_dataframe_like(collection):
         return collection.to_delayed(), array_of(collection._meta).dtype, ()
     if not hasattr(collection, "numblocks") or collection.ndim == 0:
-        raise TypeError(f"expected a dask array of at least one axis or a dask dataframe, not {type(collection).__name__}")
+        given = f"{type(collection).__module__}.{type(collection).__name__}"
+        raise TypeError(f"expected a dask array of at least one axis or a dask dataframe, not a {given}")
     if any(count > 1 for count in collection.numblocks[1:]):
         collection = collection.rechunk({axis: -1 for axis in range(1, collection.ndim)})
     return collection.to_delayed().reshape(-1).tolist(), collection.dtype, collection.shape[1:]
@@ -300,7 +301,11 @@ def to_rows(collection: Array | DataFrame, path: PathLike) -> None:
     parts = target + ".parts"
     pieces, dtype, within = _pieces(collection)
     _dtype.checked(dtype)  # before anything is computed
-    os.mkdir(parts)
+    try:
+        os.mkdir(parts)
+    except FileExistsError as error:
+        why = "another call writes to it, or was killed: if none is at work, remove the directory"
+        raise FileExistsError(error.errno, why, parts) from None
     try:
         task = delayed(_write_part, pure=False)
         names = [os.path.join(parts, f"{i:08d}.orva") for i in range(len(pieces))]

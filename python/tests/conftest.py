@@ -49,6 +49,7 @@ def shared(tmp_path_factory: pytest.TempPathFactory) -> Path:
     with orva.open(home / "bytes.orva", "wb") as file:
         file.write(b"123456789")
     orva.write(home / "numbers.orva", np.arange(10.0))
+    (home / "taken.orva.parts").touch()
     orva.write(home / "zeros.orva", np.zeros(1 << 25))
     return home
 

@@ -108,6 +108,8 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "partition_bytes must be 1 or more", lambda: orva.dask.from_rows("numbers.orva", partition_bytes=0)),
     (ValueError, "but its collection has", lambda: to_rows(da.ones(4, chunks=2).map_blocks(lambda x: x > 0, dtype="f8"))),
     (TypeError, "expected a dask array", lambda: to_rows(da.ones(4).sum()), lambda: to_rows(np.ones(4)), lambda: to_rows(OBJECTS.text)),
+    (TypeError, "not a pandas.*DataFrame", lambda: to_rows(TEXTS)),
+    (FileExistsError, "remove the directory", lambda: to_rows(da.ones(4), path="taken.orva")),
 ]
 # Numeric options: a number that the library refuses, its error, the first number beyond its types, and the calls.
 NUMBERS: dict[str, tuple[Any, ...]] = {
