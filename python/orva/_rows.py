@@ -273,8 +273,9 @@ class Rows:
 
     def search(self, field: str | None, low: Any, high: Any) -> slice:
         """The slice of the rows whose key is at least `low` and below `high`; rows must ascend by it. `field` names the
-        field of the keys; with None the rows are keys themselves. Inflates about log2(blocks) blocks, up to three times
-        as many if much is found; rows[rows.search(...)] reads the rows.
+        field of the keys; with None the rows are keys themselves. Keys are compared as numpy's scalars are: dates with
+        numpy.datetime64 or pandas.Timestamp, bytes with bytes. Inflates about log2(blocks) blocks, up to three times as
+        many if much is found; rows[rows.search(...)] reads the rows.
 
         DamagedFileError if a row that it looks at is lost. With damaged="mask" the sound rows around decide, and lost
         rows that may match are among those found. ValueError for a field that does not exist or holds no single value.
