@@ -21,7 +21,9 @@ def array_of(values: Any) -> Any:
     if not hasattr(values, "to_records"):
         return np.asanyarray(values)
     names = list(values.columns)
-    if not 0 < len(names) == len({name for name in names if isinstance(name, str)}):
+    if not names:
+        raise ValueError("expected a frame of at least one column")
+    if len({name for name in names if isinstance(name, str)}) < len(names):
         raise ValueError(f"column names must be unique strings, not {names[:9]}: frame.columns.map(str) makes them strings")
     return values.to_records(index=False)
 
