@@ -49,8 +49,9 @@ openedFile::~openedFile() {
 
 std::int64_t openedFile::length() const {
     const std::int64_t end = platform::_lseeki64(fDescriptor, 0, SEEK_END);
-    if (end < 0) throwFileError(errno, kReadFailed, fName, "its length is unknown: copy it to a file first");
-    return end;
+    if (end >= 0) return end;
+    const bool none = errno == ESPIPE || errno == EINVAL;  // EINVAL: a file that the system makes up
+    throwFileError(errno, kReadFailed, fName, none ? "its length is unknown: copy it to a file first" : "");
 }
 
 bool openedFile::read(void* to, std::uint64_t size, std::int64_t place) const {
