@@ -40,7 +40,7 @@ struct Writer::State {
     template <class Options>
     State(const Path& path, const Options& options)
         : fPath(path),
-          fThreadSettings{0, threadsAtWork(options.threads, path) - 1},
+          fThreadSettings{0, threadsAtWork(options.threads, path) - 1, options.threads != 0},
           fChoices(chosen(options.block, options.level, path)),
           bDurable(options.durable) {}
 

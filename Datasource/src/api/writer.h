@@ -36,7 +36,7 @@ struct WriterOptions {
     std::vector<std::byte> dictionary{};  // bytes before the rows; empty: 512 bytes of text that say where the rows
                                           // begin, so that Reader and `orva` need no row0
     int threads = 1;                      // threads that compress, the caller's included; more than 256 count as 256;
-                                          // 0: one a core
+                                          // 0: one a core, or this one alone if no other can be started
     bool durable = true;                  // finish() returns only when the file would survive a loss of power
     bool replace = false;                 // replaces a file of that name, once this one is finished
     int level = 1;                        // of compression, 1 to 12; without the fast engines up to 9

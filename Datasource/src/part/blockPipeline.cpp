@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -46,7 +47,7 @@ public:
 };
 
 template <class Worker>
-class workerSink final : public scoped<Worker> {
+class workerSink : public scoped<Worker> {
 public:
     explicit workerSink(const sinkPlace& at, auto... threads)
         : scoped<Worker>(&at.file, &at.index, at.chosen.blockLength, at.pos, at.place, threads..., at.chosen.level) {}
@@ -55,6 +56,19 @@ public:
         this->putBlock(nullptr, 0, 0);
         this->stopThreads();
         if (!drop && this->failure() != nullptr) std::rethrow_exception(this->failure());
+    }
+};
+
+// Threads that nobody has asked for by number: if they cannot start, the caller does their work.
+class willingSink final : public workerSink<PreIOThread_Multi_W_C> {
+public:
+    using workerSink::workerSink;
+    bool startThreads() override {
+        try {
+            return workerSink::startThreads();
+        } catch (const std::system_error&) {
+            return false;
+        }
     }
 };
 
@@ -105,6 +119,7 @@ blockBuffer& blockSource::own() {
 }
 
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const threadSettings& threads) {
+    if (threads.threadCount != 0 && !threads.required) return std::make_unique<willingSink>(at, threads.threadCount);
     if (threads.threadCount != 0) return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(at, threads.threadCount);
     if (threads.multiThread == 1) return startedWorker(std::make_unique<workerSink<PreIOThread_W_C>>(at), false);
     return std::make_unique<inlineSink>(at, threads.multiThread != 0);

@@ -25,6 +25,7 @@ namespace orva {
 struct threadSettings {
     std::int32_t multiThread = 0;   // 0: none; 1: a thread that writes; 2 and above: one that reads
     std::uint32_t threadCount = 0;  // several threads; if not 0, multiThread does not count
+    bool required = true;           // else a sink does the work of several threads itself if they cannot start
 };
 
 // The settings of setBlockLength and setCompressionLevel.

@@ -63,9 +63,13 @@ PreIOThread_Multi_W_C::slot& PreIOThread_Multi_W_C::freeSlot() {
 
 void PreIOThread_Multi_W_C::handOver(slot& block, std::uint32_t size) {
     block.size = size;
-    const guard lock = locked();
+    guard lock = locked();
     ++fFilled;
-    notifyThread();
+    if (haveLoopsBegun()) {
+        notifyThread();
+    } else {
+        takeBlock(lock);
+    }
 }
 
 void PreIOThread_Multi_W_C::helpOrAwait(guard& lock) {
