@@ -126,7 +126,8 @@ TEST_P(CompressedRead, WhatIsLoadedOrCachedCostsNoFileCall) {
     std::string loaded;
     for (const std::size_t block : {0u, 2u, 0u, 2u, 0u, 4u, 0u, 2u}) loaded += loads(block);
     EXPECT_EQ(loaded, "11000101") << "the least recently used block goes first";
-    reader->setBlockCache(INT32_MAX);  // takes memory only for existing blocks
+    reader->setBlockCache(INT32_MAX);   // takes memory only for existing blocks
+    reader->setThreadCount(INT32_MAX);  // counts as 256
     reader->readFilePosInfo(kFar, false);
     EXPECT_EQ(loads(0), '1') << "a file that is opened anew";
 }

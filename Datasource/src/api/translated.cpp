@@ -1,6 +1,7 @@
 #include "api/translated.h"
 
 #include "base/fileError.h"
+#include "worker/preIOThread.h"
 
 #include <orva/errors.h>
 #include <orva/errtext.h>
@@ -47,10 +48,9 @@ void require(bool fulfilled, const Path& path, const char* what) {
 }
 
 std::uint32_t threadsAtWork(int threads, const Path& path) {
-    constexpr unsigned int most = 256;  // each holds two blocks in memory
     require(threads >= 0, path, "the number of threads must be 0 (one per core) or more");
     const unsigned int wanted = threads != 0 ? static_cast<unsigned int>(threads) : platform::coreCount();
-    return std::clamp(wanted, 1U, most);
+    return std::clamp(wanted, 1U, kMostThreads);
 }
 
 void rethrowTranslated(const Path& path, const std::string& workName, std::optional<i64> offset) {

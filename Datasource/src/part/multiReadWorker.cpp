@@ -9,7 +9,7 @@
 
 PreIOThread_Multi_R_D::PreIOThread_Multi_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t,
                                              std::uint32_t threads)
-    : readingWorker(threads), blockSource(index), pFile(file), fSlots(threads + 2) {}
+    : readingWorker(threads), blockSource(index), pFile(file), fSlots(fThreads + 2) {}
 
 bool PreIOThread_Multi_R_D::initThreads(bool bRead) {
     bStop = false;

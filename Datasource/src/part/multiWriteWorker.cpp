@@ -17,7 +17,7 @@ PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index
       pPosInfo(index),
       stBlockSize(blockSize),
       fLevel(level),
-      fSlots(threads + 2),
+      fSlots(fThreads + 2),
       fpBlockPos(firstPos),
       fpWritePos(firstFilePos) {}
 

@@ -46,8 +46,8 @@ public:
 
     // `threads` threads deflate or inflate several blocks at once beside the caller, for a writer, an appender and a
     // reader alike; files, bytes and errors stay the same. Takes 8 MiB for each thread and 16 MiB more, a reader
-    // another 4 MiB. 0, as at first, leaves the choice to setMultiThread. Call it before setRow0Pos and
-    // readFilePosInfo; the threads start with the first block.
+    // another 4 MiB. More than 256 count as 256; 0, as at first, leaves the choice to setMultiThread. Call it before
+    // setRow0Pos and readFilePosInfo; the threads start with the first block.
     void setThreadCount(std::int32_t threads);
 
     // The next two choose what a writer or an appender makes. Call them before setRow0Pos and setFileToAppend: on a

@@ -19,6 +19,7 @@
 #include <orva/platform.h>
 #include <orva/refCntObject.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <exception>
@@ -28,6 +29,10 @@
 #include <vector>
 
 class PreIOThreadBase;
+
+namespace orva {
+inline constexpr std::uint32_t kMostThreads = 256;  // each holds two blocks in memory
+}  // namespace orva
 
 inline constexpr char kWorkerGiven[] = "prtData!=0";
 
@@ -78,8 +83,8 @@ public:
     const std::exception_ptr& failure() const { return fFailure; }
 
 protected:
-    // Runs a loop on each of `threads` pool threads.
-    explicit PreIOThreadBase(std::uint32_t threads) : fThreads(threads) {}
+    // Runs a loop on each of `threads` pool threads, of which more than kMostThreads count as that many.
+    explicit PreIOThreadBase(std::uint32_t threads) : fThreads(std::min(threads, orva::kMostThreads)) {}
     // Makes the loop of thread `number`, from 0, over readLoopStep or writeLoopStep.
     virtual std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number);
     // False in a forked child, which does not have the threads.
@@ -114,7 +119,7 @@ std::unique_ptr<Worker> startedWorker(std::unique_ptr<Worker> worker, bool bRead
 class PreIOThreadSeveral : public PreIOThreadBase {
 protected:
     explicit PreIOThreadSeveral(std::uint32_t threads)
-        : PreIOThreadBase(threads), bCallerHelps(threads < platform::coreCount()) {}
+        : PreIOThreadBase(threads), bCallerHelps(fThreads < platform::coreCount()) {}
     ~PreIOThreadSeveral() override {
         if (!isMakersProcess()) static_cast<void>(fShared.release());
     }
