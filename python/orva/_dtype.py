@@ -71,10 +71,12 @@ def _tuples(descr: Any) -> Any:
     ]
 
 
-def of_dictionary(part: bytes, path: str) -> np.dtype[Any] | None:
-    """The dtype that a dictionary part states for the rows after it, or None."""
+def of_dictionary(part: bytes, path: str, row0: int | None) -> np.dtype[Any] | None:
+    """The dtype that a dictionary part states for the rows after it, or None. Its first line says where these begin: a
+    part that holds a whole file states that file's dtype, not that of the rows at `row0`."""
     lines = part.decode("utf-8", "replace").split("\n", 2)
-    if len(lines) < 3 or not lines[0].startswith(_FIRST) or not lines[1].startswith("dtype="):
+    first = _FIRST if row0 is None else f"{_FIRST}{row0:010d}"
+    if len(lines) < 3 or not lines[0].startswith(first) or not lines[1].startswith("dtype="):
         return None
     try:
         return checked(descr_to_dtype(_tuples(json.loads(lines[1][6:]))))  # type: ignore[no-untyped-call]
@@ -85,10 +87,10 @@ def of_dictionary(part: bytes, path: str) -> np.dtype[Any] | None:
 def of_reader(reader: _orva.Reader, path: str) -> np.dtype[Any] | None:
     if reader.row0 % _STEP != 0 or reader.row0 > _LONGEST:
         return None
-    return of_dictionary(reader.dictionary(), path)
+    return of_dictionary(reader.dictionary(), path, reader.row0)
 
 
-def of_file(path: str) -> np.dtype[Any] | None:
+def of_file(path: str, row0: int | None) -> np.dtype[Any] | None:
     """The dtype of a file, also while an append is at work, when no reader can open it."""
     with open(path, "rb") as file:
-        return of_dictionary(file.read(_LONGEST), path)
+        return of_dictionary(file.read(_LONGEST), path, row0)

@@ -130,15 +130,21 @@ def roll_back(path: PathLike) -> Literal["nothing", "undone", "whole", "complete
 
 
 def join(
-    sources: Iterable[PathLike], target: PathLike, *, replace: bool = False, progress: Progress = None
+    sources: Iterable[PathLike],
+    target: PathLike,
+    *,
+    row0: int | None = None,
+    replace: bool = False,
+    progress: Progress = None,
 ) -> JoinReport:
     """Writes the rows of finished files, one after the other, into the new file `target`, which keeps the first one's
-    dtype. Blocks are copied as they are; only the last one of each file is inflated, as a check. ValueError for no
-    file, for files that state different dtypes, and if `target` is one of them."""
-    paths = paths_of(sources)
+    dtype. Blocks are copied as they are; only the last one of each file is inflated, as a check. row0: as for
+    `orva.open`, in each of them. ValueError for no file, for files that state different dtypes, and if `target` is one
+    of them."""
+    paths, row0 = paths_of(sources), row0_of(row0)
     names = [name_of(path) for path in paths]
-    dtypes = [_dtype.of_reader(_orva.Reader(name, None, 1), path) for name, path in zip(names, paths)]
+    dtypes = [_dtype.of_reader(_orva.Reader(name, row0, 1), path) for name, path in zip(names, paths)]
     for path, dtype in zip(paths, dtypes):
         if dtype is not None and dtypes[0] is not None and dtype != dtypes[0]:
             raise ValueError(f'"{path}" has rows of {dtype}, but "{paths[0]}" has rows of {dtypes[0]}')
-    return JoinReport(*_orva.join(names, name_of(target), bool(replace), _called(progress)))
+    return JoinReport(*_orva.join(names, name_of(target), row0, bool(replace), _called(progress)))

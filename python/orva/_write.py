@@ -7,7 +7,7 @@ from typing import TYPE_CHECKING, Any
 import numpy as np
 
 from . import _dtype, _orva
-from ._source import NEW_BLOCKS, PathLike, block_of, integer, name_of, path_of, threads_of
+from ._source import NEW_BLOCKS, PathLike, block_of, integer, name_of, path_of, row0_of, threads_of
 
 if TYPE_CHECKING:
     import numpy.typing as npt
@@ -77,18 +77,19 @@ def write(
         writer.drop()
 
 
-def append(path: PathLike, array: npt.ArrayLike, *, roll_back: bool = False) -> None:
+def append(path: PathLike, array: npt.ArrayLike, *, row0: int | None = None, roll_back: bool = False) -> None:
     """Adds rows to a finished file, durably; a crash at any instant can be undone.
 
-    roll_back: first undoes what an interrupted append has left, which is UnfinishedFileError otherwise. Errors: OSError
-    (FileNotFoundError, BlockingIOError while another writer is at work); ValueError for rows of another dtype than the
-    file's, or if rows of this dtype do not divide the file's. After an error the file is as it was.
+    row0: as for `orva.open`. roll_back: first undoes what an interrupted append has left, which is UnfinishedFileError
+    otherwise. Errors: OSError (FileNotFoundError, BlockingIOError while another writer is at work); ValueError for rows
+    of another dtype than the file's, or if rows of this dtype do not divide the file's. After an error the file is as
+    it was.
     """
     values, row = _rows_of(array)
-    name = name_of(path)
-    writer = _orva.append(name, None, 1, 1, 0, bool(roll_back))  # keeps other writers out while the dtype is checked
+    name, row0 = name_of(path), row0_of(row0)
+    writer = _orva.append(name, row0, 1, 1, 0, bool(roll_back))  # keeps other writers out while the dtype is checked
     try:
-        own = _dtype.of_file(path_of(path))
+        own = _dtype.of_file(path_of(path), row0)
         if own is not None and own != row:
             raise ValueError(f'"{path_of(path)}" has rows of {own}, not of {row}')
         if writer.size % row.itemsize != 0:

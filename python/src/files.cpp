@@ -81,12 +81,12 @@ const char* rollBack(const std::string& path) {
     return ends[static_cast<std::size_t>(gil::without([&] { return orva::roll_back(path); }))];
 }
 
-py::tuple join(const std::vector<std::string>& from, const std::string& to, bool replace,
+py::tuple join(const std::vector<std::string>& from, const std::string& to, std::optional<i64> row0, bool replace,
                const std::optional<py::function>& progress) {
     const reporter report(progress);
     const std::vector<orva::Path> paths(from.begin(), from.end());
-    const orva::JoinReport found =
-        gil::without([&] { return orva::join(paths, to, {.replace = replace, .progress = report.progress()}); });
+    const orva::JoinOptions how{.row0 = row0, .replace = replace, .progress = report.progress()};
+    const orva::JoinReport found = gil::without([&] { return orva::join(paths, to, how); });
     return py::make_tuple(found.blocks, found.size);
 }
 
@@ -99,5 +99,5 @@ void bindFiles(py::module_& module) {
     module.def("recover", &recover, "source"_a, "target"_a, "row0"_a, "committed"_a, "drop_lost"_a, "replace"_a,
                "progress"_a);
     module.def("roll_back", &rollBack, "path"_a);
-    module.def("join", &join, "sources"_a, "target"_a, "replace"_a, "progress"_a);
+    module.def("join", &join, "sources"_a, "target"_a, "row0"_a, "replace"_a, "progress"_a);
 }

@@ -117,7 +117,7 @@ NUMBERS: dict[str, tuple[Any, ...]] = {
     "threads": (-1, "number of threads", 1 << 31, rows, writer, partial(write, [1]), partial(orva.verify, "bytes.orva")),
     "level": (0, "level must be 1 to .*, got 0", 1 << 31, writer, partial(write, [1])),
     "block": (0, "65,536 to 4,190,208", 1 << 63, writer, partial(write, [1])),
-    "row0": (0, "row0 must be 1 or more, got 0", 1 << 63, read, *(partial(work, "bytes.orva") for work in (orva.info, orva.verify, recover))),
+    "row0": (0, "row0 must be 1 or more, got 0", 1 << 63, read, *(partial(work, "bytes.orva") for work in (orva.info, orva.verify, recover, orva.to_frame)), partial(orva.append, "bytes.orva", []), partial(orva.join, ["bytes.orva"], "new.orva")),
 }
 for name, (refused, text, far, *calls) in NUMBERS.items():
     wrong = [(ValueError, text, refused), (ValueError, f"{name} is out of range: {far}", far), (TypeError, f"{name} must be an integer, not 2.0", 2.0)]

@@ -121,6 +121,18 @@ def test_whole_files(here: Path) -> None:
     assert orva.join(["trades.orva"] * 2, "all.orva").size == 2 * len(BYTES) == orva.rows("all.orva").nbytes
 
 
+def test_of_two_parts_row0_names_one(here: Path) -> None:
+    first = Path("numbers.orva").read_bytes() + bytes(512)
+    first = first[: len(first) // 512 * 512]
+    writer, row0 = orva._orva.create(b"two.orva", first, 1, False, 1, 0), len(first)
+    writer.finish()
+    orva.append("two.orva", ROWS, row0=row0)
+    orva.join(["two.orva"], "again.orva", row0=row0)
+    assert (orva.rows("again.orva", ROWS.dtype, row0=row0)[:] == ROWS).all()
+    with pytest.raises(ValueError, match="state the dtype"):
+        orva.rows("again.orva", row0=row0)
+
+
 LONG: dict[str, Callable[[str, int, Any], object]] = {
     "read": lambda name, threads, out: orva.open(name, threads=threads).readinto(out),
     "every seventh row": lambda name, threads, out: orva.rows(name, threads=threads)[::-7],
