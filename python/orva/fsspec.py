@@ -69,12 +69,17 @@ def source(fs: AbstractFileSystem, path: str) -> Any:
 
 
 class _Buffered(io.BufferedReader):
-    """A buffered file that has its size, as fsspec's own files do."""
+    """A buffered file that has its size and pickles by being opened again, as fsspec's own files do."""
 
-    def __init__(self, file: File) -> None:
+    def __init__(self, fs: OrvaFileSystem, path: str, pos: int = 0) -> None:
+        file = File(source(fs._target, fs._path(path)))
+        self._again = fs, path
         self.size = file.seek(0, io.SEEK_END)
-        file.seek(0)
+        file.seek(pos)
         super().__init__(file, _BUFFER)
+
+    def __reduce__(self) -> Any:
+        return _Buffered, (*self._again, self.tell())
 
 
 class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
@@ -153,4 +158,4 @@ class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
     def _open(self, path: str, mode: str = "rb", **kwargs: Any) -> _Buffered:
         if mode != "rb":
             raise io.UnsupportedOperation(f"orva:// is read-only: mode must be 'rb', not {mode!r}")
-        return _Buffered(File(source(self._target, self._path(path))))
+        return _Buffered(self, path)

@@ -14,6 +14,7 @@ import warnings
 from pathlib import Path
 from typing import Any, Callable
 
+import fsspec
 import numpy as np
 import pytest
 from conftest import BLOCK, BYTES, ROWS, Slow
@@ -103,7 +104,9 @@ def test_pickles(here: Path) -> None:
     error = pickle.loads(pickle.dumps(orva.DamagedFileError("text", "path", 3, 4)))
     assert (str(error), error.path, error.offset, error.block) == ("text", "path", 3, 4)
     os.chdir("/")
-    assert [pickle.loads(pickle.dumps(each)).read() for each in (file, of_object)] == [b"56789", b"123456789"]
+    with fsspec.open(f"orva::{here}/bytes.orva") as engines:
+        assert engines.read(4) == b"1234"
+        assert [pickle.loads(pickle.dumps(each)).read() for each in (file, of_object, engines)] == [b"56789", b"123456789", b"56789"]
     again = pickle.loads(pickle.dumps(rows))[:]
     assert np.ma.isMaskedArray(again) and np.array_equal(again.data, ROWS) and len(pickle.dumps(rows)) < 1_000
 
