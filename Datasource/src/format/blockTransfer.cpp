@@ -179,7 +179,7 @@ std::uint32_t blockAt(const filePosInfo& index, std::int64_t pos) {
 void readCompressed(const readContext& context, const blockPlace& block) {
     checkRecord(context, block);
     const auto deflated = static_cast<std::uint32_t>(block.record.translateSize);
-    if (!context.file.read(context.compressed, deflated, block.record.translatePos, context.ahead)) {
+    if (!context.file.read(context.compressed, deflated, block.record.translatePos)) {
         refuse(context, block, "ret == bInfo.translateSize", "is cut short by the end of the file");
     }
 }

@@ -72,7 +72,6 @@ struct readContext {
     bytesFrom file;
     zlibCompressBlock& codec;
     unsigned char* compressed;
-    bool ahead = false;  // nobody has asked for the block yet: uses ORVA_File::ReadAhead
 };
 
 // Memory for the compressed bytes of any block in the index, and for its rows.

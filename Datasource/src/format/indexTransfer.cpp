@@ -13,7 +13,7 @@ namespace orva {
 
 namespace {
 
-[[noreturn]] void refuse(bytesFrom file, const char* check, const std::string& detail) {
+[[noreturn]] void refuse(const bytesFrom& file, const char* check, const std::string& detail) {
     throw DamagedFileError(file.name(), check, detail);
 }
 
@@ -31,23 +31,23 @@ constexpr std::int64_t kLargestPlace = std::int64_t{1} << 62;
 constexpr const char* kWholeRecords = "_size == 24 x (n + 1)";
 constexpr const char* kIndexFits = "ret == chInfo._size";
 
-void checkPlaces(bytesFrom file, const compressionHeading& heading, std::int64_t fileSize) {
+void checkPlaces(const bytesFrom& file, const compressionHeading& heading, std::int64_t fileSize) {
     const char* breach = violatedCheck(heading);
     if (breach == nullptr && heading._indexPos > fileSize - heading._size) breach = kIndexFits;
     if (breach == nullptr) return;
     refuse(file, breach, indexSpan(heading) + " does not fit into a file of " + std::to_string(fileSize) + " bytes");
 }
 
-void checkCount(bytesFrom file, const compressionHeading& heading, const filePosRecord& first) {
+void checkCount(const bytesFrom& file, const compressionHeading& heading, const filePosRecord& first) {
     if ((first.translateSize + std::int64_t{1}) * kRecordSize == heading._size) return;
     refuse(file, kWholeRecords, indexSpan(heading) + " claims " + std::to_string(first.translateSize) + " blocks");
 }
 
-[[noreturn]] void refuseCut(bytesFrom file, const compressionHeading& heading) {
+[[noreturn]] void refuseCut(const bytesFrom& file, const compressionHeading& heading) {
     refuse(file, kIndexFits, indexSpan(heading) + " is cut short");
 }
 
-void checkBegin(bytesFrom file, const compressionHeading& heading, const filePosRecord& record) {
+void checkBegin(const bytesFrom& file, const compressionHeading& heading, const filePosRecord& record) {
     if (record.orginalPos == heading._caseStartPos) return;
     refuse(file, "record 0 at the row-0 position",
            "its first block begins at logical position " + std::to_string(record.orginalPos) + " instead of " +
@@ -57,7 +57,8 @@ void checkBegin(bytesFrom file, const compressionHeading& heading, const filePos
 // All records, the first one included, read a piece at a time. `check` gets the records so far and the number of the
 // first new one.
 template <class Check>
-std::vector<filePosRecord> inPieces(bytesFrom file, const compressionHeading& heading, bool atOnce, Check check) {
+std::vector<filePosRecord> inPieces(const bytesFrom& file, const compressionHeading& heading, bool atOnce,
+                                    Check check) {
     checkPlaces(file, heading, lengthOf(file));
     std::vector<filePosRecord> records;
     const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
@@ -87,12 +88,12 @@ std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int
     return heading._caseStartPos == place && violatedCheck(heading) == nullptr ? std::optional(heading) : std::nullopt;
 }
 
-rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos) {
+rawHeading rawHeadingAt(const bytesFrom& file, std::int64_t row0Pos) {
     rawHeading heading{};
     return file.read(heading.data(), heading.size(), row0Pos) ? heading : rawHeading{};
 }
 
-compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, const char* positionCheck) {
+compressionHeading readHeading(const bytesFrom& file, std::int64_t row0Pos, bool swap, const char* positionCheck) {
     const std::string place = "at offset " + std::to_string(row0Pos);
     if (row0Pos <= 0 || row0Pos > kLastRow0Pos) {
         refuse(file, positionCheck, "compressed data cannot begin " + place);
@@ -110,7 +111,7 @@ compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, 
     return heading;
 }
 
-std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& heading, bool swap) {
+std::vector<filePosRecord> readIndex(const bytesFrom& file, const compressionHeading& heading, bool swap) {
     return inPieces(file, heading, false, [&](std::span<const filePosRecord> records, std::size_t known) {
         if (known == 0) {
             filePosRecord first = records[0];
@@ -124,14 +125,14 @@ std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& h
     });
 }
 
-void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, filePosInfo& index) {
+void loadIndex(const bytesFrom& file, const compressionHeading& heading, bool swap, filePosInfo& index) {
     const std::vector<filePosRecord> records = readIndex(file, heading, swap);
     index.parseForRead(reinterpret_cast<const unsigned char*>(records.data()), swap);
     index.limitPlaces(lengthOf(file));
     if (index.parsedCount() != 0) checkBegin(file, heading, index.parsed(0));
 }
 
-indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce) {
+indexContent readRecords(const bytesFrom& file, const compressionHeading& heading, bool swap, bool atOnce) {
     const auto check = [&](std::span<filePosRecord> records, std::size_t known) {
         if (swap) std::ranges::for_each(records.subspan(known), swapRecord);
         if (known == 0) {
@@ -150,7 +151,7 @@ indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool
     return content;
 }
 
-std::optional<partIndex> indexOf(bytesFrom file, const compressionHeading& heading, bool swapped) {
+std::optional<partIndex> indexOf(const bytesFrom& file, const compressionHeading& heading, bool swapped) {
     try {
         return partIndex{heading, swapped, readRecords(file, heading, swapped).records};
     } catch (const DamagedFileError&) {
@@ -158,7 +159,7 @@ std::optional<partIndex> indexOf(bytesFrom file, const compressionHeading& headi
     }
 }
 
-std::optional<partIndex> indexAt(bytesFrom file, std::int64_t row0Pos, std::int64_t place) {
+std::optional<partIndex> indexAt(const bytesFrom& file, std::int64_t row0Pos, std::int64_t place) {
     filePosRecord first;
     if (!file.read(&first, sizeof first, place)) return std::nullopt;
     const bool swapped = first.orginalPos != kFirstRecordMark;
@@ -166,7 +167,7 @@ std::optional<partIndex> indexAt(bytesFrom file, std::int64_t row0Pos, std::int6
     return indexOf(file, {row0Pos, place, (first.translateSize + std::int64_t{1}) * kRecordSize}, swapped);
 }
 
-std::optional<partIndex> soundIndexOf(bytesFrom file, const rawHeading& raw, std::int64_t row0Pos) {
+std::optional<partIndex> soundIndexOf(const bytesFrom& file, const rawHeading& raw, std::int64_t row0Pos) {
     if (row0Pos <= 0 || row0Pos > kLargestPlace) return std::nullopt;
     for (const bool swapped : {false, true}) {
         const std::optional<compressionHeading> heading = headingOf(raw.data(), row0Pos, swapped);
@@ -177,7 +178,7 @@ std::optional<partIndex> soundIndexOf(bytesFrom file, const rawHeading& raw, std
     return std::nullopt;
 }
 
-bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap,
+bool changedSince(const bytesFrom& file, const compressionHeading& heading, bool swap,
                   std::span<const filePosRecord> records) {
     const rawHeading raw = rawHeadingAt(file, heading._caseStartPos);
     if (headingOf(raw.data(), heading._caseStartPos, swap) != heading) return true;
@@ -198,7 +199,7 @@ std::optional<std::size_t> firstGap(const compressionHeading& heading, std::span
     return place > heading._indexPos ? std::optional(records.size()) : std::nullopt;
 }
 
-void checkContiguous(bytesFrom file, const compressionHeading& heading, std::span<const filePosRecord> records) {
+void checkContiguous(const bytesFrom& file, const compressionHeading& heading, std::span<const filePosRecord> records) {
     const std::optional<std::size_t> gap = firstGap(heading, records);
     if (gap == records.size())
         refuse(file, "_indexPos behind the last block", indexSpan(heading) + " overlaps the blocks");

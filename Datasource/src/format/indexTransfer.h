@@ -20,7 +20,7 @@
 namespace orva {
 
 // The file's length. Throws if ORVA_File::Size returns -1.
-inline std::int64_t lengthOf(bytesFrom file) {
+inline std::int64_t lengthOf(const bytesFrom& file) {
     return file.length();
 }
 
@@ -32,11 +32,11 @@ std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int
 using rawHeading = std::array<unsigned char, kHeadingSize>;  // as stored
 
 // The 24 bytes at `row0Pos`; zeros if the file ends before.
-rawHeading rawHeadingAt(bytesFrom file, std::int64_t row0Pos);
+rawHeading rawHeadingAt(const bytesFrom& file, std::int64_t row0Pos);
 
 // Reads the heading at `row0Pos` and returns it in host order. `positionCheck` is the caller's text for the check that
 // the heading repeats its own position.
-compressionHeading readHeading(bytesFrom file, std::int64_t row0Pos, bool swap, const char* positionCheck);
+compressionHeading readHeading(const bytesFrom& file, std::int64_t row0Pos, bool swap, const char* positionCheck);
 
 // The content of an index, in host order.
 struct indexContent {
@@ -48,7 +48,7 @@ struct indexContent {
 // and agree with the record count; record 0 must stand at the row-0 position. Memory grows with the bytes that are
 // really stored: an index that claims gigabytes of a hole is refused at the first impossible record. `atOnce`: in one
 // read, for sources where each read is expensive.
-indexContent readRecords(bytesFrom file, const compressionHeading& heading, bool swap, bool atOnce = false);
+indexContent readRecords(const bytesFrom& file, const compressionHeading& heading, bool swap, bool atOnce = false);
 
 // An index and the heading that points to it, in host order.
 struct partIndex {
@@ -58,20 +58,21 @@ struct partIndex {
 };
 
 // The index that the heading points to; nothing if readRecords would refuse it.
-std::optional<partIndex> indexOf(bytesFrom file, const compressionHeading& heading, bool swapped);
+std::optional<partIndex> indexOf(const bytesFrom& file, const compressionHeading& heading, bool swapped);
 // The index that begins at `place`, with the heading that would point to it; nothing if there is none.
-std::optional<partIndex> indexAt(bytesFrom file, std::int64_t row0Pos, std::int64_t place);
+std::optional<partIndex> indexAt(const bytesFrom& file, std::int64_t row0Pos, std::int64_t place);
 // The index that `raw`, which need not be stored in `file`, points to as the heading at `row0Pos`, in either byte
 // order. Nothing if readRecords would refuse it or there are gaps between its blocks.
-std::optional<partIndex> soundIndexOf(bytesFrom file, const rawHeading& raw, std::int64_t row0Pos);
+std::optional<partIndex> soundIndexOf(const bytesFrom& file, const rawHeading& raw, std::int64_t row0Pos);
 
 // The index as stored, for filePosInfo to parse. Its length is checked as by readRecords, and holes in it are refused.
-std::vector<filePosRecord> readIndex(bytesFrom file, const compressionHeading& heading, bool swap);
+std::vector<filePosRecord> readIndex(const bytesFrom& file, const compressionHeading& heading, bool swap);
 // The same, parsed into `index` for reading; record 0 must stand at the row-0 position.
-void loadIndex(bytesFrom file, const compressionHeading& heading, bool swap, filePosInfo& index);
+void loadIndex(const bytesFrom& file, const compressionHeading& heading, bool swap, filePosInfo& index);
 
 // True if heading or index no longer stand there as they were read: somebody has written to the file since.
-bool changedSince(bytesFrom file, const compressionHeading& heading, bool swap, std::span<const filePosRecord> records);
+bool changedSince(const bytesFrom& file, const compressionHeading& heading, bool swap,
+                  std::span<const filePosRecord> records);
 
 // Calls `read`, which reads a block, and again if it meets damage while `changed` sees no change: an append that is
 // undone meanwhile restores the block and leaves no other trace. Only damage met twice is thrown as such, and
@@ -101,6 +102,6 @@ std::optional<std::size_t> firstGap(const compressionHeading& heading, std::span
 
 // Throws if firstGap finds a gap: append and verify need this check beyond those of reading. `records` are in host
 // order.
-void checkContiguous(bytesFrom file, const compressionHeading& heading, std::span<const filePosRecord> records);
+void checkContiguous(const bytesFrom& file, const compressionHeading& heading, std::span<const filePosRecord> records);
 
 }  // namespace orva

@@ -22,9 +22,9 @@ std::int64_t bytesFrom::length() const {
     return length;
 }
 
-bool bytesFrom::read(void* to, std::uint64_t size, std::int64_t place, bool ahead) const {
+bool bytesFrom::read(void* to, std::uint64_t size, std::int64_t place) const {
     if (fFile == nullptr) return fOther->read(to, size, place);
-    const auto transfer = ahead ? &ORVA_File::ReadAhead : &ORVA_File::Read;
+    const auto transfer = bAhead ? &ORVA_File::ReadAhead : &ORVA_File::Read;
     return inPieces(static_cast<unsigned char*>(to), size, place,
                     [&](unsigned char* at, std::uint32_t piece, std::int64_t from) {
                         const unsigned int count = (fFile->*transfer)(at, piece, from);

@@ -44,16 +44,18 @@ public:
 
 class bytesFrom {
 public:
-    bytesFrom(ORVA_File& file) : fFile(&file) {}             // NOLINT(google-explicit-constructor): acts as a reference
+    // `ahead`: nobody has asked for the bytes yet, so they are read by ORVA_File::ReadAhead.
+    bytesFrom(ORVA_File& file, bool ahead = false)  // NOLINT(google-explicit-constructor): acts as a reference
+        : fFile(&file), bAhead(ahead) {}
     bytesFrom(const storedBytes& other) : fOther(&other) {}  // NOLINT(google-explicit-constructor): likewise
 
     const std::string& name() const;
     std::int64_t length() const;
-    // The same. `ahead`: nobody has asked for the bytes yet (ORVA_File::ReadAhead).
-    bool read(void* to, std::uint64_t size, std::int64_t place, bool ahead = false) const;
+    bool read(void* to, std::uint64_t size, std::int64_t place) const;
 
 private:
     ORVA_File* fFile = nullptr;
+    bool bAhead = false;
     const storedBytes* fOther = nullptr;
 };
 

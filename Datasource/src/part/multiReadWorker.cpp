@@ -164,6 +164,6 @@ void PreIOThread_Multi_R_D::makeBlock(std::int64_t number, orva::blockBuffer& co
                                       bool ahead) {
     zlibCompressBlock codec;
     if (!compressed) compressed = orva::compressedRoom(pPosInfo->records());
-    orva::readBlock({*pFile, codec, compressed.get(), ahead},
+    orva::readBlock({{*pFile, ahead}, codec, compressed.get()},
                     orva::placeOf(*pPosInfo, static_cast<std::uint32_t>(number)), dest);
 }

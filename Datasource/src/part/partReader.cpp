@@ -12,24 +12,6 @@
 
 namespace orva {
 
-namespace {
-
-// Reads of the file that the caller has not asked for: a failure leaves its Good() as it is.
-class lookedAt final : public storedBytes {
-public:
-    explicit lookedAt(ORVA_File& file) : fFile(file) {}
-    const std::string& name() const override { return fFile.name(); }
-    std::int64_t length() const override { return fFile.length(); }
-    bool read(void* to, std::uint64_t size, std::int64_t place) const override {
-        return fFile.read(to, size, place, true);
-    }
-
-private:
-    const bytesFrom fFile;
-};
-
-}  // namespace
-
 partReader::partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const threadSettings& threads,
                        std::uint32_t cachedBlocks)
     : fFile(file),
@@ -55,14 +37,15 @@ void partReader::remake(const threadSettings& threads, std::uint32_t cachedBlock
     fCachedBlocks = cachedBlocks;
 }
 
-// If a block is not what its record says, checks whether another process has changed the file.
+// If a block is not what its record says, checks whether another process has changed the file. The caller has not asked
+// for that read, so if it fails, the file's Good() stays.
 std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64_t size) {
-    const lookedAt look(fFile);
+    const bytesFrom unasked(fFile, true);
     std::uint64_t done = 0;
     while (done < size) {
         const std::uint64_t count =
             readRechecked([&] { return readOn(pos, to + done, size - done); },
-                          [&] { return changedSince(look, fHeading, bSwap, fIndex.records()); });
+                          [&] { return changedSince(unasked, fHeading, bSwap, fIndex.records()); });
         if (count == 0) break;
         done += count;
         pos += static_cast<std::int64_t>(count);

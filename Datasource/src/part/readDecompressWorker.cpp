@@ -48,5 +48,6 @@ std::int32_t PreIOThread_R_D::readLoopStep() {
 }
 
 std::uint32_t PreIOThread_R_D::readAndDecompress(unsigned char* dest, std::uint32_t number, bool ahead) {
-    return orva::readBlock({*pFile, fCompressor, pCompressBuffer.get(), ahead}, orva::placeOf(*pPosInfo, number), dest);
+    return orva::readBlock({{*pFile, ahead}, fCompressor, pCompressBuffer.get()}, orva::placeOf(*pPosInfo, number),
+                           dest);
 }

@@ -46,7 +46,7 @@ private:
 };
 
 // Allocates nothing: memory may be what has run out.
-bool areInFile(bytesFrom file, std::span<const unsigned char> bytes, std::int64_t place) {
+bool areInFile(const bytesFrom& file, std::span<const unsigned char> bytes, std::int64_t place) {
     std::array<unsigned char, 4096> found;
     for (; !bytes.empty(); place += std::ssize(found)) {
         const auto piece = bytes.first(std::min(bytes.size(), found.size()));
@@ -64,14 +64,14 @@ void append(fileBytes& bytes, const void* from, std::size_t size) {
 
 }  // namespace
 
-fileBytes bytesAt(bytesFrom file, std::int64_t place, std::int64_t size) {
+fileBytes bytesAt(const bytesFrom& file, std::int64_t place, std::int64_t size) {
     if (place > file.length() - size) return {};
     fileBytes bytes(static_cast<std::size_t>(size));
     if (!file.read(bytes.data(), bytes.size(), place)) bytes.clear();
     return bytes;
 }
 
-std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, std::int64_t untouchedEnd) {
+std::optional<std::int64_t> untouchedSum(const bytesFrom& file, std::int64_t row0Pos, std::int64_t untouchedEnd) {
     const std::int64_t begin = std::max(row0Pos + kHeadingSize, untouchedEnd - kSummedBytes);
     const fileBytes bytes = bytesAt(file, begin, untouchedEnd - begin);
     if (std::ssize(bytes) != untouchedEnd - begin) return {};
@@ -137,7 +137,7 @@ std::optional<undoRecord> parse(const fileBytes& sideFile) {
     return meets && std::ssize(tail.block) == kept ? std::optional(tail) : std::nullopt;
 }
 
-std::optional<undoRecord> readUndoRecord(heldSideFile& side, bytesFrom data) {
+std::optional<undoRecord> readUndoRecord(heldSideFile& side, const bytesFrom& data) {
     try {
         if (side.open() && side.isTrusted()) return parse(side.read(data.length() + kSideFileOverhead));
     } catch (const DamagedFileError&) {  // NOLINT(bugprone-empty-catch): no append has made it

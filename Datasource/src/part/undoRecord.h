@@ -35,11 +35,11 @@ struct undoRecord : sideFileHead {
 };
 
 // The `size` bytes at `place`; empty if the file ends before their end.
-fileBytes bytesAt(bytesFrom file, std::int64_t place, std::int64_t size);
+fileBytes bytesAt(const bytesFrom& file, std::int64_t place, std::int64_t size);
 
 // The checksum of the last bytes before `untouchedEnd`, at most 4,096 and none before the blocks; nothing if the file
 // ends before `untouchedEnd`.
-std::optional<std::int64_t> untouchedSum(bytesFrom file, std::int64_t row0Pos, std::int64_t untouchedEnd);
+std::optional<std::int64_t> untouchedSum(const bytesFrom& file, std::int64_t row0Pos, std::int64_t untouchedEnd);
 
 // Writes `kept` at `place`. Ignores a failed write if these bytes stand there already: a full file system may have no
 // room even to overwrite.
@@ -62,6 +62,6 @@ std::optional<undoRecord> parse(const fileBytes& sideFile);
 
 // The content of `side`, the side file of `data`, which is then open; nothing if there is none that is trusted and
 // intact.
-std::optional<undoRecord> readUndoRecord(heldSideFile& side, bytesFrom data);
+std::optional<undoRecord> readUndoRecord(heldSideFile& side, const bytesFrom& data);
 
 }  // namespace orva

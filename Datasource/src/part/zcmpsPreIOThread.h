@@ -108,7 +108,7 @@ private:
     std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number) override;
     std::uint32_t decompress(std::uint32_t number, bool ahead);
     std::uint32_t readCompressed(const orva::blockPlace& block, bool ahead);
-    orva::readContext context(bool ahead) { return {*pFile, fCompressor, pCompressBuffer.get(), ahead}; }
+    orva::readContext context(bool ahead) { return {{*pFile, ahead}, fCompressor, pCompressBuffer.get()}; }
 
     const filePosInfo* const pPosInfo;
     ORVA_File* const pFile;

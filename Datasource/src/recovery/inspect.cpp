@@ -17,7 +17,7 @@ namespace orva {
 
 namespace {
 
-bool pointsToIndex(bytesFrom file, std::int64_t fileSize, const compressionHeading& heading, bool swapped) {
+bool pointsToIndex(const bytesFrom& file, std::int64_t fileSize, const compressionHeading& heading, bool swapped) {
     filePosRecord first;
     if (heading._indexPos > fileSize - heading._size) return false;
     if (!file.read(&first, sizeof first, heading._indexPos)) return false;
