@@ -20,7 +20,7 @@ partReader::partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const t
       bSwap(swap),
       fIndex(kBlockSize, file.GetNameStr().GetGeneric()) {
     loadIndex(file, fHeading, swap, fIndex);
-    remake(threads, cachedBlocks);
+    makeSource(threads, cachedBlocks);
 }
 
 void partReader::endThreads() noexcept {
@@ -29,8 +29,8 @@ void partReader::endThreads() noexcept {
     fThreadSettings = {};
 }
 
-void partReader::remake(const threadSettings& threads, std::uint32_t cachedBlocks) {
-    std::unique_ptr<blockSource> source = makeSource(fFile, fIndex, threads, cachedBlocks);
+void partReader::makeSource(const threadSettings& threads, std::uint32_t cachedBlocks) {
+    std::unique_ptr<blockSource> source = orva::makeSource(fFile, fIndex, threads, cachedBlocks);
     fBuffer = nullptr;
     fSource = std::move(source);
     fThreadSettings = threads;
@@ -100,7 +100,7 @@ std::uint64_t partReader::loadSeveral(std::uint32_t first, unsigned char* to, st
 std::optional<std::uint32_t> partReader::blockToLoad(std::int64_t pos) {
     if (holds(pos)) return std::nullopt;
     fBuffer = nullptr;
-    if (fSource == nullptr) remake(fThreadSettings, fCachedBlocks);
+    if (fSource == nullptr) makeSource(fThreadSettings, fCachedBlocks);
     const std::optional<std::uint32_t> number = fIndex.find(pos);
     if (number || pos < fHeading._caseStartPos || pos >= end()) return number;
     throw DamagedFileError(fFile.GetNameStr().GetGeneric(), "bInfo.orginalPos != -200",

@@ -33,9 +33,9 @@ public:
     // there, or `pos` lies outside them. DamagedFileError if no block holds a position inside them.
     std::uint64_t read(std::int64_t& pos, unsigned char* to, std::uint64_t size);
     // Reads by the threads that `threads` asks for from now on. If this throws, nothing has changed.
-    void take(const threadSettings& threads) { remake(threads, fCachedBlocks); }
+    void setThreads(const threadSettings& threads) { makeSource(threads, fCachedBlocks); }
     // Keeps up to `blocks` blocks beside the current one from now on, and forgets those that it holds.
-    void keep(std::uint32_t blocks) { remake(fThreadSettings, blocks); }
+    void setBlockCache(std::uint32_t blocks) { makeSource(fThreadSettings, blocks); }
     // Ends the threads; the reader goes on without them.
     void endThreads() noexcept;
     bool hasThreads() const { return fSource != nullptr && fSource->hasThreads(); }
@@ -45,7 +45,7 @@ private:
     std::uint64_t readOn(std::int64_t pos, unsigned char* to, std::uint64_t size);
     std::uint64_t loadSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size);
     std::optional<std::uint32_t> blockToLoad(std::int64_t pos);
-    void remake(const threadSettings& threads, std::uint32_t cachedBlocks);
+    void makeSource(const threadSettings& threads, std::uint32_t cachedBlocks);
 
     ORVA_File& fFile;
     const compressionHeading fHeading;

@@ -28,8 +28,8 @@ partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const threadSettin
       availBuffSize(chosen.blockLength),
       bNewPart(!from) {
     const tailPlan plan = from ? resume(*from) : tailPlan{};
-    fSink = makeSink(next(), threads);
-    if (from) fTail = std::make_unique<appendUndo>(fFile, plan, from->safe);
+    fSink = makeSink(nextPlace(), threads);
+    if (from) fUndo = std::make_unique<appendUndo>(fFile, plan, from->safe);
 }
 
 partWriter::~partWriter() {
@@ -39,22 +39,23 @@ partWriter::~partWriter() {
     }
 }
 
+// A failure of the steps ends the writer.
 template <class Steps>
 void partWriter::guarded(Steps steps) {
     ORVA_ASSERT(fSink != nullptr, "the writer has not ended");
     try {
         steps();
     } catch (...) {
-        std::rethrow_exception(ended(std::current_exception()));
+        std::rethrow_exception(endAndUndo(std::current_exception()));
     }
 }
 
 // Ends the threads and then puts back what an append has overwritten, before anybody learns of the failure. Returns the
 // failure with the outcome in its text, or why the append could not be undone. A forked child leaves the file alone.
-std::exception_ptr partWriter::ended(const std::exception_ptr& failure) {
+std::exception_ptr partWriter::endAndUndo(const std::exception_ptr& failure) {
     if (fProcess != platform::processId()) return failure;
     endSink(true);
-    return fTail != nullptr ? std::exchange(fTail, nullptr)->undo(failure) : failure;
+    return fUndo != nullptr ? std::exchange(fUndo, nullptr)->undo(failure) : failure;
 }
 
 void partWriter::endSink(bool drop) {
@@ -62,14 +63,14 @@ void partWriter::endSink(bool drop) {
 }
 
 void partWriter::abandon() {
-    if (const std::exception_ptr failure = ended(nullptr)) std::rethrow_exception(failure);
+    if (const std::exception_ptr failure = endAndUndo(nullptr)) std::rethrow_exception(failure);
 }
 
 void partWriter::write(const unsigned char* rows, std::uint64_t size) {
     guarded([&] {
         while (size != 0) {
             std::uint32_t count = fChosen.blockLength;
-            if (availBuffSize == fChosen.blockLength && size >= fChosen.blockLength) {
+            if (filled() == 0 && size >= fChosen.blockLength) {
                 send(rows, count);  // a whole block needs no copy
             } else {
                 const std::span<unsigned char> to = room();
@@ -101,15 +102,15 @@ void partWriter::writeFrom(const rowSource& source, std::int64_t size) {
 
 std::span<unsigned char> partWriter::room() {
     if (fBuffer == nullptr) guarded([this] { fBuffer = newRoom(); });
-    return {fBuffer + (fChosen.blockLength - availBuffSize), availBuffSize};
+    return {fBuffer + filled(), availBuffSize};
 }
 
 // The rows of the current block may be in memory of the old sink.
-void partWriter::take(const threadSettings& threads) {
-    std::unique_ptr<blockSink> sink = makeSink(next(), {threads.multiThread == 0 ? 0 : -1, threads.threadCount});
+void partWriter::setThreads(const threadSettings& threads) {
+    std::unique_ptr<blockSink> sink = makeSink(nextPlace(), {threads.multiThread == 0 ? 0 : -1, threads.threadCount});
     if (fBuffer != nullptr) {
         if (!fRows) fRows = blockBuffer(fChosen.blockLength);
-        std::memmove(fRows.get(), fBuffer, fChosen.blockLength - availBuffSize);
+        std::memmove(fRows.get(), fBuffer, filled());
         fBuffer = fRows.get();
     }
     fSink = std::move(sink);
@@ -132,36 +133,35 @@ void partWriter::flush() {
 }
 
 void partWriter::endBlock() {
-    const std::uint32_t size = fChosen.blockLength - availBuffSize;
-    if (size != 0) send(fBuffer, size);
+    if (filled() != 0) send(fBuffer, filled());
 }
 
 void partWriter::send(const unsigned char* rows, std::uint32_t size) {
     availBuffSize = fChosen.blockLength - size;  // they are taken even if the sink fails
-    endFormerLife();
+    removeOldSideFile();
     fSink->put(rows, size);
-    sent(size);
+    beginBlock(fpos + size);
 }
 
 // Passes on a whole block unfilled, if the sink has threads that get its rows. Not the first one of a new part: the
 // side file of an earlier part stays until there are rows.
 bool partWriter::sendFrom(const rowSource& source, std::int64_t offset) {
-    if (bNewPart || availBuffSize != fChosen.blockLength || !fSink->putFrom(source, offset, fChosen.blockLength))
-        return false;
-    sent(fChosen.blockLength);
+    if (bNewPart || filled() != 0 || !fSink->putFrom(source, offset, fChosen.blockLength)) return false;
+    beginBlock(fpos + fChosen.blockLength);
     return true;
 }
 
-void partWriter::sent(std::uint32_t size) {
-    fTransferEnd = 0;
-    fpos += size;
+// Begins the next block, once one has been passed on.
+void partWriter::beginBlock(std::int64_t pos) {
+    fReadEnd = 0;
+    fpos = pos;
     fBuffer = nullptr;
     availBuffSize = fChosen.blockLength;
 }
 
-// Drops the side file of an earlier part, whose rows could be brought back until the first byte of the new part is
-// written.
-void partWriter::endFormerLife() {
+// Before the first byte of a new part is written, removes the side file of an earlier part there. Until then that
+// part's rows could still be brought back.
+void partWriter::removeOldSideFile() {
     if (std::exchange(bNewPart, false)) dropSideFile(fFile);
 }
 
@@ -176,8 +176,8 @@ void partWriter::finish(bool durable, bool staysOpen) {
 // Writes the heading last, since it makes the part a finished one. A safe append is complete with it. Any other can
 // still be undone if closing the file fails, where a full disk shows first on some file systems.
 void partWriter::commit(bool durable, bool staysOpen) {
-    const bool safe = fTail != nullptr && fTail->isSafe();
-    endFormerLife();
+    const bool safe = fUndo != nullptr && fUndo->isSafe();
+    removeOldSideFile();
     const compressionHeading heading = writeIndex();
     if (durable || safe) fFile.Sync();
     writeAll(fFile, &heading, sizeof heading, fRow0Pos);
@@ -185,15 +185,17 @@ void partWriter::commit(bool durable, bool staysOpen) {
         fFile.Sync();
         syncName(fFile.GetNameStr().GetGeneric());
     }
-    bFinished = safe;
-    if (safe) std::exchange(fTail, nullptr)->commit();
+    if (safe) {
+        bFinished = true;
+        std::exchange(fUndo, nullptr)->commit();
+    }
     try {
         if (!staysOpen) fFile.Close();
     } catch (const FileError& error) {
         if (safe) throw error.withOutcome("the append itself is complete");
         throw;
     }
-    fTail.reset();
+    fUndo.reset();
     bFinished = true;
 }
 
@@ -203,63 +205,65 @@ compressionHeading partWriter::writeIndex() {
     ORVA_ASSERT(stLength != 0, "stLength!=0");
     ORVA_ASSERT(fFile.IsOpen(), "fData->pRealFile.IsOpen() == true");
     ORVA_ASSERT(fSink == nullptr, "fData->fpIOThread == 0");
-    const compressionHeading heading{fRow0Pos, std::max(fTransferEnd, fIndex.writtenEnd(fRow0Pos + kHeadingSize)),
+    const compressionHeading heading{fRow0Pos, std::max(fReadEnd, fIndex.writtenEnd(fRow0Pos + kHeadingSize)),
                                      stLength};
     writeAll(fFile, bytes, stLength, heading._indexPos);
     return heading;
 }
 
-// Takes the rows of a short last block back into memory.
+// Reads heading and index again, decides where the new rows go, and returns what they will overwrite.
 tailPlan partWriter::resume(const resumePoint& from) {
     refuseSideFile(fFile.GetNameStr().GetGeneric());
-    const compressionHeading chInfo =
+    const compressionHeading heading =
         readHeading(fFile, fRow0Pos, from.swap, "pos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
-    std::vector<filePosRecord> index = readIndex(fFile, chInfo, from.swap);
-    const filePosRecord bInfo = fIndex.parseForAppend(reinterpret_cast<unsigned char*>(index.data()), from.swap);
+    std::vector<filePosRecord> index = readIndex(fFile, heading, from.swap);
+    const filePosRecord last = fIndex.parseForAppend(reinterpret_cast<unsigned char*>(index.data()), from.swap);
     const std::span<const filePosRecord> records = std::span(index).subspan(1);
-    checkContiguous(fFile, chInfo, records);
+    checkContiguous(fFile, heading, records);
 
-    tailPlan plan{0, 0, chInfo, false};
-    fTransferEnd = chInfo._indexPos + chInfo._size;
-    if (bInfo.orginalPos == kFirstRecordMark) {
+    tailPlan plan{0, 0, heading, false};
+    fReadEnd = heading._indexPos + heading._size;
+    if (records.empty()) {
         requireEnd(fRow0Pos, from, false);
-    } else if (bInfo.orginalSize >= static_cast<std::int64_t>(fChosen.blockLength)) {
-        fIndex.addRecord(bInfo.orginalPos, bInfo.translatePos, bInfo.orginalSize, bInfo.translateSize);
-        fpos = bInfo.orginalPos + bInfo.orginalSize;
+    } else if (last.orginalSize >= static_cast<std::int64_t>(fChosen.blockLength)) {
+        fIndex.addRecord(last.orginalPos, last.translatePos, last.orginalSize, last.translateSize);
+        fpos = last.orginalPos + last.orginalSize;
         requireEnd(fpos, from, true);
     } else {
         ORVA_ASSERT(from.filePos == from.endpos, "fFilePos == endpos");
-        resumeInBlock(bInfo, static_cast<std::uint32_t>(records.size() - 1), from);
-        plan.rewrittenBlock = static_cast<std::uint32_t>(bInfo.translateSize);
-        plan.cutsRows = from.endpos < bInfo.orginalPos + bInfo.orginalSize;
+        resumeInBlock(last, static_cast<std::uint32_t>(records.size() - 1), from);
+        plan.rewrittenBlock = static_cast<std::uint32_t>(last.translateSize);
+        plan.cutsRows = from.endpos < last.orginalPos + last.orginalSize;
     }
-    plan.untouchedEnd = next().place;
+    plan.untouchedEnd = nextPlace().place;
     return plan;
 }
 
-void partWriter::resumeInBlock(const filePosRecord& bInfo, std::uint32_t number, const resumePoint& from) {
-    const std::int64_t end = bInfo.orginalPos + bInfo.orginalSize;
-    zlibCompressBlock fCompressor;
-    const blockBuffer compressed(static_cast<std::size_t>(bInfo.translateSize));
-    fRows = {fChosen.blockLength, static_cast<std::size_t>(bInfo.orginalSize)};
-    readBlock({fFile, fCompressor, compressed.get()}, {bInfo, number, std::nullopt, lengthOf(fFile)}, fRows.get());
+// Takes the rows of a short last block back into memory, up to the caller's endpos.
+void partWriter::resumeInBlock(const filePosRecord& last, std::uint32_t number, const resumePoint& from) {
+    const std::int64_t end = last.orginalPos + last.orginalSize;
+    zlibCompressBlock codec;
+    const blockBuffer compressed(static_cast<std::size_t>(last.translateSize));
+    fRows = {fChosen.blockLength, static_cast<std::size_t>(last.orginalSize)};
+    readBlock({fFile, codec, compressed.get()}, {last, number, std::nullopt, lengthOf(fFile)}, fRows.get());
     requireEnd(end, from, false);
-    ORVA_ASSERT(from.endpos >= bInfo.orginalPos && from.endpos <= end, "endpos inside the last block");
+    ORVA_ASSERT(from.endpos >= last.orginalPos && from.endpos <= end, "endpos inside the last block");
     fBuffer = fRows.get();
-    fpos = bInfo.orginalPos;
+    fpos = last.orginalPos;
     availBuffSize = fChosen.blockLength - static_cast<std::uint32_t>(from.endpos - fpos);
-    fTransferEnd = bInfo.translatePos + bInfo.translateSize;
+    fReadEnd = last.translatePos + last.translateSize;
 }
 
 // Another process may have written since the caller read the index. The caller then means other rows, which are neither
-// cut nor added to, and has breached no duty.
-void partWriter::requireEnd(std::int64_t end, const resumePoint& from, bool goesOnThere) const {
-    const bool otherRows = from.endpos != end && from.seenEnd.value_or(end) != end;
-    if (!otherRows && (!goesOnThere || from.endpos == end)) return;
+// cut nor added to, and has breached no duty. `onlyThere`: the new rows can go nowhere but to the end.
+void partWriter::requireEnd(std::int64_t end, const resumePoint& from, bool onlyThere) const {
+    if (from.endpos == end) return;
+    const bool hasChanged = from.seenEnd && *from.seenEnd != end;
+    if (!hasChanged && !onlyThere) return;
     const DamagedFileError damage(
         fFile.GetNameStr().GetGeneric(), "fData->fpos == endpos",
         "its rows end at logical position " + std::to_string(end) + " instead of " + std::to_string(from.endpos));
-    if (otherRows) throw FileChangedError(damage);
+    if (hasChanged) throw FileChangedError(damage);
     throw damage;
 }
 

@@ -50,7 +50,7 @@ public:
     ~partWriter();
 
     // The logical position behind the rows.
-    std::int64_t end() const { return fpos + (fChosen.blockLength - availBuffSize); }
+    std::int64_t end() const { return fpos + filled(); }
     void write(const unsigned char* rows, std::uint64_t size);
     // Writes the first `size` rows of `source`, which is not called any more when this returns or throws.
     void writeFrom(const rowSource& source, std::int64_t size);
@@ -71,39 +71,41 @@ public:
 
     // Applies settings made after the beginning, for which setMultiThread gets no thread any more. No thread may be at
     // work. If this throws, nothing has changed.
-    void take(const threadSettings& threads);
+    void setThreads(const threadSettings& threads);
     bool hasThreads() const { return fSink != nullptr && fSink->hasThreads(); }
 
 private:
     template <class Steps>
     void guarded(Steps steps);
-    std::exception_ptr ended(const std::exception_ptr& failure);
+    std::exception_ptr endAndUndo(const std::exception_ptr& failure);
     void endSink(bool drop);
-    sinkPlace next() { return {fFile, fIndex, fChosen, fpos, fIndex.writtenEnd(fRow0Pos + kHeadingSize)}; }
+    // Bytes of rows in the current block.
+    std::uint32_t filled() const { return fChosen.blockLength - availBuffSize; }
+    sinkPlace nextPlace() { return {fFile, fIndex, fChosen, fpos, fIndex.writtenEnd(fRow0Pos + kHeadingSize)}; }
     unsigned char* newRoom();
     void endBlock();
     void send(const unsigned char* rows, std::uint32_t size);
     bool sendFrom(const rowSource& source, std::int64_t offset);
-    void sent(std::uint32_t size);
-    void endFormerLife();
+    void beginBlock(std::int64_t pos);
+    void removeOldSideFile();
     void commit(bool durable, bool staysOpen);
     compressionHeading writeIndex();
     tailPlan resume(const resumePoint& from);
     void resumeInBlock(const filePosRecord& last, std::uint32_t number, const resumePoint& from);
-    void requireEnd(std::int64_t end, const resumePoint& from, bool goesOnThere) const;
+    void requireEnd(std::int64_t end, const resumePoint& from, bool onlyThere) const;
 
     ORVA_File& fFile;
     const std::int64_t fRow0Pos;
     const choices fChosen;
     filePosInfo fIndex;
     std::int64_t fpos;                 // logical position of the current block
-    std::int64_t fTransferEnd = 0;     // where the last transfer ended; 0 once a block is written
+    std::int64_t fReadEnd = 0;         // of what resuming has read, for the index; 0 once a block is written
     unsigned char* fBuffer = nullptr;  // rows of the current block, in memory of the sink or in fRows
     std::uint32_t availBuffSize;       // its free bytes
     blockBuffer fRows;
     bool bNewPart;  // a new part of which nothing is in the file yet
     bool bFinished = false;
-    std::unique_ptr<appendUndo> fTail;  // while an append is unfinished
+    std::unique_ptr<appendUndo> fUndo;  // while an append is unfinished
     std::unique_ptr<blockSink> fSink;   // null once the writer has ended or failed
     const std::int64_t fProcess = platform::processId();
 };

@@ -67,8 +67,8 @@ struct zcmpsFilestr::Data {
     // Applies a setting that comes late, for which setMultiThread gets no thread any more.
     void applyThreads() {
         if (hasThreads()) return;
-        if (fWriter != nullptr) fWriter->take(fThreadSettings);
-        if (fReader != nullptr) fReader->take({0, fThreadSettings.threadCount});
+        if (fWriter != nullptr) fWriter->setThreads(fThreadSettings);
+        if (fReader != nullptr) fReader->setThreads({0, fThreadSettings.threadCount});
     }
 
     ORVA_File& pRealFile;  // kept alive by the base; gone once Close has reopened the file
@@ -136,7 +136,7 @@ std::int32_t zcmpsFilestr::bestCompressionLevel() {
 void zcmpsFilestr::setBlockCache(std::int32_t blocks) {
     ORVA_ASSERT(blocks >= 0, "blocks >= 0");
     fData->fCachedBlocks = static_cast<std::uint32_t>(blocks);
-    if (fData->fReader != nullptr) fData->fReader->keep(fData->fCachedBlocks);
+    if (fData->fReader != nullptr) fData->fReader->setBlockCache(fData->fCachedBlocks);
 }
 
 void zcmpsFilestr::setDurable(bool durable) {
