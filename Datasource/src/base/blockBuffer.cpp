@@ -43,7 +43,7 @@ blockBuffer::blockBuffer(std::size_t size, std::size_t used) {
     fBytes = {allocate(size, kBufferAlignment), {kBufferAlignment}};
 }
 
-void regain(unsigned char* bytes, std::size_t size) {
+void evictFromCaches(unsigned char* bytes, std::size_t size) {
 #ifdef __SSE2__
     const __m128i none = _mm_setzero_si128();
     for (std::size_t at = -reinterpret_cast<std::uintptr_t>(bytes) % sizeof none; at + sizeof none <= size;

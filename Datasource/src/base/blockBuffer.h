@@ -32,8 +32,9 @@ private:
     std::unique_ptr<unsigned char, release> fBytes;
 };
 
-// Takes the memory back from the caches of other cores in one streaming pass and leaves its content undefined. A store
-// into a line that another core holds has to win it back first, and inflating stores little at a time.
-void regain(unsigned char* bytes, std::size_t size);
+// Evicts the memory from the caches of all cores in one streaming pass, if the processor has such stores, and leaves
+// its content undefined. A store into a line in another core's cache has to fetch it first, and inflating stores little
+// at a time.
+void evictFromCaches(unsigned char* bytes, std::size_t size);
 
 }  // namespace orva

@@ -113,7 +113,7 @@ private:
 
 }  // namespace
 
-blockBuffer& blockSource::own() {
+blockBuffer& blockSource::ownBuffer() {
     if (!fBuffer) fBuffer = rowRoom(pPosInfo->records());
     return fBuffer;
 }

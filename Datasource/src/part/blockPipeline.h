@@ -2,7 +2,7 @@
 //
 // Owner:   partWriter and partReader. File and index outlive sink and source. A parsed index does not change.
 // Threads: one caller. In a forked child a sink can only be destroyed; a source goes on without its threads.
-// Failure: put, room and end of a sink throw the first failure of a block, and the blocks behind it are dropped. A
+// Failure: put, room and end of a sink throw the first failure of a block, and the blocks after it are dropped. A
 //          source throws what readBlock throws for the block that was asked for, and goes on serving the others.
 #pragma once
 
@@ -86,7 +86,7 @@ public:
 
 protected:
     // Memory for one block.
-    blockBuffer& own();
+    blockBuffer& ownBuffer();
 
     const filePosInfo* const pPosInfo;
 

@@ -37,8 +37,8 @@ void PreIOThread_Multi_R_D::load(std::uint32_t number, unsigned char* to) {
 
 const unsigned char* PreIOThread_Multi_R_D::lend(std::uint32_t number) {
     if (const unsigned char* rows = readAhead(number)) return rows;
-    makeBlock(number, fCompressedBuffer, own().get(), false);
-    return own().get();
+    makeBlock(number, fCompressedBuffer, ownBuffer().get(), false);
+    return ownBuffer().get();
 }
 
 // The rows of the block once they are ready; null if no thread has begun it.
@@ -50,7 +50,7 @@ const unsigned char* PreIOThread_Multi_R_D::readAhead(std::uint32_t number) {
         const slot* held = holding(number);
         if (held == nullptr) return nullptr;
         if (held->is == state::ready) return held->rows.get();
-        if (!bCallerHelps || !makeNext(lock, true)) await(lock);
+        if (!bCallerHelps || !makeNext(lock, true)) waitAsCaller(lock);
     }
 }
 
@@ -62,7 +62,7 @@ void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
     fCurrent = number;
     fWantedEnd = number + 1 + (sequential ? ahead : 0);
     fNext = std::max(sequential ? fNext : 0, number + 1);
-    passHeld();
+    skipHeld();
     if (fNext < std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) notifyThreads();
 }
 
@@ -71,7 +71,7 @@ std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint3
     guard lock = locked();
     fRun = to;
     fCurrent = fNext = first;
-    passHeld();
+    skipHeld();
     fWantedEnd = fFailed = first + std::int64_t{count};
     notifyThreads();
     for (;;) {
@@ -86,7 +86,7 @@ std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint3
             notifyThreads();
         } else if (!makeNext(lock, true)) {
             if (oneThatIs(state::busy) == nullptr) break;
-            await(lock);
+            waitAsCaller(lock);
         }
     }
     fRun = nullptr;
@@ -113,13 +113,13 @@ PreIOThread_Multi_R_D::slot* PreIOThread_Multi_R_D::holding(std::int64_t number)
 }
 
 // Skips the blocks from fNext on that were begun for an earlier request.
-void PreIOThread_Multi_R_D::passHeld() {
+void PreIOThread_Multi_R_D::skipHeld() {
     while (holding(fNext) != nullptr) ++fNext;
 }
 
 std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
     guard lock = locked();
-    while (!bStop && !makeNext(lock, false)) wait(lock);
+    while (!bStop && !makeNext(lock, false)) waitForWork(lock);
     return bStop ? 1 : 0;
 }
 
@@ -131,7 +131,7 @@ bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
     if (block == nullptr) return false;
     const std::int64_t number = block->number = fNext;
     block->is = state::busy;
-    passHeld();
+    skipHeld();
     const state made = fRun != nullptr ? state::empty : state::ready;
     unsigned char* dest = fRun != nullptr ? placeInRun(number) : block->rows.get();
     lock.unlock();
@@ -141,7 +141,7 @@ bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
             block->rows = orva::rowRoom(pPosInfo->records());
             dest = block->rows.get();
         } else if (!byCaller) {
-            orva::regain(dest, rowsOf(number));
+            orva::evictFromCaches(dest, rowsOf(number));
         }
         makeBlock(number, block->compressed, dest, true);
     } catch (...) {

@@ -54,7 +54,7 @@ std::uint32_t PreIOThread_Multi_W_C::putBlock(const void* buffer, std::uint32_t 
 PreIOThread_Multi_W_C::slot& PreIOThread_Multi_W_C::freeSlot() {
     if (!isMakersProcess()) throw std::system_error(ECHILD, std::generic_category(), "write worker");
     guard lock = locked();
-    while (fFilled - fWritten == fSlots.size()) helpOrAwait(lock);
+    while (fFilled - fWritten == fSlots.size()) helpOrWait(lock);
     if (fFailure != nullptr) std::rethrow_exception(fFailure);
     slot& block = at(fFilled);
     if (!block.rows) block.rows = orva::blockBuffer(stBlockSize);
@@ -72,14 +72,14 @@ void PreIOThread_Multi_W_C::handOver(slot& block, std::uint32_t size) {
     }
 }
 
-void PreIOThread_Multi_W_C::helpOrAwait(guard& lock) {
-    if (!bCallerHelps || !takeBlock(lock)) await(lock);
+void PreIOThread_Multi_W_C::helpOrWait(guard& lock) {
+    if (!bCallerHelps || !takeBlock(lock)) waitAsCaller(lock);
 }
 
 void PreIOThread_Multi_W_C::awaitRows() {
     guard lock = locked();
     const auto needsSource = [](const slot& block) { return block.source != nullptr; };
-    while (std::any_of(fSlots.begin(), fSlots.end(), needsSource)) helpOrAwait(lock);
+    while (std::any_of(fSlots.begin(), fSlots.end(), needsSource)) helpOrWait(lock);
     if (fFailure != nullptr) std::rethrow_exception(fFailure);
 }
 
@@ -94,13 +94,13 @@ void PreIOThread_Multi_W_C::endLoops() {
     bEnd = true;
     notifyThreads();
     while (fWritten != fFilled) {
-        if (!takeBlock(lock)) await(lock);
+        if (!takeBlock(lock)) waitAsCaller(lock);
     }
 }
 
 std::int32_t PreIOThread_Multi_W_C::writeLoopStep() {
     guard lock = locked();
-    while (!bEnd && fTaken == fFilled) wait(lock);
+    while (!bEnd && fTaken == fFilled) waitForWork(lock);
     return takeBlock(lock) ? 0 : 1;
 }
 
@@ -134,7 +134,7 @@ void PreIOThread_Multi_W_C::make(slot& block) try {
     block.failure = std::current_exception();
 }
 
-// The thread that completes the next block in order writes it, and all complete ones behind it.
+// The thread that completes the next block in order writes it, and all complete ones after it.
 void PreIOThread_Multi_W_C::writeInOrder(guard& lock) {
     while (!bWriting && at(fWritten).bDeflated) {
         slot& block = at(fWritten);

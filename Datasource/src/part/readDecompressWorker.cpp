@@ -25,8 +25,8 @@ void PreIOThread_R_D::load(std::uint32_t number, unsigned char* to) {
 }
 
 const unsigned char* PreIOThread_R_D::lend(std::uint32_t number) {
-    serve(number, own().get(), [&] { std::swap(own(), pDecompressBuffer); });
-    return own().get();
+    serve(number, ownBuffer().get(), [&] { std::swap(ownBuffer(), pDecompressBuffer); });
+    return ownBuffer().get();
 }
 
 // The slot knows blocks by number.

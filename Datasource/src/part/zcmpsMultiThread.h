@@ -62,7 +62,7 @@ private:
     slot& at(std::uint64_t number) { return fSlots[static_cast<std::size_t>(number % fSlots.size())]; }
     slot& freeSlot();
     void handOver(slot& block, std::uint32_t size);
-    void helpOrAwait(guard& lock);
+    void helpOrWait(guard& lock);
     void endLoops();
     bool takeBlock(guard& lock);
     void make(slot& block);
@@ -94,8 +94,7 @@ private:
 // A4 The stop request lets running steps finish; nothing waits for what they make.
 // A5 A request of several blocks is shared out: each thread, the caller's too, inflates whole blocks straight into the
 //    caller's memory; only blocks read ahead are copied there. The request ends before a block that fails (A3).
-// A6 Rows that the caller has read are in its core's cache: another thread regains their memory before it inflates
-//    there.
+// A6 Rows that the caller has read are in its core's cache: another thread evicts them before it inflates there.
 class PreIOThread_Multi_R_D : public readingWorker<PreIOThreadSeveral>, public orva::blockSource {
 public:
     PreIOThread_Multi_R_D(ORVA_File* file, const filePosInfo* index, std::uint32_t blockSize, std::uint32_t threads);
@@ -125,7 +124,7 @@ private:
     template <class Test>
     slot* find(Test test);
     slot* holding(std::int64_t number);
-    void passHeld();
+    void skipHeld();
     bool makeNext(guard& lock, bool byCaller);
     // The bytes of its rows; 0 for a size that cannot be true, so that no memory is touched for it.
     std::size_t rowsOf(std::int64_t number) const;

@@ -44,7 +44,7 @@ private:
     ORVA_File* const pFile;
     // Touched in the owner's turn only.
     zlibCompressBlock fCompressor;
-    orva::blockBuffer pDecompressBuffer;  // lend() swaps it with own()
+    orva::blockBuffer pDecompressBuffer;  // lend() swaps it with ownBuffer()
     orva::blockBuffer pCompressBuffer;
 };
 

@@ -132,18 +132,17 @@ protected:
     }
     using guard = std::unique_lock<std::mutex>;
     guard locked() const { return guard(fShared->mutex); }
-    // wait() is for threads without work, await() for the caller, which seldom waits: notifyCaller() notifies only
-    // then.
-    void wait(guard& lock) const { fShared->changed.wait(lock); }
-    void await(guard& lock) const {
-        fShared->awaited = true;
-        wait(lock);
-        fShared->awaited = false;
+    void waitForWork(guard& lock) const { fShared->changed.wait(lock); }
+    // The caller seldom waits, and notifyCaller notifies only then.
+    void waitAsCaller(guard& lock) const {
+        fShared->callerWaits = true;
+        fShared->changed.wait(lock);
+        fShared->callerWaits = false;
     }
     void notifyThreads() const { fShared->changed.notify_all(); }
     void notifyThread() const { fShared->changed.notify_one(); }
     void notifyCaller() const {
-        if (fShared->awaited) fShared->changed.notify_all();
+        if (fShared->callerWaits) fShared->changed.notify_all();
     }
 
     // A caller that would have to wait helps if there is a core for it; otherwise it would only slow down the threads.
@@ -153,7 +152,7 @@ private:
     struct shared {
         std::mutex mutex;
         std::condition_variable changed;
-        bool awaited = false;
+        bool callerWaits = false;
     };
     std::unique_ptr<shared> fShared = std::make_unique<shared>();
 };
