@@ -86,7 +86,7 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
     if (IsOpen()) {
         const bool atEnd = ModeHasChar(fMode.c_str(), 'a');
         const std::int64_t place = platform::_lseeki64(fDescriptor, 0, atEnd ? SEEK_END : SEEK_SET);
-        fHasPlaces = place != -1 || errno != ESPIPE;
+        fSeekable = place != -1 || errno != ESPIPE;
         fPosition = atEnd ? std::max<std::int64_t>(place, 0) : 0;
     }
     fGood.store(IsOpen(), std::memory_order_relaxed);
@@ -214,7 +214,7 @@ void ORVA_File::Truncate(std::int64_t length) {
 // A pipe or terminal takes only transfers that begin where the last one ended.
 void ORVA_File::beginTransfer(std::int64_t byteOffset, long code) {
     if (byteOffset < 0) fail(code, EINVAL);
-    if (!fHasPlaces && byteOffset != fPosition) fail(code, ESPIPE);
+    if (!fSeekable && byteOffset != fPosition) fail(code, ESPIPE);
     platform::setErrno(0);
 }
 
@@ -222,16 +222,16 @@ void ORVA_File::beginTransfer(std::int64_t byteOffset, long code) {
 unsigned int ORVA_File::readDescriptor(void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
     constexpr std::int64_t last = std::numeric_limits<std::int64_t>::max();
     if (byteOffset > last - byteSize) byteSize = static_cast<unsigned int>(last - byteOffset);
-    const int count = fHasPlaces ? platform::readAt(fDescriptor, buffer, byteSize, byteOffset)
-                                 : platform::_read(fDescriptor, buffer, byteSize);
+    const int count = fSeekable ? platform::readAt(fDescriptor, buffer, byteSize, byteOffset)
+                                : platform::_read(fDescriptor, buffer, byteSize);
     if (count == -1) fail(kReadFailed, errno);
     return static_cast<unsigned int>(count);
 }
 
 // When appending, the system chooses the place.
 int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
-    return fHasPlaces && !fAppends ? platform::writeAt(fDescriptor, buffer, byteSize, byteOffset)
-                                   : platform::_write(fDescriptor, buffer, byteSize);
+    return fSeekable && !fAppends ? platform::writeAt(fDescriptor, buffer, byteSize, byteOffset)
+                                  : platform::_write(fDescriptor, buffer, byteSize);
 }
 
 void ORVA_File::refuseWrite(int error) {

@@ -91,13 +91,13 @@ public:
     // The offset at which the read of a whole block that holds `position` begins: a multiple of 512. A pipe or terminal
     // gives only the bytes that follow those it has given, so there it is `position`, rounded down to the granule.
     std::int64_t readPlace(std::int64_t position) const {
-        const std::int64_t unit = fHasPlaces ? 512 : granule();
+        const std::int64_t unit = fSeekable ? 512 : granule();
         return position / unit * unit;
     }
     // The end of the data of an encrypted file: that of the waiting bytes, or else that of the pad. Part of a block,
     // left by a failed write, does not count. 0 for other files.
     ORVA_LOCAL std::int64_t dataEnd() const;
-    // `block` has the first `count` bytes of the cipher block at `byteOffset`; adds those that the file has behind
+    // `block` has the first `count` bytes of the cipher block at `byteOffset`; adds those that the file has after
     // them, so that all can be rewritten, and returns how many `block` then has. EINVAL if the mode cannot read them.
     ORVA_LOCAL std::uint32_t completeBlock(unsigned char* block, std::uint32_t count, std::int64_t byteOffset);
     // The errno of the last Open, 0 if it succeeded.
@@ -138,7 +138,7 @@ private:
     int fPadSize = 0;
     std::unique_ptr<Cipher> fCipher;  // null unless encrypted
     bool fAppends = false;            // The system puts every write at the end of the file, whatever its offset.
-    bool fHasPlaces = true;           // False for a pipe or terminal.
+    bool fSeekable = true;            // False for a pipe or terminal.
     std::string fTemporaryName;       // The full name of a file that is deleted when closed, else empty.
 
     int fOpenErrno = 0;

@@ -108,7 +108,7 @@ void ORVA_File::Cipher::writeWhole(const unsigned char* data, unsigned int size,
         size -= joined;
         byteOffset += joined;
     } else {
-        closeGap(byteOffset);
+        dropPartialBlock(byteOffset);
     }
     const unsigned int whole = wholeBlocks(size);
     if (whole > 0) writeBlocks(data, whole, byteOffset);
@@ -124,11 +124,11 @@ bool ORVA_File::Cipher::mayWrite(unsigned int size, std::int64_t byteOffset) {
     if (continues) return true;
     if (byteOffset % CIPHER_BLOCK_SIZE != 0 || (waits() && byteOffset > fTailPos)) return false;
     const int tail = static_cast<int>(size % CIPHER_BLOCK_SIZE);
-    return tail == 0 || tail >= heldIn(byteOffset + size - tail);
+    return tail == 0 || tail >= dataBytesIn(byteOffset + size - tail);
 }
 
-// Number of data bytes in the block at `block`, all of which a write that ends inside it has to cover.
-int ORVA_File::Cipher::heldIn(std::int64_t block) {
+// The number of data bytes in the cipher block at this offset, all of which a write that ends inside it has to cover.
+int ORVA_File::Cipher::dataBytesIn(std::int64_t block) {
     if (waits() && block <= fTailPos) return block == fTailPos ? fFile.fRemainderSize : CIPHER_BLOCK_SIZE;
     if (block > fileEnd() - CIPHER_BLOCK_SIZE) return 0;  // part of a block is no data
     return block == fTailPos && endsPadded() ? CIPHER_BLOCK_SIZE - fFile.fPadSize : CIPHER_BLOCK_SIZE;
@@ -139,17 +139,17 @@ std::int64_t ORVA_File::Cipher::dataEnd() {
 }
 
 std::uint32_t ORVA_File::Cipher::completeBlock(unsigned char* block, std::uint32_t count, std::int64_t byteOffset) {
-    if (heldIn(byteOffset) <= static_cast<int>(count)) return count;
+    if (dataBytesIn(byteOffset) <= static_cast<int>(count)) return count;
     if (!inMemory(byteOffset) && !fFile.Rewrites()) fFile.fail(kWriteFailed, EINVAL);
     unsigned char whole[CIPHER_BLOCK_SIZE];
-    const std::uint32_t behind = std::max(count, read(whole, sizeof whole, byteOffset));
-    std::copy(whole + count, whole + behind, block + count);
-    return behind;
+    const std::uint32_t completed = std::max(count, read(whole, sizeof whole, byteOffset));
+    std::copy(whole + count, whole + completed, block + count);
+    return completed;
 }
 
-// The system fills a gap between the data and a write behind them with zeros, which are read as zeros. Part of a block,
-// left by a failed write, has to be cut off for that.
-void ORVA_File::Cipher::closeGap(std::int64_t byteOffset) {
+// Before a write past the end of the data, cuts off part of a block that a failed write has left there. The system
+// then fills the gap with zeros, which are read as zeros.
+void ORVA_File::Cipher::dropPartialBlock(std::int64_t byteOffset) {
     const std::int64_t end = wholeBlocks(fileEnd());
     if (byteOffset <= end || end == fileEnd()) return;
     if (platform::truncateFile(fFile.fDescriptor, end) != 0) fFile.fail(kWriteFailed, errno);
@@ -157,7 +157,7 @@ void ORVA_File::Cipher::closeGap(std::int64_t byteOffset) {
 }
 
 // Ends a write: its last bytes wait, and those that it replaces are dropped, as is the pad if the padded block was
-// overwritten or is no longer the last one. A write of whole blocks leaves bytes that wait behind it alone.
+// overwritten or is no longer the last one. A write of whole blocks leaves bytes that wait after it alone.
 void ORVA_File::Cipher::keepTail(const unsigned char* tail, unsigned int size, std::int64_t place) {
     const bool reachesTail = place + size > fTailPos;
     if (reachesTail || !endsPadded()) fFile.fPadSize = 0;
@@ -191,7 +191,7 @@ unsigned int ORVA_File::Cipher::finish() {
     return ended > 0 ? ended : padded;
 }
 
-// Pads with zeros: the memory behind the waiting bytes still has plaintext of earlier blocks.
+// Pads with zeros: the memory after the waiting bytes still has plaintext of earlier blocks.
 unsigned int ORVA_File::Cipher::writePaddedBlock() {
     if (fFile.fAppends && fTailPos != fileEnd()) fFile.fail(kWriteFailed, EINVAL);
     const int pad = CIPHER_BLOCK_SIZE - fFile.fRemainderSize;
@@ -219,7 +219,7 @@ unsigned int ORVA_File::Cipher::endRun() {
 // The length of the file. Asks the system once, and fails with `code` if it cannot tell; from then on the writes of
 // this object keep it, since nobody else writes the file. 0 for a pipe, which has nothing that a write could damage.
 std::int64_t ORVA_File::Cipher::fileEnd(long code) {
-    if (fFileEnd >= 0 || !fFile.fHasPlaces) return std::max<std::int64_t>(fFileEnd, 0);
+    if (fFileEnd >= 0 || !fFile.fSeekable) return std::max<std::int64_t>(fFileEnd, 0);
     fFileEnd = fFile.Size();
     if (fFileEnd == -1) fFile.fail(code, errno);
     return fFileEnd;

@@ -57,8 +57,8 @@ private:
             throw;
         }
     }
-    int heldIn(std::int64_t block);
-    void closeGap(std::int64_t byteOffset);
+    int dataBytesIn(std::int64_t block);
+    void dropPartialBlock(std::int64_t byteOffset);
     void keepTail(const unsigned char* tail, unsigned int size, std::int64_t place);
     unsigned int writeBlocks(const unsigned char* data, unsigned int size, std::int64_t byteOffset);
     unsigned int writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset);

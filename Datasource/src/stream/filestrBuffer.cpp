@@ -175,7 +175,7 @@ void ORVA_FileStream::Data::placeBlock(std::int64_t block, std::uint32_t count) 
     bEndOfFile = count == 0;
 }
 
-// Once the request has filled the buffer, its rest goes on behind it.
+// Once the request has filled the buffer, its rest goes on after it.
 void ORVA_FileStream::Data::Write(WriteRequest& request) {
     while (request._size > 0) {
         if (!joinsBuffer(request._pos)) {
@@ -227,7 +227,7 @@ std::uint32_t ORVA_FileStream::Data::sizePastBuffer(const WriteRequest& request)
 }
 
 // Writes past the buffer. Drops buffered bytes that the write covers: they must neither serve a later read nor be
-// written back over the new ones. Drops the buffer of an encrypted file anyway: data may now stand behind it that the
+// written back over the new ones. Drops the buffer of an encrypted file anyway: data may now follow it that the
 // mode cannot read to complete a block that grows into them.
 void ORVA_FileStream::Data::writeDirect(WriteRequest& request, std::uint32_t size) {
     const std::int64_t begin = request._pos;
@@ -249,19 +249,22 @@ void ORVA_FileStream::Data::startBuffer(std::int64_t position) {
 }
 
 // Writes whole cipher blocks, or up to the end of the data: the file may have more of the last block than the buffer.
-// Appended bytes go behind those that a copy of the stream has appended; an encrypted file needs that offset named.
+// Appended bytes go after those that a copy of the stream has appended; an encrypted file has to be told that offset.
+// The request advances fDirtyBegin, so the next flush continues after what a failed append has written.
 void ORVA_FileStream::Data::Flush() {
     if (fBufferEnd == fBuffer || !bDirty || !pRealFile->IsOpen()) return;
     const bool appends = pRealFile->Appends();
     const std::uint32_t granule = pRealFile->granule();
     fDirtyBegin -= static_cast<std::int64_t>(offsetOf(fDirtyBegin) % granule);
     const unsigned char* const from = fBuffer + offsetOf(fDirtyBegin);
-    unsigned char* const last = fBuffer + (offsetOf(fDirtyEnd) - 1) / granule * granule;
-    const auto held = static_cast<std::uint32_t>(fBufferEnd - last);
-    if (held < granule && !appends) fBufferEnd = last + pRealFile->completeBlock(last, held, fpos + (last - fBuffer));
+    unsigned char* const last = fBuffer + (offsetOf(fDirtyEnd) - 1) / granule * granule;  // the last block's first byte
+    const auto ofLast = static_cast<std::uint32_t>(fBufferEnd - last);
+    if (ofLast < granule && !appends) {
+        fBufferEnd = last + pRealFile->completeBlock(last, ofLast, fpos + (last - fBuffer));
+    }
     const auto size = static_cast<std::uint32_t>(std::min<const unsigned char*>(fBufferEnd, last + granule) - from);
-    std::int64_t end = pRealFile->dataEnd();
-    WriteRequest pending{from, size, appends && granule > 1 ? end : fDirtyBegin};
+    std::int64_t dataEnd = pRealFile->dataEnd();
+    WriteRequest pending{from, size, appends && granule > 1 ? dataEnd : fDirtyBegin};
     writeFile(pending, size);
     appends ? dropBuffer() : markClean();
 }
