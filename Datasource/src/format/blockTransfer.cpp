@@ -55,10 +55,10 @@ struct allBlocks {
     // Counts the ends of a record that do not meet its neighbours: no writer leaves gaps between blocks.
     int mismatchedEnds(std::int64_t number, const filePosRecord& r) const {
         const std::optional<filePosRecord> before = credible(number - 1);
-        const std::optional<filePosRecord> behind = credible(number + 1);
+        const std::optional<filePosRecord> next = credible(number + 1);
         const bool mismatchedBegin = before ? r.translatePos != before->translatePos + before->translateSize
                                             : number == 0 && r.translatePos - kHeadingSize != r.orginalPos;
-        return (mismatchedBegin ? 1 : 0) + (behind && r.translatePos + r.translateSize != behind->translatePos ? 1 : 0);
+        return (mismatchedBegin ? 1 : 0) + (next && r.translatePos + r.translateSize != next->translatePos ? 1 : 0);
     }
     // Of two records with bytes in common one is wrong: the one that fits its neighbours less well, else the one that
     // begins first, since its end passes the other's beginning.

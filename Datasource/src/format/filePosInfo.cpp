@@ -21,12 +21,12 @@ bool holds(const filePosRecord* records, std::int64_t number, std::int64_t last,
 }
 
 // The first record that begins after `pos`, or `end`.
-const filePosRecord* firstBehind(const filePosRecord* begin, const filePosRecord* end, std::int64_t pos) {
+const filePosRecord* firstAfter(const filePosRecord* begin, const filePosRecord* end, std::int64_t pos) {
     return std::upper_bound(begin, end, pos,
                             [](std::int64_t p, const filePosRecord& record) { return p < record.orginalPos; });
 }
 
-constexpr filePosRecord kNothing{kNoRecord, 0, 0, 0};
+constexpr filePosRecord kNoBlock{kNoRecord, 0, 0, 0};
 
 }  // namespace
 
@@ -87,7 +87,7 @@ const unsigned char* filePosInfo::serialize(std::uint32_t& stLength, bool swap) 
     return reinterpret_cast<const unsigned char*>(fSerialized.data());
 }
 
-std::vector<filePosRecord> filePosInfo::taken(const unsigned char* buff, bool swap) {
+std::vector<filePosRecord> filePosInfo::parse(const unsigned char* buff, bool swap) {
     filePosRecord first;
     std::memcpy(&first, buff, sizeof first);
     if (swap) swapRecord(&first);
@@ -102,7 +102,7 @@ std::vector<filePosRecord> filePosInfo::taken(const unsigned char* buff, bool sw
 
 void filePosInfo::parseForRead(const unsigned char* buff, bool swap) {
     if (buff == nullptr) return;
-    fParsed = taken(buff, swap);
+    fParsed = parse(buff, swap);
     bParsed = true;
     fCursor.store(0, std::memory_order_relaxed);
 }
@@ -111,7 +111,7 @@ filePosRecord filePosInfo::parseForAppend(unsigned char* buff, bool swap) {
     fParsed = {};
     bParsed = false;
     ORVA_ASSERT(buff != nullptr, "buff != 0");
-    const std::vector<filePosRecord> records = taken(buff, swap);
+    const std::vector<filePosRecord> records = parse(buff, swap);
     if (records.empty()) return {kFirstRecordMark, 0, static_cast<std::int32_t>(fBlockSize), 0};
     if (swap) std::memcpy(buff + kRecordSize, records.data(), records.size() * kRecordSize);
     fRecords.insert(fRecords.end(), records.begin(), records.end() - 1);
@@ -122,14 +122,14 @@ std::int64_t filePosInfo::dataEnd(std::int64_t otherwise) const {
     return fParsed.empty() ? otherwise : fParsed.back().orginalPos + fParsed.back().orginalSize;
 }
 
-std::uint32_t filePosInfo::answer(std::int64_t number, std::int64_t cursor) const {
-    fCursor.store(static_cast<std::uint32_t>(cursor), std::memory_order_relaxed);
+std::uint32_t filePosInfo::foundAt(std::int64_t number, std::int64_t nextGuess) const {
+    fCursor.store(static_cast<std::uint32_t>(nextGuess), std::memory_order_relaxed);
     return static_cast<std::uint32_t>(number);
 }
 
 filePosRecord filePosInfo::findRecord(std::int64_t pos) const {
     const std::optional<std::uint32_t> number = find(pos);
-    return number ? parsed(*number) : kNothing;
+    return number ? parsed(*number) : kNoBlock;
 }
 
 std::optional<std::uint32_t> filePosInfo::find(std::int64_t pos) const {
@@ -141,22 +141,22 @@ std::optional<std::uint32_t> filePosInfo::find(std::int64_t pos) const {
     if (pos >= dataEnd(0) || pos < records[0].orginalPos) return std::nullopt;
 
     const std::int64_t cursor = std::min<std::int64_t>(fCursor.load(std::memory_order_relaxed), last);
-    if (holds(records, cursor, last, pos)) return answer(cursor, cursor + 1);
-    if (holds(records, 0, last, pos)) return answer(0, 1);
-    if (pos >= records[last].orginalPos) return answer(last, 0);
+    if (holds(records, cursor, last, pos)) return foundAt(cursor, cursor + 1);
+    if (holds(records, 0, last, pos)) return foundAt(0, 1);
+    if (pos >= records[last].orginalPos) return foundAt(last, 0);
     // The row-0 position is not subtracted, so the guess is the right record or one that lies above it.
     const std::int64_t guess = std::clamp<std::int64_t>(pos / static_cast<std::int64_t>(fBlockSize), 0, last);
     if (guess < last && records[guess].orginalPos <= pos && pos < records[guess + 1].orginalPos) {
-        return answer(guess, guess + 1);
+        return foundAt(guess, guess + 1);
     }
-    const std::int64_t found = searchOutward(likelyNumber(pos), pos);
+    const std::int64_t found = gallop(interpolated(pos), pos);
     if (found < 0) return std::nullopt;
-    return answer(found, found + 1);
+    return foundAt(found, found + 1);
 }
 
-// Where the record would be if all blocks had one size: a better start for a search than the guess if the row-0
-// position is large or blocks are short.
-std::int64_t filePosInfo::likelyNumber(std::int64_t pos) const {
+// A better start for a search than the position divided by the block size, if the row-0 position is large or blocks are
+// short.
+std::int64_t filePosInfo::interpolated(std::int64_t pos) const {
     const auto before = static_cast<double>(pos - parsed(0).orginalPos);
     const auto all = static_cast<double>(dataEnd(0) - parsed(0).orginalPos);
     const auto number = static_cast<std::int64_t>(before / all * parsedCount());
@@ -164,7 +164,7 @@ std::int64_t filePosInfo::likelyNumber(std::int64_t pos) const {
 }
 
 // Searches from the guess in the one direction that the ascending order leaves, by doubling steps, then by bisection.
-std::int64_t filePosInfo::searchOutward(std::int64_t guess, std::int64_t pos) const {
+std::int64_t filePosInfo::gallop(std::int64_t guess, std::int64_t pos) const {
     const filePosRecord* records = fParsed.data();
     const std::int64_t last = std::ssize(fParsed) - 1;
     std::int64_t low = guess;
@@ -180,6 +180,6 @@ std::int64_t filePosInfo::searchOutward(std::int64_t guess, std::int64_t pos) co
             low = std::max<std::int64_t>(guess - step, 0);
         }
     }
-    low = firstBehind(records + low, records + high, pos) - records - 1;
+    low = firstAfter(records + low, records + high, pos) - records - 1;
     return holds(records, low, last, pos) ? low : -1;
 }

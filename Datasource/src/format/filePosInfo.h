@@ -81,11 +81,13 @@ public:
 
 private:
     // Checks the records of an index and returns them in host order; stores its block size.
-    std::vector<filePosRecord> taken(const unsigned char* buff, bool swap);
-    std::int64_t likelyNumber(std::int64_t pos) const;
+    std::vector<filePosRecord> parse(const unsigned char* buff, bool swap);
+    // The number of the record that would hold `pos` if all blocks had one size.
+    std::int64_t interpolated(std::int64_t pos) const;
     // The number of the record around the guess that holds `pos`, or -1.
-    std::int64_t searchOutward(std::int64_t guess, std::int64_t pos) const;
-    std::uint32_t answer(std::int64_t number, std::int64_t cursor) const;
+    std::int64_t gallop(std::int64_t guess, std::int64_t pos) const;
+    // Returns `number`, and sets the cursor to the next guess.
+    std::uint32_t foundAt(std::int64_t number, std::int64_t nextGuess) const;
 
     std::string fFileName;
     // Write side.

@@ -47,7 +47,7 @@ void checkCount(const bytesFrom& file, const compressionHeading& heading, const 
     refuse(file, kIndexFits, indexSpan(heading) + " is cut short");
 }
 
-void checkBegin(const bytesFrom& file, const compressionHeading& heading, const filePosRecord& record) {
+void checkStart(const bytesFrom& file, const compressionHeading& heading, const filePosRecord& record) {
     if (record.orginalPos == heading._caseStartPos) return;
     refuse(file, "record 0 at the row-0 position",
            "its first block begins at logical position " + std::to_string(record.orginalPos) + " instead of " +
@@ -57,8 +57,8 @@ void checkBegin(const bytesFrom& file, const compressionHeading& heading, const 
 // All records, the first one included, read a piece at a time. `check` gets the records so far and the number of the
 // first new one.
 template <class Check>
-std::vector<filePosRecord> inPieces(const bytesFrom& file, const compressionHeading& heading, bool atOnce,
-                                    Check check) {
+std::vector<filePosRecord> recordsInPieces(const bytesFrom& file, const compressionHeading& heading, bool atOnce,
+                                           Check check) {
     checkPlaces(file, heading, lengthOf(file));
     std::vector<filePosRecord> records;
     const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
@@ -112,7 +112,7 @@ compressionHeading readHeading(const bytesFrom& file, std::int64_t row0Pos, bool
 }
 
 std::vector<filePosRecord> readIndex(const bytesFrom& file, const compressionHeading& heading, bool swap) {
-    return inPieces(file, heading, false, [&](std::span<const filePosRecord> records, std::size_t known) {
+    return recordsInPieces(file, heading, false, [&](std::span<const filePosRecord> records, std::size_t known) {
         if (known == 0) {
             filePosRecord first = records[0];
             if (swap) swapRecord(first);
@@ -129,7 +129,7 @@ void loadIndex(const bytesFrom& file, const compressionHeading& heading, bool sw
     const std::vector<filePosRecord> records = readIndex(file, heading, swap);
     index.parseForRead(reinterpret_cast<const unsigned char*>(records.data()), swap);
     index.limitPlaces(lengthOf(file));
-    if (index.parsedCount() != 0) checkBegin(file, heading, index.parsed(0));
+    if (index.parsedCount() != 0) checkStart(file, heading, index.parsed(0));
 }
 
 indexContent readRecords(const bytesFrom& file, const compressionHeading& heading, bool swap, bool atOnce) {
@@ -143,11 +143,11 @@ indexContent readRecords(const bytesFrom& file, const compressionHeading& headin
         for (std::size_t i = std::max<std::size_t>(known, 1) - 1; i < blocks.size(); ++i)
             checkAscends(blocks, i, file.name());
     };
-    indexContent content{0, inPieces(file, heading, atOnce, check)};
+    indexContent content{0, recordsInPieces(file, heading, atOnce, check)};
     std::vector<filePosRecord>& records = content.records;
     content.blockSize = static_cast<std::uint32_t>(records[0].orginalSize);
     records.erase(records.begin());
-    if (!records.empty()) checkBegin(file, heading, records[0]);
+    if (!records.empty()) checkStart(file, heading, records[0]);
     return content;
 }
 
