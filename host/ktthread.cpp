@@ -58,12 +58,12 @@ struct ktSemaphore::State {
 
     bool isInherited() const { return process != platform::processId(); }
 
-    // Takes one from the count if comes(lock, condition), which may wait for the condition, returns true.
-    template <class Comes>
-    bool take(Comes comes) {
+    // Takes one from the count if wait(guard, condition), which waits for the condition, finds it fulfilled.
+    template <class Wait>
+    bool take(Wait wait) {
         if (isInherited()) return false;
         std::unique_lock guard(lock);
-        const bool taken = comes(guard, [this] { return count > 0; });
+        const bool taken = wait(guard, [this] { return count > 0; });
         if (taken) --count;
         return taken;
     }
@@ -92,11 +92,14 @@ bool ktSemaphore::postSemaphore() {
 
 bool ktSemaphore::waitSemaphore(int milliseconds) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(milliseconds, 0));
-    return fState->take([&](auto& guard, auto some) { return fState->posted.wait_until(guard, end, some); });
+    return fState->take([&](auto& guard, auto isAbove0) { return fState->posted.wait_until(guard, end, isAbove0); });
 }
 
 bool ktSemaphore::waitSemaphore() {
-    return fState->take([&](auto& guard, auto some) { return fState->posted.wait(guard, some), true; });
+    return fState->take([&](auto& guard, auto isAbove0) {
+        fState->posted.wait(guard, isAbove0);
+        return true;
+    });
 }
 
 bool ktSemaphore::tryWaitSemaphore() {

@@ -30,7 +30,7 @@ using faults::Step;
 constexpr unsigned int kPiece = 0x7ffff000;
 
 // Instead of an offset: the position of the descriptor.
-constexpr std::int64_t kOwnPlace = -1;
+constexpr std::int64_t kCurrentPosition = -1;
 
 #ifdef ORVA_FAULT_SEAM
 std::atomic<faults::Hook*> gHook{nullptr};
@@ -74,14 +74,16 @@ int rawOpen(const char* name, int flags, mode_t mode) {
 std::int64_t rawRead(int descriptor, char* buffer, std::uint64_t size, std::int64_t offset) {
     const Step step{.call = Call::Read, .descriptor = descriptor, .size = size, .data = buffer, .offset = offset};
     return rawCall(step, [&](std::size_t most) {
-        return offset == kOwnPlace ? ::read(descriptor, buffer, most) : ::pread(descriptor, buffer, most, offset);
+        return offset == kCurrentPosition ? ::read(descriptor, buffer, most)
+                                          : ::pread(descriptor, buffer, most, offset);
     });
 }
 
 std::int64_t rawWrite(int descriptor, const char* buffer, std::uint64_t size, std::int64_t offset) {
     const Step step{.call = Call::Write, .descriptor = descriptor, .size = size, .data = buffer, .offset = offset};
     return rawCall(step, [&](std::size_t most) {
-        return offset == kOwnPlace ? ::write(descriptor, buffer, most) : ::pwrite(descriptor, buffer, most, offset);
+        return offset == kCurrentPosition ? ::write(descriptor, buffer, most)
+                                          : ::pwrite(descriptor, buffer, most, offset);
     });
 }
 
@@ -127,7 +129,7 @@ int completed(Raw raw, int descriptor, Byte* bytes, unsigned int count, std::int
     }
     unsigned int done = 0;
     while (done < count) {
-        const std::int64_t place = offset == kOwnPlace ? kOwnPlace : offset + done;
+        const std::int64_t place = offset == kCurrentPosition ? kCurrentPosition : offset + done;
         const std::int64_t moved =
             restarted([&] { return raw(descriptor, bytes + done, std::min(count - done, kPiece), place); });
         if (moved < 0) return -1;
@@ -263,11 +265,11 @@ std::int64_t nextStored(int descriptor, std::int64_t offset) noexcept {
 }
 
 int _read(int descriptor, void* buffer, unsigned int count) noexcept {
-    return completed(rawRead, descriptor, static_cast<char*>(buffer), count, kOwnPlace);
+    return completed(rawRead, descriptor, static_cast<char*>(buffer), count, kCurrentPosition);
 }
 
 int _write(int descriptor, const void* buffer, unsigned int count) noexcept {
-    return writeWhole(descriptor, buffer, count, kOwnPlace);
+    return writeWhole(descriptor, buffer, count, kCurrentPosition);
 }
 
 int readAt(int descriptor, void* buffer, unsigned int count, std::int64_t offset) noexcept {
@@ -322,10 +324,10 @@ int syncDirectoryOf(const char* name) noexcept try {
         return restarted([&] { return rawOpen(directory.c_str(), flags | O_CLOEXEC, S_IRUSR); });
     };
     int descriptor = opened(O_RDONLY | O_DIRECTORY);
-    const bool hidden = descriptor < 0 && errno == EACCES;
-    if (hidden && (descriptor = opened(O_WRONLY | O_TMPFILE)) < 0) errno = EACCES;
+    const bool unreadable = descriptor < 0 && errno == EACCES;
+    if (unreadable && (descriptor = opened(O_WRONLY | O_TMPFILE)) < 0) errno = EACCES;
     if (descriptor < 0) return -1;
-    if (syncedUnlessPointless(descriptor, hidden ? ::syncfs : ::fsync) != 0) return closedWith(descriptor, errno);
+    if (syncedUnlessPointless(descriptor, unreadable ? ::syncfs : ::fsync) != 0) return closedWith(descriptor, errno);
     rawClose(descriptor);
     return 0;
 } catch (...) {

@@ -14,8 +14,8 @@
 namespace platform {
 namespace {
 
-// Converts `status`, which a call with that result has filled in.
-bool found(int result, const struct stat& status, fileAccess& access) {
+// Converts `status`, which a call has filled in if its `result` is 0.
+bool converted(int result, const struct stat& status, fileAccess& access) {
     if (result != 0) return false;
     access = {static_cast<std::uint64_t>(status.st_dev),
               static_cast<std::uint64_t>(status.st_ino),
@@ -34,9 +34,9 @@ constexpr const char* kAccessList = "system.posix_acl_access";
 
 // Gives the file of `descriptor` the list of `like` if it has got the group too; else removes the one that it may have
 // from its directory. True if both files have the same list, or none, afterwards.
-bool hasListOf(const char* like, int descriptor, bool grouped) try {
+bool copyAccessList(const char* like, int descriptor, bool groupGiven) try {
     const ssize_t size = ::getxattr(like, kAccessList, nullptr, 0);
-    if (size > 0 && grouped) {
+    if (size > 0 && groupGiven) {
         std::string list(static_cast<std::size_t>(size), '\0');
         return ::getxattr(like, kAccessList, list.data(), list.size()) == size &&
                ::fsetxattr(descriptor, kAccessList, list.data(), list.size(), 0) == 0;
@@ -56,12 +56,12 @@ bool areSame(const fileAccess& one, const fileAccess& other) {
 
 bool accessOf(int descriptor, fileAccess& access) noexcept {
     struct stat status {};
-    return found(::fstat(descriptor, &status), status, access);
+    return converted(::fstat(descriptor, &status), status, access);
 }
 
 bool accessOf(const char* name, fileAccess& access) noexcept {
     struct stat status {};
-    return found(::stat(name, &status), status, access);
+    return converted(::stat(name, &status), status, access);
 }
 
 bool accessOfDirectory(const char* name, fileAccess& access) noexcept try {
@@ -82,10 +82,10 @@ std::uint32_t giveAccess(int descriptor, const char* like) noexcept {
     if (!accessOf(like, wanted)) return kOwners;
     [[maybe_unused]] const int owned =
         ::fchown(descriptor, callingUser() == 0 ? wanted.user : static_cast<uid_t>(-1), wanted.group);
-    const bool grouped = accessOf(descriptor, own) && own.group == wanted.group;
+    const bool groupGiven = accessOf(descriptor, own) && own.group == wanted.group;
     const std::uint32_t forAll = wanted.mode & (wanted.mode >> 3) & 07;
-    std::uint32_t mode = grouped ? wanted.mode : (wanted.mode & 0700) | forAll << 3 | forAll;
-    if (!hasListOf(like, descriptor, grouped)) mode &= 0700;
+    std::uint32_t mode = groupGiven ? wanted.mode : (wanted.mode & 0700) | forAll << 3 | forAll;
+    if (!copyAccessList(like, descriptor, groupGiven)) mode &= 0700;
     [[maybe_unused]] const int allowed = ::fchmod(descriptor, static_cast<mode_t>(kOwners | (mode & 0066)));
     return mode;
 }
@@ -118,7 +118,7 @@ int removeIfSame(const char* name, int descriptor) noexcept {
     fileAccess named{};
     struct stat status {};
     if (!accessOf(descriptor, own)) return -1;
-    if (!found(::lstat(name, &status), status, named)) return errno == ENOENT ? 0 : -1;
+    if (!converted(::lstat(name, &status), status, named)) return errno == ENOENT ? 0 : -1;
     if (!areSame(own, named)) return 0;
     return removeFile(name) == 0 || errno == ENOENT ? 0 : -1;
 }
