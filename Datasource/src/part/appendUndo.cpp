@@ -55,7 +55,7 @@ std::exception_ptr withOutcome(const std::exception_ptr& failure, const char* ou
     }
 }
 
-undoRecord keptOf(ORVA_File& file, const tailPlan& plan) {
+undoRecord recordOf(ORVA_File& file, const tailPlan& plan) {
     const auto& [row0Pos, indexPos, indexSize] = plan.heading;
     undoRecord kept{{.row0Pos = row0Pos,
                      .fileSize = lengthOf(file),
@@ -73,13 +73,13 @@ undoRecord keptOf(ORVA_File& file, const tailPlan& plan) {
 }  // namespace
 
 appendUndo::appendUndo(ORVA_File& file, const tailPlan& plan, bool safe)
-    : fFile(file), bSafe(safe), fKept(keptOf(file, plan)), fSide(file.GetNameStr().GetGeneric()) {
+    : fFile(file), bSafe(safe), fKept(recordOf(file, plan)), fSide(file.GetNameStr().GetGeneric()) {
     if (!safe) return;
     fSide.make(serialize(fKept));
     try {
         if (!plan.cutsRows) return;
-        constexpr std::int64_t blot = 0;
-        writeAll(file, &blot, sizeof blot, fKept.indexPos);
+        constexpr std::int64_t noMark = 0;
+        writeAll(file, &noMark, sizeof noMark, fKept.indexPos);
         file.Sync();
     } catch (...) {
         std::rethrow_exception(undo(std::current_exception()));
@@ -88,21 +88,21 @@ appendUndo::appendUndo(ORVA_File& file, const tailPlan& plan, bool safe)
 
 std::exception_ptr appendUndo::undo(const std::exception_ptr& failure) {
     const char* outcome = bSafe ? kRollBack : kRecover;
-    std::exception_ptr otherwise;
+    std::exception_ptr undoFailure;
     try {
-        putBack(outcome);
+        restore(outcome);
     } catch (...) {
-        otherwise = std::current_exception();
+        undoFailure = std::current_exception();
     }
-    for (const std::exception_ptr& first : {failure, otherwise}) {
-        if (std::exception_ptr told = withOutcome(first, outcome)) return told;
+    for (const std::exception_ptr& reported : {failure, undoFailure}) {
+        if (std::exception_ptr extended = withOutcome(reported, outcome)) return extended;
     }
-    return failure != nullptr ? failure : otherwise;
+    return failure != nullptr ? failure : undoFailure;
 }
 
 // The heading first: with it in place, a roll-back can finish what is interrupted here.
-void appendUndo::putBack(const char*& outcome) {
-    orva::putBack(fFile, fKept.heading, fKept.row0Pos);
+void appendUndo::restore(const char*& outcome) {
+    putBack(fFile, fKept.heading, fKept.row0Pos);
     if (bSafe) fFile.Sync();
     restoreTail(fFile, fKept, bSafe);
     if (bSafe) {

@@ -43,7 +43,7 @@ public:
     void commit();
 
 private:
-    void putBack(const char*& outcome);
+    void restore(const char*& outcome);
 
     ORVA_File& fFile;
     const bool bSafe;

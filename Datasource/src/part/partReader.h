@@ -27,7 +27,7 @@ public:
     partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const threadSettings& threads,
                std::uint32_t cachedBlocks);
 
-    // The logical position behind the rows.
+    // The logical position after the rows.
     std::int64_t end() const { return fIndex.dataEnd(fHeading._caseStartPos); }
     // Reads up to `size` rows from `pos` on, which advances by them, and returns their number: fewer if the rows end
     // there, or `pos` lies outside them. DamagedFileError if no block holds a position inside them.

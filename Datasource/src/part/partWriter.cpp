@@ -17,7 +17,7 @@
 
 namespace orva {
 
-// Nothing is written for the heading yet: the first block just goes behind its 24 bytes.
+// Nothing is written for the heading yet: the first block just goes after its 24 bytes.
 partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const threadSettings& threads, const choices& chosen,
                        const std::optional<resumePoint>& from)
     : fFile(file),

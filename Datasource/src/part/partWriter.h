@@ -49,7 +49,7 @@ public:
     // Abandons an unfinished part and ignores failures.
     ~partWriter();
 
-    // The logical position behind the rows.
+    // The logical position after the rows.
     std::int64_t end() const { return fpos + filled(); }
     void write(const unsigned char* rows, std::uint64_t size);
     // Writes the first `size` rows of `source`, which is not called any more when this returns or throws.

@@ -126,12 +126,12 @@ std::optional<undoRecord> parse(const fileBytes& sideFile) {
     const std::span<const unsigned char> rest(sideFile.data() + sizeof(sideFileHead), sideFile.data() + summed);
     const std::optional<partIndex> index = soundIndexOf(keptIndex(rest, tail.fileSize), tail.heading, tail.row0Pos);
     if (!index) return {};
-    const std::int64_t behindHeading = tail.row0Pos + kHeadingSize;
-    const filePosRecord last = index->records.empty() ? filePosRecord{0, behindHeading, 0, 0} : index->records.back();
+    const std::int64_t blocksBegin = tail.row0Pos + kHeadingSize;
+    const filePosRecord last = index->records.empty() ? filePosRecord{0, blocksBegin, 0, 0} : index->records.back();
     tail.indexPos = index->heading._indexPos;
-    const unsigned char* const behindIndex = rest.data() + index->heading._size;
-    tail.index.assign(rest.data(), behindIndex);
-    tail.block.assign(behindIndex, rest.data() + rest.size());
+    const unsigned char* const indexEnd = rest.data() + index->heading._size;
+    tail.index.assign(rest.data(), indexEnd);
+    tail.block.assign(indexEnd, rest.data() + rest.size());
     const std::int32_t kept = tail.block.empty() ? 0 : last.translateSize;
     const bool meets = tail.untouchedEnd == last.translatePos + last.translateSize - kept;
     return meets && std::ssize(tail.block) == kept ? std::optional(tail) : std::nullopt;

@@ -1,5 +1,5 @@
 // zcmpsFilestr: a stream over the compressed part of a file: blocks of 4,190,208 bytes of rows (or setBlockLength),
-// each a zlib stream, and an index behind them. Format: docs/format.md.
+// each a zlib stream, and an index after them. Format: docs/format.md.
 //
 // To write: write the dictionary part through an ORVA_FileStream, build this over that stream, setRow0Pos(S), Seek(S),
 //           Write, Close.

@@ -9,7 +9,7 @@ namespace orva {
 
 namespace {
 
-constexpr std::size_t kWitnesses = 4;  // records behind a gap that are asked at most
+constexpr std::size_t kWitnesses = 4;  // the most records after a gap that are asked
 
 struct gapSizes {
     using iterator = surveySegments::const_iterator;
@@ -26,7 +26,7 @@ struct gapSizes {
         std::int64_t byRecords = pos;
         for (const filePosRecord& record : records) byRecords += record.orginalSize;
         std::vector<std::int64_t> ends{byRecords};
-        askBehind(gap, ends);
+        askAfter(gap, ends);
         std::erase_if(ends, [&](std::int64_t end) { return end <= pos || end - pos > gap->most; });
         const auto sure = std::ranges::find_if(ends, [&](auto end) { return std::ranges::count(ends, end) > 1; });
         surveySegment lost = *gap;
@@ -50,9 +50,9 @@ struct gapSizes {
         return std::ranges::all_of(records, isBlockSize, &filePosRecord::orginalSize) ? records : records.first(0);
     }
 
-    // Asks the positions in the records behind the gap, less the rows found in between, and then the end of all rows.
+    // Asks the positions in the records after the gap, less the rows found in between, and then the end of all rows.
     // That end comes from the last record, so it is left out if that record was asked already.
-    void askBehind(iterator gap, std::vector<std::int64_t>& ends) const {
+    void askAfter(iterator gap, std::vector<std::int64_t>& ends) const {
         std::int64_t rows = 0;
         auto next = gap + 1;
         for (; next != segments.end() && ends.size() <= kWitnesses; rows += (next++)->size) {
@@ -66,7 +66,7 @@ struct gapSizes {
 
     const surveySegments& segments;
     const std::vector<filePosRecord>& index;
-    std::int64_t pos;  // logical position behind `sized`
+    std::int64_t pos;  // logical position after `sized`
     surveySegments sized{};
 };
 

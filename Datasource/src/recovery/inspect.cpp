@@ -33,20 +33,20 @@ std::optional<foundPart> findPart(const std::string& name, std::int64_t from,
     openOrThrow(file, name, "rb", kReadFailed);
     fileWindow window(file, [&](std::int64_t place, auto...) { moved(place); });
     std::optional<foundPart> best;
-    window.find(from, window.fileSize(), kHeadingSize,
-                [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
-                    std::int64_t own = 0;  // a look at this alone passes over nearly every place
-                    std::memcpy(&own, bytes, sizeof own);
-                    if (own != place && swapBytes(own) != place) return false;
-                    for (const bool swapped : {false, true}) {
-                        const std::optional<compressionHeading> heading = headingOf(bytes, place, swapped);
-                        if (!heading) continue;
-                        const bool certain = pointsToIndex(file, window.fileSize(), *heading, swapped);
-                        if (certain || !best) best = foundPart{place, swapped};
-                        if (certain) return true;
-                    }
-                    return false;
-                });
+    const auto isCertain = [&](std::int64_t place, const unsigned char* bytes, std::uint32_t) {
+        std::int64_t own = 0;  // a look at this alone passes over nearly every place
+        std::memcpy(&own, bytes, sizeof own);
+        if (own != place && swapBytes(own) != place) return false;
+        for (const bool swapped : {false, true}) {
+            const std::optional<compressionHeading> heading = headingOf(bytes, place, swapped);
+            if (!heading) continue;
+            const bool certain = pointsToIndex(file, window.fileSize(), *heading, swapped);
+            if (certain || !best) best = foundPart{place, swapped};
+            if (certain) return true;
+        }
+        return false;
+    };
+    window.find(from, window.fileSize(), kHeadingSize, isCertain);
     return best;
 }
 

@@ -87,7 +87,7 @@ private:
         return true;
     }
 
-    // A heading is written once blocks and index are durable, so its index stands right behind the last complete
+    // A heading is written once blocks and index are durable, so its index directly follows the last complete
     // stream.
     bool completeHeading(const undoRecord& kept) {
         std::int64_t end = kept.untouchedEnd;

@@ -12,7 +12,7 @@
 // R5 The stop request may come at any moment. The thread sees it at its next wait, posts without having read and ends:
 //    a request that waits for a block asked for before is a miss, which is served.
 // R6 A block is no hit if it was written over since it was asked for, nor if it ended with the file and bytes were
-//    written behind it since: noteWritten takes the caller's turn and forgets it.
+//    written after it since: noteWritten takes the caller's turn and forgets it.
 #pragma once
 
 #include <orva/ktthread.h>
