@@ -63,7 +63,7 @@ void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
     fWantedEnd = number + 1 + (sequential ? ahead : 0);
     fNext = std::max(sequential ? fNext : 0, number + 1);
     skipHeld();
-    if (fNext < std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) notifyThreads();
+    if (isMoreWanted()) notifyThreads();
 }
 
 std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to) {
@@ -123,36 +123,40 @@ std::int32_t PreIOThread_Multi_R_D::readLoopStep() {
     return bStop ? 1 : 0;
 }
 
+bool PreIOThread_Multi_R_D::isMoreWanted() const {
+    return fNext < std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount());
+}
+
 // A step of any thread, the caller's too. False if no block is wanted, or there is no slot for one.
 bool PreIOThread_Multi_R_D::makeNext(guard& lock, bool byCaller) {
-    if (fNext >= std::min<std::int64_t>(fWantedEnd, pPosInfo->parsedCount())) return false;
+    if (!isMoreWanted()) return false;
     slot* const block =
         find([this](const slot& s) { return s.is == state::empty || (s.is == state::ready && !isAhead(s.number)); });
     if (block == nullptr) return false;
     const std::int64_t number = block->number = fNext;
     block->is = state::busy;
     skipHeld();
-    const state made = fRun != nullptr ? state::empty : state::ready;
-    unsigned char* dest = fRun != nullptr ? placeInRun(number) : block->rows.get();
+    unsigned char* const inRun = fRun != nullptr ? placeInRun(number) : nullptr;
     lock.unlock();
-    bool good = true;
-    try {
-        if (dest == nullptr) {
-            block->rows = orva::rowRoom(pPosInfo->records());
-            dest = block->rows.get();
-        } else if (!byCaller) {
-            orva::evictFromCaches(dest, rowsOf(number));
-        }
-        makeBlock(number, block->compressed, dest, true);
-    } catch (...) {
-        good = false;
-    }
+    const bool good = makeAhead(*block, number, inRun, byCaller);
     lock.lock();
-    block->is = good ? made : state::empty;
+    block->is = good && inRun == nullptr ? state::ready : state::empty;
     // A block that was begun before the run may end during it, and is no part of it.
     if (!good && number >= fCurrent) fFailed = std::min(fFailed, number);
     notifyCaller();
     return true;
+}
+
+// Makes a block before its request, in the caller's memory for a run, else in the slot's own. False if that fails.
+bool PreIOThread_Multi_R_D::makeAhead(slot& block, std::int64_t number, unsigned char* inRun, bool byCaller) try {
+    const bool isFirst = inRun == nullptr && !block.rows;
+    if (isFirst) block.rows = orva::rowRoom(pPosInfo->records());
+    unsigned char* const dest = inRun != nullptr ? inRun : block.rows.get();
+    if (!isFirst && !byCaller) orva::evictFromCaches(dest, rowsOf(number));
+    makeBlock(number, block.compressed, dest, true);
+    return true;
+} catch (...) {
+    return false;
 }
 
 std::size_t PreIOThread_Multi_R_D::rowsOf(std::int64_t number) const {

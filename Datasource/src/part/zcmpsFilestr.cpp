@@ -23,7 +23,7 @@ constexpr std::int32_t kCannotReopen = 1201;
 }
 
 // From `writing` on bIsWriting is true, until readFilePosInfo.
-enum class life : std::uint8_t {
+enum class state : std::uint8_t {
     fresh,      // nothing was opened, or fFailure says why not
     reading,    // fReader reads, unless fFailure says why it no longer can
     writing,    // fWriter writes
@@ -37,17 +37,17 @@ enum class life : std::uint8_t {
 struct zcmpsFilestr::Data {
     explicit Data(ORVA_File& file) : pRealFile(file) {}
 
-    bool isClosed() const { return fLife == life::finished || fLife == life::abandoned; }
+    bool isClosed() const { return fState == state::finished || fState == state::abandoned; }
     void throwFailure() const {
         if (fFailure != nullptr) std::rethrow_exception(fFailure);
     }
-    void become(life now) {
-        fLife = now;
+    void become(state now) {
+        fState = now;
         fFailure = nullptr;
     }
     // In a handler: makes the caught exception the failure of the stream, and throws it.
-    [[noreturn]] void fail(life now) {
-        fLife = now;
+    [[noreturn]] void fail(state now) {
+        fState = now;
         fFailure = std::current_exception();
         fWriter.reset();
         std::rethrow_exception(fFailure);
@@ -78,7 +78,7 @@ struct zcmpsFilestr::Data {
     bool bDurable = false;
     bool bSafeAppend = false;
 
-    life fLife = life::fresh;
+    state fState = state::fresh;
     std::exception_ptr fFailure;
     std::int64_t fRow0Pos = 0;
     std::unique_ptr<orva::partReader> fReader;
@@ -92,7 +92,7 @@ zcmpsFilestr::zcmpsFilestr(const ORVA_FileStream& source) : ORVA_FileStream(sour
 // A failed writer has thrown its failure already.
 zcmpsFilestr::~zcmpsFilestr() noexcept(false) {
     try {
-        if (fData->fLife != life::failed) zcmpsFilestr::Close();
+        if (fData->fState != state::failed) zcmpsFilestr::Close();
     } catch (...) {
         if (mayThrowNow()) throw;
     }
@@ -187,7 +187,7 @@ void zcmpsFilestr::reopenForWriting(const char* expression, std::int32_t line) {
 template <class Make>
 void zcmpsFilestr::beginWriting(const char* expression, std::int32_t line, Make make) {
     refuseWithWorker();
-    if (fData->fLife == life::failed) fData->throwFailure();
+    if (fData->fState == state::failed) fData->throwFailure();
     try {
         fData->dropWriter();
         refuseEncrypted(kWriteFailed);
@@ -195,10 +195,10 @@ void zcmpsFilestr::beginWriting(const char* expression, std::int32_t line, Make 
         reopenForWriting(expression, line);
         fData->fWriter = make();
     } catch (...) {
-        fData->fail(bIsWriting ? life::failed : fData->fLife);
+        fData->fail(bIsWriting ? state::failed : fData->fState);
     }
     fData->fReader.reset();
-    fData->become(life::writing);
+    fData->become(state::writing);
     bIsWriting = true;
 }
 
@@ -234,17 +234,17 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
         refuseEncrypted(kReadFailed);
         d.fReader = std::make_unique<orva::partReader>(d.pRealFile, posofpos, swap, d.fThreadSettings, d.fCachedBlocks);
         d.fRow0Pos = posofpos;
-        if (d.fLife != life::failed) d.become(life::reading);
+        if (d.fState != state::failed) d.become(state::reading);
     } catch (...) {
         d.fReader.reset();
-        d.fail(d.fLife == life::failed ? life::failed : life::fresh);
+        d.fail(d.fState == state::failed ? state::failed : state::fresh);
     }
 }
 
 std::uint32_t zcmpsFilestr::Read(void* buffer, std::uint32_t size) {
     ORVA_ASSERT(!bIsWriting, "bIsWriting == false");
     if (size == 0) return 0;
-    if (fData->fLife != life::failed || fData->fReader == nullptr) fData->throwFailure();
+    if (fData->fState != state::failed || fData->fReader == nullptr) fData->throwFailure();
     ORVA_ASSERT(fData->fReader != nullptr, "pInfoBuffer != 0");
     return static_cast<std::uint32_t>(fData->fReader->read(fFilePos, static_cast<unsigned char*>(buffer), size));
 }
@@ -262,7 +262,7 @@ std::uint32_t zcmpsFilestr::Write(const void* buffer, std::uint32_t size) {
         fData->fWriter->write(static_cast<const unsigned char*>(buffer), size);
     } catch (...) {
         fFilePos = fData->fWriter->end();
-        fData->fail(life::failed);
+        fData->fail(state::failed);
     }
     fFilePos += size;
     return size;
@@ -276,7 +276,7 @@ std::int32_t zcmpsFilestr::Flush() const {
     try {
         fData->fWriter->flush();
     } catch (...) {
-        fData->fail(life::failed);
+        fData->fail(state::failed);
     }
     return 1;
 }
@@ -285,12 +285,12 @@ std::int32_t zcmpsFilestr::Close() {
     if (!inOwnProcess()) return 0;
     fData->endReading();
     if (!bIsWriting) return 1;
-    if (fData->fLife == life::writing) finish();
-    if (fData->fLife == life::failed) {
-        fData->fLife = life::abandoned;
+    if (fData->fState == state::writing) finish();
+    if (fData->fState == state::failed) {
+        fData->fState = state::abandoned;
         fData->throwFailure();
     }
-    return fData->fLife == life::finished ? 1 : 0;
+    return fData->fState == state::finished ? 1 : 0;
 }
 
 void zcmpsFilestr::finish() {
@@ -299,10 +299,10 @@ void zcmpsFilestr::finish() {
         fData->fWriter->finish(fData->bDurable);
         reopenForReading();
         fData->fWriter.reset();
-        fData->become(life::finished);
+        fData->become(state::finished);
     } catch (...) {
         const bool isFinished = fData->fWriter != nullptr && fData->fWriter->isFinished();
-        fData->fail(isFinished ? life::finished : life::abandoned);
+        fData->fail(isFinished ? state::finished : state::abandoned);
     }
 }
 
@@ -316,6 +316,6 @@ void zcmpsFilestr::reopenForReading() {
 void zcmpsFilestr::abandon() {
     if (!inOwnProcess() || fData->isClosed()) return;
     fData->endReading();
-    if (bIsWriting) fData->fLife = life::abandoned;
+    if (bIsWriting) fData->fState = state::abandoned;
     fData->dropWriter();
 }

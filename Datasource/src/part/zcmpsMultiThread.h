@@ -125,7 +125,9 @@ private:
     slot* find(Test test);
     slot* holding(std::int64_t number);
     void skipHeld();
+    bool isMoreWanted() const;
     bool makeNext(guard& lock, bool byCaller);
+    bool makeAhead(slot& block, std::int64_t number, unsigned char* inRun, bool byCaller);
     // The bytes of its rows; 0 for a size that cannot be true, so that no memory is touched for it.
     std::size_t rowsOf(std::int64_t number) const;
     void makeBlock(std::int64_t number, orva::blockBuffer& compressed, unsigned char* dest, bool ahead);
