@@ -31,8 +31,8 @@ void addRecord(filePosInfo& index, std::int64_t pos, std::int64_t place, std::ui
     const filePosRecord& r = block.record;
     throw DamagedFileError(context.file.name(), check,
                            "block " + std::to_string(block.number) + " (logical positions " +
-                               std::to_string(r.orginalPos) + " to " + std::to_string(r.orginalPos + r.orginalSize) +
-                               ", file offset " + std::to_string(r.translatePos) + ") " + what,
+                               std::to_string(r.orginalPos) + " to " + std::to_string(rowsEnd(r)) + ", file offset " +
+                               std::to_string(r.translatePos) + ") " + what,
                            {block.number, r.translatePos});
 }
 
@@ -56,17 +56,17 @@ struct allBlocks {
     int mismatchedEnds(std::int64_t number, const filePosRecord& r) const {
         const std::optional<filePosRecord> before = credible(number - 1);
         const std::optional<filePosRecord> next = credible(number + 1);
-        const bool mismatchedBegin = before ? r.translatePos != before->translatePos + before->translateSize
+        const bool mismatchedBegin = before ? r.translatePos != storedEnd(*before)
                                             : number == 0 && r.translatePos - kHeadingSize != r.orginalPos;
-        return (mismatchedBegin ? 1 : 0) + (next && r.translatePos + r.translateSize != next->translatePos ? 1 : 0);
+        const bool mismatchedEnd = next && next->translatePos != storedEnd(r);
+        return (mismatchedBegin ? 1 : 0) + (mismatchedEnd ? 1 : 0);
     }
     // Of two records with bytes in common one is wrong: the one that fits its neighbours less well, else the one that
     // begins first, since its end passes the other's beginning.
     bool overlaps(std::int64_t number, std::int64_t other) const {
         const std::optional<filePosRecord> a = credible(number);
         const std::optional<filePosRecord> b = credible(other);
-        if (!a || !b || a->translatePos >= b->translatePos + b->translateSize) return false;
-        if (b->translatePos >= a->translatePos + a->translateSize) return false;
+        if (!a || !b || a->translatePos >= storedEnd(*b) || b->translatePos >= storedEnd(*a)) return false;
         const int more = mismatchedEnds(number, *a) - mismatchedEnds(other, *b);
         return more > 0 || (more == 0 && a->translatePos <= b->translatePos);
     }
@@ -88,7 +88,7 @@ void checkRecord(const readContext& context, const blockPlace& block) {
     if (!liesInside(r, block.fileEnd)) {
         refuse(context, block, "translatePos inside the file", "lies outside the file");
     }
-    if (block.nextStart && *block.nextStart != r.orginalPos + r.orginalSize) {
+    if (block.nextStart && *block.nextStart != rowsEnd(r)) {
         refuse(context, block, "orginalPos + orginalSize == next orginalPos",
                "does not end where the next one begins, at " + std::to_string(*block.nextStart));
     }

@@ -16,7 +16,7 @@ namespace {
 // A record of a damaged index may reach past the start of the next; the next block is still found by its position.
 bool holds(const filePosRecord* records, std::int64_t number, std::int64_t last, std::int64_t pos) {
     const filePosRecord& record = records[number];
-    return record.orginalPos <= pos && pos < record.orginalPos + record.orginalSize &&
+    return record.orginalPos <= pos && pos < orva::rowsEnd(record) &&
            (number == last || pos < records[number + 1].orginalPos);
 }
 
@@ -75,7 +75,7 @@ void filePosInfo::addRecord(std::int64_t orginalPos, std::int64_t translatePos, 
 }
 
 std::int64_t filePosInfo::writtenEnd(std::int64_t otherwise) const {
-    return fRecords.empty() ? otherwise : fRecords.back().translatePos + fRecords.back().translateSize;
+    return fRecords.empty() ? otherwise : orva::storedEnd(fRecords.back());
 }
 
 const unsigned char* filePosInfo::serialize(std::uint32_t& stLength, bool swap) {
@@ -119,7 +119,7 @@ filePosRecord filePosInfo::parseForAppend(unsigned char* buff, bool swap) {
 }
 
 std::int64_t filePosInfo::dataEnd(std::int64_t otherwise) const {
-    return fParsed.empty() ? otherwise : fParsed.back().orginalPos + fParsed.back().orginalSize;
+    return fParsed.empty() ? otherwise : orva::rowsEnd(fParsed.back());
 }
 
 std::uint32_t filePosInfo::foundAt(std::int64_t number, std::int64_t nextGuess) const {

@@ -25,6 +25,14 @@ namespace orva {
 inline constexpr std::int64_t kMostRecords = 178'956'969;
 static_assert((kMostRecords + 1) * kRecordSize <= UINT32_MAX && (kMostRecords + 2) * kRecordSize > UINT32_MAX);
 
+// The logical position after the rows of a block, and the file offset after its compressed bytes.
+constexpr std::int64_t rowsEnd(const filePosRecord& block) {
+    return block.orginalPos + block.orginalSize;
+}
+constexpr std::int64_t storedEnd(const filePosRecord& block) {
+    return block.translatePos + block.translateSize;
+}
+
 // Throw DamagedFileError with the file's name unless the record can be true by itself: the first record of an index, or
 // block record `number`, which must ascend from the one before.
 void checkFirstRecord(const filePosRecord& first, const std::string& fileName);

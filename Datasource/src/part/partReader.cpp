@@ -92,8 +92,8 @@ std::uint64_t partReader::loadSeveral(std::uint32_t first, unsigned char* to, st
     if (count < 2) return 0;
     const std::uint32_t came = fSource->loadSeveral(first, count, to);
     if (came == 0) return 0;
-    const filePosRecord& lastOne = records[came - 1];
-    return static_cast<std::uint64_t>(lastOne.orginalPos + lastOne.orginalSize - records.front().orginalPos);
+    const filePosRecord& last = records[came - 1];
+    return static_cast<std::uint64_t>(rowsEnd(last) - records.front().orginalPos);
 }
 
 // The block to load for `pos`: none if the current one has it, or if it lies outside the rows.

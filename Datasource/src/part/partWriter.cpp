@@ -227,13 +227,13 @@ tailPlan partWriter::resume(const resumePoint& from) {
         requireEnd(fRow0Pos, from, false);
     } else if (last.orginalSize >= static_cast<std::int64_t>(fChosen.blockLength)) {
         fIndex.addRecord(last.orginalPos, last.translatePos, last.orginalSize, last.translateSize);
-        fpos = last.orginalPos + last.orginalSize;
+        fpos = rowsEnd(last);
         requireEnd(fpos, from, true);
     } else {
         ORVA_ASSERT(from.filePos == from.endpos, "fFilePos == endpos");
         resumeInBlock(last, static_cast<std::uint32_t>(records.size() - 1), from);
         plan.rewrittenBlock = static_cast<std::uint32_t>(last.translateSize);
-        plan.cutsRows = from.endpos < last.orginalPos + last.orginalSize;
+        plan.cutsRows = from.endpos < rowsEnd(last);
     }
     plan.untouchedEnd = nextPlace().place;
     return plan;
@@ -241,7 +241,7 @@ tailPlan partWriter::resume(const resumePoint& from) {
 
 // Takes the rows of a short last block back into memory, up to the caller's endpos.
 void partWriter::resumeInBlock(const filePosRecord& last, std::uint32_t number, const resumePoint& from) {
-    const std::int64_t end = last.orginalPos + last.orginalSize;
+    const std::int64_t end = rowsEnd(last);
     zlibCompressBlock codec;
     const blockBuffer compressed(static_cast<std::size_t>(last.translateSize));
     fRows = {fChosen.blockLength, static_cast<std::size_t>(last.orginalSize)};
@@ -251,7 +251,7 @@ void partWriter::resumeInBlock(const filePosRecord& last, std::uint32_t number, 
     fBuffer = fRows.get();
     fpos = last.orginalPos;
     availBuffSize = fChosen.blockLength - static_cast<std::uint32_t>(from.endpos - fpos);
-    fReadEnd = last.translatePos + last.translateSize;
+    fReadEnd = storedEnd(last);
 }
 
 // Another process may have written since the caller read the index. The caller then means other rows, which are neither

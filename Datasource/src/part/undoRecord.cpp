@@ -133,7 +133,7 @@ std::optional<undoRecord> parse(const fileBytes& sideFile) {
     tail.index.assign(rest.data(), indexEnd);
     tail.block.assign(indexEnd, rest.data() + rest.size());
     const std::int32_t kept = tail.block.empty() ? 0 : last.translateSize;
-    const bool meets = tail.untouchedEnd == last.translatePos + last.translateSize - kept;
+    const bool meets = tail.untouchedEnd == storedEnd(last) - kept;
     return meets && std::ssize(tail.block) == kept ? std::optional(tail) : std::nullopt;
 }
 

@@ -61,7 +61,7 @@ struct gapSizes {
         }
         const bool asked = gap + 1 != segments.end() && segments.back().number == index.size() - 1;
         if (next != segments.end() || index.empty() || asked) return;
-        ends.push_back(index.back().orginalPos + index.back().orginalSize - rows);
+        ends.push_back(rowsEnd(index.back()) - rows);
     }
 
     const surveySegments& segments;

@@ -85,7 +85,7 @@ const filePosRecord& finishedPart::block(std::uint32_t number) const {
 std::int64_t finishedPart::dataSize() const {
     if (blockCount() == 0) return 0;
     const filePosRecord& last = fContent->records.back();
-    return last.orginalPos + last.orginalSize - fContent->heading._caseStartPos;
+    return rowsEnd(last) - fContent->heading._caseStartPos;
 }
 
 void finishedPart::verifyIndex() {

@@ -72,8 +72,7 @@ private:
     bool tailInflates(const partIndex& index, std::int64_t from) {
         return std::ranges::all_of(index.records, [&](const filePosRecord& r) {
             const auto length = static_cast<std::uint32_t>(r.translateSize);
-            return r.translatePos + r.translateSize < from ||
-                   fStreams.rowsAt(r.translatePos, length, r.orginalSize) != nullptr;
+            return storedEnd(r) < from || fStreams.rowsAt(r.translatePos, length, r.orginalSize) != nullptr;
         });
     }
 
