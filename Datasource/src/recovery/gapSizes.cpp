@@ -25,19 +25,30 @@ struct gapSizes {
         const std::span<const filePosRecord> records = recordsOf(gap);
         std::int64_t byRecords = pos;
         for (const filePosRecord& record : records) byRecords += record.orginalSize;
-        std::vector<std::int64_t> ends{byRecords};
-        askAfter(gap, ends);
-        std::erase_if(ends, [&](std::int64_t end) { return end <= pos || end - pos > gap->most; });
-        const auto sure = std::ranges::find_if(ends, [&](auto end) { return std::ranges::count(ends, end) > 1; });
+        const std::vector<std::int64_t> ends = possibleEnds(gap, byRecords);
+        const auto agreed = std::ranges::find_if(ends, [&](auto end) { return std::ranges::count(ends, end) > 1; });
+        const bool exact = agreed != ends.end();
+        if (exact && *agreed == byRecords) return takeLostBlocks(*gap, records);
         surveySegment lost = *gap;
-        lost.estimated = sure == ends.end();
-        if (!ends.empty()) lost.size = (lost.estimated ? ends.front() : *sure) - pos;
-        if (lost.estimated || *sure != byRecords) return take(lost);
+        lost.estimated = !exact;
+        if (!ends.empty()) lost.size = (exact ? *agreed : ends.front()) - pos;
+        take(lost);
+    }
+
+    void takeLostBlocks(surveySegment lost, std::span<const filePosRecord> records) {
+        lost.estimated = false;
         for (const filePosRecord& record : records) {
             if (&record != &records.front()) lost.place = record.translatePos;
             lost.size = record.orginalSize;
             take(lost);
         }
+    }
+
+    std::vector<std::int64_t> possibleEnds(iterator gap, std::int64_t byRecords) const {
+        std::vector<std::int64_t> ends{byRecords};
+        askAfter(gap, ends);
+        std::erase_if(ends, [&](std::int64_t end) { return end <= pos || end - pos > gap->most; });
+        return ends;
     }
 
     // The records of the lost blocks; none if they are unknown or one is impossible.

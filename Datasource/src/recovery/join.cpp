@@ -72,19 +72,19 @@ private:
         std::int64_t stored = 0;
         for (std::uint32_t i = 0; i < part.blockCount(); ++i) {
             const filePosRecord& record = part.block(i);
-            fIndex.addRecord(fReport.part.row0Pos + fReport.rows, place() + stored, record.orginalSize,
+            fIndex.addRecord(fReport.part.row0Pos + fReport.rows, blocksEnd() + stored, record.orginalSize,
                              record.translateSize);
             fReport.rows += record.orginalSize;
             stored += record.translateSize;
         }
-        copy(part.file(), from, stored, place());
+        copy(part.file(), from, stored, blocksEnd());
         refuseIfChanged(input, part);
         fReport.blocks += part.blockCount();
         fReport.ends.push_back(fReport.blocks);
         fReport.stored += stored;
     }
 
-    std::int64_t place() const { return fReport.part.row0Pos + kHeadingSize + fReport.stored; }
+    std::int64_t blocksEnd() const { return fReport.part.row0Pos + kHeadingSize + fReport.stored; }
 
     void copy(ORVA_File& from, std::int64_t at, std::int64_t size, std::int64_t place) {
         while (size > 0) {
@@ -113,9 +113,9 @@ private:
     void finish() {
         std::uint32_t size = 0;
         const unsigned char* index = fIndex.serialize(size, fReport.part.swapped);
-        compressionHeading heading{fReport.part.row0Pos, place(), size};
+        compressionHeading heading{fReport.part.row0Pos, blocksEnd(), size};
         if (fReport.part.swapped) swapHeading(heading);
-        writeAll(fOutput, index, size, place());
+        writeAll(fOutput, index, size, blocksEnd());
         writeAll(fOutput, &heading, sizeof heading, fReport.part.row0Pos);
         fOutput.Close();
     }

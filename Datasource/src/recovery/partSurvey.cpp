@@ -47,8 +47,9 @@ bool couldBeginStream(const unsigned char* bytes) {
     return bytes[0] == 0x78 && (bytes[0] * 256 + bytes[1]) % 31 == 0 && (bytes[1] & 0x20) == 0;
 }
 
-// How much work may still be in vain, in bytes through the codec, before the file counts as made to be searched for
-// ever. Bytes searched and blocks found allow more, so that a long file with much damage is searched to its end.
+// The work that failed trials may still take, in bytes through the codec. Once it is used up, the file counts as made
+// to be searched for ever. Bytes searched and blocks found allow more, so that a long file with much damage is searched
+// to its end.
 class workBudget {
 public:
     void spend(std::int64_t work) { fLeft -= work; }
@@ -149,13 +150,8 @@ private:
         gap.number = fRecorded.numberOf(gap);
         if (gap.number) fRecorded.expectAfter(*gap.number, fPlace);
         const std::int64_t end = fReport.hadIndex ? fBlocksEnd : fWindow.fileSize();
-        const std::optional<surveySegment> recorded = recordedBlock();
-        std::optional<std::int64_t> next;
-        if (recorded) next = recorded->place;
         fSkipped = 0;
-        if (!gap.number || !noBlockBetween(*gap.number, recorded)) {
-            if (const auto found = nextStream(fPlace + 1, next.value_or(end))) next = found;
-        }
+        const std::optional<std::int64_t> next = placeAfterGap(gap.number, end);
         const bool givenUp = !next && fSearchBudget.exhausted();
         if (!next && !fReport.hadIndex && !givenUp) return false;
         gap.estimated = true;
@@ -164,6 +160,16 @@ private:
         fSegments.push_back(gap);
         fPlace = next.value_or(end);
         return next.has_value();
+    }
+
+    // Where the next complete stream begins: at a recorded place, or at one before it that a search finds. Searches
+    // only if the records leave room for a block there. `lost`: the number of the block that should be here.
+    std::optional<std::int64_t> placeAfterGap(std::optional<std::size_t> lost, std::int64_t end) {
+        const std::optional<surveySegment> recorded = recordedBlock();
+        const auto place = recorded ? std::optional(recorded->place) : std::nullopt;
+        if (lost && noBlockBetween(*lost, recorded)) return place;
+        const std::optional<std::int64_t> found = nextStream(fPlace + 1, place.value_or(end));
+        return found ? found : place;
     }
 
     // The first complete stream after fPlace at a recorded place. Tries each place once. The bytes passed on the way
@@ -251,12 +257,18 @@ private:
     // that the heading counts. The rest of that number goes after the last block found, if the file is cut before the
     // index or has no gap, and otherwise into the first gap.
     void guessSizes() {
-        std::int64_t full = 1, stored = 0, found = 0;
+        std::int64_t full = 1;
+        std::int64_t stored = 0;
+        std::int64_t found = 0;
         for (const surveySegment& block : fSegments) {
-            if (!block.isLost()) full = std::max(full, block.size), stored += block.length, ++found;
+            if (block.isLost()) continue;
+            full = std::max(full, block.size);
+            stored += block.length;
+            ++found;
         }
         if (found == 0) return;
-        const std::int64_t average = stored / found, segments = std::ssize(fSegments);
+        const std::int64_t average = stored / found;
+        const std::int64_t segments = std::ssize(fSegments);
         const bool hasGap = found != segments;
         std::optional<std::int64_t> count = fCount;
         if (fReport.hadIndex) count = hasGap ? segments : std::ssize(records());  // withSizes sizes gaps by the index
