@@ -244,7 +244,8 @@ void zcmpsFilestr::readFilePosInfo(std::int64_t posofpos, bool swap) {
 std::uint32_t zcmpsFilestr::Read(void* buffer, std::uint32_t size) {
     ORVA_ASSERT(!bIsWriting, "bIsWriting == false");
     if (size == 0) return 0;
-    if (fData->fState != state::failed || fData->fReader == nullptr) fData->throwFailure();
+    const bool readsAfterFailedWriter = fData->fState == state::failed && fData->fReader != nullptr;
+    if (!readsAfterFailedWriter) fData->throwFailure();
     ORVA_ASSERT(fData->fReader != nullptr, "pInfoBuffer != 0");
     return static_cast<std::uint32_t>(fData->fReader->read(fFilePos, static_cast<unsigned char*>(buffer), size));
 }
