@@ -55,7 +55,7 @@ std::exception_ptr withOutcome(const std::exception_ptr& failure, const char* ou
     }
 }
 
-undoRecord recordOf(ORVA_File& file, const tailPlan& plan) {
+undoRecord recordOf(ORVA_File& file, const appendPlan& plan) {
     const auto& [row0Pos, indexPos, indexSize] = plan.heading;
     undoRecord kept{{.row0Pos = row0Pos,
                      .fileSize = lengthOf(file),
@@ -72,7 +72,7 @@ undoRecord recordOf(ORVA_File& file, const tailPlan& plan) {
 
 }  // namespace
 
-appendUndo::appendUndo(ORVA_File& file, const tailPlan& plan, bool safe)
+appendUndo::appendUndo(ORVA_File& file, const appendPlan& plan, bool safe)
     : fFile(file), bSafe(safe), fKept(recordOf(file, plan)), fSide(file.GetNameStr().GetGeneric()) {
     if (!safe) return;
     fSide.make(serialize(fKept));

@@ -20,7 +20,7 @@
 namespace orva {
 
 // How an append is going to change a finished part.
-struct tailPlan {
+struct appendPlan {
     std::int64_t untouchedEnd;     // where the first new block goes
     std::uint32_t rewrittenBlock;  // length of the old last block there, which is rewritten; 0 if none is
     compressionHeading heading;    // the old one, in host order
@@ -31,7 +31,7 @@ class appendUndo {
 public:
     // Reads what will be overwritten. `safe`: then makes the side file durable and, if the append cuts rows, erases the
     // mark of the old index, so that it never vouches for a rewritten block; a failure undoes both before it is thrown.
-    appendUndo(ORVA_File& file, const tailPlan& plan, bool safe);
+    appendUndo(ORVA_File& file, const appendPlan& plan, bool safe);
     appendUndo(const appendUndo&) = delete;
     appendUndo& operator=(const appendUndo&) = delete;
 

@@ -17,10 +17,10 @@ namespace {
 
 class inlineSink final : public blockSink {
 public:
-    // `breach`: a setting asks for a thread that a sink does not have.
-    inlineSink(const sinkPlace& at, bool breach) : fAt(at), bBreach(breach) {}
+    // `lacksThread`: a setting asks for a thread that a sink does not have.
+    inlineSink(const sinkPlace& at, bool lacksThread) : fAt(at), bLacksThread(lacksThread) {}
     void put(const unsigned char* rows, std::uint32_t size) override {
-        ORVA_ASSERT(!bBreach, "fpIOThread != 0");
+        ORVA_ASSERT(!bLacksThread, "fpIOThread != 0");
         if (!fDeflated) fDeflated = {deflateRoom(fAt.chosen.blockLength), deflateRoom(size)};
         fAt.place = writeBlock({fAt.file, fAt.index, fCompressor, fDeflated.get(), fAt.chosen.level}, rows, size,
                                fAt.pos, fAt.place);
@@ -29,7 +29,7 @@ public:
 
 private:
     sinkPlace fAt;
-    const bool bBreach;
+    const bool bLacksThread;
     zlibCompressBlock fCompressor;
     blockBuffer fDeflated;
 };
@@ -78,18 +78,18 @@ public:
     cachedSource(std::unique_ptr<blockSource> source, const filePosInfo& index, std::uint32_t blocks)
         : blockSource(&index), fSource(std::move(source)), fBlocks(std::min(blocks, index.parsedCount())) {}
     const unsigned char* lend(std::uint32_t number) override {
-        if (!comesFirst(number)) {
+        if (!moveToFront(number)) {
             entry& last = fBlocks.back();
             last.number = -1;
             if (!last.rows) last.rows = rowRoom(pPosInfo->records());
             fSource->load(number, last.rows.get());
             last.number = number;
-            comesFirst(number);
+            moveToFront(number);
         }
         return fBlocks.front().rows.get();
     }
     void load(std::uint32_t number, unsigned char* to) override {
-        if (!comesFirst(number)) return fSource->load(number, to);
+        if (!moveToFront(number)) return fSource->load(number, to);
         std::memcpy(to, fBlocks.front().rows.get(), static_cast<std::size_t>(pPosInfo->parsed(number).orginalSize));
     }
     bool hasThreads() const override { return fSource->hasThreads(); }
@@ -100,7 +100,7 @@ private:
         std::int64_t number = -1;
     };
     // Moves a block that is kept to the front; false if it is not kept.
-    bool comesFirst(std::uint32_t number) {
+    bool moveToFront(std::uint32_t number) {
         const auto held = std::ranges::find(fBlocks, std::int64_t{number}, &entry::number);
         if (held == fBlocks.end()) return false;
         std::rotate(fBlocks.begin(), held, held + 1);

@@ -79,9 +79,9 @@ void heldSideFile::fill(const fileBytes& bytes) {
 
 bool heldSideFile::open() {
     fDescriptor = platform::openShared(fName.c_str(), platform::_O_RDONLY | platform::_O_NOFOLLOW, 0, 0);
-    platform::fileAccess own{};
-    if (fDescriptor != -1 && platform::accessOf(fDescriptor, own)) {
-        if (!own.regular) refuseForeign();
+    platform::fileAccess side{};
+    if (fDescriptor != -1 && platform::accessOf(fDescriptor, side)) {
+        if (!side.regular) refuseForeign();
         return true;
     }
     const int error = errno;
@@ -91,14 +91,14 @@ bool heldSideFile::open() {
 }
 
 bool heldSideFile::isTrusted() const {
-    platform::fileAccess own{};
+    platform::fileAccess side{};
     platform::fileAccess data{};
     platform::fileAccess directory{};
-    if (!platform::accessOf(fDescriptor, own) || !platform::accessOf(fDataName.c_str(), data) ||
+    if (!platform::accessOf(fDescriptor, side) || !platform::accessOf(fDataName.c_str(), data) ||
         !platform::accessOfDirectory(fName.c_str(), directory)) {
         throwFileError(errno, kReadFailed, fName);
     }
-    return canBeTrusted(own, data, directory, platform::callingUser());
+    return canBeTrusted(side, data, directory, platform::callingUser());
 }
 
 void heldSideFile::requireTrusted() const {

@@ -27,7 +27,7 @@ partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const threadSettin
       fpos(row0Pos),
       availBuffSize(chosen.blockLength),
       bNewPart(!from) {
-    const tailPlan plan = from ? resume(*from) : tailPlan{};
+    const appendPlan plan = from ? resume(*from) : appendPlan{};
     fSink = makeSink(nextPlace(), threads);
     if (from) fUndo = std::make_unique<appendUndo>(fFile, plan, from->safe);
 }
@@ -212,7 +212,7 @@ compressionHeading partWriter::writeIndex() {
 }
 
 // Reads heading and index again, decides where the new rows go, and returns what they will overwrite.
-tailPlan partWriter::resume(const resumePoint& from) {
+appendPlan partWriter::resume(const resumePoint& from) {
     refuseSideFile(fFile.GetNameStr().GetGeneric());
     const compressionHeading heading =
         readHeading(fFile, fRow0Pos, from.swap, "pos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
@@ -221,7 +221,7 @@ tailPlan partWriter::resume(const resumePoint& from) {
     const std::span<const filePosRecord> records = std::span(index).subspan(1);
     checkContiguous(fFile, heading, records);
 
-    tailPlan plan{0, 0, heading, false};
+    appendPlan plan{0, 0, heading, false};
     fReadEnd = heading._indexPos + heading._size;
     if (records.empty()) {
         requireEnd(fRow0Pos, from, false);

@@ -90,7 +90,7 @@ private:
     void removeOldSideFile();
     void commit(bool durable, bool staysOpen);
     compressionHeading writeIndex();
-    tailPlan resume(const resumePoint& from);
+    appendPlan resume(const resumePoint& from);
     void resumeInBlock(const filePosRecord& last, std::uint32_t number, const resumePoint& from);
     void requireEnd(std::int64_t end, const resumePoint& from, bool onlyThere) const;
 

@@ -62,6 +62,22 @@ void append(fileBytes& bytes, const void* from, std::size_t size) {
     bytes.insert(bytes.end(), begin, begin + size);
 }
 
+// Reads the head, in either byte order, and returns what is between it and the checksum of all: the index and the
+// block. Nothing if the mark or the checksum is wrong.
+std::optional<std::span<const unsigned char>> checkedContent(const fileBytes& sideFile, sideFileHead& head) {
+    std::int64_t sum = 0;
+    if (sideFile.size() < sizeof head + sizeof sum) return {};
+    const std::size_t summed = sideFile.size() - sizeof sum;
+    std::memcpy(&head, sideFile.data(), sizeof head);
+    std::memcpy(&sum, sideFile.data() + summed, sizeof sum);
+    if (head.mark == swapBytes(kSideFileMark)) {
+        for (auto* number : {&head.mark, &head.row0Pos, &head.fileSize, &head.untouchedEnd, &head.untouchedSum, &sum})
+            *number = swapBytes(*number);
+    }
+    if (head.mark != kSideFileMark || sum != checksum(sideFile.data(), summed)) return {};
+    return std::span(sideFile).first(summed).subspan(sizeof head);
+}
+
 }  // namespace
 
 fileBytes bytesAt(const bytesFrom& file, std::int64_t place, std::int64_t size) {
@@ -84,19 +100,19 @@ void putBack(ORVA_File& file, std::span<const unsigned char> kept, std::int64_t 
     if (!areInFile(file, kept, place)) throw;
 }
 
-void restoreTail(ORVA_File& file, const undoRecord& tail, bool durable) {
-    if (lengthOf(file) > tail.fileSize) file.Truncate(tail.fileSize);
-    putBack(file, tail.block, tail.untouchedEnd);
+void restoreTail(ORVA_File& file, const undoRecord& undo, bool durable) {
+    if (lengthOf(file) > undo.fileSize) file.Truncate(undo.fileSize);
+    putBack(file, undo.block, undo.untouchedEnd);
     if (durable) file.Sync();
-    putBack(file, tail.index, tail.indexPos);
+    putBack(file, undo.index, undo.indexPos);
     if (durable) file.Sync();
 }
 
-fileBytes serialize(const undoRecord& tail) {
+fileBytes serialize(const undoRecord& undo) {
     fileBytes bytes;
-    append(bytes, static_cast<const sideFileHead*>(&tail), sizeof(sideFileHead));
-    append(bytes, tail.index.data(), tail.index.size());
-    append(bytes, tail.block.data(), tail.block.size());
+    append(bytes, static_cast<const sideFileHead*>(&undo), sizeof(sideFileHead));
+    append(bytes, undo.index.data(), undo.index.size());
+    append(bytes, undo.block.data(), undo.block.size());
     const std::int64_t sum = checksum(bytes.data(), bytes.size());
     append(bytes, &sum, sizeof sum);
     return bytes;
@@ -110,31 +126,20 @@ bool isForeign(const fileBytes& sideFile) {
     return !sideFile.empty() && !begins(kSideFileMark) && !begins(swapBytes(kSideFileMark)) && !begins(0);
 }
 
-// After the head come the index, the block, and a checksum of all before it.
 std::optional<undoRecord> parse(const fileBytes& sideFile) {
-    undoRecord tail;
-    std::int64_t sum = 0;
-    if (sideFile.size() < sizeof(sideFileHead) + sizeof sum) return {};
-    const std::size_t summed = sideFile.size() - sizeof sum;
-    std::memcpy(static_cast<sideFileHead*>(&tail), sideFile.data(), sizeof(sideFileHead));
-    std::memcpy(&sum, sideFile.data() + summed, sizeof sum);
-    if (tail.mark == swapBytes(kSideFileMark)) {
-        for (auto* number : {&tail.mark, &tail.row0Pos, &tail.fileSize, &tail.untouchedEnd, &tail.untouchedSum, &sum})
-            *number = swapBytes(*number);
-    }
-    if (tail.mark != kSideFileMark || sum != checksum(sideFile.data(), summed)) return {};
-    const std::span<const unsigned char> rest(sideFile.data() + sizeof(sideFileHead), sideFile.data() + summed);
-    const std::optional<partIndex> index = soundIndexOf(keptIndex(rest, tail.fileSize), tail.heading, tail.row0Pos);
+    undoRecord undo;
+    const auto kept = checkedContent(sideFile, undo);
+    if (!kept) return {};
+    const std::optional<partIndex> index = soundIndexOf(keptIndex(*kept, undo.fileSize), undo.heading, undo.row0Pos);
     if (!index) return {};
-    const std::int64_t blocksBegin = tail.row0Pos + kHeadingSize;
+    const std::span block = kept->subspan(static_cast<std::size_t>(index->heading._size));
+    undo.indexPos = index->heading._indexPos;
+    undo.index.assign(kept->begin(), block.begin());
+    undo.block.assign(block.begin(), block.end());
+    const std::int64_t blocksBegin = undo.row0Pos + kHeadingSize;
     const filePosRecord last = index->records.empty() ? filePosRecord{0, blocksBegin, 0, 0} : index->records.back();
-    tail.indexPos = index->heading._indexPos;
-    const unsigned char* const indexEnd = rest.data() + index->heading._size;
-    tail.index.assign(rest.data(), indexEnd);
-    tail.block.assign(indexEnd, rest.data() + rest.size());
-    const std::int32_t kept = tail.block.empty() ? 0 : last.translateSize;
-    const bool meets = tail.untouchedEnd == storedEnd(last) - kept;
-    return meets && std::ssize(tail.block) == kept ? std::optional(tail) : std::nullopt;
+    const bool isLast = block.empty() || std::ssize(block) == last.translateSize;
+    return isLast && undo.untouchedEnd == storedEnd(last) - std::ssize(block) ? std::optional(undo) : std::nullopt;
 }
 
 std::optional<undoRecord> readUndoRecord(heldSideFile& side, const bytesFrom& data) {

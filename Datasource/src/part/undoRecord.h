@@ -47,10 +47,10 @@ void putBack(ORVA_File& file, std::span<const unsigned char> kept, std::int64_t 
 
 // Restores length, last block and index, but not the heading. `durable`: the block is synced before the index is
 // written, and the index before the return.
-void restoreTail(ORVA_File& file, const undoRecord& tail, bool durable);
+void restoreTail(ORVA_File& file, const undoRecord& undo, bool durable);
 
 // The content of the side file.
-fileBytes serialize(const undoRecord& tail);
+fileBytes serialize(const undoRecord& undo);
 // A side file is at most this much longer than the data file was before the append.
 inline constexpr std::int64_t kSideFileOverhead = 4096;
 
