@@ -79,6 +79,24 @@ TEST_F(StreamBuffer, CopiesThatAppendLoseNothingOfEachOther) {
     }
 }
 
+TEST_F(StreamBuffer, CopiesThatAppendOnTwoThreadsFlushWhatTheyTook) {
+    open({}, "a+b", true);
+    ORVA_FileStream copy(s());
+    const auto append = [](ORVA_FileStream& stream) {
+        for (int row = 0; row < 30'000; ++row) {
+            try {
+                stream.Seek(0, ORVA_StrBaseIO::SeekFromEnd);
+                stream.Write(noise().data(), 16);
+            } catch (const FileError&) {  // the other copy has moved the end since
+                continue;
+            }
+            EXPECT_NO_THROW(stream.Flush());
+        }
+    };
+    const std::jthread other(append, std::ref(copy));
+    append(s());
+}
+
 // Bytes read ahead by one thread never reach the other's buffer half-done or at the wrong place.
 TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
     open(slice(noise(), 0, 8 * kBlock));

@@ -77,6 +77,9 @@ public:
     // Throws the failure of a write that the system refuses with this errno.
     [[noreturn]] ORVA_LOCAL void refuseWrite(int error);
 
+    // Keeps other threads from the file while it lives; this one may use it.
+    ORVA_LOCAL ktGuard locked() const { return ktGuard(fMutex, ktMutex::Recursive); }
+
     bool IsOpen() const { return fDescriptor != -1; }
     bool Good() const { return fGood.load(std::memory_order_relaxed); }
     void Clear() { fGood.store(true, std::memory_order_relaxed); }

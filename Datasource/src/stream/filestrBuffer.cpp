@@ -249,7 +249,6 @@ void ORVA_FileStream::Data::startBuffer(std::int64_t position) {
 }
 
 // Writes whole cipher blocks, or up to the end of the data: the file may have more of the last block than the buffer.
-// Appended bytes go after those that a copy of the stream has appended; an encrypted file has to be told that offset.
 // The request advances fDirtyBegin, so the next flush continues after what a failed append has written.
 void ORVA_FileStream::Data::Flush() {
     if (fBufferEnd == fBuffer || !bDirty || !pRealFile->IsOpen()) return;
@@ -263,8 +262,7 @@ void ORVA_FileStream::Data::Flush() {
         fBufferEnd = last + pRealFile->completeBlock(last, ofLast, fpos + (last - fBuffer));
     }
     const auto size = static_cast<std::uint32_t>(std::min<const unsigned char*>(fBufferEnd, last + granule) - from);
-    std::int64_t dataEnd = pRealFile->dataEnd();
-    WriteRequest pending{from, size, appends && granule > 1 ? dataEnd : fDirtyBegin};
+    WriteRequest pending{from, size, fDirtyBegin};
     writeFile(pending, size);
     appends ? dropBuffer() : markClean();
 }
@@ -278,7 +276,9 @@ void ORVA_FileStream::Data::fillGap(std::int64_t position) {
 }
 
 // A block read ahead that the write touches is out of date, even if the write fails half-way; an appending write goes
-// to the end, wherever that is. Bytes that a failed write has appended must not be appended again.
+// to the end, wherever that is; an encrypted file needs it named. Bytes that a failed write has appended must not be
+// appended again. The file is locked from the look at its end to the one after the write, because a copy of the stream
+// may append on another thread; not while waiting for a block being read ahead, which needs the lock.
 void ORVA_FileStream::Data::writeFile(WriteRequest& request, std::uint32_t size) {
     struct note {
         multiThreadForFilestr* worker;
@@ -287,14 +287,17 @@ void ORVA_FileStream::Data::writeFile(WriteRequest& request, std::uint32_t size)
             if (worker != nullptr) worker->noteWritten(begin, end);
         }
     };
-    fillGap(request._pos);
     const bool appends = pRealFile->Appends();
-    const std::int64_t before = appends ? pRealFile->Size() : -1;
     const note written{fpIOThread.get(), appends ? 0 : request._pos,
                        appends ? std::numeric_limits<std::int64_t>::max() : request._pos + size};
+    const ktGuard guard = pRealFile->locked();
+    fillGap(request._pos);
+    const bool namesEnd = appends && pRealFile->IsEncrypted();  // and cuts off what a failed write has appended
+    const std::int64_t place = namesEnd ? pRealFile->dataEnd() : request._pos;
+    const std::int64_t before = appends && !namesEnd ? pRealFile->Size() : -1;
     try {
-        const std::uint32_t count = pRealFile->Write(request._buffer, size, request._pos);
-        fIOPos = request._pos + count;
+        const std::uint32_t count = pRealFile->Write(request._buffer, size, place);
+        fIOPos = place + count;
         request.Advance(count);
     } catch (...) {
         const std::int64_t grown = before < 0 ? 0 : pRealFile->Size() - before;
