@@ -40,6 +40,25 @@ TEST_F(Reader, ShowsWhatTheLaterOfTwoRefreshesHasSeen) {
     }
 }
 
+// As on two threads: other rows replace those that a read is about to keep, at any of its calls or after them.
+TEST_F(Reader, KeepsNoRowsFromBeforeARefresh) {
+    bool reached = true;
+    for (std::uint64_t place = 1; reached; ++place) {
+        orva::Reader reader(written("rows", Bytes(1'000, 1), {.replace = true})), other = reader;
+        const auto change = [&] { written("rows", Bytes(1'000, 2), {.replace = true}), other.refresh(); };
+        {
+            reached = false;
+            const CallHook meanwhile([&](const Step&, std::uint64_t number) {
+                if (number == place) reached = true, change();
+                return Verdict::goOn();
+            });
+            EXPECT_EQ(rowsAt(reader, 0, 10), Bytes(10, 1));
+        }
+        if (!reached) change();
+        EXPECT_EQ(rowsAt(reader, 0, 10), Bytes(10, 2)) << place;
+    }
+}
+
 // Asks whether an append is at work just before one begins.
 TEST_F(Reader, TellsOfAnAppendThatBeginsBetweenTwoLooks) {
     const orva::Path name = written("rows", Bytes(100));

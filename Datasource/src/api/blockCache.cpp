@@ -3,54 +3,92 @@
 #include "format/blockTransfer.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <utility>
 
 namespace orva {
 
-blockCache::rows blockCache::find(std::uint64_t part, std::uint32_t number) {
+void blockCache::moveTo(std::uint64_t part) {
     const std::lock_guard guard(fLock);
-    for (entry& e : fEntries) {
-        if (e.part != part || e.number != number) continue;
-        e.lastUse = ++fClock;
-        return e.kept;
+    fPart = part;
+    fKept.clear();
+}
+
+// Marks the block as used, unless it is the one used last: threads that read the same block write nothing.
+blockCache::blockPtr* blockCache::holding(std::int64_t offset) {
+    const auto holds = [&](const blockPtr& b) {
+        return offset >= b->rows.offset && offset - b->rows.offset < b->rows.length;
+    };
+    const auto found = std::ranges::find_if(fKept, holds);
+    if (found == fKept.end()) return nullptr;
+    std::atomic<std::uint64_t>& lastUse = (*found)->lastUse;
+    if (lastUse.load(std::memory_order_relaxed) != fClock.load(std::memory_order_relaxed)) {
+        lastUse.store(fClock.fetch_add(1, std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
-    return nullptr;
+    return &*found;
 }
 
-blockCache::entry& blockCache::oldest() {
-    return *std::ranges::min_element(fEntries, {}, &entry::lastUse);
+// By way of a buffer, because touching the caller's memory may wait for a disk.
+bool blockCache::copyFew(std::int64_t offset, Bytes to) {
+    std::array<std::byte, kFew> few;  // NOLINT(cppcoreguidelines-pro-type-member-init): written before it is read
+    {
+        const std::lock_guard guard(fLock.toRead());
+        const blockPtr* kept = holding(offset);
+        if (kept == nullptr) return false;
+        const std::int64_t from = offset - (*kept)->rows.offset;
+        if (std::ssize(to) > (*kept)->rows.length - from) return false;
+        std::memcpy(few.data(), (*kept)->bytes.get() + from, to.size());
+    }
+    std::copy_n(few.begin(), to.size(), to.begin());
+    return true;
 }
 
-blockCache::rows blockCache::memory(const partSnapshot& part) {
+blockCache::blockPtr blockCache::find(std::uint64_t part, std::int64_t offset) {
+    const std::lock_guard guard(fLock.toRead());
+    const blockPtr* kept = part == fPart ? holding(offset) : nullptr;
+    return kept != nullptr ? *kept : nullptr;
+}
+
+std::vector<blockCache::blockPtr>::iterator blockCache::oldest() {
+    return std::ranges::min_element(fKept, {}, [](const blockPtr& b) { return b->lastUse.load(); });
+}
+
+blockCache::blockPtr blockCache::memory(const partSnapshot& part) {
     {
         const std::lock_guard guard(fLock);
-        if (fMost != 0 && fEntries.size() == fMost && oldest().kept.use_count() == 1) {
-            oldest().part = 0;
-            return std::exchange(oldest().kept, nullptr);
+        if (fMost != 0 && fKept.size() == fMost && oldest()->use_count() == 1) {
+            blockPtr taken = std::move(*oldest());
+            std::erase(fKept, nullptr);
+            return taken;
         }
     }
-    return std::make_shared<blockBuffer>(rowRoom(part.records()));
+    auto made = std::make_shared<block>();
+    made->bytes = rowRoom(part.records());
+    return made;
 }
 
-void blockCache::keep(std::uint64_t part, std::uint32_t number, rows kept) {
+void blockCache::keep(std::uint64_t part, Range rows, blockPtr inflated) {
     const std::lock_guard guard(fLock);
-    if (fMost == 0) return;
-    (fEntries.size() < fMost ? fEntries.emplace_back() : oldest()) = entry{part, number, ++fClock, std::move(kept)};
+    if (fPart == 0) fPart = part;
+    if (fMost == 0 || part != fPart) return;
+    inflated->rows = rows;
+    inflated->lastUse = ++fClock;
+    if (fKept.size() < fMost) {
+        fKept.push_back(std::move(inflated));
+    } else {
+        *oldest() = std::move(inflated);
+    }
 }
 
-void blockCache::putBack(rows copied) {
-    const std::lock_guard guard(fLock);
+void blockCache::putBack(blockPtr copied) {
+    const std::lock_guard guard(fLock.toRead());
     copied.reset();
-}
-
-void blockCache::clear() {
-    const std::lock_guard guard(fLock);
-    fEntries.clear();
 }
 
 blockBuffer blockCache::takeScratch(const partSnapshot& part) {
     {
-        const std::lock_guard guard(fLock);
+        const std::lock_guard guard(fScratchLock);
         if (!fScratch.empty()) {
             blockBuffer scratch = std::move(fScratch.back());
             fScratch.pop_back();
@@ -61,7 +99,7 @@ blockBuffer blockCache::takeScratch(const partSnapshot& part) {
 }
 
 void blockCache::putBack(blockBuffer scratch) {
-    const std::lock_guard guard(fLock);
+    const std::lock_guard guard(fScratchLock);
     fScratch.push_back(std::move(scratch));
 }
 

@@ -57,10 +57,14 @@ struct Reader::State {
         {
             const std::lock_guard guard(mine.lock);
             if ((*fShown.load())->id() > (*next)->id()) return;  // the shown part comes from a refresh that began later
+            mine.cache.moveTo((*next)->id());
             const platform::noFork whole;  // else a child could have the part without its descriptor
             next.reset(fShown.exchange(next.release()));
         }
-        mine.cache.clear();
+    }
+    // Reads few rows of a cached block without the part, over whose count of holders threads would fight.
+    bool readFew(i64 offset, Bytes to) {
+        return to.size() <= blockCache::kFew && ofProcess().cache.copyFew(offset, to);
     }
     void read(const partSnapshot& part, std::span<const rowPiece> pieces) {
         readPieces(part, ofProcess().cache, pieces, fThreads);
@@ -159,6 +163,7 @@ std::size_t cut(const partSnapshot& part, i64 offset, Bytes to, std::vector<rowP
 }  // namespace
 
 std::size_t Reader::read_at(i64 offset, Bytes to) const {
+    if (fState->readFew(offset, to)) return to.size();
     ReadRequest request{offset, to};
     read_ranges({&request, 1});
     return request.got;

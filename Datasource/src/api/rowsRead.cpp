@@ -28,16 +28,17 @@ void copy(pieceSpan pieces, const blockBuffer& rows) {
 // Reads the pieces of one block.
 void readBlock(const partSnapshot& part, blockCache& cache, pieceSpan pieces) {
     const rowPiece& first = pieces.front();
-    if (blockCache::rows kept = cache.find(part.id(), first.block)) {
-        copy(pieces, *kept);
+    const std::int64_t begin = part.begin(first.block);
+    if (blockCache::blockPtr kept = cache.find(part.id(), begin)) {
+        copy(pieces, kept->bytes);
         return cache.putBack(std::move(kept));
     }
-    const bool isWhole = first.from == 0 && first.size == part.begin(first.block + 1) - part.begin(first.block);
+    const bool isWhole = first.from == 0 && first.size == part.begin(first.block + 1) - begin;
     if (pieces.size() == 1 && isWhole) return inflate(part, cache, first.block, first.to);
-    blockCache::rows rows = cache.memory(part);
-    inflate(part, cache, first.block, rows->get());
-    copy(pieces, *rows);
-    cache.keep(part.id(), first.block, std::move(rows));
+    blockCache::blockPtr inflated = cache.memory(part);
+    inflate(part, cache, first.block, inflated->bytes.get());
+    copy(pieces, inflated->bytes);
+    cache.keep(part.id(), part.block(first.block).rows, std::move(inflated));
 }
 
 std::vector<pieceSpan> byBlock(pieceSpan pieces) {

@@ -1,0 +1,39 @@
+// readMostlyLock: keeps readers out while somebody writes. A reader locks one of several mutexes, seldom that of
+// another thread, so that readers on many cores do not fight over one. A writer locks them all.
+//
+// Threads: any, but one that has the lock must not ask for it again.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <mutex>
+
+namespace orva {
+
+class readMostlyLock {
+public:
+    // What this thread locks in order to read.
+    std::mutex& toRead() {
+        static std::atomic<std::size_t> threads{0};
+        thread_local std::size_t number = 0;  // a constant: an initialiser that calls is checked for at each use
+        if (number == 0) number = threads.fetch_add(1, std::memory_order_relaxed) + 1;
+        return fLines[number % kLines].mutex;
+    }
+    // To write.
+    void lock() {
+        for (line& one : fLines) one.mutex.lock();
+    }
+    void unlock() {
+        for (line& one : fLines) one.mutex.unlock();
+    }
+
+private:
+    static constexpr std::size_t kLines = 16;
+    struct alignas(64) line {  // of the processor's cache
+        std::mutex mutex;
+    };
+    std::array<line, kLines> fLines;
+};
+
+}  // namespace orva
