@@ -11,6 +11,7 @@ namespace orva {
 
 void blockCache::moveTo(std::uint64_t part) {
     const std::lock_guard guard(fLock);
+    if (part < fPart) return;
     fPart = part;
     fKept.clear();
 }

@@ -36,8 +36,8 @@ public:
 
     explicit blockCache(int most) : fMost(static_cast<std::size_t>(most)) {}
 
-    // Drops all blocks, and from now on keeps only those of the part with the id `part`. A new cache keeps those of the
-    // first part that it meets.
+    // Drops all blocks, and from now on keeps only those of the part with the id `part`, unless it has moved to a later
+    // one. A new cache keeps those of the first part that it meets.
     void moveTo(std::uint64_t part);
     // True if one kept block has all the rows from `offset` on that fill `to`, at most kFew bytes: they are then in it.
     // Threads that read one block in this way write to no memory that they share.

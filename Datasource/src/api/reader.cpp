@@ -54,13 +54,11 @@ struct Reader::State {
     void refresh() {
         std::unique_ptr<partPtr> next = std::make_unique<partPtr>(opened());
         own& mine = ofProcess();
-        {
-            const std::lock_guard guard(mine.lock);
-            if ((*fShown.load())->id() > (*next)->id()) return;  // the shown part comes from a refresh that began later
-            mine.cache.moveTo((*next)->id());
-            const platform::noFork whole;  // else a child could have the part without its descriptor
-            next.reset(fShown.exchange(next.release()));
-        }
+        mine.cache.moveTo((*next)->id());
+        const platform::noFork whole;                        // else a child could have the part without its descriptor
+        const std::lock_guard guard(mine.lock);              // last, so that no read waits for a fork
+        if ((*fShown.load())->id() > (*next)->id()) return;  // the shown part comes from a refresh that began later
+        next.reset(fShown.exchange(next.release()));
     }
     // Reads few rows of a cached block without the part, over whose count of holders threads would fight.
     bool readFew(i64 offset, Bytes to) {
