@@ -148,6 +148,9 @@ ORVA_HOST_API std::uint32_t coreCount() noexcept;
 // Differs between a parent and its forked child. Costs next to nothing; sees only children made by fork().
 ORVA_HOST_API std::uint32_t forkCount() noexcept;
 
+// A number below 16 that few threads have in common. Costs next to nothing.
+ORVA_HOST_API std::size_t threadNumber() noexcept;
+
 // Holds up every fork() of the process, and every other noFork, while it lives. For the few instructions that make
 // something known: a child gets its copies of descriptors and of memory one after the other, while other threads go on.
 class ORVA_HOST_API noFork {

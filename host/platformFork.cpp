@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <mutex>
 #include <thread>
 
@@ -22,6 +23,13 @@ void childBegins() {
 [[maybe_unused]] const int gForksAreWatched =
     ::pthread_atfork([] { gForkLock.lock(); }, [] { gForkLock.unlock(); }, childBegins);
 
+// The value of the key is one of these bytes: their places are the numbers of threads. Not thread_local: the first use
+// of a variable of a library that was loaded late takes memory, and the system ends the process if there is none.
+constinit char gNumbers[16]{};
+std::atomic<std::size_t> gThreads{0};
+pthread_key_t gKey;
+const bool gHasKey = ::pthread_key_create(&gKey, nullptr) == 0;
+
 }  // namespace
 
 std::int64_t processId() noexcept {
@@ -37,6 +45,14 @@ std::uint32_t coreCount() noexcept {
 
 std::uint32_t forkCount() noexcept {
     return gForks.load(std::memory_order_relaxed);
+}
+
+std::size_t threadNumber() noexcept {
+    if (!gHasKey) return 0;
+    if (const void* const number = ::pthread_getspecific(gKey)) return static_cast<const char*>(number) - gNumbers;
+    const std::size_t number = gThreads.fetch_add(1, std::memory_order_relaxed) % sizeof gNumbers;
+    ::pthread_setspecific(gKey, &gNumbers[number]);
+    return number;
 }
 
 noFork::noFork() noexcept {

@@ -4,8 +4,9 @@
 // Threads: any, but one that has the lock must not ask for it again.
 #pragma once
 
+#include <orva/platform.h>
+
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <mutex>
 
@@ -14,12 +15,7 @@ namespace orva {
 class readMostlyLock {
 public:
     // What this thread locks in order to read.
-    std::mutex& toRead() {
-        static std::atomic<std::size_t> threads{0};
-        thread_local std::size_t number = 0;  // a constant: an initialiser that calls is checked for at each use
-        if (number == 0) number = threads.fetch_add(1, std::memory_order_relaxed) + 1;
-        return fLines[number % kLines].mutex;
-    }
+    std::mutex& toRead() { return fLines[platform::threadNumber() % kLines].mutex; }
     // To write.
     void lock() {
         for (line& one : fLines) one.mutex.lock();
