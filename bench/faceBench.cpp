@@ -14,12 +14,14 @@
 #include <memory>
 #include <numeric>
 #include <random>
+#include <thread>
 
 namespace {
 
 using namespace bench;
 
 constexpr std::size_t kPass = 32 * std::size_t{kBlockSize};
+constexpr orva::i64 kKeptReads = 1'000'000;
 
 struct Files {
     Files() : rows(measuredRows(kPass)) {
@@ -93,6 +95,22 @@ Side written(const std::shared_ptr<Files>& files, bool inRows) {
     };
 }
 
+// Two threads read few bytes of an inflated block, through copies of one Reader or through one each.
+Side keptRows(const std::shared_ptr<Files>& files, bool oneReader) {
+    const orva::Path path = files->scratch.path("rows");
+    const orva::Reader one(path), other = oneReader ? one : orva::Reader(path);
+    const auto readOn = [](const orva::Reader& reader) {
+        std::byte row[16];
+        for (orva::i64 i = 0; i < kKeptReads; ++i) reader.read_at(i * 4'099 % 1'000'000, row);
+    };
+    return [=] {
+        return wallSeconds([&] {
+            const std::jthread beside(readOn, other);
+            readOn(one);
+        });
+    };
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -103,6 +121,9 @@ int main(int argc, char** argv) {
     });
     add("rows/1,000 random ones against sorted", timeAtMost(1.2), [=] {
         return Pair{taken(files, true), taken(files, false)};
+    });
+    add("rows/16 bytes of a kept block, two threads: one Reader against two", timeAtMost(1.2), [=] {
+        return Pair{keptRows(files, false), keptRows(files, true), 2.0 * kKeptReads};
     });
     add("writer/rows of 8 bytes against one write", timeAtMost(1.05), [=] {
         return Pair{written(files, false), written(files, true)};
