@@ -67,6 +67,7 @@ public:
         try {
             return workerSink::startThreads();
         } catch (const std::system_error&) {
+            workAlone();
             return false;
         }
     }

@@ -47,6 +47,10 @@ public:
     std::int32_t writeLoopStep() override;
     void drop();
 
+protected:
+    // For a worker whose threads could not start: each block is done with at its handover, so one slot is enough.
+    void workAlone() { fSlots.resize(1); }
+
 private:
     struct slot {
         orva::blockBuffer rows;
