@@ -143,8 +143,9 @@ def join(
     of them."""
     paths, row0 = paths_of(sources), row0_of(row0)
     names = [name_of(path) for path in paths]
-    dtypes = [_dtype.of_reader(_orva.Reader(name, row0, 1), path) for name, path in zip(names, paths)]
-    for path, dtype in zip(paths, dtypes):
-        if dtype is not None and dtypes[0] is not None and dtype != dtypes[0]:
-            raise ValueError(f'"{path}" has rows of {dtype}, but "{paths[0]}" has rows of {dtypes[0]}')
+    dtypes = {path: _dtype.of_reader(_orva.Reader(name, row0, 1), path) for name, path in zip(names, paths)}
+    stated = [(path, dtype) for path, dtype in dtypes.items() if dtype is not None]
+    for path, dtype in stated:
+        if dtype != stated[0][1]:
+            raise ValueError(f'"{path}" has rows of {dtype}, but "{stated[0][0]}" has rows of {stated[0][1]}')
     return JoinReport(*_orva.join(names, name_of(target), row0, bool(replace), _called(progress)))
