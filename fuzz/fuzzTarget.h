@@ -27,7 +27,7 @@ struct Input : Choices {
         swap = steps.ConsumeBool();
         writeBytes(name, file);
     }
-    std::uint64_t below(std::uint64_t bound) override {
+    std::uint64_t number(std::uint64_t bound) override {
         return steps.ConsumeIntegralInRange<std::uint64_t>(0, bound - 1);
     }
     const std::string name = pathOf("file");

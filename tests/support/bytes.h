@@ -89,12 +89,13 @@ inline Bytes summed(const Bytes& numbers) {
 struct Choices {
     virtual ~Choices() = default;
     // From 0 to `bound` - 1.
-    virtual std::uint64_t below(std::uint64_t bound) = 0;
+    virtual std::uint64_t number(std::uint64_t bound) = 0;
+    std::size_t below(std::size_t bound) { return static_cast<std::size_t>(number(bound)); }
     // From `low` to `high`, both included.
     std::int64_t between(std::int64_t low, std::int64_t high) {
-        return low + static_cast<std::int64_t>(below(static_cast<std::uint64_t>(high - low) + 1));
+        return low + static_cast<std::int64_t>(number(static_cast<std::uint64_t>(high - low) + 1));
     }
-    bool oneIn(std::uint64_t n) { return below(n) == 0; }
+    bool oneIn(std::size_t n) { return below(n) == 0; }
 };
 
 // Bytes determined by a seed.
@@ -118,7 +119,7 @@ struct SeededBytes : Choices {
         return bytes;
     }
 
-    std::uint64_t below(std::uint64_t bound) override { return fEngine() % bound; }
+    std::uint64_t number(std::uint64_t bound) override { return fEngine() % bound; }
 
 private:
     std::mt19937_64 fEngine;

@@ -172,8 +172,8 @@ struct PartModel {
     }
     // Replaces one number by another of any magnitude, or ends the file there; mostly with a right checksum.
     Bytes changed(Bytes side) {
-        const auto place = static_cast<std::size_t>(any.below(side.size() - sizeof(std::int64_t) + 1));
-        side = with(std::move(side), place, bytesOf(any.below(UINT64_MAX) >> any.below(64)));
+        const auto place = any.below(side.size() - sizeof(std::int64_t) + 1);
+        side = with(std::move(side), place, bytesOf(any.number(UINT64_MAX) >> any.below(64)));
         if (any.oneIn(8)) side.resize(std::max(place, sizeof(std::uint64_t)));
         return any.oneIn(8) ? side : resummed(side);
     }
