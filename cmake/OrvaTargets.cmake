@@ -14,6 +14,9 @@ function(orva_compile_settings target)
             $<$<BOOL:${ORVA_WERROR}>:-Werror>
             -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
             "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:${orva_hardening_compile}>")
+        if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+            target_compile_options(${target} PRIVATE -Wno-restrict)  # it sees overlaps in "text" + std::string at -O3
+        endif()
         target_link_options(${target} PRIVATE "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:${orva_hardening_link}>")
         if(ORVA_BLOCK_SIZE)
             target_compile_definitions(${target} PUBLIC ORVA_BLOCK_SIZE=${ORVA_BLOCK_SIZE})
