@@ -3,6 +3,7 @@
 #include "api/translated.h"
 #include "base/fileError.h"
 #include "format/indexTransfer.h"
+#include "format/storedBytes.h"
 #include "part/heldSideFile.h"
 #include "part/undoRecord.h"
 
@@ -136,7 +137,7 @@ Block partSnapshot::block(std::uint32_t number) const {
 }
 
 std::vector<std::byte> partSnapshot::dictionary() const {
-    std::vector<std::byte> all(static_cast<std::size_t>(row0()));
+    std::vector<std::byte> all(sizeInMemory(row0()));
     const bool whole = translated(fPath, [&] { return fBytes->read(all.data(), all.size(), 0); });
     if (!whole)
         throw FileChangedError(withName(fBytes->name(), fPath, "has become shorter since it was opened"), fPath);

@@ -63,12 +63,13 @@ std::vector<filePosRecord> recordsInPieces(const bytesFrom& file, const compress
     std::vector<filePosRecord> records;
     const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
     for (std::size_t known = 0; known < all; known = records.size()) {
+        // Not for the first piece: the index may be a hole.
+        if (atOnce || known != 0) records.reserve(sizeInMemory(heading._size) / kRecordSize);
         records.resize(atOnce ? all : std::min(all, known + kPieceRecords));
         const std::span piece = std::span(records).subspan(known);
         const std::int64_t place = heading._indexPos + static_cast<std::int64_t>(known) * kRecordSize;
         if (!file.read(piece.data(), piece.size_bytes(), place)) refuseCut(file, heading);
         check(std::span(records), known);
-        if (known == 0) records.reserve(all);  // not before: the index may be a hole
     }
     return records;
 }

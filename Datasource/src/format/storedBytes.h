@@ -10,13 +10,22 @@
 #include <orva/file.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <new>
 #include <string>
+#include <utility>
 
 namespace orva {
 
 // No file transfers 2 GiB at a time, and an index can be twice as long.
 inline constexpr std::uint64_t kLongestTransfer = std::uint64_t{1} << 30;
+
+// The size of so many bytes in memory. Throws bad_alloc if the address space, of 32 bits perhaps, is smaller.
+inline std::size_t sizeInMemory(std::int64_t bytes) {
+    if (!std::in_range<std::ptrdiff_t>(bytes)) throw std::bad_alloc();
+    return static_cast<std::size_t>(bytes);
+}
 
 // Calls transfer(bytes, count, place) for one piece after the other, each as large as a file transfers at a time. False
 // once a piece is short.

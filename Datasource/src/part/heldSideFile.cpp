@@ -111,7 +111,7 @@ void heldSideFile::requireTrusted() const {
 fileBytes heldSideFile::read(std::int64_t longest) const {
     const std::int64_t size = platform::_lseeki64(fDescriptor, 0, SEEK_END);
     if (size < 0) throwFileError(errno, kReadFailed, fName);
-    fileBytes bytes(static_cast<std::size_t>(std::min(size, longest)));
+    fileBytes bytes(sizeInMemory(std::min(size, longest)));
     const auto readAt = [&](unsigned char* to, std::uint32_t piece, std::int64_t place) {
         const int count = platform::readAt(fDescriptor, to, piece, place);
         if (count == -1) throwFileError(errno, kReadFailed, fName);

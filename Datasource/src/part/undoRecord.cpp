@@ -82,7 +82,7 @@ std::optional<std::span<const unsigned char>> checkedContent(const fileBytes& si
 
 fileBytes bytesAt(const bytesFrom& file, std::int64_t place, std::int64_t size) {
     if (place > file.length() - size) return {};
-    fileBytes bytes(static_cast<std::size_t>(size));
+    fileBytes bytes(sizeInMemory(size));
     if (!file.read(bytes.data(), bytes.size(), place)) bytes.clear();
     return bytes;
 }
