@@ -4,7 +4,8 @@
 // They return a result only for a whole stream that fits. In every other case (no room, damaged input, no memory) they
 // return nothing, and the caller runs zlib, so that results, counts and failures are zlib's.
 //
-// Levels:  1 is ISA-L's; 2 is libdeflate's level 1, and 3 and above are libdeflate's own.
+// Levels:  1 is ISA-L's, on big-endian machines libdeflate's; 2 is libdeflate's level 1, and 3 and above are
+//          libdeflate's own.
 // Threads: any. Each thread keeps the engine state that it has used until it ends: 700 KB, for a level above 1 as much
 //          again, for 10 and above 9 MB.
 #pragma once
