@@ -90,7 +90,7 @@ protected:
     // False in a forked child, which does not have the threads.
     bool isMakersProcess() const { return fProcess == platform::processId(); }
 
-    // False before startThreads, and if it could not start the threads.
+    // False from initThreads on, until startThreads has handed the loops to the pool; for good if it could not.
     bool haveLoopsBegun() const { return fLoops.empty(); }
 
     // Written before startThreads, then only read.
