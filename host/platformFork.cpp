@@ -49,7 +49,9 @@ std::uint32_t forkCount() noexcept {
 
 std::size_t threadNumber() noexcept {
     if (!gHasKey) return 0;
-    if (const void* const number = ::pthread_getspecific(gKey)) return static_cast<const char*>(number) - gNumbers;
+    if (const void* const number = ::pthread_getspecific(gKey)) {
+        return static_cast<std::size_t>(static_cast<const char*>(number) - gNumbers);
+    }
     const std::size_t number = gThreads.fetch_add(1, std::memory_order_relaxed) % sizeof gNumbers;
     ::pthread_setspecific(gKey, &gNumbers[number]);
     return number;
