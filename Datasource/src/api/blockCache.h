@@ -59,11 +59,11 @@ private:
     blockPtr* holding(std::int64_t offset);
     std::vector<blockPtr>::iterator oldest();
 
-    const std::size_t fMost;
-
     readMostlyLock fLock;         // of the next two
     std::uint64_t fPart = 0;      // its id; 0: none yet
     std::vector<blockPtr> fKept;  // at most fMost
+
+    const std::size_t fMost;
     std::atomic<std::uint64_t> fClock{0};
 
     std::mutex fScratchLock;
