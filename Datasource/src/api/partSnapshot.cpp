@@ -2,6 +2,7 @@
 
 #include "api/translated.h"
 #include "base/fileError.h"
+#include "format/filePosInfo.h"
 #include "format/indexTransfer.h"
 #include "format/storedBytes.h"
 #include "part/heldSideFile.h"
@@ -123,7 +124,7 @@ bool partSnapshot::isOfOneMoment() const {
 
 std::int64_t partSnapshot::begin(std::uint32_t number) const {
     if (number < blockCount()) return fRecords[number].orginalPos - row0();
-    return fRecords.empty() ? 0 : fRecords.back().orginalPos + fRecords.back().orginalSize - row0();
+    return fRecords.empty() ? 0 : rowsEnd(fRecords.back()) - row0();
 }
 
 std::uint32_t partSnapshot::blockAt(std::int64_t offset) const {
