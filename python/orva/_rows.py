@@ -50,6 +50,13 @@ def _exact(number: Any) -> Any:
     return number.item() if isinstance(number, (np.generic, np.ndarray)) and number.dtype.kind in "iuf" else number
 
 
+def _is_less(stored: Any, key: Any) -> bool:
+    try:
+        return bool(_exact(stored) < key)
+    except TypeError:
+        raise TypeError(f"{key!r} cannot be compared with {stored.dtype}: expected a numpy.{type(stored).__name__}") from None
+
+
 class Rows:
     """The rows of a file as an array of one axis, or of more if rows are arrays themselves; opened by `orva.rows`.
 
@@ -291,7 +298,7 @@ class Rows:
                 found: Lost | None = [] if self._mask else None
                 self._reader.read_at(row * self._row.itemsize, _bytes_of(value), found)
                 if not found:
-                    return bool(_exact(value[0] if field is None else value[field][0]) < key)
+                    return _is_less(value[0] if field is None else value[field][0], key)
                 begin, end = self._noted(found)[0]
                 row = end if aside > 0 else begin - 1
             return aside < 0

@@ -97,6 +97,7 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "first must be 0 or more", lambda: rows().read_into(np.zeros(2), -1)),
     (ValueError, "(chunk|ranges) must be 1 or more", lambda: rows().iter_chunks(0), lambda: rows().splits(-1 << 70)),
     (ValueError, "have no field", lambda: trades().search(0, 1, 2), lambda: rows().search("a", 1, 2), lambda: orva.to_frame("trades.orva", ["a"])),
+    (TypeError, "'a' cannot be compared with (float64|.S2): expected a numpy.(float64|bytes_)$", lambda: rows().search(None, "a", 1), lambda: trades().search("name", b"a", "a")),
     (ValueError, "cannot be keys", lambda: trades().search(None, 1, 2), lambda: trades().search("flags", 1, 2)),
     (ValueError, "no fields to use as columns", lambda: orva.to_frame("numbers.orva")),
     (ValueError, "'flags'.*cannot be a column", lambda: orva.to_frame("trades.orva")),
