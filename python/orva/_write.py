@@ -18,13 +18,19 @@ _PIECE = 4_190_208  # bytes of rows copied at a time if the array is not contigu
 def array_of(values: Any) -> Any:
     """`values` as an array. A frame becomes its records, without its index: as a plain array all its columns would be
     of one dtype."""
-    if not hasattr(values, "to_records"):
+    if not hasattr(values, "columns"):
         return np.asanyarray(values)
+    if not hasattr(values, "to_records") or hasattr(values, "__dask_graph__"):
+        of = f"{type(values).__module__}.{type(values).__name__}"
+        raise TypeError(f"expected an array or a pandas frame, not a {of}: to_pandas or compute may make one of it")
     names = list(values.columns)
     if not names:
         raise ValueError("expected a frame of at least one column")
     if len({name for name in names if isinstance(name, str)}) < len(names):
         raise ValueError(f"column names must be unique strings, not {names[:9]}: frame.columns.map(str) makes them strings")
+    index = values.index
+    if index.name is not None or (index.dtype.kind not in "iu" and len(index) > 0):
+        raise ValueError("the index of the frame is not stored: reset_index() makes it a column, reset_index(drop=True) drops it")
     return values.to_records(index=False)
 
 
@@ -63,9 +69,9 @@ def write(
 
     threads, level, block: as for `orva.open`. Errors: OSError; ValueError for arrays of objects, of no axis or of
     elements without bytes, for fields that overlap or stand in another order than their names
-    (`numpy.lib.recfunctions.repack_fields` repairs that), for frames whose column names are no strings or not unique,
-    for a dtype of more than a megabyte of text, and for options outside their ranges. After an error no new file is
-    left.
+    (`numpy.lib.recfunctions.repack_fields` repairs that), for frames whose column names are no strings or not unique or
+    whose index has a name or is not of integers, for a dtype of more than a megabyte of text, and for options outside
+    their ranges. After an error no new file is left.
     """
     values, row = _rows_of(array)
     name = name_of(path)

@@ -83,6 +83,8 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "objects, which a file cannot hold", lambda: write([None]), lambda: rows(object)),
     (ValueError, "'text', 'n' are Python objects, .*astype", lambda: write(TEXTS), lambda: to_rows(OBJECTS), lambda: rows([("text", object), ("n", object)])),
     (ValueError, "must be unique strings", *(partial(write, pd.DataFrame([[1] * len(names)], columns=names)) for names in ([0, 1], ["a", "a"]))),
+    (ValueError, r"reset_index\(\) makes it a column", *(partial(write, TEXTS[["of"]].set_index(index)) for index in (pd.Index([2, 3], name="id"), pd.date_range("2024", periods=2), [[1, 2], [3, 4]]))),
+    (TypeError, "pandas frame, not a .*(Table|Frame): to_pandas", lambda: write(type("Table", (list,), {"columns": None})([[1]])), lambda: write(OBJECTS[["of"]])),
     (ValueError, "at least one column", lambda: to_rows(OBJECTS[[]]), lambda: write(pd.DataFrame())),
     (ValueError, "at least one byte", lambda: write(np.zeros((3, 0))), lambda: rows("V0")),
     (ValueError, "at least one axis, not one value of (float|bytes; orva.open writes bytes)$", lambda: write(3.0), lambda: write(b"12")),
