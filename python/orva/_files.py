@@ -7,7 +7,7 @@ work, is counted by itself, in bytes of the file. An exception ends the work, an
 from __future__ import annotations
 
 from collections.abc import Callable, Iterable
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from typing import Any, Literal, Optional
 
 from . import _dtype, _orva
@@ -39,7 +39,7 @@ class FileInfo:
     file_size: int
     block_size: int  # as the index states it; readers ignore it
     index: Range  # its place in the file
-    blocks: list[Block]
+    blocks: list[Block] = field(repr=False)
 
 
 @dataclass(frozen=True)

@@ -335,6 +335,9 @@ class Rows:
         if self._reader.closed:
             raise ValueError("I/O operation on closed file")
 
+    def _ipython_key_completions_(self) -> list[str]:
+        return list(self.dtype.names or ())
+
     def close(self) -> None:
         """Closes the file; calls under way keep it open until they end. May be called again."""
         self._reader.close()
