@@ -14,6 +14,7 @@ from ._source import NEW_BLOCKS, Opened, PathLike, Source, block_of, integer, na
 
 Mode = Literal["rb", "wb", "xb", "ab"]
 _FARTHEST = (1 << 63) - 1
+_PEEK = 4096  # most lines end in as many bytes
 
 
 def _begin(path: PathLike, mode: str, row0: int | None, threads: int, level: int, block: int | None) -> _orva.Writer:
@@ -144,6 +145,12 @@ class File(io.RawIOBase):
 
     def readall(self) -> bytes:
         return self.read()
+
+    def peek(self, size: int = 0) -> bytes:
+        """Some of the next bytes, without moving past them; none only at the end. io's `readline` finds the end of a line
+        in them, and else would read byte by byte. They are of one block: the next may be damaged."""
+        reader = (self._opened or self._no_reader("read")).reader
+        return reader.read_bytes(self._pos, min(reader.end_of_block(self._pos) - self._pos, _PEEK))
 
     def write(self, rows: Any) -> int:
         """Writes all bytes of `rows` and returns their number. Any exception abandons the file, except a TypeError
