@@ -45,13 +45,18 @@ def frame_of(
 
 
 def to_frame(
-    path: Source, columns: Sequence[str] | None = None, dtype: npt.DTypeLike = None, *, row0: int | None = None
+    path: Source,
+    columns: Sequence[str] | None = None,
+    dtype: npt.DTypeLike = None,
+    *,
+    row0: int | None = None,
+    threads: int = 1,
 ) -> pandas.DataFrame:
     """The rows of a file as a frame, one column for each field, in this machine's byte order; bytes become objects.
 
-    columns: the fields to read, in this order; only they take memory. dtype, row0: as for `orva.rows`. Errors: as
-    there; DamagedFileError for lost rows, which a frame cannot show (`orva.rows` can mask them); ValueError for a field
-    that does not exist or whose values have several parts.
+    columns: the fields to read, in this order; only they take memory. dtype, row0, threads: as for `orva.rows`.
+    Errors: as there; DamagedFileError for lost rows, which a frame cannot show (`orva.rows` can mask them); ValueError
+    for a field that does not exist or whose values have several parts.
     """
-    with Rows(path, dtype, "raise", row0, 1) as rows:
+    with Rows(path, dtype, "raise", row0, threads) as rows:
         return frame_of(rows, columns, 0, len(rows), range(len(rows)))

@@ -83,17 +83,27 @@ def write(
         writer.drop()
 
 
-def append(path: PathLike, array: npt.ArrayLike, *, row0: int | None = None, roll_back: bool = False) -> None:
+def append(
+    path: PathLike,
+    array: npt.ArrayLike,
+    *,
+    row0: int | None = None,
+    roll_back: bool = False,
+    threads: int = 1,
+    level: int = 1,
+    block: int | None = None,
+) -> None:
     """Adds rows to a finished file, durably; a crash at any instant can be undone.
 
-    row0: as for `orva.open`. roll_back: first undoes what an interrupted append has left, which is UnfinishedFileError
+    row0, threads, level, block: as for `orva.open`. roll_back: first undoes what an interrupted append has left, which is UnfinishedFileError
     otherwise. Errors: OSError (FileNotFoundError, BlockingIOError while another writer is at work); ValueError for rows
     of another dtype than the file's, or if rows of this dtype do not divide the file's. After an error the file is as
     it was.
     """
     values, row = _rows_of(array)
     name, row0 = name_of(path), row0_of(row0)
-    writer = _orva.append(name, row0, 1, 1, 0, bool(roll_back))  # keeps other writers out while the dtype is checked
+    options = threads_of(threads), integer(level, "level", 32), block_of(block, 0), bool(roll_back)
+    writer = _orva.append(name, row0, *options)  # keeps other writers out while the dtype is checked
     try:
         own = _dtype.of_file(path_of(path), row0)
         if own is not None and own != row:

@@ -117,9 +117,9 @@ BAD: list[tuple[Any, ...]] = [
 ]
 # Numeric options: a number that the library refuses, its error, the first number beyond its types, and the calls.
 NUMBERS: dict[str, tuple[Any, ...]] = {
-    "threads": (-1, "number of threads", 1 << 31, rows, writer, partial(write, [1]), partial(orva.verify, "bytes.orva")),
-    "level": (0, "level must be 1 to .*, got 0", 1 << 31, writer, partial(write, [1])),
-    "block": (0, "65,536 to 4,190,208", 1 << 63, writer, partial(write, [1])),
+    "threads": (-1, "number of threads", 1 << 31, rows, writer, partial(write, [1]), partial(orva.append, "numbers.orva", [1.0]), partial(orva.verify, "bytes.orva")),
+    "level": (0, "level must be 1 to .*, got 0", 1 << 31, writer, partial(write, [1]), partial(orva.append, "numbers.orva", [1.0])),
+    "block": (0, "65,536 to 4,190,208", 1 << 63, writer, partial(write, [1]), partial(orva.append, "numbers.orva", [1.0])),
     "row0": (0, "row0 must be 1 or more, got 0", 1 << 63, read, *(partial(work, "bytes.orva") for work in (orva.info, orva.verify, recover, orva.to_frame)), partial(orva.append, "bytes.orva", []), partial(orva.join, ["bytes.orva"], "new.orva")),
 }
 for name, (refused, text, far, *calls) in NUMBERS.items():
