@@ -25,7 +25,7 @@ public:
 
     // Returns the number of bytes.
     std::size_t write(py::handle rows) {
-        constexpr std::size_t piece = 4'190'208;  // a block; signals act between them
+        constexpr std::size_t piece = 1 << 20;  // a block of a new file; signals act between them
         const std::shared_ptr<orva::Writer> writer = get();
         const heldBuffer buffer(rows, heldBuffer::access::read);
         const gil::released guard;
