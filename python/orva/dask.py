@@ -48,7 +48,7 @@ _SAMPLES = 16
 
 
 @dataclass(frozen=True)
-class _Seen:
+class _Fingerprint:
     """The state of a file when its partitions were made. A worker recognises the file by it, even with rows
     appended."""
 
@@ -64,7 +64,7 @@ class _File:
 
     url: str
     dtype: np.dtype[Any] | None
-    seen: _Seen
+    fingerprint: _Fingerprint
     token: str
     options: dict[str, Any] = field(compare=False)
 
@@ -88,7 +88,7 @@ def _index(rows: Rows) -> npt.NDArray[np.int64]:
     return np.frombuffer(rows._reader.blocks(), np.int64).reshape(-1, 4)
 
 
-def _seen(rows: Rows, fs: Any, name: str, blocks: int | None = None) -> _Seen:
+def _fingerprint(rows: Rows, fs: Any, name: str, blocks: int | None = None) -> _Fingerprint:
     """The state of the first `blocks` blocks of a file. Reads only the last 4 bytes of some of them."""
     index = _index(rows)[:blocks]
     count = len(index)
@@ -98,12 +98,12 @@ def _seen(rows: Rows, fs: Any, name: str, blocks: int | None = None) -> _Seen:
     for failed in (found for found in sums if isinstance(found, BaseException)):  # some file systems return exceptions
         raise failed
     begins = hashlib.sha256(np.ascontiguousarray(index[:, [0, 2]]).tobytes()).hexdigest()
-    return _Seen(rows.nbytes, count, begins, checked(b"".join(sums), 4 * len(ends), name))
+    return _Fingerprint(rows.nbytes, count, begins, checked(b"".join(sums), 4 * len(ends), name))
 
 
-def _is_still(was: _Seen, rows: Rows, fs: Any, name: str) -> bool:
-    """Whether the file still begins with the rows that were seen."""
-    now = _seen(rows, fs, name, was.blocks)
+def _matches(was: _Fingerprint, rows: Rows, fs: Any, name: str) -> bool:
+    """Whether the file still begins with the rows that it had."""
+    now = _fingerprint(rows, fs, name, was.blocks)
     if now.begins != was.begins:
         return False
     if now.size == was.size:
@@ -128,7 +128,7 @@ def _file(path: str, dtype: npt.DTypeLike, options: dict[str, Any]) -> tuple[_Fi
     token = fs.ukey(name)
     rows, fs, name = _opened(fs, name, dtype)
     given = None if dtype is None else np.dtype(dtype)
-    return _File(url, given, _seen(rows, fs, name), token, options), rows
+    return _File(url, given, _fingerprint(rows, fs, name), token, options), rows
 
 
 def _files(paths: list[str], dtype: npt.DTypeLike, options: dict[str, Any]) -> Iterator[tuple[_File, Rows]]:
@@ -160,7 +160,7 @@ def _kept(file: _File) -> Rows:
     """Rows that a worker keeps open for its later tasks, which then read no index."""
     fs, name = _target(file.url, file.options)
     rows, fs, name = _opened(fs, name, file.dtype)
-    if not _is_still(file.seen, rows, fs, name):
+    if not _matches(file.fingerprint, rows, fs, name):
         raise FileChangedError(
             f'"{file.url}" no longer has the rows that its partitions were made of: make them again with from_rows', file.url
         )
@@ -233,7 +233,7 @@ def from_rows(
         number += len(rows)
     assert first is not None
     parts = parts or [_Part(file, 0, 0, 0)]
-    ranges = [(part.file.token, part.file.seen, part.first, part.stop) for part in parts]
+    ranges = [(part.file.token, part.file.fingerprint, part.first, part.stop) for part in parts]
     name = f"orva-rows-{tokenize(ranges, first._row, frame)}"  # type: ignore[no-untyped-call]
     return _frame(parts, name, first) if frame else _array(parts, name, first)
 
