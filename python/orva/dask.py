@@ -8,6 +8,7 @@ Guide: docs/many-machines.md.
 
 from __future__ import annotations
 
+import errno
 import hashlib
 import operator
 import os
@@ -27,14 +28,14 @@ import numpy.typing as npt
 from dask.base import compute, is_dask_collection, tokenize
 from dask.delayed import delayed
 from dask.highlevelgraph import HighLevelGraph
-from dask.utils import is_dataframe_like
+from dask.utils import is_dataframe_like, natural_sort_key, parse_bytes
 
 from . import _dtype
 from ._errors import FileChangedError
 from ._files import join
 from ._frame import frame_of
 from ._rows import Rows
-from ._source import PathLike, path_of, paths_of
+from ._source import PathLike, path_of, paths_of, row0_of
 from ._write import array_of, write
 from .fsspec import checked, source
 
@@ -64,6 +65,7 @@ class _File:
 
     url: str
     dtype: np.dtype[Any] | None
+    row0: int | None
     fingerprint: _Fingerprint
     token: str
     options: dict[str, Any] = field(compare=False)
@@ -81,6 +83,18 @@ class _Part:
 
 def _target(url: str, options: dict[str, Any]) -> Any:
     return fsspec.core.url_to_fs(url, **options) if "://" in url else (fsspec.filesystem("file"), url)
+
+
+def _names(path: str, options: dict[str, Any]) -> list[str]:
+    """The files that a path with a * stands for; any other path stands for itself."""
+    if "*" not in path:
+        return [path]
+    fs, pattern = _target(path, options)
+    found = sorted(fs.glob(pattern), key=natural_sort_key)
+    if not found:
+        raise FileNotFoundError(errno.ENOENT, "no file has such a name", path)
+    before, same, after = path.partition(pattern)  # such as the cache of a chain, which fs.glob leaves out
+    return [f"{before}{name}{after}" if same else fs.unstrip_protocol(name) for name in found]
 
 
 def _index(rows: Rows) -> npt.NDArray[np.int64]:
@@ -115,26 +129,28 @@ def _matches(was: _Fingerprint, rows: Rows, fs: Any, name: str) -> bool:
     return now.sums[:-4] + last == was.sums
 
 
-def _opened(fs: Any, name: str, dtype: npt.DTypeLike) -> tuple[Rows, Any, str]:
+def _opened(fs: Any, name: str, dtype: npt.DTypeLike, row0: int | None) -> tuple[Rows, Any, str]:
     """The rows, and the file system and name of the file's bytes, which may be a copy that fsspec keeps."""
     found = source(fs, name)
-    rows = Rows(found, dtype, "raise", None, 1)
+    rows = Rows(found, dtype, "raise", row0, 1)
     return (rows, fsspec.filesystem("file"), found) if isinstance(found, str) else (rows, fs, name)
 
 
-def _file(path: str, dtype: npt.DTypeLike, options: dict[str, Any]) -> tuple[_File, Rows]:
+def _file(path: str, dtype: npt.DTypeLike, row0: int | None, options: dict[str, Any]) -> tuple[_File, Rows]:
     url = path if "://" in path else os.path.abspath(path)
     fs, name = _target(url, options)
     token = fs.ukey(name)
-    rows, fs, name = _opened(fs, name, dtype)
+    rows, fs, name = _opened(fs, name, dtype, row0)
     given = None if dtype is None else np.dtype(dtype)
-    return _File(url, given, _fingerprint(rows, fs, name), token, options), rows
+    return _File(url, given, row0, _fingerprint(rows, fs, name), token, options), rows
 
 
-def _files(paths: list[str], dtype: npt.DTypeLike, options: dict[str, Any]) -> Iterator[tuple[_File, Rows]]:
+def _files(
+    paths: list[str], dtype: npt.DTypeLike, row0: int | None, options: dict[str, Any]
+) -> Iterator[tuple[_File, Rows]]:
     """Opens files. Those of an asynchronous store are opened several at a time, since each waits for the store several
     times."""
-    opened = partial(_file, dtype=dtype, options=options)
+    opened = partial(_file, dtype=dtype, row0=row0, options=options)
     if not all("://" in path and _target(path, options)[0].async_impl for path in paths):
         yield from map(opened, paths)  # on the caller's thread, where signals can interrupt it
         return
@@ -159,7 +175,7 @@ def _rows(file: _File) -> Rows:
 def _kept(file: _File) -> Rows:
     """Rows that a worker keeps open for its later tasks, which then read no index."""
     fs, name = _target(file.url, file.options)
-    rows, fs, name = _opened(fs, name, file.dtype)
+    rows, fs, name = _opened(fs, name, file.dtype, file.row0)
     if not _matches(file.fingerprint, rows, fs, name):
         raise FileChangedError(
             f'"{file.url}" no longer has the rows that its partitions were made of: make them again with from_rows', file.url
@@ -195,7 +211,8 @@ def from_rows(
     dtype: npt.DTypeLike = None,
     *,
     frame: bool = False,
-    partition_bytes: int = 1 << 26,
+    partition_bytes: int | str = 1 << 26,
+    row0: int | None = None,
     storage_options: dict[str, Any] | None = None,
 ) -> Any:
     """The rows of files, one after the other, as a Dask array, or as a dataframe with a column for each field, whose
@@ -207,25 +224,29 @@ def from_rows(
     files open; one that has been replaced is freed when it is closed.
 
     paths: paths that lead to the same files on each worker, or URLs of fsspec's file systems, which get
-        `storage_options`.
-    dtype: as for `orva.rows`; by default the files' own.
-    partition_bytes: approximate bytes of rows in a partition; a file has as many partitions as come nearest to it, but
-        no more than it has blocks.
+        `storage_options`. One with a * stands for all files of such names, with 9.orva before 10.orva.
+    dtype, row0: as for `orva.rows`, for all files; by default their own.
+    partition_bytes: approximate bytes of rows in a partition, also as a text such as "64MiB"; a file has as many
+        partitions as come nearest to it, but no more than it has blocks.
 
-    Errors here: those of `orva.rows`; ValueError for no file, and for files of different dtypes. Errors of the tasks:
-    OSError; DamagedFileError; FileChangedError for a file that was replaced by one with other rows, and for a block
-    that an append has rewritten since the worker opened the file; UnfinishedFileError for a file that it opens during
-    an append. Tasks do not see rows that were added meanwhile.
+    Errors here: those of `orva.rows`; FileNotFoundError if a * stands for no file; ValueError for no path, and for files
+    of different dtypes. Errors of the tasks: OSError; DamagedFileError; FileChangedError for a file that was replaced by
+    one with other rows, and for a block that an append has rewritten since the worker opened the file;
+    UnfinishedFileError for a file that it opens during an append. Tasks do not see rows that were added meanwhile.
     """
+    if isinstance(partition_bytes, str):
+        partition_bytes = int(parse_bytes(partition_bytes))
     if operator.index(partition_bytes) < 1:
         raise ValueError("partition_bytes must be 1 or more")
-    listed = [path_of(paths)] if isinstance(paths, (str, os.PathLike)) else paths_of(paths)
+    options = storage_options or {}
+    given = [path_of(paths)] if isinstance(paths, (str, os.PathLike)) else paths_of(paths)
+    listed = [name for path in given for name in _names(path, options)]
     if not listed:
         raise ValueError("expected at least one path")
     parts: list[_Part] = []
     first: Rows | None = None
     number = 0
-    for file, rows in _files(listed, dtype, storage_options or {}):
+    for file, rows in _files(listed, dtype, row0_of(row0), options):
         first = first or rows
         if rows._row != first._row:
             raise ValueError(f'"{file.url}" has rows of {rows._row}, but "{listed[0]}" has rows of {first._row}')

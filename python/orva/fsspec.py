@@ -72,7 +72,7 @@ class _Buffered(io.BufferedReader):
     """A buffered file that has its size and pickles by being opened again, as fsspec's own files do."""
 
     def __init__(self, fs: OrvaFileSystem, path: str, pos: int = 0) -> None:
-        file = File(source(fs._target, fs._path(path)))
+        file = File(source(fs._target, fs._path(path)), row0=fs._row0)
         self._again = fs, path
         self.size = file.seek(0, io.SEEK_END)
         file.seek(pos)
@@ -87,7 +87,7 @@ class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
 
     fo: the file under the path ''. target_protocol, target_options: make the target, as for `fsspec.filesystem`. Name
     several files by their paths: of a list of `orva::` URLs fsspec passes on only the first, or, in older versions, a
-    list, which is refused.
+    list, which is refused. row0: as for `orva.open`, in each file.
 
     `info` opens a file, since its size is that of the rows; `ls`, and so a glob, opens none and gives no sizes. `ukey`
     is the target's. Opening takes at most three reads of the store, each block then one. Writing is
@@ -97,13 +97,19 @@ class OrvaFileSystem(AbstractFileSystem):  # type: ignore[misc]
     protocol = "orva"
 
     def __init__(
-        self, fo: str = "", target_protocol: str = "file", target_options: dict[str, Any] | None = None, **options: Any
+        self,
+        fo: str = "",
+        target_protocol: str = "file",
+        target_options: dict[str, Any] | None = None,
+        row0: int | None = None,
+        **options: Any,
     ) -> None:
         super().__init__(**options)
         if not isinstance(fo, str):
             raise ValueError("orva:: opens one file: for several, use orva:// paths and set target_protocol in storage_options")
         self._target = fsspec.filesystem(target_protocol, **(target_options or {}))
         self._fo = self._target._strip_protocol(fo) if fo else ""
+        self._row0 = row0
 
     def _path(self, path: str) -> str:
         own = self._strip_protocol(path)

@@ -204,6 +204,19 @@ def test_frames_number_rows_and_read_the_columns_that_are_wanted(tmp_path: Path)
     assert frame.price.sum().compute() == pytest.approx(both.price.sum())
 
 
+def test_files_by_a_pattern_whose_rows_begin_at_row0(here: Path) -> None:
+    orva._orva.create(b"10.orva", b"a part of another program", 1, True, 1, BLOCK).finish()
+    orva.append("10.orva", ROWS, row0=25, block=BLOCK)
+    Path("9.orva").write_bytes(Path("10.orva").read_bytes())
+    orva.append("9.orva", ROWS[:5], row0=25)
+    MemoryFileSystem().put([f"{here}/9.orva", f"{here}/10.orva"], "/some/")
+    for pattern in "[0-9]*.orva", f"file://{here}/*[0-9].orva", "memory://some/*", "simplecache::memory://some/*":
+        parts: Any = orva.dask.from_rows(pattern, ROWS.dtype, row0=25, partition_bytes="64 KiB")
+        assert parts.npartitions == 12 and np.array_equal(parts.compute(), np.concatenate([ROWS, ROWS[:5], ROWS]))
+    with fsspec.open("orva::memory://some/9.orva", orva={"row0": 25}) as file:
+        assert len(pickle.loads(pickle.dumps(file)).read()) == ROWS.nbytes + ROWS[:5].nbytes
+
+
 NUMBERS = da.arange(100, chunks=10)
 COLUMNS = pd.DataFrame({"n": np.arange(100), "x": np.ones(100)})
 COLLECTIONS: dict[str, tuple[Any, Any]] = {

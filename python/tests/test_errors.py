@@ -109,7 +109,8 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "opens one file", lambda: fsspec.filesystem("orva", fo=["a", "b"])),
     (ValueError, "at least one path", lambda: orva.dask.from_rows([])),
     (ValueError, "numbers.orva\" has rows of float64", lambda: orva.dask.from_rows(["trades.orva", "numbers.orva"]), lambda: orva.join(["bytes.orva", "trades.orva", "numbers.orva"], "a")),
-    (ValueError, "partition_bytes must be 1 or more", lambda: orva.dask.from_rows("numbers.orva", partition_bytes=0)),
+    (ValueError, "partition_bytes must be 1 or more", lambda: orva.dask.from_rows("numbers.orva", partition_bytes="0 MiB")),
+    (FileNotFoundError, "no file has such a name: 'no\\*'", lambda: orva.dask.from_rows("no*")),
     (ValueError, "but its collection has", lambda: to_rows(da.ones(4, chunks=2).map_blocks(lambda x: x > 0, dtype="f8"))),
     (TypeError, "expected a dask array", lambda: to_rows(da.ones(4).sum()), lambda: to_rows(np.ones(4)), lambda: to_rows(OBJECTS.text)),
     (TypeError, "not a pandas.*DataFrame", lambda: to_rows(TEXTS)),
@@ -120,7 +121,7 @@ NUMBERS: dict[str, tuple[Any, ...]] = {
     "threads": (-1, "number of threads", 1 << 31, rows, writer, partial(write, [1]), partial(orva.append, "numbers.orva", [1.0]), partial(orva.verify, "bytes.orva")),
     "level": (0, "level must be 1 to .*, got 0", 1 << 31, writer, partial(write, [1]), partial(orva.append, "numbers.orva", [1.0])),
     "block": (0, "65,536 to 4,190,208", 1 << 63, writer, partial(write, [1]), partial(orva.append, "numbers.orva", [1.0])),
-    "row0": (0, "row0 must be 1 or more, got 0", 1 << 63, read, *(partial(work, "bytes.orva") for work in (orva.info, orva.verify, recover, orva.to_frame)), partial(orva.append, "bytes.orva", []), partial(orva.join, ["bytes.orva"], "new.orva")),
+    "row0": (0, "row0 must be 1 or more, got 0", 1 << 63, read, *(partial(work, "bytes.orva") for work in (orva.info, orva.verify, recover, orva.to_frame)), partial(orva.append, "bytes.orva", []), partial(orva.dask.from_rows, "bytes.orva"), partial(orva.join, ["bytes.orva"], "new.orva")),
 }
 for name, (refused, text, far, *calls) in NUMBERS.items():
     wrong = [(ValueError, text, refused), (ValueError, f"{name} is out of range: {far}", far), (TypeError, f"{name} must be an integer, not 2.0", 2.0)]
