@@ -22,7 +22,8 @@ if TYPE_CHECKING:
 
 _FIRST = "orva dictionary 1 row0="
 _STEP = 512
-_LONGEST = 1 << 20  # a longer part is another program's
+_LONGEST = 1 << 20
+_PARTS = range(_STEP, _LONGEST + 1, _STEP)  # parts of other lengths are other programs'
 # The strings that dtype_to_descr makes of dtypes without fields. numpy accepts more, and some of that ends the process.
 _PLAIN = re.compile(r"[<>|=][?a-zA-Z]\d*(\[\d*[a-zA-Z]+\])?")
 
@@ -75,8 +76,10 @@ def of_dictionary(part: bytes, path: str, row0: int | None) -> np.dtype[Any] | N
     """The dtype that a dictionary part states for the rows after it, or None. Its first line says where these begin: a
     part that holds a whole file states that file's dtype, not that of the rows at `row0`."""
     lines = part.decode("utf-8", "replace").split("\n", 2)
-    first = _FIRST if row0 is None else f"{_FIRST}{row0:010d}"
-    if len(lines) < 3 or not lines[0].startswith(first) or not lines[1].startswith("dtype="):
+    begin = re.match(_FIRST + "([0-9]{10})", lines[0])
+    if len(lines) < 3 or begin is None or not lines[1].startswith("dtype="):
+        return None
+    if int(begin[1]) not in _PARTS or row0 not in (None, int(begin[1])):
         return None
     try:
         return checked(descr_to_dtype(_tuples(json.loads(lines[1][6:]))))  # type: ignore[no-untyped-call]
@@ -85,9 +88,7 @@ def of_dictionary(part: bytes, path: str, row0: int | None) -> np.dtype[Any] | N
 
 
 def of_reader(reader: _orva.Reader, path: str) -> np.dtype[Any] | None:
-    if reader.row0 % _STEP != 0 or reader.row0 > _LONGEST:
-        return None
-    return of_dictionary(reader.dictionary(), path, reader.row0)
+    return of_dictionary(reader.dictionary(), path, reader.row0) if reader.row0 in _PARTS else None
 
 
 def of_file(path: str, row0: int | None) -> np.dtype[Any] | None:

@@ -124,6 +124,12 @@ def test_whole_files(here: Path) -> None:
     assert orva.join(["trades.orva"] * 2, "all.orva").size == 2 * len(BYTES) == orva.rows("all.orva").nbytes
 
 
+def test_append_knows_a_dtype_where_rows_does(here: Path) -> None:
+    orva._orva.create(b"theirs.orva", b'orva dictionary 1 row0=0000000050\ndtype="<i8"\n    ', 1, True, 1, 0).finish()
+    orva.append("theirs.orva", ROWS)
+    assert (orva.rows("theirs.orva", ROWS.dtype)[:] == ROWS).all()
+
+
 def test_of_two_parts_row0_names_one(here: Path) -> None:
     first = Path("numbers.orva").read_bytes() + bytes(512)
     first = first[: len(first) // 512 * 512]
