@@ -190,7 +190,7 @@ def _read(part: _Part) -> Any:
 class _ReadFrame:
     """Reads a partition as a frame of these columns. Dask asks for fewer columns if it needs no more."""
 
-    def __init__(self, columns: list[str] | None) -> None:
+    def __init__(self, columns: Sequence[str] | None) -> None:
         self.columns = columns
 
     def project_columns(self, columns: list[str]) -> _ReadFrame:
@@ -211,6 +211,7 @@ def from_rows(
     dtype: npt.DTypeLike = None,
     *,
     frame: bool = False,
+    columns: Sequence[str] | None = None,
     partition_bytes: int | str = 1 << 26,
     row0: int | None = None,
     storage_options: dict[str, Any] | None = None,
@@ -226,6 +227,7 @@ def from_rows(
     paths: paths that lead to the same files on each worker, or URLs of fsspec's file systems, which get
         `storage_options`. One with a * stands for all files of such names, with 9.orva before 10.orva.
     dtype, row0: as for `orva.rows`, for all files; by default their own.
+    columns: of a frame, the fields to read, in this order; by default all.
     partition_bytes: approximate bytes of rows in a partition, also as a text such as "64MiB"; a file has as many
         partitions as come nearest to it, but no more than it has blocks.
 
@@ -236,6 +238,8 @@ def from_rows(
     """
     if isinstance(partition_bytes, str):
         partition_bytes = int(parse_bytes(partition_bytes))
+    if columns is not None and not frame:
+        raise ValueError("columns are those of a frame: pass frame=True, or select the fields of the array")
     if operator.index(partition_bytes) < 1:
         raise ValueError("partition_bytes must be 1 or more")
     options = storage_options or {}
@@ -255,8 +259,8 @@ def from_rows(
     assert first is not None
     parts = parts or [_Part(file, 0, 0, 0)]
     ranges = [(part.file.token, part.file.fingerprint, part.first, part.stop) for part in parts]
-    name = f"orva-rows-{tokenize(ranges, first._row, frame)}"  # type: ignore[no-untyped-call]
-    return _frame(parts, name, first) if frame else _array(parts, name, first)
+    name = f"orva-rows-{tokenize(ranges, first._row, frame, columns)}"  # type: ignore[no-untyped-call]
+    return _frame(parts, name, first, columns) if frame else _array(parts, name, first)
 
 
 def _array(parts: list[_Part], name: str, like: Rows) -> Array:
@@ -269,15 +273,15 @@ def _array(parts: list[_Part], name: str, like: Rows) -> Array:
     return Array(graph, name, chunks, like.dtype)  # type: ignore[no-untyped-call]
 
 
-def _frame(parts: list[_Part], name: str, like: Rows) -> DataFrame:
+def _frame(parts: list[_Part], name: str, like: Rows, columns: Sequence[str] | None) -> DataFrame:
     from dask.dataframe.io.io import from_map
 
-    meta = frame_of(like, None, 0, 0, range(0))
+    meta = frame_of(like, columns, 0, 0, range(0))
     end = parts[-1].number + parts[-1].stop - parts[-1].first
     divisions = (*(part.number for part in parts), max(end - 1, 0))
     label, token = name.rsplit("-", 1)
     return from_map(  # type: ignore[no-untyped-call, no-any-return]
-        _ReadFrame(None), parts, meta=meta, divisions=divisions, label=label, token=token, enforce_metadata=False
+        _ReadFrame(columns), parts, meta=meta, divisions=divisions, label=label, token=token, enforce_metadata=False
     )
 
 

@@ -202,6 +202,8 @@ def test_frames_number_rows_and_read_the_columns_that_are_wanted(tmp_path: Path)
     assert frame.npartitions == 10 and frame.known_divisions and frame.compute().equals(both)
     assert frame.loc[19_990:20_010].compute().equals(both.loc[19_990:20_010])
     assert frame.price.sum().compute() == pytest.approx(both.price.sum())
+    frame = orva.dask.from_rows(tmp_path / "a", frame=True, columns=["price"])
+    assert frame.compute().equals(pd.DataFrame({"price": rows["price"]}))
 
 
 def test_files_by_a_pattern_whose_rows_begin_at_row0(here: Path) -> None:

@@ -110,6 +110,7 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "at least one path", lambda: orva.dask.from_rows([])),
     (ValueError, "numbers.orva\" has rows of float64", lambda: orva.dask.from_rows(["trades.orva", "numbers.orva"]), lambda: orva.join(["bytes.orva", "trades.orva", "numbers.orva"], "a")),
     (ValueError, "partition_bytes must be 1 or more", lambda: orva.dask.from_rows("numbers.orva", partition_bytes="0 MiB")),
+    (ValueError, "pass frame=True", lambda: orva.dask.from_rows("trades.orva", columns=["time"])),
     (FileNotFoundError, "no file has such a name: 'no\\*'", lambda: orva.dask.from_rows("no*")),
     (ValueError, "but its collection has", lambda: to_rows(da.ones(4, chunks=2).map_blocks(lambda x: x > 0, dtype="f8"))),
     (TypeError, "expected a dask array", lambda: to_rows(da.ones(4).sum()), lambda: to_rows(np.ones(4)), lambda: to_rows(OBJECTS.text)),
