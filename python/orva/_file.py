@@ -147,8 +147,8 @@ class File(io.RawIOBase):
         return self.read()
 
     def peek(self, size: int = 0) -> bytes:
-        """Some of the next bytes, without moving past them; none only at the end. io's `readline` finds the end of a line
-        in them, and else would read byte by byte. They are of one block: the next may be damaged."""
+        """Some of the next bytes, without moving past them; none only at the end. io's `readline` finds the end of a
+        line in them, and else would read byte by byte. They are of one block: the next may be damaged."""
         reader = (self._opened or self._no_reader("read")).reader
         return reader.read_bytes(self._pos, min(reader.end_of_block(self._pos) - self._pos, _PEEK))
 

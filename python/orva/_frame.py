@@ -33,7 +33,7 @@ def frame_of(
             raise ValueError(f"rows of {rows.dtype} have no field {name!r}")
         field = rows.dtype[name]
         if field.subdtype is not None or field.names is not None:
-            raise ValueError(f"field {name!r} of {field} cannot be a column: its values have several parts")
+            raise ValueError(f"field {name!r} of {field} cannot be a column, since its values have several parts: leave it out of columns")
         # pandas has no columns of bytes: it would keep these as they are, and fail when it looks for missing values.
         parts[name] = np.empty(stop - first, object if field.kind in "SV" else field.newbyteorder("="))
     done = 0

@@ -95,10 +95,10 @@ def append(
 ) -> None:
     """Adds rows to a finished file, durably; a crash at any instant can be undone.
 
-    row0, threads, level, block: as for `orva.open`. roll_back: first undoes what an interrupted append has left, which is UnfinishedFileError
-    otherwise. Errors: OSError (FileNotFoundError, BlockingIOError while another writer is at work); ValueError for rows
-    of another dtype than the file's, or if rows of this dtype do not divide the file's. After an error the file is as
-    it was.
+    row0, threads, level, block: as for `orva.open`. roll_back: first undoes what an interrupted append has left, which is
+    UnfinishedFileError otherwise. Errors: OSError (FileNotFoundError, BlockingIOError while another writer is at work);
+    ValueError for rows of another dtype than the file's, or if rows of this dtype do not divide the file's. After an
+    error the file is as it was.
     """
     values, row = _rows_of(array)
     name, row0 = name_of(path), row0_of(row0)
