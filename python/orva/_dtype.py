@@ -32,10 +32,11 @@ def checked(dtype: npt.DTypeLike) -> np.dtype[Any]:
     """The dtype, if its values are nothing but their bytes; else ValueError."""
     made = np.dtype(dtype)
     if made.hasobject:
-        of = ", ".join(repr(name) for name, (of, *_) in (made.fields or {}).items() if of.hasobject) or str(made)
+        of = ", ".join(repr(name) for name, (of, *_) in (made.fields or {}).items() if of.hasobject)
         raise ValueError(
-            f"values of {of} are Python objects, which a file cannot hold: convert them with astype, such as 'f8' for Int64"
-            " with missing values, or texts with column_dtypes of to_records, such as 'S4'"
+            f"values {f'of {of} ' if of else ''}are Python objects, which a file cannot hold: convert them with astype, such"
+            " as 'f8' for Int64 with missing values, times with a zone with tz_convert(None), or texts with column_dtypes of"
+            " to_records, such as 'S4'"
         )
     if made.itemsize == 0:
         raise ValueError(f"expected a dtype of at least one byte, got {made}")
