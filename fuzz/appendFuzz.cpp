@@ -11,6 +11,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto stream = std::make_unique<zcmpsFilestr>(ORVA_FileStream(in.name.c_str(), "rb"));
     const bool hasWorker = in.steps.ConsumeIntegralInRange(0, 15) == 0;
     stream->setThreadCount(hasWorker ? 2 : 0);
-    PartModel(in.name, kPlace, in.swap, in, inflated).append(std::move(stream), hasWorker);
+    PartModel{in.name, kPlace, in.swap, in, inflated}.append(std::move(stream), hasWorker);
     return 0;
 }

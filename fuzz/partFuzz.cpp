@@ -16,33 +16,26 @@ bool opens(const Input& in, const orva::foundPart& where) {
             "blocks and rows are counted");
     require(soundFor([&] { part->verifyIndex(); }) == reference.contiguous, "verifyIndex finds every gap");
     for (std::uint32_t i = 0; i < part->blockCount(); ++i) {
-        require(soundFor([&] { part->verifyBlock(i); }) == reference.blocks[i].rows.has_value(),
+        require(soundFor([&] { part->verifyBlock(i); }) == reference.blocks[i].has_value(),
                 "a block is sound exactly when its stream is whole and as its record says");
     }
     return true;
 }
 
-// Sets the threading: mostly none, since threads take time and most checks of reading need none. Returns whether the
-// stream may open the file anew; with one worker it may not.
-bool setThreading(zcmpsFilestr& stream, FuzzedDataProvider& steps) {
-    const int kind = steps.ConsumeIntegralInRange(0, 15);
-    if (kind < 2) stream.setMultiThread(2);
-    if (kind == 2 || kind == 3) stream.setThreadCount(2);
-    stream.setBlockCache(steps.ConsumeIntegralInRange(0, 3));
-    return kind >= 2;
-}
+// Mostly none, since threads take time and most checks of reading need none.
+constexpr int kThreadings[] = {2, kTwo, 0, 0, 0, 0, 0, 0};
 
 // orva::Reader detects the byte order itself.
-void readByPlace(const Input& in, FuzzedDataProvider& steps) {
+void readByPlace(Input& in) {
     const Part native(in.file, kPlace, false), swapped(in.file, kPlace, true);
     const Part& reference = native.layout.heading._caseStartPos == kPlace ? native : swapped;
     std::optional<orva::Reader> reader;
-    const orva::ReaderOptions options{kPlace, 1, steps.ConsumeIntegralInRange(0, 2)};
+    const orva::ReaderOptions options{kPlace, 1, in.steps.ConsumeIntegralInRange(0, 2)};
     const bool opens = soundFor<orva::DamagedFileError>([&] { reader.emplace(in.name, options); });
     require(opens == reference.opens, "a Reader opens exactly when heading and index can be true");
     for (int i = 0; opens && i < 4; ++i) {
-        const std::int64_t offset = steps.ConsumeIntegral<std::uint16_t>();
-        const auto size = steps.ConsumeIntegralInRange<std::uint32_t>(0, 3 * kBlockSize);
+        const std::int64_t offset = in.steps.ConsumeIntegral<std::uint16_t>();
+        const auto size = in.steps.ConsumeIntegralInRange<std::uint32_t>(0, 3 * kBlockSize);
         readAsTheOther<orva::DamagedFileError>(reference, kPlace + offset, size, [&](Bytes& rows) {
             return (rows = rowsAt(*reader, offset, size)).size();
         });
@@ -75,14 +68,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const int way = in.steps.ConsumeIntegralInRange(0, 7);
     if (way == 0) joinTwice(in.name);
     if (way < 4) {
-        readByPlace(in, in.steps);
+        readByPlace(in);
         return 0;
     }
     zcmpsFilestr stream(ORVA_FileStream(in.name.c_str(), "rb"));
-    const bool opensAnew = setThreading(stream, in.steps);
+    const int threading = in.steps.PickValueInArray(kThreadings);
+    setThreading(stream, threading);
+    stream.setBlockCache(in.steps.ConsumeIntegralInRange(0, 3));
     require(soundFor([&] { stream.readFilePosInfo(kPlace, in.swap); }) == opened, "a stream opens the same parts");
-    PartModel model(in.name, kPlace, in.swap, in, inflated);
-    while (opened && in.steps.remaining_bytes() != 0) model.read(stream, opensAnew);
+    PartModel model{in.name, kPlace, in.swap, in, inflated};
+    while (opened && in.steps.remaining_bytes() != 0) model.read(stream, threading != 2);
     unsigned char byte = 0;
     require(opened || !soundFor([&] { stream.Read(&byte, 1); }), "a part that does not open cannot be read");
     require(stream.Close() == 1, "a reader closes");

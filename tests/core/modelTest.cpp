@@ -133,7 +133,7 @@ TEST_F(CompressedModel, H1_H3_M1_M4_BlocksAndRowsAreThoseThatWereWritten) {
             // In the other byte order until an append is finished.
             bool swap = Layout(readBytes(fName)).heading._caseStartPos != kRow0;
             if (!swap && random.oneIn(3)) swap = true, writeBytes(fName, swapped(readBytes(fName), kRow0));
-            PartModel model(fName, kRow0, swap, random);
+            PartModel model{fName, kRow0, swap, random};
             Reader reader(fName, session == 6 ? 0 : threading, kRow0, swap);
             for (int i = 0; i < kReads && !HasFailure(); ++i) model.read(*reader, threading == 0 || threading > 100);
             if (model.old.end > kRow0 + 3 * kBlock) continue;

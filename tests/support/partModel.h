@@ -82,17 +82,13 @@ struct Given {
 
 // A model of the file as it is at construction.
 struct PartModel {
-    PartModel(std::string of, std::int64_t begin, bool swapped, Choices& numbers,
-              secondReader::Inflate inflate = byZlib)
-        : name(std::move(of)), row0(begin), swap(swapped), any(numbers), inflates(inflate) {}
-
     // Reads by a stream that has opened the file. All but those with one worker may open it anew.
     void read(zcmpsFilestr& stream, bool opensAnew) {
         std::size_t size = anySize(any);
         const std::uint64_t kind = any.below(12);
         if (kind < 4) at = any.between(row0 - 3, std::min(old.end, INT64_MAX - 3) + 3);
         if (kind == 4 && !old.blocks.empty()) {
-            const filePosRecord& block = old.blocks[any.below(old.blocks.size())].record;
+            const filePosRecord& block = old.layout.records[any.below(old.blocks.size())];
             at = block.orginalPos;
             size = std::min(static_cast<std::size_t>(block.orginalSize), std::size_t{kBlockSize}) * (1 + any.below(2));
         }
@@ -117,7 +113,7 @@ struct PartModel {
         const std::int64_t from = any.between(row0, old.end);
         Bytes rows(anySize(any));
         stream.Seek(from, ORVA_StrBaseIO::SeekFromStart);
-        const std::int64_t kept = old.blocks.empty() ? row0 : old.blocks.back().record.orginalPos;
+        const std::int64_t kept = old.blocks.empty() ? row0 : old.layout.records.back().orginalPos;
         const bool isKept = from + std::ssize(rows) <= kept;
         const bool same = soundFor<FileChangedError>([&] { rows.resize(stream.Read(rows.data(), sizeOf(rows))); });
         require(same || !isKept, "what an append does not write over stays readable");
@@ -133,9 +129,9 @@ struct PartModel {
         given.choose(*stream, any);
         stream->setSafeAppend(way < 2 || any.oneIn(3));
         if (!soundFor([&] { stream->readFilePosInfo(row0, swap); })) return;
-        const filePosRecord* const last = old.blocks.empty() ? nullptr : &old.blocks.back().record;
+        const filePosRecord* const last = old.blocks.empty() ? nullptr : &old.layout.records.back();
         given.open = last != nullptr && last->orginalSize < given.length;
-        const bool takesRows = old.contiguous && (!given.open || old.blocks.back().rows);
+        const bool takesRows = old.contiguous && (!given.open || old.blocks.back());
         given.sizes = old.layout.sizes;
         // A short last block is reopened, cut or not.
         std::int64_t from = old.end;
@@ -220,11 +216,12 @@ struct PartModel {
         require(part.read(row0, from - row0) == old.read(row0, from - row0), "the old rows are there");
     }
 
-    const std::string name, sideName = orva::sideFileName(name);
+    const std::string name;
     const std::int64_t row0;
     const bool swap;
     Choices& any;
-    const secondReader::Inflate inflates;
+    const secondReader::Inflate inflates = byZlib;
+    const std::string sideName = orva::sideFileName(name);
     const Bytes file = readBytes(name);
     const secondReader old{file, row0, swap, inflates};
     std::int64_t at = row0;  // the stream's position

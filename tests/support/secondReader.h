@@ -70,14 +70,10 @@ struct Layout {
 // A reader made from docs/format.md and the codec alone.
 struct secondReader {
     using Inflate = Inflated (*)(const unsigned char* from, std::size_t size, std::size_t room);
-    struct Block {
-        filePosRecord record;
-        std::optional<Bytes> rows;  // empty if it is damaged
-    };
     const Bytes& file;
     const std::int64_t row0;
     const Layout layout;
-    std::vector<Block> blocks{};
+    std::vector<std::optional<Bytes>> blocks{};    // the rows of each; none if it is damaged
     std::int64_t end = row0;                       // end of the rows
     std::int64_t blocksEnd = row0 + kHeadingSize;  // end of the contiguous blocks in the file
     bool opens;
@@ -87,10 +83,9 @@ struct secondReader {
     // `from` is the caller's, and must outlive this.
     secondReader(const Bytes& from, std::int64_t at, bool swap, Inflate inflate = byZlib)
         : file(from), row0(at), layout(from, at, swap), opens(takeIndex()) {
-        if (!opens) blocks.clear();
         for (std::size_t i = 0; i < blocks.size(); ++i) takeBlock(i, inflate);
         contiguous = opens && contiguous && (blocks.empty() || layout.heading._indexPos >= blocksEnd);
-        sound = contiguous && std::all_of(blocks.begin(), blocks.end(), [](auto& b) { return !!b.rows; });
+        sound = contiguous && std::all_of(blocks.begin(), blocks.end(), [](auto& rows) { return !!rows; });
     }
 
     bool takeIndex() {
@@ -99,27 +94,27 @@ struct secondReader {
         if (first.orginalPos != kFirstRecordMark || first.orginalSize < 1) return false;
         if (first.translateSize != std::ssize(records)) return false;
         for (const filePosRecord& r : records) {
-            const bool ascends = blocks.empty() ? r.orginalPos == row0 : r.orginalPos > blocks.back().record.orginalPos;
+            const bool ascends = &r == &records.front() ? r.orginalPos == row0 : r.orginalPos > (&r - 1)->orginalPos;
             if (!ascends || r.orginalSize < 1 || r.orginalPos > INT64_MAX - r.orginalSize) return false;
-            blocks.push_back({r, {}});
         }
+        blocks.resize(records.size());
         return true;
     }
 
     void takeBlock(std::size_t number, Inflate inflate) {
-        const filePosRecord& r = blocks[number].record;
+        const filePosRecord& r = layout.records[number];
         const auto i = static_cast<std::ptrdiff_t>(number);
         const std::int64_t most = kBlockSize;
         const bool fits = r.orginalSize <= most && r.translateSize >= 1 && r.translateSize <= most;
         contiguous = contiguous && fits && r.orginalPos == end && r.translatePos == blocksEnd;
         if (contiguous) blocksEnd += r.translateSize;
         end = r.orginalPos + r.orginalSize;
-        const bool touches = number + 1 == blocks.size() || end == blocks[number + 1].record.orginalPos;
+        const bool touches = number + 1 == blocks.size() || end == layout.records[number + 1].orginalPos;
         if (!fits || !touches || !place(i) || yields(i, i - 1) || yields(i, i + 1)) return;
         const Inflated made =
             inflate(file.data() + r.translatePos, static_cast<std::size_t>(r.translateSize), kBlockSize);
         const bool asRecorded = std::ssize(made.rows) == r.orginalSize && made.taken == r.translateSize;
-        if (made.whole && asRecorded) blocks[number].rows = made.rows;
+        if (made.whole && asRecorded) blocks[number] = made.rows;
     }
 
     // Where the bytes of block `i` are, if it exists and its record can be true.
@@ -150,12 +145,13 @@ struct secondReader {
     std::optional<Bytes> read(std::int64_t pos, std::int64_t size) const {
         Bytes rows;
         while (std::ssize(rows) < size && pos >= row0 && pos < end) {
-            const auto block =
-                std::find_if(blocks.rbegin(), blocks.rend(), [&](auto& b) { return b.record.orginalPos <= pos; });
-            const std::int64_t left = block->record.orginalPos + block->record.orginalSize - pos;
-            if (left <= 0 || !block->rows) return std::nullopt;
+            const auto record = std::find_if(layout.records.rbegin(), layout.records.rend(),
+                                             [&](const filePosRecord& r) { return r.orginalPos <= pos; });
+            const auto& block = blocks[static_cast<std::size_t>(layout.records.rend() - record - 1)];
+            const std::int64_t left = record->orginalPos + record->orginalSize - pos;
+            if (left <= 0 || !block) return std::nullopt;
             const std::int64_t count = std::min(left, size - std::ssize(rows));
-            rows = std::move(rows) + slice(*block->rows, std::ssize(*block->rows) - left, count);
+            rows = std::move(rows) + slice(*block, std::ssize(*block) - left, count);
             pos += count;
         }
         return rows;
