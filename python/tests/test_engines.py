@@ -168,7 +168,6 @@ CHANGES: dict[str, tuple[Any, Any, Any, bool]] = {
     "one row": (RANDOM, write, [*RANDOM[:50_000], 1, *RANDOM[50_001:]], False),
     "the last row": (RANDOM, write, [*RANDOM[:-1], 1], False),
     "the last row, and one more": (RANDOM, write, [*RANDOM[:-1], 1, 1], False),
-    "one of one block, and one more": (RANDOM[:9], write, RANDOM[5:15], False),
     "fewer rows": (RANDOM, write, RANDOM[:-1], False),
     "other blocks": (RANDOM, orva.write, RANDOM, False),
 }

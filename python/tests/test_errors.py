@@ -45,18 +45,15 @@ OBJECTS = dd.from_pandas(TEXTS, npartitions=1)
 # Class, text, and the calls that raise it.
 BAD: list[tuple[Any, ...]] = [
     # Files.
-    (FileNotFoundError, "cannot read: .*check the name: 'none.orva'", lambda: orva.open("none.orva")),
     (FileExistsError, "already exists", lambda: orva.open("bytes.orva", "xb"), lambda: orva.join(["bytes.orva"], "bad.orva")),
     (orva.DamagedFileError, "specify row0", lambda: orva.open(io.BytesIO(b"x"))),
     (orva.DamagedFileError, "its dtype is invalid", of_no_dtype),
-    (orva.DamagedFileError, '"bad.orva": damaged: ', lambda: orva.open("bad.orva").read(), lambda: orva.rows(open("bad.orva", "rb"))["time"]),
-    (orva.DamagedFileError, "damaged: ", lambda: orva.rows("bad.orva").search("time", 0, 2), lambda: orva.to_frame("bad.orva", ["time"])),
+    (orva.DamagedFileError, '"bad.orva": damaged: ', lambda: orva.open("bad.orva").read(), lambda: orva.rows(open("bad.orva", "rb"))["time"], lambda: orva.rows("bad.orva").search("time", 0, 2), lambda: orva.to_frame("bad.orva", ["time"])),
     (orva.FileChangedError, "numbers.orva.* has changed since", lambda: [rows(), orva.append("numbers.orva", [1.0])][0][:]),
     (ValueError, "released memoryview", of_a_failed_read),
     # Paths.
     (ValueError, "embedded null character", lambda: orva.open("a\0b")),
-    (TypeError, "a path .* or a binary file object, not (bytes|StringIO)", lambda: orva.open(b"a"), lambda: orva.open(io.StringIO())),
-    (TypeError, "a path .*os.PathLike.* not (DirEntry|bytes)", lambda: orva.rows(next(os.scandir(b"."))), lambda: orva.join([b"a"], "a")),
+    (TypeError, "a path .*os.PathLike.* not (bytes|StringIO|DirEntry)", lambda: orva.open(b"a"), lambda: orva.open(io.StringIO()), lambda: orva.rows(next(os.scandir(b"."))), lambda: orva.join([b"a"], "a")),
     (TypeError, "not OpenFile: open it first", lambda: orva.rows(fsspec.open("numbers.orva"))),
     (TypeError, "a list of paths, not .*(bytes.orva|None)", lambda: orva.join(b"bytes.orva", "a"), lambda: orva.dask.from_rows(None)),
     # Options.
@@ -66,18 +63,15 @@ BAD: list[tuple[Any, ...]] = [
     (TypeError, "progress must be callable, not 0", *(partial(work, progress=0) for work in WORK)),
     (ZeroDivisionError, "", *(partial(work, progress=lambda done, total: done // 0) for work in WORK)),
     # Streams.
-    (io.UnsupportedOperation, "^(write|truncate)$", lambda: read().write(b"x"), lambda: read().truncate()),
-    (io.UnsupportedOperation, "^(read|seek)$", lambda: writer().read(), lambda: writer().seek(0)),
+    (io.UnsupportedOperation, "^(write|truncate|read|seek)$", lambda: read().write(b"x"), lambda: read().truncate(), lambda: writer().read(), lambda: writer().seek(0)),
     (io.UnsupportedOperation, "not readable", lambda: orva.open(io.BufferedWriter(io.BytesIO()))),
     (ValueError, "negative seek position -1", lambda: read().seek(-10, 2)),
     (TypeError, "cannot be interpreted as an integer", lambda: read().read(1.5), lambda: read().seek(0.5)),
     (TypeError, "writable contiguous", lambda: read().readinto(b"12"), lambda: read().readinto(np.zeros(4, "u1")[::2])),
     (TypeError, "a writer cannot be pickled", lambda: writer().__reduce__()),
     (ValueError, "closed file", lambda: closed(read()).read(1), lambda: closed(read()).tell(), lambda: closed(read()).__reduce__()),
-    (ValueError, "closed file", lambda: closed(rows())[0], lambda: closed(rows()).iter_chunks(), lambda: closed(rows()).__enter__()),
-    (ValueError, "closed file", lambda: orva.write("numbers.orva", []) or closed(rows()).search(None, 0, 1)),
+    (ValueError, "closed file", lambda: closed(rows())[0], lambda: closed(rows()).iter_chunks(), lambda: closed(rows()).__enter__(), lambda: orva.write("numbers.orva", []) or closed(rows()).search(None, 0, 1)),
     # Rows.
-    (ValueError, "does not state the dtype", lambda: orva.rows("bytes.orva")),
     (ValueError, "9 bytes of rows are not a multiple of the 2 of int16", lambda: orva.rows("bytes.orva", "i2")),
     (ValueError, "rows of 21 bytes.*int64 has 8", lambda: trades("i8")),
     (ValueError, "^values are Python objects, .*tz_convert", lambda: write([None]), lambda: rows(object)),
@@ -91,7 +85,6 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "repack_fields", lambda: write(np.zeros(2, "u1,u2")[["f1", "f0"]])),
     (ValueError, "1,062,912 bytes", lambda: write(np.zeros(1, [(f"{i:0999}", "u1") for i in range(1_050)]))),
     (ValueError, "masked rows have no values", lambda: write(orva.rows("bad.orva", damaged="mask"))),
-    (ValueError, "rows of float64, not of int64", lambda: orva.append("numbers.orva", [1])),
     (ValueError, r"rows of float64, not of \[\('of', '<i8'\)\]$", lambda: orva.append("numbers.orva", TEXTS[["of"]])),
     (ValueError, "9 bytes of rows, not a multiple of the 8 of float64", lambda: orva.append("bytes.orva", [1.0])),
     (ValueError, "contiguous and writable", lambda: rows().read_into(np.zeros(4)[::2]), lambda: rows().read_into(np.frombuffer(bytes(8)))),
@@ -113,8 +106,7 @@ BAD: list[tuple[Any, ...]] = [
     (ValueError, "pass frame=True", lambda: orva.dask.from_rows("trades.orva", columns=["time"])),
     (FileNotFoundError, "no file has such a name: 'no\\*'", lambda: orva.dask.from_rows("no*")),
     (ValueError, "but its collection has", lambda: to_rows(da.ones(4, chunks=2).map_blocks(lambda x: x > 0, dtype="f8"))),
-    (TypeError, "expected a dask array", lambda: to_rows(da.ones(4).sum()), lambda: to_rows(np.ones(4)), lambda: to_rows(OBJECTS.text)),
-    (TypeError, "not a pandas.*DataFrame", lambda: to_rows(TEXTS)),
+    (TypeError, "expected a dask array .* not a (dask|numpy|pandas)", lambda: to_rows(da.ones(4).sum()), lambda: to_rows(np.ones(4)), lambda: to_rows(OBJECTS.text), lambda: to_rows(TEXTS)),
     (FileExistsError, "remove the directory", lambda: to_rows(da.ones(4), path="taken.orva")),
 ]
 # Numeric options: a number that the library refuses, its error, the first number beyond its types, and the calls.

@@ -8,7 +8,6 @@ import pickle
 import signal
 import subprocess
 import sys
-import threading
 import types
 import warnings
 from pathlib import Path
@@ -28,7 +27,6 @@ STEPS: list[Any] = [
     lambda file: (file.seek(0), file.readinto(to := bytearray(2 * BLOCK)), bytes(to)),
     lambda file: (file.seek(100), file.readline(), file.readall()),
     lambda file: (file.readable(), file.seekable(), file.writable(), file.isatty()),
-    lambda file: (file.seek(0), b"".join(iter(lambda: file.read(4_099), b""))),
 ]
 
 
@@ -53,11 +51,8 @@ def test_modes(here: Path) -> None:
             assert file.writable() and not file.readable() and not file.seekable()
             assert file.write(rows[-3:]) == 3 and (file.tell(), file.name, file.mode) == (len(rows), "new.orva", mode)
         assert orva.open("new.orva").read() == rows
-    with orva.open("text.orva", "xb", threads=2, block=BLOCK) as raw:
-        text = io.TextIOWrapper(io.BufferedWriter(raw), encoding="utf-8")
-        text.write("línea\n" * 50_000)
-        assert text.detach().detach().write(np.zeros(3, "M8[s]")) == 24
-    assert io.TextIOWrapper(io.BufferedReader(orva.open("text.orva")), encoding="utf-8").read() == "línea\n" * 50_000 + "\0" * 24
+    with orva.open("times.orva", "xb", threads=2) as file:
+        assert file.write(np.zeros(3, "M8[s]")) == 24
 
 
 def leave(file: orva.File) -> None:
@@ -144,7 +139,6 @@ def test_of_two_parts_row0_names_one(here: Path) -> None:
 
 LONG: dict[str, Callable[[str, int, Any], object]] = {
     "read": lambda name, threads, out: orva.open(name, threads=threads).readinto(out),
-    "every seventh row": lambda name, threads, out: orva.rows(name, threads=threads)[::-7],
     "verify": lambda name, threads, out: orva.verify(name, threads=threads),
     "search for a heading, in vain": lambda name, threads, out: orva.open("foreign"),
     "write": lambda name, threads, out: orva.write("new.orva", out, threads=threads, level=6),
@@ -201,17 +195,12 @@ def test_a_fork_while_threads_read(shared: Path, opened: Any) -> None:
         assert (rows[numbers] == ROWS[numbers]).all()
         assert (rows[int(numbers[0]) :] == ROWS[numbers[0] :]).all()
 
-    def read_on(seed: int) -> None:
-        while not done.is_set():
-            check(seed)
-            seed += 8
-
-    done = threading.Event()
     with concurrent.futures.ThreadPoolExecutor(8) as pool:
-        readers = [pool.submit(read_on, seed) for seed in range(8)]
+        checks = [pool.submit(check, seed) for seed in range(10_000)]  # more than the children need
         well = all(ends_well_in_a_child(lambda: check(seed)) for seed in range(20))
-        done.set()
-    assert well and not any(reader.exception() for reader in readers)
+        assert not checks[-1].done()
+        pool.shutdown(cancel_futures=True)
+    assert well and not any(done.exception() for done in checks if not done.cancelled())
 
 
 def test_a_fork_while_a_task_opens_its_file(shared: Path, monkeypatch: pytest.MonkeyPatch) -> None:
@@ -226,11 +215,6 @@ def test_a_fork_while_a_task_opens_its_file(shared: Path, monkeypatch: pytest.Mo
     assert np.array_equal(array.compute(scheduler="sync"), ROWS)
 
 
-def test_a_writers_child_writes_nothing(tmp_path: Path) -> None:
-    with orva.open(tmp_path / "new.orva", "xb") as file:
-        assert ends_well_in_a_child(lambda: pytest.raises(ValueError, file.write, b"more").match("another process"))
-
-
 def test_a_writer_tells_of_whole_writes_to_other_threads(tmp_path: Path) -> None:
     rows = bytes(1 << 27)
     with orva.open(tmp_path / "new.orva", "wb") as file, concurrent.futures.ThreadPoolExecutor(1) as pool:
@@ -241,7 +225,6 @@ def test_a_writer_tells_of_whole_writes_to_other_threads(tmp_path: Path) -> None
 
 MANY: list[tuple[int, Callable[[Path], object]]] = [
     (10_000, lambda home: orva.open(home / "trades.orva").read(1)),
-    (3_000, lambda home: orva.rows(io.FileIO(home / "trades.orva"))[0]),
     (3_000, lambda home: pytest.raises(orva.DamagedFileError, lambda: orva.rows(home / "bad.orva")[10_000])),
     (3_000, lambda home: orva.open(home / "new.orva", "xb").write(b"x")),
     (3_000, lambda home: setattr(source := Slow((home / "numbers.orva").read_bytes()), "rows", orva.rows(source))),

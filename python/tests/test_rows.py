@@ -63,11 +63,8 @@ def test_arrays_come_back(here: Path, written: Any) -> None:
 
 WISHES: dict[str, tuple[Any, int]] = {
     "permuted": (lambda rows: rows[np.random.default_rng(2).permutation(20_000)], 7),
-    "steps": (lambda rows: rows[5::2_000], 6),
     "numbers that are no list": (lambda rows: (rows[range(3)], rows[memoryview(b"12")], rows[INDEX]), 2),
     "field": (lambda rows: rows["price"], 7),
-    "chunks": (lambda rows: list(rows.iter_chunks()), 7),
-    "splits": (lambda rows: [rows[part] for part in rows.splits(7)], 7),
     "search": (lambda rows: rows.search("time", 9_000, 9_002), 4),
 }
 
@@ -91,7 +88,6 @@ def test_pieces_are_all_rows(shared: Path) -> None:
     out = np.zeros(9, TRADE)
     assert rows.read_into(out, 19_995) == 5 and np.array_equal(out[:5], ROWS[-5:])
     assert rows.read_into(out, 20_000) == rows.read_into(out, 1 << 62) == 0
-    assert orva.rows(shared / "numbers.orva").search(None, 2, 100) == slice(2, 10)
     assert [part.stop for part in rows.splits(1 << 70)][-1] == 20_000 and len(rows.splits(1 << 70)) == 7
 
 
