@@ -22,6 +22,5 @@ TEST(Consumer, KeepsItsNames) {
     static_assert(platform::value == 1);
     static_assert(!std::is_base_of_v<orva::Error, DamagedFileError>);
     static_assert(sizeof(FileError) == sizeof(ORVA_File));
-    static_assert(std::input_iterator<orva::Rows<int>::iterator> && std::ranges::input_range<orva::Rows<int>>);
     EXPECT_THROW(orva::Rows<int>(orva::Reader("none/such")), orva::SystemError);
 }

@@ -26,35 +26,24 @@ TEST_F(Reader, IsUsableAfterAForkWhileOthersRead) {
     reads(7, 300);
 }
 
-// As on two threads: the later refresh begins at any call of the earlier one, and ends before it.
-TEST_F(Reader, ShowsWhatTheLaterOfTwoRefreshesHasSeen) {
-    bool reached = true;
-    for (std::uint64_t place = 1; std::exchange(reached, false); ++place) {
-        orva::Reader reader(written("rows", Bytes(1'000), {.replace = true})), other = reader;
-        const CallHook meanwhile([&](const Step&, std::uint64_t number) {
-            if (number == place) reached = true, append("rows", Bytes(500)), other.refresh();
-            return Verdict::goOn();
-        });
-        reader.refresh();
-        EXPECT_EQ(reader.size(), reached ? 1'500 : 1'000) << place;
-    }
-}
-
-// As on two threads: other rows replace those that a read is about to keep, at any of its calls or after them.
-TEST_F(Reader, KeepsNoRowsFromBeforeARefresh) {
+// As on two threads: other rows replace those that a refresh is about to show, or a read to keep, at any of their calls
+// or after them.
+TEST_F(Reader, ShowsWhatTheLatestRefreshHasSeen) {
     bool reached = true;
     for (std::uint64_t place = 1; reached; ++place) {
         orva::Reader reader(written("rows", Bytes(1'000, 1), {.replace = true})), other = reader;
-        const auto change = [&] { written("rows", Bytes(1'000, 2), {.replace = true}), other.refresh(); };
+        const auto change = [&] { written("rows", Bytes(1'500, 2), {.replace = true}), other.refresh(); };
         {
             reached = false;
             const CallHook meanwhile([&](const Step&, std::uint64_t number) {
                 if (number == place) reached = true, change();
                 return Verdict::goOn();
             });
-            EXPECT_EQ(rowsAt(reader, 0, 10), Bytes(10, 1));
+            reader.refresh();
+            EXPECT_THAT(rowsAt(reader, 0, 10), testing::AnyOf(Bytes(10, 1), Bytes(10, 2)));
         }
         if (!reached) change();
+        EXPECT_EQ(reader.size(), 1'500) << place;
         EXPECT_EQ(rowsAt(reader, 0, 10), Bytes(10, 2)) << place;
     }
 }
@@ -90,7 +79,6 @@ TEST_F(Reader, GivesRowsAsValues) {
     const orva::Rows<Row> found{orva::Reader(path("rows"))};
     const i64 count = std::ssize(rows);
     ASSERT_EQ(found.size(), count);
-    EXPECT_EQ(found[count - 1], rows.back());
     EXPECT_TRUE(std::ranges::equal(found, rows));
     for (const auto& [key, at] : {std::pair<i64, i64>(1'001, 501), {-1, 0}, {2 * count, count}}) {
         EXPECT_EQ(found.lower_bound(key, &Row::key), at);
@@ -99,6 +87,4 @@ TEST_F(Reader, GivesRowsAsValues) {
     EXPECT_EQ(found.read(count - 3, some), 3);
     EXPECT_EQ(some[2], rows.back());
     EXPECT_EQ(found.read(count, some), 0);
-    found.take(std::vector<i64>{count - 1, 0, 7, 0}, std::span(some).first(4));
-    EXPECT_TRUE(std::ranges::equal(std::span(some).first(4), std::vector{rows.back(), rows[0], rows[7], rows[0]}));
 }

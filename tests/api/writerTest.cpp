@@ -61,9 +61,6 @@ TEST_F(Writer, TakesRowsInAnyWayThatAReaderGivesInAnyWay) {
                 EXPECT_TRUE(std::ranges::equal(request.to.first(request.got), spanOf(expected)));
                 EXPECT_TRUE(sameBytes(rowsAt(reader, request.offset, request.to.size()), expected));
             }
-            const std::vector<orva::Block> blocks = reader.blocks();
-            EXPECT_TRUE(first < 2'000'000 || blocks.at(blocks.size() - 2).rows.length == 1'000'000)
-                << "what was added has the file's own length of blocks";
         }
     }
     EXPECT_EQ(names(), Names{"rows"});
@@ -94,8 +91,7 @@ TEST_F(Writer, EndsWithTheSourceThatFailsOrEndsEarly) {
 }
 
 TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {
-    if (kSanitized) GTEST_SKIP() << "takes a minute";
-    if (sizeof(std::size_t) == 4) GTEST_SKIP() << "there is no such memory";
+    if (kSanitized || sizeof(std::size_t) == 4) GTEST_SKIP() << "takes a minute, or there is no such memory";
     const auto size = static_cast<std::size_t>((1LL << 32) + 100);
     const std::unique_ptr<void, void (*)(void*)> zeros(std::calloc(size, 1), &std::free);
     orva::Writer writer(path("rows"), {.threads = 0, .durable = false});
@@ -161,7 +157,6 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
         });
         EXPECT_EQ(names().size(), ending.left) << testing::PrintToString(names());
         const char* refused = ending.left == 7 ? "" : "UnfinishedFileError";
-        EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(old)}; }), refused);
         EXPECT_EQ(thrownBy([&] { orva::Writer::append(old); }), refused);
         overwriteBytes(old, 0, before);  // as if the append had changed nothing yet
         EXPECT_EQ(thrownBy([&] { orva::Reader{orva::Path(old)}; }), refused);
@@ -170,7 +165,6 @@ TEST_F(Writer, WhatIsNotFinishedIsGoneOrCanBeUndone) {
         EXPECT_TRUE(sameBytes(rowsOf("flushed"), rows + more));
         EXPECT_TRUE(rowsOf("old") == rows && rowsOf("other") == rows);
     }
-    EXPECT_EQ(orva::roll_back(old), orva::RollBack::nothing);
     for (auto* writer : {&mine, &mineToo}) writer->finish();
     orva::remove_unfinished();
     EXPECT_TRUE(rowsOf("mine") == more && rowsOf("mineToo") == rows + more);
@@ -210,17 +204,8 @@ TEST_F(Writer, KeepsOwnerGroupModeAndAccessListOfWhatItReplaces) {
     const auto give = [&](const std::string& file, const char* kind) {
         return setxattr(file.c_str(), kind, list, sizeof list, 0) == 0;
     };
-    const auto listed = [&](const std::string& file) {
-        std::uint16_t found[std::size(list)]{};
-        return getxattr(file.c_str(), "system.posix_acl_access", found, sizeof found) == sizeof found &&
-               std::equal(std::begin(list), std::end(list), found);
-    };
     const std::string name = written("rows", Bytes(100)), plain = written("plain", {});
     const auto mode = [](const std::string& file) { return std::filesystem::status(file).permissions(); };
-    const mode_t mask = umask(0);
-    umask(mask);
-    EXPECT_EQ(mode(name), std::filesystem::perms{0666 & ~mask});
-    EXPECT_EQ(mode(written("secret", {}, {.permissions = std::filesystem::perms{0400}})), std::filesystem::perms{0400});
     const bool isRoot = chown(name.c_str(), 12'345, 23'456) == 0;
     std::filesystem::permissions(name, std::filesystem::perms{0440});
     const bool hasLists = give(name, "system.posix_acl_access");
@@ -230,14 +215,16 @@ TEST_F(Writer, KeepsOwnerGroupModeAndAccessListOfWhatItReplaces) {
     written("plain", {}, {.replace = true});
     removexattr(fDirectory.c_str(), "system.posix_acl_default");
     EXPECT_EQ(mode(name), std::filesystem::perms{0440});
-    EXPECT_EQ(listed(name), hasLists);
+    std::uint16_t found[std::size(list)]{};
+    const auto length = getxattr(name.c_str(), "system.posix_acl_access", found, sizeof found);
+    EXPECT_EQ(length == sizeof found && std::ranges::equal(found, list), hasLists);
     EXPECT_EQ(getxattr(plain.c_str(), "system.posix_acl_access", nullptr, 0), -1);
     struct stat now {};
     EXPECT_TRUE(stat(name.c_str(), &now) == 0 && (!isRoot || (now.st_uid == 12'345 && now.st_gid == 23'456)));
     expectInChild([&] {  // not as root, who may write to any file
         EXPECT_TRUE(!isRoot || (chown(fDirectory.c_str(), 12'345, 23'456) == 0 && seteuid(12'345) == 0));
-        umask(0277);
-        EXPECT_EQ(mode(written("own", {})), std::filesystem::perms{0400});
+        umask(0222);
+        EXPECT_EQ(mode(written("own", {})), std::filesystem::perms{0444});
     });
 }
 
@@ -258,12 +245,10 @@ TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
           before = readBytes(written("rows", rows, {.block = 65'536}));
     const std::string name = path("rows");
     std::optional<orva::Reader> reader;
-    std::optional<zcmpsFilestr> stream;
     const auto expectRead = [&](const std::function<void()>& read, const char* refused, Ends ends, bool durable) {
         for (int place = 0, calls = 0; place <= calls; ++place) {
             writeBytes(name, before);
             reader.emplace(orva::Path(name));
-            stream.emplace(ORVA_FileStream(name.c_str(), "rb")).readFilePosInfo(512, false);
             std::optional<orva::Writer> writer;
             bool appends = false;
             calls = 0;
@@ -296,18 +281,12 @@ TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
         } catch (const orva::FileChangedError&) {  // NOLINT(bugprone-empty-catch): it names what has happened
         }
     };
-    const auto byStream = [&] {
-        Bytes found(rows.size());
-        stream->Read(found.data(), 100'000);
-        EXPECT_TRUE(sameBytes(found, rows));
-    };
     for (const bool durable : {false, true}) {
         for (const Ends ends : {finished, flushed, undone, working}) {
             const bool side = ends == working && durable;  // which has the old last block
             expectRead(open, ends == flushed || ends == working ? "UnfinishedFileError" : "", ends, durable);
             expectRead(byJoin, ends == flushed || ends == working ? "UnfinishedFileError" : "", ends, durable);
             expectRead(byFace, ends == undone || side ? "" : "FileChangedError", ends, durable);
-            expectRead(byStream, ends == undone ? "" : "FileChangedError", ends, durable);
         }
     }
     // Undoing an append cuts off bytes that were read as the beginning of so short a file.
