@@ -435,6 +435,16 @@ TEST_F(DamageTest, ManyGapsAreReadOnceAndManyRecordsEndInTime) {
     file.resize(static_cast<std::size_t>(lie.heading._indexPos), 1);
     lay({{fFile, with(std::move(file), kRow0, bytesOf(lie.heading)) + indexOf(lie)}});
     expectInChild([&] { EXPECT_EQ(orva::recover(fFile, fOut, {kPart, false, true}).blocks, 20'000); });
+
+    // A gap is not that of more blocks than its bytes have room for: all gaps could claim nearly all records.
+    lie = fLayout;
+    lie.records[1].orginalSize = 1;
+    lie.records.insert(lie.records.begin() + 2, 5'000, {0, -1, 1, 1});
+    for (std::int64_t i = 1; i < std::ssize(lie.records); ++i) lie.records[i].orginalPos = kRow0 + 29 + i;
+    lie.first.translateSize += 5'000;
+    lie.heading._size += 5'000 * kRecordSize;
+    expectRecovered(withLayout(damaged(2), lie), "~30-5031 its block is damaged;",
+                    fBlocks[0] + Bytes(5'001) + fBlocks[2]);
 }
 
 // The old heading of an append that ended early: blocks after the old index were never finished.

@@ -51,13 +51,14 @@ struct gapSizes {
         return ends;
     }
 
-    // The records of the lost blocks; none if they are unknown or one is impossible.
+    // The records of the lost blocks; none if they are unknown, one is impossible, or the gap has no room for so many.
     std::span<const filePosRecord> recordsOf(iterator gap) const {
         const bool isLast = gap + 1 == segments.end();
         const std::size_t begin = gap->number.value_or(index.size());
         const std::size_t end = isLast ? index.size() : (gap + 1)->number.value_or(0);
         if (begin >= end) return {};
         const auto records = std::span(index).subspan(begin, end - begin);
+        if (std::ssize(records) > mostBlocksIn(gap->most / kBestRatio)) return {};
         return std::ranges::all_of(records, isBlockSize, &filePosRecord::orginalSize) ? records : records.first(0);
     }
 

@@ -18,10 +18,6 @@ namespace orva {
 
 namespace {
 
-// The most bytes of rows that one byte of a zlib stream can stand for, and the length of the shortest stream.
-constexpr std::int64_t kBestRatio = 1032;
-constexpr std::int64_t kShortestStream = 9;
-
 // The work that a trial counts as, beside the bytes that it reads and inflates; and the work that each byte searched,
 // and each byte of a block found, allows in addition.
 constexpr std::int64_t kTrialWork = 4096;
@@ -193,7 +189,9 @@ private:
     bool noBlockBetween(std::size_t number, const std::optional<surveySegment>& next) const {
         if (!next && (isShort() || fRecordBudget.exhausted())) return false;
         const std::size_t end = next ? next->number.value_or(number) : records().size();
-        return fRecorded.areContiguous(number, end, fPlace);
+        const auto lost = static_cast<std::int64_t>(end) - static_cast<std::int64_t>(number);
+        const std::int64_t bytes = (next ? next->place : fBlocksEnd) - fPlace;
+        return lost <= mostBlocksIn(bytes) && fRecorded.areContiguous(number, end, fPlace);
     }
 
     void takeIndex(partIndex index, std::int64_t shift) {

@@ -11,12 +11,22 @@
 #include <orva/compressedLayout.h>
 #include <orva/inspect.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <vector>
 
 namespace orva {
+
+// The most bytes of rows that one byte of a zlib stream can stand for, and the length of the shortest stream.
+inline constexpr std::int64_t kBestRatio = 1032;
+inline constexpr std::int64_t kShortestStream = 9;
+// The most blocks that were in so many bytes. Records that name more of them lie: if each of many gaps could be that of
+// nearly all blocks, time and memory would grow with the square of the file.
+constexpr std::int64_t mostBlocksIn(std::int64_t bytes) {
+    return std::max<std::int64_t>(bytes / kShortestStream, 1);
+}
 
 // A stretch of rows: one block, or rows that are lost.
 struct surveySegment {
