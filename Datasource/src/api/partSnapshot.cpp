@@ -190,7 +190,7 @@ bool partSnapshot::readKept(std::uint32_t number, const readContext& context, un
 // An append overwrites the last block before index and heading show it.
 bool partSnapshot::hasChanged(std::uint32_t number) const {
     if (fFile != nullptr && number + 1 == blockCount() && fFile->isBeingWritten()) return true;
-    return changedSince(*fBytes, fFound.heading, fFound.swapped, fRecords);
+    return changedSince(*fBytes, fFound.heading, fFound.swapped, fRecords, number);
 }
 
 }  // namespace orva

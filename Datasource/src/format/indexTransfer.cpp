@@ -54,6 +54,11 @@ void checkStart(const bytesFrom& file, const compressionHeading& heading, const 
                std::to_string(heading._caseStartPos));
 }
 
+bool hasOtherHeading(const bytesFrom& file, const compressionHeading& heading, bool swap) {
+    const rawHeading raw = rawHeadingAt(file, heading._caseStartPos);
+    return headingOf(raw.data(), heading._caseStartPos, swap) != heading;
+}
+
 // All records, the first one included, read a piece at a time. `check` gets the records so far and the number of the
 // first new one.
 template <class Check>
@@ -181,10 +186,21 @@ std::optional<partIndex> soundIndexOf(const bytesFrom& file, const rawHeading& r
 
 bool changedSince(const bytesFrom& file, const compressionHeading& heading, bool swap,
                   std::span<const filePosRecord> records) {
-    const rawHeading raw = rawHeadingAt(file, heading._caseStartPos);
-    if (headingOf(raw.data(), heading._caseStartPos, swap) != heading) return true;
+    if (hasOtherHeading(file, heading, swap)) return true;
     const std::optional<partIndex> now = indexOf(file, heading, swap);
     return !now || !std::ranges::equal(now->records, records);
+}
+
+bool changedSince(const bytesFrom& file, const compressionHeading& heading, bool swap,
+                  std::span<const filePosRecord> records, std::size_t number) {
+    const auto recordAt = [&](std::size_t at) {
+        filePosRecord record{};
+        file.read(&record, sizeof record, heading._indexPos + static_cast<std::int64_t>(at) * kRecordSize);
+        if (swap) swapRecord(record);
+        return record;
+    };
+    return hasOtherHeading(file, heading, swap) || recordAt(0).orginalPos != kFirstRecordMark ||
+           recordAt(number + 1) != records[number];
 }
 
 std::optional<std::size_t> firstGap(const compressionHeading& heading, std::span<const filePosRecord> records) {

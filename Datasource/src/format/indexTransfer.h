@@ -73,6 +73,10 @@ void loadIndex(const bytesFrom& file, const compressionHeading& heading, bool sw
 // True if heading or index no longer stand there as they were read: somebody has written to the file since.
 bool changedSince(const bytesFrom& file, const compressionHeading& heading, bool swap,
                   std::span<const filePosRecord> records);
+// The same for a reader of block `number`. Looks only at the heading, at the first record, which an append overwrites
+// before the others, and at that of the block: as many blocks may be damaged as there are records.
+bool changedSince(const bytesFrom& file, const compressionHeading& heading, bool swap,
+                  std::span<const filePosRecord> records, std::size_t number);
 
 // Calls `read`, which reads a block, and again if it meets damage while `changed` sees no change: an append that is
 // undone meanwhile restores the block and leaves no other trace. Only damage met twice is thrown as such, and

@@ -43,9 +43,10 @@ std::uint64_t partReader::read(std::int64_t& pos, unsigned char* to, std::uint64
     const bytesFrom unasked(fFile, true);
     std::uint64_t done = 0;
     while (done < size) {
-        const std::uint64_t count =
-            readRechecked([&] { return readOn(pos, to + done, size - done); },
-                          [&] { return changedSince(unasked, fHeading, bSwap, fIndex.records()); });
+        const auto changed = [&] {
+            return changedSince(unasked, fHeading, bSwap, fIndex.records(), fIndex.find(pos).value_or(0));
+        };
+        const std::uint64_t count = readRechecked([&] { return readOn(pos, to + done, size - done); }, changed);
         if (count == 0) break;
         done += count;
         pos += static_cast<std::int64_t>(count);

@@ -99,7 +99,7 @@ void finishedPart::verifyBlock(std::uint32_t number) {
     if (!c.rows) c.rows = rowRoom(c.records);
     const readContext context{c.file, c.codec, c.compressed.get()};
     readRechecked([&] { readBlock(context, placeOf(c.records, number, c.fileSize), c.rows.get()); },
-                  [&] { return isChangedIn(c.file); });
+                  [&] { return changedSince(c.file, c.heading, c.swapped, c.records, number); });
 }
 
 ORVA_File& finishedPart::file() {
