@@ -11,6 +11,7 @@
 #include "values.h"
 #include "verbs.h"
 
+#include <orva/blockSize.h>
 #include <orva/orva.h>
 
 #include <CLI/CLI.hpp>
@@ -161,13 +162,18 @@ private:
         }
     }
 
+    // A range longer than a block is one that only a false index claims: as zeros it could fill any disk.
+    bool goesOnAfter(const orva::Range& lost) const {
+        return fDamaged == "skip" || (fDamaged == "zero" && lost.length <= std::int64_t{kBlockSize});
+    }
+
     void copyPiece(const orva::Range& wanted, const std::byte* rows, const std::exception_ptr& failure, output& out,
                    progress& bar) {
         try {
             if (failure != nullptr) std::rethrow_exception(failure);
             out.write(rows, static_cast<std::size_t>(wanted.length));
         } catch (const orva::DamagedFileError& e) {
-            if (fDamaged == "stop") throw;
+            if (!goesOnAfter(wanted)) throw;
             lose(wanted, e, out);
         }
         bar.advance(wanted.length);
@@ -177,10 +183,8 @@ private:
         ++fLostRanges;
         note("cat", fPart.file, lostText(lost) + ": " + damage.reason());
         if (fDamaged == "skip") return;
-        constexpr std::int64_t most = 1 << 20;
-        const std::vector<char> zeros(static_cast<std::size_t>(std::min(lost.length, most)));
-        for (std::int64_t left = lost.length; left > 0 && out.open(); left -= most)
-            out.write(zeros.data(), static_cast<std::size_t>(std::min(left, most)));
+        const std::vector<char> zeros(static_cast<std::size_t>(lost.length));
+        out.write(zeros.data(), zeros.size());
     }
 
     // Returns the number of records from `first` on that lie in the range.
