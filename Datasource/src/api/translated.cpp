@@ -71,7 +71,8 @@ void rethrowTranslated(const Path& path, const std::string& workName, std::optio
         const std::string whole = withName(damage.fileName(), path, reason, workName);
         throw DamagedFileError(whole, path, offset, damage.place().block, whole == reason ? recoverAdvice(path) : "");
     } catch (const std::system_error& failure) {  // from starting a thread, or from a file name
-        const bool thread = failure.code() == std::errc::resource_unavailable_try_again;
+        const bool thread = failure.code() == std::errc::resource_unavailable_try_again ||
+                            failure.code() == std::errc::operation_not_permitted;  // by a filter of system calls
         throw SystemError(failure.code(),
                           "cannot continue: " + failure.code().message() + (thread ? kFewerThreads : ""), path);
     } catch (const std::logic_error& breach) {
