@@ -132,6 +132,11 @@ TEST_P(CompressedRead, WhatIsLoadedOrCachedCostsNoFileCall) {
     EXPECT_EQ(loads(0), '1') << "a file that is opened anew";
 }
 
+TEST_P(CompressedRead, ARequestOfManyBlocksLooksAtEachOnce) {
+    makeFile(fName, blocksOf(std::vector<std::size_t>(60'000, 3)));
+    expectInChild([&] { EXPECT_EQ(Reader(fName, GetParam(), kRow0).read(200'000).size(), 180'000U); });
+}
+
 // A false record, about the bytes of its block or about its rows; the latter leaves a gap after them.
 TEST_P(CompressedRead, ADamagedBlockOrAGapIsRefusedAndTheOthersStayReadable) {
     const std::int64_t index = fLayout.heading._indexPos + kFar - kRow0;

@@ -78,8 +78,10 @@ public:
     virtual const unsigned char* lend(std::uint32_t number) = 0;
     // Puts the rows of the block into the caller's memory.
     virtual void load(std::uint32_t number, unsigned char* to) = 0;
+    // True if it has several threads, which loadSeveral() needs.
+    virtual bool loadsSeveral() { return false; }
     // Loads a number of consecutive blocks by several threads at once, and returns how many of them, from the first on,
-    // have come: 0 from a source without such threads, or if the first one fails, for which load() throws the reason.
+    // have come: 0 if the first one fails, for which load() throws the reason.
     virtual std::uint32_t loadSeveral(std::uint32_t, std::uint32_t, unsigned char*) { return 0; }
     // True if it has made threads.
     virtual bool hasThreads() const { return false; }

@@ -67,7 +67,6 @@ void PreIOThread_Multi_R_D::planAhead(std::int64_t number) {
 }
 
 std::uint32_t PreIOThread_Multi_R_D::loadSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to) {
-    if (!startOnce(true)) return 0;
     guard lock = locked();
     fRun = to;
     fCurrent = fNext = first;

@@ -77,8 +77,9 @@ std::uint64_t partReader::readOn(std::int64_t pos, unsigned char* to, std::uint6
 }
 
 // Loads at once the blocks from `first` on that the request covers, except its last one. Returns the bytes that came; 0
-// if there are fewer than two blocks.
+// if there are fewer than two blocks, or no threads for them: then it must not look at all blocks before each one.
 std::uint64_t partReader::loadSeveral(std::uint32_t first, unsigned char* to, std::uint64_t size) {
+    if (!fSource->loadsSeveral()) return 0;
     const std::span<const filePosRecord> records = fIndex.records().subspan(first);
     std::int64_t end = records.front().orginalPos;
     std::uint64_t left = size;

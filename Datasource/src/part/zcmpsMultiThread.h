@@ -108,6 +108,7 @@ public:
     std::uint32_t getBlock(void* buffer, std::uint32_t size, std::int64_t position) override;
     std::int32_t readLoopStep() override;
     void load(std::uint32_t number, unsigned char* to) override;
+    bool loadsSeveral() override { return startOnce(true); }
     std::uint32_t loadSeveral(std::uint32_t first, std::uint32_t count, unsigned char* to) override;
     const unsigned char* lend(std::uint32_t number) override;
 
