@@ -1,7 +1,5 @@
 #include "api/blockCache.h"
 
-#include "format/blockTransfer.h"
-
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -65,7 +63,7 @@ blockCache::blockPtr blockCache::memory(const partSnapshot& part) {
         }
     }
     auto made = std::make_shared<block>();
-    made->bytes = rowRoom(part.records());
+    made->bytes = part.rowRoom();
     return made;
 }
 
@@ -96,7 +94,7 @@ blockBuffer blockCache::takeScratch(const partSnapshot& part) {
             return scratch;
         }
     }
-    return compressedRoom(part.records());
+    return part.compressedRoom();
 }
 
 void blockCache::putBack(blockBuffer scratch) {

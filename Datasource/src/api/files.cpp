@@ -122,7 +122,7 @@ private:
             blockBuffer compressed;
             blockBuffer rows;
         };
-        const auto own = std::make_shared<memory>(memory{compressedRoom(fPart.records()), rowRoom(fPart.records())});
+        const auto own = std::make_shared<memory>(memory{fPart.compressedRoom(), fPart.rowRoom()});
         return [this, caller, own](std::size_t number) {
             const std::uint32_t block = fFirst + static_cast<std::uint32_t>(number);
             verify(block, own->compressed.get(), own->rows.get());
@@ -313,7 +313,7 @@ private:
         const partSnapshot input = opened(path, fOptions.row0, fOptions.progress);
         translated(path, [&] { checkContiguous(input.bytes(), input.found().heading, input.records()); });
         if (const std::uint32_t blocks = input.blockCount()) {
-            input.read(blocks - 1, compressedRoom(input.records()).get(), rowRoom(input.records()).get());
+            input.read(blocks - 1, input.compressedRoom().get(), input.rowRoom().get());
         }
         throw FileChangedError("was written to while it was being joined: try again", path);
     }
@@ -322,8 +322,8 @@ private:
     // index are still the old ones.
     void checkLastBlocks(const std::string& output, const joinReport& report) const {
         const partSnapshot joined(output, output, report.part.row0Pos);
-        const blockBuffer compressed = compressedRoom(joined.records());
-        const blockBuffer rows = rowRoom(joined.records());
+        const blockBuffer compressed = joined.compressedRoom();
+        const blockBuffer rows = joined.rowRoom();
         std::uint32_t end = 0;
         for (std::size_t i = 0; i < fFrom.size(); ++i) {
             if (std::exchange(end, report.ends[i]) == report.ends[i]) continue;

@@ -115,6 +115,8 @@ void partSnapshot::load() {
     indexContent content = readRecords(*fBytes, fFound.heading, fFound.swapped, fFile == nullptr);
     fBlockSize = content.blockSize;
     fRecords = std::move(content.records);
+    fLongestStored = longest(fRecords, &filePosRecord::translateSize);
+    fLongestRows = longest(fRecords, &filePosRecord::orginalSize);
 }
 
 // A mixture of two indexes seldom covers the rows without gaps; if it does, the heading has changed.

@@ -8,6 +8,7 @@
 
 #include "api/foundHeading.h"
 #include "api/openedFile.h"
+#include "base/blockBuffer.h"
 #include "format/blockTransfer.h"
 
 #include <orva/compressedLayout.h>
@@ -54,6 +55,9 @@ public:
     std::vector<Block> blocks() const;
     std::vector<std::byte> dictionary() const;
 
+    // Memory for the compressed bytes of any block, and for its rows.
+    blockBuffer compressedRoom() const { return {kBlockSize, fLongestStored}; }
+    blockBuffer rowRoom() const { return {kBlockSize, fLongestRows}; }
     // Reads the rows of a block into `to`, which has room for kBlockSize bytes, or for the block if its size can be
     // true. `compressed` has room for kBlockSize bytes.
     void read(std::uint32_t number, unsigned char* compressed, unsigned char* to) const;
@@ -75,6 +79,9 @@ private:
     foundHeading fFound;
     std::uint32_t fBlockSize = 0;
     std::vector<filePosRecord> fRecords;
+    // Of all records. To look for them at each read would take longer than the read, if there are many.
+    std::size_t fLongestStored = 0;
+    std::size_t fLongestRows = 0;
 };
 
 // The part that a Reader shows now.
