@@ -112,9 +112,9 @@ std::uint64_t partSnapshot::nextId() {
 // A source is read once: it may be far away.
 void partSnapshot::load() {
     fFileSize = fBytes->length();
-    indexContent content = readRecords(*fBytes, fFound.heading, fFound.swapped, fFile == nullptr);
-    fBlockSize = content.blockSize;
-    fRecords = std::move(content.records);
+    fRecords = readIndex(*fBytes, fFound.heading, fFound.swapped, fFile == nullptr);
+    fBlockSize = static_cast<std::uint32_t>(fRecords.front().orginalSize);
+    fRecords.erase(fRecords.begin());
     fLongestStored = longest(fRecords, &filePosRecord::translateSize);
     fLongestRows = longest(fRecords, &filePosRecord::orginalSize);
 }

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -36,17 +35,6 @@ void orva::checkFirstRecord(const filePosRecord& first, const std::string& fileN
                                : first.translateSize < 0            ? "firstRecord.translateSize >= 0"
                                                                     : nullptr;
     if (breach != nullptr) throw DamagedFileError(fileName, breach, "its index has no valid first record");
-}
-
-void orva::checkAscends(std::span<const filePosRecord> records, std::size_t number, const std::string& fileName) {
-    const filePosRecord& record = records[number];
-    const bool sized =
-        record.orginalSize >= 1 && record.orginalPos <= std::numeric_limits<std::int64_t>::max() - record.orginalSize;
-    if (sized && (number == 0 || records[number - 1].orginalPos < record.orginalPos)) return;
-    throw DamagedFileError(fileName, sized ? "orginalPos ascends" : "orginalSize >= 1",
-                           "record " + std::to_string(number) + " of its index has the logical position " +
-                               std::to_string(record.orginalPos) + " and the size " +
-                               std::to_string(record.orginalSize));
 }
 
 std::int64_t orva::chosenLength(std::span<const filePosRecord> records) {
@@ -95,7 +83,6 @@ std::vector<filePosRecord> filePosInfo::parse(const unsigned char* buff, bool sw
     std::vector<filePosRecord> records(static_cast<std::size_t>(first.translateSize));
     std::copy_n(buff + kRecordSize, records.size() * kRecordSize, reinterpret_cast<unsigned char*>(records.data()));
     if (swap) std::ranges::for_each(records, orva::swapRecord);
-    for (std::size_t i = 0; i < records.size(); ++i) orva::checkAscends(records, i, fFileName);
     fBlockSize = static_cast<std::uint32_t>(first.orginalSize);
     return records;
 }

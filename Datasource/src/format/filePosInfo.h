@@ -33,10 +33,8 @@ constexpr std::int64_t storedEnd(const filePosRecord& block) {
     return block.translatePos + block.translateSize;
 }
 
-// Throw DamagedFileError with the file's name unless the record can be true by itself: the first record of an index, or
-// block record `number`, which must ascend from the one before.
+// Throws DamagedFileError with the file's name unless this can be the first record of an index.
 void checkFirstRecord(const filePosRecord& first, const std::string& fileName);
-void checkAscends(std::span<const filePosRecord> records, std::size_t number, const std::string& fileName);
 
 // The block length that the writer of these records had chosen, as far as they show it: that of all but the last. A
 // single block may be a short one, and counts as one of the command's unless it is longer than those.
@@ -62,7 +60,7 @@ public:
     // order.
     const unsigned char* serialize(std::uint32_t& stLength, bool swap = false);
 
-    // Read side. Parses index bytes whose length has been checked against their record count. Null changes nothing.
+    // Read side. Parses the bytes of an index that has been checked by readIndex. Null changes nothing.
     void parseForRead(const unsigned char* buff, bool swap);
     // Moves all records but the last to the write side and returns the last, for the caller to decide about; without
     // blocks it returns the first record (orginalPos -100). Swaps `buff` in place. Look-up is impossible afterwards.
@@ -88,7 +86,7 @@ public:
     static void swapRecord(filePosRecord* record) { orva::swapRecord(*record); }
 
 private:
-    // Checks the records of an index and returns them in host order; stores its block size.
+    // Returns the block records of an index in host order; stores its block size.
     std::vector<filePosRecord> parse(const unsigned char* buff, bool swap);
     // The number of the record that would hold `pos` if all blocks had one size.
     std::int64_t interpolated(std::int64_t pos) const;

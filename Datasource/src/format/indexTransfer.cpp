@@ -22,8 +22,6 @@ std::string indexSpan(const compressionHeading& heading) {
 }
 
 constexpr std::size_t kPieceRecords = 1024;  // read at a time
-// Records of less than a page, the unit in which a file system stores bytes or leaves a hole.
-constexpr std::size_t kPageRecords = 128;
 
 // Far beyond any file, and sums of the sizes of as many blocks as an index can hold stay in range.
 constexpr std::int64_t kLargestPlace = std::int64_t{1} << 62;
@@ -43,8 +41,15 @@ void checkCount(const bytesFrom& file, const compressionHeading& heading, const 
     refuse(file, kWholeRecords, indexSpan(heading) + " claims " + std::to_string(first.translateSize) + " blocks");
 }
 
-[[noreturn]] void refuseCut(const bytesFrom& file, const compressionHeading& heading) {
-    refuse(file, kIndexFits, indexSpan(heading) + " is cut short");
+// Checks that a block's record can be true by itself and ascends from the one before.
+void checkAscends(const bytesFrom& file, std::span<const filePosRecord> blocks, std::size_t number) {
+    const filePosRecord& record = blocks[number];
+    const bool sized =
+        record.orginalSize >= 1 && record.orginalPos <= std::numeric_limits<std::int64_t>::max() - record.orginalSize;
+    if (sized && (number == 0 || blocks[number - 1].orginalPos < record.orginalPos)) return;
+    refuse(file, sized ? "orginalPos ascends" : "orginalSize >= 1",
+           "record " + std::to_string(number) + " of its index has the logical position " +
+               std::to_string(record.orginalPos) + " and the size " + std::to_string(record.orginalSize));
 }
 
 void checkStart(const bytesFrom& file, const compressionHeading& heading, const filePosRecord& record) {
@@ -57,26 +62,6 @@ void checkStart(const bytesFrom& file, const compressionHeading& heading, const 
 bool hasOtherHeading(const bytesFrom& file, const compressionHeading& heading, bool swap) {
     const rawHeading raw = rawHeadingAt(file, heading._caseStartPos);
     return headingOf(raw.data(), heading._caseStartPos, swap) != heading;
-}
-
-// All records, the first one included, read a piece at a time. `check` gets the records so far and the number of the
-// first new one.
-template <class Check>
-std::vector<filePosRecord> recordsInPieces(const bytesFrom& file, const compressionHeading& heading, bool atOnce,
-                                           Check check) {
-    checkPlaces(file, heading, lengthOf(file));
-    std::vector<filePosRecord> records;
-    const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
-    for (std::size_t known = 0; known < all; known = records.size()) {
-        // Not for the first piece: the index may be a hole.
-        if (atOnce || known != 0) records.reserve(sizeInMemory(heading._size) / kRecordSize);
-        records.resize(atOnce ? all : std::min(all, known + kPieceRecords));
-        const std::span piece = std::span(records).subspan(known);
-        const std::int64_t place = heading._indexPos + static_cast<std::int64_t>(known) * kRecordSize;
-        if (!file.read(piece.data(), piece.size_bytes(), place)) refuseCut(file, heading);
-        check(std::span(records), known);
-    }
-    return records;
 }
 
 }  // namespace
@@ -117,49 +102,39 @@ compressionHeading readHeading(const bytesFrom& file, std::int64_t row0Pos, bool
     return heading;
 }
 
-std::vector<filePosRecord> readIndex(const bytesFrom& file, const compressionHeading& heading, bool swap) {
-    return recordsInPieces(file, heading, false, [&](std::span<const filePosRecord> records, std::size_t known) {
-        if (known == 0) {
-            filePosRecord first = records[0];
-            if (swap) swapRecord(first);
-            checkFirstRecord(first, file.name());
-            checkCount(file, heading, first);
-        }
-        for (std::size_t i = known; i < records.size(); i += kPageRecords) {
-            if (records[i] == filePosRecord{}) refuse(file, "orginalSize >= 1", indexSpan(heading) + " has a hole");
-        }
-    });
-}
-
-void loadIndex(const bytesFrom& file, const compressionHeading& heading, bool swap, filePosInfo& index) {
-    const std::vector<filePosRecord> records = readIndex(file, heading, swap);
-    index.parseForRead(reinterpret_cast<const unsigned char*>(records.data()), swap);
-    index.limitPlaces(lengthOf(file));
-    if (index.parsedCount() != 0) checkStart(file, heading, index.parsed(0));
-}
-
-indexContent readRecords(const bytesFrom& file, const compressionHeading& heading, bool swap, bool atOnce) {
-    const auto check = [&](std::span<filePosRecord> records, std::size_t known) {
-        if (swap) std::ranges::for_each(records.subspan(known), swapRecord);
+std::vector<filePosRecord> readIndex(const bytesFrom& file, const compressionHeading& heading, bool swap, bool atOnce) {
+    checkPlaces(file, heading, lengthOf(file));
+    std::vector<filePosRecord> records;
+    const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
+    for (std::size_t known = 0; known < all; known = records.size()) {
+        // Not for the first piece: the index may be a hole.
+        if (atOnce || known != 0) records.reserve(sizeInMemory(heading._size) / kRecordSize);
+        records.resize(atOnce ? all : std::min(all, known + kPieceRecords));
+        const std::span piece = std::span(records).subspan(known);
+        const std::int64_t place = heading._indexPos + static_cast<std::int64_t>(known) * kRecordSize;
+        if (!file.read(piece.data(), piece.size_bytes(), place))
+            refuse(file, kIndexFits, indexSpan(heading) + " is cut short");
+        if (swap) std::ranges::for_each(piece, swapRecord);
         if (known == 0) {
             checkFirstRecord(records[0], file.name());
             checkCount(file, heading, records[0]);
         }
-        const std::span blocks = records.subspan(1);
-        for (std::size_t i = std::max<std::size_t>(known, 1) - 1; i < blocks.size(); ++i)
-            checkAscends(blocks, i, file.name());
-    };
-    indexContent content{0, recordsInPieces(file, heading, atOnce, check)};
-    std::vector<filePosRecord>& records = content.records;
-    content.blockSize = static_cast<std::uint32_t>(records[0].orginalSize);
+        const std::span blocks = std::span(records).subspan(1);
+        for (std::size_t i = known == 0 ? 0 : known - 1; i < blocks.size(); ++i) checkAscends(file, blocks, i);
+    }
+    if (all > 1) checkStart(file, heading, records[1]);
+    return records;
+}
+
+std::vector<filePosRecord> readRecords(const bytesFrom& file, const compressionHeading& heading, bool swap) {
+    std::vector<filePosRecord> records = readIndex(file, heading, swap);
     records.erase(records.begin());
-    if (!records.empty()) checkStart(file, heading, records[0]);
-    return content;
+    return records;
 }
 
 std::optional<partIndex> indexOf(const bytesFrom& file, const compressionHeading& heading, bool swapped) {
     try {
-        return partIndex{heading, swapped, readRecords(file, heading, swapped).records};
+        return partIndex{heading, swapped, readRecords(file, heading, swapped)};
     } catch (const DamagedFileError&) {
         return std::nullopt;
     }

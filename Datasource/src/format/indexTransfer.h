@@ -38,17 +38,15 @@ rawHeading rawHeadingAt(const bytesFrom& file, std::int64_t row0Pos);
 // the heading repeats its own position.
 compressionHeading readHeading(const bytesFrom& file, std::int64_t row0Pos, bool swap, const char* positionCheck);
 
-// The content of an index, in host order.
-struct indexContent {
-    std::uint32_t blockSize = 0;
-    std::vector<filePosRecord> records;
-};
-
-// Reads the index that the heading points to, a piece at a time. Its length must be whole records, lie inside the file
-// and agree with the record count; record 0 must stand at the row-0 position. Memory grows with the bytes that are
-// really stored: an index that claims gigabytes of a hole is refused at the first impossible record. `atOnce`: in one
-// read, for sources where each read is expensive.
-indexContent readRecords(const bytesFrom& file, const compressionHeading& heading, bool swap, bool atOnce = false);
+// Reads the index that the heading points to, its first record included, and returns it in host order. Its length must
+// be whole records, lie inside the file and agree with the record count; the block records must ascend, from the row-0
+// position. Reads a piece at a time, so that memory grows with the bytes that are really stored: an index that claims
+// gigabytes of a hole is refused at the first impossible record. `atOnce`: in one read, for sources where each read is
+// expensive.
+std::vector<filePosRecord> readIndex(const bytesFrom& file, const compressionHeading& heading, bool swap,
+                                     bool atOnce = false);
+// The block records alone.
+std::vector<filePosRecord> readRecords(const bytesFrom& file, const compressionHeading& heading, bool swap);
 
 // An index and the heading that points to it, in host order.
 struct partIndex {
@@ -57,18 +55,13 @@ struct partIndex {
     std::vector<filePosRecord> records;
 };
 
-// The index that the heading points to; nothing if readRecords would refuse it.
+// The index that the heading points to; nothing if readIndex would refuse it.
 std::optional<partIndex> indexOf(const bytesFrom& file, const compressionHeading& heading, bool swapped);
 // The index that begins at `place`, with the heading that would point to it; nothing if there is none.
 std::optional<partIndex> indexAt(const bytesFrom& file, std::int64_t row0Pos, std::int64_t place);
 // The index that `raw`, which need not be stored in `file`, points to as the heading at `row0Pos`, in either byte
-// order. Nothing if readRecords would refuse it or there are gaps between its blocks.
+// order. Nothing if readIndex would refuse it or there are gaps between its blocks.
 std::optional<partIndex> soundIndexOf(const bytesFrom& file, const rawHeading& raw, std::int64_t row0Pos);
-
-// The index as stored, for filePosInfo to parse. Its length is checked as by readRecords, and holes in it are refused.
-std::vector<filePosRecord> readIndex(const bytesFrom& file, const compressionHeading& heading, bool swap);
-// The same, parsed into `index` for reading; record 0 must stand at the row-0 position.
-void loadIndex(const bytesFrom& file, const compressionHeading& heading, bool swap, filePosInfo& index);
 
 // True if heading or index no longer stand there as they were read: somebody has written to the file since.
 bool changedSince(const bytesFrom& file, const compressionHeading& heading, bool swap,

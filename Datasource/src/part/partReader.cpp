@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace orva {
 
@@ -19,7 +20,9 @@ partReader::partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const t
           readHeading(file, row0Pos, swap, "posofpos == chInfo._caseStartPos && \"Analyze dictionary part error!\"")),
       bSwap(swap),
       fIndex(kBlockSize, file.GetNameStr().GetGeneric()) {
-    loadIndex(file, fHeading, swap, fIndex);
+    const std::vector<filePosRecord> index = readIndex(file, fHeading, swap);
+    fIndex.parseForRead(reinterpret_cast<const unsigned char*>(index.data()), false);
+    fIndex.limitPlaces(lengthOf(file));
     makeSource(threads, cachedBlocks);
 }
 

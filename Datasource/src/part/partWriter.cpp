@@ -217,7 +217,7 @@ appendPlan partWriter::resume(const resumePoint& from) {
     const compressionHeading heading =
         readHeading(fFile, fRow0Pos, from.swap, "pos == chInfo._caseStartPos && \"Analyze dictionary part error!\"");
     std::vector<filePosRecord> index = readIndex(fFile, heading, from.swap);
-    const filePosRecord last = fIndex.parseForAppend(reinterpret_cast<unsigned char*>(index.data()), from.swap);
+    const filePosRecord last = fIndex.parseForAppend(reinterpret_cast<unsigned char*>(index.data()), false);
     const std::span<const filePosRecord> records = std::span(index).subspan(1);
     checkContiguous(fFile, heading, records);
 

@@ -55,7 +55,7 @@ struct finishedPart::content {
         openOrThrow(file, name, "rb", kReadFailed);
         heading = readHeading(file, part.row0Pos, swapped, "Analyze dictionary part error!");
         fileSize = lengthOf(file);
-        records = readRecords(file, heading, swapped).records;
+        records = readRecords(file, heading, swapped);
     }
 
     ORVA_File file;
