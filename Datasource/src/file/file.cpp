@@ -157,10 +157,8 @@ unsigned int ORVA_File::Write(const void* buffer, unsigned int byteSize, std::in
     if (!IsOpen()) return 0;
     beginTransfer(byteOffset, kWriteFailed);
     if (fEncrypted) return WriteEncrypted(buffer, byteSize, byteOffset);
-    const int count = writeDescriptor(buffer, byteSize, byteOffset);
-    if (count == -1) fail(kWriteFailed, errno);
-    fPosition = byteOffset + count;
-    return static_cast<unsigned int>(count);
+    fPosition = byteOffset + writeDescriptor(buffer, byteSize, byteOffset);
+    return byteSize;
 }
 
 // Takes all bytes: each reaches the file or waits.
@@ -229,9 +227,11 @@ unsigned int ORVA_File::readDescriptor(void* buffer, unsigned int byteSize, std:
 }
 
 // When appending, the system chooses the place.
-int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
-    return fSeekable && !fAppends ? platform::writeAt(fDescriptor, buffer, byteSize, byteOffset)
-                                  : platform::_write(fDescriptor, buffer, byteSize);
+unsigned int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
+    const int count = fSeekable && !fAppends ? platform::writeAt(fDescriptor, buffer, byteSize, byteOffset)
+                                             : platform::_write(fDescriptor, buffer, byteSize);
+    if (count == -1) fail(kWriteFailed, errno);
+    return byteSize;
 }
 
 void ORVA_File::refuseWrite(int error) {

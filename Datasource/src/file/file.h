@@ -121,7 +121,7 @@ private:
 
     ORVA_LOCAL void beginTransfer(std::int64_t byteOffset, long code);
     ORVA_LOCAL unsigned int readDescriptor(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    ORVA_LOCAL int writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
+    ORVA_LOCAL unsigned int writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     ORVA_LOCAL unsigned int WriteEncrypted(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     ORVA_LOCAL bool isInherited() const;  // in a forked child: lock and name are its parent's
     [[noreturn]] ORVA_LOCAL void fail(long code, int error);

@@ -8,24 +8,14 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <memory>
 
 namespace {
 
 std::atomic<bool> gKeepEncrypt{false};
 
-// The result of a cipher call. A failed call leaves nothing to free.
-struct cipherOutput {
-    unsigned char* data = nullptr;
-    int size = 0;
-    bool good = false;
-
-    cipherOutput() = default;
-    cipherOutput(const cipherOutput&) = delete;
-    cipherOutput& operator=(const cipherOutput&) = delete;
-    ~cipherOutput() {
-        if (good && data != nullptr) workdir::FreeOutData(data);
-    }
-};
+// The bytes that a successful call of the cipher has returned.
+using cipherOutput = std::unique_ptr<unsigned char, decltype([](unsigned char* data) { workdir::FreeOutData(data); })>;
 
 // A gap is zeros in the file, and is read as zeros. The chance that data encrypts to such a block is 1 in 2^128.
 void clearGaps(unsigned char* plain, int size, const unsigned char* ciphertext) {
@@ -67,12 +57,13 @@ unsigned int ORVA_File::Cipher::read(unsigned char* bytes, unsigned int size, st
 
 // Decrypts in place; returns the number of plain bytes, without the pad.
 unsigned int ORVA_File::Cipher::decrypt(unsigned char* bytes, unsigned int size, unsigned int pad) {
-    cipherOutput plain;
-    plain.good = workdir::Decrypt(&plain.data, &plain.size, bytes, static_cast<int>(size)) == 1;
-    if (!plain.good) fFile.fail(kReadFailed, errno);
-    clearGaps(plain.data, plain.size, bytes);
-    const unsigned int count = static_cast<unsigned int>(plain.size) - pad;
-    std::memcpy(bytes, plain.data, count);
+    unsigned char* plain = nullptr;
+    int got = 0;
+    if (workdir::Decrypt(&plain, &got, bytes, static_cast<int>(size)) != 1) fFile.fail(kReadFailed, errno);
+    const cipherOutput owner(plain);
+    clearGaps(plain, got, bytes);
+    const unsigned int count = static_cast<unsigned int>(got) - pad;
+    std::memcpy(bytes, plain, count);
     return count;
 }
 
@@ -169,19 +160,19 @@ void ORVA_File::Cipher::keepTail(const unsigned char* tail, unsigned int size, s
 }
 
 unsigned int ORVA_File::Cipher::writeBlocks(const unsigned char* data, unsigned int size, std::int64_t byteOffset) {
-    cipherOutput ciphertext;
-    ciphertext.good = workdir::Encrypt(&ciphertext.data, &ciphertext.size, data, static_cast<int>(size)) == 1;
-    if (!ciphertext.good) fFile.fail(kWriteFailed, errno);
+    unsigned char* ciphertext = nullptr;
+    int got = 0;
+    if (workdir::Encrypt(&ciphertext, &got, data, static_cast<int>(size)) != 1) fFile.fail(kWriteFailed, errno);
+    const cipherOutput owner(ciphertext);
     fFile.fEncryptStarted = true;
-    return ciphertext.size > 0 ? writeCiphertext(ciphertext.data, ciphertext.size, byteOffset) : 0;
+    return writeCiphertext(ciphertext, got, byteOffset);
 }
 
 unsigned int ORVA_File::Cipher::writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset) {
     const std::int64_t end = fileEnd();
-    const int count = fFile.writeDescriptor(bytes, static_cast<unsigned int>(size), byteOffset);
-    if (count == -1) fFile.fail(kWriteFailed, errno);
+    const unsigned int count = fFile.writeDescriptor(bytes, static_cast<unsigned int>(size), byteOffset);
     fFileEnd = std::max(end, byteOffset + count);
-    return static_cast<unsigned int>(count);
+    return count;
 }
 
 unsigned int ORVA_File::Cipher::finish() {
@@ -204,14 +195,12 @@ unsigned int ORVA_File::Cipher::writePaddedBlock() {
 }
 
 unsigned int ORVA_File::Cipher::endRun() {
-    cipherOutput last;
-    last.good = workdir::EndEncrypt(&last.data, &last.size) == 1;
-    if (!last.good) fFile.fail(kWriteFailed, errno);
-    if (last.size <= 0) {
-        last.data = nullptr;
-        return 0;
-    }
-    const unsigned int count = writeCiphertext(last.data, last.size, fileEnd());
+    unsigned char* last = nullptr;
+    int size = 0;
+    if (workdir::EndEncrypt(&last, &size) != 1) fFile.fail(kWriteFailed, errno);
+    if (size <= 0) return 0;  // there is nothing to free either
+    const cipherOutput owner(last);
+    const unsigned int count = writeCiphertext(last, size, fileEnd());
     fFile.fPosition += count;
     return count;
 }
