@@ -15,23 +15,10 @@ namespace orva {
 
 namespace {
 
-class inlineSink final : public blockSink {
+// A setting asks for a thread that a writer does not have.
+class lackingSink final : public blockSink {
 public:
-    // `lacksThread`: a setting asks for a thread that a sink does not have.
-    inlineSink(const sinkPlace& at, bool lacksThread) : fAt(at), bLacksThread(lacksThread) {}
-    void put(const unsigned char* rows, std::uint32_t size) override {
-        ORVA_ASSERT(!bLacksThread, "fpIOThread != 0");
-        if (!fDeflated) fDeflated = {deflateRoom(fAt.chosen.blockLength), deflateRoom(size)};
-        fAt.place = writeBlock({fAt.file, fAt.index, fCompressor, fDeflated.get(), fAt.chosen.level}, rows, size,
-                               fAt.pos, fAt.place);
-        fAt.pos += size;
-    }
-
-private:
-    sinkPlace fAt;
-    const bool bLacksThread;
-    zlibCompressBlock fCompressor;
-    blockBuffer fDeflated;
+    void put(const unsigned char*, std::uint32_t) override { ORVA_ASSERT(false, "fpIOThread != 0"); }
 };
 
 // A worker that ends its threads when it is destroyed.
@@ -56,20 +43,6 @@ public:
         this->putBlock(nullptr, 0, 0);
         this->stopThreads();
         if (!drop && this->failure() != nullptr) std::rethrow_exception(this->failure());
-    }
-};
-
-// Threads that nobody has asked for by number: if they cannot start, the caller does their work.
-class willingSink final : public workerSink<PreIOThread_Multi_W_C> {
-public:
-    using workerSink::workerSink;
-    bool startThreads() override {
-        try {
-            return workerSink::startThreads();
-        } catch (const std::system_error&) {
-            workAlone();
-            return false;
-        }
     }
 };
 
@@ -120,10 +93,16 @@ blockBuffer& blockSource::ownBuffer() {
 }
 
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const threadSettings& threads) {
-    if (threads.threadCount != 0 && !threads.required) return std::make_unique<willingSink>(at, threads.threadCount);
-    if (threads.threadCount != 0) return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(at, threads.threadCount);
-    if (threads.multiThread == 1) return startedWorker(std::make_unique<workerSink<PreIOThread_W_C>>(at), false);
-    return std::make_unique<inlineSink>(at, threads.multiThread != 0);
+    if (threads.threadCount == 0 && threads.multiThread == 1)
+        return startedWorker(std::make_unique<workerSink<PreIOThread_W_C>>(at), false);
+    if (threads.threadCount == 0 && threads.multiThread != 0) return std::make_unique<lackingSink>();
+    auto several = std::make_unique<workerSink<PreIOThread_Multi_W_C>>(at, threads.threadCount);
+    if (threads.threadCount == 0 || threads.required) return several;
+    try {
+        return startedWorker(std::move(several), false);
+    } catch (const std::system_error&) {
+        return std::make_unique<workerSink<PreIOThread_Multi_W_C>>(at, 0U);
+    }
 }
 
 std::unique_ptr<blockSource> makeSource(ORVA_File& file, const filePosInfo& index, const threadSettings& threads,

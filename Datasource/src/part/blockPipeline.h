@@ -25,7 +25,7 @@ namespace orva {
 struct threadSettings {
     std::int32_t multiThread = 0;   // 0: none; 1: a thread that writes; 2 and above: one that reads
     std::uint32_t threadCount = 0;  // several threads; if not 0, multiThread does not count
-    bool required = true;           // else a sink does the work of several threads itself if they cannot start
+    bool required = true;           // else a sink works without several threads if they cannot start
 };
 
 // The settings of setBlockLength and setCompressionLevel.
@@ -65,7 +65,7 @@ struct sinkPlace {
     std::int64_t place;  // file offset
 };
 
-// One thread starts at once, several with the first block.
+// One thread starts at once, as do several that are not required; others start with the first block.
 std::unique_ptr<blockSink> makeSink(const sinkPlace& at, const threadSettings& threads);
 
 // Gives blocks by number: whole, inflated and checked.

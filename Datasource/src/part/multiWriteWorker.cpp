@@ -22,15 +22,27 @@ PreIOThread_Multi_W_C::PreIOThread_Multi_W_C(ORVA_File* file, filePosInfo* index
       fpWritePos(firstFilePos) {}
 
 unsigned char* PreIOThread_Multi_W_C::room() {
-    return freeSlot().rows.get();
+    return fThreads != 0 ? freeSlot().rows.get() : nullptr;
 }
 
 void PreIOThread_Multi_W_C::put(const unsigned char* rows, std::uint32_t size) {
+    if (fThreads == 0) return putAlone(rows, size);
     startOnce(false);
     putBlock(rows, size, 0);
 }
 
+// Needs no copy of the rows.
+void PreIOThread_Multi_W_C::putAlone(const unsigned char* rows, std::uint32_t size) {
+    orva::blockBuffer& scratch = fSlots.front().scratch;
+    if (!scratch) scratch = {orva::deflateRoom(stBlockSize), orva::deflateRoom(size)};
+    zlibCompressBlock codec;
+    fpWritePos =
+        orva::writeBlock({*pFile, *pPosInfo, codec, scratch.get(), fLevel}, rows, size, fpBlockPos, fpWritePos);
+    fpBlockPos += size;
+}
+
 bool PreIOThread_Multi_W_C::putFrom(const orva::rowSource& source, std::int64_t offset, std::uint32_t size) {
+    if (fThreads == 0) return false;
     startOnce(false);
     slot& block = freeSlot();
     block.source = &source;
@@ -65,11 +77,7 @@ void PreIOThread_Multi_W_C::handOver(slot& block, std::uint32_t size) {
     block.size = size;
     guard lock = locked();
     ++fFilled;
-    if (haveLoopsBegun()) {
-        notifyThread();
-    } else {
-        takeBlock(lock);
-    }
+    notifyThread();
 }
 
 void PreIOThread_Multi_W_C::helpOrWait(guard& lock) {

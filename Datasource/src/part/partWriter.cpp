@@ -17,7 +17,8 @@
 
 namespace orva {
 
-// Nothing is written for the heading yet: the first block just goes after its 24 bytes.
+// Nothing is written for the heading yet: the first block just goes after its 24 bytes. Threads of the sink may have
+// begun, and end if the append cannot be undone.
 partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const threadSettings& threads, const choices& chosen,
                        const std::optional<resumePoint>& from)
     : fFile(file),
@@ -29,7 +30,7 @@ partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const threadSettin
       bNewPart(!from) {
     const appendPlan plan = from ? resume(*from) : appendPlan{};
     fSink = makeSink(nextPlace(), threads);
-    if (from) fUndo = std::make_unique<appendUndo>(fFile, plan, from->safe);
+    if (from) guarded([&] { fUndo = std::make_unique<appendUndo>(fFile, plan, from->safe); });
 }
 
 partWriter::~partWriter() {

@@ -1,5 +1,6 @@
 // The workers of the compressed stream over several threads, for zcmpsFilestr::setThreadCount.
-//   PreIOThread_Multi_W_C  deflates several blocks at once, writes and records them in order
+//   PreIOThread_Multi_W_C  deflates several blocks at once, writes and records them in order; without threads, one
+//                          after the other
 //   PreIOThread_Multi_R_D  inflates several blocks ahead of a sequential reader; without threads, the block asked for
 //
 // Requests, files, bytes and errors are those of the workers in zcmpsPreIOThread.h: only the time differs. As sink and
@@ -47,10 +48,6 @@ public:
     std::int32_t writeLoopStep() override;
     void drop();
 
-protected:
-    // For a worker whose threads could not start: each block is done with at its handover, so one slot is enough.
-    void workAlone() { fSlots.resize(1); }
-
 private:
     struct slot {
         orva::blockBuffer rows;
@@ -64,6 +61,7 @@ private:
     };
 
     slot& at(std::uint64_t number) { return fSlots[static_cast<std::size_t>(number % fSlots.size())]; }
+    void putAlone(const unsigned char* rows, std::uint32_t size);
     slot& freeSlot();
     void handOver(slot& block, std::uint32_t size);
     void helpOrWait(guard& lock);
@@ -85,7 +83,7 @@ private:
     bool bWriting = false;       // a thread is writing
     bool bDropping = false;      // after drop() or a failure
     bool bEnd = false;
-    // Used by the writing thread only.
+    // Used by the writing thread only, or by the caller's without threads.
     std::int64_t fpBlockPos;
     std::int64_t fpWritePos;
 };

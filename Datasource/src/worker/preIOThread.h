@@ -59,8 +59,8 @@ public:
     // Does not end the threads: call stopThreads and destroyThreads before.
     ~PreIOThreadBase() override;
 
-    // All return true; startThreads may return false instead of throwing, in a worker that can do without threads.
-    // `bRead`: true for a reader. Throws bad_alloc; destroyThreads and the destructor free what was made.
+    // All return true. `bRead`: true for a reader. Throws bad_alloc; destroyThreads and the destructor free what was
+    // made.
     virtual bool initThreads(bool bRead);
     virtual bool startThreads();
     virtual bool noOperation();
@@ -89,9 +89,6 @@ protected:
     virtual std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number);
     // False in a forked child, which does not have the threads.
     bool isMakersProcess() const { return fProcess == platform::processId(); }
-
-    // False from initThreads on, until startThreads has handed the loops to the pool; for good if it could not.
-    bool haveLoopsBegun() const { return fLoops.empty(); }
 
     // Written before startThreads, then only read.
     const std::uint32_t fThreads = 1;
