@@ -15,6 +15,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 
 namespace platform {
 
@@ -151,14 +152,9 @@ ORVA_HOST_API std::uint32_t forkCount() noexcept;
 // A number below 16 that few threads have in common. Costs next to nothing.
 ORVA_HOST_API std::size_t threadNumber() noexcept;
 
-// Holds up every fork() of the process, and every other noFork, while it lives. For the few instructions that make
-// something known: a child gets its copies of descriptors and of memory one after the other, while other threads go on.
-class ORVA_HOST_API noFork {
-public:
-    noFork() noexcept;
-    noFork(const noFork&) = delete;
-    noFork& operator=(const noFork&) = delete;
-    ~noFork();
-};
+// Holds up every fork() of the process, and every other call of this, while the lock lives. For the few instructions
+// that make something known: a child gets its copies of descriptors and of memory one after the other, while other
+// threads go on.
+[[nodiscard]] ORVA_HOST_API std::unique_lock<std::mutex> noFork() noexcept;
 
 }  // namespace platform

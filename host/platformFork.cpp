@@ -57,11 +57,8 @@ std::size_t threadNumber() noexcept {
     return number;
 }
 
-noFork::noFork() noexcept {
-    gForkLock.lock();
-}
-noFork::~noFork() {
-    gForkLock.unlock();
+std::unique_lock<std::mutex> noFork() noexcept {
+    return std::unique_lock(gForkLock);
 }
 
 }  // namespace platform

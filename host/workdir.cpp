@@ -32,7 +32,7 @@ libcrypto gCrypto;
 // at work then fails instead of using a key of zeros.
 struct KeyEraser {
     ~KeyEraser() {
-        const platform::noFork guard;
+        const auto guard = platform::noFork();
         gKeyState = KeyState::Gone;
         ::explicit_bzero(gKey.data(), gKey.size());
     }
@@ -41,7 +41,7 @@ struct KeyEraser {
 
 bool takeKeyIntoUse() {
     if (gKeyState.load(std::memory_order_acquire) == KeyState::InUse) return true;
-    const platform::noFork guard;
+    const auto guard = platform::noFork();
     if (gKeyState == KeyState::InUse) return true;
     if (gKeyState == KeyState::Gone || !gCrypto.load()) return false;
     if (gKeyState == KeyState::Unset && gCrypto.RAND_bytes(gKey.data(), kKeySize) != 1) return false;
@@ -109,7 +109,7 @@ int FreeOutData(unsigned char* data) noexcept {
 
 int setKey(const unsigned char* key, int length) noexcept {
     if (key == nullptr || length != kKeySize) return 0;
-    const platform::noFork guard;
+    const auto guard = platform::noFork();
     if (gKeyState == KeyState::InUse || gKeyState == KeyState::Gone) return 0;
     std::memcpy(gKey.data(), key, gKey.size());
     gKeyState = KeyState::Chosen;

@@ -59,7 +59,7 @@ private:
     static constexpr bool kForksTakeIt = PY_VERSION_HEX >= 0x030D0000;
     // The registration lasts until fLock goes, which counts its users.
     static void registerThread() {
-        const platform::noFork guard;
+        const auto guard = platform::noFork();
         PyThreadState* const state = PyThreadState_New(PyInterpreterState_Main());
         if (state != nullptr) state->gilstate_counter = 0;
     }

@@ -55,7 +55,7 @@ struct Reader::State {
         std::unique_ptr<partPtr> next = std::make_unique<partPtr>(opened());
         own& mine = ofProcess();
         mine.cache.moveTo((*next)->id());
-        const platform::noFork whole;                        // else a child could have the part without its descriptor
+        const auto whole = platform::noFork();               // else a child could have the part without its descriptor
         const std::lock_guard guard(mine.lock);              // last, so that no read waits for a fork
         if ((*fShown.load())->id() > (*next)->id()) return;  // the shown part comes from a refresh that began later
         next.reset(fShown.exchange(next.release()));
