@@ -198,11 +198,6 @@ int prepared(int descriptor, const char* name, int oflag, int shflag) {
     return 0;
 }
 
-std::string directoryOf(const char* name) {
-    const std::string directory = std::filesystem::path(name).parent_path().string();
-    return directory.empty() ? "." : directory;
-}
-
 // EINVAL and ENOTSUP come from files that have nothing to make durable. EROFS is a failure: a file system that stopped
 // after an error gives it, without having stored what was written before.
 int syncedUnlessPointless(int descriptor, int (*sync)(int)) {
@@ -319,7 +314,8 @@ int syncData(int descriptor) noexcept {
 // fsync, since the entries of a directory count as metadata. A caller that may write to the directory but not read it
 // syncs the whole file system, through a file without a name there.
 int syncDirectoryOf(const char* name) noexcept try {
-    const std::string directory = directoryOf(name);
+    std::string directory = std::filesystem::path(name).parent_path().string();
+    if (directory.empty()) directory = ".";
     const auto opened = [&](int flags) {
         return restarted([&] { return rawOpen(directory.c_str(), flags | O_CLOEXEC, S_IRUSR); });
     };

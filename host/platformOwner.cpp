@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 namespace platform {
@@ -62,14 +61,6 @@ bool accessOf(int descriptor, fileAccess& access) noexcept {
 bool accessOf(const char* name, fileAccess& access) noexcept {
     struct stat status {};
     return converted(::stat(name, &status), status, access);
-}
-
-bool accessOfDirectory(const char* name, fileAccess& access) noexcept try {
-    const std::string directory = std::filesystem::path(name).parent_path().string();
-    return accessOf(directory.empty() ? "." : directory.c_str(), access);
-} catch (...) {
-    errno = ENOMEM;
-    return false;
 }
 
 std::uint32_t callingUser() noexcept {

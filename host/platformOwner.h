@@ -25,8 +25,6 @@ inline constexpr std::uint32_t kSetGroup = 02000, kGroupWrite = 020, kOthersWrit
 ORVA_HOST_API bool accessOf(int descriptor, fileAccess& access) noexcept;
 // Follows links.
 ORVA_HOST_API bool accessOf(const char* name, fileAccess& access) noexcept;
-// Looks at the directory that holds `name`.
-ORVA_HOST_API bool accessOfDirectory(const char* name, fileAccess& access) noexcept;
 
 // The effective user of this process.
 ORVA_HOST_API std::uint32_t callingUser() noexcept;

@@ -12,14 +12,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 
 namespace orva {
-
-namespace {
-
-constexpr int kOwnerReadWrite = platform::_S_IREAD | platform::_S_IWRITE;
-
-}  // namespace
 
 std::string sideFileName(const std::string& dataName) {
     char target[platform::kLongestName + 1];
@@ -56,25 +51,21 @@ heldSideFile::~heldSideFile() {
 
 void heldSideFile::make(const fileBytes& bytes) {
     using namespace platform;
-    fDescriptor = openShared(fName.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_NOFOLLOW, 0, kOwnerReadWrite);
+    fDescriptor = openShared(fName.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_NOFOLLOW, 0, _S_IREAD | _S_IWRITE);
     if (fDescriptor == -1) throwFileError(errno, kWriteFailed, fName);
+    const auto write = [&](const unsigned char* from, std::uint32_t piece, std::int64_t place) {
+        return static_cast<std::uint32_t>(writeAt(fDescriptor, from, piece, place));
+    };
     try {
-        fill(bytes);
+        giveAccess(fDescriptor, fDataName.c_str());
+        setErrno(0);  // failing to give access says nothing about the write
+        if (!inPieces(bytes.data(), bytes.size(), 0, write) || syncData(fDescriptor) != 0)
+            throwFileError(errno, kWriteFailed, fName);
         syncName(fName);
     } catch (...) {
         removeIfSame(fName.c_str(), fDescriptor);
         throw;
     }
-}
-
-void heldSideFile::fill(const fileBytes& bytes) {
-    platform::giveAccess(fDescriptor, fDataName.c_str());
-    const auto write = [&](const unsigned char* from, std::uint32_t piece, std::int64_t place) {
-        return static_cast<std::uint32_t>(platform::writeAt(fDescriptor, from, piece, place));
-    };
-    platform::setErrno(0);  // failing to give access says nothing about the write
-    if (!inPieces(bytes.data(), bytes.size(), 0, write) || platform::syncData(fDescriptor) != 0)
-        throwFileError(errno, kWriteFailed, fName);
 }
 
 bool heldSideFile::open() {
@@ -94,8 +85,9 @@ bool heldSideFile::isTrusted() const {
     platform::fileAccess side{};
     platform::fileAccess data{};
     platform::fileAccess directory{};
+    const std::filesystem::path around = std::filesystem::path(fName).parent_path() / ".";
     if (!platform::accessOf(fDescriptor, side) || !platform::accessOf(fDataName.c_str(), data) ||
-        !platform::accessOfDirectory(fName.c_str(), directory)) {
+        !platform::accessOf(around.c_str(), directory)) {
         throwFileError(errno, kReadFailed, fName);
     }
     return canBeTrusted(side, data, directory, platform::callingUser());

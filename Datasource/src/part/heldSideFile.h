@@ -43,8 +43,6 @@ public:
     [[noreturn]] void refuseForeign() const;
 
 private:
-    void fill(const fileBytes& bytes);
-
     const std::string fDataName;
     const std::string fName;
     int fDescriptor = -1;
