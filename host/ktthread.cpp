@@ -49,19 +49,17 @@ ktGuard::~ktGuard() {
 }
 
 struct ktSemaphore::State {
-    const std::int64_t process = platform::processId();
+    const platform::makerProcess maker;
     std::mutex lock;  // guards count
     std::condition_variable posted;
     std::uint64_t count;
 
     explicit State(unsigned int first) : count(first) {}
 
-    bool isInherited() const { return process != platform::processId(); }
-
     // Takes one from the count if wait(guard, condition), which waits for the condition, finds it fulfilled.
     template <class Wait>
     bool take(Wait wait) {
-        if (isInherited()) return false;
+        if (!maker.isHere()) return false;
         std::unique_lock guard(lock);
         const bool taken = wait(guard, [this] { return count > 0; });
         if (taken) --count;
@@ -70,7 +68,7 @@ struct ktSemaphore::State {
 
     // Leaks in a forked child, where destroying the condition variable would wait for waiters that are not there.
     static void release(State* state) {
-        if (!state->isInherited()) delete state;
+        if (state->maker.isHere()) delete state;
     }
 };
 
@@ -78,7 +76,7 @@ ktSemaphore::ktSemaphore(unsigned int count) : fState(new State(count), &State::
 ktSemaphore::~ktSemaphore() = default;
 
 bool ktSemaphore::postSemaphore() {
-    if (fState->isInherited()) return false;
+    if (!fState->maker.isHere()) return false;
     // Kept alive: the woken waiter may be the one that destroys the semaphore. Notified without the lock, or the waiter
     // would wake up only to wait for it.
     const std::shared_ptr<State> state = fState;
@@ -136,7 +134,7 @@ struct ktThreadPoolBase::Data {
         void* data;
     };
 
-    const std::int64_t process = platform::processId();
+    const platform::makerProcess maker;
     const std::size_t size;
     std::vector<std::thread> threads;  // owner's thread only
     std::condition_variable changed;
@@ -146,8 +144,6 @@ struct ktThreadPoolBase::Data {
     bool isEnding = false;
 
     explicit Data(int count) : size(static_cast<std::size_t>(std::max(count, 1))) {}
-
-    bool isInherited() const { return process != platform::processId(); }
 
     // Drops the exceptions of a callback: they must not end the process.
     static void run(Job job) {
@@ -186,7 +182,7 @@ ktThreadPoolBase::ktThreadPoolBase(int threads) : fData(std::make_unique<Data>(t
 ktThreadPoolBase::~ktThreadPoolBase() {
     stopAll();
     // Leaked in a forked child: it cannot join the threads, and the condition variable would wait for them.
-    if (fData->isInherited()) static_cast<void>(fData.release());
+    if (!fData->maker.isHere()) static_cast<void>(fData.release());
 }
 
 void ktThreadPoolBase::init() {
@@ -194,7 +190,7 @@ void ktThreadPoolBase::init() {
 }
 
 void ktThreadPoolBase::startAll() {
-    if (fData->isInherited() || !fData->threads.empty()) return;
+    if (!fData->maker.isHere() || !fData->threads.empty()) return;
     const NoSignals noSignals;
     std::unique_lock guard(fData->lock);  // no thread takes a job before all of them run
     try {
@@ -206,13 +202,13 @@ void ktThreadPoolBase::startAll() {
 }
 
 void ktThreadPoolBase::stopAll() {
-    if (fData->isInherited()) return;
+    if (!fData->maker.isHere()) return;
     fData->end(std::unique_lock(fData->lock));
 }
 
 bool ktThreadPoolBase::runCallBack(CallBackObject* callback, void* data, int /*reserved*/) {
     Data::Job job{std::unique_ptr<CallBackObject>(callback), data};
-    if (fData->isInherited()) return false;
+    if (!fData->maker.isHere()) return false;
     const std::lock_guard guard(fData->lock);
     if (fData->isEnding) return false;
     fData->jobs.push_back(std::move(job));

@@ -141,6 +141,15 @@ ORVA_HOST_API void preferHugePages(void* memory, std::size_t size) noexcept;
 // Asks the system each time: a cached number would be wrong after a fork, which is what callers ask about.
 ORVA_HOST_API std::int64_t processId() noexcept;
 
+// The process that makes this object: isHere() is false in a child that it forks.
+class makerProcess {
+public:
+    bool isHere() const noexcept { return fId == processId(); }
+
+private:
+    std::int64_t fId = processId();
+};
+
 // The cores that the calling thread, and whatever it starts, may run on: all that are online, or fewer where taskset, a
 // container or a batch system sets an affinity. At least 1. A share of time, as a container may be given, does not
 // count.

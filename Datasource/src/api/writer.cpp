@@ -131,7 +131,7 @@ struct Writer::State {
     const threadSettings fThreadSettings;
     choices fChoices;
     const bool bDurable;
-    const std::int64_t fProcess = platform::processId();
+    const platform::makerProcess fMaker;
     life fLife = life::writing;
     i64 fRow0 = 0;
     i64 fSize = 0;                          // of the rows, while fPart is null
@@ -164,7 +164,7 @@ Writer::~Writer() = default;
 Writer::State& Writer::settled() {
     require(fState != nullptr, {}, "this Writer was moved from");
     State& s = *fState;
-    require(s.fProcess == platform::processId(), s.fPath, "another process writes it: a forked child cannot");
+    require(s.fMaker.isHere(), s.fPath, "another process writes it: a forked child cannot");
     require(s.fLife != State::life::failed, s.fPath, "writing it has failed: nothing more can be written");
     require(s.fLife != State::life::finished, s.fPath, "it is finished: use Writer::append to add rows");
     s.fGiven = 0;

@@ -51,12 +51,12 @@ int OpenDescriptor(const ExtNameStr& name, const char* mode) {
 
 ORVA_File::ORVA_File() : ORVA_File(false) {}
 
-ORVA_File::ORVA_File(const ORVA_File& other) : ORVA_RefCntObject(other), fEncrypted(false), fProcess(0) {
+ORVA_File::ORVA_File(const ORVA_File& other) : ORVA_RefCntObject(other), fEncrypted(false) {
     ORVA_ASSERT(false, "0 && \"can't copy an ORVA_File\"");
 }
 
 ORVA_File::~ORVA_File() {
-    if (isInherited()) {  // closes without the mutex
+    if (!fMaker.isHere()) {  // closes without the mutex
         if (IsOpen()) platform::closeInherited(fDescriptor);
         return;
     }
@@ -79,7 +79,7 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
     std::swap(fName, newName);
     fMode.swap(newMode);
     fTemporaryName.swap(temporaryName);
-    fProcess = platform::processId();
+    fMaker = {};
     platform::setErrno(0);
     fDescriptor = OpenDescriptor(fName, fMode.c_str());
     fOpenErrno = IsOpen() ? 0 : errno;
@@ -99,10 +99,6 @@ bool ORVA_File::Rewrites() const {
     return (accessFlags(fMode.c_str()) & (platform::_O_WRONLY | platform::_O_APPEND)) == 0;
 }
 
-bool ORVA_File::isInherited() const {
-    return fProcess != platform::processId();
-}
-
 bool ORVA_File::isNamed(const std::string& name) const {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     return platform::sameFile(fDescriptor, name.c_str());
@@ -118,7 +114,7 @@ int ORVA_File::Close() {
     if (!IsOpen()) return 0;
     if (fEncrypted && fEncryptStarted) fCipher->endRun();
     platform::setErrno(0);
-    if (isInherited()) {
+    if (!fMaker.isHere()) {
         platform::closeInherited(fDescriptor);
     } else if (platform::_close(fDescriptor, fTemporaryName.c_str()) != 0) {
         fail(kWriteFailed, errno);

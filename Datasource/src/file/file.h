@@ -16,6 +16,7 @@
 #include <orva/hostdep.h>
 #include <orva/ktthread.h>
 #include <orva/orvaApi.h>
+#include <orva/platform.h>
 #include <orva/refCntObject.h>
 
 #include <atomic>
@@ -123,7 +124,6 @@ private:
     ORVA_LOCAL unsigned int readDescriptor(void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     ORVA_LOCAL unsigned int writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
     ORVA_LOCAL unsigned int WriteEncrypted(const void* buffer, unsigned int byteSize, std::int64_t byteOffset);
-    ORVA_LOCAL bool isInherited() const;  // in a forked child: lock and name are its parent's
     [[noreturn]] ORVA_LOCAL void fail(long code, int error);
 
     // Guarded by fMutex while an operation runs.
@@ -145,8 +145,9 @@ private:
     std::string fTemporaryName;       // The full name of a file that is deleted when closed, else empty.
 
     int fOpenErrno = 0;
-    // The process that made it or opened it last. In a forked child a thread that is not there may hold the lock.
-    std::int64_t fProcess;
+    // The process that made it or opened it last. In a forked child lock and name are its parent's, and a thread that
+    // is not there may hold the lock.
+    platform::makerProcess fMaker;
 };
 
 extern template class ORVA_API RefCountPtr<ORVA_File>;

@@ -38,9 +38,7 @@ void SetKeepEncrypt(bool keep) {
 }
 
 ORVA_File::ORVA_File(bool encrypted)
-    : fEncrypted(encrypted && gKeepEncrypt),
-      fCipher(fEncrypted ? new Cipher(*this) : nullptr),
-      fProcess(platform::processId()) {}
+    : fEncrypted(encrypted && gKeepEncrypt), fCipher(fEncrypted ? new Cipher(*this) : nullptr) {}
 
 void ORVA_File::Cipher::beginFile() {
     fFile.fRemainderSize = 0;

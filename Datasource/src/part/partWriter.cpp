@@ -54,7 +54,7 @@ void partWriter::guarded(Steps steps) {
 // Ends the threads and then puts back what an append has overwritten, before anybody learns of the failure. Returns the
 // failure with the outcome in its text, or why the append could not be undone. A forked child leaves the file alone.
 std::exception_ptr partWriter::endAndUndo(const std::exception_ptr& failure) {
-    if (fProcess != platform::processId()) return failure;
+    if (!fMaker.isHere()) return failure;
     endSink(true);
     return fUndo != nullptr ? std::exchange(fUndo, nullptr)->undo(failure) : failure;
 }

@@ -107,7 +107,7 @@ private:
     bool bFinished = false;
     std::unique_ptr<appendUndo> fUndo;  // while an append is unfinished
     std::unique_ptr<blockSink> fSink;   // null once the writer has ended or failed
-    const std::int64_t fProcess = platform::processId();
+    const platform::makerProcess fMaker;
 };
 
 }  // namespace orva

@@ -14,8 +14,7 @@ ORVA_StrBaseIO::~ORVA_StrBaseIO() noexcept(false) = default;
 
 ORVA_FileStream::ORVA_FileStream() : ORVA_FileStream(false) {}
 
-ORVA_FileStream::ORVA_FileStream(bool encrypted)
-    : fData(new Data(encrypted)), fProcess(platform::processId()), fUncaught(std::uncaught_exceptions()) {}
+ORVA_FileStream::ORVA_FileStream(bool encrypted) : fData(new Data(encrypted)), fUncaught(std::uncaught_exceptions()) {}
 
 ORVA_FileStream::ORVA_FileStream(const char* name, const char* mode) : ORVA_FileStream(name, mode, false) {}
 
@@ -28,7 +27,6 @@ ORVA_FileStream::ORVA_FileStream(const ORVA_FileStream& source)
       fData(new Data(source.fData->bEncrypted)),
       fMultiThreadReading(source.fMultiThreadReading),
       fPreReading(source.fPreReading),
-      fProcess(platform::processId()),
       fUncaught(std::uncaught_exceptions()) {
     fData->pRealFile = source.fData->pRealFile;
     fData->fpIOThread = source.fData->fpIOThread;
@@ -41,10 +39,6 @@ ORVA_FileStream::~ORVA_FileStream() noexcept(false) {
     } catch (...) {
         if (mayThrowNow()) throw;
     }
-}
-
-bool ORVA_FileStream::inOwnProcess() const {
-    return fProcess == platform::processId();
 }
 
 bool ORVA_FileStream::mayThrowNow() const {
@@ -96,7 +90,7 @@ std::int32_t ORVA_FileStream::Open(const ExtNameStr& name, const ExtNameStr&, co
     fData->dropBuffer();
     fData->fpIOThread = nullptr;
     fData->pRealFile = file;
-    fProcess = platform::processId();  // what a forked child opens is its own
+    fMaker = {};  // what a forked child opens is its own
     const bool opened = file->Open(copy, mode);
     fData->fIOPos = file->Tell();
     fStreamPos = fData->fIOPos;

@@ -139,7 +139,7 @@ protected:
     // The file, valid until the next Open. An assertion failure without one.
     ORVA_File& GetFile();
     // False in a forked child, which leaves the stream alone: its threads and locks belong to the parent.
-    ORVA_LOCAL bool inOwnProcess() const;
+    ORVA_LOCAL bool inOwnProcess() const { return fMaker.isHere(); }
     // True if a destructor may throw: no further exception has come into flight since construction.
     ORVA_LOCAL bool mayThrowNow() const;
 
@@ -152,7 +152,7 @@ private:
     std::int32_t fMultiThreadReading = 0;
     std::int32_t fPreReading = 1;
     std::int64_t fStreamPos = 0;
-    std::int64_t fProcess;
+    platform::makerProcess fMaker;
     int fUncaught;
 };
 

@@ -88,13 +88,13 @@ protected:
     // Makes the loop of thread `number`, from 0, over readLoopStep or writeLoopStep.
     virtual std::unique_ptr<CallBackObject> newLoop(bool bRead, std::uint32_t number);
     // False in a forked child, which does not have the threads.
-    bool isMakersProcess() const { return fProcess == platform::processId(); }
+    bool isMakersProcess() const { return fMaker.isHere(); }
 
     // Written before startThreads, then only read.
     const std::uint32_t fThreads = 1;
     ktThreadPool* pThreadPool = nullptr;
     bool bWrite = false;
-    const std::int64_t fProcess = platform::processId();
+    const platform::makerProcess fMaker;
     // Guarded as the derived class says.
     std::exception_ptr fFailure;
 
