@@ -18,7 +18,7 @@ const std::string& ExtNameStr::GetCP() const noexcept {
 
 int ExtNameStr::Sopen(int oflag, int shflag, int pmode) const {
     if (fName.find('\0') != std::string::npos) {
-        platform::setErrno(ENOENT);
+        errno = ENOENT;
         return -1;
     }
     return platform::openShared(fName.c_str(), oflag, shflag, pmode);

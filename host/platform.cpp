@@ -360,10 +360,6 @@ std::int64_t copyRange(int from, std::int64_t fromOffset, int to, std::int64_t t
         [&] { return ::copy_file_range(from, &fromOffset, to, &toOffset, static_cast<std::size_t>(count), 0); });
 }
 
-void setErrno(int error) noexcept {
-    errno = error;
-}
-
 void preferHugePages(void* memory, std::size_t size) noexcept {
     const int error = errno;
     ::madvise(memory, size, MADV_HUGEPAGE);

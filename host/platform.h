@@ -132,8 +132,6 @@ ORVA_HOST_API int truncateFile(int descriptor, std::int64_t length) noexcept;
 ORVA_HOST_API std::int64_t copyRange(int from, std::int64_t fromOffset, int to, std::int64_t toOffset,
                                      std::int64_t count) noexcept;
 
-ORVA_HOST_API void setErrno(int error) noexcept;
-
 // Lets the system back `memory`, which begins on a multiple of the huge page size and is going to be touched
 // throughout, by huge pages. A hint: nothing happens if the system has none, or none left. Keeps errno.
 ORVA_HOST_API void preferHugePages(void* memory, std::size_t size) noexcept;

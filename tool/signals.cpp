@@ -25,7 +25,7 @@ extern "C" void onSignal(int signal) {
         const int error = errno;
         gAsked = signal;
         [[maybe_unused]] const auto written = ::write(gWake[1], "", 1);  // a full pipe has already woken the reader
-        platform::setErrno(error);
+        errno = error;
         return;
     }
     orva::remove_unfinished();

@@ -1,12 +1,13 @@
 #include "base/fileError.h"
 
 #include <orva/errtext.h>
-#include <orva/platform.h>
+
+#include <cerrno>
 
 namespace orva {
 
 void throwFileError(int error, long code, const std::string& name, const std::string& outcome) try {
-    platform::setErrno(error);
+    errno = error;
     ThrowError::StringSys("datasrc.err", code, name.c_str());
 } catch (const FileError& failure) {
     if (outcome.empty()) throw;

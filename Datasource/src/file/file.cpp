@@ -80,7 +80,7 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
     fMode.swap(newMode);
     fTemporaryName.swap(temporaryName);
     fMaker = {};
-    platform::setErrno(0);
+    errno = 0;
     fDescriptor = OpenDescriptor(fName, fMode.c_str());
     fOpenErrno = IsOpen() ? 0 : errno;
     if (IsOpen()) {
@@ -113,7 +113,7 @@ int ORVA_File::Close() {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
     if (fEncrypted && fEncryptStarted) fCipher->endRun();
-    platform::setErrno(0);
+    errno = 0;
     if (!fMaker.isHere()) {
         platform::closeInherited(fDescriptor);
     } else if (platform::_close(fDescriptor, fTemporaryName.c_str()) != 0) {
@@ -167,7 +167,7 @@ unsigned int ORVA_File::WriteEncrypted(const void* buffer, unsigned int byteSize
 unsigned int ORVA_File::FinishEncryption() {
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen() || !fEncrypted || (!fEncryptStarted && fRemainderSize == 0)) return 0;
-    platform::setErrno(0);
+    errno = 0;
     return fCipher->finish();
 }
 
@@ -195,13 +195,13 @@ std::int64_t ORVA_File::nextStored(std::int64_t byteOffset) const {
 
 void ORVA_File::Sync() {
     const ktGuard guard(fMutex, ktMutex::Recursive);
-    platform::setErrno(0);
+    errno = 0;
     if (IsOpen() && platform::syncData(fDescriptor) != 0) fail(kWriteFailed, errno);
 }
 
 void ORVA_File::Truncate(std::int64_t length) {
     const ktGuard guard(fMutex, ktMutex::Recursive);
-    platform::setErrno(0);
+    errno = 0;
     if (IsOpen() && platform::truncateFile(fDescriptor, length) != 0) fail(kWriteFailed, errno);
 }
 
@@ -209,7 +209,7 @@ void ORVA_File::Truncate(std::int64_t length) {
 void ORVA_File::beginTransfer(std::int64_t byteOffset, long code) {
     if (byteOffset < 0) fail(code, EINVAL);
     if (!fSeekable && byteOffset != fPosition) fail(code, ESPIPE);
-    platform::setErrno(0);
+    errno = 0;
 }
 
 // Cuts the read short at the largest offset, past which the system refuses to read.

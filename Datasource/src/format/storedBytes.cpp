@@ -3,8 +3,6 @@
 #include "base/fileError.h"
 #include "file/namedFile.h"
 
-#include <orva/platform.h>
-
 #include <cerrno>
 
 namespace orva {
@@ -16,7 +14,7 @@ const std::string& bytesFrom::name() const {
 // A disk error is no damage of the file.
 std::int64_t bytesFrom::length() const {
     if (fFile == nullptr) return fOther->length();
-    platform::setErrno(0);
+    errno = 0;
     const std::int64_t length = fFile->Size();
     if (length < 0) throwFileError(errno, kReadFailed, name());
     return length;

@@ -58,7 +58,7 @@ void heldSideFile::make(const fileBytes& bytes) {
     };
     try {
         giveAccess(fDescriptor, fDataName.c_str());
-        setErrno(0);  // failing to give access says nothing about the write
+        errno = 0;  // failing to give access says nothing about the write
         if (!inPieces(bytes.data(), bytes.size(), 0, write) || syncData(fDescriptor) != 0)
             throwFileError(errno, kWriteFailed, fName);
         syncName(fName);
