@@ -114,10 +114,8 @@ ORVA_HOST_API int renameNew(const char* from, const char* to) noexcept;
 
 ORVA_HOST_API int removeFile(const char* name) noexcept;
 
-// True if `name` is a symbolic link that leads to something: then `target`, of kLongestName + 1 bytes, is the absolute
-// name at the end of the chain of links. False if it is no link, or a dangling one.
+// No system takes a longer name, in bytes.
 inline constexpr int kLongestName = 4095;
-ORVA_HOST_API bool linkTarget(const char* name, char* target) noexcept;
 
 // True if both names, or descriptor and name, lead to one file that exists.
 ORVA_HOST_API bool sameFile(const char* name, const char* otherName) noexcept;

@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <string>
 
 namespace platform {
@@ -91,17 +89,6 @@ bool sameFile(int descriptor, const char* name) noexcept {
     fileAccess opened{};
     fileAccess named{};
     return accessOf(descriptor, opened) && accessOf(name, named) && areSame(opened, named);
-}
-
-bool linkTarget(const char* name, char* target) noexcept {
-    static_assert(kLongestName + 1 >= PATH_MAX);
-    struct stat own {};
-    return ::lstat(name, &own) == 0 && S_ISLNK(own.st_mode) && ::realpath(name, target) != nullptr;
-}
-
-bool isNameTaken(const char* name) noexcept {
-    struct stat status {};
-    return ::lstat(name, &status) == 0;
 }
 
 int removeIfSame(const char* name, int descriptor) noexcept {

@@ -35,9 +35,6 @@ ORVA_HOST_API std::uint32_t callingUser() noexcept;
 // and write bits are set here. A system without groups and lists leaves the file as it is.
 ORVA_HOST_API std::uint32_t giveAccess(int descriptor, const char* like) noexcept;
 
-// True if anything, even a dangling link, has that name. False with errno if not, or if the system cannot tell.
-ORVA_HOST_API bool isNameTaken(const char* name) noexcept;
-
 // Removes `name` if it names the file of `descriptor`; any other file that has the name by now stays. 0 in both cases,
 // -1 if the system cannot tell or does not remove it.
 ORVA_HOST_API int removeIfSame(const char* name, int descriptor) noexcept;

@@ -13,20 +13,28 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <system_error>
+
+namespace fs = std::filesystem;
 
 namespace orva {
 
+// That of a dangling link is beside the link.
 std::string sideFileName(const std::string& dataName) {
-    char target[platform::kLongestName + 1];
-    return (platform::linkTarget(dataName.c_str(), target) ? target : dataName) + ".orva-undo";
+    std::error_code none;
+    fs::path target;
+    if (fs::is_symlink(fs::symlink_status(dataName, none))) target = fs::canonical(dataName, none);
+    return (target.empty() ? dataName : target.string()) + ".orva-undo";
 }
 
 bool hasSideFile(const std::string& dataName) {
     const std::string name = sideFileName(dataName);
-    if (platform::isNameTaken(name.c_str())) return true;
+    std::error_code unknown;
+    const fs::file_status status = fs::symlink_status(name, unknown);
     // No side file can have a name that is too long.
-    if (errno != ENOENT && errno != ENOTDIR && errno != ENAMETOOLONG) throwFileError(errno, kReadFailed, name);
-    return false;
+    if (!fs::status_known(status) && unknown.value() != ENAMETOOLONG)
+        throwFileError(unknown.value(), kReadFailed, name);
+    return fs::exists(status);
 }
 
 // Group and directory together prove membership. Users cannot give a file to a group that they are not in, but a
@@ -85,7 +93,7 @@ bool heldSideFile::isTrusted() const {
     platform::fileAccess side{};
     platform::fileAccess data{};
     platform::fileAccess directory{};
-    const std::filesystem::path around = std::filesystem::path(fName).parent_path() / ".";
+    const fs::path around = fs::path(fName).parent_path() / ".";
     if (!platform::accessOf(fDescriptor, side) || !platform::accessOf(fDataName.c_str(), data) ||
         !platform::accessOf(around.c_str(), directory)) {
         throwFileError(errno, kReadFailed, fName);
