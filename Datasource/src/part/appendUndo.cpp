@@ -90,7 +90,13 @@ std::exception_ptr appendUndo::undo(const std::exception_ptr& failure) {
     const char* outcome = bSafe ? kRollBack : kRecover;
     std::exception_ptr undoFailure;
     try {
-        restore(outcome);
+        // The heading first: with it in place, a roll-back can finish what is interrupted here.
+        putBack(fFile, fKept.heading, fKept.row0Pos);
+        if (bSafe) fFile.Sync();
+        restoreTail(fFile, fKept, bSafe);
+        if (bSafe) outcome = kSideFileLeft;
+        if (bSafe) fSide.remove();
+        outcome = kAsBefore;
     } catch (...) {
         undoFailure = std::current_exception();
     }
@@ -98,18 +104,6 @@ std::exception_ptr appendUndo::undo(const std::exception_ptr& failure) {
         if (std::exception_ptr extended = withOutcome(reported, outcome)) return extended;
     }
     return failure != nullptr ? failure : undoFailure;
-}
-
-// The heading first: with it in place, a roll-back can finish what is interrupted here.
-void appendUndo::restore(const char*& outcome) {
-    putBack(fFile, fKept.heading, fKept.row0Pos);
-    if (bSafe) fFile.Sync();
-    restoreTail(fFile, fKept, bSafe);
-    if (bSafe) {
-        outcome = kSideFileLeft;
-        fSide.remove();
-    }
-    outcome = kAsBefore;
 }
 
 void appendUndo::commit() {

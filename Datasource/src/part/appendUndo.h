@@ -43,8 +43,6 @@ public:
     void commit();
 
 private:
-    void restore(const char*& outcome);
-
     ORVA_File& fFile;
     const bool bSafe;
     undoRecord fKept;
