@@ -56,10 +56,6 @@ ORVA_File::ORVA_File(const ORVA_File& other) : ORVA_RefCntObject(other), fEncryp
 }
 
 ORVA_File::~ORVA_File() {
-    if (!fMaker.isHere()) {  // closes without the mutex
-        if (IsOpen()) platform::closeInherited(fDescriptor);
-        return;
-    }
     try {
         Close();
     } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell.
@@ -109,16 +105,18 @@ void ORVA_File::Renamed(const ExtNameStr& name) {
     fName = name;
 }
 
+// A forked child takes no mutex: a thread of its parent may have held it. Nor does it end its parent's cipher run.
 int ORVA_File::Close() {
+    if (!fMaker.isHere()) {
+        const int inherited = std::exchange(fDescriptor, -1);
+        if (inherited != -1) platform::closeInherited(inherited);
+        return inherited != -1 ? 1 : 0;
+    }
     const ktGuard guard(fMutex, ktMutex::Recursive);
     if (!IsOpen()) return 0;
     if (fEncrypted && fEncryptStarted) fCipher->endRun();
     errno = 0;
-    if (!fMaker.isHere()) {
-        platform::closeInherited(fDescriptor);
-    } else if (platform::_close(fDescriptor, fTemporaryName.c_str()) != 0) {
-        fail(kWriteFailed, errno);
-    }
+    if (platform::_close(fDescriptor, fTemporaryName.c_str()) != 0) fail(kWriteFailed, errno);
     fDescriptor = -1;
     return 1;
 }

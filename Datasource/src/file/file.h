@@ -7,7 +7,7 @@
 // Owner:   streams, through RefCountPtr. Workers hold a plain pointer and end before the file does.
 // Threads: Open, Read, Write, Size, Sync, Truncate, Close and FinishEncryption each run under the object's lock and may
 //          be called from several threads. The inline queries take no lock and are for the thread that opens the file.
-//          In a forked child the destructor takes none either.
+//          In a forked child Close and the destructor take none either.
 // Failure: FileError with the code 1003 (reading) or 1002 (writing, closing); Good() is then false until Clear or Open.
 //          A failed Open returns false. On a closed object everything returns 0. A process under a limit on file sizes
 //          gets the error only if it ignores SIGXFSZ, which otherwise ends it.
