@@ -86,13 +86,9 @@ bool ORVA_File::Open(const ExtNameStr& name, const char* mode) {
         fPosition = atEnd ? std::max<std::int64_t>(place, 0) : 0;
     }
     fGood.store(IsOpen(), std::memory_order_relaxed);
-    fAppends = (accessFlags(fMode.c_str()) & platform::_O_APPEND) != 0;
+    fAccess = accessFlags(fMode.c_str());
     if (fCipher != nullptr) fCipher->beginFile();
     return IsOpen();
-}
-
-bool ORVA_File::Rewrites() const {
-    return (accessFlags(fMode.c_str()) & (platform::_O_WRONLY | platform::_O_APPEND)) == 0;
 }
 
 bool ORVA_File::isNamed(const std::string& name) const {
@@ -222,8 +218,8 @@ unsigned int ORVA_File::readDescriptor(void* buffer, unsigned int byteSize, std:
 
 // When appending, the system chooses the place.
 unsigned int ORVA_File::writeDescriptor(const void* buffer, unsigned int byteSize, std::int64_t byteOffset) {
-    const int count = fSeekable && !fAppends ? platform::writeAt(fDescriptor, buffer, byteSize, byteOffset)
-                                             : platform::_write(fDescriptor, buffer, byteSize);
+    const int count = fSeekable && !Appends() ? platform::writeAt(fDescriptor, buffer, byteSize, byteOffset)
+                                              : platform::_write(fDescriptor, buffer, byteSize);
     if (count == -1) fail(kWriteFailed, errno);
     return byteSize;
 }

@@ -87,9 +87,10 @@ public:
     std::int64_t Tell() const { return fPosition; }
     const ExtNameStr& GetNameStr() const { return fName; }
     bool IsEncrypted() const { return fEncrypted; }
-    bool Appends() const { return fAppends; }
+    // True in an `a` mode: the system puts every write at the end of the file, whatever its offset.
+    bool Appends() const { return (fAccess & platform::_O_APPEND) != 0; }
     // True if the mode allows bytes of the file to be read and written again in place.
-    ORVA_LOCAL bool Rewrites() const;
+    bool Rewrites() const { return (fAccess & (platform::_O_WRONLY | platform::_O_APPEND)) == 0; }
     // A rewrite begins and ends on multiples of this, or ends with the data.
     std::uint32_t granule() const { return fEncrypted ? CIPHER_BLOCK_SIZE : 1; }
     // The offset at which the read of a whole block that holds `position` begins: a multiple of 512. A pipe or terminal
@@ -140,7 +141,7 @@ private:
     int fRemainderSize = 0;
     int fPadSize = 0;
     std::unique_ptr<Cipher> fCipher;  // null unless encrypted
-    bool fAppends = false;            // The system puts every write at the end of the file, whatever its offset.
+    int fAccess = 0;                  // Flags of platform, by the mode.
     bool fSeekable = true;            // False for a pipe or terminal.
     std::string fTemporaryName;       // The full name of a file that is deleted when closed, else empty.
 

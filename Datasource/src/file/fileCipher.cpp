@@ -109,7 +109,7 @@ bool ORVA_File::Cipher::mayWrite(unsigned int size, std::int64_t byteOffset) {
     constexpr std::int64_t last = wholeBlocks(std::numeric_limits<std::int64_t>::max());
     if (byteOffset > last - size) return false;
     const bool continues = continuesWaiting(byteOffset);
-    if (fFile.fAppends && (continues ? fTailPos : byteOffset) != fileEnd()) return false;
+    if (fFile.Appends() && (continues ? fTailPos : byteOffset) != fileEnd()) return false;
     if (continues) return true;
     if (byteOffset % CIPHER_BLOCK_SIZE != 0 || (waits() && byteOffset > fTailPos)) return false;
     const int tail = static_cast<int>(size % CIPHER_BLOCK_SIZE);
@@ -182,7 +182,7 @@ unsigned int ORVA_File::Cipher::finish() {
 
 // Pads with zeros: the memory after the waiting bytes still has plaintext of earlier blocks.
 unsigned int ORVA_File::Cipher::writePaddedBlock() {
-    if (fFile.fAppends && fTailPos != fileEnd()) fFile.fail(kWriteFailed, EINVAL);
+    if (fFile.Appends() && fTailPos != fileEnd()) fFile.fail(kWriteFailed, EINVAL);
     const int pad = CIPHER_BLOCK_SIZE - fFile.fRemainderSize;
     std::memset(fFile.fRemainder + fFile.fRemainderSize, 0, static_cast<std::size_t>(pad));
     unsigned int count = 0;
