@@ -18,10 +18,6 @@ namespace {
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 constexpr std::size_t kWorthOne = kHugePage / 4;
 
-unsigned char* allocate(std::size_t size, std::size_t alignment) {
-    return static_cast<unsigned char*>(::operator new (size, std::align_val_t{alignment}));
-}
-
 }  // namespace
 
 void blockBuffer::release::operator()(unsigned char* bytes) const {
@@ -33,14 +29,13 @@ void blockBuffer::release::operator()(unsigned char* bytes) const {
 blockBuffer::blockBuffer(std::size_t size, std::size_t used) {
     if (std::min(size, used) >= kWorthOne) {
         const std::size_t whole = (size + kHugePage - 1) / kHugePage * kHugePage;
-        try {
-            fBytes = {allocate(whole, kHugePage), {kHugePage}};
-            platform::preferHugePages(fBytes.get(), whole);
-            return;
-        } catch (const std::bad_alloc&) {
-        }
+        void* const bytes = ::operator new (whole, std::align_val_t{kHugePage}, std::nothrow);
+        fBytes = {static_cast<unsigned char*>(bytes), {kHugePage}};
+        if (fBytes) platform::preferHugePages(bytes, whole);
     }
-    fBytes = {allocate(size, kBufferAlignment), {kBufferAlignment}};
+    if (fBytes) return;
+    void* const bytes = ::operator new (size, std::align_val_t{kBufferAlignment});
+    fBytes = {static_cast<unsigned char*>(bytes), {kBufferAlignment}};
 }
 
 void evictFromCaches(unsigned char* bytes, std::size_t size) {
