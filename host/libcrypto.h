@@ -7,7 +7,6 @@
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <openssl/rand.h>
 
 // The headers that this is built with fix the version, since only that library matches them.
 #define ORVA_LIBCRYPTO_NAMED(version) "libcrypto.so." #version
@@ -16,7 +15,6 @@
 
 struct libcrypto {
     decltype(&::OPENSSL_init_crypto) OPENSSL_init_crypto = nullptr;
-    decltype(&::RAND_bytes) RAND_bytes = nullptr;
     decltype(&::EVP_aes_256_ecb) EVP_aes_256_ecb = nullptr;
     decltype(&::EVP_CIPHER_CTX_new) EVP_CIPHER_CTX_new = nullptr;
     decltype(&::EVP_CIPHER_CTX_free) EVP_CIPHER_CTX_free = nullptr;

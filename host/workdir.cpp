@@ -4,6 +4,8 @@
 #include <orva/platformFaults.h>
 #include <orva/workdir.h>
 
+#include <unistd.h>
+
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -44,7 +46,7 @@ bool takeKeyIntoUse() {
     const auto guard = platform::noFork();
     if (gKeyState == KeyState::InUse) return true;
     if (gKeyState == KeyState::Gone || !gCrypto.load()) return false;
-    if (gKeyState == KeyState::Unset && gCrypto.RAND_bytes(gKey.data(), kKeySize) != 1) return false;
+    if (gKeyState == KeyState::Unset && ::getentropy(gKey.data(), gKey.size()) != 0) return false;
     gKeyState.store(KeyState::InUse, std::memory_order_release);
     return true;
 }
