@@ -40,9 +40,6 @@ void checkFirstRecord(const filePosRecord& first, const std::string& fileName);
 // single block may be a short one, and counts as one of the command's unless it is longer than those.
 std::int64_t chosenLength(std::span<const filePosRecord> records);
 
-// The greatest `size` of the records, 0 without any. Impossible sizes count as well.
-std::size_t longest(std::span<const filePosRecord> records, std::int32_t filePosRecord::*size);
-
 }  // namespace orva
 
 class filePosInfo {
@@ -75,7 +72,6 @@ public:
     std::span<const filePosRecord> records() const { return fParsed; }
     std::uint32_t parsedCount() const { return static_cast<std::uint32_t>(fParsed.size()); }
     const filePosRecord& parsed(std::uint32_t number) const { return fParsed[number]; }
-    std::uint32_t blockSize() const { return fBlockSize; }
     // Logical position after the last parsed block, or `otherwise` without one.
     std::int64_t dataEnd(std::int64_t otherwise) const;
 

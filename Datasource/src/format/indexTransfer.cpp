@@ -29,6 +29,13 @@ constexpr std::int64_t kLargestPlace = std::int64_t{1} << 62;
 constexpr const char* kWholeRecords = "_size == 24 x (n + 1)";
 constexpr const char* kIndexFits = "ret == chInfo._size";
 
+// The text of the check that a heading fails in any file; null if it could be true.
+const char* violatedCheck(const compressionHeading& heading) {
+    if (heading._size < kRecordSize || heading._size % kRecordSize != 0) return kWholeRecords;
+    if (heading._indexPos < heading._caseStartPos + kHeadingSize) return "_indexPos behind the heading";
+    return heading._size > std::numeric_limits<std::uint32_t>::max() ? kIndexFits : nullptr;
+}
+
 void checkPlaces(const bytesFrom& file, const compressionHeading& heading, std::int64_t fileSize) {
     const char* breach = violatedCheck(heading);
     if (breach == nullptr && heading._indexPos > fileSize - heading._size) breach = kIndexFits;
@@ -66,12 +73,6 @@ bool hasOtherHeading(const bytesFrom& file, const compressionHeading& heading, b
 
 }  // namespace
 
-const char* violatedCheck(const compressionHeading& heading) {
-    if (heading._size < kRecordSize || heading._size % kRecordSize != 0) return kWholeRecords;
-    if (heading._indexPos < heading._caseStartPos + kHeadingSize) return "_indexPos behind the heading";
-    return heading._size > std::numeric_limits<std::uint32_t>::max() ? kIndexFits : nullptr;
-}
-
 std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int64_t place, bool swap) {
     compressionHeading heading;
     std::memcpy(&heading, bytes, sizeof heading);
@@ -103,7 +104,7 @@ compressionHeading readHeading(const bytesFrom& file, std::int64_t row0Pos, bool
 }
 
 std::vector<filePosRecord> readIndex(const bytesFrom& file, const compressionHeading& heading, bool swap, bool atOnce) {
-    checkPlaces(file, heading, lengthOf(file));
+    checkPlaces(file, heading, file.length());
     std::vector<filePosRecord> records;
     const auto all = static_cast<std::size_t>(heading._size / kRecordSize);
     for (std::size_t known = 0; known < all; known = records.size()) {

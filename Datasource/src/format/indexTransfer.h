@@ -19,13 +19,6 @@
 
 namespace orva {
 
-// The file's length. Throws if ORVA_File::Size returns -1.
-inline std::int64_t lengthOf(const bytesFrom& file) {
-    return file.length();
-}
-
-// The text of the check that a heading fails in any file; null if it could be true.
-const char* violatedCheck(const compressionHeading& heading);
 // The heading in these 24 bytes, in host order, if it repeats `place` in the given byte order and could be true.
 std::optional<compressionHeading> headingOf(const unsigned char* bytes, std::int64_t place, bool swap);
 

@@ -59,6 +59,7 @@ public:
     bytesFrom(const storedBytes& other) : fOther(&other) {}  // NOLINT(google-explicit-constructor): likewise
 
     const std::string& name() const;
+    // Throws if ORVA_File::Size returns -1.
     std::int64_t length() const;
     bool read(void* to, std::uint64_t size, std::int64_t place) const;
 

@@ -58,7 +58,7 @@ std::exception_ptr withOutcome(const std::exception_ptr& failure, const char* ou
 undoRecord recordOf(ORVA_File& file, const appendPlan& plan) {
     const auto& [row0Pos, indexPos, indexSize] = plan.heading;
     undoRecord kept{{.row0Pos = row0Pos,
-                     .fileSize = lengthOf(file),
+                     .fileSize = bytesFrom(file).length(),
                      .untouchedEnd = plan.untouchedEnd,
                      .untouchedSum = untouchedSum(file, row0Pos, plan.untouchedEnd).value_or(0),
                      .heading = rawHeadingAt(file, row0Pos)},

@@ -22,7 +22,7 @@ partReader::partReader(ORVA_File& file, std::int64_t row0Pos, bool swap, const t
       fIndex(kBlockSize, file.GetNameStr().GetGeneric()) {
     const std::vector<filePosRecord> index = readIndex(file, fHeading, swap);
     fIndex.parseForRead(reinterpret_cast<const unsigned char*>(index.data()), false);
-    fIndex.limitPlaces(lengthOf(file));
+    fIndex.limitPlaces(bytesFrom(file).length());
     makeSource(threads, cachedBlocks);
 }
 

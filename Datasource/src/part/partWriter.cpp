@@ -246,7 +246,7 @@ void partWriter::resumeInBlock(const filePosRecord& last, std::uint32_t number, 
     zlibCompressBlock codec;
     const blockBuffer compressed(static_cast<std::size_t>(last.translateSize));
     fRows = {fChosen.blockLength, static_cast<std::size_t>(last.orginalSize)};
-    readBlock({fFile, codec, compressed.get()}, {last, number, std::nullopt, lengthOf(fFile)}, fRows.get());
+    readBlock({fFile, codec, compressed.get()}, {last, number, std::nullopt, bytesFrom(fFile).length()}, fRows.get());
     requireEnd(end, from, false);
     ORVA_ASSERT(from.endpos >= last.orginalPos && from.endpos <= end, "endpos inside the last block");
     fBuffer = fRows.get();

@@ -101,7 +101,7 @@ void putBack(ORVA_File& file, std::span<const unsigned char> kept, std::int64_t 
 }
 
 void restoreTail(ORVA_File& file, const undoRecord& undo, bool durable) {
-    if (lengthOf(file) > undo.fileSize) file.Truncate(undo.fileSize);
+    if (bytesFrom(file).length() > undo.fileSize) file.Truncate(undo.fileSize);
     putBack(file, undo.block, undo.untouchedEnd);
     if (durable) file.Sync();
     putBack(file, undo.index, undo.indexPos);

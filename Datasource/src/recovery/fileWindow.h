@@ -24,8 +24,7 @@ public:
     // number read there. find() passes its exceptions on.
     using observer = std::function<void(std::int64_t place, std::int64_t passed, std::int64_t read)>;
 
-    explicit fileWindow(ORVA_File& file, observer moved)
-        : fFile(file), fMoved(std::move(moved)), fFileSize(std::min(lengthOf(file), kFarthest)), fBytes(kSize) {}
+    explicit fileWindow(ORVA_File& file, observer moved) : fFile(file), fMoved(std::move(moved)) {}
 
     std::int64_t fileSize() const { return fFileSize; }
 
@@ -65,8 +64,8 @@ private:
 
     ORVA_File& fFile;
     const observer fMoved;
-    const std::int64_t fFileSize;
-    const blockBuffer fBytes;
+    const std::int64_t fFileSize = std::min(bytesFrom(fFile).length(), kFarthest);
+    const blockBuffer fBytes{kSize};
     std::int64_t fAt = 0;
     std::int64_t fCount = 0;
 };

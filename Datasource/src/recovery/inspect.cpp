@@ -54,7 +54,7 @@ struct finishedPart::content {
     content(const std::string& name, foundPart part) : swapped(part.swapped) {
         openOrThrow(file, name, "rb", kReadFailed);
         heading = readHeading(file, part.row0Pos, swapped, "Analyze dictionary part error!");
-        fileSize = lengthOf(file);
+        fileSize = bytesFrom(file).length();
         records = readRecords(file, heading, swapped);
     }
 

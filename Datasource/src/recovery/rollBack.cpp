@@ -28,7 +28,7 @@ public:
     rollBackResult end() {
         if (!fSide.open()) return rollBackResult::nothingToDo;
         fSide.requireTrusted();
-        const fileBytes sideFile = fSide.read(lengthOf(fFile) + kSideFileOverhead);
+        const fileBytes sideFile = fSide.read(bytesFrom(fFile).length() + kSideFileOverhead);
         if (isForeign(sideFile)) fSide.refuseForeign();
         const std::optional<undoRecord> kept = parse(sideFile);
         const rollBackResult result = kept ? settle(*kept) : settleTorn();
