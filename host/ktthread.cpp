@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdint>
 #include <list>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -56,14 +57,15 @@ struct ktSemaphore::State {
 
     explicit State(unsigned int first) : count(first) {}
 
-    // Takes one from the count if wait(guard, condition), which waits for the condition, finds it fulfilled.
-    template <class Wait>
-    bool take(Wait wait) {
+    // Waits until `end`, or for ever, to take one from the count.
+    bool take(std::optional<std::chrono::steady_clock::time_point> end = {}) {
         if (!maker.isHere()) return false;
         std::unique_lock guard(lock);
-        const bool taken = wait(guard, [this] { return count > 0; });
-        if (taken) --count;
-        return taken;
+        const auto isAbove0 = [this] { return count > 0; };
+        if (end && !posted.wait_until(guard, *end, isAbove0)) return false;
+        posted.wait(guard, isAbove0);
+        --count;
+        return true;
     }
 
     // Leaks in a forked child, where destroying the condition variable would wait for waiters that are not there.
@@ -89,15 +91,11 @@ bool ktSemaphore::postSemaphore() {
 }
 
 bool ktSemaphore::waitSemaphore(int milliseconds) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(milliseconds, 0));
-    return fState->take([&](auto& guard, auto isAbove0) { return fState->posted.wait_until(guard, end, isAbove0); });
+    return fState->take(std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(milliseconds, 0)));
 }
 
 bool ktSemaphore::waitSemaphore() {
-    return fState->take([&](auto& guard, auto isAbove0) {
-        fState->posted.wait(guard, isAbove0);
-        return true;
-    });
+    return fState->take();
 }
 
 bool ktSemaphore::tryWaitSemaphore() {
