@@ -175,15 +175,9 @@ void zcmpsFilestr::refuseEncrypted(long code) {
     orva::throwFileError(ENOTSUP, code, Name(), "an encrypted file cannot hold compressed rows");
 }
 
-// Closes the descriptor through which the dictionary part was written or read first, so that a stream that shares the
-// file uses the new one too.
-void zcmpsFilestr::reopenForWriting(const char* expression, std::int32_t line) {
-    ORVA_FileStream::Close();
-    if (!fData->pRealFile.Open(GetNameStr(), "r+b")) throwCannotReopen(fData->pRealFile, expression, line);
-}
-
-// Turns the stream into a writer, which `make` makes over the reopened file. If that fails, a stream that was no writer
-// stays none, and Read throws the reason; a writer ends with that failure.
+// Turns the stream into a writer, which `make` makes over the file, opened again through the same object, so that a
+// stream that shares it uses the new descriptor too. If that fails, a stream that was no writer stays none, and Read
+// throws the reason; a writer ends with that failure.
 template <class Make>
 void zcmpsFilestr::beginWriting(const char* expression, std::int32_t line, Make make) {
     refuseWithWorker();
@@ -192,7 +186,8 @@ void zcmpsFilestr::beginWriting(const char* expression, std::int32_t line, Make 
         fData->dropWriter();
         refuseEncrypted(kWriteFailed);
         fData->endReading();
-        reopenForWriting(expression, line);
+        ORVA_FileStream::Close();
+        if (!fData->pRealFile.Open(GetNameStr(), "r+b")) throwCannotReopen(fData->pRealFile, expression, line);
         fData->fWriter = make();
     } catch (...) {
         fData->fail(bIsWriting ? state::failed : fData->fState);
@@ -298,19 +293,14 @@ void zcmpsFilestr::finish() {
     try {
         Flush();
         fData->fWriter->finish(fData->bDurable);
-        reopenForReading();
+        const ExtNameStr password;
+        if (ORVA_FileStream::Open(GetNameStr(), password, "rb") == 0)
+            throwCannotReopen(GetFile(), "ORVA_FileStream::Open(GetNameStr(), password, \"rb\")", __LINE__);
         fData->fWriter.reset();
         fData->become(state::finished);
     } catch (...) {
         const bool isFinished = fData->fWriter != nullptr && fData->fWriter->isFinished();
         fData->fail(isFinished ? state::finished : state::abandoned);
-    }
-}
-
-void zcmpsFilestr::reopenForReading() {
-    const ExtNameStr password;
-    if (ORVA_FileStream::Open(GetNameStr(), password, "rb") == 0) {
-        throwCannotReopen(GetFile(), "ORVA_FileStream::Open(GetNameStr(), password, \"rb\")", __LINE__);
     }
 }
 

@@ -124,9 +124,7 @@ private:
     ORVA_LOCAL void requireChoice(const char* what, std::int64_t given, std::int64_t least, std::int64_t most) const;
     template <class Make>
     ORVA_LOCAL void beginWriting(const char* expression, std::int32_t line, Make make);
-    ORVA_LOCAL void reopenForWriting(const char* expression, std::int32_t line);
     ORVA_LOCAL void finish();
-    ORVA_LOCAL void reopenForReading();
 
     std::unique_ptr<Data> fData;
     bool bIsWriting = false;
