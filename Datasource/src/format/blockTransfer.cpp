@@ -98,13 +98,6 @@ void checkRecord(const readContext& context, const blockPlace& block) {
     }
 }
 
-// Memory for the longest block. Impossible sizes count as well.
-blockBuffer roomFor(std::span<const filePosRecord> records, std::int32_t filePosRecord::*size) {
-    std::int32_t most = 0;
-    for (const filePosRecord& record : records) most = std::max(most, record.*size);
-    return {kBlockSize, static_cast<std::size_t>(most)};
-}
-
 }  // namespace
 
 const blockOutcome& requireMemory(const blockOutcome& outcome) {
@@ -162,11 +155,11 @@ void writeAll(ORVA_File& file, const void* bytes, std::uint64_t size, std::int64
 }
 
 blockBuffer compressedRoom(std::span<const filePosRecord> records) {
-    return roomFor(records, &filePosRecord::translateSize);
+    return {kBlockSize, longest(records, &filePosRecord::translateSize)};
 }
 
 blockBuffer rowRoom(std::span<const filePosRecord> records) {
-    return roomFor(records, &filePosRecord::orginalSize);
+    return {kBlockSize, longest(records, &filePosRecord::orginalSize)};
 }
 
 blockPlace placeOf(std::span<const filePosRecord> records, std::uint32_t number, std::int64_t fileEnd) {

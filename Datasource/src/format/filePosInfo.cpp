@@ -47,6 +47,12 @@ std::int64_t orva::chosenLength(std::span<const filePosRecord> records) {
     return all && length >= kShortestBlockLength && length <= kBlockSize ? length : kBlockSize;
 }
 
+std::size_t orva::longest(std::span<const filePosRecord> records, std::int32_t filePosRecord::*size) {
+    std::int32_t most = 0;
+    for (const filePosRecord& record : records) most = std::max(most, record.*size);
+    return static_cast<std::size_t>(most);
+}
+
 filePosInfo::filePosInfo(std::uint32_t blockSize, std::string fileName)
     : fFileName(std::move(fileName)), fBlockSize(blockSize) {}
 

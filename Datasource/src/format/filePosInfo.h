@@ -40,6 +40,9 @@ void checkFirstRecord(const filePosRecord& first, const std::string& fileName);
 // single block may be a short one, and counts as one of the command's unless it is longer than those.
 std::int64_t chosenLength(std::span<const filePosRecord> records);
 
+// The greatest `size` of the records, 0 without any. Impossible sizes count as well.
+std::size_t longest(std::span<const filePosRecord> records, std::int32_t filePosRecord::*size);
+
 }  // namespace orva
 
 class filePosInfo {
