@@ -140,10 +140,11 @@ ORVA_HOST_API std::int64_t processId() noexcept;
 // The process that makes this object: isHere() is false in a child that it forks.
 class makerProcess {
 public:
+    makerProcess() noexcept : fId(processId()) {}
     bool isHere() const noexcept { return fId == processId(); }
 
 private:
-    std::int64_t fId = processId();
+    std::int64_t fId;
 };
 
 // The cores that the calling thread, and whatever it starts, may run on: all that are online, or fewer where taskset, a
