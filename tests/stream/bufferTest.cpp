@@ -1,9 +1,7 @@
 // The buffer between a stream and its file: the file calls of each step, and the hand-over of readAheadSlot.h, rule by
 // rule. No byte is lost or stale.
 #include "stream/streamTest.h"
-#include "worker/readAheadSlot.h"
 
-using orva::readAheadSlot;
 using namespace support;
 
 constexpr std::int64_t kBlock = kBlockSize;
@@ -40,6 +38,14 @@ const Script kScripts[] = {
      "W 0+1600, W 3200, W 1600+1600", "wb", true},
     {"EncryptedBlocksAreWrittenWhole", 0, "w5000 f s100 w9 f w100 f s4990 w9 s9000 w1 s50 w1 s5000 r9",
      "W 0+4992, W 96+16, W 96+128, W 4976+16, W 4992+16, R 48+16, W 48+16, R 4608", "w+b", true},
+    {"R6_ABlockWrittenOverSinceIsNoHit", 6 * kBlock,
+     "t1 r1 a1 s4190207 w1 s4190208 r1 a2 s8380415 w2 f s8380417 r1 a3 s16760831 w1 f s12570624 r1 a4 s20951040 w1 f "
+     "s16760832 r1 a5",
+     "R 0, r 4190208, W 4190207+1, r 8380416, W 8380415+1, W 8380416+1, R 8380416, r 12570624, W 16760831+1, "
+     "R 12570624, r 16760832, W 20951040+1, r 20951040"},
+    {"R6_NorOneThatEndedWithAFileThatHasGrownSince", 2 * kBlock + 1'000,
+     "t1 r1 a1 s4190208 r1 a2 s8380415 w1 s8380416 r1 a3 s16760840 w9 f s12570624 r9 a4",
+     "R 0, r 4190208, r 8380416, W 8380415+1, r 12570624, W 16760840+9, R 12570624, r 16760832"},
     {"EveryBlockButTheFirstIsAHit", 2 * kBlock + 512, "t1 t1 r4000000 r10000000 a4",
      "R 0, r 4190208, r 8380416, r 12570624, R 8380928, r 12571136, end"},
     {"JumpIsAMissAndGoesOnFromThere", 4 * kBlock, "t1 r1 s8381116 r1 s12571300 r1 a3",
@@ -124,28 +130,4 @@ TEST_F(StreamBuffer, ReadsAheadWhileAPartOverItReopensTheFile) {
     }
     model = nullptr;
     EXPECT_TRUE(sameBytes(slice(readBytes(path("data")), 0, content.size()), content));
-}
-
-TEST(ReadAheadSlot, R6_BlockWrittenOverSinceIsNoHit) {
-    const struct {
-        std::int64_t begin, end;
-        std::uint32_t count;  // bytes read ahead at 1,000, in blocks of 100
-        bool hit;
-    } cases[] = {{900, 1'000, 100, true},   {900, 1'001, 100, false},  {1'099, 1'200, 100, false},
-                 {1'100, 1'200, 100, true}, {5'000, 5'001, 30, false}, {900, 1'000, 30, true},
-                 {5'000, 5'001, 0, false}};
-    readAheadSlot slot;
-    for (const auto& c : cases) {
-        for (const bool whileRead : {false, true}) {
-            std::jthread other;  // a write during the read-ahead waits for its end
-            const auto write = [&] { slot.noteWritten(c.begin, c.end, 100); };
-            readAheadSlot::request(slot).readAhead(1'000);
-            slot.step([&](std::int64_t) {
-                if (whileRead) other = std::jthread(write);
-                return c.count;
-            });
-            whileRead ? other.join() : write();
-            EXPECT_EQ(readAheadSlot::request(slot).hits(1'000), c.hit) << c.begin << ' ' << c.count << whileRead;
-        }
-    }
 }
