@@ -163,7 +163,7 @@ unsigned int ORVA_File::Cipher::writeBlocks(const unsigned char* data, unsigned 
     if (workdir::Encrypt(&ciphertext, &got, data, static_cast<int>(size)) != 1) fFile.fail(kWriteFailed, errno);
     const cipherOutput owner(ciphertext);
     fFile.fEncryptStarted = true;
-    return writeCiphertext(ciphertext, got, byteOffset);
+    return got > 0 ? writeCiphertext(ciphertext, got, byteOffset) : 0;
 }
 
 unsigned int ORVA_File::Cipher::writeCiphertext(const unsigned char* bytes, int size, std::int64_t byteOffset) {
