@@ -4,7 +4,7 @@
 //   PreIOThread_Multi_R_D  inflates several blocks ahead of a sequential reader; without threads, the block asked for
 //
 // Requests, files, bytes and errors are those of the workers in zcmpsPreIOThread.h: only the time differs. As sink and
-// source they start their threads with the first block.
+// source they start their threads with the first block, unless makeSink has started them.
 //
 // Memory:  two blocks for each slot in use, of threads + 2 slots; a reader one block more.
 #pragma once
