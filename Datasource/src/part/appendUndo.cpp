@@ -90,13 +90,7 @@ std::exception_ptr appendUndo::undo(const std::exception_ptr& failure) {
     const char* outcome = bSafe ? kRollBack : kRecover;
     std::exception_ptr undoFailure;
     try {
-        // The heading first: with it in place, a roll-back can finish what is interrupted here.
-        putBack(fFile, fKept.heading, fKept.row0Pos);
-        if (bSafe) fFile.Sync();
-        restoreTail(fFile, fKept, bSafe);
-        if (bSafe) outcome = kSideFileLeft;
-        if (bSafe) fSide.remove();
-        outcome = kAsBefore;
+        restore(outcome);
     } catch (...) {
         undoFailure = std::current_exception();
     }
@@ -104,6 +98,18 @@ std::exception_ptr appendUndo::undo(const std::exception_ptr& failure) {
         if (std::exception_ptr extended = withOutcome(reported, outcome)) return extended;
     }
     return failure != nullptr ? failure : undoFailure;
+}
+
+// The heading first: with it in place, a roll-back can finish what is interrupted here.
+void appendUndo::restore(const char*& outcome) {
+    putBack(fFile, fKept.heading, fKept.row0Pos);
+    if (bSafe) fFile.Sync();
+    restoreTail(fFile, fKept, bSafe);
+    if (bSafe) {
+        outcome = kSideFileLeft;
+        fSide.remove();
+    }
+    outcome = kAsBefore;
 }
 
 void appendUndo::commit() {

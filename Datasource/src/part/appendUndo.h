@@ -43,6 +43,8 @@ public:
     void commit();
 
 private:
+    void restore(const char*& outcome);
+
     ORVA_File& fFile;
     const bool bSafe;
     undoRecord fKept;
