@@ -7,10 +7,10 @@
 #include <orva/compressedLayout.h>
 
 #include <algorithm>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -85,7 +85,8 @@ private:
         std::int64_t place;
         std::size_t number;
 
-        auto operator<=>(const start&) const = default;
+        bool operator==(const start&) const = default;
+        bool operator<(const start& that) const { return std::tie(place, number) < std::tie(that.place, that.number); }
     };
 
     std::ptrdiff_t votesFor(const start& at, const surveySegment& block) const {
