@@ -18,7 +18,7 @@ _PIECE = 4_190_208  # bytes of rows copied at a time if the array is not contigu
 def array_of(values: Any) -> Any:
     """`values` as an array. A frame becomes its records, without its index: as a plain array all its columns would be
     of one dtype."""
-    if not hasattr(values, "columns"):
+    if isinstance(values, np.ndarray) or not hasattr(values, "columns"):  # which a field of records may be called
         return np.asanyarray(values)
     if not hasattr(values, "to_records") or hasattr(values, "__dask_graph__"):
         of = f"{type(values).__module__}.{type(values).__name__}"
