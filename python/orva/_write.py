@@ -67,11 +67,11 @@ def write(
     record, without its index. The file replaces one of that name once it is complete and on the disk. It states the
     dtype, so that `orva.rows` needs none.
 
-    threads, level, block: as for `orva.open`. Errors: OSError; ValueError for arrays of objects, of no axis or of
-    elements without bytes, for fields that overlap or stand in another order than their names
-    (`numpy.lib.recfunctions.repack_fields` repairs that), for frames whose column names are no strings or not unique or
-    whose index has a name or is not of integers, for a dtype of more than a megabyte of text, and for options outside
-    their ranges. After an error no new file is left.
+    threads, level, block: as for `orva.open`. Errors: OSError; TypeError for frames of other libraries;
+    ValueError for arrays of objects, of no axis or of elements without bytes, for fields that overlap or stand in another
+    order than their names (`numpy.lib.recfunctions.repack_fields` repairs that), for frames whose column names are no
+    strings or not unique or whose index has a name or is not of integers, for a dtype of more than a megabyte of text,
+    and for options outside their ranges. After an error no new file is left.
     """
     values, row = _rows_of(array)
     name = name_of(path)

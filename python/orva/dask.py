@@ -318,9 +318,9 @@ def to_rows(collection: Array | DataFrame, path: PathLike) -> None:
     process then joins the files, which inflates only the last block of each, and removes the directory. So the workers
     and this process need the directory under one name. A task may be repeated, even while it still runs elsewhere.
 
-    Errors: those of the tasks; ValueError for partitions of another dtype than the collection's, or of objects;
-    FileExistsError if `path`.parts exists, from a call at work or from one that was killed. After an error no new file
-    is left.
+    Errors: those of the tasks; ValueError for partitions of another dtype than the collection's, or that
+    `orva.write` would refuse; FileExistsError if `path`.parts exists, from a call at work or from one that was killed.
+    After an error no new file is left.
     """
     target = os.path.abspath(path_of(path))
     parts = target + ".parts"

@@ -78,7 +78,7 @@ public:
     virtual const unsigned char* lend(std::uint32_t number) = 0;
     // Puts the rows of the block into the caller's memory.
     virtual void load(std::uint32_t number, unsigned char* to) = 0;
-    // True if it has several threads, which loadSeveral() needs.
+    // True if it has several threads, as loadSeveral() needs; starts them if they have not begun.
     virtual bool loadsSeveral() { return false; }
     // Loads a number of consecutive blocks by several threads at once, and returns how many of them, from the first on,
     // have come: 0 if the first one fails, for which load() throws the reason.

@@ -18,7 +18,7 @@
 namespace orva {
 
 // Nothing is written for the heading yet: the first block just goes after its 24 bytes. Threads of the sink may have
-// begun, and end if the append cannot be undone.
+// begun before the undo record is made, and end if that fails.
 partWriter::partWriter(ORVA_File& file, std::int64_t row0Pos, const threadSettings& threads, const choices& chosen,
                        const std::optional<resumePoint>& from)
     : fFile(file),
