@@ -104,9 +104,8 @@ TEST_F(Writer, TakesMoreThanFourGiBAtOnce) {
 
 // Behaves as a signal handler that a second signal interrupts.
 [[noreturn]] void endAsSignalled() {
-    const CallHook second([](const Step&, std::uint64_t number) {
-        if (number == 1) orva::remove_unfinished(), _exit(0);
-        return Verdict::goOn();
+    const CallHook second([signals = 1](const Step&) mutable {
+        if (signals-- > 0) orva::remove_unfinished(), _exit(0);
     });
     orva::remove_unfinished();
     _exit(0);
@@ -252,8 +251,8 @@ TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
             std::optional<orva::Writer> writer;
             bool appends = false;
             calls = 0;
-            const CallHook meanwhile([&](const Step&, std::uint64_t) {
-                if (std::exchange(appends, true)) return Verdict::goOn();
+            const CallHook meanwhile([&](const Step&) {
+                if (std::exchange(appends, true)) return;
                 if (calls == place) {
                     writer.emplace(orva::Writer::append(name, {.durable = durable, .block = 150'000}));
                     writer->write(spanOf(added));
@@ -262,7 +261,6 @@ TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
                 }
                 if (calls++ > place && ends == undone) writer.reset();
                 appends = false;
-                return Verdict::goOn();
             });
             EXPECT_THAT(thrownBy(read), testing::AnyOf("", refused)) << ends << durable << place;
             EXPECT_EQ(rowsAt(*reader, 0, 65'536), slice(rows, 0, 65'536)) << "what no append rewrites";
@@ -307,12 +305,10 @@ TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
 TEST_F(Writer, AnAppendIsInTheFileThatHasTheNameOrFails) {
     for (int looks = 0; looks < 4; ++looks) {
         for (const char* name : {"rows", "copy"}) written(name, Bytes(100, 'a'), {.replace = true});
-        int left = looks;
         const std::string thrown = thrownBy([&] {
-            const CallHook disk([&](const Step& step, std::uint64_t) {
+            const CallHook disk([&, left = looks](const Step& step) mutable {
                 if (step.call == Call::Open && path("rows") == step.name && left-- == 0)
                     std::filesystem::rename(path("copy"), path("rows"));
-                return Verdict::goOn();
             });
             append("rows", Bytes(10, 'b'));
         });

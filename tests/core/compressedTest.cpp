@@ -52,9 +52,8 @@ TEST_P(CompressedWrite, AbandonGivesUpTheBlocksThatWait) {
     const auto stream = startedWriter(fName, GetParam());
     std::atomic<bool> abandoning{false};
     std::atomic<int> writes{0};
-    const CallHook hook([&](const Step& step, std::uint64_t) {
+    const CallHook hook([&](const Step& step) {
         if (step.call == Call::Write && ++writes == 1 && GetParam() != 0) abandoning.wait(false);
-        return Verdict::goOn();
     });
     write(*stream, Bytes(GetParam() == kSeveral ? 4 * kBlock : kBlock, 'x'));
     std::jthread release([&] {

@@ -170,12 +170,11 @@ TEST_F(PlatformTest, NeitherANameWithAZeroByteNorADirectoryOpens) {
 TEST_F(PlatformTest, AWriterLocksTheFileThatItsNameLeadsTo) {
     const std::string name = made("data", {});
     int times = 3;
-    const CallHook hook([&](const Step& step, std::uint64_t) {
+    const CallHook hook([&](const Step& step) {
         if (step.call == Call::Lock && times-- > 0) {
             std::ofstream(name + "2") << kDigits;
             std::filesystem::rename(name + "2", name);
         }
-        return Verdict::goOn();
     });
     const int descriptor = opened(name, kTruncate);
     EXPECT_EQ(_write(descriptor, "mine", 4), 4);

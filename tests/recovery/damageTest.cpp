@@ -417,10 +417,7 @@ TEST_F(DamageTest, ManyGapsAreReadOnceAndManyRecordsEndInTime) {
     const Bytes block = slice(fBytes, kRow0 + kHeadingSize, fLayout.records[0].translateSize);
     for (int i = 0; i < 20'000; ++i) file = std::move(file) + block + Bytes{1};
     std::uint64_t bytesRead = 0;
-    const auto count = [&](const Step& step, std::uint64_t) {
-        bytesRead += step.call == Call::Read ? step.size : 0;
-        return Verdict::goOn();
-    };
+    const auto count = [&](const Step& step) { bytesRead += step.call == Call::Read ? step.size : 0; };
     {
         const CallHook reads(count);
         recover(file, {kPart, false, true});

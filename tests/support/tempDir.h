@@ -87,9 +87,12 @@ inline std::uint64_t numberFrom(const char* variable, std::uint64_t otherwise) {
 }
 
 // Asked before each raw call while it exists: decides by one function, or else by the last fail(). Counts the calls.
+// Where the function only watches, or does something meanwhile, the calls go on.
 struct CallHook : platform::faults::Hook {
     using Ask = std::function<Verdict(const Step& step, std::uint64_t number)>;
     explicit CallHook(Ask ask = nullptr) : fAsk(std::move(ask)) {}
+    explicit CallHook(std::invocable<const Step&> auto watch)
+        : fAsk([watch](const Step& step, std::uint64_t) mutable { return watch(step), Verdict::goOn(); }) {}
     // The next such call moves `part` bytes and the one after it fails; without `part` it fails itself. An error of 0
     // cancels that.
     void fail(Call call, int error, std::uint64_t part = 0) { fPart = part, errorOf(call) = error; }
