@@ -30,7 +30,8 @@ inline std::string thrownBy(auto call) {
 // A source of bytes in memory that counts its reads. From offset `fails` on it throws, and from `ends` on it has none.
 // A negative `fails` is its size.
 struct source final : orva::ByteSource {
-    explicit source(Bytes from = {}) : bytes(std::move(from)) {}
+    explicit source(Bytes from, i64 failsAt = INT64_MAX, i64 endsAt = INT64_MAX)
+        : bytes(std::move(from)), fails(failsAt), ends(endsAt) {}
     i64 size() const override { return fails < 0 ? fails : std::ssize(bytes); }
     std::size_t read_at(i64 offset, orva::Bytes to) const override {
         ++reads;
@@ -40,7 +41,7 @@ struct source final : orva::ByteSource {
         return offset >= ends ? 0 : found.size();
     }
     const Bytes bytes;
-    i64 fails = INT64_MAX, ends = INT64_MAX;
+    const i64 fails, ends;
     mutable std::atomic<int> reads{0};
 };
 
@@ -48,17 +49,14 @@ using Names = std::set<std::string>;
 using Dictionary = std::vector<std::byte>;
 
 struct FaceTest : TempDir {
-    // Makes a finished file of the rows and returns its name.
-    std::string written(const std::string& name, const Bytes& rows, const orva::WriterOptions& options = {}) const {
-        orva::Writer writer(path(name), options);
-        writer.write(spanOf(rows));
+    static void finish(orva::Writer writer, const auto& rows) {
+        writer.write_rows(rows);
         writer.finish();
-        return path(name);
     }
-    void append(const std::string& name, const Bytes& rows) const {
-        orva::Writer writer = orva::Writer::append(path(name));
-        writer.write(spanOf(rows));
-        writer.finish();
+    // Makes a finished file of the rows and returns its name.
+    std::string written(const std::string& name, const auto& rows, const orva::WriterOptions& options = {}) const {
+        finish(orva::Writer(path(name), options), rows);
+        return path(name);
     }
     Bytes rowsOf(const std::string& name) const { return allRows(orva::Reader(path(name))); }
     // The names in the directory.

@@ -65,16 +65,12 @@ struct Row {
 TEST_F(Reader, GivesRowsAsValues) {
     std::vector<Row> rows(kBlock / sizeof(Row) * 2 + 100);
     for (std::size_t i = 0; i < rows.size(); ++i) rows[i] = {static_cast<i64>(2 * i), {'a'}};
-    orva::Writer writer(path("rows"));
-    writer.write_rows(rows);
-    writer.finish();
-    const orva::Rows<Row> found{orva::Reader(path("rows"))};
+    const orva::Rows<Row> found{orva::Reader(written("rows", rows))};
     const i64 count = std::ssize(rows);
     ASSERT_EQ(found.size(), count);
     EXPECT_TRUE(std::ranges::equal(found, rows));
-    for (const auto& [key, at] : {std::pair<i64, i64>(1'001, 501), {-1, 0}, {2 * count, count}}) {
+    for (const auto& [key, at] : {std::pair<i64, i64>(1'001, 501), {-1, 0}, {2 * count, count}})
         EXPECT_EQ(found.lower_bound(key, &Row::key), at);
-    }
     std::vector<Row> some(10);
     EXPECT_EQ(found.read(count - 3, some), 3);
     EXPECT_EQ(some[2], rows.back());

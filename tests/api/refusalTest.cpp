@@ -8,8 +8,7 @@ class Refusals : public FaceTest {};
 TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     RandomBytes random(4);
     const Bytes whole = readBytes(written("whole", random.rows(100'000)));
-    const std::string text = orva::makeDictionaryText();
-    const Bytes line(text.begin(), text.end());
+    const Bytes line = slice(whole, 0, 512);
     made("empty", {});
     made("kind", random.noise(9'000));
     made("line", line);
@@ -22,8 +21,7 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
 
     const orva::Path late[] = {path("late")};
     const orva::Reader reader(path("whole"));
-    const auto throwing = std::make_shared<source>(whole);
-    throwing->fails = 0;
+    const auto throwing = std::make_shared<source>(whole, 0);
     const orva::Rows<char> values(reader);
     std::array<std::byte, 10> to{};
     std::array<char, 2> two{};
@@ -65,6 +63,7 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
         {"ValuesForTheOtherByteOrder",
          [&] { orva::Writer::append(path("swapped"), {.any_order = true}).write_rows(to); }, "UsageError"},
 
+        {"SourceOfUnknownSize", [&] { orva::Writer(path("none")).write_from(source({}, -1)); }, "UsageError"},
         {"WroteMoreThanThereWasRoom", [&] { writer.wrote(writer.room().size() + 1); }, "UsageError"},
         {"WroteWithoutRoom", [&] { writer.wrote(1); }, "UsageError"},
         {"MovedFrom", [&] { fresh.write(std::span(to)); }, "UsageError"},  // NOLINT(bugprone-use-after-move)
