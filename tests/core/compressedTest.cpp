@@ -17,8 +17,7 @@ struct CompressedWrite : TempDir, testing::WithParamInterface<int> {
     const std::string fName = path("rows.orva");
     const int kBestLevel = zcmpsFilestr::bestCompressionLevel();
 };
-INSTANTIATE_TEST_SUITE_P(Threadings, CompressedWrite, testing::Values(0, 1, kSeveral),
-                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Threadings, CompressedWrite, testing::Values(0, 1, kSeveral));
 
 TEST_P(CompressedWrite, AChoiceOutOfRangeOrTooLateIsRefusedAndChangesNothing) {
     const auto stream = freshStream(fName, GetParam());
@@ -99,8 +98,7 @@ struct CompressedRead : ShortBlocks, testing::WithParamInterface<int> {
     static constexpr std::int64_t kFar = (std::int64_t{5} << 30) + 7;
     const Layout fLayout{fFile};
 };
-INSTANTIATE_TEST_SUITE_P(Threadings, CompressedRead, testing::Values(0, 2, kSeveral),
-                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Threadings, CompressedRead, testing::Values(0, 2, kSeveral));
 
 TEST_P(CompressedRead, WhatIsLoadedOrCachedCostsNoFileCall) {
     const Reader reader(fName, GetParam(), kFar);
@@ -183,16 +181,15 @@ TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
         reader->Seek(kRow0 + at, ORVA_StrBaseIO::SeekFromStart);
         reader->setFileToAppend(kRow0 + end, false);
     };
-    const std::string jump = "(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && ";
+    const auto jump = [&] { stream->Seek(1, ORVA_StrBaseIO::SeekFromStart), stream->Write("x", 1); };
     const struct {
-        std::string text;
+        const char* text;
         std::function<void()> call;
     } breaches[] = {
         {"bIsWriting == true", [&] { fresh->Write("x", 1); }},
         {"bIsWriting == false", [&] { stream->Read(nullptr, 1); }},
         {"seek from end with zcmpsFilestr::Seek", [&] { stream->Seek(0, ORVA_StrBaseIO::SeekFromEnd); }},
-        {jump + "\"Jumped write in zcmpsFilestr::Data::Write\"",
-         [&] { stream->Seek(1, ORVA_StrBaseIO::SeekFromStart), stream->Write("x", 1); }},
+        {"(req._pos == fpos + sizeof(fBuffer) - availBuffSize) && \"Jumped write in zcmpsFilestr::Data::Write\"", jump},
         {"fData->fpIOThread == 0", [&] { stream->setMultiThread(0); }},
         {"fData->bClosed == false", [&] { closed->Write("x", 1); }},
         {"fData->bClosed == false", [&] { closed->setRow0Pos(kRow0); }},

@@ -11,8 +11,7 @@ const Bytes kRandom = RandomBytes(8).noise(kBlock);
 
 Bytes deflated(const Bytes& rows, int level = 1) {
     Bytes out(zlibCompressBlock::compressRoom(sizeOf(rows)));
-    const blockOutcome outcome =
-        zlibCompressBlock().deflateWhole(rows.data(), sizeOf(rows), out.data(), sizeOf(out), level);
+    const auto outcome = zlibCompressBlock().deflateWhole(rows.data(), sizeOf(rows), out.data(), sizeOf(out), level);
     EXPECT_EQ(outcome.end, blockOutcome::complete);
     out.resize(outcome.produced);
     return out;

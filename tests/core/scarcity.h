@@ -78,10 +78,9 @@ extern "C" void* calloc(std::size_t number, std::size_t size) noexcept {
     return strikes(Fault::Memory) ? nullptr : __libc_calloc(number, size);
 }
 #endif
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
-                              void* argument) {
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*run)(void*), void* arg) {
     static const auto next = nextOf<decltype(pthread_create)>("pthread_create");
-    return strikes(Fault::Threads) ? EAGAIN : next(thread, attributes, run, argument);
+    return strikes(Fault::Threads) ? EAGAIN : next(thread, attr, run, arg);
 }
 
 // The linker redirects the library's calls here (--wrap).
@@ -103,8 +102,8 @@ struct Scarcity : platform::faults::Hook {
         count = 0;
     }
 
-    // Returns failureOf(body); `text` gets the text for a person. Strikes only in there, and no more after an
-    // exception.
+    // Returns failureOf(body), which must have a cause; `text` gets the text for a person. Strikes only in there, and
+    // no more after an exception.
     std::string heard(auto body) {
         text.clear();
         striking = true;
@@ -118,6 +117,7 @@ struct Scarcity : platform::faults::Hook {
             }
         });
         striking = false;
+        EXPECT_TRUE(failure.empty() || reached()) << failure << " out of nothing";
         return failure;
     }
     // True if there was a k-th request.
@@ -126,9 +126,7 @@ struct Scarcity : platform::faults::Hook {
     Verdict before(const Step& step) override {
         if (strikes(Fault::Calls) || (step.call == Call::Write && strikes(Fault::Writes)))
             return Verdict::fail(fault.error);
-        const bool cut =
-            fault.afterAPart && count + 1 == first && (step.call == Call::Read || step.call == Call::Write);
-        return cut ? Verdict::atMost(step.size / 2 + 1) : Verdict::goOn();
+        return fault.afterAPart && count + 1 == first ? Verdict::atMost(step.size / 2 + 1) : Verdict::goOn();
     }
 
     const Fault fault;
