@@ -46,8 +46,7 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
     EXPECT_EQ(fLast.first, orva::info(path("all")).stored + 512);
     // Here while a heading is looked for; the tests of Python throw during the work that follows.
     const auto stop = [](i64, i64) { throw std::domain_error("enough"); };
-    const orva::Path foreign[] = {path("foreign")};
-    writeBytes(foreign[0], Bytes(100, 'x'));
+    const orva::Path foreign[] = {made("foreign", Bytes(100, 'x'))};
     EXPECT_THROW(orva::Reader(foreign[0], {.progress = stop}), std::domain_error);
     EXPECT_THROW(orva::Writer::append(foreign[0], {.progress = stop}), std::domain_error);
     EXPECT_THROW(orva::verify(foreign[0], {.progress = stop}), std::domain_error);
@@ -79,8 +78,7 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
             std::filesystem::rename(path("empty"), again[0]);
             return Verdict::goOn();
         });
-        const Bytes rows = thrown.empty() ? rowsOf("none") : Bytes();
-        EXPECT_TRUE(rows.empty() || sameBytes(rows, Bytes(100, 'b')));
+        EXPECT_THAT(thrown.empty() ? rowsOf("none") : Bytes(), testing::AnyOf(Bytes(), Bytes(100, 'b')));
         EXPECT_TRUE(thrown.empty() || thrown == "FileChangedError") << thrown;
     }
     EXPECT_EQ(names(), (Names{"a", "again", "all", "b", "foreign", "none"}));

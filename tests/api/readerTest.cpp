@@ -33,11 +33,10 @@ TEST_F(Reader, ShowsWhatTheLatestRefreshHasSeen) {
         orva::Reader reader(written("rows", Bytes(1'000, 1), {.replace = true})), other = reader;
         const auto change = [&] { written("rows", Bytes(1'500, 2), {.replace = true}), other.refresh(); };
         left = place;
-        {
-            const CallHook meanwhile([&](const Step&) { left-- == 0 ? change() : void(); });
-            reader.refresh();
-            EXPECT_THAT(rowsAt(reader, 0, 10), testing::AnyOf(Bytes(10, 1), Bytes(10, 2)));
-        }
+        auto meanwhile = std::make_unique<CallHook>([&](const Step&) { left-- == 0 ? change() : void(); });
+        reader.refresh();
+        EXPECT_THAT(rowsAt(reader, 0, 10), testing::AnyOf(Bytes(10, 1), Bytes(10, 2)));
+        meanwhile.reset();
         if (left >= 0) change();
         EXPECT_EQ(reader.size(), 1'500) << place;
         EXPECT_EQ(rowsAt(reader, 0, 10), Bytes(10, 2)) << place;

@@ -21,10 +21,8 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
 
     const orva::Path late[] = {path("late")};
     const orva::Reader reader(path("whole"));
-    const auto throwing = std::make_shared<source>(whole, 0);
-    const orva::Rows<char> values(reader);
-    std::array<std::byte, 10> to{};
-    std::array<char, 2> two{};
+    const orva::Rows<std::byte> values(reader);
+    std::array<std::byte, 2> to{};
     const std::vector<i64> atTheEnd{0, 100'000};
     orva::Writer writer(path("new"));
     orva::Writer fresh(path("late")), other(std::move(fresh));
@@ -42,7 +40,7 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
         {"IndexCutOff", [&] { orva::Reader(path("cut")); }, "DamagedFileError"},
         {"AnotherPlace", [&] { orva::Reader(path("whole"), {.row0 = 513}); }, "DamagedFileError"},
         {"CacheBelowZero", [&] { orva::Reader(path("whole"), {.cached_blocks = -1}); }, "UsageError"},
-        {"SourceThatThrows", [&] { orva::Reader{throwing}; }, "domain_error"},
+        {"SourceThatThrows", [&] { orva::Reader{std::make_shared<source>(whole, 0)}; }, "domain_error"},
         {"NoSource", [] { orva::Reader(std::shared_ptr<const orva::ByteSource>()); }, "UsageError"},
 
         {"RowsBelowZero", [&] { reader.read_at(-1, to); }, "UsageError"},
@@ -50,8 +48,8 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
         {"RecordsThatDoNotDivideTheRows", [&] { (void)reader.splits(1, 3); }, "UsageError"},
         {"ValuesThatDoNot", [&] { orva::Rows<std::array<char, 3>>{reader}; }, "UsageError"},
         {"ValueAtTheEnd", [&] { (void)values[100'000]; }, "UsageError"},
-        {"MoreValuesThanNumbers", [&] { values.take(std::vector<i64>(1), two); }, "UsageError"},
-        {"TakenAtTheEnd", [&] { values.take(atTheEnd, two); }, "UsageError"},
+        {"MoreValuesThanNumbers", [&] { values.take(std::vector<i64>(1), to); }, "UsageError"},
+        {"TakenAtTheEnd", [&] { values.take(atTheEnd, to); }, "UsageError"},
 
         {"Taken", [&] { orva::Writer(path("whole")); }, "SystemError EEXIST"},
         {"ReplacedDirectory", [&] { orva::Writer(path("dir"), {.replace = true}); }, "SystemError EISDIR"},

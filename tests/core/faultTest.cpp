@@ -135,11 +135,10 @@ TEST_F(Faults, TheFace) {
         EXPECT_THAT(s.text, AnyOf("", ContainsRegex(s.fault.kind == Fault::Threads ? "use fewer" : "")));
         EXPECT_TRUE(threads != 0 || s.fault.kind != Fault::Threads || heard.empty()) << "nobody asked for the thread";
         EXPECT_THAT(s.text, Not(HasSubstr("copy it"))) << "the file has a length";
-        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        for (const std::filesystem::path& file : std::filesystem::directory_iterator(directory)) {
             // Failing calls cannot remove it either, and failing writes cannot undo an append.
-            const bool side = entry.path() == one + ".orva-undo" && s.fault.kind == Fault::Writes;
-            EXPECT_TRUE(entry.path() == one || entry.path() == both || side || s.fault.kind == Fault::Calls)
-                << entry.path();
+            const bool side = file == one + ".orva-undo" && s.fault.kind == Fault::Writes;
+            EXPECT_TRUE(file == one || file == both || side || s.fault.kind == Fault::Calls) << file;
         }
         if (done > 0 || std::filesystem::exists(one)) {
             orva::roll_back(one);
@@ -168,9 +167,8 @@ TEST_F(Faults, AHostileHeadingCostsLittleMemory) {
     for (const std::int64_t size : kSizes) {
         for (const std::int64_t place : {sound._indexPos, std::int64_t{kRow0 + 24}, INT64_MAX - size}) {
             overwriteBytes(fName, kRow0, bytesOf(compressionHeading{kRow0, place, size}));
-            for (const int threading : {0, 2, kTwo}) {
+            for (const int threading : {0, 2, kTwo})
                 EXPECT_THAT(failureOf([&] { Reader(fName, threading, kRow0); }), StartsWith("DamagedFileError"));
-            }
             EXPECT_EQ(failureOf([&] { orva::recover(fName, path("out"), {}); }), "") << size << " at " << place;
         }
     }
@@ -254,8 +252,7 @@ TEST_F(Faults, OfAnAppendLeaveTheRowsOrSayWhatGetsThem) {
                 const bool torn = s.fault.afterAPart;
                 EXPECT_TRUE(orva::recover(fName, path("out"), {kPart}).lost.empty() || torn);
                 const std::size_t kept = torn ? (append.old.empty() ? 0 : append.old[0]) : append.keptRows().size();
-                EXPECT_TRUE(kept == 0 ||
-                            sameBytes(slice(rowsOf(path("out")), 0, kept), slice(append.oldRows(), 0, kept)));
+                EXPECT_TRUE(sameBytes(slice(rowsOf(path("out")), 0, kept), slice(append.oldRows(), 0, kept)));
             } else {
                 // Without memory no text says whether the append was completed.
                 const bool mute = s.fault.kind != Fault::Calls;

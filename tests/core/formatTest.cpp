@@ -85,8 +85,7 @@ TEST(Lz4Codec, CompressesByLevelAndReportsWhatDoesNotFit) {
     std::vector<std::uint32_t> sizes;
     for (const int level : {0, 1, 12}) {
         EXPECT_EQ(lz4CompressBlock::compressBlock(from, 100'000, to, level == 0 ? 20'000 : 100, level), 0U);
-        const std::uint32_t size =
-            sizes.emplace_back(lz4CompressBlock::compressBlock(from, 100'000, to, 120'000, level));
+        const auto size = sizes.emplace_back(lz4CompressBlock::compressBlock(from, 100'000, to, 120'000, level));
         EXPECT_TRUE(unpack(size, 100'000) == 100'000 && back == kRows);
         EXPECT_TRUE(unpack(size, 99'999) >= failed && unpack(size - 3, 100'000) >= failed);
     }
