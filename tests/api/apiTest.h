@@ -49,13 +49,9 @@ using Names = std::set<std::string>;
 using Dictionary = std::vector<std::byte>;
 
 struct FaceTest : TempDir {
-    static void finish(orva::Writer writer, const auto& rows) {
-        writer.write_rows(rows);
-        writer.finish();
-    }
     // Makes a finished file of the rows and returns its name.
     std::string written(const std::string& name, const auto& rows, const orva::WriterOptions& options = {}) const {
-        finish(orva::Writer(path(name), options), rows);
+        writeAll(orva::Writer(path(name), options), rows);
         return path(name);
     }
     Bytes rowsOf(const std::string& name) const { return allRows(orva::Reader(path(name))); }

@@ -53,7 +53,7 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
     EXPECT_THROW(orva::recover(foreign[0], path("none"), {.progress = stop}), std::domain_error);
     EXPECT_THROW(orva::join(foreign, path("none"), {.progress = stop}), std::domain_error);
     // Its last block is no longer the one that was copied.
-    const auto grow = [&](i64, i64) { finish(orva::Writer::append(path("a")), Bytes(10)); };
+    const auto grow = [&](i64, i64) { writeAll(orva::Writer::append(path("a")), Bytes(10)); };
     EXPECT_EQ(thrownBy([&] { orva::join(parts, path("none"), {.progress = grow}); }), "FileChangedError");
     // What `join` throws if look number `look` at a heading, from 0, gets `answer`.
     const auto joinWhere = [&](int look, std::span<const orva::Path> inputs, const std::function<Verdict()>& answer) {
@@ -70,9 +70,8 @@ TEST_F(Files, EndWhereTheirProgressThrows) {
         EXPECT_EQ(thrown, failed ? "SystemError EIO" : "") << look;
     }
     // A file without rows that takes the name between two looks is not taken for the old one.
-    const orva::Path again[] = {path("again")};
     for (int look = 0; look < 4; ++look) {
-        written("again", Bytes(100, 'b'), {.replace = true});
+        const orva::Path again[] = {written("again", Bytes(100, 'b'), {.replace = true})};
         written("empty", Bytes(), {.replace = true});
         const std::string thrown = joinWhere(look, again, [&] {
             std::filesystem::rename(path("empty"), again[0]);

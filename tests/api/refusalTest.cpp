@@ -19,14 +19,13 @@ TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     std::filesystem::create_symlink("/dev/full", path("device"));
     const Names before = names();
 
-    const orva::Path late[] = {path("late")};
     const orva::Reader reader(path("whole"));
     const orva::Rows<std::byte> values(reader);
     std::array<std::byte, 2> to{};
     const std::vector<i64> atTheEnd{0, 100'000};
     orva::Writer writer(path("new"));
     orva::Writer fresh(path("late")), other(std::move(fresh));
-    written("late", Bytes(7));
+    const orva::Path late[] = {written("late", Bytes(7))};
     const struct {
         const char* name;
         std::function<void()> call;

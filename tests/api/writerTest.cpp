@@ -14,8 +14,8 @@ TEST_F(Writer, TakesRowsInAnyWayThatAReaderGivesInAnyWay) {
         const Dictionary dictionary(seed % 3 == 0 ? 10'000 : 0);
         const Bytes rows = random.rows(random.below(3 * kBlock));
         const std::size_t first = random.below(rows.size());
-        orva::WriterOptions options{.dictionary = dictionary, .threads = threads, .replace = true, .level = 2};
-        options.block = 1'000'000;
+        const orva::WriterOptions options{
+            .dictionary = dictionary, .threads = threads, .replace = true, .level = 2, .block = 1'000'000};
         std::size_t at = 0;
         for (const std::size_t end : {first, rows.size()}) {
             orva::Writer writer = end == first ? orva::Writer(path("rows"), options)
@@ -238,22 +238,19 @@ TEST_F(Writer, AnAppendAtAnyCallOfAReaderShowsNoMixtureOfTwo) {
     std::optional<orva::Reader> reader;
     const auto expectRead = [&](const std::function<void()>& read, const testing::Matcher<std::string>& refused,
                                 Ends ends, bool durable) {
-        for (int place = 0, calls = 0; place <= calls; ++place) {
+        for (int place = 0, left = -1; left < 0; ++place) {
             writeBytes(name, before);
             reader.emplace(orva::Path(name));
-            std::optional<orva::Writer> writer;
-            bool appends = false;
-            calls = 0;
+            std::unique_ptr<orva::Writer> writer;  // of an append that has been made; its own calls come here too
+            left = place;
             const CallHook meanwhile([&](const Step&) {
-                if (std::exchange(appends, true)) return;
-                if (calls == place) {
-                    writer.emplace(orva::Writer::append(name, {.durable = durable, .block = 150'000}));
-                    writer->write(spanOf(added));
-                    if (ends == finished) writer->finish();
-                    if (ends == flushed) writer->flush_rows();
-                }
-                if (calls++ > place && ends == undone) writer.reset();
-                appends = false;
+                if (ends == undone) writer.reset();
+                if (left-- != 0) return;
+                orva::Writer appends = orva::Writer::append(name, {.durable = durable, .block = 150'000});
+                appends.write(spanOf(added));
+                if (ends == finished) appends.finish();
+                if (ends == flushed) appends.flush_rows();
+                writer = std::make_unique<orva::Writer>(std::move(appends));
             });
             EXPECT_THAT(thrownBy(read), testing::AnyOf("", refused)) << ends << durable << place;
             EXPECT_EQ(rowsAt(*reader, 0, 65'536), slice(rows, 0, 65'536)) << "what no append rewrites";
@@ -301,7 +298,7 @@ TEST_F(Writer, AnAppendIsInTheFileThatHasTheNameOrFails) {
                 if (step.call == Call::Open && path("rows") == step.name && left-- == 0)
                     std::filesystem::rename(path("copy"), path("rows"));
             });
-            finish(orva::Writer::append(path("rows")), Bytes(10, 'b'));
+            writeAll(orva::Writer::append(path("rows")), Bytes(10, 'b'));
         });
         EXPECT_EQ(thrown, rowsOf("rows").size() == 110 ? "" : "SystemError ESTALE") << looks;
     }

@@ -176,11 +176,8 @@ TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
     write(*stream, Bytes(10, 'x'));
     std::uint32_t none = 0;
     char b[8] = {};
-    const auto resumed = [&](std::int64_t at, std::int64_t end) {
-        const Reader reader(fName, 0, kRow0);
-        reader->Seek(kRow0 + at, ORVA_StrBaseIO::SeekFromStart);
-        reader->setFileToAppend(kRow0 + end, false);
-    };
+    const Reader behind(fName, 0, kRow0);
+    behind->Seek(kRow0 + 28'801, ORVA_StrBaseIO::SeekFromStart);
     const auto jump = [&] { stream->Seek(1, ORVA_StrBaseIO::SeekFromStart), stream->Write("x", 1); };
     const struct {
         const char* text;
@@ -196,9 +193,9 @@ TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
         {"fData->bClosed == false", [&] { closed->readFilePosInfo(kRow0, false); }},
         {"fpIOThread != 0", [&] { write(*startedWriter(path("other"), 2), Bytes(10, 'x')); }},
         {"fpIOThread != 0", [&] { write(*startedWriter(path("other"), -1), Bytes(10, 'x')); }},
-        {"fFilePos == endpos", [&] { resumed(28'801, 28'800); }},
-        {"endpos inside the last block", [&] { resumed(28'802, 28'802); }},
-        {"endpos inside the last block", [&] { resumed(28'700, 28'700); }},
+        {"fFilePos == endpos", [&] { behind->setFileToAppend(kRow0 + 28'800, false); }},
+        {"endpos inside the last block", [&] { resume(*Reader(fName, 0, kRow0), kRow0 + 28'802); }},
+        {"endpos inside the last block", [&] { resume(*Reader(fName, 0, kRow0), kRow0 + 28'700); }},
         {"prtData!=0", [] { PreIOThread_Tri_R_D::newThreadForRead().onCallBack(nullptr); }},
         {"pParent!=0", [] { PreIOThread_Tri_R_D::newThreadForDecompress().onCallBack(nullptr); }},
         {"souce||dest||outCount||inCount", [&] { zlibCompressBlock().compressBlock(nullptr, 0, nullptr, none); }},
@@ -226,8 +223,8 @@ TEST_F(ShortBlocks, AnAppendBeginsWhereTheFileEndsNow) {
     makeFile(fName, {});
     EXPECT_THROW(emptied->setFileToAppend(end, false), FileChangedError);
     makeFile(path("full"), {Bytes(kBlock)});
-    const Reader full(path("full"), 0, kRow0);
-    EXPECT_THAT(failureOf([&] { resume(*full, kRow0 + 5); }), HasSubstr("fData->fpos == endpos"));
+    EXPECT_THAT(failureOf([&] { resume(*Reader(path("full"), 0, kRow0), kRow0 + 5); }),
+                HasSubstr("fData->fpos == endpos"));
 }
 
 // A child has none of its parent's threads, so it must neither wait for one nor finish the parent's file.

@@ -122,9 +122,7 @@ TEST_F(Faults, TheFace) {
                 writer.write(spanOf(rows));
                 done == 0 ? writer.flush_rows() : writer.finish();
             }
-            orva::Writer more = orva::Writer::append(one, {.threads = threads});
-            more.write(spanOf(rows));
-            more.finish();
+            writeAll(orva::Writer::append(one, {.threads = threads}), rows);
             done = 3;
             orva::join(std::vector<orva::Path>{one, one}, both);
             done = 4;

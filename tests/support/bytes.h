@@ -201,6 +201,10 @@ inline std::span<const std::byte> spanOf(const Bytes& rows) {
     return std::as_bytes(std::span(rows));
 }
 
+inline void writeAll(orva::Writer writer, const auto& rows) {
+    writer.write_rows(rows);
+    writer.finish();
+}
 // The rows from `offset` on, as many as there are.
 inline Bytes rowsAt(const orva::Reader& reader, std::int64_t offset, std::size_t size) {
     Bytes rows(size);
