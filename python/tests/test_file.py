@@ -126,15 +126,12 @@ def test_append_knows_a_dtype_where_rows_does(here: Path) -> None:
 
 
 def test_of_two_parts_row0_names_one(here: Path) -> None:
-    first = Path("numbers.orva").read_bytes() + bytes(512)
-    first = first[: len(first) // 512 * 512]
-    writer, row0 = orva._orva.create(b"two.orva", first, 1, False, 1, 0), len(first)
-    writer.finish()
-    orva.append("two.orva", ROWS, row0=row0)
-    orva.join(["two.orva"], "again.orva", row0=row0)
-    assert (orva.rows("again.orva", ROWS.dtype, row0=row0)[:] == ROWS).all()
-    with pytest.raises(ValueError, match="state the dtype"):
-        orva.rows("again.orva", row0=row0)
+    first = Path("numbers.orva").read_bytes().ljust(1024)
+    orva._orva.create(b"two.orva", first, 1, False, 1, 0).finish()
+    orva.append("two.orva", ROWS, row0=1024)
+    orva.join(["two.orva"], "again.orva", row0=1024)
+    assert (orva.rows("again.orva", ROWS.dtype, row0=1024)[:] == ROWS).all()
+    pytest.raises(ValueError, orva.rows, "again.orva", row0=1024).match("state the dtype")
 
 
 LONG: dict[str, Callable[[str, int, Any], object]] = {
