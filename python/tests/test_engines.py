@@ -35,6 +35,7 @@ READS: list[Any] = []  # reads of files of rows
 # A file system of buffered files. All reads must be on one thread at a time, as over the connection of FTP.
 class Buffered(AbstractFileSystem):
     protocol = "buffered"
+    ls, info = LocalFileSystem.ls, LocalFileSystem.info
 
     def __init__(self, **kwargs: Any) -> None:
         super().__init__(**kwargs)
@@ -45,9 +46,6 @@ class Buffered(AbstractFileSystem):
         time.sleep(0.001)
         self.at_work.release()
         return Path(path).read_bytes()[start:end]
-
-    def ls(self, path: str, detail: bool = True, **kwargs: Any) -> Any:
-        return LocalFileSystem().ls(self._strip_protocol(path), detail)
 
     def _open(self, path: str, mode: str = "rb", **kwargs: Any) -> Any:
         file = AbstractBufferedFile(self, path, mode)
