@@ -20,16 +20,14 @@ int opened(const std::string& name, int oflag) {
 struct Script : faults::Hook {
     explicit Script(const std::string& dialogue) : fDialogue(dialogue) {}
     Verdict before(const faults::Step& /*step*/) override {
-        static const std::map<std::string, int> errors{{"=EINTR", EINTR},   {"=EIO", EIO},         {"=EINVAL", EINVAL},
-                                                       {"=ENOLCK", ENOLCK}, {"=EMFILE", EMFILE},   {"=EAGAIN", EAGAIN},
-                                                       {"=EROFS", EROFS},   {"=ENOTSUP", ENOTSUP}, {"=EBADF", EBADF},
-                                                       {"=EACCES", EACCES}, {"=EPERM", EPERM}};
+        static constexpr int errors[]{EPERM, EINTR, EIO, EBADF, EAGAIN, EACCES, EINVAL, EMFILE, EROFS, ENOLCK, ENOTSUP};
         std::string word;
         fDialogue >> word;
         fAnswer = word.substr(std::min(word.find('='), word.size()));
         if (fAnswer.empty()) return Verdict::goOn();
-        const auto error = errors.find(fAnswer);
-        return error != errors.end() ? Verdict::fail(error->second) : Verdict::atMost(std::stoul(fAnswer.substr(1)));
+        const std::string answer = fAnswer.substr(1);
+        const auto* const error = std::ranges::find(errors, answer, strerrorname_np);
+        return error != std::end(errors) ? Verdict::fail(*error) : Verdict::atMost(std::stoul(answer));
     }
     void after(const faults::Step& step) override {
         if (descriptor == -1) descriptor = static_cast<int>(step.result);
@@ -98,45 +96,44 @@ struct CallCase {
     int oflag;
     int (*run)(int descriptor);
     const char* dialogue;
-    int error;
-    std::string content;
+    int error = 0;
+    std::string content = kDigits;  // afterwards
 };
 const CallCase kCalls[] = {
     {"WriteIsCompleted", kAppend, writeDigits, "O L W10=EINTR W10@10=3 W7=EINTR W7@13=1 W6@14 ", 0, kDigits + kDigits},
-    {"WriteErrorAfterAPart", kWrite, writeDigits, "O L W10@0=4 W6=EIO ", EIO, kDigits},
-    {"WriteThatTakesNothing", kWrite, writeDigits, "O L W10=0 ", EIO, kDigits},
+    {"WriteErrorAfterAPart", kWrite, writeDigits, "O L W10@0=4 W6=EIO ", EIO},
+    {"WriteThatTakesNothing", kWrite, writeDigits, "O L W10=0 ", EIO},
     {"ALongWriteGoesInPieces", kWrite, [](int d) { return _write(d, kDigits.data(), 0x7fffffff); },
-     "O L W2147479552=EINVAL ", EINVAL, kDigits},
-    {"ReadAtAPlace", _O_RDONLY, readDigitsAt, "O S@4 R12@1=5 R7@6=EINTR R7@6 R3@10 ", 0, kDigits},
+     "O L W2147479552=EINVAL ", EINVAL},
+    {"ReadAtAPlace", _O_RDONLY, readDigitsAt, "O S@4 R12@1=5 R7@6=EINTR R7@6 R3@10 "},
     {"WriteAtAPlace", kWrite, writeDigitsAt, "O L W10@3=4 W6@7=EINTR W6@7 ", 0, "012" + kDigits},
-    {"NoPlaceBeforeTheFile", kWrite, [](int d) { return writeAt(d, "a", 1, -1); }, "O L ", EINVAL, kDigits},
-    {"ATakenNameIsNotMadeAnew", kWrite | _O_EXCL, nullptr, "O ", EEXIST, kDigits},
-    {"NoFileIsAStandardStream", kWrite, openedWithoutInput, "O L O D c ", 0, kDigits},
+    {"NoPlaceBeforeTheFile", kWrite, [](int d) { return writeAt(d, "a", 1, -1); }, "O L ", EINVAL},
+    {"ATakenNameIsNotMadeAnew", kWrite | _O_EXCL, nullptr, "O ", EEXIST},
+    {"NoFileIsAStandardStream", kWrite, openedWithoutInput, "O L O D c "},
     {"LocksBeforeItTruncates", kTruncate, nullptr, "O L=EINTR L T ", 0, ""},
     {"GoesOnWithoutLocks", kTruncate, nullptr, "O L=ENOLCK T ", 0, ""},
     {"WhoAsksForAWriterIsNone", kTruncate, nullptr, "O L=EAGAIN L L T ", 0, ""},
-    {"AWriterIsNotWaitedFor", kTruncate, nullptr, "O L=EAGAIN L=EAGAIN C ", EAGAIN, kDigits},
-    {"WhereOnlyWhoWritesMayLockAlone", _O_RDONLY, lockedAfter<lockAgainstWriters>, "O L=EBADF L ", EAGAIN, kDigits},
-    {"AndNobodyElseMay", _O_RDONLY, lockAgainstWriters, "O L=EBADF L=ENOLCK ", 0, kDigits},
-    {"OthersMayAskAtOnce", _O_RDONLY, askedBesideAnother, "O L ", 0, kDigits},
-    {"ACloseUnlocksTheCopies", kWrite, lockedAfter<+closeFile>, "O L D c C ", 0, kDigits},
-    {"AFailedCloseKeepsTheLock", kWrite, lockedAfter<+closeFile>, "O L D c=EIO ", EAGAIN, kDigits},
-    {"ACopysCloseKeepsTheLock", kWrite, lockedAfter<closeInherited>, "O L C ", EAGAIN, kDigits},
-    {"FailedLock", kTruncate, nullptr, "O L=EIO C ", EIO, kDigits},
-    {"FailedTruncation", kTruncate, nullptr, "O L T=EIO C ", EIO, kDigits},
+    {"AWriterIsNotWaitedFor", kTruncate, nullptr, "O L=EAGAIN L=EAGAIN C ", EAGAIN},
+    {"WhereOnlyWhoWritesMayLockAlone", _O_RDONLY, lockedAfter<lockAgainstWriters>, "O L=EBADF L ", EAGAIN},
+    {"AndNobodyElseMay", _O_RDONLY, lockAgainstWriters, "O L=EBADF L=ENOLCK "},
+    {"OthersMayAskAtOnce", _O_RDONLY, askedBesideAnother, "O L "},
+    {"ACloseUnlocksTheCopies", kWrite, lockedAfter<+closeFile>, "O L D c C "},
+    {"AFailedCloseKeepsTheLock", kWrite, lockedAfter<+closeFile>, "O L D c=EIO ", EAGAIN},
+    {"ACopysCloseKeepsTheLock", kWrite, lockedAfter<closeInherited>, "O L C ", EAGAIN},
+    {"FailedLock", kTruncate, nullptr, "O L=EIO C ", EIO},
+    {"FailedTruncation", kTruncate, nullptr, "O L T=EIO C ", EIO},
     {"TemporaryGoesUnderItsLock", kWrite, closeTemporary, "O L D c=EINTR D c U C ", 0, ""},
-    {"FailedClose", kWrite, closeTemporary, "O L D c=EIO ", EIO, kDigits},
-    {"LateFailureClosesNoNumberTwice", kWrite, closeFile, "O L D c C=EIO ", 0, kDigits},
-    {"NoNumberToSpareSyncs", kWrite, closeFile, "O L D=EMFILE Y C ", 0, kDigits},
-    {"FailedSync", kWrite, syncData, "O L Y=EINTR Y=EIO ", EIO, kDigits},
-    {"NothingToSync", kWrite, syncData, "O L Y=EINVAL ", 0, kDigits},
-    {"SyncOfAFileSystemThatHasStopped", kWrite, syncData, "O L Y=EROFS ", EROFS, kDigits},
-    {"SyncOfADirectory", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O Y=EINTR Y=EIO c ", EIO, kDigits},
-    {"OfOneThatMayNotBeRead", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O=EACCES O Y c ", 0, kDigits},
-    {"NorHasFilesWithoutAName", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O=EACCES O=ENOTSUP ", EACCES,
-     kDigits},
-    {"ARenameThatKnowsNoRefusal", kWrite, [](int) { return renameNew("a", "b"); }, "O L N=ENOTSUP N ", ENOENT, kDigits},
-    {"OneThatIsForbidden", kWrite, [](int) { return renameNew("a", "b"); }, "O L N=EPERM N ", ENOENT, kDigits},
+    {"FailedClose", kWrite, closeTemporary, "O L D c=EIO ", EIO},
+    {"LateFailureClosesNoNumberTwice", kWrite, closeFile, "O L D c C=EIO "},
+    {"NoNumberToSpareSyncs", kWrite, closeFile, "O L D=EMFILE Y C "},
+    {"FailedSync", kWrite, syncData, "O L Y=EINTR Y=EIO ", EIO},
+    {"NothingToSync", kWrite, syncData, "O L Y=EINVAL "},
+    {"SyncOfAFileSystemThatHasStopped", kWrite, syncData, "O L Y=EROFS ", EROFS},
+    {"SyncOfADirectory", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O Y=EINTR Y=EIO c ", EIO},
+    {"OfOneThatMayNotBeRead", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O=EACCES O Y c "},
+    {"NorHasFilesWithoutAName", kWrite, [](int) { return syncDirectoryOf("a"); }, "O L O=EACCES O=EOPNOTSUPP ", EACCES},
+    {"ARenameThatKnowsNoRefusal", kWrite, [](int) { return renameNew("a", "b"); }, "O L N=EOPNOTSUPP N ", ENOENT},
+    {"OneThatIsForbidden", kWrite, [](int) { return renameNew("a", "b"); }, "O L N=EPERM N ", ENOENT},
     {"Truncation", kWrite, [](int d) { return truncateFile(d, 4); }, "O L T4=EINTR T4 ", 0, "0123"},
 };
 
