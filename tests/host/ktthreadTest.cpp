@@ -16,11 +16,6 @@ struct Task : CallBackObject {
     static inline std::atomic<int> alive{0};
 };
 
-struct StartedPool : ktThreadPool {
-    explicit StartedPool(int count) : ktThreadPool(count, 0) { init(), startAll(); }
-    bool run(std::function<void()> body) { return runCallBack(new Task(std::move(body)), this, 1); }
-};
-
 TEST(KtThread, NoPostIsLostAndTheMutexKeepsItsHoldersApart) {
     ktMutex mutex;
     ktSemaphore semaphore(0);
@@ -48,21 +43,23 @@ TEST(KtThreadPool, ThreadsOutliveErrorsTakeNoSignalsDisposeOfWhatNeverRanAndHold
     sigset_t inPool, after;
     ktSemaphore entered(0);
     auto leave = std::make_unique<ktSemaphore>(0);
-    auto pool = std::make_unique<StartedPool>(2);
+    auto pool = std::make_unique<ktThreadPool>(2, 0);
+    pool->init(), pool->startAll();
+    const auto run = [&](auto body) { return pool->runCallBack(new Task(body), nullptr, 1); };
     const auto occupy = [&] {
-        pool->run([&] {
+        run([&] {
             pthread_sigmask(SIG_SETMASK, nullptr, &inPool);
             entered.postSemaphore();
             leave->waitSemaphore();
         });
         entered.waitSemaphore();
     };
-    pool->run([] { throw 1; });
+    run([] { throw 1; });
     occupy();
     std::this_thread::sleep_for(20ms);
 #ifndef __SANITIZE_THREAD__  // which does not support forks of a process with threads
     expectInChild([&] {
-        EXPECT_FALSE(pool->run(unexpected));
+        EXPECT_FALSE(run(unexpected));
         EXPECT_FALSE(leave->waitSemaphore() || leave->waitSemaphore(1) || leave->postSemaphore());
         pool.reset();
         leave.reset();
@@ -70,11 +67,11 @@ TEST(KtThreadPool, ThreadsOutliveErrorsTakeNoSignalsDisposeOfWhatNeverRanAndHold
 #endif
     occupy();
     bool queuedRan = false;
-    pool->run([&] { queuedRan = true; });
+    run([&] { queuedRan = true; });
     const std::jthread ender(
         [&] { std::this_thread::sleep_for(30ms), leave->postSemaphore(), leave->postSemaphore(); });
     pool->stopAll();
-    EXPECT_FALSE(pool->run(unexpected)) << "stopped already";
+    EXPECT_FALSE(run(unexpected)) << "stopped already";
     EXPECT_TRUE(queuedRan && Task::alive == 0);
     pthread_sigmask(SIG_SETMASK, nullptr, &after);
     for (const int signal : {SIGINT, SIGTERM, SIGALRM, SIGUSR1, SIGCHLD, SIGPIPE})
