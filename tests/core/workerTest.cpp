@@ -2,87 +2,83 @@
 // zcmpsMultiThread.h), and lifetimes of streams. Rules of the writing workers: H1, H3, M1 and M4 in modelTest.cpp, H2,
 // H4 and M3 in faultTest.cpp, H5 and M5 in compressedTest.cpp, M6 in ../api/writerTest.cpp.
 #include "coreTest.h"
+#include "file/namedFile.h"
 #include "format/indexTransfer.h"
 #include "part/zcmpsMultiThread.h"
 #include "part/zcmpsPreIOThread.h"
 
 using namespace support;
 
-// All of them make the same promises to their caller.
-template <class Worker>
-struct ReadWorker : ShortBlocks {
-    static constexpr bool kIsSeveral = std::is_same_v<Worker, PreIOThread_Multi_R_D>;
+// All of them, of one thread, two and several, make the same promises to their caller.
+struct ReadWorker : ShortBlocks, testing::WithParamInterface<int> {
     static constexpr std::uint32_t kBlocks = 6;
     ReadWorker() {
-        ExtNameStr name;
-        name.SetGeneric(fName);
-        EXPECT_TRUE(fOpened.Open(name, "r+b"));
+        orva::openOrThrow(fOpened, fName, "r+b", 1003);
         const auto index = orva::readIndex(fOpened, orva::readHeading(fOpened, kRow0, false, ""), false);
         fIndex.parseForRead(reinterpret_cast<const unsigned char*>(index.data()), false);
     }
-    std::shared_ptr<Worker> started(int threads = 3) {
-        std::unique_ptr<Worker> made;
-        if constexpr (kIsSeveral) made = std::make_unique<Worker>(&fOpened, &fIndex, kBlock, threads);
-        if constexpr (!kIsSeveral) made = std::make_unique<Worker>(&fOpened, &fIndex, kBlock);
+    std::shared_ptr<PreIOThreadBase> started() {
+        std::unique_ptr<PreIOThreadBase> made;
+        if (GetParam() == 1) made = std::make_unique<PreIOThread_R_D>(&fOpened, &fIndex, kBlock);
+        if (GetParam() == 2) made = std::make_unique<PreIOThread_Tri_Reader>(&fOpened, &fIndex, kBlock);
+        if (fIsSeveral) made = std::make_unique<PreIOThread_Multi_R_D>(&fOpened, &fIndex, kBlock, 3);
         return {startedWorker(std::move(made), true).release(),
-                [](Worker* worker) { worker->stopThreads(), worker->destroyThreads(), delete worker; }};
+                [](auto* worker) { worker->stopThreads(), worker->destroyThreads(), delete worker; }};
     }
-    Bytes request(Worker& worker, std::uint32_t number) {
+    Bytes request(PreIOThreadBase& worker, std::uint32_t number) {
         Bytes rows(fBlocks[number].size());
         worker.getBlock(rows.data(), sizeOf(rows), fIndex.parsed(number).orginalPos);
         return rows;
     }
+    const bool fIsSeveral = GetParam() == 3;
     ORVA_File fOpened;
     filePosInfo fIndex{kBlock};
 };
-using ReadWorkers = testing::Types<PreIOThread_R_D, PreIOThread_Tri_Reader, PreIOThread_Multi_R_D>;
-TYPED_TEST_SUITE(ReadWorker, ReadWorkers);
+INSTANTIATE_TEST_SUITE_P(Threads, ReadWorker, testing::Values(1, 2, 3), testing::PrintToStringParamName());
 
-TYPED_TEST(ReadWorker, R1_R3_T1_A2_OnlyASequentialRunIsReadBesideTheCaller) {
+TEST_P(ReadWorker, R1_R3_T1_A2_OnlyASequentialRunIsReadBesideTheCaller) {
     const CallHook reads;
-    auto worker = this->started();
-    for (std::uint32_t i = 0; i < this->kBlocks; ++i) {
-        EXPECT_EQ(this->request(*worker, i), this->fBlocks[i]) << "block " << i;
+    auto worker = started();
+    for (std::uint32_t i = 0; i < kBlocks; ++i) {
+        EXPECT_EQ(request(*worker, i), fBlocks[i]) << "block " << i;
         // The caller may itself make a block that no thread has begun.
-        while (reads.count < std::min(this->kIsSeveral && i > 0 ? 2 * i + 2 : i + 2, this->kBlocks))
-            std::this_thread::yield();
+        while (reads.count < std::min(fIsSeveral && i > 0 ? 2 * i + 2 : i + 2, kBlocks)) std::this_thread::yield();
     }
     EXPECT_EQ(reads.count, 6U) << "each block once";
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(this->request(*worker, 5), this->fBlocks[5]);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(request(*worker, 5), fBlocks[5]);
     EXPECT_EQ(reads.count, 8U) << "no stale block counts as made ahead";
-    if (!this->kIsSeveral) return;
-    for (const std::uint32_t jump : {3u, 1u, 4u}) EXPECT_EQ(this->request(*worker, jump), this->fBlocks[jump]);
+    if (!fIsSeveral) return;
+    for (const std::uint32_t jump : {3u, 1u, 4u}) EXPECT_EQ(request(*worker, jump), fBlocks[jump]);
     worker = nullptr;
     EXPECT_EQ(reads.count, 11U) << "nothing ahead of a jump";
 }
 
-TYPED_TEST(ReadWorker, R2_R4_R5_T2_T3_T4_A1_A3_A4_A5_AnyRequestIsServedOrFailsAndItStopsWhateverWentBefore) {
-    const auto end = static_cast<std::size_t>(this->fIndex.parsed(3).translatePos);
-    overwriteBytes(this->fName, end - 1, {static_cast<unsigned char>(this->fFile[end - 1] ^ 8)});
-    const CallHook bad([place = this->fIndex.parsed(4).translatePos](const Step& step, std::uint64_t) {
+TEST_P(ReadWorker, R2_R4_R5_T2_T3_T4_A1_A3_A4_A5_AnyRequestIsServedOrFailsAndItStopsWhateverWentBefore) {
+    const auto end = static_cast<std::size_t>(fIndex.parsed(3).translatePos);
+    overwriteBytes(fName, end - 1, {static_cast<unsigned char>(fFile[end - 1] ^ 8)});
+    const CallHook bad([place = fIndex.parsed(4).translatePos](const Step& step, std::uint64_t) {
         return step.offset == place ? Verdict::fail(EIO) : Verdict::goOn();
     });
-    auto worker = this->started();
+    auto worker = started();
     RandomBytes random(45);
     std::uint32_t number = 0;
     for (int i = 0; i < 1'000; ++i) {
-        if (random.oneIn(8)) worker = this->started();
-        number =
-            random.oneIn(3) ? static_cast<std::uint32_t>(random.below(this->kBlocks)) : (number + 1) % this->kBlocks;
-        if constexpr (TestFixture::kIsSeveral) {
-            const auto count = i % 8 == 0 ? 1 + static_cast<std::uint32_t>(random.below(this->kBlocks - number)) : 0;
-            Bytes several(count * std::size_t{kBlockSize});
-            const std::uint32_t came = count == 0 ? 0 : worker->loadSeveral(number, count, several.data());
+        if (random.oneIn(8)) worker = started();
+        number = random.oneIn(3) ? static_cast<std::uint32_t>(random.below(kBlocks)) : (number + 1) % kBlocks;
+        if (auto* const several = dynamic_cast<PreIOThread_Multi_R_D*>(worker.get())) {
+            const auto count = i % 8 == 0 ? 1 + static_cast<std::uint32_t>(random.below(kBlocks - number)) : 0;
+            Bytes loaded(count * std::size_t{kBlockSize});
+            const std::uint32_t came = count == 0 ? 0 : several->loadSeveral(number, count, loaded.data());
             ASSERT_EQ(came, std::min(count, number > 4 ? count : (number > 2 ? 4 : 2) - number)) << "run " << i;
-            const auto first = this->fBlocks.begin() + number;
+            const auto first = fBlocks.begin() + number;
             const Bytes expected = joined({first, first + came});
-            ASSERT_EQ(slice(several, 0, expected.size()), expected) << "run " << i;
+            ASSERT_EQ(slice(loaded, 0, expected.size()), expected) << "run " << i;
         }
         Bytes rows;
-        const std::string failure = failureOf([&] { rows = this->request(*worker, number); });
+        const std::string failure = failureOf([&] { rows = request(*worker, number); });
         const bool right = number == 2   ? failure.find("block 2") != std::string::npos
-                           : number == 4 ? failure == fileError(1003, EIO, this->fName)
-                                         : rows == this->fBlocks[number];
+                           : number == 4 ? failure == fileError(1003, EIO, fName)
+                                         : rows == fBlocks[number];
         ASSERT_TRUE(right) << "request " << i << " for block " << number << ": " << failure;
     }
 }
