@@ -1,17 +1,15 @@
 // Encrypted files by calls of the file itself. The model in core/modelTest.cpp covers streams over them.
+#include "file/namedFile.h"
 #include "stream/streamTest.h"
 
 using namespace support;
 
 struct Cipher : TempDir {
-    Cipher() {
-        SetKeepEncrypt(true);
-        fName.SetGeneric(fPath);
-    }
+    Cipher() { SetKeepEncrypt(true); }
     ~Cipher() override { SetKeepEncrypt(false); }
     void open(const char* mode) {
         file = new ORVA_File(true);
-        ASSERT_TRUE(file->Open(fName, mode));
+        orva::openOrThrow(*file, fPath, mode, 1003);
     }
     void write(const Bytes& bytes, std::int64_t offset) {
         EXPECT_EQ(file->Write(bytes.data(), static_cast<unsigned int>(bytes.size()), offset), bytes.size());
@@ -25,7 +23,6 @@ struct Cipher : TempDir {
 
     const std::string fPath = path("f");
     const Bytes fNoise = RandomBytes(1).noise(1'000);
-    ExtNameStr fName;
     RefCountPtr<ORVA_File> file;
 };
 
@@ -100,7 +97,7 @@ TEST_F(Cipher, TransfersCostOneCallEachAndACloseLosesWhatWaits) {
     EXPECT_EQ(file->FinishEncryption(), 0U);
     file->Close();
     EXPECT_EQ(calls.transfers(), "W0+16 E E ") << "once for a run, and for its failure";
-    ASSERT_TRUE(file->Open(fName, "rb"));
+    orva::openOrThrow(*file, fPath, "rb", 1003);
     calls.fail(Call::Seek, EIO);
     EXPECT_THROW(read(0, 16), FileError) << "its pad would pass for data";
     ORVA_FileStream stream(fPath.c_str(), "r+b", true);
