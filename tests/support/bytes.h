@@ -76,9 +76,8 @@ inline Bytes joined(const std::vector<Bytes>& parts) {
     return all;
 }
 inline Bytes bytesOf(const auto& value) {
-    Bytes bytes(sizeof value);
-    std::memcpy(bytes.data(), &value, sizeof value);
-    return bytes;
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&value);
+    return {bytes, bytes + sizeof value};
 }
 // With the checksum after it, as in a side file.
 inline Bytes summed(const Bytes& numbers) {

@@ -36,12 +36,9 @@ using platform::faults::Step;
 using platform::faults::Verdict;
 
 // While one exists, a failure in its scope prints the seed.
-struct RandomBytes : SeededBytes {
+struct RandomBytes : SeededBytes, testing::ScopedTrace {
     explicit RandomBytes(std::uint64_t seed)
-        : SeededBytes(seed), fTrace(__FILE__, __LINE__, "seed " + std::to_string(seed)) {}
-
-private:
-    testing::ScopedTrace fTrace;
+        : SeededBytes(seed), ScopedTrace(__FILE__, __LINE__, "seed " + std::to_string(seed)) {}
 };
 
 // Compares without printing megabytes: the first difference is enough.
