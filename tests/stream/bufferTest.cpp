@@ -11,7 +11,7 @@ struct Script {
     const char* name;
     std::size_t fileSize;
     const char* steps;      // separated by blanks, each a letter of `kinds` and its number
-    const char* transfers;  // the calls that they make, of whole blocks without a size; "end" if EndOfFile is true then
+    const char* transfers;  // the calls that they make, and "end" if EndOfFile is true then
     const char* mode = "r+b";
     bool encrypted = false;
 };
@@ -62,8 +62,7 @@ TEST_F(StreamBuffer, BytesFileCallsAndEnd) {
         open(slice(noise(), 0, script.fileSize), script.mode, script.encrypted);
         calls.emplace();
         run(script.steps);
-        const std::string transfers = std::regex_replace(calls->transfers(), std::regex("\\+4190208"), "");
-        EXPECT_EQ(transfers + (s().EndOfFile() != 0 ? "end" : ""), script.transfers);
+        EXPECT_EQ(calls->transfers() + (s().EndOfFile() != 0 ? "end" : ""), script.transfers);
         expectFile();
     }
 }
@@ -107,7 +106,7 @@ TEST_F(StreamBuffer, R1_CopiesOnTwoThreadsShareOneWorkerByTurns) {
     ModelStream copy(*model);
     copy.begin();
     const auto readAll = [](ModelStream& stream, std::size_t size) {
-        while (stream.position() < 8 * kBlock) stream.read(size);
+        while (stream.position < 8 * kBlock) stream.read(size);
     };
     const std::jthread other(readAll, std::ref(copy), 777'777);
     readAll(*model, 1'000'000);

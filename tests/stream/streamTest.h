@@ -5,11 +5,14 @@
 
 namespace support {
 
-// A stream beside a model: the vector holds what it must read, and fPosition where it must be. The bytes of an
+// A stream beside a model: the vector holds what it must read, and position where it must be. The bytes of an
 // appending stream belong at the end, wherever it is.
 struct ModelStream {
+    ORVA_FileStream stream;
+    std::int64_t position = 0;
+
     ModelStream(const std::string& file, const std::string& mode, Bytes& content, bool encrypted)
-        : fStream(file.c_str(), mode.c_str(), encrypted), fContent(content), fMode(mode), fEncrypted(encrypted) {
+        : stream(file.c_str(), mode.c_str(), encrypted), fContent(content), fMode(mode), fEncrypted(encrypted) {
         begin(appends());
     }
     // Starts at the end, or at 0 for a copy, which shares the file and so the content.
@@ -18,8 +21,6 @@ struct ModelStream {
         moveTo(atEnd ? std::ssize(fContent) : 0);
     }
 
-    ORVA_FileStream& stream() { return fStream; }
-    std::int64_t position() const { return fPosition; }
     std::int64_t end() const { return std::max<std::int64_t>(std::ssize(fContent), fEncrypted ? fPadded : 0); }
     bool reads() const { return fMode.find_first_of("r+") != std::string::npos; }
     bool appends() const { return fMode[0] == 'a'; }
@@ -27,70 +28,63 @@ struct ModelStream {
     void read(std::size_t size) {
         Bytes bytes(size);
         try {
-            bytes.resize(fStream.Read(bytes.data(), sizeOf(bytes)));
+            bytes.resize(stream.Read(bytes.data(), sizeOf(bytes)));
         } catch (const FileError& error) {
             if (reads() || error.code().value() != EBADF) throw;
-            bytes.resize(static_cast<std::size_t>(fStream.Tell() - fPosition));
+            bytes.resize(static_cast<std::size_t>(stream.Tell() - position));
             size = bytes.size();
         }
-        EXPECT_TRUE(sameBytes(bytes, slice(fContent, fPosition, size)));
-        moveTo(fPosition + std::ssize(bytes));
+        EXPECT_TRUE(sameBytes(bytes, slice(fContent, position, size)));
+        moveTo(position + std::ssize(bytes));
     }
     // A failed write has taken the bytes before the position.
     void write(const Bytes& bytes) {
         try {
-            EXPECT_EQ(fStream.Write(bytes.data(), sizeOf(bytes)), bytes.size());
+            EXPECT_EQ(stream.Write(bytes.data(), sizeOf(bytes)), bytes.size());
         } catch (const FileError&) {
-            took(slice(bytes, 0, fStream.Tell() - fPosition));
+            took(slice(bytes, 0, stream.Tell() - position));
             throw;
         }
         took(bytes);
     }
     void seek(std::int64_t offset, ORVA_StrBaseIO::SeekDirection direction = ORVA_StrBaseIO::SeekFromStart) {
-        const std::int64_t bases[] = {0, fPosition, end()};
+        const std::int64_t bases[] = {0, position, end()};
         std::int64_t target = 0;
         const bool legal = !__builtin_add_overflow(bases[direction], offset, &target) && target >= 0;
-        EXPECT_EQ(fStream.Seek(offset, direction), legal ? 0 : -1);
-        moveTo(legal ? target : fPosition);
-    }
-    // Pending bytes are dropped.
-    void reset() {
-        fStream.ClearAndReset();
-        moveTo(0);
+        EXPECT_EQ(stream.Seek(offset, direction), legal ? 0 : -1);
+        moveTo(legal ? target : position);
     }
     // From then on the file has the pad; the stream itself knows which bytes are pad.
     void close() {
-        EXPECT_EQ(fStream.Close(), 1);
+        EXPECT_EQ(stream.Close(), 1);
         fPadded = std::max(fPadded, padded());
     }
     // Opens its own file again: a new object takes the pad for data.
     void reopen() {
-        EXPECT_EQ(fStream.Open(fStream.GetNameStr(), fMode.c_str()), 1);
+        EXPECT_EQ(stream.Open(stream.GetNameStr(), fMode.c_str()), 1);
         if (fMode[0] == 'w') fContent.clear();
         if (fEncrypted) fContent.resize(static_cast<std::size_t>(padded()));
         begin(appends());
     }
-    void moveTo(std::int64_t position) { EXPECT_EQ(fStream.Tell(), fPosition = position); }
+    void moveTo(std::int64_t to) { EXPECT_EQ(stream.Tell(), position = to); }
 
 private:
     void took(const Bytes& bytes) {
-        const std::int64_t at = appends() ? end() : fPosition;
+        const std::int64_t at = appends() ? end() : position;
         if (!bytes.empty()) fContent = with(std::move(fContent), at, bytes);
-        moveTo(fPosition + std::ssize(bytes));
+        moveTo(position + std::ssize(bytes));
     }
     std::int64_t padded() const { return (std::ssize(fContent) + 15) / 16 * 16; }
 
-    ORVA_FileStream fStream;
     Bytes& fContent;
     const std::string fMode;
     const bool fEncrypted;
     std::int64_t fPadded = 0;
-    std::int64_t fPosition = 0;
 };
 
 // Records each call of the library as a word, even if the system needed several: "R512+1000" is a read at offset 512
-// that asked for 1,000 bytes, "W" a write; lower case if another thread than the test's made it. "E" ends a run of the
-// cipher.
+// that asked for 1,000 bytes, "R512" one for a block, "W" a write; lower case if another thread than the test's made
+// it. "E" ends a run of the cipher.
 struct FileCalls : CallHook {
     // The calls since the last time, a blank after each. Only while no call is under way: another thread's may be
     // missing.
@@ -112,7 +106,7 @@ struct FileCalls : CallHook {
         if (continues) return;
         const std::int64_t offset = step.offset >= 0 ? step.offset : ::lseek(step.descriptor, 0, SEEK_CUR);
         fTransfers += (onOtherThread() ? "rw" : "RW")[step.call == Call::Write ? 1 : 0];
-        fTransfers += std::to_string(offset) + '+' + std::to_string(step.size) + ' ';
+        fTransfers += std::to_string(offset) + (step.size == kBlockSize ? " " : '+' + std::to_string(step.size) + ' ');
     }
 
 private:
@@ -148,13 +142,13 @@ struct StreamTest : TempDir {
         if (fEncrypted) content.resize((content.size() + 15) / 16 * 16);
         EXPECT_TRUE(sameBytes(found, content));
     }
-    ORVA_FileStream& s() { return model->stream(); }
+    ORVA_FileStream& s() { return model->stream; }
     void step(char kind, std::int64_t number = 0) { kinds.at(kind)(number); }
     void run(const std::string& script) {
         std::istringstream steps(script);
         // Stops at a failure: what a later step waits for may never come.
         for (std::string step; !HasFailure() && steps >> step;) {
-            SCOPED_TRACE(step + " at " + std::to_string(model->position()));
+            SCOPED_TRACE(step + " at " + std::to_string(model->position));
             this->step(step[0], std::atoll(step.c_str() + 1));
         }
     }
@@ -171,7 +165,7 @@ struct StreamTest : TempDir {
         // x: the next write fails; q: the next seek fails; E: a seek to the end fails; W: a write fails.
         {'x', [&](auto) { calls->fail(Call::Write, ENOSPC); }},
         {'q', [&](auto error) { calls->fail(Call::Seek, static_cast<int>(error)); }},
-        {'E', [&](auto) { EXPECT_EQ(s().Seek(0, ORVA_StrBaseIO::SeekFromEnd), -1), model->moveTo(model->position()); }},
+        {'E', [&](auto) { EXPECT_EQ(s().Seek(0, ORVA_StrBaseIO::SeekFromEnd), -1), model->moveTo(model->position); }},
         {'W', [&](auto n) { EXPECT_NE(failureOf([&] { model->write(slice(noise(), 0, n)), s().Flush(); }), ""); }},
         // Waits for the n-th read of another thread.
         {'a', [&](auto n) { calls->awaitReads(static_cast<int>(n)); }},
