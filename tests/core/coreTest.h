@@ -40,7 +40,7 @@ struct ShortBlocks : TempDir {
 struct Reader : std::unique_ptr<zcmpsFilestr> {
     explicit Reader(const std::string& name, int threading = 0, std::int64_t row0 = 0, bool swap = false)
         : unique_ptr(std::make_unique<zcmpsFilestr>(ORVA_FileStream(name.c_str(), "rb"))) {
-        if (get()->Good() == 0) throw SystemFileException(1201, "", "", 0, true);
+        if (get()->Good() == 0) throw FileReopenError(errno, name, {1201, "", "", 0, true});
         setThreading(**this, threading);
         if (row0 != 0) get()->readFilePosInfo(row0, swap);
     }
@@ -55,8 +55,7 @@ struct Reader : std::unique_ptr<zcmpsFilestr> {
 inline void expectFinished(const Bytes& file, const Bytes& rows, const std::vector<std::int32_t>& sizes) {
     const secondReader part(file, kRow0, false);
     EXPECT_EQ(slice(file, 0, kRow0), Bytes(kRow0, 0xD5)) << "the dictionary part";
-    EXPECT_EQ(bytesOf(part.layout.first),
-              bytesOf(filePosRecord{-100, 0, kBlock, static_cast<std::int32_t>(sizes.size())}));
+    EXPECT_EQ(bytesOf(part.layout.first), bytesOf(filePosRecord{-100, 0, kBlock, std::int32_t(sizes.size())}));
     EXPECT_EQ(part.layout.sizes, sizes);
     EXPECT_TRUE(part.sound && sameBytes(*part.allRows(), rows));
     EXPECT_EQ(part.layout.heading._indexPos, part.blocksEnd);

@@ -188,7 +188,7 @@ TEST_F(Faults, AStreamThatIsWrittenAndRead) {
         std::filesystem::remove(fName);
         ORVA_FileStream stream((variant & 4) != 0);
         untilDone(s, [&] {
-            if (stream.Open(fName.c_str(), "w+b") == 0) throw SystemFileException(1201, "", "", 0, true);
+            if (stream.Open(fName.c_str(), "w+b") == 0) throw FileReopenError(errno, fName, {1201, "", "", 0, true});
             if ((variant & 1) != 0) stream.EnableMultiThreadReading();
             if ((variant & 2) != 0) stream.DisablePreReading();
         });

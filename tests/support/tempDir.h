@@ -70,8 +70,6 @@ inline std::string failureOf(auto body) {
         return "SystemFileException " + std::to_string(error.fCode) + " " + error.fExpression +
                (error.fFlag ? "" : " without its flag") + " errno " + std::to_string(error.code().value()) + " " +
                error.fileName();
-    } catch (const SystemFileException& error) {
-        return "SystemFileException " + std::to_string(error.fCode) + " " + error.fExpression;
     } catch (const std::exception& error) {
         return std::string("other ") + error.what();
     }
@@ -122,8 +120,7 @@ inline void expectInChild(auto body) {
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
     int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0) << "wait status of the child";
+    EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0) << "wait status of the child: " << status;
 }
 
 // A directory for one test, removed with it; in memory if there is room, since tests sync thousands of times. A child
