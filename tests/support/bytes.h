@@ -144,8 +144,7 @@ constexpr std::size_t kNoise = 6000;
 inline std::vector<Bytes> blocksOf(const std::vector<std::size_t>& sizes, unsigned char seed = 0) {
     std::vector<Bytes> blocks;
     for (const std::size_t size : sizes) {
-        ++seed;
-        SeededBytes random(seed);
+        SeededBytes random(++seed);
         blocks.push_back(size == kFull ? Bytes(size, seed) : size == kNoise ? random.noise(size) : random.rows(size));
     }
     return blocks;
