@@ -50,8 +50,7 @@ struct Layout {
         if (!inside(row0, kHeadingSize)) return;
         std::memcpy(&heading, file.data() + row0, sizeof heading);
         if (swap) orva::swapHeading(heading);
-        whole = inside(heading._indexPos, heading._size) && heading._size % kRecordSize == 0;
-        if (!whole) return;
+        if (!inside(heading._indexPos, heading._size) || heading._size % kRecordSize != 0) return;
         records.resize(static_cast<std::size_t>(heading._size / kRecordSize));
         std::memcpy(records.data(), file.data() + heading._indexPos, records.size() * sizeof first);
         if (swap) std::for_each(records.begin(), records.end(), orva::swapRecord);
@@ -64,7 +63,6 @@ struct Layout {
     filePosRecord first{};
     std::vector<filePosRecord> records;
     std::vector<std::int32_t> sizes;  // bytes of each block's rows
-    bool whole = false;
 };
 
 // A reader made from docs/format.md and the codec alone.
@@ -89,8 +87,8 @@ struct secondReader {
     }
 
     bool takeIndex() {
-        const auto& [heading, first, records, sizes, whole] = layout;
-        if (!whole || heading._caseStartPos != row0 || heading._indexPos < row0 + kHeadingSize) return false;
+        const auto& [heading, first, records, sizes] = layout;
+        if (heading._caseStartPos != row0 || heading._indexPos < row0 + kHeadingSize) return false;
         if (first.orginalPos != kFirstRecordMark || first.orginalSize < 1) return false;
         if (first.translateSize != std::ssize(records)) return false;
         for (const filePosRecord& r : records) {
@@ -104,51 +102,46 @@ struct secondReader {
     void takeBlock(std::size_t number, Inflate inflate) {
         const filePosRecord& r = layout.records[number];
         const auto i = static_cast<std::ptrdiff_t>(number);
-        const std::int64_t most = kBlockSize;
-        const bool fits = r.orginalSize <= most && r.translateSize >= 1 && r.translateSize <= most;
+        const bool fits = r.orginalSize <= std::int64_t{kBlockSize} && placed(i);
         contiguous = contiguous && fits && r.orginalPos == end && r.translatePos == blocksEnd;
         if (contiguous) blocksEnd += r.translateSize;
         end = r.orginalPos + r.orginalSize;
         const bool touches = number + 1 == blocks.size() || end == layout.records[number + 1].orginalPos;
-        if (!fits || !touches || !place(i) || yields(i, i - 1) || yields(i, i + 1)) return;
+        if (!fits || !touches || yields(i, i - 1) || yields(i, i + 1)) return;
         const Inflated made =
             inflate(file.data() + r.translatePos, static_cast<std::size_t>(r.translateSize), kBlockSize);
         const bool asRecorded = std::ssize(made.rows) == r.orginalSize && made.taken == r.translateSize;
         if (made.whole && asRecorded) blocks[number] = made.rows;
     }
 
-    // Where the bytes of block `i` are, if it exists and its record can be true.
-    struct Place {
-        std::int64_t begin, end;
-    };
-    std::optional<Place> place(std::ptrdiff_t i) const {
-        if (i < 0 || i >= std::ssize(blocks)) return std::nullopt;
+    // The record of block `i`, if there is one whose bytes can be in the file.
+    const filePosRecord* placed(std::ptrdiff_t i) const {
+        if (i < 0 || i >= std::ssize(blocks)) return nullptr;
         const filePosRecord& r = layout.records[static_cast<std::size_t>(i)];
         const bool fits = r.translateSize >= 1 && r.translateSize <= std::int64_t{kBlockSize};
-        if (!fits || r.translatePos < 0 || r.translatePos > std::ssize(file) - r.translateSize) return std::nullopt;
-        return Place{r.translatePos, r.translatePos + r.translateSize};
+        return fits && r.translatePos >= 0 && r.translatePos <= std::ssize(file) - r.translateSize ? &r : nullptr;
     }
-    int mismatchedEnds(std::ptrdiff_t i) const {
-        const auto before = place(i - 1), own = place(i), behind = place(i + 1);
-        const bool begin = (before || i == 0) && own->begin != (before ? before->end : row0 + kHeadingSize);
-        return (begin ? 1 : 0) + (behind && own->end != behind->begin ? 1 : 0);
+    static std::int64_t endOf(const filePosRecord& r) { return r.translatePos + r.translateSize; }
+    int looseEnds(std::ptrdiff_t i) const {
+        const filePosRecord *const before = placed(i - 1), *const own = placed(i), *const next = placed(i + 1);
+        const std::int64_t begin = i == 0 ? row0 + kHeadingSize : before ? endOf(*before) : own->translatePos;
+        return (own->translatePos != begin ? 1 : 0) + (next && endOf(*own) != next->translatePos ? 1 : 0);
     }
     // True if this one of two overlapping neighbours is refused.
     bool yields(std::ptrdiff_t i, std::ptrdiff_t other) const {
-        const auto own = place(i), its = place(other);
-        if (!own || !its || std::max(own->begin, its->begin) >= std::min(own->end, its->end)) return false;
-        const int more = mismatchedEnds(i) - mismatchedEnds(other);
-        return more != 0 ? more > 0 : own->begin <= its->begin;
+        const filePosRecord *const own = placed(i), *const its = placed(other);
+        if (!own || !its || own->translatePos >= endOf(*its) || its->translatePos >= endOf(*own)) return false;
+        const int more = looseEnds(i) - looseEnds(other);
+        return more != 0 ? more > 0 : own->translatePos <= its->translatePos;
     }
 
     // The rows that a read must give; none if it meets damage.
     std::optional<Bytes> read(std::int64_t pos, std::int64_t size) const {
         Bytes rows;
         while (std::ssize(rows) < size && pos >= row0 && pos < end) {
-            const auto record = std::find_if(layout.records.rbegin(), layout.records.rend(),
-                                             [&](const filePosRecord& r) { return r.orginalPos <= pos; });
-            const auto& block = blocks[static_cast<std::size_t>(layout.records.rend() - record - 1)];
-            const std::int64_t left = record->orginalPos + record->orginalSize - pos;
+            const auto next = std::ranges::upper_bound(layout.records, pos, {}, &filePosRecord::orginalPos);
+            const auto& block = blocks[static_cast<std::size_t>(next - layout.records.begin() - 1)];
+            const std::int64_t left = next[-1].orginalPos + next[-1].orginalSize - pos;
             if (left <= 0 || !block) return std::nullopt;
             const std::int64_t count = std::min(left, size - std::ssize(rows));
             rows = std::move(rows) + slice(*block, std::ssize(*block) - left, count);
