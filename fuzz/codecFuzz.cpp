@@ -21,7 +21,7 @@ Bytes withChecksum(const Bytes& raw) {
 }
 
 Bytes rowsOfWhole(const unsigned char* stream, std::uint32_t length) {
-    Inflated made = byZlib(stream, length);
+    Inflated made = byZlib({stream, length});
     require(made.whole && made.taken == length, "a stream ends whole, with its last byte");
     return std::move(made.rows);
 }
@@ -61,12 +61,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (block.empty() || block.size() > kBlockSize) return 0;
     deflateInto(block, room);
     for (Bytes hostile : {block, deflateRoundTrip(block)}) {
-        inflated(hostile.data(), hostile.size(), room);
+        inflated(hostile, room);
         hostile[place % hostile.size()] ^= damage;
         hostile.push_back(damage);  // after the stream's end, if it still has one
-        inflated(hostile.data(), hostile.size(), room);
-        const Bytes own = withChecksum(slice(hostile, kHeader, hostile.size()));
-        inflated(own.data(), own.size(), room);
+        inflated(hostile, room);
+        inflated(withChecksum(slice(hostile, kHeader, hostile.size())), room);
     }
     return 0;
 }

@@ -3,6 +3,7 @@
 
 #include "support/partModel.h"
 
+#include <arpa/inet.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
 inline void support::require(bool held, const char* promise) {
@@ -24,7 +25,6 @@ inline std::string pathOf(const char* name) {
 struct Input : Choices {
     Input(const std::uint8_t* data, std::size_t size)
         : file(data, data + (size - std::min(size, kSteps))), steps(data + file.size(), size - file.size()) {
-        swap = steps.ConsumeBool();
         writeBytes(name, file);
     }
     std::uint64_t number(std::uint64_t bound) override {
@@ -33,7 +33,7 @@ struct Input : Choices {
     const std::string name = pathOf("file");
     const Bytes file;
     FuzzedDataProvider steps;
-    bool swap;  // heading and index are read in the other byte order
+    const bool swap = steps.ConsumeBool();  // heading and index are read in the other byte order
 };
 
 // The bytes that `codec` writes into a room of this size, as many as it returns. Sanitizers do not see into the
@@ -51,35 +51,27 @@ inline Bytes filled(std::uint32_t room, auto codec) {
 
 inline Bytes checksumOf(const Bytes& rows) {
     const uLong sum = adler32_z(adler32(0, nullptr, 0), rows.data(), rows.size());
-    Bytes bytes;
-    for (const unsigned shift : {24U, 16U, 8U, 0U}) bytes.push_back(static_cast<unsigned char>(sum >> shift));
-    return bytes;
+    return bytesOf(htonl(static_cast<std::uint32_t>(sum)));
 }
 
 // The output of the library's codec, which must be zlib's, with one exception: the fast engine accepts some streams
 // that zlib refuses, such as those with the unassigned code 286, but only with the right checksum.
-inline Inflated inflated(const unsigned char* from, std::size_t size, std::size_t room = kBlockSize) {
+inline Inflated inflated(std::span<const unsigned char> from, std::uint32_t room = kBlockSize) {
     blockOutcome ours{};
-    Bytes rows = filled(static_cast<std::uint32_t>(room), [&](unsigned char* to) {
-        ours = zlibCompressBlock().inflateWhole(from, static_cast<std::uint32_t>(size), to,
-                                                static_cast<std::uint32_t>(room));
+    Bytes rows = filled(room, [&](unsigned char* to) {
+        ours = zlibCompressBlock().inflateWhole(from.data(), static_cast<std::uint32_t>(from.size()), to, room);
         return ours.produced;
     });
     const bool whole = ours.end == blockOutcome::complete;
-    const Inflated theirs = byZlib(from, size, room);
+    const Inflated theirs = byZlib(from, room);
     if (whole && !theirs.whole) {
         require(ours.consumed >= 6, "a stream that ends whole has a header and a checksum");
-        require(std::memcmp(from + ours.consumed - 4, checksumOf(rows).data(), 4) == 0, "and the checksum is right");
+        require(std::memcmp(&from[ours.consumed - 4], checksumOf(rows).data(), 4) == 0, "and the checksum is right");
     } else {
         require(whole == theirs.whole, "a stream ends whole as for zlib");
         require(ours.consumed == theirs.taken && rows == theirs.rows, "counts and bytes are zlib's");
     }
     return {whole, ours.consumed, std::move(rows)};
 }
-
-// The second reader, which takes streams as the library's codec does.
-struct Part : secondReader {
-    Part(const Bytes& from, std::int64_t at, bool swap) : secondReader(from, at, swap, inflated) {}
-};
 
 }  // namespace support

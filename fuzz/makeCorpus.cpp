@@ -16,7 +16,7 @@ Bytes finished(const std::vector<Bytes>& blocks) {
 // A file without an index. An append leaves the previous heading, a new part none.
 Bytes interrupted(const Bytes& before, const Bytes& file) {
     const Bytes heading = slice(before, kPlace, kHeadingSize);
-    return with(slice(file, 0, Part(file, kPlace, false).blocksEnd), kPlace, heading);
+    return with(slice(file, 0, secondReader(file, kPlace, false).blocksEnd), kPlace, heading);
 }
 
 Files makeFiles() {

@@ -7,7 +7,7 @@
 using namespace support;
 
 bool opens(const Input& in, const orva::foundPart& where) {
-    const Part reference(in.file, where.row0Pos, where.swapped);
+    const secondReader reference(in.file, where.row0Pos, where.swapped, inflated);
     std::optional<orva::finishedPart> part;
     const bool opened = soundFor([&] { part.emplace(in.name, where); });
     require(opened == reference.opens, "a part opens exactly when its heading and index can be true");
@@ -22,13 +22,10 @@ bool opens(const Input& in, const orva::foundPart& where) {
     return true;
 }
 
-// Mostly none, since threads take time and most checks of reading need none.
-constexpr int kThreadings[] = {2, kTwo, 0, 0, 0, 0, 0, 0};
-
 // orva::Reader detects the byte order itself.
 void readByPlace(Input& in) {
-    const Part native(in.file, kPlace, false), swapped(in.file, kPlace, true);
-    const Part& reference = native.layout.heading._caseStartPos == kPlace ? native : swapped;
+    const secondReader native(in.file, kPlace, false, inflated), swapped(in.file, kPlace, true, inflated);
+    const secondReader& reference = native.layout.heading._caseStartPos == kPlace ? native : swapped;
     std::optional<orva::Reader> reader;
     const orva::ReaderOptions options{kPlace, 1, in.steps.ConsumeIntegralInRange(0, 2)};
     const bool opens = soundFor<orva::DamagedFileError>([&] { reader.emplace(in.name, options); });
@@ -72,7 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     zcmpsFilestr stream(ORVA_FileStream(in.name.c_str(), "rb"));
-    const int threading = in.steps.PickValueInArray(kThreadings);
+    // Mostly none, since threads take time and most checks of reading need none.
+    const int threading = in.steps.PickValueInArray({2, kTwo, 0, 0, 0, 0, 0, 0});
     setThreading(stream, threading);
     stream.setBlockCache(in.steps.ConsumeIntegralInRange(0, 3));
     require(soundFor([&] { stream.readFilePosInfo(kPlace, in.swap); }) == opened, "a stream opens the same parts");

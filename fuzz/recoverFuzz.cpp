@@ -9,7 +9,7 @@ std::vector<Bytes> streamsOf(const Bytes& file) {
     std::vector<Bytes> streams;
     for (std::size_t at = 0; at + 2 <= file.size(); ++at) {
         if ((file[at] & 0xF) != 8 || (file[at] * 256 + file[at + 1]) % 31 != 0) continue;
-        Inflated found = inflated(file.data() + at, std::min<std::size_t>(kBlockSize, file.size() - at));
+        Inflated found = inflated(std::span(file).subspan(at, std::min<std::size_t>(kBlockSize, file.size() - at)));
         if (found.whole && !found.rows.empty()) streams.push_back(std::move(found.rows));
     }
     return streams;
@@ -42,22 +42,20 @@ Bytes withoutLost(Bytes rows, const orva::recoverReport& report) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input in(data, size);
     const std::string output = pathOf("recovered");
-    orva::recoverOptions options;
+    orva::recoverOptions options{std::nullopt, in.steps.ConsumeBool(), in.steps.ConsumeBool()};
     if (in.steps.ConsumeBool()) options.part = orva::foundPart{kPlace, in.swap};
-    options.onlyCommitted = in.steps.ConsumeBool();
-    options.dropLost = in.steps.ConsumeBool();
 
     orva::recoverReport report;
     const bool recovers = soundFor([&] { report = orva::recover(in.name, output, options); });
     require(readBytes(in.name) == in.file, "the input stays as it is");
-    const Part before(in.file, kPlace, in.swap);
+    const secondReader before(in.file, kPlace, in.swap, inflated);
     const bool whole = options.part && before.sound;
     require(recovers || !whole, "a sound file recovers");
     if (!recovers) return 0;
 
     const std::int64_t row0 = report.part.row0Pos;
     const Bytes result = readBytes(output);
-    const Part after(result, row0, false);
+    const secondReader after(result, row0, false, inflated);
     require(after.sound, "what was recovered verifies clean");
     require(slice(result, 0, row0) == slice(in.file, 0, row0), "the dictionary part is a copy");
     const Bytes rows = options.dropLost ? *after.allRows() : withoutLost(*after.allRows(), report);

@@ -12,29 +12,21 @@ struct Inflated {
     std::int64_t taken;
     Bytes rows;
 };
-inline Inflated byZlib(const unsigned char* from, std::size_t size, std::size_t room = kBlockSize) {
-    z_stream z{};
-    Inflated made{false, 0, Bytes(room)};
-    inflateInit(&z);
-    z.next_in = const_cast<unsigned char*>(from);
-    z.avail_in = static_cast<uInt>(size);
-    z.next_out = made.rows.data();
-    z.avail_out = static_cast<uInt>(room);
-    made.whole = inflate(&z, Z_FINISH) == Z_STREAM_END;
-    made.taken = static_cast<std::int64_t>(size) - z.avail_in;
-    made.rows.resize(room - z.avail_out);
-    inflateEnd(&z);
-    return made;
+inline Inflated byZlib(std::span<const unsigned char> from, std::uint32_t room = kBlockSize) {
+    Bytes rows(room);
+    uLong taken = from.size(), produced = room;
+    const bool whole = uncompress2(rows.data(), &produced, from.data(), &taken) == Z_OK;
+    rows.resize(produced);
+    return {whole, static_cast<std::int64_t>(taken), std::move(rows)};
 }
 
 // The rows of all whole streams from `at` on, each directly after the one before.
 inline Bytes standingRows(const Bytes& file, std::int64_t at) {
     Bytes rows;
     while (at < std::ssize(file)) {
-        const std::int64_t size = std::min<std::int64_t>(std::ssize(file) - at, kBlockSize);
-        const Inflated stream = byZlib(file.data() + at, static_cast<std::size_t>(size));
+        const Inflated stream = byZlib(std::span(file).subspan(static_cast<std::size_t>(at)));
         if (!stream.whole) break;
-        rows.insert(rows.end(), stream.rows.begin(), stream.rows.end());
+        rows = std::move(rows) + stream.rows;
         at += stream.taken;
     }
     return rows;
@@ -67,7 +59,7 @@ struct Layout {
 
 // A reader made from docs/format.md and the codec alone.
 struct secondReader {
-    using Inflate = Inflated (*)(const unsigned char* from, std::size_t size, std::size_t room);
+    using Inflate = Inflated (*)(std::span<const unsigned char> from, std::uint32_t room);
     const Bytes& file;
     const std::int64_t row0;
     const Layout layout;
@@ -108,8 +100,7 @@ struct secondReader {
         end = r.orginalPos + r.orginalSize;
         const bool touches = number + 1 == blocks.size() || end == layout.records[number + 1].orginalPos;
         if (!fits || !touches || yields(i, i - 1) || yields(i, i + 1)) return;
-        const Inflated made =
-            inflate(file.data() + r.translatePos, static_cast<std::size_t>(r.translateSize), kBlockSize);
+        const Inflated made = inflate({file.data() + r.translatePos, file.data() + endOf(r)}, kBlockSize);
         const bool asRecorded = std::ssize(made.rows) == r.orginalSize && made.taken == r.translateSize;
         if (made.whole && asRecorded) blocks[number] = made.rows;
     }
