@@ -33,10 +33,23 @@ void readByPlace(Input& in) {
     for (int i = 0; opens && i < 4; ++i) {
         const std::int64_t offset = in.steps.ConsumeIntegral<std::uint16_t>();
         const auto size = in.steps.ConsumeIntegralInRange<std::uint32_t>(0, 3 * kBlockSize);
-        readAsTheOther<orva::DamagedFileError>(reference, kPlace + offset, size, [&](Bytes& rows) {
-            return (rows = rowsAt(*reader, offset, size)).size();
-        });
+        readAsTheOther<orva::DamagedFileError>(reference, kPlace + offset, size,
+                                               [&] { return rowsAt(*reader, offset, size); });
     }
+}
+
+void readByStream(Input& in, bool opened) {
+    zcmpsFilestr stream(ORVA_FileStream(in.name.c_str(), "rb"));
+    // Mostly none, since threads take time and most checks of reading need none.
+    const int threading = in.steps.PickValueInArray({2, kTwo, 0, 0, 0, 0, 0, 0});
+    setThreading(stream, threading);
+    stream.setBlockCache(in.steps.ConsumeIntegralInRange(0, 3));
+    require(soundFor([&] { stream.readFilePosInfo(kPlace, in.swap); }) == opened, "a stream opens the same parts");
+    PartModel model{in.name, kPlace, in.swap, in, inflated};
+    while (opened && in.steps.remaining_bytes() != 0) model.read(stream, threading != 2);
+    unsigned char byte = 0;
+    require(opened || !soundFor([&] { stream.Read(&byte, 1); }), "a part that does not open cannot be read");
+    require(stream.Close() == 1, "a reader closes");
 }
 
 void joinTwice(const std::string& name) {
@@ -64,20 +77,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(!opened || found, "a part that opens is found, or another one before it");
     const int way = in.steps.ConsumeIntegralInRange(0, 7);
     if (way == 0) joinTwice(in.name);
-    if (way < 4) {
-        readByPlace(in);
-        return 0;
-    }
-    zcmpsFilestr stream(ORVA_FileStream(in.name.c_str(), "rb"));
-    // Mostly none, since threads take time and most checks of reading need none.
-    const int threading = in.steps.PickValueInArray({2, kTwo, 0, 0, 0, 0, 0, 0});
-    setThreading(stream, threading);
-    stream.setBlockCache(in.steps.ConsumeIntegralInRange(0, 3));
-    require(soundFor([&] { stream.readFilePosInfo(kPlace, in.swap); }) == opened, "a stream opens the same parts");
-    PartModel model{in.name, kPlace, in.swap, in, inflated};
-    while (opened && in.steps.remaining_bytes() != 0) model.read(stream, threading != 2);
-    unsigned char byte = 0;
-    require(opened || !soundFor([&] { stream.Read(&byte, 1); }), "a part that does not open cannot be read");
-    require(stream.Close() == 1, "a reader closes");
+    way < 4 ? readByPlace(in) : readByStream(in, opened);
     return 0;
 }

@@ -17,14 +17,15 @@ bool soundFor(auto body) {
     }
 }
 
-// Reads by `read`, which fills its buffer and returns the count, and compares with the second reader.
+// Compares the rows that `read` returns with the second reader's. Returns their number, 0 if they meet damage.
 template <class Damage = DamagedFileError>
-void readAsTheOther(const secondReader& other, std::int64_t pos, std::size_t size, auto read) {
-    Bytes rows(size);
-    const bool sound = soundFor<Damage>([&] { rows.resize(read(rows)); });
+std::ptrdiff_t readAsTheOther(const secondReader& other, std::int64_t pos, std::size_t size, auto read) {
+    Bytes rows;
+    const bool sound = soundFor<Damage>([&] { rows = read(); });
     const std::optional<Bytes> expected = other.read(pos, static_cast<std::int64_t>(size));
     require(sound == expected.has_value(), "a read fails exactly where it meets damage");
     require(!sound || rows == *expected, "a read gives the rows that the file holds");
+    return std::ssize(rows);
 }
 
 // Mostly small, sometimes around the sizes at which a path begins or ends.
@@ -62,7 +63,7 @@ struct Given {
             const auto blocks = static_cast<std::size_t>(any.between(1, 2) * length + any.between(-1, 1));
             const bool wholeOnes = any.oneIn(40) && blocks < 3 * std::size_t{kBlockSize};
             const Bytes piece = someRows(any, any.oneIn(9) ? 0 : wholeOnes ? blocks : anySize(any));
-            require(stream.Write(piece.data(), sizeOf(piece)) == piece.size(), "rows are taken");
+            write(stream, piece);
             take(piece);
             if (any.oneIn(3)) require(stream.Flush() == 1, "a writer flushes"), open = false;
             require(stream.Tell() == begin + std::ssize(rows), "the position is behind the rows");
@@ -98,11 +99,7 @@ struct PartModel {
         if (kind == 8) require(stream.Close() == 1, "a reader closes, and reads on");
         if (kind == 9 && any.oneIn(4)) at = any.oneIn(2) ? INT64_MAX - 1 : INT64_MIN;
         stream.Seek(at, ORVA_StrBaseIO::SeekFromStart);
-        readAsTheOther(old, at, size, [&](Bytes& rows) {
-            const std::uint32_t count = stream.Read(rows.data(), sizeOf(rows));
-            at += count;
-            return count;
-        });
+        at += readAsTheOther(old, at, size, [&] { return support::read(stream, size); });
         // Damage leaves it after the rows delivered before.
         at = std::max(at, stream.Tell());
         require(stream.Tell() == at, "the position moves by what was read");
@@ -117,8 +114,7 @@ struct PartModel {
         const bool isKept = from + std::ssize(rows) <= kept;
         const bool same = soundFor<FileChangedError>([&] { rows.resize(stream.Read(rows.data(), sizeOf(rows))); });
         require(same || !isKept, "what an append does not write over stays readable");
-        require(!same || old.read(from, std::ssize(rows)) == rows,
-                "the old rows, or word that they are no longer there");
+        require(!same || old.read(from, std::ssize(rows)) == rows, "the old rows, or word that they are gone");
     }
 
     // Appends by a stream, which may have threads. The append is finished, abandoned, or interrupted and rolled back
@@ -184,8 +180,7 @@ struct PartModel {
         // A file that is sound as it stands may be longer: the copy can hold the end of a block without its beginning.
         if (result == orva::rollBackResult::rolledBack && !isChanged) return requireRestored();
         if (!believed) return requireLeft(during, side);
-        require(resummed(side) == side || during == file,
-                "a torn side file tells nothing of what an append has changed");
+        require(resummed(side) == side || during == file, "a torn side file tells nothing of what an append changed");
         require(result != orva::rollBackResult::nothingToDo, "a side file is something to do");
         if (result == orva::rollBackResult::sideFileStale) return requireLeft(during, {});
         require(!std::filesystem::exists(sideName), "a side file that was served goes");
