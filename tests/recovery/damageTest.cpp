@@ -17,8 +17,7 @@ constexpr const char* kInside = "translatePos inside the file";
 constexpr const char* kOverlap = "translatePos + translateSize <= next translatePos";
 
 // The report of the loss of each of the blocks of 30, 50 and 40 bytes.
-const std::string kLost[] = {"0-30 its block is damaged;", "30-80 its block is damaged;",
-                             "80-120 its block is damaged;"};
+const std::string kLost[]{"0-30 its block is damaged;", "30-80 its block is damaged;", "80-120 its block is damaged;"};
 
 struct LieCase {
     const char* name;
@@ -86,10 +85,7 @@ struct DamageTest : FileTest {
     std::string recover(const Bytes& file, const orva::recoverOptions& options = {kPart}) {
         std::string text = enter(file, [&] {
             fReport = orva::recover(fFile, fOut, options);
-            const Bytes made = readBytes(fOut);
-            const secondReader reader(made, kRow0, false);
-            EXPECT_TRUE(reader.sound);
-            fRows = reader.allRows().value_or(Bytes());
+            fRows = rowsOf(fOut);
         });
         for (const orva::lostRange& lost : text.empty() ? fReport.lost : std::vector<orva::lostRange>()) {
             text += (lost.estimated ? "~" : "") + std::to_string(lost.begin - kRow0) + "-" +
@@ -104,10 +100,8 @@ struct DamageTest : FileTest {
         for (const int threading : {0, 2}) {
             enter(file, [&] {
                 const Reader reader(fFile, threading, kRow0);
-                Bytes piece;
-                for (std::size_t at = 0; !(piece = reader.read(7)).empty(); at += piece.size()) {
-                    EXPECT_TRUE(sameBytes(piece, slice(fAll, at, piece.size())));
-                }
+                for (std::size_t at = 0; at < fAll.size() + 7; at += 7)
+                    EXPECT_TRUE(sameBytes(reader.read(7), slice(fAll, at, 7)));
             });
         }
         fReadable = 0;
@@ -161,6 +155,10 @@ struct DamageTest : FileTest {
     Bytes withLayout(Bytes file, const Layout& lie) const {
         return with(with(std::move(file), kRow0, bytesOf(lie.heading)), fLayout.heading._indexPos, indexOf(lie));
     }
+    // The blocks of a finished file, as they stand in it.
+    static Bytes storedBlocks(const Bytes& file) {
+        return slice(file, kRow0 + kHeadingSize, Layout(file).heading._indexPos - kRow0 - kHeadingSize);
+    }
     // The file without heading and index.
     Bytes unfinished(const Bytes& file) const {
         return with(slice(file, 0, fLayout.heading._indexPos), kRow0, Bytes(kHeadingSize));
@@ -169,6 +167,8 @@ struct DamageTest : FileTest {
     const std::vector<Bytes> fBlocks;
     const Bytes fAll = joined(fBlocks), fBytes = finished(fBlocks);
     const Layout fLayout{fBytes};
+    // The first block, as it stands in the file.
+    const Bytes fFirst = slice(fBytes, kRow0 + kHeadingSize, fLayout.records[0].translateSize);
     Bytes fRows;
     orva::recoverReport fReport;
     std::string fOpens, fReads, fAppends;
@@ -230,9 +230,9 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
         SCOPED_TRACE("block " + std::to_string(i));
         const Bytes rows = rowsWithout(1U << i), dropped = rowsWithout(1U << i, true);
         const Bytes file = damaged(1U << i);
-        expectRecovered(file, kLost[i], dropped, {kPart, false, true});
+        expectRecovered(file, kLost[i], dropped, kDropLost);
         expectRecovered(with(file, kRow0, {1}), kLost[i], rows);
-        expectRecovered(unfinished(file), guesses[i], dropped, {kPart, false, true});
+        expectRecovered(unfinished(file), guesses[i], dropped, kDropLost);
         expectRecovered(swapped(file, kRow0), kLost[i], rows, {});
         EXPECT_TRUE(fReport.part.swapped);
         // Removing or inserting bytes moves everything after them, the index too.
@@ -252,8 +252,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     lie.records[2].orginalSize = kBlock + 1;
     expectRecovered(withLayout(damaged(4), lie), "~80-[0-9]+ its block is damaged;", rowsWithout(4, true));
     // If nothing states a block's place, a stream in the dictionary part does not count as the block.
-    const Bytes stream = slice(fBytes, kRow0 + kHeadingSize, 60);
-    const Bytes two = with(with(damaged(1), 0, stream), index + kRecordSize + 15, {0x40});
+    const Bytes two = with(with(damaged(1), 0, fFirst), index + kRecordSize + 15, {0x40});
     expectRecovered(with(two, second + 4, Bytes(9)), kLost[0] + kLost[1], rowsWithout(3));
     // Nor does a heading that points to no index, if another one does.
     expectRecovered(with(fBytes, 100, bytesOf(compressionHeading{100, 500, kRecordSize})), "", fAll, {});
@@ -262,8 +261,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     const Bytes head = slice(unfinished(fBytes), 0, second);
     const Bytes tail = slice(fBytes, second, fLayout.records[1].translateSize);
     for (std::size_t gap = (1U << 18) - 24; gap < (1U << 18) + 2; ++gap) {
-        expectRecovered(head + Bytes(gap, 1) + tail, "~30-6[0-9]{5}" + untold, fBlocks[0] + fBlocks[1],
-                        {kPart, false, true});
+        expectRecovered(head + Bytes(gap, 1) + tail, "~30-6[0-9]{5}" + untold, fBlocks[0] + fBlocks[1], kDropLost);
     }
     // What a truncated file has lost lies at its end, and not in a gap before.
     expectRecovered(slice(damaged(1), 0, fLayout.records[2].translatePos),
@@ -276,7 +274,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     EXPECT_THAT(recover(slice(fBytes, 0, kRow0 + kHeadingSize) + records), HasSubstr("no block of compressed rows"));
     // After the place of a lost index only blocks that continue the part count, and no index of blocks at other
     // places, which is another file's.
-    expectRecovered(with(fBytes, index, {1}) + stream, "", fAll);
+    expectRecovered(with(fBytes, index, {1}) + fFirst, "", fAll);
     Layout other = fLayout;
     for (filePosRecord& record : other.records) ++record.translatePos;
     other.records.push_back({kRow0 + 120, index, 5, 5});
@@ -293,11 +291,8 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
 
 // Streams that hold much and end wrong could be tried for ever. What is missing then lies after the last block found.
 TEST_F(DamageTest, WhatLooksLikeBlocksIsTriedForAWhile) {
-    Bytes stream(100'000);
-    uLongf size = stream.size();
-    ASSERT_EQ(compress(stream.data(), &size, Bytes(kBlock).data(), kBlock), Z_OK);
-    stream.resize(size);
-    const Bytes block = stream;
+    const Bytes block = storedBlocks(finished({Bytes(kBlock)}));
+    Bytes stream = block;
     stream.back() ^= 1;
     Bytes file = slice(fBytes, 0, fLayout.records[1].translatePos), mixed = unfinished(file);
     for (int i = 0; i < 80; ++i) file = std::move(file) + stream;
@@ -305,7 +300,7 @@ TEST_F(DamageTest, WhatLooksLikeBlocksIsTriedForAWhile) {
     const compressionHeading heading{kRow0, std::ssize(file), 9 * kRecordSize};
     expectRecovered(with(file, kRow0, bytesOf(heading)), "~30-[0-9]+ the search was given up here: .*", fBlocks[0],
                     {kPart, true});
-    recover(mixed, {kPart, false, true});
+    recover(mixed, kDropLost);
     EXPECT_EQ(fReport.blocks, 31) << "each of them pays for more";
 }
 
@@ -319,7 +314,7 @@ TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
     const auto expectWhole = [&](const Layout& lie, unsigned damage, const std::string& name) {
         SCOPED_TRACE(name + ", damaged " + std::to_string(damage));
         const Bytes file = withLayout(damaged(damage), lie);
-        recover(file, {kPart, false, true});
+        recover(file, kDropLost);
         EXPECT_TRUE(sameBytes(fRows, rowsWithout(damage, true)));
         const auto aboutRows = [](Layout index) {
             for (filePosRecord& record : index.records) record = {record.orginalPos, 0, record.orginalSize, 0};
@@ -337,10 +332,8 @@ TEST_F(FourBlocks, NoLieOfTheIndexCostsAWholeBlock) {
                 Layout lie = fLayout;
                 one.change(lie);
                 filePosRecord& record = lie.records[other % 4];
-                if (other < 4)
-                    record.translatePos ^= 0x40;
-                else
-                    record.translateSize ^= 0x20;
+                record.translatePos ^= other < 4 ? 0x40 : 0;
+                record.translateSize ^= other < 4 ? 0 : 0x20;
                 expectWhole(lie, damage, one.name + (" and other " + std::to_string(other)));
             }
         }
@@ -370,7 +363,7 @@ TEST_F(DamageTest, RowsThatAreFilesTakeNoBlocksPlace) {
     }
     layout.first = {kFirstRecordMark, 0, kBlock, 4};
     file = with(std::move(file) + indexOf(layout), layout.records[0].translatePos + 4, Bytes(3));
-    recover(file, {kPart, false, true});
+    recover(file, kDropLost);
     EXPECT_TRUE(sameBytes(fRows, blocks[1] + blocks[2] + blocks[3]));
 }
 
@@ -394,11 +387,10 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
         });
     };
     const Bytes mark = bytesOf(filePosRecord{-100, 0, 1, static_cast<std::int32_t>(kBlocks)});
-    const Bytes block = slice(fBytes, kRow0 + kHeadingSize, fLayout.records[0].translateSize);
     const compressionHeading heading{kRow0, kFar, (kBlocks + 1) * kRecordSize};
     const Bytes file = with(unfinished(fBytes), kRow0, bytesOf(heading));
     costs(3, "its blocks are gone, and no index tells their size", {{0, file}, {kFar, mark}});
-    costs(4, "its block is damaged, and no index tells its size", {{0, file}, {kFar, mark}, {kFar / 2, block}});
+    costs(4, "its block is damaged, and no index tells its size", {{0, file}, {kFar, mark}, {kFar / 2, fFirst}});
     Layout lie = fLayout;
     lie.records[2].translatePos = INT64_MAX - 5;
     lie.records[2].translateSize = INT32_MAX;
@@ -414,14 +406,10 @@ TEST_F(DamageTest, AFileOfHolesCostsWhatItStores) {
 // many gaps, to nothing, does not cost a trial for each record and gap.
 TEST_F(DamageTest, ManyGapsAreReadOnceAndManyRecordsEndInTime) {
     Bytes file = slice(unfinished(fBytes), 0, kRow0 + kHeadingSize);
-    const Bytes block = slice(fBytes, kRow0 + kHeadingSize, fLayout.records[0].translateSize);
-    for (int i = 0; i < 20'000; ++i) file = std::move(file) + block + Bytes{1};
+    for (int i = 0; i < 20'000; ++i) file = std::move(file) + fFirst + Bytes{1};
     std::uint64_t bytesRead = 0;
-    const auto count = [&](const Step& step) { bytesRead += step.call == Call::Read ? step.size : 0; };
-    {
-        const CallHook reads(count);
-        recover(file, {kPart, false, true});
-    }
+    const CallHook reads([&](const Step& step) { bytesRead += step.call == Call::Read ? step.size : 0; });
+    recover(file, kDropLost);
     EXPECT_EQ(fReport.blocks, 20'000);
     EXPECT_LT(bytesRead, 1'000'000'000);
 
@@ -432,7 +420,7 @@ TEST_F(DamageTest, ManyGapsAreReadOnceAndManyRecordsEndInTime) {
     for (std::int64_t i = 0; i < 100'000; ++i) lie.records.push_back({kRow0 + i, end + i * 7, 1, 4'000'000});
     file.resize(static_cast<std::size_t>(lie.heading._indexPos), 1);
     lay({{fFile, with(std::move(file), kRow0, bytesOf(lie.heading)) + indexOf(lie)}});
-    expectInChild([&] { EXPECT_EQ(orva::recover(fFile, fOut, {kPart, false, true}).blocks, 20'000); });
+    expectInChild([&] { EXPECT_EQ(orva::recover(fFile, fOut, kDropLost).blocks, 20'000); });
 
     // A gap is not that of more blocks than its bytes have room for: all gaps could claim nearly all records.
     lie = fLayout;
@@ -445,7 +433,6 @@ TEST_F(DamageTest, ManyGapsAreReadOnceAndManyRecordsEndInTime) {
                     fBlocks[0] + Bytes(5'001) + fBlocks[2]);
     // Nor does each damaged block cost a look at all records.
     bytesRead = 0;
-    const CallHook reads(count);
     orva::finishedPart part(fFile, kPart);
     const Reader stream(fFile, 0, kRow0);
     for (std::uint32_t i = 2; i < 1'000; ++i) {
@@ -466,8 +453,7 @@ TEST_F(DamageTest, AnInterruptedAppendIsToldApart) {
         const Bytes file = with(bytes(), kRow0, heading), rows = append.newRows();
         const std::int64_t committed = std::accumulate(append.sizes.data(), &append.sizes[append.old.size()], 0);
         // With the new index in its place, torn, and missing.
-        for (const std::size_t cut :
-             {std::size_t{0}, std::size_t{10}, std::size_t{kRecordSize} * (append.sizes.size() + 1)}) {
+        for (const std::size_t cut : {std::size_t{0}, std::size_t{10}, kRecordSize * (append.sizes.size() + 1)}) {
             const Bytes found = slice(file, 0, file.size() - cut);
             expectRecovered(found, "", rows);
             EXPECT_EQ(fReport.committedRows, committed);
@@ -481,8 +467,7 @@ TEST_F(DamageTest, AnInterruptedAppendIsToldApart) {
 TEST_F(DamageTest, ANewPartOverAnOldOneIsNotCompletedFromIt) {
     for (const std::vector<std::size_t>& sizes : {std::vector<std::size_t>{350}, {350, 100}, {20}, {600, 5, 400}}) {
         const Bytes fresh = joined(blocksOf(sizes, 50)), file = finished(blocksOf(sizes, 50));
-        const Bytes blocks = slice(file, kRow0 + 24, Layout(file).heading._indexPos - kRow0 - 24);
-        const std::string lost = recover(with(fBytes, kRow0 + 24, blocks));
+        const std::string lost = recover(with(fBytes, kRow0 + kHeadingSize, storedBlocks(file)));
         EXPECT_TRUE(sameBytes(slice(fRows, 0, fresh.size()), fresh));
         EXPECT_TRUE(!lost.empty() || fRows.size() == fresh.size());
     }

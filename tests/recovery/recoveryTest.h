@@ -8,6 +8,7 @@
 namespace support {
 
 inline const orva::foundPart kPart{kRow0, false};
+inline const orva::recoverOptions kDropLost{kPart, false, true};
 
 // The rows of a finished file whose blocks are all where the index says.
 inline Bytes rowsOf(const std::string& file, bool swap = false) {
