@@ -32,9 +32,8 @@ Files makeFiles() {
         {"interruptedAppend", interrupted(plain, finished(blocksOf({300, 500, 70, 200, 90, 40})))},
         {"interruptedCut", interrupted(plain, finished(blocksOf({300, 500, 20, 300})))},
     };
-    for (const char* name : {"shortBlocks", "noRows", "fullAndShort", "storedHalves"}) {
+    for (const char* name : {"shortBlocks", "noRows", "fullAndShort", "storedHalves"})
         files[std::string("swapped-") + name] = swapped(files[name], kPlace);
-    }
     return files;
 }
 

@@ -63,8 +63,7 @@ void joinTwice(const std::string& name) {
     require(joined || !sound, "what is sound can be joined");
     if (!joined) return;
     const orva::Reader once(name), twice(to);
-    require(twice.size() == 2 * once.size() && orva::verify(to).sound() == sound,
-            "as many rows of each, as sound as they were");
+    require(twice.size() == 2 * once.size() && orva::verify(to).sound() == sound, "all rows twice, as sound as before");
     require(!sound || allRows(twice) == allRows(once) + allRows(once), "the rows of one behind those of the other");
 }
 

@@ -68,8 +68,7 @@ TEST(KtThreadPool, ThreadsOutliveErrorsTakeNoSignalsDisposeOfWhatNeverRanAndHold
     occupy();
     bool queuedRan = false;
     run([&] { queuedRan = true; });
-    const std::jthread ender(
-        [&] { std::this_thread::sleep_for(30ms), leave->postSemaphore(), leave->postSemaphore(); });
+    const std::jthread end([&] { std::this_thread::sleep_for(30ms), leave->postSemaphore(), leave->postSemaphore(); });
     pool->stopAll();
     EXPECT_FALSE(run(unexpected)) << "stopped already";
     EXPECT_TRUE(queuedRan && Task::alive == 0);

@@ -260,9 +260,8 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     // Finds the block after the damage wherever it falls in a search window.
     const Bytes head = slice(unfinished(fBytes), 0, second);
     const Bytes tail = slice(fBytes, second, fLayout.records[1].translateSize);
-    for (std::size_t gap = (1U << 18) - 24; gap < (1U << 18) + 2; ++gap) {
+    for (std::size_t gap = (1U << 18) - 24; gap < (1U << 18) + 2; ++gap)
         expectRecovered(head + Bytes(gap, 1) + tail, "~30-6[0-9]{5}" + untold, fBlocks[0] + fBlocks[1], kDropLost);
-    }
     // What a truncated file has lost lies at its end, and not in a gap before.
     expectRecovered(slice(damaged(1), 0, fLayout.records[2].translatePos),
                     guesses[0] + "~100-150 its blocks are gone, and no index tells their size;",

@@ -169,11 +169,10 @@ struct InterruptionTest : FileTest {
 TEST_F(InterruptionTest, ANewFileKeepsItsCompleteBlocksAndIsFinishedOnceItSaysSo) {
     const std::vector<Bytes> blocks = blocksOf({300, 500, 400});
     for (const bool durable : {false, true}) {
-        const auto making = [&](int threading) {
-            return [=, this] { makeFile(fFile, blocks, kRow0, threading, durable); };
-        };
+        const auto make = [&](int threading) { makeFile(fFile, blocks, kRow0, threading, durable); };
         for (const int threading : {0, 1})
-            killEverywhere({{fFile, {}}}, making(threading), [&] { expectCompleteBlocks(); });
+            killEverywhere(
+                {{fFile, {}}}, [&] { make(threading); }, [&] { expectCompleteBlocks(); });
         const auto finishedWhole = [&](bool ended) {
             const std::optional<Bytes> found = rowsIfFinished();
             if (found) return *found == joined(blocks);
@@ -183,7 +182,9 @@ TEST_F(InterruptionTest, ANewFileKeepsItsCompleteBlocksAndIsFinishedOnceItSaysSo
             return !ended && !(durable && whole);
         };
         // Without `durable` the heading may reach the disk first: this disk can show the difference.
-        EXPECT_EQ(lose({}, making(0), finishedWhole) == 0, durable);
+        EXPECT_EQ(lose(
+                      {}, [&] { make(0); }, finishedWhole) == 0,
+                  durable);
     }
     EXPECT_GT(fKills, 100);
 }

@@ -105,8 +105,7 @@ TEST_F(SideFileTest, NeverUndoesAFinishedRowAndNeverLosesAnOldOne) {
         EXPECT_TRUE(refusal.empty() || bytes() == before);
         EXPECT_TRUE(held.empty() || sameBytes(rowsOf(fFile), held));
     };
-    expect("1 another file renamed over the name", "kept", longer[0],
-           {killed(), created(other, longer), moved(other, fFile)});
+    expect("1 another file moved over it", "kept", longer[0], {killed(), created(other, longer), moved(other, fFile)});
     expect("1 a file that is shorter than the side file", "kept", shorter[0],
            {created(fFile, noise), killed(fMore, 2 * kNoise), created(other, shorter), moved(other, fFile)});
     expect("2 a backup restored, appended to and renamed over", "kept", oldAndMore,
