@@ -29,8 +29,7 @@ bool madeOf(const std::vector<Bytes>& streams, const Bytes& rows) {
 // Removes the zeros that replace lost rows.
 Bytes withoutLost(Bytes rows, const orva::recoverReport& report) {
     for (auto lost = report.lost.rbegin(); lost != report.lost.rend(); ++lost) {
-        const std::int64_t at = lost->begin - report.part.row0Pos;
-        const std::int64_t size = lost->end - lost->begin;
+        const std::int64_t at = lost->begin - report.part.row0Pos, size = lost->end - lost->begin;
         if (lost->estimated && at == std::ssize(rows)) continue;  // nothing comes after it
         require(at >= 0 && size > 0 && size <= std::ssize(rows) - at, "lost rows are filled");
         require(std::count(rows.begin() + at, rows.begin() + at + size, 0) == size, "lost rows are zeros");

@@ -7,8 +7,7 @@ class Refusals : public FaceTest {};
 
 TEST_F(Refusals, TellWhatToDoAndChangeNothing) {
     RandomBytes random(4);
-    const Bytes whole = readBytes(written("whole", random.rows(100'000)));
-    const Bytes line = slice(whole, 0, 512);
+    const Bytes whole = readBytes(written("whole", random.rows(100'000))), line = slice(whole, 0, 512);
     made("empty", {});
     made("kind", random.noise(9'000));
     made("line", line);

@@ -169,8 +169,7 @@ TEST_P(CompressedRead, ADamagedBlockOrAGapIsRefusedAndTheOthersStayReadable) {
 using Breaches = ShortBlocks;
 
 TEST_F(Breaches, OfACallersDutyEndTheProgramInWords) {
-    const auto fresh = freshStream(path("fresh"), 0);
-    const auto stream = startedWriter(path("new"), 1);
+    const auto fresh = freshStream(path("fresh"), 0), stream = startedWriter(path("new"), 1);
     const auto closed = startedWriter(path("closed"), 0);
     closed->Close();
     write(*stream, Bytes(10, 'x'));

@@ -28,13 +28,12 @@ struct Faults : ShortBlocks {
         std::map<std::string, int> refused;
         for (const int variant : variants) {
             for (const Fault& fault : kFaults) {
-                bool reached = true;
-                for (std::uint64_t k = 1; reached && !HasFailure(); ++k) {
+                for (std::uint64_t k = 1; !HasFailure(); ++k) {
                     SCOPED_TRACE(fault.name + (", k " + std::to_string(k)) + ", variant " + std::to_string(variant));
                     Scarcity scarcity(fault, k);
                     body(variant, scarcity);
-                    reached = scarcity.reached();
-                    refused[fault.name] += reached ? 1 : 0;
+                    if (!scarcity.reached()) break;
+                    ++refused[fault.name];
                     EXPECT_LT(k, 3'000U);
                 }
             }

@@ -6,8 +6,7 @@
 
 using namespace support;
 
-const Bytes kRows = RandomBytes(7).rows(100'000);
-const Bytes kRandom = RandomBytes(8).noise(kBlock);
+const Bytes kRows = RandomBytes(7).rows(100'000), kRandom = RandomBytes(8).noise(kBlock);
 
 Bytes deflated(const Bytes& rows, int level = 1) {
     Bytes out(zlibCompressBlock::compressRoom(sizeOf(rows)));

@@ -5,9 +5,7 @@
 using namespace platform;
 using namespace support;
 
-constexpr int kWrite = _O_RDWR | _O_CREAT;
-constexpr int kAppend = kWrite | _O_APPEND;
-constexpr int kTruncate = kWrite | _O_TRUNC;
+constexpr int kWrite = _O_RDWR | _O_CREAT, kAppend = kWrite | _O_APPEND, kTruncate = kWrite | _O_TRUNC;
 const std::string kDigits = "0123456789";
 
 int opened(const std::string& name, int oflag) {

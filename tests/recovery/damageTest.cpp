@@ -228,8 +228,7 @@ TEST_F(DamageTest, ALostBlockWithAndWithoutHeadingAndIndex) {
     const std::string guesses[] = {"~0-50" + untold, "~30-70" + untold, ""};  // as long as the longest block found
     for (const unsigned i : {0U, 1U, 2U}) {
         SCOPED_TRACE("block " + std::to_string(i));
-        const Bytes rows = rowsWithout(1U << i), dropped = rowsWithout(1U << i, true);
-        const Bytes file = damaged(1U << i);
+        const Bytes rows = rowsWithout(1U << i), dropped = rowsWithout(1U << i, true), file = damaged(1U << i);
         expectRecovered(file, kLost[i], dropped, kDropLost);
         expectRecovered(with(file, kRow0, {1}), kLost[i], rows);
         expectRecovered(unfinished(file), guesses[i], dropped, kDropLost);

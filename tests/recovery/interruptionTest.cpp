@@ -162,8 +162,7 @@ struct InterruptionTest : FileTest {
         EXPECT_TRUE(sameBytes(recovered, standingRows(bytes(), kRow0 + kHeadingSize)));
     }
 
-    int fKills = 0;
-    int fReplays = 0;
+    int fKills = 0, fReplays = 0;
 };
 
 TEST_F(InterruptionTest, ANewFileKeepsItsCompleteBlocksAndIsFinishedOnceItSaysSo) {

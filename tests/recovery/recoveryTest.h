@@ -98,9 +98,7 @@ struct FileTest : TempDir, testing::WithParamInterface<std::size_t> {
         append.write(stream);
         return afterKill(stream);
     }
-    const std::string fFile = path("file");
-    const std::string fSide = orva::sideFileName(fFile);
-    const std::string fOut = path("out");
+    const std::string fFile = path("file"), fSide = orva::sideFileName(fFile), fOut = path("out");
 };
 
 }  // namespace support

@@ -96,8 +96,7 @@ TEST_F(File, BreachesOfACallersDutyEndTheProgram) {
 }
 
 TEST_F(File, AStreamWithoutAnOpenFileAnswersByResult) {
-    ORVA_FileStream none;
-    ORVA_FileStream failed(fHello.c_str(), "a");
+    ORVA_FileStream none, failed(fHello.c_str(), "a");
     EXPECT_EQ(failed.Tell(), 5);
     EXPECT_TRUE(failed.Open(path("none").c_str(), "r") == 0 && failed.Good() == 0);
     EXPECT_EQ(failed.Name(), path("none"));
