@@ -85,6 +85,7 @@ struct DamageTest : FileTest {
     std::string recover(const Bytes& file, const orva::recoverOptions& options = {kPart}) {
         std::string text = enter(file, [&] {
             fReport = orva::recover(fFile, fOut, options);
+            EXPECT_TRUE(secondReader(readBytes(fOut), kRow0, false).sound);
             fRows = rowsOf(fOut);
         });
         for (const orva::lostRange& lost : text.empty() ? fReport.lost : std::vector<orva::lostRange>()) {
